@@ -1,0 +1,39 @@
+# Every test case runs in a process of its own on a private virtual device, where the service's real
+# absolute paths are empty and nobody else's.
+
+include(GoogleTest)
+
+# What the sanitizers are told, in the tests and in every process that they start: deliberate leaks
+# and races are listed in tests/sanitizers, anything else ends the process with a status of its own.
+# It is set inside of the device, since a test's ENVIRONMENT property cannot hold more than one value
+# here: gtest_discover_tests splits it.
+set(QUILLON_TEST_ENVIRONMENT "")
+if(QUILLON_SANITIZE)
+    set(suppressions "${CMAKE_SOURCE_DIR}/tests/sanitizers")
+    set(QUILLON_TEST_ENVIRONMENT env
+        "ASAN_OPTIONS=exitcode=99:detect_stack_use_after_return=1:strict_string_checks=1"
+        "LSAN_OPTIONS=exitcode=98:suppressions=${suppressions}/asan-leaks.supp:print_suppressions=0"
+        "UBSAN_OPTIONS=print_stacktrace=1"
+        "TSAN_OPTIONS=exitcode=97:suppressions=${suppressions}/tsan.supp:second_deadlock_stack=1")
+endif()
+
+# quillon_add_test(<name> SOURCES <file>... [LIBRARIES <target>...] [LABELS <label>...]
+#                  [TIMEOUT <seconds>] [DEPENDS <target>...])
+# A GoogleTest program; each of its cases becomes one ctest test named <name>.<Suite>.<Case>.
+function(quillon_add_test name)
+    cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LIBRARIES;LABELS;DEPENDS" ${ARGN})
+    if(NOT arg_TIMEOUT)
+        set(arg_TIMEOUT 120)
+    endif()
+    add_executable(${name} ${arg_SOURCES})
+    target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} GTest::gmock GTest::gtest_main)
+    target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
+    add_dependencies(${name} quillon-device ${arg_DEPENDS})
+    set_target_properties(${name} PROPERTIES
+        RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/tests"
+        CROSSCOMPILING_EMULATOR "$<TARGET_FILE:quillon-device>;run;--;${QUILLON_TEST_ENVIRONMENT}")
+    gtest_discover_tests(${name}
+        TEST_PREFIX "${name}."
+        DISCOVERY_MODE PRE_TEST
+        PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
+endfunction()
