@@ -1,0 +1,676 @@
+#include "fw-update-symbol.h"
+
+#include <dlfcn.h>
+#include <json/json.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <limits>
+
+#include "platform/verifier.h"
+#include "support/checksum.h"
+#include "support/log.h"
+#include "support/paths.h"
+#include "support/regular-file.h"
+#include "support/text.h"
+
+namespace {
+
+constexpr std::size_t kChecksumBlock = 32768;
+constexpr int kLastNumberedStick = 10;
+
+constexpr std::size_t kIvSize = 16;
+constexpr std::size_t kCipherBlock = 10240;
+constexpr int kTrailerSize = 534;  // belongs to the signature; never fed to the cipher
+
+constexpr const char* kVerifierEntry = "verifyFile";
+constexpr const char* kVerifierCaller = "UserCaller";
+
+/// The version text in front of an image's payload, terminated whatever the image holds.
+using VersionHeader = std::array<char, FW_PLUGIN_HEADER_SIZE + 1>;
+
+VersionHeader versionHeaderOf(const unsigned char* data, int length)
+{
+    VersionHeader header{};
+    std::memcpy(header.data(), data,
+                std::min(static_cast<std::size_t>(length), std::size_t{FW_PLUGIN_HEADER_SIZE}));
+    return header;
+}
+
+bool exists(const std::string& path)
+{
+    struct stat status = {};
+    return stat(path.c_str(), &status) == 0;
+}
+
+std::int64_t sizeOf(const std::string& path)
+{
+    struct stat status = {};
+    // Not checked: a file that is gone by now has no size, and so nothing to decipher.
+    static_cast<void>(stat(path.c_str(), &status));
+    return status.st_size;
+}
+
+/// Looks an entry up in a library and binds it; an entry that is not there leaves the slot empty.
+/// @return what the dynamic linker says about it, null when nothing is wrong
+template <typename Signature>
+const char* bindEntry(std::function<Signature>& slot, void* library, const char* name)
+{
+    slot = reinterpret_cast<Signature*>(dlsym(library, name));
+    return dlerror();
+}
+
+/// aes_256_cbc_all for any count; one that does not fit into an int counts as too large for memory.
+unsigned char* decipherImage(std::FILE* file, const unsigned char* ckey, const unsigned char* iv,
+                             std::int64_t count, int& outlen)
+{
+    if (count > std::numeric_limits<int>::max()) {
+        return nullptr;
+    }
+    return aes_256_cbc_all(file, ckey, iv, 0, static_cast<int>(count), outlen);
+}
+
+}  // namespace
+
+unsigned char* cipher_buf_all = nullptr;
+
+UPDATE_TYPE CallerToUpdateType(CallerTypes caller, char* arg)
+{
+    switch (static_cast<int>(caller)) {
+        case CALLER_STICK:
+            return UPDATE_USB;
+        case CALLER_ARGUMENT:
+            return std::string(arg) == "USB" ? UPDATE_USB : UPDATE_EMP;
+        case CALLER_SYSTEM:
+        case CALLER_SYSTEM_2:
+        case CALLER_SYSTEM_3:
+            return UPDATE_EXT;
+        case CALLER_SHARED:
+            return UPDATE_SBOX;
+        default:
+            return UPDATE_EMP;
+    }
+}
+
+int uep_verify(const char* path)
+{
+    static std::atomic<decltype(&verifyFile)> s_kuep_verifier{nullptr};
+
+    if (s_kuep_verifier.load() == nullptr) {
+        // Without a verifier every image counts as signed, on purpose: such a device relies on the
+        // cipher alone.
+        void* handle = dlopen(quillon::paths::kVerifierLibrary, RTLD_LAZY);
+        if (handle == nullptr) {
+            FW_LOGE("[uep][%s] pHandle Error: %s\n", kVerifierCaller, dlerror());
+            return 1;
+        }
+        dlerror();
+        const auto entry = reinterpret_cast<decltype(&verifyFile)>(dlsym(handle, kVerifierEntry));
+        const char* error = dlerror();
+        if (error != nullptr || entry == nullptr) {
+            FW_LOGE("[uep][%s] dlsym Error: %s\n", kVerifierCaller,
+                    error != nullptr ? error : "the entry is null");
+            dlclose(handle);
+            return 1;
+        }
+        // The library stays open on purpose, for as long as its entry may be called.
+        s_kuep_verifier.store(entry);
+    }
+
+    const int result = s_kuep_verifier.load()(nullptr, path, kVerifierCaller);
+    if (result != 0) {
+        FW_LOGE("[uep][%s] the file is signed successfully : %s\n", kVerifierCaller, path);
+    } else {
+        FW_LOGE("[uep][%s] the file is NOT signed!! : %s\n", kVerifierCaller, path);
+    }
+    return result;
+}
+
+unsigned char* aes_256_cbc_all(std::FILE* fp, const unsigned char* ckey, const unsigned char* iv,
+                               int enc, int count, int& outlen)
+{
+    const quillon::UniqueMemory<unsigned char> input(
+        static_cast<unsigned char*>(std::malloc(kCipherBlock)));
+    if (!input) {
+        return nullptr;
+    }
+
+    const quillon::UniqueCipherContext context(EVP_CIPHER_CTX_new());
+    if (!context) {
+        return nullptr;
+    }
+    if (EVP_CipherInit(context.get(), EVP_aes_256_cbc(), ckey, iv, enc) != 0) {
+        static_cast<void>(EVP_CIPHER_CTX_block_size(context.get()));
+    }
+
+    // Two threads may decipher at once; nobody reads the pointer, the latest buffer wins.
+    auto* output =
+        count < 0 ? nullptr
+                  : static_cast<unsigned char*>(std::calloc(static_cast<std::size_t>(count), 1));
+    __atomic_store_n(&cipher_buf_all, output, __ATOMIC_RELAXED);
+    if (output == nullptr) {
+        return nullptr;
+    }
+
+    const std::int64_t limit = std::int64_t{count} - kTrailerSize;
+    std::int64_t read = 0;
+    std::int64_t written = 0;
+    int chunk = 0;
+    std::size_t n = 0;
+    do {
+        n = std::fread(input.get(), 1, kCipherBlock, fp);
+        read += static_cast<std::int64_t>(n);
+        auto fed = static_cast<std::int64_t>(n);
+        if (read > limit) {
+            fed -= read - limit;
+        }
+        // Once the trailer has begun in an earlier read, nothing is left to feed.
+        if (fed > 0) {
+            chunk = 0;
+            EVP_CipherUpdate(context.get(), output + written, &chunk, input.get(),
+                             static_cast<int>(fed));
+            written += chunk;
+        }
+    } while (n == kCipherBlock);
+
+    // A wrong key or a damaged image shows here and is not reported on purpose: the output is then
+    // only shorter, and the plug-in's own checks refuse it. Enciphering next to nothing needs more
+    // room for its last block than the output has, so that block takes a detour.
+    chunk = 0;
+    if (count - written >= EVP_MAX_BLOCK_LENGTH) {
+        EVP_CipherFinal(context.get(), output + written, &chunk);
+    } else {
+        std::array<unsigned char, EVP_MAX_BLOCK_LENGTH> last{};
+        EVP_CipherFinal(context.get(), last.data(), &chunk);
+        chunk = static_cast<int>(std::min<std::int64_t>(chunk, count - written));
+        std::copy_n(last.data(), chunk, output + written);
+    }
+    outlen = static_cast<int>(written + chunk);
+    return output;
+}
+
+FWUpdateSymbol::FWUpdateSymbol(const std::string& libName) : libName_(libName)
+{
+}
+
+int FWUpdateSymbol::loadSymbol(const std::string& name)
+{
+    if (name.empty()) {
+        return -1;
+    }
+    const std::string path = quillon::paths::kModules + name + ".so";
+    std::array<char, PATH_MAX> resolved{};
+    if (realpath(path.c_str(), resolved.data()) == nullptr) {
+        return -1;
+    }
+    libName_ = name;
+
+    void* handle = dlopen(resolved.data(), RTLD_NOW);
+    if (handle == nullptr) {
+        FW_LOGE("Error: dlsym libfile: %s error: %s\n", path.c_str(), dlerror());
+    }
+    unbind();  // nothing may point into a library of an earlier load, which is closed now
+    library_.reset(handle, quillon::LibraryCloser());
+    if (!library_) {
+        return -1;
+    }
+
+    if (const char* error = bindEntry(setContext_, library_.get(), "setContext")) {
+        FW_LOGE("Error: dlsym error: %s\n", error);
+        return -1;
+    }
+    if (const char* error = bindEntry(getEMPID_, library_.get(), "getEMPID")) {
+        FW_LOGE("Error: dlsym error: %s\n", error);
+        return -1;
+    }
+    if (const char* error = bindEntry(getActiveVersion_, library_.get(), "getActiveVersion")) {
+        FW_LOGE("Error: dlsym error: %s\n", error);
+        return -1;
+    }
+    if (const char* error = bindEntry(checkVersion_, library_.get(), "checkVersion")) {
+        FW_LOGE("Error: dlsym error: %s\n", error);
+        return -1;
+    }
+    if (const char* error = bindEntry(doUpdate_, library_.get(), "doUpdate")) {
+        FW_LOGE("Error: dlsym error: %s\n", error);
+        return -1;
+    }
+
+    if (const char* error = bindEntry(allUpdateDone_, library_.get(), "allUpdateDone")) {
+        FW_LOGD("Error: dlsym error: %s\n", error);
+        allUpdateDone_ = nullptr;
+    }
+    if (const char* error =
+            bindEntry(doUpdate_decryption_, library_.get(), "doUpdate_decryption")) {
+        FW_LOGD("Error: dlsym error: %s\n", error);
+        doUpdate_decryption_ = nullptr;
+    }
+    if (const char* error = bindEntry(getExpectedTime_, library_.get(), "getExpectedTime")) {
+        FW_LOGD("Error: dlsym error: %s\n", error);
+        getExpectedTime_ = nullptr;
+    }
+    if (const char* error = bindEntry(getUpdateProgress_, library_.get(), "getUpdateProgress")) {
+        FW_LOGD("Error: dlsym error: %s\n", error);
+        getUpdateProgress_ = nullptr;
+    }
+
+    char noArgument[] = "";
+    setContext(CALLER_SERVICE, noArgument);
+
+    if (quillon::toUpper(libName_).find("EXT-") != std::string::npos) {
+        isLoaded_ = false;
+        symbolType_ = 1;
+        FW_LOGE("Not Update Symbol [%s]", libName_.c_str());
+        return 0;
+    }
+
+    std::string identifier;
+    if (getEMPID(identifier) != 0) {
+        return -1;
+    }
+    empName_ = identifier;
+    firmwareName_ = identifier;
+    const std::size_t emp = firmwareName_.find("emp");
+    if (emp == std::string::npos) {
+        FW_LOGE("Error: EMPID is Wrong (%s)", firmwareName_.c_str());
+        return -1;
+    }
+    firmwareName_.erase(emp, std::strlen("emp"));
+    imagePath_ = quillon::paths::kPackages + empName_ + ".img";
+    isLoaded_ = true;
+    symbolType_ = 0;
+    return 0;
+}
+
+void FWUpdateSymbol::unbind()
+{
+    isLoaded_ = false;
+    setContext_ = nullptr;
+    getEMPID_ = nullptr;
+    getActiveVersion_ = nullptr;
+    checkVersion_ = nullptr;
+    doUpdate_ = nullptr;
+    allUpdateDone_ = nullptr;
+    doUpdate_decryption_ = nullptr;
+    getExpectedTime_ = nullptr;
+    getUpdateProgress_ = nullptr;
+}
+
+int FWUpdateSymbol::getEMPID(std::string& out)
+{
+    // One byte more than the plug-in is promised: a text without terminator ends there.
+    std::array<char, FW_PLUGIN_TEXT_SIZE + 1> buffer{};
+    getEMPID_(buffer.data());
+    buffer.back() = '\0';
+    out = buffer.data();
+
+    if (out.empty()) {
+        FW_LOGE("Error: EMPID is empty.(%s)", out.c_str());
+        return -1;
+    }
+    const bool allowed = std::all_of(out.begin(), out.end(), [](char c) {
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+    });
+    if (!allowed) {
+        FW_LOGE("Error: use EMPID only English and numbers. %s", out.c_str());
+        return -1;
+    }
+    return 0;
+}
+
+int FWUpdateSymbol::setContext(CallerTypes caller, char* arg)
+{
+    return setContext_(libName_.c_str(), caller, arg);
+}
+
+int FWUpdateSymbol::getActiveVersion(char* buffer)
+{
+    char noArgument[] = "";
+    setContext(CALLER_SERVICE, noArgument);
+    return getActiveVersion_(buffer);
+}
+
+int FWUpdateSymbol::checkVersion(const char* version, int* need)
+{
+    return checkVersion_(version, need);
+}
+
+int FWUpdateSymbol::doUpdate(const char* path, unsigned long value, unsigned int /*extra*/)
+{
+    return doUpdate_(path, value);
+}
+
+int FWUpdateSymbol::allUpdateDone()
+{
+    if (!allUpdateDone_) {
+        return -1;
+    }
+    return allUpdateDone_();
+}
+
+int FWUpdateSymbol::doUpdate_decryption(const unsigned char* data, int length)
+{
+    if (!isLoaded_ || !doUpdate_decryption_) {
+        return -1;
+    }
+    return doUpdate_decryption_(data, length);
+}
+
+int FWUpdateSymbol::getExpectedTime(int* seconds)
+{
+    if (!isLoaded_ || !getExpectedTime_) {
+        return -1;
+    }
+    return getExpectedTime_(seconds);
+}
+
+int FWUpdateSymbol::getUpdateProgress(unsigned int* progress)
+{
+    if (!getUpdateProgress_) {
+        return -1;
+    }
+    return getUpdateProgress_(progress);
+}
+
+bool FWUpdateSymbol::getNeedUpdate() const
+{
+    return needUpdate_.get();
+}
+
+int FWUpdateSymbol::getExpectedUpdateTime() const
+{
+    return expectedTime_.get();
+}
+
+int FWUpdateSymbol::getSymbolType() const
+{
+    return symbolType_;
+}
+
+std::string FWUpdateSymbol::getFirmwareName() const
+{
+    return firmwareName_;
+}
+
+std::string FWUpdateSymbol::getEMPName() const
+{
+    return empName_;
+}
+
+std::string FWUpdateSymbol::getLibName() const
+{
+    return libName_;
+}
+
+const FWInformation& FWUpdateSymbol::getInformation() const
+{
+    return information_;
+}
+
+bool FWUpdateSymbol::getUsbMountPath(std::string& out)
+{
+    if (exists(quillon::paths::kUsbStick)) {
+        out = quillon::paths::kUsbStick;
+        return true;
+    }
+    for (int number = 1; number <= kLastNumberedStick; ++number) {
+        const std::string candidate =
+            quillon::paths::kNumberedUsbStick + std::to_string(number) + "/";
+        if (exists(candidate)) {
+            out = candidate;
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string FWUpdateSymbol::getInformationPath(UPDATE_TYPE type)
+{
+    if (type == UPDATE_USB) {
+        std::string stick;
+        if (!getUsbMountPath(stick)) {
+            FW_LOGE("Error: Usb mount path Not found.");
+            return "";
+        }
+        return stick + firmwareName_ + "/info.json";
+    }
+    if (type == UPDATE_EXT) {
+        return quillon::paths::kSystemFirmware + firmwareName_ + "/info.json";
+    }
+    if (type == UPDATE_SBOX) {
+        return quillon::paths::kSharedFirmware + firmwareName_ + "/info.json";
+    }
+    return quillon::paths::kMountedPackages + empName_ + "/info.json";
+}
+
+std::string FWUpdateSymbol::getBinaryPath(UPDATE_TYPE type)
+{
+    if (type == UPDATE_USB) {
+        std::string stick;
+        if (!getUsbMountPath(stick)) {
+            FW_LOGE("Error: Usb mount path Not found.");
+            return "";
+        }
+        return stick + firmwareName_ + "/" + firmwareName_ + ".bin";
+    }
+    if (type == UPDATE_EXT) {
+        return quillon::paths::kSystemFirmware + firmwareName_ + "/" + firmwareName_ + ".bin";
+    }
+    if (type == UPDATE_SBOX) {
+        return quillon::paths::kSharedFirmware + firmwareName_ + "/" + firmwareName_ + ".bin";
+    }
+    // The package's folder bears the package's name, the image inside it the firmware's.
+    return quillon::paths::kMountedPackages + empName_ + "/" + firmwareName_ + ".bin";
+}
+
+bool FWUpdateSymbol::loadInformation(const std::string& path)
+{
+    Json::Value root;
+    bool parsed = false;
+    try {
+        std::ifstream file(path, std::ios::in | std::ios::binary);
+        parsed = Json::parseFromStream(Json::CharReaderBuilder(), file, &root, nullptr);
+    } catch (const std::exception&) {
+        parsed = false;  // nested too deeply, or larger than memory
+    }
+    if (!parsed || !root.isObject()) {
+        FW_LOGE("Error: json loadInformation fail.(%s)\n", path.c_str());
+        return false;
+    }
+
+    information_.version = root.get("version", "0000").asString();
+
+    try {
+        information_.crc = root.get("crc", 0U).asUInt();
+    } catch (const std::exception& error) {
+        FW_LOGE("Error: json crc read fail error:%s (%s)\n", error.what(), path.c_str());
+        return false;
+    }
+
+    try {
+        information_.expectedSeconds = root.get("expected_time", 300U).asUInt();
+    } catch (const std::exception& error) {
+        // Names the crc for this key too, on purpose: log readers look for one text.
+        FW_LOGE("Error: json crc read fail error:%s (%s)\n", error.what(), path.c_str());
+        return false;
+    }
+    return true;
+}
+
+unsigned long FWUpdateSymbol::getBinaryCRC32(const std::string& path)
+{
+    const quillon::UniqueFile file(fopen(path.c_str(), "r"));
+    if (!file) {
+        FW_LOGE("Error: binary file is NULL\n");
+        return 0;
+    }
+
+    std::uint32_t crc = 0;
+    std::array<unsigned char, kChecksumBlock> block;
+    while (const std::size_t n = std::fread(block.data(), 1, block.size(), file.get())) {
+        crc = quillon::imageChecksum(crc, block.data(), n);
+    }
+    return crc;
+}
+
+bool FWUpdateSymbol::file_exists(const std::string& path)
+{
+    return exists(path);
+}
+
+bool FWUpdateSymbol::getIMGExists()
+{
+    if (!isLoaded_) {
+        return false;
+    }
+    return exists(imagePath_);
+}
+
+// updateUSB and getNeedUpdateList go the same way in words of their own, and count differently:
+// each log line carries its function, so they stay two.
+
+int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* path)
+{
+    if (ckey == nullptr) {
+        FW_LOGE("Error: ckey  is nullptr");
+        return -1;
+    }
+    if (path == nullptr) {
+        FW_LOGE("Error: image_path is nullptr");
+        return -1;
+    }
+
+    const std::string imagePath = path + firmwareName_ + ".bin";
+    struct stat opened = {};
+    quillon::UniqueFile image = quillon::openRegularFile(imagePath, opened);
+    if (!image) {
+        FW_LOGE("Error: %s file open", imagePath.c_str());
+        return -1;
+    }
+    // The verifier goes by the path; what is deciphered must be the very file that it saw.
+    if (uep_verify(imagePath.c_str()) == 0 || !quillon::isStillSameFile(imagePath, opened)) {
+        FW_LOGE("Error: %s file is NOT signed ", imagePath.c_str());
+        return -1;
+    }
+
+    if (!setContext_ || !checkVersion_) {
+        FW_LOGE("Error: %s has no plug-in", libName_.c_str());
+        return -1;
+    }
+    char noArgument[] = "";
+    setContext(CALLER_USB_IMAGE, noArgument);  // the answer does not matter: checkVersion decides
+
+    const std::int64_t size = sizeOf(imagePath);
+    std::array<unsigned char, kIvSize> iv{};
+    if (std::fread(iv.data(), 1, iv.size(), image.get()) < iv.size()) {
+        FW_LOGE("Error: iv is worng");
+        return -1;
+    }
+
+    // Never released on purpose: a plug-in that goes on reading the payload after its entry
+    // returned does not bring the service down.
+    int outlen = 0;
+    const unsigned char* data = decipherImage(image.get(), ckey, iv.data(),
+                                              size - static_cast<std::int64_t>(kIvSize), outlen);
+    if (data == nullptr) {
+        FW_LOGE("Error: Decryption data is null");
+        return -1;
+    }
+    const VersionHeader header = versionHeaderOf(data, outlen);
+    outlen -= FW_PLUGIN_HEADER_SIZE;
+    image.reset();
+
+    int need = -1;
+    if (checkVersion(header.data(), &need) != 0) {
+        FW_LOGE("Error: %s Firmware CheckVersion Fail", firmwareName_.c_str());
+        return -1;
+    }
+    if (need <= 0) {
+        FW_LOGE("Error: %s Firmware not need update", firmwareName_.c_str());
+        return -1;
+    }
+
+    FW_LOGE("========== [ %s update start ] ==========", firmwareName_.c_str());
+    int result = -1;
+    if (outlen >= 0) {  // a damaged image may hold less than a header: nothing to hand on
+        result = doUpdate_decryption(data + FW_PLUGIN_HEADER_SIZE, outlen);
+    }
+    if (result != 0) {
+        FW_LOGE("Error: %s Firmware doUpdate Fail %d (%d:%m)", firmwareName_.c_str(), result,
+                errno);
+        return result;
+    }
+    FW_LOGE("========== [ %s update succeeded ] ==========", firmwareName_.c_str());
+    return 0;
+}
+
+int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* path)
+{
+    if (ckey == nullptr) {
+        FW_LOGE("Error: ckey  is nullptr");
+        return -1;
+    }
+    if (path == nullptr) {
+        FW_LOGE("Error: image_path is nullptr");
+        return -1;
+    }
+
+    const std::string imagePath = path + firmwareName_ + ".bin";
+    struct stat opened = {};
+    quillon::UniqueFile image = quillon::openRegularFile(imagePath, opened);
+    if (!image) {
+        FW_LOGE("Error: %s open fail", imagePath.c_str());
+        return -1;
+    }
+    if (uep_verify(imagePath.c_str()) == 0 || !quillon::isStillSameFile(imagePath, opened)) {
+        FW_LOGE("Error: %s is NOT signed ", imagePath.c_str());
+        return -1;
+    }
+
+    if (!setContext_ || !checkVersion_) {
+        FW_LOGE("Error: %s has no plug-in", libName_.c_str());
+        return -1;
+    }
+    char noArgument[] = "";
+    setContext(CALLER_USB_IMAGE, noArgument);
+
+    const std::int64_t size = sizeOf(imagePath);
+    std::array<unsigned char, kIvSize> iv{};
+    if (std::fread(iv.data(), 1, iv.size(), image.get()) < iv.size()) {
+        FW_LOGE("Error: iv is worng");
+        return -1;
+    }
+
+    // The whole size counts here, unlike in updateUSB, on purpose: 16 bytes of the trailer are
+    // deciphered as well, which only shows behind the header.
+    int outlen = 0;
+    const unsigned char* data = decipherImage(image.get(), ckey, iv.data(), size, outlen);
+    if (data == nullptr) {
+        FW_LOGE("Error: Decryption data is null");
+        return -1;
+    }
+    const VersionHeader header = versionHeaderOf(data, outlen);
+    image.reset();
+
+    int need = -1;
+    if (checkVersion(header.data(), &need) != 0) {
+        FW_LOGE("Error: %s Firmware CheckVersion Fail", firmwareName_.c_str());
+        return -1;
+    }
+
+    int seconds = 0;
+    if (getExpectedTime(&seconds) == 0) {
+        needUpdate_.set(need != 0);
+        expectedTime_.set(seconds);
+        return need;
+    }
+    FW_LOGE("Error: %s getExpectedTime Fail", firmwareName_.c_str());
+    return 0;
+}
