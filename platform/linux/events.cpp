@@ -1,0 +1,70 @@
+#include "platform/events.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "files.h"
+#include "sd-notify.h"
+
+namespace quillon {
+namespace {
+
+constexpr char kServiceReady[] = "/tmp/.fw_service_ready_usb";
+constexpr mode_t kEventMode = 0644;
+
+// Raised before: a new time stamp is what a watcher sees. What is not a file of our own stays as it
+// is, since anybody may have put it or a link into /tmp.
+bool raiseAgain(const char* name)
+{
+    UniqueFd fd;
+    const FileResult opened = openRegularFile(name, O_NOFOLLOW, fd);
+    if (opened == FileResult::kNotRegular) {
+        errno = EEXIST;
+        return false;
+    }
+    struct stat status = {};
+    if (opened != FileResult::kOk || fstat(fd.get(), &status) != 0) {
+        return false;
+    }
+    if (status.st_uid != geteuid()) {
+        errno = EEXIST;
+        return false;
+    }
+    return futimens(fd.get(), nullptr) == 0;
+}
+
+bool raise(const char* name)
+{
+    // With O_EXCL a link is never followed and nothing that is there is opened.
+    const UniqueFd fd(open(name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kEventMode));
+    if (!fd) {
+        return errno == EEXIST && raiseAgain(name);
+    }
+    return fchmod(fd.get(), kEventMode) == 0;  // whatever the umask
+}
+
+}  // namespace
+}  // namespace quillon
+
+int LwipcEventDone(const char* name)
+{
+    using namespace quillon;
+    if (name == nullptr || *name != '/') {
+        errno = EINVAL;
+        return -1;
+    }
+    const bool raised = raise(name);
+    if (std::strcmp(name, kServiceReady) != 0) {
+        return raised ? 0 : -1;
+    }
+    // The service manager is told even where the file could not be made: the service serves all the
+    // same and must not be stopped for it.
+    const int reason = errno;
+    const int told = tellServiceManager("READY=1");
+    errno = raised ? -told : reason;
+    return raised && told == 0 ? 0 : -1;
+}

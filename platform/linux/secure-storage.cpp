@@ -1,0 +1,82 @@
+#include "platform/secure-storage.h"
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <new>
+
+#include "item-store.h"
+#include "platform-log.h"
+
+namespace quillon {
+namespace {
+
+// Stands in front of every buffer, since giving one back has to know how much to wipe.
+struct alignas(std::max_align_t) BufferHead
+{
+    std::size_t size;
+};
+
+unsigned char* makeBuffer(const SecretBytes& bytes)
+{
+    auto* memory = static_cast<unsigned char*>(std::malloc(sizeof(BufferHead) + bytes.size()));
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    const BufferHead head = {bytes.size()};
+    std::memcpy(memory, &head, sizeof head);
+    std::memcpy(memory + sizeof head, bytes.data(), bytes.size());
+    return memory + sizeof head;
+}
+
+}  // namespace
+}  // namespace quillon
+
+// On disk the file's mode decides who may read; the caller's words are kept for the form of the
+// struct only.
+int ss_init_credential(ss_credential* credential, uint32_t word0, uint32_t word1, uint32_t word2,
+                       uint32_t word3, uint32_t word4, int flag0, int flag1)
+{
+    if (credential == nullptr) {
+        return quillon::kStoreBadArgument;
+    }
+    *credential = {{word0, word1, word2, word3, word4}, {flag0, flag1}, {}};
+    return quillon::kStoreOk;
+}
+
+int ss_read(unsigned char** data, size_t* size, int /*reserved0*/, int /*reserved1*/,
+            const char* item, ss_credential* credential, unsigned int /*mode*/)
+{
+    using namespace quillon;
+    if (data == nullptr || size == nullptr || item == nullptr || credential == nullptr) {
+        PLATFORM_LOGE("a secure-storage read without data, size, item or credential");
+        return kStoreBadArgument;
+    }
+    try {
+        SecretBytes bytes;
+        const StoreResult result = readItem(item, bytes);
+        if (result != kStoreOk) {
+            return result;
+        }
+        *data = makeBuffer(bytes);
+        *size = bytes.size();
+        return kStoreOk;
+    } catch (const std::exception& error) {
+        PLATFORM_LOGE("%s cannot be read: %s", item, error.what());
+        return kStoreFailed;
+    }
+}
+
+void ss_free_buffer(unsigned char* data)
+{
+    using quillon::BufferHead;
+    if (data == nullptr) {
+        return;
+    }
+    unsigned char* memory = data - sizeof(BufferHead);
+    BufferHead head = {};
+    std::memcpy(&head, memory, sizeof head);
+    explicit_bzero(memory, sizeof head + head.size);
+    std::free(memory);
+}

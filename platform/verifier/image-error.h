@@ -1,0 +1,42 @@
+#ifndef QUILLON_PLATFORM_VERIFIER_IMAGE_ERROR_H
+#define QUILLON_PLATFORM_VERIFIER_IMAGE_ERROR_H
+
+#include <stdexcept>
+#include <string>
+
+namespace quillon {
+
+/// What is wrong, in the classes that a caller can act upon. The values are quillon-image's exit
+/// codes.
+enum class ImageFault : int {
+    Usage = 2,      ///< the caller asked for something that makes no sense
+    File = 3,       ///< a file cannot be read or written
+    Format = 4,     ///< not a stick image, or its size cannot be right
+    Signature = 5,  ///< the signature is missing or wrong
+    Key = 6         ///< a key cannot be used, or is not the one that the image was made with
+};
+
+/// The one error of the image code. what() is a single line that names the file and the reason.
+class ImageError : public std::runtime_error
+{
+public:
+    ImageError(ImageFault fault, const std::string& reason)
+        : std::runtime_error(reason), _fault(fault)
+    {
+    }
+
+    ImageFault fault() const { return _fault; }
+
+private:
+    ImageFault _fault;
+};
+
+/// @return the error of a file that does not carry the signature that it should.
+inline ImageError notSigned(const std::string& path, const std::string& reason)
+{
+    return {ImageFault::Signature, path + ": not signed: " + reason};
+}
+
+}  // namespace quillon
+
+#endif

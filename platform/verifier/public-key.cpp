@@ -1,0 +1,72 @@
+#include "public-key.h"
+
+#include <openssl/crypto.h>
+#include <openssl/pem.h>
+#include <openssl/sha.h>
+#include <openssl/x509.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "image-error.h"
+#include "regular-file.h"
+
+namespace quillon {
+namespace {
+
+constexpr std::size_t kLargestKeyFile = 65536;
+constexpr int kKeyBits = 4096;
+
+struct OpensslFree
+{
+    void operator()(unsigned char* memory) const { OPENSSL_free(memory); }
+};
+
+}  // namespace
+
+int refusePassPhrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*user*/)
+{
+    return -1;
+}
+
+bool isRsa4096(const EVP_PKEY* key)
+{
+    return EVP_PKEY_is_a(key, "RSA") == 1 && EVP_PKEY_get_bits(key) == kKeyBits;
+}
+
+UniqueKey loadPublicKey(const std::string& path)
+{
+    const std::string text = readSmallFile(path, kLargestKeyFile);
+    const UniqueBio source(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+    if (!source) {
+        throw ImageError(ImageFault::File, path + ": cannot be read: out of memory");
+    }
+    UniqueKey key(PEM_read_bio_PUBKEY(source.get(), nullptr, &refusePassPhrase, nullptr));
+    if (!key) {
+        throw ImageError(ImageFault::Key, path + ": not a public key in PEM form");
+    }
+    if (!isRsa4096(key.get())) {
+        throw ImageError(ImageFault::Key, path + ": not an RSA key of 4096 bits");
+    }
+    return key;
+}
+
+KeyId keyIdOf(const EVP_PKEY* key)
+{
+    unsigned char* der = nullptr;
+    const int length = i2d_PUBKEY(key, &der);
+    const std::unique_ptr<unsigned char, OpensslFree> owner(der);
+    if (length <= 0) {
+        throw ImageError(ImageFault::Key, "key cannot be encoded");
+    }
+    unsigned char digest[SHA256_DIGEST_LENGTH] = {};
+    if (EVP_Digest(der, static_cast<std::size_t>(length), digest, nullptr, EVP_sha256(), nullptr) !=
+        1) {
+        throw ImageError(ImageFault::Key, "key id cannot be computed");
+    }
+    KeyId keyId{};
+    std::copy_n(digest, keyId.size(), keyId.begin());
+    return keyId;
+}
+
+}  // namespace quillon

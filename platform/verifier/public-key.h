@@ -1,0 +1,30 @@
+#ifndef QUILLON_PLATFORM_VERIFIER_PUBLIC_KEY_H
+#define QUILLON_PLATFORM_VERIFIER_PUBLIC_KEY_H
+
+#include <string>
+
+#include "image-trailer.h"
+#include "openssl-handle.h"
+
+namespace quillon {
+
+/// Reads an RSA-4096 public key from a PEM file ("BEGIN PUBLIC KEY").
+/// @return the key, never null.
+/// @throws ImageError : ImageFault::File when the file cannot be read, ImageFault::Key when it
+///         holds no RSA-4096 public key.
+UniqueKey loadPublicKey(const std::string& path);
+
+/// @return whether a key is an RSA key of 4096 bits.
+bool isRsa4096(const EVP_PKEY* key);
+
+/// @return the id by which a trailer names this key.
+/// @throws ImageError with ImageFault::Key when the key cannot be encoded.
+KeyId keyIdOf(const EVP_PKEY* key);
+
+/// A pass-phrase callback for OpenSSL that knows none, so that no key file ever makes a program ask
+/// on a terminal.
+int refusePassPhrase(char* buffer, int size, int writing, void* user);
+
+}  // namespace quillon
+
+#endif
