@@ -1,0 +1,127 @@
+#include "record-queue.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace quillon {
+
+namespace {
+
+Error systemError(const std::string& what)
+{
+    return {ErrorCode::kSystem, what + ": " + std::strerror(errno)};
+}
+
+Error serviceEnded()
+{
+    return {ErrorCode::kLost, "the update service ended while this client was connected"};
+}
+
+}  // namespace
+
+Error RecordQueue::open(const char* name, int flags)
+{
+    close();
+    m_queue = mq_open(name, flags | O_CLOEXEC);
+    if (m_queue == kClosed && errno == ENOENT) {
+        return {ErrorCode::kNoService,
+                std::string("the update service is not running (no queue ") + name + ")"};
+    }
+    if (m_queue == kClosed) {
+        return systemError(std::string("cannot open the queue ") + name);
+    }
+    mq_attr attributes{};
+    if (mq_getattr(m_queue, &attributes) != 0) {
+        return systemError(std::string("cannot query the queue ") + name);
+    }
+    if (attributes.mq_msgsize != static_cast<long>(sizeof(MQData))) {
+        return {ErrorCode::kSystem, std::string("the queue ") + name + " carries records of " +
+                                        std::to_string(attributes.mq_msgsize) + " bytes, not " +
+                                        std::to_string(sizeof(MQData)) +
+                                        ": it is not the update service's"};
+    }
+    return {};
+}
+
+void RecordQueue::close()
+{
+    if (m_queue != kClosed) {
+        mq_close(m_queue);
+        m_queue = kClosed;
+    }
+}
+
+Error RecordQueue::send(const MQData& record, const Deadline& deadline)
+{
+    char bytes[sizeof record];
+    std::memcpy(bytes, &record, sizeof bytes);
+    while (true) {
+        const timespec until = deadline.nextWait();
+        if (mq_timedsend(m_queue, bytes, sizeof bytes, 0, &until) == 0) {
+            return {};
+        }
+        if (errno != EINTR && errno != ETIMEDOUT) {
+            return systemError("cannot send to the update service");
+        }
+        if (isUnlinked()) {
+            return serviceEnded();
+        }
+        if (deadline.passed()) {
+            return {ErrorCode::kNoReply, "the update service does not take the command"};
+        }
+    }
+}
+
+Error RecordQueue::receive(MQData& record, const Deadline& deadline, int& malformed)
+{
+    char bytes[sizeof record];
+    while (true) {
+        const timespec until = deadline.nextWait();
+        const ssize_t size = mq_timedreceive(m_queue, bytes, sizeof bytes, nullptr, &until);
+        if (size == static_cast<ssize_t>(sizeof bytes)) {
+            std::memcpy(&record, bytes, sizeof record);
+            return {};
+        }
+        if (size >= 0) {
+            ++malformed;
+            continue;
+        }
+        if (errno != EINTR && errno != ETIMEDOUT) {
+            return systemError("cannot receive from the update service");
+        }
+        if (isUnlinked()) {
+            return serviceEnded();
+        }
+        if (deadline.passed()) {
+            return {ErrorCode::kNoReply, "no reply from the update service"};
+        }
+    }
+}
+
+void RecordQueue::drain()
+{
+    // A time long past: what waits is still handed out, and nothing is waited for.
+    const timespec past{};
+    char bytes[sizeof(MQData)];
+    while (mq_timedreceive(m_queue, bytes, sizeof bytes, nullptr, &past) >= 0 || errno == EINTR) {
+    }
+}
+
+long RecordQueue::waiting() const
+{
+    mq_attr attributes{};
+    return mq_getattr(m_queue, &attributes) == 0 ? attributes.mq_curmsgs : 0;
+}
+
+bool RecordQueue::isUnlinked() const
+{
+    // On Linux a queue descriptor is a file descriptor. The service removes its queues when it
+    // ends, after which nothing sent here can ever be answered.
+    struct stat status = {};
+    return fstat(m_queue, &status) == 0 && status.st_nlink == 0;
+}
+
+}  // namespace quillon

@@ -1,0 +1,53 @@
+/// One of the two message queues, from the client's end.
+#ifndef QUILLON_CLIENT_RECORD_QUEUE_H
+#define QUILLON_CLIENT_RECORD_QUEUE_H
+
+#include <fw-update-mqdata.h>
+#include <mqueue.h>
+
+#include "deadline.h"
+#include "quillon/client.h"
+
+namespace quillon {
+
+/// Owns a queue descriptor. Waits are resumed after signals.
+class RecordQueue
+{
+public:
+    RecordQueue() = default;
+    ~RecordQueue() { close(); }
+    RecordQueue(const RecordQueue&) = delete;
+    RecordQueue& operator=(const RecordQueue&) = delete;
+
+    /// Opens an existing queue.
+    /// @param flags  O_RDONLY or O_WRONLY
+    /// @return kNoService when it does not exist; kSystem when it may not be opened or does not
+    ///         carry records of the channel's size
+    Error open(const char* name, int flags);
+    void close();
+    bool isOpen() const { return m_queue != kClosed; }
+
+    /// @return kNoReply when the queue stayed full until the deadline, kLost, kSystem
+    Error send(const MQData& record, const Deadline& deadline);
+
+    /// Takes the oldest record. One of another size counts in `malformed` and is passed over.
+    /// @return kNoReply when none came until the deadline, kLost, kSystem
+    Error receive(MQData& record, const Deadline& deadline, int& malformed);
+
+    /// Throws away what waits in the queue, without waiting.
+    void drain();
+
+    /// @return how many records wait in the queue
+    long waiting() const;
+
+private:
+    static constexpr mqd_t kClosed = -1;
+
+    bool isUnlinked() const;
+
+    mqd_t m_queue = kClosed;
+};
+
+}  // namespace quillon
+
+#endif

@@ -1,0 +1,266 @@
+#include "file-flash.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "fw-update-plugin.h"
+
+namespace quillon {
+namespace {
+
+constexpr char kStateFolder[] = "/var/lib/quillon/examples";
+constexpr char kSettingsFolder[] = "/etc/quillon/examples";
+
+constexpr long kDefaultSpeed = 1048576;
+constexpr long kDefaultExpectedTime = 5;
+constexpr long kChunksPerSecond = 20;
+constexpr std::size_t kLargestChunk = 65536;
+
+using Clock = std::chrono::steady_clock;
+
+[[noreturn]] void fail(int error)
+{
+    throw std::system_error(error, std::generic_category());
+}
+
+void require(bool condition)
+{
+    if (!condition) {
+        fail(errno);
+    }
+}
+
+/// Runs work and turns what it throws into the result of an entry.
+template <typename Work>
+int guarded(Work work) noexcept
+{
+    try {
+        return work();
+    } catch (const std::system_error& error) {
+        errno = error.code().value();
+    } catch (...) {
+        errno = ENOMEM;
+    }
+    return -1;
+}
+
+std::string pathOf(const char* name, const char* file)
+{
+    return std::string(kStateFolder) + "/" + name + "/" + file;
+}
+
+long readSetting(const char* name, const std::string& key, long standard)
+{
+    std::ifstream settings(std::string(kSettingsFolder) + "/" + name + ".conf");
+    for (std::string line; std::getline(settings, line);) {
+        if (line.compare(0, key.size() + 1, key + "=") == 0) {
+            const long value = std::strtol(line.c_str() + key.size() + 1, nullptr, 10);
+            return std::clamp(value, 0L, static_cast<long>(INT32_MAX));
+        }
+    }
+    return standard;
+}
+
+std::string readVersion(const char* name)
+{
+    std::ifstream file(pathOf(name, "version"));
+    std::string version;
+    std::getline(file, version);
+    return version.empty() ? "0" : version;
+}
+
+/// @throws std::system_error (EINVAL) when the text is not numbers between dots.
+std::vector<unsigned long> parseVersion(const std::string& text)
+{
+    std::vector<unsigned long> numbers(1, 0);
+    bool digitSeen = false;
+    for (const char character : text + ".") {
+        if (character >= '0' && character <= '9' && numbers.back() < 100000000) {
+            numbers.back() = numbers.back() * 10 + static_cast<unsigned long>(character - '0');
+            digitSeen = true;
+        } else if (character == '.' && digitSeen) {
+            numbers.push_back(0);
+            digitSeen = false;
+        } else {
+            fail(EINVAL);
+        }
+    }
+    while (!numbers.empty() && numbers.back() == 0) {
+        numbers.pop_back();  // so that "2", "2.0" and "2.0.0" are the same
+    }
+    return numbers;
+}
+
+void makeFolders(const std::string& path)
+{
+    for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
+         slash = path.find('/', slash + 1)) {
+        const std::string folder = path.substr(0, slash);
+        require(mkdir(folder.c_str(), 0755) == 0 || errno == EEXIST);
+    }
+}
+
+/// The new content of a file, which takes the old one's place only when it is on the disk.
+class NewFile
+{
+public:
+    explicit NewFile(const std::string& path) : _path(path), _part(path + ".part")
+    {
+        makeFolders(path);
+        _descriptor = open(_part.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        require(_descriptor >= 0);
+    }
+
+    ~NewFile() { close(_descriptor); }
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+
+    void write(const char* data, std::size_t length)
+    {
+        while (length > 0) {
+            const ssize_t count = ::write(_descriptor, data, length);
+            if (count < 0 && errno == EINTR) {
+                continue;
+            }
+            require(count >= 0);
+            data += count;
+            length -= static_cast<std::size_t>(count);
+        }
+    }
+
+    void commit()
+    {
+        require(fsync(_descriptor) == 0);
+        require(std::rename(_part.c_str(), _path.c_str()) == 0);
+    }
+
+private:
+    std::string _path;
+    std::string _part;
+    int _descriptor = -1;
+};
+
+void writeSlowly(NewFile& file, const char* data, std::size_t length, long speed,
+                 std::atomic<unsigned int>& percent)
+{
+    const std::size_t chunk =
+        speed == 0 ? kLargestChunk
+                   : std::clamp<std::size_t>(static_cast<std::size_t>(speed / kChunksPerSecond), 1,
+                                             kLargestChunk);
+    const Clock::time_point start = Clock::now();
+    for (std::size_t done = 0; done < length;) {
+        const std::size_t step = std::min(chunk, length - done);
+        file.write(data + done, step);
+        done += step;
+        percent = static_cast<unsigned int>(std::uint64_t{done} * 100 / length);
+        if (speed > 0) {
+            const double seconds = static_cast<double>(done) / static_cast<double>(speed);
+            std::this_thread::sleep_until(start + std::chrono::duration_cast<Clock::duration>(
+                                                      std::chrono::duration<double>(seconds)));
+        }
+    }
+}
+
+}  // namespace
+
+int FileFlash::activeVersion(char* buffer) noexcept
+{
+    return guarded([&] {
+        static_cast<void>(
+            std::snprintf(buffer, FW_PLUGIN_TEXT_SIZE, "%s", readVersion(_name).c_str()));
+        return 0;
+    });
+}
+
+int FileFlash::offer(const char* version, int* need) noexcept
+{
+    return guarded([&] {
+        const bool newer = parseVersion(version) > parseVersion(readVersion(_name));
+        const std::lock_guard<std::mutex> lock(_mutex);
+        _offered = version;
+        *need = newer ? 1 : 0;
+        return 0;
+    });
+}
+
+int FileFlash::flash(const unsigned char* data, int length) noexcept
+{
+    return guarded([&] {
+        if (length < 0) {
+            fail(EINVAL);
+        }
+        return install(reinterpret_cast<const char*>(data), static_cast<std::size_t>(length));
+    });
+}
+
+int FileFlash::flashFile(const char* path) noexcept
+{
+    return guarded([&] {
+        std::ifstream file(path, std::ios::binary);
+        if (!file) {
+            fail(ENOENT);
+        }
+        const std::vector<char> content((std::istreambuf_iterator<char>(file)),
+                                        std::istreambuf_iterator<char>());
+        return install(content.data(), content.size());
+    });
+}
+
+int FileFlash::install(const char* data, std::size_t length)
+{
+    const std::unique_lock<std::mutex> flashing(_flashing, std::try_to_lock);
+    if (!flashing) {
+        fail(EBUSY);
+    }
+    std::string version;
+    {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        version = _offered;
+    }
+    if (version.empty()) {
+        fail(ENODATA);
+    }
+
+    _percent = 0;
+    NewFile firmware(pathOf(_name, "firmware.bin"));
+    writeSlowly(firmware, data, length, readSetting(_name, "speed", kDefaultSpeed), _percent);
+    firmware.commit();
+
+    // Last, so that after a power cut in between the update is asked for again.
+    NewFile record(pathOf(_name, "version"));
+    record.write((version + "\n").c_str(), version.size() + 1);
+    record.commit();
+    _percent = 100;
+    return 0;
+}
+
+int FileFlash::expectedTime(int* seconds) noexcept
+{
+    return guarded([&] {
+        *seconds = static_cast<int>(readSetting(_name, "expected_time", kDefaultExpectedTime));
+        return 0;
+    });
+}
+
+int FileFlash::progress(unsigned int* percent) noexcept
+{
+    *percent = _percent;
+    return 0;
+}
+
+}  // namespace quillon

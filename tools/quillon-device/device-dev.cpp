@@ -1,0 +1,122 @@
+#include "device-dev.h"
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+
+#include "setup-error.h"
+#include "unique-fd.h"
+
+namespace quillon::device {
+
+namespace {
+
+constexpr unsigned kLoopDevices = 16;
+
+/// A node of our own where that is allowed: a change of its mode then stays inside, too.
+void addNode(int hostDev, const std::string& name)
+{
+    struct stat info = {};
+    if (::fstatat(hostDev, name.c_str(), &info, 0) != 0) {
+        return;
+    }
+    const std::string path = "/dev/" + name;
+    if (::mknod(path.c_str(), info.st_mode, info.st_rdev) == 0) {
+        if (::chown(path.c_str(), info.st_uid, info.st_gid) != 0 ||
+            ::chmod(path.c_str(), info.st_mode & 07777U) != 0) {
+            failWithErrno(path);
+        }
+        return;
+    }
+    const std::string source = "/proc/self/fd/" + std::to_string(hostDev) + "/" + name;
+    if (!UniqueFd(::open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600))) {
+        failWithErrno(path);
+    }
+    if (::mount(source.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+        failWithErrno("bind " + path);
+    }
+}
+
+void addLoopDevices(int hostDev)
+{
+    addNode(hostDev, "loop-control");
+    for (unsigned number = 0; number < kLoopDevices; ++number) {
+        addNode(hostDev, "loop" + std::to_string(number));
+    }
+}
+
+void addFolder(const char* path)
+{
+    if (::mkdir(path, 0755) != 0) {
+        failWithErrno(path);
+    }
+}
+
+void addLink(const char* target, const char* path)
+{
+    if (::symlink(target, path) != 0) {
+        failWithErrno(path);
+    }
+}
+
+void addTerminals(int hostDev)
+{
+    addFolder("/dev/pts");
+    if (::mount("devpts", "/dev/pts", "devpts", MS_NOSUID | MS_NOEXEC,
+                "newinstance,ptmxmode=0666,mode=0620") != 0) {
+        const std::string source = "/proc/self/fd/" + std::to_string(hostDev) + "/pts";
+        if (::mount(source.c_str(), "/dev/pts", nullptr, MS_BIND, nullptr) != 0) {
+            return;  // a machine without pseudo-terminals
+        }
+    }
+    addLink("pts/ptmx", "/dev/ptmx");
+}
+
+/// The terminal that we run on belongs to the host's /dev/pts; under this name ttyname() finds it.
+void addConsole(int hostDev)
+{
+    const std::string console = "/dev/console";
+    std::error_code error;
+    const std::string terminal = std::filesystem::read_symlink("/proc/self/fd/0", error).string();
+    if (error || ::isatty(STDIN_FILENO) == 0 || terminal.rfind("/dev/", 0) != 0) {
+        return;
+    }
+    const std::string source = "/proc/self/fd/" + std::to_string(hostDev) + terminal.substr(4);
+    if (!UniqueFd(::open(console.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC | O_NOCTTY, 0600))) {
+        failWithErrno(console);
+    }
+    if (::mount(source.c_str(), console.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+        ::unlink(console.c_str());
+    }
+}
+
+}  // namespace
+
+void fillDev(int hostDev)
+{
+    for (const char* name : {"null", "zero", "full", "random", "urandom", "tty", "kmsg", "fuse"}) {
+        addNode(hostDev, name);
+    }
+    addLoopDevices(hostDev);
+    addTerminals(hostDev);
+    addConsole(hostDev);
+    addLink("/proc/self/fd", "/dev/fd");
+    addLink("/proc/self/fd/0", "/dev/stdin");
+    addLink("/proc/self/fd/1", "/dev/stdout");
+    addLink("/proc/self/fd/2", "/dev/stderr");
+    addFolder("/dev/shm");
+    if (::mount("tmpfs", "/dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777") != 0) {
+        failWithErrno("mount tmpfs on /dev/shm");
+    }
+    addFolder("/dev/mqueue");
+    if (::mount("mqueue", "/dev/mqueue", "mqueue", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) !=
+        0) {
+        failWithErrno("mount mqueue on /dev/mqueue");
+    }
+}
+
+}  // namespace quillon::device

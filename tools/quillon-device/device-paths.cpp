@@ -1,0 +1,106 @@
+#include "device-paths.h"
+
+#include <algorithm>
+#include <filesystem>
+
+namespace fs = std::filesystem;
+
+namespace quillon::device {
+
+namespace {
+
+/// False on a merged-/usr system, where /lib is a link to usr/lib.
+bool hasOwnLibFolder()
+{
+    std::error_code ignored;
+    return fs::is_directory(fs::symlink_status("/lib", ignored));
+}
+
+std::vector<std::string> existingFolders(const std::vector<std::string>& folders)
+{
+    std::vector<std::string> existing;
+    for (const std::string& folder : folders) {
+        std::error_code ignored;
+        const std::string real = resolved(folder);
+        if (fs::is_directory(real, ignored) &&
+            std::find(existing.begin(), existing.end(), real) == existing.end()) {
+            existing.push_back(real);
+        }
+    }
+    return existing;
+}
+
+}  // namespace
+
+std::vector<std::string> serviceFolders()
+{
+    std::vector<std::string> folders = {
+        "/usr/fwupdate/controls",
+        "/opt/media",
+        "/opt/usr/apps/appbinarymanager/emps",
+        "/opt/usr/share/sbox",
+        "/usr/lib/firmware/ext",
+        "/usr/share/sdp",
+        "/var/lib/quillon",
+        "/etc/quillon/trusted-keys",
+    };
+    if (hasOwnLibFolder()) {
+        folders.emplace_back("/lib/firmware/ext");
+    }
+    return folders;
+}
+
+std::vector<std::string> serviceFiles()
+{
+    return {
+        "/tmp/smack_early_ready", "/tmp/fw_update_ready_usb",   "/tmp/.fw_service_ready_usb",
+        "/tmp/.ignore_resume",    "/tmp/fwupdate-off-list.txt", "/usr/lib/libkUEPUser.so",
+    };
+}
+
+std::vector<std::string> hostServiceFolders()
+{
+    return existingFolders({"/run/quillon", "/run/lock", "/run/dbus", "/run/systemd/journal"});
+}
+
+std::vector<std::string> privateTops()
+{
+    std::vector<std::string> tops = {"/usr", "/etc", "/opt", "/var", "/tmp", "/run"};
+    if (hasOwnLibFolder()) {
+        tops.emplace_back("/lib");
+    }
+    return existingFolders(tops);
+}
+
+std::vector<std::string> scratchFolders()
+{
+    return existingFolders({"/var/tmp", "/run/lock"});
+}
+
+bool staysOutside(const std::string& directory)
+{
+    std::vector<std::string> anew = serviceFolders();
+    const std::vector<std::string> hostFolders = hostServiceFolders();
+    anew.insert(anew.end(), hostFolders.begin(), hostFolders.end());
+    anew.insert(anew.end(), {"/dev/shm", "/dev/mqueue", "/dev/pts", "/proc"});
+    return std::any_of(anew.begin(), anew.end(), [&](const std::string& folder) {
+        return directory != folder && isWithin(directory, resolved(folder));
+    });
+}
+
+bool isWithin(const std::string& path, const std::string& folder)
+{
+    if (path.compare(0, folder.size(), folder) != 0) {
+        return false;
+    }
+    return path.size() == folder.size() || path[folder.size()] == '/';
+}
+
+std::string resolved(const std::string& path)
+{
+    std::error_code error;
+    const fs::path real = fs::weakly_canonical(path, error);
+    return error ? path : real.string();
+}
+
+}  // namespace quillon::device

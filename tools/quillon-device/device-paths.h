@@ -1,0 +1,39 @@
+#ifndef QUILLON_TOOLS_QUILLON_DEVICE_DEVICE_PATHS_H
+#define QUILLON_TOOLS_QUILLON_DEVICE_DEVICE_PATHS_H
+
+#include <string>
+#include <vector>
+
+namespace quillon::device {
+
+/// The folders that the service works in: present and empty when a device starts.
+/// Absolute, without a trailing "/".
+std::vector<std::string> serviceFolders();
+
+/// The files and markers of the service: absent when a device starts.
+std::vector<std::string> serviceFiles();
+
+/// The host's folders that reach into its running system (journal, bus, locks): empty inside a
+/// private device, and only where the host has them.
+std::vector<std::string> hostServiceFolders();
+
+/// The host's top folders whose every change stays inside a private device. Only those that exist,
+/// symbolic links resolved.
+std::vector<std::string> privateTops();
+
+/// World-writable folders that programs expect to write in, beneath privateTops(); existing ones.
+std::vector<std::string> scratchFolders();
+
+/// True when `directory` lies in a folder that a device has made anew, so that it is not there
+/// inside.
+bool staysOutside(const std::string& directory);
+
+/// True when `path` is `folder` or lies beneath it. Compares names; reads no file system.
+bool isWithin(const std::string& path, const std::string& folder);
+
+/// `path` with the symbolic links of its existing part resolved; the missing rest is kept as it is.
+std::string resolved(const std::string& path);
+
+}  // namespace quillon::device
+
+#endif  // QUILLON_TOOLS_QUILLON_DEVICE_DEVICE_PATHS_H

@@ -1,0 +1,248 @@
+#include "in-place.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "device-paths.h"
+#include "left-overs.h"
+#include "mount-table.h"
+#include "setup-error.h"
+#include "unique-fd.h"
+
+namespace fs = std::filesystem;
+
+namespace quillon::device {
+
+namespace {
+
+/// First line of the record, which is there as long as a device is in use; then the folders that
+/// were made for it, one a line. A record that is still there tells of a device that was killed.
+constexpr const char* kInUse = "in use";
+
+std::string lockPath()
+{
+    return fs::is_directory("/run/lock") ? "/run/lock/quillon-device.lock"
+                                         : "/tmp/quillon-device.lock";
+}
+
+/// Holds the lock that lets one device at a time run in place. The file is its record as well.
+class InPlaceLock
+{
+public:
+    explicit InPlaceLock(const sigset_t& signalMask) : path_(lockPath())
+    {
+        file_ = UniqueFd(::open(path_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+        struct stat info = {};
+        if (!file_ || ::fstat(file_.get(), &info) != 0) {
+            failWithErrno(path_);
+        }
+        if (!S_ISREG(info.st_mode) || info.st_uid != ::geteuid()) {
+            throw SetupError(path_ + " belongs to somebody else");
+        }
+        // While we wait, a signal ends us as it would end anybody.
+        sigset_t blocked;
+        ::sigprocmask(SIG_SETMASK, &signalMask, &blocked);
+        const int result = ::flock(file_.get(), LOCK_EX);
+        ::sigprocmask(SIG_SETMASK, &blocked, nullptr);
+        if (result != 0) {
+            failWithErrno(path_);
+        }
+    }
+
+    /// Lines of the record; empty when the last device ended properly.
+    std::vector<std::string> record() const
+    {
+        std::vector<std::string> lines;
+        std::ifstream file(path_);
+        for (std::string line; std::getline(file, line);) {
+            lines.push_back(line);
+        }
+        return lines;
+    }
+
+    void write(const std::vector<std::string>& lines)
+    {
+        std::string text;
+        for (const std::string& line : lines) {
+            text += line + "\n";
+        }
+        if (::ftruncate(file_.get(), 0) != 0 || ::pwrite(file_.get(), text.data(), text.size(),
+                                                         0) != static_cast<ssize_t>(text.size())) {
+            failWithErrno(path_);
+        }
+    }
+
+private:
+    std::string path_;
+    UniqueFd file_;
+};
+
+/// Guards the removal: whatever a record says, nothing else and no top folder is ever removed.
+bool isServiceFolderOrAbove(const std::string& path)
+{
+    if (std::count(path.begin(), path.end(), '/') < 2) {
+        return false;
+    }
+    const std::vector<std::string> folders = serviceFolders();
+    return std::any_of(folders.begin(), folders.end(),
+                       [&](const std::string& folder) { return isWithin(folder, path); });
+}
+
+/// A stick that is still mounted must not be emptied along with its folder.
+void unmountLeftovers()
+{
+    const std::vector<std::string> folders = serviceFolders();
+    for (const std::string& point : mountPoints()) {
+        for (const std::string& folder : folders) {
+            if (point != folder && isWithin(point, folder)) {
+                ::umount2(point.c_str(), MNT_DETACH);
+            }
+        }
+    }
+}
+
+/// Empties the service's paths and removes the folders that were made for the device.
+void clean(const std::vector<std::string>& madeFolders)
+{
+    unmountLeftovers();
+    std::error_code ignored;
+    for (const std::string& folder : serviceFolders()) {
+        for (const fs::directory_entry& entry : fs::directory_iterator(folder, ignored)) {
+            fs::remove_all(entry.path(), ignored);
+        }
+    }
+    for (const std::string& file : serviceFiles()) {
+        fs::remove(file, ignored);
+    }
+    for (const std::string& folder : madeFolders) {
+        if (isServiceFolderOrAbove(folder)) {
+            fs::remove_all(folder, ignored);
+        }
+    }
+    removeQueues();
+}
+
+void refuseRealContent()
+{
+    std::error_code ignored;
+    for (const std::string& folder : serviceFolders()) {
+        if (fs::exists(folder, ignored) && !fs::is_empty(folder, ignored)) {
+            throw SetupError(folder + " holds real content; nothing runs in place over it");
+        }
+    }
+    for (const std::string& file : serviceFiles()) {
+        if (fs::exists(fs::symlink_status(file, ignored))) {
+            throw SetupError(file + " exists; nothing runs in place over it");
+        }
+    }
+}
+
+/// The outermost missing folder on the way to each folder of the service.
+std::vector<std::string> foldersToMake()
+{
+    std::vector<std::string> missing;
+    for (const std::string& folder : serviceFolders()) {
+        fs::path outermost = folder;
+        if (fs::exists(outermost)) {
+            continue;
+        }
+        while (!fs::exists(outermost.parent_path())) {
+            outermost = outermost.parent_path();
+        }
+        if (std::find(missing.begin(), missing.end(), outermost.string()) == missing.end()) {
+            missing.push_back(outermost.string());
+        }
+    }
+    return missing;
+}
+
+void makeFolders()
+{
+    for (const std::string& folder : serviceFolders()) {
+        std::error_code error;
+        fs::create_directories(folder, error);
+        if (error) {
+            throw SetupError(folder + ": " + error.message());
+        }
+    }
+}
+
+}  // namespace
+
+std::string disposableContainerMark()
+{
+    for (const char* file : {"/.dockerenv", "/run/.containerenv"}) {
+        if (::access(file, F_OK) == 0) {
+            return file;
+        }
+    }
+    const char* container = std::getenv("container");
+    return container != nullptr && *container != '\0' ? "$container" : "";
+}
+
+bool mayRunInPlace(std::string& reason)
+{
+    const char* outer = std::getenv("QUILLON_DEVICE");
+    if (outer != nullptr && std::string(outer) == "in-place") {
+        reason = "this already is a device in place, and there can be no second one inside";
+        return false;
+    }
+    if (!seesItsOwnProcesses()) {
+        reason = "/proc does not show the processes of this place";
+        return false;
+    }
+    for (const std::string& folder : serviceFolders()) {
+        fs::path existing = folder;
+        while (!fs::exists(existing)) {
+            existing = existing.parent_path();
+        }
+        if (::access(existing.c_str(), W_OK) != 0) {
+            reason = "no right to write in " + existing.string();
+            return false;
+        }
+    }
+    return true;
+}
+
+int runInPlace(const Command& command)
+{
+    std::string reason;
+    if (!mayRunInPlace(reason)) {
+        throw SetupError(reason);
+    }
+    InPlaceLock lock(command.signalMask);
+    const std::vector<std::string> record = lock.record();
+    if (!record.empty()) {
+        killForgottenProcesses();
+        clean(record);
+    }
+    refuseRealContent();
+    removeQueues();
+
+    const std::vector<std::string> made = foldersToMake();
+    std::vector<std::string> lines = made;
+    lines.insert(lines.begin(), kInUse);
+    lock.write(lines);
+    makeFolders();
+
+    ::prctl(PR_SET_CHILD_SUBREAPER, 1);
+    int status = 0;
+    const pid_t child = startCommand(command, "in-place", true, status);
+    status = child > 0 ? waitFor(child) : status;
+
+    killDescendants();
+    clean(made);
+    lock.write({});
+    return status;
+}
+
+}  // namespace quillon::device

@@ -1,0 +1,28 @@
+#ifndef QUILLON_TOOLS_QUILLON_DEVICE_IN_PLACE_H
+#define QUILLON_TOOLS_QUILLON_DEVICE_IN_PLACE_H
+
+#include <string>
+
+#include "init.h"
+
+namespace quillon::device {
+
+/// The mark by which this machine shows itself to be a disposable container, or "" for any other.
+std::string disposableContainerMark();
+
+/// Runs the command on this machine's own paths, one such device at a time: waits for its turn,
+/// makes the service's folders, and takes away afterwards what lies in them, the queues, the
+/// semaphore and every process that was left behind. Needs takeSignals().
+///
+/// @return the exit status
+/// @throws SetupError when the caller may not write there, or when there is real content that no
+///         device has left: nothing of it is touched
+int runInPlace(const Command& command);
+
+/// Whether runInPlace() could write at the service's paths.
+/// @param[out] reason  why not
+bool mayRunInPlace(std::string& reason);
+
+}  // namespace quillon::device
+
+#endif  // QUILLON_TOOLS_QUILLON_DEVICE_IN_PLACE_H

@@ -1,0 +1,155 @@
+#include "init.h"
+
+#include <fcntl.h>
+#include <sys/personality.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "setup-error.h"
+#include "unique-fd.h"
+
+namespace quillon::device {
+
+namespace {
+
+sigset_t handledSignals()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int number : {SIGCHLD, SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2}) {
+        sigaddset(&set, number);
+    }
+    return set;
+}
+
+int statusOf(int waitStatus)
+{
+    return WIFSIGNALED(waitStatus) ? 128 + WTERMSIG(waitStatus) : WEXITSTATUS(waitStatus);
+}
+
+void fixAddresses()
+{
+    constexpr unsigned long kAsk = 0xffffffff;
+    const int persona = ::personality(kAsk);
+    if (persona < 0 || ::personality(static_cast<unsigned long>(persona) | ADDR_NO_RANDOMIZE) < 0) {
+        complain(std::string("addresses stay random: ") + std::strerror(errno));
+    }
+}
+
+/// Becomes the command; returns only when that fails.
+void becomeCommand(const Command& command, const char* way, pid_t dieWith)
+{
+    if (dieWith > 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (::getppid() != dieWith) {
+            ::_exit(kNoDevice);
+        }
+    }
+    if (command.fixedAddresses) {
+        fixAddresses();
+    }
+    ::setenv("QUILLON_DEVICE", way, 1);
+    std::vector<char*> arguments;
+    for (const std::string& argument : command.arguments) {
+        arguments.push_back(const_cast<char*>(argument.c_str()));
+    }
+    arguments.push_back(nullptr);
+    ::sigprocmask(SIG_SETMASK, &command.signalMask, nullptr);
+    ::execvp(arguments.front(), arguments.data());
+}
+
+}  // namespace
+
+sigset_t takeSignals()
+{
+    // Inherited as ignored, it would take the exit status away.
+    static_cast<void>(::signal(SIGCHLD, SIG_DFL));
+    const sigset_t set = handledSignals();
+    sigset_t before;
+    ::sigprocmask(SIG_BLOCK, &set, &before);
+    return before;
+}
+
+pid_t startCommand(const Command& command, const char* way, bool dieWithMe, int& status)
+{
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) {
+        failWithErrno("pipe");
+    }
+    const UniqueFd failure(ends[0]);
+    UniqueFd report(ends[1]);
+    const pid_t parent = ::getpid();
+    const pid_t child = ::fork();
+    if (child < 0) {
+        failWithErrno("fork");
+    }
+    if (child == 0) {
+        becomeCommand(command, way, dieWithMe ? parent : 0);
+        const int error = errno;
+        const ssize_t written = ::write(report.get(), &error, sizeof error);
+        ::_exit(written == sizeof error ? kNotRunnable : kNoDevice);
+    }
+    report.reset();
+    int error = 0;
+    if (::read(failure.get(), &error, sizeof error) != sizeof error) {
+        return child;  // the command runs: its start has closed the pipe
+    }
+    ::waitpid(child, nullptr, 0);
+    complain(command.arguments.front() + ": " + std::strerror(error));
+    status = error == ENOENT ? kNotFound : kNotRunnable;
+    return -1;
+}
+
+int waitFor(pid_t child)
+{
+    const sigset_t set = handledSignals();
+    for (;;) {
+        siginfo_t info = {};
+        if (::sigwaitinfo(&set, &info) < 0) {
+            continue;
+        }
+        if (info.si_signo != SIGCHLD) {
+            if (info.si_code != SI_KERNEL) {
+                ::kill(child, info.si_signo);
+            }
+            continue;
+        }
+        bool ended = false;
+        int childStatus = 0;
+        int status = 0;
+        for (pid_t pid = 0; (pid = ::waitpid(-1, &status, WNOHANG)) > 0;) {
+            if (pid == child) {
+                ended = true;
+                childStatus = status;
+            }
+        }
+        if (ended) {
+            return statusOf(childStatus);
+        }
+    }
+}
+
+TerminalKeeper::TerminalKeeper() : wasOurs_(::tcgetpgrp(STDIN_FILENO) == ::getpgrp())
+{
+}
+
+TerminalKeeper::~TerminalKeeper()
+{
+    if (!wasOurs_ || ::tcgetpgrp(STDIN_FILENO) == ::getpgrp()) {
+        return;
+    }
+    sigset_t output;
+    sigset_t before;
+    sigemptyset(&output);
+    sigaddset(&output, SIGTTOU);
+    ::sigprocmask(SIG_BLOCK, &output, &before);
+    ::tcsetpgrp(STDIN_FILENO, ::getpgrp());
+    ::sigprocmask(SIG_SETMASK, &before, nullptr);
+}
+
+}  // namespace quillon::device

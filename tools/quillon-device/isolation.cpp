@@ -1,0 +1,196 @@
+#include "isolation.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+#include "device-paths.h"
+#include "mounts.h"
+#include "setup-error.h"
+#include "unique-fd.h"
+
+namespace quillon::device {
+
+namespace {
+
+constexpr const char* kReady = "+";
+
+struct Pipe
+{
+    UniqueFd in;
+    UniqueFd out;
+};
+
+Pipe makePipe()
+{
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) {
+        failWithErrno("pipe");
+    }
+    return {UniqueFd(ends[0]), UniqueFd(ends[1])};
+}
+
+/// Like fork(), with the child as the first process of new namespaces.
+pid_t forkInto(int namespaces)
+{
+    const long child =
+        ::syscall(SYS_clone, namespaces | SIGCHLD, nullptr, nullptr, nullptr, nullptr);
+    return static_cast<pid_t>(child);
+}
+
+int namespacesOf(Way way)
+{
+    const int namespaces = CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWPID;
+    return way == Way::User ? namespaces | CLONE_NEWUSER : namespaces;
+}
+
+void writeAll(int fd, const std::string& text)
+{
+    if (::write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+        ::_exit(kNoDevice);  // nobody is left to hear it
+    }
+}
+
+std::string readAll(int fd)
+{
+    std::string text;
+    char buffer[512];
+    ssize_t count = 0;
+    while ((count = ::read(fd, buffer, sizeof buffer)) > 0) {
+        text.append(buffer, static_cast<std::size_t>(count));
+    }
+    return text;
+}
+
+void writeMap(const char* path, const std::string& text)
+{
+    const UniqueFd file(::open(path, O_WRONLY | O_CLOEXEC));
+    if (!file || ::write(file.get(), text.data(), text.size()) < 0) {
+        failWithErrno(path);
+    }
+}
+
+void becomeRootOfNamespace(uid_t user, gid_t group)
+{
+    writeMap("/proc/self/setgroups", "deny");
+    writeMap("/proc/self/uid_map", "0 " + std::to_string(user) + " 1\n");
+    writeMap("/proc/self/gid_map", "0 " + std::to_string(group) + " 1\n");
+}
+
+/// The device dies with the process that started it, even if that was killed just now.
+void dieWithParent(int report)
+{
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    pollfd parent = {report, 0, 0};
+    if (::poll(&parent, 1, 0) > 0 && (parent.revents & POLLERR) != 0) {
+        ::_exit(kNoDevice);
+    }
+}
+
+std::string currentDirectory()
+{
+    std::error_code error;
+    const std::filesystem::path path = std::filesystem::current_path(error);
+    return error ? std::string() : path.string();
+}
+
+void setUp(const std::string& directory)
+{
+    mountDevice(directory);
+    // By path, since the old working directory is the one beneath the overlay.
+    if (!directory.empty() && ::chdir(directory.c_str()) != 0) {
+        failWithErrno("the working directory " + directory);
+    }
+}
+
+/// The first process of the device.
+[[noreturn]] void runInit(Way way, const Command* command, UniqueFd report,
+                          const std::string& directory, uid_t user, gid_t group)
+{
+    int status = 0;
+    try {
+        dieWithParent(report.get());
+        if (way == Way::User) {
+            becomeRootOfNamespace(user, group);
+        }
+        setUp(directory);
+        writeAll(report.get(), kReady);
+        report.reset();
+        if (command != nullptr) {
+            const pid_t child = startCommand(*command, nameOf(way), false, status);
+            status = child > 0 ? waitFor(child) : status;
+        }
+    } catch (const std::exception& error) {
+        if (report) {
+            writeAll(report.get(), error.what());
+        }
+        status = kNoDevice;
+    }
+    ::_exit(status);
+}
+
+std::string cloneFailure(int error)
+{
+    if (error == ENOSPC) {
+        return "the limit of namespaces is reached (sysctl user.max_user_namespaces)";
+    }
+    return std::string("new namespaces: ") + std::strerror(error);
+}
+
+std::optional<int> run(Way way, const Command* command, std::string& reason)
+{
+    if (way == Way::Root && ::geteuid() != 0) {
+        reason = "not root";
+        return std::nullopt;
+    }
+    const std::string directory = currentDirectory();
+    if (staysOutside(directory)) {
+        throw SetupError("the working directory " + directory + " would not exist inside");
+    }
+    Pipe report = makePipe();
+    const uid_t user = ::geteuid();
+    const gid_t group = ::getegid();
+    const pid_t init = forkInto(namespacesOf(way));
+    if (init < 0) {
+        reason = cloneFailure(errno);
+        return std::nullopt;
+    }
+    if (init == 0) {
+        report.in.reset();
+        runInit(way, command, std::move(report.out), directory, user, group);
+    }
+    report.out.reset();
+    reason = readAll(report.in.get());
+    if (reason != kReady) {
+        ::waitpid(init, nullptr, 0);
+        return std::nullopt;
+    }
+    return waitFor(init);
+}
+
+}  // namespace
+
+const char* nameOf(Way way)
+{
+    return way == Way::Root ? "root" : "user";
+}
+
+std::optional<int> runIsolated(Way way, const Command& command, std::string& reason)
+{
+    return run(way, &command, reason);
+}
+
+bool isPossible(Way way, std::string& reason)
+{
+    return run(way, nullptr, reason).has_value();
+}
+
+}  // namespace quillon::device

@@ -1,0 +1,217 @@
+#include "layers.h"
+
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <vector>
+
+#include "device-paths.h"
+#include "mirror.h"
+#include "mount-table.h"
+#include "mounts.h"
+#include "setup-error.h"
+
+namespace fs = std::filesystem;
+
+namespace quillon::device {
+
+namespace {
+
+/// A host folder that gets a private writable layer.
+struct Layer
+{
+    std::string host;      ///< the folder on the host, for example "/usr"
+    std::string upper;     ///< where the changes go
+    std::string work;      ///< the overlay's scratch space
+    std::string assembly;  ///< where it is put together before it moves to its place
+    bool top;              ///< moves to its place by itself; the others come along
+};
+
+void makeFolder(const std::string& path)
+{
+    if (::mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) {
+        failWithErrno("mkdir " + path);
+    }
+}
+
+std::vector<std::string> resolvedAll(const std::vector<std::string>& paths)
+{
+    std::vector<std::string> result;
+    result.reserve(paths.size());
+    for (const std::string& path : paths) {
+        result.push_back(resolved(path));
+    }
+    return result;
+}
+
+bool isStrictlyWithin(const std::string& path, const std::string& folder)
+{
+    return path != folder && isWithin(path, folder);
+}
+
+/// The layer that `path` belongs to; they are ordered from the outermost inwards.
+const Layer* layerOf(const std::vector<Layer>& layers, const std::string& path)
+{
+    const Layer* innermost = nullptr;
+    for (const Layer& layer : layers) {
+        if (isWithin(path, layer.host)) {
+            innermost = &layer;
+        }
+    }
+    return innermost;
+}
+
+Layer makeLayer(const std::vector<Layer>& outer, const std::string& host,
+                const std::string& stageFolder)
+{
+    const std::string stage = stageFolder + "/" + std::to_string(outer.size());
+    const Layer* parent = layerOf(outer, host);
+    Layer layer;
+    layer.host = host;
+    layer.upper = stage + "/upper";
+    layer.work = stage + "/work";
+    layer.top = parent == nullptr;
+    layer.assembly =
+        layer.top ? stage + "/assembly" : parent->assembly + host.substr(parent->host.size());
+    makeFolder(stage);
+    makeFolderLike(layer.upper, host);
+    makeFolder(layer.work);
+    return layer;
+}
+
+/// The top folders, and each file system of its own on the way to a folder of the service.
+std::vector<Layer> makeLayers(const std::vector<std::string>& folders,
+                              const std::vector<std::string>& mounted, const std::string& stage)
+{
+    std::vector<Layer> layers;
+    for (const std::string& top : privateTops()) {
+        if (layerOf(layers, top) == nullptr) {
+            layers.push_back(makeLayer(layers, top, stage));
+        }
+    }
+    for (const std::string& point : mounted) {
+        const Layer* outer = layerOf(layers, point);
+        const bool onTheWay =
+            std::any_of(folders.begin(), folders.end(),
+                        [&](const std::string& folder) { return isStrictlyWithin(folder, point); });
+        if (outer != nullptr && outer->host != point && onTheWay) {
+            layers.push_back(makeLayer(layers, point, stage));
+        }
+    }
+    return layers;
+}
+
+/// Makes `folder` in the private layer. Without it there, a user namespace could not write into a
+/// folder that belongs to the host's root, since that owner does not exist inside.
+void makeInUpper(const std::vector<Layer>& layers, const std::string& folder)
+{
+    const Layer* layer = layerOf(layers, folder);
+    if (layer == nullptr) {
+        throw SetupError(folder + " lies outside of the folders that a device keeps private");
+    }
+    for (std::size_t end = layer->host.size(); end < folder.size();) {
+        end = std::min(folder.find('/', end + 1), folder.size());
+        const std::string host = folder.substr(0, end);
+        makeFolderLike(layer->upper + host.substr(layer->host.size()), host);
+    }
+}
+
+bool mountOverlay(const Layer& layer)
+{
+    const std::string options =
+        "lowerdir=" + layer.host + ",upperdir=" + layer.upper + ",workdir=" + layer.work;
+    const std::string userOptions = options + ",userxattr";
+    return ::mount("overlay", layer.assembly.c_str(), "overlay", 0, options.c_str()) == 0 ||
+           ::mount("overlay", layer.assembly.c_str(), "overlay", 0, userOptions.c_str()) == 0;
+}
+
+/// What is mounted beneath an overlaid folder is not part of the overlay; it is put back, a file
+/// (a container's resolv.conf) read-only. What cannot be put back stays empty.
+void putBack(const std::string& point, const std::string& target)
+{
+    if (::mount(point.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+        return;
+    }
+    std::error_code ignored;
+    if (!fs::is_directory(target, ignored)) {
+        makeReadOnly(target);
+    }
+}
+
+void putBackMounts(const std::vector<Layer>& layers, const Layer& layer,
+                   const std::vector<std::string>& hidden, const std::vector<std::string>& mounted)
+{
+    std::string last;
+    for (const std::string& point : mounted) {
+        const bool isHidden =
+            std::any_of(hidden.begin(), hidden.end(),
+                        [&](const std::string& folder) { return isWithin(point, folder); });
+        const bool cameAlong = !last.empty() && isWithin(point, last);
+        if (layerOf(layers, point) != &layer || point == layer.host || isHidden || cameAlong) {
+            continue;
+        }
+        putBack(point, layer.assembly + point.substr(layer.host.size()));
+        last = point;
+    }
+}
+
+void assembleLayers(const std::vector<Layer>& layers, const std::vector<std::string>& folders,
+                    const std::vector<std::string>& hidden, const std::vector<std::string>& mounted)
+{
+    std::vector<std::string> mirrored;
+    for (const Layer& layer : layers) {
+        const bool isPartOfMirror =
+            std::any_of(mirrored.begin(), mirrored.end(),
+                        [&](const std::string& outer) { return isWithin(layer.host, outer); });
+        if (isPartOfMirror) {
+            continue;
+        }
+        if (layer.top) {
+            makeFolder(layer.assembly);
+        }
+        if (mountOverlay(layer)) {
+            putBackMounts(layers, layer, hidden, mounted);
+            continue;
+        }
+        // An overlay on an overlay on an overlay, or a kernel that keeps overlays from users.
+        const std::string mirror = layer.work + "/mirror";
+        mirrorFolder(layer.host, mirror, folders, hidden);
+        bindTree(mirror, layer.assembly);
+        mirrored.push_back(layer.host);
+    }
+    for (const Layer& layer : layers) {
+        if (layer.top &&
+            ::mount(layer.assembly.c_str(), layer.host.c_str(), nullptr, MS_MOVE, nullptr) != 0) {
+            failWithErrno("mount " + layer.host);
+        }
+    }
+}
+
+}  // namespace
+
+void mountPrivateFolders(const std::string& workingDirectory, const std::string& stage)
+{
+    const std::vector<std::string> folders = resolvedAll(serviceFolders());
+    std::vector<std::string> hidden = folders;
+    for (const auto& more : {hostServiceFolders(), resolvedAll(serviceFiles())}) {
+        hidden.insert(hidden.end(), more.begin(), more.end());
+    }
+    const std::vector<std::string> mounted = mountPoints();
+    const std::vector<Layer> layers = makeLayers(folders, mounted, stage);
+
+    for (const std::string& folder : folders) {
+        makeInUpper(layers, folder);
+    }
+    for (const std::string& folder : scratchFolders()) {
+        makeInUpper(layers, folder);
+    }
+    if (layerOf(layers, workingDirectory) != nullptr) {
+        makeInUpper(layers, workingDirectory);
+    }
+    assembleLayers(layers, folders, hidden, mounted);
+}
+
+}  // namespace quillon::device

@@ -1,0 +1,20 @@
+#ifndef QUILLON_TOOLS_QUILLON_DEVICE_LAYERS_H
+#define QUILLON_TOOLS_QUILLON_DEVICE_LAYERS_H
+
+#include <string>
+
+namespace quillon::device {
+
+/// Puts a private writable layer over each of privateTops(), in which the service's folders are
+/// present. What the host has in them shows through, and is for the caller to cover.
+///
+/// @param workingDirectory  made writable, too, if it lies in one of them
+/// @param stage             an empty folder on a private file system, which keeps the layers; it
+/// may
+///                          be unmounted lazily afterwards
+/// @throws SetupError
+void mountPrivateFolders(const std::string& workingDirectory, const std::string& stage);
+
+}  // namespace quillon::device
+
+#endif  // QUILLON_TOOLS_QUILLON_DEVICE_LAYERS_H

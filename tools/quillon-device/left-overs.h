@@ -1,0 +1,23 @@
+#ifndef QUILLON_TOOLS_QUILLON_DEVICE_LEFT_OVERS_H
+#define QUILLON_TOOLS_QUILLON_DEVICE_LEFT_OVERS_H
+
+namespace quillon::device {
+
+/// Kills every descendant of the caller and waits for its end. The caller has to be a child
+/// subreaper, so that orphans become its children.
+void killDescendants();
+
+/// Kills the processes of a device in place whose launcher was killed, known by their environment,
+/// and waits until they are gone.
+/// For the holder of the lock only: nobody else can then have any that are alive.
+void killForgottenProcesses();
+
+/// Whether /proc shows the caller's PID namespace, as the functions above need it.
+bool seesItsOwnProcesses();
+
+/// Removes the queues whose names begin with "/fwupdate" and the service's semaphore.
+void removeQueues();
+
+}  // namespace quillon::device
+
+#endif  // QUILLON_TOOLS_QUILLON_DEVICE_LEFT_OVERS_H

@@ -1,0 +1,260 @@
+#include <fcntl.h>
+#include <getopt.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <optional>
+#include <string>
+
+#include "in-place.h"
+#include "init.h"
+#include "isolation.h"
+#include "setup-error.h"
+
+using namespace quillon::device;
+
+namespace {
+
+constexpr const char* kUsage =
+    "Usage: quillon-device run [OPTION]... [--] COMMAND [ARGUMENT]...\n"
+    "       quillon-device shell [OPTION]...\n"
+    "       quillon-device info\n"
+    "\n"
+    "Runs a command in a virtual device of its own: private mounts, message queues,\n"
+    "semaphores and processes, with the update service's folders present and empty at\n"
+    "their real paths. Nothing that the command writes there reaches this machine.\n"
+    "\n"
+    "  run      run COMMAND in a new device\n"
+    "  shell    run $SHELL in a new device\n"
+    "  info     say which ways of isolation this machine allows, and why\n"
+    "\n"
+    "Options:\n"
+    "      --isolation WAY  auto (the default), root, user or in-place\n"
+    "      --in-place       the same as --isolation in-place: this machine's own paths are\n"
+    "                       used, one device after another, and emptied afterwards\n"
+    "      --no-aslr        switch address space randomisation off for the command\n"
+    "  -h, --help           show this help\n"
+    "  -V, --version        show the version\n"
+    "\n"
+    "Environment:\n"
+    "  QUILLON_DEVICE_IN_PLACE=1  allow \"auto\" to run in place where nothing else is possible;\n"
+    "                             a disposable container allows it by itself\n"
+    "  QUILLON_DEVICE_NO_ASLR=1   the same as --no-aslr\n"
+    "  QUILLON_DEVICE             set for the command: root, user or in-place\n"
+    "\n"
+    "Exit status: that of the command, 128+N if signal N killed it, 125 if there is no\n"
+    "device (wrong usage included), 126 if the command cannot be run, 127 if it is not\n"
+    "found. See quillon-device(1).\n";
+
+constexpr int kWrongUsage = 125;
+
+bool isSet(const char* variable)
+{
+    const char* value = std::getenv(variable);
+    return value != nullptr && std::strcmp(value, "1") == 0;
+}
+
+struct Options
+{
+    std::string isolation = "auto";
+    bool fixedAddresses = isSet("QUILLON_DEVICE_NO_ASLR");
+};
+
+int refuseUsage(const std::string& what)
+{
+    complain(what + "; see quillon-device --help");
+    return kWrongUsage;
+}
+
+int refuseDevice(const std::string& why)
+{
+    complain("no device: " + why);
+    return kNoDevice;
+}
+
+/// A closed standard descriptor would be given to a pipe of ours; the command finds it closed
+/// again.
+void occupyStandardDescriptors()
+{
+    int fd = -1;
+    do {
+        fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0) {
+        ::close(fd);
+    }
+}
+
+int runInOneWay(Way way, const Command& command)
+{
+    std::string reason;
+    const std::optional<int> status = runIsolated(way, command, reason);
+    return status ? *status : refuseDevice(reason);
+}
+
+int runInAnyWay(const Command& command)
+{
+    std::string asRoot;
+    if (const std::optional<int> status = runIsolated(Way::Root, command, asRoot)) {
+        return *status;
+    }
+    std::string asUser;
+    if (const std::optional<int> status = runIsolated(Way::User, command, asUser)) {
+        return *status;
+    }
+    const std::string reason = "as root: " + asRoot + "; as user: " + asUser;
+    if (disposableContainerMark().empty() && !isSet("QUILLON_DEVICE_IN_PLACE")) {
+        return refuseDevice(reason +
+                            ". Run it as root, allow user namespaces, or, on a machine that may "
+                            "be thrown away, add --in-place");
+    }
+    std::string notInPlace;
+    if (!mayRunInPlace(notInPlace)) {
+        return refuseDevice(reason + "; in place: " + notInPlace);
+    }
+    complain("no private namespaces here (" + reason +
+             "); running in place, this disposable container's own paths are used");
+    return runInPlace(command);
+}
+
+int runInPlaceOnDemand(const Command& command)
+{
+    complain("running in place, this machine's own paths are used");
+    return runInPlace(command);
+}
+
+int runCommand(const Options& options, Command command)
+{
+    command.fixedAddresses = options.fixedAddresses;
+    const TerminalKeeper terminal;
+    command.signalMask = takeSignals();
+    try {
+        if (options.isolation == "root") {
+            return runInOneWay(Way::Root, command);
+        }
+        if (options.isolation == "user") {
+            return runInOneWay(Way::User, command);
+        }
+        return options.isolation == "in-place" ? runInPlaceOnDemand(command) : runInAnyWay(command);
+    } catch (const std::exception& error) {
+        return refuseDevice(error.what());
+    }
+}
+
+std::string answer(bool possible, const std::string& why)
+{
+    return (possible ? "yes (" : "no (") + why + ")\n";
+}
+
+int showInfo()
+{
+    takeSignals();
+    std::string asRoot;
+    std::string asUser;
+    std::string inPlace;
+    const bool root = isPossible(Way::Root, asRoot);
+    const bool user = isPossible(Way::User, asUser);
+    const bool writable = mayRunInPlace(inPlace);
+    const std::string mark = disposableContainerMark();
+    const bool allowed = !mark.empty() || isSet("QUILLON_DEVICE_IN_PLACE");
+    if (writable) {
+        inPlace = !mark.empty() ? "a disposable container: " + mark
+                  : allowed     ? "QUILLON_DEVICE_IN_PLACE=1"
+                                : "only with --in-place";
+    }
+    const std::string chosen = root                  ? "root"
+                               : user                ? "user"
+                               : writable && allowed ? "in-place"
+                                                     : "none";
+    std::cout << "root:      " << answer(root, root ? "private namespaces" : asRoot)
+              << "user:      "
+              << answer(user, user ? "private namespaces inside a user namespace" : asUser)
+              << "in-place:  " << answer(writable, inPlace) << "auto:      " << chosen << '\n';
+    return chosen == "none" ? kNoDevice : 0;
+}
+
+std::string shellOfUser()
+{
+    const char* shell = std::getenv("SHELL");
+    return shell != nullptr && *shell != '\0' ? shell : "/bin/sh";
+}
+
+bool isWay(const std::string& name)
+{
+    return name == "auto" || name == "root" || name == "user" || name == "in-place";
+}
+
+/// @return nothing to go on, or the exit status to end with
+std::optional<int> parseOptions(int argc, char** argv, Options& options)
+{
+    static const option kLong[] = {
+        {"isolation", required_argument, nullptr, 'i'}, {"in-place", no_argument, nullptr, 'p'},
+        {"no-aslr", no_argument, nullptr, 'a'},         {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},         {nullptr, 0, nullptr, 0}};
+    opterr = 0;
+    for (int found = 0; (found = ::getopt_long(argc, argv, "+hV", kLong, nullptr)) != -1;) {
+        switch (found) {
+            case 'i':
+                if (!isWay(optarg)) {
+                    return refuseUsage(std::string("no such way of isolation: ") + optarg);
+                }
+                options.isolation = optarg;
+                break;
+            case 'p':
+                options.isolation = "in-place";
+                break;
+            case 'a':
+                options.fixedAddresses = true;
+                break;
+            case 'h':
+                std::cout << kUsage;
+                return 0;
+            case 'V':
+                std::cout << "quillon-device " << QUILLON_VERSION << '\n';
+                return 0;
+            default:
+                return refuseUsage(std::string("wrong option or no value: ") + argv[optind - 1]);
+        }
+    }
+    return std::nullopt;
+}
+
+int runVerb(const std::string& verb, const Options& options, Command command)
+{
+    if (verb == "run") {
+        return command.arguments.empty() ? refuseUsage("no command to run")
+                                         : runCommand(options, std::move(command));
+    }
+    if (!command.arguments.empty()) {
+        return refuseUsage("what is " + command.arguments.front() + "?");
+    }
+    if (verb == "shell") {
+        command.arguments = {shellOfUser()};
+        return runCommand(options, std::move(command));
+    }
+    return verb == "info" ? showInfo() : refuseUsage("no such verb: " + verb);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    occupyStandardDescriptors();
+    Options options;
+    if (argc < 2) {
+        return refuseUsage("no verb");
+    }
+    const bool hasVerb = argv[1][0] != '-';
+    const int skipped = hasVerb ? 1 : 0;
+    if (const auto status = parseOptions(argc - skipped, argv + skipped, options)) {
+        return *status;
+    }
+    if (!hasVerb) {
+        return refuseUsage("no verb");
+    }
+    Command command;
+    command.arguments.assign(argv + skipped + optind, argv + argc);
+    return runVerb(argv[1], options, std::move(command));
+}

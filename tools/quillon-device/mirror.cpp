@@ -1,0 +1,97 @@
+#include "mirror.h"
+
+#include <fcntl.h>
+#include <sys/mount.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "device-paths.h"
+#include "mounts.h"
+#include "setup-error.h"
+#include "unique-fd.h"
+
+namespace fs = std::filesystem;
+
+namespace quillon::device {
+
+namespace {
+
+bool contains(const std::vector<std::string>& list, const std::string& item)
+{
+    return std::find(list.begin(), list.end(), item) != list.end();
+}
+
+bool isOnTheWay(const std::string& folder, const std::vector<std::string>& folders)
+{
+    return std::any_of(folders.begin(), folders.end(),
+                       [&](const std::string& goal) { return isWithin(goal, folder); });
+}
+
+bool staysWritable(const std::string& host, fs::perms mode)
+{
+    return isWithin(host, "/tmp") || (mode & fs::perms::others_write) != fs::perms::none;
+}
+
+void bindEntry(const std::string& host, const std::string& target, const fs::file_status& status)
+{
+    if (fs::is_directory(status)) {
+        makeFolderLike(target, host);
+    } else if (!UniqueFd(::open(target.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600))) {
+        failWithErrno(target);
+    }
+    if (::mount(host.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+        std::error_code ignored;  // the entry went away meanwhile, as entries of /tmp do
+        fs::remove(target, ignored);
+        return;
+    }
+    if (!staysWritable(host, status.permissions())) {
+        makeReadOnly(target);
+    }
+}
+
+void copyLink(const std::string& host, const std::string& target)
+{
+    std::error_code gone;
+    const fs::path goal = fs::read_symlink(host, gone);
+    if (!gone) {
+        fs::create_symlink(goal, target);
+    }
+}
+
+void mirrorEntry(const std::string& host, const std::string& target,
+                 const std::vector<std::string>& folders, const std::vector<std::string>& hidden)
+{
+    std::error_code gone;
+    const fs::file_status status = fs::symlink_status(host, gone);
+    if (contains(hidden, host)) {
+        if (fs::is_directory(status)) {
+            makeFolderLike(target, host);
+        }
+    } else if (fs::is_symlink(status)) {
+        copyLink(host, target);
+    } else if (fs::is_directory(status) && isOnTheWay(host, folders)) {
+        mirrorFolder(host, target, folders, hidden);
+    } else if (fs::exists(status)) {
+        bindEntry(host, target, status);
+    }
+}
+
+}  // namespace
+
+void mirrorFolder(const std::string& host, const std::string& mirror,
+                  const std::vector<std::string>& folders, const std::vector<std::string>& hidden)
+{
+    makeFolderLike(mirror, host);
+    for (const fs::directory_entry& entry : fs::directory_iterator(host)) {
+        mirrorEntry(entry.path().string(), mirror + "/" + entry.path().filename().string(), folders,
+                    hidden);
+    }
+    for (const std::string& folder : folders) {
+        if (folder != host && isWithin(folder, host)) {
+            fs::create_directories(mirror + folder.substr(host.size()));
+        }
+    }
+}
+
+}  // namespace quillon::device

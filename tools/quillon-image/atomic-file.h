@@ -1,0 +1,42 @@
+#ifndef QUILLON_TOOLS_QUILLON_IMAGE_ATOMIC_FILE_H
+#define QUILLON_TOOLS_QUILLON_IMAGE_ATOMIC_FILE_H
+
+#include <cstddef>
+#include <string>
+
+namespace quillon {
+
+/// Who may read a file that is written.
+enum class Audience {
+    OwnerOnly,  ///< mode 0600
+    Everyone    ///< mode 0644
+};
+
+/// A file that appears under its name whole or not at all.
+///
+/// The bytes go to a temporary file in the same folder; commit() brings them to the disk and gives
+/// them the name. Without commit() nothing remains.
+/// Failures are ImageErrors with ImageFault::File that name the file.
+class AtomicFile
+{
+public:
+    AtomicFile(const std::string& path, Audience audience);
+    ~AtomicFile();
+    AtomicFile(const AtomicFile&) = delete;
+    AtomicFile& operator=(const AtomicFile&) = delete;
+
+    void write(const unsigned char* data, std::size_t length);
+    void commit();
+
+private:
+    std::string _path;
+    std::string _temporary;
+    int _descriptor = -1;
+};
+
+/// Writes a whole file through AtomicFile.
+void writeFile(const std::string& path, const std::string& content, Audience audience);
+
+}  // namespace quillon
+
+#endif

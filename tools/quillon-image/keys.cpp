@@ -1,0 +1,154 @@
+#include "keys.h"
+
+#include <openssl/pem.h>
+#include <openssl/rand.h>
+#include <openssl/rsa.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "atomic-file.h"
+#include "hex-text.h"
+#include "image-error.h"
+#include "provisioning-package.h"
+#include "public-key.h"
+#include "regular-file.h"
+
+namespace quillon {
+namespace {
+
+constexpr std::size_t kLargestFile = 65536;
+constexpr std::size_t kImageKeyItemSize = 32;
+constexpr std::size_t kUsedItemSize = 16;
+constexpr unsigned kSigningKeyBits = 4096;
+constexpr char kImageKeyItem[] = "quillon";
+
+[[noreturn]] void refuseToCreate(const char* what)
+{
+    throw ImageError(ImageFault::Key, std::string(what) + " cannot be made");
+}
+
+std::string takeText(BIO* bio)
+{
+    char* text = nullptr;
+    const long length = BIO_get_mem_data(bio, &text);
+    return length > 0 ? std::string(text, static_cast<std::size_t>(length)) : std::string();
+}
+
+std::string privateKeyText(EVP_PKEY* key)
+{
+    const UniqueBio bio(BIO_new(BIO_s_secmem()));
+    if (!bio ||
+        PEM_write_bio_PKCS8PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr) != 1) {
+        refuseToCreate("signing key");
+    }
+    return takeText(bio.get());
+}
+
+std::string publicKeyText(EVP_PKEY* key)
+{
+    const UniqueBio bio(BIO_new(BIO_s_mem()));
+    if (!bio || PEM_write_bio_PUBKEY(bio.get(), key) != 1) {
+        refuseToCreate("public key");
+    }
+    return takeText(bio.get());
+}
+
+std::string createImageKeyItem()
+{
+    std::string item(kImageKeyItemSize, '\0');
+    if (RAND_priv_bytes(reinterpret_cast<unsigned char*>(item.data()),
+                        static_cast<int>(item.size())) != 1) {
+        refuseToCreate("image key");
+    }
+    return item;
+}
+
+void makeFolder(const std::filesystem::path& folder)
+{
+    std::error_code error;
+    std::filesystem::create_directories(folder, error);
+    if (error) {
+        throw ImageError(ImageFault::File,
+                         folder.string() + ": cannot be made: " + error.message());
+    }
+}
+
+void requireNoKeys(const std::filesystem::path& folder)
+{
+    for (const char* name :
+         {kSigningKeyFile, kPublicKeyFile, kImageKeyFile, kProvisioningPackageFile}) {
+        const std::filesystem::path file = folder / name;
+        std::error_code error;
+        if (std::filesystem::symlink_status(file, error).type() !=
+            std::filesystem::file_type::not_found) {
+            throw ImageError(ImageFault::File, file.string() + ": exists already");
+        }
+    }
+}
+
+}  // namespace
+
+ImageKey imageKeyOf(const std::string& item)
+{
+    if (item.size() < kUsedItemSize) {
+        throw ImageError(ImageFault::Key, "image key has " + std::to_string(item.size()) +
+                                              " bytes, at least 16 are needed");
+    }
+    const std::string text =
+        hexText(reinterpret_cast<const unsigned char*>(item.data()), kUsedItemSize);
+    ImageKey key{};
+    std::copy(text.begin(), text.end(), key.begin());
+    return key;
+}
+
+ImageKey loadImageKey(const std::string& path)
+{
+    const std::string item = readSmallFile(path, kLargestFile);
+    try {
+        return imageKeyOf(item);
+    } catch (const ImageError& error) {
+        throw ImageError(error.fault(), path + ": " + error.what());
+    }
+}
+
+UniqueKey loadSigningKey(const std::string& path)
+{
+    const std::string text = readSmallFile(path, kLargestFile);
+    const UniqueBio source(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+    UniqueKey key;
+    if (source) {
+        key.reset(PEM_read_bio_PrivateKey(source.get(), nullptr, &refusePassPhrase, nullptr));
+    }
+    if (!key) {
+        throw ImageError(ImageFault::Key,
+                         path + ": not a private key in PEM form without a pass phrase");
+    }
+    if (!isRsa4096(key.get())) {
+        throw ImageError(ImageFault::Key, path + ": not an RSA key of 4096 bits");
+    }
+    return key;
+}
+
+void createKeys(const std::string& folder, bool replace)
+{
+    const std::filesystem::path place(folder);
+    makeFolder(place);
+    if (!replace) {
+        requireNoKeys(place);
+    }
+
+    const UniqueKey key(EVP_RSA_gen(kSigningKeyBits));
+    if (!key) {
+        refuseToCreate("signing key");
+    }
+    const std::string item = createImageKeyItem();
+
+    writeFile(place / kSigningKeyFile, privateKeyText(key.get()), Audience::OwnerOnly);
+    writeFile(place / kPublicKeyFile, publicKeyText(key.get()), Audience::Everyone);
+    writeFile(place / kImageKeyFile, item, Audience::OwnerOnly);
+    writeFile(place / kProvisioningPackageFile, encodeProvisioningPackage(kImageKeyItem, item),
+              Audience::OwnerOnly);
+}
+
+}  // namespace quillon

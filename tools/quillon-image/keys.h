@@ -1,0 +1,46 @@
+#ifndef QUILLON_TOOLS_QUILLON_IMAGE_KEYS_H
+#define QUILLON_TOOLS_QUILLON_IMAGE_KEYS_H
+
+#include <array>
+#include <string>
+
+#include "openssl-handle.h"
+
+namespace quillon {
+
+/// The AES-256 key that enciphers images.
+using ImageKey = std::array<unsigned char, 32>;
+
+/// Derives the key of the images from a device's secure-storage item.
+///
+/// The service takes the first 32 characters of the item's lowercase hexadecimal text, as they
+/// stand, for the key. Only the first 16 bytes of the item therefore matter.
+/// @param item  raw bytes, at least 16
+/// @throws ImageError with ImageFault::Key when the item is shorter.
+ImageKey imageKeyOf(const std::string& item);
+
+/// Reads an item file and derives its key.
+/// @throws ImageError: ImageFault::File or ImageFault::Key, naming the file.
+ImageKey loadImageKey(const std::string& path);
+
+/// Reads a signing key: an RSA-4096 private key in PEM form without a pass phrase.
+/// @return the key, never null.
+/// @throws ImageError: ImageFault::File or ImageFault::Key, naming the file.
+UniqueKey loadSigningKey(const std::string& path);
+
+/// The files that createKeys makes in its folder.
+constexpr char kSigningKeyFile[] = "signing-key.pem";        ///< private; stays with the maker
+constexpr char kPublicKeyFile[] = "signing-key.pub.pem";     ///< for the trusted-keys folder
+constexpr char kImageKeyFile[] = "image-key.bin";            ///< the secure-storage item
+constexpr char kProvisioningPackageFile[] = "00000066.bin";  ///< brings the item to a device
+
+/// Makes a new signing key, a new image key and the package that provisions it.
+///
+/// The folder is made when it is missing. All secret files are readable by their owner only.
+/// @param replace  false: when any of the four files exists, nothing is written
+/// @throws ImageError: ImageFault::File, naming the file.
+void createKeys(const std::string& folder, bool replace);
+
+}  // namespace quillon
+
+#endif

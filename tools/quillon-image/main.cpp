@@ -1,0 +1,133 @@
+#include <CLI/CLI.hpp>
+#include <exception>
+#include <iostream>
+#include <string>
+
+#include "image-error.h"
+#include "verbs.h"
+
+namespace {
+
+using quillon::ImageError;
+using quillon::ImageFault;
+
+constexpr char kExitCodes[] =
+    "Exit codes: 0 done; 2 wrong command line; 3 a file cannot be read or written;\n"
+    "4 not a stick image, or too large for one; 5 signature missing or wrong;\n"
+    "6 key wrong or unusable.";
+
+CLI::App* addVerb(CLI::App& app, const char* name, const char* what, bool& json)
+{
+    CLI::App* verb = app.add_subcommand(name, what);
+    verb->add_flag("--json", json, "say the result as one JSON object");
+    verb->footer(kExitCodes);
+    return verb;
+}
+
+void addKeygen(CLI::App& app, quillon::KeygenOptions& options)
+{
+    CLI::App* verb = addVerb(app, "keygen", "make signing key, image key and provisioning package",
+                             options.json);
+    verb->add_option("DIR", options.folder, "folder for the keys")->required();
+    verb->add_flag("--force", options.force, "replace keys that are there");
+    verb->callback([&options] { quillon::keygen(options); });
+}
+
+void addBuild(CLI::App& app, quillon::BuildOptions& options)
+{
+    CLI::App* verb =
+        addVerb(app, "build", "make an enciphered and signed stick image", options.json);
+    CLI::Option* module =
+        verb->add_option("--module", options.module, "the module's firmware name, for --stick");
+    verb->add_option("--version", options.version, "the payload's version")->required();
+    verb->add_option("--payload", options.payload, "file with the firmware")->required();
+    verb->add_option("--key", options.key, "image key file (image-key.bin)")->required();
+    verb->add_option("--sign", options.signingKey, "signing key file (signing-key.pem)")
+        ->required();
+    CLI::Option_group* place = verb->add_option_group("place", "one of");
+    place->add_option("--output", options.output, "the image file");
+    place->add_option("--stick", options.stick, "folder of a stick; the image is DIR/NAME.bin")
+        ->needs(module);
+    place->require_option(1);
+    verb->callback([&options] { quillon::build(options); });
+}
+
+void addInfo(CLI::App& app, quillon::InfoOptions& options)
+{
+    CLI::App* verb = addVerb(app, "info", "tell what an image says about itself", options.json);
+    verb->add_option("FILE", options.image, "the image")->required();
+    verb->add_option("--key", options.key, "image key file: tell the version as well");
+    verb->callback([&options] { quillon::info(options); });
+}
+
+void addVerify(CLI::App& app, quillon::VerifyOptions& options)
+{
+    CLI::App* verb = addVerb(app, "verify", "check an image's signature", options.json);
+    verb->add_option("FILE", options.image, "the image")->required();
+    CLI::Option_group* keys = verb->add_option_group("keys", "one of");
+    keys->add_option("--trusted", options.trustedFolder, "folder with public keys, *.pem");
+    keys->add_option("--public", options.publicKey, "public key file");
+    keys->require_option(1);
+    verb->callback([&options] { quillon::verify(options); });
+}
+
+void addExtract(CLI::App& app, quillon::ExtractOptions& options)
+{
+    CLI::App* verb =
+        addVerb(app, "extract", "decipher an image; its signature is not checked", options.json);
+    verb->add_option("FILE", options.image, "the image")->required();
+    verb->add_option("--key", options.key, "image key file")->required();
+    verb->add_option("--output", options.output, "file for the payload")->required();
+    verb->callback([&options] { quillon::extract(options); });
+}
+
+int fail(ImageFault fault, const std::string& reason)
+{
+    std::cerr << "quillon-image: " << reason << '\n';
+    return static_cast<int>(fault);
+}
+
+int run(int argc, char** argv)
+{
+    quillon::KeygenOptions keygen;
+    quillon::BuildOptions build;
+    quillon::InfoOptions info;
+    quillon::VerifyOptions verify;
+    quillon::ExtractOptions extract;
+
+    CLI::App app("Makes and reads the images that Quillon installs from a USB stick.",
+                 "quillon-image");
+    app.set_version_flag("--version", "quillon-image " QUILLON_VERSION);
+    app.require_subcommand(1);
+    app.footer(kExitCodes);
+    addKeygen(app, keygen);
+    addBuild(app, build);
+    addInfo(app, info);
+    addVerify(app, verify);
+    addExtract(app, extract);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& wish) {  // --help and --version
+        app.exit(wish);
+    } catch (const CLI::ParseError& error) {
+        return fail(ImageFault::Usage, std::string(error.what()) + " (see --help)");
+    }
+    if (!std::cout.flush()) {
+        return fail(ImageFault::File, "standard output cannot be written");
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const ImageError& error) {
+        return fail(error.fault(), error.what());
+    } catch (const std::exception& error) {
+        return fail(ImageFault::File, error.what());
+    }
+}

@@ -1,0 +1,353 @@
+#include "stick-image.h"
+
+#include <openssl/evp.h>
+#include <openssl/rand.h>
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "atomic-file.h"
+#include "image-error.h"
+#include "public-key.h"
+#include "regular-file.h"
+#include "signed-file.h"
+#include "trusted-keys.h"
+
+namespace quillon {
+namespace {
+
+constexpr std::size_t kChunkSize = 65536;
+constexpr std::size_t kSmallestImage = kInitialisationVectorSize + kCipherBlockSize + kTrailerSize;
+
+/// Longest firmware name: the package identifier has at most 127 characters, "emp" among them.
+constexpr std::size_t kLongestModule = 124;
+
+using VersionHeader = std::array<unsigned char, kVersionHeaderSize>;
+
+bool isPrintable(unsigned char character)
+{
+    return character >= 0x20 && character <= 0x7E;
+}
+
+bool isLetterOrDigit(unsigned char character)
+{
+    return (character >= '0' && character <= '9') || (character >= 'A' && character <= 'Z') ||
+           (character >= 'a' && character <= 'z');
+}
+
+VersionHeader encodeVersion(const std::string& version)
+{
+    if (version.empty() || version.size() > kLongestVersion ||
+        !std::all_of(version.begin(), version.end(), isPrintable)) {
+        throw ImageError(ImageFault::Usage, "a version has 1 to 63 printable ASCII characters");
+    }
+    VersionHeader header{};
+    std::copy(version.begin(), version.end(), header.begin());
+    return header;
+}
+
+/// A wrong key leaves noise here, which is never text followed by NULs only.
+std::string decodeVersion(const VersionHeader& header, const std::string& path)
+{
+    const auto* const end = std::find(header.begin(), header.end(), '\0');
+    const bool padded =
+        end != header.end() && std::all_of(end, header.end(), [](auto byte) { return byte == 0; });
+    if (!padded || end == header.begin() || !std::all_of(header.begin(), end, isPrintable)) {
+        throw ImageError(ImageFault::Key, path + ": wrong image key: no version header comes out");
+    }
+    return {header.begin(), end};
+}
+
+/// AES-256-CBC with PKCS#7 padding, in one direction.
+class Cipher
+{
+public:
+    enum Direction { Decipher = 0, Encipher = 1 };
+
+    Cipher(const ImageKey& key, const InitialisationVector& vector, Direction direction)
+        : _context(EVP_CIPHER_CTX_new())
+    {
+        if (!_context || EVP_CipherInit_ex(_context.get(), EVP_aes_256_cbc(), nullptr, key.data(),
+                                           vector.data(), direction) != 1) {
+            throw ImageError(ImageFault::Key, "AES-256-CBC cannot be set up");
+        }
+    }
+
+    /// @return the output bytes; valid until the next call.
+    const std::vector<unsigned char>& update(const unsigned char* data, std::size_t length)
+    {
+        _output.resize(length + kCipherBlockSize);
+        int written = 0;
+        if (EVP_CipherUpdate(_context.get(), _output.data(), &written, data,
+                             static_cast<int>(length)) != 1) {
+            throw ImageError(ImageFault::Key, "AES-256-CBC failed");
+        }
+        _output.resize(static_cast<std::size_t>(written));
+        return _output;
+    }
+
+    /// Ends the stream.
+    /// @param output  receives the last bytes
+    /// @return false when deciphering and the padding is wrong.
+    bool finish(std::vector<unsigned char>& output)
+    {
+        output.resize(kCipherBlockSize);
+        int written = 0;
+        const bool good = EVP_CipherFinal_ex(_context.get(), output.data(), &written) == 1;
+        output.resize(good ? static_cast<std::size_t>(written) : 0);
+        return good;
+    }
+
+private:
+    UniqueCipher _context;
+    std::vector<unsigned char> _output;
+};
+
+/// A file that is signed while it is written.
+class SignedOutput
+{
+public:
+    SignedOutput(const std::string& path, EVP_PKEY* key)
+        : _file(path, Audience::Everyone), _digest(EVP_MD_CTX_new()), _keyId(keyIdOf(key))
+    {
+        EVP_PKEY_CTX* padding = nullptr;  // belongs to the digest
+        if (!_digest ||
+            EVP_DigestSignInit(_digest.get(), &padding, EVP_sha256(), nullptr, key) != 1 ||
+            !useImagePadding(padding)) {
+            throw ImageError(ImageFault::Key, "signing key cannot sign");
+        }
+    }
+
+    void write(const unsigned char* data, std::size_t length)
+    {
+        _size += length;
+        if (_size + kTrailerSize > kLargestImage) {
+            throw ImageError(ImageFault::Format, "payload too large: an image stays below 2 GiB");
+        }
+        if (EVP_DigestSignUpdate(_digest.get(), data, length) != 1) {
+            throw ImageError(ImageFault::Key, "signing key cannot sign");
+        }
+        _file.write(data, length);
+    }
+
+    void write(const std::vector<unsigned char>& data) { write(data.data(), data.size()); }
+
+    void commit()
+    {
+        ImageTrailer trailer;
+        trailer.keyId = _keyId;
+        std::size_t length = trailer.signature.size();
+        if (EVP_DigestSignFinal(_digest.get(), trailer.signature.data(), &length) != 1 ||
+            length != trailer.signature.size()) {
+            throw ImageError(ImageFault::Key, "signing key cannot sign");
+        }
+        const TrailerBytes bytes = encodeTrailer(trailer);
+        _file.write(bytes.data(), bytes.size());
+        _file.commit();
+    }
+
+private:
+    AtomicFile _file;
+    UniqueDigest _digest;
+    KeyId _keyId;
+    std::uint64_t _size = 0;
+};
+
+/// Hands a range of a file to a consumer, piece by piece.
+template <typename Consumer>
+void readInPieces(const RegularFile& file, std::uint64_t offset, std::uint64_t end,
+                  Consumer consume)
+{
+    std::vector<unsigned char> chunk(kChunkSize);
+    while (offset < end) {
+        const auto length =
+            static_cast<std::size_t>(std::min<std::uint64_t>(chunk.size(), end - offset));
+        file.readAt(offset, chunk.data(), length);
+        consume(chunk.data(), length);
+        offset += length;
+    }
+}
+
+void requirePossibleSize(const RegularFile& file)
+{
+    const std::string start =
+        file.path() + ": not a stick image: " + std::to_string(file.size()) + " bytes ";
+    if (file.size() < kSmallestImage) {
+        throw ImageError(ImageFault::Format, start + "are too few");
+    }
+    if (file.size() > kLargestImage) {
+        throw ImageError(ImageFault::Format, start + "are too many, an image stays below 2 GiB");
+    }
+    if ((file.size() - kSmallestImage) % kCipherBlockSize != 0) {
+        throw ImageError(ImageFault::Format, start + "leave no whole number of cipher blocks");
+    }
+}
+
+/// @return the image, whose size and trailer header are right.
+SignedFile openStickImage(const std::string& path)
+{
+    // Looked at first, since "not a stick image" tells more than "no signature".
+    requirePossibleSize(RegularFile(path));
+    return SignedFile(path);
+}
+
+InitialisationVector readVector(const SignedFile& image)
+{
+    InitialisationVector vector{};
+    image.file().readAt(0, vector.data(), vector.size());
+    return vector;
+}
+
+/// Divides the deciphered stream: the version header is kept, the payload goes to the file.
+class PlaintextSplitter
+{
+public:
+    PlaintextSplitter(const std::string& imagePath, AtomicFile& payload)
+        : _imagePath(imagePath), _payload(payload)
+    {
+    }
+
+    void take(const std::vector<unsigned char>& plaintext)
+    {
+        const std::size_t missing = kVersionHeaderSize - _headerLength;
+        const std::size_t length = std::min(missing, plaintext.size());
+        std::copy_n(plaintext.data(), length, _header.data() + _headerLength);
+        _headerLength += length;
+        _payload.write(plaintext.data() + length, plaintext.size() - length);
+        if (missing > 0 && _headerLength == kVersionHeaderSize) {
+            _version =
+                decodeVersion(_header, _imagePath);  // a wrong key is found before the long rest
+        }
+    }
+
+    const std::string& version() const
+    {
+        if (_headerLength < kVersionHeaderSize) {
+            throw ImageError(ImageFault::Format,
+                             _imagePath + ": not a stick image: no whole version header");
+        }
+        return _version;
+    }
+
+private:
+    std::string _imagePath;
+    AtomicFile& _payload;
+    VersionHeader _header{};
+    std::size_t _headerLength = 0;
+    std::string _version;
+};
+
+InitialisationVector randomVector()
+{
+    InitialisationVector vector{};
+    if (RAND_bytes(vector.data(), static_cast<int>(vector.size())) != 1) {
+        throw ImageError(ImageFault::Key, "no random numbers for the initialisation vector");
+    }
+    return vector;
+}
+
+}  // namespace
+
+void buildStickImage(const std::string& version, const std::string& payloadPath,
+                     const ImageKey& imageKey, EVP_PKEY* signingKey, const std::string& outputPath)
+{
+    const VersionHeader header = encodeVersion(version);
+    const InitialisationVector vector = randomVector();
+    const RegularFile payload(payloadPath);
+    if (payload.size() > kLargestImage - kSmallestImage - kVersionHeaderSize) {
+        throw ImageError(ImageFault::Format,
+                         payloadPath + ": too large: an image stays below 2 GiB");
+    }
+
+    Cipher cipher(imageKey, vector, Cipher::Encipher);
+    SignedOutput output(outputPath, signingKey);
+    output.write(vector.data(), vector.size());
+    output.write(cipher.update(header.data(), header.size()));
+    readInPieces(payload, 0, payload.size(), [&](const unsigned char* data, std::size_t length) {
+        output.write(cipher.update(data, length));
+    });
+    std::vector<unsigned char> lastBlock;
+    cipher.finish(lastBlock);
+    output.write(lastBlock);
+    output.commit();
+}
+
+std::string stickImagePath(const std::string& directory, const std::string& module)
+{
+    if (module.empty() || module.size() > kLongestModule ||
+        !std::all_of(module.begin(), module.end(), isLetterOrDigit)) {
+        throw ImageError(ImageFault::Usage,
+                         "a module's name has 1 to 124 ASCII letters and digits");
+    }
+    return directory + (directory.empty() || directory.back() == '/' ? "" : "/") + module + ".bin";
+}
+
+StickImageInfo inspectStickImage(const std::string& path)
+{
+    const SignedFile image = openStickImage(path);
+    StickImageInfo info;
+    info.size = image.file().size();
+    info.ciphertextSize = image.contentSize() - kInitialisationVectorSize;
+    info.vector = readVector(image);
+    info.keyId = image.trailer().keyId;
+    return info;
+}
+
+std::string readStickImageVersion(const std::string& path, const ImageKey& imageKey)
+{
+    const SignedFile image = openStickImage(path);
+    if (image.contentSize() < kInitialisationVectorSize + kVersionHeaderSize + kCipherBlockSize) {
+        throw ImageError(ImageFault::Format, path + ": not a stick image: no whole version header");
+    }
+    // One block more than the header: the cipher keeps the latest block back until the next comes.
+    std::array<unsigned char, kVersionHeaderSize + kCipherBlockSize> start{};
+    image.file().readAt(kInitialisationVectorSize, start.data(), start.size());
+
+    Cipher cipher(imageKey, readVector(image), Cipher::Decipher);
+    const std::vector<unsigned char>& plaintext = cipher.update(start.data(), start.size());
+    VersionHeader header{};
+    std::copy_n(plaintext.begin(), header.size(), header.begin());
+    return decodeVersion(header, path);
+}
+
+std::string extractStickImage(const std::string& path, const ImageKey& imageKey,
+                              const std::string& payloadPath)
+{
+    const SignedFile image = openStickImage(path);
+    Cipher cipher(imageKey, readVector(image), Cipher::Decipher);
+    AtomicFile payload(payloadPath, Audience::OwnerOnly);
+    PlaintextSplitter splitter(path, payload);
+    readInPieces(image.file(), kInitialisationVectorSize, image.contentSize(),
+                 [&](const unsigned char* data, std::size_t length) {
+                     splitter.take(cipher.update(data, length));
+                 });
+    std::vector<unsigned char> lastBlock;
+    if (!cipher.finish(lastBlock)) {
+        throw ImageError(ImageFault::Key,
+                         path + ": wrong padding: wrong image key or damaged image");
+    }
+    splitter.take(lastBlock);
+    std::string version = splitter.version();
+    payload.commit();
+    return version;
+}
+
+void verifyStickImage(const std::string& path, const std::string& publicKeyPath)
+{
+    const UniqueKey key = loadPublicKey(publicKeyPath);
+    const SignedFile image = openStickImage(path);
+    if (keyIdOf(key.get()) != image.trailer().keyId) {
+        throw notSigned(path, "the signing key has the id " + toText(image.trailer().keyId) +
+                                  ", not that of " + publicKeyPath);
+    }
+    image.requireSignatureOf(key.get());
+}
+
+std::string verifyStickImageByFolder(const std::string& path, const std::string& folder,
+                                     const std::function<void(const std::string&)>& complain)
+{
+    return requireTrustedSignature(openStickImage(path), folder, complain);
+}
+
+}  // namespace quillon

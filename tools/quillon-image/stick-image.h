@@ -1,0 +1,89 @@
+/// The image of one module on a USB stick.
+///
+///     offset     bytes           content
+///          0        16           initialisation vector
+///         16        size - 550   AES-256-CBC ciphertext with PKCS#7 padding of:
+///                                  64 bytes  version text, NUL-terminated and NUL-padded
+///                                  the rest  payload
+///     size - 534   534           signature trailer (image-trailer.h)
+#ifndef QUILLON_TOOLS_QUILLON_IMAGE_STICK_IMAGE_H
+#define QUILLON_TOOLS_QUILLON_IMAGE_STICK_IMAGE_H
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "image-trailer.h"
+#include "keys.h"
+
+namespace quillon {
+
+constexpr std::size_t kInitialisationVectorSize = 16;
+constexpr std::size_t kCipherBlockSize = 16;
+constexpr std::size_t kVersionHeaderSize = 64;
+constexpr std::size_t kLongestVersion = kVersionHeaderSize - 1;
+
+/// The service counts an image's bytes in a 32-bit int and refuses what does not fit.
+constexpr std::uint64_t kLargestImage = 0x7FFFFFFF;
+
+using InitialisationVector = std::array<unsigned char, kInitialisationVectorSize>;
+
+/// What a stick image tells without its key.
+struct StickImageInfo
+{
+    std::uint64_t size = 0;            ///< of the whole file, in bytes
+    std::uint64_t ciphertextSize = 0;  ///< in bytes
+    InitialisationVector vector{};
+    KeyId keyId{};  ///< which key claims to have signed it
+};
+
+/// Makes a stick image out of a payload file. Works in pieces: memory does not grow with the image.
+///
+/// @param version      1 to 63 printable ASCII characters
+/// @param payloadPath  a regular file, which may be empty
+/// @param signingKey   an RSA-4096 private key
+/// @param outputPath   the image; appears whole or not at all and replaces an earlier file
+/// @throws ImageError: ImageFault::Usage for the version, ImageFault::File for either file,
+///         ImageFault::Format when the image would be too large, ImageFault::Key when the signing
+///         key cannot sign.
+void buildStickImage(const std::string& version, const std::string& payloadPath,
+                     const ImageKey& imageKey, EVP_PKEY* signingKey, const std::string& outputPath);
+
+/// @return the file's path on a stick: DIRECTORY/MODULE.bin.
+/// @param module  the module's firmware name: ASCII letters and digits
+/// @throws ImageError with ImageFault::Usage when the name cannot be a firmware name.
+std::string stickImagePath(const std::string& directory, const std::string& module);
+
+/// Reads what stands around the ciphertext. Checks sizes and the trailer's header, not the
+/// signature.
+/// @throws ImageError: ImageFault::File, ImageFault::Format, ImageFault::Signature.
+StickImageInfo inspectStickImage(const std::string& path);
+
+/// Deciphers the version header only.
+/// @return the version text.
+/// @throws ImageError as inspectStickImage, and ImageFault::Key when the header is not one.
+std::string readStickImageVersion(const std::string& path, const ImageKey& imageKey);
+
+/// Deciphers an image. Checks the version header and the padding, not the signature.
+/// @param payloadPath  receives the payload; appears whole or not at all
+/// @return the version text.
+/// @throws ImageError as readStickImageVersion.
+std::string extractStickImage(const std::string& path, const ImageKey& imageKey,
+                              const std::string& payloadPath);
+
+/// Checks an image's signature against one public key.
+/// @throws ImageError: ImageFault::File, ImageFault::Format, ImageFault::Signature, and
+///         ImageFault::Key when the key file is unusable.
+void verifyStickImage(const std::string& path, const std::string& publicKeyPath);
+
+/// Checks an image's signature against the keys (*.pem) in a folder, as a device does.
+/// @return path of the key that signed it.
+/// @param complain  called with one line for each key file that is of no use and is passed over
+/// @throws ImageError as verifyStickImage.
+std::string verifyStickImageByFolder(const std::string& path, const std::string& folder,
+                                     const std::function<void(const std::string&)>& complain);
+
+}  // namespace quillon
+
+#endif

@@ -1,0 +1,114 @@
+#include "verbs.h"
+
+#include <json/json.h>
+
+#include <filesystem>
+#include <iostream>
+
+#include "hex-text.h"
+#include "image-error.h"
+#include "keys.h"
+#include "public-key.h"
+#include "stick-image.h"
+
+namespace quillon {
+namespace {
+
+/// Says what a verb found out: a line for each entry, or one JSON object.
+void report(const Json::Value& entries, bool json)
+{
+    if (json) {
+        Json::StreamWriterBuilder writer;
+        writer["indentation"] = "";
+        std::cout << Json::writeString(writer, entries) << '\n';
+        return;
+    }
+    for (const std::string& name : entries.getMemberNames()) {
+        std::cout << name << ": " << entries[name].asString() << '\n';
+    }
+}
+
+void warn(const std::string& line)
+{
+    std::cerr << "quillon-image: " << line << '\n';
+}
+
+Json::Value describe(const std::string& path, const StickImageInfo& image)
+{
+    Json::Value entries;
+    entries["image"] = path;
+    entries["size"] = static_cast<Json::UInt64>(image.size);
+    entries["ciphertextSize"] = static_cast<Json::UInt64>(image.ciphertextSize);
+    entries["initialisationVector"] = hexText(image.vector.data(), image.vector.size());
+    entries["keyId"] = toText(image.keyId);
+    entries["trailerFormat"] = kTrailerFormat;
+    entries["signatureAlgorithm"] = "RSA-4096 PSS SHA-256";
+    return entries;
+}
+
+}  // namespace
+
+void keygen(const KeygenOptions& options)
+{
+    createKeys(options.folder, options.force);
+
+    const std::filesystem::path folder(options.folder);
+    const std::string publicKey = folder / kPublicKeyFile;
+    Json::Value entries;
+    entries["signingKey"] = (folder / kSigningKeyFile).string();
+    entries["publicKey"] = publicKey;
+    entries["keyId"] = toText(keyIdOf(loadPublicKey(publicKey).get()));
+    entries["imageKey"] = (folder / kImageKeyFile).string();
+    entries["provisioningPackage"] = (folder / kProvisioningPackageFile).string();
+    report(entries, options.json);
+}
+
+void build(const BuildOptions& options)
+{
+    const std::string path =
+        options.stick.empty() ? options.output : stickImagePath(options.stick, options.module);
+    const ImageKey imageKey = loadImageKey(options.key);
+    const UniqueKey signingKey = loadSigningKey(options.signingKey);
+    buildStickImage(options.version, options.payload, imageKey, signingKey.get(), path);
+
+    Json::Value entries = describe(path, inspectStickImage(path));
+    entries["version"] = options.version;
+    report(entries, options.json);
+}
+
+void info(const InfoOptions& options)
+{
+    Json::Value entries = describe(options.image, inspectStickImage(options.image));
+    if (!options.key.empty()) {
+        entries["version"] = readStickImageVersion(options.image, loadImageKey(options.key));
+    }
+    report(entries, options.json);
+}
+
+void verify(const VerifyOptions& options)
+{
+    std::string key = options.publicKey;
+    if (key.empty()) {
+        key = verifyStickImageByFolder(options.image, options.trustedFolder, &warn);
+    } else {
+        verifyStickImage(options.image, key);
+    }
+    Json::Value entries;
+    entries["image"] = options.image;
+    entries["signedBy"] = key;
+    report(entries, options.json);
+}
+
+void extract(const ExtractOptions& options)
+{
+    const std::string version =
+        extractStickImage(options.image, loadImageKey(options.key), options.output);
+    Json::Value entries;
+    entries["image"] = options.image;
+    entries["payload"] = options.output;
+    entries["size"] = static_cast<Json::UInt64>(std::filesystem::file_size(options.output));
+    entries["version"] = version;
+    report(entries, options.json);
+}
+
+}  // namespace quillon

@@ -1,0 +1,61 @@
+#ifndef QUILLON_TOOLS_QUILLON_IMAGE_VERBS_H
+#define QUILLON_TOOLS_QUILLON_IMAGE_VERBS_H
+
+#include <string>
+
+namespace quillon {
+
+// One function a verb. Each says on standard output what it did, as text or as one JSON object, and
+// throws ImageError when it could not. Texts left out on the command line are empty.
+
+struct KeygenOptions
+{
+    std::string folder;
+    bool force = false;
+    bool json = false;
+};
+
+struct BuildOptions
+{
+    std::string module;
+    std::string version;
+    std::string payload;
+    std::string key;
+    std::string signingKey;
+    std::string output;  ///< the image, or empty when stick is given
+    std::string stick;   ///< the stick's directory, or empty when output is given
+    bool json = false;
+};
+
+struct InfoOptions
+{
+    std::string image;
+    std::string key;  ///< empty: the version is not told
+    bool json = false;
+};
+
+struct VerifyOptions
+{
+    std::string image;
+    std::string trustedFolder;  ///< empty when publicKey is given
+    std::string publicKey;      ///< empty when trustedFolder is given
+    bool json = false;
+};
+
+struct ExtractOptions
+{
+    std::string image;
+    std::string key;
+    std::string output;
+    bool json = false;
+};
+
+void keygen(const KeygenOptions& options);
+void build(const BuildOptions& options);
+void info(const InfoOptions& options);
+void verify(const VerifyOptions& options);
+void extract(const ExtractOptions& options);
+
+}  // namespace quillon
+
+#endif

@@ -1,0 +1,22 @@
+/// How quillonctl ends. Scripts rely on these numbers; quillonctl(1) documents them.
+#ifndef QUILLON_QUILLONCTL_EXIT_CODES_H
+#define QUILLON_QUILLONCTL_EXIT_CODES_H
+
+namespace quillon {
+
+enum ExitCode : int {
+    kExitSuccess = 0,
+    kExitUsage = 2,
+    kExitNoService = 3,
+    kExitNoReply = 4,
+    kExitBusy = 5,
+    kExitUpdateFailed = 6,
+    kExitNothingToUpdate = 7,
+    kExitAlreadyUpdating = 8,
+    kExitSystem = 9,
+    kExitInterrupted = 130
+};
+
+}  // namespace quillon
+
+#endif

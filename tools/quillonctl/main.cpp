@@ -1,0 +1,132 @@
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "json-report.h"
+#include "text-report.h"
+#include "verbs.h"
+
+namespace {
+
+using namespace quillon;
+
+constexpr double kShortestTimeout = 0.001;
+constexpr double kLongestTimeout = 86400;
+
+constexpr const char* kFooter =
+    "Options may stand before or after the verb.\n"
+    "\n"
+    "Exit codes: 0 success, 2 usage, 3 service not running, 4 no reply in time,\n"
+    "5 another client is busy, 6 update failed, 7 nothing to update, 8 already\n"
+    "updating, 9 connection lost or other system error, 130 interrupted";
+
+struct Arguments
+{
+    bool json = false;
+    bool quiet = false;
+    double timeout = 0;  ///< seconds; 0: the client's own
+    std::string directory;
+};
+
+bool canRedraw()
+{
+    const char* terminal = std::getenv("TERM");
+    return isatty(STDOUT_FILENO) == 1 && terminal != nullptr && std::string(terminal) != "dumb";
+}
+
+ClientOptions clientOptions(const Arguments& arguments)
+{
+    ClientOptions options;
+    if (arguments.timeout > 0) {
+        const std::chrono::milliseconds timeout(static_cast<long>(arguments.timeout * 1000));
+        options.estimateTimeout = timeout;
+        options.startTimeout = timeout;
+        options.replyTimeout = timeout;
+    }
+    return options;
+}
+
+std::unique_ptr<Report> makeReport(const Arguments& arguments, bool redraw)
+{
+    if (arguments.json) {
+        return std::make_unique<JsonReport>();
+    }
+    return std::make_unique<TextReport>(arguments.quiet, redraw);
+}
+
+/// @return what is wrong with it; empty when nothing is
+std::string checkTimeout(const std::string& text)
+{
+    char* end = nullptr;
+    const double seconds = std::strtod(text.c_str(), &end);
+    // Put so that not-a-number fails as well.
+    const bool good = *end == '\0' && seconds >= kShortestTimeout && seconds <= kLongestTimeout;
+    return good ? std::string() : "takes seconds, from 0.001 to 86400, not \"" + text + "\"";
+}
+
+void addOptions(CLI::App& app, Arguments& arguments)
+{
+    app.set_version_flag("--version", "quillonctl " QUILLON_VERSION, "Print the version and exit");
+    auto* json = app.add_flag("--json", arguments.json, "Write one JSON object per line");
+    app.add_flag("--quiet", arguments.quiet, "Say nothing but errors")->excludes(json);
+    app.add_option("--timeout", arguments.timeout,
+                   "Wait at most this long for each reply (default: 600 for the estimate and the "
+                   "start, otherwise 5)")
+        ->check(checkTimeout)
+        ->option_text("SECONDS");
+}
+
+CLI::App* addVerb(CLI::App& app, const char* name, const char* description)
+{
+    return app.add_subcommand(name, description)->fallthrough();
+}
+
+void takeDirectory(CLI::App* verb, Arguments& arguments)
+{
+    verb->add_option("DIR", arguments.directory, "Directory of the stick with the images")
+        ->required()
+        ->option_text(" ");
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    Arguments arguments;
+    CLI::App app("Drives the firmware-update service.", "quillonctl");
+    app.footer(kFooter);
+    app.require_subcommand(1);
+    addOptions(app, arguments);
+    CLI::App* update = addVerb(app, "update", "Update from the images in a directory");
+    CLI::App* estimate = addVerb(app, "estimate", "Say how long an update would take");
+    addVerb(app, "progress", "Say how far the running update is");
+    CLI::App* stop = addVerb(app, "stop", "Make the service take no more commands");
+    takeDirectory(update, arguments);
+    takeDirectory(estimate, arguments);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == 0) {
+            return app.exit(error);  // --help and --version
+        }
+        std::cerr << "quillonctl: " << error.what() << " (see quillonctl --help)" << std::endl;
+        return kExitUsage;
+    }
+
+    const bool redraw = !arguments.json && canRedraw();
+    const std::unique_ptr<Report> report = makeReport(arguments, redraw);
+    Client client(clientOptions(arguments));
+    Verbs verbs(client, *report);
+    if (update->parsed()) {
+        return verbs.update(arguments.directory, std::chrono::milliseconds(redraw ? 250 : 1000));
+    }
+    if (estimate->parsed()) {
+        return verbs.estimate(arguments.directory);
+    }
+    return stop->parsed() ? verbs.stop() : verbs.progress();
+}

@@ -1,0 +1,97 @@
+#include "text-report.h"
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <iostream>
+
+namespace quillon {
+
+namespace {
+
+constexpr int kUsualWidth = 80;
+
+int terminalWidth()
+{
+    winsize size{};
+    const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    return known ? size.ws_col : kUsualWidth;
+}
+
+const char* describe(Progress::State state)
+{
+    switch (state) {
+        case Progress::kRunning:
+            return "The update is running";
+        case Progress::kDone:
+            return "The update finished";
+        case Progress::kFailed:
+            return "The update failed";
+        default:
+            return "No update is running";
+    }
+}
+
+}  // namespace
+
+void TextReport::line(const std::string& text)
+{
+    if (!m_quiet) {
+        std::cout << m_display.end() << text << std::endl;
+    }
+}
+
+void TextReport::earlierOutcome(const Progress& outcome)
+{
+    line(outcome.state == Progress::kDone ? "An earlier update had finished"
+                                          : "An earlier update had failed");
+}
+
+void TextReport::checking(const std::string& directory)
+{
+    line("Checking " + directory);
+}
+
+void TextReport::estimated(const Estimate& estimate)
+{
+    line(estimate.updateNeeded
+             ? "The update takes about " + std::to_string(estimate.seconds) + " s"
+             : "Nothing to update: no image is newer, or the update service has no image key");
+}
+
+void TextReport::started()
+{
+    line("The update has started");
+}
+
+void TextReport::progressed(int percent, int secondsLeft)
+{
+    if (!m_quiet) {
+        std::cout << m_display.show(percent, secondsLeft, terminalWidth()) << std::flush;
+    }
+}
+
+void TextReport::finished(int seconds)
+{
+    line("The update finished after " + std::to_string(seconds) + " s");
+}
+
+void TextReport::state(const Progress& progress)
+{
+    const bool running = progress.state == Progress::kRunning;
+    line(describe(progress.state) +
+         (running ? ", " + std::to_string(progress.percent) + " %" : std::string()));
+}
+
+void TextReport::stopped()
+{
+    line("The update service was asked to take no more commands");
+}
+
+void TextReport::error(ExitCode /*code*/, const std::string& text)
+{
+    std::cout << m_display.end() << std::flush;
+    std::cerr << "quillonctl: " << text << std::endl;
+}
+
+}  // namespace quillon

@@ -1,0 +1,46 @@
+/// What quillonctl can do, one function a verb.
+#ifndef QUILLON_QUILLONCTL_VERBS_H
+#define QUILLON_QUILLONCTL_VERBS_H
+
+#include <quillon/client.h>
+
+#include <chrono>
+#include <string>
+
+#include "exit-codes.h"
+#include "report.h"
+
+namespace quillon {
+
+/// Each verb connects the client, says everything through the report, errors included, and returns
+/// what the program exits with.
+class Verbs
+{
+public:
+    /// Both must outlive this object.
+    Verbs(Client& client, Report& report) : m_client(client), m_report(report) {}
+
+    /// Sets the directory, estimates, starts and follows the update to its end.
+    /// @param pollInterval  how often the service is asked how far it has come
+    ExitCode update(const std::string& directory, std::chrono::milliseconds pollInterval);
+    /// Sets the directory and says how long an update would take.
+    ExitCode estimate(const std::string& directory);
+    /// Says how far the update has come.
+    ExitCode progress();
+    /// Asks the service to take no more commands.
+    ExitCode stop();
+
+private:
+    ExitCode fail(const Error& error);
+    ExitCode fail(ExitCode code, const std::string& text);
+    ExitCode prepare(const std::string& directory, Estimate& estimate);
+    ExitCode makeSureNothingRuns();
+    ExitCode follow(int expectedSeconds, std::chrono::milliseconds pollInterval);
+
+    Client& m_client;
+    Report& m_report;
+};
+
+}  // namespace quillon
+
+#endif
