@@ -1,0 +1,29 @@
+#ifndef QUILLON_TESTS_MODULES_MODULE_SETTINGS_H
+#define QUILLON_TESTS_MODULES_MODULE_SETTINGS_H
+
+#include <string>
+
+#include "fakes/module-behaviour.h"
+
+/// What the test plug-in is told, and where it tells what it was asked.
+///
+/// In a process with the recording platform both are there. Elsewhere, for tests of the real
+/// daemon, the behaviour is read from /etc/quillon-test/NAME.conf at every call, and each call is
+/// appended to /tmp/quillon-test-NAME.log. README.md has the format.
+namespace quillon::test_module {
+
+/// The name under which this copy of the plug-in is installed.
+std::string ownName();
+
+/// How this copy behaves right now.
+fakes::ModuleBehaviour ownBehaviour();
+
+/// Tells of a call: `entry(arguments)`.
+void tell(const std::string& call);
+
+/// Hands a payload to the test.
+void tellPayload(const unsigned char* data, int length);
+
+}  // namespace quillon::test_module
+
+#endif

@@ -1,0 +1,109 @@
+#include "system/system-test.h"
+#include "unit/verifier/test-keys.h"
+
+namespace quillon::test {
+namespace {
+
+using std::chrono::milliseconds;
+using ::testing::IsEmpty;
+using ::testing::Optional;
+using ::testing::SizeIs;
+
+/// One module, "alpha", that misbehaves as each test says.
+class PlugInFailures : public SystemTest
+{
+protected:
+    void SetUp() override
+    {
+        SystemTest::SetUp();
+        for (const std::string& name : allModules()) {
+            removeModule(name);
+        }
+        putImage("alpha", "2.0", "payload");
+    }
+
+    static void install(const std::string& settings)
+    {
+        installTestModule("alpha", "need=1\nseconds=5\n" + settings);
+    }
+};
+
+TEST_F(PlugInFailures, AnExceptionInAnUpdateFailsThatUpdateOnly)
+{
+    for (const char* effect : {"throw", "throw-unknown"}) {
+        install(std::string("doUpdate_decryption.effect=") + effect + "\n");
+        if (!daemon.isRunning()) {
+            startDaemon();
+        }
+        EXPECT_EQ(update(), MQ_RESULT_FAILED) << effect;
+    }
+    EXPECT_THAT(daemon.logLinesWith("Error: update task exception doUpdate_decryption"), SizeIs(1));
+    EXPECT_THAT(daemon.logLinesWith("Error: update task exception of an unknown kind"), SizeIs(1));
+
+    install("");
+    EXPECT_EQ(update(), MQ_RESULT_DONE);
+}
+
+TEST_F(PlugInFailures, AnExceptionInAnEstimateEndsTheControlTaskAndTheProcessEndsInOrder)
+{
+    install("checkVersion.effect=throw\n");
+    startDaemon();
+    ASSERT_TRUE(channel->send(Channel::record(MQ_COMMAND_TIME)));
+
+    EXPECT_TRUE(daemon.logs("Error: control_task exception checkVersion"));
+    EXPECT_EQ(channel->receive(milliseconds(200)), std::nullopt);
+    EXPECT_THAT(daemon.stop(), Optional(0));
+}
+
+TEST_F(PlugInFailures, APositiveResultOfTheLastModuleCountsAsDone)
+{
+    install("doUpdate_decryption.result=7\n");
+    startDaemon();
+    EXPECT_EQ(update(), MQ_RESULT_DONE);
+    EXPECT_THAT(daemon.logLinesWith("Error: alpha Firmware doUpdate Fail 7 ("), SizeIs(1));
+}
+
+TEST_F(PlugInFailures, AModuleThatNeedsNoTimeIsUpdatedAtZeroPercent)
+{
+    install("seconds=0\ndoUpdate_decryption.delay_ms=300\n");
+    startDaemon();
+    ASSERT_EQ(start(), MQ_RESULT_ACCEPTED);
+    const auto reply = channel->ask(MQ_COMMAND_PROGRESS);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->result, MQ_RESULT_RUNNING);
+    EXPECT_EQ(reply->value, 0);
+    EXPECT_EQ(waitForRun().result, MQ_RESULT_DONE);
+}
+
+TEST_F(PlugInFailures, AMissingModuleLibraryDoesNotKeepTheOthersFromBeingUpdated)
+{
+    install("");
+    writeAll(std::string(kModules) + "broken.so", "no library at all");
+    startDaemon();
+    EXPECT_THAT(daemon.logLinesWith("Error: dlsym libfile: /usr/fwupdate/controls/broken.so"),
+                SizeIs(1));
+    EXPECT_EQ(update(), MQ_RESULT_DONE);
+}
+
+TEST_F(PlugInFailures, AnExtModuleIsNotEvenLoaded)
+{
+    install("");
+    installTestModule("EXT-beta", "");
+    startDaemon();
+    EXPECT_THAT(daemon.logLinesWith("En/Decryption Service EXT skip [EXT-beta]"), SizeIs(1));
+    EXPECT_THAT(linesOf("/tmp/quillon-test-EXT-beta.log", ""), IsEmpty());
+}
+
+TEST_F(PlugInFailures, AStopDuringAnUpdateWaitsForItsEnd)
+{
+    install("doUpdate_decryption.delay_ms=700\ncapture=/var/lib/quillon/alpha.payload\n");
+    startDaemon();
+    ASSERT_EQ(start(), MQ_RESULT_ACCEPTED);
+    ASSERT_TRUE(channel->send(Channel::record(MQ_COMMAND_STOP)));
+    EXPECT_THAT(daemon.stop(), Optional(0));
+    EXPECT_EQ(readAll("/var/lib/quillon/alpha.payload"), "payload");
+    EXPECT_THAT(daemon.logLinesWith("[ alpha update succeeded ]"), SizeIs(1));
+}
+
+}  // namespace
+}  // namespace quillon::test

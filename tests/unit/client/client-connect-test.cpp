@@ -1,0 +1,263 @@
+// Getting hold of the service: its queues, and the lock that keeps clients apart.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <quillon/client.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "client-lock.h"
+#include "unit/client/client-matchers.h"
+#include "unit/client/fake-service.h"
+
+using namespace quillon;
+using testing::HasSubstr;
+
+namespace {
+
+constexpr int kNobody = 65534;
+
+ClientOptions impatient()
+{
+    ClientOptions options;
+    options.lockTimeout = std::chrono::milliseconds(50);
+    options.replyTimeout = std::chrono::milliseconds(500);
+    return options;
+}
+
+/// A process that runs a function and then holds still until it is killed.
+class OtherProcess
+{
+public:
+    /// @param body  its result is what ready() returns
+    explicit OtherProcess(const std::function<int()>& body)
+    {
+        if (pipe(m_pipe) != 0) {
+            return;
+        }
+        m_pid = fork();
+        if (m_pid == 0) {
+            const int result = body();
+            [[maybe_unused]] const ssize_t told = write(m_pipe[1], &result, sizeof result);
+            while (true) {
+                pause();
+            }
+        }
+    }
+    ~OtherProcess()
+    {
+        kill();
+        close(m_pipe[0]);
+        close(m_pipe[1]);
+    }
+    OtherProcess(const OtherProcess&) = delete;
+    OtherProcess& operator=(const OtherProcess&) = delete;
+
+    int ready()
+    {
+        int result = -1;
+        return read(m_pipe[0], &result, sizeof result) == sizeof result ? result : -1;
+    }
+    void kill()
+    {
+        if (m_pid > 0) {
+            ::kill(m_pid, SIGKILL);
+            waitpid(m_pid, nullptr, 0);
+            m_pid = -1;
+        }
+    }
+    pid_t pid() const { return m_pid; }
+
+private:
+    int m_pipe[2] = {-1, -1};
+    pid_t m_pid = -1;
+};
+
+int connectHere()
+{
+    static Client client(impatient());
+    return static_cast<int>(client.connect().code);
+}
+
+}  // namespace
+
+class ClientConnect : public testing::Test
+{
+protected:
+    FakeService service;
+    Client client{impatient()};
+};
+
+TEST(ClientConnectWithoutService, SaysThatTheServiceIsNotRunning)
+{
+    Client client(impatient());
+
+    EXPECT_THAT(client.connect(), FailedWith(ErrorCode::kNoService, HasSubstr("not running")));
+    EXPECT_THAT(client.progress().error, FailedWith(ErrorCode::kNotConnected, testing::_));
+}
+
+TEST(ClientConnectWithoutService, DoesNotKeepTheLock)
+{
+    Client client(impatient());
+    ASSERT_TRUE(client.connect());
+
+    ClientLock lock;
+    EXPECT_THAT(lock.acquire(ClientLock::defaultPath(), Deadline(std::chrono::milliseconds(0))),
+                Succeeded());
+}
+
+TEST(ClientConnectWithoutService, RefusesQueuesOfAnotherRecordSize)
+{
+    FakeService stranger(128);
+    Client client(impatient());
+
+    EXPECT_THAT(client.connect(), FailedWith(ErrorCode::kSystem, HasSubstr("128 bytes, not 284")));
+}
+
+TEST_F(ClientConnect, SucceedsAndStaysConnectedWhenAskedAgain)
+{
+    EXPECT_THAT(client.connect(), Succeeded());
+    EXPECT_THAT(client.connect(), Succeeded());
+}
+
+TEST_F(ClientConnect, NamesTheProcessThatHoldsTheChannel)
+{
+    OtherProcess other(connectHere);
+    ASSERT_EQ(other.ready(), 0);
+
+    EXPECT_THAT(
+        client.connect(),
+        FailedWith(ErrorCode::kBusy, HasSubstr("(process " + std::to_string(other.pid()) + ")")));
+}
+
+TEST_F(ClientConnect, SucceedsOnceTheHolderWasKilled)
+{
+    OtherProcess other(connectHere);
+    ASSERT_EQ(other.ready(), 0);
+    ASSERT_THAT(client.connect(), FailedWith(ErrorCode::kBusy, testing::_));
+
+    other.kill();
+
+    EXPECT_THAT(client.connect(), Succeeded());
+}
+
+TEST_F(ClientConnect, WaitsForTheHolderAsLongAsItWasTold)
+{
+    auto holder = std::make_unique<Client>(impatient());
+    ASSERT_THAT(holder->connect(), Succeeded());
+    std::thread release([&holder] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        holder->disconnect();
+    });
+
+    ClientOptions patient;
+    patient.lockTimeout = std::chrono::seconds(10);
+    Client second(patient);
+    EXPECT_THAT(second.connect(), Succeeded());
+    release.join();
+}
+
+TEST_F(ClientConnect, LeavesTheChannelToOthersAfterDisconnecting)
+{
+    ASSERT_THAT(client.connect(), Succeeded());
+    client.disconnect();
+
+    EXPECT_EQ(OtherProcess(connectHere).ready(), 0);
+    EXPECT_THAT(client.progress().error, FailedWith(ErrorCode::kNotConnected, testing::_));
+}
+
+TEST_F(ClientConnect, IsGivenUpByItsHolderAloneWhenThatHasForked)
+{
+    ASSERT_THAT(client.connect(), Succeeded());
+    OtherProcess leavesItAlone([this] {
+        client.disconnect();
+        return 0;
+    });
+    ASSERT_EQ(leavesItAlone.ready(), 0);
+    Client second(impatient());
+    EXPECT_THAT(second.connect(), FailedWith(ErrorCode::kBusy, testing::_));
+
+    OtherProcess sharesIt([] { return 0; });
+    ASSERT_EQ(sharesIt.ready(), 0);
+    client.disconnect();
+    EXPECT_THAT(second.connect(), Succeeded());
+}
+
+TEST_F(ClientConnect, MakesTheLockFileEverybodysWhateverTheUmask)
+{
+    unlink(ClientLock::defaultPath().c_str());
+    const mode_t before = umask(077);
+    ASSERT_THAT(client.connect(), Succeeded());
+    umask(before);
+
+    struct stat status = {};
+    ASSERT_EQ(stat(ClientLock::defaultPath().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0666U);
+}
+
+TEST_F(ClientConnect, MeetsAClientOfAnotherUserAtTheSameLock)
+{
+    ASSERT_THAT(client.connect(), Succeeded());
+
+    OtherProcess other([] {
+        if (setgid(kNobody) != 0 || setuid(kNobody) != 0) {
+            return -2;
+        }
+        return connectHere();
+    });
+    const int result = other.ready();
+    if (result == -2) {
+        GTEST_SKIP() << "cannot become another user here";
+    }
+    EXPECT_EQ(result, static_cast<int>(ErrorCode::kBusy));
+    client.disconnect();
+
+    OtherProcess later([] { return setuid(kNobody) == 0 ? connectHere() : -2; });
+    EXPECT_EQ(later.ready(), 0);
+}
+
+TEST_F(ClientConnect, FollowsNoSymbolicLinkToALockFile)
+{
+    const std::string path = ClientLock::defaultPath();
+    unlink(path.c_str());
+    ASSERT_EQ(symlink("/tmp/elsewhere", path.c_str()), 0);
+
+    EXPECT_THAT(client.connect(), FailedWith(ErrorCode::kSystem, HasSubstr(path)));
+    EXPECT_NE(access("/tmp/elsewhere", F_OK), 0);
+    unlink(path.c_str());
+}
+
+TEST_F(ClientConnect, RefusesALockThatIsNoRegularFile)
+{
+    const std::string path = ClientLock::defaultPath();
+    unlink(path.c_str());
+    ASSERT_EQ(mkfifo(path.c_str(), 0666), 0);
+
+    EXPECT_THAT(client.connect(), FailedWith(ErrorCode::kSystem, HasSubstr("not a regular file")));
+    unlink(path.c_str());
+}
+
+TEST_F(ClientConnect, TakesALockFileWithGarbageInIt)
+{
+    std::ofstream(ClientLock::defaultPath()) << "-12 not a process at all, and much too long too";
+
+    EXPECT_THAT(client.connect(), Succeeded());
+}
+
+TEST_F(ClientConnect, LocksInTmpWhereRunLockIsNotEverybodys)
+{
+    struct stat before = {};
+    if (stat("/run/lock", &before) != 0) {
+        EXPECT_EQ(ClientLock::defaultPath(), "/tmp/quillon-client.lock");
+        return;
+    }
+    ASSERT_EQ(chmod("/run/lock", 01777), 0);
+    EXPECT_EQ(ClientLock::defaultPath(), "/run/lock/quillon-client.lock");
+    ASSERT_EQ(chmod("/run/lock", 0755), 0);
+    EXPECT_EQ(ClientLock::defaultPath(), "/tmp/quillon-client.lock");
+    chmod("/run/lock", before.st_mode & 07777);
+}

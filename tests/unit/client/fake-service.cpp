@@ -1,0 +1,207 @@
+#include "unit/client/fake-service.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+namespace {
+
+mqd_t makeQueue(const char* name, long messageSize)
+{
+    mq_unlink(name);
+    mq_attr attributes{};
+    attributes.mq_maxmsg = FW_MQ_MAX_MESSAGES;
+    attributes.mq_msgsize = messageSize;
+    const mqd_t queue = mq_open(name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666, &attributes);
+    if (queue == -1) {
+        throw std::runtime_error(std::string("cannot make ") + name + ": " + std::strerror(errno));
+    }
+    fchmod(queue, 0666);
+    return queue;
+}
+
+/// Short, so that the thread sees soon that it is to stop.
+timespec soon()
+{
+    timespec time{};
+    clock_gettime(CLOCK_REALTIME, &time);
+    time.tv_nsec += 20000000;
+    time.tv_sec += time.tv_nsec / 1000000000;
+    time.tv_nsec %= 1000000000;
+    return time;
+}
+
+}  // namespace
+
+FakeService::FakeService(long messageSize) : m_messageSize(messageSize)
+{
+    m_commands = makeQueue(FW_MQ_SERVICE_QUEUE, messageSize);
+    m_replies = makeQueue(FW_MQ_CONTROL_QUEUE, messageSize);
+}
+
+FakeService::~FakeService()
+{
+    end();
+}
+
+void FakeService::serve()
+{
+    m_thread = std::thread([this] { run(); });
+}
+
+void FakeService::end()
+{
+    m_stop = true;
+    if (m_thread.joinable()) {
+        m_thread.join();
+    }
+    if (m_commands != -1) {
+        mq_close(m_commands);
+        mq_close(m_replies);
+        mq_unlink(FW_MQ_SERVICE_QUEUE);
+        mq_unlink(FW_MQ_CONTROL_QUEUE);
+        m_commands = m_replies = -1;
+    }
+}
+
+void FakeService::run()
+{
+    std::vector<char> buffer(static_cast<std::size_t>(m_messageSize));
+    while (!m_stop) {
+        const timespec until = soon();
+        const ssize_t size =
+            mq_timedreceive(m_commands, buffer.data(), buffer.size(), nullptr, &until);
+        if (size != static_cast<ssize_t>(sizeof(MQData))) {
+            continue;
+        }
+        MQData request{};
+        std::memcpy(&request, buffer.data(), sizeof request);
+        {
+            const std::lock_guard<std::mutex> guard(m_mutex);
+            m_received.push_back({request, std::chrono::steady_clock::now()});
+        }
+        handle(request);
+    }
+}
+
+void FakeService::handle(const MQData& request)
+{
+    const auto own = m_handlers.find(request.command);
+    if (own != m_handlers.end()) {
+        own->second(request);
+        return;
+    }
+    switch (request.command) {
+        case MQ_COMMAND_START:
+            m_started = true;
+            reply(MQ_RESULT_ACCEPTED);
+            break;
+        case MQ_COMMAND_PROGRESS: {
+            std::deque<Answer>& script = m_started ? m_run : m_idle;
+            const Answer answer =
+                script.empty() ? Answer{MQ_RESULT_NOT_RUNNING, 0} : script.front();
+            if (!script.empty()) {
+                script.pop_front();
+            }
+            reply(answer.result, answer.value);
+            break;
+        }
+        case MQ_COMMAND_TIME:
+            reply(m_estimate.result, m_estimate.value);
+            break;
+        case MQ_COMMAND_PATH:
+            copyPath(request);
+            reply(MQ_RESULT_ACCEPTED);
+            break;
+        default:
+            break;
+    }
+}
+
+void FakeService::copyPath(const MQData& request)
+{
+    // No terminator: what an earlier, longer path left stays.
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    const std::size_t size = std::min<std::size_t>(strnlen(request.path, sizeof request.path), 127);
+    std::memcpy(m_path, request.path, size);
+}
+
+void FakeService::reply(int result, int value)
+{
+    MQData record{};
+    record.command = MQ_COMMAND_REPLY;
+    record.kind = FW_MQ_KIND;
+    record.result = result;
+    record.value = value;
+    replyRaw(&record, sizeof record);
+}
+
+void FakeService::replyRaw(const void* bytes, std::size_t size)
+{
+    std::vector<char> copy(size);
+    std::memcpy(copy.data(), bytes, size);
+    while (!m_stop) {
+        const timespec until = soon();
+        if (mq_timedsend(m_replies, copy.data(), copy.size(), 0, &until) == 0) {
+            return;
+        }
+    }
+}
+
+void FakeService::leaveCommand(int command)
+{
+    MQData record{};
+    record.command = command;
+    record.kind = FW_MQ_KIND;
+    char bytes[sizeof record];
+    std::memcpy(bytes, &record, sizeof bytes);
+    const timespec until = soon();
+    if (mq_timedsend(m_commands, bytes, sizeof bytes, 0, &until) != 0) {
+        throw std::runtime_error("cannot leave a command behind");
+    }
+}
+
+std::vector<FakeService::Received> FakeService::received() const
+{
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    return m_received;
+}
+
+std::vector<int> FakeService::commands() const
+{
+    std::vector<int> codes;
+    for (const Received& one : received()) {
+        codes.push_back(one.record.command);
+    }
+    return codes;
+}
+
+bool FakeService::waitFor(int command, std::size_t count) const
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (std::chrono::steady_clock::now() < end) {
+        const std::vector<int> codes = commands();
+        if (std::count(codes.begin(), codes.end(), command) >= static_cast<std::ptrdiff_t>(count)) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return false;
+}
+
+std::string FakeService::directory() const
+{
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    return std::string(m_path, strnlen(m_path, sizeof m_path));
+}
+
+long FakeService::unreadReplies() const
+{
+    mq_attr attributes{};
+    mq_getattr(m_replies, &attributes);
+    return attributes.mq_curmsgs;
+}

@@ -1,0 +1,97 @@
+// docs/module-tutorial.md, followed word for word: its module is written, built and updated by the
+// real service with the page's own commands.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+using ::testing::EndsWith;
+using ::testing::SizeIs;
+
+namespace quillon::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string readAll(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+/// @return the blocks of one language on a page.
+std::vector<std::string> blocksOf(const std::string& page, const std::string& language)
+{
+    const std::string opening = "```" + language + "\n";
+    std::vector<std::string> blocks;
+    for (std::size_t at = page.find(opening); at != std::string::npos;
+         at = page.find(opening, at)) {
+        at += opening.size();
+        blocks.push_back(page.substr(at, page.find("```", at) - at));
+    }
+    return blocks;
+}
+
+class Tutorial : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        std::string pattern = (fs::temp_directory_path() / "tutorial-XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        folder = pattern + "/";
+        fs::create_symlink(SOURCE_FOLDER "/include", folder + "include");
+        fs::create_symlink(SOURCE_FOLDER "/examples", folder + "examples");
+        fs::create_symlink(BUILD_FOLDER, folder + "build");
+
+        const std::string page = readAll(SOURCE_FOLDER "/docs/module-tutorial.md");
+        ASSERT_THAT(blocksOf(page, "c"), SizeIs(1));
+        commands = blocksOf(page, "sh");
+        ASSERT_THAT(commands, SizeIs(5));
+        std::ofstream(folder + "siren.c") << blocksOf(page, "c")[0];
+        std::ofstream(folder + "try.sh") << commands[3];
+    }
+
+    void TearDown() override { fs::remove_all(folder); }
+
+    int shell(const std::string& command)
+    {
+        const std::string line =
+            "cd '" + folder + "' && {\n" + command + "\n} >output 2>&1 </dev/null";
+        const int status = std::system(line.c_str());
+        output = readAll(folder + "output");
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    std::string folder;
+    std::vector<std::string> commands;
+    std::string output;
+};
+
+TEST_F(Tutorial, ItsModulesCompileWithoutAWarning)
+{
+    EXPECT_EQ(shell(commands[0]), 0);
+    EXPECT_EQ(output, "");
+    EXPECT_EQ(shell(commands[1]), 0);
+    EXPECT_EQ(output, "");
+}
+
+TEST_F(Tutorial, ItsModuleIsUpdatedByTheService)
+{
+    ASSERT_EQ(shell(commands[0]), 0) << output;
+    ASSERT_EQ(shell(commands[2]), 0) << output;
+
+    // The test is on a device of its own already, so the script runs as it is.
+    EXPECT_EQ(shell("sh try.sh"), 0) << output << readAll(folder + "service.log");
+    EXPECT_THAT(output, EndsWith("The update finished after 1 s\ninstalled: 2.0\n"));
+}
+
+}  // namespace
+}  // namespace quillon::test

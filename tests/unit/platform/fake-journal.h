@@ -1,0 +1,18 @@
+#ifndef QUILLON_TESTS_UNIT_PLATFORM_FAKE_JOURNAL_H
+#define QUILLON_TESTS_UNIT_PLATFORM_FAKE_JOURNAL_H
+
+#include <string>
+#include <vector>
+
+/// Stands in front of the machine's journal in every program that it is linked into: the platform
+/// library finds no journal, whatever the machine has, until a test sets `present`.
+struct FakeJournal
+{
+    bool present = false;
+    int result = 0;  ///< what the journal answers; below 0 it refuses
+    std::vector<std::vector<std::string>> messages;  ///< the fields of each message that it took
+};
+
+FakeJournal& fakeJournal();
+
+#endif

@@ -1,0 +1,325 @@
+#include <mqueue.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include "fakes/timeline.h"
+#include "fw-update-mqueue-manager.h"
+#include "quillon-service-client.h"
+
+using namespace quillon::fakes;
+using namespace quillon::test;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+namespace {
+
+constexpr const char* kServiceFile = "/dev/mqueue/fwupdateservice_usb";
+constexpr const char* kControlFile = "/dev/mqueue/fwupdatecontrol_usb";
+
+constexpr const char* kAttributes = "flags 0 maxmsg 10 msgsize 284 curmsgs 0";
+
+EntryMatcher Opened(const std::string& name, const std::string& result = "ok")
+{
+    return Call("mq_open(\"" + name + "\", O_RDWR|O_CREAT, 0666, " + kAttributes + ") = " + result);
+}
+
+EntryMatcher Labelled(const std::string& name, int result = 0)
+{
+    return Call(
+        "setxattr(\"/dev/mqueue" + name +
+        "\", \"security.SMACK64\", \"User::App::Shared\\0\", 18, 0) = " + std::to_string(result));
+}
+
+EntryMatcher LabelFailure(const std::string& name)
+{
+    return LogFrom(
+        "setSmackAccess", ERROR,
+        "Error: setSmackAccess Fail file [/dev/mqueue" + name + "] label [User::App::Shared]");
+}
+
+mode_t modeOf(const char* path)
+{
+    struct stat status = {};
+    EXPECT_EQ(stat(path, &status), 0) << path;
+    return status.st_mode & 07777U;
+}
+
+bool isThere(const char* path)
+{
+    struct stat status = {};
+    return stat(path, &status) == 0;
+}
+
+mq_attr attributesOf(const Queue& queue)
+{
+    mq_attr attributes{};
+    mq_getattr(queue.descriptor(), &attributes);
+    return attributes;
+}
+
+/// Queues that a service which has crashed left behind.
+void leaveQueueBehind(const char* name, long records, long size, const Record* content)
+{
+    mq_attr attributes{};
+    attributes.mq_maxmsg = records;
+    attributes.mq_msgsize = size;
+    const mqd_t queue = mq_open(name, O_RDWR | O_CREAT, 0666, &attributes);
+    ASSERT_NE(queue, -1);
+    if (content != nullptr) {
+        ASSERT_EQ(mq_send(queue, reinterpret_cast<const char*>(content->bytes.data()),
+                          content->bytes.size(), 0),
+                  0);
+    }
+    mq_close(queue);
+}
+
+class MQueueNames : public ::testing::Test
+{
+protected:
+    MQueueNames() { recordCalls({"mq_open"}); }
+    ~MQueueNames() override { EXPECT_EQ(mismatches(), ""); }
+
+    FWUpdateMQManager* manager = FWUpdateMQManager::getInstance();
+};
+
+class MQueueOpen : public ::testing::Test
+{
+protected:
+    MQueueOpen()
+    {
+        manager->setMQName("usb");
+        recordCalls({"mq_open", "setxattr"});
+    }
+    ~MQueueOpen() override { EXPECT_EQ(mismatches(), ""); }
+
+    FWUpdateMQManager* manager = FWUpdateMQManager::getInstance();
+};
+
+}  // namespace
+
+TEST_F(MQueueNames, ManagerExistsOnce)
+{
+    EXPECT_EQ(FWUpdateMQManager::getInstance(), manager);
+}
+
+TEST_F(MQueueNames, CarryTheSuffix)
+{
+    EXPECT_TRUE(manager->setMQName("usb"));
+    EXPECT_TRUE(manager->onCreate(true));
+
+    EXPECT_THAT(callTexts(), ElementsAre(StartsWith("mq_open(\"/fwupdateservice_usb\","),
+                                         StartsWith("mq_open(\"/fwupdatecontrol_usb\",")));
+}
+
+TEST_F(MQueueNames, MayCarryAnySuffix)
+{
+    EXPECT_TRUE(manager->setMQName("x"));
+    EXPECT_TRUE(manager->onCreate(true));
+
+    EXPECT_TRUE(isThere("/dev/mqueue/fwupdateservice_x"));
+    EXPECT_TRUE(isThere("/dev/mqueue/fwupdatecontrol_x"));
+}
+
+TEST_F(MQueueNames, EmptySuffixIsRefusedAndChangesNothing)
+{
+    manager->setMQName("usb");
+
+    EXPECT_FALSE(manager->setMQName(""));
+
+    EXPECT_THAT(timeline(), ElementsAre(LogFrom("setMQName", ERROR, "Error: mqName is empty")));
+    EXPECT_TRUE(manager->onCreate(true));
+    EXPECT_TRUE(isThere(kServiceFile));
+    EXPECT_TRUE(isThere(kControlFile));
+}
+
+TEST_F(MQueueNames, QueuesWithoutANameCannotBeOpened)
+{
+    EXPECT_FALSE(manager->getIsReady(true));
+
+    EXPECT_THAT(logTexts(), IsEmpty());
+}
+
+TEST_F(MQueueOpen, OwnerMakesAndLabelsOneQueueAfterTheOther)
+{
+    EXPECT_TRUE(manager->getIsReady(true));
+
+    std::vector<Entry> calls = timeline();
+    calls.erase(std::remove_if(calls.begin(), calls.end(),
+                               [](const Entry& entry) { return entry.kind == Kind::Log; }),
+                calls.end());
+    EXPECT_THAT(calls,
+                ElementsAre(Opened("/fwupdateservice_usb"),
+                            Call(StartsWith("setxattr(\"/dev/mqueue/fwupdateservice_usb\"")),
+                            Opened("/fwupdatecontrol_usb"),
+                            Call(StartsWith("setxattr(\"/dev/mqueue/fwupdatecontrol_usb\""))));
+}
+
+TEST_F(MQueueOpen, EachQueueHoldsTenRecordsOf284Bytes)
+{
+    ASSERT_TRUE(manager->getIsReady(true));
+
+    const Client client;
+    for (const Queue* queue : {&client.commands(), &client.replies()}) {
+        EXPECT_EQ(attributesOf(*queue).mq_maxmsg, 10);
+        EXPECT_EQ(attributesOf(*queue).mq_msgsize, 284);
+        EXPECT_EQ(attributesOf(*queue).mq_flags, 0);
+        EXPECT_EQ(attributesOf(*queue).mq_curmsgs, 0);
+    }
+}
+
+TEST_F(MQueueOpen, EveryoneMayUseTheQueuesWhateverTheUmask)
+{
+    umask(077);
+
+    ASSERT_TRUE(manager->getIsReady(true));
+
+    EXPECT_EQ(modeOf(kServiceFile), 0666U);
+    EXPECT_EQ(modeOf(kControlFile), 0666U);
+}
+
+TEST_F(MQueueOpen, LabelIncludesItsTerminator)
+{
+    manager->onCreate(true);
+    clear();
+
+    manager->setSmackAccess("/fwupdateservice_usb");
+
+    EXPECT_THAT(callTexts(),
+                ElementsAre(StartsWith("setxattr(\"/dev/mqueue/fwupdateservice_usb\", "
+                                       "\"security.SMACK64\", \"User::App::Shared\\0\", 18, 0)")));
+}
+
+TEST_F(MQueueOpen, FailedLabellingIsLoggedAndIgnored)
+{
+    failCall("setxattr", ENOTSUP, 2);
+
+    EXPECT_TRUE(manager->getIsReady(true));
+
+    EXPECT_THAT(
+        timeline(),
+        ElementsAre(Opened("/fwupdateservice_usb"), Labelled("/fwupdateservice_usb", -1),
+                    LabelFailure("/fwupdateservice_usb"), Opened("/fwupdatecontrol_usb"),
+                    Labelled("/fwupdatecontrol_usb", -1), LabelFailure("/fwupdatecontrol_usb")));
+}
+
+TEST_F(MQueueOpen, FailedLabellingIsSaidByTheOperation)
+{
+    failCall("setxattr", EPERM);
+
+    EXPECT_FALSE(manager->setSmackAccess("/any"));
+
+    EXPECT_THAT(timeline(), ElementsAre(Labelled("/any", -1), LabelFailure("/any")));
+}
+
+TEST_F(MQueueOpen, FailureOfTheFirstQueueEndsTheAttemptWithoutAWord)
+{
+    failCall("mq_open", EACCES);
+
+    EXPECT_FALSE(manager->getIsReady(true));
+
+    EXPECT_THAT(timeline(), ElementsAre(Opened("/fwupdateservice_usb", "failed")));
+    EXPECT_FALSE(isThere(kControlFile));
+}
+
+TEST_F(MQueueOpen, FailureOfTheSecondQueueLeavesTheFirstOpen)
+{
+    failCall("mq_open", EMFILE, 1, 1);
+
+    EXPECT_FALSE(manager->getIsReady(true));
+
+    EXPECT_THAT(callTexts(),
+                ElementsAre(StartsWith("mq_open(\"/fwupdateservice_usb\""), StartsWith("setxattr("),
+                            ::testing::AllOf(StartsWith("mq_open(\"/fwupdatecontrol_usb\""),
+                                             ::testing::EndsWith("= failed"))));
+    MQData record{};
+    EXPECT_EQ(manager->sendToService(&record), 0);
+    EXPECT_EQ(manager->sendToControl(&record), -1);
+}
+
+TEST_F(MQueueOpen, FailedAttemptIsMadeAgain)
+{
+    failCall("mq_open", EMFILE);
+    EXPECT_FALSE(manager->getIsReady(true));
+
+    EXPECT_TRUE(manager->getIsReady(true));
+
+    EXPECT_TRUE(isThere(kServiceFile));
+    EXPECT_TRUE(isThere(kControlFile));
+}
+
+TEST_F(MQueueOpen, AskingAgainOpensNothing)
+{
+    EXPECT_TRUE(manager->getIsReady(true));
+    clear();
+
+    EXPECT_TRUE(manager->getIsReady(true));
+
+    EXPECT_THAT(timeline(), IsEmpty());
+}
+
+TEST_F(MQueueOpen, QueuesLeftBehindKeepTheirContents)
+{
+    Record old = command(6);
+    old.set(100, 4711);
+    leaveQueueBehind("/fwupdateservice_usb", 10, 284, &old);
+    leaveQueueBehind("/fwupdatecontrol_usb", 10, 284, &old);
+
+    ASSERT_TRUE(manager->getIsReady(true));
+
+    Record received;
+    EXPECT_EQ(manager->receiveFormControl(reinterpret_cast<MQData*>(&received)), 284);
+    EXPECT_EQ(received, old);
+    EXPECT_EQ(manager->receiveFormService(reinterpret_cast<MQData*>(&received)), 284);
+    EXPECT_EQ(received, old);
+}
+
+TEST_F(MQueueOpen, QueuesLeftBehindKeepTheirAttributes)
+{
+    leaveQueueBehind("/fwupdateservice_usb", 3, 284, nullptr);
+    leaveQueueBehind("/fwupdatecontrol_usb", 4, 300, nullptr);
+
+    ASSERT_TRUE(manager->getIsReady(true));
+
+    const Client client;
+    EXPECT_EQ(attributesOf(client.commands()).mq_maxmsg, 3);
+    EXPECT_EQ(attributesOf(client.replies()).mq_msgsize, 300);
+}
+
+TEST_F(MQueueOpen, UserOpensWhatIsThereForItsOwnDirections)
+{
+    leaveQueueBehind("/fwupdateservice_usb", 10, 284, nullptr);
+    leaveQueueBehind("/fwupdatecontrol_usb", 10, 284, nullptr);
+    clear();
+
+    EXPECT_TRUE(manager->getIsReady(false));
+
+    EXPECT_THAT(timeline(), ElementsAre(Call("mq_open(\"/fwupdateservice_usb\", O_WRONLY) = ok"),
+                                        Call("mq_open(\"/fwupdatecontrol_usb\", O_RDONLY) = ok")));
+}
+
+TEST_F(MQueueOpen, UserMakesNoQueue)
+{
+    EXPECT_FALSE(manager->getIsReady(false));
+
+    EXPECT_THAT(timeline(),
+                ElementsAre(Call("mq_open(\"/fwupdateservice_usb\", O_WRONLY) = failed")));
+    EXPECT_FALSE(isThere(kServiceFile));
+}
+
+TEST_F(MQueueOpen, UserNeedsBothQueues)
+{
+    leaveQueueBehind("/fwupdateservice_usb", 10, 284, nullptr);
+    clear();
+
+    EXPECT_FALSE(manager->getIsReady(false));
+
+    EXPECT_THAT(timeline(),
+                ElementsAre(Call("mq_open(\"/fwupdateservice_usb\", O_WRONLY) = ok"),
+                            Call("mq_open(\"/fwupdatecontrol_usb\", O_RDONLY) = failed")));
+    EXPECT_FALSE(isThere(kControlFile));
+}

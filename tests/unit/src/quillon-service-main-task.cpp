@@ -1,0 +1,233 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <future>
+
+#include "fakes/timeline.h"
+#include "quillon-service-client.h"
+#include "quillon-service.h"
+
+using namespace quillon::fakes;
+using namespace quillon::test;
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::Eq;
+
+namespace {
+
+constexpr const char* kMarker = "/tmp/fw_update_ready_usb";
+constexpr guint kShortTick = 5;
+constexpr std::chrono::seconds kPatience{10};
+
+constexpr const char* kRegister = "smart_deadlock_register_watchdog_service(60) = ";
+constexpr const char* kNotify = "smart_deadlock_watchdog_notify() = 0";
+constexpr const char* kTimer = "g_timeout_add(10000)";
+
+void setMarker()
+{
+    const int marker = open(kMarker, O_CREAT | O_WRONLY, 0644);
+    ASSERT_NE(marker, -1);
+    close(marker);
+}
+
+void removeMarker()
+{
+    ASSERT_EQ(unlink(kMarker), 0);
+}
+
+class MainTask : public ::testing::Test
+{
+protected:
+    MainTask() { recordCalls({"g_timeout_add", "mq_send"}); }
+    ~MainTask() override
+    {
+        EXPECT_EQ(mismatches(), "");
+        if (g_main_loop != nullptr) {
+            g_main_loop_quit(g_main_loop);
+        }
+    }
+
+    /// Runs the task until its loop turns.
+    void start()
+    {
+        task = std::async(std::launch::async, firmware_main_task);
+        ASSERT_TRUE(waitForText(kTimer, kPatience));
+    }
+
+    /// Lets the same callback come far more often than every ten seconds.
+    static void tickOften()
+    {
+        GSource* timer = g_timeout_source_new(kShortTick);
+        g_source_set_callback(timer, notify_callback, nullptr, nullptr);
+        g_source_attach(timer, nullptr);
+        g_source_unref(timer);
+    }
+
+    int result()
+    {
+        if (task.wait_for(kPatience) != std::future_status::ready) {
+            ADD_FAILURE() << "the main task does not end";
+            std::_Exit(1);
+        }
+        return task.get();
+    }
+
+    OpenQueues queues;
+    Client client;
+    std::future<int> task;
+};
+
+class MainTaskTick : public MainTask
+{
+protected:
+    MainTaskTick() { g_main_loop = g_main_loop_new(nullptr, FALSE); }
+    ~MainTaskTick() override
+    {
+        g_main_loop_unref(g_main_loop);
+        g_main_loop = nullptr;
+    }
+};
+
+}  // namespace
+
+TEST_F(MainTask, EndsAtOnceWhenTheWatchdogRefuses)
+{
+    platform().watchdogRegister.always(-1);
+
+    EXPECT_EQ(firmware_main_task(), -1);
+
+    EXPECT_THAT(
+        timeline(),
+        ElementsAre(Call(kRegister + std::string("-1")),
+                    LogFrom("firmware_main_task", ERROR,
+                            "Error: [fwupdate-daemon] smart_deadlock_register_watchdog_service "
+                            "fail!\n")));
+    EXPECT_EQ(g_main_loop, nullptr);
+    EXPECT_EQ(client.commands().waiting(), 0);
+}
+
+TEST_F(MainTask, TakesAnyOtherAnswerThanZeroAsARefusal)
+{
+    platform().watchdogRegister.always(3);
+
+    EXPECT_EQ(firmware_main_task(), -1);
+}
+
+TEST_F(MainTask, ArmsATimerOfTenSecondsAndWaits)
+{
+    setMarker();
+
+    start();
+
+    EXPECT_EQ(task.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+    EXPECT_THAT(timeline(), ElementsAre(Call(kRegister + std::string("0")), Call(kTimer)));
+    ASSERT_NE(g_main_loop, nullptr);
+    EXPECT_EQ(g_main_loop_is_running(g_main_loop), TRUE);
+    EXPECT_EQ(g_main_loop_get_context(g_main_loop), g_main_context_default());
+
+    g_main_loop_quit(g_main_loop);
+    EXPECT_EQ(result(), 0);
+}
+
+TEST_F(MainTask, LivesOnWhileTheMarkerIsThere)
+{
+    setMarker();
+    start();
+    clear();
+
+    tickOften();
+
+    EXPECT_EQ(task.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+    EXPECT_GE(callTexts().size(), 3U);
+    EXPECT_THAT(callTexts(), Each(Eq(kNotify)));
+    EXPECT_THAT(logTexts(), Each(Eq("notify_callback")));
+    EXPECT_EQ(client.commands().waiting(), 0);
+
+    removeMarker();
+    EXPECT_EQ(result(), 0);
+}
+
+TEST_F(MainTask, StopsItselfAndTheControlTaskWhenTheMarkerIsGone)
+{
+    start();
+    clear();
+
+    tickOften();
+
+    EXPECT_EQ(result(), 0);
+    EXPECT_EQ(g_main_loop, nullptr);
+    EXPECT_EQ(client.commands().waiting(), 1);
+    EXPECT_EQ(client.commands().receive(), stopRecord());
+    EXPECT_THAT(
+        timeline(),
+        ElementsAre(LogFrom("notify_callback", DEBUG, "notify_callback"), Call(kNotify),
+                    Call("mq_send(\"/fwupdateservice_usb\", 284, 0) = 0"),
+                    LogFrom("notify_callback", ERROR, "check_main_loop_stop thread stop"),
+                    LogFrom("firmware_main_task", ERROR, "firmware_main_task thread stop\n")));
+}
+
+TEST_F(MainTask, EndsEvenWhenTheStopRecordCannotBeSent)
+{
+    start();
+    failCall("mq_send", EAGAIN);
+    clear();
+
+    tickOften();
+
+    EXPECT_EQ(result(), 0);
+    EXPECT_EQ(client.commands().waiting(), 0);
+    EXPECT_THAT(logTexts(), ElementsAre("notify_callback", "check_main_loop_stop thread stop",
+                                        "firmware_main_task thread stop\n"));
+}
+
+TEST_F(MainTaskTick, FeedsTheWatchdogAndNothingElseWhileTheMarkerIsThere)
+{
+    setMarker();
+
+    EXPECT_EQ(notify_callback(nullptr), TRUE);
+
+    EXPECT_THAT(timeline(),
+                ElementsAre(LogFrom("notify_callback", DEBUG, "notify_callback"), Call(kNotify)));
+    EXPECT_EQ(client.commands().waiting(), 0);
+}
+
+TEST_F(MainTaskTick, CountsAnythingAtTheMarkersPathAsTheMarker)
+{
+    ASSERT_EQ(mkdir(kMarker, 0755), 0);
+
+    EXPECT_EQ(notify_callback(nullptr), TRUE);
+
+    EXPECT_EQ(client.commands().waiting(), 0);
+}
+
+TEST_F(MainTaskTick, LooksForTheMarkerByStat)
+{
+    setMarker();
+    recordCalls({"stat"});
+
+    notify_callback(nullptr);
+
+    EXPECT_THAT(callTexts(), ElementsAre(kNotify, "stat(\"/tmp/fw_update_ready_usb\") = 0"));
+}
+
+TEST_F(MainTaskTick, DoesNotCareWhatTheWatchdogAnswers)
+{
+    setMarker();
+    platform().watchdogNotify.always(-1);
+
+    EXPECT_EQ(notify_callback(nullptr), TRUE);
+
+    EXPECT_THAT(logTexts(), ElementsAre("notify_callback"));
+}
+
+TEST_F(MainTaskTick, KeepsItsTimerAndTellsTheControlTaskToStop)
+{
+    EXPECT_EQ(notify_callback(nullptr), TRUE);
+
+    EXPECT_EQ(client.commands().receive(), stopRecord());
+    EXPECT_EQ(client.replies().waiting(), 0);
+    EXPECT_THAT(logTexts(), ElementsAre("notify_callback", "check_main_loop_stop thread stop"));
+}

@@ -1,0 +1,63 @@
+#ifndef QUILLON_TESTS_UNIT_SRC_USB_IMAGES_H
+#define QUILLON_TESTS_UNIT_SRC_USB_IMAGES_H
+
+#include <string>
+
+#include "fw-update-symbol.h"
+#include "support/device-fixture.h"
+
+namespace quillon::test {
+
+/// A device with a verifier and a stick, and one module, "alpha". Whatever an operation does with
+/// an image, it leaves no file open.
+class UsbImages : public DeviceTest
+{
+protected:
+    UsbImages() { device.addVerifier(); }
+
+    /// Installs the module and loads it. Returns what loading said.
+    int install(const Module& description)
+    {
+        device.addModule("alpha", description);
+        const int result = module.loadSymbol("alpha");
+        fakes::clear();
+        return result;
+    }
+
+    int estimate()
+    {
+        const int before = openDescriptors();
+        const int result = module.getNeedUpdateList(key, stick.path());
+        EXPECT_EQ(openDescriptors(), before) << "a file was left open";
+        return result;
+    }
+
+    int update()
+    {
+        const int before = openDescriptors();
+        const int result = module.updateUSB(key, stick.path());
+        EXPECT_EQ(openDescriptors(), before) << "a file was left open";
+        return result;
+    }
+
+    const Stick stick = device.stick();
+    FWUpdateSymbol module{"alpha"};
+
+    const fakes::EntryMatcher verified =
+        fakes::Plugin("verifyFile(null, \"/opt/media/USBDriveA/alpha.bin\", \"UserCaller\") = 1");
+    const fakes::EntryMatcher saidSigned =
+        fakes::LogFrom("uep_verify", fakes::ERROR,
+                       "[uep][UserCaller] the file is signed successfully : "
+                       "/opt/media/USBDriveA/alpha.bin\n");
+    const fakes::EntryMatcher refused =
+        fakes::Plugin("verifyFile(null, \"/opt/media/USBDriveA/alpha.bin\", \"UserCaller\") = 0");
+    const fakes::EntryMatcher saidNotSigned =
+        fakes::LogFrom("uep_verify", fakes::ERROR,
+                       "[uep][UserCaller] the file is NOT signed!! : "
+                       "/opt/media/USBDriveA/alpha.bin\n");
+    const fakes::EntryMatcher contextSet = fakes::Plugin("alpha.setContext(\"alpha\", 3, \"\")");
+};
+
+}  // namespace quillon::test
+
+#endif

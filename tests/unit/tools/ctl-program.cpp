@@ -1,0 +1,130 @@
+#include "unit/tools/ctl-program.h"
+
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <stdexcept>
+
+namespace {
+
+[[noreturn]] void execCtl(const std::vector<std::string>& arguments)
+{
+    std::vector<std::string> words = {"quillonctl"};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
+    for (std::string& word : words) {
+        argv.push_back(word.data());
+    }
+    argv.push_back(nullptr);
+    execv(QUILLONCTL_PROGRAM, argv.data());
+    _exit(127);
+}
+
+/// @return false at the end of the file
+bool readSome(int file, std::string& text)
+{
+    std::array<char, 4096> buffer{};
+    const ssize_t size = read(file, buffer.data(), buffer.size());
+    if (size > 0) {
+        text.append(buffer.data(), static_cast<std::size_t>(size));
+    }
+    return size > 0;
+}
+
+int waitForExit(pid_t pid)
+{
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace
+
+CtlProgram::CtlProgram(const std::vector<std::string>& arguments)
+{
+    int out[2];
+    int err[2];
+    if (pipe(out) != 0 || pipe(err) != 0) {
+        throw std::runtime_error("cannot make pipes");
+    }
+    m_pid = fork();
+    if (m_pid == 0) {
+        dup2(out[1], STDOUT_FILENO);
+        dup2(err[1], STDERR_FILENO);
+        for (const int file : {out[0], out[1], err[0], err[1]}) {
+            close(file);
+        }
+        execCtl(arguments);
+    }
+    close(out[1]);
+    close(err[1]);
+    m_out = out[0];
+    m_err = err[0];
+}
+
+CtlProgram::~CtlProgram()
+{
+    if (m_pid > 0) {
+        kill(m_pid, SIGKILL);
+        waitForExit(m_pid);
+    }
+    close(m_out);
+    close(m_err);
+}
+
+void CtlProgram::sendSignal(int number) const
+{
+    kill(m_pid, number);
+}
+
+CtlResult CtlProgram::finish()
+{
+    CtlResult result;
+    std::array<pollfd, 2> files{{{m_out, POLLIN, 0}, {m_err, POLLIN, 0}}};
+    while (files[0].fd != -1 || files[1].fd != -1) {
+        poll(files.data(), files.size(), -1);
+        if (files[0].revents != 0 && !readSome(m_out, result.out)) {
+            files[0].fd = -1;
+        }
+        if (files[1].revents != 0 && !readSome(m_err, result.err)) {
+            files[1].fd = -1;
+        }
+    }
+    result.exitCode = waitForExit(m_pid);
+    m_pid = -1;
+    return result;
+}
+
+CtlResult runCtl(const std::vector<std::string>& arguments)
+{
+    return CtlProgram(arguments).finish();
+}
+
+CtlResult runCtlOnTerminal(const std::vector<std::string>& arguments, unsigned short columns,
+                           const char* terminal)
+{
+    winsize size{};
+    size.ws_col = columns;
+    size.ws_row = 24;
+    int master = -1;
+    const pid_t pid = forkpty(&master, nullptr, nullptr, &size);
+    if (pid == 0) {
+        setenv("TERM", terminal, 1);
+        execCtl(arguments);
+    }
+    if (pid < 0) {
+        throw std::runtime_error("cannot make a terminal");
+    }
+    CtlResult result;
+    while (readSome(master, result.out)) {
+    }
+    result.exitCode = waitForExit(pid);
+    close(master);
+    return result;
+}

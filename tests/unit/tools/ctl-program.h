@@ -1,0 +1,45 @@
+/// Runs the real quillonctl.
+#ifndef QUILLON_TESTS_UNIT_TOOLS_CTL_PROGRAM_H
+#define QUILLON_TESTS_UNIT_TOOLS_CTL_PROGRAM_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+struct CtlResult
+{
+    int exitCode = -1;  ///< -1 when it was ended by a signal
+    std::string out;
+    std::string err;
+};
+
+/// One run of the program with its outputs in pipes. Starts in the constructor.
+class CtlProgram
+{
+public:
+    explicit CtlProgram(const std::vector<std::string>& arguments);
+    ~CtlProgram();
+    CtlProgram(const CtlProgram&) = delete;
+    CtlProgram& operator=(const CtlProgram&) = delete;
+
+    void sendSignal(int number) const;
+    /// Reads what it writes until it ends.
+    CtlResult finish();
+
+private:
+    pid_t m_pid = -1;
+    int m_out = -1;
+    int m_err = -1;
+};
+
+/// Runs the program to its end with its outputs in pipes.
+CtlResult runCtl(const std::vector<std::string>& arguments);
+
+/// Runs the program to its end on a terminal of its own.
+/// @param terminal  what TERM is set to
+/// @return everything that arrived at the terminal in `out`
+CtlResult runCtlOnTerminal(const std::vector<std::string>& arguments, unsigned short columns,
+                           const char* terminal = "xterm");
+
+#endif

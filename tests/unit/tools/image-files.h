@@ -1,0 +1,90 @@
+#ifndef QUILLON_TESTS_UNIT_TOOLS_IMAGE_FILES_H
+#define QUILLON_TESTS_UNIT_TOOLS_IMAGE_FILES_H
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <set>
+#include <string>
+
+#include "image-error.h"
+#include "unit/verifier/test-keys.h"
+
+namespace quillon::test {
+
+/// A folder of files that a test makes images in, and the means to run programs on them.
+class ImageFiles : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        std::string pattern = (std::filesystem::temp_directory_path() / "image-XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        folder = pattern + "/";
+    }
+
+    void TearDown() override { std::filesystem::remove_all(folder); }
+
+    /// Runs a shell command; what it writes goes to `out` and `err`.
+    /// @return its exit code, or -1 when a signal ended it.
+    int shell(const std::string& command)
+    {
+        const std::string redirected =
+            "{ " + command + "\n} >'" + folder + "out' 2>'" + folder + "err' </dev/null";
+        const int status = std::system(redirected.c_str());
+        out = take("out");
+        err = take("err");
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    std::string take(const std::string& name)
+    {
+        std::string content = readAll(folder + name);
+        std::filesystem::remove(folder + name);
+        return content;
+    }
+
+    std::set<std::string> names() const
+    {
+        std::set<std::string> found;
+        for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+            found.insert(entry.path().filename().string());
+        }
+        return found;
+    }
+
+    static unsigned modeOf(const std::string& path)
+    {
+        struct stat status = {};
+        EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+        return status.st_mode & 07777U;
+    }
+
+    std::string folder;  ///< ends in "/"
+    std::string out;
+    std::string err;
+};
+
+/// The class of fault that work ends with; fails the test when it ends well.
+template <typename Work>
+ImageFault faultOf(Work work, std::string* line = nullptr)
+{
+    try {
+        work();
+    } catch (const ImageError& error) {
+        if (line != nullptr) {
+            *line = error.what();
+        }
+        return error.fault();
+    }
+    ADD_FAILURE() << "no fault";
+    return ImageFault{};
+}
+
+}  // namespace quillon::test
+
+#endif

@@ -1,0 +1,117 @@
+// What keygen makes, and which key files are of use.
+
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+
+#include "hex-text.h"
+#include "provisioning-package.h"
+#include "public-key.h"
+#include "unit/tools/image-files.h"
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+namespace quillon::test {
+namespace {
+
+class ImageKeys : public ImageFiles
+{
+};
+
+std::string sha256Of(const std::string& data)
+{
+    unsigned char digest[32] = {};
+    EXPECT_EQ(EVP_Digest(data.data(), data.size(), digest, nullptr, EVP_sha256(), nullptr), 1);
+    return hexText(digest, sizeof(digest));
+}
+
+TEST_F(ImageKeys, AreFourFilesOfWhichTheSecretOnesAreTheOwnersOnly)
+{
+    createKeys(folder + "new/keys", false);
+
+    const std::string keys = folder + "new/keys/";
+    EXPECT_EQ(modeOf(keys + "signing-key.pem"), 0600U);
+    EXPECT_EQ(modeOf(keys + "signing-key.pub.pem"), 0644U);
+    EXPECT_EQ(modeOf(keys + "image-key.bin"), 0600U);
+    EXPECT_EQ(modeOf(keys + "00000066.bin"), 0600U);
+    EXPECT_EQ(readAll(keys + "image-key.bin").size(), 32U);
+    EXPECT_EQ(keyIdOf(loadSigningKey(keys + "signing-key.pem").get()),
+              keyIdOf(loadPublicKey(keys + "signing-key.pub.pem").get()));
+}
+
+TEST_F(ImageKeys, ThePackageProvisionsTheImageKeyAsTheItemQuillon)
+{
+    const std::string item = readAll(keyPath("a", kImageKeyFile));
+
+    EXPECT_EQ(readAll(keyPath("a", kProvisioningPackageFile)),
+              "QUILLON-PROVISION 1\nitem quillon\nsha256 " + sha256Of(item) + "\n\n" + item);
+}
+
+TEST_F(ImageKeys, APackageNeedsAUsableNameAndPayload)
+{
+    const auto faultWith = [](const std::string& name, const std::string& payload) {
+        return faultOf([&] { encodeProvisioningPackage(name, payload); });
+    };
+    EXPECT_EQ(faultWith("", "x"), ImageFault::Usage);
+    EXPECT_EQ(faultWith(".hidden", "x"), ImageFault::Usage);
+    EXPECT_EQ(faultWith("a/b", "x"), ImageFault::Usage);
+    EXPECT_EQ(faultWith("a\nb", "x"), ImageFault::Usage);
+    EXPECT_EQ(faultWith(std::string(65, 'a'), "x"), ImageFault::Usage);
+    EXPECT_EQ(faultWith("quillon", ""), ImageFault::Usage);
+    EXPECT_EQ(faultWith("quillon", std::string(65537, 'x')), ImageFault::Usage);
+    EXPECT_NO_THROW(encodeProvisioningPackage("A-z_0.9", std::string(65536, 'x')));
+}
+
+TEST_F(ImageKeys, ThatAreThereAreNotReplacedUnasked)
+{
+    writeAll(folder + "00000066.bin", "precious");
+
+    std::string line;
+    EXPECT_EQ(faultOf([&] { createKeys(folder, false); }, &line), ImageFault::File);
+    EXPECT_EQ(line, folder + "00000066.bin: exists already");
+    EXPECT_THAT(names(), ElementsAre("00000066.bin"));
+    EXPECT_EQ(readAll(folder + "00000066.bin"), "precious");
+
+    createKeys(folder, true);
+    EXPECT_EQ(names().size(), 4U);
+    EXPECT_NE(readAll(folder + "00000066.bin"), "precious");
+    EXPECT_EQ(modeOf(folder + "00000066.bin"), 0600U);
+}
+
+TEST_F(ImageKeys, AFolderThatCannotBeMadeIsNamed)
+{
+    writeAll(folder + "file", "");
+
+    std::string line;
+    EXPECT_EQ(faultOf([&] { createKeys(folder + "file/keys", false); }, &line), ImageFault::File);
+    EXPECT_THAT(line, HasSubstr(folder + "file/keys: cannot be made: "));
+}
+
+TEST_F(ImageKeys, ASigningKeyIsAnRsaKeyOf4096BitsWithoutAPassPhrase)
+{
+    const auto faultWith = [&](EVP_PKEY* key, const EVP_CIPHER* cipher) {
+        const std::string path = folder + "key.pem";
+        FILE* file = std::fopen(path.c_str(), "w");
+        EXPECT_NE(file, nullptr);
+        char passPhrase[] = "secret";
+        EXPECT_EQ(
+            PEM_write_PKCS8PrivateKey(file, key, cipher, cipher == nullptr ? nullptr : passPhrase,
+                                      cipher == nullptr ? 0 : 6, nullptr, nullptr),
+            1);
+        EXPECT_EQ(std::fclose(file), 0);
+        return faultOf([&] { loadSigningKey(path); });
+    };
+    const UniqueKey good = loadSigningKey(keyPath("a", kSigningKeyFile));
+    const UniqueKey shorter(EVP_RSA_gen(2048));
+    const UniqueKey elliptic(EVP_EC_gen("P-256"));
+
+    EXPECT_EQ(faultWith(shorter.get(), nullptr), ImageFault::Key);
+    EXPECT_EQ(faultWith(elliptic.get(), nullptr), ImageFault::Key);
+    EXPECT_EQ(faultWith(good.get(), EVP_aes_256_cbc()), ImageFault::Key);
+    EXPECT_EQ(faultOf([&] { loadSigningKey(keyPath("a", kPublicKeyFile)); }), ImageFault::Key);
+    EXPECT_EQ(faultOf([&] { loadSigningKey(folder + "missing"); }), ImageFault::File);
+}
+
+}  // namespace
+}  // namespace quillon::test

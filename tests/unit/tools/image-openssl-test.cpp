@@ -1,0 +1,71 @@
+// The format needs nothing of ours: the commands of docs/image-format.md, taken from that page,
+// make images that we read, and read ours.
+
+#include <vector>
+
+#include "unit/tools/image-files.h"
+
+using ::testing::SizeIs;
+
+namespace quillon::test {
+namespace {
+
+/// @return the shell commands on a page, one text for each block.
+std::vector<std::string> shellBlocksOf(const std::string& page)
+{
+    const std::string opening = "```sh\n";
+    std::vector<std::string> blocks;
+    for (std::size_t at = page.find(opening); at != std::string::npos;
+         at = page.find(opening, at)) {
+        at += opening.size();
+        blocks.push_back(page.substr(at, page.find("```", at) - at));
+    }
+    return blocks;
+}
+
+class ImageOpenssl : public ImageFiles
+{
+protected:
+    void SetUp() override
+    {
+        ImageFiles::SetUp();
+        if (shell("openssl version") != 0) {
+            GTEST_SKIP() << "openssl(1) is not installed";
+        }
+        const std::vector<std::string> blocks = shellBlocksOf(readAll(FORMAT_PAGE));
+        ASSERT_THAT(blocks, SizeIs(3));
+        const std::string start = "set -e; cd '" + folder + "'\n" + blocks[0];
+        makeCommands = start + blocks[1];
+        readCommands = start + blocks[2];
+
+        std::filesystem::create_symlink(QUILLON_TEST_KEYS "/a", folder + "keys");
+        writeAll(folder + "payload", "firmware of the tuner\n");
+    }
+
+    std::string makeCommands;
+    std::string readCommands;
+};
+
+TEST_F(ImageOpenssl, MakesAnImageThatVerifiesAndExtracts)
+{
+    ASSERT_EQ(shell(makeCommands), 0) << err;
+
+    EXPECT_NO_THROW(verifyStickImage(folder + "tuner.bin", keyPath("a", kPublicKeyFile)));
+    EXPECT_EQ(extractStickImage(folder + "tuner.bin", loadImageKey(keyPath("a", kImageKeyFile)),
+                                folder + "extracted"),
+              "2.0");
+    EXPECT_EQ(readAll(folder + "extracted"), readAll(folder + "payload"));
+}
+
+TEST_F(ImageOpenssl, VerifiesAndDeciphersAnImageOfOurs)
+{
+    makeImage(folder + "tuner.bin", "a", "2.0", "firmware of the tuner\n");
+
+    ASSERT_EQ(shell(readCommands), 0) << err;
+    EXPECT_EQ(out, "Verified OK\n");
+    EXPECT_EQ(readAll(folder + "version"), "2.0");
+    EXPECT_EQ(readAll(folder + "extracted"), readAll(folder + "payload"));
+}
+
+}  // namespace
+}  // namespace quillon::test

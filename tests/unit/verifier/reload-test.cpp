@@ -1,0 +1,139 @@
+// The library comes and goes without a trace.
+
+#include <malloc.h>
+
+#include <array>
+#include <atomic>
+#include <cstdio>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "unit/verifier/verifier-test.h"
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+namespace quillon::test {
+namespace {
+
+class Reload : public VerifierTest
+{
+protected:
+    void SetUp() override
+    {
+        VerifierTest::SetUp();
+        dlclose(library);
+        library = nullptr;
+    }
+
+    /// Loads, verifies one good and one bad file, unloads.
+    bool loadVerifyUnload()
+    {
+        void* handle = dlopen(VERIFIER_LIBRARY, RTLD_LAZY);
+        if (handle == nullptr) {
+            return false;
+        }
+        const auto check = reinterpret_cast<decltype(&verifyFile)>(dlsym(handle, "verifyFile"));
+        const bool right = check != nullptr && check(nullptr, image.c_str(), "UserCaller") == 1 &&
+                           check(nullptr, stick.c_str(), "UserCaller") == 0;
+        return dlclose(handle) == 0 && right;
+    }
+};
+
+std::size_t openFiles()
+{
+    std::size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        static_cast<void>(entry);
+        ++count;
+    }
+    return count;
+}
+
+std::string exportedSymbols()
+{
+    const std::string command = std::string(NM_PROGRAM) + " -D --defined-only " VERIFIER_LIBRARY;
+    std::string output;
+    FILE* pipe = popen(command.c_str(), "r");
+    std::array<char, 256> line{};
+    while (pipe != nullptr && std::fgets(line.data(), line.size(), pipe) != nullptr) {
+        output += std::string(line.data()).substr(17);
+    }
+    pclose(pipe);
+    return output;
+}
+
+TEST_F(Reload, NothingButTheEntryIsExported)
+{
+    EXPECT_EQ(exportedSymbols(), "T verifyFile\n");
+}
+
+TEST_F(Reload, AnUnloadedLibraryIsReallyGone)
+{
+    ASSERT_TRUE(loadVerifyUnload());
+
+    EXPECT_THAT(readAll("/proc/self/maps"), Not(HasSubstr("libkUEPUser")));
+}
+
+TEST_F(Reload, AHundredTimesGivesTheSameAnswersAndLeavesNothing)
+{
+    ::testing::internal::CaptureStderr();
+    for (int i = 0; i < 10; ++i) {
+        ASSERT_TRUE(loadVerifyUnload());  // OpenSSL fills its own caches once
+    }
+    const std::size_t files = openFiles();
+    const std::size_t memory = mallinfo2().uordblks;
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_TRUE(loadVerifyUnload()) << i;
+    }
+    EXPECT_EQ(openFiles(), files);
+    EXPECT_LT(mallinfo2().uordblks, memory + 16 * 1024);
+    ::testing::internal::GetCapturedStderr();
+}
+
+TEST_F(Reload, FromManyThreadsAtOnceGivesTheSameAnswers)
+{
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    ::testing::internal::CaptureStderr();
+    for (int i = 0; i < 8; ++i) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < 100; ++round) {
+                wrong += loadVerifyUnload() ? 0 : 1;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    ::testing::internal::GetCapturedStderr();
+
+    EXPECT_EQ(wrong, 0);
+}
+
+TEST_F(Reload, AThreadThatOutlivesTheLibraryEndsWell)
+{
+    std::atomic<bool> verified{false};
+    std::atomic<bool> unloaded{false};
+    void* handle = dlopen(VERIFIER_LIBRARY, RTLD_LAZY);
+    ASSERT_NE(handle, nullptr);
+    std::thread thread([&] {
+        const auto check = reinterpret_cast<decltype(&verifyFile)>(dlsym(handle, "verifyFile"));
+        check(nullptr, image.c_str(), "UserCaller");
+        verified = true;
+        while (!unloaded) {
+            std::this_thread::yield();
+        }
+    });
+    while (!verified) {
+        std::this_thread::yield();
+    }
+    dlclose(handle);
+    unloaded = true;
+    thread.join();  // what the thread kept for itself must not point into the library
+    EXPECT_THAT(readAll("/proc/self/maps"), Not(HasSubstr("libkUEPUser")));
+}
+
+}  // namespace
+}  // namespace quillon::test

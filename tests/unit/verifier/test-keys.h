@@ -1,0 +1,54 @@
+/// Keys and images for tests. Two makers exist, "a" and "b", each with keys of its own.
+#ifndef QUILLON_TESTS_UNIT_VERIFIER_TEST_KEYS_H
+#define QUILLON_TESTS_UNIT_VERIFIER_TEST_KEYS_H
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "keys.h"
+#include "stick-image.h"
+
+namespace quillon::test {
+
+constexpr char kTrustedKeys[] = "/etc/quillon/trusted-keys/";
+
+inline std::string keyPath(const std::string& maker, const std::string& file)
+{
+    return std::string(QUILLON_TEST_KEYS) + "/" + maker + "/" + file;
+}
+
+inline std::string readAll(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+inline void writeAll(const std::string& path, const std::string& content)
+{
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+
+/// Makes the device trust a maker's signatures.
+inline void trust(const std::string& maker)
+{
+    std::filesystem::create_directories(kTrustedKeys);
+    std::filesystem::copy_file(keyPath(maker, kPublicKeyFile), kTrustedKeys + maker + ".pem",
+                               std::filesystem::copy_options::overwrite_existing);
+}
+
+/// Makes an image that a maker enciphered and signed.
+inline void makeImage(const std::string& path, const std::string& maker, const std::string& version,
+                      const std::string& payload)
+{
+    const std::string payloadPath = path + ".payload";
+    writeAll(payloadPath, payload);
+    buildStickImage(version, payloadPath, loadImageKey(keyPath(maker, kImageKeyFile)),
+                    loadSigningKey(keyPath(maker, kSigningKeyFile)).get(), path);
+    std::filesystem::remove(payloadPath);
+}
+
+}  // namespace quillon::test
+
+#endif
