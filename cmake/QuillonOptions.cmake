@@ -33,4 +33,10 @@ if(QUILLON_SANITIZE)
     if(QUILLON_SANITIZE MATCHES "undefined")
         add_compile_options(-fno-sanitize-recover=undefined)
     endif()
+    if(QUILLON_SANITIZE MATCHES "thread")
+        # An inlined memcpy is one that ThreadSanitizer does not see.
+        add_compile_options(-fno-builtin)
+    endif()
+    # GCC takes std::regex for uninitialised under its sanitizers.
+    add_compile_options(-Wno-maybe-uninitialized)
 endif()

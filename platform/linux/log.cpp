@@ -102,6 +102,8 @@ int __dlog_print(int /*buffer*/, int priority, const char* tag, const char* form
     va_list arguments;
     va_start(arguments, format);
     if (std::strncmp(format, kLocationPrefix, kLocationPrefixLength) == 0) {
+        // The analyzer takes the list for one that was never started.
+        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
         message.file = orUnknown(va_arg(arguments, const char*));
         message.function = orUnknown(va_arg(arguments, const char*));
         message.line = va_arg(arguments, int);

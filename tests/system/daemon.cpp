@@ -118,6 +118,13 @@ std::optional<int> Daemon::waitForEnd(milliseconds timeout)
     return status_;
 }
 
+bool Daemon::freeze()
+{
+    int status = 0;
+    return isRunning() && ::kill(pid_, SIGSTOP) == 0 &&
+           ::waitpid(pid_, &status, WUNTRACED) == pid_ && WIFSTOPPED(status);
+}
+
 void Daemon::kill()
 {
     if (isRunning()) {

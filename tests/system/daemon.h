@@ -66,6 +66,10 @@ public:
     ///         time-out.
     std::optional<int> waitForEnd(std::chrono::milliseconds timeout);
 
+    /// SIGSTOP, and waits until every thread has stopped.
+    /// @return whether they did
+    bool freeze();
+
     /// SIGKILL, and waits for the end. Does nothing when no process runs.
     void kill();
 

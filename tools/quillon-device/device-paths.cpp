@@ -42,6 +42,7 @@ std::vector<std::string> serviceFolders()
         "/usr/lib/firmware/ext",
         "/usr/share/sdp",
         "/var/lib/quillon",
+        "/etc/quillon/examples",
         "/etc/quillon/trusted-keys",
     };
     if (hasOwnLibFolder()) {

@@ -71,9 +71,14 @@ void build(const BuildOptions& options)
     const UniqueKey signingKey = loadSigningKey(options.signingKey);
     buildStickImage(options.version, options.payload, imageKey, signingKey.get(), path);
 
+    if (!options.json) {
+        std::cout << path << ": version " << options.version << ", "
+                  << std::filesystem::file_size(path) << " bytes\n";
+        return;
+    }
     Json::Value entries = describe(path, inspectStickImage(path));
     entries["version"] = options.version;
-    report(entries, options.json);
+    report(entries, true);
 }
 
 void info(const InfoOptions& options)

@@ -118,7 +118,7 @@ int main(int argc, char** argv)
         return kExitUsage;
     }
 
-    const bool redraw = !arguments.json && canRedraw();
+    const bool redraw = canRedraw();
     const std::unique_ptr<Report> report = makeReport(arguments, redraw);
     Client client(clientOptions(arguments));
     Verbs verbs(client, *report);

@@ -142,8 +142,7 @@ void FakeService::reply(int result, int value)
 
 void FakeService::replyRaw(const void* bytes, std::size_t size)
 {
-    std::vector<char> copy(size);
-    std::memcpy(copy.data(), bytes, size);
+    const std::string copy(static_cast<const char*>(bytes), size);
     while (!m_stop) {
         const timespec until = soon();
         if (mq_timedsend(m_replies, copy.data(), copy.size(), 0, &until) == 0) {

@@ -113,7 +113,7 @@ TEST_F(LogOnStandardError, LeavesErrnoAsItWas)
 
 TEST_F(LogOnStandardError, CutsNoMessageHoweverLong)
 {
-    for (const std::size_t length : {0, 1, 500, 510, 511, 512, 513, 4096, 200000}) {
+    for (const std::size_t length : {0U, 1U, 500U, 510U, 511U, 512U, 513U, 4096U, 200000U}) {
         const std::string message(length, 'x');
         captured.clear();
         EXPECT_EQ(LOG(4, "T", "%s", message.c_str()), static_cast<int>(length));
@@ -124,7 +124,7 @@ TEST_F(LogOnStandardError, CutsNoMessageHoweverLong)
 TEST_F(LogOnStandardError, RefusesAMissingFormat)
 {
     const char* volatile nothing = nullptr;
-    EXPECT_LT(__dlog_print(2, 6, "T", nothing), 0);
+    EXPECT_LT(__dlog_print(2, 6, "T", nothing, 1), 0);
     EXPECT_EQ(captured.text(), "");
 }
 

@@ -140,7 +140,7 @@ TEST_F(SecureStorage, RefusesEmptyAndTooLargeItems)
 
 TEST_F(SecureStorage, RefusesAnItemThatOthersCanGetAt)
 {
-    for (const mode_t mode : {0640, 0604, 0620, 0602, 0610, 0601, 0666}) {
+    for (const mode_t mode : {0640U, 0604U, 0620U, 0602U, 0610U, 0601U, 0666U}) {
         writeFile(pathOf("quillon"), "key", mode);
         expectRefused("quillon", kExposed, "open to group or others");
     }

@@ -1,5 +1,6 @@
 // Copies of a module's record share its library, which is closed once, after the last of them.
 
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -98,6 +99,34 @@ TEST_F(SymbolCopies, AssigningOverTheLastRecordClosesItsLibrary)
 
     EXPECT_THAT(callTexts(), ElementsAre(kOpened, kClosed));
     EXPECT_EQ(module->getLibName(), "another");
+}
+
+TEST_F(SymbolCopies, ASecondLoadClosesTheLibraryOfTheFirst)
+{
+    device.addModule("beta");
+    auto module = loadedAlpha();
+
+    EXPECT_EQ(module->loadSymbol("beta"), 0);
+
+    EXPECT_THAT(
+        callTexts(),
+        ElementsAre(kOpened, "dlopen(\"/usr/fwupdate/controls/beta.so\", RTLD_NOW) = ok", kClosed));
+    EXPECT_EQ(module->getFirmwareName(), "beta");
+}
+
+TEST_F(SymbolCopies, ASecondLoadThatFailsLeavesNothingOfTheFirstToBeCalled)
+{
+    device.addModuleFile("junk", bytesOf("no library"));
+    auto module = loadedAlpha();
+
+    EXPECT_EQ(module->loadSymbol("junk"), -1);
+
+    int number = 0;
+    unsigned int progress = 0;
+    EXPECT_THROW(module->checkVersion("2.0", &number), std::bad_function_call);
+    EXPECT_EQ(module->getExpectedTime(&number), -1);
+    EXPECT_EQ(module->getUpdateProgress(&progress), -1);
+    EXPECT_EQ(module->allUpdateDone(), -1);
 }
 
 TEST_F(SymbolCopies, ACopyTakesTheLastDecisionWithIt)

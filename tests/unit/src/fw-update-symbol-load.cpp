@@ -293,6 +293,15 @@ TEST_F(LoadSymbol, OnlyTheFirstEmpIsTakenOutOfTheIdentifier)
     EXPECT_EQ(module.getEMPName(), "empemp");
 }
 
+TEST_F(LoadSymbol, AnEmpFurtherBehindStaysInTheFirmwareName)
+{
+    device.addModule("alpha", Module().withEmpid("tunerempA1emp2"));
+
+    EXPECT_EQ(load("alpha"), 0);
+
+    EXPECT_EQ(module.getFirmwareName(), "tunerA1emp2");
+}
+
 TEST_F(LoadSymbol, AnEmptyIdentifierFailsTheLoad)
 {
     device.addModule("alpha", Module().withEmpid(""));

@@ -342,6 +342,21 @@ TEST_F(NeedUpdateList, APlainTextShorterThanTheHeaderIsFilledUp)
     EXPECT_EQ(seen, "0123456789" + std::string(6, '\6'));
 }
 
+TEST_F(NeedUpdateList, AnImageOfAnIvAloneHasAnEmptyVersion)
+{
+    Bytes header;
+    install(Module().onCheckVersion([&header](const char* version, int* need) {
+        header.assign(version, version + kHeaderSize);
+        *need = 0;
+        return 0;
+    }));
+    stick.addImage("alpha", Image().cutTo(16));
+
+    EXPECT_EQ(estimate(), 0);
+
+    EXPECT_EQ(header, Bytes(kHeaderSize)) << "nothing but zeros, to the end of the header";
+}
+
 TEST_F(NeedUpdateList, AVersionThatFillsTheHeaderIsTerminatedBehindIt)
 {
     install(Module().needsUpdate());

@@ -122,12 +122,17 @@ TEST_F(UpdateUsb, RefusesAnImageShorterThanItsIv)
 
 TEST_F(UpdateUsb, AnImageOfAnIvAloneHasAnEmptyVersionAndFails)
 {
-    install(Module().needsUpdate());
+    Bytes header;
+    install(Module().onCheckVersion([&header](const char* version, int* need) {
+        header.assign(version, version + kHeaderSize);
+        *need = 1;
+        return 0;
+    }));
     stick.addImage("alpha", Image().cutTo(16));
-    errno = 0;
 
     EXPECT_EQ(update(), -1);
 
+    EXPECT_EQ(header, Bytes(kHeaderSize)) << "nothing but zeros, to the end of the header";
     EXPECT_THAT(pluginTexts(), ElementsAre("verifyFile(null, \"/opt/media/USBDriveA/alpha.bin\", "
                                            "\"UserCaller\") = 1",
                                            "alpha.setContext(\"alpha\", 3, \"\")",
@@ -300,6 +305,18 @@ TEST_F(UpdateUsb, LeavesTheDecisionOfTheEstimateAlone)
     EXPECT_EQ(module.getExpectedUpdateTime(), 30);
 }
 
+TEST_F(UpdateUsb, LeavesTheDecisionAloneWhenItInstallsAsWell)
+{
+    install(Module().needsUpdate().takesSeconds(30));
+    stick.addImage("alpha", Image());
+    ASSERT_EQ(estimate(), 1);
+
+    EXPECT_EQ(update(), 0);
+
+    EXPECT_TRUE(module.getNeedUpdate());
+    EXPECT_EQ(module.getExpectedUpdateTime(), 30);
+}
+
 TEST_F(UpdateUsb, DoesNotAskForTheExpectedTime)
 {
     install(Module().needsUpdate().lacking("getExpectedTime"));
@@ -418,6 +435,10 @@ TEST_F(UpdateUsb, ThePayloadStaysReadableAfterTheEntryReturned)
     ASSERT_NE(kept, nullptr);
     EXPECT_EQ(Bytes(kept, kept + 7), bytesOf("payload"));
     EXPECT_EQ(cipher_buf_all, kept - kHeaderSize);
+    // An allocator writes into the first bytes of what it is given back.
+    Bytes header = bytesOf("2.0");
+    header.resize(kHeaderSize);
+    EXPECT_EQ(Bytes(cipher_buf_all, cipher_buf_all + kHeaderSize), header);
 }
 
 TEST_F(UpdateUsb, AnExceptionOutOfThePluginReachesTheCallerWithTheImageClosed)

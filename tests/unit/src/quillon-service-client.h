@@ -3,6 +3,7 @@
 #ifndef QUILLON_TESTS_UNIT_SRC_QUILLON_SERVICE_CLIENT_H
 #define QUILLON_TESTS_UNIT_SRC_QUILLON_SERVICE_CLIENT_H
 
+#include <glib.h>
 #include <gtest/gtest.h>
 #include <mqueue.h>
 #include <time.h>
@@ -17,6 +18,7 @@
 #include "fakes/recording-platform.h"
 #include "fw-update-mqueue-manager.h"
 #include "quillon-service-records.h"
+#include "quillon-service.h"
 
 namespace quillon::test {
 
@@ -52,6 +54,26 @@ inline bool waitForLine(const std::string& text)
         std::this_thread::yield();
     }
     return true;
+}
+
+/// Lets the main task look for the life marker far more often than every ten seconds.
+inline void tickOften()
+{
+    GSource* timer = g_timeout_source_new(5);
+    g_source_set_callback(timer, notify_callback, nullptr, nullptr);
+    g_source_attach(timer, nullptr);
+    g_source_unref(timer);
+}
+
+/// Ends the main task's loop as soon as it turns.
+inline void quitMainLoop()
+{
+    g_idle_add(
+        [](gpointer) -> gboolean {
+            g_main_loop_quit(g_main_loop);
+            return FALSE;
+        },
+        nullptr);
 }
 
 /// A queue that somebody else has made.

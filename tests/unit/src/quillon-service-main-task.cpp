@@ -19,7 +19,6 @@ using ::testing::Eq;
 namespace {
 
 constexpr const char* kMarker = "/tmp/fw_update_ready_usb";
-constexpr guint kShortTick = 5;
 constexpr std::chrono::seconds kPatience{10};
 
 constexpr const char* kRegister = "smart_deadlock_register_watchdog_service(60) = ";
@@ -42,12 +41,13 @@ class MainTask : public ::testing::Test
 {
 protected:
     MainTask() { recordCalls({"g_timeout_add", "mq_send"}); }
-    ~MainTask() override
+    void TearDown() override
     {
-        EXPECT_EQ(mismatches(), "");
-        if (g_main_loop != nullptr) {
-            g_main_loop_quit(g_main_loop);
+        if (task.valid()) {
+            quitMainLoop();
+            result();
         }
+        EXPECT_EQ(mismatches(), "");
     }
 
     /// Runs the task until its loop turns.
@@ -55,15 +55,6 @@ protected:
     {
         task = std::async(std::launch::async, firmware_main_task);
         ASSERT_TRUE(waitForText(kTimer, kPatience));
-    }
-
-    /// Lets the same callback come far more often than every ten seconds.
-    static void tickOften()
-    {
-        GSource* timer = g_timeout_source_new(kShortTick);
-        g_source_set_callback(timer, notify_callback, nullptr, nullptr);
-        g_source_attach(timer, nullptr);
-        g_source_unref(timer);
     }
 
     int result()
@@ -124,12 +115,9 @@ TEST_F(MainTask, ArmsATimerOfTenSecondsAndWaits)
 
     EXPECT_EQ(task.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
     EXPECT_THAT(timeline(), ElementsAre(Call(kRegister + std::string("0")), Call(kTimer)));
-    ASSERT_NE(g_main_loop, nullptr);
-    EXPECT_EQ(g_main_loop_is_running(g_main_loop), TRUE);
-    EXPECT_EQ(g_main_loop_get_context(g_main_loop), g_main_context_default());
-
-    g_main_loop_quit(g_main_loop);
+    quitMainLoop();
     EXPECT_EQ(result(), 0);
+    EXPECT_EQ(g_main_loop, nullptr);
 }
 
 TEST_F(MainTask, LivesOnWhileTheMarkerIsThere)
@@ -148,6 +136,7 @@ TEST_F(MainTask, LivesOnWhileTheMarkerIsThere)
 
     removeMarker();
     EXPECT_EQ(result(), 0);
+    EXPECT_EQ(client.commands().receive(), stopRecord());
 }
 
 TEST_F(MainTask, StopsItselfAndTheControlTaskWhenTheMarkerIsGone)

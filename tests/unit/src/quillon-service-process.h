@@ -73,15 +73,6 @@ protected:
         result();
     }
 
-    /// Lets the main task look for the life marker far more often than every ten seconds.
-    static void tickOften()
-    {
-        GSource* timer = g_timeout_source_new(5);
-        g_source_set_callback(timer, notify_callback, nullptr, nullptr);
-        g_source_attach(timer, nullptr);
-        g_source_unref(timer);
-    }
-
     static void removeMarker() { static_cast<void>(unlink(kLifeMarker)); }
 
     bool isRunning()

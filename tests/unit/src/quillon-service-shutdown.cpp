@@ -80,7 +80,7 @@ TEST_F(Shutdown, WaitsForTheControlTaskAfterTheMainTaskHasEnded)
 {
     start();
 
-    g_main_loop_quit(g_main_loop);
+    quitMainLoop();
 
     ASSERT_TRUE(waitForLine("firmware_main_task thread stop\n"));
     EXPECT_TRUE(isRunning());
@@ -153,7 +153,7 @@ TEST_F(Shutdown, DoesNotCareWhetherCleaningUpSucceeds)
     failCall("remove", EACCES);
     Client().send(4);
 
-    g_main_loop_quit(g_main_loop);
+    quitMainLoop();
 
     EXPECT_EQ(result(), 0);
 }
@@ -177,7 +177,7 @@ TEST_F(ShutdownDeathTest, QueuesAreGoneAfterTheProcess)
     EXPECT_EXIT(
         {
             start();
-            g_main_loop_quit(g_main_loop);
+            quitMainLoop();
             Client().send(4);
             std::exit(result());
         },

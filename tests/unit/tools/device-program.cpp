@@ -59,8 +59,16 @@ Process::Process(const Words& words)
     ::posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     ::posix_spawn_file_actions_adddup2(&actions, out_, STDOUT_FILENO);
     ::posix_spawn_file_actions_adddup2(&actions, err_, STDERR_FILENO);
+    // A test that was started in the background ignores SIGINT; a shell in it could not trap that.
+    sigset_t all;
+    ::sigfillset(&all);
+    posix_spawnattr_t attributes;
+    ::posix_spawnattr_init(&attributes);
+    ::posix_spawnattr_setsigdefault(&attributes, &all);
+    ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
     const int error =
-        ::posix_spawnp(&pid_, arguments.front(), &actions, nullptr, arguments.data(), environ);
+        ::posix_spawnp(&pid_, arguments.front(), &actions, &attributes, arguments.data(), environ);
+    ::posix_spawnattr_destroy(&attributes);
     ::posix_spawn_file_actions_destroy(&actions);
     if (error != 0) {
         throw std::runtime_error("cannot start " + words.front());
