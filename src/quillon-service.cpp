@@ -148,7 +148,7 @@ int ss_read_and_use_securestorage_code()
     }
     dec_key = reinterpret_cast<unsigned char*>(text);
     for (std::size_t i = 0; i < size; ++i) {
-        std::snprintf(text + 2 * i, size, "%02x", data[i]);
+        static_cast<void>(std::snprintf(text + 2 * i, size, "%02x", data[i]));
     }
     dec_key_size = static_cast<std::uint32_t>(2 * size);
     ss_free_buffer(data);

@@ -93,6 +93,12 @@ std::ostream& operator<<(std::ostream& out, const Entry& entry)
 
 void record(Entry entry)
 {
+    // A sanitizer's allocator may make a recorded call of its own while the list grows.
+    static thread_local bool isRecording = false;
+    if (isRecording) {
+        return;
+    }
+    isRecording = true;
     const int error = errno;
     entry.thread = threadNumber();
     {
@@ -101,6 +107,7 @@ void record(Entry entry)
     }
     recorder().changed.notify_all();
     errno = error;
+    isRecording = false;
 }
 
 void recordCall(const std::string& text)

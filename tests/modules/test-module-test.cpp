@@ -40,7 +40,12 @@ std::string contentsOf(const std::string& path)
 class TestModule : public ::testing::Test
 {
 protected:
-    TestModule() : library(openCopy("full.so", "/usr/fwupdate/controls/alpha.so")) {}
+    TestModule() : library(openCopy("full.so", "/usr/fwupdate/controls/alpha.so"))
+    {
+        // On a device that runs in place an earlier test may have left these.
+        fs::remove("/etc/quillon-test/alpha.conf");
+        fs::remove("/tmp/quillon-test-alpha.log");
+    }
 
     template <typename Signature>
     Signature* entry(const char* name)

@@ -37,6 +37,7 @@ std::vector<std::string> serviceFolders()
     std::vector<std::string> folders = {
         "/usr/fwupdate/controls",
         "/opt/media",
+        "/opt/usr/apps/appbinarymanager",  // emptied first, then given its folder for mounts
         "/opt/usr/apps/appbinarymanager/emps",
         "/opt/usr/share/sbox",
         "/usr/lib/firmware/ext",

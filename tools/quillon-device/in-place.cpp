@@ -131,11 +131,19 @@ void clean(const std::vector<std::string>& madeFolders)
     removeQueues();
 }
 
+bool holdsFiles(const std::string& folder)
+{
+    std::error_code ignored;
+    const fs::recursive_directory_iterator entries(folder, ignored);
+    return std::any_of(begin(entries), end(entries),
+                       [](const fs::directory_entry& entry) { return !entry.is_directory(); });
+}
+
 void refuseRealContent()
 {
     std::error_code ignored;
     for (const std::string& folder : serviceFolders()) {
-        if (fs::exists(folder, ignored) && !fs::is_empty(folder, ignored)) {
+        if (holdsFiles(folder)) {
             throw SetupError(folder + " holds real content; nothing runs in place over it");
         }
     }

@@ -156,7 +156,7 @@ TEST_F(ControlTask, TakesAShortMessageForARecordThatEndsInZeros)
     client.commands().send(progress, sizeof(progress));
     EXPECT_EQ(client.replies().receive(), reply(-5));
 
-    client.commands().send(nullptr, 0);
+    client.commands().send("", 0);
     EXPECT_TRUE(client.everythingIsUnanswered());
 }
 

@@ -1,5 +1,6 @@
 #include <malloc.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <numeric>
@@ -230,6 +231,26 @@ TEST_F(Key, FailedInstallHandsItsCodeBackWithoutBitOne)
 
     EXPECT_THAT(logTexts(), ElementsAre(notInstalled(1), notInstalled(3), notInstalled(4),
                                         notInstalled(6), notInstalled(7), notInstalled(-1)));
+}
+
+TEST_F(Key, WithoutMemoryIsAnErrorAndTheStorageGetsItsBufferBack)
+{
+    if (!canFailAllocations()) {
+        GTEST_SKIP() << "the sanitizer's allocator cannot be made to fail";
+    }
+    store(keyOf(200));
+    failAllocation(401);
+
+    EXPECT_EQ(ss_read_and_use_securestorage_code(), ENOMEM);
+
+    EXPECT_EQ(dec_key, nullptr);
+    EXPECT_EQ(dec_key_size, 0U);
+    EXPECT_THAT(timeline(),
+                ElementsAre(Call(kInit), Call(read(0)),
+                            Log(ERROR, "decryption key load success. key_size : 200"),
+                            Call("ss_free_buffer(data)"),
+                            LogFrom("ss_read_and_use_securestorage_code", ERROR,
+                                    "Error: no memory for the decryption key")));
 }
 
 TEST_F(ShortKey, OfSixteenBytesFillsTheCipherKeyExactly)

@@ -266,6 +266,19 @@ TEST_F(UpdateCommands, EstimateOfZeroSecondsIsMadeAgainForTheNextUpdate)
     EXPECT_EQ(countOf("Need Update"), 2);
 }
 
+TEST_F(UpdateCommands, NegativeEstimateIsKeptForTheNextUpdate)
+{
+    addModule("alpha", Module().needsUpdate().takesSeconds(-5));
+    startWithStick();
+    client.ask(1);
+    ASSERT_EQ(outcome().result(), 2);
+
+    EXPECT_EQ(client.ask(1), reply(0));
+    ASSERT_EQ(outcome().result(), 2);
+
+    EXPECT_EQ(countOf("Need Update"), 1);
+}
+
 TEST_F(UpdateCommands, StopWaitsForTheRunningUpdate)
 {
     const auto gate = makeGate();
