@@ -52,6 +52,15 @@ std::vector<std::string> serviceFolders()
     return folders;
 }
 
+bool holdsFiles(const std::string& folder)
+{
+    std::error_code ignored;
+    const fs::recursive_directory_iterator entries(
+        folder, fs::directory_options::skip_permission_denied, ignored);
+    return std::any_of(begin(entries), end(entries),
+                       [](const fs::directory_entry& entry) { return !entry.is_directory(); });
+}
+
 std::vector<std::string> serviceFiles()
 {
     return {

@@ -13,6 +13,9 @@ std::vector<std::string> serviceFolders();
 /// The files and markers of the service: absent when a device starts.
 std::vector<std::string> serviceFiles();
 
+/// Whether there is anything but folders in a folder, however deep; false when it is missing.
+bool holdsFiles(const std::string& folder);
+
 /// The host's folders that reach into its running system (journal, bus, locks): empty inside a
 /// private device, and only where the host has them.
 std::vector<std::string> hostServiceFolders();

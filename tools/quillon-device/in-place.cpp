@@ -131,14 +131,6 @@ void clean(const std::vector<std::string>& madeFolders)
     removeQueues();
 }
 
-bool holdsFiles(const std::string& folder)
-{
-    std::error_code ignored;
-    const fs::recursive_directory_iterator entries(folder, ignored);
-    return std::any_of(begin(entries), end(entries),
-                       [](const fs::directory_entry& entry) { return !entry.is_directory(); });
-}
-
 void refuseRealContent()
 {
     std::error_code ignored;

@@ -43,11 +43,12 @@ void mountTmpfs(const std::string& point, mode_t mode)
 
 void emptyFolder(const std::string& folder)
 {
+    std::error_code error;
+    fs::create_directories(folder, error);  // it may have been in one that was just emptied
     struct stat info = {};
     if (::stat(folder.c_str(), &info) != 0) {
         failWithErrno(folder);
     }
-    std::error_code error;
     if (!fs::is_empty(folder, error) || error) {
         mountTmpfs(folder, info.st_mode & 07777U);
     }

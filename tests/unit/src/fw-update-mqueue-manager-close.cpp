@@ -1,5 +1,3 @@
-#include <sys/stat.h>
-
 #include <cstdlib>
 
 #include "fakes/timeline.h"
@@ -13,15 +11,9 @@ using ::testing::IsEmpty;
 
 namespace {
 
-bool isThere(const char* path)
-{
-    struct stat status = {};
-    return stat(path, &status) == 0;
-}
-
 bool queuesAreThere()
 {
-    return isThere("/dev/mqueue/fwupdateservice_usb") && isThere("/dev/mqueue/fwupdatecontrol_usb");
+    return queueIsThere("/fwupdateservice_usb") && queueIsThere("/fwupdatecontrol_usb");
 }
 
 void makeQueues()
@@ -62,8 +54,8 @@ TEST_F(MQueueClose, OwnerClosesAndRemovesOneQueueAfterTheOther)
                                         Call("mq_unlink(\"/fwupdateservice_usb\") = 0"),
                                         Call("mq_close(\"/fwupdatecontrol_usb\") = 0"),
                                         Call("mq_unlink(\"/fwupdatecontrol_usb\") = 0")));
-    EXPECT_FALSE(isThere("/dev/mqueue/fwupdateservice_usb"));
-    EXPECT_FALSE(isThere("/dev/mqueue/fwupdatecontrol_usb"));
+    EXPECT_FALSE(queueIsThere("/fwupdateservice_usb"));
+    EXPECT_FALSE(queueIsThere("/fwupdatecontrol_usb"));
 }
 
 TEST_F(MQueueClose, UserClosesTheQueuesAndLeavesThemToTheOwner)
@@ -119,8 +111,8 @@ TEST_F(MQueueClose, NamesAreRemovedEvenWhenClosingFails)
 
     EXPECT_TRUE(manager->onDestroy());
 
-    EXPECT_FALSE(isThere("/dev/mqueue/fwupdateservice_usb"));
-    EXPECT_FALSE(isThere("/dev/mqueue/fwupdatecontrol_usb"));
+    EXPECT_FALSE(queueIsThere("/fwupdateservice_usb"));
+    EXPECT_FALSE(queueIsThere("/fwupdatecontrol_usb"));
 }
 
 TEST_F(MQueueClose, HappensByItselfWhenTheProcessExits)
@@ -132,6 +124,6 @@ TEST_F(MQueueClose, HappensByItselfWhenTheProcessExits)
         },
         ::testing::ExitedWithCode(0), "");
 
-    EXPECT_FALSE(isThere("/dev/mqueue/fwupdateservice_usb"));
-    EXPECT_FALSE(isThere("/dev/mqueue/fwupdatecontrol_usb"));
+    EXPECT_FALSE(queueIsThere("/fwupdateservice_usb"));
+    EXPECT_FALSE(queueIsThere("/fwupdatecontrol_usb"));
 }

@@ -18,8 +18,8 @@ using ::testing::StartsWith;
 
 namespace {
 
-constexpr const char* kServiceFile = "/dev/mqueue/fwupdateservice_usb";
-constexpr const char* kControlFile = "/dev/mqueue/fwupdatecontrol_usb";
+constexpr const char* kServiceQueue = "/fwupdateservice_usb";
+constexpr const char* kControlQueue = "/fwupdatecontrol_usb";
 
 constexpr const char* kAttributes = "flags 0 maxmsg 10 msgsize 284 curmsgs 0";
 
@@ -42,17 +42,11 @@ EntryMatcher LabelFailure(const std::string& name)
         "Error: setSmackAccess Fail file [/dev/mqueue" + name + "] label [User::App::Shared]");
 }
 
-mode_t modeOf(const char* path)
+mode_t modeOf(const Queue& queue)
 {
     struct stat status = {};
-    EXPECT_EQ(stat(path, &status), 0) << path;
+    EXPECT_EQ(fstat(queue.descriptor(), &status), 0);
     return status.st_mode & 07777U;
-}
-
-bool isThere(const char* path)
-{
-    struct stat status = {};
-    return stat(path, &status) == 0;
 }
 
 mq_attr attributesOf(const Queue& queue)
@@ -121,8 +115,8 @@ TEST_F(MQueueNames, MayCarryAnySuffix)
     EXPECT_TRUE(manager->setMQName("x"));
     EXPECT_TRUE(manager->onCreate(true));
 
-    EXPECT_TRUE(isThere("/dev/mqueue/fwupdateservice_x"));
-    EXPECT_TRUE(isThere("/dev/mqueue/fwupdatecontrol_x"));
+    EXPECT_TRUE(queueIsThere("/fwupdateservice_x"));
+    EXPECT_TRUE(queueIsThere("/fwupdatecontrol_x"));
 }
 
 TEST_F(MQueueNames, EmptySuffixIsRefusedAndChangesNothing)
@@ -133,8 +127,8 @@ TEST_F(MQueueNames, EmptySuffixIsRefusedAndChangesNothing)
 
     EXPECT_THAT(timeline(), ElementsAre(LogFrom("setMQName", ERROR, "Error: mqName is empty")));
     EXPECT_TRUE(manager->onCreate(true));
-    EXPECT_TRUE(isThere(kServiceFile));
-    EXPECT_TRUE(isThere(kControlFile));
+    EXPECT_TRUE(queueIsThere(kServiceQueue));
+    EXPECT_TRUE(queueIsThere(kControlQueue));
 }
 
 TEST_F(MQueueNames, QueuesWithoutANameCannotBeOpened)
@@ -178,8 +172,8 @@ TEST_F(MQueueOpen, EveryoneMayUseTheQueuesWhateverTheUmask)
 
     ASSERT_TRUE(manager->getIsReady(true));
 
-    EXPECT_EQ(modeOf(kServiceFile), 0666U);
-    EXPECT_EQ(modeOf(kControlFile), 0666U);
+    EXPECT_EQ(modeOf(Client().commands()), 0666U);
+    EXPECT_EQ(modeOf(Client().replies()), 0666U);
 }
 
 TEST_F(MQueueOpen, LabelIncludesItsTerminator)
@@ -223,7 +217,7 @@ TEST_F(MQueueOpen, FailureOfTheFirstQueueEndsTheAttemptWithoutAWord)
     EXPECT_FALSE(manager->getIsReady(true));
 
     EXPECT_THAT(timeline(), ElementsAre(Opened("/fwupdateservice_usb", "failed")));
-    EXPECT_FALSE(isThere(kControlFile));
+    EXPECT_FALSE(queueIsThere(kControlQueue));
 }
 
 TEST_F(MQueueOpen, FailureOfTheSecondQueueLeavesTheFirstOpen)
@@ -248,8 +242,8 @@ TEST_F(MQueueOpen, FailedAttemptIsMadeAgain)
 
     EXPECT_TRUE(manager->getIsReady(true));
 
-    EXPECT_TRUE(isThere(kServiceFile));
-    EXPECT_TRUE(isThere(kControlFile));
+    EXPECT_TRUE(queueIsThere(kServiceQueue));
+    EXPECT_TRUE(queueIsThere(kControlQueue));
 }
 
 TEST_F(MQueueOpen, AskingAgainOpensNothing)
@@ -308,7 +302,7 @@ TEST_F(MQueueOpen, UserMakesNoQueue)
 
     EXPECT_THAT(timeline(),
                 ElementsAre(Call("mq_open(\"/fwupdateservice_usb\", O_WRONLY) = failed")));
-    EXPECT_FALSE(isThere(kServiceFile));
+    EXPECT_FALSE(queueIsThere(kServiceQueue));
 }
 
 TEST_F(MQueueOpen, UserNeedsBothQueues)
@@ -321,5 +315,5 @@ TEST_F(MQueueOpen, UserNeedsBothQueues)
     EXPECT_THAT(timeline(),
                 ElementsAre(Call("mq_open(\"/fwupdateservice_usb\", O_WRONLY) = ok"),
                             Call("mq_open(\"/fwupdatecontrol_usb\", O_RDONLY) = failed")));
-    EXPECT_FALSE(isThere(kControlFile));
+    EXPECT_FALSE(queueIsThere(kControlQueue));
 }

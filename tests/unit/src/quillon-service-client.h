@@ -3,6 +3,7 @@
 #ifndef QUILLON_TESTS_UNIT_SRC_QUILLON_SERVICE_CLIENT_H
 #define QUILLON_TESTS_UNIT_SRC_QUILLON_SERVICE_CLIENT_H
 
+#include <fcntl.h>
 #include <glib.h>
 #include <gtest/gtest.h>
 #include <mqueue.h>
@@ -74,6 +75,17 @@ inline void quitMainLoop()
             return FALSE;
         },
         nullptr);
+}
+
+/// Whether a queue has that name. /dev/mqueue would tell, but a bare container has none.
+inline bool queueIsThere(const char* name)
+{
+    const mqd_t queue = mq_open(name, O_RDONLY);
+    if (queue == -1) {
+        return false;
+    }
+    mq_close(queue);
+    return true;
 }
 
 /// A queue that somebody else has made.

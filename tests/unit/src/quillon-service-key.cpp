@@ -245,12 +245,11 @@ TEST_F(Key, WithoutMemoryIsAnErrorAndTheStorageGetsItsBufferBack)
 
     EXPECT_EQ(dec_key, nullptr);
     EXPECT_EQ(dec_key_size, 0U);
-    EXPECT_THAT(timeline(),
-                ElementsAre(Call(kInit), Call(read(0)),
-                            Log(ERROR, "decryption key load success. key_size : 200"),
-                            Call("ss_free_buffer(data)"),
-                            LogFrom("ss_read_and_use_securestorage_code", ERROR,
-                                    "Error: no memory for the decryption key")));
+    EXPECT_THAT(timeline(), ElementsAre(Call(kInit), Call(read(0)),
+                                        Log(ERROR, "decryption key load success. key_size : 200"),
+                                        Call("ss_free_buffer(data)"),
+                                        LogFrom("ss_read_and_use_securestorage_code", ERROR,
+                                                "Error: no memory for the decryption key")));
 }
 
 TEST_F(ShortKey, OfSixteenBytesFillsTheCipherKeyExactly)

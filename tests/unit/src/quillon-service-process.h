@@ -101,12 +101,6 @@ protected:
         return entries;
     }
 
-    static bool queueIsThere(const std::string& name)
-    {
-        struct stat status = {};
-        return stat(("/dev/mqueue" + name).c_str(), &status) == 0;
-    }
-
     std::future<int> service;
 };
 
