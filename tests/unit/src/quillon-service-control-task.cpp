@@ -63,8 +63,8 @@ TEST_F(ControlTask, IgnoresEverythingInARecordButCommandAndPath)
 
 TEST_F(ControlTask, AnswersInTheOrderOfTheCommands)
 {
-    start();
     dec_key_size = 0;
+    start();
     client.send(6);
     client.send(pathCommand("/a/"));
     client.send(7);
