@@ -374,7 +374,8 @@ sem_t* sem_open(const char* name, int flags, ...) noexcept
 {
     mode_t mode = 0;
     unsigned int value = 0;
-    std::string arguments = quoted(name) + ", " + openFlags(flags & ~O_ACCMODE).substr(9);
+    const std::string text = openFlags(flags & ~O_ACCMODE);  // "O_RDONLY|..."; no access mode here
+    std::string arguments = quoted(name) + ", " + (text.size() > 9 ? text.substr(9) : "0");
     if ((flags & O_CREAT) != 0) {
         va_list list;
         va_start(list, flags);
