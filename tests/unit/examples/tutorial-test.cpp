@@ -13,6 +13,7 @@
 #include <vector>
 
 using ::testing::EndsWith;
+using ::testing::HasSubstr;
 using ::testing::SizeIs;
 
 namespace quillon::test {
@@ -90,7 +91,8 @@ TEST_F(Tutorial, ItsModuleIsUpdatedByTheService)
 
     // The test is on a device of its own already, so the script runs as it is.
     EXPECT_EQ(shell("sh try.sh"), 0) << output << readAll(folder + "service.log");
-    EXPECT_THAT(output, EndsWith("The update finished after 1 s\ninstalled: 2.0\n"));
+    EXPECT_THAT(output, HasSubstr("The update finished after "));  // 0 or 1 s: not our business
+    EXPECT_THAT(output, EndsWith(" s\ninstalled: 2.0\n"));
 }
 
 }  // namespace
