@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -201,11 +202,12 @@ bool mayRunInPlace(std::string& reason)
         return false;
     }
     for (const std::string& folder : serviceFolders()) {
+        // One question a folder: a device that is just ending may take them away meanwhile.
         fs::path existing = folder;
-        while (!fs::exists(existing)) {
+        while (::access(existing.c_str(), W_OK) != 0 && errno == ENOENT) {
             existing = existing.parent_path();
         }
-        if (::access(existing.c_str(), W_OK) != 0) {
+        if (::access(existing.c_str(), W_OK) != 0 && errno != ENOENT) {
             reason = "no right to write in " + existing.string();
             return false;
         }
