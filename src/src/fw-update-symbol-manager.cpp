@@ -1,7 +1,28 @@
 #include "fw-update-symbol-manager.h"
 
-#include <boost/filesystem.hpp>
+#include <cxxabi.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <boost/filesystem.hpp>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+
+#include "fw-update-common.h"
+#include "platform/events.h"
+#include "platform/power.h"
 #include "platform/system-info.h"
 #include "support/log.h"
 #include "support/paths.h"
@@ -18,7 +39,128 @@ int addSeconds(int sum, int seconds)
     return static_cast<int>(static_cast<unsigned int>(sum) + static_cast<unsigned int>(seconds));
 }
 
+constexpr int kPowerLock = 2;
+constexpr std::int64_t kPowerMarginMs = 5000;
+constexpr unsigned int kGraceSeconds = 2;
+constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
+constexpr mode_t kUpdateListMode = 0666;  // less the process's own mask
+
+/// For a platform call that takes no more; times that long mean the same.
+int clampToInt(std::int64_t value)
+{
+    return static_cast<int>(std::min<std::int64_t>(value, std::numeric_limits<int>::max()));
+}
+
+unsigned int expectedSeconds(const FWUpdateSymbol& module)
+{
+    return static_cast<unsigned int>(module.getExpectedUpdateTime());
+}
+
+/// What a guard and its worker share, for as long as either of them needs it.
+struct Rendezvous
+{
+    Rendezvous(const FWUpdateSymbol& updated, const char* argument)
+        : module(updated), hasText(argument != nullptr), text(hasText ? argument : "")
+    {
+    }
+
+    char* argument() { return hasText ? text.data() : nullptr; }
+
+    std::mutex mutex;
+    std::condition_variable done;
+    std::atomic<int> result{0};
+    FWUpdateSymbol module;  // a copy, which holds the library open
+    bool hasText;
+    std::string text;
+};
+
+/// The worker's part. It signals without the lock on purpose: the guard's wait ends by a signal
+/// that it hears, and one that comes before it listens counts as late.
+void work(Rendezvous& rendezvous, CallerTypes caller)
+{
+    int result = -1;
+    try {
+        result = rendezvous.module.updateFirmware(caller, rendezvous.argument());
+    } catch (const abi::__forced_unwind&) {
+        // A plug-in that ends its thread: the C library insists on the rest of it.
+        rendezvous.result.store(result);
+        rendezvous.done.notify_one();
+        throw;
+    } catch (...) {
+        // An exception of a plug-in ends its update, not the process.
+    }
+    rendezvous.result.store(result);
+    rendezvous.done.notify_one();
+}
+
+/// Opens the update list anew. Neither a link nor a FIFO that somebody put there can lead or hold
+/// up the writing.
+quillon::UniqueFile createUpdateList()
+{
+    quillon::UniqueDescriptor descriptor(
+        open(quillon::paths::kUpdateList,
+             O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kUpdateListMode));
+    if (descriptor.get() == -1) {
+        return nullptr;
+    }
+    quillon::UniqueFile file(fdopen(descriptor.get(), "w"));
+    if (file) {
+        static_cast<void>(descriptor.release());
+    }
+    return file;
+}
+
+/// Whether the update list may be written: the path must not lead elsewhere.
+bool check_race_condition()
+{
+    struct stat status = {};
+    if (lstat(quillon::paths::kUpdateList, &status) != 0) {
+        if (errno == ENOENT) {
+            return true;
+        }
+        FW_LOGE("lstat error\n");
+        return false;
+    }
+    if (S_ISLNK(status.st_mode)) {
+        FW_LOGE("symbolic link is detected\n");
+        return false;
+    }
+    return true;
+}
+
+template <std::size_t size>
+void copyText(char (&field)[size], const char* text)
+{
+    std::memset(field, 0, size);
+    if (text != nullptr) {
+        std::memcpy(field, text, strnlen(text, size - 1));
+    }
+}
+
+FWUpdateItem itemOf(FWUpdateSymbol& module)
+{
+    // One byte more than the plug-in is promised: a text without terminator ends there.
+    std::array<char, FW_PLUGIN_TEXT_SIZE + 1> version{};
+    module.getActiveVersion(version.data());  // a refusal leaves the text empty, or as it is
+    version.back() = '\0';
+    return FWUpdateItem(module.getLibName().c_str(), version.data(),
+                        module.getFirmwareName().c_str());
+}
+
 }  // namespace
+
+FWUpdateItem::FWUpdateItem(const char* libNameText, const char* versionText,
+                           const char* firmwareNameText)
+{
+    copyText(libName, libNameText);
+    copyText(version, versionText);
+    copyText(firmwareName, firmwareNameText);
+}
+
+FWUpdateItem::FWUpdateItem(const FWUpdateItem& other)
+    : FWUpdateItem(other.libName, other.version, other.firmwareName)
+{
+}
 
 FWUpdateSymbolManager* FWUpdateSymbolManager::getInstance()
 {
@@ -130,6 +272,219 @@ int FWUpdateSymbolManager::doUpdateUSB(const unsigned char* key, const char* pat
         }
     }
     return result;
+}
+
+int FWUpdateSymbolManager::doUpdateFirmwareAll(CallerTypes /*caller*/)
+{
+    FW_LOGE("Try doUpdateFirmwareAll");
+    LwipcEventDone(quillon::paths::kIgnoreResumeEvent);
+
+    int count = 0;
+    std::int64_t total = 0;
+    for (const FWUpdateSymbol& module : modules_) {
+        if (module.getNeedUpdate()) {
+            ++count;
+            total += std::int64_t{expectedSeconds(module)} * 1000;
+        }
+        FW_LOGE("%s Firmware Expected Time Check Done", module.getLibName().c_str());
+    }
+    if (modules_.empty() || count == 0) {
+        FW_LOGE("There is no update item");
+        return 0;
+    }
+
+    FW_LOGE("about total update time is %d ms, Lock the power during about that time.",
+            clampToInt(total));
+    device_power_lock_state(kPowerLock, clampToInt(count * kPowerMarginMs + total));
+    FW_LOGE("device_power_lock_state done");
+
+    for (FWUpdateSymbol& module : modules_) {
+        if (!module.getNeedUpdate()) {
+            continue;
+        }
+        char noText[] = "";
+        try {
+            update_timeout_wrapper(module, expectedSeconds(module), CALLER_SERVICE, noText);
+        } catch (const std::runtime_error& error) {
+            FW_LOGE("Error : %s", error.what());
+        }
+    }
+    for (FWUpdateSymbol& module : modules_) {
+        module.allUpdateDone();
+    }
+
+    FW_LOGE("device_power_unlock_state");
+    device_power_unlock_state(kPowerLock);
+    FW_LOGE("device_power_unlock_state done");
+    static_cast<void>(std::remove(quillon::paths::kUpdateList));
+    return 0;
+}
+
+int FWUpdateSymbolManager::doUpdateFirmware(const std::string& name, CallerTypes caller, char* text)
+{
+    int result = -1;
+    for (FWUpdateSymbol& module : modules_) {
+        if (module.getLibName() != name) {
+            continue;
+        }
+        if (module.getSymbolType() == 1) {
+            result = module.runProcess(caller, text);
+            continue;
+        }
+        if (module.isNeedUpdate(caller, text) != 1) {
+            continue;
+        }
+        try {
+            result = update_timeout_wrapper(module, expectedSeconds(module), caller, text);
+        } catch (const std::runtime_error& error) {
+            FW_LOGE("Error : %s", error.what());
+        }
+    }
+    return result;
+}
+
+int FWUpdateSymbolManager::update_timeout_wrapper(FWUpdateSymbol& module, unsigned int seconds,
+                                                  CallerTypes caller, char* text)
+{
+    const auto rendezvous = std::make_shared<Rendezvous>(module, text);
+    FW_LOGE("%s update time %d ms", module.getFirmwareName().c_str(), static_cast<int>(seconds));
+
+    sem_t* semaphore = FWUpdateCommon::getInstance().create_semaphore();
+    if (semaphore == nullptr) {
+        return -1;
+    }
+    sem_wait(semaphore);
+
+    try {
+        std::thread([rendezvous, caller] { work(*rendezvous, caller); }).detach();
+    } catch (...) {
+        sem_post(semaphore);
+        throw;
+    }
+
+    std::unique_lock<std::mutex> lock(rendezvous->mutex);
+    const std::chrono::nanoseconds allowed(std::int64_t{seconds + kGraceSeconds} *
+                                           kNanosecondsPerSecond);
+    const auto deadline = std::chrono::steady_clock::now() + allowed;
+    // One wait without a predicate on purpose: any wake-up in time ends it.
+    if (rendezvous->done.wait_until(lock, deadline) == std::cv_status::no_timeout) {
+        sem_post(semaphore);
+        return rendezvous->result.load();
+    }
+    sem_post(semaphore);
+    const std::string message = module.getFirmwareName() + " update timeout";
+    FW_LOGE("%s", message.c_str());
+    throw std::runtime_error(message);
+}
+
+void FWUpdateSymbolManager::update_module(FWUpdateSymbol& module, CallerTypes caller, char* text)
+{
+    static_cast<void>(module.updateFirmware(caller, text));
+}
+
+int FWUpdateSymbolManager::writeFirmwareUpdateList(bool& running)
+{
+    if (!check_race_condition()) {
+        FW_LOGE("fail check_race_condition\n");
+        return -1;
+    }
+    // A list that cannot be opened is not reported on purpose: the marks matter more.
+    quillon::UniqueFile list = createUpdateList();
+
+    int count = 0;
+    for (FWUpdateSymbol& module : modules_) {
+        if (!__atomic_load_n(&running, __ATOMIC_RELAXED)) {
+            FW_LOGE("Task is not running, writeFirmwareUpdateList stop");
+            return -1;
+        }
+        char noText[] = "";
+        if (module.isNeedUpdate(CALLER_SERVICE, noText) != 1) {
+            continue;
+        }
+        const std::string libName = module.getLibName();
+        const std::string empName = module.getEMPName();
+        if (list) {
+            std::fprintf(list.get(), "%s %s\n", libName.c_str(), empName.c_str());
+        }
+        FW_LOGE("Need Update [%s][%s]", libName.c_str(), empName.c_str());
+        ++count;
+    }
+    return count;
+}
+
+int FWUpdateSymbolManager::allDoUpdateDone()
+{
+    FW_LOGE("Try allDoUpdateDone");
+    for (FWUpdateSymbol& module : modules_) {
+        module.allUpdateDone();
+    }
+    FW_LOGE("allDoUpdateDone Done");
+    return 0;
+}
+
+int FWUpdateSymbolManager::getUpdateFwItems(std::list<FWUpdateItem>& items, CallerTypes caller,
+                                            char* text)
+{
+    for (FWUpdateSymbol& module : modules_) {
+        if (module.isNeedUpdate(caller, text) != 1) {
+            continue;
+        }
+        items.push_back(itemOf(module));
+    }
+    return 0;
+}
+
+int FWUpdateSymbolManager::getFwItems(std::list<FWUpdateItem>& items)
+{
+    for (FWUpdateSymbol& module : modules_) {
+        items.push_back(itemOf(module));
+    }
+    return 0;
+}
+
+int FWUpdateSymbolManager::getFirmwareVersion(const std::string& name, char* version,
+                                              char* firmwareName)
+{
+    for (FWUpdateSymbol& module : modules_) {
+        if (module.getLibName() != name) {
+            continue;
+        }
+        const int result = module.getActiveVersion(version);
+        const std::string firmware = module.getFirmwareName();
+        std::memcpy(firmwareName, firmware.c_str(),
+                    std::min<std::size_t>(firmware.size() + 1, FW_PLUGIN_TEXT_SIZE - 1));
+        return result;
+    }
+    return -1;
+}
+
+int FWUpdateSymbolManager::getFirmwareUpdateProgress(const std::string& name,
+                                                     unsigned int* progress)
+{
+    for (FWUpdateSymbol& module : modules_) {
+        if (module.getLibName() == name) {
+            return module.getUpdateProgress(progress);
+        }
+    }
+    return -1;
+}
+
+int FWUpdateSymbolManager::downloadEMPAll()
+{
+    for (FWUpdateSymbol& module : modules_) {
+        module.downloadEMP();
+    }
+    return 0;
+}
+
+const std::vector<FWUpdateSymbol>& FWUpdateSymbolManager::modules() const
+{
+    return modules_;
+}
+
+std::vector<FWUpdateSymbol>& FWUpdateSymbolManager::modules()
+{
+    return modules_;
 }
 
 bool FWUpdateSymbolManager::onDestroy()

@@ -1,10 +1,24 @@
 #ifndef QUILLON_FW_UPDATE_SYMBOL_MANAGER_H
 #define QUILLON_FW_UPDATE_SYMBOL_MANAGER_H
 
+#include <list>
 #include <string>
 #include <vector>
 
 #include "fw-update-symbol.h"
+
+/// One module as it is described to a client. Each text is cut to what fits, and terminated.
+struct FWUpdateItem
+{
+    /// A null text counts as an empty one.
+    FWUpdateItem(const char* libNameText, const char* versionText, const char* firmwareNameText);
+    FWUpdateItem(const FWUpdateItem& other);
+    FWUpdateItem& operator=(const FWUpdateItem& other) = default;
+
+    char libName[FW_PLUGIN_TEXT_SIZE];
+    char version[FW_PLUGIN_TEXT_SIZE];  ///< the one that is running
+    char firmwareName[FW_PLUGIN_TEXT_SIZE];
+};
 
 /// The registry of the device's firmware modules, and the runs over them.
 ///
@@ -49,6 +63,89 @@ public:
     /// @param path  the stick directory, ending in "/"
     /// @return the last updated module's result; -1 when one answered so or none was marked.
     int doUpdateUSB(const unsigned char* key, const char* path);
+
+    /// @name The control layer's interface
+    /// The service itself calls none of it. One run at a time, and none beside a stick's estimate
+    /// or run: nothing here locks the modules. A required plug-in entry that is not bound raises
+    /// std::bad_function_call, unless a guard stands before it.
+    /// @{
+
+    /// Updates every module that the last check marked, from its package, one after another, each
+    /// under the guard of update_timeout_wrapper. A failure or time-out never ends the run. The
+    /// device's power is locked for the summed expected times and five seconds a module; at the end
+    /// every plug-in is told, and the update list is deleted.
+    /// @param caller  not used: the plug-ins are told CALLER_SERVICE
+    /// @return 0, always.
+    int doUpdateFirmwareAll(CallerTypes caller);
+
+    /// Checks and updates every module with that library name, each under the guard; a process
+    /// module is run without one. Takes no power lock.
+    /// @param text  handed to the plug-in; may be null unless the caller is CALLER_ARGUMENT
+    /// @return the last updated module's result; -1 when none was updated or the guard gave up
+    ///         before there was one.
+    int doUpdateFirmware(const std::string& name, CallerTypes caller, char* text);
+
+    /// The guard of one module's update: waits until no other process of the device is updating
+    /// under a guard, then updates on a thread of its own and waits for the expected time and two
+    /// seconds.
+    ///
+    /// One wait, ended by any wake-up; a worker that ends before the wait begins is not seen, and
+    /// counts as late. A late worker is left alone: it works on a record and a text of its own, and
+    /// keeps the module's library open for as long as it runs.
+    /// @param seconds  expected time; seconds + 2 wraps at 32 bits
+    /// @param text     copied; may be null
+    /// @return the update's result; -1 also when the semaphore cannot be had or an exception ended
+    ///         the update.
+    /// Raises std::runtime_error, "<firmware name> update timeout", when the time is over, and
+    /// std::system_error when no thread can be started. The semaphore is free again either way.
+    int update_timeout_wrapper(FWUpdateSymbol& module, unsigned int seconds, CallerTypes caller,
+                               char* text);
+
+    /// Updates a module and ignores the result.
+    void update_module(FWUpdateSymbol& module, CallerTypes caller, char* text);
+
+    /// Checks every module's package, and writes those that need an update into the update list
+    /// "/tmp/fwupdate-off-list.txt": a line each, library name and package name.
+    ///
+    /// @param running  read before each module; once another thread has cleared it the pass ends
+    /// @return number of lines; -1 (logged) when stopped or when the list's path is not safe. A
+    ///         list that cannot be written is not reported.
+    int writeFirmwareUpdateList(bool& running);
+
+    /// Tells every module's plug-in that updating is over.
+    /// @return 0, always.
+    int allDoUpdateDone();
+
+    /// Checks every module and appends those that need an update.
+    /// @param text  as in doUpdateFirmware
+    /// @return 0, always.
+    int getUpdateFwItems(std::list<FWUpdateItem>& items, CallerTypes caller, char* text);
+
+    /// Appends every module.
+    /// @return 0, always.
+    int getFwItems(std::list<FWUpdateItem>& items);
+
+    /// Asks the first module with that library name for the version that is running.
+    ///
+    /// @param version       FW_PLUGIN_TEXT_SIZE bytes, for the plug-in to write to
+    /// @param firmwareName  127 bytes at least; a name of that length or more is not terminated
+    /// @return the plug-in's answer; -1 when no module has the name, and nothing is written then.
+    int getFirmwareVersion(const std::string& name, char* version, char* firmwareName);
+
+    /// Asks the first module with that library name how far its update is. May be called while
+    /// another thread is updating.
+    /// @return the plug-in's answer; -1 when no module has the name.
+    int getFirmwareUpdateProgress(const std::string& name, unsigned int* progress);
+
+    /// Asks the platform to download every module's package.
+    /// @return 0, always.
+    int downloadEMPAll();
+
+    /// The modules in their order, those that did not load among them, for what the operations
+    /// above do not tell. Valid until onDestroy.
+    const std::vector<FWUpdateSymbol>& modules() const;
+    std::vector<FWUpdateSymbol>& modules();
+    /// @}
 
     /// Empties the module list; each library is closed. The registry still counts as ready.
     /// @return true, always.

@@ -4,6 +4,7 @@
 #include <json/json.h>
 #include <limits.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -13,7 +14,10 @@
 #include <cstring>
 #include <fstream>
 #include <limits>
+#include <mutex>
 
+#include "fw-update-mount-manager.h"
+#include "platform/app-binary-manager.h"
 #include "platform/verifier.h"
 #include "support/checksum.h"
 #include "support/log.h"
@@ -29,6 +33,9 @@ constexpr int kLastNumberedStick = 10;
 constexpr std::size_t kIvSize = 16;
 constexpr std::size_t kCipherBlock = 10240;
 constexpr int kTrailerSize = 534;  // belongs to the signature; never fed to the cipher
+
+/// The longest text that a plug-in may write, terminated even if the plug-in forgets to.
+using PluginText = std::array<char, FW_PLUGIN_TEXT_SIZE + 1>;
 
 constexpr const char* kVerifierEntry = "verifyFile";
 constexpr const char* kVerifierCaller = "UserCaller";
@@ -305,8 +312,7 @@ void FWUpdateSymbol::unbind()
 
 int FWUpdateSymbol::getEMPID(std::string& out)
 {
-    // One byte more than the plug-in is promised: a text without terminator ends there.
-    std::array<char, FW_PLUGIN_TEXT_SIZE + 1> buffer{};
+    PluginText buffer{};
     getEMPID_(buffer.data());
     buffer.back() = '\0';
     out = buffer.data();
@@ -377,6 +383,11 @@ int FWUpdateSymbol::getUpdateProgress(unsigned int* progress)
         return -1;
     }
     return getUpdateProgress_(progress);
+}
+
+bool FWUpdateSymbol::isLoaded() const
+{
+    return isLoaded_;
 }
 
 bool FWUpdateSymbol::getNeedUpdate() const
@@ -531,6 +542,190 @@ bool FWUpdateSymbol::getIMGExists()
         return false;
     }
     return exists(imagePath_);
+}
+
+bool FWUpdateSymbol::downloadEMP()
+{
+    if (!isLoaded_) {
+        return false;
+    }
+    const bool accepted = appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, empName_);
+    if (!accepted) {
+        FW_LOGE("Error: EMP ABM_DownloadAppBinary fail.(%s)", empName_.c_str());
+    } else {
+        FW_LOGI("Request (%s) emp download", empName_.c_str());
+    }
+    return accepted;
+}
+
+std::string FWUpdateSymbol::mountPoint() const
+{
+    return quillon::paths::kMountedPackages + empName_;
+}
+
+bool FWUpdateSymbol::mountEMPImage()
+{
+    if (!isLoaded_ || !exists(imagePath_)) {
+        FW_LOGE("Error: file no exist (%s)", imagePath_.c_str());
+        return false;
+    }
+    const std::string directory = mountPoint();
+    FWMountManager* manager = FWMountManager::getInstance();
+    // An earlier step may have left the package mounted; that nothing is mounted is no failure.
+    static_cast<void>(manager->UMount(directory));
+    if (manager->Mount(imagePath_, directory) != 0) {
+        FW_LOGE("Error: Firmware EMP Mount Fail.(%s)", empName_.c_str());
+        return false;
+    }
+    return true;
+}
+
+bool FWUpdateSymbol::unmountEMPImage()
+{
+    const bool unmounted = FWMountManager::getInstance()->UMount(mountPoint()) == 0;
+    if (!unmounted) {
+        FW_LOGE("Error: Firmware EMP UMount Fail.(%s)", empName_.c_str());
+    } else {
+        FW_LOGE("EMP UMount Success %s", imagePath_.c_str());
+    }
+    return unmounted;
+}
+
+// isNeedUpdate and updateFirmware check the same things in orders and words of their own, which
+// decide what is logged when several are wrong at once: they stay two.
+
+int FWUpdateSymbol::isNeedUpdate(CallerTypes caller, char* arg)
+{
+    FW_LOGE("%s Firmware isNeedUpdateModules Try(%s)", firmwareName_.c_str(), libName_.c_str());
+    const UPDATE_TYPE type = CallerToUpdateType(caller, arg);
+    // Never unmounted here on purpose: the update that follows, or the module's owner, does that.
+    if (type == UPDATE_EMP && !mountEMPImage()) {
+        return -1;
+    }
+
+    int need = 0;
+    PluginText activeVersion{};
+    setContext(caller, arg);  // the answer does not matter here: checkVersion decides
+
+    const std::string imagePath = getBinaryPath(type);
+    if (!file_exists(imagePath)) {
+        FW_LOGE("Error: Firmware binary file no exist (%s)", imagePath.c_str());
+        return -1;
+    }
+    const std::string informationPath = getInformationPath(type);
+    if (!file_exists(informationPath)) {
+        FW_LOGE("Error: Firmware json file no exist (%s)", informationPath.c_str());
+        return -1;
+    }
+    if (!loadInformation(informationPath)) {
+        FW_LOGE("Error: json information load fail");
+        return -1;
+    }
+    if (information_.crc != getBinaryCRC32(imagePath)) {
+        FW_LOGE("Error: %s Firmware CRC32 different", firmwareName_.c_str());
+        return -1;
+    }
+
+    // A failed check still leaves an answer, 0 unless the plug-in wrote one.
+    if (checkVersion(information_.version.c_str(), &need) != 0) {
+        FW_LOGE("Error: %s Firmware CheckVersion Fail", firmwareName_.c_str());
+    }
+    if (need < 1) {
+        getActiveVersion(activeVersion.data());
+        activeVersion.back() = '\0';
+        // The package's path, not the firmware's name, on purpose: log readers know this line so.
+        FW_LOGE("Error: %s not need update, version is %s", imagePath_.c_str(),
+                activeVersion.data());
+    }
+    needUpdate_.set(need != 0);
+    expectedTime_.set(static_cast<int>(information_.expectedSeconds));
+    return need;
+}
+
+int FWUpdateSymbol::updateFirmware(CallerTypes caller, char* arg)
+{
+    if (!isLoaded_) {
+        return -1;
+    }
+    FW_LOGE("%s Firmware Update Try", firmwareName_.c_str());
+    const UPDATE_TYPE type = CallerToUpdateType(caller, arg);
+    if (type == UPDATE_EMP && !mountEMPImage()) {
+        return -1;
+    }
+
+    const std::string informationPath = getInformationPath(type);
+    if (!file_exists(informationPath)) {
+        FW_LOGE("Error: Firmware json file no exist (%s)", informationPath.c_str());
+        return -1;
+    }
+    if (!loadInformation(informationPath)) {
+        FW_LOGE("Error: json information load fail");
+        return -1;
+    }
+    const std::string imagePath = getBinaryPath(type);
+    if (!file_exists(imagePath)) {
+        FW_LOGE("Error: Firmware binary file no exist (%s)", imagePath.c_str());
+        return -1;
+    }
+
+    prctl(PR_SET_NAME, firmwareName_.c_str());
+    static std::mutex update_mutex;
+    const std::lock_guard<std::mutex> lock(update_mutex);
+
+    if (setContext(caller, arg) != 0) {
+        return -1;
+    }
+    int need = -1;
+    if (checkVersion(information_.version.c_str(), &need) != 0) {
+        FW_LOGE("Error: %s Firmware CheckVersion Fail", firmwareName_.c_str());
+        return -1;
+    }
+    if (need < 1) {
+        FW_LOGE("Error: %s Firmware not need update", firmwareName_.c_str());
+        if (type == UPDATE_EMP) {
+            unmountEMPImage();
+        }
+        return 0;
+    }
+    // From here on a failure leaves the package mounted on purpose: it can be looked into, and the
+    // next attempt mounts it afresh.
+    if (information_.crc != getBinaryCRC32(imagePath)) {
+        FW_LOGE("Error: %s Firmware crc32 different", firmwareName_.c_str());
+        return -1;
+    }
+
+    FW_LOGE("========== [ %s update start ] ==========", firmwareName_.c_str());
+    const int result = doUpdate(imagePath.c_str(), information_.crc, 0);
+    if (result != 0) {
+        FW_LOGE("Error: %s Firmware doUpdate Fail %d (%d:%m)", firmwareName_.c_str(), result,
+                errno);
+        return result;
+    }
+    FW_LOGE("========== [ %s update succeeded ] ==========", firmwareName_.c_str());
+    if (type == UPDATE_EMP) {
+        static_cast<void>(std::remove(imagePath_.c_str()));
+        unmountEMPImage();
+    }
+    return 0;
+}
+
+int FWUpdateSymbol::runProcess(CallerTypes caller, char* arg)
+{
+    FW_LOGE("%s Firmware runProcess Try", firmwareName_.c_str());
+    prctl(PR_SET_NAME, firmwareName_.c_str());
+    static std::mutex update_mutex;
+    const std::lock_guard<std::mutex> lock(update_mutex);
+
+    if (setContext(caller, arg) != 0) {
+        return -1;
+    }
+    // The library's name stands where the others get their image's path.
+    const int result = doUpdate(libName_.c_str(), 0, 0);
+    if (result != 0) {
+        FW_LOGE("Error: %s runProcess Fail (%d:%m)", libName_.c_str(), errno);
+        return -1;
+    }
+    return 0;
 }
 
 // updateUSB and getNeedUpdateList go the same way in words of their own, and count differently:

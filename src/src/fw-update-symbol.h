@@ -106,6 +106,8 @@ public:
     int getUpdateProgress(unsigned int* progress);
     /// @}
 
+    /// Whether the module is ready for updates from images. A process module is not.
+    bool isLoaded() const;
     bool getNeedUpdate() const;
     /// In seconds.
     int getExpectedUpdateTime() const;
@@ -148,6 +150,48 @@ public:
     /// Whether the module is loaded and its package has been downloaded.
     bool getIMGExists();
 
+    /// Asks the platform to download the module's package. Its arrival shows in getIMGExists.
+    /// @return true when the request was accepted; false when the module is not loaded or the
+    ///         platform refused (logged).
+    bool downloadEMP();
+
+    /// Mounts the module's package read-only in "/opt/usr/apps/appbinarymanager/emps/"; one that is
+    /// mounted already is unmounted first.
+    /// @return false (logged) when the module is not loaded, there is no package, or the mount
+    ///         failed. Raises boost::filesystem::filesystem_error as loop_mount does.
+    bool mountEMPImage();
+
+    /// Unmounts the module's package.
+    /// @return false (logged) as well when it was not mounted.
+    bool unmountEMPImage();
+
+    /// Checks the image that the caller's source offers, asks the plug-in whether it is to be
+    /// installed, and keeps the answer and the expected duration. A package stays mounted.
+    ///
+    /// @param arg  the caller's text; may be null unless the caller is CALLER_ARGUMENT
+    /// @return the plug-in's need value (1: needed); -1 (logged) when there is no sound image.
+    ///         Then, and when an exception leaves, the last answer stays.
+    /// Raises std::bad_function_call when a required entry is not bound, and what loadInformation
+    /// and mountEMPImage raise.
+    int isNeedUpdate(CallerTypes caller, char* arg);
+
+    /// Installs the image that the caller's source offers, on the calling thread, which takes the
+    /// firmware's name. Waits while another module of this process is being installed. A package is
+    /// deleted once it is installed, and stays mounted when it is not.
+    ///
+    /// @param arg  as in isNeedUpdate
+    /// @return 0 when installed or not needed; the plug-in's own code when it failed; -1 when the
+    ///         module is not loaded, its context is refused (both silent) or there is no sound
+    ///         image (logged). Raises what isNeedUpdate raises.
+    int updateFirmware(CallerTypes caller, char* arg);
+
+    /// Runs a process module's update, which has no image. The calling thread takes the firmware's
+    /// name. Waits while another process module of this process is running.
+    ///
+    /// @return 0; -1 when the plug-in refuses its context (silent) or fails (logged). Raises
+    ///         std::bad_function_call when a required entry is not bound.
+    int runProcess(CallerTypes caller, char* arg);
+
     /// Asks the plug-in whether the image on a stick is to be installed, and keeps the answer and
     /// the expected duration.
     ///
@@ -169,6 +213,8 @@ public:
 private:
     /// Forgets the plug-in's entries; the module counts as not loaded.
     void unbind();
+    /// Where the module's package is mounted.
+    std::string mountPoint() const;
 
     bool isLoaded_ = false;
     quillon::SharedValue<bool> needUpdate_{false};

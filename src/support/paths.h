@@ -9,6 +9,8 @@ namespace quillon::paths {
 inline constexpr const char* kLabellingReady = "/tmp/smack_early_ready";
 inline constexpr const char* kLifeMarker = "/tmp/fw_update_ready_usb";
 inline constexpr const char* kReadyEvent = "/tmp/.fw_service_ready_usb";
+inline constexpr const char* kIgnoreResumeEvent = "/tmp/.ignore_resume";
+inline constexpr const char* kUpdateList = "/tmp/fwupdate-off-list.txt";
 
 inline constexpr const char* kProvisioningPackage = "/usr/share/sdp/quillon-key/00000066.bin";
 inline constexpr const char* kVerifierLibrary = "/usr/lib/libkUEPUser.so";
@@ -20,6 +22,9 @@ inline constexpr const char* kPackages = "/opt/usr/apps/appbinarymanager/";
 inline constexpr const char* kMountedPackages = "/opt/usr/apps/appbinarymanager/emps/";
 inline constexpr const char* kSystemFirmware = "/lib/firmware/ext/";
 inline constexpr const char* kSharedFirmware = "/opt/usr/share/sbox/";
+
+inline constexpr const char* kMountTable = "/proc/mounts";
+inline constexpr const char* kDevices = "/dev";
 
 }  // namespace quillon::paths
 
