@@ -33,9 +33,9 @@ int checkVersion(const char* version, int* need)
     return device.offer(version, need);
 }
 
-int doUpdate(const char* path, unsigned long /*value*/)
+int doUpdate(const char* path, unsigned long value)
 {
-    return device.flashFile(path);
+    return device.flashFile(path, value);
 }
 
 int doUpdate_decryption(const unsigned char* data, int length)

@@ -140,6 +140,7 @@ static bool replaceFile(const char* path, const char* part, const unsigned char*
     const int error = errno;
     const bool closed = fclose(file) == 0;
     if (!written) {
+        (void)remove(part);
         errno = error;
         return false;
     }
@@ -242,25 +243,64 @@ int doUpdate_decryption(const unsigned char* data, int length)
     return result;
 }
 
-int doUpdate(const char* path, unsigned long value)
+/* The CRC-32 of images: polynomial 0x01B23CA3, most significant bit first, initial value 0, nothing
+ * reflected, no final XOR. It is not the common CRC-32. */
+static uint32_t imageChecksum(const unsigned char* data, size_t length)
 {
-    (void)value; /* the service has compared the file's CRC-32 with it already */
-    FILE* file = fopen(path, "rbe");
-    if (file == NULL) {
-        return -1;
-    }
-    struct stat status;
-    unsigned char* data = NULL;
-    int result = -1;
-    if (fstat(fileno(file), &status) == 0 && status.st_size <= INT32_MAX) {
-        const size_t length = (size_t)status.st_size;
-        data = malloc(length + 1);
-        if (data != NULL && fread(data, 1, length, file) == length) {
-            result = doUpdate_decryption(data, (int)length);
+    uint32_t crc = 0;
+    for (size_t i = 0; i < length; ++i) {
+        crc ^= (uint32_t)data[i] << 24;
+        for (int bit = 0; bit < 8; ++bit) {
+            crc = (crc << 1) ^ ((crc & 0x80000000U) != 0 ? 0x01B23CA3U : 0U);
         }
     }
-    free(data);
+    return crc;
+}
+
+/* The caller frees the result; null with errno on failure. */
+static unsigned char* readImage(const char* path, size_t* length)
+{
+    FILE* file = fopen(path, "rbe");
+    if (file == NULL) {
+        return NULL;
+    }
+    struct stat status;
+    if (fstat(fileno(file), &status) != 0 || !S_ISREG(status.st_mode) ||
+        status.st_size > INT32_MAX) {
+        (void)fclose(file);
+        errno = EINVAL;
+        return NULL;
+    }
+    *length = (size_t)status.st_size;
+    unsigned char* data = malloc(*length + 1);
+    const bool whole = data != NULL && fread(data, 1, *length, file) == *length;
     (void)fclose(file);
+    if (!whole) {
+        errno = data == NULL ? ENOMEM : EIO;
+        free(data);
+        return NULL;
+    }
+    return data;
+}
+
+/* value: the file's CRC-32. The service has compared them already; here it is compared with the
+ * bytes that are really written. */
+int doUpdate(const char* path, unsigned long value)
+{
+    size_t length = 0;
+    unsigned char* data = readImage(path, &length);
+    if (data == NULL) {
+        return -1;
+    }
+    int result = -1;
+    if (imageChecksum(data, length) == value) {
+        result = doUpdate_decryption(data, (int)length);
+    } else {
+        errno = EBADMSG;
+    }
+    const int error = errno;
+    free(data);
+    errno = error;
     return result;
 }
 

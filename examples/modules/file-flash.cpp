@@ -12,8 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <iterator>
-#include <stdexcept>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -126,7 +124,14 @@ public:
         require(_descriptor >= 0);
     }
 
-    ~NewFile() { close(_descriptor); }
+    ~NewFile()
+    {
+        close(_descriptor);
+        if (!_committed) {
+            unlink(_part.c_str());
+        }
+    }
+
     NewFile(const NewFile&) = delete;
     NewFile& operator=(const NewFile&) = delete;
 
@@ -147,15 +152,82 @@ public:
     {
         require(fsync(_descriptor) == 0);
         require(std::rename(_part.c_str(), _path.c_str()) == 0);
+        _committed = true;
     }
 
 private:
     std::string _path;
     std::string _part;
     int _descriptor = -1;
+    bool _committed = false;
 };
 
-void writeSlowly(NewFile& file, const char* data, std::size_t length, long speed,
+/// Continues the CRC-32 of images: polynomial 0x01B23CA3, most significant bit first, initial value
+/// 0, nothing reflected, no final XOR. It is not the common CRC-32.
+std::uint32_t imageChecksum(std::uint32_t crc, const char* data, std::size_t length)
+{
+    for (std::size_t i = 0; i < length; ++i) {
+        crc ^= static_cast<std::uint32_t>(static_cast<unsigned char>(data[i])) << 24U;
+        for (int bit = 0; bit < 8; ++bit) {
+            crc = (crc << 1U) ^ ((crc & 0x80000000U) != 0 ? 0x01B23CA3U : 0U);
+        }
+    }
+    return crc;
+}
+
+/// An image file, read from its start to its end.
+class ImageFile
+{
+public:
+    explicit ImageFile(const char* path) : _descriptor(open(path, O_RDONLY | O_CLOEXEC))
+    {
+        require(_descriptor >= 0);
+        struct stat status = {};
+        const bool regular = fstat(_descriptor, &status) == 0 && S_ISREG(status.st_mode);
+        if (!regular) {
+            close(_descriptor);
+            fail(EINVAL);
+        }
+        _size = static_cast<std::size_t>(status.st_size);
+    }
+
+    ~ImageFile() { close(_descriptor); }
+    ImageFile(const ImageFile&) = delete;
+    ImageFile& operator=(const ImageFile&) = delete;
+
+    std::size_t size() const { return _size; }
+
+    /// @return the checksum of all that was read.
+    std::uint32_t checksum() const { return _checksum; }
+
+    /// @return the next bytes, valid until the next call.
+    const char* read(std::size_t length)
+    {
+        _piece.resize(length);
+        for (std::size_t done = 0; done < length;) {
+            const ssize_t count = ::read(_descriptor, _piece.data() + done, length - done);
+            if (count < 0 && errno == EINTR) {
+                continue;
+            }
+            require(count >= 0);
+            if (count == 0) {
+                fail(EIO);  // became shorter
+            }
+            done += static_cast<std::size_t>(count);
+        }
+        _checksum = imageChecksum(_checksum, _piece.data(), length);
+        return _piece.data();
+    }
+
+private:
+    int _descriptor;
+    std::size_t _size = 0;
+    std::vector<char> _piece;
+    std::uint32_t _checksum = 0;
+};
+
+void writeSlowly(NewFile& file, std::size_t length,
+                 const std::function<const char*(std::size_t)>& nextPiece, long speed,
                  std::atomic<unsigned int>& percent)
 {
     const std::size_t chunk =
@@ -165,7 +237,7 @@ void writeSlowly(NewFile& file, const char* data, std::size_t length, long speed
     const Clock::time_point start = Clock::now();
     for (std::size_t done = 0; done < length;) {
         const std::size_t step = std::min(chunk, length - done);
-        file.write(data + done, step);
+        file.write(nextPiece(step), step);
         done += step;
         percent = static_cast<unsigned int>(std::uint64_t{done} * 100 / length);
         if (speed > 0) {
@@ -190,6 +262,9 @@ int FileFlash::activeVersion(char* buffer) noexcept
 int FileFlash::offer(const char* version, int* need) noexcept
 {
     return guarded([&] {
+        if (std::strlen(version) >= FW_PLUGIN_TEXT_SIZE) {
+            fail(EINVAL);
+        }
         const bool newer = parseVersion(version) > parseVersion(readVersion(_name));
         const std::lock_guard<std::mutex> lock(_mutex);
         _offered = version;
@@ -204,24 +279,31 @@ int FileFlash::flash(const unsigned char* data, int length) noexcept
         if (length < 0) {
             fail(EINVAL);
         }
-        return install(reinterpret_cast<const char*>(data), static_cast<std::size_t>(length));
+        const char* rest = reinterpret_cast<const char*>(data);
+        const auto nextPiece = [&rest](std::size_t step) {
+            const char* const piece = rest;
+            rest += step;
+            return piece;
+        };
+        return install(static_cast<std::size_t>(length), nextPiece, [] {});
     });
 }
 
-int FileFlash::flashFile(const char* path) noexcept
+int FileFlash::flashFile(const char* path, unsigned long crc) noexcept
 {
     return guarded([&] {
-        std::ifstream file(path, std::ios::binary);
-        if (!file) {
-            fail(ENOENT);
-        }
-        const std::vector<char> content((std::istreambuf_iterator<char>(file)),
-                                        std::istreambuf_iterator<char>());
-        return install(content.data(), content.size());
+        ImageFile image(path);
+        const auto nextPiece = [&image](std::size_t step) { return image.read(step); };
+        return install(image.size(), nextPiece, [&image, crc] {
+            if (image.checksum() != crc) {
+                fail(EBADMSG);
+            }
+        });
     });
 }
 
-int FileFlash::install(const char* data, std::size_t length)
+int FileFlash::install(std::size_t length, const std::function<const char*(std::size_t)>& nextPiece,
+                       const std::function<void()>& requireWhole)
 {
     const std::unique_lock<std::mutex> flashing(_flashing, std::try_to_lock);
     if (!flashing) {
@@ -238,7 +320,8 @@ int FileFlash::install(const char* data, std::size_t length)
 
     _percent = 0;
     NewFile firmware(pathOf(_name, "firmware.bin"));
-    writeSlowly(firmware, data, length, readSetting(_name, "speed", kDefaultSpeed), _percent);
+    writeSlowly(firmware, length, nextPiece, readSetting(_name, "speed", kDefaultSpeed), _percent);
+    requireWhole();
     firmware.commit();
 
     // Last, so that after a power cut in between the update is asked for again.

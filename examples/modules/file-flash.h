@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <functional>
 #include <mutex>
 #include <string>
 
@@ -33,7 +34,8 @@ public:
     ///
     /// Versions are numbers between dots; a missing number counts as 0 ("2" is "2.0").
     /// @param need  receives 1 when the offered version is newer, else 0
-    /// @return -1 (EINVAL) when the offered text is no such version.
+    /// @return -1 (EINVAL) when the offered text is no such version, or longer than activeVersion
+    ///         can tell.
     int offer(const char* version, int* need) noexcept;
 
     /// Replaces the firmware, and then the version by the one last offered.
@@ -43,8 +45,13 @@ public:
     ///         negative length, else what the file system says.
     int flash(const unsigned char* data, int length) noexcept;
 
-    /// As flash, with the content of a file.
-    int flashFile(const char* path) noexcept;
+    /// As flash, with the content of a file, which is read in pieces.
+    ///
+    /// The checksum is taken of the very bytes that are written; the old firmware stays when it is
+    /// another than the expected one.
+    /// @param crc  the expected CRC-32 (imageChecksum in file-flash.cpp)
+    /// @return -1 also: EBADMSG for another checksum, EINVAL for a path that is no regular file.
+    int flashFile(const char* path, unsigned long crc) noexcept;
 
     /// @param seconds  receives the estimate
     int expectedTime(int* seconds) noexcept;
@@ -53,7 +60,8 @@ public:
     int progress(unsigned int* percent) noexcept;
 
 private:
-    int install(const char* data, std::size_t length);
+    int install(std::size_t length, const std::function<const char*(std::size_t)>& nextPiece,
+                const std::function<void()>& requireWhole);
 
     const char* _name;
     std::mutex _flashing;  // held while flash runs

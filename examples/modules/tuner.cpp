@@ -39,10 +39,12 @@ int checkVersion(const char* version, int* need)
     return device.offer(version, need);
 }
 
-// An update from a file. The service has compared the file's CRC-32 with the value already.
-int doUpdate(const char* path, unsigned long /*value*/)
+// An update from a package, or from another folder of the system: the payload lies in a file, and
+// the value is its CRC-32. The service has compared them already; the device does so again with the
+// bytes that it really writes.
+int doUpdate(const char* path, unsigned long value)
 {
-    return device.flashFile(path);
+    return device.flashFile(path, value);
 }
 
 // An update from a USB stick. The payload is already verified and deciphered.
@@ -51,6 +53,7 @@ int doUpdate_decryption(const unsigned char* data, int length)
     return device.flash(data, length);
 }
 
+// For a USB stick; a package tells the time itself.
 int getExpectedTime(int* seconds)
 {
     return device.expectedTime(seconds);

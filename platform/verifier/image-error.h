@@ -10,7 +10,7 @@ namespace quillon {
 /// codes.
 enum class ImageFault : int {
     Usage = 2,      ///< the caller asked for something that makes no sense
-    File = 3,       ///< a file cannot be read or written
+    File = 3,       ///< a file cannot be read or written, or a program for it is missing or failed
     Format = 4,     ///< not a stick image, or its size cannot be right
     Signature = 5,  ///< the signature is missing or wrong
     Key = 6         ///< a key cannot be used, or is not the one that the image was made with

@@ -28,6 +28,9 @@ public:
     void write(const unsigned char* data, std::size_t length);
     void commit();
 
+    /// @return where the bytes are until commit(), for a program that writes them in our place.
+    const std::string& temporaryPath() const { return _temporary; }
+
 private:
     std::string _path;
     std::string _temporary;

@@ -1,4 +1,5 @@
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <exception>
 #include <iostream>
 #include <string>
@@ -12,9 +13,9 @@ using quillon::ImageError;
 using quillon::ImageFault;
 
 constexpr char kExitCodes[] =
-    "Exit codes: 0 done; 2 wrong command line; 3 a file cannot be read or written;\n"
-    "4 not a stick image, or too large for one; 5 signature missing or wrong;\n"
-    "6 key wrong or unusable.";
+    "Exit codes: 0 done; 2 wrong command line; 3 a file cannot be read or written,\n"
+    "or a program is missing or failed; 4 not a stick image, or too large for one;\n"
+    "5 signature missing or wrong; 6 key wrong or unusable.";
 
 CLI::App* addVerb(CLI::App& app, const char* name, const char* what, bool& json)
 {
@@ -52,10 +53,26 @@ void addBuild(CLI::App& app, quillon::BuildOptions& options)
     verb->callback([&options] { quillon::build(options); });
 }
 
+void addPackage(CLI::App& app, quillon::PackageOptions& options)
+{
+    CLI::App* verb = addVerb(app, "package", "make an extension module package", options.json);
+    verb->add_option("--name", options.name, "the package's name, with \"emp\" in it")->required();
+    verb->add_option("--version", options.version, "the payload's version")->required();
+    verb->add_option("--payload", options.payload, "file with the firmware")->required();
+    verb->add_option("--expected-time", options.expectedTime,
+                     "how long the update takes, in seconds; default 300")
+        ->check(CLI::Range(0, INT32_MAX));
+    verb->add_option("--type", options.type, "its file system: squashfs (default) or ext4")
+        ->check(CLI::IsMember({"squashfs", "ext4"}));
+    verb->add_option("--output", options.output, "the package; default NAME.img");
+    verb->callback([&options] { quillon::package(options); });
+}
+
 void addInfo(CLI::App& app, quillon::InfoOptions& options)
 {
-    CLI::App* verb = addVerb(app, "info", "tell what an image says about itself", options.json);
-    verb->add_option("FILE", options.image, "the image")->required();
+    CLI::App* verb =
+        addVerb(app, "info", "tell what an image or a package says about itself", options.json);
+    verb->add_option("FILE", options.image, "the image or package")->required();
     verb->add_option("--key", options.key, "image key file: tell the version as well");
     verb->callback([&options] { quillon::info(options); });
 }
@@ -91,17 +108,18 @@ int run(int argc, char** argv)
 {
     quillon::KeygenOptions keygen;
     quillon::BuildOptions build;
+    quillon::PackageOptions package;
     quillon::InfoOptions info;
     quillon::VerifyOptions verify;
     quillon::ExtractOptions extract;
 
-    CLI::App app("Makes and reads the images that Quillon installs from a USB stick.",
-                 "quillon-image");
+    CLI::App app("Makes and reads the images and packages that Quillon installs.", "quillon-image");
     app.set_version_flag("--version", "quillon-image " QUILLON_VERSION);
     app.require_subcommand(1);
     app.footer(kExitCodes);
     addKeygen(app, keygen);
     addBuild(app, build);
+    addPackage(app, package);
     addInfo(app, info);
     addVerify(app, verify);
     addExtract(app, extract);

@@ -12,6 +12,7 @@
 #include "public-key.h"
 #include "regular-file.h"
 #include "signed-file.h"
+#include "texts.h"
 #include "trusted-keys.h"
 
 namespace quillon {
@@ -30,18 +31,9 @@ bool isPrintable(unsigned char character)
     return character >= 0x20 && character <= 0x7E;
 }
 
-bool isLetterOrDigit(unsigned char character)
-{
-    return (character >= '0' && character <= '9') || (character >= 'A' && character <= 'Z') ||
-           (character >= 'a' && character <= 'z');
-}
-
 VersionHeader encodeVersion(const std::string& version)
 {
-    if (version.empty() || version.size() > kLongestVersion ||
-        !std::all_of(version.begin(), version.end(), isPrintable)) {
-        throw ImageError(ImageFault::Usage, "a version has 1 to 63 printable ASCII characters");
-    }
+    requireVersion(version);
     VersionHeader header{};
     std::copy(version.begin(), version.end(), header.begin());
     return header;
@@ -275,8 +267,7 @@ void buildStickImage(const std::string& version, const std::string& payloadPath,
 
 std::string stickImagePath(const std::string& directory, const std::string& module)
 {
-    if (module.empty() || module.size() > kLongestModule ||
-        !std::all_of(module.begin(), module.end(), isLetterOrDigit)) {
+    if (module.empty() || module.size() > kLongestModule || !hasLettersAndDigitsOnly(module)) {
         throw ImageError(ImageFault::Usage,
                          "a module's name has 1 to 124 ASCII letters and digits");
     }

@@ -22,7 +22,6 @@ namespace quillon {
 constexpr std::size_t kInitialisationVectorSize = 16;
 constexpr std::size_t kCipherBlockSize = 16;
 constexpr std::size_t kVersionHeaderSize = 64;
-constexpr std::size_t kLongestVersion = kVersionHeaderSize - 1;
 
 /// The service counts an image's bytes in a 32-bit int and refuses what does not fit.
 constexpr std::uint64_t kLargestImage = 0x7FFFFFFF;

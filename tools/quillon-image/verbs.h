@@ -1,6 +1,7 @@
 #ifndef QUILLON_TOOLS_QUILLON_IMAGE_VERBS_H
 #define QUILLON_TOOLS_QUILLON_IMAGE_VERBS_H
 
+#include <cstdint>
 #include <string>
 
 namespace quillon {
@@ -24,6 +25,17 @@ struct BuildOptions
     std::string signingKey;
     std::string output;  ///< the image, or empty when stick is given
     std::string stick;   ///< the stick's directory, or empty when output is given
+    bool json = false;
+};
+
+struct PackageOptions
+{
+    std::string name;
+    std::string version;
+    std::string payload;
+    std::string output;             ///< empty: NAME.img in the working directory
+    std::string type = "squashfs";  ///< or "ext4"
+    std::uint32_t expectedTime = 300;
     bool json = false;
 };
 
@@ -52,6 +64,7 @@ struct ExtractOptions
 
 void keygen(const KeygenOptions& options);
 void build(const BuildOptions& options);
+void package(const PackageOptions& options);
 void info(const InfoOptions& options);
 void verify(const VerifyOptions& options);
 void extract(const ExtractOptions& options);

@@ -1,6 +1,7 @@
 // docs/module-tutorial.md, followed word for word: its module is written, built and updated by the
 // real service with the page's own commands.
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -55,7 +56,7 @@ protected:
         const std::string page = readAll(SOURCE_FOLDER "/docs/module-tutorial.md");
         ASSERT_THAT(blocksOf(page, "c"), SizeIs(1));
         commands = blocksOf(page, "sh");
-        ASSERT_THAT(commands, SizeIs(5));
+        ASSERT_THAT(commands, SizeIs(6));
         std::ofstream(folder + "siren.c") << blocksOf(page, "c")[0];
         std::ofstream(folder + "try.sh") << commands[3];
     }
@@ -93,6 +94,35 @@ TEST_F(Tutorial, ItsModuleIsUpdatedByTheService)
     EXPECT_EQ(shell("sh try.sh"), 0) << output << readAll(folder + "service.log");
     EXPECT_THAT(output, HasSubstr("The update finished after "));  // 0 or 1 s: not our business
     EXPECT_THAT(output, EndsWith(" s\ninstalled: 2.0\n"));
+}
+
+TEST_F(Tutorial, ItsPackageHoldsWhatItsModuleTakes)
+{
+    if (shell("command -v mksquashfs unsquashfs") != 0) {
+        GTEST_SKIP() << "squashfs-tools are not installed";
+    }
+    ASSERT_EQ(shell(commands[0]), 0) << output;
+    ASSERT_EQ(shell(commands[5]), 0) << output;
+    EXPECT_THAT(output, HasSubstr("sirenemp.img: version 2.1, "));
+    ASSERT_EQ(shell("unsquashfs -d mounted sirenemp.img"), 0) << output;
+
+    const std::string image = folder + "mounted/siren.bin";
+    void* const siren = dlopen((folder + "siren.so").c_str(), RTLD_NOW);
+    ASSERT_NE(siren, nullptr) << dlerror();
+    const auto checkVersion =
+        reinterpret_cast<int (*)(const char*, int*)>(dlsym(siren, "checkVersion"));
+    const auto doUpdate =
+        reinterpret_cast<int (*)(const char*, unsigned long)>(dlsym(siren, "doUpdate"));
+    int need = 0;
+    EXPECT_EQ(checkVersion("2.1", &need), 0);
+    EXPECT_EQ(need, 1);
+    EXPECT_EQ(doUpdate(image.c_str(), 0), 0);
+    EXPECT_EQ(readAll("/var/lib/siren.firmware"), "firmware 2.1 of the siren\n");
+    EXPECT_EQ(readAll("/var/lib/siren.version"), "2.1");
+
+    fs::resize_file(image, 1024 * 1024 + 1);
+    EXPECT_EQ(doUpdate(image.c_str(), 0), -1) << "larger than the component";
+    dlclose(siren);
 }
 
 }  // namespace

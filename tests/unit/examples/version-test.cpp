@@ -1,5 +1,7 @@
 // Which versions the examples want, and how long they say that it takes.
 
+#include <cerrno>
+
 #include "unit/examples/example-module.h"
 
 namespace quillon::test {
@@ -47,6 +49,16 @@ TEST_P(Version, ThatIsNoneFailsTheCheck)
         EXPECT_EQ(offer(version), -1) << version;
     }
     EXPECT_EQ(offer(std::string(64, '\xF3')), -1);
+}
+
+TEST_P(Version, ThatCouldNotBeToldLaterFailsTheCheck)
+{
+    const std::string longest = std::string(FW_PLUGIN_TEXT_SIZE - 2, '0') + "1";
+    install(longest);
+    EXPECT_EQ(activeVersion(), longest);
+
+    EXPECT_EQ(offer('0' + longest), -1);
+    EXPECT_EQ(errno, EINVAL);
 }
 
 TEST_P(Version, IsReadAgainFromTheDisk)

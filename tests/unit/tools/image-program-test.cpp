@@ -200,7 +200,7 @@ TEST_F(ImageProgram, TellsItsVersionAndHelp)
 TEST_F(ImageProgram, HasEveryVerbAndOptionInItsManual)
 {
     const std::string manual = readAll(MANUAL_PAGE);
-    for (const char* verb : {"keygen", "build", "info", "verify", "extract"}) {
+    for (const char* verb : {"keygen", "build", "package", "info", "verify", "extract"}) {
         EXPECT_THAT(manual, HasSubstr(std::string(".Cm ") + verb));
         ASSERT_EQ(run(std::string(verb) + " --help"), 0);
         std::istringstream words(out);

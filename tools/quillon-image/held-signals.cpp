@@ -1,0 +1,41 @@
+#include "held-signals.h"
+
+#include "image-error.h"
+
+namespace quillon {
+namespace {
+
+constexpr int kSignals[] = {SIGHUP, SIGINT, SIGTERM};
+
+}  // namespace
+
+HeldSignals::HeldSignals()
+{
+    sigemptyset(&_held);
+    for (const int signal : kSignals) {
+        struct sigaction action = {};
+        // One that is ignored, as by nohup(1), would wait here instead of being dropped.
+        if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN) {
+            sigaddset(&_held, signal);
+        }
+    }
+    sigprocmask(SIG_BLOCK, &_held, &_before);
+}
+
+HeldSignals::~HeldSignals()
+{
+    sigprocmask(SIG_SETMASK, &_before, nullptr);
+}
+
+void HeldSignals::requireNone() const
+{
+    sigset_t waiting;
+    sigpending(&waiting);
+    for (const int signal : kSignals) {
+        if (sigismember(&waiting, signal) == 1) {
+            throw ImageError(ImageFault::File, "interrupted");
+        }
+    }
+}
+
+}  // namespace quillon

@@ -1,0 +1,211 @@
+#include "package-image.h"
+
+#include <json/json.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <vector>
+
+#include "atomic-file.h"
+#include "held-signals.h"
+#include "image-error.h"
+#include "regular-file.h"
+#include "run-program.h"
+#include "support/checksum.h"
+#include "texts.h"
+
+namespace quillon {
+namespace {
+
+constexpr Program kMksquashfs = {"mksquashfs", "squashfs-tools", false};
+constexpr Program kMke2fs = {"mke2fs", "e2fsprogs", false};
+constexpr Program kDebugfs = {"debugfs", "e2fsprogs", true};
+
+constexpr std::size_t kLongestName = 127;
+constexpr char kNameMark[] = "emp";
+constexpr char kInformationFile[] = "info.json";
+constexpr std::size_t kChunkSize = 65536;
+
+constexpr std::uint64_t kExt4BlockSize = 4096;
+/// What the file system itself takes: a fixed part, with room for a last block group too small to
+/// be used, and a part of each block group.
+constexpr std::uint64_t kExt4SpareBlocks = 128;
+constexpr std::uint64_t kDataBlocksPerSpareBlock = 1024;
+/// No journal, which a file system that is only read has no use for.
+constexpr char kExt4Features[] = "none,extent,filetype,sparse_super,large_file,extra_isize";
+/// This and the hash seed would be random otherwise.
+constexpr char kExt4Uuid[] = "00000000-0000-0000-0000-000000000001";
+constexpr char kExt4Options[] =
+    "hash_seed=00000000-0000-0000-0000-000000000001,root_owner=0:0,nodiscard,lazy_itable_init=0";
+/// The epoch itself means "no time given" to these programs.
+constexpr char kExt4Time[] = "E2FSPROGS_FAKE_TIME=1";
+
+/// A folder beside a file, removed with all that is in it.
+class ScratchFolder
+{
+public:
+    explicit ScratchFolder(const std::string& neighbour)
+    {
+        std::string pattern = neighbour + ".XXXXXX";
+        if (mkdtemp(pattern.data()) == nullptr) {
+            throw ImageError(ImageFault::File,
+                             neighbour + ": cannot be written: " + std::strerror(errno));
+        }
+        _path = pattern;
+    }
+
+    ~ScratchFolder()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(_path, ignored);
+    }
+
+    ScratchFolder(const ScratchFolder&) = delete;
+    ScratchFolder& operator=(const ScratchFolder&) = delete;
+
+    const std::string& path() const { return _path; }
+
+private:
+    std::string _path;
+};
+
+/// Copies a file; the checksum is that of the bytes that were copied.
+std::uint32_t copyPayload(const RegularFile& payload, const std::string& target,
+                          const HeldSignals& signals)
+{
+    AtomicFile copy(target, Audience::Everyone);
+    std::vector<unsigned char> chunk(kChunkSize);
+    std::uint32_t crc = 0;
+    for (std::uint64_t offset = 0; offset < payload.size();) {
+        signals.requireNone();
+        const auto length =
+            static_cast<std::size_t>(std::min<std::uint64_t>(kChunkSize, payload.size() - offset));
+        payload.readAt(offset, chunk.data(), length);
+        crc = imageChecksum(crc, chunk.data(), length);
+        copy.write(chunk.data(), length);
+        offset += length;
+    }
+    copy.commit();
+    return crc;
+}
+
+std::string informationText(const PackageContent& content, std::uint32_t crc)
+{
+    Json::Value information;
+    information["version"] = content.version;
+    information["crc"] = crc;
+    information["expected_time"] = content.expectedTime;
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "  ";
+    return Json::writeString(writer, information) + '\n';
+}
+
+void makeSquashfs(const std::string& folder, const std::string& image)
+{
+    runProgram(kMksquashfs,
+               {".", image, "-noappend", "-quiet", "-no-progress", "-no-xattrs", "-all-root",
+                "-root-mode", "755", "-all-time", "0", "-mkfs-time", "0"},
+               folder, {});
+}
+
+std::uint64_t ext4BlocksFor(const std::filesystem::path& file)
+{
+    const std::uint64_t data = std::filesystem::file_size(file) / kExt4BlockSize + 1;
+    return data + data / kDataBlocksPerSpareBlock;
+}
+
+void addToExt4(const std::string& folder, const std::string& image, const std::string& file)
+{
+    std::string command = "write ";
+    command.append(file).append(" ").append(file);
+    runProgram(kDebugfs, {"-w", "-R", command, image}, folder, {kExt4Time});
+}
+
+/// The files are written one by one with debugfs: mke2fs itself would copy their owner and times,
+/// and take them in the order in which the folder happens to hold them.
+void makeExt4(const std::string& folder, const std::string& image, const std::string& payloadName)
+{
+    const std::filesystem::path place(folder);
+    const std::uint64_t blocks = kExt4SpareBlocks + ext4BlocksFor(place / kInformationFile) +
+                                 ext4BlocksFor(place / payloadName);
+    runProgram(kMke2fs, {"-q", "-F",          "-t",  "ext4",
+                         "-O", kExt4Features, "-b",  std::to_string(kExt4BlockSize),
+                         "-I", "256",         "-N",  "16",
+                         "-m", "0",           "-U",  kExt4Uuid,
+                         "-E", kExt4Options,  image, std::to_string(blocks)},
+               folder, {kExt4Time});
+    addToExt4(folder, image, kInformationFile);
+    addToExt4(folder, image, payloadName);
+}
+
+bool hasMark(const RegularFile& file, std::uint64_t offset, const std::string& mark)
+{
+    if (file.size() < offset + mark.size()) {
+        return false;
+    }
+    std::string found(mark.size(), '\0');
+    file.readAt(offset, reinterpret_cast<unsigned char*>(found.data()), found.size());
+    return found == mark;
+}
+
+}  // namespace
+
+const char* toText(PackageType type)
+{
+    return type == PackageType::Squashfs ? "squashfs" : "ext4";
+}
+
+std::string firmwareNameOf(const std::string& packageName)
+{
+    const std::size_t mark = packageName.find(kNameMark);
+    if (packageName.empty() || packageName.size() > kLongestName ||
+        !hasLettersAndDigitsOnly(packageName) || mark == std::string::npos) {
+        throw ImageError(
+            ImageFault::Usage,
+            "a package's name has 1 to 127 ASCII letters and digits with 'emp' among them");
+    }
+    return std::string(packageName).erase(mark, std::strlen(kNameMark));
+}
+
+std::uint32_t buildPackage(const PackageContent& content, PackageType type,
+                           const std::string& outputPath)
+{
+    const std::string payloadName = firmwareNameOf(content.name) + ".bin";
+    requireVersion(content.version);
+    const RegularFile payload(content.payload);
+
+    const HeldSignals signals;
+    AtomicFile output(outputPath, Audience::Everyone);
+    const ScratchFolder folder(outputPath);
+    const std::uint32_t crc = copyPayload(payload, folder.path() + "/" + payloadName, signals);
+    writeFile(folder.path() + "/" + kInformationFile, informationText(content, crc),
+              Audience::Everyone);
+
+    // The programs run in the folder, so that no name of ours can be taken for an option.
+    const std::string image = std::filesystem::absolute(output.temporaryPath()).string();
+    if (type == PackageType::Squashfs) {
+        makeSquashfs(folder.path(), image);
+    } else {
+        makeExt4(folder.path(), image, payloadName);
+    }
+    signals.requireNone();
+    output.commit();
+    return crc;
+}
+
+std::optional<PackageType> packageTypeOf(const std::string& path)
+{
+    const RegularFile file(path);
+    if (hasMark(file, 0, "hsqs")) {
+        return PackageType::Squashfs;
+    }
+    if (hasMark(file, 1080, "\x53\xEF")) {
+        return PackageType::Ext4;
+    }
+    return std::nullopt;
+}
+
+}  // namespace quillon
