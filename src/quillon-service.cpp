@@ -1,6 +1,5 @@
 #include "quillon-service.h"
 
-#include <cxxabi.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -229,12 +228,14 @@ int firmware_update_task(bool& /*isUpdating*/, int& progress)
     int result = -1;
     try {
         result = manager->doUpdateUSB(dec_key, iamge_path);
-    } catch (const abi::__forced_unwind&) {
-        storeProgress(progress, kProgressFailed);  // a plug-in ended the thread, not the process
-        throw;
     } catch (const std::exception& error) {
         FW_LOGE("Error: update task exception %s", error.what());
     } catch (...) {
+        // The one that cannot be had is the C library's: a plug-in ended the thread.
+        if (std::current_exception() == nullptr) {
+            storeProgress(progress, kProgressFailed);
+            throw;
+        }
         FW_LOGE("Error: update task exception of an unknown kind");
     }
     if (result == -1) {

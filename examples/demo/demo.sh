@@ -1,5 +1,6 @@
 #!/bin/sh
-# A USB update from end to end with the real daemon. Runs inside a virtual device:
+# A USB update from end to end with the real daemon, then an update from packages through the control
+# layer. Runs inside a virtual device:
 #     quillon-device run -- examples/demo/demo.sh BUILD_DIRECTORY
 set -eu
 
@@ -7,18 +8,24 @@ build=$(cd "$1" && pwd)
 bin=$build/bin
 work=$(mktemp -d)
 stick=/opt/media/USBDriveA
+packages=/opt/usr/apps/appbinarymanager
+shared=/opt/usr/share/sbox
 daemon=""
+helper=""
 
 say() { printf '\n== %s\n' "$*"; }
 
 fail() {
     echo "demo: $*" >&2
-    [ -f "$work/service.log" ] && tail -n 20 "$work/service.log" >&2
+    for log in service helper modules; do
+        [ -f "$work/$log.log" ] && tail -n 20 "$work/$log.log" >&2
+    done
     exit 1
 }
 
 finish() {
     [ -n "$daemon" ] && kill "$daemon" 2>/dev/null
+    [ -n "$helper" ] && kill "$helper" 2>/dev/null
     rm -rf "$work"
 }
 trap finish EXIT
@@ -32,6 +39,20 @@ versions() {
 }
 
 make_payload() { head -c "$2" /dev/urandom >"$work/$1.payload"; }
+
+# holds_payload MODULE VERSION
+holds_payload() {
+    cmp "$work/$1.payload" "$(flashed "$1")/firmware.bin" || fail "$1 differs"
+    [ "$(cat "$(flashed "$1")/version")" = "$2" ] || fail "$1 has the wrong version"
+    printf '   %-8s holds its payload: %s bytes, sha256 %s...\n' "$1" \
+        "$(stat -c %s "$(flashed "$1")/firmware.bin")" \
+        "$(sha256sum <"$work/$1.payload" | cut -c 1-16)"
+}
+
+may_loop_mount() {
+    mkdir "$work/probe"
+    mount -o ro,loop "$1" "$work/probe" 2>/dev/null && umount "$work/probe"
+}
 
 say "A device: its keys, the signature verifier, four firmware modules at version 1.0"
 "$bin/quillon-image" keygen "$work/keys"
@@ -80,11 +101,7 @@ versions
 
 say "Byte for byte"
 for module in tuner panel camera; do
-    cmp "$work/$module.payload" "$(flashed "$module")/firmware.bin" || fail "$module differs"
-    [ "$(cat "$(flashed "$module")/version")" = 2.0 ] || fail "$module has the wrong version"
-    sum=$(sha256sum <"$work/$module.payload" | cut -c 1-16)
-    printf '   %-8s holds its payload: %s bytes, sha256 %s...\n' "$module" \
-        "$(stat -c %s "$(flashed "$module")/firmware.bin")" "$sum"
+    holds_payload "$module" 2.0
 done
 [ ! -e "$(flashed clock)/firmware.bin" ] || fail "the clock was flashed though it is up to date"
 echo "   clock    was left alone: it is up to date"
@@ -96,3 +113,51 @@ wait "$daemon" || status=$?
 daemon=""
 [ "$status" = 0 ] || fail "the service ended with status $status"
 echo "   ended with status 0"
+
+say "Packages arrive: version 3.0 for three modules, 1.0 for the clock"
+for module in tuner panel camera clock; do
+    version=3.0
+    [ "$module" = clock ] && version=1.0
+    make_payload "$module" 3000000
+    "$bin/quillon-image" package --name "${module}emp" --version "$version" \
+        --payload "$work/$module.payload" --expected-time 3 --output "$packages/${module}emp.img"
+done
+
+source=package
+if may_loop_mount "$packages/tuneremp.img"; then
+    say "The privileged helper starts: it alone may mount"
+    "$bin/quillon-privileged" >"$work/helper.log" 2>&1 &
+    helper=$!
+    for _ in $(seq 100); do
+        [ -S /run/quillon/privileged.sock ] && break
+        sleep 0.1
+    done
+    [ -S /run/quillon/privileged.sock ] || fail "the helper did not open its socket"
+    echo "   ready, process $helper, socket /run/quillon/privileged.sock"
+else
+    say "This machine may not loop-mount: the shared area gets what is in the packages"
+    source=shared
+    for module in tuner panel camera clock; do
+        unsquashfs -no-progress -quiet -d "$shared/$module" "$packages/${module}emp.img" >/dev/null
+        echo "   $shared/$module"
+    done
+fi
+
+say "quillonctl modules check --source $source"
+"$bin/quillonctl" modules check --source "$source" 2>"$work/modules.log" || fail "the check failed"
+
+say "quillonctl modules update --all --source $source"
+"$bin/quillonctl" modules update --all --source "$source" 2>"$work/modules.log" ||
+    fail "the update failed"
+
+say "Versions after"
+versions
+
+say "Byte for byte"
+for module in tuner panel camera; do
+    holds_payload "$module" 3.0
+done
+if grep " $packages/" /proc/mounts; then
+    fail "a package is still mounted"
+fi
+echo "   nothing is left mounted"

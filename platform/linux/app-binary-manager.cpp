@@ -1,19 +1,57 @@
 #include "platform/app-binary-manager.h"
 
-#include "once.h"
+#include <algorithm>
+#include <exception>
+
+#include "download-queue.h"
+#include "download-settings.h"
 #include "platform-log.h"
+
+namespace {
+
+constexpr std::size_t kLongestIdentifier = 127;
+
+bool isLetterOrDigit(char c)
+{
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
+}
+
+bool isIdentifier(const std::string& text)
+{
+    return !text.empty() && text.size() <= kLongestIdentifier &&
+           std::all_of(text.begin(), text.end(), isLetterOrDigit);
+}
+
+quillon::DownloadQueue& downloads()
+{
+    static quillon::DownloadQueue queue;
+    return queue;
+}
+
+}  // namespace
 
 namespace appbinaryManager {
 
-bool ABM_DownloadAppBinary(void (* /*callback*/)(const std::string& identifier, int status,
-                                                 void* user_data),
-                           void* /*user_data*/, const std::string& /*identifier*/)
+bool ABM_DownloadAppBinary(void (*callback)(const std::string& identifier, int status,
+                                            void* user_data),
+                           void* user_data, const std::string& identifier)
 {
-    static quillon::Once said;
-    if (said.first()) {
-        PLATFORM_LOGI("there is no package download on this platform yet");
+    if (!isIdentifier(identifier)) {
+        PLATFORM_LOGE("the identifier of a package is 1 to %zu letters and digits",
+                      kLongestIdentifier);
+        return false;
     }
-    return false;
+    try {
+        quillon::DownloadSettings settings;
+        if (!quillon::readDownloadSettings(settings)) {
+            return false;
+        }
+        downloads().add(identifier, settings, {callback, user_data});
+        return true;
+    } catch (const std::exception& error) {
+        PLATFORM_LOGE("package %s cannot be downloaded: %s", identifier.c_str(), error.what());
+        return false;
+    }
 }
 
 }  // namespace appbinaryManager

@@ -1,18 +1,45 @@
 #include "platform/power.h"
 
-#include "once.h"
-#include "platform-log.h"
+#include <chrono>
+#include <exception>
+#include <utility>
 
-int device_power_lock_state(int /*type*/, int /*timeout_ms*/)
+#include "inhibitor.h"
+#include "platform-log.h"
+#include "power-locks.h"
+
+namespace {
+
+quillon::PowerLocks& powerLocks()
 {
-    static quillon::Once said;
-    if (said.first()) {
-        PLATFORM_LOGI("there is no power lock on this platform yet: updates run without one");
-    }
-    return -1;
+    static quillon::PowerLocks locks;
+    return locks;
 }
 
-int device_power_unlock_state(int /*type*/)
+}  // namespace
+
+int device_power_lock_state(int type, int timeout_ms)
 {
-    return 0;  // none is ever held
+    if (timeout_ms <= 0) {
+        PLATFORM_LOGE("a power lock of %d ms is none", timeout_ms);
+        return -1;
+    }
+    // The new inhibitor is there before the old one goes.
+    quillon::UniqueFd inhibitor = quillon::takeInhibitor();
+    if (!inhibitor) {
+        return -1;
+    }
+    try {
+        powerLocks().hold(type, std::move(inhibitor), std::chrono::milliseconds(timeout_ms));
+        return 0;
+    } catch (const std::exception& error) {
+        PLATFORM_LOGE("the power lock %d cannot be kept: %s", type, error.what());
+        return -1;
+    }
+}
+
+int device_power_unlock_state(int type)
+{
+    powerLocks().release(type);
+    return 0;
 }

@@ -1,6 +1,5 @@
 #include "fw-update-symbol-manager.h"
 
-#include <cxxabi.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -14,6 +13,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <limits>
 #include <memory>
 #include <mutex>
@@ -81,13 +81,14 @@ void work(Rendezvous& rendezvous, CallerTypes caller)
     int result = -1;
     try {
         result = rendezvous.module.updateFirmware(caller, rendezvous.argument());
-    } catch (const abi::__forced_unwind&) {
-        // A plug-in that ends its thread: the C library insists on the rest of it.
-        rendezvous.result.store(result);
-        rendezvous.done.notify_one();
-        throw;
     } catch (...) {
-        // An exception of a plug-in ends its update, not the process.
+        // An exception of a plug-in ends its update, not the process. The one that cannot be had is
+        // the C library's: the plug-in ended its thread, and the library insists on the rest of it.
+        if (std::current_exception() == nullptr) {
+            rendezvous.result.store(result);
+            rendezvous.done.notify_one();
+            throw;
+        }
     }
     rendezvous.result.store(result);
     rendezvous.done.notify_one();

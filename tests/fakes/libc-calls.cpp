@@ -5,11 +5,13 @@
 // it initialises itself. Hence: this file is compiled without instrumentation, its state needs no
 // initialisation, and with nothing switched on a call does nothing but hand on.
 
+#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <glib.h>
 #include <mqueue.h>
 #include <openssl/evp.h>
+#include <pthread.h>
 #include <semaphore.h>
 #include <stdarg.h>
 #include <stdlib.h>
@@ -22,7 +24,11 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <functional>
+#include <memory>
 #include <stdexcept>
+#include <thread>
+#include <utility>
 
 #include "fakes/recorder.h"
 
@@ -36,14 +42,21 @@ enum Function : unsigned int {
     kDlopen,
     kCipherInit,
     kCipherUpdate,
+    kFopen,
     kFread,
     kTimeoutAdd,
+    kLstat,
+    kMkdir,
     kMqClose,
     kMqOpen,
     kMqReceive,
     kMqSend,
     kMqUnlink,
+    kOpendir,
     kPrctl,
+    kPthreadCondClockwait,
+    kPthreadCreate,
+    kPthreadDetach,
     kRealpath,
     kRemove,
     kSemClose,
@@ -56,11 +69,36 @@ enum Function : unsigned int {
     kFunctions
 };
 
-constexpr const char* kNames[kFunctions] = {
-    "access",    "clock_gettime", "dlclose",  "dlopen",  "EVP_CipherInit", "EVP_CipherUpdate",
-    "fread",     "g_timeout_add", "mq_close", "mq_open", "mq_receive",     "mq_send",
-    "mq_unlink", "prctl",         "realpath", "remove",  "sem_close",      "sem_open",
-    "sem_post",  "sem_wait",      "setxattr", "stat",    "usleep"};
+constexpr const char* kNames[kFunctions] = {"access",
+                                            "clock_gettime",
+                                            "dlclose",
+                                            "dlopen",
+                                            "EVP_CipherInit",
+                                            "EVP_CipherUpdate",
+                                            "fopen64",
+                                            "fread",
+                                            "g_timeout_add",
+                                            "lstat",
+                                            "mkdir",
+                                            "mq_close",
+                                            "mq_open",
+                                            "mq_receive",
+                                            "mq_send",
+                                            "mq_unlink",
+                                            "opendir",
+                                            "prctl",
+                                            "pthread_cond_clockwait",
+                                            "pthread_create",
+                                            "pthread_detach",
+                                            "realpath",
+                                            "remove",
+                                            "sem_close",
+                                            "sem_open",
+                                            "sem_post",
+                                            "sem_wait",
+                                            "setxattr",
+                                            "stat",
+                                            "usleep"};
 
 struct State
 {
@@ -76,6 +114,25 @@ std::atomic<bool> fastSleep{false};
 std::atomic<bool> ownClock{false};
 std::atomic<std::int64_t> ownNanoseconds{0};
 std::atomic<std::size_t> failingAllocation{0};
+std::atomic<bool> detachJoins{false};
+std::atomic<pthread_mutex_t*> waitersMutex{nullptr};  // of the timed wait that goes on
+std::atomic<std::function<void()>*> beforeWait{nullptr};
+
+// What is opened in the place of a path.
+std::atomic<bool> hasStandIns{false};
+std::mutex standInMutex;
+std::map<std::string, std::string>& standIns()
+{
+    static auto* paths = new std::map<std::string, std::string>;
+    return *paths;
+}
+
+std::string standInFor(const char* path)
+{
+    const std::lock_guard<std::mutex> lock(standInMutex);
+    const auto found = standIns().find(path);
+    return found == standIns().end() ? path : found->second;
+}
 
 // What a descriptor, a handle or a semaphore was opened as.
 std::mutex openedMutex;
@@ -208,10 +265,21 @@ bool isDeviceLibrary(const char* path)
                                std::strcmp(path, "/usr/lib/libkUEPUser.so") == 0);
 }
 
+/// A sanitizer starts a thread of its own with the first that the program starts, which shall not
+/// be counted.
+void letSanitizerStartItsThread()
+{
+#ifdef QUILLON_SANITIZED
+    static std::once_flag once;
+    std::call_once(once, [] { std::thread([] {}).join(); });
+#endif
+}
+
 }  // namespace
 
 void recordCalls(std::initializer_list<const char*> names)
 {
+    letSanitizerStartItsThread();
     for (const char* name : names) {
         states[functionOf(name)].isRecorded = true;
     }
@@ -219,10 +287,18 @@ void recordCalls(std::initializer_list<const char*> names)
 
 void failCall(const char* name, int error, int times, int skip)
 {
+    letSanitizerStartItsThread();
     State& state = states[functionOf(name)];
     state.error = error;
     state.skips = skip;
     state.failures = times;
+}
+
+void openInstead(const std::string& path, const std::string& standIn)
+{
+    const std::lock_guard<std::mutex> lock(standInMutex);
+    standIns()[path] = standIn;
+    hasStandIns = true;
 }
 
 void setFastSleep(bool fast)
@@ -239,6 +315,28 @@ void setMonotonicTime(const timespec& now)
 void useRealClock()
 {
     ownClock = false;
+}
+
+void setDetachJoins(bool joins)
+{
+    detachJoins = joins;
+}
+
+void beforeTimedWait(std::function<void()> function)
+{
+    delete beforeWait.exchange(new std::function<void()>(std::move(function)));
+}
+
+void awaitTimedWait()
+{
+    pthread_mutex_t* mutex = nullptr;
+    while ((mutex = waitersMutex) == nullptr) {
+        const timespec pause = {0, 1000000};
+        nanosleep(&pause, nullptr);
+    }
+    // The wait lets go of its mutex only when it would see a signal.
+    pthread_mutex_lock(mutex);
+    pthread_mutex_unlock(mutex);
 }
 
 bool canFailAllocations()
@@ -417,6 +515,39 @@ int sem_wait(sem_t* semaphore)
     return recorded(kSemWait, quoted(nameOf(handleOf(semaphore)).c_str()), result);
 }
 
+FILE* fopen64(const char* path, const char* mode)
+{
+    FILE* file = nullptr;
+    if (!fails(kFopen)) {
+        const auto open = next<decltype(fopen64)>(kFopen);
+        file = hasStandIns ? open(standInFor(path).c_str(), mode) : open(path, mode);
+    }
+    if (isRecorded(kFopen)) {
+        recordOpening(kFopen, quoted(path) + ", " + quoted(mode), file != nullptr);
+    }
+    return file;
+}
+
+DIR* opendir(const char* path)
+{
+    DIR* folder = nullptr;
+    if (!fails(kOpendir)) {
+        const auto open = next<decltype(opendir)>(kOpendir);
+        folder = hasStandIns ? open(standInFor(path).c_str()) : open(path);
+    }
+    if (isRecorded(kOpendir)) {
+        recordOpening(kOpendir, quoted(path), folder != nullptr);
+    }
+    return folder;
+}
+
+int mkdir(const char* path, mode_t mode) noexcept
+{
+    const int result = fails(kMkdir) ? -1 : next<decltype(mkdir)>(kMkdir)(path, mode);
+    return isRecorded(kMkdir) ? recorded(kMkdir, quoted(path) + ", " + octal(mode), result)
+                              : result;
+}
+
 int remove(const char* path) noexcept
 {
     const int result = fails(kRemove) ? -1 : next<decltype(remove)>(kRemove)(path);
@@ -428,6 +559,61 @@ int stat(const char* path, struct stat* status) noexcept
     const int result =
         fails(kStat) ? -1 : next<int(const char*, struct stat*)>(kStat)(path, status);
     return isRecorded(kStat) ? recorded(kStat, quoted(path), result) : result;
+}
+
+int lstat(const char* path, struct stat* status) noexcept
+{
+    const int result =
+        fails(kLstat) ? -1 : next<int(const char*, struct stat*)>(kLstat)(path, status);
+    return isRecorded(kLstat) ? recorded(kLstat, quoted(path), result) : result;
+}
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
+                   void* argument) noexcept
+{
+    const int result = fails(kPthreadCreate) ? errno
+                                             : next<decltype(pthread_create)>(kPthreadCreate)(
+                                                   thread, attributes, function, argument);
+    return isRecorded(kPthreadCreate) ? recorded(kPthreadCreate, "", result) : result;
+}
+
+int pthread_detach(pthread_t thread) noexcept
+{
+    int result = 0;
+    if (detachJoins) {
+        // Not through a sanitizer, which is told of a detach.
+        using Join = int(pthread_t, void**);
+        result = reinterpret_cast<Join*>(dlsym(RTLD_NEXT, "pthread_join"))(thread, nullptr);
+    } else {
+        result = next<decltype(pthread_detach)>(kPthreadDetach)(thread);
+    }
+    return isRecorded(kPthreadDetach) ? recorded(kPthreadDetach, "", result) : result;
+}
+
+int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
+                           const struct timespec* deadline)
+{
+    int result = 0;
+    if (fails(kPthreadCondClockwait)) {
+        result = errno;
+    } else {
+        const std::unique_ptr<std::function<void()>> before(beforeWait.exchange(nullptr));
+        if (before) {
+            (*before)();
+        }
+        waitersMutex = mutex;
+        result = next<decltype(pthread_cond_clockwait)>(kPthreadCondClockwait)(condition, mutex,
+                                                                               clock, deadline);
+        waitersMutex = nullptr;
+    }
+    if (!isRecorded(kPthreadCondClockwait)) {
+        return result;
+    }
+    char text[64];
+    static_cast<void>(std::snprintf(text, sizeof(text), "%s, %lld.%09ld",
+                                    clock == CLOCK_MONOTONIC ? "CLOCK_MONOTONIC" : "another clock",
+                                    static_cast<long long>(deadline->tv_sec), deadline->tv_nsec));
+    return recorded(kPthreadCondClockwait, text, result);
 }
 
 int prctl(int option, ...) noexcept

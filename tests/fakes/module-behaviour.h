@@ -31,7 +31,8 @@ struct ModuleBehaviour
 {
     /// What getEMPID writes, followed by a NUL where that still fits into the promised 128 bytes.
     std::string empid;
-    std::string activeVersion = "1.0";
+    /// Written as empid is; empty: getActiveVersion leaves its buffer alone.
+    std::optional<std::string> activeVersion = "1.0";
     std::optional<int> need = 0;              ///< empty: checkVersion leaves its answer alone
     std::optional<int> expectedSeconds = 10;  ///< empty: getExpectedTime leaves its answer alone
     unsigned int progress = 0;
@@ -40,6 +41,8 @@ struct ModuleBehaviour
 
     /// When set, answers instead of `need` and the entry's result.
     std::function<int(const char* version, int* need)> onCheckVersion;
+    /// When set, is called with the arguments of doUpdate before the entry's own behaviour.
+    std::function<void(const char* path, unsigned long value)> onUpdate;
     /// When set, is called with the payload before the entry's own behaviour.
     std::function<void(const unsigned char* data, int length)> onPayload;
 };

@@ -1,5 +1,6 @@
 // Every platform call, recorded and answered as the test has programmed it.
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -97,11 +98,33 @@ int recorded(const std::string& call, int result)
     return result;
 }
 
-int privileged(const char* name, const std::string& request, int size, int reserved, int* result,
+// A buffer that holds a text and, behind it, nothing but zeros.
+bool isZeroFilled(const char* buffer, int size)
+{
+    const char* end = buffer + std::max(size, 0);
+    const char* behindText = std::find(buffer, end, '\0');
+    return behindText != end && std::all_of(behindText, end, [](char c) { return c == '\0'; });
+}
+
+void checkRequest(const char* name, const char* request, int size)
+{
+    if (!isZeroFilled(request, size)) {
+        recordMismatch(std::string(name) + " with a buffer that is not filled up with zeros");
+    }
+}
+
+void checkResult(const char* name, const int* result)
+{
+    if (*result != 0) {
+        recordMismatch(std::string(name) + " with a result that is not 0 before the call");
+    }
+}
+
+int privileged(const char* name, const char* request, int size, int reserved, int* result,
                const std::pair<int, int>& answer)
 {
     *result = answer.second;
-    return recorded(std::string(name) + "(" + request + ", " + std::to_string(size) + ", " +
+    return recorded(std::string(name) + "(" + quoted(request) + ", " + std::to_string(size) + ", " +
                         std::to_string(reserved) + ", " + std::to_string(answer.second) + ")",
                     answer.first);
 }
@@ -239,31 +262,37 @@ int smart_deadlock_unregister_watchdog_service(void)
 
 int PS_Mount(const char* request, int size, int reserved, int* result)
 {
-    return privileged("PS_Mount", quoted(request), size, reserved, result,
+    checkRequest("PS_Mount", request, size);
+    checkResult("PS_Mount", result);
+    return privileged("PS_Mount", request, size, reserved, result,
                       platform().psMount.take(request));
 }
 
 int PS_Mknod(const char* request, int size, int reserved, int* result)
 {
-    return privileged("PS_Mknod", quoted(request), size, reserved, result,
+    checkRequest("PS_Mknod", request, size);
+    checkResult("PS_Mknod", result);
+    return privileged("PS_Mknod", request, size, reserved, result,
                       platform().psMknod.take(request));
 }
 
 int PS_Umount(const char* directory, int length, int reserved, int* result)
 {
-    return privileged("PS_Umount", quoted(directory), length, reserved, result,
+    checkResult("PS_Umount", result);
+    return privileged("PS_Umount", directory, length, reserved, result,
                       platform().psUmount.take(directory));
 }
 
 namespace appbinaryManager {
 
 // The callback is the test's to call: a download ends when the test says so.
-bool ABM_DownloadAppBinary(void (* /*callback*/)(const std::string& identifier, int status,
-                                                 void* user_data),
-                           void* /*user_data*/, const std::string& identifier)
+bool ABM_DownloadAppBinary(void (*callback)(const std::string& identifier, int status,
+                                            void* user_data),
+                           void* user_data, const std::string& identifier)
 {
     const bool accepted = platform().download.take(identifier);
-    recordCall("ABM_DownloadAppBinary(" + quoted(identifier.c_str()) +
+    recordCall(std::string("ABM_DownloadAppBinary(") + (callback == nullptr ? "null" : "callback") +
+               ", " + (user_data == nullptr ? "null" : "data") + ", " + quoted(identifier.c_str()) +
                ") = " + (accepted ? "true" : "false"));
     return accepted;
 }

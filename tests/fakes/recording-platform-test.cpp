@@ -2,31 +2,43 @@
 
 #include "fakes/recording-platform.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <mqueue.h>
 #include <semaphore.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 
 #include "fakes/timeline.h"
+#include "platform/app-binary-manager.h"
 #include "platform/events.h"
 #include "platform/log.h"
+#include "platform/privileged.h"
 #include "platform/secure-storage.h"
 #include "platform/trace.h"
 
 namespace quillon::fakes {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::StartsWith;
 
 constexpr char kPrefixed[] = "%s: %s(%d) > text %d";
 
@@ -38,6 +50,21 @@ void log(int buffer, const char* tag, int value)
 void trace(const char* tag, int value)
 {
     trace_logger_write(ERROR, tag, "file.cpp", "function", 7, "text %d", value);
+}
+
+std::vector<std::string> namesIn(const char* path)
+{
+    std::vector<std::string> names;
+    DIR* folder = opendir(path);
+    while (const dirent* entry = folder != nullptr ? readdir(folder) : nullptr) {
+        if (entry->d_name[0] != '.') {
+            names.emplace_back(entry->d_name);
+        }
+    }
+    if (folder != nullptr) {
+        closedir(folder);
+    }
+    return names;
 }
 
 TEST(RecordingLog, ALineWithItsTraceIsOneEntry)
@@ -151,6 +178,36 @@ TEST(RecordingPlatform, ReadsTheItemsOfTheSecureStorage)
                                          "ss_free_buffer(data)"));
 }
 
+TEST(RecordingPlatform, ARequestWhoseBufferOrResultIsNotPreparedIsAMismatch)
+{
+    int result = 0;
+    const char prepared[] = "-o a\0\0\0";
+    PS_Mount(prepared, sizeof(prepared), 0, &result);
+    PS_Mknod(prepared, sizeof(prepared), 0, &result);
+    PS_Umount("/mnt", 4, 0, &result);
+    EXPECT_EQ(mismatches(), "");
+
+    PS_Mount("-o a\0b", 7, 0, &result);
+    EXPECT_THAT(mismatches(), HasSubstr("PS_Mount with a buffer"));
+    clear();
+    PS_Mknod("-m a", 4, 0, &result);
+    EXPECT_THAT(mismatches(), HasSubstr("PS_Mknod with a buffer"));
+    clear();
+    result = 1;
+    PS_Umount("/mnt", 4, 0, &result);
+    EXPECT_THAT(mismatches(), HasSubstr("PS_Umount with a result"));
+}
+
+TEST(RecordingPlatform, TellsWhatADownloadIsAskedWith)
+{
+    int data = 0;
+    appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, "alphaemp");
+    appbinaryManager::ABM_DownloadAppBinary([](const std::string&, int, void*) {}, &data, "b");
+
+    EXPECT_THAT(callTexts(), ElementsAre("ABM_DownloadAppBinary(null, null, \"alphaemp\") = true",
+                                         "ABM_DownloadAppBinary(callback, data, \"b\") = true"));
+}
+
 TEST(RecordingCalls, AreRecordedOnlyWhenAskedFor)
 {
     setFastSleep(true);
@@ -233,6 +290,131 @@ TEST(RecordingCalls, FailingOpensGiveTheirOwnFailureValue)
     EXPECT_EQ(mq_open("/test", O_RDONLY), -1);
     EXPECT_EQ(sem_open("/test", O_CREAT, 0600, 1), SEM_FAILED);
     EXPECT_EQ(realpath("/", resolved), nullptr);
+}
+
+TEST(RecordingCalls, AFileAndAFolderMayStandInForOthers)
+{
+    const std::string folder = "/opt/media/nodes";
+    std::filesystem::create_directories(folder);
+    std::ofstream(folder + "/table") << "first line";
+    recordCalls({"fopen64", "opendir", "mkdir"});
+    openInstead("/proc/mounts", folder + "/table");
+    openInstead("/dev", folder);
+
+    std::string line;
+    std::ifstream table("/proc/mounts");
+    EXPECT_TRUE(std::getline(table, line));
+    EXPECT_EQ(line, "first line");
+    EXPECT_THAT(namesIn("/dev"), ElementsAre("table"));
+    EXPECT_EQ(mkdir("/dev/nothing/below", 0775), -1);
+
+    EXPECT_THAT(callTexts(),
+                ElementsAre("fopen64(\"/proc/mounts\", \"r\") = ok", "opendir(\"/dev\") = ok",
+                            "mkdir(\"/dev/nothing/below\", 0775) = -1"));
+}
+
+TEST(RecordingCalls, OpeningAFileOrAFolderMayFail)
+{
+    failCall("fopen64", EMFILE);
+    failCall("opendir", EMFILE);
+
+    EXPECT_FALSE(std::ifstream("/proc/mounts").is_open());
+    EXPECT_EQ(opendir("/dev"), nullptr);
+    EXPECT_EQ(errno, EMFILE);
+}
+
+TEST(RecordingCalls, AThreadMayBeRefused)
+{
+    recordCalls({"pthread_create", "pthread_detach"});
+    failCall("pthread_create", EAGAIN);
+
+    EXPECT_THROW(std::thread([] {}), std::system_error);
+    std::thread([] {}).detach();
+
+    EXPECT_THAT(callTexts(), ElementsAre("pthread_create() = 11", "pthread_create() = 0",
+                                         "pthread_detach() = 0"));
+}
+
+TEST(RecordingCalls, ADetachMayWaitForTheEndOfTheThread)
+{
+    recordCalls({"pthread_detach"});
+    setDetachJoins(true);
+
+    std::thread([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        note("ended");
+    }).detach();
+
+    EXPECT_THAT(callTexts(), ElementsAre("ended", "pthread_detach() = 0"));
+}
+
+TEST(RecordingCalls, ATimedWaitCanBeAwaited)
+{
+    std::mutex mutex;
+    std::condition_variable changed;
+    recordCalls({"pthread_cond_clockwait"});
+    std::unique_lock<std::mutex> lock(mutex);
+    std::thread other([&changed] {
+        awaitTimedWait();
+        note("is waited for");
+        changed.notify_one();
+    });
+
+    EXPECT_EQ(changed.wait_for(lock, std::chrono::seconds(20)), std::cv_status::no_timeout);
+
+    other.join();
+    EXPECT_THAT(
+        callTexts(),
+        ElementsAre("is waited for", AllOf(StartsWith("pthread_cond_clockwait(CLOCK_MONOTONIC, "),
+                                           ::testing::EndsWith(") = 0"))));
+}
+
+TEST(RecordingCalls, SomethingMayHappenBeforeATimedWait)
+{
+    std::mutex mutex;
+    std::condition_variable changed;
+    recordCalls({"pthread_cond_clockwait"});
+    std::unique_lock<std::mutex> lock(mutex);
+    beforeTimedWait([&changed] {
+        note("not waiting yet");
+        changed.notify_one();
+    });
+
+    EXPECT_EQ(changed.wait_for(lock, std::chrono::milliseconds(1)), std::cv_status::timeout);
+    EXPECT_EQ(changed.wait_for(lock, std::chrono::milliseconds(1)), std::cv_status::timeout);
+
+    EXPECT_THAT(callTexts(), ElementsAre("not waiting yet", ::testing::EndsWith(") = 110"),
+                                         ::testing::EndsWith(") = 110")));
+}
+
+TEST(RecordingCalls, ATimedWaitMayBeWokenByNobody)
+{
+    std::mutex mutex;
+    std::condition_variable changed;
+    recordCalls({"pthread_cond_clockwait"});
+    failCall("pthread_cond_clockwait", 0);
+    setMonotonicTime({5, 7});
+    std::unique_lock<std::mutex> lock(mutex);
+
+    EXPECT_EQ(changed.wait_for(lock, std::chrono::seconds(20)), std::cv_status::no_timeout);
+
+    EXPECT_THAT(callTexts(),
+                ElementsAre("pthread_cond_clockwait(CLOCK_MONOTONIC, 25.000000007) = 0"));
+}
+
+TEST(RecordingCalls, TheStatusOfALinkMayBeRefused)
+{
+    recordCalls({"lstat"});
+    failCall("lstat", EACCES);
+
+    struct stat status = {};
+    EXPECT_EQ(lstat("/proc/self", &status), -1);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(lstat("/proc/self", &status), 0);
+    EXPECT_TRUE(S_ISLNK(status.st_mode));
+
+    EXPECT_THAT(callTexts(),
+                ElementsAre("lstat(\"/proc/self\") = -1", "lstat(\"/proc/self\") = 0"));
 }
 
 TEST(RecordingCalls, TheClockMayBeTheTestsOwn)

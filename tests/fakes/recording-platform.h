@@ -36,7 +36,8 @@ enum class Kind {
     Trace,    ///< the same message in the trace; only in wholeTimeline()
     Call,     ///< a call of the platform or the C library; text: `name(arguments) = result`
     Plugin,   ///< a call of a test plug-in or the test verifier; text: `alpha.getEMPID()`
-    Mismatch  ///< a log line that breaks the rules, or without its twin; text: what is wrong
+    Mismatch  ///< a log line that breaks the rules, or without its twin, or a request to the
+              ///< privileged service that does; text: what is wrong
 };
 
 struct Entry
@@ -74,21 +75,28 @@ bool waitForText(const std::string& text, std::chrono::milliseconds limit);
 void note(const std::string& text);
 
 /// @name Functions of the C library (and of libdl, GLib and libcrypto)
-/// By name: access, clock_gettime, dlclose, dlopen, EVP_CipherInit, EVP_CipherUpdate, fread,
-/// g_timeout_add, mq_close, mq_open, mq_receive, mq_send, mq_unlink, prctl, realpath, remove,
-/// sem_close, sem_open, sem_post, sem_wait, setxattr, stat, usleep. Another name raises
-/// std::invalid_argument. Of clock_gettime only CLOCK_MONOTONIC counts, of dlopen and dlclose only
-/// the plug-ins and the verifier.
+/// By name: access, clock_gettime, dlclose, dlopen, EVP_CipherInit, EVP_CipherUpdate, fopen64,
+/// fread, g_timeout_add, lstat, mkdir, mq_close, mq_open, mq_receive, mq_send, mq_unlink, opendir,
+/// prctl, pthread_cond_clockwait, pthread_create, pthread_detach, realpath, remove, sem_close,
+/// sem_open, sem_post, sem_wait, setxattr, stat, usleep. Another name raises std::invalid_argument.
+/// Of clock_gettime only CLOCK_MONOTONIC counts, of dlopen and dlclose only the plug-ins and the
+/// verifier; fopen64 is what the C++ library's file streams open with, and pthread_cond_clockwait
+/// what its steady_clock's timed waits wait with.
 /// @{
 
 /// From now on calls of these enter the timeline.
 void recordCalls(std::initializer_list<const char*> names);
 
 /// Lets calls fail with the function's failure value and errno, without making them. Not for
-/// dlopen, dlclose, fread, g_timeout_add and EVP_*.
+/// dlopen, dlclose, fread, g_timeout_add, pthread_detach and EVP_*. A pthread_cond_clockwait that
+/// fails with 0 is a wake-up that nobody sent.
 /// @param skip   so many calls are still made before
 /// @param times  so many fail
 void failCall(const char* name, int error, int times = 1, int skip = 0);
+
+/// Lets fopen64 and opendir open another file or folder when they are asked for this path: a mount
+/// table or a list of devices of the test. The timeline keeps the path that was asked for.
+void openInstead(const std::string& path, const std::string& standIn);
 
 /// Lets usleep return at once.
 void setFastSleep(bool fast);
@@ -97,6 +105,17 @@ void setFastSleep(bool fast);
 /// it as well, so no timed wait may run meanwhile.
 void setMonotonicTime(const timespec& now);
 void useRealClock();
+
+/// Lets pthread_detach return only when the thread has ended.
+void setDetachJoins(bool joins);
+
+/// Has the next pthread_cond_clockwait call a function before it waits, while it still holds the
+/// mutex. A sanitizer may not see what that function locks.
+void beforeTimedWait(std::function<void()> function);
+
+/// Waits until another thread is in pthread_cond_clockwait and would see a signal. That wait must
+/// not end of itself meanwhile.
+void awaitTimedWait();
 
 /// Whether failAllocation can work; a sanitizer brings an allocator of its own.
 bool canFailAllocations();
@@ -136,7 +155,7 @@ public:
     void then(std::initializer_list<Result> results)
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        for (const Result result : results) {
+        for (const Result& result : results) {
             queued_.push_back([result](Arguments...) { return result; });
         }
     }
@@ -184,7 +203,8 @@ struct Platform
     Answer<int()> watchdogUnregister{0};
     Answer<int(int type, int timeoutMs)> powerLock{0};
     Answer<int(int type)> powerUnlock{0};
-    /// For these three the first is the return value, the second *result.
+    /// For these three the first is the return value, the second *result, which must be 0 before
+    /// the call. Behind the text of a mount's and a node's request its buffer must be zeros.
     Answer<std::pair<int, int>(const char* request)> psMount{std::pair<int, int>{0, 0}};
     Answer<std::pair<int, int>(const char* request)> psMknod{std::pair<int, int>{0, 0}};
     Answer<std::pair<int, int>(const char* directory)> psUmount{std::pair<int, int>{0, 0}};

@@ -107,7 +107,9 @@ ENTRY int getActiveVersion(char* buffer)
 {
     tell("getActiveVersion()");
     const ModuleBehaviour behaviour = ownBehaviour();
-    writeText(buffer, behaviour.activeVersion);
+    if (behaviour.activeVersion) {
+        writeText(buffer, *behaviour.activeVersion);
+    }
     return finish(behaviour, "getActiveVersion");
 }
 #endif
@@ -129,7 +131,11 @@ ENTRY int checkVersion(const char* version, int* need)
 ENTRY int doUpdate(const char* path, unsigned long value)
 {
     tell("doUpdate(" + quoted(path) + ", " + std::to_string(value) + ")");
-    return finish(ownBehaviour(), "doUpdate");
+    const ModuleBehaviour behaviour = ownBehaviour();
+    if (behaviour.onUpdate) {
+        behaviour.onUpdate(path, value);
+    }
+    return finish(behaviour, "doUpdate");
 }
 #endif
 

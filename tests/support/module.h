@@ -47,6 +47,11 @@ public:
         behaviour_.activeVersion = version;
         return *this;
     }
+    Module& leavesVersionAlone()
+    {
+        behaviour_.activeVersion.reset();
+        return *this;
+    }
     Module& atProgress(unsigned int progress)
     {
         behaviour_.progress = progress;
@@ -74,6 +79,11 @@ public:
     Module& onCheckVersion(std::function<int(const char*, int*)> function)
     {
         behaviour_.onCheckVersion = std::move(function);
+        return *this;
+    }
+    Module& onUpdate(std::function<void(const char*, unsigned long)> function)
+    {
+        behaviour_.onUpdate = std::move(function);
         return *this;
     }
     Module& onPayload(std::function<void(const unsigned char*, int)> function)

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -16,6 +17,7 @@ namespace quillon::device {
 namespace {
 
 constexpr unsigned kLoopDevices = 16;
+constexpr unsigned kLoopMajor = 7;
 
 /// A node of our own where that is allowed: a change of its mode then stays inside, too.
 void addNode(int hostDev, const std::string& name)
@@ -41,11 +43,18 @@ void addNode(int hostDev, const std::string& name)
     }
 }
 
+/// As many as ever, whatever number the host has nodes for.
 void addLoopDevices(int hostDev)
 {
     addNode(hostDev, "loop-control");
+    if (::access("/dev/loop-control", F_OK) != 0) {
+        return;
+    }
     for (unsigned number = 0; number < kLoopDevices; ++number) {
-        addNode(hostDev, "loop" + std::to_string(number));
+        const std::string name = "loop" + std::to_string(number);
+        addNode(hostDev, name);
+        // The one from the host is there already; a user namespace has to do with those.
+        ::mknod(("/dev/" + name).c_str(), S_IFBLK | 0660, makedev(kLoopMajor, number));
     }
 }
 

@@ -45,6 +45,7 @@ std::vector<std::string> serviceFolders()
         "/var/lib/quillon",
         "/etc/quillon/examples",
         "/etc/quillon/trusted-keys",
+        "/run/quillon",
     };
     if (hasOwnLibFolder()) {
         folders.emplace_back("/lib/firmware/ext");
@@ -71,7 +72,7 @@ std::vector<std::string> serviceFiles()
 
 std::vector<std::string> hostServiceFolders()
 {
-    return existingFolders({"/run/quillon", "/run/lock", "/run/dbus", "/run/systemd/journal"});
+    return existingFolders({"/run/lock", "/run/dbus", "/run/systemd/journal"});
 }
 
 std::vector<std::string> privateTops()

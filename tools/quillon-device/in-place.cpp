@@ -105,7 +105,9 @@ void unmountLeftovers()
     for (const std::string& point : mountPoints()) {
         for (const std::string& folder : folders) {
             if (point != folder && isWithin(point, folder)) {
-                ::umount2(point.c_str(), MNT_DETACH);
+                while (::umount2(point.c_str(), MNT_DETACH) == 0) {
+                    // a place may bear several, one on top of the other
+                }
             }
         }
     }

@@ -14,6 +14,11 @@ enum ExitCode : int {
     kExitNothingToUpdate = 7,
     kExitAlreadyUpdating = 8,
     kExitSystem = 9,
+    kExitUnknownModule = 10,
+    kExitUnusableModule = 11,
+    kExitNoAnswer = 12,
+    kExitTimedOut = 13,
+    kExitDownloadFailed = 14,
     kExitInterrupted = 130
 };
 

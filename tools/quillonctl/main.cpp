@@ -1,5 +1,3 @@
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <iostream>
@@ -7,6 +5,8 @@
 #include <string>
 
 #include "json-report.h"
+#include "module-commands.h"
+#include "terminal.h"
 #include "text-report.h"
 #include "verbs.h"
 
@@ -22,7 +22,9 @@ constexpr const char* kFooter =
     "\n"
     "Exit codes: 0 success, 2 usage, 3 service not running, 4 no reply in time,\n"
     "5 another client is busy, 6 update failed, 7 nothing to update, 8 already\n"
-    "updating, 9 connection lost or other system error, 130 interrupted";
+    "updating, 9 connection lost or other system error, 10 unknown module,\n"
+    "11 unusable module, 12 a module does not answer, 13 update timed out,\n"
+    "14 download failed, 130 interrupted";
 
 struct Arguments
 {
@@ -31,12 +33,6 @@ struct Arguments
     double timeout = 0;  ///< seconds; 0: the client's own
     std::string directory;
 };
-
-bool canRedraw()
-{
-    const char* terminal = std::getenv("TERM");
-    return isatty(STDOUT_FILENO) == 1 && terminal != nullptr && std::string(terminal) != "dumb";
-}
 
 ClientOptions clientOptions(const Arguments& arguments)
 {
@@ -97,7 +93,8 @@ void takeDirectory(CLI::App* verb, Arguments& arguments)
 int main(int argc, char** argv)
 {
     Arguments arguments;
-    CLI::App app("Drives the firmware-update service.", "quillonctl");
+    CLI::App app("Drives the firmware-update service, and is a control layer beside it.",
+                 "quillonctl");
     app.footer(kFooter);
     app.require_subcommand(1);
     addOptions(app, arguments);
@@ -107,6 +104,7 @@ int main(int argc, char** argv)
     CLI::App* stop = addVerb(app, "stop", "Make the service take no more commands");
     takeDirectory(update, arguments);
     takeDirectory(estimate, arguments);
+    const ModuleCommands modules(app);
 
     try {
         app.parse(argc, argv);
@@ -118,6 +116,9 @@ int main(int argc, char** argv)
         return kExitUsage;
     }
 
+    if (modules.parsed()) {
+        return modules.run(arguments.json, arguments.quiet);
+    }
     const bool redraw = canRedraw();
     const std::unique_ptr<Report> report = makeReport(arguments, redraw);
     Client client(clientOptions(arguments));

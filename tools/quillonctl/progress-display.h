@@ -27,6 +27,9 @@ public:
     ///         there is none
     std::string end();
 
+    /// Forgets what was shown, since what follows is another update's.
+    void restart() { m_lastPercent = -1; }
+
 private:
     const bool m_onTerminal;
     int m_lastPercent = -1;

@@ -1,22 +1,12 @@
 #include "text-report.h"
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <iostream>
+
+#include "terminal.h"
 
 namespace quillon {
 
 namespace {
-
-constexpr int kUsualWidth = 80;
-
-int terminalWidth()
-{
-    winsize size{};
-    const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-    return known ? size.ws_col : kUsualWidth;
-}
 
 const char* describe(Progress::State state)
 {

@@ -1,36 +1,219 @@
 #include "platform/app-binary-manager.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <cstdlib>
+#include <stdexcept>
 
-#include "captured-stderr.h"
+#include "download-fixture.h"
 
 namespace {
 
+using appbinaryManager::ABM_DownloadAppBinary;
 using testing::AllOf;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Pair;
 using testing::StartsWith;
+using testing::UnorderedElementsAre;
 
-bool called = false;
-
-void onDownloaded(const std::string& /*identifier*/, int /*status*/, void* /*user_data*/)
+class PackageDownload : public DownloadFixture
 {
-    called = true;
+protected:
+    CapturedStderr captured;
+};
+
+TEST_F(PackageDownload, PutsThePackageIntoTheFolderAndTellsSo)
+{
+    const std::string package = packageOf(300000);
+    const LocalHttpServer server([&](const HttpRequest& request, HttpConnection& connection) {
+        sendPackage(request, connection, package);
+    });
+    configureFor(server.address() + "packages/");
+
+    EXPECT_EQ(download("alpha1"), 0);
+
+    EXPECT_TRUE(contentsOf(pathOf("alpha1.img")) == package);
+    EXPECT_THAT(namesInFolder(), ElementsAre("alpha1.img"));
+    ASSERT_EQ(server.requests().size(), 1U);
+    EXPECT_EQ(server.requests().front().path, "/packages/alpha1.img");
+    EXPECT_EQ(server.requests().front().header("Range"), "");
+    EXPECT_THAT(captured.lines(),
+                ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM I package-download.cpp: "),
+                                  HasSubstr("package alpha1 is there, 300000 bytes"))));
 }
 
-TEST(PackageDownload, IsRefusedAndSaysOnceThatThereIsNone)
+TEST_F(PackageDownload, ReplacesAnOlderPackage)
 {
-    unsetenv("JOURNAL_STREAM");
-    const CapturedStderr captured;
-    EXPECT_FALSE(appbinaryManager::ABM_DownloadAppBinary(onDownloaded, nullptr, "package"));
-    EXPECT_FALSE(appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, ""));
-    EXPECT_FALSE(called);
-    EXPECT_THAT(captured.lines(),
-                ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM I app-binary-manager.cpp: "),
-                                  HasSubstr("no package download"))));
+    const LocalHttpServer server([&](const HttpRequest& request, HttpConnection& connection) {
+        sendPackage(request, connection, "newer");
+    });
+    configureFor(server.address());
+    writeFile(pathOf("alpha.img"), "the older one");
+
+    EXPECT_EQ(download("alpha"), 0);
+
+    EXPECT_EQ(contentsOf(pathOf("alpha.img")), "newer");
+}
+
+TEST_F(PackageDownload, LeavesAnOlderPackageAloneWhenItFails)
+{
+    const LocalHttpServer server([&](const HttpRequest&, HttpConnection& connection) {
+        sendBeginning(connection, "newer package", 5);
+    });
+    configureFor(server.address(), "attempts = 2\n");
+    writeFile(pathOf("alpha.img"), "the older one");
+
+    EXPECT_EQ(download("alpha"), -2);
+
+    EXPECT_EQ(contentsOf(pathOf("alpha.img")), "the older one");
+}
+
+TEST_F(PackageDownload, NeedsNoCallback)
+{
+    const LocalHttpServer server([&](const HttpRequest& request, HttpConnection& connection) {
+        sendPackage(request, connection, "package");
+    });
+    configureFor(server.address());
+
+    EXPECT_TRUE(ABM_DownloadAppBinary(nullptr, nullptr, "alpha"));
+    EXPECT_EQ(download("beta"), 0);  // comes after the first one
+
+    EXPECT_THAT(namesInFolder(), UnorderedElementsAre("alpha.img", "beta.img"));
+}
+
+TEST_F(PackageDownload, FetchesPackagesOneAfterAnother)
+{
+    const LocalHttpServer server([&](const HttpRequest& request, HttpConnection& connection) {
+        sendPackage(request, connection, "package " + request.path);
+    });
+    configureFor(server.address());
+
+    ToldEnds told;
+    for (const char* name : {"alpha", "beta", "gamma"}) {
+        EXPECT_TRUE(ABM_DownloadAppBinary(&ToldEnds::callback, &told, name));
+    }
+
+    EXPECT_THAT(told.waitFor(3), ElementsAre(Pair("alpha", 0), Pair("beta", 0), Pair("gamma", 0)));
+    EXPECT_EQ(contentsOf(pathOf("beta.img")), "package /beta.img");
+}
+
+TEST_F(PackageDownload, OneThatFailsDoesNotStopTheNext)
+{
+    const LocalHttpServer server([&](const HttpRequest& request, HttpConnection& connection) {
+        if (request.path == "/alpha.img") {
+            connection.send(httpHead("404 Not Found", {"Content-Length: 0"}));
+            return;
+        }
+        sendPackage(request, connection, "package");
+    });
+    configureFor(server.address());
+
+    ToldEnds told;
+    EXPECT_TRUE(ABM_DownloadAppBinary(&ToldEnds::callback, &told, "alpha"));
+    EXPECT_TRUE(ABM_DownloadAppBinary(&ToldEnds::callback, &told, "beta"));
+
+    EXPECT_THAT(told.waitFor(2), ElementsAre(Pair("alpha", -3), Pair("beta", 0)));
+}
+
+TEST_F(PackageDownload, IsNotDoubledWhileOneOfThatNameRunsOrWaits)
+{
+    std::atomic<bool> goOn{false};
+    const LocalHttpServer server([&](const HttpRequest& request, HttpConnection& connection) {
+        while (!goOn) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        sendPackage(request, connection, "package");
+    });
+    configure("address = " + server.address() + "\n");
+
+    ToldEnds told;
+    EXPECT_TRUE(ABM_DownloadAppBinary(&ToldEnds::callback, &told, "alpha"));
+    EXPECT_TRUE(ABM_DownloadAppBinary(&ToldEnds::callback, &told, "beta"));
+    server.waitForRequests(1);
+    EXPECT_TRUE(ABM_DownloadAppBinary(&ToldEnds::callback, &told, "beta"));
+    EXPECT_TRUE(ABM_DownloadAppBinary(&ToldEnds::callback, &told, "alpha"));
+    EXPECT_TRUE(ABM_DownloadAppBinary(nullptr, nullptr, "alpha"));
+    goOn = true;
+
+    EXPECT_THAT(told.waitFor(4),
+                ElementsAre(Pair("alpha", 0), Pair("alpha", 0), Pair("beta", 0), Pair("beta", 0)));
+    EXPECT_EQ(server.requests().size(), 2U);
+}
+
+TEST_F(PackageDownload, IsDoneAnewWhenItIsAskedForAfterItsEnd)
+{
+    const LocalHttpServer server([&](const HttpRequest& request, HttpConnection& connection) {
+        sendPackage(request, connection, "package");
+    });
+    configureFor(server.address());
+
+    EXPECT_EQ(download("alpha"), 0);
+    EXPECT_EQ(download("alpha"), 0);
+
+    EXPECT_EQ(server.requests().size(), 2U);
+}
+
+void throwing(const std::string& /*identifier*/, int /*status*/, void* /*user_data*/)
+{
+    throw std::runtime_error("a careless listener");
+}
+
+TEST_F(PackageDownload, OutlivesACallbackThatThrows)
+{
+    const LocalHttpServer server([&](const HttpRequest& request, HttpConnection& connection) {
+        sendPackage(request, connection, "package");
+    });
+    configureFor(server.address());
+
+    EXPECT_TRUE(ABM_DownloadAppBinary(&throwing, nullptr, "alpha"));
+    EXPECT_EQ(download("beta"), 0);
+
+    EXPECT_THAT(captured.lines(), Contains(HasSubstr("a careless listener")));
+}
+
+void askForBeta(const std::string& /*identifier*/, int /*status*/, void* told)
+{
+    EXPECT_TRUE(ABM_DownloadAppBinary(&ToldEnds::callback, told, "beta"));
+}
+
+TEST_F(PackageDownload, MayBeRequestedFromACallback)
+{
+    const LocalHttpServer server([&](const HttpRequest& request, HttpConnection& connection) {
+        sendPackage(request, connection, "package");
+    });
+    configureFor(server.address());
+
+    ToldEnds told;
+    EXPECT_TRUE(ABM_DownloadAppBinary(&askForBeta, &told, "alpha"));
+
+    EXPECT_THAT(told.waitFor(1), ElementsAre(Pair("beta", 0)));
+}
+
+TEST_F(PackageDownload, IsRefusedForWhatIsNoIdentifier)
+{
+    const LocalHttpServer server([&](const HttpRequest& request, HttpConnection& connection) {
+        sendPackage(request, connection, "package");
+    });
+    configureFor(server.address());
+
+    const std::string longest(127, 'a');
+    for (const std::string& text :
+         {std::string(), std::string("."), std::string("../alpha"), std::string("al/pha"),
+          std::string("alpha.img"), std::string("al pha"), std::string("al-pha"),
+          std::string("al_pha"), std::string("alph\xc3\xa4"), std::string("al\0pha", 6),
+          std::string("alpha\n"), longest + "a"}) {
+        captured.clear();
+        EXPECT_EQ(download(text), 1) << text;
+        EXPECT_THAT(captured.lines(),
+                    ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM E app-binary-manager.cpp: "),
+                                      HasSubstr("1 to 127 letters and digits"))))
+            << text;
+    }
+    EXPECT_THAT(server.requests(), IsEmpty());
+    EXPECT_EQ(download(longest), 0);
+    EXPECT_THAT(namesInFolder(), ElementsAre(longest + ".img"));
 }
 
 }  // namespace

@@ -63,6 +63,24 @@ Words optionsOfHelp()
     return allMatches(between(help(), "\nOptions:", "\nSubcommands:"), "^ .*?(--[a-z-]+)");
 }
 
+Words optionsOfModules()
+{
+    const std::string text = runCtl({"modules", "update", "--help"}).out;
+    return allMatches(between(text, "\nOptions:", "\n\n"), "^ .*?(--[a-z-]+)");
+}
+
+Words verbsOfModules()
+{
+    const std::string text = runCtl({"modules", "--help"}).out;
+    return allMatches(between(text, "\nSubcommands:\n", "\n\n") + "\n", "^  ([a-z]+) ");
+}
+
+Words operator+(Words left, const Words& right)
+{
+    left.insert(right.begin(), right.end());
+    return left;
+}
+
 Words verbsOfHelp()
 {
     return allMatches(between(help(), "\nSubcommands:\n", "\n\n") + "\n", "^  ([a-z]+) ");
@@ -97,14 +115,20 @@ Words complete(const std::vector<std::string>& line)
 
 TEST(CtlHelp, ListsVerbsAndOptions)
 {
-    EXPECT_THAT(verbsOfHelp(), UnorderedElementsAre("update", "estimate", "progress", "stop"));
+    EXPECT_THAT(verbsOfHelp(),
+                UnorderedElementsAre("update", "estimate", "progress", "stop", "modules"));
     EXPECT_THAT(optionsOfHelp(),
                 UnorderedElementsAre("--help", "--version", "--json", "--quiet", "--timeout"));
+    EXPECT_THAT(verbsOfModules(),
+                UnorderedElementsAre("list", "check", "update", "version", "progress", "download"));
+    EXPECT_THAT(optionsOfModules(), UnorderedElementsAre("--help", "--source", "--all"));
 }
 
 TEST(CtlManual, DescribesEveryVerbAndNoOther)
 {
     EXPECT_THAT(allMatches(contentOf(kManual), "^\\.It Cm ([a-z]+)"), ContainerEq(verbsOfHelp()));
+    EXPECT_THAT(allMatches(between(contentOf(kManual), "stand:", ".El"), "^\\.It Sy ([a-z]+)"),
+                ContainerEq(verbsOfModules()));
 }
 
 TEST(CtlManual, DescribesEveryOptionAndNoOther)
@@ -113,7 +137,7 @@ TEST(CtlManual, DescribesEveryOptionAndNoOther)
     for (const std::string& word : allMatches(contentOf(kManual), "^\\.It .*Fl -([a-z-]+)")) {
         options.insert("--" + word);
     }
-    EXPECT_THAT(options, ContainerEq(optionsOfHelp()));
+    EXPECT_THAT(options, ContainerEq(optionsOfHelp() + optionsOfModules()));
 }
 
 TEST(CtlManual, ListsTheExitCodesOfTheHelp)
@@ -135,6 +159,26 @@ TEST(CtlCompletion, OffersEveryOptionAnywhere)
 {
     EXPECT_THAT(complete({"quillonctl", "-"}), ContainerEq(optionsOfHelp()));
     EXPECT_THAT(complete({"quillonctl", "progress", "-"}), ContainerEq(optionsOfHelp()));
+}
+
+TEST(CtlCompletion, KnowsTheVerbsOfModulesAndWhatTheyTake)
+{
+    EXPECT_THAT(complete({"quillonctl", "modules", ""}), ContainerEq(verbsOfModules()));
+    EXPECT_THAT(complete({"quillonctl", "modules", "update", "-"}),
+                ContainerEq(optionsOfHelp() + optionsOfModules()));
+    EXPECT_THAT(complete({"quillonctl", "modules", "list", "-"}), ContainerEq(optionsOfHelp()));
+    EXPECT_THAT(complete({"quillonctl", "modules", "check", "--source", ""}),
+                UnorderedElementsAre("usb", "package", "system", "shared"));
+}
+
+TEST(CtlCompletion, OffersTheNamesOfTheModulesThatAreInstalled)
+{
+    std::ofstream("/usr/fwupdate/controls/tuner.so").close();
+    std::ofstream("/usr/fwupdate/controls/README").close();
+
+    EXPECT_THAT(complete({"quillonctl", "modules", "version", ""}), ElementsAre("tuner"));
+    EXPECT_THAT(complete({"quillonctl", "modules", "update", "--source", "usb", "t"}),
+                ElementsAre("tuner"));
 }
 
 TEST(CtlCompletion, OffersDirectoriesToTheVerbsThatTakeOne)

@@ -18,7 +18,7 @@ namespace {
 
 constexpr const char* kFolders =
     "/usr/fwupdate/controls /opt/media /opt/usr/apps/appbinarymanager/emps /opt/usr/share/sbox "
-    "/lib/firmware/ext /usr/share/sdp /var/lib/quillon /etc/quillon/trusted-keys";
+    "/lib/firmware/ext /usr/share/sdp /var/lib/quillon /etc/quillon/trusted-keys /run/quillon";
 constexpr const char* kFiles =
     "/tmp/smack_early_ready /tmp/fw_update_ready_usb /tmp/.fw_service_ready_usb "
     "/tmp/.ignore_resume /tmp/fwupdate-off-list.txt /usr/lib/libkUEPUser.so";
@@ -99,12 +99,11 @@ TEST_P(DeviceIsolation, HasNoneOfTheServicesFilesAndLetsThemBeMade)
 
 TEST_P(DeviceIsolation, StartsEmptyWhateverItsHostHas)
 {
-    const std::string fill = forEach("d", kFolders, "echo host > $d/host-file") +
-                             forEach("f", kFiles, "echo host > $f") +
-                             "mkdir -p /run/quillon && touch /run/quillon/socket && ";
-    const std::string inner =
-        deviceProgram() + " run -- sh -c '" + forEach("d", kFolders, "ls -A $d; touch $d/inner") +
-        forEach("f", kFiles, "if [ -e $f ]; then echo $f; fi") + "ls -A /run/quillon'";
+    const std::string fill =
+        forEach("d", kFolders, "echo host > $d/host-file") + forEach("f", kFiles, "echo host > $f");
+    const std::string inner = deviceProgram() + " run -- sh -c '" +
+                              forEach("d", kFolders, "ls -A $d; touch $d/inner") +
+                              forEach("f", kFiles, "if [ -e $f ]; then echo $f; fi") + "'";
     const std::string check = forEach("d", kFolders, "test \"$(ls $d)\" = host-file || exit 8") +
                               forEach("f", kFiles, "test -e $f || exit 9");
 
@@ -212,6 +211,37 @@ TEST_P(DeviceIsolation, LetsAStickBeMounted)
 
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_THAT(result.out, IsEmpty());
+}
+
+TEST_P(DeviceIsolation, FreesLoopDevicesThatItsCommandLeavesMounted)
+{
+    const std::string name = uniqueWord();
+    const std::string inUse =
+        "cat /sys/block/loop*/loop/backing_file 2>/dev/null | grep -c " + name;
+    const Result result = script("cd /tmp && mkdir m && mksquashfs m " + name +
+                                 " -quiet >/dev/null && "
+                                 "mount -o ro,loop " +
+                                 name + " m && " + inUse);
+    if (result.status != 0) {
+        GTEST_SKIP() << "no loop mounts here: " << result.err;
+    }
+
+    EXPECT_EQ(result.out, "1\n");
+    EXPECT_EQ(run({"sh", "-c", inUse}).out, "0\n");
+}
+
+TEST(DeviceOfRoot, HasSixteenLoopNodesWhateverTheHostHas)
+{
+    if (!hasPrivateDevice("root")) {
+        GTEST_SKIP() << "this machine does not allow the way root";
+    }
+    const Result result = runScript(
+        "test -e /dev/loop-control || exit 5; ls /dev/loop[0-9]* | wc -l", {"--isolation", "root"});
+    if (result.status == 5) {
+        GTEST_SKIP() << "this machine has no loop devices";
+    }
+
+    EXPECT_EQ(result.out, "16\n");
 }
 
 TEST_P(DeviceIsolation, EndsItsDaemonsWithTheCommand)

@@ -1,0 +1,196 @@
+#include "download-part.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <sstream>
+#include <utility>
+
+namespace quillon {
+
+namespace {
+
+constexpr char kFolder[] = "/opt/usr/apps/appbinarymanager";
+constexpr char kBootId[] = "/proc/sys/kernel/random/boot_id";
+constexpr std::size_t kLargestNote = 16384;
+
+bool readText(const std::string& path, std::string& text)
+{
+    UniqueFd fd;
+    SecretBytes bytes;
+    if (openRegularFile(path.c_str(), O_NOFOLLOW, fd) != FileResult::kOk ||
+        readToEnd(fd.get(), kLargestNote, bytes) != FileResult::kOk) {
+        return false;
+    }
+    text.assign(bytes.begin(), bytes.end());
+    return true;
+}
+
+// Names this run of the machine; empty when the system does not tell.
+std::string bootId()
+{
+    std::string text;
+    readText(kBootId, text);
+    return text.substr(0, text.find('\n'));
+}
+
+std::string notePath(const std::string& name)
+{
+    return std::string(kFolder).append("/").append(name);
+}
+
+}  // namespace
+
+DownloadPart::DownloadPart(std::string identifier, std::string address)
+    : partName_("." + identifier + ".part"),
+      noteName_("." + identifier + ".resume"),
+      packageName_(std::move(identifier) + ".img"),
+      address_(std::move(address))
+{
+}
+
+PartResult DownloadPart::open()
+{
+    if (!makeFolders(kFolder, 0755)) {
+        return PartResult::kFailed;
+    }
+    folder_ = UniqueFd(::open(kFolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder_) {
+        return PartResult::kFailed;
+    }
+    const PartResult opened = openLocked();
+    if (opened != PartResult::kOk) {
+        return opened;
+    }
+    struct stat status = {};
+    if (fstat(file_.get(), &status) != 0) {
+        return PartResult::kFailed;
+    }
+    size_ = static_cast<std::uint64_t>(status.st_size);
+    validator_ = notedValidator();
+    if (validator_.empty() && !restart("")) {
+        return PartResult::kFailed;
+    }
+    return PartResult::kOk;
+}
+
+PartResult DownloadPart::openLocked()
+{
+    // Another process may finish or drop the very part between two steps: then once more.
+    constexpr int kRounds = 10;
+    for (int round = 0; round < kRounds; ++round) {
+        file_ = UniqueFd(openat(
+            folder_.get(), partName_.c_str(),
+            O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644));
+        struct stat status = {};
+        if (file_ && fstat(file_.get(), &status) != 0) {
+            return PartResult::kFailed;
+        }
+        // A second name would let the package write into somebody's other file.
+        const bool foreign = file_ ? !S_ISREG(status.st_mode) || status.st_nlink > 1
+                                   : errno == ELOOP || errno == ENXIO;
+        if (foreign) {
+            if (unlinkat(folder_.get(), partName_.c_str(), 0) != 0 && errno != ENOENT) {
+                return PartResult::kFailed;
+            }
+            continue;
+        }
+        if (!file_) {
+            return PartResult::kFailed;
+        }
+        if (flock(file_.get(), LOCK_EX | LOCK_NB) != 0) {
+            return errno == EWOULDBLOCK ? PartResult::kBusy : PartResult::kFailed;
+        }
+        if (isStillAtItsPath()) {
+            return PartResult::kOk;
+        }
+    }
+    return PartResult::kBusy;
+}
+
+bool DownloadPart::isStillAtItsPath() const
+{
+    struct stat opened = {};
+    struct stat present = {};
+    return fstat(file_.get(), &opened) == 0 &&
+           fstatat(folder_.get(), partName_.c_str(), &present, AT_SYMLINK_NOFOLLOW) == 0 &&
+           opened.st_dev == present.st_dev && opened.st_ino == present.st_ino;
+}
+
+std::string DownloadPart::notedValidator() const
+{
+    std::string text;
+    if (!readText(notePath(noteName_), text)) {
+        return {};
+    }
+    std::istringstream lines(text);
+    std::string address;
+    std::string boot;
+    std::string validator;
+    std::getline(lines, address);
+    std::getline(lines, boot);
+    std::getline(lines, validator);
+    const std::string presentBoot = bootId();
+    return address == address_ && !presentBoot.empty() && boot == presentBoot ? validator : "";
+}
+
+bool DownloadPart::writeNote() const
+{
+    const std::string text = address_ + "\n" + bootId() + "\n" + validator_ + "\n";
+    return replaceFile(kFolder, noteName_, SecretBytes(text.begin(), text.end()));
+}
+
+bool DownloadPart::restart(const std::string& validator)
+{
+    // The old note goes first, so that it never stands beside bytes of another state.
+    if (unlinkat(folder_.get(), noteName_.c_str(), 0) != 0 && errno != ENOENT) {
+        return false;
+    }
+    if (ftruncate(file_.get(), 0) != 0) {
+        return false;
+    }
+    size_ = 0;
+    validator_ = validator;
+    return validator_.empty() || writeNote();
+}
+
+bool DownloadPart::append(const char* data, std::size_t size)
+{
+    while (size > 0) {
+        const ssize_t count = write(file_.get(), data, size);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            return false;
+        }
+        data += count;
+        size -= static_cast<std::size_t>(count);
+        size_ += static_cast<std::uint64_t>(count);
+    }
+    return true;
+}
+
+bool DownloadPart::place()
+{
+    // Without its note, a part that stays behind is not taken up for another package.
+    if (unlinkat(folder_.get(), noteName_.c_str(), 0) != 0 && errno != ENOENT) {
+        return false;
+    }
+    return fsync(file_.get()) == 0 &&
+           renameat(folder_.get(), partName_.c_str(), folder_.get(), packageName_.c_str()) == 0 &&
+           fsync(folder_.get()) == 0;
+}
+
+void DownloadPart::discard()
+{
+    const int reason = errno;
+    unlinkat(folder_.get(), noteName_.c_str(), 0);
+    unlinkat(folder_.get(), partName_.c_str(), 0);
+    errno = reason;
+}
+
+}  // namespace quillon

@@ -1,0 +1,69 @@
+#ifndef QUILLON_PLATFORM_LINUX_DOWNLOAD_PART_H
+#define QUILLON_PLATFORM_LINUX_DOWNLOAD_PART_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "files.h"
+
+namespace quillon {
+
+enum class PartResult { kOk, kBusy, kFailed };
+
+/// The part of a package that has arrived so far, and its way to the package's own name.
+///
+/// The part is the file ".<identifier>.part" in the packages' folder, locked while the object lives
+/// so that two processes do not write into one. Beside it, ".<identifier>.resume" notes which
+/// address and which state of the server's file the part belongs to. A link, a FIFO or anything
+/// else that stands in the part's place is removed, never written through.
+/// Thread: one object, one thread. Throws std::bad_alloc.
+class DownloadPart
+{
+public:
+    /// @param identifier  letters and digits, at most 127
+    /// @param address     where the package comes from
+    DownloadPart(std::string identifier, std::string address);
+
+    /// Makes the folder when it is missing, and takes up what an earlier download left when its
+    /// note is of this address and of this run of the machine: what was not synced before a power
+    /// failure may be damaged.
+    /// @return kBusy when another process has the part; kFailed with errno telling why
+    PartResult open();
+
+    /// How many bytes have arrived.
+    std::uint64_t size() const { return size_; }
+    /// What the server calls the state of its file (ETag or Last-Modified); empty when it did not
+    /// say, or when nothing can be taken up.
+    const std::string& validator() const { return validator_; }
+
+    /// Drops what has arrived, to begin with a file of that state.
+    /// @return false with errno telling why
+    bool restart(const std::string& validator);
+    /// @return false with errno telling why
+    bool append(const char* data, std::size_t size);
+    /// Syncs the part and gives it the package's name in one step, replacing what was there.
+    /// @return false with errno telling why
+    bool place();
+    /// Removes part and note. Leaves errno as it was.
+    void discard();
+
+private:
+    PartResult openLocked();
+    bool isStillAtItsPath() const;
+    std::string notedValidator() const;
+    bool writeNote() const;
+
+    std::string partName_;
+    std::string noteName_;
+    std::string packageName_;
+    std::string address_;
+    std::string validator_;
+    std::uint64_t size_ = 0;
+    UniqueFd folder_;
+    UniqueFd file_;
+};
+
+}  // namespace quillon
+
+#endif

@@ -1,0 +1,120 @@
+#include "package-download.h"
+
+#include <algorithm>
+#include <exception>
+
+#include "download-attempt.h"
+#include "download-part.h"
+#include "platform-log.h"
+
+namespace quillon {
+
+namespace {
+
+using std::chrono::seconds;
+
+DownloadStatus statusOf(AttemptResult result)
+{
+    switch (result) {
+        case AttemptResult::kComplete:
+            return kDownloaded;
+        case AttemptResult::kBrokeOff:
+            return kUnreachable;
+        case AttemptResult::kRefused:
+            return kRefused;
+        case AttemptResult::kTooLarge:
+            return kTooLarge;
+        case AttemptResult::kNotStored:
+            return kNotStored;
+        case AttemptResult::kCancelled:
+            return kCancelled;
+        default:
+            return kDownloadFailed;
+    }
+}
+
+seconds pauseAfter(unsigned attempt, seconds first)
+{
+    constexpr seconds kLongest(600);
+    constexpr unsigned kMostDoublings = 10;
+    const auto factor = 1U << std::min(attempt - 1, kMostDoublings);
+    return std::min(first * factor, std::max(first, kLongest));
+}
+
+DownloadStatus openPart(const char* name, DownloadPart& part)
+{
+    switch (part.open()) {
+        case PartResult::kOk:
+            return kDownloaded;
+        case PartResult::kBusy:
+            PLATFORM_LOGE("package %s: another process is downloading it", name);
+            return kBusy;
+        default:
+            PLATFORM_LOGE("package %s cannot be stored: %m", name);
+            return kNotStored;
+    }
+}
+
+DownloadStatus place(const char* name, DownloadPart& part)
+{
+    if (!part.place()) {
+        PLATFORM_LOGE("package %s cannot be stored: %m", name);
+        part.discard();
+        return kNotStored;
+    }
+    PLATFORM_LOGI("package %s is there, %llu bytes", name,
+                  static_cast<unsigned long long>(part.size()));
+    return kDownloaded;
+}
+
+DownloadStatus fetch(const std::string& identifier, const DownloadSettings& settings,
+                     DownloadCancel& cancel)
+{
+    const char* name = identifier.c_str();
+    DownloadPart part(identifier, settings.address);
+    const DownloadStatus opened = openPart(name, part);
+    if (opened != kDownloaded) {
+        return opened;
+    }
+    for (unsigned number = 1;; ++number) {
+        DownloadAttempt attempt(settings, part, cancel);
+        const AttemptResult result = attempt.run(settings.address + identifier + ".img");
+        if (result == AttemptResult::kComplete) {
+            return place(name, part);
+        }
+        if (result == AttemptResult::kCancelled) {
+            return kCancelled;
+        }
+        if (result != AttemptResult::kBrokeOff) {
+            PLATFORM_LOGE("package %s cannot be downloaded: %s", name, attempt.reason().c_str());
+            part.discard();
+            return statusOf(result);
+        }
+        if (number == settings.attempts) {
+            PLATFORM_LOGE("package %s cannot be downloaded, given up after %u attempts: %s", name,
+                          number, attempt.reason().c_str());
+            return kUnreachable;
+        }
+        const seconds pause = pauseAfter(number, settings.retryPause);
+        PLATFORM_LOGI("package %s: %s, next attempt in %lld s", name, attempt.reason().c_str(),
+                      static_cast<long long>(pause.count()));
+        if (cancel.waitFor(pause)) {
+            return kCancelled;
+        }
+    }
+}
+
+}  // namespace
+
+DownloadStatus downloadPackage(const std::string& identifier, const DownloadSettings& settings,
+                               DownloadCancel& cancel) noexcept
+{
+    try {
+        return fetch(identifier, settings, cancel);
+    } catch (const std::exception& error) {
+        PLATFORM_LOGE("package %s cannot be downloaded: %s", identifier.c_str(), error.what());
+        return kDownloadFailed;
+    }
+}
+
+}  // namespace quillon

@@ -1,0 +1,26 @@
+#ifndef QUILLON_PLATFORM_PRIVILEGED_PACKAGE_MOUNTS_H
+#define QUILLON_PLATFORM_PRIVILEGED_PACKAGE_MOUNTS_H
+
+#include "files.h"
+#include "policy.h"
+
+namespace quillon::privileged {
+
+/// The type of the file system in an image, by its magic number.
+/// @param image  open for reading
+/// @return "squashfs" or "ext4" (also for its predecessors), null for any other: what a stranger's
+///         image can do in a driver of the kernel is limited to these two
+const char* typeOfImage(const UniqueFd& image);
+
+/// Mounts an image read-only on an existing folder, on top of what is mounted there already. Image
+/// and folder are opened once, without following links, and what was opened is what is mounted.
+/// @throws Failure
+void mountPackage(const MountOrder& order);
+
+/// Unmounts what lies topmost on a folder, if it comes from a loop device.
+/// @throws Failure, with EINVAL when there is no such mount
+void unmountPackage(const UnmountOrder& order);
+
+}  // namespace quillon::privileged
+
+#endif

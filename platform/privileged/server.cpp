@@ -1,0 +1,139 @@
+#include "server.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include "failure.h"
+#include "privileged-log.h"
+
+namespace quillon::privileged {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+bool isWellFormed(const Request& request, ssize_t size)
+{
+    const char* const textEnd = request.text + kTextSize;
+    const char* const nul = std::find(request.text, textEnd, '\0');
+    const bool kindIsKnown = request.kind >= Kind::Mount && request.kind <= Kind::Unmount;
+    return size == static_cast<ssize_t>(sizeof request) && request.version == kProtocolVersion &&
+           kindIsKnown && nul != textEnd &&
+           std::all_of(nul, textEnd, [](char c) { return c == '\0'; });
+}
+
+}  // namespace
+
+Server::Server(int listener, Callers callers, Handler handler)
+    : listener_(listener), callers_(callers), handler_(std::move(handler))
+{
+}
+
+void Server::runUntilReadable(int end)
+{
+    for (;;) {
+        std::vector<pollfd> waiting = {{end, POLLIN, 0}, {listener_, POLLIN, 0}};
+        for (const Client& client : clients_) {
+            waiting.push_back({client.connection.get(), POLLIN, 0});
+        }
+        if (poll(waiting.data(), waiting.size(), timeout()) < 0 && errno != EINTR) {
+            failWithErrno("poll");
+        }
+        if (waiting[0].revents != 0) {
+            return;
+        }
+        auto client = clients_.begin();
+        for (std::size_t i = 2; i < waiting.size(); ++i) {
+            const auto current = client++;
+            if (waiting[i].revents == 0) {
+                continue;
+            }
+            if (serve(*current)) {
+                current->heard = Clock::now();
+                clients_.splice(clients_.end(), clients_, current);
+            } else {
+                clients_.erase(current);
+            }
+        }
+        dropSilent();
+        if (waiting[1].revents != 0) {
+            acceptOne();
+        }
+    }
+}
+
+/// Until the first client has been silent for too long, in milliseconds; -1 without any.
+int Server::timeout() const
+{
+    if (clients_.empty()) {
+        return -1;
+    }
+    const auto left = clients_.front().heard + kLongestSilence - Clock::now();
+    const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(left).count();
+    return static_cast<int>(std::max<decltype(milliseconds)>(milliseconds, 0));
+}
+
+void Server::dropSilent()
+{
+    const auto limit = Clock::now() - kLongestSilence;
+    while (!clients_.empty() && clients_.front().heard <= limit) {
+        PRIVILEGED_LOGI("process %d is silent, its connection ends", clients_.front().peer.pid);
+        clients_.pop_front();
+    }
+}
+
+void Server::acceptOne()
+{
+    UniqueFd connection(accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!connection) {
+        return;  // it has gone again
+    }
+    try {
+        Peer peer = peerOf(connection.get());
+        if (clients_.size() >= kMostConnections) {
+            PRIVILEGED_LOGE("too many clients, the connection of process %d ends",
+                            clients_.front().peer.pid);
+            clients_.pop_front();
+        }
+        clients_.push_back({std::move(connection), std::move(peer), Clock::now()});
+    } catch (const Failure& failure) {
+        PRIVILEGED_LOGE("a client is refused: %s", failure.what());
+    }
+}
+
+/// @return false when the connection is over
+bool Server::serve(Client& client)
+{
+    Request request;
+    const int connection = client.connection.get();
+    const ssize_t size = recv(connection, &request, sizeof request, MSG_DONTWAIT | MSG_TRUNC);
+    if (size <= 0) {
+        return false;
+    }
+    if (!isWellFormed(request, size)) {
+        PRIVILEGED_LOGE("process %d of user %u sent no request, %zd bytes", client.peer.pid,
+                        client.peer.user, size);
+        return false;
+    }
+    Answer answer;
+    answer.result = resultFor(client, request);
+    return send(connection, &answer, sizeof answer, MSG_DONTWAIT | MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(sizeof answer);
+}
+
+int Server::resultFor(const Client& client, const Request& request)
+{
+    if (!mayAsk(callers_, client.peer)) {
+        PRIVILEGED_LOGE("process %d refused: user %u may not ask", client.peer.pid,
+                        client.peer.user);
+        return EPERM;
+    }
+    return handler_(request.kind, request.text);
+}
+
+}  // namespace quillon::privileged

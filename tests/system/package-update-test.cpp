@@ -1,0 +1,259 @@
+// Updates from packages that are really mounted: the control layer, the privileged helper, the
+// example modules, and beside them modules that hang and fail.
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "system/privileged-helper.h"
+#include "system/system-test.h"
+#include "unit/tools/ctl-modules-device.h"
+#include "unit/verifier/test-keys.h"
+
+namespace fs = std::filesystem;
+
+namespace quillon::test {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+constexpr const char* kUpdateList = "/tmp/fwupdate-off-list.txt";
+constexpr const char* kPowerLog = "/tmp/quillon-test-power.log";
+
+/// The modules of the system tests, without the daemon and its stick.
+struct Modules : SystemTest
+{
+    using SystemTest::flashed;
+    using SystemTest::installModule;
+    using SystemTest::installTestModule;
+    using SystemTest::randomBytes;
+    using SystemTest::setModule;
+    using SystemTest::version;
+};
+
+class PackageUpdate : public PackageMount
+{
+protected:
+    void SetUp() override
+    {
+        ::unsetenv("JOURNAL_STREAM");
+        PackageMount::SetUp();
+        if (!IsSkipped()) {
+            helper.startAndWait();
+        }
+    }
+
+    /// Puts a package for the module where a download would, and remembers its payload's size.
+    static void addPackage(const std::string& module, int expectedSeconds,
+                           const std::string& version = "2.0", const std::string& type = "squashfs")
+    {
+        const std::string payload = "/var/lib/quillon/privileged-test/" + module + ".payload";
+        writeAll(payload, payloadOf(module));
+        run(std::string(QUILLON_IMAGE_PROGRAM) + " package --name " + module + "emp --version " +
+            version + " --payload " + payload + " --expected-time " +
+            std::to_string(expectedSeconds) + " --type " + type + " --output " +
+            imageOf(module + "emp"));
+    }
+
+    static std::string payloadOf(const std::string& module)
+    {
+        return module + Modules::randomBytes(50000, static_cast<unsigned>(module.size()));
+    }
+
+    static bool hasPackage(const std::string& module)
+    {
+        return fs::exists(imageOf(module + "emp"));
+    }
+
+    static std::vector<std::string> mountedPackages() { return mounts(kMountFolder); }
+
+    static void expectFlashed(const std::string& module)
+    {
+        EXPECT_EQ(Modules::version(module), "2.0") << module;
+        EXPECT_TRUE(Modules::flashed(module) == payloadOf(module)) << module;
+        EXPECT_FALSE(hasPackage(module)) << module;
+    }
+
+    static std::vector<std::string> powerLog() { return linesOf(kPowerLog, ""); }
+};
+
+TEST_F(PackageUpdate, OfFiveModulesGoesThroughWhileOneHangsAndOneFails)
+{
+    for (const char* name : {"tuner", "panel", "camera"}) {
+        Modules::installModule(name);
+        addPackage(name, 1);
+    }
+    // Updates of one process follow one another, so the module behind the one that hangs begins
+    // 0.6 s late, within the 3 s that it has.
+    const std::string hanging = unique("hanging");
+    const std::string failing = unique("failing");
+    Modules::installTestModule(hanging, "need=1\ndoUpdate.delay_ms=3600\n");
+    Modules::installTestModule(failing, "need=1\ndoUpdate.result=9\ndoUpdate.delay_ms=100\n");
+    addPackage(hanging, 1);
+    addPackage(failing, 1);
+
+    const ModulesResult result = runModules({"update", "--all"});
+
+    EXPECT_EQ(result.exitCode, 6) << result.out << result.err << result.log;
+    EXPECT_THAT(result.err, StartsWith("quillonctl: not updated as wanted:"));
+    for (const char* name : {"tuner", "panel", "camera"}) {
+        expectFlashed(name);
+        EXPECT_THAT(result.out,
+                    testing::ContainsRegex("\n" + std::string(name) + " +2.0 +updated"));
+    }
+    EXPECT_THAT(result.out,
+                testing::ContainsRegex("\n" + failing + " +1.0 +failed: the log says why"));
+    EXPECT_THAT(result.out, testing::ContainsRegex("\n" + hanging + " +1.0 +timed out: "));
+    EXPECT_THAT(result.log, HasSubstr("Error : " + hanging + " update timeout"));
+    EXPECT_TRUE(hasPackage(failing));
+
+    EXPECT_THAT(powerLog(), ElementsAre("lock 2 for 30000 ms", "unlock 2"));
+    EXPECT_FALSE(fs::exists(kUpdateList));
+    EXPECT_THAT(mountedPackages(), IsEmpty());
+    EXPECT_EQ(loopDevicesOf(hanging + "emp") + loopDevicesOf(failing + "emp"), 0U);
+    EXPECT_THAT(callsOfModule(failing), Contains("allUpdateDone()"));
+}
+
+TEST_F(PackageUpdate, LeavesMountedOnlyWhatIsStillBeingFlashedFrom)
+{
+    Modules::installModule("tuner");
+    addPackage("tuner", 1, "1.0");
+    Modules::installTestModule("hanging", "need=1\ndoUpdate.effect=hang\n");
+    addPackage("hanging", 0);
+
+    const Json::Value document = modulesDocument({"update", "--all"}, 13);
+
+    EXPECT_EQ(moduleIn(document, "tuner")["outcome"], "not-needed");
+    EXPECT_EQ(moduleIn(document, "hanging")["outcome"], "timed-out");
+    EXPECT_EQ(moduleIn(document, "hanging")["reason"], "it is still being updated");
+    EXPECT_THAT(mountedPackages(), ElementsAre(HasSubstr(mountPointOf("hangingemp"))));
+}
+
+TEST_F(PackageUpdate, OfACheckPublishesTheListAndLeavesNothingMounted)
+{
+    Modules::installModule("tuner");
+    Modules::installModule("panel");
+    addPackage("tuner", 12);
+    addPackage("panel", 3, "1.0", "ext4");
+    Modules::installTestModule("alpha", "need=1\n");
+
+    const Json::Value document = modulesDocument({"check"});
+
+    const Json::Value tuner = moduleIn(document, "tuner");
+    EXPECT_EQ(tuner["decision"], "needed");
+    EXPECT_EQ(tuner["running"], "1.0");
+    EXPECT_EQ(tuner["offered"], "2.0");
+    EXPECT_EQ(tuner["seconds"], 12);
+    EXPECT_EQ(moduleIn(document, "panel")["decision"], "up-to-date");
+    EXPECT_EQ(moduleIn(document, "alpha")["reason"], "no package");
+    EXPECT_THAT(linesOf(kUpdateList, ""), ElementsAre("tuner tuneremp"));
+    EXPECT_THAT(mountedPackages(), IsEmpty());
+    EXPECT_THAT(powerLog(), IsEmpty());
+    EXPECT_TRUE(hasPackage("tuner"));
+}
+
+TEST_F(PackageUpdate, GoesModuleByModuleWhereOneRaisesAnException)
+{
+    Modules::installModule("tuner");
+    addPackage("tuner", 1);
+    for (const char* name : {"thrower", "tbrower", "zthrower"}) {
+        Modules::installTestModule(name, "need=1\ncheckVersion.effect=throw\n");
+        addPackage(name, 1);
+    }
+
+    EXPECT_EQ(moduleIn(modulesDocument({"check"}), "tuner")["decision"], "needed");
+    EXPECT_THAT(mountedPackages(), IsEmpty());
+    const Json::Value document = modulesDocument({"update", "--all"}, 6);
+
+    EXPECT_EQ(moduleIn(document, "tuner")["outcome"], "updated");
+    EXPECT_EQ(moduleIn(document, "thrower")["outcome"], "failed");
+    EXPECT_EQ(moduleIn(document, "thrower")["reason"], "an exception was raised: checkVersion");
+    expectFlashed("tuner");
+    EXPECT_THAT(mountedPackages(), IsEmpty());
+}
+
+TEST_F(PackageUpdate, EndsTheRunThatAModuleBreaksOffWhenItIsToldOfTheEnd)
+{
+    Modules::installTestModule("alpha",
+                               "need=1\ndoUpdate.delay_ms=100\nallUpdateDone.effect=throw\n");
+    addPackage("alpha", 1);
+
+    const ModulesResult result = runModules({"update", "--all"});
+
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_THAT(result.err, HasSubstr("warning: not every module was told that the run is over"));
+    EXPECT_THAT(powerLog(), ElementsAre("lock 2 for 6000 ms", "unlock 2"));
+    EXPECT_FALSE(fs::exists(kUpdateList));
+    EXPECT_FALSE(hasPackage("alpha"));
+}
+
+TEST_F(PackageUpdate, OfOneModuleLeavesTheOthersAlone)
+{
+    Modules::installModule("tuner");
+    Modules::installModule("panel");
+    addPackage("tuner", 1);
+    addPackage("panel", 1);
+
+    EXPECT_EQ(moduleIn(modulesDocument({"update", "tuner"}), "tuner")["running"], "2.0");
+
+    expectFlashed("tuner");
+    EXPECT_EQ(Modules::version("panel"), "1.0");
+    EXPECT_TRUE(hasPackage("panel"));
+    EXPECT_THAT(mountedPackages(), IsEmpty());
+    EXPECT_THAT(powerLog(), IsEmpty());
+}
+
+TEST_F(PackageUpdate, ThatFailsOrIsNotNeededLeavesThePackageButUnmountsIt)
+{
+    Modules::installTestModule("failing", "need=1\ndoUpdate.result=9\ndoUpdate.delay_ms=100\n");
+    Modules::installTestModule("same", "need=0\n");
+    addPackage("failing", 1);
+    addPackage("same", 1);
+
+    EXPECT_EQ(moduleIn(modulesDocument({"update", "failing"}, 6), "failing")["reason"],
+              "the module's own code is 9");
+    EXPECT_EQ(moduleIn(modulesDocument({"update", "same"}), "same")["outcome"], "not-needed");
+
+    EXPECT_THAT(mountedPackages(), IsEmpty());
+    EXPECT_TRUE(hasPackage("failing"));
+    EXPECT_TRUE(hasPackage("same"));
+}
+
+TEST_F(PackageUpdate, SaysWhatKeepsAPackageFromBeingUsed)
+{
+    Modules::installTestModule("alpha", "need=1\n");
+    Modules::installTestModule("beta", "need=1\n");
+    writeAll(imageOf("alphaemp"), std::string(8192, 'x'));
+    fs::create_directories(mountPointOf("betaemp"));
+    addSquashfs("betaemp");
+
+    const Json::Value document = modulesDocument({"check"}, 7);
+
+    EXPECT_EQ(moduleIn(document, "alpha")["reason"], "its package cannot be mounted");
+    EXPECT_EQ(moduleIn(document, "beta")["reason"], "its package has no image");
+    EXPECT_THAT(mountedPackages(), IsEmpty());
+}
+
+TEST_F(PackageUpdate, WithoutThePrivilegedHelperFailsCleanly)
+{
+    ASSERT_EQ(helper.end(), 0);
+    Modules::installModule("tuner");
+    addPackage("tuner", 1);
+
+    const Json::Value document = modulesDocument({"update", "--all"}, 6);
+
+    EXPECT_EQ(moduleIn(document, "tuner")["outcome"], "failed");
+    EXPECT_EQ(moduleIn(document, "tuner")["reason"], "its package cannot be mounted");
+    EXPECT_EQ(Modules::version("tuner"), "1.0");
+    EXPECT_TRUE(hasPackage("tuner"));
+}
+
+}  // namespace
+}  // namespace quillon::test

@@ -1,0 +1,72 @@
+#ifndef QUILLON_TESTS_UNIT_PLATFORM_DOWNLOAD_FIXTURE_H
+#define QUILLON_TESTS_UNIT_PLATFORM_DOWNLOAD_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "captured-stderr.h"
+#include "local-http-server.h"
+
+/// Keeps what the callback of downloads is told.
+class ToldEnds
+{
+public:
+    using End = std::pair<std::string, int>;  ///< identifier and status
+
+    /// To be passed with `this` as user data.
+    static void callback(const std::string& identifier, int status, void* self);
+
+    /// Waits until that many ends were told; fails the test after 30 seconds.
+    std::vector<End> waitFor(std::size_t count);
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<End> ends_;
+};
+
+/// The virtual device's packages' folder and configuration of downloads, both empty at first.
+class DownloadFixture : public testing::Test
+{
+protected:
+    static constexpr char kFolder[] = "/opt/usr/apps/appbinarymanager";
+    static constexpr char kConfiguration[] = "/etc/quillon/downloads.conf";
+
+    void SetUp() override;
+    void TearDown() override;
+
+    /// Writes the configuration file.
+    static void configure(const std::string& text);
+    /// The same for that server, patient for one second only, and with more lines.
+    static void configureFor(const std::string& address, const std::string& more = "");
+
+    /// Requests a package and waits for its end.
+    /// @return the status that the callback is told; 1 when the request is not accepted
+    static int download(const std::string& identifier);
+
+    static std::string pathOf(const std::string& name) { return kFolder + ("/" + name); }
+    static std::string contentsOf(const std::string& path);
+    static void writeFile(const std::string& path, const std::string& bytes);
+    /// Names of all that lies in the packages' folder, but for the folder for mounts.
+    static std::vector<std::string> namesInFolder();
+
+    /// Bytes of a package, the same ones for each size.
+    static std::string packageOf(std::size_t size);
+
+    /// Answers as a server should: the whole package or the part that was asked for, under a tag.
+    static void sendPackage(const HttpRequest& request, HttpConnection& connection,
+                            const std::string& package, const std::string& tag = "\"one\"");
+    /// The first reply of such a server, cut after that many bytes of the package.
+    static void sendBeginning(HttpConnection& connection, const std::string& package,
+                              std::size_t bytes, const std::string& tag = "\"one\"");
+
+private:
+    static void emptyFolder();
+};
+
+#endif

@@ -1,0 +1,156 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+
+#include "download-fixture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+class DownloadStorage : public DownloadFixture
+{
+protected:
+    void SetUp() override
+    {
+        DownloadFixture::SetUp();
+        configureFor(server.address());
+    }
+
+    const std::string package = packageOf(200000);
+    const LocalHttpServer server{[this](const HttpRequest& request, HttpConnection& connection) {
+        sendPackage(request, connection, package);
+    }};
+    CapturedStderr captured;
+};
+
+TEST_F(DownloadStorage, LetsEveryoneReadAPackage)
+{
+    const mode_t before = umask(022);
+    EXPECT_EQ(download("alpha"), 0);
+    umask(before);
+    struct stat status = {};
+    ASSERT_EQ(stat(pathOf("alpha.img").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0644U);
+}
+
+TEST_F(DownloadStorage, RemovesALinkInThePartsPlaceAndDoesNotFollowIt)
+{
+    writeFile(pathOf("victim"), "somebody's file");
+    fs::create_symlink("victim", pathOf(".alpha.part"));
+
+    EXPECT_EQ(download("alpha"), 0);
+
+    EXPECT_EQ(contentsOf(pathOf("victim")), "somebody's file");
+    EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == package);
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(pathOf("alpha.img"))));
+    EXPECT_THAT(namesInFolder(), UnorderedElementsAre("alpha.img", "victim"));
+}
+
+TEST_F(DownloadStorage, DoesNotWriteIntoAFileThatHasAnotherNameToo)
+{
+    writeFile(pathOf("victim"), "somebody's file");
+    fs::create_hard_link(pathOf("victim"), pathOf(".alpha.part"));
+
+    EXPECT_EQ(download("alpha"), 0);
+
+    EXPECT_EQ(contentsOf(pathOf("victim")), "somebody's file");
+    EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == package);
+}
+
+TEST_F(DownloadStorage, RemovesAFifoInThePartsPlaceAndDoesNotWaitForIt)
+{
+    ASSERT_EQ(mkfifo(pathOf(".alpha.part").c_str(), 0600), 0);
+
+    EXPECT_EQ(download("alpha"), 0);
+
+    EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == package);
+}
+
+TEST_F(DownloadStorage, ReplacesALinkInThePackagesPlaceAndDoesNotFollowIt)
+{
+    writeFile(pathOf("victim"), "somebody's file");
+    fs::create_symlink("victim", pathOf("alpha.img"));
+
+    EXPECT_EQ(download("alpha"), 0);
+
+    EXPECT_EQ(contentsOf(pathOf("victim")), "somebody's file");
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(pathOf("alpha.img"))));
+    EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == package);
+}
+
+TEST_F(DownloadStorage, DoesNotFollowALinkInTheNotesPlace)
+{
+    const std::string note =
+        server.address() + "\n" + contentsOf("/proc/sys/kernel/random/boot_id") + "\"one\"\n";
+    writeFile(pathOf("victim"), note);
+    fs::create_symlink("victim", pathOf(".alpha.resume"));
+    writeFile(pathOf(".alpha.part"), "old");
+
+    EXPECT_EQ(download("alpha"), 0);
+
+    EXPECT_EQ(server.requests().front().header("Range"), "");
+    EXPECT_EQ(contentsOf(pathOf("victim")), note);
+    EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == package);
+    EXPECT_THAT(namesInFolder(), UnorderedElementsAre("alpha.img", "victim"));
+}
+
+TEST_F(DownloadStorage, FailsWhereAFolderStandsInThePartsPlace)
+{
+    fs::create_directory(pathOf(".alpha.part"));
+    EXPECT_EQ(download("alpha"), -5);
+    EXPECT_THAT(captured.lines(),
+                ElementsAre(HasSubstr("package alpha cannot be stored: Is a directory")));
+    EXPECT_THAT(server.requests(), IsEmpty());
+}
+
+TEST_F(DownloadStorage, FailsWhereAFolderStandsInThePackagesPlace)
+{
+    fs::create_directory(pathOf("alpha.img"));
+    EXPECT_EQ(download("alpha"), -5);
+    EXPECT_THAT(captured.lines(), ElementsAre(HasSubstr("package alpha cannot be stored: ")));
+    EXPECT_THAT(namesInFolder(), ElementsAre("alpha.img"));
+}
+
+TEST_F(DownloadStorage, FailsWhenTheDiskTakesNoMore)
+{
+    // A file that may not grow fails as a full disk does.
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit = {100000, RLIM_INFINITY};
+    const rlimit none = {RLIM_INFINITY, RLIM_INFINITY};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    EXPECT_EQ(download("alpha"), -5);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &none), 0);
+
+    EXPECT_THAT(captured.lines(),
+                ElementsAre(HasSubstr("package alpha cannot be downloaded: File too large")));
+    EXPECT_THAT(namesInFolder(), IsEmpty());
+}
+
+TEST_F(DownloadStorage, LeavesAPartAloneThatAnotherProcessIsWriting)
+{
+    writeFile(pathOf(".alpha.part"), "from another process");
+    const int fd = open(pathOf(".alpha.part").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(flock(fd, LOCK_EX), 0);
+
+    EXPECT_EQ(download("alpha"), -6);
+    EXPECT_EQ(contentsOf(pathOf(".alpha.part")), "from another process");
+    EXPECT_THAT(captured.lines(), ElementsAre(HasSubstr("another process is downloading it")));
+    EXPECT_THAT(server.requests(), IsEmpty());
+
+    close(fd);
+    EXPECT_EQ(download("alpha"), 0);
+    EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == package);
+}
+
+}  // namespace

@@ -1,0 +1,25 @@
+#ifndef QUILLON_TESTS_UNIT_PLATFORM_SYSTEM_BUS_H
+#define QUILLON_TESTS_UNIT_PLATFORM_SYSTEM_BUS_H
+
+#include <sys/types.h>
+
+#include <string>
+
+/// A system bus of the test's own, named in DBUS_SYSTEM_BUS_ADDRESS while it lives.
+class SystemBus
+{
+public:
+    /// @return false on a machine that has no dbus-daemon
+    static bool canStart();
+
+    SystemBus();
+    ~SystemBus();
+    SystemBus(const SystemBus&) = delete;
+    SystemBus& operator=(const SystemBus&) = delete;
+
+private:
+    std::string folder_;
+    pid_t daemon_ = -1;
+};
+
+#endif

@@ -1,0 +1,141 @@
+#include "module-check.h"
+
+#include "module-defect.h"
+#include "package-mount.h"
+
+namespace quillon {
+
+namespace {
+
+void lookIntoFiles(FWUpdateSymbol& module, const ModuleSource& source, ModuleCheck& check)
+{
+    const std::string imagePath = module.getBinaryPath(source.type);
+    const std::string informationPath = module.getInformationPath(source.type);
+    const bool hasImage = module.file_exists(imagePath);
+    const bool hasInformation = module.file_exists(informationPath);
+    check.decision = Decision::kUnsound;
+    if (!hasImage && !hasInformation) {
+        if (source.type != UPDATE_EMP) {
+            check.decision = Decision::kNothingOffered;
+            check.reason = "no image";
+        } else if (!isPackageMounted(module)) {
+            check.reason = "its package cannot be mounted";
+        } else {
+            check.reason = "its package has no image";
+        }
+    } else if (!hasImage) {
+        check.reason = "its image is missing";
+    } else if (!hasInformation) {
+        check.reason = "its information file is missing";
+    } else if (!module.loadInformation(informationPath)) {
+        check.reason = "its information file cannot be read";
+    } else if (module.getInformation().crc != module.getBinaryCRC32(imagePath)) {
+        check.reason = "its image does not match its checksum";
+    } else {
+        check.decision = Decision::kUpToDate;
+        check.offered = module.getInformation().version;
+    }
+}
+
+/// A module without a mark is up to date, or something kept it from being asked; the registry's
+/// list does not tell which.
+void lookInto(FWUpdateSymbol& module, const ModuleSource& source, ModuleCheck& check)
+{
+    if (source.type == UPDATE_EMP && !module.getIMGExists()) {
+        check.decision = Decision::kNothingOffered;
+        check.reason = "no package";
+        return;
+    }
+    const std::string raised = raisedBy([&] { lookIntoFiles(module, source, check); });
+    if (!raised.empty()) {
+        check.decision = Decision::kUnsound;
+        check.reason = raised;
+    }
+}
+
+std::vector<FWUpdateSymbol>& allModules()
+{
+    return FWUpdateSymbolManager::getInstance()->modules();
+}
+
+CheckEnd checkOneByOne(const ModuleSource& source, const bool& running,
+                       std::vector<ModuleCheck>& checks)
+{
+    for (FWUpdateSymbol& module : allModules()) {
+        if (!__atomic_load_n(&running, __ATOMIC_RELAXED)) {
+            return CheckEnd::kStopped;
+        }
+        std::string raised;
+        if (kindOf(module) == ModuleKind::kFirmware) {
+            char noText[] = "";
+            raised = raisedBy([&] { module.isNeedUpdate(source.caller, noText); });
+        }
+        checks.push_back(describeCheck(module, source, raised));
+    }
+    return CheckEnd::kDone;
+}
+
+}  // namespace
+
+ModuleCheck describeCheck(FWUpdateSymbol& module, const ModuleSource& source,
+                          const std::string& raised)
+{
+    ModuleCheck check;
+    check.name = module.getLibName();
+    const ModuleKind kind = kindOf(module);
+    if (kind == ModuleKind::kUnusable) {
+        check.reason = defectOf(check.name);
+        return check;
+    }
+    check.running = runningVersion(module).value_or("");
+    if (kind == ModuleKind::kProcess) {
+        check.decision = Decision::kByNameOnly;
+        check.reason = "process module";
+    } else if (!raised.empty()) {
+        check.decision = Decision::kUnsound;
+        check.reason = raised;
+    } else if (module.getNeedUpdate()) {
+        check.decision = Decision::kNeeded;
+        check.offered = module.getInformation().version;
+        check.seconds = module.getExpectedUpdateTime();
+    } else {
+        lookInto(module, source, check);
+    }
+    return check;
+}
+
+CheckEnd checkModules(const ModuleSource& source, bool& running, std::vector<ModuleCheck>& checks)
+{
+    if (source.type != UPDATE_EMP) {
+        return checkOneByOne(source, running, checks);
+    }
+    int listed = -1;
+    const std::string raised = raisedBy(
+        [&] { listed = FWUpdateSymbolManager::getInstance()->writeFirmwareUpdateList(running); });
+    if (!raised.empty()) {
+        // One module's exception ended the pass; the list is then not complete, the marks will be.
+        return checkOneByOne(source, running, checks);
+    }
+    if (listed < 0) {
+        return __atomic_load_n(&running, __ATOMIC_RELAXED) ? CheckEnd::kUnsafeList
+                                                           : CheckEnd::kStopped;
+    }
+    for (FWUpdateSymbol& module : allModules()) {
+        checks.push_back(describeCheck(module, source, {}));
+    }
+    return CheckEnd::kDone;
+}
+
+void releasePackages(const ModuleSource& source)
+{
+    if (source.type != UPDATE_EMP) {
+        return;
+    }
+    for (FWUpdateSymbol& module : allModules()) {
+        if (kindOf(module) == ModuleKind::kFirmware) {
+            releasePackage(module);
+        }
+    }
+}
+
+}  // namespace quillon

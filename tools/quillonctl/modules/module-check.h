@@ -1,0 +1,55 @@
+/// Which modules need an update.
+#ifndef QUILLON_QUILLONCTL_MODULE_CHECK_H
+#define QUILLON_QUILLONCTL_MODULE_CHECK_H
+
+#include <string>
+#include <vector>
+
+#include "module-registry.h"
+#include "module-source.h"
+
+namespace quillon {
+
+enum class Decision {
+    kNeeded,
+    kUpToDate,
+    kNothingOffered,  ///< the source has nothing for the module
+    kUnsound,         ///< what the source has cannot be used, or the plug-in did not answer
+    kByNameOnly,      ///< a process module
+    kUnusable         ///< the module did not load
+};
+
+struct ModuleCheck
+{
+    std::string name;
+    Decision decision = Decision::kUnusable;
+    std::string running;  ///< empty when not known
+    std::string offered;  ///< empty when there is none
+    int seconds = 0;      ///< expected duration, of one that needs an update
+    std::string reason;   ///< of all but kNeeded and kUpToDate, a phrase
+};
+
+enum class CheckEnd {
+    kDone,
+    kStopped,    ///< the flag was cleared
+    kUnsafeList  ///< the update list's path leads elsewhere
+};
+
+/// Asks every module, and leaves the marks that a run goes by. For packages the update list is
+/// published; the packages stay mounted.
+///
+/// @param running  read before each module
+/// @param[out] checks  one for each module, in the registry's order; when stopped, not to be used
+CheckEnd checkModules(const ModuleSource& source, bool& running, std::vector<ModuleCheck>& checks);
+
+/// What a check of this module came to, from the mark that it left and a look at the source.
+/// @param raised  what the check raised; empty when nothing was
+ModuleCheck describeCheck(FWUpdateSymbol& module, const ModuleSource& source,
+                          const std::string& raised);
+
+/// Unmounts what checks have mounted.
+void releasePackages(const ModuleSource& source);
+
+}  // namespace quillon
+
+#endif

@@ -1,0 +1,110 @@
+#include "module-commands.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+
+#include "module-json-report.h"
+#include "module-text-report.h"
+#include "module-verbs.h"
+#include "terminal.h"
+
+namespace quillon {
+
+namespace {
+
+constexpr const char* kFooter =
+    "The modules are worked on by this program itself, with the update service running or not.\n"
+    "\n"
+    "Sources: usb (a stick), package (default), system (the read-only firmware area),\n"
+    "shared (the writable shared area)";
+
+std::string checkSource(const std::string& name)
+{
+    return findModuleSource(name) != nullptr
+               ? std::string()
+               : "takes usb, package, system or shared, not \"" + name + "\"";
+}
+
+CLI::App* addVerb(CLI::App* modules, const char* name, const char* description)
+{
+    return modules->add_subcommand(name, description)->fallthrough();
+}
+
+void takeSource(CLI::App* verb, std::string& source)
+{
+    verb->add_option("--source", source, "Where to look for images")
+        ->check(checkSource)
+        ->option_text("SOURCE");
+}
+
+CLI::Option* takeName(CLI::App* verb, std::string& name)
+{
+    return verb->add_option("NAME", name, "The module's library name")->option_text(" ");
+}
+
+[[noreturn]] void endWithoutTearingDown(int code)
+{
+    std::cout.flush();
+    static_cast<void>(std::fflush(nullptr));
+    std::_Exit(code);
+}
+
+}  // namespace
+
+ModuleCommands::ModuleCommands(CLI::App& app)
+    : m_modules(app.add_subcommand("modules", "Look at the firmware modules and update them"))
+{
+    m_modules->fallthrough()->require_subcommand(1)->footer(kFooter);
+    addVerb(m_modules, "list", "List the modules, unusable ones with the reason");
+    takeSource(addVerb(m_modules, "check", "Say which modules need an update"), m_source);
+    CLI::App* update = addVerb(m_modules, "update", "Update a module, or all that need it");
+    takeSource(update, m_source);
+    CLI::Option* name = takeName(update, m_name);
+    update->add_flag("--all", m_all, "Update every module that needs it")->excludes(name);
+    update->callback([this] {
+        if (m_name.empty() && !m_all) {
+            throw CLI::RequiredError("update: a module's name or --all");
+        }
+    });
+    takeName(addVerb(m_modules, "version", "Say which version a module is running"), m_name)
+        ->required();
+    takeName(addVerb(m_modules, "progress", "Say how far a module's update is"), m_name)
+        ->required();
+    addVerb(m_modules, "download", "Download every module's package");
+}
+
+int ModuleCommands::run(bool json, bool quiet) const
+{
+    const bool redraw = !json && canRedraw();
+    std::unique_ptr<ModuleReport> report;
+    if (json) {
+        report = std::make_unique<ModuleJsonReport>();
+    } else {
+        report = std::make_unique<ModuleTextReport>(quiet, redraw);
+    }
+    ModuleVerbs verbs(*report, std::chrono::milliseconds(250));
+    const ModuleSource& source = *findModuleSource(m_source);
+    const std::string verb = m_modules->get_subcommands().front()->get_name();
+    ExitCode code = kExitSuccess;
+    if (verb == "list") {
+        code = verbs.list();
+    } else if (verb == "check") {
+        code = verbs.check(source);
+    } else if (verb == "update") {
+        code = m_all ? verbs.updateAll(source) : verbs.update(m_name, source);
+    } else if (verb == "version") {
+        code = verbs.version(m_name);
+    } else if (verb == "progress") {
+        code = verbs.progress(m_name);
+    } else {
+        code = verbs.download();
+    }
+    if (verbs.hasLateUpdate()) {
+        endWithoutTearingDown(code);
+    }
+    return code;
+}
+
+}  // namespace quillon

@@ -1,0 +1,205 @@
+#include "module-json-report.h"
+
+#include <json/writer.h>
+
+#include <iostream>
+
+namespace quillon {
+
+namespace {
+
+Json::Value event(const char* name)
+{
+    Json::Value object(Json::objectValue);
+    object["event"] = name;
+    return object;
+}
+
+void write(const Json::Value& object)
+{
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    std::cout << Json::writeString(builder, object) << std::endl;
+}
+
+/// Leaves out what is not known.
+void put(Json::Value& object, const char* member, const std::string& text)
+{
+    if (!text.empty()) {
+        object[member] = text;
+    }
+}
+
+const char* nameOf(ModuleKind kind)
+{
+    switch (kind) {
+        case ModuleKind::kFirmware:
+            return "firmware";
+        case ModuleKind::kProcess:
+            return "process";
+        default:
+            return "unusable";
+    }
+}
+
+const char* nameOf(Decision decision)
+{
+    switch (decision) {
+        case Decision::kNeeded:
+            return "needed";
+        case Decision::kUpToDate:
+            return "up-to-date";
+        case Decision::kNothingOffered:
+            return "nothing-offered";
+        case Decision::kUnsound:
+            return "unsound";
+        case Decision::kByNameOnly:
+            return "by-name-only";
+        default:
+            return "unusable";
+    }
+}
+
+const char* nameOf(Outcome outcome)
+{
+    switch (outcome) {
+        case Outcome::kUpdated:
+            return "updated";
+        case Outcome::kNotNeeded:
+            return "not-needed";
+        case Outcome::kNothingOffered:
+            return "nothing-offered";
+        case Outcome::kFailed:
+            return "failed";
+        case Outcome::kTimedOut:
+            return "timed-out";
+        case Outcome::kByNameOnly:
+            return "by-name-only";
+        default:
+            return "unusable";
+    }
+}
+
+Json::Value entryObject(const ModuleEntry& entry)
+{
+    Json::Value object(Json::objectValue);
+    object["name"] = entry.name;
+    object["kind"] = nameOf(entry.kind);
+    put(object, "running", entry.running);
+    if (entry.kind == ModuleKind::kFirmware) {
+        object["firmware"] = entry.firmwareName;
+        object["package"] = entry.package;
+        object["downloaded"] = entry.hasPackage;
+    }
+    put(object, "reason", entry.reason);
+    return object;
+}
+
+Json::Value checkObject(const ModuleCheck& check)
+{
+    Json::Value object(Json::objectValue);
+    object["name"] = check.name;
+    object["decision"] = nameOf(check.decision);
+    put(object, "running", check.running);
+    put(object, "offered", check.offered);
+    if (check.decision == Decision::kNeeded) {
+        object["seconds"] = check.seconds;
+    }
+    put(object, "reason", check.reason);
+    return object;
+}
+
+Json::Value updateObject(const ModuleUpdate& update)
+{
+    Json::Value object(Json::objectValue);
+    object["name"] = update.name;
+    object["outcome"] = nameOf(update.outcome);
+    put(object, "running", update.running);
+    put(object, "reason", update.reason);
+    return object;
+}
+
+Json::Value downloadObject(const ModuleDownload& download)
+{
+    Json::Value object(Json::objectValue);
+    object["name"] = download.name;
+    object["downloaded"] = download.downloaded;
+    put(object, "reason", download.reason);
+    return object;
+}
+
+template <typename Item>
+Json::Value arrayOf(const std::vector<Item>& items, Json::Value (*toObject)(const Item&))
+{
+    Json::Value array(Json::arrayValue);
+    for (const Item& item : items) {
+        array.append(toObject(item));
+    }
+    return array;
+}
+
+}  // namespace
+
+void ModuleJsonReport::modules(const std::vector<ModuleEntry>& entries)
+{
+    Json::Value object = event("modules");
+    object["modules"] = arrayOf(entries, entryObject);
+    write(object);
+}
+
+void ModuleJsonReport::checked(const ModuleSource& source, const std::vector<ModuleCheck>& checks)
+{
+    Json::Value object = event("modules-check");
+    object["source"] = source.name;
+    object["modules"] = arrayOf(checks, checkObject);
+    write(object);
+}
+
+void ModuleJsonReport::version(const ModuleEntry& entry)
+{
+    Json::Value object = event("module-version");
+    object["name"] = entry.name;
+    object["version"] = entry.running;
+    write(object);
+}
+
+void ModuleJsonReport::progress(const std::string& name, unsigned int percent)
+{
+    Json::Value object = event("module-progress");
+    object["name"] = name;
+    object["percent"] = percent;
+    write(object);
+}
+
+void ModuleJsonReport::updated(const ModuleSource& source, const std::vector<ModuleUpdate>& updates,
+                               ExitCode code)
+{
+    Json::Value object = event("modules-update");
+    object["source"] = source.name;
+    object["exitCode"] = code;
+    object["modules"] = arrayOf(updates, updateObject);
+    write(object);
+}
+
+void ModuleJsonReport::downloaded(const std::vector<ModuleDownload>& downloads, ExitCode code)
+{
+    Json::Value object = event("modules-download");
+    object["exitCode"] = code;
+    object["modules"] = arrayOf(downloads, downloadObject);
+    write(object);
+}
+
+void ModuleJsonReport::warning(const std::string& text)
+{
+    std::cerr << "quillonctl: warning: " << text << std::endl;
+}
+
+void ModuleJsonReport::error(ExitCode code, const std::string& text)
+{
+    Json::Value object = event("error");
+    object["exitCode"] = code;
+    object["text"] = text;
+    write(object);
+}
+
+}  // namespace quillon

@@ -1,0 +1,70 @@
+#include "module-registry.h"
+
+#include <array>
+
+namespace quillon {
+
+namespace {
+
+using Text = std::array<char, FW_PLUGIN_TEXT_SIZE + 1>;
+
+void loadTheRest(FWUpdateSymbolManager& manager)
+{
+    for (FWUpdateSymbol& module : manager.modules()) {
+        if (kindOf(module) == ModuleKind::kUnusable) {
+            static_cast<void>(raisedBy([&] { module.loadSymbol(module.getLibName()); }));
+        }
+    }
+}
+
+}  // namespace
+
+ModuleKind kindOf(const FWUpdateSymbol& module)
+{
+    if (module.getSymbolType() == 1) {
+        return ModuleKind::kProcess;
+    }
+    return module.isLoaded() ? ModuleKind::kFirmware : ModuleKind::kUnusable;
+}
+
+bool openRegistry()
+{
+    FWUpdateSymbolManager& manager = *FWUpdateSymbolManager::getInstance();
+    bool ready = false;
+    if (!raisedBy([&] { ready = manager.getIsReady(false); }).empty()) {
+        loadTheRest(manager);
+        return true;
+    }
+    return ready;
+}
+
+FWUpdateSymbol* findModule(const std::string& libName)
+{
+    for (FWUpdateSymbol& module : FWUpdateSymbolManager::getInstance()->modules()) {
+        if (module.getLibName() == libName) {
+            return &module;
+        }
+    }
+    return nullptr;
+}
+
+std::optional<std::string> runningVersion(const FWUpdateSymbol& module)
+{
+    if (kindOf(module) == ModuleKind::kUnusable) {
+        return std::nullopt;
+    }
+    Text version{};
+    Text firmwareName{};
+    int result = -1;
+    const std::string raised = raisedBy([&] {
+        result = FWUpdateSymbolManager::getInstance()->getFirmwareVersion(
+            module.getLibName(), version.data(), firmwareName.data());
+    });
+    version.back() = '\0';
+    if (!raised.empty() || result != 0) {
+        return std::nullopt;
+    }
+    return version.data();
+}
+
+}  // namespace quillon

@@ -1,0 +1,50 @@
+/// The registry of this process, as far as broken modules go beyond what it bears by itself.
+#ifndef QUILLON_QUILLONCTL_MODULE_REGISTRY_H
+#define QUILLON_QUILLONCTL_MODULE_REGISTRY_H
+
+#include <exception>
+#include <optional>
+#include <string>
+
+#include "fw-update-symbol-manager.h"
+
+namespace quillon {
+
+enum class ModuleKind {
+    kFirmware,  ///< updated from images
+    kProcess,   ///< has no image and no version on offer; runs when it is asked for by name
+    kUnusable   ///< did not load
+};
+
+ModuleKind kindOf(const FWUpdateSymbol& module);
+
+/// Finds and loads the device's modules, process modules among them. One that raises an exception
+/// meanwhile counts as not loaded and keeps no other from being loaded.
+/// @return false when the module directory cannot be read
+bool openRegistry();
+
+/// @return null when no module has that library name
+FWUpdateSymbol* findModule(const std::string& libName);
+
+/// What a module's plug-in says is running.
+/// @return nothing when the module is unusable or its plug-in does not tell
+std::optional<std::string> runningVersion(const FWUpdateSymbol& module);
+
+/// Makes a call that reaches plug-ins, or files that they brought.
+/// @return what was raised, as a phrase for people; empty when nothing was
+template <typename Call>
+std::string raisedBy(Call call)
+{
+    try {
+        call();
+        return {};
+    } catch (const std::exception& error) {
+        return std::string("an exception was raised: ") + error.what();
+    } catch (...) {
+        return "an exception was raised";
+    }
+}
+
+}  // namespace quillon
+
+#endif

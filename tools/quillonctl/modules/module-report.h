@@ -1,0 +1,84 @@
+/// What the control layer has to say, apart from how it is written.
+#ifndef QUILLON_QUILLONCTL_MODULE_REPORT_H
+#define QUILLON_QUILLONCTL_MODULE_REPORT_H
+
+#include <string>
+#include <vector>
+
+#include "exit-codes.h"
+#include "module-check.h"
+
+namespace quillon {
+
+struct ModuleEntry
+{
+    std::string name;
+    ModuleKind kind = ModuleKind::kUnusable;
+    std::string running;       ///< empty when not known
+    std::string firmwareName;  ///< of a firmware module
+    std::string package;       ///< identifier of its package, of a firmware module
+    bool hasPackage = false;   ///< whether the package has been downloaded
+    std::string reason;        ///< why it is unusable
+};
+
+enum class Outcome {
+    kUpdated,
+    kNotNeeded,
+    kNothingOffered,
+    kFailed,
+    kTimedOut,  ///< the registry gave up waiting
+    kByNameOnly,
+    kUnusable
+};
+
+struct ModuleUpdate
+{
+    std::string name;
+    Outcome outcome = Outcome::kUnusable;
+    std::string running;  ///< afterwards; empty when not known
+    std::string reason;   ///< a phrase; empty where the outcome says it all
+};
+
+struct ModuleDownload
+{
+    std::string name;
+    bool downloaded = false;
+    std::string reason;  ///< why not
+};
+
+/// One call for each thing that happens. While a run goes on its calls come from another thread,
+/// one at a time.
+class ModuleReport
+{
+public:
+    virtual ~ModuleReport() = default;
+
+    virtual void modules(const std::vector<ModuleEntry>& entries) = 0;
+    virtual void checked(const ModuleSource& source, const std::vector<ModuleCheck>& checks) = 0;
+    virtual void version(const ModuleEntry& entry) = 0;
+    virtual void progress(const std::string& name, unsigned int percent) = 0;
+
+    /// @name During an update
+    /// @{
+    virtual void waitingForOthers() = 0;
+    virtual void updating(const std::string& name) = 0;
+    /// Called at every poll; says nothing where nothing has changed.
+    /// @param secondsLeft  by the expected time; 0 when the update takes longer than that
+    virtual void progressed(int percent, int secondsLeft) = 0;
+    virtual void waitingForLate(const std::string& name) = 0;
+    /// @}
+
+    /// @param code  what the program exits with
+    virtual void updated(const ModuleSource& source, const std::vector<ModuleUpdate>& updates,
+                         ExitCode code) = 0;
+    virtual void downloading(std::size_t packages) = 0;
+    virtual void downloaded(const std::vector<ModuleDownload>& downloads, ExitCode code) = 0;
+
+    /// Something that went wrong beside the point.
+    virtual void warning(const std::string& text) = 0;
+    virtual void error(ExitCode code, const std::string& text) = 0;
+};
+
+}  // namespace quillon
+
+#endif

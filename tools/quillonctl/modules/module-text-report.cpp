@@ -1,0 +1,232 @@
+#include "module-text-report.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <iostream>
+
+#include "terminal.h"
+
+namespace quillon {
+
+namespace {
+
+std::string orDash(const std::string& text)
+{
+    return text.empty() ? "-" : text;
+}
+
+/// A plug-in's text may hold anything; it must neither break the line nor steer the terminal.
+std::string printable(std::string text)
+{
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; }, '?');
+    return text;
+}
+
+std::string describe(const ModuleEntry& entry)
+{
+    switch (entry.kind) {
+        case ModuleKind::kProcess:
+            return "process module";
+        case ModuleKind::kUnusable:
+            return "unusable: " + entry.reason;
+        default:
+            return entry.hasPackage ? "package is here" : "no package";
+    }
+}
+
+std::string describe(const ModuleCheck& check)
+{
+    switch (check.decision) {
+        case Decision::kNeeded:
+            return "needs an update, about " + std::to_string(check.seconds) + " s";
+        case Decision::kUpToDate:
+            return "up to date";
+        case Decision::kUnsound:
+            return "cannot be checked: " + check.reason;
+        case Decision::kUnusable:
+            return "unusable: " + check.reason;
+        default:
+            return check.reason;
+    }
+}
+
+std::string describe(const ModuleUpdate& update)
+{
+    switch (update.outcome) {
+        case Outcome::kUpdated:
+            return "updated";
+        case Outcome::kNotNeeded:
+            return "no update needed";
+        case Outcome::kFailed:
+            return "failed: " + update.reason;
+        case Outcome::kTimedOut:
+            return "timed out: " + update.reason;
+        case Outcome::kUnusable:
+            return "unusable: " + update.reason;
+        case Outcome::kByNameOnly:
+            return "process module, runs by its name only";
+        default:
+            return update.reason;
+    }
+}
+
+std::string describeNeed(const std::vector<ModuleCheck>& checks)
+{
+    int count = 0;
+    std::int64_t seconds = 0;
+    for (const ModuleCheck& check : checks) {
+        if (check.decision == Decision::kNeeded) {
+            ++count;
+            seconds += check.seconds;
+        }
+    }
+    if (count == 0) {
+        return "No module needs an update";
+    }
+    return (count == 1 ? "1 module needs" : std::to_string(count) + " modules need") +
+           " an update, about " + std::to_string(seconds) + " s";
+}
+
+}  // namespace
+
+void ModuleTextReport::line(const std::string& text)
+{
+    if (!m_quiet) {
+        std::cout << m_display.end() << printable(text) << std::endl;
+    }
+}
+
+void ModuleTextReport::table(const std::vector<Row>& rows)
+{
+    std::vector<std::size_t> widths;
+    for (const Row& row : rows) {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            widths[i] = std::max(widths[i], row[i].size());
+        }
+    }
+    for (const Row& row : rows) {
+        std::string text;
+        for (std::size_t i = 0; i + 1 < row.size(); ++i) {
+            text += row[i] + std::string(widths[i] - row[i].size() + 2, ' ');
+        }
+        line(text + row.back());
+    }
+}
+
+void ModuleTextReport::modules(const std::vector<ModuleEntry>& entries)
+{
+    if (entries.empty()) {
+        line("No modules are installed");
+        return;
+    }
+    std::vector<Row> rows = {{"NAME", "RUNNING", "STATE"}};
+    for (const ModuleEntry& entry : entries) {
+        rows.push_back({orDash(entry.name), orDash(entry.running), describe(entry)});
+    }
+    table(rows);
+}
+
+void ModuleTextReport::checked(const ModuleSource& /*source*/,
+                               const std::vector<ModuleCheck>& checks)
+{
+    std::vector<Row> rows = {{"NAME", "RUNNING", "OFFERED", "STATE"}};
+    for (const ModuleCheck& check : checks) {
+        rows.push_back(
+            {orDash(check.name), orDash(check.running), orDash(check.offered), describe(check)});
+    }
+    if (!checks.empty()) {
+        table(rows);
+    }
+    line(describeNeed(checks));
+}
+
+void ModuleTextReport::version(const ModuleEntry& entry)
+{
+    line(entry.running);
+}
+
+void ModuleTextReport::progress(const std::string& /*name*/, unsigned int percent)
+{
+    line(std::to_string(percent) + " %");
+}
+
+void ModuleTextReport::waitingForOthers()
+{
+    line("Waiting for another update on this device");
+}
+
+void ModuleTextReport::updating(const std::string& name)
+{
+    line("Updating " + name);
+    m_display.restart();
+}
+
+void ModuleTextReport::progressed(int percent, int secondsLeft)
+{
+    if (!m_quiet) {
+        std::cout << m_display.show(percent, secondsLeft, terminalWidth()) << std::flush;
+    }
+}
+
+void ModuleTextReport::waitingForLate(const std::string& name)
+{
+    line("The time of " + name + " is over, but it is still being updated; waiting for it");
+}
+
+void ModuleTextReport::updated(const ModuleSource& /*source*/,
+                               const std::vector<ModuleUpdate>& updates, ExitCode code)
+{
+    std::vector<Row> rows = {{"NAME", "RUNNING", "OUTCOME"}};
+    std::string troubled;
+    for (const ModuleUpdate& update : updates) {
+        rows.push_back({orDash(update.name), orDash(update.running), describe(update)});
+        if (update.outcome == Outcome::kFailed || update.outcome == Outcome::kTimedOut) {
+            troubled += " " + update.name;
+        }
+    }
+    if (updates.empty()) {
+        line("No modules are installed");
+    } else {
+        table(rows);
+    }
+    if (code == kExitUpdateFailed || code == kExitTimedOut) {
+        error(code, "not updated as wanted:" + troubled);
+    }
+}
+
+void ModuleTextReport::downloading(std::size_t packages)
+{
+    line(packages == 1 ? "Downloading 1 package"
+                       : "Downloading " + std::to_string(packages) + " packages");
+}
+
+void ModuleTextReport::downloaded(const std::vector<ModuleDownload>& downloads, ExitCode code)
+{
+    std::string troubled;
+    for (const ModuleDownload& download : downloads) {
+        line(download.name + ": " +
+             (download.downloaded ? "downloaded" : "not downloaded, " + download.reason));
+        if (!download.downloaded) {
+            troubled += " " + download.name;
+        }
+    }
+    if (code != kExitSuccess) {
+        error(code, "not downloaded:" + troubled);
+    }
+}
+
+void ModuleTextReport::warning(const std::string& text)
+{
+    std::cout << m_display.end() << std::flush;
+    std::cerr << "quillonctl: warning: " << printable(text) << std::endl;
+}
+
+void ModuleTextReport::error(ExitCode /*code*/, const std::string& text)
+{
+    std::cout << m_display.end() << std::flush;
+    std::cerr << "quillonctl: " << printable(text) << std::endl;
+}
+
+}  // namespace quillon

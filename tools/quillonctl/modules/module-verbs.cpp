@@ -1,0 +1,428 @@
+#include "module-verbs.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "fw-update-common.h"
+#include "interruption.h"
+#include "module-defect.h"
+#include "package-downloads.h"
+#include "package-mount.h"
+#include "platform/power.h"
+#include "support/paths.h"
+
+namespace quillon {
+
+namespace {
+
+constexpr int kPowerLock = 2;  // the registry's own
+
+FWUpdateSymbolManager& manager()
+{
+    return *FWUpdateSymbolManager::getInstance();
+}
+
+ModuleEntry entryOf(FWUpdateSymbol& module)
+{
+    ModuleEntry entry;
+    entry.name = module.getLibName();
+    entry.kind = kindOf(module);
+    entry.running = runningVersion(module).value_or("");
+    if (entry.kind == ModuleKind::kFirmware) {
+        entry.firmwareName = module.getFirmwareName();
+        entry.package = module.getEMPName();
+        entry.hasPackage = module.getIMGExists();
+    }
+    if (entry.kind == ModuleKind::kUnusable) {
+        entry.reason = defectOf(entry.name);
+    }
+    return entry;
+}
+
+bool isAny(const std::vector<ModuleUpdate>& updates, Outcome outcome)
+{
+    return std::any_of(updates.begin(), updates.end(),
+                       [&](const ModuleUpdate& update) { return update.outcome == outcome; });
+}
+
+ExitCode exitCodeOf(const std::vector<ModuleUpdate>& updates)
+{
+    if (isAny(updates, Outcome::kFailed)) {
+        return kExitUpdateFailed;
+    }
+    return isAny(updates, Outcome::kTimedOut) ? kExitTimedOut : kExitSuccess;
+}
+
+/// What became of a module that needed no update, or could not have one.
+ModuleUpdate withoutUpdate(const ModuleCheck& check)
+{
+    ModuleUpdate update;
+    update.name = check.name;
+    update.running = check.running;
+    update.reason = check.reason;
+    switch (check.decision) {
+        case Decision::kUpToDate:
+            update.outcome = Outcome::kNotNeeded;
+            break;
+        case Decision::kNothingOffered:
+            update.outcome = Outcome::kNothingOffered;
+            break;
+        case Decision::kByNameOnly:
+            update.outcome = Outcome::kByNameOnly;
+            break;
+        case Decision::kUnusable:
+            update.outcome = Outcome::kUnusable;
+            break;
+        default:
+            update.outcome = Outcome::kFailed;
+            break;
+    }
+    return update;
+}
+
+/// A package is deleted once it is installed, and only then.
+bool isPackageInstalled(FWUpdateSymbol& module, const ModuleSource& source)
+{
+    return source.type == UPDATE_EMP && !module.getIMGExists();
+}
+
+/// How the update of a module ended that the watch has followed.
+/// @param result  what the registry said; nothing when it does not tell
+ModuleUpdate outcomeOf(FWUpdateSymbol& module, const ModuleSource& source, const UpdateWatch& watch,
+                       std::optional<int> result)
+{
+    ModuleUpdate update;
+    update.name = module.getLibName();
+    if (watch.isStillRunning(module)) {
+        update.outcome = Outcome::kTimedOut;
+        update.reason = "it is still being updated";
+        return update;  // its plug-in is busy: nothing is asked
+    }
+    update.running = runningVersion(module).value_or("");
+    const bool installed = result == 0 || isPackageInstalled(module, source);
+    if (watch.wasLate(module)) {
+        update.outcome = Outcome::kTimedOut;
+        update.reason = installed ? "it was updated only after its time"
+                                  : "the update ended only after its time";
+    } else if (installed) {
+        update.outcome = Outcome::kUpdated;
+    } else if (result == -1 && watch.hasEscaped(module)) {
+        update.outcome = Outcome::kTimedOut;
+        update.reason = "the update was over too soon to be noticed";
+    } else {
+        update.outcome = Outcome::kFailed;
+        update.reason = result.value_or(-1) == -1
+                            ? "the log says why"
+                            : "the module's own code is " + std::to_string(*result);
+    }
+    return update;
+}
+
+}  // namespace
+
+ExitCode ModuleVerbs::fail(ExitCode code, const std::string& text)
+{
+    m_report.error(code, text);
+    return code;
+}
+
+ExitCode ModuleVerbs::open()
+{
+    if (!openRegistry()) {
+        return fail(kExitSystem,
+                    std::string("the module directory cannot be read: ") + paths::kModules);
+    }
+    return kExitSuccess;
+}
+
+ExitCode ModuleVerbs::open(const std::string& name, FWUpdateSymbol*& module)
+{
+    const ExitCode opened = open();
+    if (opened != kExitSuccess) {
+        return opened;
+    }
+    FWUpdateSymbol* found = findModule(name);
+    if (found == nullptr) {
+        return fail(kExitUnknownModule, "there is no module " + name);
+    }
+    if (kindOf(*found) == ModuleKind::kUnusable) {
+        return fail(kExitUnusableModule, "the module " + name + " is unusable: " + defectOf(name));
+    }
+    module = found;
+    return kExitSuccess;
+}
+
+ExitCode ModuleVerbs::list()
+{
+    const ExitCode opened = open();
+    if (opened != kExitSuccess) {
+        return opened;
+    }
+    std::vector<ModuleEntry> entries;
+    for (FWUpdateSymbol& module : manager().modules()) {
+        entries.push_back(entryOf(module));
+    }
+    m_report.modules(entries);
+    return kExitSuccess;
+}
+
+ExitCode ModuleVerbs::checkInto(const ModuleSource& source, std::vector<ModuleCheck>& checks)
+{
+    const CheckEnd end = checkModules(source, runningUntilInterrupted(), checks);
+    if (end == CheckEnd::kDone) {
+        return kExitSuccess;
+    }
+    releasePackages(source);
+    if (end == CheckEnd::kStopped) {
+        return fail(kExitInterrupted, "interrupted; nothing was updated");
+    }
+    return fail(kExitSystem,
+                std::string("the update list's path leads elsewhere: ") + paths::kUpdateList);
+}
+
+ExitCode ModuleVerbs::check(const ModuleSource& source)
+{
+    const ExitCode opened = open();
+    if (opened != kExitSuccess) {
+        return opened;
+    }
+    std::vector<ModuleCheck> checks;
+    const ExitCode checked = checkInto(source, checks);
+    if (checked != kExitSuccess) {
+        return checked;
+    }
+    releasePackages(source);
+    m_report.checked(source, checks);
+    const bool isAnyNeeded =
+        std::any_of(checks.begin(), checks.end(),
+                    [](const ModuleCheck& check) { return check.decision == Decision::kNeeded; });
+    return isAnyNeeded ? kExitSuccess : kExitNothingToUpdate;
+}
+
+/// The registry does not tell a missing semaphore from a failed update.
+ExitCode ModuleVerbs::prepareUpdates()
+{
+    if (FWUpdateCommon::getInstance().create_semaphore() == nullptr) {
+        return fail(kExitSystem, std::string("the update semaphore ") + semName +
+                                     " cannot be had; it belongs to the user who updated first");
+    }
+    return kExitSuccess;
+}
+
+void ModuleVerbs::release(FWUpdateSymbol& module, const ModuleSource& source,
+                          const UpdateWatch& watch)
+{
+    // What is being flashed from stays mounted.
+    if (source.type != UPDATE_EMP || watch.isStillRunning(module)) {
+        return;
+    }
+    if (!releasePackage(module)) {
+        m_report.warning("the package of " + module.getLibName() + " stays mounted");
+    }
+}
+
+void ModuleVerbs::tellAllDone()
+{
+    const std::string raised = raisedBy([] { manager().allDoUpdateDone(); });
+    if (!raised.empty()) {
+        m_report.warning("not every module was told that the run is over: " + raised);
+    }
+}
+
+void ModuleVerbs::runMarked(const std::vector<ModuleCheck>& checks,
+                            std::vector<ModuleUpdate>& updates)
+{
+    const ModuleSource& source = *findModuleSource("package");
+    std::vector<FWUpdateSymbol>& modules = manager().modules();
+    std::vector<const FWUpdateSymbol*> marked;
+    for (const FWUpdateSymbol& module : modules) {
+        if (module.getNeedUpdate()) {
+            marked.push_back(&module);
+        }
+    }
+    UpdateWatch watch(marked, m_report, m_pollInterval);
+    const std::string raised = raisedBy([] { manager().doUpdateFirmwareAll(CALLER_SERVICE); });
+    if (!raised.empty()) {
+        // A module that is told that the run is over has broken the run's end off.
+        m_report.warning("not every module was told that the run is over: " + raised);
+        device_power_unlock_state(kPowerLock);
+        static_cast<void>(std::remove(paths::kUpdateList));
+    }
+    watch.finish();
+    m_hasLateUpdate = watch.isAnyStillRunning();
+    for (std::size_t i = 0; i < modules.size(); ++i) {
+        FWUpdateSymbol& module = modules[i];
+        updates.push_back(module.getNeedUpdate() ? outcomeOf(module, source, watch, std::nullopt)
+                                                 : withoutUpdate(checks[i]));
+        if (kindOf(module) == ModuleKind::kFirmware) {
+            release(module, source, watch);
+        }
+    }
+}
+
+/// The registry's own run over all modules knows packages only.
+void ModuleVerbs::runOneByOne(const ModuleSource& source, std::vector<ModuleUpdate>& updates)
+{
+    for (FWUpdateSymbol& module : manager().modules()) {
+        updates.push_back(kindOf(module) == ModuleKind::kFirmware
+                              ? updateOne(module, source)
+                              : withoutUpdate(describeCheck(module, source, {})));
+    }
+    tellAllDone();
+}
+
+ModuleUpdate ModuleVerbs::runProcess(FWUpdateSymbol& module, const ModuleSource& source)
+{
+    const std::string name = module.getLibName();
+    m_report.updating(name);
+    char noText[] = "";
+    int result = -1;
+    const std::string raised =
+        raisedBy([&] { result = manager().doUpdateFirmware(name, source.caller, noText); });
+    ModuleUpdate update;
+    update.name = name;
+    update.outcome = result == 0 ? Outcome::kUpdated : Outcome::kFailed;
+    update.running = runningVersion(module).value_or("");
+    if (result != 0) {
+        update.reason = raised.empty() ? "the log says why" : raised;
+    }
+    return update;
+}
+
+ModuleUpdate ModuleVerbs::updateOne(FWUpdateSymbol& module, const ModuleSource& source)
+{
+    if (kindOf(module) == ModuleKind::kProcess) {
+        return runProcess(module, source);
+    }
+    char noText[] = "";
+    int result = -1;
+    UpdateWatch watch({&module}, m_report, m_pollInterval);
+    const std::string raised = raisedBy(
+        [&] { result = manager().doUpdateFirmware(module.getLibName(), source.caller, noText); });
+    watch.finish();
+    m_hasLateUpdate = m_hasLateUpdate || watch.isAnyStillRunning();
+
+    // The registry checks by itself; without its mark it has started nothing.
+    const bool wasStarted = raised.empty() && module.getNeedUpdate();
+    ModuleUpdate update = wasStarted ? outcomeOf(module, source, watch, result)
+                                     : withoutUpdate(describeCheck(module, source, raised));
+    release(module, source, watch);
+    return update;
+}
+
+ExitCode ModuleVerbs::update(const std::string& name, const ModuleSource& source)
+{
+    FWUpdateSymbol* module = nullptr;
+    ExitCode code = open(name, module);
+    if (code == kExitSuccess) {
+        code = prepareUpdates();
+    }
+    if (code != kExitSuccess) {
+        return code;
+    }
+    holdOffInterrupts();
+    const ModuleUpdate update = updateOne(*module, source);
+    if (update.outcome == Outcome::kNothingOffered) {
+        code = kExitNothingToUpdate;
+    } else {
+        code = exitCodeOf({update});
+    }
+    const bool wasNeeded =
+        update.outcome != Outcome::kNotNeeded && update.outcome != Outcome::kNothingOffered;
+    if (wasNeeded && !m_hasLateUpdate) {
+        tellAllDone();
+    }
+    m_report.updated(source, {update}, code);
+    return code;
+}
+
+ExitCode ModuleVerbs::updateAll(const ModuleSource& source)
+{
+    ExitCode code = open();
+    if (code == kExitSuccess) {
+        code = prepareUpdates();
+    }
+    if (code != kExitSuccess) {
+        return code;
+    }
+    std::vector<ModuleUpdate> updates;
+    if (source.type == UPDATE_EMP) {
+        std::vector<ModuleCheck> checks;
+        code = checkInto(source, checks);
+        if (code != kExitSuccess) {
+            return code;
+        }
+        holdOffInterrupts();
+        runMarked(checks, updates);
+    } else {
+        holdOffInterrupts();
+        runOneByOne(source, updates);
+    }
+    code = exitCodeOf(updates);
+    m_report.updated(source, updates, code);
+    return code;
+}
+
+ExitCode ModuleVerbs::version(const std::string& name)
+{
+    FWUpdateSymbol* module = nullptr;
+    const ExitCode opened = open(name, module);
+    if (opened != kExitSuccess) {
+        return opened;
+    }
+    if (!runningVersion(*module)) {
+        return fail(kExitNoAnswer, "the module " + name + " does not tell its version");
+    }
+    m_report.version(entryOf(*module));
+    return kExitSuccess;
+}
+
+ExitCode ModuleVerbs::progress(const std::string& name)
+{
+    FWUpdateSymbol* module = nullptr;
+    const ExitCode opened = open(name, module);
+    if (opened != kExitSuccess) {
+        return opened;
+    }
+    unsigned int percent = 0;
+    int result = -1;
+    static_cast<void>(
+        raisedBy([&] { result = manager().getFirmwareUpdateProgress(name, &percent); }));
+    if (result != 0) {
+        return fail(kExitNoAnswer, "the module " + name + " does not tell its progress");
+    }
+    m_report.progress(name, percent);
+    return kExitSuccess;
+}
+
+ExitCode ModuleVerbs::download()
+{
+    const ExitCode opened = open();
+    if (opened != kExitSuccess) {
+        return opened;
+    }
+    std::vector<ModuleDownload> downloads;
+    std::vector<std::string> packages;
+    for (const FWUpdateSymbol& module : manager().modules()) {
+        if (kindOf(module) == ModuleKind::kFirmware) {
+            downloads.push_back({module.getLibName(), false, ""});
+            packages.push_back(module.getEMPName());
+        }
+    }
+    m_report.downloading(packages.size());
+    const std::vector<std::optional<int>> statuses = downloadPackages(packages);
+    ExitCode code = kExitSuccess;
+    for (std::size_t i = 0; i < statuses.size(); ++i) {
+        downloads[i].downloaded = statuses[i] == 0;
+        if (!statuses[i]) {
+            downloads[i].reason = "the platform did not accept the request";
+        } else if (*statuses[i] != 0) {
+            downloads[i].reason = "status " + std::to_string(*statuses[i]) + ", the log says why";
+        }
+        code = downloads[i].downloaded ? code : kExitDownloadFailed;
+    }
+    m_report.downloaded(downloads, code);
+    return code;
+}
+
+}  // namespace quillon

@@ -1,0 +1,61 @@
+/// What the control layer can do, one function a verb.
+#ifndef QUILLON_QUILLONCTL_MODULE_VERBS_H
+#define QUILLON_QUILLONCTL_MODULE_VERBS_H
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "exit-codes.h"
+#include "module-report.h"
+#include "update-watch.h"
+
+namespace quillon {
+
+/// Each verb finds and loads the device's modules, says everything through the report, errors
+/// included, and returns what the program exits with. A broken module is shown as such and never
+/// ends a verb that others can go on without.
+class ModuleVerbs
+{
+public:
+    /// @param report        must outlive this object
+    /// @param pollInterval  how often a running update is looked at
+    ModuleVerbs(ModuleReport& report, std::chrono::milliseconds pollInterval)
+        : m_report(report), m_pollInterval(pollInterval)
+    {
+    }
+
+    ExitCode list();
+    ExitCode check(const ModuleSource& source);
+    ExitCode update(const std::string& name, const ModuleSource& source);
+    ExitCode updateAll(const ModuleSource& source);
+    ExitCode version(const std::string& name);
+    ExitCode progress(const std::string& name);
+    ExitCode download();
+
+    /// Whether an update has been given up that is still running in a plug-in. The program must
+    /// then end without tearing anything down.
+    bool hasLateUpdate() const { return m_hasLateUpdate; }
+
+private:
+    ExitCode fail(ExitCode code, const std::string& text);
+    ExitCode open();
+    /// @param[out] module  set on success only
+    ExitCode open(const std::string& name, FWUpdateSymbol*& module);
+    ExitCode prepareUpdates();
+    ExitCode checkInto(const ModuleSource& source, std::vector<ModuleCheck>& checks);
+    void runMarked(const std::vector<ModuleCheck>& checks, std::vector<ModuleUpdate>& updates);
+    void runOneByOne(const ModuleSource& source, std::vector<ModuleUpdate>& updates);
+    ModuleUpdate updateOne(FWUpdateSymbol& module, const ModuleSource& source);
+    ModuleUpdate runProcess(FWUpdateSymbol& module, const ModuleSource& source);
+    void tellAllDone();
+    void release(FWUpdateSymbol& module, const ModuleSource& source, const UpdateWatch& watch);
+
+    ModuleReport& m_report;
+    const std::chrono::milliseconds m_pollInterval;
+    bool m_hasLateUpdate = false;
+};
+
+}  // namespace quillon
+
+#endif

@@ -1,0 +1,31 @@
+#include "package-mount.h"
+
+#include <fstream>
+#include <sstream>
+
+#include "support/paths.h"
+
+namespace quillon {
+
+bool isPackageMounted(const FWUpdateSymbol& module)
+{
+    // A package's name is letters and digits, so nothing of it is escaped in the table.
+    const std::string mountPoint = paths::kMountedPackages + module.getEMPName();
+    std::ifstream table(paths::kMountTable);
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream words(line);
+        std::string device;
+        std::string directory;
+        if (words >> device >> directory && directory == mountPoint) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool releasePackage(FWUpdateSymbol& module)
+{
+    return !isPackageMounted(module) || module.unmountEMPImage();
+}
+
+}  // namespace quillon

@@ -1,0 +1,18 @@
+/// The packages that checks and updates leave mounted.
+#ifndef QUILLON_QUILLONCTL_PACKAGE_MOUNT_H
+#define QUILLON_QUILLONCTL_PACKAGE_MOUNT_H
+
+#include "fw-update-symbol.h"
+
+namespace quillon {
+
+/// Whether something is mounted where the module's package belongs.
+bool isPackageMounted(const FWUpdateSymbol& module);
+
+/// Unmounts the module's package if it is mounted.
+/// @return false when it stays mounted
+bool releasePackage(FWUpdateSymbol& module);
+
+}  // namespace quillon
+
+#endif

@@ -1,0 +1,198 @@
+#include "update-watch.h"
+
+#include <algorithm>
+
+#include "fw-update-common.h"
+#include "update-workers.h"
+
+namespace quillon {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+/// What the registry's guard adds to the expected time.
+constexpr seconds kGrace(2);
+constexpr seconds kShortestSecondChance(5);
+/// A worker that has said that it is done needs a moment to end.
+constexpr milliseconds kEndOfWorker(200);
+constexpr milliseconds kPoll(20);
+/// So many looks in a row are no accident between two updates of this process.
+constexpr int kLooksBlocked = 4;
+
+seconds expectedTime(const FWUpdateSymbol& module)
+{
+    return seconds(std::max(module.getExpectedUpdateTime(), 0));
+}
+
+}  // namespace
+
+UpdateWatch::UpdateWatch(const std::vector<const FWUpdateSymbol*>& modules, ModuleReport& report,
+                         milliseconds interval)
+    : m_report(report),
+      m_interval(interval),
+      m_semaphore(FWUpdateCommon::getInstance().create_semaphore())
+{
+    for (const FWUpdateSymbol* module : modules) {
+        Watched watched;
+        watched.module = module;
+        watched.threadName = asThreadName(module->getFirmwareName());
+        m_modules.push_back(watched);
+    }
+    m_thread = std::thread([this] { loop(); });
+}
+
+UpdateWatch::~UpdateWatch()
+{
+    if (m_thread.joinable()) {
+        finish();
+    }
+}
+
+void UpdateWatch::loop()
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (!m_stop.wait_for(lock, m_interval, [this] { return m_stopped; })) {
+        look();
+        // Updates run in the registry's order, so the last one that runs is the one to be shown;
+        // those before it have overrun their time.
+        const auto current = std::find_if(m_modules.rbegin(), m_modules.rend(),
+                                          [](const Watched& watched) { return watched.running; });
+        if (current != m_modules.rend()) {
+            show(*current);
+        } else {
+            sayWhenOthersAreUpdating();
+        }
+    }
+}
+
+void UpdateWatch::look()
+{
+    const std::set<std::string> threads = threadNames();
+    const Clock::time_point now = Clock::now();
+    for (Watched& watched : m_modules) {
+        watched.running = threads.count(watched.threadName) != 0;
+        if (!watched.running) {
+            continue;
+        }
+        if (watched.start == Clock::time_point()) {
+            watched.start = now;
+        }
+        watched.late = watched.late || now - watched.start > expectedTime(*watched.module) + kGrace;
+    }
+}
+
+void UpdateWatch::show(const Watched& watched)
+{
+    if (m_shown != &watched) {
+        m_shown = &watched;
+        m_report.updating(watched.module->getLibName());
+    }
+    const auto passed = std::chrono::duration_cast<seconds>(Clock::now() - watched.start);
+    const seconds expected = expectedTime(*watched.module);
+    unsigned int percent = 0;
+    int result = -1;
+    static_cast<void>(raisedBy([&] {
+        result = FWUpdateSymbolManager::getInstance()->getFirmwareUpdateProgress(
+            watched.module->getLibName(), &percent);
+    }));
+    if (result != 0) {
+        percent = expected > seconds::zero()
+                      ? static_cast<unsigned int>(passed.count() * 100 / expected.count())
+                      : 99U;
+        percent = std::min(percent, 99U);  // done is what the registry says is done
+    }
+    m_report.progressed(static_cast<int>(std::min(percent, 100U)),
+                        static_cast<int>(std::max(expected - passed, seconds::zero()).count()));
+}
+
+void UpdateWatch::sayWhenOthersAreUpdating()
+{
+    int value = 1;
+    const bool blocked =
+        m_semaphore != nullptr && sem_getvalue(m_semaphore, &value) == 0 && value == 0;
+    m_looksBlocked = blocked ? m_looksBlocked + 1 : 0;
+    if (m_looksBlocked == kLooksBlocked && !m_hasWaited) {
+        m_hasWaited = true;
+        m_report.waitingForOthers();
+    }
+}
+
+void UpdateWatch::finish()
+{
+    m_lasted = Clock::now() - m_began;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_stopped = true;
+    }
+    m_stop.notify_one();
+    m_thread.join();
+    waitForLate();
+}
+
+bool UpdateWatch::waitUntilNoneRuns(Clock::duration limit)
+{
+    const Clock::time_point end = Clock::now() + limit;
+    while (true) {
+        look();
+        if (!isAnyStillRunning()) {
+            return true;
+        }
+        if (Clock::now() >= end) {
+            return false;
+        }
+        std::this_thread::sleep_for(kPoll);
+    }
+}
+
+void UpdateWatch::waitForLate()
+{
+    if (waitUntilNoneRuns(kEndOfWorker)) {
+        return;
+    }
+    seconds limit = kShortestSecondChance;
+    for (Watched& watched : m_modules) {
+        if (watched.running) {
+            watched.late = true;
+            limit = std::max(limit, expectedTime(*watched.module));
+            m_report.waitingForLate(watched.module->getLibName());
+        }
+    }
+    waitUntilNoneRuns(limit);
+}
+
+const UpdateWatch::Watched* UpdateWatch::find(const FWUpdateSymbol& module) const
+{
+    const auto found =
+        std::find_if(m_modules.begin(), m_modules.end(),
+                     [&](const Watched& watched) { return watched.module == &module; });
+    return found == m_modules.end() ? nullptr : &*found;
+}
+
+bool UpdateWatch::wasLate(const FWUpdateSymbol& module) const
+{
+    const Watched* watched = find(module);
+    return watched != nullptr && watched->late;
+}
+
+bool UpdateWatch::hasEscaped(const FWUpdateSymbol& module) const
+{
+    const Watched* watched = find(module);
+    return watched != nullptr && watched->start == Clock::time_point() &&
+           m_lasted > expectedTime(module) + kGrace;
+}
+
+bool UpdateWatch::isStillRunning(const FWUpdateSymbol& module) const
+{
+    const Watched* watched = find(module);
+    return watched != nullptr && watched->running;
+}
+
+bool UpdateWatch::isAnyStillRunning() const
+{
+    return std::any_of(m_modules.begin(), m_modules.end(),
+                       [](const Watched& watched) { return watched.running; });
+}
+
+}  // namespace quillon
