@@ -10,6 +10,8 @@ namespace quillon {
 
 namespace {
 
+constexpr std::chrono::seconds kBetweenPlainLines(1);  // as for an update from a stick
+
 std::string orDash(const std::string& text)
 {
     return text.empty() ? "-" : text;
@@ -161,13 +163,17 @@ void ModuleTextReport::updating(const std::string& name)
 {
     line("Updating " + name);
     m_display.restart();
+    m_nextPlainLine = {};
 }
 
 void ModuleTextReport::progressed(int percent, int secondsLeft)
 {
-    if (!m_quiet) {
-        std::cout << m_display.show(percent, secondsLeft, terminalWidth()) << std::flush;
+    const auto now = std::chrono::steady_clock::now();
+    if (m_quiet || (!m_onTerminal && now < m_nextPlainLine)) {
+        return;
     }
+    m_nextPlainLine = now + kBetweenPlainLines;
+    std::cout << m_display.show(percent, secondsLeft, terminalWidth()) << std::flush;
 }
 
 void ModuleTextReport::waitingForLate(const std::string& name)

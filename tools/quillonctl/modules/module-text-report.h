@@ -2,6 +2,8 @@
 #ifndef QUILLON_QUILLONCTL_MODULE_TEXT_REPORT_H
 #define QUILLON_QUILLONCTL_MODULE_TEXT_REPORT_H
 
+#include <chrono>
+
 #include "module-report.h"
 #include "progress-display.h"
 
@@ -14,7 +16,10 @@ class ModuleTextReport : public ModuleReport
 public:
     /// @param quiet       say nothing but errors and warnings
     /// @param onTerminal  standard output is a terminal that can redraw a line
-    ModuleTextReport(bool quiet, bool onTerminal) : m_quiet(quiet), m_display(onTerminal) {}
+    ModuleTextReport(bool quiet, bool onTerminal)
+        : m_quiet(quiet), m_onTerminal(onTerminal), m_display(onTerminal)
+    {
+    }
 
     void modules(const std::vector<ModuleEntry>& entries) override;
     void checked(const ModuleSource& source, const std::vector<ModuleCheck>& checks) override;
@@ -38,7 +43,9 @@ private:
     void table(const std::vector<Row>& rows);
 
     const bool m_quiet;
+    const bool m_onTerminal;
     ProgressDisplay m_display;
+    std::chrono::steady_clock::time_point m_nextPlainLine;
 };
 
 }  // namespace quillon
