@@ -9,12 +9,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <random>
+#include <thread>
 
 #include "platform/privileged.h"
 #include "system/daemon.h"
@@ -70,11 +72,17 @@ std::string whyNoLoopMounts()
     const std::string place = std::string(kLogFolder) + "probe";
     const std::string image = place + ".img";
     fs::create_directories(place);
-    if (!runs("mksquashfs " + place + " " + image + " -quiet") ||
-        !runs("mount -o ro,loop " + image + " " + place)) {
-        return "this machine does not let us mount a loop device here";
+    if (!runs("mksquashfs " + place + " " + image + " -quiet")) {
+        return "mksquashfs failed";
     }
-    return runs("umount " + place) ? "" : "the probe could not be unmounted";
+    // More than once, since the machine's loop devices are shared with the tests that run beside.
+    for (int attempt = 0; attempt < 20; ++attempt) {
+        if (runs("mount -o ro,loop " + image + " " + place)) {
+            return runs("umount " + place) ? "" : "the probe could not be unmounted";
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return "this machine does not let us mount a loop device here";
 }
 
 }  // namespace
