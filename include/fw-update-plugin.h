@@ -5,9 +5,10 @@
 /// entries below by their unmangled names. A library whose name contains "EXT-", in any case, is
 /// not a firmware module for the service and is skipped.
 ///
-/// The service calls one entry at a time for a USB update. Queries (setContext, checkVersion,
-/// getExpectedTime, getUpdateProgress) may come from another thread while an update entry is still
-/// running, so a module guards the state that they share.
+/// No two update entries (doUpdate, doUpdate_decryption) of a process run at once, but an update
+/// that has overrun its time is left running. Every other entry may therefore come from another
+/// thread while an update entry is still running, so a module guards the state that they share. A
+/// control layer calls the same entries in a process of its own.
 ///
 /// Compiles as C11 and as C++17.
 #ifndef FW_UPDATE_PLUGIN_H
@@ -47,8 +48,9 @@ extern "C" {
 
 /// Says for whom the following calls are made. Called before anything else, and again before each
 /// getActiveVersion, before the checkVersion that begins a piece of work, and before doUpdate.
-/// @param libraryName  the module's library name
-/// @param argument     the caller's argument text, often empty; not to be kept or changed
+/// @param libraryName  the module's library name; valid during the call only
+/// @param argument     the caller's argument text, often empty, may be null; valid during the call
+///                     only, and not to be changed
 /// @return 0 on success.
 int setContext(const char* libraryName, CallerTypes caller, char* argument);
 
@@ -66,18 +68,21 @@ int getActiveVersion(char* buffer);
 /// Tells whether an offered version is to be installed.
 /// @param version  the offered version, NUL-terminated
 /// @param need     receives 1 when it is to be installed, 0 when not
-/// @return 0 on success; anything else fails the check.
+/// @return 0 on success; anything else fails an update. A mere check of a package then goes by need
+///         nevertheless.
 int checkVersion(const char* version, int* need);
 
 /// Installs the image at a path.
-/// @param path   the image file; for a process module the library name
+/// @param path   the image file; for a process module the library name; valid during the call only
 /// @param value  the image's expected CRC-32; 0 for a process module
-/// @return 0 on success, else the module's own code, which is handed back to the caller.
+/// @return 0 on success, else the module's own code, which is handed back to the caller. Of a
+///         process module only the log tells: its caller gets -1.
 int doUpdate(const char* path, unsigned long value);
 
 /* Optional entries. A library may leave any of them out. */
 
-/// Called once for every module when all updates of a run are over.
+/// Called for every module when a run is over, or a control layer is done. An update that overran
+/// its time may still be running.
 /// @return 0 on success; ignored.
 int allUpdateDone(void);
 

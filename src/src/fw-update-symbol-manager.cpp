@@ -107,6 +107,9 @@ quillon::UniqueFile createUpdateList()
     quillon::UniqueFile file(fdopen(descriptor.get(), "w"));
     if (file) {
         static_cast<void>(descriptor.release());
+        // Each line is out at once: a plug-in that forks must not write what is still held back
+        // again, and one that crashes must not take it along.
+        static_cast<void>(std::setvbuf(file.get(), nullptr, _IOLBF, 0));
     }
     return file;
 }
@@ -161,6 +164,45 @@ FWUpdateItem::FWUpdateItem(const char* libNameText, const char* versionText,
 FWUpdateItem::FWUpdateItem(const FWUpdateItem& other)
     : FWUpdateItem(other.libName, other.version, other.firmwareName)
 {
+}
+
+int update_timeout_wrapper(FWUpdateSymbol& module, unsigned int seconds, CallerTypes caller,
+                           char* text)
+{
+    const auto rendezvous = std::make_shared<Rendezvous>(module, text);
+    FW_LOGE("%s update time %d ms", module.getFirmwareName().c_str(), static_cast<int>(seconds));
+
+    sem_t* semaphore = FWUpdateCommon::getInstance().create_semaphore();
+    if (semaphore == nullptr) {
+        return -1;
+    }
+    sem_wait(semaphore);
+
+    try {
+        std::thread([rendezvous, caller] { work(*rendezvous, caller); }).detach();
+    } catch (...) {
+        sem_post(semaphore);
+        throw;
+    }
+
+    std::unique_lock<std::mutex> lock(rendezvous->mutex);
+    const std::chrono::nanoseconds allowed(std::int64_t{seconds + kGraceSeconds} *
+                                           kNanosecondsPerSecond);
+    const auto deadline = std::chrono::steady_clock::now() + allowed;
+    // One wait without a predicate on purpose: any wake-up in time ends it.
+    if (rendezvous->done.wait_until(lock, deadline) == std::cv_status::no_timeout) {
+        sem_post(semaphore);
+        return rendezvous->result.load();
+    }
+    sem_post(semaphore);
+    const std::string message = module.getFirmwareName() + " update timeout";
+    FW_LOGE("%s", message.c_str());
+    throw std::runtime_error(message);
+}
+
+void update_module(FWUpdateSymbol& module, CallerTypes caller, char* text)
+{
+    static_cast<void>(module.updateFirmware(caller, text));
 }
 
 FWUpdateSymbolManager* FWUpdateSymbolManager::getInstance()
@@ -347,40 +389,12 @@ int FWUpdateSymbolManager::doUpdateFirmware(const std::string& name, CallerTypes
 int FWUpdateSymbolManager::update_timeout_wrapper(FWUpdateSymbol& module, unsigned int seconds,
                                                   CallerTypes caller, char* text)
 {
-    const auto rendezvous = std::make_shared<Rendezvous>(module, text);
-    FW_LOGE("%s update time %d ms", module.getFirmwareName().c_str(), static_cast<int>(seconds));
-
-    sem_t* semaphore = FWUpdateCommon::getInstance().create_semaphore();
-    if (semaphore == nullptr) {
-        return -1;
-    }
-    sem_wait(semaphore);
-
-    try {
-        std::thread([rendezvous, caller] { work(*rendezvous, caller); }).detach();
-    } catch (...) {
-        sem_post(semaphore);
-        throw;
-    }
-
-    std::unique_lock<std::mutex> lock(rendezvous->mutex);
-    const std::chrono::nanoseconds allowed(std::int64_t{seconds + kGraceSeconds} *
-                                           kNanosecondsPerSecond);
-    const auto deadline = std::chrono::steady_clock::now() + allowed;
-    // One wait without a predicate on purpose: any wake-up in time ends it.
-    if (rendezvous->done.wait_until(lock, deadline) == std::cv_status::no_timeout) {
-        sem_post(semaphore);
-        return rendezvous->result.load();
-    }
-    sem_post(semaphore);
-    const std::string message = module.getFirmwareName() + " update timeout";
-    FW_LOGE("%s", message.c_str());
-    throw std::runtime_error(message);
+    return ::update_timeout_wrapper(module, seconds, caller, text);
 }
 
 void FWUpdateSymbolManager::update_module(FWUpdateSymbol& module, CallerTypes caller, char* text)
 {
-    static_cast<void>(module.updateFirmware(caller, text));
+    ::update_module(module, caller, text);
 }
 
 int FWUpdateSymbolManager::writeFirmwareUpdateList(bool& running)

@@ -20,6 +20,24 @@ struct FWUpdateItem
     char firmwareName[FW_PLUGIN_TEXT_SIZE];
 };
 
+/// The guard of one module's update: waits until nobody else on the device is updating under a
+/// guard, then updates on a thread of its own and waits for the expected time and two seconds.
+///
+/// One wait, ended by any wake-up; a worker that ends before the wait begins is not seen, and
+/// counts as late. A late worker is left alone: it works on a record and a text of its own, and
+/// keeps the module's library open for as long as it runs.
+/// @param seconds  expected time; seconds + 2 wraps at 32 bits
+/// @param text     copied; may be null
+/// @return the update's result; -1 also when the semaphore cannot be had or an exception ended the
+///         update.
+/// Raises std::runtime_error, "<firmware name> update timeout", when the time is over, and
+/// std::system_error when no thread can be started. The semaphore is free again either way.
+int update_timeout_wrapper(FWUpdateSymbol& module, unsigned int seconds, CallerTypes caller,
+                           char* text);
+
+/// Updates a module on the calling thread, without a guard, and ignores the result.
+void update_module(FWUpdateSymbol& module, CallerTypes caller, char* text);
+
 /// The registry of the device's firmware modules, and the runs over them.
 ///
 /// The modules are found once, at start-up, and every run visits them in the order in which the
@@ -73,7 +91,8 @@ public:
     /// Updates every module that the last check marked, from its package, one after another, each
     /// under the guard of update_timeout_wrapper. A failure or time-out never ends the run. The
     /// device's power is locked for the summed expected times and five seconds a module; at the end
-    /// every plug-in is told, and the update list is deleted.
+    /// every plug-in is told, and the update list is deleted. A plug-in that raises an exception
+    /// when it is told ends the run there: the list stays, and the lock ends by its time.
     /// @param caller  not used: the plug-ins are told CALLER_SERVICE
     /// @return 0, always.
     int doUpdateFirmwareAll(CallerTypes caller);
@@ -85,23 +104,9 @@ public:
     ///         before there was one.
     int doUpdateFirmware(const std::string& name, CallerTypes caller, char* text);
 
-    /// The guard of one module's update: waits until no other process of the device is updating
-    /// under a guard, then updates on a thread of its own and waits for the expected time and two
-    /// seconds.
-    ///
-    /// One wait, ended by any wake-up; a worker that ends before the wait begins is not seen, and
-    /// counts as late. A late worker is left alone: it works on a record and a text of its own, and
-    /// keeps the module's library open for as long as it runs.
-    /// @param seconds  expected time; seconds + 2 wraps at 32 bits
-    /// @param text     copied; may be null
-    /// @return the update's result; -1 also when the semaphore cannot be had or an exception ended
-    ///         the update.
-    /// Raises std::runtime_error, "<firmware name> update timeout", when the time is over, and
-    /// std::system_error when no thread can be started. The semaphore is free again either way.
+    /// The functions of the same name below, for those who hold the registry.
     int update_timeout_wrapper(FWUpdateSymbol& module, unsigned int seconds, CallerTypes caller,
                                char* text);
-
-    /// Updates a module and ignores the result.
     void update_module(FWUpdateSymbol& module, CallerTypes caller, char* text);
 
     /// Checks every module's package, and writes those that need an update into the update list

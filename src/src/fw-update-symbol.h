@@ -62,8 +62,8 @@ extern unsigned char* cipher_buf_all;
 /// One firmware module: its plug-in library, its names and paths, and its last update decision.
 ///
 /// Copies share the plug-in library, which is closed after the last of them. Thread: one at a
-/// time, but for getNeedUpdate and getExpectedUpdateTime, which may be read while another thread
-/// decides anew.
+/// time, but for getNeedUpdate, getExpectedUpdateTime, the names and getUpdateProgress, which any
+/// thread may ask for while another one decides or updates.
 class FWUpdateSymbol
 {
 public:
@@ -177,12 +177,13 @@ public:
 
     /// Installs the image that the caller's source offers, on the calling thread, which takes the
     /// firmware's name. Waits while another module of this process is being installed. A package is
-    /// deleted once it is installed, and stays mounted when it is not.
+    /// deleted once it is installed; one that is not needed is only unmounted, and one that failed
+    /// stays mounted.
     ///
     /// @param arg  as in isNeedUpdate
     /// @return 0 when installed or not needed; the plug-in's own code when it failed; -1 when the
-    ///         module is not loaded, its context is refused (both silent) or there is no sound
-    ///         image (logged). Raises what isNeedUpdate raises.
+    ///         module is not loaded, its context is refused (both silent), there is no sound image
+    ///         or the plug-in fails the check (logged). Raises what isNeedUpdate raises.
     int updateFirmware(CallerTypes caller, char* arg);
 
     /// Runs a process module's update, which has no image. The calling thread takes the firmware's

@@ -52,7 +52,7 @@ protected:
 
     int guard(const std::string& name, CallerTypes caller = CALLER_SYSTEM)
     {
-        return manager->update_timeout_wrapper(module(name), 0, caller, noText);
+        return update_timeout_wrapper(module(name), 0, caller, noText);  // without the registry
     }
 
     void expectTimeOut(const std::string& name, CallerTypes caller = CALLER_SYSTEM)

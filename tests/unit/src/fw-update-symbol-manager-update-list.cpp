@@ -294,6 +294,22 @@ TEST_F(UpdateList, StoppedBetweenTwoModulesKeepsItsLines)
     EXPECT_THAT(askedFor("checkVersion"), ElementsAre(names[0], names[1]));
 }
 
+TEST_F(UpdateList, HoldsEachLineBeforeTheNextModuleIsAsked)
+{
+    const std::vector<std::string> names = threeModules();
+    std::string seen;
+    device.changeModule(names[1],
+                        Module().onCheckVersion([&seen](const char* /*version*/, int* need) {
+                            seen = textOf(kUpdateList);
+                            *need = 1;
+                            return 0;
+                        }));
+
+    EXPECT_EQ(write(), 3);
+
+    EXPECT_EQ(seen, names[0] + " " + names[0] + "emp\n");
+}
+
 TEST_F(UpdateList, StoppedAfterTheLastModuleIsWhole)
 {
     install(Module().onCheckVersion([this](const char* /*version*/, int* need) {
