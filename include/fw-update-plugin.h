@@ -8,7 +8,8 @@
 /// No two update entries (doUpdate, doUpdate_decryption) of a process run at once, but an update
 /// that has overrun its time is left running. Every other entry may therefore come from another
 /// thread while an update entry is still running, so a module guards the state that they share. A
-/// control layer calls the same entries in a process of its own.
+/// control layer calls the same entries in a process of its own. Between a check and an update the
+/// package is mounted anew: a module keeps no file of it open in between.
 ///
 /// Compiles as C11 and as C++17.
 #ifndef FW_UPDATE_PLUGIN_H

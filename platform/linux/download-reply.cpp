@@ -75,7 +75,8 @@ bool DownloadReply::range(ContentRange& range) const
     text.remove_prefix(kUnit.size());
     std::uint64_t last = 0;
     return takeNumber(text, '-', range.first) && takeNumber(text, '/', last) &&
-           takeNumber(text, '\n', range.size) && range.first <= last && last + 1 == range.size;
+           takeNumber(text, '\n', range.size) && range.first <= last && range.size > last &&
+           range.size - last == 1;
 }
 
 }  // namespace quillon

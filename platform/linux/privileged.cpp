@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "files.h"
 #include "once.h"
@@ -38,12 +39,15 @@ UniqueFd connectToHelper()
         setsockopt(connection.get(), SOL_SOCKET, SO_SNDTIMEO, &kLongestWait, sizeof kLongestWait) !=
             0 ||
         setsockopt(connection.get(), SOL_SOCKET, SO_RCVTIMEO, &kLongestWait, sizeof kLongestWait) !=
-            0 ||
-        connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) !=
             0) {
         return UniqueFd();
     }
-    return connection;
+    int result = -1;
+    do {
+        result =
+            connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    } while (result != 0 && errno == EINTR);
+    return result == 0 ? std::move(connection) : UniqueFd();
 }
 
 bool sendRequest(int connection, const Request& request)

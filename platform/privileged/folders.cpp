@@ -46,7 +46,8 @@ UniqueFd openImageIn(int parent, const std::string& name)
     if (status.st_nlink != 1) {
         throw Failure(EMLINK, name + " has a second name, maybe outside of the package folder");
     }
-    UniqueFd image(open(pathOf(found).c_str(), O_RDONLY | O_CLOEXEC));
+    // O_NONBLOCK, since a lease that somebody holds on the file would have us wait for its end.
+    UniqueFd image(open(pathOf(found).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (!image) {
         failWithErrno(name);
     }

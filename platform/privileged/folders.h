@@ -19,7 +19,8 @@ UniqueFd openFolderIn(int parent, const std::string& name);
 
 /// Opens a regular file with a single name for reading; anything else is left untouched.
 /// @param name  without "/"
-/// @throws Failure, for a link, a device or a FIFO with EINVAL, for a hard link with EMLINK
+/// @throws Failure, for a link, a device or a FIFO with EINVAL, for a hard link with EMLINK, for a
+///         file on which somebody holds a write lease with EWOULDBLOCK
 UniqueFd openImageIn(int parent, const std::string& name);
 
 /// A path that names the open file itself, whatever becomes of its name.

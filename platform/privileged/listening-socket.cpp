@@ -74,6 +74,24 @@ void removeStale(const std::string& path, const sockaddr_un& address)
     }
 }
 
+/// By descriptor: where others may write the folder, the name may lead to another file by now.
+struct stat giveAway(const std::string& path, const Callers& callers)
+{
+    const UniqueFd node(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status = {};
+    if (!node || fstat(node.get(), &status) != 0) {
+        failWithErrno(path);
+    }
+    if (!S_ISSOCK(status.st_mode)) {
+        throw Failure(EEXIST, path + " is not the socket any more");
+    }
+    if (fchownat(node.get(), "", callers.user.value_or(0), callers.group.value_or(0),
+                 AT_EMPTY_PATH) != 0) {
+        failWithErrno(path);
+    }
+    return status;
+}
+
 /// Keeps a second helper that starts now from taking our new socket for a stale one.
 UniqueFd lockFolder(const std::string& folder)
 {
@@ -117,10 +135,11 @@ OwnSocket::OwnSocket(const std::string& path, const Callers& callers)
     const mode_t callersMask = umask(0117);
     const int bound = bind(socket_.get(), generic(address), sizeof address);
     umask(callersMask);
-    struct stat status = {};
-    if (bound != 0 || lstat(path.c_str(), &status) != 0 ||
-        lchown(path.c_str(), callers.user.value_or(0), callers.group.value_or(0)) != 0 ||
-        listen(socket_.get(), kWaitingConnections) != 0) {
+    if (bound != 0) {
+        failWithErrno(path);
+    }
+    const struct stat status = giveAway(path, callers);
+    if (listen(socket_.get(), kWaitingConnections) != 0) {
         failWithErrno(path);
     }
     device_ = status.st_dev;

@@ -149,6 +149,7 @@ int main(int argc, char** argv)
     if (geteuid() != 0) {
         return complain(kFailed, "needs to run as root");
     }
+    static_cast<void>(signal(SIGPIPE, SIG_IGN));  // whoever reads what we say may go before us
     try {
         serve(callers);
         return 0;

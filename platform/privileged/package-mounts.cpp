@@ -74,8 +74,11 @@ std::string mountIdOf(const UniqueFd& folder)
     throw Failure(EIO, "/proc does not tell on which mount a folder lies");
 }
 
-bool isLoopMountAt(const std::string& wantedId, const std::string& directory)
+/// Whether a folder that was opened in kMountFolder is the top of a mount from a loop device.
+bool isLoopMount(const UniqueFd& folder, const std::string& name)
 {
+    const std::string wantedId = mountIdOf(folder);
+    const std::string directory = kMountFolder + ("/" + name);
     std::ifstream table("/proc/self/mountinfo");
     for (std::string line; std::getline(table, line);) {
         std::istringstream fields(line);
@@ -111,6 +114,9 @@ void mountPackage(const MountOrder& order)
     if (type == nullptr) {
         throw Failure(EINVAL, order.image + " holds neither squashfs nor ext4");
     }
+    if (isLoopMount(folder, order.directory)) {
+        throw Failure(EBUSY, order.directory + " has a package mounted already");
+    }
     mountDevice(attachLoopDevice(image), type, folder);
 }
 
@@ -119,8 +125,7 @@ void unmountPackage(const UnmountOrder& order)
     const UniqueFd parent = openFolder(kMountFolder);
     // An open folder keeps its mount busy, so it is closed again before the unmounting; from its
     // fixed parent on, the name leads nowhere else.
-    const std::string id = mountIdOf(openFolderIn(parent.get(), order.directory));
-    if (!isLoopMountAt(id, kMountFolder + ("/" + order.directory))) {
+    if (!isLoopMount(openFolderIn(parent.get(), order.directory), order.directory)) {
         throw Failure(EINVAL, order.directory + " has nothing mounted from a loop device");
     }
     const std::string path = pathOf(parent) + "/" + order.directory;

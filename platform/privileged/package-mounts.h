@@ -12,9 +12,10 @@ namespace quillon::privileged {
 ///         image can do in a driver of the kernel is limited to these two
 const char* typeOfImage(const UniqueFd& image);
 
-/// Mounts an image read-only on an existing folder, on top of what is mounted there already. Image
-/// and folder are opened once, without following links, and what was opened is what is mounted.
-/// @throws Failure
+/// Mounts an image read-only on an existing folder. Image and folder are opened once, without
+/// following links, and what was opened is what is mounted.
+/// @throws Failure, with EBUSY when the folder has something mounted from a loop device already:
+///         two clients that each mount and unmount would otherwise pile packages up on it
 void mountPackage(const MountOrder& order);
 
 /// Unmounts what lies topmost on a folder, if it comes from a loop device.

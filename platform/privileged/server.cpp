@@ -4,7 +4,9 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -15,7 +17,7 @@ namespace quillon::privileged {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+constexpr std::chrono::seconds kPauseWithoutMeans(1);
 
 bool isWellFormed(const Request& request, ssize_t size)
 {
@@ -47,6 +49,7 @@ void Server::runUntilReadable(int end)
         if (waiting[0].revents != 0) {
             return;
         }
+        const Clock::time_point looked = Clock::now();
         auto client = clients_.begin();
         for (std::size_t i = 2; i < waiting.size(); ++i) {
             const auto current = client++;
@@ -60,7 +63,8 @@ void Server::runUntilReadable(int end)
                 clients_.erase(current);
             }
         }
-        dropSilent();
+        // As of the look: whoever has spoken while others were handled is heard at the next one.
+        dropSilent(looked);
         if (waiting[1].revents != 0) {
             acceptOne();
         }
@@ -78,9 +82,9 @@ int Server::timeout() const
     return static_cast<int>(std::max<decltype(milliseconds)>(milliseconds, 0));
 }
 
-void Server::dropSilent()
+void Server::dropSilent(Clock::time_point looked)
 {
-    const auto limit = Clock::now() - kLongestSilence;
+    const auto limit = looked - kLongestSilence;
     while (!clients_.empty() && clients_.front().heard <= limit) {
         PRIVILEGED_LOGI("process %d is silent, its connection ends", clients_.front().peer.pid);
         clients_.pop_front();
@@ -91,7 +95,12 @@ void Server::acceptOne()
 {
     UniqueFd connection(accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!connection) {
-        return;  // it has gone again
+        if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) {
+            return;  // it has gone again
+        }
+        PRIVILEGED_LOGE("a client cannot be accepted: %s", std::strerror(errno));
+        std::this_thread::sleep_for(kPauseWithoutMeans);  // it is still waiting at the next look
+        return;
     }
     try {
         Peer peer = peerOf(connection.get());
@@ -122,8 +131,10 @@ bool Server::serve(Client& client)
     }
     Answer answer;
     answer.result = resultFor(client, request);
-    return send(connection, &answer, sizeof answer, MSG_DONTWAIT | MSG_NOSIGNAL) ==
-           static_cast<ssize_t>(sizeof answer);
+    const bool sent = send(connection, &answer, sizeof answer, MSG_DONTWAIT | MSG_NOSIGNAL) ==
+                      static_cast<ssize_t>(sizeof answer);
+    // Whoever may not ask shall not take the place of somebody who may.
+    return sent && mayAsk(callers_, client.peer);
 }
 
 int Server::resultFor(const Client& client, const Request& request)

@@ -32,16 +32,18 @@ public:
     void runUntilReadable(int end);
 
 private:
+    using Clock = std::chrono::steady_clock;
+
     struct Client
     {
         UniqueFd connection;
         Peer peer;
-        std::chrono::steady_clock::time_point heard;
+        Clock::time_point heard;
     };
 
     int timeout() const;
     void acceptOne();
-    void dropSilent();
+    void dropSilent(Clock::time_point looked);
     bool serve(Client& client);
     int resultFor(const Client& client, const Request& request);
 

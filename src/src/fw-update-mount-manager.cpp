@@ -29,7 +29,8 @@ using Request = std::array<char, kRequestSize>;
 Request mountRequest(const char* options, const char* src, const char* dest)
 {
     Request request{};
-    std::snprintf(request.data(), request.size(), "-o %s %s %s", options, src, dest);
+    static_cast<void>(
+        std::snprintf(request.data(), request.size(), "-o %s %s %s", options, src, dest));
     return request;
 }
 
@@ -37,8 +38,8 @@ Request mountRequest(const char* options, const char* src, const char* dest)
 Request nodeRequest(int number)
 {
     Request request{};
-    std::snprintf(request.data(), request.size(), "-m 0660 -Z * /dev/loop%d  b 7 %d", number,
-                  number);
+    static_cast<void>(std::snprintf(request.data(), request.size(),
+                                    "-m 0660 -Z * /dev/loop%d  b 7 %d", number, number));
     return request;
 }
 

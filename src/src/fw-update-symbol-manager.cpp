@@ -419,7 +419,8 @@ int FWUpdateSymbolManager::writeFirmwareUpdateList(bool& running)
         const std::string libName = module.getLibName();
         const std::string empName = module.getEMPName();
         if (list) {
-            std::fprintf(list.get(), "%s %s\n", libName.c_str(), empName.c_str());
+            static_cast<void>(
+                std::fprintf(list.get(), "%s %s\n", libName.c_str(), empName.c_str()));
         }
         FW_LOGE("Need Update [%s][%s]", libName.c_str(), empName.c_str());
         ++count;

@@ -1,6 +1,9 @@
 // Updates from packages that are really mounted: the control layer, the privileged helper, the
 // example modules, and beside them modules that hang and fail.
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -22,6 +25,7 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
+using ::testing::SizeIs;
 using ::testing::StartsWith;
 
 constexpr const char* kUpdateList = "/tmp/fwupdate-off-list.txt";
@@ -238,6 +242,31 @@ TEST_F(PackageUpdate, SaysWhatKeepsAPackageFromBeingUsed)
 
     EXPECT_EQ(moduleIn(document, "alpha")["reason"], "its package cannot be mounted");
     EXPECT_EQ(moduleIn(document, "beta")["reason"], "its package has no image");
+    EXPECT_THAT(mountedPackages(), IsEmpty());
+}
+
+TEST_F(PackageUpdate, IsNotTakenForNotNeededWhileThePackageIsInUse)
+{
+    Modules::installModule("tuner");
+    addPackage("tuner", 1);
+    fs::create_directories(mountPointOf("tuneremp"));
+    ASSERT_EQ(mountPackage("tuneremp"), kDone) << helper.log();
+    const int inUse =
+        ::open((mountPointOf("tuneremp") + "/info.json").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_NE(inUse, -1);
+
+    const Json::Value checked = moduleIn(modulesDocument({"check"}, 7), "tuner");
+    EXPECT_EQ(checked["decision"], "unsound");
+    EXPECT_EQ(checked["reason"], "its package cannot be mounted");
+    const ModulesResult update = runModules({"update", "tuner"});
+    EXPECT_EQ(update.exitCode, 6);
+    EXPECT_THAT(update.out, HasSubstr("failed: its package cannot be mounted"));
+    EXPECT_THAT(update.err, HasSubstr("warning: the package of tuner stays mounted"));
+    EXPECT_THAT(mountedPackages(), SizeIs(1));
+
+    ::close(inUse);
+    EXPECT_EQ(moduleIn(modulesDocument({"update", "tuner"}), "tuner")["outcome"], "updated");
+    EXPECT_EQ(Modules::version("tuner"), "2.0");
     EXPECT_THAT(mountedPackages(), IsEmpty());
 }
 

@@ -149,15 +149,48 @@ TEST_F(PackageMount, LetsGoOfTheLoopDeviceWhenItIsUnmounted)
     EXPECT_TRUE(fs::is_directory(mountPointOf(name)));
 }
 
-TEST_F(PackageMount, UnmountsTheTopmostOfSeveral)
+TEST_F(PackageMount, IsRefusedWhereAPackageIsMountedAlready)
 {
     const std::string name = unique("alpha");
     const std::string other = unique("beta");
-    addSquashfs(name, "lower");
-    addExt4(other, "upper");
+    addSquashfs(name, "first");
+    addExt4(other, "second");
     helper.startAndWait();
     ASSERT_EQ(mountPackage(name), kDone) << helper.log();
-    ASSERT_EQ(mountPackage(other, name), kDone) << helper.log();
+    EXPECT_EQ(mountPackage(name), answered(EBUSY));
+    EXPECT_EQ(mountPackage(other, name), answered(EBUSY));
+    EXPECT_THAT(helper.log(), HasSubstr("refused: " + name + " has a package mounted already"));
+    EXPECT_EQ(contentOf(name), "first");
+    EXPECT_THAT(mounts(mountPointOf(name)), SizeIs(1));
+    EXPECT_EQ(loopDevicesOf(name), 1U);
+    EXPECT_EQ(loopDevicesOf(other), 0U);
+
+    ASSERT_EQ(unmountPackage(name), kDone) << helper.log();
+    EXPECT_EQ(mountPackage(other, name), kDone) << helper.log();
+    EXPECT_EQ(contentOf(name), "second");
+}
+
+TEST_F(PackageMount, IsNotKeptOffByAnotherPackageOrAnotherMount)
+{
+    const std::string name = unique("alpha");
+    const std::string other = unique("beta");
+    addSquashfs(name, "inside");
+    addSquashfs(other);
+    helper.startAndWait();
+    ASSERT_EQ(mountPackage(other), kDone) << helper.log();
+    ASSERT_EQ(::mount("tmpfs", mountPointOf(name).c_str(), "tmpfs", 0, nullptr), 0);
+    EXPECT_EQ(mountPackage(name), kDone) << helper.log();
+    EXPECT_EQ(contentOf(name), "inside");
+}
+
+TEST_F(PackageMount, UnmountsTheTopmostOfSeveral)
+{
+    const std::string name = unique("alpha");
+    addSquashfs(name, "lower");
+    addExt4(name + "upper", "upper");
+    helper.startAndWait();
+    ASSERT_EQ(mountPackage(name), kDone) << helper.log();
+    run("mount -o ro,loop " + imageOf(name + "upper") + " " + mountPointOf(name));
     EXPECT_EQ(contentOf(name), "upper");
     ASSERT_EQ(unmountPackage(name), kDone) << helper.log();
     EXPECT_EQ(contentOf(name), "lower");
@@ -274,6 +307,22 @@ TEST_F(PackageMount, RefusesAnImageThatIsNoFileWithoutTouchingIt)
     fs::remove(imageOf(name));
     fs::create_directory(imageOf(name));
     EXPECT_EQ(mountPackage(name), answered(EINVAL));
+}
+
+TEST_F(PackageMount, WaitsForNobodyWhoHasALeaseOnTheImage)
+{
+    const std::string name = unique("alpha");
+    addSquashfs(name);
+    helper.startAndWait();
+    const int file = ::open(imageOf(name).c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_NE(file, -1);
+    ::signal(SIGIO, SIG_IGN);  // how the kernel asks the holder to let go
+    if (::fcntl(file, F_SETLEASE, F_WRLCK) != 0) {
+        GTEST_SKIP() << "here are no leases";
+    }
+    EXPECT_EQ(mountPackage(name), answered(EWOULDBLOCK));
+    ::close(file);
+    EXPECT_EQ(mountPackage(name), kDone) << helper.log();
 }
 
 TEST_F(PackageMount, RefusesAMountPointThatIsALinkOrNoFolder)
@@ -572,6 +621,20 @@ TEST_F(PrivilegedHelper, EndsInOrderOnSigtermAndTakesItsSocketAway)
     EXPECT_TRUE(fs::exists(QUILLON_PRIVILEGED_SOCKET));
     EXPECT_EQ(helper.end(), 0);
     EXPECT_FALSE(fs::exists(QUILLON_PRIVILEGED_SOCKET));
+}
+
+TEST_F(PrivilegedHelper, OutlivesWhoeverReadsItsLog)
+{
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    helper.start({}, [&] {
+        ::dup2(ends[1], 2);
+        ::signal(SIGPIPE, SIG_DFL);
+    });
+    ::close(ends[0]);
+    ::close(ends[1]);
+    EXPECT_TRUE(eventually([] { return umountNothing() == ENOENT; }, std::chrono::seconds(20)));
+    EXPECT_EQ(helper.end(), 0);
 }
 
 TEST_F(PrivilegedHelper, ComesBackAfterItWasKilled)

@@ -162,10 +162,11 @@ std::string firmwareNameOf(const std::string& packageName)
 {
     const std::size_t mark = packageName.find(kNameMark);
     if (packageName.empty() || packageName.size() > kLongestName ||
-        !hasLettersAndDigitsOnly(packageName) || mark == std::string::npos) {
-        throw ImageError(
-            ImageFault::Usage,
-            "a package's name has 1 to 127 ASCII letters and digits with 'emp' among them");
+        !hasLettersAndDigitsOnly(packageName) || mark == std::string::npos ||
+        packageName == kNameMark) {
+        throw ImageError(ImageFault::Usage,
+                         "a package's name has 1 to 127 ASCII letters and digits, 'emp' and the "
+                         "firmware's name among them");
     }
     return std::string(packageName).erase(mark, std::strlen(kNameMark));
 }

@@ -5,9 +5,12 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -24,6 +27,7 @@ namespace {
 
 constexpr const char* kPath = "/run/quillon/server-test.sock";
 constexpr int kHandled = 77;
+constexpr const char* kSlow = "slow";  // takes the handler as long as a client may be silent
 
 /// The server on a thread of its own, with a handler that only notes what it was given.
 class PrivilegedServer : public testing::Test
@@ -38,6 +42,9 @@ protected:
         thread_ = std::thread([this] {
             Server(socket_.get(), Callers(), [this](Kind kind, std::string_view text) {
                 handled_.push_back(std::to_string(static_cast<int>(kind)) + std::string(text));
+                if (text == kSlow) {
+                    std::this_thread::sleep_for(kLongestSilence);
+                }
                 return kHandled;
             }).runUntilReadable(endIn_.get());
         });
@@ -136,12 +143,46 @@ TEST_F(PrivilegedServer, GivesThePlaceOfWhoeverIsSilentLongestToANewClient)
     EXPECT_EQ(ask(active, request(Kind::Mount, "still")), kHandled);
 }
 
+TEST_F(PrivilegedServer, EndsTheConnectionOfWhoeverMayNotAsk)
+{
+    constexpr int kNoOtherUser = 2;
+    ASSERT_EQ(chmod(kPath, 0666), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        if (setuid(1234) != 0) {
+            _exit(kNoOtherUser);
+        }
+        const UniqueFd connection = client();
+        const int first = ask(connection, request(Kind::Mount, "a"));
+        _exit(first == EPERM && answer(connection) == -1 ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == kNoOtherUser) {
+        GTEST_SKIP() << "there is only one user here";
+    }
+    EXPECT_EQ(status, 0);
+    EXPECT_THAT(end(), IsEmpty());
+}
+
 TEST_F(PrivilegedServer, EndsASilentConnectionAfterSomeTime)
 {
     const UniqueFd connection = client();
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(answer(connection), -1);
     EXPECT_GE(std::chrono::steady_clock::now() - start, kLongestSilence);
+}
+
+TEST_F(PrivilegedServer, TakesNobodyForSilentWhoWasNotListenedTo)
+{
+    const UniqueFd connection = client();
+    ASSERT_EQ(ask(connection, request(Kind::Mount, "early")), kHandled);
+    const UniqueFd other = client();
+    const Request slow = request(Kind::Mount, kSlow);
+    ASSERT_GT(send(other.get(), &slow, sizeof slow, MSG_NOSIGNAL), 0);
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    EXPECT_EQ(ask(connection, request(Kind::Mount, "meanwhile")), kHandled);
+    EXPECT_EQ(answer(other), kHandled);
 }
 
 TEST_F(PrivilegedServer, HandlesNoPacketOfAnotherSize)

@@ -291,10 +291,11 @@ TEST_F(PackageProgram, IsAnExt4FileSystemThatE2fsckFindsClean)
 
 TEST_F(PackageProgram, RefusesANameThatNoPackageHas)
 {
-    const std::string reason = "1 to 127 ASCII letters and digits with 'emp' among them";
+    const std::string reason =
+        "1 to 127 ASCII letters and digits, 'emp' and the firmware's name among them";
     const std::string rest = "--version 1 --payload payload --name ";
-    for (const char* name : {"''", "tuner", "tunerEMP", "tuner-emp", "../emp", "'emp '", "emp.img",
-                             "t\xC3\xBCneremp"}) {
+    for (const char* name : {"''", "emp", "tuner", "tunerEMP", "tuner-emp", "../emp", "'emp '",
+                             "emp.img", "t\xC3\xBCneremp"}) {
         expectRefusal(rest + name, 2, reason);
     }
     expectRefusal(rest + std::string(125, 'x') + "emp", 2, reason);

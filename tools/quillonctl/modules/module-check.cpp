@@ -9,20 +9,22 @@ namespace {
 
 void lookIntoFiles(FWUpdateSymbol& module, const ModuleSource& source, ModuleCheck& check)
 {
+    check.decision = Decision::kUnsound;
+    // What lies there may be an older mount that could not be replaced: the plug-in was not asked
+    // about it. So it is mounted anew, as for the plug-in.
+    if (source.type == UPDATE_EMP && !module.mountEMPImage()) {
+        check.reason = "its package cannot be mounted";
+        return;
+    }
     const std::string imagePath = module.getBinaryPath(source.type);
     const std::string informationPath = module.getInformationPath(source.type);
     const bool hasImage = module.file_exists(imagePath);
     const bool hasInformation = module.file_exists(informationPath);
-    check.decision = Decision::kUnsound;
-    if (!hasImage && !hasInformation) {
-        if (source.type != UPDATE_EMP) {
-            check.decision = Decision::kNothingOffered;
-            check.reason = "no image";
-        } else if (!isPackageMounted(module)) {
-            check.reason = "its package cannot be mounted";
-        } else {
-            check.reason = "its package has no image";
-        }
+    if (!hasImage && !hasInformation && source.type == UPDATE_EMP) {
+        check.reason = "its package has no image";
+    } else if (!hasImage && !hasInformation) {
+        check.decision = Decision::kNothingOffered;
+        check.reason = "no image";
     } else if (!hasImage) {
         check.reason = "its image is missing";
     } else if (!hasInformation) {

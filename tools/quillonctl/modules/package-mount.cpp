@@ -7,6 +7,8 @@
 
 namespace quillon {
 
+namespace {
+
 bool isPackageMounted(const FWUpdateSymbol& module)
 {
     // A package's name is letters and digits, so nothing of it is escaped in the table.
@@ -22,6 +24,8 @@ bool isPackageMounted(const FWUpdateSymbol& module)
     }
     return false;
 }
+
+}  // namespace
 
 bool releasePackage(FWUpdateSymbol& module)
 {

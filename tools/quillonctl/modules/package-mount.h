@@ -6,9 +6,6 @@
 
 namespace quillon {
 
-/// Whether something is mounted where the module's package belongs.
-bool isPackageMounted(const FWUpdateSymbol& module);
-
 /// Unmounts the module's package if it is mounted.
 /// @return false when it stays mounted
 bool releasePackage(FWUpdateSymbol& module);
