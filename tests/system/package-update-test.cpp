@@ -270,6 +270,36 @@ TEST_F(PackageUpdate, IsNotTakenForNotNeededWhileThePackageIsInUse)
     EXPECT_THAT(mountedPackages(), IsEmpty());
 }
 
+TEST_F(PackageUpdate, ByAnOrdinaryUserBesideADaemonOfThatUserNeedsTheHelperOnly)
+{
+    constexpr uid_t kUser = 1234;
+    constexpr gid_t kGroup = 2345;
+    if (asUser(kUser, {kGroup}, [] { return 0; }) != 0) {
+        GTEST_SKIP() << "there are no other users here";
+    }
+    ASSERT_EQ(helper.end(), 0);
+    helper.startAndWait({"--user", std::to_string(kUser)});
+    Modules::installModule("tuner");
+    addPackage("tuner", 1);
+    std::ofstream{kLabellingReady};
+    // The package folder and what the modules flash into are that user's; nothing else is.
+    ASSERT_EQ(std::system("chown -R 1234:2345 /opt/usr/apps/appbinarymanager /var/lib/quillon"), 0);
+
+    constexpr int kNotReady = 100;
+    const int exitCode = asUser(kUser, {kGroup}, [] {
+        Daemon daemon;
+        daemon.start();
+        const bool ready = daemon.becomesReady();
+        const int code = ready ? runModules({"update", "--all"}).exitCode : kNotReady;
+        daemon.kill();
+        return code;
+    });
+
+    EXPECT_EQ(exitCode, 0);
+    expectFlashed("tuner");
+    EXPECT_THAT(mountedPackages(), IsEmpty());
+}
+
 TEST_F(PackageUpdate, WithoutThePrivilegedHelperFailsCleanly)
 {
     ASSERT_EQ(helper.end(), 0);
