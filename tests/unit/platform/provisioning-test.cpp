@@ -53,9 +53,10 @@ std::string package(const std::string& item, const std::string& payload)
     return kHead + "item " + item + "\nsha256 " + sha256(payload) + "\n\n" + payload;
 }
 
+/// Each thread's own: the worker of a download comes this way as well.
 std::vector<std::string>& diskCalls()
 {
-    static std::vector<std::string> calls;
+    thread_local std::vector<std::string> calls;
     return calls;
 }
 

@@ -23,9 +23,10 @@ struct Wiped
     const unsigned char* end;
 };
 
+/// Each thread's own: the worker of a download comes this way as well.
 std::vector<Wiped>& wiped()
 {
-    static std::vector<Wiped> ranges;
+    thread_local std::vector<Wiped> ranges;
     return ranges;
 }
 
