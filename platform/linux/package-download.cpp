@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <optional>
 
 #include "download-attempt.h"
 #include "download-part.h"
@@ -41,11 +42,12 @@ seconds pauseAfter(unsigned attempt, seconds first)
     return std::min(first * factor, std::max(first, kLongest));
 }
 
-DownloadStatus openPart(const char* name, DownloadPart& part)
+/// @return nothing when the part is open, else how the download ends.
+std::optional<DownloadStatus> openPart(const char* name, DownloadPart& part)
 {
     switch (part.open()) {
         case PartResult::kOk:
-            return kDownloaded;
+            return std::nullopt;
         case PartResult::kBusy:
             PLATFORM_LOGE("package %s: another process is downloading it", name);
             return kBusy;
@@ -72,9 +74,8 @@ DownloadStatus fetch(const std::string& identifier, const DownloadSettings& sett
 {
     const char* name = identifier.c_str();
     DownloadPart part(identifier, settings.address);
-    const DownloadStatus opened = openPart(name, part);
-    if (opened != kDownloaded) {
-        return opened;
+    if (const std::optional<DownloadStatus> refused = openPart(name, part)) {
+        return *refused;
     }
     for (unsigned number = 1;; ++number) {
         DownloadAttempt attempt(settings, part, cancel);

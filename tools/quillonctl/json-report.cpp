@@ -1,26 +1,10 @@
 #include "json-report.h"
 
-#include <json/writer.h>
-
-#include <iostream>
+#include "json-line.h"
 
 namespace quillon {
 
 namespace {
-
-Json::Value event(const char* name)
-{
-    Json::Value object(Json::objectValue);
-    object["event"] = name;
-    return object;
-}
-
-void write(const Json::Value& object)
-{
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    std::cout << Json::writeString(builder, object) << std::endl;
-}
 
 const char* stateName(Progress::State state)
 {
@@ -38,7 +22,7 @@ const char* stateName(Progress::State state)
 
 Json::Value stateEvent(const char* name, const Progress& progress)
 {
-    Json::Value object = event(name);
+    Json::Value object = eventObject(name);
     object["state"] = stateName(progress.state);
     object["percent"] = progress.percent;
     return object;
@@ -48,27 +32,27 @@ Json::Value stateEvent(const char* name, const Progress& progress)
 
 void JsonReport::earlierOutcome(const Progress& outcome)
 {
-    write(stateEvent("earlier-update", outcome));
+    writeJsonLine(stateEvent("earlier-update", outcome));
 }
 
 void JsonReport::checking(const std::string& directory)
 {
-    Json::Value object = event("checking");
+    Json::Value object = eventObject("checking");
     object["directory"] = directory;
-    write(object);
+    writeJsonLine(object);
 }
 
 void JsonReport::estimated(const Estimate& estimate)
 {
-    Json::Value object = event("estimate");
+    Json::Value object = eventObject("estimate");
     object["updateNeeded"] = estimate.updateNeeded;
     object["seconds"] = estimate.seconds;
-    write(object);
+    writeJsonLine(object);
 }
 
 void JsonReport::started()
 {
-    write(event("started"));
+    writeJsonLine(eventObject("started"));
 }
 
 void JsonReport::progressed(int percent, int secondsLeft)
@@ -77,35 +61,35 @@ void JsonReport::progressed(int percent, int secondsLeft)
         return;
     }
     m_lastPercent = percent;
-    Json::Value object = event("progress");
+    Json::Value object = eventObject("progress");
     object["percent"] = percent;
     object["secondsLeft"] = secondsLeft;
-    write(object);
+    writeJsonLine(object);
 }
 
 void JsonReport::finished(int seconds)
 {
-    Json::Value object = event("finished");
+    Json::Value object = eventObject("finished");
     object["seconds"] = seconds;
-    write(object);
+    writeJsonLine(object);
 }
 
 void JsonReport::state(const Progress& progress)
 {
-    write(stateEvent("state", progress));
+    writeJsonLine(stateEvent("state", progress));
 }
 
 void JsonReport::stopped()
 {
-    write(event("stop-sent"));
+    writeJsonLine(eventObject("stop-sent"));
 }
 
 void JsonReport::error(ExitCode code, const std::string& text)
 {
-    Json::Value object = event("error");
+    Json::Value object = eventObject("error");
     object["exitCode"] = code;
     object["text"] = text;
-    write(object);
+    writeJsonLine(object);
 }
 
 }  // namespace quillon

@@ -290,6 +290,20 @@ TEST_F(CtlModulesUpdate, OfAllUpdatesEachModuleAsFarAsItGoes)
     EXPECT_THAT(callsOf("ext-tool"), Not(Contains(StartsWith("doUpdate"))));
 }
 
+TEST_F(CtlModulesUpdate, OfAllTellsNobodyThatItIsOverWhileOneIsStillBeingUpdated)
+{
+    install("alpha", "need=0\n");
+    install("beta", "need=1\ndoUpdate.effect=hang\n");
+    offer("alpha");
+    offer("beta", 0);
+
+    const Json::Value document = json({"update", "--all", "--source", "system"}, 13);
+
+    EXPECT_EQ(of("beta", document)["outcome"], "timed-out");
+    EXPECT_THAT(callsOf("alpha"), Not(Contains("allUpdateDone()")));
+    EXPECT_THAT(callsOf("beta"), Not(Contains("allUpdateDone()")));
+}
+
 TEST_F(CtlModulesUpdate, OfAllWithNothingToDoIsNoFailure)
 {
     install("alpha", "need=0\n");

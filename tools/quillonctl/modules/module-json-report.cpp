@@ -1,26 +1,12 @@
 #include "module-json-report.h"
 
-#include <json/writer.h>
-
 #include <iostream>
+
+#include "json-line.h"
 
 namespace quillon {
 
 namespace {
-
-Json::Value event(const char* name)
-{
-    Json::Value object(Json::objectValue);
-    object["event"] = name;
-    return object;
-}
-
-void write(const Json::Value& object)
-{
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    std::cout << Json::writeString(builder, object) << std::endl;
-}
 
 /// Leaves out what is not known.
 void put(Json::Value& object, const char* member, const std::string& text)
@@ -142,51 +128,51 @@ Json::Value arrayOf(const std::vector<Item>& items, Json::Value (*toObject)(cons
 
 void ModuleJsonReport::modules(const std::vector<ModuleEntry>& entries)
 {
-    Json::Value object = event("modules");
+    Json::Value object = eventObject("modules");
     object["modules"] = arrayOf(entries, entryObject);
-    write(object);
+    writeJsonLine(object);
 }
 
 void ModuleJsonReport::checked(const ModuleSource& source, const std::vector<ModuleCheck>& checks)
 {
-    Json::Value object = event("modules-check");
+    Json::Value object = eventObject("modules-check");
     object["source"] = source.name;
     object["modules"] = arrayOf(checks, checkObject);
-    write(object);
+    writeJsonLine(object);
 }
 
 void ModuleJsonReport::version(const ModuleEntry& entry)
 {
-    Json::Value object = event("module-version");
+    Json::Value object = eventObject("module-version");
     object["name"] = entry.name;
     object["version"] = entry.running;
-    write(object);
+    writeJsonLine(object);
 }
 
 void ModuleJsonReport::progress(const std::string& name, unsigned int percent)
 {
-    Json::Value object = event("module-progress");
+    Json::Value object = eventObject("module-progress");
     object["name"] = name;
     object["percent"] = percent;
-    write(object);
+    writeJsonLine(object);
 }
 
 void ModuleJsonReport::updated(const ModuleSource& source, const std::vector<ModuleUpdate>& updates,
                                ExitCode code)
 {
-    Json::Value object = event("modules-update");
+    Json::Value object = eventObject("modules-update");
     object["source"] = source.name;
     object["exitCode"] = code;
     object["modules"] = arrayOf(updates, updateObject);
-    write(object);
+    writeJsonLine(object);
 }
 
 void ModuleJsonReport::downloaded(const std::vector<ModuleDownload>& downloads, ExitCode code)
 {
-    Json::Value object = event("modules-download");
+    Json::Value object = eventObject("modules-download");
     object["exitCode"] = code;
     object["modules"] = arrayOf(downloads, downloadObject);
-    write(object);
+    writeJsonLine(object);
 }
 
 void ModuleJsonReport::warning(const std::string& text)
@@ -196,10 +182,10 @@ void ModuleJsonReport::warning(const std::string& text)
 
 void ModuleJsonReport::error(ExitCode code, const std::string& text)
 {
-    Json::Value object = event("error");
+    Json::Value object = eventObject("error");
     object["exitCode"] = code;
     object["text"] = text;
-    write(object);
+    writeJsonLine(object);
 }
 
 }  // namespace quillon

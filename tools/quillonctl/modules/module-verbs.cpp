@@ -223,6 +223,9 @@ void ModuleVerbs::release(FWUpdateSymbol& module, const ModuleSource& source,
 
 void ModuleVerbs::tellAllDone()
 {
+    if (m_hasLateUpdate) {
+        return;  // whoever is still flashing is not told that the run is over
+    }
     const std::string raised = raisedBy([] { manager().allDoUpdateDone(); });
     if (!raised.empty()) {
         m_report.warning("not every module was told that the run is over: " + raised);
@@ -329,7 +332,7 @@ ExitCode ModuleVerbs::update(const std::string& name, const ModuleSource& source
     }
     const bool wasNeeded =
         update.outcome != Outcome::kNotNeeded && update.outcome != Outcome::kNothingOffered;
-    if (wasNeeded && !m_hasLateUpdate) {
+    if (wasNeeded) {
         tellAllDone();
     }
     m_report.updated(source, {update}, code);
