@@ -10,12 +10,11 @@ namespace quillon {
 ///
 /// Polynomial 0x01B23CA3, most significant bit first, initial value 0, nothing reflected, no final
 /// XOR; not the common CRC-32. Check value: the digits "123456789" give 0x6A50465C.
-/// Source of the table method: D. V. Sarwate, "Computation of cyclic redundancy checks via table
-/// look-up", Communications of the ACM 31(8), 1988.
+/// The processor decides on first use how it is computed: checksum-folding.h, checksum-slicing.h.
 ///
 /// @param crc   0, or the result for the bytes before
 /// @param data  `size` bytes
-/// @return the CRC of all bytes so far. Thread: any; the table is built once, on first use.
+/// @return the CRC of all bytes so far. Thread: any; tables are built once, on first use.
 std::uint32_t imageChecksum(std::uint32_t crc, const unsigned char* data, std::size_t size);
 
 }  // namespace quillon

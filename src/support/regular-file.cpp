@@ -27,6 +27,8 @@ UniqueFile openRegularFile(const std::string& path, struct stat& opened)
     UniqueFile file(fdopen(descriptor.get(), "rb"));
     if (file) {
         descriptor.release();
+        // Images are read in large blocks; a buffer in between would copy them and split the reads.
+        static_cast<void>(std::setvbuf(file.get(), nullptr, _IONBF, 0));
     }
     return file;
 }

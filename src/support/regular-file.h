@@ -10,7 +10,8 @@
 namespace quillon {
 
 /// Opens a file for reading ("rb"), but only a regular one: a FIFO, a directory or a device on a
-/// stick is refused without ever waiting for it or waking it up. Links are followed.
+/// stick is refused without ever waiting for it or waking it up. Links are followed. The stream is
+/// unbuffered: every fread is one read of its whole size.
 ///
 /// @param opened  on success what the file was when it was opened
 /// @return an empty handle when there is no such regular file.

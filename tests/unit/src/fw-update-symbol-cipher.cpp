@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "fw-update-symbol.h"
+#include "support/advised-memory.h"
 #include "support/device-fixture.h"
 #include "support/unique-handles.h"
 
@@ -80,6 +81,13 @@ TEST_F(CipherAll, EveryLengthOfCipherTextGivesWhatOpenSslGivesInOnePiece)
 
         ASSERT_EQ(result(), expected) << size;
     }
+}
+
+TEST_F(CipherAll, ALargeImageStandsOnHugePages)
+{
+    ASSERT_TRUE(run(Bytes(8U << 20U)));
+
+    EXPECT_TRUE(isAdvisedHuge(output.get() + (4U << 20U)));
 }
 
 // For every place of the trailer across the end of a read.

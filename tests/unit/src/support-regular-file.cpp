@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <functional>
 #include <string>
 
@@ -29,6 +30,18 @@ TEST(OpenRegularFile, GivesAStreamFromTheFirstByteOn)
     EXPECT_EQ(std::fgetc(file.get()), 't');
     EXPECT_EQ(opened.st_size, 4);
     EXPECT_TRUE(S_ISREG(opened.st_mode));
+}
+
+TEST(OpenRegularFile, GivesAStreamThatReadsNoMoreThanItIsAskedFor)
+{
+    writeFile(kPath, std::string(100000, 'x'));
+    struct stat opened = {};
+    const UniqueFile file = openRegularFile(kPath, opened);
+    std::array<char, 16> iv{};
+
+    ASSERT_EQ(std::fread(iv.data(), 1, iv.size(), file.get()), iv.size());
+
+    EXPECT_EQ(lseek(fileno(file.get()), 0, SEEK_CUR), 16);
 }
 
 TEST(OpenRegularFile, GivesNothingForAMissingFile)
