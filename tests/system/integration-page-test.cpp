@@ -1,0 +1,117 @@
+// What docs/integration.md says of a device's own platform library, word for word: its try.sh, and
+// the script for a system without systemd. The service was built on examples/platform.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "unit/verifier/test-keys.h"
+
+namespace quillon::test {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+
+constexpr char kKeyFile[] = DEVICE_KEYS "/quillon";
+
+/// @return the page's shell block that contains a text
+std::string blockWith(const std::string& page, const std::string& text)
+{
+    const std::string opening = "```sh\n";
+    const std::size_t begin = page.rfind(opening, page.find(text)) + opening.size();
+    return page.substr(begin, page.find("```", begin) - begin);
+}
+
+std::string replaced(std::string text, const std::string& what, const std::string& by)
+{
+    for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size()) {
+        text.replace(at, what.size(), by);
+    }
+    return text;
+}
+
+/// A folder as the page's reader has it: keys, the built service, the module.
+class IntegrationPage : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        std::string pattern = (fs::temp_directory_path() / "integration-XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        folder = pattern + "/";
+        fs::create_directories(folder + "build-device/bin");
+        fs::create_directories(folder + "build-device/lib");
+        fs::create_directories(folder + "lamp/build");
+        fs::create_symlink(SERVICE_PROGRAM, folder + "build-device/bin/quillon-service");
+        for (const char* tool : {"quillon-image", "quillonctl"}) {
+            fs::create_symlink(BUILD_FOLDER "/bin/" + std::string(tool),
+                               folder + "build-device/bin/" + tool);
+        }
+        fs::create_symlink(VERIFIER_LIBRARY, folder + "build-device/lib/libkUEPUser.so");
+        fs::create_symlink(LAMP_MODULE, folder + "lamp/build/lamp.so");
+        fs::create_symlink(SOURCE_FOLDER "/examples/module-template/package",
+                           folder + "lamp/package");
+        fs::create_symlink(fs::path(keyPath("a", kImageKeyFile)).parent_path(), folder + "keys");
+        writeAll(folder + "try.sh", blockWith(readAll(SOURCE_FOLDER "/docs/integration.md"),
+                                              "What the factory does."));
+    }
+
+    void TearDown() override { fs::remove_all(folder); }
+
+    int shell(const std::string& command)
+    {
+        const std::string line =
+            "cd '" + folder + "' && {\n" + command + "\n} >output 2>&1 </dev/null";
+        const int status = std::system(line.c_str());
+        output = readAll(folder + "output");
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    std::string folder;
+    std::string output;
+};
+
+TEST_F(IntegrationPage, ItsVirtualDeviceIsUpdatedAndEndsInOrder)
+{
+    // The test is on a device of its own already, so the script runs as it is.
+    EXPECT_EQ(shell("sh try.sh"), 0) << output << readAll(folder + "service.log");
+    EXPECT_THAT(output, HasSubstr("The update finished after "));
+    EXPECT_THAT(output, HasSubstr(" s\n2.0\nended with status 0\nquillon-service["));
+}
+
+TEST_F(IntegrationPage, ItsInitScriptStartsTheServiceAndEndsItInOrder)
+{
+    if (shell("command -v start-stop-daemon mountpoint") != 0) {
+        GTEST_SKIP() << "start-stop-daemon or mountpoint is not installed";
+    }
+    std::string script = readAll(SOURCE_FOLDER "/examples/platform/quillon.init");
+    script =
+        replaced(script, "/usr/sbin/quillon-service", folder + "build-device/bin/quillon-service");
+    for (const char* place : {"/var/log/", "/run/quillon-service"}) {
+        ASSERT_THAT(script, HasSubstr(place));
+        script = replaced(script, place, folder + fs::path(place).filename().string());
+    }
+    writeAll(folder + "quillon", script);
+    fs::create_directories(DEVICE_KEYS);
+    fs::copy_file(folder + "keys/image-key.bin", kKeyFile);
+
+    ASSERT_EQ(shell("sh quillon start"), 0) << output;
+    ASSERT_EQ(shell("for i in $(seq 100); do [ -e /tmp/.fw_service_ready_usb ] && exit; sleep 0.1; "
+                    "done; exit 1"),
+              0);
+    EXPECT_EQ(shell("build-device/bin/quillonctl progress"), 0) << output;
+    EXPECT_EQ(shell("sh quillon stop"), 0) << output;
+
+    EXPECT_THAT(readAll(folder + "quillon.log"), HasSubstr("firmware_control_task thread stop"));
+    EXPECT_NE(shell("build-device/bin/quillonctl progress"), 0) << "the service has ended";
+    EXPECT_FALSE(fs::exists("/tmp/.fw_service_ready_usb"));
+}
+
+}  // namespace
+}  // namespace quillon::test
