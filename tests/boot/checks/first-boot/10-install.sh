@@ -1,0 +1,24 @@
+#!/bin/sh
+# apt installs the packages with all that they need, and the service starts
+set -eu
+# shellcheck source=../../device.sh
+. /boot-test/device.sh
+
+# What they need comes first, so that what they bring themselves can be told from it.
+apt-get install --simulate /packages/*.deb |
+    sed -n 's/^Inst \([^ ]*\).*/\1/p' | grep -v '^quillon-' >"$device_folder/needed"
+xargs apt-get install --assume-yes <"$device_folder/needed"
+find / -xdev \( -path /boot-test -o -path /proc -o -path /sys -o -path /run \) -prune -o -print |
+    sort >"$device_folder/files-before"
+
+start=$(milliseconds)
+apt-get install --assume-yes /packages/*.deb </dev/null
+figure "apt-get install of the packages alone: $(($(milliseconds) - start)) ms"
+for package in quillon-service quillon-platform-linux quillon-tools quillon-dev; do
+    expect "the state of $package" "install ok installed" \
+        "$(dpkg-query --show --showformat='${Status}' "$package")"
+done
+expect "what dpkg says of all" "" "$(dpkg --audit)"
+
+wait_until 20 is_ready || fail "the service is not ready"
+expect "failed units" "" "$(systemctl list-units --failed --plain --no-legend)"

@@ -1,0 +1,33 @@
+#!/bin/sh
+# journal entries carry their fields, and the catalogue explains the errors
+set -eu
+# shellcheck source=../../device.sh
+. /boot-test/device.sh
+
+begin_with_service
+entry=$(journalctl --boot --no-pager --output=verbose --lines=1 -t FWUPDATE \
+    CODE_FUNC=set_service_running_done) || fail "the entry is not found by its field"
+echo "$entry"
+for field in 'CODE_FILE=.*quillon-service\.cpp' 'CODE_FUNC=set_service_running_done' \
+    'CODE_LINE=[0-9]+' 'PRIORITY=6' 'SYSLOG_IDENTIFIER=FWUPDATE' '_SYSTEMD_UNIT=quillon\.service' \
+    'MESSAGE=.+'; do
+    echo "$entry" | grep -E -q "^ *$field\$" || fail "the entry has no $field"
+done
+
+# The image that the check before this one has damaged.
+error=$(journalctl --boot --no-pager --output=verbose --lines=1 -t FWUPDATE -p err \
+    --grep='^Error: .*tuner\.bin is NOT signed') || fail "there is no such error"
+echo "$error"
+echo "$error" | grep -q '^ *PRIORITY=3$' || fail "the error has another priority"
+id=$(echo "$error" | sed -n 's/^ *MESSAGE_ID=//p')
+echo "$id" | grep -E -q '^[0-9a-f]{32}$' || fail "the error has no MESSAGE_ID"
+
+journalctl --catalog --boot --no-pager --lines=1 "MESSAGE_ID=$id" >"$device_folder/explained.txt"
+cat "$device_folder/explained.txt"
+grep -q 'Subject: .' "$device_folder/explained.txt" || fail "the catalogue does not know the error"
+expect "the length of the explanation" yes \
+    "$([ "$(grep -c '^░░' "$device_folder/explained.txt")" -gt 4 ] && echo yes || echo no)"
+if grep -E '@[A-Z_]+@' "$device_folder/explained.txt"; then
+    fail "a field of the explanation was not filled in"
+fi
+figure "$(sed -n 's/.*\(Subject: .*\)/\1/p' "$device_folder/explained.txt")"

@@ -1,0 +1,23 @@
+#!/bin/sh
+# systemd-analyze security: 2.0 at most for the service, 4.0 for the helper that mounts
+set -eu
+# shellcheck source=../../device.sh
+. /boot-test/device.sh
+
+exposure() {
+    systemd-analyze security --no-pager "$1" | sed -n 's/.*Overall exposure level for .*: \([0-9.]*\) .*/\1/p'
+}
+
+# at_most UNIT LIMIT
+at_most() {
+    level=$(exposure "$1")
+    [ -n "$level" ] || fail "no exposure level of $1"
+    figure "$1: $level, limit $2"
+    awk "BEGIN { exit !($level <= $2) }" || too_much="$too_much $1"
+}
+
+too_much=""
+at_most quillon.service 2.0
+at_most quillon-privileged.service 4.0
+figure "quillon-storage@.service: $(exposure quillon-storage@0.service)"
+[ -z "$too_much" ] || fail "more than allowed:$too_much"

@@ -1,0 +1,38 @@
+#!/bin/sh
+# the drop-in verifier-required refuses a start without the verifier, and says so
+set -eu
+# shellcheck source=../../device.sh
+. /boot-test/device.sh
+
+verifier=/usr/lib/libkUEPUser.so
+drop_in=$(dpkg -L quillon-service | grep '/verifier-required\.conf$') || fail "there is no such drop-in"
+folder=/etc/systemd/system/quillon.service.d
+
+put_back() {
+    rm -rf "$folder"
+    [ ! -e "$verifier.away" ] || mv "$verifier.away" "$verifier"
+    systemctl daemon-reload
+    systemctl reset-failed quillon.service || true
+}
+trap put_back EXIT
+
+install -D -m 644 "$drop_in" "$folder/verifier-required.conf"
+systemctl daemon-reload
+begin_with_service
+systemctl stop quillon.service
+mv "$verifier" "$verifier.away"
+cursor=$(journal_now)
+if systemctl start quillon.service; then
+    fail "the service starts without the verifier"
+fi
+wait_until 60 systemctl --quiet is-failed quillon.service ||
+    fail "the unit does not count as failed: $(systemctl is-active quillon.service)"
+journalctl --no-pager --after-cursor="$cursor" -u quillon.service
+journal_has "$verifier" --after-cursor="$cursor" -u quillon.service ||
+    fail "the journal does not name the verifier"
+expect "the queues" "" "$(ls -A /dev/mqueue)"
+
+mv "$verifier.away" "$verifier"
+systemctl reset-failed quillon.service || true
+systemctl start quillon.service || fail "the service does not start with the verifier"
+wait_until 20 is_ready || fail "the service is not ready with the verifier"
