@@ -1,8 +1,9 @@
 # A thin front for people; CMake does the work. Each target does all of its own set-up.
 
 BUILD := build/dev
+PREFIX ?= /usr
 
-.PHONY: help demo test build check lint sanitize clean
+.PHONY: help demo test build check lint sanitize cross footprint bench bench-compare bench-gate package system-test install clean
 
 help:
 	@echo "make demo      boot a virtual device and update three modules from a USB stick"
@@ -10,6 +11,14 @@ help:
 	@echo "make check     test, lint and sanitizers, as before a release"
 	@echo "make lint      clang-format, clang-tidy, shellcheck, man pages"
 	@echo "make sanitize  every test under Address-, UndefinedBehavior- and ThreadSanitizer"
+	@echo "make cross     build for arm64 and armhf, and run the unit tests there under emulation"
+	@echo "make package   Debian packages into build/package/, looked at by lintian"
+	@echo "make system-test  install the packages on a booted Debian and hold them to their promises"
+	@echo "make footprint size, memory and start time, each beside its floor, in build/footprint.json"
+	@echo "make bench     how fast it is, each figure beside its limit, in docs/performance.md"
+	@echo "make bench-compare BASE=COMMIT  the same work with another commit, in turns"
+	@echo "make bench-gate  instructions and allocations of the hot paths, held to 3 %"
+	@echo "make install  a release build into \$$(DESTDIR)\$$(PREFIX); PREFIX is /usr unless given"
 	@echo "make clean     remove build/"
 
 build:
@@ -35,7 +44,59 @@ sanitize:
 	    ctest --preset $$preset -j 4 || exit 1; \
 	done
 
+cross:
+	@packaging/install-dependencies cross
+	@cmake --preset dev -G Ninja $(CMAKE_ARGS)
+	@cmake --build --preset dev --target quillon-device
+	@for architecture in arm64 armhf; do \
+	    packaging/make-sysroot $$architecture && \
+	    cmake --preset $$architecture -G Ninja $(CMAKE_ARGS) && \
+	    cmake --build --preset $$architecture && \
+	    tests/run-emulated $$architecture -j 2 || exit 1; \
+	done
+
+package:
+	@packaging/install-dependencies package
+	@packaging/build-packages
+
+# Status 77: this machine cannot boot a root, which the test says itself.
+system-test: build package
+	@packaging/install-dependencies system-test
+	@tests/boot/run build/package $(BUILD) || [ $$? = 77 ]
+
 check: test lint sanitize
+
+footprint:
+	@packaging/install-dependencies
+	@cmake --preset release -G Ninja $(CMAKE_ARGS)
+	@cmake --build --preset release --target quillon-footprint
+	@build/release/bench/quillon-footprint --json build/footprint.json $(FOOTPRINT_ARGS)
+
+# BENCH_ARGS=--quick only shows that all of it works.
+bench:
+	@packaging/install-dependencies bench
+	@cmake --preset release -G Ninja $(CMAKE_ARGS)
+	@cmake --build --preset release --target quillon-bench
+	@build/release/bench/quillon-bench --json build/bench.json --publish docs $(BENCH_ARGS)
+
+bench-compare:
+	@packaging/install-dependencies bench
+	@cmake --preset release -G Ninja $(CMAKE_ARGS)
+	@cmake --build --preset release --target quillon-bench
+	@bench/compare-commits $(or $(BASE),HEAD~1) build/release $(BENCH_ARGS)
+
+bench-gate:
+	@packaging/install-dependencies bench-gate
+	@cmake --preset release -G Ninja $(CMAKE_ARGS)
+	@cmake --build --preset release --target quillon-gate
+	@build/release/bench/quillon-gate --recorded bench/recorded-counts.json $(GATE_ARGS)
+
+# DESTDIR is CMake's own; it is the root of an image, or empty for this machine.
+install:
+	@packaging/install-dependencies
+	@cmake --preset release -G Ninja -DBUILD_TESTING=OFF -DCMAKE_INSTALL_PREFIX=$(PREFIX) $(CMAKE_ARGS)
+	@cmake --build --preset release
+	@DESTDIR="$(DESTDIR)" cmake --install build/release
 
 clean:
 	rm -rf build

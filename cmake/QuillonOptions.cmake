@@ -27,6 +27,11 @@ add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow
 if(QUILLON_WERROR)
     add_compile_options(-Werror)
 endif()
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+    # Files beyond 2 GiB and times beyond January 2038 (the latter where glibc is 2.34 or later). No
+    # interface to plug-ins or platform libraries carries either type, so theirs may differ.
+    add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
 if(QUILLON_SANITIZE)
     add_compile_options(-fsanitize=${QUILLON_SANITIZE} -fno-omit-frame-pointer)
     add_link_options(-fsanitize=${QUILLON_SANITIZE})

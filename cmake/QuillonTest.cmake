@@ -17,21 +17,45 @@ if(QUILLON_SANITIZE)
         "TSAN_OPTIONS=exitcode=97:suppressions=${suppressions}/tsan.supp:second_deadlock_stack=1")
 endif()
 
+# What each case runs under. Built for another machine, it is emulated inside of the device, which
+# this machine's own launcher makes.
+if(CMAKE_CROSSCOMPILING)
+    set(QUILLON_DEVICE_PROGRAM "" CACHE FILEPATH "this machine's quillon-device, to run tests with")
+    if(NOT QUILLON_DEVICE_PROGRAM)
+        message(FATAL_ERROR "tests built for another machine need -DQUILLON_DEVICE_PROGRAM=...")
+    endif()
+    set(QUILLON_TEST_DEVICE "${QUILLON_DEVICE_PROGRAM};run;--;${CMAKE_CROSSCOMPILING_EMULATOR}")
+else()
+    set(QUILLON_TEST_DEVICE "$<TARGET_FILE:quillon-device>;run;--;${QUILLON_TEST_ENVIRONMENT}")
+endif()
+
 # quillon_add_test(<name> SOURCES <file>... [LIBRARIES <target>...] [LABELS <label>...]
 #                  [TIMEOUT <seconds>] [DEPENDS <target>...])
-# A GoogleTest program; each of its cases becomes one ctest test named <name>.<Suite>.<Case>.
+# A GoogleTest program; each of its cases becomes one ctest test named <name>.<Suite>.<Case>. One that
+# depends on a built program and has no label gets the label "programs".
 function(quillon_add_test name)
     cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LIBRARIES;LABELS;DEPENDS" ${ARGN})
     if(NOT arg_TIMEOUT)
         set(arg_TIMEOUT 120)
     endif()
+    if(CMAKE_CROSSCOMPILING)
+        math(EXPR arg_TIMEOUT "${arg_TIMEOUT} * 5")  # the emulator is that much slower
+    endif()
+    foreach(target IN LISTS arg_DEPENDS)
+        if(TARGET ${target} AND NOT arg_LABELS)
+            get_target_property(type ${target} TYPE)
+            if(type STREQUAL "EXECUTABLE")
+                set(arg_LABELS programs)
+            endif()
+        endif()
+    endforeach()
     add_executable(${name} ${arg_SOURCES})
     target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} GTest::gmock GTest::gtest_main)
     target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
     add_dependencies(${name} quillon-device ${arg_DEPENDS})
     set_target_properties(${name} PROPERTIES
         RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/tests"
-        CROSSCOMPILING_EMULATOR "$<TARGET_FILE:quillon-device>;run;--;${QUILLON_TEST_ENVIRONMENT}")
+        CROSSCOMPILING_EMULATOR "${QUILLON_TEST_DEVICE}")
     gtest_discover_tests(${name}
         TEST_PREFIX "${name}."
         DISCOVERY_MODE PRE_TEST

@@ -54,11 +54,22 @@ may_loop_mount() {
     mount -o ro,loop "$1" "$work/probe" 2>/dev/null && umount "$work/probe"
 }
 
+may_seal() {
+    ! command -v systemd-creds >/dev/null ||
+        printf probe | systemd-creds encrypt --name=probe - - >/dev/null 2>&1
+}
+
 say "A device: its keys, the signature verifier, four firmware modules at version 1.0"
 "$bin/quillon-image" keygen "$work/keys"
 install -D -m 644 "$work/keys/signing-key.pub.pem" /etc/quillon/trusted-keys/demo.pem
+install -D -m 644 "$work/keys/provisioning-certificate.pem" \
+    /etc/quillon/provisioning-certificates/demo.pem
 install -D -m 600 "$work/keys/00000066.bin" /usr/share/sdp/quillon-key/00000066.bin
 install -m 755 "$build/lib/libkUEPUser.so" /usr/lib/libkUEPUser.so
+if ! may_seal; then
+    echo "this machine cannot seal: the image key is put into the storage as it is"
+    install -D -m 600 "$work/keys/image-key.bin" /var/lib/quillon/secure-storage/quillon
+fi
 for module in tuner panel camera clock EXT-selftest; do
     install -m 755 "$build/modules/$module.so" /usr/fwupdate/controls/
 done

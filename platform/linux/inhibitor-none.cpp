@@ -6,13 +6,13 @@
 
 namespace quillon {
 
-UniqueFd takeInhibitor()
+std::optional<Inhibitor> takeInhibitor()
 {
     static Once said;
     if (said.first()) {
         PLATFORM_LOGI("this build has no power lock: updates run without one");
     }
-    return UniqueFd();
+    return std::nullopt;
 }
 
 }  // namespace quillon

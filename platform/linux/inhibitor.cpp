@@ -3,11 +3,14 @@
 #include <fcntl.h>
 #include <systemd/sd-bus.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <tuple>
+#include <utility>
 
 #include "platform-log.h"
 
@@ -27,7 +30,12 @@ struct CloseBus
 };
 using UniqueBus = std::unique_ptr<sd_bus, CloseBus>;
 
-/// What has become of the one call.
+// Asked for one by one: logind puts one question to polkit a call, so that a user who may have each
+// of them is refused all of them together.
+constexpr std::array<const char*, 3> kBlocked = {"shutdown", "sleep", "idle"};
+static_assert(std::tuple_size_v<Inhibitor> == kBlocked.size());
+
+/// What has become of one call.
 struct Answer
 {
     bool arrived = false;
@@ -35,6 +43,8 @@ struct Answer
     UniqueFd fd;
     char reason[256] = "";
 };
+
+using Answers = std::array<Answer, kBlocked.size()>;
 
 int onAnswer(sd_bus_message* message, void* userData, sd_bus_error* /*error*/)
 {
@@ -58,12 +68,18 @@ int onAnswer(sd_bus_message* message, void* userData, sd_bus_error* /*error*/)
     return 0;
 }
 
+bool haveAllArrived(const Answers& answers)
+{
+    return std::all_of(answers.begin(), answers.end(),
+                       [](const Answer& answer) { return answer.arrived; });
+}
+
 // A bus that accepts and then says nothing must not hold up the update. sd_bus_call would wait much
 // longer than its time-out for such a bus to say hello.
-int waitForAnswer(sd_bus* bus, const Answer& answer)
+int waitForAnswers(sd_bus* bus, const Answers& answers)
 {
     const auto deadline = steady_clock::now() + kLongestWait;
-    while (!answer.arrived) {
+    while (!haveAllArrived(answers)) {
         const int progress = sd_bus_process(bus, nullptr);
         if (progress < 0) {
             return progress;
@@ -81,10 +97,10 @@ int waitForAnswer(sd_bus* bus, const Answer& answer)
             return waited;
         }
     }
-    return answer.result;
+    return 0;
 }
 
-int askLogind(Answer& answer)
+int askLogind(Answers& answers)
 {
     sd_bus* opened = nullptr;
     int result = sd_bus_open_system(&opened);
@@ -92,26 +108,43 @@ int askLogind(Answer& answer)
         return result;
     }
     const UniqueBus bus(opened);
-    result = sd_bus_call_method_async(
-        bus.get(), nullptr, "org.freedesktop.login1", "/org/freedesktop/login1",
-        "org.freedesktop.login1.Manager", "Inhibit", onAnswer, &answer, "ssss",
-        "shutdown:sleep:idle", "quillon",
-        "The firmware of the device's components is being updated", "block");
-    return result < 0 ? result : waitForAnswer(bus.get(), answer);
+    for (std::size_t i = 0; i < kBlocked.size(); ++i) {
+        result = sd_bus_call_method_async(
+            bus.get(), nullptr, "org.freedesktop.login1", "/org/freedesktop/login1",
+            "org.freedesktop.login1.Manager", "Inhibit", onAnswer, &answers[i], "ssss", kBlocked[i],
+            "quillon", "The firmware of the device's components is being updated", "block");
+        if (result < 0) {
+            return result;
+        }
+    }
+    return waitForAnswers(bus.get(), answers);
+}
+
+void sayNone(const char* reason)
+{
+    PLATFORM_LOGE("logind gives no power lock, the update runs without one: %s", reason);
 }
 
 }  // namespace
 
-UniqueFd takeInhibitor()
+std::optional<Inhibitor> takeInhibitor()
 {
-    Answer answer;
-    const int result = askLogind(answer);
+    Answers answers;
+    const int result = askLogind(answers);
     if (result < 0) {
-        PLATFORM_LOGE("logind gives no power lock, the update runs without one: %s",
-                      answer.reason[0] != '\0' ? answer.reason : std::strerror(-result));
-        return UniqueFd();
+        sayNone(std::strerror(-result));
+        return std::nullopt;
     }
-    return std::move(answer.fd);
+    Inhibitor inhibitor;
+    for (std::size_t i = 0; i < answers.size(); ++i) {
+        if (answers[i].result < 0) {
+            sayNone(answers[i].reason[0] != '\0' ? answers[i].reason
+                                                 : std::strerror(-answers[i].result));
+            return std::nullopt;
+        }
+        inhibitor[i] = std::move(answers[i].fd);
+    }
+    return inhibitor;
 }
 
 }  // namespace quillon

@@ -1,16 +1,22 @@
 #ifndef QUILLON_PLATFORM_LINUX_INHIBITOR_H
 #define QUILLON_PLATFORM_LINUX_INHIBITOR_H
 
+#include <array>
+#include <optional>
+
 #include "files.h"
 
 namespace quillon {
 
-/// Asks logind to keep the machine from shutting down, suspending and acting on idleness.
-/// @return the descriptor that keeps it so until it is closed; none when logind is not there,
-///         refuses, or does not answer within five seconds, or when this build knows no logind: one
-///         log line says which.
+/// Keeps the machine from shutting down, suspending and acting on idleness until it is destroyed:
+/// one descriptor of logind's for each of the three.
+using Inhibitor = std::array<UniqueFd, 3>;
+
+/// Asks logind for all three.
+/// @return nothing when logind is not there, refuses one of them, or does not answer within five
+///         seconds, or when this build knows no logind: one log line says which.
 /// Thread: any. Never throws.
-UniqueFd takeInhibitor();
+std::optional<Inhibitor> takeInhibitor();
 
 }  // namespace quillon
 

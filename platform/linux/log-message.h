@@ -12,7 +12,8 @@ struct LogMessage
     const char* file = nullptr;      ///< null when the message came without a place in the code
     const char* function = nullptr;  ///< null exactly when file is
     int line = 0;
-    const char* text = "";  ///< without newline at the end
+    const char* format = "";  ///< what the text was made from, without the place in the code
+    const char* text = "";    ///< without newline at the end
 };
 
 }  // namespace quillon

@@ -109,6 +109,7 @@ int __dlog_print(int /*buffer*/, int priority, const char* tag, const char* form
         message.line = va_arg(arguments, int);
         format += kLocationPrefixLength;
     }
+    message.format = format;
     FormattedText text;
     errno = callersErrno;
     text.vformat(format, arguments);

@@ -22,7 +22,7 @@ PowerLocks::~PowerLocks()
     }
 }
 
-void PowerLocks::hold(int type, UniqueFd inhibitor, std::chrono::milliseconds time)
+void PowerLocks::hold(int type, Inhibitor inhibitor, std::chrono::milliseconds time)
 {
     const std::lock_guard<std::mutex> lock(mutex_);
     startTimer();

@@ -7,7 +7,7 @@
 #include <mutex>
 #include <thread>
 
-#include "files.h"
+#include "inhibitor.h"
 
 namespace quillon {
 
@@ -21,17 +21,17 @@ public:
     PowerLocks(const PowerLocks&) = delete;
     PowerLocks& operator=(const PowerLocks&) = delete;
 
-    /// Keeps the descriptor open for that time, and closes the one that was held before.
+    /// Keeps the inhibitor for that time, and gives back the one that was held before.
     /// Throws std::bad_alloc, and std::system_error when no thread can be started; nothing has
-    /// changed then, but the given descriptor is closed.
-    void hold(int type, UniqueFd inhibitor, std::chrono::milliseconds time);
-    /// Closes the descriptor of that type if there is one.
+    /// changed then, but the given inhibitor is gone.
+    void hold(int type, Inhibitor inhibitor, std::chrono::milliseconds time);
+    /// Gives back the inhibitor of that type if there is one.
     void release(int type);
 
 private:
     struct Lock
     {
-        UniqueFd inhibitor;
+        Inhibitor inhibitor;
         std::chrono::steady_clock::time_point end;
     };
 

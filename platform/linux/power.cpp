@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <exception>
+#include <optional>
 #include <utility>
 
 #include "inhibitor.h"
@@ -25,12 +26,12 @@ int device_power_lock_state(int type, int timeout_ms)
         return -1;
     }
     // The new inhibitor is there before the old one goes.
-    quillon::UniqueFd inhibitor = quillon::takeInhibitor();
+    std::optional<quillon::Inhibitor> inhibitor = quillon::takeInhibitor();
     if (!inhibitor) {
         return -1;
     }
     try {
-        powerLocks().hold(type, std::move(inhibitor), std::chrono::milliseconds(timeout_ms));
+        powerLocks().hold(type, std::move(*inhibitor), std::chrono::milliseconds(timeout_ms));
         return 0;
     } catch (const std::exception& error) {
         PLATFORM_LOGE("the power lock %d cannot be kept: %s", type, error.what());

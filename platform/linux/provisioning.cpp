@@ -1,24 +1,14 @@
 #include <exception>
-#include <string_view>
 
 #include "files.h"
-#include "item-store.h"
-#include "package.h"
+#include "install-package.h"
 #include "platform-log.h"
 #include "platform/secure-storage.h"
+#include "provisioning-content.h"
+#include "storage-client.h"
 
 namespace quillon {
 namespace {
-
-// The service clears bit 1 of a failure before it hands it on, so no failure has that bit set.
-enum InstallResult : int {
-    kInstalled = 0,
-    kAlreadyInstalled = 2,
-    kPackageUnreadable = 1,
-    kPackageMalformed = 4,
-    kPackageDamaged = 5,
-    kStorageFailed = 8,
-};
 
 InstallResult readPackage(const char* path, SecretBytes& bytes)
 {
@@ -32,7 +22,7 @@ InstallResult readPackage(const char* path, SecretBytes& bytes)
         PLATFORM_LOGE("%s cannot be opened: %m", path);
         return kPackageUnreadable;
     }
-    const FileResult read = readToEnd(fd.get(), kLongestPackageHead + kLargestItem, bytes);
+    const FileResult read = readToEnd(fd.get(), kLargestPackage, bytes);
     if (read == FileResult::kTooLarge) {
         PLATFORM_LOGE("%s is too large for a provisioning package", path);
         return kPackageMalformed;
@@ -44,29 +34,15 @@ InstallResult readPackage(const char* path, SecretBytes& bytes)
     return kInstalled;
 }
 
-InstallResult install(const char* path)
+int install(const char* path)
 {
     SecretBytes bytes;
     const InstallResult read = readPackage(path, bytes);
     if (read != kInstalled) {
         return read;
     }
-    Package package;
-    const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-    if (const char* defect = parsePackage(text, package)) {
-        PLATFORM_LOGE("%s is not a provisioning package: %s", path, defect);
-        return kPackageMalformed;
-    }
-    if (!digestMatches(package)) {
-        PLATFORM_LOGE("%s is damaged: its payload does not have the SHA-256 that it states", path);
-        return kPackageDamaged;
-    }
-    const SecretBytes payload(package.payload.begin(), package.payload.end());
-    SecretBytes present;
-    if (readItem(package.item, present) == kStoreOk && present == payload) {
-        return kAlreadyInstalled;
-    }
-    return storeItem(package.item, payload) == kStoreOk ? kInstalled : kStorageFailed;
+    const auto answer = installThroughHelper(bytes);
+    return answer ? *answer : installPackage(path, bytes);
 }
 
 }  // namespace

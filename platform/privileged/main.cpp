@@ -1,15 +1,13 @@
 #include <getopt.h>
-#include <grp.h>
-#include <pwd.h>
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <iostream>
 #include <optional>
 #include <string>
 
+#include "caller-names.h"
 #include "callers.h"
 #include "failure.h"
 #include "handle-request.h"
@@ -46,27 +44,6 @@ int complain(int status, const std::string& line)
     return status;
 }
 
-std::optional<unsigned> numberOf(const std::string& text)
-{
-    constexpr unsigned long kNobody = static_cast<uid_t>(-1);
-    char* end = nullptr;
-    const bool isNumber = !text.empty() && text.find_first_not_of("0123456789") == text.npos;
-    const unsigned long number = isNumber ? std::strtoul(text.c_str(), &end, 10) : kNobody;
-    return number < kNobody ? std::optional(static_cast<unsigned>(number)) : std::nullopt;
-}
-
-std::optional<uid_t> userOf(const std::string& name)
-{
-    const passwd* entry = getpwnam(name.c_str());
-    return entry != nullptr ? entry->pw_uid : numberOf(name);
-}
-
-std::optional<gid_t> groupOf(const std::string& name)
-{
-    const group* entry = getgrnam(name.c_str());
-    return entry != nullptr ? entry->gr_gid : numberOf(name);
-}
-
 /// @return the exit status when there is nothing left to do
 std::optional<int> parseOptions(int argc, char** argv, Callers& callers)
 {
@@ -79,13 +56,13 @@ std::optional<int> parseOptions(int argc, char** argv, Callers& callers)
     for (int letter = 0; (letter = getopt_long(argc, argv, "u:g:hV", options, nullptr)) != -1;) {
         switch (letter) {
             case 'u':
-                callers.user = userOf(optarg);
+                callers.user = userNamed(optarg);
                 if (!callers.user) {
                     return complain(kWrongUsage, std::string("no such user: ") + optarg);
                 }
                 break;
             case 'g':
-                callers.group = groupOf(optarg);
+                callers.group = groupNamed(optarg);
                 if (!callers.group) {
                     return complain(kWrongUsage, std::string("no such group: ") + optarg);
                 }

@@ -100,6 +100,32 @@ constexpr const char* kNames[kFunctions] = {"access",
                                             "stat",
                                             "usleep"};
 
+// On 32 bits the calls that carry a time have a second name each, for 64-bit times.
+#if defined(__USE_TIME_BITS64) && __TIMESIZE == 32
+#define QUILLON_SECOND_NAMES
+#endif
+
+const char* symbolOf(Function function)
+{
+#ifdef QUILLON_SECOND_NAMES
+    switch (function) {
+        case kClockGettime:
+            return "__clock_gettime64";
+        case kLstat:
+            return "__lstat64_time64";
+        case kPrctl:
+            return "__prctl_time64";
+        case kPthreadCondClockwait:
+            return "__pthread_cond_clockwait64";
+        case kStat:
+            return "__stat64_time64";
+        default:
+            break;
+    }
+#endif
+    return kNames[function];
+}
+
 struct State
 {
     std::atomic<void*> next{nullptr};
@@ -177,7 +203,7 @@ Signature* next(Function function)
 {
     void* found = states[function].next.load(std::memory_order_relaxed);
     if (found == nullptr) {
-        found = dlsym(RTLD_NEXT, kNames[function]);
+        found = dlsym(RTLD_NEXT, symbolOf(function));
         states[function].next.store(found, std::memory_order_relaxed);
     }
     return reinterpret_cast<Signature*>(found);
@@ -392,9 +418,26 @@ int clock_gettime(clockid_t clock, struct timespec* time) noexcept
                                          : result;
     }
     const std::int64_t now = ownNanoseconds;
-    *time = {now / 1000000000, now % 1000000000};
+    *time = {static_cast<time_t>(now / 1000000000), static_cast<long>(now % 1000000000)};
     return recorded(kClockGettime, "CLOCK_MONOTONIC", 0);
 }
+
+#ifdef QUILLON_SECOND_NAMES
+// The C++ library's clocks go on calling it under its first name.
+struct ShortTimespec
+{
+    std::int32_t tv_sec;
+    std::int32_t tv_nsec;
+};
+int shortClockGettime(clockid_t clock, ShortTimespec* time) noexcept __asm__("clock_gettime");
+int shortClockGettime(clockid_t clock, ShortTimespec* time) noexcept
+{
+    timespec now = {};
+    const int result = clock_gettime(clock, &now);
+    *time = {static_cast<std::int32_t>(now.tv_sec), static_cast<std::int32_t>(now.tv_nsec)};
+    return result;
+}
+#endif
 
 int setxattr(const char* path, const char* name, const void* value, size_t size, int flags) noexcept
 {
@@ -527,6 +570,14 @@ FILE* fopen64(const char* path, const char* mode)
     }
     return file;
 }
+
+#ifndef __USE_FILE_OFFSET64
+// Where every file is opened for 64-bit sizes anyway this is a name of the one above.
+FILE* fopen(const char* path, const char* mode)
+{
+    return fopen64(path, mode);
+}
+#endif
 
 DIR* opendir(const char* path)
 {

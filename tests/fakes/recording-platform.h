@@ -80,8 +80,8 @@ void note(const std::string& text);
 /// prctl, pthread_cond_clockwait, pthread_create, pthread_detach, realpath, remove, sem_close,
 /// sem_open, sem_post, sem_wait, setxattr, stat, usleep. Another name raises std::invalid_argument.
 /// Of clock_gettime only CLOCK_MONOTONIC counts, of dlopen and dlclose only the plug-ins and the
-/// verifier; fopen64 is what the C++ library's file streams open with, and pthread_cond_clockwait
-/// what its steady_clock's timed waits wait with.
+/// verifier; fopen64 is fopen too, and what the C++ library's file streams open with;
+/// pthread_cond_clockwait is what its steady_clock's timed waits wait with.
 /// @{
 
 /// From now on calls of these enter the timeline.

@@ -24,7 +24,7 @@ timespec after(std::chrono::milliseconds timeout)
     timespec time{};
     clock_gettime(CLOCK_REALTIME, &time);
     time.tv_sec += timeout.count() / 1000;
-    time.tv_nsec += timeout.count() % 1000 * 1000000;
+    time.tv_nsec += static_cast<long>(timeout.count() % 1000 * 1000000);
     if (time.tv_nsec >= 1000000000) {
         ++time.tv_sec;
         time.tv_nsec -= 1000000000;

@@ -45,6 +45,7 @@ std::vector<std::string> serviceFolders()
         "/var/lib/quillon",
         "/etc/quillon/examples",
         "/etc/quillon/trusted-keys",
+        "/etc/quillon/provisioning-certificates",
         "/run/quillon",
     };
     if (hasOwnLibFolder()) {
@@ -86,7 +87,12 @@ std::vector<std::string> privateTops()
 
 std::vector<std::string> scratchFolders()
 {
-    return existingFolders({"/var/tmp", "/run/lock"});
+    return existingFolders({"/var/tmp", "/run/lock", "/var/lib/systemd"});
+}
+
+std::string hostSealingKey()
+{
+    return "/var/lib/systemd/credential.secret";
 }
 
 bool staysOutside(const std::string& directory)

@@ -24,8 +24,12 @@ std::vector<std::string> hostServiceFolders();
 /// symbolic links resolved.
 std::vector<std::string> privateTops();
 
-/// World-writable folders that programs expect to write in, beneath privateTops(); existing ones.
+/// Folders that programs expect to write in, beneath privateTops(); existing ones.
 std::vector<std::string> scratchFolders();
+
+/// The key that systemd-creds seals with. The host's is none of a private device's business, and an
+/// ordinary user could not read it: systemd-creds makes a new one.
+std::string hostSealingKey();
 
 /// True when `directory` lies in a folder that a device has made anew, so that it is not there
 /// inside.

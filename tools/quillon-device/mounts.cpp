@@ -141,6 +141,8 @@ void mountDevice(const std::string& workingDirectory)
     for (const std::string& file : serviceFiles()) {
         removeFile(file);
     }
+    // Not where the folder is the host's own, read-only: an overlay is not to be had everywhere.
+    static_cast<void>(::unlink(hostSealingKey().c_str()));
     for (const auto& folders : {serviceFolders(), hostServiceFolders()}) {
         for (const std::string& folder : folders) {
             emptyFolder(folder);

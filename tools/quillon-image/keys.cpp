@@ -10,6 +10,7 @@
 #include "atomic-file.h"
 #include "hex-text.h"
 #include "image-error.h"
+#include "provisioning-certificate.h"
 #include "provisioning-package.h"
 #include "public-key.h"
 #include "regular-file.h"
@@ -22,6 +23,7 @@ constexpr std::size_t kImageKeyItemSize = 32;
 constexpr std::size_t kUsedItemSize = 16;
 constexpr unsigned kSigningKeyBits = 4096;
 constexpr char kImageKeyItem[] = "quillon";
+constexpr char kProvisioningCurve[] = "P-256";
 
 [[noreturn]] void refuseToCreate(const char* what)
 {
@@ -40,7 +42,7 @@ std::string privateKeyText(EVP_PKEY* key)
     const UniqueBio bio(BIO_new(BIO_s_secmem()));
     if (!bio ||
         PEM_write_bio_PKCS8PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr) != 1) {
-        refuseToCreate("signing key");
+        refuseToCreate("private key");
     }
     return takeText(bio.get());
 }
@@ -50,6 +52,15 @@ std::string publicKeyText(EVP_PKEY* key)
     const UniqueBio bio(BIO_new(BIO_s_mem()));
     if (!bio || PEM_write_bio_PUBKEY(bio.get(), key) != 1) {
         refuseToCreate("public key");
+    }
+    return takeText(bio.get());
+}
+
+std::string certificateText(X509* certificate)
+{
+    const UniqueBio bio(BIO_new(BIO_s_mem()));
+    if (!bio || PEM_write_bio_X509(bio.get(), certificate) != 1) {
+        refuseToCreate("provisioning certificate");
     }
     return takeText(bio.get());
 }
@@ -76,8 +87,8 @@ void makeFolder(const std::filesystem::path& folder)
 
 void requireNoKeys(const std::filesystem::path& folder)
 {
-    for (const char* name :
-         {kSigningKeyFile, kPublicKeyFile, kImageKeyFile, kProvisioningPackageFile}) {
+    for (const char* name : {kSigningKeyFile, kPublicKeyFile, kImageKeyFile, kProvisioningKeyFile,
+                             kProvisioningCertificateFile, kProvisioningPackageFile}) {
         const std::filesystem::path file = folder / name;
         std::error_code error;
         if (std::filesystem::symlink_status(file, error).type() !=
@@ -112,7 +123,7 @@ ImageKey loadImageKey(const std::string& path)
     }
 }
 
-UniqueKey loadSigningKey(const std::string& path)
+UniqueKey loadPrivateKey(const std::string& path)
 {
     const std::string text = readSmallFile(path, kLargestFile);
     const UniqueBio source(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
@@ -124,6 +135,12 @@ UniqueKey loadSigningKey(const std::string& path)
         throw ImageError(ImageFault::Key,
                          path + ": not a private key in PEM form without a pass phrase");
     }
+    return key;
+}
+
+UniqueKey loadSigningKey(const std::string& path)
+{
+    UniqueKey key = loadPrivateKey(path);
     if (!isRsa4096(key.get())) {
         throw ImageError(ImageFault::Key, path + ": not an RSA key of 4096 bits");
     }
@@ -142,12 +159,23 @@ void createKeys(const std::string& folder, bool replace)
     if (!key) {
         refuseToCreate("signing key");
     }
+    const UniqueKey provisioningKey(EVP_EC_gen(kProvisioningCurve));
+    if (!provisioningKey) {
+        refuseToCreate("provisioning key");
+    }
     const std::string item = createImageKeyItem();
+    Certificates certificates;
+    certificates.push_back(createProvisioningCertificate(provisioningKey.get()));
 
     writeFile(place / kSigningKeyFile, privateKeyText(key.get()), Audience::OwnerOnly);
     writeFile(place / kPublicKeyFile, publicKeyText(key.get()), Audience::Everyone);
     writeFile(place / kImageKeyFile, item, Audience::OwnerOnly);
-    writeFile(place / kProvisioningPackageFile, encodeProvisioningPackage(kImageKeyItem, item),
+    writeFile(place / kProvisioningKeyFile, privateKeyText(provisioningKey.get()),
+              Audience::OwnerOnly);
+    writeFile(place / kProvisioningCertificateFile, certificateText(certificates.front().get()),
+              Audience::Everyone);
+    writeFile(place / kProvisioningPackageFile,
+              encodeProvisioningPackage(kImageKeyItem, item, provisioningKey.get(), certificates),
               Audience::OwnerOnly);
 }
 

@@ -14,8 +14,9 @@ using quillon::ImageFault;
 
 constexpr char kExitCodes[] =
     "Exit codes: 0 done; 2 wrong command line; 3 a file cannot be read or written,\n"
-    "or a program is missing or failed; 4 not a stick image, or too large for one;\n"
-    "5 signature missing or wrong; 6 key wrong or unusable.";
+    "or a program is missing or failed; 4 not a stick image, too large for one, or\n"
+    "not a provisioning package; 5 signature missing or wrong; 6 key or certificate\n"
+    "wrong or unusable.";
 
 CLI::App* addVerb(CLI::App& app, const char* name, const char* what, bool& json)
 {
@@ -27,8 +28,8 @@ CLI::App* addVerb(CLI::App& app, const char* name, const char* what, bool& json)
 
 void addKeygen(CLI::App& app, quillon::KeygenOptions& options)
 {
-    CLI::App* verb = addVerb(app, "keygen", "make signing key, image key and provisioning package",
-                             options.json);
+    CLI::App* verb = addVerb(
+        app, "keygen", "make the keys of a device family and what provisions them", options.json);
     verb->add_option("DIR", options.folder, "folder for the keys")->required();
     verb->add_flag("--force", options.force, "replace keys that are there");
     verb->callback([&options] { quillon::keygen(options); });
@@ -68,6 +69,22 @@ void addPackage(CLI::App& app, quillon::PackageOptions& options)
     verb->callback([&options] { quillon::package(options); });
 }
 
+void addProvision(CLI::App& app, quillon::ProvisionOptions& options)
+{
+    CLI::App* verb = addVerb(app, "provision", "make a signed provisioning package", options.json);
+    verb->add_option("--item", options.item, "the storage item's name; default quillon");
+    verb->add_option("--payload", options.payload, "file with the item (image-key.bin)")
+        ->required();
+    verb->add_option("--sign", options.key, "provisioning key file (provisioning-key.pem)")
+        ->required();
+    verb->add_option("--certificate", options.certificate,
+                     "file with its certificate (provisioning-certificate.pem), then those that\n"
+                     "lead to one that the devices trust")
+        ->required();
+    verb->add_option("--output", options.output, "the package; default 00000066.bin");
+    verb->callback([&options] { quillon::provision(options); });
+}
+
 void addInfo(CLI::App& app, quillon::InfoOptions& options)
 {
     CLI::App* verb =
@@ -79,11 +96,14 @@ void addInfo(CLI::App& app, quillon::InfoOptions& options)
 
 void addVerify(CLI::App& app, quillon::VerifyOptions& options)
 {
-    CLI::App* verb = addVerb(app, "verify", "check an image's signature", options.json);
-    verb->add_option("FILE", options.image, "the image")->required();
+    CLI::App* verb = addVerb(
+        app, "verify", "check the signature of an image or provisioning package", options.json);
+    verb->add_option("FILE", options.image, "the image or provisioning package")->required();
     CLI::Option_group* keys = verb->add_option_group("keys", "one of");
     keys->add_option("--trusted", options.trustedFolder, "folder with public keys, *.pem");
     keys->add_option("--public", options.publicKey, "public key file");
+    keys->add_option("--certificates", options.certificateFolder,
+                     "folder with certificates, *.pem; the file is a provisioning package");
     keys->require_option(1);
     verb->callback([&options] { quillon::verify(options); });
 }
@@ -109,6 +129,7 @@ int run(int argc, char** argv)
     quillon::KeygenOptions keygen;
     quillon::BuildOptions build;
     quillon::PackageOptions package;
+    quillon::ProvisionOptions provision;
     quillon::InfoOptions info;
     quillon::VerifyOptions verify;
     quillon::ExtractOptions extract;
@@ -120,6 +141,7 @@ int run(int argc, char** argv)
     addKeygen(app, keygen);
     addBuild(app, build);
     addPackage(app, package);
+    addProvision(app, provision);
     addInfo(app, info);
     addVerify(app, verify);
     addExtract(app, extract);

@@ -1,46 +1,70 @@
 #include "provisioning-package.h"
 
-#include <openssl/evp.h>
-#include <openssl/sha.h>
-
-#include "hex-text.h"
 #include "image-error.h"
+#include "provisioning-content.h"
+#include "regular-file.h"
+#include "signed-package.h"
 
 namespace quillon {
 namespace {
 
-constexpr std::size_t kLongestName = 64;
-constexpr std::size_t kLargestPayload = 65536;
-constexpr char kNameCharacters[] =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-";
-
-bool isItemName(const std::string& name)
+std::string_view textOf(const SecretBytes& bytes)
 {
-    return !name.empty() && name.size() <= kLongestName && name.front() != '.' &&
-           name.find_first_not_of(kNameCharacters) == std::string::npos;
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-std::string sha256Text(const std::string& data)
+ProvisioningPackageInfo describe(const std::string& package, const SignedContent& content)
 {
-    unsigned char digest[SHA256_DIGEST_LENGTH] = {};
-    if (EVP_Digest(data.data(), data.size(), digest, nullptr, EVP_sha256(), nullptr) != 1) {
-        throw ImageError(ImageFault::Key, "SHA-256 cannot be computed");
+    ProvisioningContent parts;
+    if (const char* defect = parseProvisioningContent(textOf(content.bytes), parts)) {
+        throw ImageError(ImageFault::Format, defect);
     }
-    return hexText(digest, sizeof(digest));
+    return {package.size(), std::string(parts.item), parts.payload.size(), content.signer};
 }
 
 }  // namespace
 
-std::string encodeProvisioningPackage(const std::string& item, const std::string& payload)
+std::string encodeProvisioningPackage(const std::string& item, const std::string& payload,
+                                      EVP_PKEY* key, const Certificates& certificates)
 {
     if (!isItemName(item)) {
         throw ImageError(ImageFault::Usage, "'" + item + "' is no name for a storage item");
     }
-    if (payload.empty() || payload.size() > kLargestPayload) {
+    if (payload.empty() || payload.size() > kLargestItem) {
         throw ImageError(ImageFault::Usage, "a storage item has 1 to 65536 bytes");
     }
-    return "QUILLON-PROVISION 1\nitem " + item + "\nsha256 " + sha256Text(payload) + "\n\n" +
-           payload;
+    return makeSignedPackage(encodeProvisioningContent({item, payload}), key, certificates);
+}
+
+std::optional<ProvisioningPackageInfo> inspectProvisioningPackage(const std::string& path)
+{
+    try {
+        const std::string package = readSmallFile(path, kLargestPackage);
+        return describe(package, {peekIntoPackage(package), ""});
+    } catch (const ImageError&) {
+        return std::nullopt;
+    }
+}
+
+ProvisioningPackageInfo verifyProvisioningPackage(
+    const std::string& path, const std::string& folder,
+    const std::function<void(const std::string&)>& complain)
+{
+    const std::string package = readSmallFile(path, kLargestPackage);
+    const Certificates trusted = loadCertificates(folder, complain);
+    if (trusted.empty()) {
+        throw ImageError(ImageFault::Signature,
+                         path + ": not trusted: no certificate (*.pem) in " + folder);
+    }
+    try {
+        return describe(package, openSignedPackage(package, trusted));
+    } catch (const ImageError& error) {
+        const bool isPackage = error.fault() == ImageFault::Signature;
+        throw ImageError(error.fault(), path +
+                                            (isPackage ? ": not signed by anyone trusted: "
+                                                       : ": not a provisioning package: ") +
+                                            error.what());
+    }
 }
 
 }  // namespace quillon

@@ -1,21 +1,46 @@
-/// The package that brings one secure-storage item to a device.
-///
-///     QUILLON-PROVISION 1
-///     item NAME
-///     sha256 HEX
-///     (an empty line, then the item's bytes to the end of the file)
+/// The package that brings one secure-storage item to a device, signed by its maker
+/// (provisioning-content.h, signed-package.h).
 #ifndef QUILLON_TOOLS_QUILLON_IMAGE_PROVISIONING_PACKAGE_H
 #define QUILLON_TOOLS_QUILLON_IMAGE_PROVISIONING_PACKAGE_H
 
+#include <cstddef>
+#include <functional>
+#include <optional>
 #include <string>
+
+#include "maker-certificates.h"
+#include "openssl-handle.h"
 
 namespace quillon {
 
-/// @param item     name of the item: 1 to 64 characters of A-Z a-z 0-9 . _ -, not starting with "."
-/// @param payload  the item's bytes, 1 to 65536
+/// @param item          name of the item
+/// @param payload       the item's bytes, 1 to 65536
+/// @param certificates  the signer's first, then those that lead to one that the devices trust
 /// @return the whole package.
-/// @throws ImageError with ImageFault::Usage when name or payload do not fit.
-std::string encodeProvisioningPackage(const std::string& item, const std::string& payload);
+/// @throws ImageError: ImageFault::Usage when name or payload do not fit, ImageFault::Key when key
+///         and certificate do not belong together or devices would refuse the key.
+std::string encodeProvisioningPackage(const std::string& item, const std::string& payload,
+                                      EVP_PKEY* key, const Certificates& certificates);
+
+struct ProvisioningPackageInfo
+{
+    std::size_t size = 0;  ///< of the package, in bytes
+    std::string item;
+    std::size_t payloadSize = 0;
+    std::string signer;  ///< the subject of the signer's certificate; empty when it was not checked
+};
+
+/// Tells what a file brings, without looking at its signature.
+/// @return nothing when the file cannot be read or is no provisioning package.
+std::optional<ProvisioningPackageInfo> inspectProvisioningPackage(const std::string& path);
+
+/// Checks a package as a device does.
+/// @param folder    with the certificates (*.pem) that are trusted
+/// @param complain  called with one line for each file in it that is of no use and is passed over
+/// @throws ImageError: ImageFault::File, ImageFault::Format, ImageFault::Signature.
+ProvisioningPackageInfo verifyProvisioningPackage(
+    const std::string& path, const std::string& folder,
+    const std::function<void(const std::string&)>& complain);
 
 }  // namespace quillon
 

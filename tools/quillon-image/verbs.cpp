@@ -5,11 +5,15 @@
 #include <filesystem>
 #include <iostream>
 
+#include "atomic-file.h"
 #include "hex-text.h"
 #include "image-error.h"
 #include "keys.h"
 #include "package-image.h"
+#include "provisioning-content.h"
+#include "provisioning-package.h"
 #include "public-key.h"
+#include "regular-file.h"
 #include "stick-image.h"
 
 namespace quillon {
@@ -56,6 +60,16 @@ Json::Value describePackage(const std::string& path, PackageType type)
     return entries;
 }
 
+Json::Value describeProvisioning(const std::string& path, const ProvisioningPackageInfo& package)
+{
+    Json::Value entries;
+    entries["provisioningPackage"] = path;
+    entries["size"] = static_cast<Json::UInt64>(package.size);
+    entries["item"] = package.item;
+    entries["payloadSize"] = static_cast<Json::UInt64>(package.payloadSize);
+    return entries;
+}
+
 /// Enciphered bytes can bear a package's mark by chance, so a stick image is looked for first.
 std::optional<PackageType> packageTypeOfNoStickImage(const std::string& path)
 {
@@ -80,6 +94,8 @@ void keygen(const KeygenOptions& options)
     entries["publicKey"] = publicKey;
     entries["keyId"] = toText(keyIdOf(loadPublicKey(publicKey).get()));
     entries["imageKey"] = (folder / kImageKeyFile).string();
+    entries["provisioningKey"] = (folder / kProvisioningKeyFile).string();
+    entries["provisioningCertificate"] = (folder / kProvisioningCertificateFile).string();
     entries["provisioningPackage"] = (folder / kProvisioningPackageFile).string();
     report(entries, options.json);
 }
@@ -127,8 +143,30 @@ void package(const PackageOptions& options)
     report(entries, true);
 }
 
+void provision(const ProvisionOptions& options)
+{
+    const std::string payload = readSmallFile(options.payload, kLargestItem);
+    const UniqueKey key = loadPrivateKey(options.key);
+    const Certificates certificates = loadCertificateFile(options.certificate);
+    const std::string package =
+        encodeProvisioningPackage(options.item, payload, key.get(), certificates);
+    writeFile(options.output, package, Audience::OwnerOnly);
+
+    if (!options.json) {
+        std::cout << options.output << ": item " << options.item << ", " << package.size()
+                  << " bytes\n";
+        return;
+    }
+    report(describeProvisioning(options.output, {package.size(), options.item, payload.size(), ""}),
+           true);
+}
+
 void info(const InfoOptions& options)
 {
+    if (const auto provisioning = inspectProvisioningPackage(options.image)) {
+        report(describeProvisioning(options.image, *provisioning), options.json);
+        return;
+    }
     if (const std::optional<PackageType> type = packageTypeOfNoStickImage(options.image)) {
         report(describePackage(options.image, *type), options.json);
         return;
@@ -142,6 +180,14 @@ void info(const InfoOptions& options)
 
 void verify(const VerifyOptions& options)
 {
+    if (!options.certificateFolder.empty()) {
+        const ProvisioningPackageInfo package =
+            verifyProvisioningPackage(options.image, options.certificateFolder, &warn);
+        Json::Value entries = describeProvisioning(options.image, package);
+        entries["signedBy"] = package.signer;
+        report(entries, options.json);
+        return;
+    }
     std::string key = options.publicKey;
     if (key.empty()) {
         key = verifyStickImageByFolder(options.image, options.trustedFolder, &warn);

@@ -39,6 +39,16 @@ struct PackageOptions
     bool json = false;
 };
 
+struct ProvisionOptions
+{
+    std::string item = "quillon";
+    std::string payload;
+    std::string key;
+    std::string certificate;
+    std::string output = "00000066.bin";
+    bool json = false;
+};
+
 struct InfoOptions
 {
     std::string image;
@@ -49,8 +59,10 @@ struct InfoOptions
 struct VerifyOptions
 {
     std::string image;
-    std::string trustedFolder;  ///< empty when publicKey is given
-    std::string publicKey;      ///< empty when trustedFolder is given
+    // One of these is given.
+    std::string trustedFolder;      ///< of public keys, for a stick image
+    std::string publicKey;          ///< for a stick image
+    std::string certificateFolder;  ///< for a provisioning package
     bool json = false;
 };
 
@@ -65,6 +77,7 @@ struct ExtractOptions
 void keygen(const KeygenOptions& options);
 void build(const BuildOptions& options);
 void package(const PackageOptions& options);
+void provision(const ProvisionOptions& options);
 void info(const InfoOptions& options);
 void verify(const VerifyOptions& options);
 void extract(const ExtractOptions& options);

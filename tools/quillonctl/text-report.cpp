@@ -44,9 +44,9 @@ void TextReport::checking(const std::string& directory)
 
 void TextReport::estimated(const Estimate& estimate)
 {
-    line(estimate.updateNeeded
-             ? "The update takes about " + std::to_string(estimate.seconds) + " s"
-             : "Nothing to update: no image is newer, or the update service has no image key");
+    line(estimate.updateNeeded ? "The update takes about " + std::to_string(estimate.seconds) + " s"
+                               : "Nothing to update: no image is newer, or none can be used; the "
+                                 "service's log says why");
 }
 
 void TextReport::started()

@@ -21,7 +21,8 @@ std::vector<std::string> exportedBy(const std::string& library)
     std::array<char, 512> line{};
     while (pipe != nullptr && std::fgets(line.data(), line.size(), pipe) != nullptr) {
         const std::string text = line.data();
-        symbols.push_back(text.substr(19, text.size() - 20));
+        const std::size_t name = text.rfind(' ') + 1;
+        symbols.push_back(text.substr(name, text.size() - name - 1));
     }
     pclose(pipe);
     return symbols;

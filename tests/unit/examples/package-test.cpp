@@ -69,7 +69,8 @@ TEST_P(Package, WithAnotherChecksumLeavesTheOldFirmware)
     ASSERT_EQ(flash("old"), 0);
     ASSERT_EQ(offer("3.0"), 0);
 
-    for (const unsigned long crc : {kChecksum + 1, 0UL, kChecksum + 0x100000000UL}) {
+    constexpr unsigned long highestBit = ~(~0UL >> 1U);
+    for (const unsigned long crc : {kChecksum + 1, 0UL, kChecksum + highestBit}) {
         EXPECT_EQ(update(crc), -1);
         EXPECT_EQ(errno, EBADMSG);
     }

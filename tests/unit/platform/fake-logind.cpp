@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 
 namespace {
 
@@ -75,7 +76,11 @@ int FakeLogind::inhibit(sd_bus_message* message, sd_bus_error* error)
         const std::lock_guard<std::mutex> lock(mutex_);
         asked_.push_back({what, who, why, mode});
     }
-    switch (manner_.load()) {
+    Manner manner = manner_;
+    if (manner == Manner::kRefuseIdle) {
+        manner = std::strcmp(what, "idle") == 0 ? Manner::kRefuse : Manner::kGive;
+    }
+    switch (manner) {
         case Manner::kRefuse:
             return sd_bus_error_set(error, "org.freedesktop.DBus.Error.AccessDenied",
                                     "not for this user");
@@ -110,23 +115,51 @@ std::vector<FakeLogind::Asked> FakeLogind::asked() const
     return asked_;
 }
 
-bool FakeLogind::isHeld(std::size_t number) const
+std::size_t FakeLogind::countHeld(std::size_t first, std::size_t count) const
 {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (number >= pipes_.size()) {
-        ADD_FAILURE() << "no inhibitor " << number << " was given";
-        return false;
+    std::size_t held = 0;
+    for (std::size_t i = first; i < first + count; ++i) {
+        pollfd polled = {pipes_[i], POLLIN, 0};
+        held += poll(&polled, 1, 0) == 0 ? 1 : 0;  // its end is told as POLLHUP
     }
-    pollfd polled = {pipes_[number], POLLIN, 0};
-    return poll(&polled, 1, 0) == 0;  // its end is told as POLLHUP
+    return held;
 }
 
-void FakeLogind::waitForRelease(std::size_t number) const
+std::size_t FakeLogind::countHeld(std::size_t lock) const
+{
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const std::size_t first = lock * kInhibitorsALock;
+    if (first + kInhibitorsALock > pipes_.size()) {
+        ADD_FAILURE() << "no lock " << lock << " was given";
+        return 0;
+    }
+    return countHeld(first, kInhibitorsALock);
+}
+
+void FakeLogind::waitForPartsReleased() const
+{
+    const std::lock_guard<std::mutex> guard(mutex_);
+    ASSERT_FALSE(pipes_.empty()) << "no inhibitor was given";
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (countHeld(0, pipes_.size()) > 0) {
+        ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "a part is not released";
+        usleep(kTick);
+    }
+}
+
+bool FakeLogind::isHeld(std::size_t lock) const
+{
+    const std::size_t held = countHeld(lock);
+    EXPECT_TRUE(held == 0 || held == kInhibitorsALock) << held << " inhibitors of lock " << lock;
+    return held > 0;
+}
+
+void FakeLogind::waitForRelease(std::size_t lock) const
 {
     using std::chrono::steady_clock;
     const auto deadline = steady_clock::now() + std::chrono::seconds(10);
-    while (isHeld(number)) {
-        ASSERT_LT(steady_clock::now(), deadline) << "inhibitor " << number << " is not released";
+    while (countHeld(lock) > 0) {
+        ASSERT_LT(steady_clock::now(), deadline) << "lock " << lock << " is not released";
         usleep(kTick);
     }
 }

@@ -9,11 +9,14 @@
 #include <thread>
 #include <vector>
 
-/// Plays logind on the system bus: gives inhibitors and sees whether they are still held.
+/// Plays logind on the system bus: gives inhibitors and sees whether they are still held. A power
+/// lock is three of them, given one after another.
 class FakeLogind
 {
 public:
-    enum class Manner { kGive, kRefuse, kKeepSilent, kGiveNoDescriptor };
+    static constexpr std::size_t kInhibitorsALock = 3;
+
+    enum class Manner { kGive, kRefuse, kRefuseIdle, kKeepSilent, kGiveNoDescriptor };
 
     struct Asked
     {
@@ -31,14 +34,18 @@ public:
     void setManner(Manner manner) { manner_ = manner; }
     /// All calls until now.
     std::vector<Asked> asked() const;
-    /// Whether somebody still has the inhibitor that the call of that number was given, from 0 on.
-    bool isHeld(std::size_t number) const;
-    /// Waits until nobody has it any more; fails the test after ten seconds.
-    void waitForRelease(std::size_t number) const;
+    /// Whether somebody still has the lock of that number, from 0 on; half a lock fails the test.
+    bool isHeld(std::size_t lock) const;
+    /// Waits until nobody has any of its inhibitors; fails the test after ten seconds.
+    void waitForRelease(std::size_t lock) const;
+    /// The same for every inhibitor that was given, whole locks or not.
+    void waitForPartsReleased() const;
 
     static int onInhibit(sd_bus_message* message, void* self, sd_bus_error* error);
 
 private:
+    std::size_t countHeld(std::size_t first, std::size_t count) const;
+    std::size_t countHeld(std::size_t lock) const;
     int inhibit(sd_bus_message* message, sd_bus_error* error);
     int giveInhibitor(sd_bus_message* message);
     void serve();

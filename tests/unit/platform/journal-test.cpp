@@ -7,15 +7,20 @@
 #include "captured-stderr.h"
 #include "fake-journal.h"
 #include "platform/log.h"
+#include "platform/privileged.h"
 
 // __extension__ because "%m" is the C library's own, which -Wpedantic minds.
 #define LOG(...) __extension__ __dlog_print(2, __VA_ARGS__)
 
 namespace {
 
+using testing::AllOf;
 using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
 using testing::UnorderedElementsAre;
 
 class LogToTheJournal : public testing::Test
@@ -44,6 +49,45 @@ TEST_F(LogToTheJournal, ClaimsNoPlaceForAMessageWithoutOne)
     LOG(4, "T", "message");
     EXPECT_THAT(journal.messages, ElementsAre(UnorderedElementsAre("MESSAGE=message", "PRIORITY=6",
                                                                    "SYSLOG_IDENTIFIER=T")));
+}
+
+TEST_F(LogToTheJournal, GivesTheIdOfItsExplanationWithAnErrorThatTheCatalogueKnows)
+{
+    LOG(6, "FWUPDATE", "%s: %s(%d) > Error: iv is worng", "fw-update-symbol.cpp", "updateUSB", 7);
+    LOG(6, "FWUPDATE", "Error: iv is worng");
+    EXPECT_THAT(journal.messages, Each(Contains("MESSAGE_ID=90cc154f78964976b383147b04ea5cfb")));
+}
+
+TEST_F(LogToTheJournal, GivesNoIdWithAnyOtherMessage)
+{
+    LOG(6, "FWUPDATE", "%s: %s(%d) > Try allDoUpdateDone", "f.cpp", "g", 1);
+    LOG(6, "TUNER", "%s: %s(%d) > Error: iv is worng", "tuner.cpp", "doUpdate", 1);
+    LOG(6, "FWUPDATE", "%s", "Error: iv is worng");
+    EXPECT_THAT(journal.messages, Each(Not(Contains(StartsWith("MESSAGE_ID=")))));
+}
+
+TEST_F(LogToTheJournal, GivesNoIdWithTheTextOfAnErrorThatIsNone)
+{
+    LOG(3, "FWUPDATE", "%s: %s(%d) > Error: dlsym error: %s\n", "f.cpp", "g", 1, "no such entry");
+    LOG(6, "FWUPDATE", "%s: %s(%d) > Error: dlsym error: %s\n", "f.cpp", "g", 1, "no such entry");
+    EXPECT_THAT(journal.messages,
+                ElementsAre(Not(Contains(StartsWith("MESSAGE_ID="))),
+                            Contains("MESSAGE_ID=26584469fe9a460aa8fb418ef75f0ed0")));
+}
+
+TEST_F(LogToTheJournal, GivesTheIdWithThePlatformsOwnErrors)
+{
+    int result = 0;
+    errno = 0;
+    EXPECT_EQ(PS_Umount("/somewhere", 10, 0, &result), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_THAT(journal.messages,
+                ElementsAre(AllOf(
+                    Contains("SYSLOG_IDENTIFIER=QUILLON-PLATFORM"), Contains("PRIORITY=3"),
+                    Contains("CODE_FILE=privileged.cpp"), Contains("CODE_FUNC=ask"),
+                    Contains("MESSAGE=PS_Umount: no privileged helper at " QUILLON_PRIVILEGED_SOCKET
+                             ": No such file or directory"),
+                    Contains("MESSAGE_ID=4d98d28bbc4a42919258597ef16bd14b"))));
 }
 
 TEST_F(LogToTheJournal, TranslatesThePriorities)

@@ -76,11 +76,14 @@ TEST_F(PowerLock, BlocksShutdownSleepAndIdleness)
     const FakeLogind logind;
     EXPECT_EQ(device_power_lock_state(kType, kLong), 0);
 
-    ASSERT_THAT(logind.asked(), SizeIs(1));
-    EXPECT_EQ(logind.asked()[0].what, "shutdown:sleep:idle");
-    EXPECT_EQ(logind.asked()[0].who, "quillon");
-    EXPECT_EQ(logind.asked()[0].why, "The firmware of the device's components is being updated");
-    EXPECT_EQ(logind.asked()[0].mode, "block");
+    std::vector<std::string> blocked;
+    for (const FakeLogind::Asked& asked : logind.asked()) {
+        blocked.push_back(asked.what);
+        EXPECT_EQ(asked.who, "quillon");
+        EXPECT_EQ(asked.why, "The firmware of the device's components is being updated");
+        EXPECT_EQ(asked.mode, "block");
+    }
+    EXPECT_THAT(blocked, ElementsAre("shutdown", "sleep", "idle"));
     EXPECT_TRUE(logind.isHeld(0));
     EXPECT_EQ(captured.text(), "");
 }
@@ -210,7 +213,7 @@ TEST_F(PowerLock, MayBeTakenAndGivenBackByManyThreads)
     for (std::thread& thread : threads) {
         thread.join();
     }
-    ASSERT_THAT(logind.asked(), SizeIs(100));
+    ASSERT_THAT(logind.asked(), SizeIs(100 * FakeLogind::kInhibitorsALock));
     for (std::size_t number = 0; number < 100; ++number) {
         logind.waitForRelease(number);
     }
@@ -227,7 +230,7 @@ TEST_F(PowerLock, OfNoTimeIsRefusedAndLeavesTheHeldOne)
                     ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM E power.cpp: "),
                                       HasSubstr("a power lock of " + std::to_string(time)))));
     }
-    EXPECT_THAT(logind.asked(), SizeIs(1));
+    EXPECT_THAT(logind.asked(), SizeIs(FakeLogind::kInhibitorsALock));
     EXPECT_TRUE(logind.isHeld(0));
 }
 
@@ -235,6 +238,13 @@ TEST_F(PowerLock, FailsWhenLogindRefuses)
 {
     const FakeLogind logind(FakeLogind::Manner::kRefuse);
     expectNoLock(captured, "not for this user");
+}
+
+TEST_F(PowerLock, ThatIsRefusedInPartIsNone)
+{
+    const FakeLogind logind(FakeLogind::Manner::kRefuseIdle);
+    expectNoLock(captured, "not for this user");
+    logind.waitForPartsReleased();
 }
 
 TEST_F(PowerLock, FailsWhenLogindSendsNoDescriptor)
@@ -247,7 +257,7 @@ TEST_F(PowerLock, FailsInTimeWhenLogindDoesNotAnswer)
 {
     const FakeLogind logind(FakeLogind::Manner::kKeepSilent);
     expectNoLock(captured, "Connection timed out");
-    EXPECT_THAT(logind.asked(), SizeIs(1));
+    EXPECT_THAT(logind.asked(), SizeIs(FakeLogind::kInhibitorsALock));
 }
 
 TEST_F(PowerLock, FailsWhereThereIsNoLogind)

@@ -75,6 +75,7 @@ TEST_F(UpdateDecision, ComesFromThePluginOnceTheImageIsSound)
                 ElementsAre(tried, contextSet(4), Call("stat(\"" + imagePath + "\") = 0"),
                             Call("stat(\"" + informationPath + "\") = 0"),
                             Call("fopen64(\"" + informationPath + "\", \"rb\") = ok"),
+                            Call("fopen64(\"" + imagePath + "\", \"r\") = ok"),
                             Call("fread(1, 32768) = 9"), Call("fread(1, 32768) = 0"), checked));
     expectDecision(true, 90);
 }

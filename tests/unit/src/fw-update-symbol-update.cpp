@@ -58,13 +58,13 @@ TEST_F(UpdateFirmware, ChecksNamesTheThreadAsksAndInstallsInThisOrder)
 
     EXPECT_EQ(update(), 0);
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(tried, Call("stat(\"" + informationPath + "\") = 0"),
-                            Call("fopen64(\"" + informationPath + "\", \"rb\") = ok"),
-                            Call("stat(\"" + imagePath + "\") = 0"),
-                            Call("prctl(PR_SET_NAME, \"tunerA1\") = 0"), contextSet(4), checked,
-                            Call("fread(1, 32768) = 9"), Call("fread(1, 32768) = 0"), started,
-                            updated(kSystemFolder), succeeded));
+    EXPECT_THAT(timeline(), ElementsAre(tried, Call("stat(\"" + informationPath + "\") = 0"),
+                                        Call("fopen64(\"" + informationPath + "\", \"rb\") = ok"),
+                                        Call("stat(\"" + imagePath + "\") = 0"),
+                                        Call("prctl(PR_SET_NAME, \"tunerA1\") = 0"), contextSet(4),
+                                        checked, Call("fopen64(\"" + imagePath + "\", \"r\") = ok"),
+                                        Call("fread(1, 32768) = 9"), Call("fread(1, 32768) = 0"),
+                                        started, updated(kSystemFolder), succeeded));
 }
 
 TEST_F(UpdateFirmware, AModuleThatIsNotLoadedIsRefusedInSilence)

@@ -99,6 +99,14 @@ TEST_F(Progress, CountsWholeSeconds)
     EXPECT_THAT(timeline(), ElementsAre(Status(0, 0, 0), Status(0, 0, 0), Status(1, 10, 0)));
 }
 
+TEST_F(Progress, IsRightBeyondTheSecondsOf32Bits)
+{
+    const timespec start = {time_t{1} << 33, 0};
+    startUpdate(60, start);
+
+    EXPECT_EQ(askAt(after(start, 30)), reply(1, 50));
+}
+
 TEST_F(Progress, RoundsThePercentageDown)
 {
     startUpdate(3);

@@ -48,9 +48,9 @@ protected:
     CtlVerbs() { mkdir(kStick, 0755); }
 
     /// @return milliseconds between the progress queries of a run
-    std::vector<long> pollIntervals() const
+    std::vector<std::chrono::milliseconds::rep> pollIntervals() const
     {
-        std::vector<long> intervals;
+        std::vector<std::chrono::milliseconds::rep> intervals;
         const std::vector<FakeService::Received> received = service.received();
         for (std::size_t i = 1; i < received.size(); ++i) {
             if (received[i - 1].record.command == MQ_COMMAND_PROGRESS &&
@@ -242,8 +242,9 @@ TEST_F(CtlVerbs, UpdateWithNothingToUpdateStartsNothingAndExitsWith7)
     const CtlResult result = runCtl({"update", kStick});
 
     EXPECT_EQ(result.exitCode, 7);
-    EXPECT_THAT(result.out, HasSubstr("\nNothing to update: no image is newer, or the update "
-                                      "service has no image key\n"));
+    EXPECT_THAT(result.out,
+                HasSubstr("\nNothing to update: no image is newer, or none can be used; "
+                          "the service's log says why\n"));
     EXPECT_THAT(service.commands(), Not(testing::Contains(MQ_COMMAND_START)));
 }
 

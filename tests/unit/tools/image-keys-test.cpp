@@ -3,10 +3,11 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
+#include <openssl/x509v3.h>
 
-#include "hex-text.h"
 #include "provisioning-package.h"
 #include "public-key.h"
+#include "signed-package.h"
 #include "unit/tools/image-files.h"
 
 using ::testing::ElementsAre;
@@ -19,14 +20,7 @@ class ImageKeys : public ImageFiles
 {
 };
 
-std::string sha256Of(const std::string& data)
-{
-    unsigned char digest[32] = {};
-    EXPECT_EQ(EVP_Digest(data.data(), data.size(), digest, nullptr, EVP_sha256(), nullptr), 1);
-    return hexText(digest, sizeof(digest));
-}
-
-TEST_F(ImageKeys, AreFourFilesOfWhichTheSecretOnesAreTheOwnersOnly)
+TEST_F(ImageKeys, AreSixFilesOfWhichTheSecretOnesAreTheOwnersOnly)
 {
     createKeys(folder + "new/keys", false);
 
@@ -34,6 +28,8 @@ TEST_F(ImageKeys, AreFourFilesOfWhichTheSecretOnesAreTheOwnersOnly)
     EXPECT_EQ(modeOf(keys + "signing-key.pem"), 0600U);
     EXPECT_EQ(modeOf(keys + "signing-key.pub.pem"), 0644U);
     EXPECT_EQ(modeOf(keys + "image-key.bin"), 0600U);
+    EXPECT_EQ(modeOf(keys + "provisioning-key.pem"), 0600U);
+    EXPECT_EQ(modeOf(keys + "provisioning-certificate.pem"), 0644U);
     EXPECT_EQ(modeOf(keys + "00000066.bin"), 0600U);
     EXPECT_EQ(readAll(keys + "image-key.bin").size(), 32U);
     EXPECT_EQ(keyIdOf(loadSigningKey(keys + "signing-key.pem").get()),
@@ -43,24 +39,50 @@ TEST_F(ImageKeys, AreFourFilesOfWhichTheSecretOnesAreTheOwnersOnly)
 TEST_F(ImageKeys, ThePackageProvisionsTheImageKeyAsTheItemQuillon)
 {
     const std::string item = readAll(keyPath("a", kImageKeyFile));
+    const Certificates maker = loadCertificateFile(keyPath("a", kProvisioningCertificateFile));
 
-    EXPECT_EQ(readAll(keyPath("a", kProvisioningPackageFile)),
-              "QUILLON-PROVISION 1\nitem quillon\nsha256 " + sha256Of(item) + "\n\n" + item);
+    const SecretBytes content =
+        openSignedPackage(readAll(keyPath("a", kProvisioningPackageFile)), maker).bytes;
+    EXPECT_EQ(std::string(content.begin(), content.end()),
+              "QUILLON-PROVISION 1\nitem quillon\n\n" + item);
+
+    const Certificates other = loadCertificateFile(keyPath("b", kProvisioningCertificateFile));
+    EXPECT_EQ(
+        faultOf([&] { openSignedPackage(readAll(keyPath("a", kProvisioningPackageFile)), other); }),
+        ImageFault::Signature);
+}
+
+TEST_F(ImageKeys, TheCertificateNeverExpiresAndVouchesForNobody)
+{
+    const Certificates maker = loadCertificateFile(keyPath("a", kProvisioningCertificateFile));
+    ASSERT_EQ(maker.size(), 1U);
+    X509* certificate = maker.front().get();
+    EXPECT_EQ(X509_check_ca(certificate), 0);
+    EXPECT_EQ(X509_get_key_usage(certificate), KU_DIGITAL_SIGNATURE);
+    const ASN1_TIME* end = X509_get0_notAfter(certificate);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(ASN1_STRING_get0_data(end))),
+              "99991231235959Z");
+    const Certificates other = loadCertificateFile(keyPath("b", kProvisioningCertificateFile));
+    EXPECT_NE(X509_issuer_and_serial_cmp(certificate, other.front().get()), 0);
 }
 
 TEST_F(ImageKeys, APackageNeedsAUsableNameAndPayload)
 {
-    const auto faultWith = [](const std::string& name, const std::string& payload) {
-        return faultOf([&] { encodeProvisioningPackage(name, payload); });
+    const UniqueKey key = loadPrivateKey(keyPath("a", kProvisioningKeyFile));
+    const Certificates maker = loadCertificateFile(keyPath("a", kProvisioningCertificateFile));
+    const auto faultWith = [&](const std::string& name, const std::string& payload) {
+        return faultOf([&] { encodeProvisioningPackage(name, payload, key.get(), maker); });
     };
     EXPECT_EQ(faultWith("", "x"), ImageFault::Usage);
     EXPECT_EQ(faultWith(".hidden", "x"), ImageFault::Usage);
     EXPECT_EQ(faultWith("a/b", "x"), ImageFault::Usage);
     EXPECT_EQ(faultWith("a\nb", "x"), ImageFault::Usage);
+    EXPECT_EQ(faultWith("quillon.cred", "x"), ImageFault::Usage);
     EXPECT_EQ(faultWith(std::string(65, 'a'), "x"), ImageFault::Usage);
     EXPECT_EQ(faultWith("quillon", ""), ImageFault::Usage);
     EXPECT_EQ(faultWith("quillon", std::string(65537, 'x')), ImageFault::Usage);
-    EXPECT_NO_THROW(encodeProvisioningPackage("A-z_0.9", std::string(65536, 'x')));
+    EXPECT_NO_THROW(
+        encodeProvisioningPackage("A-z_0.9", std::string(65536, 'x'), key.get(), maker));
 }
 
 TEST_F(ImageKeys, ThatAreThereAreNotReplacedUnasked)
@@ -74,7 +96,7 @@ TEST_F(ImageKeys, ThatAreThereAreNotReplacedUnasked)
     EXPECT_EQ(readAll(folder + "00000066.bin"), "precious");
 
     createKeys(folder, true);
-    EXPECT_EQ(names().size(), 4U);
+    EXPECT_EQ(names().size(), 6U);
     EXPECT_NE(readAll(folder + "00000066.bin"), "precious");
     EXPECT_EQ(modeOf(folder + "00000066.bin"), 0600U);
 }
@@ -110,6 +132,8 @@ TEST_F(ImageKeys, ASigningKeyIsAnRsaKeyOf4096BitsWithoutAPassPhrase)
     EXPECT_EQ(faultWith(elliptic.get(), nullptr), ImageFault::Key);
     EXPECT_EQ(faultWith(good.get(), EVP_aes_256_cbc()), ImageFault::Key);
     EXPECT_EQ(faultOf([&] { loadSigningKey(keyPath("a", kPublicKeyFile)); }), ImageFault::Key);
+    EXPECT_EQ(faultOf([&] { loadSigningKey(keyPath("a", kProvisioningKeyFile)); }),
+              ImageFault::Key);
     EXPECT_EQ(faultOf([&] { loadSigningKey(folder + "missing"); }), ImageFault::File);
 }
 

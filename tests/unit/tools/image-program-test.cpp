@@ -84,6 +84,8 @@ TEST_F(ImageProgram, KeygenSaysWhereTheKeysAre)
     EXPECT_EQ(json()["signingKey"], "keys/signing-key.pem");
     EXPECT_EQ(json()["publicKey"], "keys/signing-key.pub.pem");
     EXPECT_EQ(json()["imageKey"], "keys/image-key.bin");
+    EXPECT_EQ(json()["provisioningKey"], "keys/provisioning-key.pem");
+    EXPECT_EQ(json()["provisioningCertificate"], "keys/provisioning-certificate.pem");
     EXPECT_EQ(json()["provisioningPackage"], "keys/00000066.bin");
     EXPECT_THAT(json()["keyId"].asString(), MatchesRegex("[0-9a-f]{16}"));
 
@@ -200,7 +202,8 @@ TEST_F(ImageProgram, TellsItsVersionAndHelp)
 TEST_F(ImageProgram, HasEveryVerbAndOptionInItsManual)
 {
     const std::string manual = readAll(MANUAL_PAGE);
-    for (const char* verb : {"keygen", "build", "package", "info", "verify", "extract"}) {
+    for (const char* verb :
+         {"keygen", "build", "package", "provision", "info", "verify", "extract"}) {
         EXPECT_THAT(manual, HasSubstr(std::string(".Cm ") + verb));
         ASSERT_EQ(run(std::string(verb) + " --help"), 0);
         std::istringstream words(out);

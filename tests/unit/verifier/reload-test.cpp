@@ -58,7 +58,8 @@ std::string exportedSymbols()
     FILE* pipe = popen(command.c_str(), "r");
     std::array<char, 256> line{};
     while (pipe != nullptr && std::fgets(line.data(), line.size(), pipe) != nullptr) {
-        output += std::string(line.data()).substr(17);
+        const std::string symbol = line.data();
+        output += symbol.substr(symbol.find(' ') + 1);  // behind the address
     }
     pclose(pipe);
     return output;

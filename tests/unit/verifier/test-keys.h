@@ -13,6 +13,7 @@
 namespace quillon::test {
 
 constexpr char kTrustedKeys[] = "/etc/quillon/trusted-keys/";
+constexpr char kProvisioningCertificates[] = "/etc/quillon/provisioning-certificates/";
 
 inline std::string keyPath(const std::string& maker, const std::string& file)
 {
@@ -35,6 +36,15 @@ inline void trust(const std::string& maker)
 {
     std::filesystem::create_directories(kTrustedKeys);
     std::filesystem::copy_file(keyPath(maker, kPublicKeyFile), kTrustedKeys + maker + ".pem",
+                               std::filesystem::copy_options::overwrite_existing);
+}
+
+/// Makes the device accept a maker's provisioning packages.
+inline void trustProvisioning(const std::string& maker)
+{
+    std::filesystem::create_directories(kProvisioningCertificates);
+    std::filesystem::copy_file(keyPath(maker, kProvisioningCertificateFile),
+                               kProvisioningCertificates + maker + ".pem",
                                std::filesystem::copy_options::overwrite_existing);
 }
 

@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,12 +12,15 @@
 #include <vector>
 
 #include "item-folder.h"
+#include "makers.h"
 #include "platform/secure-storage.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using namespace quillon::test;
 using testing::AllOf;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -27,31 +29,13 @@ using testing::StartsWith;
 constexpr int kUnreadable = 1;
 constexpr int kAlreadyInstalled = 2;
 constexpr int kMalformed = 4;
-constexpr int kDamaged = 5;
+constexpr int kNotTrusted = 5;
 constexpr int kStorageFailed = 8;
+constexpr int kNobodyTrusted = 9;
 
 constexpr char kPackage[] = "/tmp/quillon-package.bin";
-const std::string kKey = "0123456789abcdef\0\n\xff 23456789abcd";
-const std::string kHead = "QUILLON-PROVISION 1\n";
-
-std::string sha256(const std::string& bytes)
-{
-    unsigned char digest[EVP_MAX_MD_SIZE] = {};
-    unsigned int size = 0;
-    EXPECT_EQ(EVP_Digest(bytes.data(), bytes.size(), digest, &size, EVP_sha256(), nullptr), 1);
-    constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    for (unsigned int i = 0; i < size; ++i) {
-        text += kDigits[digest[i] >> 4U];
-        text += kDigits[digest[i] & 15U];
-    }
-    return text;
-}
-
-std::string package(const std::string& item, const std::string& payload)
-{
-    return kHead + "item " + item + "\nsha256 " + sha256(payload) + "\n\n" + payload;
-}
+const std::string kKey("0123456789abcdef\0\n\xff 23456789abcd", 32);
+constexpr char kCertificates[] = "/etc/quillon/provisioning-certificates";
 
 /// Each thread's own: the worker of a download comes this way as well.
 std::vector<std::string>& diskCalls()
@@ -82,10 +66,28 @@ namespace {
 class Provisioning : public ItemFolder
 {
 protected:
+    void SetUp() override
+    {
+        ItemFolder::SetUp();
+        fs::create_directories(kCertificates);
+        trust("maker.pem", pemOf(maker));
+    }
+
     void TearDown() override
     {
         fs::remove_all(kPackage);
+        fs::remove_all(kCertificates);
         ItemFolder::TearDown();
+    }
+
+    static void trust(const std::string& file, const std::string& text)
+    {
+        writeFile(std::string(kCertificates) + "/" + file, text, 0644);
+    }
+
+    std::string package(const std::string& item, const std::string& payload) const
+    {
+        return packageBy(maker, item, payload);
     }
 
     int install(const std::string& bytes)
@@ -102,6 +104,8 @@ protected:
                     ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM E "), HasSubstr(kPackage))));
         EXPECT_THAT(namesInFolder(), IsEmpty());
     }
+
+    const Maker maker = makeMaker();
 };
 
 TEST_F(Provisioning, PlacesThePayloadIntoTheStorage)
@@ -112,7 +116,9 @@ TEST_F(Provisioning, PlacesThePayloadIntoTheStorage)
     EXPECT_EQ(readFile(pathOf("quillon")), kKey);
     EXPECT_EQ(fs::status(pathOf("quillon")).permissions(), fs::perms(0600));
     EXPECT_EQ(fs::status(kFolder).permissions(), fs::perms(0700));
-    EXPECT_EQ(captured.text(), "");
+    EXPECT_THAT(captured.lines(),
+                Contains(AllOf(StartsWith("QUILLON-PLATFORM I "), HasSubstr(kPackage),
+                               HasSubstr("brought the item quillon, signed by CN = a maker"))));
 }
 
 TEST_F(Provisioning, MakesTheFoldersAboveUnwritableForOthers)
@@ -178,41 +184,64 @@ TEST_F(Provisioning, ReplacesALinkInsteadOfFollowingIt)
     fs::remove("/tmp/quillon-victim");
 }
 
-TEST_F(Provisioning, RefusesAPackageThatEndsTooEarlyWhereverItEnds)
+TEST_F(Provisioning, RefusesWhatIsNotSigned)
 {
-    const std::string whole = package("quillon", kKey);
-    for (std::size_t length = 0; length < whole.size(); ++length) {
-        SCOPED_TRACE(length);
-        const bool inPayload = length > whole.size() - kKey.size();
-        expectRefused(whole.substr(0, length), inPayload ? kDamaged : kMalformed);
-    }
+    expectRefused(contentFor("quillon", kKey), kMalformed);
+    EXPECT_THAT(captured.text(), HasSubstr("bears no signature"));
+    expectRefused("", kMalformed);
+    expectRefused("noise", kMalformed);
 }
 
-TEST_F(Provisioning, StoresNothingUnderTheNameWhenAnyBitIsFlipped)
+TEST_F(Provisioning, RefusesWhatAStrangerHasSigned)
 {
-    const std::string whole = package("quillon", kKey);
-    const std::size_t name = whole.find("quillon");
-    for (std::size_t bit = 0; bit < whole.size() * 8; ++bit) {
-        SCOPED_TRACE(bit);
-        std::string damaged = whole;
-        damaged[bit / 8] = static_cast<char>(damaged[bit / 8] ^ (1 << (bit % 8)));
-        const bool inName = bit / 8 >= name && bit / 8 < name + 7;
-        const int result = install(damaged);
-        if (inName && result == 0) {  // the name of another item is as good a name
-            EXPECT_EQ(namesInFolder().size(), 1U);
-            EXPECT_FALSE(fs::exists(pathOf("quillon")));
-            fs::remove_all(kFolder);
-            continue;
-        }
-        EXPECT_THAT(result, testing::AnyOf(kMalformed, kDamaged));
-        EXPECT_EQ(captured.lines().size(), 1U);
-        EXPECT_THAT(namesInFolder(), IsEmpty());
-    }
+    const Maker stranger = makeMaker();
+    expectRefused(packageBy(stranger, "quillon", kKey), kNotTrusted);
+    EXPECT_THAT(captured.text(),
+                HasSubstr(std::string("not signed by anyone trusted in ") + kCertificates));
+    trust("second.pem", pemOf(stranger));
+    EXPECT_EQ(install(packageBy(stranger, "quillon", kKey)), 0);
 }
 
-TEST_F(Provisioning, RefusesBytesThatFollowThePayload)
+TEST_F(Provisioning, RefusesWhatWasChangedAfterwards)
 {
-    expectRefused(package("quillon", kKey) + "x", kDamaged);
+    std::string changed = package("quillon", kKey);
+    changed[changed.find(kKey)] = '9';
+    expectRefused(changed, kNotTrusted);
+}
+
+TEST_F(Provisioning, TrustsNobodyWithoutACertificate)
+{
+    fs::remove_all(kCertificates);
+    expectRefused(package("quillon", kKey), kNobodyTrusted);
+    EXPECT_THAT(captured.text(),
+                HasSubstr(std::string("no certificate (*.pem) in ") + kCertificates));
+    writeFile(kCertificates, "not a folder");
+    expectRefused(package("quillon", kKey), kNobodyTrusted);
+    EXPECT_THAT(captured.text(), HasSubstr("Not a directory"));
+}
+
+TEST_F(Provisioning, PassesOverFilesThatAreNoCertificates)
+{
+    const std::string usable = pemOf(maker);
+    trust("0-empty.pem", "");
+    trust("1-noise.pem", "noise");
+    trust("2-cut.pem", usable.substr(0, usable.size() / 2));
+    trust("3-huge.pem", std::string(100000, 'x'));
+    trust("not-looked-at.txt", "noise");
+    fs::create_directory(std::string(kCertificates) + "/4-folder.pem");
+    EXPECT_EQ(install(package("quillon", kKey)), 0);
+    for (const char* name : {"0-empty", "1-noise", "2-cut", "3-huge", "4-folder"}) {
+        EXPECT_THAT(captured.lines(),
+                    Contains(AllOf(HasSubstr("certificate passed over"), HasSubstr(name))));
+    }
+    EXPECT_THAT(captured.text(), testing::Not(HasSubstr("not-looked-at")));
+}
+
+TEST_F(Provisioning, TrustsAllCertificatesOfAFile)
+{
+    const Maker second = makeMaker();
+    trust("maker.pem", pemOf(maker) + "a comment\n" + pemOf(second));
+    EXPECT_EQ(install(packageBy(second, "quillon", kKey)), 0);
 }
 
 TEST_F(Provisioning, RefusesNamesThatLeadElsewhere)
@@ -220,7 +249,8 @@ TEST_F(Provisioning, RefusesNamesThatLeadElsewhere)
     for (const std::string& name :
          {std::string(), std::string("."), std::string(".."), std::string("../quillon"),
           std::string("/etc/passwd"), std::string("a/b"), std::string(".hidden"),
-          std::string("two words"), std::string("a\0b", 3), std::string(65, 'x')}) {
+          std::string("two words"), std::string("a\0b", 3), std::string("quillon.cred"),
+          std::string(65, 'x')}) {
         SCOPED_TRACE(name);
         expectRefused(package(name, kKey), kMalformed);
     }
@@ -239,30 +269,21 @@ TEST_F(Provisioning, TakesOneToSixtyFourKibibytes)
     fs::remove_all(kFolder);
     expectRefused(package("quillon", ""), kMalformed);
     expectRefused(package("quillon", std::string(65537, 'k')), kMalformed);
-    expectRefused(package("quillon", std::string(100000, 'k')), kMalformed);
+    expectRefused(package("quillon", std::string(200000, 'k')), kMalformed);
 }
 
 TEST_F(Provisioning, RefusesAHeadThatIsNotExactlyAsItHasToBe)
 {
-    const std::string digest = sha256(kKey);
-    std::string upper = digest;
-    for (char& c : upper) {
-        c = static_cast<char>(c >= 'a' ? c - 'a' + 'A' : c);
+    for (const char* head :
+         {"QUILLON-PROVISION 2\nitem quillon\n\n", "QUILLON-PROVISION 1 \nitem quillon\n\n",
+          "QUILLON-PROVISION 1\r\nitem quillon\n\n", "\nQUILLON-PROVISION 1\nitem quillon\n\n",
+          "QUILLON-PROVISION 1\nitem quillon\nitem quillon\n\n",
+          "QUILLON-PROVISION 1\nitem  quillon\n\n", "QUILLON-PROVISION 1\nItem quillon\n\n",
+          "QUILLON-PROVISION 1\nitem quillon\nextra line\n\n", "QUILLON-PROVISION 1\nitem quillon",
+          "QUILLON-PROVISION 1\n\n", ""}) {
+        SCOPED_TRACE(head);
+        expectRefused(signedBy(maker, head + kKey), kMalformed);
     }
-    const std::string item = "item quillon\n";
-    const std::string sum = "sha256 " + digest + "\n";
-    expectRefused("QUILLON-PROVISION 2\n" + item + sum + "\n" + kKey, kMalformed);
-    expectRefused("QUILLON-PROVISION 1 \n" + item + sum + "\n" + kKey, kMalformed);
-    expectRefused("QUILLON-PROVISION 1\r\n" + item + sum + "\n" + kKey, kMalformed);
-    expectRefused("\n" + kHead + item + sum + "\n" + kKey, kMalformed);
-    expectRefused(kHead + sum + item + "\n" + kKey, kMalformed);
-    expectRefused(kHead + item + item + sum + "\n" + kKey, kMalformed);
-    expectRefused(kHead + "item  quillon\n" + sum + "\n" + kKey, kMalformed);
-    expectRefused(kHead + "Item quillon\n" + sum + "\n" + kKey, kMalformed);
-    expectRefused(kHead + item + "sha256 " + upper + "\n\n" + kKey, kMalformed);
-    expectRefused(kHead + item + "sha256 " + digest + "0\n\n" + kKey, kMalformed);
-    expectRefused(kHead + item + "sha256 " + digest.substr(1) + "\n\n" + kKey, kMalformed);
-    expectRefused(kHead + item + sum + "extra line\n\n" + kKey, kMalformed);
 }
 
 TEST_F(Provisioning, RefusesAMissingPackage)
@@ -298,7 +319,7 @@ TEST_F(Provisioning, LeavesTheOldItemAndNothingElseWhenTheDiskRefuses)
 {
     ASSERT_EQ(install(package("quillon", "old key")), 0);
     writeFile(kPackage, package("quillon", kKey));
-    std::signal(SIGXFSZ, SIG_IGN);
+    static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));
     const rlimit tiny = {8, RLIM_INFINITY};
     // Standard error has to stay writable: the limit is for regular files.
     int ends[2] = {-1, -1};
@@ -334,7 +355,8 @@ TEST_F(Provisioning, FailsWhereTheStorageCannotBeAFolder)
 
 TEST_F(Provisioning, FailuresSurviveTheServicesClearingOfBitOne)
 {
-    for (const int failure : {kUnreadable, kMalformed, kDamaged, kStorageFailed}) {
+    for (const int failure :
+         {kUnreadable, kMalformed, kNotTrusted, kStorageFailed, kNobodyTrusted}) {
         EXPECT_EQ(failure & ~2, failure);
     }
 }

@@ -1,17 +1,15 @@
-#ifndef QUILLON_PLATFORM_LINUX_ITEM_STORE_H
-#define QUILLON_PLATFORM_LINUX_ITEM_STORE_H
+#ifndef QUILLON_PLATFORM_STORAGE_ITEM_STORE_H
+#define QUILLON_PLATFORM_STORAGE_ITEM_STORE_H
 
-#include <cstddef>
 #include <string_view>
 
 #include "files.h"
 
 namespace quillon {
 
-/// The secure storage on disk: one file an item, the item's raw bytes, mode 0600, in a folder of
-/// mode 0700.
-
-constexpr std::size_t kLargestItem = 65536;  ///< bytes; an item has at least one
+/// The secure storage on disk, in a folder of mode 0700: the item NAME is the file NAME.cred,
+/// sealed (sealing.h). Where the machine cannot seal it is the file NAME with the item's raw bytes;
+/// such a file is read anywhere while there is no sealed one. Both have mode 0600.
 
 /// The values of ss_read and, for storeItem, of the storage's own operations.
 enum StoreResult : int {
@@ -22,10 +20,8 @@ enum StoreResult : int {
     kStoreExposed = 4,      ///< the file's mode lets group or others at it
     kStoreMissing = 5,      ///< no such item
     kStoreBadSize = 6,      ///< empty, or larger than kLargestItem
+    kStoreSealed = 7,       ///< sealed, and cannot be unsealed here; the log names the reason
 };
-
-/// @return true for 1 to 64 characters of A-Z a-z 0-9 . _ - that do not begin with a dot.
-bool isItemName(std::string_view name);
 
 /// Reads a whole item. Every result but kStoreOk and kStoreMissing is told on the log.
 /// @param[out] bytes  the item on kStoreOk, anything otherwise
@@ -34,6 +30,7 @@ StoreResult readItem(std::string_view name, SecretBytes& bytes);
 
 /// Writes a whole item in one step, making the folder when it is missing and replacing what was
 /// there. Failures are told on the log.
+/// @return kStoreOk, kStoreBadArgument or kStoreFailed.
 /// Thread: any. Throws std::bad_alloc.
 StoreResult storeItem(std::string_view name, const SecretBytes& bytes);
 

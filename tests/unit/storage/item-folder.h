@@ -1,5 +1,5 @@
-#ifndef QUILLON_TESTS_UNIT_PLATFORM_ITEM_FOLDER_H
-#define QUILLON_TESTS_UNIT_PLATFORM_ITEM_FOLDER_H
+#ifndef QUILLON_TESTS_UNIT_STORAGE_ITEM_FOLDER_H
+#define QUILLON_TESTS_UNIT_STORAGE_ITEM_FOLDER_H
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "captured-stderr.h"
+#include "unit/platform/captured-stderr.h"
 
 /// The secure storage of the virtual device, empty at the start of every test. Refuses to run where
 /// the storage holds something, since that would be a real device's keys.

@@ -1,0 +1,22 @@
+#ifndef QUILLON_PACKAGING_SYSTEMD_UNIT_ORDERLY_END_H
+#define QUILLON_PACKAGING_SYSTEMD_UNIT_ORDERLY_END_H
+
+#include <sys/types.h>
+
+#include <string>
+
+namespace quillon::unit {
+
+/// Takes the life marker away, keeps anybody else from making it anew, and waits until the service
+/// has ended, however long its running update takes. Unread replies that fill their queue are
+/// thrown away, since the service would wait for ever for somebody to read them.
+///
+/// Whatever goes wrong is said and does not end the waiting: who returns early lets the service be
+/// killed in the middle of an update.
+/// @param process  the service; 0 or a process that is gone: nothing to wait for
+/// Needs root's rights. Thread: any.
+void endAndWait(const std::string& lifeMarker, pid_t process);
+
+}  // namespace quillon::unit
+
+#endif

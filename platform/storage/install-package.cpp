@@ -1,0 +1,77 @@
+#include "install-package.h"
+
+#include <string_view>
+
+#include "image-error.h"
+#include "item-store.h"
+#include "maker-certificates.h"
+#include "platform-log.h"
+#include "provisioning-content.h"
+#include "signed-package.h"
+
+namespace quillon {
+
+namespace {
+
+constexpr char kFolder[] = QUILLON_PROVISIONING_CERTIFICATES;
+
+std::string_view textOf(const SecretBytes& bytes)
+{
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+void complain(const std::string& line)
+{
+    PLATFORM_LOGE("%s", line.c_str());
+}
+
+InstallResult storeContent(const std::string& name, const SignedContent& package)
+{
+    ProvisioningContent content;
+    if (const char* defect = parseProvisioningContent(textOf(package.bytes), content)) {
+        PLATFORM_LOGE("%s is not a provisioning package: %s", name.c_str(), defect);
+        return kPackageMalformed;
+    }
+    const SecretBytes payload(content.payload.begin(), content.payload.end());
+    SecretBytes present;
+    if (readItem(content.item, present) == kStoreOk && present == payload) {
+        return kAlreadyInstalled;
+    }
+    if (storeItem(content.item, payload) != kStoreOk) {
+        return kStorageFailed;
+    }
+    PLATFORM_LOGI("%s brought the item %.*s, signed by %s", name.c_str(),
+                  static_cast<int>(content.item.size()), content.item.data(),
+                  package.signer.c_str());
+    return kInstalled;
+}
+
+}  // namespace
+
+InstallResult installPackage(const std::string& name, const SecretBytes& package)
+{
+    try {
+        const Certificates trusted = loadCertificates(kFolder, &complain);
+        if (trusted.empty()) {
+            PLATFORM_LOGE("%s cannot be trusted: no certificate (*.pem) in %s", name.c_str(),
+                          kFolder);
+            return kNobodyTrusted;
+        }
+        return storeContent(name, openSignedPackage(textOf(package), trusted));
+    } catch (const ImageError& error) {
+        switch (error.fault()) {
+            case ImageFault::Format:
+                PLATFORM_LOGE("%s is not a provisioning package: %s", name.c_str(), error.what());
+                return kPackageMalformed;
+            case ImageFault::Signature:
+                PLATFORM_LOGE("%s is not signed by anyone trusted in %s: %s", name.c_str(), kFolder,
+                              error.what());
+                return kPackageNotTrusted;
+            default:
+                PLATFORM_LOGE("%s cannot be trusted: %s", name.c_str(), error.what());
+                return kNobodyTrusted;
+        }
+    }
+}
+
+}  // namespace quillon

@@ -1,0 +1,75 @@
+#include "maker-certificates.h"
+
+#include <openssl/err.h>
+#include <openssl/pem.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <iterator>
+
+#include "image-error.h"
+#include "public-key.h"
+#include "regular-file.h"
+
+namespace quillon {
+namespace {
+
+constexpr std::size_t kLargestFile = 65536;
+
+std::vector<std::string> pemFilesIn(const std::string& folder)
+{
+    std::vector<std::string> files;
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
+         entry.increment(error)) {
+        if (entry->path().extension() == ".pem") {
+            files.push_back(entry->path().string());
+        }
+    }
+    if (error && error != std::errc::no_such_file_or_directory) {
+        throw ImageError(ImageFault::File, folder + ": cannot be read: " + error.message());
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+}  // namespace
+
+Certificates loadCertificateFile(const std::string& path)
+{
+    const std::string text = readSmallFile(path, kLargestFile);
+    const UniqueBio source(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+    Certificates certificates;
+    ERR_clear_error();
+    while (source) {
+        UniqueCertificate next(
+            PEM_read_bio_X509(source.get(), nullptr, &refusePassPhrase, nullptr));
+        if (!next) {
+            break;
+        }
+        certificates.push_back(std::move(next));
+    }
+    const bool atTheEnd = ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
+    ERR_clear_error();
+    if (certificates.empty() || !atTheEnd) {
+        throw ImageError(ImageFault::Key, path + ": not certificates in PEM form");
+    }
+    return certificates;
+}
+
+Certificates loadCertificates(const std::string& folder,
+                              const std::function<void(const std::string&)>& complain)
+{
+    Certificates all;
+    for (const std::string& path : pemFilesIn(folder)) {
+        try {
+            Certificates some = loadCertificateFile(path);
+            std::move(some.begin(), some.end(), std::back_inserter(all));
+        } catch (const ImageError& error) {
+            complain(std::string("certificate passed over: ") + error.what());
+        }
+    }
+    return all;
+}
+
+}  // namespace quillon

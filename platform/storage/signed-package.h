@@ -1,0 +1,46 @@
+#ifndef QUILLON_PLATFORM_STORAGE_SIGNED_PACKAGE_H
+#define QUILLON_PLATFORM_STORAGE_SIGNED_PACKAGE_H
+
+#include <openssl/evp.h>
+
+#include <string>
+#include <string_view>
+
+#include "files.h"
+#include "maker-certificates.h"
+
+namespace quillon {
+
+/// A provisioning package: CMS SignedData in DER form with its content inside of it.
+
+struct SignedContent
+{
+    SecretBytes bytes;
+    std::string signer;  ///< the subject of the signer's certificate, in one line
+};
+
+/// Checks a package's signature and gives what was signed.
+///
+/// There has to be one signer, whose certificate is one of the trusted ones or was issued by one of
+/// them, if need be over certificates that the package brings along. SHA-256 or a longer digest of
+/// that family, RSA from 2048 bits on or an elliptic curve from 256 bits on. What the certificates
+/// say about the time is not looked at, and neither is what they say they are for.
+/// @throws ImageError: ImageFault::Format for what is no such package, ImageFault::Signature when
+///         the signature does not hold or nobody trusted made it. The text has no file name.
+/// Thread: any.
+SignedContent openSignedPackage(std::string_view package, const Certificates& trusted);
+
+/// Gives what is inside of a package, whoever signed it and whether or not the signature holds.
+/// @throws ImageError with ImageFault::Format for what is no such package.
+SecretBytes peekIntoPackage(std::string_view package);
+
+/// Makes a package.
+/// @param certificates  the signer's first, then those that lead from it to one the devices trust
+/// @throws ImageError: ImageFault::Key when key and certificate do not belong together or when a
+///         device would refuse such a key.
+std::string makeSignedPackage(const SecretBytes& content, EVP_PKEY* key,
+                              const Certificates& certificates);
+
+}  // namespace quillon
+
+#endif

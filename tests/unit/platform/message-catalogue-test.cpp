@@ -1,0 +1,207 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "message-ids.h"
+#include "running-library.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using quillon::ExplainedMessage;
+using quillon::messageId;
+
+const std::string kSources = QUILLON_SOURCE_FOLDER "/";
+const std::string kCatalogue = kSources + "packaging/systemd/quillon.catalog";
+
+std::string contentsOf(const fs::path& path)
+{
+    std::ifstream file(path);
+    EXPECT_TRUE(file) << path;
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::vector<ExplainedMessage> explainedMessages()
+{
+    return {quillon::kExplainedMessages,
+            quillon::kExplainedMessages + quillon::kExplainedMessageCount};
+}
+
+std::vector<std::string> formatsOf(const ExplainedMessage& message)
+{
+    std::vector<std::string> formats;
+    std::copy_if(std::begin(message.formats), std::end(message.formats),
+                 std::back_inserter(formats), [](const char* format) { return format != nullptr; });
+    return formats;
+}
+
+std::string unescaped(const std::string& literal)
+{
+    const std::map<char, char> escapes = {{'n', '\n'}, {'t', '\t'}, {'"', '"'}, {'\\', '\\'}};
+    std::string text;
+    for (std::size_t i = 0; i < literal.size(); ++i) {
+        text += literal[i] == '\\' ? escapes.at(literal[++i]) : literal[i];
+    }
+    return text;
+}
+
+// The formats of all calls of a log macro in a folder's sources.
+std::set<std::string> formatsIn(const std::string& folder, const std::string& macro)
+{
+    const std::regex call(macro +
+                          R"re(\(\s*((?:"(?:[^"\\]|\\.)*"\s*|QUILLON_PRIVILEGED_SOCKET\s*)+))re");
+    const std::regex piece(R"re("((?:[^"\\]|\\.)*)"|QUILLON_PRIVILEGED_SOCKET)re");
+    std::set<std::string> formats;
+    for (const fs::directory_entry& file : fs::recursive_directory_iterator(kSources + folder)) {
+        if (file.path().extension() != ".cpp") {
+            continue;
+        }
+        const std::string code = contentsOf(file.path());
+        for (std::sregex_iterator found(code.begin(), code.end(), call), end; found != end;
+             ++found) {
+            const std::string literals = (*found)[1];
+            std::string format;
+            for (std::sregex_iterator at(literals.begin(), literals.end(), piece); at != end;
+                 ++at) {
+                format += (*at)[1].matched ? unescaped((*at)[1]) : QUILLON_PRIVILEGED_SOCKET;
+            }
+            formats.insert(format);
+        }
+    }
+    return formats;
+}
+
+struct Entry
+{
+    std::string id;
+    std::vector<std::string> head;
+    std::string body;
+};
+
+std::vector<Entry> catalogue()
+{
+    std::vector<Entry> entries;
+    std::istringstream lines(contentsOf(kCatalogue));
+    bool inBody = false;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind("-- ", 0) == 0) {
+            entries.push_back({line.substr(3), {}, ""});
+            inBody = false;
+        } else if (entries.empty()) {
+            continue;  // what stands in front of the first one is for people who read the file
+        } else if (inBody) {
+            entries.back().body += line + "\n";
+        } else if (line.empty()) {
+            inBody = true;
+        } else {
+            entries.back().head.push_back(line);
+        }
+    }
+    return entries;
+}
+
+TEST(MessageCatalogue, KnowsAMessageByItsTagAndFormat)
+{
+    EXPECT_STREQ(messageId("FWUPDATE", "Error: %s has no plug-in"),
+                 "ec4a0f0ed54b49f5908233a5c0780b3d");
+    EXPECT_EQ(messageId("TUNER", "Error: %s has no plug-in"), nullptr);
+    EXPECT_EQ(messageId("FWUPDATE", "Error: %s has no plug-in "), nullptr);
+    EXPECT_EQ(messageId("FWUPDATE", "%s"), nullptr);
+}
+
+TEST(MessageCatalogue, HasOnlyFormatsOfErrorsThatStandInTheSources)
+{
+    std::map<std::string, std::set<std::string>> sources = {
+        {"FWUPDATE", formatsIn("src", "FW_LOGE")},
+        {"QUILLON-PLATFORM", formatsIn("platform/linux", "PLATFORM_LOGE")},
+        {"QUILLON-PRIVILEGED", formatsIn("platform/privileged", "PRIVILEGED_LOGE")},
+    };
+    sources["QUILLON-PLATFORM"].merge(formatsIn("platform/storage", "PLATFORM_LOGE"));
+    for (const ExplainedMessage& message : explainedMessages()) {
+        for (const std::string& format : formatsOf(message)) {
+            EXPECT_THAT(sources.at(message.tag), testing::Contains(format)) << message.id;
+        }
+    }
+}
+
+TEST(MessageCatalogue, GivesEachIdAndEachFormatOneMeaning)
+{
+    std::set<std::string> ids;
+    std::set<std::pair<std::string, std::string>> formats;
+    for (const ExplainedMessage& message : explainedMessages()) {
+        EXPECT_TRUE(ids.insert(message.id).second) << message.id;
+        EXPECT_THAT(message.id, testing::MatchesRegex("[0-9a-f]{32}"));
+        for (const std::string& format : formatsOf(message)) {
+            EXPECT_TRUE(formats.emplace(message.tag, format).second) << format;
+        }
+    }
+}
+
+TEST(MessageCatalogue, ExplainsEachIdOnceAndNoOther)
+{
+    std::vector<std::string> known;
+    for (const ExplainedMessage& message : explainedMessages()) {
+        known.emplace_back(message.id);
+    }
+    std::vector<std::string> explained;
+    for (const Entry& entry : catalogue()) {
+        explained.push_back(entry.id);
+    }
+    EXPECT_THAT(explained, testing::UnorderedElementsAreArray(known));
+}
+
+TEST(MessageCatalogue, HasASubjectAndAnExplanationForEachId)
+{
+    for (const Entry& entry : catalogue()) {
+        ASSERT_GE(entry.head.size(), 2U) << entry.id;
+        EXPECT_THAT(entry.head[0], testing::MatchesRegex("Subject: .+")) << entry.id;
+        EXPECT_EQ(entry.head[1], "Defined-By: Quillon") << entry.id;
+        EXPECT_GT(std::count(entry.body.begin(), entry.body.end(), '\n'), 3) << entry.id;
+    }
+}
+
+TEST(MessageCatalogue, ReferToManualPagesThatExist)
+{
+    const std::regex page(R"(Documentation: man:([a-z-]+)\((\d)\))");
+    for (const Entry& entry : catalogue()) {
+        for (std::size_t i = 2; i < entry.head.size(); ++i) {
+            std::smatch name;
+            ASSERT_TRUE(std::regex_match(entry.head[i], name, page)) << entry.head[i];
+            const std::string path = kSources + "docs/man/" + name.format("$1.$2");
+            EXPECT_TRUE(fs::exists(path)) << path;
+        }
+    }
+}
+
+TEST(MessageCatalogue, IsTakenByTheJournalWithoutComplaint)
+{
+    if (std::system("command -v journalctl >/dev/null") != 0) {
+        GTEST_SKIP() << "there is no journalctl on this machine";
+    }
+    const fs::path root = fs::temp_directory_path() / "quillon-message-catalogue";
+    const fs::path folder = root / "usr/lib/systemd/catalog";
+    fs::create_directories(folder);
+    fs::create_directories(root / "var/lib/systemd/catalog");
+    fs::copy_file(kCatalogue, folder / "quillon.catalog", fs::copy_options::overwrite_existing);
+
+    const std::string journalctl = "journalctl --root='" + root.string() + "' ";
+    EXPECT_EQ(outputOf(journalctl + "--update-catalog 2>&1"), "");
+    const std::string list = outputOf(journalctl + "--list-catalog");
+    EXPECT_EQ(static_cast<std::size_t>(std::count(list.begin(), list.end(), '\n')),
+              quillon::kExplainedMessageCount);
+    EXPECT_THAT(list, testing::HasSubstr("ec4a0f0ed54b49f5908233a5c0780b3d Quillon: "));
+    fs::remove_all(root);
+}
+
+}  // namespace

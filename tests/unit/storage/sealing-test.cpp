@@ -1,0 +1,225 @@
+// Items at rest: sealed by the real systemd-creds, and what happens when it is not what it should
+// be.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "item-folder.h"
+#include "item-store.h"
+#include "provisioning-content.h"
+#include "sealing-program.h"
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::UnorderedElementsAre;
+
+namespace quillon::test {
+namespace {
+
+const std::string kKey("\0\x01\xff key with\nall sorts", 22);
+
+class Sealing : public ItemFolder
+{
+protected:
+    void TearDown() override
+    {
+        removeSealingProgram();
+        ItemFolder::TearDown();
+    }
+
+    static StoreResult store(const std::string& name, const std::string& text)
+    {
+        return storeItem(name, SecretBytes(text.begin(), text.end()));
+    }
+
+    /// @return the item; what() failed in its place
+    std::string read(const std::string& name)
+    {
+        SecretBytes bytes;
+        captured.clear();
+        const StoreResult result = readItem(name, bytes);
+        return result == kStoreOk ? std::string(bytes.begin(), bytes.end())
+                                  : "result " + std::to_string(result);
+    }
+
+    /// One line with the reason and the result for a sealed item that cannot be read.
+    void expectNotUnsealed(const std::string& name, const std::string& reason)
+    {
+        EXPECT_EQ(read(name), "result 7");
+        EXPECT_THAT(captured.lines(),
+                    ElementsAre(testing::AllOf(HasSubstr(name + ".cred cannot be unsealed: "),
+                                               HasSubstr(reason))));
+    }
+};
+
+class RealSealing : public Sealing
+{
+protected:
+    void SetUp() override
+    {
+        Sealing::SetUp();
+        if (!putRealSealing()) {
+            GTEST_SKIP() << "systemd-creds is not installed";
+        }
+    }
+};
+
+TEST_F(RealSealing, KeepsAnItemThatNobodyReadsOffTheDisk)
+{
+    ASSERT_EQ(store("quillon", kKey), kStoreOk);
+    EXPECT_THAT(namesInFolder(), ElementsAre("quillon.cred"));
+    EXPECT_EQ(fs::status(pathOf("quillon.cred")).permissions(), fs::perms(0600));
+    EXPECT_THAT(readFile(pathOf("quillon.cred")), Not(HasSubstr("all sorts")));
+    EXPECT_EQ(read("quillon"), kKey);
+}
+
+TEST_F(RealSealing, KeepsTheSmallestAndTheLargestItem)
+{
+    for (const std::size_t size : {std::size_t(1), kLargestItem}) {
+        ASSERT_EQ(store("quillon", std::string(size, 'k')), kStoreOk);
+        EXPECT_EQ(read("quillon"), std::string(size, 'k'));
+    }
+}
+
+TEST_F(RealSealing, BindsAnItemToItsName)
+{
+    ASSERT_EQ(store("other", kKey), kStoreOk);
+    fs::rename(pathOf("other.cred"), pathOf("quillon.cred"));
+    expectNotUnsealed("quillon", "does not match");
+}
+
+TEST_F(RealSealing, NoticesDamage)
+{
+    ASSERT_EQ(store("quillon", kKey), kStoreOk);
+    const std::string sealed = readFile(pathOf("quillon.cred"));
+    for (const std::size_t at : {std::size_t(0), sealed.size() / 2, sealed.size() - 8}) {
+        std::string damaged = sealed;
+        damaged[at] = damaged[at] == 'A' ? 'B' : 'A';
+        writeFile(pathOf("quillon.cred"), damaged);
+        expectNotUnsealed("quillon", "failed with status 1");
+    }
+    writeFile(pathOf("quillon.cred"), sealed.substr(0, sealed.size() / 2));
+    expectNotUnsealed("quillon", "failed with status 1");
+    writeFile(pathOf("quillon.cred"), "not sealed");
+    expectNotUnsealed("quillon", "failed with status 1");
+}
+
+TEST_F(RealSealing, IsOfNoUseToAnotherMachine)
+{
+    ASSERT_EQ(store("quillon", kKey), kStoreOk);
+    fs::remove("/var/lib/quillon/credential.secret");
+    expectNotUnsealed("quillon", "failed with status 1");
+}
+
+TEST_F(RealSealing, ReplacesAnUnsealedItem)
+{
+    makeFolder();
+    writeFile(pathOf("quillon"), "old key");
+    EXPECT_EQ(read("quillon"), "old key");
+    ASSERT_EQ(store("quillon", kKey), kStoreOk);
+    EXPECT_THAT(namesInFolder(), ElementsAre("quillon.cred"));
+    EXPECT_EQ(read("quillon"), kKey);
+}
+
+TEST_F(RealSealing, PrefersTheSealedItem)
+{
+    ASSERT_EQ(store("quillon", kKey), kStoreOk);
+    writeFile(pathOf("quillon"), "planted");
+    EXPECT_EQ(read("quillon"), kKey);
+    writeFile(pathOf("quillon.cred"), "damaged");
+    expectNotUnsealed("quillon", "failed with status 1");
+}
+
+TEST_F(Sealing, LooksAtASealedFileAsAtAnyOther)
+{
+    makeFolder();
+    putSealingScript("echo must not run >&2");
+    writeFile(pathOf("quillon.cred"), "sealed", 0640);
+    EXPECT_EQ(read("quillon"), "result 4");
+    fs::remove(pathOf("quillon.cred"));
+    fs::create_symlink(pathOf("other"), pathOf("quillon.cred"));
+    EXPECT_EQ(read("quillon"), "result 3");
+    fs::remove(pathOf("quillon.cred"));
+    writeFile(pathOf("quillon.cred"), "");
+    EXPECT_EQ(read("quillon"), "result 6");
+    fs::resize_file(pathOf("quillon.cred"), std::uintmax_t(3) << 30U);
+    EXPECT_EQ(read("quillon"), "result 6");
+}
+
+TEST_F(Sealing, AsksForTheBestKeyThatThereIs)
+{
+    putSealingScript("cat > /run/quillon/input; echo \"$0 $@\"; env | grep -v '^PWD='; true");
+    ASSERT_EQ(store("quillon", kKey), kStoreOk);
+    EXPECT_EQ(readFile(pathOf("quillon.cred")),
+              "/run/quillon/systemd-creds encrypt --with-key=auto --name=quillon - -\n");
+    EXPECT_EQ(readFile("/run/quillon/input"), kKey);
+    EXPECT_EQ(read("quillon"), "/run/quillon/systemd-creds decrypt --name=quillon - -\n");
+    fs::remove("/run/quillon/input");
+}
+
+TEST_F(Sealing, WithoutItsProgramKeepsItemsUnsealedAndSaysSoOnce)
+{
+    ASSERT_EQ(store("quillon", kKey), kStoreOk);
+    ASSERT_EQ(store("other", kKey), kStoreOk);
+    EXPECT_THAT(captured.lines(), ElementsAre(HasSubstr("no /run/quillon/systemd-creds: items are "
+                                                        "stored unsealed")));
+    EXPECT_THAT(namesInFolder(), UnorderedElementsAre("quillon", "other"));
+    EXPECT_EQ(read("quillon"), kKey);
+}
+
+TEST_F(Sealing, WithoutItsProgramNeitherReadsNorHidesASealedItem)
+{
+    makeFolder();
+    writeFile(pathOf("quillon.cred"), "sealed");
+    writeFile(pathOf("quillon"), kKey);
+    expectNotUnsealed("quillon", "cannot be started: No such file");
+    EXPECT_EQ(store("quillon", kKey), kStoreFailed);
+    EXPECT_THAT(captured.text(), HasSubstr("quillon.cred is sealed and would hide"));
+    EXPECT_EQ(readFile(pathOf("quillon.cred")), "sealed");
+}
+
+TEST_F(Sealing, NeverFallsBackToAnUnsealedItemWhenItFails)
+{
+    putSealingScript("cat > /dev/null; echo no key available >&2; exit 1");
+    captured.clear();
+    EXPECT_EQ(store("quillon", kKey), kStoreFailed);
+    EXPECT_THAT(captured.lines(),
+                ElementsAre(HasSubstr("quillon cannot be sealed: /run/quillon/systemd-creds "
+                                      "failed with status 1: no key available")));
+    EXPECT_THAT(namesInFolder(), IsEmpty());
+}
+
+TEST_F(Sealing, DoesNotWaitForEver)
+{
+    putSealingScript("sleep 60");
+    captured.clear();
+    EXPECT_EQ(store("quillon", kKey), kStoreFailed);
+    EXPECT_THAT(captured.lines(), ElementsAre(HasSubstr("is not done after 3000 ms")));
+    makeFolder();
+    writeFile(pathOf("quillon.cred"), "sealed");
+    expectNotUnsealed("quillon", "is not done after 3000 ms");
+}
+
+TEST_F(Sealing, TakesNoItemThatIsEmptyOrTooLarge)
+{
+    makeFolder();
+    writeFile(pathOf("quillon.cred"), "sealed");
+    putSealingScript("cat > /dev/null");
+    EXPECT_EQ(read("quillon"), "result 6");
+    putSealingScript("head -c 65537 /dev/zero");
+    expectNotUnsealed("quillon", "writes more than 65536 bytes");
+}
+
+TEST_F(Sealing, HasNoItemsNamedLikeSealedFiles)
+{
+    EXPECT_EQ(read("quillon.cred"), "result 1");
+    EXPECT_EQ(store("quillon.cred", kKey), kStoreBadArgument);
+}
+
+}  // namespace
+}  // namespace quillon::test

@@ -1,0 +1,110 @@
+// Items sealed with a TPM, which swtpm plays.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <thread>
+
+#include "item-folder.h"
+#include "item-store.h"
+#include "sealing-program.h"
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace quillon::test {
+namespace {
+
+const std::string kState = "/run/quillon/tpm";
+const std::string kSocket = kState + "/socket";
+
+class TpmSealing : public ItemFolder
+{
+protected:
+    void SetUp() override
+    {
+        ItemFolder::SetUp();
+        if (access("/usr/bin/swtpm", X_OK) != 0 ||
+            !putRealSealing("host+tpm2", "swtpm:path=" + kSocket)) {
+            GTEST_SKIP() << "swtpm or systemd-creds is not installed";
+        }
+        fs::create_directories(kState);
+        startTpm();
+    }
+
+    void TearDown() override
+    {
+        endTpm();
+        fs::remove_all(kState);
+        removeSealingProgram();
+        ItemFolder::TearDown();
+    }
+
+    void startTpm()
+    {
+        const std::string state = "dir=" + kState;
+        const std::string server = "type=unixio,path=" + kSocket;
+        const std::string control = "type=unixio,path=" + kSocket + ".ctrl";
+        std::string words[] = {"swtpm",
+                               "socket",
+                               "--tpm2",
+                               "--tpmstate",
+                               state,
+                               "--server",
+                               server,
+                               "--ctrl",
+                               control,
+                               "--flags",
+                               "not-need-init,startup-clear"};
+        std::vector<char*> arguments;
+        for (std::string& word : words) {
+            arguments.push_back(word.data());
+        }
+        arguments.push_back(nullptr);
+        ASSERT_EQ(posix_spawn(&tpm_, "/usr/bin/swtpm", nullptr, nullptr, arguments.data(), environ),
+                  0);
+        for (int look = 0; look < 500 && !fs::exists(kSocket); ++look) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+
+    void endTpm()
+    {
+        if (tpm_ > 0) {
+            kill(tpm_, SIGKILL);
+            waitpid(tpm_, nullptr, 0);
+        }
+        tpm_ = -1;
+        fs::remove(kSocket);
+    }
+
+    pid_t tpm_ = -1;
+};
+
+TEST_F(TpmSealing, KeepsAnItemThatNeedsThatTpm)
+{
+    const SecretBytes key(32, 'k');
+    SecretBytes bytes;
+    ASSERT_EQ(storeItem("quillon", key), kStoreOk) << captured.text();
+    EXPECT_THAT(namesInFolder(), ElementsAre("quillon.cred"));
+    ASSERT_EQ(readItem("quillon", bytes), kStoreOk) << captured.text();
+    EXPECT_EQ(bytes, key);
+
+    endTpm();
+    fs::remove_all(kState);
+    fs::create_directories(kState);
+    startTpm();  // another one
+    captured.clear();
+    EXPECT_EQ(readItem("quillon", bytes), kStoreSealed);
+    EXPECT_THAT(captured.text(), HasSubstr("cannot be unsealed"));
+}
+
+}  // namespace
+}  // namespace quillon::test

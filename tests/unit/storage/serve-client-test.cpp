@@ -1,0 +1,231 @@
+// What the storage helper does for whom.
+
+#include "serve-client.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "failure.h"
+#include "item-folder.h"
+#include "makers.h"
+#include "storage-protocol.h"
+
+namespace fs = std::filesystem;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace quillon::test {
+namespace {
+
+using privileged::Callers;
+using storage::Kind;
+
+constexpr char kCertificates[] = "/etc/quillon/provisioning-certificates";
+constexpr uid_t kNobody = 65534;
+
+class ServeClient : public ItemFolder
+{
+protected:
+    ServeClient() { connect(); }
+
+    void TearDown() override
+    {
+        fs::remove_all(kCertificates);
+        ItemFolder::TearDown();
+    }
+
+    void connect()
+    {
+        int pair[2] = {-1, -1};
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
+        client = UniqueFd(pair[0]);
+        served = UniqueFd(pair[1]);
+    }
+
+    void send(const SecretBytes& packet) const
+    {
+        EXPECT_EQ(::send(client.get(), packet.data(), packet.size(), MSG_DONTWAIT | MSG_NOSIGNAL),
+                  static_cast<ssize_t>(packet.size()));
+    }
+
+    /// @return the packet that is there by now; an empty one when there is none
+    SecretBytes received() const
+    {
+        SecretBytes packet(storage::kLargestAnswer + 1);
+        const ssize_t size = recv(client.get(), packet.data(), packet.size(), MSG_DONTWAIT);
+        packet.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+        return packet;
+    }
+
+    /// Sends a request and has it served.
+    /// @return the answer's result, -1 when there is none
+    int resultOf(const SecretBytes& request, const Callers& callers = {})
+    {
+        captured.clear();
+        send(request);
+        storage::serveClient(served.get(), callers);
+        answer = received();
+        const auto parsed = storage::parseAnswer(static_cast<Kind>(request[4]), answer);
+        return parsed ? parsed->result : -1;
+    }
+
+    static std::string storedIn(const SecretBytes& answer)
+    {
+        return {answer.begin() + sizeof(storage::AnswerHead), answer.end()};
+    }
+
+    /// The same work by a process of another user. @return its exit status
+    template <typename Work>
+    static int asNobody(Work work)
+    {
+        const pid_t child = fork();
+        if (child == 0) {
+            _exit(setgid(kNobody) == 0 && setuid(kNobody) == 0 ? work() : 99);
+        }
+        int status = -1;
+        waitpid(child, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    static bool canBeNobody()
+    {
+        return asNobody([] { return 0; }) == 0;
+    }
+
+    UniqueFd client;
+    UniqueFd served;
+    SecretBytes answer;
+};
+
+TEST_F(ServeClient, ReadsAnItemForRoot)
+{
+    makeFolder();
+    writeFile(pathOf("quillon"), "key");
+    EXPECT_EQ(resultOf(storage::encodeRead("quillon")), 0);
+    EXPECT_EQ(storedIn(answer), "key");
+    EXPECT_THAT(captured.lines(), ElementsAre(HasSubstr("asked for quillon: 0")));
+}
+
+TEST_F(ServeClient, HandsOnWhyThereIsNoItem)
+{
+    makeFolder();
+    EXPECT_EQ(resultOf(storage::encodeRead("quillon")), 5);
+    writeFile(pathOf("quillon"), "key", 0644);
+    EXPECT_EQ(resultOf(storage::encodeRead("quillon")), 4);
+    EXPECT_EQ(resultOf(storage::encodeRead("../quillon")), 1);
+    EXPECT_EQ(resultOf(storage::encodeRead("/etc/passwd")), 1);
+}
+
+TEST_F(ServeClient, InstallsWhatAMakerHasSigned)
+{
+    const Maker maker = makeMaker();
+    fs::create_directories(kCertificates);
+    writeFile(std::string(kCertificates) + "/maker.pem", pemOf(maker));
+    const std::string package = packageBy(maker, "quillon", "key");
+    const SecretBytes request = storage::encodeInstall({package.begin(), package.end()});
+    EXPECT_EQ(resultOf(request), 0);
+    EXPECT_EQ(readFile(pathOf("quillon")), "key");
+    EXPECT_EQ(resultOf(request), 2);
+}
+
+TEST_F(ServeClient, StoresNothingThatNobodyTrustedHasSigned)
+{
+    const Maker maker = makeMaker();
+    const Maker stranger = makeMaker();
+    fs::create_directories(kCertificates);
+    writeFile(std::string(kCertificates) + "/maker.pem", pemOf(maker));
+    const std::string package = packageBy(stranger, "quillon", "key");
+    EXPECT_EQ(resultOf(storage::encodeInstall({package.begin(), package.end()})), 5);
+    EXPECT_THAT(captured.lines(), ElementsAre(AllOf(HasSubstr("the package of process "),
+                                                    HasSubstr("not signed by anyone trusted"))));
+    const std::string bare = contentFor("quillon", "key");
+    EXPECT_EQ(resultOf(storage::encodeInstall({bare.begin(), bare.end()})), 4);
+    EXPECT_THAT(namesInFolder(), IsEmpty());
+}
+
+TEST_F(ServeClient, AnswersNobodyWhoSendsSomethingElse)
+{
+    makeFolder();
+    writeFile(pathOf("quillon"), "key");
+    SecretBytes other = storage::encodeRead("quillon");
+    other.push_back('x');
+    EXPECT_EQ(resultOf(other), -1);
+    EXPECT_EQ(resultOf(SecretBytes(8, 'x')), -1);
+    EXPECT_EQ(resultOf(SecretBytes(storage::kLargestRequest + 1, 1)), -1);
+    EXPECT_THAT(captured.lines(), ElementsAre(HasSubstr("sent no request")));
+    EXPECT_TRUE(answer.empty());
+}
+
+TEST_F(ServeClient, DoesNotWaitForASilentOne)
+{
+    captured.clear();
+    storage::serveClient(served.get(), {});
+    EXPECT_THAT(captured.lines(), ElementsAre(HasSubstr("asked nothing")));
+    client = UniqueFd();
+    captured.clear();
+    storage::serveClient(served.get(), {});
+    EXPECT_THAT(captured.lines(), ElementsAre(HasSubstr("sent no request")));
+}
+
+TEST_F(ServeClient, TakesOnlyAClientsConnection)
+{
+    int pair[2] = {-1, -1};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    const UniqueFd stream(pair[0]);
+    const UniqueFd otherEnd(pair[1]);
+    const UniqueFd file(open("/dev/null", O_RDWR | O_CLOEXEC));
+    const UniqueFd unconnected(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    for (const int other : {stream.get(), file.get(), -1}) {
+        EXPECT_THROW(storage::serveClient(other, {}), privileged::Failure);
+    }
+    captured.clear();
+    try {
+        storage::serveClient(unconnected.get(), {});
+    } catch (const privileged::Failure&) {
+        return;
+    }
+    EXPECT_THAT(captured.text(), HasSubstr("refused"));
+}
+
+TEST_F(ServeClient, ReadsNothingOfSomebodyWhoMayNotAsk)
+{
+    if (!canBeNobody()) {
+        GTEST_SKIP() << "there is only one user here";
+    }
+    EXPECT_EQ(asNobody([this] {
+                  connect();
+                  send(storage::encodeRead("quillon"));
+                  storage::serveClient(served.get(), {});
+                  char byte = 0;
+                  const bool isUnread = recv(served.get(), &byte, 1, MSG_DONTWAIT) == 1;
+                  return isUnread && received().empty() ? 0 : 1;
+              }),
+              0);
+    EXPECT_THAT(captured.text(), HasSubstr("user 65534 may not ask"));
+}
+
+TEST_F(ServeClient, ServesTheUserAndTheGroupThatItIsTold)
+{
+    if (!canBeNobody()) {
+        GTEST_SKIP() << "there is only one user here";
+    }
+    for (const Callers& callers :
+         {Callers{kNobody, std::nullopt}, Callers{std::nullopt, kNobody}}) {
+        EXPECT_EQ(asNobody([this, &callers] {
+                      connect();
+                      return resultOf(storage::encodeRead("quillon"), callers);
+                  }),
+                  5);
+    }
+}
+
+}  // namespace
+}  // namespace quillon::test

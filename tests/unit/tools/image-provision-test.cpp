@@ -1,0 +1,146 @@
+// Provisioning packages: made, looked into and checked by the program, and with openssl(1) alone.
+
+#include <json/json.h>
+
+#include <sstream>
+
+#include "unit/tools/image-files.h"
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+namespace quillon::test {
+namespace {
+
+constexpr char kProvision[] =
+    "provision --payload item --sign $KEYS/provisioning-key.pem "
+    "--certificate $KEYS/provisioning-certificate.pem ";
+
+class ImageProvision : public ImageFiles
+{
+protected:
+    void SetUp() override
+    {
+        ImageFiles::SetUp();
+        writeAll(folder + "item", "0123456789abcdef");
+        std::filesystem::create_directory(folder + "trusted");
+        std::filesystem::copy(keyPath("a", kProvisioningCertificateFile), folder + "trusted/a.pem");
+    }
+
+    int run(const std::string& arguments)
+    {
+        return shell("cd '" + folder + "' && KEYS='" QUILLON_TEST_KEYS "/a' OTHER='" +
+                     QUILLON_TEST_KEYS "/b'; " IMAGE_PROGRAM " " + arguments);
+    }
+
+    void expectRefusal(const std::string& arguments, int code, const std::string& reason)
+    {
+        EXPECT_EQ(run(arguments), code) << arguments;
+        EXPECT_EQ(out, "") << arguments;
+        EXPECT_THAT(err, StartsWith("quillon-image: ")) << arguments;
+        EXPECT_THAT(err, HasSubstr(reason)) << arguments;
+    }
+
+    Json::Value json() const
+    {
+        Json::Value value;
+        std::istringstream source(out);
+        EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), source, &value, nullptr))
+            << out;
+        return value;
+    }
+};
+
+TEST_F(ImageProvision, MakesAPackageThatADeviceAccepts)
+{
+    ASSERT_EQ(run(kProvision), 0) << err;
+    EXPECT_THAT(out, StartsWith("00000066.bin: item quillon, "));
+    EXPECT_EQ(modeOf(folder + "00000066.bin"), 0600U);
+    ASSERT_EQ(run("verify 00000066.bin --certificates trusted --json"), 0) << err;
+    EXPECT_EQ(json()["provisioningPackage"], "00000066.bin");
+    EXPECT_EQ(json()["item"], "quillon");
+    EXPECT_EQ(json()["payloadSize"], 16);
+    EXPECT_EQ(json()["size"].asUInt64(), std::filesystem::file_size(folder + "00000066.bin"));
+    EXPECT_EQ(json()["signedBy"], "CN = Quillon provisioning");
+}
+
+TEST_F(ImageProvision, TakesAnotherItemAndAnotherFile)
+{
+    ASSERT_EQ(run(std::string(kProvision) + "--item other.key --output package --json"), 0) << err;
+    EXPECT_EQ(json()["provisioningPackage"], "package");
+    EXPECT_EQ(json()["item"], "other.key");
+    ASSERT_EQ(run("info package --json"), 0) << err;
+    EXPECT_EQ(json()["item"], "other.key");
+    EXPECT_EQ(json()["payloadSize"], 16);
+    EXPECT_FALSE(json().isMember("signedBy")) << "info does not check the signature";
+}
+
+TEST_F(ImageProvision, MakesTheSameForThePackageOfKeygen)
+{
+    ASSERT_EQ(run("verify $KEYS/00000066.bin --certificates trusted"), 0) << err;
+    EXPECT_THAT(out, HasSubstr("item: quillon\npayloadSize: 32\n"));
+}
+
+TEST_F(ImageProvision, RefusesAKeyThatIsNotTheCertificates)
+{
+    expectRefusal(
+        "provision --payload item --sign $OTHER/provisioning-key.pem "
+        "--certificate $KEYS/provisioning-certificate.pem",
+        6, "the certificate is not that of the signing key");
+    expectRefusal("provision --payload item --sign $KEYS/provisioning-key.pem --certificate item",
+                  6, "item: not certificates in PEM form");
+    expectRefusal(
+        "provision --payload item --sign item --certificate $KEYS/provisioning-certificate.pem", 6,
+        "item: not a private key");
+    EXPECT_FALSE(std::filesystem::exists(folder + "00000066.bin"));
+}
+
+TEST_F(ImageProvision, RefusesAnItemThatCannotBe)
+{
+    expectRefusal(std::string(kProvision) + "--item ../x", 2, "no name for a storage item");
+    writeAll(folder + "item", "");
+    expectRefusal(kProvision, 2, "a storage item has 1 to 65536 bytes");
+    writeAll(folder + "item", std::string(65537, 'x'));
+    expectRefusal(kProvision, 3, "item: cannot be read: longer than 65536 bytes");
+}
+
+TEST_F(ImageProvision, VerifyRefusesWhatADeviceRefuses)
+{
+    ASSERT_EQ(run(kProvision), 0) << err;
+    std::string package = readAll(folder + "00000066.bin");
+    expectRefusal("verify 00000066.bin --certificates .", 5, "no certificate (*.pem) in .");
+    expectRefusal("verify item --certificates trusted", 4, "item: not a provisioning package");
+    expectRefusal("verify missing --certificates trusted", 3, "missing: cannot be read");
+    package[package.find("0123456789abcdef")] = 'X';
+    writeAll(folder + "changed", package);
+    expectRefusal("verify changed --certificates trusted", 5,
+                  "changed: not signed by anyone trusted");
+    std::filesystem::rename(folder + "trusted/a.pem", folder + "a.txt");
+    std::filesystem::copy(keyPath("b", kProvisioningCertificateFile), folder + "trusted/b.pem");
+    expectRefusal("verify 00000066.bin --certificates trusted", 5,
+                  "00000066.bin: not signed by anyone trusted");
+}
+
+TEST_F(ImageProvision, AnAuthoritysSignerAndOpensslAloneWillDo)
+{
+    if (shell("openssl version") != 0) {
+        GTEST_SKIP() << "openssl(1) is not installed";
+    }
+    const std::string page = readAll(FORMAT_PAGE);
+    const std::size_t section = page.find("## The provisioning package");
+    const std::string opening = "```shell\n";
+    std::string commands = "cd '" + folder + "' && set -e\n";
+    for (std::size_t at = page.find(opening, section); at != std::string::npos;
+         at = page.find(opening, at)) {
+        at += opening.size();
+        commands += page.substr(at, page.find("```", at) - at);
+    }
+    std::filesystem::remove(folder + "trusted/a.pem");
+    ASSERT_EQ(shell(commands), 0) << err;
+    std::filesystem::copy(folder + "authority.pem", folder + "trusted/authority.pem");
+    ASSERT_EQ(run("verify 00000066.bin --certificates trusted --json"), 0) << err;
+    EXPECT_EQ(json()["signedBy"], "CN = provisioning of the tuner line");
+}
+
+}  // namespace
+}  // namespace quillon::test

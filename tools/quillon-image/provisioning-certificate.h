@@ -1,0 +1,16 @@
+#ifndef QUILLON_TOOLS_QUILLON_IMAGE_PROVISIONING_CERTIFICATE_H
+#define QUILLON_TOOLS_QUILLON_IMAGE_PROVISIONING_CERTIFICATE_H
+
+#include "maker-certificates.h"
+#include "openssl-handle.h"
+
+namespace quillon {
+
+/// Makes a certificate for a maker's provisioning key, signed by that key itself. It is good for
+/// signatures only, does not vouch for other certificates and never expires.
+/// @throws ImageError with ImageFault::Key when it cannot be made.
+UniqueCertificate createProvisioningCertificate(EVP_PKEY* key);
+
+}  // namespace quillon
+
+#endif
