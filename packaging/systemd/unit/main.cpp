@@ -85,10 +85,11 @@ int requireVerifier()
     if (library && dlsym(library.get(), "verifyFile") != nullptr) {
         return 0;
     }
+    const char* error = dlerror();
     say(Priority::kError,
         std::string("the signature verifier cannot be used, and without it every image counts as "
                     "signed: ") +
-            dlerror());
+            (error != nullptr ? error : "its entry is null"));
     return kFailed;
 }
 

@@ -41,7 +41,7 @@ bool isUsable(const Queue& queue, uid_t owner)
     struct stat status = {};
     mq_attr attributes = {};
     return queue.get() != -1 && fstat(queue.get(), &status) == 0 && status.st_uid == owner &&
-           mq_getattr(queue.get(), &attributes) == 0 &&
+           (status.st_mode & kMode) == kMode && mq_getattr(queue.get(), &attributes) == 0 &&
            attributes.mq_msgsize == static_cast<long>(sizeof(MQData)) &&
            attributes.mq_maxmsg == FW_MQ_MAX_MESSAGES;
 }
@@ -91,8 +91,12 @@ void emptyReplyQueue()
 {
     const Queue replies(mq_open(FW_MQ_CONTROL_QUEUE, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     MQData record = {};
-    while (mq_receive(replies.get(), reinterpret_cast<char*>(&record), sizeof record, nullptr) >=
-           0) {
+    // At most what fits, since everybody may go on filling it.
+    for (int i = 0; i < FW_MQ_MAX_MESSAGES; ++i) {
+        if (mq_receive(replies.get(), reinterpret_cast<char*>(&record), sizeof record, nullptr) <
+            0) {
+            return;
+        }
     }
 }
 

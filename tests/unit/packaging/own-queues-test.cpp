@@ -17,7 +17,9 @@ mqd_t make(const char* name, long records, long size)
     mq_attr attributes = {};
     attributes.mq_maxmsg = records;
     attributes.mq_msgsize = size;
-    return mq_open(name, O_RDWR | O_CREAT | O_EXCL | O_NONBLOCK, 0600, &attributes);
+    const mqd_t queue = mq_open(name, O_RDWR | O_CREAT | O_EXCL | O_NONBLOCK, 0600, &attributes);
+    EXPECT_EQ(fchmod(queue, 0666), 0);  // whatever the mask
+    return queue;
 }
 
 void provideOwnQueues()
@@ -73,6 +75,18 @@ TEST(OwnQueues, ReplaceThoseOfAnotherShape)
 
     expectUsable("/fwupdateservice_usb", 0);
     expectUsable("/fwupdatecontrol_usb", 0);
+}
+
+TEST(OwnQueues, ReplaceThoseThatAreNotOpenToEverybody)
+{
+    const mqd_t queue = make("/fwupdateservice_usb", 10, 284);
+    const char record[284] = {};
+    ASSERT_EQ(mq_send(queue, record, sizeof record, 0), 0);
+    ASSERT_EQ(fchmod(queue, 0660), 0);
+
+    provideOwnQueues();
+
+    expectUsable("/fwupdateservice_usb", 0);
 }
 
 TEST(OwnQueues, ReplaceThoseOfAnotherUser)

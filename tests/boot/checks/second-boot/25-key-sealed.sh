@@ -30,3 +30,7 @@ fi
 if as_service cat "$sealed" >/dev/null 2>&1; then
     fail "the service's user can read the item itself"
 fi
+group=$(getent group quillon | cut -d : -f 3)
+if setpriv --reuid nobody --regid nogroup --groups "$group" test -w /run/quillon/storage.sock; then
+    fail "a member of the group may ask for the item"
+fi

@@ -20,6 +20,7 @@ round() {
         "$(stat -c '%U %F' "$life_marker")"
     hostile "rm -f $life_marker $labelling_marker" 2>/dev/null || true
     [ -e "$life_marker" ] || fail "$1: a stranger may end the service"
+    [ -e "$labelling_marker" ] || fail "$1: a stranger may hold up the next start"
     quillonctl progress || fail "$1: the service does not answer"
     systemctl stop quillon.service || fail "$1: systemctl stop has status $?"
     expect "$1: the result" success "$(property quillon.service Result)"

@@ -5,8 +5,15 @@ set -eu
 . /boot-test/device.sh
 
 # What this test itself has put on the device.
-rm -rf "$controls"/*.so "$stick" "$packages"/*.img /usr/share/sdp/quillon-key /etc/quillon/examples
+rm -rf "$controls"/*.so "$stick" /usr/share/sdp/quillon-key /etc/quillon/examples
 rmdir --ignore-fail-on-non-empty -p /opt/media /usr/share/sdp 2>/dev/null || true
+
+# A download and a mounted package are the packages' to clear away.
+put_package panel 9.0 300000 3
+if [ -e /dev/loop-control ]; then
+    mkdir -p "$packages/emps/left"
+    mount -o loop,ro "$(echo "$packages"/panel*.img)" "$packages/emps/left"
+fi
 
 # What dpkg still knows of us, a package a line.
 known() {
@@ -31,8 +38,8 @@ expect "what is left in /run and /tmp" "" \
 
 # The system's own records aside.
 find / -xdev \( -path /boot-test -o -path /proc -o -path /sys -o -path /run -o -path /tmp -o \
-    -path /var/lib/dpkg -o -path /var/lib/apt -o -path /var/lib/systemd -o -path /var/cache -o \
-    -path /var/log -o -path '/var/tmp/systemd-private-*' \) -prune -o -print |
+    -path /var/lib/dpkg -o -path /var/lib/apt -o -path /var/lib/systemd/credential.secret -o \
+    -path /var/lib/systemd/timers -o -path /var/cache -o -path /var/log -o -path '/var/tmp/systemd-private-*' \) -prune -o -print |
     sort >"$device_folder/files-after"
 comm -13 "$device_folder/files-before" "$device_folder/files-after" >"$device_folder/files-new"
 expect "what is left on the disk" "" "$(head -n 40 "$device_folder/files-new")"
