@@ -124,6 +124,13 @@ const ExplainedMessage kExplainedMessages[] = {
      {"%s cannot be trusted: no certificate (*.pem) in %s",
       "%s is not signed by anyone trusted in %s: %s", "%s cannot be trusted: %s"}},
     {"9b899b941b5d48e59569b46315b21e6e", kPlatform, {"%s/%s%s cannot be unsealed: %s"}},
+    {"a05028d528734ba3b003f1b35d111e3e",
+     kPlatform,
+     {"no answer from the storage helper at " QUILLON_STORAGE_SOCKET ": %m"}},
+    {"5a6149f5f39e4aaaa363d41530c611eb",
+     kPlatform,
+     {"%s: the storage helper answers %d, its own line says why"}},
+    {"abde7ecabcfc492db73e2262a28d3055", kPlatform, {"process %d refused: user %u may not ask"}},
     {"53b65e6a6fde446d8ed7793ec3255ae9", kHelper, {"%s [%.*s] refused: %s"}},
     {"c9a778fa786946bd9e300b7147b498a8", kHelper, {"process %d refused: user %u may not ask"}},
 };

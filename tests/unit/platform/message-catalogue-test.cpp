@@ -59,9 +59,11 @@ std::string unescaped(const std::string& literal)
 // The formats of all calls of a log macro in a folder's sources.
 std::set<std::string> formatsIn(const std::string& folder, const std::string& macro)
 {
-    const std::regex call(macro +
-                          R"re(\(\s*((?:"(?:[^"\\]|\\.)*"\s*|QUILLON_PRIVILEGED_SOCKET\s*)+))re");
-    const std::regex piece(R"re("((?:[^"\\]|\\.)*)"|QUILLON_PRIVILEGED_SOCKET)re");
+    const std::map<std::string, std::string> sockets = {
+        {"QUILLON_PRIVILEGED_SOCKET", QUILLON_PRIVILEGED_SOCKET},
+        {"QUILLON_STORAGE_SOCKET", QUILLON_STORAGE_SOCKET}};
+    const std::regex call(macro + R"re(\(\s*((?:"(?:[^"\\]|\\.)*"\s*|QUILLON_\w+_SOCKET\s*)+))re");
+    const std::regex piece(R"re("((?:[^"\\]|\\.)*)"|QUILLON_\w+_SOCKET)re");
     std::set<std::string> formats;
     for (const fs::directory_entry& file : fs::recursive_directory_iterator(kSources + folder)) {
         if (file.path().extension() != ".cpp") {
@@ -74,7 +76,7 @@ std::set<std::string> formatsIn(const std::string& folder, const std::string& ma
             std::string format;
             for (std::sregex_iterator at(literals.begin(), literals.end(), piece); at != end;
                  ++at) {
-                format += (*at)[1].matched ? unescaped((*at)[1]) : QUILLON_PRIVILEGED_SOCKET;
+                format += (*at)[1].matched ? unescaped((*at)[1]) : sockets.at((*at)[0]);
             }
             formats.insert(format);
         }
