@@ -24,7 +24,8 @@ target_link_libraries(quillon-bench-reference PUBLIC PkgConfig::CRYPTO)
 
 add_executable(quillon-kernels EXCLUDE_FROM_ALL kernels/quillon-kernels.cpp)
 target_link_libraries(quillon-kernels PRIVATE
-    quillon-bench-reference quillon-core quillon-platform-link benchmark::benchmark)
+    quillon-bench-reference quillon-bench-process quillon-core quillon-platform-link
+    benchmark::benchmark)
 quillon_bench_output(quillon-kernels)
 
 # The modules and the verifier that the driven service meets.
@@ -61,7 +62,8 @@ if(EXISTS "${CMAKE_SOURCE_DIR}/src/support/checksum-slicing.h")
     add_executable(quillon-kernels-sliced EXCLUDE_FROM_ALL
         kernels/quillon-kernels.cpp reference/slicing-only.cpp)
     target_link_libraries(quillon-kernels-sliced PRIVATE
-        quillon-bench-reference quillon-core quillon-platform-link benchmark::benchmark)
+        quillon-bench-reference quillon-bench-process quillon-core quillon-platform-link
+    benchmark::benchmark)
     quillon_bench_output(quillon-kernels-sliced)
     add_dependencies(quillon-bench-subjects quillon-kernels-sliced)
 endif()

@@ -62,7 +62,7 @@ std::string Workshop::stick(int number)
 
 std::string Workshop::payload(std::uint64_t size)
 {
-    const std::string path = folder_ + "payload-" + std::to_string(size);
+    std::string path = folder_ + "payload-" + std::to_string(size);
     if (fs::exists(path)) {
         return path;
     }

@@ -14,7 +14,8 @@ namespace {
 constexpr const char* kFiles[] = {
     "bin/quillon-service", "bench/do-nothing",       "lib/libquillon-platform.so.0",
     "lib/libkUEPUser.so",  "bin/quillon-privileged", "bin/quillon-storage",
-    "bin/quillonctl",      "bin/quillon-image",      "bin/quillon-device"};
+    "bin/quillon-unit",    "bin/quillonctl",         "bin/quillon-image",
+    "bin/quillon-device"};
 
 class TemporaryFolder
 {

@@ -28,16 +28,17 @@ constexpr int kNotHeld = 3;
 
 // The same code on every x86-64 processor: OpenSSL with AES-NI, SSSE3 and carry-less multiply but
 // without AVX; the C library with what every such processor has, and one size of cache.
-constexpr const char* kPins[] = {
-    "OPENSSL_ia32cap=0x0218020307808000:0x0",
+constexpr const char* kTunables =
     "GLIBC_TUNABLES=glibc.cpu.hwcaps=-AVX,-AVX2,-AVX512F,-AVX512VL,-AVX512BW,-BMI1,-BMI2,-LZCNT,"
     "-MOVBE,-ERMS,-FSRM,-RTM,-SSE4_2,-XSAVE,-XSAVEC"
     ":glibc.cpu.x86_data_cache_size=0x8000:glibc.cpu.x86_shared_cache_size=0x100000"
-    ":glibc.cpu.x86_non_temporal_threshold=0xc0000",
-    "LD_BIND_NOW=1",
-    "LC_ALL=C",
-    "PATH=/usr/bin:/bin",
-    "QUILLON_DEVICE=gate"};
+    ":glibc.cpu.x86_non_temporal_threshold=0xc0000";
+constexpr const char* kPins[] = {"OPENSSL_ia32cap=0x0218020307808000:0x0",
+                                 kTunables,
+                                 "LD_BIND_NOW=1",
+                                 "LC_ALL=C",
+                                 "PATH=/usr/bin:/bin",
+                                 "QUILLON_DEVICE=gate"};  // we are in one
 constexpr const char* kNeeded[] = {"aes", "pclmulqdq", "ssse3"};
 
 struct Options

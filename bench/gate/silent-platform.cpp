@@ -18,6 +18,7 @@ int __dlog_print(int /*buffer*/, int /*priority*/, const char* /*tag*/, const ch
     char line[1024];
     va_list arguments;
     va_start(arguments, format);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)  va_start has set it
     const int length = vsnprintf(line, sizeof line, format, arguments);
     va_end(arguments);
     return length;

@@ -20,7 +20,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -35,7 +34,6 @@ struct Medium
 {
     std::string folder;
     double bytesPerSecond = 0;
-    std::mutex mutex;
     steady_clock::time_point freeAt;
     std::uint64_t bytes = 0;
     nanoseconds busy{0};
@@ -59,7 +57,6 @@ int resultOf(int result)
 
 std::string statistics()
 {
-    const std::lock_guard<std::mutex> lock(medium().mutex);
     return std::to_string(medium().bytes) + " " + std::to_string(medium().busy.count()) + "\n";
 }
 
@@ -68,15 +65,10 @@ void transfer(std::size_t size)
 {
     const auto takes = std::chrono::duration_cast<nanoseconds>(
         std::chrono::duration<double>(static_cast<double>(size) / medium().bytesPerSecond));
-    steady_clock::time_point end;
-    {
-        const std::lock_guard<std::mutex> lock(medium().mutex);
-        end = std::max(medium().freeAt, steady_clock::now()) + takes;
-        medium().freeAt = end;
-        medium().bytes += size;
-        medium().busy += takes;
-    }
-    std::this_thread::sleep_until(end);
+    medium().freeAt = std::max(medium().freeAt, steady_clock::now()) + takes;
+    medium().bytes += size;
+    medium().busy += takes;
+    std::this_thread::sleep_until(medium().freeAt);
 }
 
 void* start(fuse_conn_info* /*connection*/, fuse_config* config)
@@ -165,6 +157,7 @@ int main(int count, char* arguments[])
     operations.read = readFile;
     operations.release = closeFile;
     char foreground[] = "-f";
-    char* own[] = {arguments[0], foreground, arguments[2], nullptr};
-    return fuse_main(3, own, &operations, nullptr);
+    char singleThread[] = "-s";
+    char* own[] = {arguments[0], foreground, singleThread, arguments[2], nullptr};
+    return fuse_main(4, own, &operations, nullptr);
 }

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <limits>
+#include <utility>
 
 #include "rows/results.h"
 
@@ -15,6 +17,7 @@ constexpr double kLeft = 56;
 constexpr double kRight = 16;
 constexpr double kTop = 34;
 constexpr double kBottom = 44;
+constexpr double kLegendTop = kHeight + 8;
 constexpr double kLegendLine = 16;
 
 // Colours that differ for people who see fewer of them. All, the texts' grey as well, can be read
@@ -24,7 +27,7 @@ constexpr const char* kLimitColour = "#8a8a8a";
 
 constexpr const char* kStyle =
     "<style>"
-    "text{font:12px system-ui,sans-serif;fill:#6e7681}"
+    "text{font:12px system-ui,sans-serif;fill:#747d88}"
     ".title{font-weight:600;font-size:13px}"
     ".grid{stroke:#8884;stroke-width:1}"
     ".line{fill:none;stroke-width:2}"
@@ -60,7 +63,7 @@ std::string escaped(const std::string& text)
 /// 1, 10, 100 as they are; fractions without zeros at their end.
 std::string label(double power)
 {
-    return power >= 1 ? fixed(power, 0) : fixed(power, static_cast<int>(-std::log10(power) + 0.5));
+    return fixed(power, power >= 1 ? 0 : static_cast<int>(std::lround(-std::log10(power))));
 }
 
 std::string text(double x, double y, const std::string& content, const std::string& anchor,
@@ -75,8 +78,8 @@ class Axis
 {
 public:
     Axis(double least, double most, double from, double to)
-        : first_(std::floor(std::log10(least) + 1e-9)),
-          last_(std::max(std::ceil(std::log10(most) - 1e-9), first_ + 1)),
+        : first_(static_cast<int>(std::floor(std::log10(least) + 1e-9))),
+          last_(std::max(static_cast<int>(std::ceil(std::log10(most) - 1e-9)), first_ + 1)),
           from_(from),
           to_(to)
     {
@@ -88,15 +91,15 @@ public:
     std::vector<double> powers() const
     {
         std::vector<double> all;
-        for (double exponent = first_; exponent <= last_; exponent += 1) {
+        for (int exponent = first_; exponent <= last_; ++exponent) {
             all.push_back(std::pow(10, exponent));
         }
         return all;
     }
 
 private:
-    double first_;
-    double last_;
+    int first_;
+    int last_;
     double from_;
     double to_;
 };
@@ -118,20 +121,27 @@ bool hasPoints(const Chart& chart)
                        [](const Line& line) { return !line.points.empty(); });
 }
 
+std::string gridLine(double x1, double y1, double x2, double y2)
+{
+    std::string svg = "<line class=\"grid\"";
+    const std::pair<const char*, double> places[] = {
+        {"x1", x1}, {"y1", y1}, {"x2", x2}, {"y2", y2}};
+    for (const auto& [name, place] : places) {
+        svg.append(" ").append(name).append("=\"").append(number(place)).append("\"");
+    }
+    return svg + "/>\n";
+}
+
 std::string drawGrid(const Chart& chart, const Axis& x, const Axis& y)
 {
     const double bottom = kHeight - kBottom;
     std::string svg;
     for (const double power : y.powers()) {
-        const std::string at = number(y.place(power));
-        svg += "<line class=\"grid\" x1=\"" + number(kLeft) + "\" x2=\"" + number(kWidth - kRight) +
-               "\" y1=\"" + at + "\" y2=\"" + at + "\"/>\n";
+        svg += gridLine(kLeft, y.place(power), kWidth - kRight, y.place(power));
         svg += text(kLeft - 6, y.place(power) + 4, label(power), "end");
     }
     for (const double power : x.powers()) {
-        const std::string at = number(x.place(power));
-        svg += "<line class=\"grid\" x1=\"" + at + "\" x2=\"" + at + "\" y1=\"" + number(kTop) +
-               "\" y2=\"" + number(bottom) + "\"/>\n";
+        svg += gridLine(x.place(power), kTop, x.place(power), bottom);
         svg += text(x.place(power), bottom + 16, label(power), "middle");
     }
     svg += text((kLeft + kWidth - kRight) / 2, 18, chart.title, "middle", " class=\"title\"");
@@ -141,17 +151,21 @@ std::string drawGrid(const Chart& chart, const Axis& x, const Axis& y)
     return svg;
 }
 
+std::string drawMark(double x, double y, const char* colour)
+{
+    return "<circle cx=\"" + number(x) + "\" cy=\"" + number(y) + "\" r=\"3\" fill=\"" + colour +
+           "\"/>\n";
+}
+
 std::string drawLine(const Line& line, const char* colour, const Axis& x, const Axis& y)
 {
     std::string points;
     std::string marks;
     for (const Point& point : line.points) {
-        const std::string left = number(x.place(point.x));
-        const std::string top = number(y.place(point.y));
-        points += left + "," + top + " ";
+        points.append(number(x.place(point.x))).append(",").append(number(y.place(point.y)));
+        points += ' ';
         if (!line.isLimit) {
-            marks += "<circle cx=\"" + left + "\" cy=\"" + top + "\" r=\"3\" fill=\"" + colour +
-                     "\"/>\n";
+            marks += drawMark(x.place(point.x), y.place(point.y), colour);
         }
     }
     return std::string("<polyline class=\"line") + (line.isLimit ? " limit" : "") + "\" stroke=\"" +
@@ -160,7 +174,7 @@ std::string drawLine(const Line& line, const char* colour, const Axis& x, const 
 
 std::string drawLegend(const std::string& name, const char* colour, bool isLimit, std::size_t place)
 {
-    const double y = kHeight + kLegendLine * static_cast<double>(place);
+    const double y = kLegendTop + kLegendLine * static_cast<double>(place);
     return "<line class=\"line" + std::string(isLimit ? " limit" : "") + "\" stroke=\"" + colour +
            "\" x1=\"" + number(kLeft) + "\" x2=\"" + number(kLeft + 24) + "\" y1=\"" + number(y) +
            "\" y2=\"" + number(y) + "\"/>\n" + text(kLeft + 32, y + 4, name, "start");
@@ -200,11 +214,12 @@ std::string toSvg(const std::vector<Chart>& charts)
         if (!hasPoints(chart)) {
             continue;
         }
-        body += "<g transform=\"translate(" + number(left) + " 0)\">\n" + draw(chart) + "</g>\n";
+        body.append("<g transform=\"translate(").append(number(left)).append(" 0)\">\n");
+        body.append(draw(chart)).append("</g>\n");
         left += kWidth;
         legend = std::max(legend, chart.lines.size());
     }
-    const double height = kHeight + kLegendLine * static_cast<double>(legend);
+    const double height = kLegendTop + kLegendLine * static_cast<double>(legend);
     return "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" + number(left) + "\" height=\"" +
            number(height) + "\" viewBox=\"0 0 " + number(left) + " " + number(height) + "\">\n" +
            kStyle + "\n" + body + "</svg>\n";

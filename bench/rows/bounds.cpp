@@ -116,6 +116,7 @@ Phase medianOf(const std::vector<Run>& runs, Phase Run::*phase)
 {
     const auto field = [&](double Phase::*value) {
         std::vector<double> samples;
+        samples.reserve(runs.size());
         for (const Run& run : runs) {
             samples.push_back(run.*phase.*value);
         }

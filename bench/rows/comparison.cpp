@@ -11,6 +11,7 @@
 #include "process/device.h"
 #include "process/memory.h"
 #include "process/statistics.h"
+#include "process/warm-memory.h"
 #include "rows/kernel-runs.h"
 #include "rows/round-trips.h"
 
@@ -18,6 +19,7 @@ namespace quillon::bench {
 namespace {
 
 constexpr std::uint64_t kMiB = 1U << 20U;
+constexpr std::size_t kWarmBytes = 512U << 20U;
 constexpr const char* kStick = "/opt/media/USBDriveA1/";
 
 /// Something that is measured of a build.
@@ -61,6 +63,7 @@ double estimateAndUpdate(const std::string& buildFolder)
 {
     Service service(buildFolder);
     service.useStick(kStick);
+    warmMemory(kWarmBytes);
     return service.update().wallSeconds * 1000;
 }
 

@@ -28,6 +28,9 @@ public:
     /// @param folder   made when missing
     Swupdate(const std::string& payload, std::string folder, Writes writes);
 
+    /// Empties the target.
+    void empty() const;
+
     /// Installs the image, and looks whether the target is the payload. The wall time is that from
     /// the program's start to its word that the update was successful: it looks once a second
     /// whether it may end.

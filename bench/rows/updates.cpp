@@ -12,6 +12,7 @@
 #include "process/device.h"
 #include "process/finished-process.h"
 #include "process/statistics.h"
+#include "process/warm-memory.h"
 #include "rows/kernel-runs.h"
 #include "rows/rows.h"
 #include "rows/swupdate.h"
@@ -40,6 +41,7 @@ void measureBoth(const BenchPlan& plan, std::uint64_t bytes, std::vector<Row>& r
     const auto service = [&] {
         Service daemon(plan.buildFolder);
         daemon.useStick(kLargeStick);
+        warmMemory(2 * bytes);
         const double seconds = daemon.update().wallSeconds;
         peak = std::max(peak, static_cast<double>(daemon.peakMemory()));
         return seconds;
@@ -62,7 +64,8 @@ void measureBoth(const BenchPlan& plan, std::uint64_t bytes, std::vector<Row>& r
 }
 
 /// One update run, without the estimate before it, into a file.
-Taken updateRunIntoFile(const std::string& buildFolder, const std::string& target)
+Taken updateRunIntoFile(const std::string& buildFolder, const std::string& target,
+                        std::uint64_t bytes)
 {
     fs::remove(target);
     Service daemon(buildFolder);
@@ -70,6 +73,7 @@ Taken updateRunIntoFile(const std::string& buildFolder, const std::string& targe
     daemon.update();  // with the estimate that only the first one makes
     fs::remove(target);
     daemon.useStick(kLargeStick);
+    warmMemory(2 * bytes);
     return daemon.update();
 }
 
@@ -130,10 +134,17 @@ void measureBesideSwupdate(const BenchPlan& plan, const Workshop& workshop,
     const Swupdate direct(large, folder + "/direct", Swupdate::Writes::kWhileReading);
     const Swupdate smallest(tiny, folder + "/tiny", Swupdate::Writes::kOnceVerified);
 
-    Runs ours([&] { return updateRunIntoFile(plan.buildFolder, target); });
-    Runs theirs([&] { return verified.install(); });
-    Runs theirsDirect([&] { return direct.install(); });
-    Runs start([&] { return smallest.install(); });
+    Runs ours([&] { return updateRunIntoFile(plan.buildFolder, target, bytes); });
+    const auto installing = [bytes](const Swupdate& image) {
+        return [&image, bytes] {
+            image.empty();
+            warmMemory(2 * bytes);
+            return image.install();
+        };
+    };
+    Runs theirs(installing(verified));
+    Runs theirsDirect(installing(direct));
+    Runs start(installing(smallest));
     inTurns(plan.longRounds, {[&] { return ours.once(); }, [&] { return theirs.once(); },
                               [&] { return theirsDirect.once(); }, [&] { return start.once(); }});
     runToEnd({"cmp", target, large});

@@ -203,8 +203,9 @@ TEST(Swupdate, InstallsWhatWeMakeForIt)
     Workshop workshop(BUILD_FOLDER);
 
     for (const auto writes : {Swupdate::Writes::kOnceVerified, Swupdate::Writes::kWhileReading}) {
-        const Taken taken =
-            Swupdate(workshop.payload(100001), workshop.folder() + "swupdate", writes).install();
+        const Swupdate image(workshop.payload(100001), workshop.folder() + "swupdate", writes);
+        image.empty();
+        const Taken taken = image.install();
         EXPECT_GT(taken.wallSeconds, 0);
         EXPECT_GT(taken.cpuSeconds, 0);
     }
