@@ -5,6 +5,7 @@ set -eu
 . /boot-test/device.sh
 
 begin_with_service
+put_package panel 9.0 300000 3
 removed=$(main_process)
 apt-get remove --assume-yes quillon-service quillon-platform-linux quillon-tools quillon-dev </dev/null
 [ ! -e "/proc/$removed" ] || fail "the service is still running"

@@ -8,11 +8,11 @@ set -eu
 rm -rf "$controls"/*.so "$stick" /usr/share/sdp/quillon-key /etc/quillon/examples
 rmdir --ignore-fail-on-non-empty -p /opt/media /usr/share/sdp 2>/dev/null || true
 
-# A download and a mounted package are the packages' to clear away.
-put_package panel 9.0 300000 3
+# A package that was downloaded before the removal, and one that is mounted, are to be cleared away.
+[ -e "$packages/panelemp.img" ] || fail "the removal has taken a download away"
 if [ -e /dev/loop-control ]; then
     mkdir -p "$packages/emps/left"
-    mount -o loop,ro "$(echo "$packages"/panel*.img)" "$packages/emps/left"
+    mount -o loop,ro "$packages/panelemp.img" "$packages/emps/left"
 fi
 
 # What dpkg still knows of us, a package a line.
