@@ -94,6 +94,7 @@ std::string signedBy(const SigningWishes& wishes, const std::string& content)
     }
     if (wishes.signers.empty()) {  // which CMS_final does not want
         ASN1_OCTET_STRING** inside = CMS_get0_content(cms.get());
+        ASN1_OCTET_STRING_free(*inside);
         *inside = ASN1_OCTET_STRING_new();
         EXPECT_EQ(ASN1_STRING_set(*inside, content.data(), static_cast<int>(content.size())), 1);
     } else {
