@@ -1,13 +1,10 @@
-#include <getopt.h>
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <iostream>
 #include <optional>
-#include <string>
 
-#include "caller-names.h"
+#include "caller-options.h"
 #include "callers.h"
 #include "failure.h"
 #include "handle-request.h"
@@ -21,8 +18,8 @@ using namespace quillon::privileged;
 namespace {
 
 constexpr int kFailed = 1;
-constexpr int kWrongUsage = 2;
 
+constexpr const char* kName = "quillon-privileged";
 constexpr const char* kHelp =
     "usage: quillon-privileged [--user USER] [--group GROUP]\n"
     "\n"
@@ -37,52 +34,6 @@ constexpr const char* kHelp =
     "  -V, --version      the version\n"
     "\n"
     "Runs until SIGTERM or SIGINT. Exit status: 0 ended so, 1 failed, 2 wrong usage.\n";
-
-int complain(int status, const std::string& line)
-{
-    std::cerr << "quillon-privileged: " + line + "\n";
-    return status;
-}
-
-/// @return the exit status when there is nothing left to do
-std::optional<int> parseOptions(int argc, char** argv, Callers& callers)
-{
-    const option options[] = {{"user", required_argument, nullptr, 'u'},
-                              {"group", required_argument, nullptr, 'g'},
-                              {"help", no_argument, nullptr, 'h'},
-                              {"version", no_argument, nullptr, 'V'},
-                              {nullptr, 0, nullptr, 0}};
-    opterr = 0;
-    for (int letter = 0; (letter = getopt_long(argc, argv, "u:g:hV", options, nullptr)) != -1;) {
-        switch (letter) {
-            case 'u':
-                callers.user = userNamed(optarg);
-                if (!callers.user) {
-                    return complain(kWrongUsage, std::string("no such user: ") + optarg);
-                }
-                break;
-            case 'g':
-                callers.group = groupNamed(optarg);
-                if (!callers.group) {
-                    return complain(kWrongUsage, std::string("no such group: ") + optarg);
-                }
-                break;
-            case 'h':
-                std::cout << kHelp;
-                return 0;
-            case 'V':
-                std::cout << "quillon-privileged " QUILLON_VERSION "\n";
-                return 0;
-            default:
-                return complain(kWrongUsage, std::string("wrong option or no value: ") +
-                                                 argv[optind - 1] + "; see --help");
-        }
-    }
-    if (optind < argc) {
-        return complain(kWrongUsage, std::string("what is ") + argv[optind] + "? see --help");
-    }
-    return std::nullopt;
-}
 
 /// Readable once we are told to end.
 UniqueFd endSignal()
@@ -120,17 +71,17 @@ void serve(const Callers& callers)
 int main(int argc, char** argv)
 {
     Callers callers;
-    if (const auto status = parseOptions(argc, argv, callers)) {
+    if (const auto status = parseCallerOptions(argc, argv, kName, kHelp, callers)) {
         return *status;
     }
     if (geteuid() != 0) {
-        return complain(kFailed, "needs to run as root");
+        return complain(kName, kFailed, "needs to run as root");
     }
     static_cast<void>(signal(SIGPIPE, SIG_IGN));  // whoever reads what we say may go before us
     try {
         serve(callers);
         return 0;
     } catch (const Failure& failure) {
-        return complain(kFailed, failure.what());
+        return complain(kName, kFailed, failure.what());
     }
 }

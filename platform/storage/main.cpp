@@ -1,26 +1,22 @@
-#include <getopt.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <exception>
-#include <iostream>
-#include <optional>
-#include <string>
 
-#include "caller-names.h"
-#include "callers.h"
+#include "caller-options.h"
 #include "serve-client.h"
 
 using namespace quillon;
 using privileged::Callers;
+using privileged::complain;
 
 namespace {
 
 constexpr int kFailed = 1;
-constexpr int kWrongUsage = 2;
 constexpr unsigned kLongestLife = 30;  // seconds; no client waits any longer
 
+constexpr const char* kName = "quillon-storage";
 constexpr const char* kHelp =
     "usage: quillon-storage [--user USER] [--group GROUP] < CONNECTION\n"
     "\n"
@@ -36,52 +32,6 @@ constexpr const char* kHelp =
     "\n"
     "Exit status: 0 the client was answered or turned away, 1 failed, 2 wrong usage.\n";
 
-int complain(int status, const std::string& line)
-{
-    std::cerr << "quillon-storage: " + line + "\n";
-    return status;
-}
-
-/// @return the exit status when there is nothing left to do
-std::optional<int> parseOptions(int argc, char** argv, Callers& callers)
-{
-    const option options[] = {{"user", required_argument, nullptr, 'u'},
-                              {"group", required_argument, nullptr, 'g'},
-                              {"help", no_argument, nullptr, 'h'},
-                              {"version", no_argument, nullptr, 'V'},
-                              {nullptr, 0, nullptr, 0}};
-    opterr = 0;
-    for (int letter = 0; (letter = getopt_long(argc, argv, "u:g:hV", options, nullptr)) != -1;) {
-        switch (letter) {
-            case 'u':
-                callers.user = privileged::userNamed(optarg);
-                if (!callers.user) {
-                    return complain(kWrongUsage, std::string("no such user: ") + optarg);
-                }
-                break;
-            case 'g':
-                callers.group = privileged::groupNamed(optarg);
-                if (!callers.group) {
-                    return complain(kWrongUsage, std::string("no such group: ") + optarg);
-                }
-                break;
-            case 'h':
-                std::cout << kHelp;
-                return 0;
-            case 'V':
-                std::cout << "quillon-storage " QUILLON_VERSION "\n";
-                return 0;
-            default:
-                return complain(kWrongUsage, std::string("wrong option or no value: ") +
-                                                 argv[optind - 1] + "; see --help");
-        }
-    }
-    if (optind < argc) {
-        return complain(kWrongUsage, std::string("what is ") + argv[optind] + "? see --help");
-    }
-    return std::nullopt;
-}
-
 /// What passes through this process shall not end up in a core file.
 void keepMemoryPrivate()
 {
@@ -95,11 +45,11 @@ void keepMemoryPrivate()
 int main(int argc, char** argv)
 {
     Callers callers;
-    if (const auto status = parseOptions(argc, argv, callers)) {
+    if (const auto status = privileged::parseCallerOptions(argc, argv, kName, kHelp, callers)) {
         return *status;
     }
     if (geteuid() != 0) {
-        return complain(kFailed, "needs to run as root");
+        return complain(kName, kFailed, "needs to run as root");
     }
     keepMemoryPrivate();
     alarm(kLongestLife);
@@ -107,6 +57,6 @@ int main(int argc, char** argv)
         storage::serveClient(STDIN_FILENO, callers);
         return 0;
     } catch (const std::exception& failure) {
-        return complain(kFailed, failure.what());
+        return complain(kName, kFailed, failure.what());
     }
 }
