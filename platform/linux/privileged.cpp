@@ -1,92 +1,48 @@
 #include "platform/privileged.h"
 
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/un.h>
+#include <sys/types.h>
 
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
-#include "files.h"
+#include "helper-connection.h"
 #include "once.h"
 #include "platform-log.h"
 #include "privileged-protocol.h"
 
 namespace {
 
-using quillon::UniqueFd;
+using quillon::HelperConnection;
 using quillon::privileged::Answer;
 using quillon::privileged::Kind;
 using quillon::privileged::kProtocolVersion;
 using quillon::privileged::kTextSize;
 using quillon::privileged::Request;
 
-/// For each step. A mount takes as long as the device's storage does, and others may come first.
-constexpr timeval kLongestWait = {30, 0};
-
-// Each connection is one call's own, so that threads do not take each other's answers.
-UniqueFd connectToHelper()
+/// @return false with errno telling why
+bool receiveAnswer(HelperConnection& connection, Answer& answer)
 {
-    constexpr char kPath[] = QUILLON_PRIVILEGED_SOCKET;
-    sockaddr_un address = {};
-    static_assert(sizeof kPath <= sizeof address.sun_path, "the socket's path is too long");
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, kPath, sizeof kPath);
-
-    UniqueFd connection(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    if (!connection ||
-        setsockopt(connection.get(), SOL_SOCKET, SO_SNDTIMEO, &kLongestWait, sizeof kLongestWait) !=
-            0 ||
-        setsockopt(connection.get(), SOL_SOCKET, SO_RCVTIMEO, &kLongestWait, sizeof kLongestWait) !=
-            0) {
-        return UniqueFd();
-    }
-    int result = -1;
-    do {
-        result =
-            connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    } while (result != 0 && errno == EINTR);
-    return result == 0 ? std::move(connection) : UniqueFd();
-}
-
-bool sendRequest(int connection, const Request& request)
-{
-    ssize_t sent = -1;
-    do {
-        sent = send(connection, &request, sizeof request, MSG_NOSIGNAL);
-    } while (sent < 0 && errno == EINTR);
-    return sent == static_cast<ssize_t>(sizeof request);
-}
-
-bool receiveAnswer(int connection, Answer& answer)
-{
-    ssize_t received = -1;
-    do {
-        received = recv(connection, &answer, sizeof answer, MSG_TRUNC);
-    } while (received < 0 && errno == EINTR);
-    if (received < 0) {
+    const ssize_t size = connection.receive(&answer, sizeof answer);
+    if (size < 0) {
         return false;
     }
-    // An end of the connection is no answer, and neither is a stranger's packet.
-    errno = received == 0 ? ECONNRESET : EPROTO;
-    return received == static_cast<ssize_t>(sizeof answer) && answer.version == kProtocolVersion &&
+    errno = EPROTO;  // a stranger's packet is no answer
+    return size == static_cast<ssize_t>(sizeof answer) && answer.version == kProtocolVersion &&
            answer.result >= 0;
 }
 
 /// @return false with errno telling why, said in the log
 bool ask(const char* call, const Request& request, Answer& answer)
 {
-    const UniqueFd connection = connectToHelper();
-    if (!connection) {
+    HelperConnection connection;
+    if (!connection.open(QUILLON_PRIVILEGED_SOCKET)) {
         static quillon::Once said;
         if (said.first()) {
             PLATFORM_LOGE("%s: no privileged helper at " QUILLON_PRIVILEGED_SOCKET ": %m", call);
         }
         return false;
     }
-    if (!sendRequest(connection.get(), request) || !receiveAnswer(connection.get(), answer)) {
-        errno = errno == EAGAIN ? ETIMEDOUT : errno;
+    if (!connection.send(&request, sizeof request) || !receiveAnswer(connection, answer)) {
         PLATFORM_LOGE("%s: no answer from the privileged helper: %m", call);
         return false;
     }

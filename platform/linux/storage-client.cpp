@@ -1,13 +1,11 @@
 #include "storage-client.h"
 
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/un.h>
+#include <sys/types.h>
 
 #include <cerrno>
-#include <cstring>
 #include <string>
 
+#include "helper-connection.h"
 #include "install-package.h"
 #include "item-store.h"
 #include "platform-log.h"
@@ -21,55 +19,13 @@ namespace {
 using storage::Answer;
 using storage::Kind;
 
-constexpr timeval kLongestWait = {30, 0};
-
-/// @return 0, or -1 with errno telling why
-int connectTo(int connection)
-{
-    constexpr char kPath[] = QUILLON_STORAGE_SOCKET;
-    sockaddr_un address = {};
-    static_assert(sizeof kPath <= sizeof address.sun_path, "the socket's path is too long");
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, kPath, sizeof kPath);
-    int result = -1;
-    do {
-        result = connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    } while (result != 0 && errno == EINTR);
-    return result;
-}
-
-bool limitWaiting(int connection)
-{
-    return setsockopt(connection, SOL_SOCKET, SO_SNDTIMEO, &kLongestWait, sizeof kLongestWait) ==
-               0 &&
-           setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &kLongestWait, sizeof kLongestWait) == 0;
-}
-
-bool sendPacket(int connection, const SecretBytes& packet)
-{
-    ssize_t sent = -1;
-    do {
-        sent = send(connection, packet.data(), packet.size(), MSG_NOSIGNAL);
-    } while (sent < 0 && errno == EINTR);
-    return sent == static_cast<ssize_t>(packet.size());
-}
-
 /// @return false with errno telling why
-bool receivePacket(int connection, SecretBytes& packet)
+bool receivePacket(HelperConnection& connection, SecretBytes& packet)
 {
     packet.resize(storage::kLargestAnswer);
-    ssize_t received = -1;
-    do {
-        received = recv(connection, packet.data(), packet.size(), MSG_TRUNC);
-    } while (received < 0 && errno == EINTR);
-    if (received < 0) {
-        return false;
-    }
-    // An end of the connection is no answer, and neither is more than any answer has.
-    errno = received == 0 ? ECONNRESET : EPROTO;
-    const bool fits = received > 0 && static_cast<std::size_t>(received) <= packet.size();
-    packet.resize(fits ? static_cast<std::size_t>(received) : 0);
-    return fits;
+    const ssize_t size = connection.receive(packet.data(), packet.size());
+    packet.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+    return size > 0;
 }
 
 bool nobodyListens()
@@ -83,21 +39,19 @@ bool nobodyListens()
 std::optional<Answer> ask(Kind kind, const SecretBytes& request, int unanswered,
                           SecretBytes& packet)
 {
-    const UniqueFd connection(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    const bool connected =
-        connection && limitWaiting(connection.get()) && connectTo(connection.get()) == 0;
+    HelperConnection connection;
+    const bool connected = connection.open(QUILLON_STORAGE_SOCKET);
     if (!connected && nobodyListens()) {
         return std::nullopt;
     }
-    if (connected && sendPacket(connection.get(), request) &&
-        receivePacket(connection.get(), packet)) {
+    if (connected && connection.send(request.data(), request.size()) &&
+        receivePacket(connection, packet)) {
         if (const auto answer = storage::parseAnswer(kind, packet)) {
             return answer;
         }
         errno = EPROTO;
         packet.clear();
     }
-    errno = errno == EAGAIN ? ETIMEDOUT : errno;
     PLATFORM_LOGE("no answer from the storage helper at " QUILLON_STORAGE_SOCKET ": %m");
     return Answer{unanswered, {}};
 }

@@ -10,6 +10,7 @@
 #include <cstdlib>
 
 #include "failure.h"
+#include "packet-socket.h"
 
 namespace quillon::privileged {
 
@@ -41,13 +42,6 @@ UniqueFd newSocket()
         failWithErrno("socket");
     }
     return made;
-}
-
-int option(int socket, int name)
-{
-    int value = -1;
-    socklen_t size = sizeof value;
-    return getsockopt(socket, SOL_SOCKET, name, &value, &size) == 0 ? value : -1;
 }
 
 bool isOurs(const char* name, long expected)
@@ -113,9 +107,7 @@ std::optional<UniqueFd> inheritedSocket()
         return std::nullopt;
     }
     UniqueFd inherited(kFirstInherited);
-    if (!isOurs("LISTEN_FDS", 1) || option(kFirstInherited, SO_DOMAIN) != AF_UNIX ||
-        option(kFirstInherited, SO_TYPE) != SOCK_SEQPACKET ||
-        option(kFirstInherited, SO_ACCEPTCONN) != 1) {
+    if (!isOurs("LISTEN_FDS", 1) || !isPacketSocket(kFirstInherited, true)) {
         throw Failure(EINVAL, "what was handed over is not one listening SOCK_SEQPACKET socket");
     }
     const int flags = fcntl(kFirstInherited, F_GETFL);

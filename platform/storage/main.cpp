@@ -8,8 +8,6 @@
 #include "serve-client.h"
 
 using namespace quillon;
-using privileged::Callers;
-using privileged::complain;
 
 namespace {
 
@@ -45,7 +43,7 @@ void keepMemoryPrivate()
 int main(int argc, char** argv)
 {
     Callers callers;
-    if (const auto status = privileged::parseCallerOptions(argc, argv, kName, kHelp, callers)) {
+    if (const auto status = parseCallerOptions(argc, argv, kName, kHelp, callers)) {
         return *status;
     }
     if (geteuid() != 0) {

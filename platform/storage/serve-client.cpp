@@ -9,32 +9,13 @@
 #include "failure.h"
 #include "install-package.h"
 #include "item-store.h"
+#include "packet-socket.h"
 #include "platform-log.h"
 #include "storage-protocol.h"
 
 namespace quillon::storage {
 
 namespace {
-
-using privileged::Failure;
-using privileged::failWithErrno;
-using privileged::Peer;
-
-int optionOf(int socket, int name)
-{
-    int value = -1;
-    socklen_t size = sizeof value;
-    return getsockopt(socket, SOL_SOCKET, name, &value, &size) == 0 ? value : -1;
-}
-
-void requireConnection(int connection)
-{
-    if (optionOf(connection, SO_DOMAIN) != AF_UNIX ||
-        optionOf(connection, SO_TYPE) != SOCK_SEQPACKET ||
-        optionOf(connection, SO_ACCEPTCONN) != 0) {
-        throw Failure(ENOTSOCK, "standard input is not a client's connection");
-    }
-}
 
 bool waitForRequest(int connection)
 {
@@ -82,10 +63,12 @@ SecretBytes answerInstall(const Peer& peer, std::string_view package)
 
 }  // namespace
 
-void serveClient(int connection, const privileged::Callers& callers)
+void serveClient(int connection, const Callers& callers)
 {
-    requireConnection(connection);
-    const Peer peer = privileged::peerOf(connection);
+    if (!isPacketSocket(connection, false)) {
+        throw Failure(ENOTSOCK, "standard input is not a client's connection");
+    }
+    const Peer peer = peerOf(connection);
     if (!mayAsk(callers, peer)) {
         PLATFORM_LOGE("process %d refused: user %u may not ask", peer.pid, peer.user);
         return;

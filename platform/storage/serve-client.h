@@ -14,8 +14,8 @@ inline constexpr std::chrono::seconds kLongestSilence(5);
 /// nothing is read. A request that is none ends the connection without an answer. What was done,
 /// and why something was not, is told on the log.
 /// @param connection  a connected SOCK_SEQPACKET socket
-/// @throws privileged::Failure when it is anything else; std::bad_alloc
-void serveClient(int connection, const privileged::Callers& callers);
+/// @throws Failure when it is anything else; std::bad_alloc
+void serveClient(int connection, const Callers& callers);
 
 }  // namespace quillon::storage
 

@@ -25,7 +25,6 @@ using testing::IsEmpty;
 namespace quillon::test {
 namespace {
 
-using privileged::Callers;
 using storage::Kind;
 
 constexpr char kCertificates[] = "/etc/quillon/provisioning-certificates";
@@ -184,12 +183,12 @@ TEST_F(ServeClient, TakesOnlyAClientsConnection)
     const UniqueFd file(open("/dev/null", O_RDWR | O_CLOEXEC));
     const UniqueFd unconnected(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     for (const int other : {stream.get(), file.get(), -1}) {
-        EXPECT_THROW(storage::serveClient(other, {}), privileged::Failure);
+        EXPECT_THROW(storage::serveClient(other, {}), Failure);
     }
     captured.clear();
     try {
         storage::serveClient(unconnected.get(), {});
-    } catch (const privileged::Failure&) {
+    } catch (const Failure&) {
         return;
     }
     EXPECT_THAT(captured.text(), HasSubstr("refused"));

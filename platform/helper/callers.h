@@ -1,12 +1,12 @@
-#ifndef QUILLON_PLATFORM_PRIVILEGED_CALLERS_H
-#define QUILLON_PLATFORM_PRIVILEGED_CALLERS_H
+#ifndef QUILLON_PLATFORM_HELPER_CALLERS_H
+#define QUILLON_PLATFORM_HELPER_CALLERS_H
 
 #include <sys/types.h>
 
 #include <optional>
 #include <vector>
 
-namespace quillon::privileged {
+namespace quillon {
 
 /// Who is at the other end of a connection, as the kernel noted it when the connection was made.
 struct Peer
@@ -28,6 +28,6 @@ struct Callers
 
 bool mayAsk(const Callers& callers, const Peer& peer);
 
-}  // namespace quillon::privileged
+}  // namespace quillon
 
 #endif

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <iostream>
 
-namespace quillon::privileged {
+namespace quillon {
 
 namespace {
 
@@ -83,4 +83,4 @@ std::optional<int> parseCallerOptions(int argc, char** argv, const char* program
     return std::nullopt;
 }
 
-}  // namespace quillon::privileged
+}  // namespace quillon

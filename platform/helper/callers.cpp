@@ -6,7 +6,7 @@
 
 #include "failure.h"
 
-namespace quillon::privileged {
+namespace quillon {
 
 namespace {
 
@@ -49,4 +49,4 @@ bool mayAsk(const Callers& callers, const Peer& peer)
            std::find(peer.groups.begin(), peer.groups.end(), *callers.group) != peer.groups.end();
 }
 
-}  // namespace quillon::privileged
+}  // namespace quillon

@@ -1,12 +1,12 @@
-#ifndef QUILLON_PLATFORM_PRIVILEGED_CALLER_OPTIONS_H
-#define QUILLON_PLATFORM_PRIVILEGED_CALLER_OPTIONS_H
+#ifndef QUILLON_PLATFORM_HELPER_CALLER_OPTIONS_H
+#define QUILLON_PLATFORM_HELPER_CALLER_OPTIONS_H
 
 #include <optional>
 #include <string>
 
 #include "callers.h"
 
-namespace quillon::privileged {
+namespace quillon {
 
 /// The command line of a helper of root's: who may ask, --help, --version.
 /// @param program  the helper's name, @param help  all of its --help
@@ -19,6 +19,6 @@ std::optional<int> parseCallerOptions(int argc, char** argv, const char* program
 /// Says the line on standard error, with the program's name in front. @return the status
 int complain(const char* program, int status, const std::string& line);
 
-}  // namespace quillon::privileged
+}  // namespace quillon
 
 #endif

@@ -1,12 +1,12 @@
-#ifndef QUILLON_PLATFORM_PRIVILEGED_FAILURE_H
-#define QUILLON_PLATFORM_PRIVILEGED_FAILURE_H
+#ifndef QUILLON_PLATFORM_HELPER_FAILURE_H
+#define QUILLON_PLATFORM_HELPER_FAILURE_H
 
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
 #include <string>
 
-namespace quillon::privileged {
+namespace quillon {
 
 /// Something could not be done; what() is one line for the log.
 class Failure : public std::runtime_error
@@ -28,6 +28,6 @@ private:
     throw Failure(code, what + ": " + std::strerror(code));
 }
 
-}  // namespace quillon::privileged
+}  // namespace quillon
 
 #endif
