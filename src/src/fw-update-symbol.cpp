@@ -20,7 +20,7 @@
 #include "platform/app-binary-manager.h"
 #include "platform/verifier.h"
 #include "support/checksum.h"
-#include "support/huge-pages.h"
+#include "support/first-touch.h"
 #include "support/log.h"
 #include "support/paths.h"
 #include "support/regular-file.h"
@@ -166,7 +166,7 @@ unsigned char* aes_256_cbc_all(std::FILE* fp, const unsigned char* ckey, const u
     if (output == nullptr) {
         return nullptr;
     }
-    quillon::adviseHugePages(output, static_cast<std::size_t>(count));
+    quillon::easeFirstTouch(output, static_cast<std::size_t>(count));
 
     const std::int64_t limit = std::int64_t{count} - kTrailerSize;
     std::int64_t read = 0;
