@@ -15,7 +15,8 @@ namespace {
 
 using std::chrono::steady_clock;
 
-constexpr std::chrono::milliseconds kBetweenQuestions(1);
+/// Seldom enough to leave the processor to the update.
+constexpr std::chrono::milliseconds kBetweenQuestions(5);
 constexpr std::uint64_t kKibibyte = 1024;
 
 /// Measures from its making.

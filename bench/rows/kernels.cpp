@@ -2,6 +2,7 @@
 #include <filesystem>
 #include <string>
 
+#include "driven/placement.h"
 #include "driven/stick.h"
 #include "process/device.h"
 #include "process/finished-process.h"
@@ -143,6 +144,7 @@ void measureChecksums(const BenchPlan& plan, Workshop& workshop, std::vector<Row
 
 void measureKernels(const BenchPlan& plan, std::vector<Row>& rows, Json::Value& series)
 {
+    const OnProcessor here(processors().front());
     Workshop workshop(plan.buildFolder);
     measureDeciphering(plan, workshop, rows, series);
     measureChecksums(plan, workshop, rows);

@@ -45,7 +45,9 @@ void FormattedText::dropTrailingNewlines()
 
 void FormattedText::flattenToOneLine()
 {
-    for (char* at = text_; *at != '\0'; ++at) {
+    const bool isTerminated = length_ > 0 && text_[length_ - 1] == '\n';
+    const char* end = text_ + (isTerminated ? length_ - 1 : length_);
+    for (char* at = text_; at != end; ++at) {
         const auto byte = static_cast<unsigned char>(*at);
         if ((byte < ' ' && byte != '\t') || byte == 0x7f) {
             *at = ' ';

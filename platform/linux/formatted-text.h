@@ -15,7 +15,7 @@ namespace quillon {
 class FormattedText
 {
 public:
-    FormattedText() = default;
+    FormattedText() { shortText_[0] = '\0'; }
     FormattedText(const FormattedText&) = delete;
     FormattedText& operator=(const FormattedText&) = delete;
 
@@ -27,7 +27,8 @@ public:
     /// Cuts all newlines at the end.
     void dropTrailingNewlines();
 
-    /// Puts a space for every control character but the tab, which leaves one line.
+    /// Puts a space for every control character but the tab and a newline at the end, which leaves
+    /// one line.
     void flattenToOneLine();
 
     /// NUL-terminated; valid until the next change.
@@ -40,7 +41,7 @@ private:
         void operator()(char* memory) const { std::free(memory); }
     };
 
-    char shortText_[512] = "";
+    char shortText_[512];
     std::unique_ptr<char, Free> longText_;
     char* text_ = shortText_;
     std::size_t length_ = 0;

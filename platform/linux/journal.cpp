@@ -1,8 +1,10 @@
 #include "journal.h"
 
 #include <sys/uio.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <initializer_list>
 
 // The fields name the place that the message comes from, not the call in this file.
@@ -21,6 +23,22 @@ constexpr char kJournalSocket[] = "/run/systemd/journal/socket";
 // The same text at a lower priority is no error: a plug-in may lack its optional entries.
 constexpr int kError = 3;
 
+/// The library drops messages silently where there is no socket, so the socket is looked for: for
+/// each message, but only once a second on a machine that has none.
+bool hasJournal()
+{
+    constexpr time_t kNever = -1;
+    static std::atomic<time_t> missedAt{kNever};
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    if (missedAt == now.tv_sec) {
+        return false;
+    }
+    const bool found = access(kJournalSocket, F_OK) == 0;
+    missedAt = found ? kNever : now.tv_sec;
+    return found;
+}
+
 iovec pieceOf(const FormattedText& field)
 {
     return {const_cast<char*>(field.text()), field.length()};
@@ -30,8 +48,7 @@ iovec pieceOf(const FormattedText& field)
 
 bool sendToJournal(const LogMessage& message)
 {
-    // The library drops messages silently where there is no socket, so the socket is looked for.
-    if (access(kJournalSocket, F_OK) != 0) {
+    if (!hasJournal()) {
         return false;
     }
     FormattedText text;

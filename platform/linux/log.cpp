@@ -59,28 +59,32 @@ bool writeWhole(int file, const char* bytes, std::size_t size)
     return true;
 }
 
+/// Whoever set JOURNAL_STREAM reads the severity from a prefix; people read the letter.
+void formatLine(const LogMessage& message, FormattedText& line)
+{
+    const bool forPeople = std::getenv("JOURNAL_STREAM") == nullptr;
+    if (message.file == nullptr) {
+        forPeople ? line.format("%s %c %s\n", message.tag, message.letter, message.text)
+                  : line.format("<%d>%s: %s\n", message.severity, message.tag, message.text);
+        return;
+    }
+    forPeople ? line.format("%s %c %s: %s(%d) > %s\n", message.tag, message.letter, message.file,
+                            message.function, message.line, message.text)
+              : line.format("<%d>%s: %s: %s(%d) > %s\n", message.severity, message.tag,
+                            message.file, message.function, message.line, message.text);
+}
+
 bool sendToStandardError(const LogMessage& message)
 {
-    FormattedText place;
-    if (message.file != nullptr) {
-        place.format("%s: %s(%d) > ", message.file, message.function, message.line);
-    }
     FormattedText line;
-    // Whoever set JOURNAL_STREAM reads the severity from this prefix; people read the letter.
-    if (std::getenv("JOURNAL_STREAM") != nullptr) {
-        line.format("<%d>%s: %s%s", message.severity, message.tag, place.text(), message.text);
-    } else {
-        line.format("%s %c %s%s", message.tag, message.letter, place.text(), message.text);
-    }
+    formatLine(message, line);
     // A path that a client sent may hold newlines; it must not forge lines of its own.
     line.flattenToOneLine();
-    FormattedText terminated;
-    terminated.format("%s\n", line.text());
 
     // A pipe takes longer lines in pieces, which another thread's line could come between.
     static std::mutex oneLineAtATime;
     const std::lock_guard<std::mutex> lock(oneLineAtATime);
-    return writeWhole(STDERR_FILENO, terminated.text(), terminated.length());
+    return writeWhole(STDERR_FILENO, line.text(), line.length());
 }
 
 }  // namespace

@@ -9,7 +9,8 @@
 struct FakeJournal
 {
     bool present = false;
-    int result = 0;  ///< what the journal answers; below 0 it refuses
+    int lookedFor = 0;  ///< how often
+    int result = 0;     ///< what the journal answers; below 0 it refuses
     std::vector<std::vector<std::string>> messages;  ///< the fields of each message that it took
 };
 

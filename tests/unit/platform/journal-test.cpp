@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
 #include <string>
+#include <thread>
 
 #include "captured-stderr.h"
 #include "fake-journal.h"
@@ -130,6 +132,31 @@ TEST_F(LogToTheJournal, FallsBackToStandardErrorWhereThereIsNone)
     LOG(6, "T", "message");
     EXPECT_THAT(journal.messages, IsEmpty());
     EXPECT_EQ(captured.text(), "T E message\n");
+}
+
+TEST_F(LogToTheJournal, IsLookedForWithEachMessageWhileItIsThere)
+{
+    LOG(6, "T", "first");
+    LOG(6, "T", "second");
+    journal.present = false;
+    LOG(6, "T", "third");
+    EXPECT_EQ(journal.lookedFor, 3);
+    EXPECT_EQ(captured.text(), "T E third\n");
+}
+
+TEST_F(LogToTheJournal, IsLookedForOnceASecondWhereItIsMissing)
+{
+    journal.present = false;
+    for (int i = 0; i < 1000; ++i) {
+        LOG(6, "T", "message");
+    }
+    EXPECT_GE(journal.lookedFor, 1);
+    EXPECT_LE(journal.lookedFor, 3);
+
+    journal.present = true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    LOG(6, "T", "found");
+    EXPECT_THAT(journal.messages, ElementsAre(Contains("MESSAGE=found")));
 }
 
 }  // namespace
