@@ -44,7 +44,7 @@ enum
     MQ_RESULT_ACCEPTED = 0,     ///< the update was started, the path stored, the time is known
     MQ_RESULT_RUNNING = 1,      ///< an update is running
     MQ_RESULT_DONE = 2,         ///< the update finished; reported once
-    MQ_RESULT_REFUSED = -1,     ///< already updating, no key, or nothing to update
+    MQ_RESULT_REFUSED = -1,     ///< already updating; for MQ_COMMAND_TIME no key or no update
     MQ_RESULT_FAILED = -4,      ///< the update failed; reported once
     MQ_RESULT_NOT_RUNNING = -5  ///< no update is running
 };

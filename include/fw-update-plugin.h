@@ -5,11 +5,12 @@
 /// entries below by their unmangled names. A library whose name contains "EXT-", in any case, is
 /// not a firmware module for the service and is skipped.
 ///
-/// No two update entries (doUpdate, doUpdate_decryption) of a process run at once, but an update
-/// that has overrun its time is left running. Every other entry may therefore come from another
-/// thread while an update entry is still running, so a module guards the state that they share. A
-/// control layer calls the same entries in a process of its own. Between a check and an update the
-/// package is mounted anew: a module keeps no file of it open in between.
+/// Two firmware modules are not updated at once by one process, nor are two process modules; a
+/// firmware module and a process module may be. An update that has overrun its time is left
+/// running. Every entry may therefore come from another thread while an update entry is still
+/// running, so a module guards the state that they share. A control layer calls the same entries in
+/// a process of its own. Between a check and an update the package is mounted anew: a module keeps
+/// no file of it open in between.
 ///
 /// Compiles as C11 and as C++17.
 #ifndef FW_UPDATE_PLUGIN_H
@@ -82,8 +83,9 @@ int doUpdate(const char* path, unsigned long value);
 
 /* Optional entries. A library may leave any of them out. */
 
-/// Called for every module when a run is over, or a control layer is done. An update that overran
-/// its time may still be running.
+/// Called for every module when a run over all modules is over, or a control layer is done; not
+/// after an update from a USB stick or of one module. An update that overran its time may still be
+/// running.
 /// @return 0 on success; ignored.
 int allUpdateDone(void);
 
@@ -94,7 +96,8 @@ int allUpdateDone(void);
 /// @return 0 on success, else the module's own code.
 int doUpdate_decryption(const unsigned char* data, int length);
 
-/// Tells how long an update takes. Without this entry the module is never updated from a stick.
+/// Tells how long an update takes. Without this entry an estimate never marks the module
+/// for an update from a stick.
 /// @param seconds  receives the estimate in seconds
 /// @return 0 on success.
 int getExpectedTime(int* seconds);

@@ -90,7 +90,7 @@ int secondsBetween(const timespec& start, const timespec& now)
 
 int percentOf(int elapsedSeconds, int expectedSeconds)
 {
-    if (expectedSeconds <= 0) {
+    if (expectedSeconds == 0) {
         return 0;
     }
     return std::min(elapsedSeconds * 100 / expectedSeconds, kMostRunningPercent);

@@ -60,7 +60,7 @@ bool canFoldChecksum()
 
 }  // namespace quillon
 
-#elif defined(__aarch64__) && defined(__ARM_NEON)
+#elif defined(__aarch64__) && defined(__ARM_NEON) && !defined(__AARCH64EB__)
 
 #include <arm_neon.h>
 #include <sys/auxv.h>

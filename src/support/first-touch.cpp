@@ -1,6 +1,7 @@
 #include "support/first-touch.h"
 
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -8,7 +9,6 @@
 namespace quillon {
 namespace {
 
-constexpr std::uintptr_t kPage = 4096;  // a kernel with larger ones refuses what does not fit
 constexpr std::uintptr_t kHugePage = 2U << 20U;
 
 #ifdef MADV_POPULATE_WRITE
@@ -40,8 +40,9 @@ void advise(std::uintptr_t first, std::uintptr_t end, int advice)
 void easeFirstTouch(void* memory, std::size_t size)
 {
     const auto address = reinterpret_cast<std::uintptr_t>(memory);
-    const std::uintptr_t first = roundedUp(address, kPage);
-    const std::uintptr_t end = roundedDown(address + size, kPage);
+    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    const std::uintptr_t first = roundedUp(address, page);
+    const std::uintptr_t end = roundedDown(address + size, page);
     const std::uintptr_t firstHuge = roundedUp(address, kHugePage);
     const std::uintptr_t endHuge = roundedDown(address + size, kHugePage);
     const int callersErrno = errno;

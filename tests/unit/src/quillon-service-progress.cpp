@@ -153,11 +153,11 @@ TEST_F(Progress, IsZeroWithoutAnExpectedTime)
     EXPECT_EQ(outcome(), reply(2, 100));
 }
 
-TEST_F(Progress, IsZeroWithANegativeExpectedTime)
+TEST_F(Progress, IsNegativeWithANegativeExpectedTime)
 {
     startUpdate(-60);
 
-    EXPECT_EQ(askAt(after(kStart, 30)), reply(1, 0));
+    EXPECT_EQ(askAt(after(kStart, 30)), reply(1, -50));
 }
 
 TEST_F(Progress, OfLaterUpdatesGoesByTheExpectedTimeOfTheFirst)

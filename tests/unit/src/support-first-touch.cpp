@@ -30,6 +30,8 @@ protected:
     {
         const auto address = reinterpret_cast<std::uintptr_t>(mapping_);
         begin_ = mapping_ + (kHugePage - address % kHugePage) % kHugePage;
+        // A kernel may be set to hand out huge pages unasked.
+        madvise(mapping_, kSize + kHugePage, MADV_NOHUGEPAGE);
     }
     ~FirstTouch() override { munmap(mapping_, kSize + kHugePage); }
 
