@@ -12,7 +12,7 @@ namespace quillon {
 class Failure : public std::runtime_error
 {
 public:
-    /// @param code  positive, as in errno; what the client gets as its result
+    /// @param code  positive, as in errno; where the protocol has a result, the client gets it
     Failure(int code, const std::string& what) : std::runtime_error(what), code_(code) {}
 
     int code() const { return code_; }

@@ -43,16 +43,19 @@ void FormattedText::dropTrailingNewlines()
     }
 }
 
-void FormattedText::flattenToOneLine()
+void FormattedText::makeOneLine()
 {
-    const bool isTerminated = length_ > 0 && text_[length_ - 1] == '\n';
-    const char* end = text_ + (isTerminated ? length_ - 1 : length_);
-    for (char* at = text_; at != end; ++at) {
+    if (length_ == 0) {
+        return;
+    }
+    char* last = text_ + length_ - 1;
+    for (char* at = text_; at != last; ++at) {
         const auto byte = static_cast<unsigned char>(*at);
         if ((byte < ' ' && byte != '\t') || byte == 0x7f) {
             *at = ' ';
         }
     }
+    *last = '\n';
 }
 
 }  // namespace quillon

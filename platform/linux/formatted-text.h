@@ -27,9 +27,9 @@ public:
     /// Cuts all newlines at the end.
     void dropTrailingNewlines();
 
-    /// Puts a space for every control character but the tab and a newline at the end, which leaves
-    /// one line.
-    void flattenToOneLine();
+    /// Puts a space for every control character but the tab, and a newline in the place of the last
+    /// character: a text that was formatted with one at its end has it also when it was cut.
+    void makeOneLine();
 
     /// NUL-terminated; valid until the next change.
     const char* text() const { return text_; }

@@ -19,10 +19,14 @@ bool limitWaiting(int socket)
            setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &kLongestWait, sizeof kLongestWait) == 0;
 }
 
-/// What a socket says when its time is over, in the word that people know.
-void renameTimeout()
+/// @return the result; of a failed step whose time is over, errno is the word that people know
+template <typename Result>
+Result withTimeout(Result result)
 {
-    errno = errno == EAGAIN ? ETIMEDOUT : errno;
+    if (result < 0 && errno == EAGAIN) {
+        errno = ETIMEDOUT;
+    }
+    return result;
 }
 
 }  // namespace
@@ -46,8 +50,7 @@ bool HelperConnection::open(const char* path)
         result =
             connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
     } while (result != 0 && errno == EINTR);
-    renameTimeout();
-    return result == 0;
+    return withTimeout(result) == 0;
 }
 
 bool HelperConnection::send(const void* packet, std::size_t size)
@@ -56,8 +59,7 @@ bool HelperConnection::send(const void* packet, std::size_t size)
     do {
         sent = ::send(socket_.get(), packet, size, MSG_NOSIGNAL);
     } while (sent < 0 && errno == EINTR);
-    renameTimeout();
-    return sent == static_cast<ssize_t>(size);
+    return withTimeout(sent) == static_cast<ssize_t>(size);
 }
 
 ssize_t HelperConnection::receive(void* packet, std::size_t size)
@@ -67,8 +69,7 @@ ssize_t HelperConnection::receive(void* packet, std::size_t size)
         received = recv(socket_.get(), packet, size, MSG_TRUNC);
     } while (received < 0 && errno == EINTR);
     if (received < 0) {
-        renameTimeout();
-        return -1;
+        return withTimeout(received);
     }
     if (received == 0) {
         errno = ECONNRESET;

@@ -27,15 +27,15 @@ constexpr int kError = 3;
 /// each message, but only once a second on a machine that has none.
 bool hasJournal()
 {
-    constexpr time_t kNever = -1;
-    static std::atomic<time_t> missedAt{kNever};
+    static std::atomic<unsigned> missedAt{0};  // seconds, cut to what is atomic on any processor
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    if (missedAt == now.tv_sec) {
+    const auto second = static_cast<unsigned>(now.tv_sec) | 1U << 31U;  // never 0
+    if (missedAt == second) {
         return false;
     }
     const bool found = access(kJournalSocket, F_OK) == 0;
-    missedAt = found ? kNever : now.tv_sec;
+    missedAt = found ? 0 : second;
     return found;
 }
 

@@ -6,7 +6,8 @@
 namespace quillon {
 
 /// Hands a message with its fields to the journal.
-/// @return true when the journal took it; false when there is no journal on this machine, when this
+/// @return true when the journal took it; false when there is no journal on this machine, or was
+/// none a second ago, when this
 ///         build knows none, or when it refused: the message then belongs on standard error.
 /// Thread: any. Never throws. errno may be changed.
 bool sendToJournal(const LogMessage& message);

@@ -63,15 +63,17 @@ bool writeWhole(int file, const char* bytes, std::size_t size)
 void formatLine(const LogMessage& message, FormattedText& line)
 {
     const bool forPeople = std::getenv("JOURNAL_STREAM") == nullptr;
-    if (message.file == nullptr) {
-        forPeople ? line.format("%s %c %s\n", message.tag, message.letter, message.text)
-                  : line.format("<%d>%s: %s\n", message.severity, message.tag, message.text);
-        return;
+    if (forPeople && message.file != nullptr) {
+        line.format("%s %c %s: %s(%d) > %s\n", message.tag, message.letter, message.file,
+                    message.function, message.line, message.text);
+    } else if (forPeople) {
+        line.format("%s %c %s\n", message.tag, message.letter, message.text);
+    } else if (message.file != nullptr) {
+        line.format("<%d>%s: %s: %s(%d) > %s\n", message.severity, message.tag, message.file,
+                    message.function, message.line, message.text);
+    } else {
+        line.format("<%d>%s: %s\n", message.severity, message.tag, message.text);
     }
-    forPeople ? line.format("%s %c %s: %s(%d) > %s\n", message.tag, message.letter, message.file,
-                            message.function, message.line, message.text)
-              : line.format("<%d>%s: %s: %s(%d) > %s\n", message.severity, message.tag,
-                            message.file, message.function, message.line, message.text);
 }
 
 bool sendToStandardError(const LogMessage& message)
@@ -79,7 +81,7 @@ bool sendToStandardError(const LogMessage& message)
     FormattedText line;
     formatLine(message, line);
     // A path that a client sent may hold newlines; it must not forge lines of its own.
-    line.flattenToOneLine();
+    line.makeOneLine();
 
     // A pipe takes longer lines in pieces, which another thread's line could come between.
     static std::mutex oneLineAtATime;

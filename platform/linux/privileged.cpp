@@ -1,6 +1,7 @@
 #include "platform/privileged.h"
 
 #include <sys/types.h>
+#include <sys/un.h>
 
 #include <cerrno>
 #include <cstring>
@@ -11,6 +12,9 @@
 #include "privileged-protocol.h"
 
 namespace {
+
+static_assert(sizeof QUILLON_PRIVILEGED_SOCKET <= sizeof sockaddr_un::sun_path,
+              "the socket's path is too long");
 
 using quillon::HelperConnection;
 using quillon::privileged::Answer;
@@ -26,9 +30,12 @@ bool receiveAnswer(HelperConnection& connection, Answer& answer)
     if (size < 0) {
         return false;
     }
-    errno = EPROTO;  // a stranger's packet is no answer
-    return size == static_cast<ssize_t>(sizeof answer) && answer.version == kProtocolVersion &&
-           answer.result >= 0;
+    if (size != static_cast<ssize_t>(sizeof answer) || answer.version != kProtocolVersion ||
+        answer.result < 0) {
+        errno = EPROTO;  // a stranger's packet is no answer
+        return false;
+    }
+    return true;
 }
 
 /// @return false with errno telling why, said in the log

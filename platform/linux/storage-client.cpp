@@ -1,6 +1,7 @@
 #include "storage-client.h"
 
 #include <sys/types.h>
+#include <sys/un.h>
 
 #include <cerrno>
 #include <string>
@@ -15,6 +16,9 @@
 namespace quillon {
 
 namespace {
+
+static_assert(sizeof QUILLON_STORAGE_SOCKET <= sizeof sockaddr_un::sun_path,
+              "the socket's path is too long");
 
 using storage::Answer;
 using storage::Kind;

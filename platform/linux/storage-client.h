@@ -17,8 +17,7 @@ namespace quillon {
 std::optional<int> readThroughHelper(std::string_view item, SecretBytes& bytes);
 
 /// @return the result of sdp_install_from_file; nothing where no helper listens, and nothing is
-/// told
-///         then. Thread: any. Throws std::bad_alloc.
+/// told then. Thread: any. Throws std::bad_alloc.
 std::optional<int> installThroughHelper(const SecretBytes& package);
 
 }  // namespace quillon

@@ -136,7 +136,9 @@ TEST_F(LogToTheJournal, FallsBackToStandardErrorWhereThereIsNone)
 
 TEST_F(LogToTheJournal, IsLookedForWithEachMessageWhileItIsThere)
 {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // it may just have been missed
     LOG(6, "T", "first");
+    journal.lookedFor = 1;
     LOG(6, "T", "second");
     journal.present = false;
     LOG(6, "T", "third");
