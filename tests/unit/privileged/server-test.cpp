@@ -226,21 +226,3 @@ TEST_F(PrivilegedServer, OutlivesClientsThatGoWithoutTheirAnswer)
     }
     EXPECT_EQ(ask(client(), request(Kind::Mount, "b")), kHandled);
 }
-
-TEST(PrivilegedCallers, AreRootAndWhoIsNamed)
-{
-    const Peer root{1, 0, {0}};
-    const Peer user{1, 1000, {100, 200}};
-    Callers callers;
-    EXPECT_TRUE(mayAsk(callers, root));
-    EXPECT_FALSE(mayAsk(callers, user));
-    callers.user = 1001;
-    EXPECT_FALSE(mayAsk(callers, user));
-    callers.user = 1000;
-    EXPECT_TRUE(mayAsk(callers, user));
-    callers = Callers();
-    callers.group = 300;
-    EXPECT_FALSE(mayAsk(callers, user));
-    callers.group = 200;
-    EXPECT_TRUE(mayAsk(callers, user));
-}

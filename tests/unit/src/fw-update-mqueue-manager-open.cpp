@@ -176,6 +176,18 @@ TEST_F(MQueueOpen, EveryoneMayUseTheQueuesWhateverTheUmask)
     EXPECT_EQ(modeOf(Client().replies()), 0666U);
 }
 
+TEST_F(MQueueOpen, EveryoneMayUseQueuesThatWereLeftBehindForFewer)
+{
+    umask(077);
+    leaveQueueBehind(kServiceQueue, 10, 284, nullptr);
+    leaveQueueBehind(kControlQueue, 10, 284, nullptr);
+
+    ASSERT_TRUE(manager->getIsReady(true));
+
+    EXPECT_EQ(modeOf(Client().commands()), 0666U);
+    EXPECT_EQ(modeOf(Client().replies()), 0666U);
+}
+
 TEST_F(MQueueOpen, LabelIncludesItsTerminator)
 {
     manager->onCreate(true);

@@ -181,6 +181,16 @@ TEST_F(ImageFile, RewrittenUnderTheSameModificationTimeCountsAsNotSigned)
     expectBothToRefuse();
 }
 
+TEST_F(ImageFile, WhoseRightsChangeDuringVerificationCountsAsNotSigned)
+{
+    whileVerifying([] {
+        usleep(50000);  // file times may be as coarse as that
+        ASSERT_EQ(chmod(kImage, 0600), 0);
+    });
+
+    expectBothToRefuse();
+}
+
 TEST_F(ImageFile, GrownDuringVerificationCountsAsNotSigned)
 {
     whileVerifying([this] { stick.addImage("alpha", image + noise(16)); });

@@ -83,6 +83,17 @@ TEST_F(Queries, NeverWriteBehindThe127BytesOfTheName)
     EXPECT_EQ(firmwareName[kNameSize], '#');
 }
 
+TEST_F(Queries, CutALongerNameWithoutATerminator)
+{
+    // Without "emp" the module is not loaded, but its name stays and its entries are bound.
+    install(Module().withEmpid(std::string(127, 'n')));
+
+    EXPECT_EQ(askVersion("alpha"), 0);
+
+    EXPECT_EQ(std::string(firmwareName.data(), kNameSize), std::string(kNameSize, 'n'));
+    EXPECT_EQ(firmwareName[kNameSize], '#');
+}
+
 TEST_F(Queries, HandThePlugInTheCallersVersionBuffer)
 {
     install(Module().running(std::string(FW_PLUGIN_TEXT_SIZE, 'v')));

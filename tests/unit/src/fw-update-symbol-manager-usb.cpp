@@ -1,6 +1,7 @@
 #include <climits>
 
 #include "fw-update-symbol-manager-registry.h"
+#include "support/checksum.h"
 
 using namespace quillon::fakes;
 using namespace quillon::test;
@@ -261,6 +262,27 @@ TEST_F(UsbRun, WithoutAnEstimateFindsNothingToDo)
     EXPECT_EQ(run(), -1);
 
     EXPECT_THAT(timeline(), IsEmpty());
+}
+
+TEST_F(UsbRun, WithoutAnEstimateGoesByTheMarksOfTheLastCheck)
+{
+    threeModules();
+    const Bytes image = bytesOf("image");
+    writeFile("/lib/firmware/ext/alpha/alpha.bin", image);
+    writeFile("/lib/firmware/ext/alpha/info.json",
+              "{\"version\": \"2.0\", \"crc\": " +
+                  std::to_string(quillon::imageChecksum(0, image.data(), image.size())) + "}");
+    for (FWUpdateSymbol& module : manager->modules()) {
+        std::string none;
+        if (module.getLibName() == "alpha") {
+            ASSERT_EQ(module.isNeedUpdate(CALLER_SYSTEM, none.data()), 1);
+        }
+    }
+    clear();
+
+    EXPECT_EQ(run(), 0);
+
+    EXPECT_THAT(updatedModules(), ElementsAre("alpha"));
 }
 
 TEST_F(UsbRun, LeavesModulesAloneThatAreUpToDate)

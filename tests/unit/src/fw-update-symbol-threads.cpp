@@ -65,5 +65,25 @@ TEST_F(SymbolThreads, TwoModulesMayBeVerifiedAndDecipheredAtOnce)
     }
 }
 
+TEST_F(SymbolThreads, TheFirstChecksumsMayBeTakenAtOnce)
+{
+    const std::string path = "/opt/media/nine-digits";
+    writeFile(path, "123456789");
+    std::atomic<bool> go{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] {
+            FWUpdateSymbol own("alpha");
+            while (!go) {
+            }
+            EXPECT_EQ(own.getBinaryCRC32(path), 0x6A50465CU);
+        });
+    }
+    go = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
 }  // namespace
 }  // namespace quillon::test
