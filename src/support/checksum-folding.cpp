@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "support/checksum-distance.h"
 #include "support/checksum-slicing.h"
 
 // A lane holds 16 bytes of the message, the first of them in its most significant bits. Every
@@ -127,29 +128,6 @@ constexpr std::size_t kLanes = 8;
 constexpr std::size_t kLaneBytes = 16;
 constexpr std::size_t kStepBytes = kLanes * kLaneBytes;
 
-/// x^exponent modulo the polynomial.
-std::uint64_t powerOfX(unsigned int exponent)
-{
-    std::uint32_t power = 1;
-    for (unsigned int i = 0; i < exponent; ++i) {
-        const bool carry = (power & 0x80000000U) != 0;
-        power <<= 1U;
-        if (carry) {
-            power ^= kChecksumPolynomial;
-        }
-    }
-    return power;
-}
-
-/// What moves a lane on by a distance in bits: one constant for each of its halves.
-struct Distance
-{
-    explicit Distance(unsigned int bits) : high(powerOfX(bits + 64)), low(powerOfX(bits)) {}
-
-    std::uint64_t high;
-    std::uint64_t low;
-};
-
 }  // namespace
 
 QUILLON_FOLDING std::uint32_t checksumByFolding(std::uint32_t crc, const unsigned char* data,
@@ -158,8 +136,8 @@ QUILLON_FOLDING std::uint32_t checksumByFolding(std::uint32_t crc, const unsigne
     if (size < 2 * kStepBytes) {
         return checksumBySlicing(crc, data, size);
     }
-    static const Distance step(8 * kStepBytes);
-    static const Distance lane(8 * kLaneBytes);
+    static const ChecksumDistance step(8 * kStepBytes);
+    static const ChecksumDistance lane(8 * kLaneBytes);
     const Lane byStep = laneOf(step.high, step.low);
     const Lane byLane = laneOf(lane.high, lane.low);
 

@@ -10,7 +10,8 @@ namespace quillon {
 ///
 /// Polynomial 0x01B23CA3, most significant bit first, initial value 0, nothing reflected, no final
 /// XOR; not the common CRC-32. Check value: the digits "123456789" give 0x6A50465C.
-/// The processor decides on first use how it is computed: checksum-folding.h, checksum-slicing.h.
+/// The processor decides on first use how it is computed: checksum-wide-folding.h,
+/// checksum-folding.h, checksum-slicing.h.
 ///
 /// @param crc   0, or the result for the bytes before
 /// @param data  `size` bytes

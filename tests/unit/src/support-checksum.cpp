@@ -13,6 +13,7 @@
 
 #include "support/checksum-folding.h"
 #include "support/checksum-slicing.h"
+#include "support/checksum-wide-folding.h"
 #include "support/image.h"
 
 namespace quillon::test {
@@ -95,6 +96,9 @@ protected:
         if (GetParam() == &checksumByFolding && !canFoldChecksum()) {
             GTEST_SKIP() << "this processor does not multiply without carries";
         }
+        if (GetParam() == &checksumByWideFolding && !canFoldChecksumWide()) {
+            GTEST_SKIP() << "this processor does not multiply two lanes at once";
+        }
     }
 };
 
@@ -134,7 +138,8 @@ TEST_P(ChecksumKernel, ContinuesOverRandomPieces)
 TEST_P(ChecksumKernel, ReadsNothingBesideItsBytes)
 {
     // A heap block of exactly the size: the sanitizers see every byte that is read beside it.
-    for (const std::size_t size : {1U, 15U, 16U, 17U, 255U, 256U, 257U, 383U, 384U, 1000U}) {
+    for (const std::size_t size :
+         {1U, 15U, 16U, 17U, 255U, 256U, 257U, 383U, 384U, 511U, 512U, 513U, 1000U}) {
         const Bytes bytes = noise(size);
         const std::unique_ptr<unsigned char[]> exact(new unsigned char[size]);
         std::copy(bytes.begin(), bytes.end(), exact.get());
@@ -143,19 +148,25 @@ TEST_P(ChecksumKernel, ReadsNothingBesideItsBytes)
 }
 
 INSTANTIATE_TEST_SUITE_P(Ways, ChecksumKernel,
-                         ::testing::Values(&checksumByFolding, &checksumBySlicing),
+                         ::testing::Values(&checksumByWideFolding, &checksumByFolding,
+                                           &checksumBySlicing),
                          [](const auto& kernel) {
-                             return kernel.param == &checksumByFolding ? "folding" : "slicing";
+                             return kernel.param == &checksumByWideFolding ? "wide_folding"
+                                    : kernel.param == &checksumByFolding   ? "folding"
+                                                                           : "slicing";
                          });
 
-TEST(ImageChecksum, FoldsWhereTheProcessorCan)
+bool processorHas(const std::string& feature)
 {
     std::ifstream processor("/proc/cpuinfo");
     const std::string text{std::istreambuf_iterator<char>(processor), {}};
-    const bool multiplies =
-        text.find(" pclmulqdq") != std::string::npos || text.find(" pmull") != std::string::npos;
+    return text.find(" " + feature) != std::string::npos;
+}
 
-    EXPECT_EQ(canFoldChecksum(), multiplies);
+TEST(ImageChecksum, FoldsWhereTheProcessorCan)
+{
+    EXPECT_EQ(canFoldChecksum(), processorHas("pclmulqdq") || processorHas("pmull"));
+    EXPECT_EQ(canFoldChecksumWide(), processorHas("vpclmulqdq") && processorHas("avx2"));
 }
 
 }  // namespace
