@@ -7,7 +7,6 @@
 #include <utility>
 #include <vector>
 
-#include "driven/placement.h"
 #include "driven/service.h"
 #include "driven/stick.h"
 #include "process/device.h"
@@ -35,32 +34,21 @@ std::string sizeName(std::uint64_t bytes)
     return std::to_string(bytes / kMiB) + " MiB";
 }
 
-/// Free memory is a processor's own for a while: what another one has warmed would not be used.
-void warmMemoryOn(int processor, std::uint64_t bytes)
-{
-    const OnProcessor here(processor);
-    warmMemory(bytes);
-}
-
 /// Estimate and update with everything trivial but the service: what its own work takes.
 void measureBoth(const BenchPlan& plan, std::uint64_t bytes, std::vector<Row>& rows)
 {
     double peak = 0;
-    const std::vector<int> places = processors();
     const auto service = [&] {
         Service daemon(plan.buildFolder);
-        placeOn(daemon.pid(), places.front());
         daemon.useStick(kLargeStick);
-        warmMemoryOn(places.front(), 2 * bytes);
-        const OnProcessor asking(places.back());
+        warmMemory(2 * bytes);
         const double seconds = daemon.update().wallSeconds;
         peak = std::max(peak, static_cast<double>(daemon.peakMemory()));
         return seconds;
     };
     const std::string image = kLargeStick + moduleName(1) + ".bin";
     const auto twice = [&](const char* kernel) {
-        return [&plan, &places, &image, kernel] {
-            const OnProcessor here(places.front());
+        return [&plan, &image, kernel] {
             return 2 * kernelTime(plan.buildFolder, kernel, image) / 1000;
         };
     };

@@ -166,7 +166,7 @@ unsigned char* aes_256_cbc_all(std::FILE* fp, const unsigned char* ckey, const u
     if (output == nullptr) {
         return nullptr;
     }
-    quillon::easeFirstTouch(output, static_cast<std::size_t>(count));
+    const quillon::EasedFirstTouch eased(output, static_cast<std::size_t>(count));
 
     const std::int64_t limit = std::int64_t{count} - kTrailerSize;
     std::int64_t read = 0;

@@ -1,15 +1,20 @@
 #include "support/first-touch.h"
 
+#include <sched.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
+#include <exception>
 
 namespace quillon {
 namespace {
 
 constexpr std::uintptr_t kHugePage = 2U << 20U;
+
+/// Below, starting a thread costs about what it saves.
+constexpr std::uintptr_t kWorthAThread = 8U << 20U;
 
 #ifdef MADV_POPULATE_WRITE
 constexpr int kPopulate = MADV_POPULATE_WRITE;
@@ -28,16 +33,21 @@ std::uintptr_t roundedDown(std::uintptr_t address, std::uintptr_t page)
 }
 
 /// From one address to the other; nothing when there is nothing between them.
-void advise(std::uintptr_t first, std::uintptr_t end, int advice)
+/// @return whether the kernel did it
+bool advise(std::uintptr_t first, std::uintptr_t end, int advice)
 {
-    if (first < end) {
-        static_cast<void>(madvise(reinterpret_cast<void*>(first), end - first, advice));
-    }
+    return first < end && madvise(reinterpret_cast<void*>(first), end - first, advice) == 0;
+}
+
+bool hasAnotherProcessor()
+{
+    cpu_set_t processors;
+    return sched_getaffinity(0, sizeof processors, &processors) == 0 && CPU_COUNT(&processors) > 1;
 }
 
 }  // namespace
 
-void easeFirstTouch(void* memory, std::size_t size)
+EasedFirstTouch::EasedFirstTouch(void* memory, std::size_t size)
 {
     const auto address = reinterpret_cast<std::uintptr_t>(memory);
     const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
@@ -53,7 +63,27 @@ void easeFirstTouch(void* memory, std::size_t size)
     } else {
         advise(first, end, kPopulate);
     }
+    if (size >= kWorthAThread && hasAnotherProcessor()) {
+        try {
+            // The first huge page is the writer's own: it is about to touch that one itself.
+            ahead_ = std::thread([this, page = firstHuge + kHugePage, endHuge]() mutable {
+                while (page < endHuge && !isOver_ && advise(page, page + kHugePage, kPopulate)) {
+                    page += kHugePage;
+                }
+            });
+        } catch (const std::exception&) {
+            // Then every page is the writer's own.
+        }
+    }
     errno = callersErrno;
+}
+
+EasedFirstTouch::~EasedFirstTouch()
+{
+    isOver_ = true;
+    if (ahead_.joinable()) {
+        ahead_.join();
+    }
 }
 
 }  // namespace quillon
