@@ -36,10 +36,14 @@ QUILLON_WIDE_FOLDING inline Lanes load(const unsigned char* bytes)
     return reversed(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(bytes)));
 }
 
+QUILLON_WIDE_FOLDING inline __m128i laneOf(std::uint64_t high, std::uint64_t low)
+{
+    return _mm_set_epi64x(static_cast<long long>(high), static_cast<long long>(low));
+}
+
 QUILLON_WIDE_FOLDING inline Lanes bothBy(const ChecksumDistance& distance)
 {
-    return _mm256_broadcastsi128_si256(_mm_set_epi64x(static_cast<long long>(distance.high),
-                                                      static_cast<long long>(distance.low)));
+    return _mm256_broadcastsi128_si256(laneOf(distance.high, distance.low));
 }
 
 /// The lanes moved on by the constants' distance, plus the lanes that stand there.
@@ -73,8 +77,8 @@ QUILLON_WIDE_FOLDING std::uint32_t checksumByWideFolding(std::uint32_t crc,
     for (std::size_t i = 0; i < kRegisters; ++i) {
         registers[i] = load(data + i * kRegisterBytes);
     }
-    const auto before = static_cast<long long>(std::uint64_t{crc} << 32U);
-    registers[0] = _mm256_xor_si256(registers[0], _mm256_set_epi64x(0, 0, before, 0));
+    const Lanes before = _mm256_zextsi128_si256(laneOf(std::uint64_t{crc} << 32U, 0));
+    registers[0] = _mm256_xor_si256(registers[0], before);
     data += kStepBytes;
     size -= kStepBytes;
     for (; size >= kStepBytes; data += kStepBytes, size -= kStepBytes) {
