@@ -757,6 +757,7 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* path)
         return -1;
     }
 
+    // A record that nothing was loaded into is refused on purpose: its entries cannot be called.
     if (!setContext_ || !checkVersion_) {
         FW_LOGE("Error: %s has no plug-in", libName_.c_str());
         return -1;
@@ -831,6 +832,7 @@ int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* pat
         return -1;
     }
 
+    // A record that nothing was loaded into is refused on purpose: its entries cannot be called.
     if (!setContext_ || !checkVersion_) {
         FW_LOGE("Error: %s has no plug-in", libName_.c_str());
         return -1;
