@@ -14,8 +14,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <random>
+#include <sstream>
 #include <thread>
 
 #include "platform/privileged.h"
@@ -47,7 +47,9 @@ int connectToHelper()
 std::string contentOfFile(const std::string& path)
 {
     std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::ostringstream content;
+    content << file.rdbuf();  // no exception for a loop device that is freed meanwhile
+    return content.str();
 }
 
 std::string oneFileFolder(const std::string& name, const std::string& content)

@@ -10,7 +10,6 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -38,7 +37,9 @@ std::vector<pid_t> processes()
 std::string contentOf(pid_t pid, const char* name)
 {
     std::ifstream file("/proc/" + std::to_string(pid) + "/" + name);
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::ostringstream content;
+    content << file.rdbuf();  // no exception for a process that ends between open and read
+    return content.str();
 }
 
 pid_t parentOf(pid_t pid)

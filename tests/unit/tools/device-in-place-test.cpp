@@ -105,6 +105,15 @@ TEST_F(DeviceInPlace, EndsItsDaemonsWithTheCommand)
     EXPECT_EQ(result.out, "3\ngone\n");
 }
 
+TEST_F(DeviceInPlace, IsNotDisturbedByProcessesThatComeAndGo)
+{
+    const Result result = container(
+        "for n in 1 2 3 4 5 6 7 8; do (while :; do (:); (:); (:); done) & done; "
+        "for n in $(seq 200); do $IN_PLACE true || exit 5; done");
+
+    EXPECT_EQ(result.status, 0) << result.err;
+}
+
 TEST_F(DeviceInPlace, RunsOneDeviceAfterTheOther)
 {
     const Result result = container(

@@ -12,6 +12,7 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -152,8 +153,9 @@ int processesWith(const std::string& word)
     std::error_code ignored;
     for (const fs::directory_entry& entry : fs::directory_iterator("/proc", ignored)) {
         std::ifstream file(entry.path() / "cmdline");
-        const std::string line(std::istreambuf_iterator<char>(file), {});
-        count += line.find(word) != std::string::npos ? 1 : 0;
+        std::ostringstream line;
+        line << file.rdbuf();  // no exception for a process that ends between open and read
+        count += line.str().find(word) != std::string::npos ? 1 : 0;
     }
     return count;
 }
