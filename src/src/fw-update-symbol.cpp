@@ -15,6 +15,7 @@
 #include <fstream>
 #include <limits>
 #include <mutex>
+#include <optional>
 
 #include "fw-update-mount-manager.h"
 #include "platform/app-binary-manager.h"
@@ -66,13 +67,23 @@ std::int64_t sizeOf(const std::string& path)
     return status.st_size;
 }
 
+/// What the dynamic linker has against the calling thread's last request, if anything. It is a
+/// copy: the linker's own text ends with the thread's next request, and a platform's log may make
+/// one.
+std::optional<std::string> linkerError()
+{
+    const char* error = dlerror();
+    return error != nullptr ? std::optional<std::string>(error) : std::nullopt;
+}
+
 /// Looks an entry up in a library and binds it; an entry that is not there leaves the slot empty.
-/// @return what the dynamic linker says about it, null when nothing is wrong
+/// @return what the dynamic linker has against it, if anything
 template <typename Signature>
-const char* bindEntry(std::function<Signature>& slot, void* library, const char* name)
+std::optional<std::string> bindEntry(std::function<Signature>& slot, void* library,
+                                     const char* name)
 {
     slot = reinterpret_cast<Signature*>(dlsym(library, name));
-    return dlerror();
+    return linkerError();
 }
 
 /// aes_256_cbc_all for any count; one that does not fit into an int counts as too large for memory.
@@ -116,15 +127,16 @@ int uep_verify(const char* path)
         // cipher alone.
         void* handle = dlopen(quillon::paths::kVerifierLibrary, RTLD_LAZY);
         if (handle == nullptr) {
-            FW_LOGE("[uep][%s] pHandle Error: %s\n", kVerifierCaller, dlerror());
+            FW_LOGE("[uep][%s] pHandle Error: %s\n", kVerifierCaller,
+                    linkerError().value_or("").c_str());
             return 1;
         }
         dlerror();
         const auto entry = reinterpret_cast<decltype(&verifyFile)>(dlsym(handle, kVerifierEntry));
-        const char* error = dlerror();
-        if (error != nullptr || entry == nullptr) {
+        const std::optional<std::string> error = linkerError();
+        if (error || entry == nullptr) {
             FW_LOGE("[uep][%s] dlsym Error: %s\n", kVerifierCaller,
-                    error != nullptr ? error : "the entry is null");
+                    error.value_or("the entry is null").c_str());
             dlclose(handle);
             return 1;
         }
@@ -223,7 +235,8 @@ int FWUpdateSymbol::loadSymbol(const std::string& name)
 
     void* handle = dlopen(resolved.data(), RTLD_NOW);
     if (handle == nullptr) {
-        FW_LOGE("Error: dlsym libfile: %s error: %s\n", path.c_str(), dlerror());
+        FW_LOGE("Error: dlsym libfile: %s error: %s\n", path.c_str(),
+                linkerError().value_or("").c_str());
     }
     unbind();  // nothing may point into a library of an earlier load, which is closed now
     library_.reset(handle, quillon::LibraryCloser());
@@ -231,42 +244,41 @@ int FWUpdateSymbol::loadSymbol(const std::string& name)
         return -1;
     }
 
-    if (const char* error = bindEntry(setContext_, library_.get(), "setContext")) {
-        FW_LOGE("Error: dlsym error: %s\n", error);
+    if (const auto error = bindEntry(setContext_, library_.get(), "setContext")) {
+        FW_LOGE("Error: dlsym error: %s\n", error->c_str());
         return -1;
     }
-    if (const char* error = bindEntry(getEMPID_, library_.get(), "getEMPID")) {
-        FW_LOGE("Error: dlsym error: %s\n", error);
+    if (const auto error = bindEntry(getEMPID_, library_.get(), "getEMPID")) {
+        FW_LOGE("Error: dlsym error: %s\n", error->c_str());
         return -1;
     }
-    if (const char* error = bindEntry(getActiveVersion_, library_.get(), "getActiveVersion")) {
-        FW_LOGE("Error: dlsym error: %s\n", error);
+    if (const auto error = bindEntry(getActiveVersion_, library_.get(), "getActiveVersion")) {
+        FW_LOGE("Error: dlsym error: %s\n", error->c_str());
         return -1;
     }
-    if (const char* error = bindEntry(checkVersion_, library_.get(), "checkVersion")) {
-        FW_LOGE("Error: dlsym error: %s\n", error);
+    if (const auto error = bindEntry(checkVersion_, library_.get(), "checkVersion")) {
+        FW_LOGE("Error: dlsym error: %s\n", error->c_str());
         return -1;
     }
-    if (const char* error = bindEntry(doUpdate_, library_.get(), "doUpdate")) {
-        FW_LOGE("Error: dlsym error: %s\n", error);
+    if (const auto error = bindEntry(doUpdate_, library_.get(), "doUpdate")) {
+        FW_LOGE("Error: dlsym error: %s\n", error->c_str());
         return -1;
     }
 
-    if (const char* error = bindEntry(allUpdateDone_, library_.get(), "allUpdateDone")) {
-        FW_LOGD("Error: dlsym error: %s\n", error);
+    if (const auto error = bindEntry(allUpdateDone_, library_.get(), "allUpdateDone")) {
+        FW_LOGD("Error: dlsym error: %s\n", error->c_str());
         allUpdateDone_ = nullptr;
     }
-    if (const char* error =
-            bindEntry(doUpdate_decryption_, library_.get(), "doUpdate_decryption")) {
-        FW_LOGD("Error: dlsym error: %s\n", error);
+    if (const auto error = bindEntry(doUpdate_decryption_, library_.get(), "doUpdate_decryption")) {
+        FW_LOGD("Error: dlsym error: %s\n", error->c_str());
         doUpdate_decryption_ = nullptr;
     }
-    if (const char* error = bindEntry(getExpectedTime_, library_.get(), "getExpectedTime")) {
-        FW_LOGD("Error: dlsym error: %s\n", error);
+    if (const auto error = bindEntry(getExpectedTime_, library_.get(), "getExpectedTime")) {
+        FW_LOGD("Error: dlsym error: %s\n", error->c_str());
         getExpectedTime_ = nullptr;
     }
-    if (const char* error = bindEntry(getUpdateProgress_, library_.get(), "getUpdateProgress")) {
-        FW_LOGD("Error: dlsym error: %s\n", error);
+    if (const auto error = bindEntry(getUpdateProgress_, library_.get(), "getUpdateProgress")) {
+        FW_LOGD("Error: dlsym error: %s\n", error->c_str());
         getUpdateProgress_ = nullptr;
     }
 

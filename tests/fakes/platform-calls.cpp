@@ -1,5 +1,7 @@
 // Every platform call, recorded and answered as the test has programmed it.
 
+#include <dlfcn.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
@@ -86,9 +88,12 @@ void recordTrace(int priority, const char* tag, const char* file, const char* fu
     record(std::move(entry));
 }
 
-// The platform may change errno, so this one does: who needs it must have kept it.
-void spoilErrno()
+// The platform may change errno, and the text that the dynamic linker last had for this thread, so
+// this one does: who needs them must have kept them.
+void spoilThreadState()
 {
+    static_cast<void>(dlsym(RTLD_DEFAULT, "a name that no library has"));
+    static_cast<void>(dlerror());
     errno = EBADMSG;
 }
 
@@ -159,7 +164,7 @@ int __dlog_print(int buffer, int priority, const char* tag, const char* format, 
     va_start(arguments, format);
     recordLog(buffer, priority, tag, format, arguments);
     va_end(arguments);
-    spoilErrno();
+    spoilThreadState();
     return 0;
 }
 
@@ -170,7 +175,7 @@ int trace_logger_write(int priority, const char* tag, const char* file, const ch
     va_start(arguments, format);
     recordTrace(priority, tag, file, function, line, format, arguments);
     va_end(arguments);
-    spoilErrno();
+    spoilThreadState();
     return 0;
 }
 
