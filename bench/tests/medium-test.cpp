@@ -1,5 +1,6 @@
 #include "medium/mounted-medium.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -27,6 +28,12 @@ double secondsToRead(const std::string& path)
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
 }
 
+/// The kernel may take a few pages from the cache again whenever it wants, and read them anew.
+auto isOrLittleMore(std::size_t size)
+{
+    return ::testing::AllOf(::testing::Ge(size), ::testing::Lt(size + kSize / 10));
+}
+
 class SlowMedium : public ::testing::Test
 {
 protected:
@@ -48,11 +55,11 @@ TEST_F(SlowMedium, TakesItsTimeOnceAndTheCacheNone)
     const MountedMedium medium(program, kFolder, kPlace, kSpeed);
 
     EXPECT_GE(secondsToRead(file), 0.19);
-    EXPECT_EQ(medium.use().bytes, kSize);
-    EXPECT_NEAR(medium.use().busySeconds, 0.2, 0.001);
+    EXPECT_THAT(medium.use().bytes, isOrLittleMore(kSize));
+    EXPECT_NEAR(medium.use().busySeconds, static_cast<double>(medium.use().bytes) / kSpeed, 0.001);
 
     secondsToRead(file);
-    EXPECT_EQ(medium.use().bytes, kSize);
+    EXPECT_THAT(medium.use().bytes, isOrLittleMore(kSize));
 }
 
 TEST_F(SlowMedium, IsReadAgainAfterItWasDroppedFromTheCache)
@@ -63,7 +70,7 @@ TEST_F(SlowMedium, IsReadAgainAfterItWasDroppedFromTheCache)
     EXPECT_EQ(dropFromCache(file), 0);
 
     EXPECT_GE(secondsToRead(file), 0.19);
-    EXPECT_EQ(medium.use().bytes, 2 * kSize);
+    EXPECT_THAT(medium.use().bytes, isOrLittleMore(2 * kSize));
 }
 
 TEST_F(SlowMedium, IsUnmountedAtTheEnd)
