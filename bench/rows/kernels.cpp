@@ -128,8 +128,6 @@ void measureDeciphering(const BenchPlan& plan, Workshop& workshop, std::vector<R
                             fixed(speed / 1e9, 2) + " GB/s; OpenSSL " +
                                 fixed(taken.openssl / 1e9, 2) + " GB/s; ours with all processors " +
                                 fixed(speedOnAll / 1e9, 2) + " GB/s"});
-        }
-        if (isLargest) {
             series["decipheringParts"] = decipheringParts(plan, image);
         }
     }
