@@ -202,13 +202,14 @@ TEST_F(HostileRecords, TenThousandOfThemLeaveTheDaemonServingAndStoppingInOrder)
         EXPECT_GT(reader.replies(), 1000);
         EXPECT_EQ(reader.strangeReplies(), 0);
     }
-    // The last command may still be at work; its reply would be taken for another's.
-    ASSERT_TRUE(channel->setPath(kStick));
-    while (channel->receive(milliseconds(300))) {
-    }
+    // The last command may still be at work; its reply would be taken for another's. It has been
+    // sent when the daemon takes one more, which has none.
+    ASSERT_TRUE(channel->send(Channel::record(0)));
+    ASSERT_TRUE(eventually([&] { return channel->waitingCommands() == 0; }, seconds(60)));
+    channel->drain();
 
     expectItStillServes();
-    EXPECT_EQ(daemon.threads(), threads);
+    EXPECT_TRUE(eventually([&] { return daemon.threads() == threads; }, seconds(10)));
     EXPECT_THAT(daemon.stop(), Optional(0));
 }
 
@@ -252,6 +253,7 @@ TEST_F(HostileRecords, AClientThatReadsNoReplyHoldsTheDaemonUpUntilSomebodyDoes)
     }
     ASSERT_TRUE(
         eventually([&] { return channel->waitingReplies() == FW_MQ_MAX_MESSAGES; }, seconds(20)));
+    ASSERT_TRUE(eventually([&] { return channel->waitingCommands() <= 2; }, seconds(20)));
     usleep(100000);
     EXPECT_EQ(channel->waitingCommands(), 2) << "one waits to be answered, two to be taken";
 

@@ -177,8 +177,8 @@ TEST_F(LateUpdate, OutlivesTwoLaterUpdatesAndTheRegistry)
     holdUpTheNextMount();
     expectTimeOut("alpha", CALLER_SERVICE);
 
-    EXPECT_EQ(guard("bravo"), 0);
-    EXPECT_EQ(guard("bravo"), 0);
+    EXPECT_EQ(update_timeout_wrapper(module("bravo"), 30, CALLER_SYSTEM, noText), 0);
+    EXPECT_EQ(update_timeout_wrapper(module("bravo"), 30, CALLER_SYSTEM, noText), 0);
     manager->onDestroy();
     EXPECT_THAT(callTexts(), Not(Contains(closed("alpha"))));
     EXPECT_THAT(askedFor("doUpdate"), ElementsAre("bravo", "bravo"));

@@ -265,7 +265,8 @@ TEST_F(RunAll, PassesOverAFailedUpdate)
 
 TEST_F(RunAll, PassesOverATimeOut)
 {
-    const std::vector<std::string> names = threeModules(0);
+    const std::vector<std::string> names = threeModules();
+    offer(names[1], names[1] + "emp", 0);
     markAll();
     Gate gate;
     platform().psMount.always([&gate, &names](const char* request) {
@@ -281,10 +282,10 @@ TEST_F(RunAll, PassesOverATimeOut)
     EXPECT_THAT(askedFor("allUpdateDone"), ElementsAreArray(names));
     EXPECT_THAT(ownTexts(Kind::Log),
                 ElementsAre(kTry, checkedLine(names[0]), checkedLine(names[1]),
-                            checkedLine(names[2]), totalLine("0"), kLocked,
-                            names[0] + " update time 0 ms", names[1] + " update time 0 ms",
+                            checkedLine(names[2]), totalLine("60000"), kLocked,
+                            names[0] + " update time 30 ms", names[1] + " update time 0 ms",
                             names[1] + " update timeout", "Error : " + names[1] + " update timeout",
-                            names[2] + " update time 0 ms", kUnlocking, kUnlocked));
+                            names[2] + " update time 30 ms", kUnlocking, kUnlocked));
     EXPECT_THAT(ownTimeline(), Contains(LogFrom("doUpdateFirmwareAll", ERROR,
                                                 "Error : " + names[1] + " update timeout")));
     // Nobody waits for it any more.
