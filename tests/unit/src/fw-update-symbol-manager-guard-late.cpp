@@ -148,7 +148,7 @@ TEST_F(LateUpdate, MayBeOneThatSignalsWhenTheGuardIsAboutToWait)
     // The guard has its lock by then, which must not hold up the worker.
     beforeTimedWait([&mayEnd, threads] {
         mayEnd = true;
-        for (int i = 0; i < 1000 && threadsOfThisProcess() > threads; ++i) {
+        for (int i = 0; i < 20000 && threadsOfThisProcess() > threads; ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
     });
