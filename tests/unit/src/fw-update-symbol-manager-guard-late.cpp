@@ -151,6 +151,7 @@ TEST_F(LateUpdate, MayBeOneThatSignalsWhenTheGuardIsAboutToWait)
         for (int i = 0; i < 20000 && threadsOfThisProcess() > threads; ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
+        EXPECT_EQ(threadsOfThisProcess(), threads);
     });
 
     expectTimeOut("alpha");

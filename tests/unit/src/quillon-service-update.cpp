@@ -37,7 +37,7 @@ int countOf(const std::string& call)
 class UpdateCommands : public ControlTest
 {
 protected:
-    /// The per cent of a reply go by the clock, which a slow machine must not drive.
+    /// A reply's percentage goes by the clock, which a slow machine must not drive.
     UpdateCommands() { setMonotonicTime({1000, 0}); }
 };
 
