@@ -144,6 +144,7 @@ TEST_F(LateUpdate, MayBeOneThatSignalsWhenTheGuardIsAboutToWait)
                                }
                            }));
     start();
+    recordCalls({"pthread_create"});  // a sanitizer's own thread runs from here on
     const int threads = threadsOfThisProcess();
     // The guard has its lock by then, which must not hold up the worker.
     beforeTimedWait([&mayEnd, threads] {
