@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 #include "support/log.h"
 
@@ -55,6 +56,7 @@ bool FWUpdateMQManager::getIsReady(bool isOwner)
 
 bool FWUpdateMQManager::onCreate(bool isOwner)
 {
+    creator_ = getpid();
     mq_attr attributes{};
     attributes.mq_flags = 0;
     attributes.mq_maxmsg = FW_MQ_MAX_MESSAGES;
@@ -130,16 +132,19 @@ int FWUpdateMQManager::send(mqd_t queue, MQData* record)
 
 bool FWUpdateMQManager::onDestroy()
 {
+    // A child that a plug-in forked off and that calls exit() comes here as well: the queues are
+    // its parent's.
+    const bool mayRemove = isOwner_ && creator_ == getpid();
     // The descriptors keep their values on purpose: a manager is destroyed once, at process exit.
     if (serviceQueue_ != -1) {
         static_cast<void>(mq_close(serviceQueue_));
-        if (isOwner_) {
+        if (mayRemove) {
             static_cast<void>(mq_unlink(serviceName_.c_str()));
         }
     }
     if (controlQueue_ != -1) {
         static_cast<void>(mq_close(controlQueue_));
-        if (isOwner_) {
+        if (mayRemove) {
             static_cast<void>(mq_unlink(controlName_.c_str()));
         }
     }

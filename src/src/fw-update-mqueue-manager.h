@@ -62,7 +62,8 @@ public:
     /// @return 0, or -1 with errno.
     int send(mqd_t queue, MQData* record);
 
-    /// Closes the queues; the owner removes their names as well.
+    /// Closes the queues; the owner removes their names as well, but not in a child that was forked
+    /// off after they were opened.
     /// @return true, always.
     bool onDestroy();
 
@@ -79,6 +80,7 @@ private:
     std::string serviceName_;
     mqd_t serviceQueue_ = -1;
     mqd_t controlQueue_ = -1;
+    pid_t creator_ = 0;  ///< process that opened them
 };
 
 #endif

@@ -127,3 +127,14 @@ TEST_F(MQueueClose, HappensByItselfWhenTheProcessExits)
     EXPECT_FALSE(queueIsThere("/fwupdateservice_usb"));
     EXPECT_FALSE(queueIsThere("/fwupdatecontrol_usb"));
 }
+
+TEST_F(MQueueClose, AChildThatExitsLeavesTheQueuesToTheProcessThatMadeThem)
+{
+    ASSERT_TRUE(manager->getIsReady(true));
+
+    EXPECT_EXIT(std::exit(0), ::testing::ExitedWithCode(0), "");
+
+    EXPECT_TRUE(queuesAreThere());
+    manager->onDestroy();
+    EXPECT_FALSE(queueIsThere("/fwupdateservice_usb"));
+}
