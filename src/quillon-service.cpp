@@ -37,6 +37,7 @@ namespace {
 constexpr const char* kKeyItem = "quillon";
 constexpr int kKeyMissing = 5;
 constexpr unsigned int kKeyReadMode = 33;
+constexpr std::size_t kDigitPair = 3;       // characters, with their end
 constexpr std::size_t kCipherKeyText = 32;  // characters that the cipher takes from dec_key
 
 constexpr useconds_t kPollPause = 10000;
@@ -146,8 +147,11 @@ int ss_read_and_use_securestorage_code()
         return ENOMEM;
     }
     dec_key = reinterpret_cast<unsigned char*>(text);
+    // The bound cuts keys of one and two bytes. Three bytes, a pair and its end, have room
+    // anywhere.
+    const std::size_t bound = std::min(size, kDigitPair);
     for (std::size_t i = 0; i < size; ++i) {
-        static_cast<void>(std::snprintf(text + 2 * i, size, "%02x", data[i]));
+        static_cast<void>(std::snprintf(text + 2 * i, bound, "%02x", data[i]));
     }
     dec_key_size = static_cast<std::uint32_t>(2 * size);
     ss_free_buffer(data);
