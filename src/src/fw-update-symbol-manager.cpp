@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -94,14 +95,17 @@ void work(Rendezvous& rendezvous, CallerTypes caller)
     rendezvous.done.notify_one();
 }
 
-/// Opens the update list anew. Neither a link nor a FIFO that somebody put there can lead or hold
-/// up the writing.
+/// Opens the update list anew. Nothing that somebody put there can lead or hold up the writing: no
+/// link, no FIFO, and no second name of somebody's file, which is emptied only after it was looked
+/// at.
 quillon::UniqueFile createUpdateList()
 {
     quillon::UniqueDescriptor descriptor(
-        open(quillon::paths::kUpdateList,
-             O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kUpdateListMode));
-    if (descriptor.get() == -1) {
+        open(quillon::paths::kUpdateList, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+             kUpdateListMode));
+    struct stat status = {};
+    if (descriptor.get() == -1 || fstat(descriptor.get(), &status) != 0 ||
+        !S_ISREG(status.st_mode) || status.st_nlink != 1 || ftruncate(descriptor.get(), 0) != 0) {
         return nullptr;
     }
     quillon::UniqueFile file(fdopen(descriptor.get(), "w"));

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "fw-update-symbol-manager-runs.h"
+#include "support/unique-handles.h"
 
 using namespace quillon::fakes;
 using namespace quillon::test;
@@ -252,6 +253,31 @@ TEST_F(UpdateList, ThatCannotBeOpenedIsNotReported)
     EXPECT_THAT(logTexts().back(), "Need Update [alpha][alphaemp]");
     EXPECT_TRUE(std::filesystem::is_directory(kUpdateList));
     EXPECT_TRUE(module("alpha").getNeedUpdate());
+}
+
+TEST_F(UpdateList, ThatIsASecondNameOfAnotherFileIsNotWritten)
+{
+    install();
+    const char* victim = "/tmp/victim";
+    writeFile(victim, "untouched");
+    ASSERT_EQ(link(victim, kUpdateList), 0);
+
+    EXPECT_EQ(write(), 1);
+
+    EXPECT_EQ(textOf(victim), "untouched");
+    EXPECT_THAT(logTexts().back(), "Need Update [alpha][alphaemp]");
+}
+
+TEST_F(UpdateList, IsNotWrittenIntoAPipeThatHasAReader)
+{
+    install();
+    ASSERT_EQ(mkfifo(kUpdateList, 0600), 0);
+    const quillon::UniqueDescriptor reader(open(kUpdateList, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+
+    EXPECT_EQ(write(), 1);
+
+    char byte = 0;
+    EXPECT_EQ(read(reader.get(), &byte, 1), 0) << "nobody has written";
 }
 
 TEST_F(UpdateList, DoesNotWaitForTheReaderOfAPipe)
