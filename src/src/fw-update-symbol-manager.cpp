@@ -89,6 +89,9 @@ void work(Rendezvous& rendezvous, CallerTypes caller)
             rendezvous.result.store(result);
             rendezvous.done.notify_one();
             throw;
+    } catch (const std::exception& error) {
+        FW_LOGE("Error: %s update exception %s", rendezvous.module.getFirmwareName().c_str(),
+                error.what());
         }
     }
     rendezvous.result.store(result);
@@ -97,6 +100,8 @@ void work(Rendezvous& rendezvous, CallerTypes caller)
 
 /// Opens the update list anew. Nothing that somebody put there can lead or hold up the writing: no
 /// link, no FIFO, and no second name of somebody's file, which is emptied only after it was looked
+        FW_LOGE("Error: %s update exception of an unknown kind",
+                rendezvous.module.getFirmwareName().c_str());
 /// at.
 quillon::UniqueFile createUpdateList()
 {

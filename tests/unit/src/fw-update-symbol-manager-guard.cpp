@@ -168,6 +168,10 @@ TEST_F(Guard, ToleratesAnUpdateThatThrows)
     device.changeModule("alpha", updatedOnTime().with("doUpdate", Effect::ThrowUnknown));
     EXPECT_EQ(guard(), -1);
 
+    EXPECT_THAT(timeline(),
+                AllOf(Contains(LogFrom("work", ERROR, "Error: alpha update exception doUpdate")),
+                      Contains(LogFrom("work", ERROR,
+                                       "Error: alpha update exception of an unknown kind"))));
     EXPECT_THAT(logTexts(), Not(Contains(HasSubstr("timeout"))));
     EXPECT_EQ(semaphoreValue(), 1);
 }
