@@ -50,9 +50,10 @@ extern "C" {
 
 /// Says for whom the following calls are made. Called before anything else, and again before each
 /// getActiveVersion, before the checkVersion that begins a piece of work, and before doUpdate.
-/// @param libraryName  the module's library name; valid during the call only
-/// @param argument     the caller's argument text, often empty, may be null; valid during the call
-///                     only, and not to be changed
+/// @param libraryName  the module's library name; valid as long as the library is loaded
+/// @param argument     the caller's argument text, often empty, may be null; not to be changed. An
+///                     empty one is valid as long as the library is loaded, any other until the
+///                     caller's query or update has ended
 /// @return 0 on success.
 int setContext(const char* libraryName, CallerTypes caller, char* argument);
 

@@ -65,7 +65,14 @@ struct Rendezvous
     {
     }
 
-    char* argument() { return hasText ? text.data() : nullptr; }
+    /// As the caller's, but the empty one stays valid for ever: plug-ins may keep it.
+    char* argument()
+    {
+        if (!hasText) {
+            return nullptr;
+        }
+        return text.empty() ? quillon::emptyText() : text.data();
+    }
 
     std::mutex mutex;
     std::condition_variable done;
@@ -82,6 +89,9 @@ void work(Rendezvous& rendezvous, CallerTypes caller)
     int result = -1;
     try {
         result = rendezvous.module.updateFirmware(caller, rendezvous.argument());
+    } catch (const std::exception& error) {
+        FW_LOGE("Error: %s update exception %s", rendezvous.module.getFirmwareName().c_str(),
+                error.what());
     } catch (...) {
         // An exception of a plug-in ends its update, not the process. The one that cannot be had is
         // the C library's: the plug-in ended its thread, and the library insists on the rest of it.
@@ -89,10 +99,9 @@ void work(Rendezvous& rendezvous, CallerTypes caller)
             rendezvous.result.store(result);
             rendezvous.done.notify_one();
             throw;
-    } catch (const std::exception& error) {
-        FW_LOGE("Error: %s update exception %s", rendezvous.module.getFirmwareName().c_str(),
-                error.what());
         }
+        FW_LOGE("Error: %s update exception of an unknown kind",
+                rendezvous.module.getFirmwareName().c_str());
     }
     rendezvous.result.store(result);
     rendezvous.done.notify_one();
@@ -100,8 +109,6 @@ void work(Rendezvous& rendezvous, CallerTypes caller)
 
 /// Opens the update list anew. Nothing that somebody put there can lead or hold up the writing: no
 /// link, no FIFO, and no second name of somebody's file, which is emptied only after it was looked
-        FW_LOGE("Error: %s update exception of an unknown kind",
-                rendezvous.module.getFirmwareName().c_str());
 /// at.
 quillon::UniqueFile createUpdateList()
 {
@@ -354,9 +361,9 @@ int FWUpdateSymbolManager::doUpdateFirmwareAll(CallerTypes /*caller*/)
         if (!module.getNeedUpdate()) {
             continue;
         }
-        char noText[] = "";
         try {
-            update_timeout_wrapper(module, expectedSeconds(module), CALLER_SERVICE, noText);
+            update_timeout_wrapper(module, expectedSeconds(module), CALLER_SERVICE,
+                                   quillon::emptyText());
         } catch (const std::runtime_error& error) {
             FW_LOGE("Error : %s", error.what());
         }
@@ -421,8 +428,7 @@ int FWUpdateSymbolManager::writeFirmwareUpdateList(bool& running)
             FW_LOGE("Task is not running, writeFirmwareUpdateList stop");
             return -1;
         }
-        char noText[] = "";
-        if (module.isNeedUpdate(CALLER_SERVICE, noText) != 1) {
+        if (module.isNeedUpdate(CALLER_SERVICE, quillon::emptyText()) != 1) {
             continue;
         }
         const std::string libName = module.getLibName();

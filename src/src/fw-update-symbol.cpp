@@ -217,7 +217,8 @@ unsigned char* aes_256_cbc_all(std::FILE* fp, const unsigned char* ckey, const u
     return output;
 }
 
-FWUpdateSymbol::FWUpdateSymbol(const std::string& libName) : libName_(libName)
+FWUpdateSymbol::FWUpdateSymbol(const std::string& libName)
+    : libName_(std::make_shared<const std::string>(libName))
 {
 }
 
@@ -231,7 +232,7 @@ int FWUpdateSymbol::loadSymbol(const std::string& name)
     if (realpath(path.c_str(), resolved.data()) == nullptr) {
         return -1;
     }
-    libName_ = name;
+    libName_ = std::make_shared<const std::string>(name);
 
     void* handle = dlopen(resolved.data(), RTLD_NOW);
     if (handle == nullptr) {
@@ -239,7 +240,8 @@ int FWUpdateSymbol::loadSymbol(const std::string& name)
                 linkerError().value_or("").c_str());
     }
     unbind();  // nothing may point into a library of an earlier load, which is closed now
-    library_.reset(handle, quillon::LibraryCloser());
+    // The plug-in may have kept the name that it was told: it outlives the library.
+    library_.reset(handle, [name = libName_](void* library) { quillon::LibraryCloser()(library); });
     if (!library_) {
         return -1;
     }
@@ -282,13 +284,12 @@ int FWUpdateSymbol::loadSymbol(const std::string& name)
         getUpdateProgress_ = nullptr;
     }
 
-    char noArgument[] = "";
-    setContext(CALLER_SERVICE, noArgument);
+    setContext(CALLER_SERVICE, quillon::emptyText());
 
-    if (quillon::toUpper(libName_).find("EXT-") != std::string::npos) {
+    if (quillon::toUpper(*libName_).find("EXT-") != std::string::npos) {
         isLoaded_ = false;
         symbolType_ = 1;
-        FW_LOGE("Not Update Symbol [%s]", libName_.c_str());
+        FW_LOGE("Not Update Symbol [%s]", libName_->c_str());
         return 0;
     }
 
@@ -347,13 +348,12 @@ int FWUpdateSymbol::getEMPID(std::string& out)
 
 int FWUpdateSymbol::setContext(CallerTypes caller, char* arg)
 {
-    return setContext_(libName_.c_str(), caller, arg);
+    return setContext_(libName_->c_str(), caller, arg);
 }
 
 int FWUpdateSymbol::getActiveVersion(char* buffer)
 {
-    char noArgument[] = "";
-    setContext(CALLER_SERVICE, noArgument);
+    setContext(CALLER_SERVICE, quillon::emptyText());
     return getActiveVersion_(buffer);
 }
 
@@ -431,7 +431,7 @@ std::string FWUpdateSymbol::getEMPName() const
 
 std::string FWUpdateSymbol::getLibName() const
 {
-    return libName_;
+    return *libName_;
 }
 
 const FWInformation& FWUpdateSymbol::getInformation() const
@@ -610,7 +610,7 @@ bool FWUpdateSymbol::unmountEMPImage()
 
 int FWUpdateSymbol::isNeedUpdate(CallerTypes caller, char* arg)
 {
-    FW_LOGE("%s Firmware isNeedUpdateModules Try(%s)", firmwareName_.c_str(), libName_.c_str());
+    FW_LOGE("%s Firmware isNeedUpdateModules Try(%s)", firmwareName_.c_str(), libName_->c_str());
     const UPDATE_TYPE type = CallerToUpdateType(caller, arg);
     // Never unmounted here on purpose: the update that follows, or the module's owner, does that.
     if (type == UPDATE_EMP && !mountEMPImage()) {
@@ -734,9 +734,9 @@ int FWUpdateSymbol::runProcess(CallerTypes caller, char* arg)
         return -1;
     }
     // The library's name stands where the others get their image's path.
-    const int result = doUpdate(libName_.c_str(), 0, 0);
+    const int result = doUpdate(libName_->c_str(), 0, 0);
     if (result != 0) {
-        FW_LOGE("Error: %s runProcess Fail (%d:%m)", libName_.c_str(), errno);
+        FW_LOGE("Error: %s runProcess Fail (%d:%m)", libName_->c_str(), errno);
         return -1;
     }
     return 0;
@@ -771,11 +771,11 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* path)
 
     // A record that nothing was loaded into is refused on purpose: its entries cannot be called.
     if (!setContext_ || !checkVersion_) {
-        FW_LOGE("Error: %s has no plug-in", libName_.c_str());
+        FW_LOGE("Error: %s has no plug-in", libName_->c_str());
         return -1;
     }
-    char noArgument[] = "";
-    setContext(CALLER_USB_IMAGE, noArgument);  // the answer does not matter: checkVersion decides
+    // The answer does not matter: checkVersion decides.
+    setContext(CALLER_USB_IMAGE, quillon::emptyText());
 
     const std::int64_t size = sizeOf(imagePath);
     std::array<unsigned char, kIvSize> iv{};
@@ -846,11 +846,10 @@ int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* pat
 
     // A record that nothing was loaded into is refused on purpose: its entries cannot be called.
     if (!setContext_ || !checkVersion_) {
-        FW_LOGE("Error: %s has no plug-in", libName_.c_str());
+        FW_LOGE("Error: %s has no plug-in", libName_->c_str());
         return -1;
     }
-    char noArgument[] = "";
-    setContext(CALLER_USB_IMAGE, noArgument);
+    setContext(CALLER_USB_IMAGE, quillon::emptyText());
 
     const std::int64_t size = sizeOf(imagePath);
     std::array<unsigned char, kIvSize> iv{};

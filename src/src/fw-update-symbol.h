@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "fw-update-plugin.h"
@@ -222,7 +223,7 @@ private:
     quillon::SharedValue<int> expectedTime_{0};
     // Before the entries on purpose: they are destroyed first, while their library is still open.
     quillon::SharedLibrary library_;
-    std::string libName_;
+    std::shared_ptr<const std::string> libName_;  // never null; copies share what plug-ins were told
     std::string empName_;
     std::string firmwareName_;
     std::string imagePath_;

@@ -15,6 +15,14 @@ inline std::string toUpper(std::string text)
     return text;
 }
 
+/// The empty text, for interfaces that want a `char*` and may keep it: it lives as long as the
+/// process. Nobody writes to it.
+inline char* emptyText()
+{
+    static char text[] = "";
+    return text;
+}
+
 }  // namespace quillon
 
 #endif

@@ -39,6 +39,10 @@ struct ModuleBehaviour
     std::string capturePath;  ///< file that receives each payload; empty: none
     std::map<std::string, EntryBehaviour> entries;
 
+    /// When set, is called with the arguments of setContext before the entry's own behaviour.
+    std::function<void(const char* libraryName, char* argument)> onSetContext;
+    /// When set, is called in allUpdateDone before the entry's own behaviour.
+    std::function<void()> onAllUpdateDone;
     /// When set, answers instead of `need` and the entry's result.
     std::function<int(const char* version, int* need)> onCheckVersion;
     /// When set, is called with the arguments of doUpdate before the entry's own behaviour.

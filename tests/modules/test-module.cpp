@@ -86,7 +86,11 @@ ENTRY int setContext(const char* libraryName, CallerTypes caller, char* argument
 {
     tell("setContext(" + quoted(libraryName) + ", " + std::to_string(caller) + ", " +
          quoted(argument) + ")");
-    return finish(ownBehaviour(), "setContext");
+    const ModuleBehaviour behaviour = ownBehaviour();
+    if (behaviour.onSetContext) {
+        behaviour.onSetContext(libraryName, argument);
+    }
+    return finish(behaviour, "setContext");
 }
 #endif
 
@@ -143,7 +147,11 @@ ENTRY int doUpdate(const char* path, unsigned long value)
 ENTRY int allUpdateDone(void)
 {
     tell("allUpdateDone()");
-    return finish(ownBehaviour(), "allUpdateDone");
+    const ModuleBehaviour behaviour = ownBehaviour();
+    if (behaviour.onAllUpdateDone) {
+        behaviour.onAllUpdateDone();
+    }
+    return finish(behaviour, "allUpdateDone");
 }
 #endif
 

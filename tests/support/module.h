@@ -81,6 +81,16 @@ public:
         behaviour_.onCheckVersion = std::move(function);
         return *this;
     }
+    Module& onSetContext(std::function<void(const char*, char*)> function)
+    {
+        behaviour_.onSetContext = std::move(function);
+        return *this;
+    }
+    Module& onAllUpdateDone(std::function<void()> function)
+    {
+        behaviour_.onAllUpdateDone = std::move(function);
+        return *this;
+    }
     Module& onUpdate(std::function<void(const char*, unsigned long)> function)
     {
         behaviour_.onUpdate = std::move(function);

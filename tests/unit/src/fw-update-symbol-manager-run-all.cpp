@@ -325,14 +325,15 @@ TEST_F(RunAll, LetsErrorsOfOtherKindsPass)
     if (!canFailAllocations()) {
         GTEST_SKIP() << "the sanitizer's allocator cannot be made to fail";
     }
-    const std::string name(200, 'a');
-    device.addModule(name, updatedOnTime().withEmpid("alphaemp"));
-    offer("alpha", "alphaemp", 30);
+    const std::string firmware(100, 'a');
+    const std::string package = firmware + "emp";
+    device.addModule("alpha", updatedOnTime().withEmpid(package));
+    offer(firmware, package, 30);
     start();
-    mark(name);
-    // The guard's own copy of the name.
+    mark("alpha");
+    // The guard's own copy of the firmware's name.
     platform().powerLock.always([](int /*type*/, int /*milliseconds*/) {
-        failAllocation(201);
+        failAllocation(101);
         return 0;
     });
 
@@ -370,4 +371,36 @@ TEST_F(RunAll, PassesOverModulesThatAreNotLoaded)
 
     EXPECT_THAT(logTexts(), Contains(checkedLine("broken")));
     EXPECT_THAT(askedFor("doUpdate"), ElementsAre("alpha"));
+}
+
+namespace {
+
+/// What a plug-in was told, as the pointers that it got.
+struct Told
+{
+    std::vector<const char*> names;
+    std::vector<const char*> arguments;
+};
+
+}  // namespace
+
+TEST_F(RunAll, WhatAPluginIsToldStaysValidToTheEndOfTheRun)
+{
+    Told told;
+    std::string nameAtTheEnd;
+    addModule("alpha", updatedOnTime()
+                           .onSetContext([&told](const char* name, char* argument) {
+                               told.names.push_back(name);
+                               told.arguments.push_back(argument);
+                           })
+                           .onAllUpdateDone([&] { nameAtTheEnd = told.names.back(); }));
+    start();
+    mark("alpha");
+    ASSERT_EQ(run(), 0);
+
+    EXPECT_EQ(nameAtTheEnd, "alpha");
+    ASSERT_GE(told.names.size(), 3U) << "loading, checking, updating";
+    EXPECT_THAT(told.names, Each(told.names.front()));
+    // The check's text in between is the test's own.
+    EXPECT_EQ(told.arguments.back(), told.arguments.front());
 }
