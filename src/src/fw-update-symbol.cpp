@@ -12,8 +12,8 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <limits>
+#include <memory>
 #include <mutex>
 #include <optional>
 
@@ -24,8 +24,10 @@
 #include "support/first-touch.h"
 #include "support/log.h"
 #include "support/paths.h"
+#include "support/read-witness.h"
 #include "support/regular-file.h"
 #include "support/text.h"
+#include "support/unseen-memory.h"
 
 namespace {
 
@@ -34,13 +36,18 @@ constexpr int kLastNumberedStick = 10;
 
 constexpr std::size_t kIvSize = 16;
 constexpr std::size_t kCipherBlock = 10240;
-constexpr int kTrailerSize = 534;  // belongs to the signature; never fed to the cipher
+constexpr auto kTrailerSize = static_cast<int>(quillon::kImageTrailerSize);  // never deciphered
+constexpr std::size_t kInformationLimit = 1U << 20U;  // bytes; a real one has some hundred
 
 /// The longest text that a plug-in may write, terminated even if the plug-in forgets to.
 using PluginText = std::array<char, FW_PLUGIN_TEXT_SIZE + 1>;
 
 constexpr const char* kVerifierEntry = "verifyFile";
+constexpr const char* kDigestEntry = "verifyDigest";
 constexpr const char* kVerifierCaller = "UserCaller";
+
+/// The verifier's second entry; null as long as the verifier is not loaded, or has none.
+std::atomic<decltype(&verifyDigest)> digestVerifier{nullptr};
 
 /// The version text in front of an image's payload, terminated whatever the image holds.
 using VersionHeader = std::array<char, FW_PLUGIN_HEADER_SIZE + 1>;
@@ -59,12 +66,11 @@ bool exists(const std::string& path)
     return stat(path.c_str(), &status) == 0;
 }
 
-std::int64_t sizeOf(const std::string& path)
+/// Whether something is at the path that may wait for ever, or act, once it is opened.
+bool isSpecialFile(const std::string& path)
 {
     struct stat status = {};
-    // Not checked: a file that is gone by now has no size, and so nothing to decipher.
-    static_cast<void>(stat(path.c_str(), &status));
-    return status.st_size;
+    return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode);
 }
 
 /// What the dynamic linker has against the calling thread's last request, if anything. It is a
@@ -86,14 +92,118 @@ std::optional<std::string> bindEntry(std::function<Signature>& slot, void* libra
     return linkerError();
 }
 
-/// aes_256_cbc_all for any count; one that does not fit into an int counts as too large for memory.
+void setCipherBuffer(unsigned char* buffer)
+{
+    // Two threads may decipher at once; nobody reads the pointer, the latest buffer wins.
+    __atomic_store_n(&cipher_buf_all, buffer, __ATOMIC_RELAXED);
+}
+
+/// aes_256_cbc_all.
+/// @param witness  is shown what is read; may be null
+unsigned char* cipherAll(std::FILE* fp, const unsigned char* ckey, const unsigned char* iv, int enc,
+                         int count, int& outlen, quillon::ReadWitness* witness)
+{
+    const quillon::UniqueMemory<unsigned char> input(
+        static_cast<unsigned char*>(std::malloc(kCipherBlock)));
+    if (!input) {
+        return nullptr;
+    }
+
+    const quillon::UniqueCipherContext context(EVP_CIPHER_CTX_new());
+    if (!context) {
+        return nullptr;
+    }
+    if (EVP_CipherInit(context.get(), EVP_aes_256_cbc(), ckey, iv, enc) != 0) {
+        static_cast<void>(EVP_CIPHER_CTX_block_size(context.get()));
+    }
+
+    auto* output =
+        count < 0 ? nullptr
+                  : static_cast<unsigned char*>(std::calloc(static_cast<std::size_t>(count), 1));
+    setCipherBuffer(output);
+    if (output == nullptr) {
+        return nullptr;
+    }
+    const quillon::EasedFirstTouch eased(output, static_cast<std::size_t>(count));
+
+    const std::int64_t limit = std::int64_t{count} - kTrailerSize;
+    std::int64_t read = 0;
+    std::int64_t written = 0;
+    int chunk = 0;
+    std::size_t n = 0;
+    do {
+        n = std::fread(input.get(), 1, kCipherBlock, fp);
+        if (witness != nullptr) {
+            witness->saw(input.get(), n);
+        }
+        read += static_cast<std::int64_t>(n);
+        auto fed = static_cast<std::int64_t>(n);
+        if (read > limit) {
+            fed -= read - limit;
+        }
+        // Once the trailer has begun in an earlier read, nothing is left to feed.
+        if (fed > 0) {
+            chunk = 0;
+            EVP_CipherUpdate(context.get(), output + written, &chunk, input.get(),
+                             static_cast<int>(fed));
+            written += chunk;
+        }
+    } while (n == kCipherBlock);
+
+    // A wrong key or a damaged image shows here and is not reported on purpose: the output is then
+    // only shorter, and the plug-in's own checks refuse it. Enciphering next to nothing needs more
+    // room for its last block than the output has, so that block takes a detour.
+    chunk = 0;
+    if (count - written >= EVP_MAX_BLOCK_LENGTH) {
+        EVP_CipherFinal(context.get(), output + written, &chunk);
+    } else {
+        std::array<unsigned char, EVP_MAX_BLOCK_LENGTH> last{};
+        EVP_CipherFinal(context.get(), last.data(), &chunk);
+        chunk = static_cast<int>(std::min<std::int64_t>(chunk, count - written));
+        std::copy_n(last.data(), chunk, output + written);
+    }
+    outlen = static_cast<int>(written + chunk);
+    return output;
+}
+
+/// Deciphers the rest of an image whose IV has been read.
+/// @param count    as for aes_256_cbc_all, but any; one that does not fit into an int counts as too
+///                 large for memory
+/// @param witness  has seen the IV
+/// @return as aes_256_cbc_all; null also when not all of the image could be read
 unsigned char* decipherImage(std::FILE* file, const unsigned char* ckey, const unsigned char* iv,
-                             std::int64_t count, int& outlen)
+                             std::int64_t count, int& outlen, quillon::ReadWitness& witness)
 {
     if (count > std::numeric_limits<int>::max()) {
         return nullptr;
     }
-    return aes_256_cbc_all(file, ckey, iv, 0, static_cast<int>(count), outlen);
+    unsigned char* data = cipherAll(file, ckey, iv, 0, static_cast<int>(count), outlen, &witness);
+    if (data != nullptr && (std::ferror(file) != 0 || !witness.sawAll())) {
+        setCipherBuffer(nullptr);
+        std::free(data);
+        return nullptr;
+    }
+    return data;
+}
+
+/// Whether the verifier stands by what was really read of the image, when it can be asked.
+bool isDigestSigned(quillon::ReadWitness& witness, const std::string& path)
+{
+    const auto verify = digestVerifier.load();
+    if (verify == nullptr) {
+        return true;
+    }
+    quillon::Sha256 digest{};
+    quillon::ImageTrailerBytes trailer{};
+    return witness.testify(digest, trailer) &&
+           verify(nullptr, digest.data(), trailer.data(), kTrailerSize, path.c_str(),
+                  kVerifierCaller) != 0;
+}
+
+quillon::ReadWitness::Digest wantedDigest()
+{
+    return digestVerifier.load() != nullptr ? quillon::ReadWitness::Digest::kWanted
+                                            : quillon::ReadWitness::Digest::kNotWanted;
 }
 
 }  // namespace
@@ -140,7 +250,10 @@ int uep_verify(const char* path)
             dlclose(handle);
             return 1;
         }
-        // The library stays open on purpose, for as long as its entry may be called.
+        digestVerifier.store(
+            reinterpret_cast<decltype(&verifyDigest)>(dlsym(handle, kDigestEntry)));
+        dlerror();  // it may lack that one
+        // The library stays open on purpose, for as long as its entries may be called.
         s_kuep_verifier.store(entry);
     }
 
@@ -156,65 +269,7 @@ int uep_verify(const char* path)
 unsigned char* aes_256_cbc_all(std::FILE* fp, const unsigned char* ckey, const unsigned char* iv,
                                int enc, int count, int& outlen)
 {
-    const quillon::UniqueMemory<unsigned char> input(
-        static_cast<unsigned char*>(std::malloc(kCipherBlock)));
-    if (!input) {
-        return nullptr;
-    }
-
-    const quillon::UniqueCipherContext context(EVP_CIPHER_CTX_new());
-    if (!context) {
-        return nullptr;
-    }
-    if (EVP_CipherInit(context.get(), EVP_aes_256_cbc(), ckey, iv, enc) != 0) {
-        static_cast<void>(EVP_CIPHER_CTX_block_size(context.get()));
-    }
-
-    // Two threads may decipher at once; nobody reads the pointer, the latest buffer wins.
-    auto* output =
-        count < 0 ? nullptr
-                  : static_cast<unsigned char*>(std::calloc(static_cast<std::size_t>(count), 1));
-    __atomic_store_n(&cipher_buf_all, output, __ATOMIC_RELAXED);
-    if (output == nullptr) {
-        return nullptr;
-    }
-    const quillon::EasedFirstTouch eased(output, static_cast<std::size_t>(count));
-
-    const std::int64_t limit = std::int64_t{count} - kTrailerSize;
-    std::int64_t read = 0;
-    std::int64_t written = 0;
-    int chunk = 0;
-    std::size_t n = 0;
-    do {
-        n = std::fread(input.get(), 1, kCipherBlock, fp);
-        read += static_cast<std::int64_t>(n);
-        auto fed = static_cast<std::int64_t>(n);
-        if (read > limit) {
-            fed -= read - limit;
-        }
-        // Once the trailer has begun in an earlier read, nothing is left to feed.
-        if (fed > 0) {
-            chunk = 0;
-            EVP_CipherUpdate(context.get(), output + written, &chunk, input.get(),
-                             static_cast<int>(fed));
-            written += chunk;
-        }
-    } while (n == kCipherBlock);
-
-    // A wrong key or a damaged image shows here and is not reported on purpose: the output is then
-    // only shorter, and the plug-in's own checks refuse it. Enciphering next to nothing needs more
-    // room for its last block than the output has, so that block takes a detour.
-    chunk = 0;
-    if (count - written >= EVP_MAX_BLOCK_LENGTH) {
-        EVP_CipherFinal(context.get(), output + written, &chunk);
-    } else {
-        std::array<unsigned char, EVP_MAX_BLOCK_LENGTH> last{};
-        EVP_CipherFinal(context.get(), last.data(), &chunk);
-        chunk = static_cast<int>(std::min<std::int64_t>(chunk, count - written));
-        std::copy_n(last.data(), chunk, output + written);
-    }
-    outlen = static_cast<int>(written + chunk);
-    return output;
+    return cipherAll(fp, ckey, iv, enc, count, outlen, nullptr);
 }
 
 FWUpdateSymbol::FWUpdateSymbol(const std::string& libName)
@@ -500,10 +555,11 @@ bool FWUpdateSymbol::loadInformation(const std::string& path)
     Json::Value root;
     bool parsed = false;
     try {
-        std::ifstream file(path, std::ios::in | std::ios::binary);
-        parsed = Json::parseFromStream(Json::CharReaderBuilder(), file, &root, nullptr);
+        const std::optional<std::string> text = quillon::readRegularFile(path, kInformationLimit);
+        const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+        parsed = text && reader->parse(text->data(), text->data() + text->size(), &root, nullptr);
     } catch (const std::exception&) {
-        parsed = false;  // nested too deeply, or larger than memory
+        parsed = false;  // nested too deeply, or no memory
     }
     if (!parsed || !root.isObject()) {
         FW_LOGE("Error: json loadInformation fail.(%s)\n", path.c_str());
@@ -531,7 +587,11 @@ bool FWUpdateSymbol::loadInformation(const std::string& path)
 
 unsigned long FWUpdateSymbol::getBinaryCRC32(const std::string& path)
 {
-    const quillon::UniqueFile file(fopen(path.c_str(), "r"));
+    struct stat opened = {};
+    const quillon::UniqueFile file = quillon::openRegularFile(path, opened);
+    if (!file && S_ISDIR(opened.st_mode)) {
+        return 0;  // can be opened, but not read
+    }
     if (!file) {
         FW_LOGE("Error: binary file is NULL\n");
         return 0;
@@ -635,7 +695,7 @@ int FWUpdateSymbol::isNeedUpdate(CallerTypes caller, char* arg)
         FW_LOGE("Error: json information load fail");
         return -1;
     }
-    if (information_.crc != getBinaryCRC32(imagePath)) {
+    if (information_.crc != getBinaryCRC32(imagePath) || isSpecialFile(imagePath)) {
         FW_LOGE("Error: %s Firmware CRC32 different", firmwareName_.c_str());
         return -1;
     }
@@ -703,7 +763,7 @@ int FWUpdateSymbol::updateFirmware(CallerTypes caller, char* arg)
     }
     // From here on a failure leaves the package mounted on purpose: it can be looked into, and the
     // next attempt mounts it afresh.
-    if (information_.crc != getBinaryCRC32(imagePath)) {
+    if (information_.crc != getBinaryCRC32(imagePath) || isSpecialFile(imagePath)) {
         FW_LOGE("Error: %s Firmware crc32 different", firmwareName_.c_str());
         return -1;
     }
@@ -777,25 +837,32 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* path)
     // The answer does not matter: checkVersion decides.
     setContext(CALLER_USB_IMAGE, quillon::emptyText());
 
-    const std::int64_t size = sizeOf(imagePath);
+    const std::int64_t size = opened.st_size;
+    quillon::ReadWitness witness(size, wantedDigest());
     std::array<unsigned char, kIvSize> iv{};
     if (std::fread(iv.data(), 1, iv.size(), image.get()) < iv.size()) {
         FW_LOGE("Error: iv is worng");
         return -1;
     }
+    witness.saw(iv.data(), iv.size());
 
     // Never released on purpose: a plug-in that goes on reading the payload after its entry
     // returned does not bring the service down.
     int outlen = 0;
-    const unsigned char* data = decipherImage(image.get(), ckey, iv.data(),
-                                              size - static_cast<std::int64_t>(kIvSize), outlen);
+    unsigned char* data = decipherImage(image.get(), ckey, iv.data(),
+                                        size - static_cast<std::int64_t>(kIvSize), outlen, witness);
     if (data == nullptr) {
         FW_LOGE("Error: Decryption data is null");
         return -1;
     }
+    quillon::UnseenMemory plaintext(data, static_cast<std::size_t>(size) - kIvSize);
     const VersionHeader header = versionHeaderOf(data, outlen);
     outlen -= FW_PLUGIN_HEADER_SIZE;
     image.reset();
+    if (!isDigestSigned(witness, imagePath)) {
+        FW_LOGE("Error: %s file is NOT signed ", imagePath.c_str());
+        return -1;
+    }
 
     int need = -1;
     if (checkVersion(header.data(), &need) != 0) {
@@ -810,6 +877,7 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* path)
     FW_LOGE("========== [ %s update start ] ==========", firmwareName_.c_str());
     int result = -1;
     if (outlen >= 0) {  // a damaged image may hold less than a header: nothing to hand on
+        plaintext.show();
         result = doUpdate_decryption(data + FW_PLUGIN_HEADER_SIZE, outlen);
     }
     if (result != 0) {
@@ -851,23 +919,30 @@ int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* pat
     }
     setContext(CALLER_USB_IMAGE, quillon::emptyText());
 
-    const std::int64_t size = sizeOf(imagePath);
+    const std::int64_t size = opened.st_size;
+    quillon::ReadWitness witness(size, wantedDigest());
     std::array<unsigned char, kIvSize> iv{};
     if (std::fread(iv.data(), 1, iv.size(), image.get()) < iv.size()) {
         FW_LOGE("Error: iv is worng");
         return -1;
     }
+    witness.saw(iv.data(), iv.size());
 
     // The whole size counts here, unlike in updateUSB, on purpose: 16 bytes of the trailer are
     // deciphered as well, which only shows behind the header.
     int outlen = 0;
-    const unsigned char* data = decipherImage(image.get(), ckey, iv.data(), size, outlen);
+    unsigned char* data = decipherImage(image.get(), ckey, iv.data(), size, outlen, witness);
     if (data == nullptr) {
         FW_LOGE("Error: Decryption data is null");
         return -1;
     }
+    const quillon::UnseenMemory plaintext(data, static_cast<std::size_t>(size));
     const VersionHeader header = versionHeaderOf(data, outlen);
     image.reset();
+    if (!isDigestSigned(witness, imagePath)) {
+        FW_LOGE("Error: %s is NOT signed ", imagePath.c_str());
+        return -1;
+    }
 
     int need = -1;
     if (checkVersion(header.data(), &need) != 0) {

@@ -1,12 +1,13 @@
 #include "support/first-touch.h"
 
-#include <sched.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
 #include <exception>
+
+#include "support/processors.h"
 
 namespace quillon {
 namespace {
@@ -37,12 +38,6 @@ std::uintptr_t roundedDown(std::uintptr_t address, std::uintptr_t page)
 bool advise(std::uintptr_t first, std::uintptr_t end, int advice)
 {
     return first < end && madvise(reinterpret_cast<void*>(first), end - first, advice) == 0;
-}
-
-bool hasAnotherProcessor()
-{
-    cpu_set_t processors;
-    return sched_getaffinity(0, sizeof processors, &processors) == 0 && CPU_COUNT(&processors) > 1;
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 
 #include <sys/stat.h>
 
+#include <cstddef>
+#include <optional>
 #include <string>
 
 #include "support/unique-handles.h"
@@ -16,6 +18,13 @@ namespace quillon {
 /// @param opened  on success what the file was when it was opened
 /// @return an empty handle when there is no such regular file.
 UniqueFile openRegularFile(const std::string& path, struct stat& opened);
+
+/// Reads a small file whole, by the same rules.
+///
+/// @param limit  in bytes
+/// @return nothing when there is no such regular file, it cannot be read, or it is larger.
+/// Throws std::bad_alloc.
+std::optional<std::string> readRegularFile(const std::string& path, std::size_t limit);
 
 /// Whether a path still names that very file, unchanged: device, inode, size, and the times of the
 /// last change of its contents and of its inode.

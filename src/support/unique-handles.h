@@ -27,6 +27,13 @@ struct CipherContextFreer
 /// An OpenSSL cipher context.
 using UniqueCipherContext = std::unique_ptr<EVP_CIPHER_CTX, CipherContextFreer>;
 
+struct DigestContextFreer
+{
+    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+};
+/// An OpenSSL digest context.
+using UniqueDigestContext = std::unique_ptr<EVP_MD_CTX, DigestContextFreer>;
+
 struct MemoryFreer
 {
     void operator()(void* memory) const { std::free(memory); }

@@ -738,8 +738,27 @@ int dlclose(void* handle) noexcept
     return result;
 }
 
+/// A descriptor that cannot be read stands in for the file meanwhile, so that the stream itself
+/// notes the failure.
+static size_t failToRead(void* data, size_t size, size_t count, FILE* file)
+{
+    const int error = errno;
+    const int kept = dup(fileno(file));
+    const int folder = open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    dup2(folder, fileno(file));
+    const size_t result = next<decltype(fread)>(kFread)(data, size, count, file);
+    dup2(kept, fileno(file));
+    close(kept);
+    close(folder);
+    errno = error;
+    return result;
+}
+
 size_t fread(void* data, size_t size, size_t count, FILE* file)
 {
+    if (fails(kFread)) {
+        return failToRead(data, size, count, file);
+    }
     const size_t result = next<decltype(fread)>(kFread)(data, size, count, file);
     return isRecorded(kFread)
                ? recorded(kFread, std::to_string(size) + ", " + std::to_string(count), result)

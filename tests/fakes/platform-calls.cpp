@@ -157,6 +157,16 @@ int answerVerifier(void* reserved, const char* path, const char* caller)
     return result;
 }
 
+int answerDigestVerifier(void* reserved, const unsigned char* sha256, const unsigned char* trailer,
+                         int trailerSize, const char* path, const char* caller)
+{
+    const int result = platform().verifyDigest.take(Bytes(sha256, sha256 + 32),
+                                                    Bytes(trailer, trailer + trailerSize));
+    recordPlugin(std::string("verifyDigest(") + (reserved == nullptr ? "null" : "not null") + ", " +
+                 quoted(path) + ", " + quoted(caller) + ") = " + std::to_string(result));
+    return result;
+}
+
 }  // namespace quillon::fakes
 
 using namespace quillon::fakes;

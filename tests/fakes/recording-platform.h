@@ -88,7 +88,7 @@ void note(const std::string& text);
 void recordCalls(std::initializer_list<const char*> names);
 
 /// Lets calls fail with the function's failure value and errno, without making them. Not for
-/// dlopen, dlclose, fread, g_timeout_add, pthread_detach and EVP_*. A pthread_cond_clockwait that
+/// dlopen, dlclose, g_timeout_add, pthread_detach and EVP_*. A pthread_cond_clockwait that
 /// fails with 0 is a wake-up that nobody sent.
 /// @param skip   so many calls are still made before
 /// @param times  so many fail
@@ -212,6 +212,8 @@ struct Platform
 
     /// The test verifier; 0 means not signed.
     Answer<int(const char* path)> verifyFile{1};
+    /// Its second entry, where it has one, with the digest and the trailer that it is asked about.
+    Answer<int(const Bytes& sha256, const Bytes& trailer)> verifyDigest{1};
 
     Platform();
 };
@@ -230,6 +232,8 @@ const ModuleBehaviour* behaviourOf(const std::string& name);
 void recordPlugin(const std::string& text);
 void recordPayload(const std::string& name, const unsigned char* data, int length);
 int answerVerifier(void* reserved, const char* path, const char* caller);
+int answerDigestVerifier(void* reserved, const unsigned char* sha256, const unsigned char* trailer,
+                         int trailerSize, const char* path, const char* caller);
 /// @}
 
 }  // namespace quillon::fakes

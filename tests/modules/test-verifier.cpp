@@ -9,6 +9,9 @@
 namespace quillon::fakes {
 
 __attribute__((weak)) int answerVerifier(void* reserved, const char* path, const char* caller);
+__attribute__((weak)) int answerDigestVerifier(void* reserved, const unsigned char* sha256,
+                                               const unsigned char* trailer, int trailerSize,
+                                               const char* path, const char* caller);
 
 }  // namespace quillon::fakes
 
@@ -25,5 +28,18 @@ __attribute__((visibility("default"))) int verifyFile(void* reserved, const char
     int answer = 1;
     file >> answer;
     return file.fail() ? 1 : answer;
+}
+#endif
+
+#ifdef WITH_verifyDigest
+__attribute__((visibility("default"))) int verifyDigest(void* reserved, const unsigned char* sha256,
+                                                        const unsigned char* trailer,
+                                                        int trailer_size, const char* path,
+                                                        const char* caller)
+{
+    return quillon::fakes::answerDigestVerifier == nullptr
+               ? 1
+               : quillon::fakes::answerDigestVerifier(reserved, sha256, trailer, trailer_size, path,
+                                                      caller);
 }
 #endif

@@ -14,6 +14,22 @@ extern "C" {
 ///         read. Thread: any.
 int verifyFile(void* reserved, const char* path, const char* caller);
 
+/// Second entry of the library, which a platform's own verifier may leave out.
+///
+/// Asked once the service has read the whole image, with what it really read: the file may have been
+/// exchanged after verifyFile had looked at it.
+///
+/// @param reserved      null
+/// @param sha256        32 bytes: SHA-256 of everything before the trailer
+/// @param trailer       the file's last bytes, which hold the signature
+/// @param trailer_size  their number, 534
+/// @param path          the file's path, NUL-terminated; its name counts, it is not opened
+/// @param caller        as above
+/// @return a value other than 0 when the trailer belongs to a file of that name and content, else 0.
+/// Thread: any.
+int verifyDigest(void* reserved, const unsigned char* sha256, const unsigned char* trailer,
+                 int trailer_size, const char* path, const char* caller);
+
 #ifdef __cplusplus
 }
 #endif
