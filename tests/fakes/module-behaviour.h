@@ -14,7 +14,8 @@ enum class Effect {
     Throw,         ///< raises std::runtime_error with the entry's name
     ThrowUnknown,  ///< raises an int
     Hang,          ///< never returns
-    Crash          ///< aborts the process
+    Crash,         ///< aborts the process
+    ChildExits     ///< forks a child that calls exit(0), waits for it, and returns
 };
 
 /// How one entry behaves. The delay comes first, then the effect, then errno and the result.

@@ -1,6 +1,7 @@
 // A firmware module for tests, whose every answer the test decides. The entries that a variant
 // lacks are left out with -DWITHOUT_<entry>.
 
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -52,6 +53,14 @@ int finish(const ModuleBehaviour& behaviour, const char* name)
             }
         case Effect::Crash:
             std::abort();
+        case Effect::ChildExits: {
+            const pid_t child = fork();
+            if (child == 0) {
+                std::exit(0);
+            }
+            waitpid(child, nullptr, 0);
+            break;
+        }
         case Effect::None:
             break;
     }

@@ -55,6 +55,18 @@ TEST_F(PlugInFailures, AnExceptionInAnEstimateEndsTheControlTaskAndTheProcessEnd
     EXPECT_THAT(daemon.stop(), Optional(0));
 }
 
+TEST_F(PlugInFailures, AChildThatCallsExitDoesNotTakeTheQueuesAway)
+{
+    install("doUpdate_decryption.effect=child-exits\n");
+    startDaemon();
+
+    EXPECT_EQ(update(), MQ_RESULT_DONE);
+
+    EXPECT_NO_THROW(Channel()) << "a client that comes now";
+    EXPECT_EQ(estimate().result, MQ_RESULT_ACCEPTED);
+    EXPECT_THAT(daemon.stop(), Optional(0));
+}
+
 TEST_F(PlugInFailures, APositiveResultOfTheLastModuleCountsAsDone)
 {
     install("doUpdate_decryption.result=7\n");
