@@ -4,7 +4,9 @@
 #include <dlfcn.h>
 #include <openssl/err.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <functional>
 #include <string>
 
 #include "image-error.h"
@@ -40,16 +42,59 @@ void complain(const std::string& message)
     static_cast<void>(std::fprintf(stderr, "%s: %s\n", kName, message.c_str()));
 }
 
-int verify(const char* path, const char* caller)
+void requireTrusted(const quillon::ImageTrailer& trailer, const std::string& path,
+                    const std::function<quillon::ContentDigest()>& digest)
 {
-    const ErrorQueueGuard guard;
+    quillon::requireTrustedSignature(trailer, path, digest, QUILLON_TRUSTED_KEYS, &complain);
+}
+
+void requireSigned(const std::string& path)
+{
+    const quillon::SignedFile file(path);
+    requireTrusted(file.trailer(), path, [&file] { return file.contentDigest(); });
+}
+
+void requireSigned(const unsigned char* sha256, const unsigned char* trailer, int trailerSize,
+                   const std::string& path)
+{
+    if (sha256 == nullptr || trailer == nullptr || path.empty()) {
+        throw quillon::notSigned(path, "the question lacks a digest, a trailer or a name");
+    }
+    if (trailerSize != static_cast<int>(quillon::kTrailerSize)) {
+        throw quillon::notSigned(path, "trailer has " + std::to_string(trailerSize) +
+                                           " bytes instead of " +
+                                           std::to_string(quillon::kTrailerSize));
+    }
+    quillon::TrailerBytes bytes{};
+    std::copy_n(trailer, bytes.size(), bytes.begin());
+    quillon::ContentDigest digest{};
+    std::copy_n(sha256, digest.size(), digest.begin());
+    requireTrusted(quillon::parseTrailer(bytes, path), path, [&digest] { return digest; });
+}
+
+std::string textOf(const char* text)
+{
+    return text == nullptr ? "" : text;
+}
+
+/// @param check  throws ImageError for what is not signed
+/// @return what an entry returns.
+template <typename Check>
+int answer(const char* caller, Check check)
+{
     try {
-        const quillon::SignedFile file(path);
-        quillon::requireTrustedSignature(file, QUILLON_TRUSTED_KEYS, &complain);
-        return 1;
-    } catch (const quillon::ImageError& error) {
-        const std::string asker = caller == nullptr ? "" : caller;
-        complain(error.what() + (asker.empty() ? asker : " (asked by " + asker + ")"));
+        const ErrorQueueGuard guard;
+        try {
+            check();
+            return 1;
+        } catch (const quillon::ImageError& error) {
+            const std::string asker = textOf(caller);
+            complain(error.what() + (asker.empty() ? asker : " (asked by " + asker + ")"));
+            return 0;
+        }
+    } catch (...) {
+        // Only memory runs out here. What could not be checked is not signed.
+        static_cast<void>(std::fputs("libkUEPUser: out of memory\n", stderr));
         return 0;
     }
 }
@@ -58,11 +103,11 @@ int verify(const char* path, const char* caller)
 
 int verifyFile(void* /*reserved*/, const char* path, const char* caller)
 {
-    try {
-        return verify(path == nullptr ? "" : path, caller);
-    } catch (...) {
-        // Only memory runs out here. A file that could not be checked is not a signed one.
-        static_cast<void>(std::fputs("libkUEPUser: out of memory\n", stderr));
-        return 0;
-    }
+    return answer(caller, [&] { requireSigned(textOf(path)); });
+}
+
+int verifyDigest(void* /*reserved*/, const unsigned char* sha256, const unsigned char* trailer,
+                 int trailer_size, const char* path, const char* caller)
+{
+    return answer(caller, [&] { requireSigned(sha256, trailer, trailer_size, textOf(path)); });
 }

@@ -20,6 +20,7 @@ struct OpensslRelease
 };
 
 using UniqueKey = std::unique_ptr<EVP_PKEY, OpensslRelease<&EVP_PKEY_free>>;
+using UniqueKeyContext = std::unique_ptr<EVP_PKEY_CTX, OpensslRelease<&EVP_PKEY_CTX_free>>;
 using UniqueDigest = std::unique_ptr<EVP_MD_CTX, OpensslRelease<&EVP_MD_CTX_free>>;
 using UniqueCipher = std::unique_ptr<EVP_CIPHER_CTX, OpensslRelease<&EVP_CIPHER_CTX_free>>;
 using UniqueBio = std::unique_ptr<BIO, OpensslRelease<&BIO_free_all>>;

@@ -31,7 +31,7 @@ int refusePassPhrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*us
 
 bool isRsa4096(const EVP_PKEY* key)
 {
-    return EVP_PKEY_is_a(key, "RSA") == 1 && EVP_PKEY_get_bits(key) == kKeyBits;
+    return EVP_PKEY_base_id(key) == EVP_PKEY_RSA && EVP_PKEY_bits(key) == kKeyBits;
 }
 
 UniqueKey loadPublicKey(const std::string& path)

@@ -1,7 +1,5 @@
 #include "signed-file.h"
 
-#include <openssl/rsa.h>
-
 #include <algorithm>
 #include <vector>
 
@@ -25,25 +23,19 @@ ImageTrailer readTrailer(const RegularFile& file)
 
 }  // namespace
 
-bool useImagePadding(EVP_PKEY_CTX* context)
-{
-    return EVP_PKEY_CTX_set_rsa_padding(context, RSA_PKCS1_PSS_PADDING) == 1 &&
-           EVP_PKEY_CTX_set_rsa_pss_saltlen(context, kSaltSize) == 1 &&
-           EVP_PKEY_CTX_set_rsa_mgf1_md(context, EVP_sha256()) == 1;
-}
-
 SignedFile::SignedFile(const std::string& path) : _file(path), _trailer(readTrailer(_file))
 {
 }
 
-void SignedFile::requireSignatureOf(EVP_PKEY* key) const
+ContentDigest SignedFile::contentDigest() const
 {
+    const auto require = [this](bool done) {
+        if (!done) {
+            throw notSigned(_file.path(), "signature cannot be checked");
+        }
+    };
     const UniqueDigest digest(EVP_MD_CTX_new());
-    EVP_PKEY_CTX* padding = nullptr;  // belongs to the digest
-    if (!digest || EVP_DigestVerifyInit(digest.get(), &padding, EVP_sha256(), nullptr, key) != 1 ||
-        !useImagePadding(padding)) {
-        throw notSigned(_file.path(), "signature cannot be checked with this key");
-    }
+    require(digest && EVP_DigestInit_ex(digest.get(), EVP_sha256(), nullptr) == 1);
 
     std::vector<unsigned char> chunk(kChunkSize);
     const std::uint64_t end = contentSize();
@@ -51,16 +43,13 @@ void SignedFile::requireSignatureOf(EVP_PKEY* key) const
         const auto length =
             static_cast<std::size_t>(std::min<std::uint64_t>(chunk.size(), end - offset));
         _file.readAt(offset, chunk.data(), length);
-        if (EVP_DigestVerifyUpdate(digest.get(), chunk.data(), length) != 1) {
-            throw notSigned(_file.path(), "signature cannot be checked");
-        }
+        require(EVP_DigestUpdate(digest.get(), chunk.data(), length) == 1);
         offset += length;
     }
 
-    const SignatureBytes& signature = _trailer.signature;
-    if (EVP_DigestVerifyFinal(digest.get(), signature.data(), signature.size()) != 1) {
-        throw notSigned(_file.path(), "signature does not match the content");
-    }
+    ContentDigest content{};
+    require(EVP_DigestFinal_ex(digest.get(), content.data(), nullptr) == 1);
+    return content;
 }
 
 }  // namespace quillon

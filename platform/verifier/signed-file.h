@@ -1,18 +1,13 @@
 #ifndef QUILLON_PLATFORM_VERIFIER_SIGNED_FILE_H
 #define QUILLON_PLATFORM_VERIFIER_SIGNED_FILE_H
 
-#include <openssl/evp.h>
-
 #include <string>
 
+#include "image-signature.h"
 #include "image-trailer.h"
 #include "regular-file.h"
 
 namespace quillon {
-
-/// Sets a signing or verifying context to the trailer's one algorithm.
-/// @return whether OpenSSL took it.
-bool useImagePadding(EVP_PKEY_CTX* context);
 
 /// A file that ends in a signature trailer.
 ///
@@ -30,11 +25,9 @@ public:
     /// @return the number of signed bytes, all before the trailer.
     std::uint64_t contentSize() const { return _file.size() - kTrailerSize; }
 
-    /// Reads the whole content, in pieces, and checks the signature over it.
-    /// @param key  an RSA-4096 public key
-    /// @throws ImageError: ImageFault::Signature when the signature is not this key's over this
-    ///         content, ImageFault::File when the content cannot be read.
-    void requireSignatureOf(EVP_PKEY* key) const;
+    /// Reads the whole content, in pieces.
+    /// @throws ImageError with ImageFault::File when the content cannot be read.
+    ContentDigest contentDigest() const;
 
 private:
     RegularFile _file;

@@ -43,15 +43,16 @@ UniqueKey loadUsableKey(const std::string& path,
 
 }  // namespace
 
-std::string requireTrustedSignature(const SignedFile& file, const std::string& folder,
+std::string requireTrustedSignature(const ImageTrailer& trailer, const std::string& path,
+                                    const std::function<ContentDigest()>& digest,
+                                    const std::string& folder,
                                     const std::function<void(const std::string&)>& complain)
 {
-    const std::string& path = file.file().path();
-    const KeyId& wanted = file.trailer().keyId;
+    const KeyId& wanted = trailer.keyId;
     for (const std::string& keyPath : keyFilesIn(folder, path)) {
         const UniqueKey key = loadUsableKey(keyPath, complain);
         if (key && keyIdOf(key.get()) == wanted) {
-            file.requireSignatureOf(key.get());
+            requireSignature(trailer, digest(), key.get(), path);
             return keyPath;
         }
     }

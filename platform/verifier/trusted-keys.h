@@ -4,19 +4,23 @@
 #include <functional>
 #include <string>
 
-#include "signed-file.h"
+#include "image-signature.h"
 
 namespace quillon {
 
-/// Checks a file's signature with the key that its trailer names, out of the files "*.pem" of a
-/// folder, taken in the order of their names.
+/// Checks a signature with the key that the trailer names, out of the files "*.pem" of a folder,
+/// taken in the order of their names.
 ///
-/// @param complain  called with one line for each file that is of no use and is passed over: such a
-///                  file must not lock the good keys out
-/// @return path of the key that signed the file.
-/// @throws ImageError: ImageFault::Signature when no key has the id or its signature is wrong,
-///         ImageFault::File when the file cannot be read.
-std::string requireTrustedSignature(const SignedFile& file, const std::string& folder,
+/// @param path      the file that ends in the trailer, for the errors' lines only
+/// @param digest    called once there is a key to check with, so that a file which nobody trusted
+///                  signed is not read; what it throws comes through
+/// @param complain  called with one line for each key file that is of no use and is passed over:
+///                  such a file must not lock the good keys out
+/// @return path of the key that signed the content.
+/// @throws ImageError with ImageFault::Signature when no key has the id or its signature is wrong.
+std::string requireTrustedSignature(const ImageTrailer& trailer, const std::string& path,
+                                    const std::function<ContentDigest()>& digest,
+                                    const std::string& folder,
                                     const std::function<void(const std::string&)>& complain);
 
 }  // namespace quillon

@@ -332,13 +332,15 @@ void verifyStickImage(const std::string& path, const std::string& publicKeyPath)
         throw notSigned(path, "the signing key has the id " + toText(image.trailer().keyId) +
                                   ", not that of " + publicKeyPath);
     }
-    image.requireSignatureOf(key.get());
+    requireSignature(image.trailer(), image.contentDigest(), key.get(), path);
 }
 
 std::string verifyStickImageByFolder(const std::string& path, const std::string& folder,
                                      const std::function<void(const std::string&)>& complain)
 {
-    return requireTrustedSignature(openStickImage(path), folder, complain);
+    const SignedFile image = openStickImage(path);
+    return requireTrustedSignature(
+        image.trailer(), path, [&image] { return image.contentDigest(); }, folder, complain);
 }
 
 }  // namespace quillon

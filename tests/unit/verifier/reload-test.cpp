@@ -27,7 +27,14 @@ protected:
         library = nullptr;
     }
 
-    /// Loads, verifies one good and one bad file, unloads.
+    int askAboutAForeignTrailer(decltype(&verifyDigest) check) const
+    {
+        const auto* bytes = reinterpret_cast<const unsigned char*>(content.data());
+        return check(nullptr, bytes, bytes + content.size() - 534, 534, image.c_str(),
+                     "UserCaller");
+    }
+
+    /// Loads, verifies one good and one bad file and a digest that is not the content's, unloads.
     bool loadVerifyUnload()
     {
         void* handle = dlopen(VERIFIER_LIBRARY, RTLD_LAZY);
@@ -35,8 +42,11 @@ protected:
             return false;
         }
         const auto check = reinterpret_cast<decltype(&verifyFile)>(dlsym(handle, "verifyFile"));
+        const auto checkDigest =
+            reinterpret_cast<decltype(&verifyDigest)>(dlsym(handle, "verifyDigest"));
         const bool right = check != nullptr && check(nullptr, image.c_str(), "UserCaller") == 1 &&
-                           check(nullptr, stick.c_str(), "UserCaller") == 0;
+                           check(nullptr, stick.c_str(), "UserCaller") == 0 &&
+                           checkDigest != nullptr && askAboutAForeignTrailer(checkDigest) == 0;
         return dlclose(handle) == 0 && right;
     }
 };
@@ -65,9 +75,9 @@ std::string exportedSymbols()
     return output;
 }
 
-TEST_F(Reload, NothingButTheEntryIsExported)
+TEST_F(Reload, NothingButTheEntriesIsExported)
 {
-    EXPECT_EQ(exportedSymbols(), "T verifyFile\n");
+    EXPECT_EQ(exportedSymbols(), "T verifyDigest\nT verifyFile\n");
 }
 
 TEST_F(Reload, AnUnloadedLibraryIsReallyGone)
