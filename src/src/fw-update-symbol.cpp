@@ -578,7 +578,7 @@ bool FWUpdateSymbol::loadInformation(const std::string& path)
     try {
         information_.expectedSeconds = root.get("expected_time", 300U).asUInt();
     } catch (const std::exception& error) {
-        // Names the crc for this key too, on purpose: log readers look for one text.
+        // Names the crc for this key too: one text tells that a number cannot be read.
         FW_LOGE("Error: json crc read fail error:%s (%s)\n", error.what(), path.c_str());
         return false;
     }
@@ -707,7 +707,7 @@ int FWUpdateSymbol::isNeedUpdate(CallerTypes caller, char* arg)
     if (need < 1) {
         getActiveVersion(activeVersion.data());
         activeVersion.back() = '\0';
-        // The package's path, not the firmware's name, on purpose: log readers know this line so.
+        // The package's path, not the firmware's name: it tells which package was looked at.
         FW_LOGE("Error: %s not need update, version is %s", imagePath_.c_str(),
                 activeVersion.data());
     }
