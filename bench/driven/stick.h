@@ -13,7 +13,8 @@ constexpr const char* kImageKeyItem = "0123456789abcdef";
 enum class Verifier {
     kNone,     ///< no library: every image counts as signed
     kTrivial,  ///< says yes at once
-    kOurs      ///< libkUEPUser.so, with the workshop's key trusted
+    kOurs,     ///< libkUEPUser.so, with the workshop's key trusted
+    kByPath    ///< the same, without its entry for what was really read
 };
 
 /// The maker's side: makes images as they lie on a stick. Works within a virtual device, in a

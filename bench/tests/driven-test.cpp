@@ -1,8 +1,10 @@
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <filesystem>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -78,6 +80,20 @@ TEST_F(DrivenService, AnUnsignedImageIsAnErrorOfTheRun)
     service.useStick(kStick);
 
     EXPECT_THROW(service.estimate(), std::runtime_error);
+}
+
+TEST_F(DrivenService, TheVerifierThatGoesByThePathAloneLacksTheOtherEntryOnly)
+{
+    workshop.install(Verifier::kByPath);
+    const std::unique_ptr<void, int (*)(void*)> verifier(
+        dlopen("/usr/lib/libkUEPUser.so", RTLD_LAZY), &dlclose);
+    ASSERT_NE(verifier, nullptr) << dlerror();
+    EXPECT_NE(dlsym(verifier.get(), "verifyFile"), nullptr);
+    EXPECT_EQ(dlsym(verifier.get(), "verifyDigest"), nullptr);
+
+    Service service(BUILD_FOLDER);
+    service.useStick(kStick);
+    EXPECT_NO_THROW(service.update());
 }
 
 TEST_F(DrivenService, WithoutAVerifierItIsNot)
