@@ -98,10 +98,10 @@ void setCipherBuffer(unsigned char* buffer)
     __atomic_store_n(&cipher_buf_all, buffer, __ATOMIC_RELAXED);
 }
 
-/// aes_256_cbc_all.
+/// The algorithm, under a witness.
 /// @param witness  is shown what is read; may be null
-unsigned char* cipherAll(std::FILE* fp, const unsigned char* ckey, const unsigned char* iv, int enc,
-                         int count, int& outlen, quillon::ReadWitness* witness)
+unsigned char* aes_256_cbc_all(std::FILE* fp, const unsigned char* ckey, const unsigned char* iv,
+                               int enc, int count, int& outlen, quillon::ReadWitness* witness)
 {
     const quillon::UniqueMemory<unsigned char> input(
         static_cast<unsigned char*>(std::malloc(kCipherBlock)));
@@ -177,7 +177,8 @@ unsigned char* decipherImage(std::FILE* file, const unsigned char* ckey, const u
     if (count > std::numeric_limits<int>::max()) {
         return nullptr;
     }
-    unsigned char* data = cipherAll(file, ckey, iv, 0, static_cast<int>(count), outlen, &witness);
+    unsigned char* data =
+        aes_256_cbc_all(file, ckey, iv, 0, static_cast<int>(count), outlen, &witness);
     if (data != nullptr && (std::ferror(file) != 0 || !witness.sawAll())) {
         setCipherBuffer(nullptr);
         std::free(data);
@@ -269,7 +270,7 @@ int uep_verify(const char* path)
 unsigned char* aes_256_cbc_all(std::FILE* fp, const unsigned char* ckey, const unsigned char* iv,
                                int enc, int count, int& outlen)
 {
-    return cipherAll(fp, ckey, iv, enc, count, outlen, nullptr);
+    return aes_256_cbc_all(fp, ckey, iv, enc, count, outlen, nullptr);
 }
 
 FWUpdateSymbol::FWUpdateSymbol(const std::string& libName)
