@@ -2,30 +2,152 @@
 
 #include <openssl/rsa.h>
 
+#include <algorithm>
+#include <vector>
+
 #include "image-error.h"
 #include "openssl-handle.h"
+#include "public-key.h"
 
 namespace quillon {
+namespace {
 
-bool useImagePadding(EVP_PKEY_CTX* context)
+/// Longest firmware name: the package identifier has at most 127 characters, "emp" among them.
+constexpr std::size_t kLongestModule = 124;
+constexpr std::size_t kLongestModel = 64;
+
+using Bytes = std::vector<unsigned char>;
+
+bool isPrintable(unsigned char character)
 {
-    return EVP_PKEY_CTX_set_rsa_padding(context, RSA_PKCS1_PSS_PADDING) == 1 &&
-           EVP_PKEY_CTX_set_rsa_pss_saltlen(context, kSaltSize) == 1 &&
-           EVP_PKEY_CTX_set_rsa_mgf1_md(context, EVP_sha256()) == 1;
+    return character >= 0x20 && character <= 0x7E;
 }
 
-void requireSignature(const ImageTrailer& trailer, const ContentDigest& content, EVP_PKEY* key,
-                      const std::string& path)
+bool isLetterOrDigit(unsigned char character)
+{
+    return (character >= '0' && character <= '9') || (character >= 'A' && character <= 'Z') ||
+           (character >= 'a' && character <= 'z');
+}
+
+const EVP_MD* digestOf(const ImageTrailer& trailer)
+{
+    return trailer.format == 1 ? EVP_sha256() : EVP_sha512();
+}
+
+/// @return none when it cannot be computed.
+Bytes digestOf(const Bytes& bytes, const EVP_MD* algorithm)
+{
+    Bytes digest(static_cast<std::size_t>(EVP_MD_size(algorithm)));
+    const bool done =
+        EVP_Digest(bytes.data(), bytes.size(), digest.data(), nullptr, algorithm, nullptr) == 1;
+    return done ? digest : Bytes();
+}
+
+void append(Bytes& bytes, const std::string& text)
+{
+    bytes.insert(bytes.end(), text.begin(), text.end());
+    bytes.push_back('\0');
+}
+
+/// @return the digest that the signature is made over.
+Bytes signedDigest(const ImageTrailer& trailer, const ContentDigest& content,
+                   const ImagePurpose& purpose)
+{
+    if (trailer.format == 1) {
+        return {content.begin(), content.end()};
+    }
+    const TrailerBytes header = encodeTrailer(trailer);
+    Bytes bytes(header.begin(), header.begin() + kTrailerHeaderSize);
+    bytes.insert(bytes.end(), content.begin(), content.end());
+    append(bytes, purpose.module);
+    append(bytes, purpose.model);
+    return digestOf(bytes, digestOf(trailer));
+}
+
+bool prepare(EVP_PKEY_CTX* context, const EVP_MD* digest)
+{
+    return useImagePadding(context, digest) && EVP_PKEY_CTX_set_signature_md(context, digest) == 1;
+}
+
+ImageTrailer sign(ImageTrailer trailer, const ContentDigest& content, const ImagePurpose& purpose,
+                  EVP_PKEY* key)
+{
+    trailer.keyId = keyIdOf(key);
+    const Bytes digest = signedDigest(trailer, content, purpose);
+    const UniqueKeyContext context(EVP_PKEY_CTX_new(key, nullptr));
+    std::size_t length = trailer.signature.size();
+    if (!context || EVP_PKEY_sign_init(context.get()) != 1 ||
+        !prepare(context.get(), digestOf(trailer)) ||
+        EVP_PKEY_sign(context.get(), trailer.signature.data(), &length, digest.data(),
+                      digest.size()) != 1 ||
+        length != trailer.signature.size()) {
+        throw ImageError(ImageFault::Key, "signing key cannot sign");
+    }
+    return trailer;
+}
+
+}  // namespace
+
+bool isModuleName(const std::string& text)
+{
+    return !text.empty() && text.size() <= kLongestModule &&
+           std::all_of(text.begin(), text.end(), isLetterOrDigit);
+}
+
+bool isModelName(const std::string& text)
+{
+    return !text.empty() && text.size() <= kLongestModel && text.front() != ' ' &&
+           text.back() != ' ' && std::all_of(text.begin(), text.end(), isPrintable);
+}
+
+CheckValue checkValueOf(const std::string& text)
+{
+    const Bytes digest = digestOf(Bytes(text.begin(), text.end()), EVP_sha256());
+    CheckValue value{};
+    if (digest.size() < value.size()) {
+        throw ImageError(ImageFault::Signature, "a check value cannot be computed");
+    }
+    std::copy_n(digest.begin(), value.size(), value.begin());
+    return value;
+}
+
+bool useImagePadding(EVP_PKEY_CTX* context, const EVP_MD* digest)
+{
+    return EVP_PKEY_CTX_set_rsa_padding(context, RSA_PKCS1_PSS_PADDING) == 1 &&
+           EVP_PKEY_CTX_set_rsa_pss_saltlen(context, EVP_MD_size(digest)) == 1 &&
+           EVP_PKEY_CTX_set_rsa_mgf1_md(context, digest) == 1;
+}
+
+ImageTrailer signImage(const ContentDigest& content, EVP_PKEY* key)
+{
+    return sign(ImageTrailer(), content, ImagePurpose(), key);
+}
+
+ImageTrailer signImage(const ContentDigest& content, const ImagePurpose& purpose, EVP_PKEY* key)
+{
+    ImageTrailer trailer;
+    trailer.format = 2;
+    trailer.counter = purpose.counter;
+    trailer.moduleCheck = checkValueOf(purpose.module);
+    trailer.modelCheck = checkValueOf(purpose.model);
+    return sign(trailer, content, purpose, key);
+}
+
+void requireSignature(const ImageTrailer& trailer, const ContentDigest& content,
+                      const ImagePurpose& purpose, EVP_PKEY* key, const std::string& path)
 {
     const UniqueKeyContext context(EVP_PKEY_CTX_new(key, nullptr));
-    if (!context || EVP_PKEY_verify_init(context.get()) != 1 || !useImagePadding(context.get()) ||
-        EVP_PKEY_CTX_set_signature_md(context.get(), EVP_sha256()) != 1) {
+    if (!context || EVP_PKEY_verify_init(context.get()) != 1 ||
+        !prepare(context.get(), digestOf(trailer))) {
         throw notSigned(path, "signature cannot be checked with this key");
     }
+    const Bytes digest = signedDigest(trailer, content, purpose);
     const SignatureBytes& signature = trailer.signature;
-    if (EVP_PKEY_verify(context.get(), signature.data(), signature.size(), content.data(),
-                        content.size()) != 1) {
-        throw notSigned(path, "signature does not match the content");
+    if (EVP_PKEY_verify(context.get(), signature.data(), signature.size(), digest.data(),
+                        digest.size()) != 1) {
+        throw notSigned(path, trailer.format == 1
+                                  ? "signature does not match the content"
+                                  : "signature does not match the content, module and model");
     }
 }
 

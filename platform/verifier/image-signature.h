@@ -4,6 +4,7 @@
 #include <openssl/evp.h>
 
 #include <array>
+#include <cstdint>
 #include <string>
 
 #include "image-trailer.h"
@@ -13,17 +14,47 @@ namespace quillon {
 /// SHA-256 over every byte of a file before its trailer.
 using ContentDigest = std::array<unsigned char, 32>;
 
-/// Sets a signing or verifying context to the trailer's one algorithm.
+/// What an image with a trailer of format 2 is for.
+struct ImagePurpose
+{
+    std::string module;         ///< firmware name, see isModuleName
+    std::string model;          ///< of the device, see isModelName
+    std::uint32_t counter = 0;  ///< security counter: higher where an older image is unsafe
+};
+
+/// @return whether a text can be a module's firmware name: 1 to 124 ASCII letters and digits.
+bool isModuleName(const std::string& text);
+
+/// @return whether a text can be a device's model: 1 to 64 printable ASCII characters, the first
+/// and
+///         the last of them no blank.
+bool isModelName(const std::string& text);
+
+/// @throws ImageError with ImageFault::Signature when SHA-256 cannot be computed.
+CheckValue checkValueOf(const std::string& text);
+
+/// Sets a signing or verifying context to the padding of a trailer's algorithm.
+/// @param digest  SHA-256 for format 1, SHA-512 for format 2
 /// @return whether OpenSSL took it.
-bool useImagePadding(EVP_PKEY_CTX* context);
+bool useImagePadding(EVP_PKEY_CTX* context, const EVP_MD* digest = EVP_sha256());
+
+/// Makes a trailer of format 1.
+/// @param key  an RSA-4096 private key
+/// @throws ImageError with ImageFault::Key when the key cannot sign.
+ImageTrailer signImage(const ContentDigest& content, EVP_PKEY* key);
+
+/// Makes a trailer of format 2.
+/// @throws ImageError with ImageFault::Key when the key cannot sign.
+ImageTrailer signImage(const ContentDigest& content, const ImagePurpose& purpose, EVP_PKEY* key);
 
 /// Checks a trailer's signature.
-/// @param path  the file that ends in the trailer, for the error's line only
-/// @param key   an RSA-4096 public key
+/// @param path     the file that ends in the trailer, for the error's line only
+/// @param purpose  what a trailer of format 2 has to be made for; its counter does not matter here
+/// @param key      an RSA-4096 public key
 /// @throws ImageError with ImageFault::Signature when the signature is not this key's over this
-///         content.
-void requireSignature(const ImageTrailer& trailer, const ContentDigest& content, EVP_PKEY* key,
-                      const std::string& path);
+///         content and purpose.
+void requireSignature(const ImageTrailer& trailer, const ContentDigest& content,
+                      const ImagePurpose& purpose, EVP_PKEY* key, const std::string& path);
 
 }  // namespace quillon
 

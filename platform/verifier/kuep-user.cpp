@@ -13,6 +13,7 @@
 #include "platform/log.h"
 #include "platform/verifier.h"
 #include "signed-file.h"
+#include "trust-policy.h"
 #include "trusted-keys.h"
 
 namespace {
@@ -42,10 +43,25 @@ void complain(const std::string& message)
     static_cast<void>(std::fprintf(stderr, "%s: %s\n", kName, message.c_str()));
 }
 
+/// What the device says now, in its own file and by the floors that packages have raised.
+quillon::TrustPolicy presentPolicy(const std::string& path)
+{
+    try {
+        quillon::TrustPolicy policy = quillon::loadTrustPolicy(QUILLON_TRUST_POLICY);
+        quillon::raiseFloors(policy.floors, quillon::loadFloors(QUILLON_SECURITY_FLOORS));
+        return policy;
+    } catch (const quillon::ImageError& error) {
+        throw quillon::notSigned(path, std::string("no image is trusted: ") + error.what());
+    }
+}
+
 void requireTrusted(const quillon::ImageTrailer& trailer, const std::string& path,
                     const std::function<quillon::ContentDigest()>& digest)
 {
-    quillon::requireTrustedSignature(trailer, path, digest, QUILLON_TRUSTED_KEYS, &complain);
+    const quillon::ImagePurpose purpose =
+        quillon::requireAllowed(trailer, path, presentPolicy(path));
+    quillon::requireTrustedSignature(trailer, path, purpose, digest, QUILLON_TRUSTED_KEYS,
+                                     &complain);
 }
 
 void requireSigned(const std::string& path)

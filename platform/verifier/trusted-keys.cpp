@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <optional>
 #include <vector>
 
 #include "image-error.h"
@@ -44,19 +45,29 @@ UniqueKey loadUsableKey(const std::string& path,
 }  // namespace
 
 std::string requireTrustedSignature(const ImageTrailer& trailer, const std::string& path,
+                                    const ImagePurpose& purpose,
                                     const std::function<ContentDigest()>& digest,
                                     const std::string& folder,
                                     const std::function<void(const std::string&)>& complain)
 {
-    const KeyId& wanted = trailer.keyId;
+    std::optional<ContentDigest> content;
+    std::optional<ImageError> refusal;
     for (const std::string& keyPath : keyFilesIn(folder, path)) {
         const UniqueKey key = loadUsableKey(keyPath, complain);
-        if (key && keyIdOf(key.get()) == wanted) {
-            requireSignature(trailer, digest(), key.get(), path);
+        if (!key || !namesKey(trailer, keyIdOf(key.get()))) {
+            continue;
+        }
+        content = content ? content : digest();
+        try {
+            requireSignature(trailer, *content, purpose, key.get(), path);
             return keyPath;
+        } catch (const ImageError& error) {
+            refusal = error;  // two keys may have the same short id
         }
     }
-    throw notSigned(path, "no trusted key with the id " + toText(wanted) + " in " + folder);
+    throw refusal
+        ? *refusal
+        : notSigned(path, "no trusted key with the id " + keyIdText(trailer) + " in " + folder);
 }
 
 }  // namespace quillon

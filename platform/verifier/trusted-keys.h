@@ -12,6 +12,7 @@ namespace quillon {
 /// taken in the order of their names.
 ///
 /// @param path      the file that ends in the trailer, for the errors' lines only
+/// @param purpose   what a trailer of format 2 has to be made for
 /// @param digest    called once there is a key to check with, so that a file which nobody trusted
 ///                  signed is not read; what it throws comes through
 /// @param complain  called with one line for each key file that is of no use and is passed over:
@@ -19,6 +20,7 @@ namespace quillon {
 /// @return path of the key that signed the content.
 /// @throws ImageError with ImageFault::Signature when no key has the id or its signature is wrong.
 std::string requireTrustedSignature(const ImageTrailer& trailer, const std::string& path,
+                                    const ImagePurpose& purpose,
                                     const std::function<ContentDigest()>& digest,
                                     const std::string& folder,
                                     const std::function<void(const std::string&)>& complain);

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "image-error.h"
+#include "image-signature.h"
 #include "verbs.h"
 
 namespace {
@@ -35,17 +36,31 @@ void addKeygen(CLI::App& app, quillon::KeygenOptions& options)
     verb->callback([&options] { quillon::keygen(options); });
 }
 
+CLI::Option* addModel(CLI::App* verb, std::string& model, const char* what)
+{
+    return verb->add_option("--model", model, what)->check([](const std::string& text) {
+        return quillon::isModelName(text) ? "" : "1 to 64 printable characters make a model";
+    });
+}
+
 void addBuild(CLI::App& app, quillon::BuildOptions& options)
 {
     CLI::App* verb =
         addVerb(app, "build", "make an enciphered and signed stick image", options.json);
-    CLI::Option* module =
-        verb->add_option("--module", options.module, "the module's firmware name, for --stick");
+    CLI::Option* module = verb->add_option("--module", options.module,
+                                           "the module's firmware name, for --stick and --model");
     verb->add_option("--version", options.version, "the payload's version")->required();
     verb->add_option("--payload", options.payload, "file with the firmware")->required();
     verb->add_option("--key", options.key, "image key file (image-key.bin)")->required();
     verb->add_option("--sign", options.signingKey, "signing key file (signing-key.pem)")
         ->required();
+    CLI::Option* model = addModel(verb, options.model,
+                                  "the device's model: the image is good for this module of this "
+                                  "model alone")
+                             ->needs(module);
+    model->needs(verb->add_option("--counter", options.counter,
+                                  "security counter: devices with a higher floor refuse the image")
+                     ->needs(model));
     CLI::Option_group* place = verb->add_option_group("place", "one of");
     place->add_option("--output", options.output, "the image file");
     place->add_option("--stick", options.stick, "folder of a stick; the image is DIR/NAME.bin")
@@ -99,6 +114,8 @@ void addVerify(CLI::App& app, quillon::VerifyOptions& options)
     CLI::App* verb = addVerb(
         app, "verify", "check the signature of an image or provisioning package", options.json);
     verb->add_option("FILE", options.image, "the image or provisioning package")->required();
+    addModel(verb, options.model, "the device's model, as it stands in trust.conf");
+    verb->add_option("--floor", options.floor, "least security counter that a device accepts");
     CLI::Option_group* keys = verb->add_option_group("keys", "one of");
     keys->add_option("--trusted", options.trustedFolder, "folder with public keys, *.pem");
     keys->add_option("--public", options.publicKey, "public key file");

@@ -21,9 +21,6 @@ namespace {
 constexpr std::size_t kChunkSize = 65536;
 constexpr std::size_t kSmallestImage = kInitialisationVectorSize + kCipherBlockSize + kTrailerSize;
 
-/// Longest firmware name: the package identifier has at most 127 characters, "emp" among them.
-constexpr std::size_t kLongestModule = 124;
-
 using VersionHeader = std::array<unsigned char, kVersionHeaderSize>;
 
 bool isPrintable(unsigned char character)
@@ -96,19 +93,14 @@ private:
     std::vector<unsigned char> _output;
 };
 
-/// A file that is signed while it is written.
+/// A file that is signed when it is written.
 class SignedOutput
 {
 public:
-    SignedOutput(const std::string& path, EVP_PKEY* key)
-        : _file(path, Audience::Everyone), _digest(EVP_MD_CTX_new()), _keyId(keyIdOf(key))
+    explicit SignedOutput(const std::string& path)
+        : _file(path, Audience::Everyone), _digest(EVP_MD_CTX_new())
     {
-        EVP_PKEY_CTX* padding = nullptr;  // belongs to the digest
-        if (!_digest ||
-            EVP_DigestSignInit(_digest.get(), &padding, EVP_sha256(), nullptr, key) != 1 ||
-            !useImagePadding(padding)) {
-            throw ImageError(ImageFault::Key, "signing key cannot sign");
-        }
+        require(_digest && EVP_DigestInit_ex(_digest.get(), EVP_sha256(), nullptr) == 1);
     }
 
     void write(const unsigned char* data, std::size_t length)
@@ -117,32 +109,32 @@ public:
         if (_size + kTrailerSize > kLargestImage) {
             throw ImageError(ImageFault::Format, "payload too large: an image stays below 2 GiB");
         }
-        if (EVP_DigestSignUpdate(_digest.get(), data, length) != 1) {
-            throw ImageError(ImageFault::Key, "signing key cannot sign");
-        }
+        require(EVP_DigestUpdate(_digest.get(), data, length) == 1);
         _file.write(data, length);
     }
 
     void write(const std::vector<unsigned char>& data) { write(data.data(), data.size()); }
 
-    void commit()
+    void commit(const std::optional<ImagePurpose>& purpose, EVP_PKEY* key)
     {
-        ImageTrailer trailer;
-        trailer.keyId = _keyId;
-        std::size_t length = trailer.signature.size();
-        if (EVP_DigestSignFinal(_digest.get(), trailer.signature.data(), &length) != 1 ||
-            length != trailer.signature.size()) {
-            throw ImageError(ImageFault::Key, "signing key cannot sign");
-        }
-        const TrailerBytes bytes = encodeTrailer(trailer);
+        ContentDigest content{};
+        require(EVP_DigestFinal_ex(_digest.get(), content.data(), nullptr) == 1);
+        const TrailerBytes bytes =
+            encodeTrailer(purpose ? signImage(content, *purpose, key) : signImage(content, key));
         _file.write(bytes.data(), bytes.size());
         _file.commit();
     }
 
 private:
+    static void require(bool done)
+    {
+        if (!done) {
+            throw ImageError(ImageFault::Key, "SHA-256 cannot be computed");
+        }
+    }
+
     AtomicFile _file;
     UniqueDigest _digest;
-    KeyId _keyId;
     std::uint64_t _size = 0;
 };
 
@@ -230,6 +222,23 @@ private:
     std::string _version;
 };
 
+void requireModule(const std::string& module)
+{
+    if (!isModuleName(module)) {
+        throw ImageError(ImageFault::Usage,
+                         "a module's name has 1 to 124 ASCII letters and digits");
+    }
+}
+
+void requirePurpose(const ImagePurpose& purpose)
+{
+    requireModule(purpose.module);
+    if (!isModelName(purpose.model)) {
+        throw ImageError(ImageFault::Usage,
+                         "a model has 1 to 64 printable ASCII characters, no blank at its ends");
+    }
+}
+
 InitialisationVector randomVector()
 {
     InitialisationVector vector{};
@@ -242,9 +251,13 @@ InitialisationVector randomVector()
 }  // namespace
 
 void buildStickImage(const std::string& version, const std::string& payloadPath,
-                     const ImageKey& imageKey, EVP_PKEY* signingKey, const std::string& outputPath)
+                     const ImageKey& imageKey, EVP_PKEY* signingKey, const std::string& outputPath,
+                     const std::optional<ImagePurpose>& purpose)
 {
     const VersionHeader header = encodeVersion(version);
+    if (purpose) {
+        requirePurpose(*purpose);
+    }
     const InitialisationVector vector = randomVector();
     const RegularFile payload(payloadPath);
     if (payload.size() > kLargestImage - kSmallestImage - kVersionHeaderSize) {
@@ -253,7 +266,7 @@ void buildStickImage(const std::string& version, const std::string& payloadPath,
     }
 
     Cipher cipher(imageKey, vector, Cipher::Encipher);
-    SignedOutput output(outputPath, signingKey);
+    SignedOutput output(outputPath);
     output.write(vector.data(), vector.size());
     output.write(cipher.update(header.data(), header.size()));
     readInPieces(payload, 0, payload.size(), [&](const unsigned char* data, std::size_t length) {
@@ -262,15 +275,12 @@ void buildStickImage(const std::string& version, const std::string& payloadPath,
     std::vector<unsigned char> lastBlock;
     cipher.finish(lastBlock);
     output.write(lastBlock);
-    output.commit();
+    output.commit(purpose, signingKey);
 }
 
 std::string stickImagePath(const std::string& directory, const std::string& module)
 {
-    if (module.empty() || module.size() > kLongestModule || !hasLettersAndDigitsOnly(module)) {
-        throw ImageError(ImageFault::Usage,
-                         "a module's name has 1 to 124 ASCII letters and digits");
-    }
+    requireModule(module);
     return directory + (directory.empty() || directory.back() == '/' ? "" : "/") + module + ".bin";
 }
 
@@ -281,7 +291,7 @@ StickImageInfo inspectStickImage(const std::string& path)
     info.size = image.file().size();
     info.ciphertextSize = image.contentSize() - kInitialisationVectorSize;
     info.vector = readVector(image);
-    info.keyId = image.trailer().keyId;
+    info.trailer = image.trailer();
     return info;
 }
 
@@ -324,23 +334,27 @@ std::string extractStickImage(const std::string& path, const ImageKey& imageKey,
     return version;
 }
 
-void verifyStickImage(const std::string& path, const std::string& publicKeyPath)
+void verifyStickImage(const std::string& path, const std::string& publicKeyPath,
+                      const TrustPolicy& policy)
 {
     const UniqueKey key = loadPublicKey(publicKeyPath);
     const SignedFile image = openStickImage(path);
-    if (keyIdOf(key.get()) != image.trailer().keyId) {
-        throw notSigned(path, "the signing key has the id " + toText(image.trailer().keyId) +
+    const ImagePurpose purpose = requireAllowed(image.trailer(), path, policy);
+    if (!namesKey(image.trailer(), keyIdOf(key.get()))) {
+        throw notSigned(path, "the signing key has the id " + keyIdText(image.trailer()) +
                                   ", not that of " + publicKeyPath);
     }
-    requireSignature(image.trailer(), image.contentDigest(), key.get(), path);
+    requireSignature(image.trailer(), image.contentDigest(), purpose, key.get(), path);
 }
 
 std::string verifyStickImageByFolder(const std::string& path, const std::string& folder,
-                                     const std::function<void(const std::string&)>& complain)
+                                     const std::function<void(const std::string&)>& complain,
+                                     const TrustPolicy& policy)
 {
     const SignedFile image = openStickImage(path);
     return requireTrustedSignature(
-        image.trailer(), path, [&image] { return image.contentDigest(); }, folder, complain);
+        image.trailer(), path, requireAllowed(image.trailer(), path, policy),
+        [&image] { return image.contentDigest(); }, folder, complain);
 }
 
 }  // namespace quillon

@@ -12,10 +12,12 @@
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "image-trailer.h"
 #include "keys.h"
+#include "trust-policy.h"
 
 namespace quillon {
 
@@ -34,7 +36,7 @@ struct StickImageInfo
     std::uint64_t size = 0;            ///< of the whole file, in bytes
     std::uint64_t ciphertextSize = 0;  ///< in bytes
     InitialisationVector vector{};
-    KeyId keyId{};  ///< which key claims to have signed it
+    ImageTrailer trailer;  ///< what it claims
 };
 
 /// Makes a stick image out of a payload file. Works in pieces: memory does not grow with the image.
@@ -43,11 +45,14 @@ struct StickImageInfo
 /// @param payloadPath  a regular file, which may be empty
 /// @param signingKey   an RSA-4096 private key
 /// @param outputPath   the image; appears whole or not at all and replaces an earlier file
-/// @throws ImageError: ImageFault::Usage for the version, ImageFault::File for either file,
+/// @param purpose      what the image is for, in a trailer of format 2; nothing: format 1
+/// @throws ImageError: ImageFault::Usage for the version or the purpose, ImageFault::File for
+/// either file,
 ///         ImageFault::Format when the image would be too large, ImageFault::Key when the signing
 ///         key cannot sign.
 void buildStickImage(const std::string& version, const std::string& payloadPath,
-                     const ImageKey& imageKey, EVP_PKEY* signingKey, const std::string& outputPath);
+                     const ImageKey& imageKey, EVP_PKEY* signingKey, const std::string& outputPath,
+                     const std::optional<ImagePurpose>& purpose = std::nullopt);
 
 /// @return the file's path on a stick: DIRECTORY/MODULE.bin.
 /// @param module  the module's firmware name: ASCII letters and digits
@@ -71,17 +76,20 @@ std::string readStickImageVersion(const std::string& path, const ImageKey& image
 std::string extractStickImage(const std::string& path, const ImageKey& imageKey,
                               const std::string& payloadPath);
 
-/// Checks an image's signature against one public key.
+/// Checks an image against a policy and its signature against one public key.
 /// @throws ImageError: ImageFault::File, ImageFault::Format, ImageFault::Signature, and
 ///         ImageFault::Key when the key file is unusable.
-void verifyStickImage(const std::string& path, const std::string& publicKeyPath);
+void verifyStickImage(const std::string& path, const std::string& publicKeyPath,
+                      const TrustPolicy& policy = {});
 
-/// Checks an image's signature against the keys (*.pem) in a folder, as a device does.
+/// Checks an image against a policy and its signature against the keys (*.pem) in a folder, as a
+/// device does.
 /// @return path of the key that signed it.
 /// @param complain  called with one line for each key file that is of no use and is passed over
 /// @throws ImageError as verifyStickImage.
 std::string verifyStickImageByFolder(const std::string& path, const std::string& folder,
-                                     const std::function<void(const std::string&)>& complain);
+                                     const std::function<void(const std::string&)>& complain,
+                                     const TrustPolicy& policy = {});
 
 }  // namespace quillon
 

@@ -45,9 +45,17 @@ Json::Value describe(const std::string& path, const StickImageInfo& image)
     entries["size"] = static_cast<Json::UInt64>(image.size);
     entries["ciphertextSize"] = static_cast<Json::UInt64>(image.ciphertextSize);
     entries["initialisationVector"] = hexText(image.vector.data(), image.vector.size());
-    entries["keyId"] = toText(image.keyId);
-    entries["trailerFormat"] = kTrailerFormat;
-    entries["signatureAlgorithm"] = "RSA-4096 PSS SHA-256";
+    entries["keyId"] = keyIdText(image.trailer);
+    entries["trailerFormat"] = image.trailer.format;
+    entries["signatureAlgorithm"] =
+        image.trailer.format == 1 ? "RSA-4096 PSS SHA-256" : "RSA-4096 PSS SHA-512";
+    if (image.trailer.format == 2) {
+        const CheckValue& module = image.trailer.moduleCheck;
+        const CheckValue& model = image.trailer.modelCheck;
+        entries["moduleCheck"] = hexText(module.data(), module.size());
+        entries["modelCheck"] = hexText(model.data(), model.size());
+        entries["securityCounter"] = image.trailer.counter;
+    }
     return entries;
 }
 
@@ -106,7 +114,11 @@ void build(const BuildOptions& options)
         options.stick.empty() ? options.output : stickImagePath(options.stick, options.module);
     const ImageKey imageKey = loadImageKey(options.key);
     const UniqueKey signingKey = loadSigningKey(options.signingKey);
-    buildStickImage(options.version, options.payload, imageKey, signingKey.get(), path);
+    const auto purpose =
+        options.model.empty()
+            ? std::nullopt
+            : std::optional(ImagePurpose{options.module, options.model, options.counter});
+    buildStickImage(options.version, options.payload, imageKey, signingKey.get(), path, purpose);
 
     if (!options.json) {
         std::cout << path << ": version " << options.version << ", "
@@ -188,11 +200,15 @@ void verify(const VerifyOptions& options)
         report(entries, options.json);
         return;
     }
+    TrustPolicy policy;
+    policy.place = "--model";
+    policy.model = options.model;
+    policy.floors[moduleOf(options.image)] = options.floor;
     std::string key = options.publicKey;
     if (key.empty()) {
-        key = verifyStickImageByFolder(options.image, options.trustedFolder, &warn);
+        key = verifyStickImageByFolder(options.image, options.trustedFolder, &warn, policy);
     } else {
-        verifyStickImage(options.image, key);
+        verifyStickImage(options.image, key, policy);
     }
     Json::Value entries;
     entries["image"] = options.image;

@@ -23,8 +23,10 @@ struct BuildOptions
     std::string payload;
     std::string key;
     std::string signingKey;
-    std::string output;  ///< the image, or empty when stick is given
-    std::string stick;   ///< the stick's directory, or empty when output is given
+    std::string output;         ///< the image, or empty when stick is given
+    std::string stick;          ///< the stick's directory, or empty when output is given
+    std::string model;          ///< of the device, for a trailer of format 2; empty: format 1
+    std::uint32_t counter = 0;  ///< security counter, with model
     bool json = false;
 };
 
@@ -63,6 +65,8 @@ struct VerifyOptions
     std::string trustedFolder;      ///< of public keys, for a stick image
     std::string publicKey;          ///< for a stick image
     std::string certificateFolder;  ///< for a provisioning package
+    std::string model;              ///< of the device, for a trailer of format 2
+    std::uint32_t floor = 0;        ///< least security counter of a stick image
     bool json = false;
 };
 

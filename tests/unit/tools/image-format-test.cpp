@@ -140,7 +140,7 @@ TEST_F(ImageFormat, TellsWhatStandsAroundTheCiphertext)
     EXPECT_EQ(info.size, content.size());
     EXPECT_EQ(info.ciphertextSize, 80U);
     EXPECT_EQ(std::string(info.vector.begin(), info.vector.end()), content.substr(0, 16));
-    EXPECT_EQ(std::string(info.keyId.begin(), info.keyId.end()),
+    EXPECT_EQ(std::string(info.trailer.keyId.begin(), info.trailer.keyId.end()),
               content.substr(content.size() - 520, 8));
 }
 

@@ -33,10 +33,11 @@ protected:
             GTEST_SKIP() << "openssl(1) is not installed";
         }
         const std::vector<std::string> blocks = shellBlocksOf(readAll(FORMAT_PAGE));
-        ASSERT_THAT(blocks, SizeIs(3));
+        ASSERT_THAT(blocks, SizeIs(4));
         const std::string start = "set -e; cd '" + folder + "'\n" + blocks[0];
         makeCommands = start + blocks[1];
         readCommands = start + blocks[2];
+        checkFormat2Commands = start + blocks[3];
 
         std::filesystem::create_symlink(QUILLON_TEST_KEYS "/a", folder + "keys");
         writeAll(folder + "payload", "firmware of the tuner\n");
@@ -44,6 +45,7 @@ protected:
 
     std::string makeCommands;
     std::string readCommands;
+    std::string checkFormat2Commands;
 };
 
 TEST_F(ImageOpenssl, MakesAnImageThatVerifiesAndExtracts)
@@ -65,6 +67,17 @@ TEST_F(ImageOpenssl, VerifiesAndDeciphersAnImageOfOurs)
     EXPECT_EQ(out, "Verified OK\n");
     EXPECT_EQ(readAll(folder + "version"), "2.0");
     EXPECT_EQ(readAll(folder + "extracted"), readAll(folder + "payload"));
+}
+
+TEST_F(ImageOpenssl, ChecksASignatureForOneModuleOfOneModel)
+{
+    makeImage(folder + "tuner.bin", "a", "2.0", "firmware", ImagePurpose{"tuner", "TV2024", 7});
+
+    EXPECT_EQ(shell(checkFormat2Commands), 0) << err;
+    EXPECT_EQ(out, "Verified OK\n");
+
+    makeImage(folder + "tuner.bin", "a", "2.0", "firmware", ImagePurpose{"tuner", "TV2025", 7});
+    EXPECT_NE(shell(checkFormat2Commands), 0);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <string>
 
 #include "keys.h"
@@ -31,6 +32,21 @@ inline void writeAll(const std::string& path, const std::string& content)
     std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
+/// Gives the device a trust policy.
+inline void putPolicy(const std::string& text)
+{
+    std::filesystem::create_directories(std::filesystem::path(QUILLON_TRUST_POLICY).parent_path());
+    writeAll(QUILLON_TRUST_POLICY, text);
+}
+
+/// Gives the device the floors that packages have raised.
+inline void putFloors(const std::string& text)
+{
+    std::filesystem::create_directories(
+        std::filesystem::path(QUILLON_SECURITY_FLOORS).parent_path());
+    writeAll(QUILLON_SECURITY_FLOORS, text);
+}
+
 /// Makes the device trust a maker's signatures.
 inline void trust(const std::string& maker)
 {
@@ -50,12 +66,13 @@ inline void trustProvisioning(const std::string& maker)
 
 /// Makes an image that a maker enciphered and signed.
 inline void makeImage(const std::string& path, const std::string& maker, const std::string& version,
-                      const std::string& payload)
+                      const std::string& payload,
+                      const std::optional<ImagePurpose>& purpose = std::nullopt)
 {
     const std::string payloadPath = path + ".payload";
     writeAll(payloadPath, payload);
     buildStickImage(version, payloadPath, loadImageKey(keyPath(maker, kImageKeyFile)),
-                    loadSigningKey(keyPath(maker, kSigningKeyFile)).get(), path);
+                    loadSigningKey(keyPath(maker, kSigningKeyFile)).get(), path, purpose);
     std::filesystem::remove(payloadPath);
 }
 

@@ -20,6 +20,8 @@ protected:
     void SetUp() override
     {
         std::filesystem::remove_all(kTrustedKeys);
+        std::filesystem::remove_all(QUILLON_TRUST_POLICY);
+        std::filesystem::remove_all(QUILLON_SECURITY_FLOORS);
         trust("a");
         std::filesystem::create_directories(stick);
         makeImage(image, "a", "2.0", "payload");

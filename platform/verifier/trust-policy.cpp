@@ -1,0 +1,249 @@
+#include "trust-policy.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <functional>
+#include <limits>
+#include <set>
+#include <sstream>
+
+#include "hex-text.h"
+#include "image-error.h"
+#include "regular-file.h"
+
+namespace quillon {
+namespace {
+
+constexpr std::size_t kLargestFile = 65536;
+constexpr char kBlanks[] = " \t\r";
+constexpr char kFloorPrefix[] = "floor.";
+constexpr char kImageSuffix[] = ".bin";
+
+/// Takes a setting over.
+/// @return empty, or what is wrong about it and how it should be.
+using Taker = std::function<std::string(const std::string& name, const std::string& value)>;
+
+std::string trimmed(const std::string& text)
+{
+    const std::size_t start = text.find_first_not_of(kBlanks);
+    const std::size_t end = text.find_last_not_of(kBlanks);
+    return start == std::string::npos ? "" : text.substr(start, end - start + 1);
+}
+
+/// A link that leads nowhere is there, and cannot be read.
+bool isMissing(const std::string& path)
+{
+    struct stat status = {};
+    return lstat(path.c_str(), &status) != 0 && errno == ENOENT;
+}
+
+std::string readText(const std::string& path)
+{
+    try {
+        return readSmallFile(path, kLargestFile);
+    } catch (const ImageError& error) {
+        throw ImageError(error.fault(),
+                         std::string(error.what()) + "; it has to be a file that all may read");
+    }
+}
+
+std::string takeLine(const std::string& line, std::set<std::string>& seen, const Taker& take)
+{
+    const std::size_t sign = line.find('=');
+    if (sign == std::string::npos) {
+        return "not \"SETTING = VALUE\"; correct or remove the line";
+    }
+    const std::string name = trimmed(line.substr(0, sign));
+    if (!seen.insert(name).second) {
+        return "\"" + name + "\" for the second time; remove one of the lines";
+    }
+    return take(name, trimmed(line.substr(sign + 1)));
+}
+
+void readSettings(const std::string& path, const Taker& take)
+{
+    std::istringstream text(readText(path));
+    std::set<std::string> seen;
+    std::string raw;
+    for (int number = 1; std::getline(text, raw); ++number) {
+        const std::string line = trimmed(raw);
+        if (line.empty() || line.front() == '#') {
+            continue;
+        }
+        const std::string defect = takeLine(line, seen, take);
+        if (!defect.empty()) {
+            throw ImageError(ImageFault::File, path + ":" + std::to_string(number) + ": " + defect);
+        }
+    }
+}
+
+std::string takeSwitch(const std::string& value, const char* on, const char* off, bool& to)
+{
+    to = value == on;
+    return to || value == off ? ""
+                              : "\"" + value + "\" has to be \"" + on + "\" or \"" + off + "\"";
+}
+
+bool isFloor(const std::string& name)
+{
+    return name.rfind(kFloorPrefix, 0) == 0;
+}
+
+std::string takeFloor(const std::string& name, const std::string& value, Floors& floors)
+{
+    const std::string module = name.substr(sizeof kFloorPrefix - 1);
+    if (!isModuleName(module)) {
+        return "\"" + module + "\" has to be a module's name, of ASCII letters and digits";
+    }
+    return parseFloor(value, floors[module])
+               ? ""
+               : "\"" + value + "\" has to be a number from 0 to 4294967295";
+}
+
+std::string takeModel(const std::string& value, std::string& model)
+{
+    model = value;
+    return isModelName(value) ? "" : "a model has 1 to 64 printable ASCII characters";
+}
+
+std::string quoted(const CheckValue& value)
+{
+    return hexText(value.data(), value.size());
+}
+
+void requireCheckValue(const CheckValue& found, const std::string& wanted, const char* what,
+                       const std::string& path)
+{
+    const CheckValue right = checkValueOf(wanted);
+    if (found != right) {
+        throw notSigned(path, std::string("made for another ") + what +
+                                  ": the check value of its name is " + quoted(found) +
+                                  ", that of \"" + wanted + "\" is " + quoted(right));
+    }
+}
+
+std::uint32_t floorOf(const Floors& floors, const std::string& module)
+{
+    const auto floor = floors.find(module);
+    return floor == floors.end() ? 0 : floor->second;
+}
+
+}  // namespace
+
+TrustPolicy loadTrustPolicy(const std::string& path)
+{
+    TrustPolicy policy;
+    policy.place = path;
+    if (isMissing(path)) {
+        return policy;
+    }
+    readSettings(path, [&policy](const std::string& name, const std::string& value) -> std::string {
+        if (name == "format-1") {
+            return takeSwitch(value, "accepted", "refused", policy.acceptsFormat1);
+        }
+        if (name == "provisioning-purpose") {
+            return takeSwitch(value, "required", "optional", policy.requiresProvisioningPurpose);
+        }
+        if (name == "model") {
+            return takeModel(value, policy.model);
+        }
+        if (isFloor(name)) {
+            return takeFloor(name, value, policy.floors);
+        }
+        return "unknown setting \"" + name +
+               "\"; there are format-1, model, provisioning-purpose and floor.MODULE";
+    });
+    return policy;
+}
+
+Floors loadFloors(const std::string& path)
+{
+    Floors floors;
+    if (isMissing(path)) {
+        return floors;
+    }
+    readSettings(path, [&floors](const std::string& name, const std::string& value) {
+        return isFloor(name) ? takeFloor(name, value, floors)
+                             : "unknown setting \"" + name + "\"; there is floor.MODULE only";
+    });
+    return floors;
+}
+
+std::string floorsText(const Floors& floors)
+{
+    std::string text;
+    for (const auto& [module, floor] : floors) {
+        text.append(kFloorPrefix).append(module).append(" = ");
+        text.append(std::to_string(floor)).append("\n");
+    }
+    return text;
+}
+
+void raiseFloors(Floors& floors, const Floors& others)
+{
+    for (const auto& [module, floor] : others) {
+        std::uint32_t& ours = floors[module];
+        ours = std::max(ours, floor);
+    }
+}
+
+bool parseFloor(const std::string& text, std::uint32_t& floor)
+{
+    constexpr std::size_t kMostDigits = 10;
+    if (text.empty() || text.size() > kMostDigits ||
+        text.find_first_not_of("0123456789") != std::string::npos) {
+        return false;
+    }
+    const unsigned long long number = std::stoull(text);
+    floor = static_cast<std::uint32_t>(number);
+    return number <= std::numeric_limits<std::uint32_t>::max();
+}
+
+std::string moduleOf(const std::string& path)
+{
+    const std::string file = path.substr(path.rfind('/') + 1);  // the whole path without a '/'
+    const std::size_t suffix = sizeof kImageSuffix - 1;
+    if (file.size() <= suffix || file.substr(file.size() - suffix) != kImageSuffix) {
+        return "";
+    }
+    const std::string module = file.substr(0, file.size() - suffix);
+    return isModuleName(module) ? module : "";
+}
+
+ImagePurpose requireAllowed(const ImageTrailer& trailer, const std::string& path,
+                            const TrustPolicy& policy)
+{
+    const std::string module = moduleOf(path);
+    const std::uint32_t floor = floorOf(policy.floors, module);
+    if (trailer.format == 1) {
+        if (!policy.acceptsFormat1) {
+            throw notSigned(path, "trailer has format 1, which " + policy.place + " refuses");
+        }
+        if (floor > 0) {
+            throw notSigned(path,
+                            "too old: trailer of format 1 has no security counter, and the "
+                            "module's floor is " +
+                                std::to_string(floor));
+        }
+        return {};
+    }
+    if (policy.model.empty()) {
+        throw notSigned(path, "trailer has an unknown format: 2 needs the device's model, which " +
+                                  policy.place + " does not name");
+    }
+    if (module.empty()) {
+        throw notSigned(path, "made for one module, and this file's name is not that of a module");
+    }
+    requireCheckValue(trailer.moduleCheck, module, "module", path);
+    requireCheckValue(trailer.modelCheck, policy.model, "model", path);
+    if (trailer.counter < floor) {
+        throw notSigned(path, "too old: its security counter is " +
+                                  std::to_string(trailer.counter) + ", and the module's floor is " +
+                                  std::to_string(floor));
+    }
+    return {module, policy.model, trailer.counter};
+}
+
+}  // namespace quillon

@@ -1,0 +1,65 @@
+#ifndef QUILLON_PLATFORM_VERIFIER_TRUST_POLICY_H
+#define QUILLON_PLATFORM_VERIFIER_TRUST_POLICY_H
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "image-signature.h"
+#include "image-trailer.h"
+
+namespace quillon {
+
+/// Security floors: the least security counter of a module's images, by its firmware name.
+using Floors = std::map<std::string, std::uint32_t>;
+
+/// What a device trusts beside its keys. The defaults are those of a device that says nothing.
+struct TrustPolicy
+{
+    bool acceptsFormat1 = true;
+    bool requiresProvisioningPurpose = false;
+    std::string model;                       ///< empty: format 2 is not known
+    std::string place = "the trust policy";  ///< where the model is named, for messages
+    Floors floors;
+};
+
+/// Reads a policy file, lines of "SETTING = VALUE", blank or beginning with '#':
+///
+///     format-1 = refused                 (or accepted, as without the line)
+///     model = TV2024
+///     floor.tuner = 7
+///     provisioning-purpose = required    (or optional, as without the line)
+///
+/// @return the defaults when there is no such file.
+/// @throws ImageError with ImageFault::File when it cannot be read or a line is wrong, naming the
+///         line and the remedy. Nothing may be trusted then.
+TrustPolicy loadTrustPolicy(const std::string& path);
+
+/// Reads a file with "floor.MODULE = NUMBER" lines alone.
+/// @return none when there is no such file.
+/// @throws ImageError as loadTrustPolicy.
+Floors loadFloors(const std::string& path);
+
+/// @return the text that loadFloors reads.
+std::string floorsText(const Floors& floors);
+
+/// Raises floors to those of others that are higher; lowers none.
+void raiseFloors(Floors& floors, const Floors& others);
+
+/// Reads a floor's number: decimal digits, at most 4294967295.
+/// @return false for anything else.
+bool parseFloor(const std::string& text, std::uint32_t& floor);
+
+/// @return the firmware name in a path "FOLDER/NAME.bin"; empty when the path names no module.
+std::string moduleOf(const std::string& path);
+
+/// Checks what a trailer's header says against a policy. The signature has to be checked for the
+/// purpose that is returned.
+/// @param path  of the image
+/// @throws ImageError with ImageFault::Signature, naming what is wrong.
+ImagePurpose requireAllowed(const ImageTrailer& trailer, const std::string& path,
+                            const TrustPolicy& policy);
+
+}  // namespace quillon
+
+#endif

@@ -1,0 +1,100 @@
+// Images for one module of one model, made and checked on the command line.
+
+#include "unit/tools/image-files.h"
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+namespace quillon::test {
+namespace {
+
+class ImagePurposeProgram : public ImageFiles
+{
+protected:
+    void SetUp() override
+    {
+        ImageFiles::SetUp();
+        image = folder + "tuner.bin";
+        writeAll(folder + "payload", "firmware of the tuner");
+    }
+
+    int build(const std::string& options)
+    {
+        return shell(IMAGE_PROGRAM " build --version 2.0 --payload '" + folder +
+                     "payload' --key '" + keyPath("a", kImageKeyFile) + "' --sign '" +
+                     keyPath("a", kSigningKeyFile) + "' " + options);
+    }
+
+    int buildForTheTuner()
+    {
+        return build("--module tuner --model 'TV 2024' --counter 5 --output " + image);
+    }
+
+    int verify(const std::string& options)
+    {
+        return shell(IMAGE_PROGRAM " verify --public '" + keyPath("a", kPublicKeyFile) + "' " +
+                     options);
+    }
+
+    std::string image;
+};
+
+TEST_F(ImagePurposeProgram, IsBuiltToldAndVerified)
+{
+    ASSERT_EQ(buildForTheTuner(), 0) << err;
+
+    EXPECT_EQ(shell(IMAGE_PROGRAM " info " + image), 0);
+    EXPECT_THAT(out, AllOf(HasSubstr("trailerFormat: 2\n"), HasSubstr("securityCounter: 5\n"),
+                           HasSubstr("moduleCheck: fc7a\n"), HasSubstr("modelCheck: 5b15\n"),
+                           HasSubstr("signatureAlgorithm: RSA-4096 PSS SHA-512\n")));
+    EXPECT_EQ(verify("--model 'TV 2024' --floor 5 " + image), 0) << err;
+
+    std::filesystem::create_directory(folder + "keys");
+    std::filesystem::copy_file(keyPath("a", kPublicKeyFile), folder + "keys/a.pem");
+    EXPECT_EQ(
+        shell(IMAGE_PROGRAM " verify --model 'TV 2024' --trusted " + folder + "keys " + image), 0)
+        << err;
+}
+
+TEST_F(ImagePurposeProgram, IsRefusedForAnythingElse)
+{
+    ASSERT_EQ(buildForTheTuner(), 0) << err;
+
+    EXPECT_EQ(verify("--model 'TV 2025' " + image), 5);
+    EXPECT_THAT(err, HasSubstr("made for another model"));
+    EXPECT_EQ(verify("--model 'TV 2024' --floor 6 " + image), 5);
+    EXPECT_THAT(err, HasSubstr("its security counter is 5, and the module's floor is 6"));
+    EXPECT_EQ(verify(image), 5);
+    EXPECT_THAT(err, HasSubstr("2 needs the device's model, which --model does not name"));
+
+    std::filesystem::rename(image, folder + "camera.bin");
+    EXPECT_EQ(verify("--model 'TV 2024' " + folder + "camera.bin"), 5);
+    EXPECT_THAT(err, HasSubstr("made for another module"));
+}
+
+TEST_F(ImagePurposeProgram, OfFormat1HasNoCounterToHoldToAFloor)
+{
+    ASSERT_EQ(build("--output " + image), 0) << err;
+
+    EXPECT_EQ(shell(IMAGE_PROGRAM " info " + image), 0);
+    EXPECT_THAT(out, AllOf(HasSubstr("trailerFormat: 1\n"), Not(HasSubstr("securityCounter"))));
+    EXPECT_EQ(verify("--model 'TV 2024' " + image), 0) << err;
+    EXPECT_EQ(verify("--floor 1 " + image), 5);
+}
+
+TEST_F(ImagePurposeProgram, NeedsModuleModelAndCounterTogether)
+{
+    EXPECT_EQ(build("--module tuner --model TV --output " + image), 2);
+    EXPECT_EQ(build("--module tuner --counter 5 --output " + image), 2);
+    EXPECT_EQ(build("--model TV --counter 5 --output " + image), 2);
+    EXPECT_EQ(build("--module tuner --model TV --counter 4294967296 --output " + image), 2);
+    EXPECT_EQ(build("--module tuner --model TV --counter -1 --output " + image), 2);
+    EXPECT_EQ(build("--module tuner --model ' TV' --counter 1 --output " + image), 2);
+    EXPECT_EQ(build("--module tuner --model '' --counter 1 --output " + image), 2);
+    EXPECT_EQ(build("--module tu-ner --model TV --counter 1 --output " + image), 2);
+    EXPECT_FALSE(std::filesystem::exists(image));
+}
+
+}  // namespace
+}  // namespace quillon::test
