@@ -120,7 +120,8 @@ bool syncFolder(const std::string& folder)
 
 }  // namespace
 
-bool replaceFile(const std::string& folder, const std::string& name, const SecretBytes& bytes)
+bool replaceFile(const std::string& folder, const std::string& name, const SecretBytes& bytes,
+                 mode_t mode)
 {
     const std::string target = folder + "/" + name;
     std::string temporary = folder + "/." + name + ".XXXXXX";
@@ -128,7 +129,8 @@ bool replaceFile(const std::string& folder, const std::string& name, const Secre
     if (!fd) {
         return false;
     }
-    if (!writeAndSync(fd.get(), bytes) || rename(temporary.c_str(), target.c_str()) != 0) {
+    if (fchmod(fd.get(), mode) != 0 || !writeAndSync(fd.get(), bytes) ||
+        rename(temporary.c_str(), target.c_str()) != 0) {
         const int reason = errno;
         unlink(temporary.c_str());
         errno = reason;

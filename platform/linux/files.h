@@ -75,11 +75,13 @@ FileResult readToEnd(int fd, std::size_t limit, SecretBytes& bytes);
 bool makeFolders(const std::string& path, mode_t mode);
 
 /// Puts a file in place in one step, also where the power fails: whoever opens it sees either the
-/// old contents or all of the new ones. A link of that name is replaced, never followed. Mode 0600.
+/// old contents or all of the new ones. A link of that name is replaced, never followed.
 /// @param folder  must exist
 /// @param name    file name without "/"
+/// @param mode    of the file, whatever the umask
 /// @return false with errno telling why; the folder is then as it was. Throws std::bad_alloc.
-bool replaceFile(const std::string& folder, const std::string& name, const SecretBytes& bytes);
+bool replaceFile(const std::string& folder, const std::string& name, const SecretBytes& bytes,
+                 mode_t mode = 0600);
 
 }  // namespace quillon
 

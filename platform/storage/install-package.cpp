@@ -2,18 +2,21 @@
 
 #include <string_view>
 
+#include "floor-store.h"
 #include "image-error.h"
 #include "item-store.h"
 #include "maker-certificates.h"
 #include "platform-log.h"
 #include "provisioning-content.h"
 #include "signed-package.h"
+#include "trust-policy.h"
 
 namespace quillon {
 
 namespace {
 
 constexpr char kFolder[] = QUILLON_PROVISIONING_CERTIFICATES;
+constexpr char kPolicy[] = QUILLON_TRUST_POLICY;
 
 std::string_view textOf(const SecretBytes& bytes)
 {
@@ -25,13 +28,9 @@ void complain(const std::string& line)
     PLATFORM_LOGE("%s", line.c_str());
 }
 
-InstallResult storeContent(const std::string& name, const SignedContent& package)
+InstallResult storeContentItem(const std::string& name, const ProvisioningContent& content,
+                               const std::string& signer)
 {
-    ProvisioningContent content;
-    if (const char* defect = parseProvisioningContent(textOf(package.bytes), content)) {
-        PLATFORM_LOGE("%s is not a provisioning package: %s", name.c_str(), defect);
-        return kPackageMalformed;
-    }
     const SecretBytes payload(content.payload.begin(), content.payload.end());
     SecretBytes present;
     if (readItem(content.item, present) == kStoreOk && present == payload) {
@@ -41,9 +40,26 @@ InstallResult storeContent(const std::string& name, const SignedContent& package
         return kStorageFailed;
     }
     PLATFORM_LOGI("%s brought the item %.*s, signed by %s", name.c_str(),
-                  static_cast<int>(content.item.size()), content.item.data(),
-                  package.signer.c_str());
+                  static_cast<int>(content.item.size()), content.item.data(), signer.c_str());
     return kInstalled;
+}
+
+InstallResult storeContent(const std::string& name, const SignedContent& package)
+{
+    ProvisioningContent content;
+    if (const char* defect = parseProvisioningContent(textOf(package.bytes), content)) {
+        PLATFORM_LOGE("%s is not a provisioning package: %s", name.c_str(), defect);
+        return kPackageMalformed;
+    }
+    // The floors first: a package that is cut short by a full disk has not brought a key without
+    // them.
+    const FloorResult floors = raiseStoredFloors(name, content.floors);
+    if (floors == FloorResult::kFailed) {
+        return kStorageFailed;
+    }
+    const InstallResult item =
+        content.item.empty() ? kAlreadyInstalled : storeContentItem(name, content, package.signer);
+    return item == kAlreadyInstalled && floors == FloorResult::kRaised ? kInstalled : item;
 }
 
 }  // namespace
@@ -57,7 +73,8 @@ InstallResult installPackage(const std::string& name, const SecretBytes& package
                           kFolder);
             return kNobodyTrusted;
         }
-        return storeContent(name, openSignedPackage(textOf(package), trusted));
+        const bool wantsPurpose = loadTrustPolicy(kPolicy).requiresProvisioningPurpose;
+        return storeContent(name, openSignedPackage(textOf(package), trusted, wantsPurpose));
     } catch (const ImageError& error) {
         switch (error.fault()) {
             case ImageFault::Format:

@@ -19,8 +19,8 @@ enum InstallResult : int {
     kNobodyTrusted = 9,
 };
 
-/// Checks a provisioning package against the device's certificates and stores its item. Every
-/// failure is told on the log.
+/// Checks a provisioning package against the device's certificates and policy, raises the security
+/// floors and stores the item that it brings. Every failure is told on the log.
 /// @param name  of the package, for the log
 /// Thread: any. Throws std::exception when memory is short.
 InstallResult installPackage(const std::string& name, const SecretBytes& package);

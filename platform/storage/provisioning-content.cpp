@@ -11,6 +11,7 @@ constexpr std::size_t kLongestName = 64;
 constexpr std::string_view kSealedSuffix = ".cred";
 constexpr std::string_view kFirstLine = "QUILLON-PROVISION 1";
 constexpr std::string_view kItemLabel = "item ";
+constexpr std::string_view kFloorLabel = "floor ";
 
 bool isNameCharacter(char c)
 {
@@ -27,13 +28,24 @@ bool isNameOfSealedFile(std::string_view name)
 // Takes a line "LABELVALUE\n" from the front of the bytes.
 bool takeLine(std::string_view& bytes, std::string_view label, std::string_view& value)
 {
-    const std::size_t end = bytes.substr(0, kLongestContentHead).find('\n');
+    const std::size_t end = bytes.substr(0, kLongestHeadLine).find('\n');
     if (end == std::string_view::npos || bytes.substr(0, label.size()) != label) {
         return false;
     }
     value = bytes.substr(label.size(), end - label.size());
     bytes.remove_prefix(end + 1);
     return true;
+}
+
+/// @param line  "MODULE NUMBER"
+bool takeFloor(std::string_view line, Floors& floors)
+{
+    const std::size_t blank = line.find(' ');
+    const std::string module(line.substr(0, blank));
+    std::uint32_t floor = 0;
+    return blank != std::string_view::npos && isModuleName(module) &&
+           parseFloor(std::string(line.substr(blank + 1)), floor) &&
+           floors.emplace(module, floor).second;
 }
 
 }  // namespace
@@ -46,19 +58,29 @@ bool isItemName(std::string_view name)
 
 const char* parseProvisioningContent(std::string_view bytes, ProvisioningContent& content)
 {
-    std::string_view nothing;
-    if (!takeLine(bytes, kFirstLine, nothing) || !nothing.empty()) {
+    std::string_view line;
+    if (!takeLine(bytes, kFirstLine, line) || !line.empty()) {
         return "its content does not begin with \"QUILLON-PROVISION 1\"";
     }
-    if (!takeLine(bytes, kItemLabel, content.item) || !isItemName(content.item)) {
-        return "its second line is not \"item NAME\" with a valid name";
+    const bool hasItem = takeLine(bytes, kItemLabel, content.item);
+    if (hasItem && !isItemName(content.item)) {
+        return "its second line has no valid name of an item";
     }
-    if (!takeLine(bytes, "", nothing) || !nothing.empty()) {
-        return "its third line is not empty";
+    while (takeLine(bytes, kFloorLabel, line)) {
+        if (!takeFloor(line, content.floors)) {
+            return "a line is not \"floor MODULE NUMBER\" with a module's name, once for each "
+                   "module";
+        }
+    }
+    if (!takeLine(bytes, "", line) || !line.empty()) {
+        return "its head has a line that is neither \"item NAME\" nor \"floor MODULE NUMBER\"";
+    }
+    if (!hasItem && content.floors.empty()) {
+        return "it brings neither an item nor a floor";
     }
     content.payload = bytes;
-    if (bytes.empty() || bytes.size() > kLargestItem) {
-        return "its payload does not have 1 to 65536 bytes";
+    if (hasItem ? bytes.empty() || bytes.size() > kLargestItem : !bytes.empty()) {
+        return "its payload does not have 1 to 65536 bytes, or none without an item";
     }
     return nullptr;
 }
@@ -66,7 +88,15 @@ const char* parseProvisioningContent(std::string_view bytes, ProvisioningContent
 SecretBytes encodeProvisioningContent(const ProvisioningContent& content)
 {
     std::string head(kFirstLine);
-    head.append("\n").append(kItemLabel).append(content.item).append("\n\n");
+    head.append("\n");
+    if (!content.item.empty()) {
+        head.append(kItemLabel).append(content.item).append("\n");
+    }
+    for (const auto& [module, floor] : content.floors) {
+        head.append(kFloorLabel).append(module).append(" ");
+        head.append(std::to_string(floor)).append("\n");
+    }
+    head.append("\n");
     SecretBytes bytes(head.begin(), head.end());
     bytes.insert(bytes.end(), content.payload.begin(), content.payload.end());
     return bytes;

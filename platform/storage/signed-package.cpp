@@ -3,6 +3,7 @@
 #include <openssl/cms.h>
 #include <openssl/err.h>
 #include <openssl/x509_vfy.h>
+#include <openssl/x509v3.h>
 
 #include <memory>
 
@@ -36,6 +37,8 @@ void releaseStack(STACK_OF(X509) * stack)
 
 using UniqueCms = std::unique_ptr<CMS_ContentInfo, OpensslRelease<&releaseWiped>>;
 using UniqueStore = std::unique_ptr<X509_STORE, OpensslRelease<&X509_STORE_free>>;
+using UniqueObject = std::unique_ptr<ASN1_OBJECT, OpensslRelease<&ASN1_OBJECT_free>>;
+using UniqueUsages = std::unique_ptr<EXTENDED_KEY_USAGE, OpensslRelease<&EXTENDED_KEY_USAGE_free>>;
 using UniqueStack = std::unique_ptr<STACK_OF(X509), OpensslRelease<&releaseStack>>;
 
 ImageError notAPackage(const std::string& reason)
@@ -139,10 +142,28 @@ void requireStrongDigest(CMS_SignerInfo* signer)
 
 bool isStrong(const EVP_PKEY* key)
 {
-    if (EVP_PKEY_is_a(key, "RSA") == 1 || EVP_PKEY_is_a(key, "RSA-PSS") == 1) {
-        return EVP_PKEY_get_bits(key) >= kLeastRsaBits;
+    switch (EVP_PKEY_base_id(key)) {
+        case EVP_PKEY_RSA:
+        case EVP_PKEY_RSA_PSS:
+            return EVP_PKEY_bits(key) >= kLeastRsaBits;
+        case EVP_PKEY_EC:
+            return EVP_PKEY_bits(key) >= kLeastCurveBits;
+        default:
+            return false;
     }
-    return EVP_PKEY_is_a(key, "EC") == 1 && EVP_PKEY_get_bits(key) >= kLeastCurveBits;
+}
+
+bool isForProvisioning(X509* certificate)
+{
+    const UniqueUsages usages(static_cast<EXTENDED_KEY_USAGE*>(
+        X509_get_ext_d2i(certificate, NID_ext_key_usage, nullptr, nullptr)));
+    const UniqueObject wanted(OBJ_txt2obj(kProvisioningPurpose, 1));
+    for (int i = 0; wanted && usages && i < sk_ASN1_OBJECT_num(usages.get()); ++i) {
+        if (OBJ_cmp(sk_ASN1_OBJECT_value(usages.get(), i), wanted.get()) == 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
 UniqueStack stackOf(const Certificates& certificates)
@@ -179,7 +200,8 @@ UniqueStore storeOf(const Certificates& trusted)
 
 }  // namespace
 
-SignedContent openSignedPackage(std::string_view package, const Certificates& trusted)
+SignedContent openSignedPackage(std::string_view package, const Certificates& trusted,
+                                bool wantsPurpose)
 {
     const UniqueCms cms = parse(package);
     const ASN1_OCTET_STRING* content = contentOf(cms.get());
@@ -197,6 +219,12 @@ SignedContent openSignedPackage(std::string_view package, const Certificates& tr
     CMS_SignerInfo_get0_algs(signer, &key, &certificate, nullptr, nullptr);
     if (key == nullptr || certificate == nullptr || !isStrong(key)) {
         throw notTrusted("its signer's key is neither RSA of 2048 bits nor a curve of 256 bits");
+    }
+    if (wantsPurpose && !isForProvisioning(certificate)) {
+        throw notTrusted(
+            std::string("its signer's certificate is not for provisioning: it lacks the "
+                        "extended key usage ") +
+            kProvisioningPurpose);
     }
     return {bytesOf(content), subjectOf(certificate)};
 }

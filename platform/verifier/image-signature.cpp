@@ -12,8 +12,6 @@
 namespace quillon {
 namespace {
 
-/// Longest firmware name: the package identifier has at most 127 characters, "emp" among them.
-constexpr std::size_t kLongestModule = 124;
 constexpr std::size_t kLongestModel = 64;
 
 using Bytes = std::vector<unsigned char>;
@@ -21,12 +19,6 @@ using Bytes = std::vector<unsigned char>;
 bool isPrintable(unsigned char character)
 {
     return character >= 0x20 && character <= 0x7E;
-}
-
-bool isLetterOrDigit(unsigned char character)
-{
-    return (character >= '0' && character <= '9') || (character >= 'A' && character <= 'Z') ||
-           (character >= 'a' && character <= 'z');
 }
 
 const EVP_MD* digestOf(const ImageTrailer& trailer)
@@ -87,12 +79,6 @@ ImageTrailer sign(ImageTrailer trailer, const ContentDigest& content, const Imag
 }
 
 }  // namespace
-
-bool isModuleName(const std::string& text)
-{
-    return !text.empty() && text.size() <= kLongestModule &&
-           std::all_of(text.begin(), text.end(), isLetterOrDigit);
-}
 
 bool isModelName(const std::string& text)
 {

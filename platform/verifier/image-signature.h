@@ -22,9 +22,6 @@ struct ImagePurpose
     std::uint32_t counter = 0;  ///< security counter: higher where an older image is unsafe
 };
 
-/// @return whether a text can be a module's firmware name: 1 to 124 ASCII letters and digits.
-bool isModuleName(const std::string& text);
-
 /// @return whether a text can be a device's model: 1 to 64 printable ASCII characters, the first
 /// and
 ///         the last of them no blank.

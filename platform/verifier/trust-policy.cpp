@@ -2,10 +2,8 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <functional>
-#include <limits>
 #include <set>
 #include <sstream>
 
@@ -169,36 +167,6 @@ Floors loadFloors(const std::string& path)
                              : "unknown setting \"" + name + "\"; there is floor.MODULE only";
     });
     return floors;
-}
-
-std::string floorsText(const Floors& floors)
-{
-    std::string text;
-    for (const auto& [module, floor] : floors) {
-        text.append(kFloorPrefix).append(module).append(" = ");
-        text.append(std::to_string(floor)).append("\n");
-    }
-    return text;
-}
-
-void raiseFloors(Floors& floors, const Floors& others)
-{
-    for (const auto& [module, floor] : others) {
-        std::uint32_t& ours = floors[module];
-        ours = std::max(ours, floor);
-    }
-}
-
-bool parseFloor(const std::string& text, std::uint32_t& floor)
-{
-    constexpr std::size_t kMostDigits = 10;
-    if (text.empty() || text.size() > kMostDigits ||
-        text.find_first_not_of("0123456789") != std::string::npos) {
-        return false;
-    }
-    const unsigned long long number = std::stoull(text);
-    floor = static_cast<std::uint32_t>(number);
-    return number <= std::numeric_limits<std::uint32_t>::max();
 }
 
 std::string moduleOf(const std::string& path)

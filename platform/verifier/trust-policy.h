@@ -1,17 +1,13 @@
 #ifndef QUILLON_PLATFORM_VERIFIER_TRUST_POLICY_H
 #define QUILLON_PLATFORM_VERIFIER_TRUST_POLICY_H
 
-#include <cstdint>
-#include <map>
 #include <string>
 
 #include "image-signature.h"
 #include "image-trailer.h"
+#include "security-floors.h"
 
 namespace quillon {
-
-/// Security floors: the least security counter of a module's images, by its firmware name.
-using Floors = std::map<std::string, std::uint32_t>;
 
 /// What a device trusts beside its keys. The defaults are those of a device that says nothing.
 struct TrustPolicy
@@ -35,20 +31,10 @@ struct TrustPolicy
 ///         line and the remedy. Nothing may be trusted then.
 TrustPolicy loadTrustPolicy(const std::string& path);
 
-/// Reads a file with "floor.MODULE = NUMBER" lines alone.
+/// Reads a file with "floor.MODULE = NUMBER" lines alone, as floorsText makes them.
 /// @return none when there is no such file.
 /// @throws ImageError as loadTrustPolicy.
 Floors loadFloors(const std::string& path);
-
-/// @return the text that loadFloors reads.
-std::string floorsText(const Floors& floors);
-
-/// Raises floors to those of others that are higher; lowers none.
-void raiseFloors(Floors& floors, const Floors& others);
-
-/// Reads a floor's number: decimal digits, at most 4294967295.
-/// @return false for anything else.
-bool parseFloor(const std::string& text, std::uint32_t& floor);
 
 /// @return the firmware name in a path "FOLDER/NAME.bin"; empty when the path names no module.
 std::string moduleOf(const std::string& path);

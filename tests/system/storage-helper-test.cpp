@@ -13,6 +13,7 @@
 #include <regex>
 
 #include "platform/secure-storage.h"
+#include "provisioning-package.h"
 #include "unit/storage/listener.h"
 #include "unit/verifier/test-keys.h"
 
@@ -195,6 +196,30 @@ TEST_F(StorageHelper, RefusesToRunByHandOrForAnotherKindOfSocket)
     EXPECT_THAT(readAll(kLog), HasSubstr("standard input is not a client's connection"));
     EXPECT_THAT(asUser([&nothing] { return runHelper(nothing.get(), {}); }),
                 testing::AnyOf(1, 99, 126));
+}
+
+TEST_F(StorageHelper, InstallsAPackageForRootByHand)
+{
+    const UniqueFd nothing(open("/dev/null", O_RDWR | O_CLOEXEC));
+    const std::string package = "/var/lib/quillon/package";
+    const auto install = [&] { return runHelper(nothing.get(), {"--install", package}); };
+    const UniqueKey key = loadPrivateKey(keyPath("a", kProvisioningKeyFile));
+    const Certificates certificates =
+        loadCertificateFile(keyPath("a", kProvisioningCertificateFile));
+    writeAll(package, encodeProvisioningPackage("", "", key.get(), certificates, {{"tuner", 7}}));
+
+    EXPECT_EQ(install(), 0) << readAll(kLog);
+    EXPECT_EQ(readAll(QUILLON_SECURITY_FLOORS), "floor.tuner = 7\n");
+    EXPECT_EQ(install(), 0) << "once more: nothing is left to do";
+
+    writeAll(package, "noise");
+    EXPECT_EQ(install(), 1);
+    EXPECT_THAT(readAll(kLog), HasSubstr(package + " is not a provisioning package"));
+    fs::remove(package);
+    EXPECT_EQ(install(), 1);
+    EXPECT_THAT(readAll(kLog), HasSubstr(package + ": cannot be read: No such file"));
+    EXPECT_THAT(asUser(install), testing::AnyOf(1, 99, 126));
+    fs::remove_all(fs::path(QUILLON_SECURITY_FLOORS).parent_path());
 }
 
 TEST_F(StorageHelper, TakesNoOptionsThatMakeNoSense)

@@ -87,9 +87,14 @@ void addPackage(CLI::App& app, quillon::PackageOptions& options)
 void addProvision(CLI::App& app, quillon::ProvisionOptions& options)
 {
     CLI::App* verb = addVerb(app, "provision", "make a signed provisioning package", options.json);
-    verb->add_option("--item", options.item, "the storage item's name; default quillon");
-    verb->add_option("--payload", options.payload, "file with the item (image-key.bin)")
-        ->required();
+    CLI::Option* payload =
+        verb->add_option("--payload", options.payload, "file with the item (image-key.bin)");
+    verb->add_option("--item", options.item, "the storage item's name; default quillon")
+        ->needs(payload);
+    verb->add_option("--floor", options.floors,
+                     "MODULE=NUMBER: the least security counter of the module's images")
+        ->expected(1)
+        ->take_all();
     verb->add_option("--sign", options.key, "provisioning key file (provisioning-key.pem)")
         ->required();
     verb->add_option("--certificate", options.certificate,
@@ -122,6 +127,9 @@ void addVerify(CLI::App& app, quillon::VerifyOptions& options)
     keys->add_option("--certificates", options.certificateFolder,
                      "folder with certificates, *.pem; the file is a provisioning package");
     keys->require_option(1);
+    verb->add_flag("--purpose", options.wantsPurpose,
+                   "demand a signer's certificate for provisioning, with --certificates")
+        ->needs("--certificates");
     verb->callback([&options] { quillon::verify(options); });
 }
 

@@ -4,6 +4,7 @@
 #include <openssl/x509v3.h>
 
 #include "image-error.h"
+#include "signed-package.h"
 
 namespace quillon {
 namespace {
@@ -56,6 +57,7 @@ UniqueCertificate createProvisioningCertificate(EVP_PKEY* key)
                       X509_set_pubkey(made, key) == 1 &&
                       addExtension(made, NID_basic_constraints, "critical,CA:FALSE") &&
                       addExtension(made, NID_key_usage, "critical,digitalSignature") &&
+                      addExtension(made, NID_ext_key_usage, kProvisioningPurpose) &&
                       addExtension(made, NID_subject_key_identifier, "hash") &&
                       X509_sign(made, key, EVP_sha256()) > 0;
     if (!done) {

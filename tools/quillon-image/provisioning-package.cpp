@@ -19,21 +19,24 @@ ProvisioningPackageInfo describe(const std::string& package, const SignedContent
     if (const char* defect = parseProvisioningContent(textOf(content.bytes), parts)) {
         throw ImageError(ImageFault::Format, defect);
     }
-    return {package.size(), std::string(parts.item), parts.payload.size(), content.signer};
+    return {package.size(), std::string(parts.item), parts.payload.size(), content.signer,
+            parts.floors};
 }
 
 }  // namespace
 
 std::string encodeProvisioningPackage(const std::string& item, const std::string& payload,
-                                      EVP_PKEY* key, const Certificates& certificates)
+                                      EVP_PKEY* key, const Certificates& certificates,
+                                      const Floors& floors)
 {
-    if (!isItemName(item)) {
+    const bool bringsFloorsAlone = item.empty() && payload.empty() && !floors.empty();
+    if (!bringsFloorsAlone && !isItemName(item)) {
         throw ImageError(ImageFault::Usage, "'" + item + "' is no name for a storage item");
     }
-    if (payload.empty() || payload.size() > kLargestItem) {
+    if (!bringsFloorsAlone && (payload.empty() || payload.size() > kLargestItem)) {
         throw ImageError(ImageFault::Usage, "a storage item has 1 to 65536 bytes");
     }
-    return makeSignedPackage(encodeProvisioningContent({item, payload}), key, certificates);
+    return makeSignedPackage(encodeProvisioningContent({item, payload, floors}), key, certificates);
 }
 
 std::optional<ProvisioningPackageInfo> inspectProvisioningPackage(const std::string& path)
@@ -47,7 +50,7 @@ std::optional<ProvisioningPackageInfo> inspectProvisioningPackage(const std::str
 }
 
 ProvisioningPackageInfo verifyProvisioningPackage(
-    const std::string& path, const std::string& folder,
+    const std::string& path, const std::string& folder, bool wantsPurpose,
     const std::function<void(const std::string&)>& complain)
 {
     const std::string package = readSmallFile(path, kLargestPackage);
@@ -57,7 +60,7 @@ ProvisioningPackageInfo verifyProvisioningPackage(
                          path + ": not trusted: no certificate (*.pem) in " + folder);
     }
     try {
-        return describe(package, openSignedPackage(package, trusted));
+        return describe(package, openSignedPackage(package, trusted, wantsPurpose));
     } catch (const ImageError& error) {
         const bool isPackage = error.fault() == ImageFault::Signature;
         throw ImageError(error.fault(), path +

@@ -10,24 +10,28 @@
 
 #include "maker-certificates.h"
 #include "openssl-handle.h"
+#include "security-floors.h"
 
 namespace quillon {
 
-/// @param item          name of the item
+/// @param item          name of the item; empty: floors alone
 /// @param payload       the item's bytes, 1 to 65536
 /// @param certificates  the signer's first, then those that lead to one that the devices trust
+/// @param floors        security floors, of valid names
 /// @return the whole package.
 /// @throws ImageError: ImageFault::Usage when name or payload do not fit, ImageFault::Key when key
 ///         and certificate do not belong together or devices would refuse the key.
 std::string encodeProvisioningPackage(const std::string& item, const std::string& payload,
-                                      EVP_PKEY* key, const Certificates& certificates);
+                                      EVP_PKEY* key, const Certificates& certificates,
+                                      const Floors& floors = {});
 
 struct ProvisioningPackageInfo
 {
     std::size_t size = 0;  ///< of the package, in bytes
-    std::string item;
+    std::string item;      ///< empty: floors alone
     std::size_t payloadSize = 0;
     std::string signer;  ///< the subject of the signer's certificate; empty when it was not checked
+    Floors floors;
 };
 
 /// Tells what a file brings, without looking at its signature.
@@ -36,10 +40,12 @@ std::optional<ProvisioningPackageInfo> inspectProvisioningPackage(const std::str
 
 /// Checks a package as a device does.
 /// @param folder    with the certificates (*.pem) that are trusted
-/// @param complain  called with one line for each file in it that is of no use and is passed over
+/// @param wantsPurpose  as of openSignedPackage
+/// @param complain      called with one line for each file in it that is of no use and is passed
+///                      over
 /// @throws ImageError: ImageFault::File, ImageFault::Format, ImageFault::Signature.
 ProvisioningPackageInfo verifyProvisioningPackage(
-    const std::string& path, const std::string& folder,
+    const std::string& path, const std::string& folder, bool wantsPurpose,
     const std::function<void(const std::string&)>& complain);
 
 }  // namespace quillon

@@ -73,9 +73,31 @@ Json::Value describeProvisioning(const std::string& path, const ProvisioningPack
     Json::Value entries;
     entries["provisioningPackage"] = path;
     entries["size"] = static_cast<Json::UInt64>(package.size);
-    entries["item"] = package.item;
-    entries["payloadSize"] = static_cast<Json::UInt64>(package.payloadSize);
+    if (!package.item.empty()) {
+        entries["item"] = package.item;
+        entries["payloadSize"] = static_cast<Json::UInt64>(package.payloadSize);
+    }
+    for (const auto& [module, floor] : package.floors) {
+        entries["floor." + module] = floor;
+    }
     return entries;
+}
+
+/// @param words  each MODULE=NUMBER
+Floors floorsOf(const std::vector<std::string>& words)
+{
+    Floors floors;
+    for (const std::string& word : words) {
+        const std::size_t sign = word.find('=');
+        const std::string module = word.substr(0, sign);
+        std::uint32_t floor = 0;
+        if (sign == std::string::npos || !isModuleName(module) ||
+            !parseFloor(word.substr(sign + 1), floor) || !floors.emplace(module, floor).second) {
+            throw ImageError(ImageFault::Usage,
+                             "'" + word + "' is not MODULE=NUMBER, once for each module");
+        }
+    }
+    return floors;
 }
 
 /// Enciphered bytes can bear a package's mark by chance, so a stick image is looked for first.
@@ -157,19 +179,25 @@ void package(const PackageOptions& options)
 
 void provision(const ProvisionOptions& options)
 {
-    const std::string payload = readSmallFile(options.payload, kLargestItem);
+    const Floors floors = floorsOf(options.floors);
+    const bool bringsItem = !options.payload.empty();
+    if (!bringsItem && floors.empty()) {
+        throw ImageError(ImageFault::Usage, "--payload or --floor has to be given");
+    }
+    const std::string item = bringsItem ? options.item : "";
+    const std::string payload = bringsItem ? readSmallFile(options.payload, kLargestItem) : "";
     const UniqueKey key = loadPrivateKey(options.key);
     const Certificates certificates = loadCertificateFile(options.certificate);
     const std::string package =
-        encodeProvisioningPackage(options.item, payload, key.get(), certificates);
+        encodeProvisioningPackage(item, payload, key.get(), certificates, floors);
     writeFile(options.output, package, Audience::OwnerOnly);
 
     if (!options.json) {
-        std::cout << options.output << ": item " << options.item << ", " << package.size()
-                  << " bytes\n";
+        std::cout << options.output << ": " << (bringsItem ? "item " + item : "security floors")
+                  << ", " << package.size() << " bytes\n";
         return;
     }
-    report(describeProvisioning(options.output, {package.size(), options.item, payload.size(), ""}),
+    report(describeProvisioning(options.output, {package.size(), item, payload.size(), "", floors}),
            true);
 }
 
@@ -193,8 +221,8 @@ void info(const InfoOptions& options)
 void verify(const VerifyOptions& options)
 {
     if (!options.certificateFolder.empty()) {
-        const ProvisioningPackageInfo package =
-            verifyProvisioningPackage(options.image, options.certificateFolder, &warn);
+        const ProvisioningPackageInfo package = verifyProvisioningPackage(
+            options.image, options.certificateFolder, options.wantsPurpose, &warn);
         Json::Value entries = describeProvisioning(options.image, package);
         entries["signedBy"] = package.signer;
         report(entries, options.json);

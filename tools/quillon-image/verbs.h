@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace quillon {
 
@@ -44,7 +45,8 @@ struct PackageOptions
 struct ProvisionOptions
 {
     std::string item = "quillon";
-    std::string payload;
+    std::string payload;              ///< empty: floors alone
+    std::vector<std::string> floors;  ///< each MODULE=NUMBER
     std::string key;
     std::string certificate;
     std::string output = "00000066.bin";
@@ -65,6 +67,7 @@ struct VerifyOptions
     std::string trustedFolder;      ///< of public keys, for a stick image
     std::string publicKey;          ///< for a stick image
     std::string certificateFolder;  ///< for a provisioning package
+    bool wantsPurpose = false;      ///< of the signer's certificate, for a provisioning package
     std::string model;              ///< of the device, for a trailer of format 2
     std::uint32_t floor = 0;        ///< least security counter of a stick image
     bool json = false;

@@ -11,9 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "item-folder.h"
-#include "makers.h"
 #include "platform/secure-storage.h"
+#include "provisioned-device.h"
 
 namespace {
 
@@ -33,9 +32,7 @@ constexpr int kNotTrusted = 5;
 constexpr int kStorageFailed = 8;
 constexpr int kNobodyTrusted = 9;
 
-constexpr char kPackage[] = "/tmp/quillon-package.bin";
 const std::string kKey("0123456789abcdef\0\n\xff 23456789abcd", 32);
-constexpr char kCertificates[] = "/etc/quillon/provisioning-certificates";
 
 /// Each thread's own: the worker of a download comes this way as well.
 std::vector<std::string>& diskCalls()
@@ -63,40 +60,9 @@ extern "C" int rename(const char* from, const char* to) noexcept
 
 namespace {
 
-class Provisioning : public ItemFolder
+class Provisioning : public ProvisionedDevice
 {
 protected:
-    void SetUp() override
-    {
-        ItemFolder::SetUp();
-        fs::create_directories(kCertificates);
-        trust("maker.pem", pemOf(maker));
-    }
-
-    void TearDown() override
-    {
-        fs::remove_all(kPackage);
-        fs::remove_all(kCertificates);
-        ItemFolder::TearDown();
-    }
-
-    static void trust(const std::string& file, const std::string& text)
-    {
-        writeFile(std::string(kCertificates) + "/" + file, text, 0644);
-    }
-
-    std::string package(const std::string& item, const std::string& payload) const
-    {
-        return packageBy(maker, item, payload);
-    }
-
-    int install(const std::string& bytes)
-    {
-        writeFile(kPackage, bytes);
-        captured.clear();
-        return sdp_install_from_file(kPackage, 2, 0);
-    }
-
     void expectRefused(const std::string& bytes, int result)
     {
         EXPECT_EQ(install(bytes), result);
@@ -104,8 +70,6 @@ protected:
                     ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM E "), HasSubstr(kPackage))));
         EXPECT_THAT(namesInFolder(), IsEmpty());
     }
-
-    const Maker maker = makeMaker();
 };
 
 TEST_F(Provisioning, PlacesThePayloadIntoTheStorage)

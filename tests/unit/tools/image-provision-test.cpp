@@ -140,6 +140,59 @@ TEST_F(ImageProvision, AnAuthoritysSignerAndOpensslAloneWillDo)
     std::filesystem::copy(folder + "authority.pem", folder + "trusted/authority.pem");
     ASSERT_EQ(run("verify 00000066.bin --certificates trusted --json"), 0) << err;
     EXPECT_EQ(json()["signedBy"], "CN = provisioning of the tuner line");
+    EXPECT_EQ(run("verify 00000066.bin --certificates trusted --purpose"), 0) << err;
+}
+
+TEST_F(ImageProvision, BringsFloorsWithAnItemOrAlone)
+{
+    ASSERT_EQ(run(std::string(kProvision) + "--floor tuner=7 --floor camera=2"), 0) << err;
+    ASSERT_EQ(run("verify 00000066.bin --certificates trusted"), 0) << err;
+    EXPECT_THAT(out, StartsWith("floor.camera: 2\nfloor.tuner: 7\nitem: quillon\n"));
+
+    ASSERT_EQ(run("provision --floor tuner=4294967295 --sign $KEYS/provisioning-key.pem "
+                  "--certificate $KEYS/provisioning-certificate.pem --json"),
+              0)
+        << err;
+    EXPECT_EQ(json()["floor.tuner"].asUInt64(), 4294967295U);
+    EXPECT_FALSE(json().isMember("item"));
+    ASSERT_EQ(run("info 00000066.bin"), 0) << err;
+    EXPECT_THAT(out, StartsWith("floor.tuner: 4294967295\nprovisioningPackage: "));
+}
+
+TEST_F(ImageProvision, RefusesAFloorThatCannotBe)
+{
+    for (const char* floor : {"tuner", "tuner=", "tuner=x", "=7", "tu-ner=7", "tuner=4294967296",
+                              "tuner=7 --floor tuner=8"}) {
+        expectRefusal(std::string(kProvision) + "--floor " + floor, 2, "is not MODULE=NUMBER");
+    }
+    expectRefusal(
+        "provision --sign $KEYS/provisioning-key.pem "
+        "--certificate $KEYS/provisioning-certificate.pem",
+        2, "--payload or --floor has to be given");
+    EXPECT_FALSE(std::filesystem::exists(folder + "00000066.bin"));
+}
+
+TEST_F(ImageProvision, VerifyDemandsThePurposeWhenItIsTold)
+{
+    ASSERT_EQ(run(kProvision), 0) << err;
+    EXPECT_EQ(run("verify 00000066.bin --certificates trusted --purpose"), 0)
+        << "keygen's certificates have it: " << err;
+
+    if (shell("openssl version") != 0) {
+        GTEST_SKIP() << "openssl(1) is not installed";
+    }
+    ASSERT_EQ(shell("cd '" + folder + "' && openssl req -x509 -key " +
+                    keyPath("a", kProvisioningKeyFile) +
+                    " -days 36500 -subj '/CN=no purpose' -out trusted/a.pem"),
+              0)
+        << err;
+    ASSERT_EQ(run("provision --payload item --sign $KEYS/provisioning-key.pem "
+                  "--certificate trusted/a.pem"),
+              0)
+        << err;
+    EXPECT_EQ(run("verify 00000066.bin --certificates trusted"), 0) << err;
+    expectRefusal("verify 00000066.bin --certificates trusted --purpose", 5,
+                  "its signer's certificate is not for provisioning");
 }
 
 }  // namespace

@@ -1,0 +1,100 @@
+#include "floor-store.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "files.h"
+#include "image-error.h"
+#include "platform-log.h"
+#include "trust-policy.h"
+
+namespace quillon {
+
+namespace {
+
+const std::string kPath = QUILLON_SECURITY_FLOORS;
+constexpr mode_t kFolderMode = 0755;
+constexpr mode_t kFileMode = 0644;
+
+std::string folderOf(const std::string& path)
+{
+    return path.substr(0, path.rfind('/'));
+}
+
+/// Made readable for the service also where this process makes files for itself alone.
+bool provideFolder(const std::string& folder)
+{
+    return makeFolders(folder, kFolderMode) && chmod(folder.c_str(), kFolderMode) == 0;
+}
+
+/// Held until it is closed. In a file that others cannot open, so that they cannot hold it.
+UniqueFd lockOf(const std::string& folder)
+{
+    UniqueFd lock(
+        open((folder + "/.lock").c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    int result = -1;
+    do {
+        result = lock ? flock(lock.get(), LOCK_EX) : -1;
+    } while (result != 0 && errno == EINTR);
+    return result == 0 ? std::move(lock) : UniqueFd();
+}
+
+/// @return nothing when they cannot be read.
+bool load(Floors& floors)
+{
+    try {
+        floors = loadFloors(kPath);
+        return true;
+    } catch (const ImageError& error) {
+        PLATFORM_LOGE("security floors cannot be raised: %s", error.what());
+        return false;
+    }
+}
+
+void tell(const std::string& package, const Floors& brought, const Floors& before)
+{
+    for (const auto& [module, floor] : brought) {
+        const auto stored = before.find(module);
+        if (stored == before.end() || floor > stored->second) {
+            PLATFORM_LOGI("%s raised the security floor of %s to %u", package.c_str(),
+                          module.c_str(), floor);
+        } else if (floor < stored->second) {
+            PLATFORM_LOGI("%s has the security floor %u for %s, which stays at %u: none is lowered",
+                          package.c_str(), floor, module.c_str(), stored->second);
+        }
+    }
+}
+
+}  // namespace
+
+FloorResult raiseStoredFloors(const std::string& package, const Floors& floors)
+{
+    if (floors.empty()) {
+        return FloorResult::kUnchanged;
+    }
+    const std::string folder = folderOf(kPath);
+    const UniqueFd lock = provideFolder(folder) ? lockOf(folder) : UniqueFd();
+    if (!lock) {
+        PLATFORM_LOGE("%s cannot be made and locked: %m", folder.c_str());
+        return FloorResult::kFailed;
+    }
+    Floors before;
+    if (!load(before)) {
+        return FloorResult::kFailed;
+    }
+    Floors after = before;
+    raiseFloors(after, floors);
+    const std::string text = floorsText(after);
+    if (after != before && !replaceFile(folder, kPath.substr(folder.size() + 1),
+                                        SecretBytes(text.begin(), text.end()), kFileMode)) {
+        PLATFORM_LOGE("%s cannot be written: %m", kPath.c_str());
+        return FloorResult::kFailed;
+    }
+    tell(package, floors, before);
+    return after == before ? FloorResult::kUnchanged : FloorResult::kRaised;
+}
+
+}  // namespace quillon

@@ -1,0 +1,230 @@
+// Security floors that packages bring, and what the device's policy wants of a package's signer.
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "image-error.h"
+#include "provisioned-device.h"
+#include "signed-package.h"
+#include "trust-policy.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace quillon;
+using namespace quillon::test;
+using testing::AllOf;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr int kAlreadyInstalled = 2;
+constexpr int kMalformed = 4;
+constexpr int kNotTrusted = 5;
+constexpr int kStorageFailed = 8;
+constexpr int kNobodyTrusted = 9;
+
+const fs::path kFloors = QUILLON_SECURITY_FLOORS;
+
+class Floor : public ProvisionedDevice
+{
+protected:
+    void TearDown() override
+    {
+        fs::remove_all(kFloors.parent_path());
+        fs::remove_all(QUILLON_TRUST_POLICY);
+        ProvisionedDevice::TearDown();
+    }
+
+    int installContent(const std::string& content) { return install(signedBy(maker, content)); }
+
+    int installFloors(const std::string& lines)
+    {
+        return installContent("QUILLON-PROVISION 1\n" + lines + "\n");
+    }
+
+    static unsigned modeOf(const fs::path& path)
+    {
+        return static_cast<unsigned>(fs::status(path).permissions());
+    }
+};
+
+TEST_F(Floor, OfAPackageIsKeptWhereAllCanReadIt)
+{
+    umask(0077);
+    EXPECT_EQ(installFloors("floor tuner 7\nfloor camera 2\n"), 0);
+
+    EXPECT_EQ(readFile(kFloors), "floor.camera = 2\nfloor.tuner = 7\n");
+    EXPECT_EQ(modeOf(kFloors), 0644U);
+    EXPECT_EQ(modeOf(kFloors.parent_path()), 0755U);
+    EXPECT_THAT(captured.lines(), Contains(HasSubstr("raised the security floor of tuner to 7")));
+    EXPECT_THAT(namesInFolder(), IsEmpty()) << "there was no item in it";
+}
+
+TEST_F(Floor, ComesAlongWithAnItem)
+{
+    EXPECT_EQ(installContent("QUILLON-PROVISION 1\nitem quillon\nfloor tuner 7\n\nkey"), 0);
+    EXPECT_EQ(readFile(pathOf("quillon")), "key");
+    EXPECT_EQ(readFile(kFloors), "floor.tuner = 7\n");
+
+    EXPECT_EQ(installContent("QUILLON-PROVISION 1\nitem quillon\nfloor tuner 8\n\nkey"), 0)
+        << "the item is there already, the floor is news";
+    EXPECT_EQ(installContent("QUILLON-PROVISION 1\nitem quillon\nfloor tuner 8\n\nkey"),
+              kAlreadyInstalled);
+}
+
+TEST_F(Floor, IsRaisedAndNeverLowered)
+{
+    ASSERT_EQ(installFloors("floor tuner 7\nfloor camera 2\n"), 0);
+
+    EXPECT_EQ(installFloors("floor tuner 6\nfloor camera 3\n"), 0);
+    EXPECT_EQ(readFile(kFloors), "floor.camera = 3\nfloor.tuner = 7\n");
+    EXPECT_THAT(captured.lines(),
+                Contains(HasSubstr("has the security floor 6 for tuner, which stays at 7: none is "
+                                   "lowered")));
+
+    EXPECT_EQ(installFloors("floor tuner 0\n"), kAlreadyInstalled);
+    EXPECT_EQ(readFile(kFloors), "floor.camera = 3\nfloor.tuner = 7\n");
+}
+
+TEST_F(Floor, OfAStrangerRaisesNothing)
+{
+    const Maker stranger = makeMaker();
+
+    EXPECT_EQ(install(signedBy(stranger, "QUILLON-PROVISION 1\nfloor tuner 7\n\n")), kNotTrusted);
+    EXPECT_FALSE(fs::exists(kFloors));
+}
+
+TEST_F(Floor, ThatIsNotExactlyAsItHasToBeIsRefused)
+{
+    for (const char* lines :
+         {"floor tuner\n", "floor tuner 7 \n", "floor tuner  7\n", "floor tu-ner 7\n",
+          "floor tuner -1\n", "floor tuner 4294967296\n", "floor tuner 7\nfloor tuner 8\n",
+          "Floor tuner 7\n", "floor tuner 7\nitem quillon\n", "floor  7\n", ""}) {
+        SCOPED_TRACE(lines);
+        EXPECT_EQ(installFloors(lines), kMalformed);
+    }
+    EXPECT_EQ(installFloors("floor tuner 7\n\npayload of no item"), kMalformed);
+    EXPECT_FALSE(fs::exists(kFloors));
+}
+
+TEST_F(Floor, ThatCannotBeStoredKeepsTheItemOut)
+{
+    writeFile(kFloors.parent_path(), "not a folder");
+
+    EXPECT_EQ(installContent("QUILLON-PROVISION 1\nitem quillon\nfloor tuner 7\n\nkey"),
+              kStorageFailed);
+    EXPECT_THAT(captured.lines(), Contains(HasSubstr("trust cannot be made and locked")));
+    EXPECT_THAT(namesInFolder(), IsEmpty());
+}
+
+TEST_F(Floor, IsNotPutInPlaceOfFloorsThatCannotBeUnderstood)
+{
+    ASSERT_EQ(installFloors("floor tuner 7\n"), 0);
+    writeFile(kFloors, "floor.tuner = seven\n");
+
+    EXPECT_EQ(installFloors("floor tuner 8\n"), kStorageFailed);
+    EXPECT_THAT(captured.lines(),
+                Contains(AllOf(HasSubstr("security floors cannot be raised: "),
+                               HasSubstr("floors:1: \"seven\" has to be a number"))));
+    EXPECT_EQ(readFile(kFloors), "floor.tuner = seven\n");
+}
+
+TEST_F(Floor, OfManyPackagesAtOnceAreAllKept)
+{
+    constexpr int kPackages = 8;
+    std::vector<pid_t> children;
+    for (int i = 0; i < kPackages; ++i) {
+        const std::string file = kPackage + std::to_string(i);
+        writeFile(file,
+                  signedBy(maker, "QUILLON-PROVISION 1\nfloor m" + std::to_string(i) + " 1\n\n"));
+        children.push_back(fork());
+        if (children.back() == 0) {
+            _exit(sdp_install_from_file(file.c_str(), 2, 0));
+        }
+    }
+    for (const pid_t child : children) {
+        int status = -1;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+    }
+    EXPECT_EQ(loadFloors(kFloors).size(), static_cast<std::size_t>(kPackages));
+}
+
+class Purpose : public Floor
+{
+protected:
+    static Maker makerFor(const char* purpose)
+    {
+        CertificateWishes wishes;
+        wishes.purpose = purpose;
+        return makeMaker(wishes);
+    }
+
+    void trustMaker(const Maker& other) { trust("other.pem", pemOf(other)); }
+};
+
+TEST_F(Purpose, IsNotAskedForWithoutAPolicy)
+{
+    EXPECT_EQ(install(package("quillon", "key")), 0);
+    writeFile(QUILLON_TRUST_POLICY, "provisioning-purpose = optional\n");
+    EXPECT_EQ(install(package("quillon", "other key")), 0);
+}
+
+TEST_F(Purpose, ThatIsRequiredHasToBeInTheSignersCertificate)
+{
+    writeFile(QUILLON_TRUST_POLICY, "provisioning-purpose = required\n");
+    EXPECT_EQ(install(package("quillon", "key")), kNotTrusted);
+    EXPECT_THAT(captured.text(),
+                HasSubstr("its signer's certificate is not for provisioning: it lacks the "
+                          "extended key usage 2.25.321772490656420471694796864872059128122"));
+
+    for (const char* purpose : {"serverAuth", "anyExtendedKeyUsage", "emailProtection,1.2.3.4"}) {
+        const Maker other = makerFor(purpose);
+        trustMaker(other);
+        EXPECT_EQ(install(packageBy(other, "quillon", "key")), kNotTrusted) << purpose;
+    }
+    EXPECT_THAT(namesInFolder(), IsEmpty());
+
+    const Maker right = makerFor(kProvisioningPurpose);
+    trustMaker(right);
+    EXPECT_EQ(install(packageBy(right, "quillon", "key")), 0);
+    const Maker rightToo = makerFor("emailProtection,2.25.321772490656420471694796864872059128122");
+    trustMaker(rightToo);
+    EXPECT_EQ(install(packageBy(rightToo, "quillon", "other key")), 0);
+}
+
+TEST_F(Purpose, OfAnAuthorityIsNotItsSigners)
+{
+    writeFile(QUILLON_TRUST_POLICY, "provisioning-purpose = required\n");
+    CertificateWishes wishes;
+    wishes.name = "authority";
+    wishes.isAuthority = true;
+    wishes.purpose = kProvisioningPurpose;
+    const Maker authority = makeMaker(wishes);
+    trustMaker(authority);
+    CertificateWishes leaf;
+    leaf.name = "signer";
+    leaf.issuer = &authority;
+    const Maker signer = makeMaker(leaf);
+    EXPECT_EQ(install(packageBy(signer, "quillon", "key")), kNotTrusted);
+
+    leaf.purpose = kProvisioningPurpose;
+    const Maker rightSigner = makeMaker(leaf);
+    EXPECT_EQ(install(packageBy(rightSigner, "quillon", "key")), 0);
+}
+
+TEST_F(Purpose, OfAPolicyThatCannotBeUnderstoodTrustsNobody)
+{
+    writeFile(QUILLON_TRUST_POLICY, "provisioning-purpose = maybe\n");
+
+    EXPECT_EQ(install(package("quillon", "key")), kNobodyTrusted);
+    EXPECT_THAT(captured.text(), HasSubstr("trust.conf:1: \"maybe\" has to be"));
+    EXPECT_THAT(namesInFolder(), IsEmpty());
+}
+
+}  // namespace
