@@ -15,6 +15,7 @@
 #include "support/paths.h"
 #include "support/unique-handles.h"
 #include "taken-name.h"
+#include "trusted-places.h"
 #include "unit-failure.h"
 
 using namespace quillon;
@@ -26,7 +27,8 @@ constexpr int kFailed = 1;
 constexpr int kWrongUsage = 2;
 
 constexpr const char* kHelp =
-    "usage: quillon-unit prepare USER | end PROCESS | tidy | require-verifier\n"
+    "usage: quillon-unit prepare USER | end PROCESS | tidy | require-verifier |\n"
+    "                    require-trust\n"
     "\n"
     "What quillon.service runs around the daemon. All but require-verifier need root.\n"
     "\n"
@@ -35,6 +37,8 @@ constexpr const char* kHelp =
     "  end PROCESS       take the life marker away and wait until the daemon has ended\n"
     "  tidy              take away what says that the daemon is alive and ready\n"
     "  require-verifier  fail unless the signature verifier can be loaded\n"
+    "  require-trust     fail unless root alone can change what the device trusts: keys,\n"
+    "                    certificates, policy, floors, verifier and modules\n"
     "\n"
     "Exit status: 0 done, 1 failed, 2 wrong usage.\n";
 
@@ -93,6 +97,17 @@ int requireVerifier()
     return kFailed;
 }
 
+int requireTrust()
+{
+    const std::vector<std::string> faults =
+        faultsOf({QUILLON_TRUSTED_KEYS, QUILLON_PROVISIONING_CERTIFICATES, QUILLON_TRUST_POLICY,
+                  QUILLON_SECURITY_FLOORS, paths::kVerifierLibrary, paths::kModules});
+    for (const std::string& fault : faults) {
+        say(Priority::kError, fault);
+    }
+    return faults.empty() ? 0 : kFailed;
+}
+
 int run(const std::vector<std::string>& arguments)
 {
     const std::string verb = arguments.empty() ? "" : arguments[0];
@@ -109,6 +124,9 @@ int run(const std::vector<std::string>& arguments)
     }
     if (verb == "require-verifier" && count == 1) {
         return requireVerifier();
+    }
+    if (verb == "require-trust" && count == 1) {
+        return requireTrust();
     }
     if (verb == "--help" && count == 1) {
         std::cout << kHelp;
