@@ -1,5 +1,6 @@
 #!/bin/sh
-# the drop-in verifier-required refuses a start without the verifier, and says so
+# the drop-in verifier-required refuses a start without the verifier or with keys that others can
+# change, and says so
 set -eu
 # shellcheck source=../../device.sh
 . /boot-test/device.sh
@@ -7,9 +8,11 @@ set -eu
 verifier=/usr/lib/libkUEPUser.so
 drop_in=$(dpkg -L quillon-service | grep '/verifier-required\.conf$') || fail "there is no such drop-in"
 folder=/etc/systemd/system/quillon.service.d
+keys=/etc/quillon/trusted-keys
 
 put_back() {
     rm -rf "$folder"
+    chmod g-w "$keys"
     [ ! -e "$verifier.away" ] || mv "$verifier.away" "$verifier"
     systemctl daemon-reload
     systemctl reset-failed quillon.service || true
@@ -36,3 +39,17 @@ mv "$verifier.away" "$verifier"
 systemctl reset-failed quillon.service || true
 systemctl start quillon.service || fail "the service does not start with the verifier"
 wait_until 20 is_ready || fail "the service is not ready with the verifier"
+
+systemctl stop quillon.service
+chmod g+w "$keys"
+cursor=$(journal_now)
+if systemctl start quillon.service; then
+    fail "the service starts with keys that others can change"
+fi
+systemctl stop quillon.service
+journal_has "mend it: chmod go-w $keys" --after-cursor="$cursor" -u quillon.service ||
+    fail "the journal does not say how to mend the mode of the keys"
+chmod go-w "$keys"
+systemctl reset-failed quillon.service || true
+systemctl start quillon.service || fail "the service does not start with keys of root's alone"
+wait_until 20 is_ready || fail "the service is not ready with keys of root's alone"
