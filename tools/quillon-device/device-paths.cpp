@@ -66,8 +66,9 @@ bool holdsFiles(const std::string& folder)
 std::vector<std::string> serviceFiles()
 {
     return {
-        "/tmp/smack_early_ready", "/tmp/fw_update_ready_usb",   "/tmp/.fw_service_ready_usb",
-        "/tmp/.ignore_resume",    "/tmp/fwupdate-off-list.txt", "/usr/lib/libkUEPUser.so",
+        "/tmp/smack_early_ready",  "/tmp/fw_update_ready_usb",   "/tmp/.fw_service_ready_usb",
+        "/tmp/.ignore_resume",     "/tmp/fwupdate-off-list.txt", "/usr/lib/libkUEPUser.so",
+        "/etc/quillon/trust.conf",
     };
 }
 

@@ -21,7 +21,8 @@ constexpr const char* kFolders =
     "/lib/firmware/ext /usr/share/sdp /var/lib/quillon /etc/quillon/trusted-keys /run/quillon";
 constexpr const char* kFiles =
     "/tmp/smack_early_ready /tmp/fw_update_ready_usb /tmp/.fw_service_ready_usb "
-    "/tmp/.ignore_resume /tmp/fwupdate-off-list.txt /usr/lib/libkUEPUser.so";
+    "/tmp/.ignore_resume /tmp/fwupdate-off-list.txt /usr/lib/libkUEPUser.so "
+    "/etc/quillon/trust.conf";
 
 std::string forEach(const char* variable, const std::string& list, const std::string& body)
 {
