@@ -92,7 +92,7 @@ private:
             if (name == "." || name == "..") {
                 continue;
             }
-            const std::string child = path + "/" + name;
+            const std::string child = std::string(path).append("/").append(name);
             static_cast<void>(resolve(child));
             if (isFolder(child)) {
                 inspectEntriesOf(child);
@@ -117,7 +117,7 @@ private:
                 done.erase(std::min(done.size(), done.rfind('/')));
                 continue;
             }
-            const std::string path = done + "/" + step;
+            const std::string path = std::string(done).append("/").append(step);
             struct stat status = {};
             if (lstat(path.c_str(), &status) != 0) {
                 return complainUnlessMissing(path);
@@ -141,7 +141,7 @@ private:
     static std::string takeStep(std::string& rest)
     {
         const std::size_t end = std::min(rest.find('/'), rest.size());
-        const std::string step = rest.substr(0, end);
+        std::string step = rest.substr(0, end);
         rest.erase(0, end + 1);
         return step;
     }

@@ -2,10 +2,12 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <functional>
-#include <set>
-#include <sstream>
+#include <initializer_list>
+#include <string_view>
+#include <vector>
 
 #include "hex-text.h"
 #include "image-error.h"
@@ -22,6 +24,15 @@ constexpr char kImageSuffix[] = ".bin";
 /// Takes a setting over.
 /// @return empty, or what is wrong about it and how it should be.
 using Taker = std::function<std::string(const std::string& name, const std::string& value)>;
+
+std::string joined(std::initializer_list<std::string_view> parts)
+{
+    std::string text;
+    for (const std::string_view part : parts) {
+        text.append(part);
+    }
+    return text;
+}
 
 std::string trimmed(const std::string& text)
 {
@@ -47,32 +58,36 @@ std::string readText(const std::string& path)
     }
 }
 
-std::string takeLine(const std::string& line, std::set<std::string>& seen, const Taker& take)
+std::string takeLine(const std::string& line, std::vector<std::string>& seen, const Taker& take)
 {
     const std::size_t sign = line.find('=');
     if (sign == std::string::npos) {
         return "not \"SETTING = VALUE\"; correct or remove the line";
     }
     const std::string name = trimmed(line.substr(0, sign));
-    if (!seen.insert(name).second) {
-        return "\"" + name + "\" for the second time; remove one of the lines";
+    if (std::find(seen.begin(), seen.end(), name) != seen.end()) {
+        return joined({"\"", name, "\" for the second time; remove one of the lines"});
     }
+    seen.push_back(name);
     return take(name, trimmed(line.substr(sign + 1)));
 }
 
 void readSettings(const std::string& path, const Taker& take)
 {
-    std::istringstream text(readText(path));
-    std::set<std::string> seen;
-    std::string raw;
-    for (int number = 1; std::getline(text, raw); ++number) {
-        const std::string line = trimmed(raw);
+    const std::string text = readText(path);
+    std::vector<std::string> seen;
+    std::size_t start = 0;
+    for (int number = 1; start < text.size(); ++number) {
+        const std::size_t end = std::min(text.find('\n', start), text.size());
+        const std::string line = trimmed(text.substr(start, end - start));
+        start = end + 1;
         if (line.empty() || line.front() == '#') {
             continue;
         }
         const std::string defect = takeLine(line, seen, take);
         if (!defect.empty()) {
-            throw ImageError(ImageFault::File, path + ":" + std::to_string(number) + ": " + defect);
+            throw ImageError(ImageFault::File,
+                             joined({path, ":", std::to_string(number), ": ", defect}));
         }
     }
 }
@@ -81,7 +96,7 @@ std::string takeSwitch(const std::string& value, const char* on, const char* off
 {
     to = value == on;
     return to || value == off ? ""
-                              : "\"" + value + "\" has to be \"" + on + "\" or \"" + off + "\"";
+                              : joined({"\"", value, "\" has to be \"", on, "\" or \"", off, "\""});
 }
 
 bool isFloor(const std::string& name)
@@ -93,11 +108,11 @@ std::string takeFloor(const std::string& name, const std::string& value, Floors&
 {
     const std::string module = name.substr(sizeof kFloorPrefix - 1);
     if (!isModuleName(module)) {
-        return "\"" + module + "\" has to be a module's name, of ASCII letters and digits";
+        return joined({"\"", module, "\" has to be a module's name, of ASCII letters and digits"});
     }
     return parseFloor(value, floors[module])
                ? ""
-               : "\"" + value + "\" has to be a number from 0 to 4294967295";
+               : joined({"\"", value, "\" has to be a number from 0 to 4294967295"});
 }
 
 std::string takeModel(const std::string& value, std::string& model)
@@ -116,9 +131,9 @@ void requireCheckValue(const CheckValue& found, const std::string& wanted, const
 {
     const CheckValue right = checkValueOf(wanted);
     if (found != right) {
-        throw notSigned(path, std::string("made for another ") + what +
-                                  ": the check value of its name is " + quoted(found) +
-                                  ", that of \"" + wanted + "\" is " + quoted(right));
+        throw notSigned(path,
+                        joined({"made for another ", what, ": the check value of its name is ",
+                                quoted(found), ", that of \"", wanted, "\" is ", quoted(right)}));
     }
 }
 
@@ -150,8 +165,8 @@ TrustPolicy loadTrustPolicy(const std::string& path)
         if (isFloor(name)) {
             return takeFloor(name, value, policy.floors);
         }
-        return "unknown setting \"" + name +
-               "\"; there are format-1, model, provisioning-purpose and floor.MODULE";
+        return joined({"unknown setting \"", name,
+                       "\"; there are format-1, model, provisioning-purpose and floor.MODULE"});
     });
     return policy;
 }
@@ -163,8 +178,9 @@ Floors loadFloors(const std::string& path)
         return floors;
     }
     readSettings(path, [&floors](const std::string& name, const std::string& value) {
-        return isFloor(name) ? takeFloor(name, value, floors)
-                             : "unknown setting \"" + name + "\"; there is floor.MODULE only";
+        return isFloor(name)
+                   ? takeFloor(name, value, floors)
+                   : joined({"unknown setting \"", name, "\"; there is floor.MODULE only"});
     });
     return floors;
 }
@@ -185,32 +201,32 @@ ImagePurpose requireAllowed(const ImageTrailer& trailer, const std::string& path
 {
     const std::string module = moduleOf(path);
     const std::uint32_t floor = floorOf(policy.floors, module);
+    const auto requireFloor = [&](bool isReached, const std::string& what) {
+        if (!isReached) {
+            throw notSigned(path, joined({"too old: ", what, ", and the module's floor is ",
+                                          std::to_string(floor)}));
+        }
+    };
     if (trailer.format == 1) {
         if (!policy.acceptsFormat1) {
-            throw notSigned(path, "trailer has format 1, which " + policy.place + " refuses");
-        }
-        if (floor > 0) {
             throw notSigned(path,
-                            "too old: trailer of format 1 has no security counter, and the "
-                            "module's floor is " +
-                                std::to_string(floor));
+                            joined({"trailer has format 1, which ", policy.place, " refuses"}));
         }
+        requireFloor(floor == 0, "trailer of format 1 has no security counter");
         return {};
     }
     if (policy.model.empty()) {
-        throw notSigned(path, "trailer has an unknown format: 2 needs the device's model, which " +
-                                  policy.place + " does not name");
+        throw notSigned(path, joined({"trailer has an unknown format: 2 needs the device's model, "
+                                      "which ",
+                                      policy.place, " does not name"}));
     }
     if (module.empty()) {
         throw notSigned(path, "made for one module, and this file's name is not that of a module");
     }
     requireCheckValue(trailer.moduleCheck, module, "module", path);
     requireCheckValue(trailer.modelCheck, policy.model, "model", path);
-    if (trailer.counter < floor) {
-        throw notSigned(path, "too old: its security counter is " +
-                                  std::to_string(trailer.counter) + ", and the module's floor is " +
-                                  std::to_string(floor));
-    }
+    requireFloor(trailer.counter >= floor,
+                 "its security counter is " + std::to_string(trailer.counter));
     return {module, policy.model, trailer.counter};
 }
 
