@@ -1,11 +1,15 @@
 // Security floors that packages bring, and what the device's policy wants of a package's signer.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <vector>
+#include <fstream>
+#include <iterator>
+#include <thread>
 
 #include "image-error.h"
 #include "provisioned-device.h"
@@ -134,25 +138,43 @@ TEST_F(Floor, IsNotPutInPlaceOfFloorsThatCannotBeUnderstood)
     EXPECT_EQ(readFile(kFloors), "floor.tuner = seven\n");
 }
 
-TEST_F(Floor, OfManyPackagesAtOnceAreAllKept)
+/// Waits until a process waits for a lock, or has ended.
+/// @return whether it waits
+bool comesToWaitForALock(pid_t process)
 {
-    constexpr int kPackages = 8;
-    std::vector<pid_t> children;
-    for (int i = 0; i < kPackages; ++i) {
-        const std::string file = kPackage + std::to_string(i);
-        writeFile(file,
-                  signedBy(maker, "QUILLON-PROVISION 1\nfloor m" + std::to_string(i) + " 1\n\n"));
-        children.push_back(fork());
-        if (children.back() == 0) {
-            _exit(sdp_install_from_file(file.c_str(), 2, 0));
+    const std::string waiting = "-> FLOCK  ADVISORY  WRITE " + std::to_string(process) + " ";
+    siginfo_t ended = {};
+    while (waitid(P_PID, static_cast<id_t>(process), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           ended.si_pid == 0) {
+        std::ifstream locks("/proc/locks");
+        const std::string text{std::istreambuf_iterator<char>(locks), {}};
+        if (text.find(waiting) != std::string::npos) {
+            return true;
         }
+        std::this_thread::yield();
     }
-    for (const pid_t child : children) {
-        int status = -1;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_EQ(status, 0);
+    return false;
+}
+
+TEST_F(Floor, IsNotLostToAnotherPackageAtTheSameTime)
+{
+    ASSERT_EQ(installFloors("floor panel 1\n"), 0);
+    writeFile(kPackage, signedBy(maker, "QUILLON-PROVISION 1\nfloor camera 2\n\n"));
+    UniqueFd lock(open((kFloors.parent_path() / ".lock").c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_EQ(flock(lock.get(), LOCK_EX), 0);
+    const pid_t other = fork();
+    if (other == 0) {
+        lock = UniqueFd();
+        _exit(sdp_install_from_file(kPackage, 2, 0));
     }
-    EXPECT_EQ(loadFloors(kFloors).size(), static_cast<std::size_t>(kPackages));
+
+    EXPECT_TRUE(comesToWaitForALock(other));
+    writeFile(kFloors, "floor.panel = 1\nfloor.tuner = 7\n", 0644);
+    lock = UniqueFd();
+    int status = -1;
+    ASSERT_EQ(waitpid(other, &status, 0), other);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(readFile(kFloors), "floor.camera = 2\nfloor.panel = 1\nfloor.tuner = 7\n");
 }
 
 class Purpose : public Floor

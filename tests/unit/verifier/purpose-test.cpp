@@ -173,6 +173,31 @@ TEST_F(Purpose, IsRefusedWithAHeaderThatWasMadeToFit)
     EXPECT_THAT(said, refusal);
 }
 
+/// @return another text with the same check value.
+std::string twinOf(const std::string& text)
+{
+    const CheckValue wanted = checkValueOf(text);
+    for (int i = 0;; ++i) {
+        std::string twin = "x" + std::to_string(i);
+        if (checkValueOf(twin) == wanted) {
+            return twin;
+        }
+    }
+}
+
+TEST_F(Purpose, IsRefusedForATextOfTheSameCheckValue)
+{
+    const auto refusal = HasSubstr("signature does not match the content, module and model");
+    const std::string twin = stick + twinOf("tuner") + ".bin";
+    writeAll(twin, content);
+    EXPECT_EQ(verify(twin), 0) << "the module";
+    EXPECT_THAT(said, refusal);
+
+    putPolicy("model = " + twinOf("TV2024") + "\n");
+    EXPECT_EQ(verify(image), 0) << "the model";
+    EXPECT_THAT(said, refusal);
+}
+
 TEST_F(Purpose, IsRefusedWithAnySingleBitOfTheTrailerFlipped)
 {
     for (std::size_t i = 0; i < 534; ++i) {
