@@ -1,13 +1,12 @@
 #include "package-mounts.h"
 
-#include <libmount.h>
 #include <sys/mount.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstring>
 #include <fstream>
-#include <memory>
 #include <sstream>
 
 #include "failure.h"
@@ -26,39 +25,29 @@ bool holds(const UniqueFd& file, off_t offset, std::string_view bytes)
            std::memcmp(read.data(), bytes.data(), bytes.size()) == 0;
 }
 
-/// The image's own wish may be a panic of the kernel; ours stands above it.
-std::string optionsFor(const std::string& type)
-{
-    return type == "ext4" ? "ro,nodev,nosuid,errors=remount-ro" : "ro,nodev,nosuid";
-}
+/// Nothing of a package may reach the machine beside it: it could name the machine's own files and
+/// devices as its images, or bring programs.
+constexpr unsigned long kConfined = MS_RDONLY | MS_NODEV | MS_NOSUID | MS_NOEXEC | MS_NOSYMFOLLOW;
 
+/// One call of the kernel's oldest interface, whatever the C library's companions use by now: the
+/// unit's filter lets this one pass and no newer one.
 void mountDevice(const LoopDevice& loop, const char* type, const UniqueFd& folder)
 {
-    const std::unique_ptr<libmnt_context, decltype(&mnt_free_context)> context(mnt_new_context(),
-                                                                               &mnt_free_context);
-    if (!context) {
-        throw Failure(ENOMEM, "out of memory");
+    // The image's own wish may be a panic of the kernel; ours stands above it.
+    const char* options = std::strcmp(type, "ext4") == 0 ? "errors=remount-ro" : nullptr;
+    // The folder goes to the kernel as it was opened; the "." has the link in /proc followed.
+    const std::string target = pathOf(folder) + "/.";
+    if (mount(loop.node.c_str(), target.c_str(), type, kConfined, options) != 0) {
+        failWithErrno(std::string("mount ") + type);
     }
-    libmnt_context* const mount = context.get();
-    // The folder goes to the kernel as it was opened, and nothing but the arguments counts: no
-    // fstab, no mount.TYPE program. The "." makes the link in /proc be followed by every call.
-    mnt_context_disable_canonicalize(mount, 1);
-    mnt_context_disable_helpers(mount, 1);
-    mnt_context_disable_mtab(mount, 1);
-    mnt_context_set_optsmode(mount, MNT_OMODE_NOTAB);
-    if (mnt_context_set_source(mount, loop.node.c_str()) != 0 ||
-        mnt_context_set_target(mount, (pathOf(folder) + "/.").c_str()) != 0 ||
-        mnt_context_set_fstype(mount, type) != 0 ||
-        mnt_context_set_options(mount, optionsFor(type).c_str()) != 0) {
-        throw Failure(ENOMEM, "out of memory");
-    }
-    const int result = mnt_context_mount(mount);
-    if (result == 0) {
-        return;
-    }
-    const int error = mnt_context_get_syscall_errno(mount);
-    const int code = error > 0 ? error : EINVAL;
-    throw Failure(code, std::string("mount ") + type + ": " + std::strerror(code));
+}
+
+/// Linux before 5.10 takes MS_NOSYMFOLLOW without a word and follows links all the same.
+bool followsLinks(const UniqueFd& folder)
+{
+    constexpr long kNoSymFollow = 0x2000;  // ST_NOSYMFOLLOW, which no C library's header names yet
+    struct statfs status = {};
+    return fstatfs(folder.get(), &status) != 0 || (status.f_flags & kNoSymFollow) == 0;
 }
 
 /// The number under which the mount table lists the mount that a folder lies on.
@@ -118,6 +107,10 @@ void mountPackage(const MountOrder& order)
         throw Failure(EBUSY, order.directory + " has a package mounted already");
     }
     mountDevice(attachLoopDevice(image), type, folder);
+    if (followsLinks(openFolderIn(openFolder(kMountFolder).get(), order.directory))) {
+        unmountPackage({order.directory});
+        throw Failure(ENOTSUP, "links in packages would be followed, Linux 5.10 is needed");
+    }
 }
 
 void unmountPackage(const UnmountOrder& order)
