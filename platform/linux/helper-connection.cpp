@@ -9,27 +9,35 @@
 
 namespace quillon {
 
-namespace {
-
-constexpr timeval kLongestWait = {30, 0};
-
-bool limitWaiting(int socket)
+/// Has the next step wait for no longer than what is left of the time for all of them.
+/// @return false, with EAGAIN when nothing is left
+bool HelperConnection::limitWaiting(int option) const
 {
-    return setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &kLongestWait, sizeof kLongestWait) == 0 &&
-           setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &kLongestWait, sizeof kLongestWait) == 0;
+    using std::chrono::microseconds;
+    constexpr long kSecond = 1000000;
+    const long left = std::chrono::duration_cast<microseconds>(deadline_ - Clock::now()).count();
+    if (left <= 0) {
+        errno = EAGAIN;
+        return false;
+    }
+    const timeval time = {left / kSecond, left % kSecond};
+    return setsockopt(socket_.get(), SOL_SOCKET, option, &time, sizeof time) == 0;
 }
 
-/// @return the result; of a failed step whose time is over, errno is the word that people know
-template <typename Result>
-Result withTimeout(Result result)
+/// @return the step's result; of one whose time is over, errno is the word that people know
+template <typename Step>
+ssize_t HelperConnection::beforeDeadline(int option, Step step)
 {
+    ssize_t result = -1;
+    do {
+        result = limitWaiting(option) ? step() : -1;
+    } while (result < 0 && errno == EINTR);
     if (result < 0 && errno == EAGAIN) {
+        patience_.lose();
         errno = ETIMEDOUT;
     }
     return result;
 }
-
-}  // namespace
 
 bool HelperConnection::open(const char* path)
 {
@@ -42,35 +50,31 @@ bool HelperConnection::open(const char* path)
     std::memcpy(address.sun_path, path, std::strlen(path));
 
     socket_ = UniqueFd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    if (!socket_ || !limitWaiting(socket_.get())) {
+    if (!socket_) {
         return false;
     }
-    int result = -1;
-    do {
-        result =
-            connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    } while (result != 0 && errno == EINTR);
-    return withTimeout(result) == 0;
+    deadline_ = Clock::now() + patience_.left();
+    return beforeDeadline(SO_SNDTIMEO, [&] {
+               return connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address),
+                              sizeof address);
+           }) == 0;
 }
 
 bool HelperConnection::send(const void* packet, std::size_t size)
 {
-    ssize_t sent = -1;
-    do {
-        sent = ::send(socket_.get(), packet, size, MSG_NOSIGNAL);
-    } while (sent < 0 && errno == EINTR);
-    return withTimeout(sent) == static_cast<ssize_t>(size);
+    const ssize_t sent = beforeDeadline(
+        SO_SNDTIMEO, [&] { return ::send(socket_.get(), packet, size, MSG_NOSIGNAL); });
+    return sent == static_cast<ssize_t>(size);
 }
 
 ssize_t HelperConnection::receive(void* packet, std::size_t size)
 {
-    ssize_t received = -1;
-    do {
-        received = recv(socket_.get(), packet, size, MSG_TRUNC);
-    } while (received < 0 && errno == EINTR);
+    const ssize_t received =
+        beforeDeadline(SO_RCVTIMEO, [&] { return recv(socket_.get(), packet, size, MSG_TRUNC); });
     if (received < 0) {
-        return withTimeout(received);
+        return -1;
     }
+    patience_.regain();
     if (received == 0) {
         errno = ECONNRESET;
         return -1;

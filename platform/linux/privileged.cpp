@@ -41,7 +41,8 @@ bool receiveAnswer(HelperConnection& connection, Answer& answer)
 /// @return false with errno telling why, said in the log
 bool ask(const char* call, const Request& request, Answer& answer)
 {
-    HelperConnection connection;
+    static quillon::HelperPatience patience;
+    HelperConnection connection(patience);
     if (!connection.open(QUILLON_PRIVILEGED_SOCKET)) {
         static quillon::Once said;
         if (said.first()) {

@@ -43,7 +43,8 @@ bool nobodyListens()
 std::optional<Answer> ask(Kind kind, const SecretBytes& request, int unanswered,
                           SecretBytes& packet)
 {
-    HelperConnection connection;
+    static HelperPatience patience;
+    HelperConnection connection(patience);
     const bool connected = connection.open(QUILLON_STORAGE_SOCKET);
     if (!connected && nobodyListens()) {
         return std::nullopt;

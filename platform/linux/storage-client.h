@@ -9,7 +9,7 @@
 namespace quillon {
 
 /// The storage through its helper, for a process without the right to it. Each call is one
-/// connection and waits up to 30 s for each step; its failures are told on the log.
+/// connection and waits as HelperPatience says; its failures are told on the log.
 
 /// @param[out] bytes  the item when the result is 0, anything otherwise
 /// @return the result of ss_read; nothing where no helper listens, and nothing is told then.
