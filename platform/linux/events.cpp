@@ -5,8 +5,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <string_view>
 
+#include "event-placeholder.h"
 #include "files.h"
 #include "sd-notify.h"
 
@@ -37,14 +42,48 @@ bool raiseAgain(const char* name)
     return futimens(fd.get(), nullptr) == 0;
 }
 
+bool isKeptFree(const char* name)
+{
+    char target[sizeof kEventPlaceholder] = {};
+    const ssize_t length = readlink(name, target, sizeof target);
+    return length > 0 &&
+           std::string_view(target, static_cast<std::size_t>(length)) == kEventPlaceholder;
+}
+
+// In one step, since nobody must get hold of the name in between. A link that is not ours to
+// replace is one more thing in the way.
+bool replacePlaceholder(const char* name)
+{
+    char file[PATH_MAX] = {};
+    const int length = std::snprintf(file, sizeof file, "%s.XXXXXX", name);
+    if (length < 0 || static_cast<std::size_t>(length) >= sizeof file) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    const UniqueFd fd(mkostemp(file, O_CLOEXEC));
+    if (!fd) {
+        return false;
+    }
+    if (fchmod(fd.get(), kEventMode) == 0 && rename(file, name) == 0) {
+        return true;
+    }
+    const int reason = errno == EPERM || errno == EACCES ? EEXIST : errno;
+    unlink(file);
+    errno = reason;
+    return false;
+}
+
 bool raise(const char* name)
 {
     // With O_EXCL a link is never followed and nothing that is there is opened.
     const UniqueFd fd(open(name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kEventMode));
-    if (!fd) {
-        return errno == EEXIST && raiseAgain(name);
+    if (fd) {
+        return fchmod(fd.get(), kEventMode) == 0;  // whatever the umask
     }
-    return fchmod(fd.get(), kEventMode) == 0;  // whatever the umask
+    if (errno != EEXIST) {
+        return false;
+    }
+    return isKeptFree(name) ? replacePlaceholder(name) : raiseAgain(name);
 }
 
 }  // namespace

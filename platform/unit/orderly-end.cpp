@@ -29,7 +29,7 @@ constexpr int kFullLooks = 4;  // who reads replies at all does so within two se
 void takeMarkerAway(const std::string& marker)
 {
     try {
-        putDeadLink(marker);
+        putDeadLink(marker, "/nonexistent/quillon-is-stopping", 0, 0);
     } catch (const std::system_error& error) {
         say(Priority::kError, error.what());
         static_cast<void>(std::remove(marker.c_str()));
@@ -89,11 +89,11 @@ private:
 
 void endAndWait(const std::string& lifeMarker, pid_t process)
 {
-    Attendance attendance(process);
-    takeMarkerAway(lifeMarker);
     if (process <= 0) {
         return;
     }
+    Attendance attendance(process);
+    takeMarkerAway(lifeMarker);
     // By number: older C libraries have no function for it.
     const UniqueDescriptor handle(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
     if (handle.get() == -1 && errno == ESRCH) {

@@ -15,7 +15,8 @@ namespace quillon::unit {
 
 namespace {
 
-constexpr mode_t kMode = 0666;
+constexpr mode_t kEverybodys = 0666;
+constexpr mode_t kGroups = 0660;
 
 class Queue
 {
@@ -36,19 +37,25 @@ private:
     mqd_t queue_;
 };
 
-bool isUsable(const Queue& queue, uid_t owner)
+bool has(const Queue& queue, const QueueAccess& access)
 {
     struct stat status = {};
+    return queue.get() != -1 && fstat(queue.get(), &status) == 0 && status.st_uid == access.owner &&
+           status.st_gid == access.group && (status.st_mode & ACCESSPERMS) == access.mode;
+}
+
+bool hasOurShape(const Queue& queue)
+{
     mq_attr attributes = {};
-    return queue.get() != -1 && fstat(queue.get(), &status) == 0 && status.st_uid == owner &&
-           (status.st_mode & kMode) == kMode && mq_getattr(queue.get(), &attributes) == 0 &&
+    return mq_getattr(queue.get(), &attributes) == 0 &&
            attributes.mq_msgsize == static_cast<long>(sizeof(MQData)) &&
            attributes.mq_maxmsg == FW_MQ_MAX_MESSAGES;
 }
 
-void provide(const char* name, uid_t owner, gid_t group)
+void provide(const char* name, const QueueAccess& access)
 {
-    if (isUsable(Queue(mq_open(name, O_RDWR | O_NONBLOCK | O_CLOEXEC)), owner)) {
+    const Queue present(mq_open(name, O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    if (has(present, access) && hasOurShape(present)) {
         return;
     }
     mq_attr attributes = {};
@@ -59,12 +66,13 @@ void provide(const char* name, uid_t owner, gid_t group)
         if (mq_unlink(name) != 0 && errno != ENOENT) {
             failWithErrno(what);
         }
-        const Queue made(mq_open(name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kMode, &attributes));
+        // Nobody gets at it before it is whose it shall be.
+        const Queue made(mq_open(name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600, &attributes));
         if (made.get() == -1 && errno == EEXIST) {
             continue;
         }
-        if (made.get() == -1 || fchmod(made.get(), kMode) != 0 ||
-            fchown(made.get(), owner, group) != 0) {
+        if (made.get() == -1 || fchown(made.get(), access.owner, access.group) != 0 ||
+            fchmod(made.get(), access.mode) != 0) {
             failWithErrno(what);
         }
         return;
@@ -73,10 +81,32 @@ void provide(const char* name, uid_t owner, gid_t group)
 
 }  // namespace
 
-void provideQueues(uid_t owner, gid_t group)
+QueueAccess openQueues(uid_t service, gid_t serviceGroup)
 {
-    provide(FW_MQ_SERVICE_QUEUE, owner, group);
-    provide(FW_MQ_CONTROL_QUEUE, owner, group);
+    return {service, serviceGroup, kEverybodys};
+}
+
+QueueAccess groupQueues(gid_t group)
+{
+    return {0, group, kGroups};
+}
+
+void provideQueues(const QueueAccess& access)
+{
+    provide(FW_MQ_SERVICE_QUEUE, access);
+    provide(FW_MQ_CONTROL_QUEUE, access);
+}
+
+void removeGroupQueues()
+{
+    for (const char* name : {FW_MQ_SERVICE_QUEUE, FW_MQ_CONTROL_QUEUE}) {
+        const Queue queue(mq_open(name, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        struct stat status = {};
+        if (queue.get() != -1 && fstat(queue.get(), &status) == 0 &&
+            has(queue, groupQueues(status.st_gid))) {
+            static_cast<void>(mq_unlink(name));
+        }
+    }
 }
 
 bool isReplyQueueFull()

@@ -16,8 +16,6 @@ namespace quillon::unit {
 
 namespace {
 
-constexpr mode_t kFileMode = 0644;
-
 /// A folder of root's beside a name, so that renaming stays within one file system.
 class PrivateFolder
 {
@@ -94,22 +92,25 @@ void moveTo(const PrivateFolder& folder, const std::string& path)
 
 }  // namespace
 
-void putFile(const std::string& path, uid_t owner, gid_t group)
+void putFile(const std::string& path, uid_t owner, gid_t group, mode_t mode,
+             std::string_view content)
 {
     const PrivateFolder folder(path);
     const UniqueDescriptor file(
-        open(folder.entry().c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode));
-    if (file.get() == -1 || fchmod(file.get(), kFileMode) != 0 ||
-        fchown(file.get(), owner, group) != 0) {
+        open(folder.entry().c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+    if (file.get() == -1 ||
+        write(file.get(), content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
+        fchmod(file.get(), mode) != 0 || fchown(file.get(), owner, group) != 0) {
         failWithErrno("cannot make " + folder.entry());
     }
     moveTo(folder, path);
 }
 
-void putDeadLink(const std::string& path)
+void putDeadLink(const std::string& path, const std::string& target, uid_t owner, gid_t group)
 {
     const PrivateFolder folder(path);
-    if (symlink("/nonexistent/quillon-is-stopping", folder.entry().c_str()) != 0) {
+    if (symlink(target.c_str(), folder.entry().c_str()) != 0 ||
+        lchown(folder.entry().c_str(), owner, group) != 0) {
         failWithErrno("cannot make " + folder.entry());
     }
     moveTo(folder, path);

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <string_view>
 
 /// Names in a folder that everybody may write to, such as /tmp, taken from whoever has them.
 ///
@@ -13,12 +14,14 @@
 /// beside. Errors are thrown as std::system_error, whose what() is one line. Thread: any.
 namespace quillon::unit {
 
-/// Puts an empty file, mode 0644, there.
-void putFile(const std::string& path, uid_t owner, gid_t group);
+/// Puts a file there, with exactly that mode.
+void putFile(const std::string& path, uid_t owner, gid_t group, mode_t mode = 0644,
+             std::string_view content = "");
 
-/// Puts a link of root's that leads nowhere there: the file does not exist for whoever asks, and
-/// nobody else can make it.
-void putDeadLink(const std::string& path);
+/// Puts a link there that leads nowhere: the file does not exist for whoever asks, and nobody but
+/// the owner and root can make it.
+/// @param target  what does not exist
+void putDeadLink(const std::string& path, const std::string& target, uid_t owner, gid_t group);
 
 /// Takes whatever is there away; nothing there is fine.
 void clear(const std::string& path);

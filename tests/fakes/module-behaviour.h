@@ -15,6 +15,7 @@ enum class Effect {
     ThrowUnknown,  ///< raises an int
     Hang,          ///< never returns
     Crash,         ///< aborts the process
+    Exit,          ///< ends the process with status 0
     ChildExits     ///< forks a child that calls exit(0), waits for it, and returns
 };
 

@@ -40,6 +40,9 @@ Effect toEffect(const std::string& text)
     if (text == "hang") {
         return Effect::Hang;
     }
+    if (text == "exit") {
+        return Effect::Exit;
+    }
     if (text == "child-exits") {
         return Effect::ChildExits;
     }

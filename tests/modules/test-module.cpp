@@ -53,6 +53,8 @@ int finish(const ModuleBehaviour& behaviour, const char* name)
             }
         case Effect::Crash:
             std::abort();
+        case Effect::Exit:
+            std::exit(0);
         case Effect::ChildExits: {
             const pid_t child = fork();
             if (child == 0) {

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,6 +13,7 @@
 #include <sstream>
 #include <string>
 
+#include "event-placeholder.h"
 #include "notify-socket.h"
 
 namespace {
@@ -34,6 +36,15 @@ std::string read(const std::string& path)
     std::ostringstream text;
     text << std::ifstream(path).rdbuf();
     return text.str();
+}
+
+std::size_t namesBeginningWith(const std::string& path)
+{
+    std::size_t count = 0;
+    for (const auto& entry : fs::directory_iterator(fs::path(path).parent_path())) {
+        count += entry.path().string().rfind(path, 0) == 0 ? 1 : 0;
+    }
+    return count;
 }
 
 class Event : public testing::Test
@@ -112,6 +123,39 @@ TEST_F(Event, LeavesSomebodyElsesFileAlone)
     }
     expectRefused(kOther, EEXIST);
     EXPECT_EQ(read(kOther), "theirs");
+}
+
+TEST_F(Event, TakesThePlaceThatIsKeptForIt)
+{
+    umask(0077);
+    fs::create_symlink(quillon::kEventPlaceholder, kOther);
+    ASSERT_FALSE(fs::exists(kOther)) << "nobody who waits sees it before it is raised";
+
+    EXPECT_EQ(LwipcEventDone(kOther), 0);
+
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(kOther)));
+    EXPECT_EQ(fs::status(kOther).permissions(), fs::perms(0644));
+    EXPECT_EQ(LwipcEventDone(kOther), 0) << "once more";
+    EXPECT_EQ(namesBeginningWith(kOther), 1U) << "nothing is left beside it";
+}
+
+TEST_F(Event, LeavesThePlaceThatIsKeptForSomebodyElse)
+{
+    fs::create_symlink(quillon::kEventPlaceholder, kOther);
+    const pid_t stranger = fork();
+    if (stranger == 0) {
+        const bool isRefused = setgid(1234) == 0 && setuid(1234) == 0 &&
+                               LwipcEventDone(kOther) == -1 && errno == EEXIST;
+        _exit(isRefused ? 0 : getuid() != 1234 ? 77 : 1);
+    }
+    int status = 0;
+    waitpid(stranger, &status, 0);
+    if (WEXITSTATUS(status) == 77) {
+        GTEST_SKIP() << "there are no other users here";
+    }
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(fs::is_symlink(kOther));
+    EXPECT_EQ(namesBeginningWith(kOther), 1U);
 }
 
 TEST_F(Event, IsNotAFolder)

@@ -128,14 +128,20 @@ TEST_F(OrderlyEnd, OfAServiceThatIsGoneTakesNoTime)
     }
 
     endAndWait(kMarker, gone);
-    endAndWait(kMarker, 0);
 
     EXPECT_FALSE(isMarked());
 }
 
+TEST_F(OrderlyEnd, OfAServiceThatHasEndedByItselfLeavesTheMarkerAsItIs)
+{
+    endAndWait(kMarker, 0);
+
+    EXPECT_TRUE(isMarked());
+}
+
 TEST_F(OrderlyEnd, ThrowsRepliesAwayThatNobodyReads)
 {
-    quillon::unit::provideQueues(geteuid(), getegid());
+    quillon::unit::provideQueues(quillon::unit::openQueues(geteuid(), getegid()));
     const Process service([] {
         const mqd_t replies = mq_open("/fwupdatecontrol_usb", O_RDWR);
         const char record[284] = {};

@@ -24,7 +24,7 @@ mqd_t make(const char* name, long records, long size)
 
 void provideOwnQueues()
 {
-    provideQueues(geteuid(), getegid());
+    provideQueues(openQueues(geteuid(), getegid()));
 }
 
 void expectUsable(const char* name, long recordsInIt)
@@ -101,6 +101,51 @@ TEST(OwnQueues, ReplaceThoseOfAnotherUser)
     provideOwnQueues();
 
     expectUsable("/fwupdateservice_usb", 0);
+}
+
+TEST(OwnQueues, OfAGroupAreRootsAndClosedToOthers)
+{
+    make("/fwupdateservice_usb", 10, 284);
+
+    provideQueues(groupQueues(getegid()));
+
+    for (const char* name : {"/fwupdateservice_usb", "/fwupdatecontrol_usb"}) {
+        expectUsable(name, 0);
+        struct stat status = {};
+        ASSERT_EQ(fstat(mq_open(name, O_RDWR), &status), 0);
+        EXPECT_EQ(status.st_uid, 0U);
+        EXPECT_EQ(status.st_gid, getegid());
+        EXPECT_EQ(status.st_mode & 0777U, 0660U);
+    }
+}
+
+TEST(OwnQueues, AreClosedWhenAGroupIsChosenAndOpenAgainWithoutIt)
+{
+    provideOwnQueues();
+    const mqd_t open = mq_open("/fwupdateservice_usb", O_RDWR);
+
+    provideQueues(groupQueues(getegid()));
+    const char record[284] = {};
+    ASSERT_EQ(mq_send(open, record, sizeof record, 0), 0);
+    expectUsable("/fwupdateservice_usb", 0);  // who had it open before cannot send to this one
+
+    provideOwnQueues();
+    struct stat status = {};
+    ASSERT_EQ(fstat(mq_open("/fwupdateservice_usb", O_RDWR), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0666U);
+}
+
+TEST(OwnQueues, OfAGroupAreTakenAwayAndOthersStay)
+{
+    provideQueues(groupQueues(getegid()));
+    removeGroupQueues();
+    EXPECT_EQ(mq_open("/fwupdateservice_usb", O_RDONLY), -1);
+    EXPECT_EQ(mq_open("/fwupdatecontrol_usb", O_RDONLY), -1);
+
+    provideOwnQueues();
+    removeGroupQueues();
+    expectUsable("/fwupdateservice_usb", 0);
+    expectUsable("/fwupdatecontrol_usb", 0);
 }
 
 TEST(OwnQueues, AreFullOnlyWithAllTheRepliesThatFit)

@@ -123,7 +123,7 @@ TEST_F(TakenName, WithADeadLinkDoesNotExistAndCannotBeMade)
 {
     putOurFile();
 
-    putDeadLink(kName);
+    putDeadLink(kName, "/nonexistent/anything", geteuid(), getegid());
 
     EXPECT_FALSE(fs::exists(kName));
     EXPECT_TRUE(fs::is_symlink(kName));
@@ -136,7 +136,7 @@ TEST_F(TakenName, IsFreeAgainWhenCleared)
         if (asFolder) {
             fs::create_directories(kName + std::string("/deep"));
         } else {
-            putDeadLink(kName);
+            putDeadLink(kName, "/nonexistent/anything", geteuid(), getegid());
         }
         clear(kName);
         EXPECT_FALSE(fs::is_symlink(kName) || fs::exists(kName));

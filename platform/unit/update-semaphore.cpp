@@ -1,0 +1,158 @@
+#include "update-semaphore.h"
+
+#include <fcntl.h>
+#include <semaphore.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <string_view>
+
+#include "support/unique-handles.h"
+#include "taken-name.h"
+#include "unit-failure.h"
+
+namespace quillon::unit {
+
+namespace {
+
+// Where the C library keeps "/SEM_UPDATE_CONTROL".
+constexpr const char* kPath = "/dev/shm/sem.SEM_UPDATE_CONTROL";
+constexpr mode_t kMode = 0600;
+
+/// @return -1 when it cannot be read
+int valueOf(const UniqueDescriptor& file)
+{
+    void* memory = mmap(nullptr, sizeof(sem_t), PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
+    int value = -1;
+    if (memory != MAP_FAILED) {
+        static_cast<void>(sem_getvalue(static_cast<sem_t*>(memory), &value));
+        munmap(memory, sizeof(sem_t));
+    }
+    return value;
+}
+
+/// What is wrong with what stands at the name; empty when nothing is.
+std::string faultOf(const struct stat& status, uid_t owner)
+{
+    if (!S_ISREG(status.st_mode) || status.st_nlink != 1) {
+        return "is no file of its own";
+    }
+    if (status.st_uid != 0 && status.st_uid != owner) {
+        return "belongs to user " + std::to_string(status.st_uid);
+    }
+    if ((status.st_mode & ALLPERMS) != kMode) {
+        return "has another mode than 0600";
+    }
+    if (status.st_size != static_cast<off_t>(sizeof(sem_t))) {
+        return "has the wrong size";
+    }
+    // Only now is it sure that nobody can shorten it while we look at its contents.
+    const UniqueDescriptor file(open(kPath, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    return valueOf(file) == 1 ? "" : "is not free";
+}
+
+/// "8:1 4711", as the last but one words of a line of /proc/PID/maps.
+std::string mapNameOf(const struct stat& status)
+{
+    std::ostringstream name;
+    name << std::hex;
+    const auto two = [&](unsigned number) {
+        name.width(2);
+        name.fill('0');
+        name << number;
+    };
+    two(major(status.st_dev));
+    name << ':';
+    two(minor(status.st_dev));
+    name << std::dec << ' ' << status.st_ino;
+    return name.str();
+}
+
+/// By /proc/PID/status, since the owner of the folder is root for a process that hides itself.
+bool isOf(const std::filesystem::path& process, uid_t owner)
+{
+    std::ifstream status(process / "status");
+    for (std::string word; status >> word;) {
+        uid_t real = 0;
+        uid_t effective = 0;
+        if (word == "Uid:" && status >> real >> effective) {
+            return effective == 0 || effective == owner;
+        }
+    }
+    return false;
+}
+
+bool hasMapped(const std::filesystem::path& process, const std::string& name)
+{
+    std::ifstream maps(process / "maps");
+    for (std::string line; std::getline(maps, line);) {
+        std::istringstream words(line);
+        std::string addresses;
+        std::string rights;
+        std::string offset;
+        std::string device;
+        std::string inode;
+        words >> addresses >> rights >> offset >> device >> inode;
+        if (device + ' ' + inode == name) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// A process of root's or the owner's that has the semaphore open; empty when there is none.
+std::string userOf(const struct stat& semaphore, uid_t owner)
+{
+    const std::string name = mapNameOf(semaphore);
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        const std::string number = entry.path().filename();
+        if (std::isdigit(static_cast<unsigned char>(number.front())) != 0 &&
+            hasMapped(entry.path(), name) && isOf(entry.path(), owner)) {
+            return number;
+        }
+    }
+    return "";
+}
+
+void makeFree(uid_t owner, gid_t group)
+{
+    sem_t semaphore = {};
+    if (sem_init(&semaphore, 1, 1) != 0) {
+        failWithErrno("cannot make the update semaphore");
+    }
+    putFile(kPath, owner, group, kMode,
+            {reinterpret_cast<const char*>(&semaphore), sizeof semaphore});
+}
+
+}  // namespace
+
+void provideSemaphore(uid_t owner, gid_t group)
+{
+    struct stat status = {};
+    if (lstat(kPath, &status) != 0) {
+        makeFree(owner, group);
+        return;
+    }
+    const std::string fault = faultOf(status, owner);
+    if (fault.empty()) {
+        return;
+    }
+    const std::string user = userOf(status, owner);
+    const std::string what = std::string("the update semaphore ") + kPath + " " + fault;
+    if (!user.empty()) {
+        say(Priority::kWarning, what + ", and stays, since process " + user +
+                                    " has it open; restart the service once that has ended");
+        return;
+    }
+    makeFree(owner, group);
+    say(Priority::kWarning, what + " and nobody of ours has it open: made it anew");
+}
+
+}  // namespace quillon::unit
