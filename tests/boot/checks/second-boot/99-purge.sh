@@ -5,8 +5,8 @@ set -eu
 . /boot-test/device.sh
 
 # What this test itself has put on the device.
-rm -rf "$controls"/*.so "$stick" /usr/share/sdp/quillon-key /etc/quillon/examples
-rmdir --ignore-fail-on-non-empty -p /opt/media /usr/share/sdp 2>/dev/null || true
+rm -rf "$controls"/*.so "$stick" /etc/quillon/examples
+rmdir --ignore-fail-on-non-empty -p /opt/media 2>/dev/null || true
 
 # A package that was downloaded before the removal, and one that is mounted, are to be cleared away.
 [ -e "$packages/panelemp.img" ] || fail "the removal has taken a download away"

@@ -1,0 +1,182 @@
+// What purging the service's package takes away, and what it leaves alone.
+#include <gmock/gmock.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "system/privileged-helper.h"
+
+using namespace quillon::test;
+using testing::IsEmpty;
+using testing::SizeIs;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr uid_t kMember = 1234;
+constexpr gid_t kGroup = 2345;
+constexpr const char* kElsewhere = "/var/lib/quillon/elsewhere";
+constexpr const char* kPrograms = "/var/lib/quillon/programs/";
+constexpr const char* kProvisioning = "/usr/share/sdp/quillon-key/00000066.bin";
+
+/// The machine as the package has left it, with programs in front of the machine's own that keep
+/// the purge from asking or changing its packages and users.
+class Purge : public PackageMount
+{
+protected:
+    void SetUp() override
+    {
+        PackageMount::SetUp();
+        if (IsSkipped()) {
+            return;
+        }
+        for (const char* program : {"dpkg-query", "userdel", "groupdel"}) {
+            putProgram(program, "exit 1");
+        }
+        fs::create_directories(kElsewhere);
+        for (const char* folder : {kPackageFolder, kMountFolder}) {
+            ASSERT_EQ(::chown(folder, 0, kGroup), 0);
+            fs::permissions(folder, fs::perms(02775));
+        }
+        foreign_ = unique("foreign");
+        addSquashfs(foreign_, "foreign");
+        run("mount -o ro,loop " + imageOf(foreign_) + " " + kElsewhere);
+    }
+
+    void TearDown() override
+    {
+        ::umount2(kElsewhere, MNT_DETACH);
+        PackageMount::TearDown();
+    }
+
+    static void putProgram(const std::string& name, const std::string& script)
+    {
+        fs::create_directories(kPrograms);
+        std::ofstream(kPrograms + name) << "#!/bin/sh\n" << script << "\n";
+        fs::permissions(kPrograms + name, fs::perms(0755));
+    }
+
+    static void purge()
+    {
+        const std::string path = std::string("PATH=") + kPrograms + ":$PATH ";
+        EXPECT_EQ(std::system((path + "sh " POSTRM " purge").c_str()), 0);
+    }
+
+    static void mountByHand(const std::string& name, const std::string& directory)
+    {
+        run("mount -o ro,loop " + imageOf(name) + " " + mountPointOf(directory));
+    }
+
+    static void expectForeignMountStays()
+    {
+        EXPECT_THAT(mounts(kElsewhere), SizeIs(1)) << "it was no package's mount";
+    }
+
+private:
+    std::string foreign_;
+};
+
+TEST_F(Purge, LeavesNoPackageNeitherMountedNorOnTheDisk)
+{
+    const std::string name = unique("alpha");
+    addSquashfs(name);
+    addSquashfs(name + "upper");
+    mountByHand(name, name);
+    mountByHand(name + "upper", name);
+
+    purge();
+
+    EXPECT_THAT(mounts(mountPointOf(name)), IsEmpty());
+    EXPECT_FALSE(fs::exists(imageOf(name)));
+    expectForeignMountStays();
+}
+
+TEST_F(Purge, UnmountsNothingBehindALinkThatAMemberHasPutThere)
+{
+    const std::string link = mountPointOf(unique("link"));
+    ASSERT_EQ(::symlink(kElsewhere, link.c_str()), 0);
+    ASSERT_EQ(::lchown(link.c_str(), kMember, kGroup), 0);
+
+    purge();
+
+    expectForeignMountStays();
+    EXPECT_FALSE(fs::is_symlink(link));
+}
+
+TEST_F(Purge, UnmountsNothingBehindALinkInTheFoldersPlace)
+{
+    fs::remove_all(kMountFolder);
+    const std::string folder = std::string(kMountFolder).substr(0, std::strlen(kMountFolder) - 1);
+    ASSERT_EQ(::symlink("/var/lib/quillon", folder.c_str()), 0);
+
+    purge();
+
+    expectForeignMountStays();
+    EXPECT_TRUE(fs::exists("/var/lib/quillon"));
+}
+
+TEST_F(Purge, UnmountsNothingElseHoweverFastAMemberIs)
+{
+    if (std::system("setpriv --reuid 1234 --regid 2345 --clear-groups true") != 0) {
+        GTEST_SKIP() << "there are no other users here";
+    }
+    const std::string name = unique("alpha");
+    addSquashfs(name);
+    mountByHand(name, name);
+    // Between the look at the mount and the unmounting, a member has the helper unmount it, and
+    // puts a link in its place.
+    putProgram("findmnt",
+               "/usr/bin/findmnt \"$@\"\n"
+               "umount " +
+                   mountPointOf(name) +
+                   " 2>/dev/null || exit 0\n"
+                   "setpriv --reuid 1234 --regid 2345 --clear-groups sh -c 'rmdir " +
+                   mountPointOf(name) + " && ln -s " + kElsewhere + " " + mountPointOf(name) +
+                   "' 2>/dev/null\n"
+                   "exit 0");
+
+    purge();
+
+    expectForeignMountStays();
+}
+
+TEST_F(Purge, LeavesAMountThatIsNoPackages)
+{
+    const std::string name = unique("alpha");
+    addSquashfs(name);
+    mountByHand(name, name);
+    ASSERT_EQ(::mount("tmpfs", mountPointOf(name).c_str(), "tmpfs", 0, nullptr), 0);
+
+    purge();
+
+    EXPECT_THAT(mounts(mountPointOf(name)), SizeIs(2));
+}
+
+TEST_F(Purge, TakesTheImageKeyAway)
+{
+    fs::create_directories(fs::path(kProvisioning).parent_path());
+    std::ofstream(kProvisioning) << "holds the image key";
+
+    purge();
+
+    EXPECT_FALSE(fs::exists(kProvisioning));
+    EXPECT_FALSE(fs::exists("/usr/share/sdp"));
+}
+
+TEST_F(Purge, LeavesTheImageKeyThatAnotherPackageHasBrought)
+{
+    fs::create_directories(fs::path(kProvisioning).parent_path());
+    std::ofstream(kProvisioning) << "holds the image key";
+    putProgram("dpkg-query", "[ \"$1 $2\" = \"--search " + std::string(kProvisioning) + "\" ]");
+
+    purge();
+
+    EXPECT_TRUE(fs::exists(kProvisioning));
+}
+
+}  // namespace
