@@ -7,7 +7,9 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <array>
 #include <cctype>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -58,21 +60,19 @@ std::string faultOf(const struct stat& status, uid_t owner)
     return valueOf(file) == 1 ? "" : "is not free";
 }
 
-/// "8:1 4711", as the last but one words of a line of /proc/PID/maps.
-std::string mapNameOf(const struct stat& status)
+/// A file as the lines of /proc/PID/maps name it.
+struct MappedFile
 {
-    std::ostringstream name;
-    name << std::hex;
-    const auto two = [&](unsigned number) {
-        name.width(2);
-        name.fill('0');
-        name << number;
-    };
-    two(major(status.st_dev));
-    name << ':';
-    two(minor(status.st_dev));
-    name << std::dec << ' ' << status.st_ino;
-    return name.str();
+    std::string device;
+    std::string inode;
+};
+
+MappedFile nameOf(const struct stat& status)
+{
+    std::array<char, 32> device = {};
+    std::snprintf(device.data(), device.size(), "%02x:%02x", major(status.st_dev),
+                  minor(status.st_dev));
+    return {device.data(), std::to_string(status.st_ino)};
 }
 
 /// By /proc/PID/status, since the owner of the folder is root for a process that hides itself.
@@ -89,7 +89,7 @@ bool isOf(const std::filesystem::path& process, uid_t owner)
     return false;
 }
 
-bool hasMapped(const std::filesystem::path& process, const std::string& name)
+bool hasMapped(const std::filesystem::path& process, const MappedFile& file)
 {
     std::ifstream maps(process / "maps");
     for (std::string line; std::getline(maps, line);) {
@@ -100,7 +100,7 @@ bool hasMapped(const std::filesystem::path& process, const std::string& name)
         std::string device;
         std::string inode;
         words >> addresses >> rights >> offset >> device >> inode;
-        if (device + ' ' + inode == name) {
+        if (device == file.device && inode == file.inode) {
             return true;
         }
     }
@@ -110,11 +110,11 @@ bool hasMapped(const std::filesystem::path& process, const std::string& name)
 /// A process of root's or the owner's that has the semaphore open; empty when there is none.
 std::string userOf(const struct stat& semaphore, uid_t owner)
 {
-    const std::string name = mapNameOf(semaphore);
+    const MappedFile file = nameOf(semaphore);
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        const std::string number = entry.path().filename();
+        std::string number = entry.path().filename();
         if (std::isdigit(static_cast<unsigned char>(number.front())) != 0 &&
-            hasMapped(entry.path(), name) && isOf(entry.path(), owner)) {
+            hasMapped(entry.path(), file) && isOf(entry.path(), owner)) {
             return number;
         }
     }
