@@ -70,19 +70,22 @@ struct MappedFile
 MappedFile nameOf(const struct stat& status)
 {
     std::array<char, 32> device = {};
-    std::snprintf(device.data(), device.size(), "%02x:%02x", major(status.st_dev),
-                  minor(status.st_dev));
+    static_cast<void>(std::snprintf(device.data(), device.size(), "%02x:%02x", major(status.st_dev),
+                                    minor(status.st_dev)));
     return {device.data(), std::to_string(status.st_ino)};
 }
 
-/// By /proc/PID/status, since the owner of the folder is root for a process that hides itself.
+/// By /proc/PID/status, since the owner of the folder is root for a process that hides itself. By
+/// the beginning of a line, since the process has chosen its name, which stands there as well.
 bool isOf(const std::filesystem::path& process, uid_t owner)
 {
     std::ifstream status(process / "status");
-    for (std::string word; status >> word;) {
+    for (std::string line; std::getline(status, line);) {
+        std::istringstream words(line);
+        std::string key;
         uid_t real = 0;
         uid_t effective = 0;
-        if (word == "Uid:" && status >> real >> effective) {
+        if (words >> key >> real >> effective && key == "Uid:") {
             return effective == 0 || effective == owner;
         }
     }
