@@ -29,6 +29,12 @@ bool isWellFormed(const Request& request, ssize_t size)
            std::all_of(nul, textEnd, [](char c) { return c == '\0'; });
 }
 
+bool hasGone(int connection)
+{
+    pollfd peer = {connection, 0, 0};
+    return poll(&peer, 1, 0) == 1 && (peer.revents & POLLHUP) != 0;
+}
+
 }  // namespace
 
 Server::Server(int listener, Callers callers, Handler handler)
@@ -127,6 +133,11 @@ bool Server::serve(Client& client)
     if (!isWellFormed(request, size)) {
         PRIVILEGED_LOGE("process %d of user %u sent no request, %zd bytes", client.peer.pid,
                         client.peer.user, size);
+        return false;
+    }
+    // Done now, it would surprise whoever has waited in vain and gone on without it.
+    if (hasGone(connection)) {
+        PRIVILEGED_LOGE("process %d does not wait for its request any more", client.peer.pid);
         return false;
     }
     Answer answer;

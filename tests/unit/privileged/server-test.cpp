@@ -109,6 +109,20 @@ private:
 
 }  // namespace
 
+TEST_F(PrivilegedServer, DoesNothingForAClientThatDoesNotWaitAnyMore)
+{
+    const UniqueFd slow = client();
+    const Request slowRequest = request(Kind::Mount, kSlow);
+    ASSERT_EQ(send(slow.get(), &slowRequest, sizeof slowRequest, 0), ssize_t(sizeof slowRequest));
+    {
+        const UniqueFd impatient = client();
+        const Request late = request(Kind::Mount, "late");
+        ASSERT_EQ(send(impatient.get(), &late, sizeof late, 0), ssize_t(sizeof late));
+    }
+    EXPECT_EQ(ask(client(), request(Kind::Unmount, "last")), kHandled);
+    EXPECT_THAT(end(), ElementsAre(std::string("1") + kSlow, "3last"));
+}
+
 TEST_F(PrivilegedServer, AnswersEveryRequestOfAConnection)
 {
     const UniqueFd connection = client();
