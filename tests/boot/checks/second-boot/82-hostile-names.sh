@@ -25,5 +25,10 @@ expect "the owner of its name" quillon "$(stat -c %U "$resume_event")"
 [ ! -L "$update_list" ] || fail "a link stands at the update list"
 [ -s /etc/hostname ] || fail "the file behind the link is empty"
 quillonctl progress || fail "the service does not answer"
-as_service quillonctl modules check || fail "a control layer cannot check"
+if [ -e /dev/loop-control ]; then
+    install_module tuner 1.0 3000000 2
+    put_package tuner 2.0 1000000 2
+    as_service quillonctl modules update tuner || fail "a control layer cannot update"
+    holds_payload tuner 2.0
+fi
 as_user nobody quillonctl progress || fail "another user's client cannot take its turn"
