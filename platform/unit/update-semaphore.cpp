@@ -150,8 +150,9 @@ void provideSemaphore(uid_t owner, gid_t group)
     const std::string user = userOf(status, owner);
     const std::string what = std::string("the update semaphore ") + kPath + " " + fault;
     if (!user.empty()) {
-        say(Priority::kWarning, what + ", and stays, since process " + user +
-                                    " has it open; restart the service once that has ended");
+        say(Priority::kWarning,
+            what + ", and stays, since process " + user +
+                " has it open; if that is not updating, end it and restart the service");
         return;
     }
     makeFree(owner, group);
