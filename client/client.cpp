@@ -11,6 +11,7 @@
 #include "client-lock.h"
 #include "deadline.h"
 #include "record-queue.h"
+#include "service-process.h"
 
 namespace quillon {
 
@@ -112,8 +113,9 @@ private:
     Result<MQData> exchange(const MQData& request, milliseconds timeout);
 
     ClientLock lock;
-    RecordQueue service;
-    RecordQueue control;
+    ServiceProcess process;
+    RecordQueue service{process};
+    RecordQueue control{process};
     bool inStep = false;  ///< no reply to an earlier command can still be under way
 };
 
@@ -129,6 +131,7 @@ Error Client::Impl::connect()
         error = control.open(FW_MQ_CONTROL_QUEUE, O_RDONLY);
     }
     if (!error) {
+        process.find(service.owner());
         error = lock.acquire(ClientLock::defaultPath(), Deadline(options.lockTimeout));
     }
     if (error) {
@@ -141,6 +144,7 @@ void Client::Impl::disconnect()
 {
     service.close();
     control.close();
+    process.forget();
     lock.release();
 }
 
@@ -148,15 +152,18 @@ void Client::Impl::disconnect()
 /// taking them may let it go on with commands that were left as well; those come first.
 Error Client::Impl::settle(const Deadline& deadline)
 {
-    control.drain();
+    control.drain(deadline);
     while (service.waiting() > 0) {
+        if (service.isAbandoned()) {
+            return serviceEnded();
+        }
         if (deadline.passed()) {
             return {ErrorCode::kNoReply,
                     "the update service does not take the command; it may be busy with an earlier "
                     "one"};
         }
         std::this_thread::sleep_for(kSettleInterval);
-        control.drain();
+        control.drain(deadline);
     }
     return {};
 }
@@ -166,6 +173,7 @@ Error Client::Impl::send(const MQData& request, const Deadline& deadline)
     if (!lock.isHeld()) {
         return {ErrorCode::kNotConnected, "not connected to the update service"};
     }
+    process.find(service.owner());  // it may have been on its way up when this client connected
     const Error error = settle(deadline);
     return error ? error : service.send(request, deadline);
 }

@@ -15,12 +15,14 @@ Error systemError(const std::string& what)
     return {ErrorCode::kSystem, what + ": " + std::strerror(errno)};
 }
 
+}  // namespace
+
 Error serviceEnded()
 {
-    return {ErrorCode::kLost, "the update service ended while this client was connected"};
+    return {ErrorCode::kLost,
+            "the update service ended while the command was being worked on; its log may say why: "
+            "start it again, unless that happens by itself, and repeat the command"};
 }
-
-}  // namespace
 
 Error RecordQueue::open(const char* name, int flags)
 {
@@ -54,20 +56,35 @@ void RecordQueue::close()
     }
 }
 
+uid_t RecordQueue::owner() const
+{
+    // On Linux a queue descriptor is a file descriptor.
+    struct stat status = {};
+    return fstat(m_queue, &status) == 0 ? status.st_uid : static_cast<uid_t>(-1);
+}
+
+bool RecordQueue::isAbandoned() const
+{
+    struct stat status = {};
+    const bool removed = fstat(m_queue, &status) == 0 && status.st_nlink == 0;
+    return removed || m_process.hasEnded();
+}
+
 Error RecordQueue::send(const MQData& record, const Deadline& deadline)
 {
     char bytes[sizeof record];
     std::memcpy(bytes, &record, sizeof bytes);
     while (true) {
+        // Nothing is left in the queue of a service that is gone: the next one would act on it.
+        if (isAbandoned()) {
+            return serviceEnded();
+        }
         const timespec until = deadline.nextWait();
         if (mq_timedsend(m_queue, bytes, sizeof bytes, 0, &until) == 0) {
             return {};
         }
         if (errno != EINTR && errno != ETIMEDOUT) {
             return systemError("cannot send to the update service");
-        }
-        if (isUnlinked()) {
-            return serviceEnded();
         }
         if (deadline.passed()) {
             return {ErrorCode::kNoReply, "the update service does not take the command"};
@@ -79,6 +96,7 @@ Error RecordQueue::receive(MQData& record, const Deadline& deadline, int& malfor
 {
     char bytes[sizeof record];
     while (true) {
+        const bool abandoned = isAbandoned();  // asked first: its last reply is still good
         const timespec until = deadline.nextWait();
         const ssize_t size = mq_timedreceive(m_queue, bytes, sizeof bytes, nullptr, &until);
         if (size == static_cast<ssize_t>(sizeof bytes)) {
@@ -87,12 +105,9 @@ Error RecordQueue::receive(MQData& record, const Deadline& deadline, int& malfor
         }
         if (size >= 0) {
             ++malformed;
-            continue;
-        }
-        if (errno != EINTR && errno != ETIMEDOUT) {
+        } else if (errno != EINTR && errno != ETIMEDOUT) {
             return systemError("cannot receive from the update service");
-        }
-        if (isUnlinked()) {
+        } else if (abandoned) {
             return serviceEnded();
         }
         if (deadline.passed()) {
@@ -101,12 +116,15 @@ Error RecordQueue::receive(MQData& record, const Deadline& deadline, int& malfor
     }
 }
 
-void RecordQueue::drain()
+void RecordQueue::drain(const Deadline& deadline)
 {
     // A time long past: what waits is still handed out, and nothing is waited for.
     const timespec past{};
     char bytes[sizeof(MQData)];
     while (mq_timedreceive(m_queue, bytes, sizeof bytes, nullptr, &past) >= 0 || errno == EINTR) {
+        if (deadline.passed()) {
+            return;
+        }
     }
 }
 
@@ -114,14 +132,6 @@ long RecordQueue::waiting() const
 {
     mq_attr attributes{};
     return mq_getattr(m_queue, &attributes) == 0 ? attributes.mq_curmsgs : 0;
-}
-
-bool RecordQueue::isUnlinked() const
-{
-    // On Linux a queue descriptor is a file descriptor. The service removes its queues when it
-    // ends, after which nothing sent here can ever be answered.
-    struct stat status = {};
-    return fstat(m_queue, &status) == 0 && status.st_nlink == 0;
 }
 
 }  // namespace quillon

@@ -7,14 +7,20 @@
 
 #include "deadline.h"
 #include "quillon/client.h"
+#include "service-process.h"
 
 namespace quillon {
 
-/// Owns a queue descriptor. Waits are resumed after signals.
+/// @return kLost
+Error serviceEnded();
+
+/// Owns a queue descriptor. Waits are resumed after signals, and end with kLost within a second
+/// when the service has ended: it removes its queues, or its process is gone.
 class RecordQueue
 {
 public:
-    RecordQueue() = default;
+    /// @param process  must outlive this object
+    explicit RecordQueue(const ServiceProcess& process) : m_process(process) {}
     ~RecordQueue() { close(); }
     RecordQueue(const RecordQueue&) = delete;
     RecordQueue& operator=(const RecordQueue&) = delete;
@@ -27,6 +33,12 @@ public:
     void close();
     bool isOpen() const { return m_queue != kClosed; }
 
+    /// @return whose queue it is
+    uid_t owner() const;
+
+    /// @return whether the service has ended
+    bool isAbandoned() const;
+
     /// @return kNoReply when the queue stayed full until the deadline, kLost, kSystem
     Error send(const MQData& record, const Deadline& deadline);
 
@@ -35,7 +47,8 @@ public:
     Error receive(MQData& record, const Deadline& deadline, int& malformed);
 
     /// Throws away what waits in the queue, without waiting.
-    void drain();
+    /// @param deadline  when to give up on a queue that somebody fills without end
+    void drain(const Deadline& deadline);
 
     /// @return how many records wait in the queue
     long waiting() const;
@@ -43,8 +56,7 @@ public:
 private:
     static constexpr mqd_t kClosed = -1;
 
-    bool isUnlinked() const;
-
+    const ServiceProcess& m_process;
     mqd_t m_queue = kClosed;
 };
 

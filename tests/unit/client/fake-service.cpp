@@ -151,6 +151,13 @@ void FakeService::replyRaw(const void* bytes, std::size_t size)
     }
 }
 
+void FakeService::holdStill() const
+{
+    while (!m_stop) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
 void FakeService::leaveCommand(int command)
 {
     MQData record{};

@@ -57,6 +57,8 @@ public:
     // For handlers, and for tests that leave replies lying about.
     void reply(int result, int value = 0);
     void replyRaw(const void* bytes, std::size_t size);
+    /// Keeps a handler from returning before the service ends.
+    void holdStill() const;
     /// Puts a command into the service's queue without waiting for anything, as a client does that
     /// is killed then.
     void leaveCommand(int command);

@@ -46,7 +46,7 @@ int waitForExit(pid_t pid)
 
 }  // namespace
 
-CtlProgram::CtlProgram(const std::vector<std::string>& arguments)
+CtlProgram::CtlProgram(const std::vector<std::string>& arguments, uid_t user)
 {
     int out[2];
     int err[2];
@@ -59,6 +59,9 @@ CtlProgram::CtlProgram(const std::vector<std::string>& arguments)
         dup2(err[1], STDERR_FILENO);
         for (const int file : {out[0], out[1], err[0], err[1]}) {
             close(file);
+        }
+        if (user != 0 && setuid(user) != 0) {
+            _exit(126);
         }
         execCtl(arguments);
     }
@@ -101,9 +104,9 @@ CtlResult CtlProgram::finish()
     return result;
 }
 
-CtlResult runCtl(const std::vector<std::string>& arguments)
+CtlResult runCtl(const std::vector<std::string>& arguments, uid_t user)
 {
-    return CtlProgram(arguments).finish();
+    return CtlProgram(arguments, user).finish();
 }
 
 CtlResult runCtlOnTerminal(const std::vector<std::string>& arguments, unsigned short columns,

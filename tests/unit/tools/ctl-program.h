@@ -18,7 +18,8 @@ struct CtlResult
 class CtlProgram
 {
 public:
-    explicit CtlProgram(const std::vector<std::string>& arguments);
+    /// @param user  whom it runs as; taken by root alone
+    explicit CtlProgram(const std::vector<std::string>& arguments, uid_t user = 0);
     ~CtlProgram();
     CtlProgram(const CtlProgram&) = delete;
     CtlProgram& operator=(const CtlProgram&) = delete;
@@ -34,7 +35,7 @@ private:
 };
 
 /// Runs the program to its end with its outputs in pipes.
-CtlResult runCtl(const std::vector<std::string>& arguments);
+CtlResult runCtl(const std::vector<std::string>& arguments, uid_t user = 0);
 
 /// Runs the program to its end on a terminal of its own.
 /// @param terminal  what TERM is set to
