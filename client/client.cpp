@@ -47,13 +47,14 @@ bool canAnswer(MQCommand command, const MQData& reply)
 
 Progress toProgress(const MQData& reply)
 {
+    const int percent = std::clamp(reply.value, 0, 99);
     switch (reply.result) {
         case MQ_RESULT_RUNNING:
-            return {Progress::kRunning, reply.value};
+            return {Progress::kRunning, percent};
         case MQ_RESULT_DONE:
-            return {Progress::kDone, reply.value};
+            return {Progress::kDone, 100};
         case MQ_RESULT_FAILED:
-            return {Progress::kFailed, reply.value};
+            return {Progress::kFailed, percent};
         default:
             return {Progress::kIdle, 0};
     }
@@ -91,6 +92,21 @@ Error checkDirectory(const std::string& directory)
     return {};
 }
 
+Error nothingStarted()
+{
+    return {ErrorCode::kNoReply,
+            "the update service has started nothing: it has no image key, or its own look at the "
+            "stick found nothing to update, as when the stick was taken out or cannot be read; its "
+            "log says which: put the stick back and start again"};
+}
+
+Error startReplyMissing()
+{
+    return {ErrorCode::kBadReply,
+            "the reply to the start is missing, as when somebody else reads the replies; ask for "
+            "the progress to learn whether an update runs"};
+}
+
 }  // namespace
 
 class Client::Impl
@@ -103,13 +119,19 @@ public:
     Result<MQData> ask(const MQData& request, milliseconds timeout);
     Error send(const MQData& request, const Deadline& deadline);
     Result<Progress> progress();
+    Error start();
 
     const ClientOptions options;
     std::optional<Progress> outcome;  ///< how a run ended, learnt by a query of our own
 
 private:
     Error regainStep();
+    Error askBehindStart(const Deadline& deadline, MQData& reply);
+    Error startAnswered(bool accepted, int queries);
+    void keepOutcome(const Progress& now);
     Error settle(const Deadline& deadline);
+    template <typename Wanted>
+    Result<MQData> awaitReply(milliseconds timeout, const Deadline& deadline, Wanted wanted);
     Result<MQData> exchange(const MQData& request, milliseconds timeout);
 
     ClientLock lock;
@@ -165,6 +187,7 @@ Error Client::Impl::settle(const Deadline& deadline)
         std::this_thread::sleep_for(kSettleInterval);
         control.drain(deadline);
     }
+    control.drain(deadline);  // now no more than one reply can be on its way
     return {};
 }
 
@@ -178,15 +201,14 @@ Error Client::Impl::send(const MQData& request, const Deadline& deadline)
     return error ? error : service.send(request, deadline);
 }
 
-Result<MQData> Client::Impl::exchange(const MQData& request, milliseconds timeout)
+/// @param wanted  tells whether a reply is the one that is waited for; others are passed over
+template <typename Wanted>
+Result<MQData> Client::Impl::awaitReply(milliseconds timeout, const Deadline& deadline,
+                                        Wanted wanted)
 {
-    const Deadline deadline(timeout);
-    Error error = send(request, deadline);
-    if (error) {
-        return {{}, error};
-    }
     int malformed = 0;
-    while (true) {
+    Error error;
+    do {
         MQData reply{};
         error = control.receive(reply, deadline, malformed);
         if (error) {
@@ -194,23 +216,34 @@ Result<MQData> Client::Impl::exchange(const MQData& request, milliseconds timeou
         }
         if (reply.command != MQ_COMMAND_REPLY) {
             ++malformed;
-            continue;
-        }
-        if (canAnswer(static_cast<MQCommand>(request.command), reply)) {
+        } else if (wanted(reply)) {
             return {reply, {}};
         }
-    }
-    if (error.code != ErrorCode::kNoReply) {
+    } while (!deadline.passed());
+    if (error && error.code != ErrorCode::kNoReply) {
         return {{}, error};
     }
     inStep = false;
-    error.text += " within " + inSeconds(timeout);
     if (malformed > 0) {
-        error = {ErrorCode::kBadReply, "the update service sent " + std::to_string(malformed) +
+        return {{},
+                {ErrorCode::kBadReply, "the update service sent " + std::to_string(malformed) +
                                            " malformed replies and no other within " +
-                                           inSeconds(timeout)};
+                                           inSeconds(timeout)}};
     }
-    return {{}, error};
+    return {{},
+            {ErrorCode::kNoReply, "no reply from the update service within " + inSeconds(timeout)}};
+}
+
+Result<MQData> Client::Impl::exchange(const MQData& request, milliseconds timeout)
+{
+    const Deadline deadline(timeout);
+    const Error error = send(request, deadline);
+    if (error) {
+        return {{}, error};
+    }
+    return awaitReply(timeout, deadline, [&](const MQData& reply) {
+        return canAnswer(static_cast<MQCommand>(request.command), reply);
+    });
 }
 
 Result<Progress> Client::Impl::progress()
@@ -223,17 +256,94 @@ Result<Progress> Client::Impl::progress()
     return {toProgress(reply.value), {}};
 }
 
+/// Takes note of what a query of this client's own has learnt, if that is told only once.
+void Client::Impl::keepOutcome(const Progress& now)
+{
+    if (now.state == Progress::kDone || now.state == Progress::kFailed) {
+        outcome = now;
+    }
+}
+
 Error Client::Impl::regainStep()
 {
     if (inStep) {
         return {};
     }
     const Result<Progress> now = progress();
-    const bool ended = now.value.state == Progress::kDone || now.value.state == Progress::kFailed;
-    if (!now.error && ended) {
-        outcome = now.value;
+    if (!now.error) {
+        keepOutcome(now.value);
     }
     return now.error;
+}
+
+/// Commands are taken one after another. A progress query right behind the start is answered even
+/// if the start is not, and its reply cannot be mistaken for the start's. One progress reply may
+/// still be on its way from before; two of them without the start's say that the start was dropped.
+Error Client::Impl::start()
+{
+    const Error error = regainStep();
+    if (error) {
+        return error;
+    }
+    const Deadline deadline(options.startTimeout);
+    const Error unsent = send(makeRecord(MQ_COMMAND_START), deadline);
+    if (unsent) {
+        return unsent;
+    }
+    inStep = false;
+    MQData reply{};
+    for (int queries = 1; queries <= 2; ++queries) {
+        const Error failure = askBehindStart(deadline, reply);
+        if (failure) {
+            return failure;
+        }
+        if (!isProgressResult(reply.result)) {
+            return startAnswered(reply.result == MQ_RESULT_ACCEPTED, queries);
+        }
+        keepOutcome(toProgress(reply));
+    }
+    inStep = true;
+    return reply.result == MQ_RESULT_NOT_RUNNING ? nothingStarted() : startReplyMissing();
+}
+
+/// @param[out] reply  the next reply, to whatever command
+Error Client::Impl::askBehindStart(const Deadline& deadline, MQData& reply)
+{
+    Error error = service.send(makeRecord(MQ_COMMAND_PROGRESS), deadline);
+    if (!error) {
+        const Result<MQData> next =
+            awaitReply(options.startTimeout, deadline, [](const MQData&) { return true; });
+        reply = next.value;
+        error = next.error;
+    }
+    if (error.code == ErrorCode::kNoReply) {
+        error.text +=
+            "; it may still start the update after an estimate of its own, ask for the progress to "
+            "learn that";
+    }
+    return error;
+}
+
+/// Takes the replies to the queries behind the start, too.
+Error Client::Impl::startAnswered(bool accepted, int queries)
+{
+    if (accepted) {
+        outcome.reset();  // an earlier run's, which would be taken for the one of this run
+    }
+    const Deadline deadline(options.replyTimeout);
+    Error error;
+    for (; queries > 0 && !error; --queries) {
+        const Result<MQData> now =
+            awaitReply(options.replyTimeout, deadline,
+                       [](const MQData& reply) { return isProgressResult(reply.result); });
+        error = now.error;
+        if (!error) {
+            keepOutcome(toProgress(now.value));
+        }
+    }
+    inStep = !error;
+    return accepted ? Error{}
+                    : Error{ErrorCode::kRefused, "the update service is already updating"};
 }
 
 Result<MQData> Client::Impl::ask(const MQData& request, milliseconds timeout)
@@ -290,18 +400,7 @@ Result<Estimate> Client::estimate()
 
 Error Client::start()
 {
-    const Result<MQData> reply =
-        m_impl->ask(makeRecord(MQ_COMMAND_START), m_impl->options.startTimeout);
-    if (reply.error.code == ErrorCode::kNoReply) {
-        return {ErrorCode::kNoReply,
-                reply.error.text +
-                    "; it drops a start silently when it has no image key or when nothing needs "
-                    "an update"};
-    }
-    if (!reply.error && reply.value.result != MQ_RESULT_ACCEPTED) {
-        return {ErrorCode::kRefused, "the update service is already updating"};
-    }
-    return reply.error;
+    return m_impl->start();
 }
 
 Result<Progress> Client::progress()

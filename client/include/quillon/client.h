@@ -28,7 +28,7 @@ enum class ErrorCode {
     kNoReply,       ///< no reply within the time-out
     kBadReply,      ///< replies came, but none that is well formed
     kRefused,       ///< the service answered no
-    kLost,          ///< the service ended while this client was connected
+    kLost,          ///< the service ended while this client was connected; connect anew
     kSystem         ///< a system call failed; the text says which and why
 };
 
@@ -64,7 +64,7 @@ struct Progress
         kFailed    ///< ended by a failure; told once, kIdle afterwards
     };
     State state = kIdle;
-    int percent = 0;  ///< 100 for kDone, the last percentage for kFailed, 0 for kIdle
+    int percent = 0;  ///< 100 for kDone, the last one (0 to 99) for kFailed, 0 for kIdle
 };
 
 /// How long a Client waits. Measured on the monotonic clock: setting the time of day neither cuts
@@ -87,6 +87,14 @@ struct ClientOptions
 /// behind, and takes no reply whose result cannot answer the command. After connecting, and after a
 /// missing reply, it puts a progress query of its own before any other command, for its answer
 /// cannot be mistaken; if that query learns how a run ended, the next progress() tells it.
+///
+/// A service that is killed leaves its queues. A connected client therefore watches the service's
+/// process, where it can see it: one called "quillon-service", of the user that owns the queues, in
+/// the same PID namespace. Every wait ends with kLost within a second when it is gone. The client
+/// has to disconnect() and connect() again then, also if the service was restarted meanwhile.
+///
+/// Whoever may open the queues can read, forge and steal records: the client bears that without
+/// crashing or waiting beyond its time-outs, but it cannot tell a forged reply from a true one.
 ///
 /// Thread: one thread at a time per Client. Signals do not disturb the waits.
 class Client
@@ -125,9 +133,12 @@ public:
     /// Starts the update of the modules that need one.
     ///
     /// The service refuses (kRefused) while an update runs and while the result of the last one
-    /// was not yet fetched with progress(). It gives no reply at all (kNoReply) when it has no
-    /// image key, or when its own estimate, made at the first start since it runs, finds nothing
-    /// to update.
+    /// was not yet fetched with progress(). It drops the start without a reply when it has no image
+    /// key, or when its own estimate, made at the first start since it runs, finds nothing to
+    /// update. A progress query right behind the start finds that out: it is answered either way.
+    /// The error is kNoReply then, as for a service that does not answer at all; the text tells
+    /// which. What that query learns of the end of a run, the next progress() tells; the outcome of
+    /// an earlier run is forgotten once the start is accepted.
     /// @return kRefused, kNoReply, kBadReply, kLost, kSystem
     Error start();
 

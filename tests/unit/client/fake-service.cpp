@@ -97,14 +97,16 @@ void FakeService::handle(const MQData& request)
     }
     switch (request.command) {
         case MQ_COMMAND_START:
-            m_started = true;
+            m_started = m_justStarted = true;
             reply(MQ_RESULT_ACCEPTED);
             break;
         case MQ_COMMAND_PROGRESS: {
             std::deque<Answer>& script = m_started ? m_run : m_idle;
             const Answer answer =
                 script.empty() ? Answer{MQ_RESULT_NOT_RUNNING, 0} : script.front();
-            if (!script.empty()) {
+            const bool stays = m_justStarted && answer.result == MQ_RESULT_RUNNING;
+            m_justStarted = false;
+            if (!script.empty() && !stays) {
                 script.pop_front();
             }
             reply(answer.result, answer.value);

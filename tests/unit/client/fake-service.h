@@ -49,7 +49,8 @@ public:
     void answerEstimate(int result, int seconds) { m_estimate = {result, seconds}; }
     /// What progress queries are answered with before a start; when used up, "not running".
     void answerBeforeStart(std::deque<Answer> answers) { m_idle = std::move(answers); }
-    /// What progress queries are answered with after a start; when used up, "not running".
+    /// What progress queries are answered with after a start; when used up, "not running". The
+    /// client's own query right behind the start uses no "running" up.
     void answerAfterStart(std::deque<Answer> answers) { m_run = std::move(answers); }
     /// Takes the place of the usual behaviour for one command.
     void on(int command, Handler handler) { m_handlers[command] = std::move(handler); }
@@ -57,6 +58,8 @@ public:
     // For handlers, and for tests that leave replies lying about.
     void reply(int result, int value = 0);
     void replyRaw(const void* bytes, std::size_t size);
+    /// Ends every wait for room among the replies, for good.
+    void stopSending() { m_stop = true; }
     /// Keeps a handler from returning before the service ends.
     void holdStill() const;
     /// Puts a command into the service's queue without waiting for anything, as a client does that
@@ -90,6 +93,7 @@ private:
     std::deque<Answer> m_idle;
     std::deque<Answer> m_run;
     bool m_started = false;
+    bool m_justStarted = false;
     std::map<int, Handler> m_handlers;
 
     mutable std::mutex m_mutex;

@@ -47,13 +47,15 @@ class CtlVerbs : public testing::Test
 protected:
     CtlVerbs() { mkdir(kStick, 0755); }
 
-    /// @return milliseconds between the progress queries of a run
+    /// @return milliseconds between the progress queries of a run, without the one that belongs to
+    ///         the start
     std::vector<std::chrono::milliseconds::rep> pollIntervals() const
     {
         std::vector<std::chrono::milliseconds::rep> intervals;
         const std::vector<FakeService::Received> received = service.received();
-        for (std::size_t i = 1; i < received.size(); ++i) {
-            if (received[i - 1].record.command == MQ_COMMAND_PROGRESS &&
+        for (std::size_t i = 2; i < received.size(); ++i) {
+            if (received[i - 2].record.command != MQ_COMMAND_START &&
+                received[i - 1].record.command == MQ_COMMAND_PROGRESS &&
                 received[i].record.command == MQ_COMMAND_PROGRESS) {
                 intervals.push_back(std::chrono::duration_cast<std::chrono::milliseconds>(
                                         received[i].time - received[i - 1].time)
@@ -148,7 +150,7 @@ TEST_F(CtlVerbs, UpdateSetsTheDirectoryEstimatesStartsAndFollows)
     EXPECT_THAT(service.commands(),
                 ElementsAre(MQ_COMMAND_PROGRESS, MQ_COMMAND_PATH, MQ_COMMAND_TIME, MQ_COMMAND_START,
                             MQ_COMMAND_PROGRESS, MQ_COMMAND_PROGRESS, MQ_COMMAND_PROGRESS,
-                            MQ_COMMAND_PROGRESS));
+                            MQ_COMMAND_PROGRESS, MQ_COMMAND_PROGRESS));
     EXPECT_EQ(service.directory(), padded(kStick));
 }
 
@@ -280,15 +282,27 @@ TEST_F(CtlVerbs, UpdateTellsHowAnEarlierOneEndedAndStartsAfresh)
     EXPECT_THAT(result.out, StartsWith("An earlier update had failed\nChecking "));
 }
 
-TEST_F(CtlVerbs, UpdateWhoseStartGetsNoReplyExitsWith4)
+TEST_F(CtlVerbs, UpdateWhoseStartIsDroppedSaysAtOnceWhatHelpsAndExitsWith4)
 {
     service.on(MQ_COMMAND_START, [](const MQData&) {});
+    service.serve();
+
+    const CtlResult result = runCtl({"update", kStick});
+
+    EXPECT_EQ(result.exitCode, 4);
+    EXPECT_THAT(result.err, AllOf(HasSubstr("started nothing"), HasSubstr("no image key"),
+                                  HasSubstr("put the stick back")));
+}
+
+TEST_F(CtlVerbs, UpdateWhoseStartGetsNoReplyExitsWith4)
+{
+    service.on(MQ_COMMAND_START, [this](const MQData&) { service.holdStill(); });
     service.serve();
 
     const CtlResult result = runCtl({"update", kStick, "--timeout", "0.3"});
 
     EXPECT_EQ(result.exitCode, 4);
-    EXPECT_THAT(result.err, AllOf(HasSubstr("within 300 ms"), HasSubstr("no image key")));
+    EXPECT_THAT(result.err, AllOf(HasSubstr("within 300 ms"), HasSubstr("may still start")));
 }
 
 TEST_F(CtlVerbs, UpdateThatTheServiceForgetsExitsWith9)
@@ -334,7 +348,7 @@ TEST_F(CtlVerbs, InterruptingAnUpdateSaysThatItGoesOnAndExitsWith130)
 
 TEST_F(CtlVerbs, InterruptingAStartDoesNotClaimToKnow)
 {
-    service.on(MQ_COMMAND_START, [](const MQData&) {});
+    service.on(MQ_COMMAND_START, [this](const MQData&) { service.holdStill(); });
     service.serve();
     CtlProgram program({"update", kStick});
     ASSERT_TRUE(service.waitFor(MQ_COMMAND_START));
