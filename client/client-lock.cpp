@@ -16,11 +16,27 @@ namespace {
 
 constexpr auto kRetryInterval = std::chrono::milliseconds(20);
 constexpr mode_t kEveryonesFile = 0666;
+constexpr const char* kNotRegular = "it is not a regular file";
 
-Error cannot(const char* what, const std::string& path)
+/// @return the error, with who has to remove what if there is something in the way
+Error unusable(const std::string& path, const std::string& why)
 {
-    return {ErrorCode::kSystem,
-            std::string("cannot ") + what + " the lock file " + path + ": " + std::strerror(errno)};
+    std::string text = "cannot use the lock file " + path + ": " + why;
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) == 0) {
+        text += "; if no client is running, remove it as root or as user " +
+                std::to_string(status.st_uid) + ", who owns it";
+    }
+    return {ErrorCode::kSystem, text};
+}
+
+/// @param error  the errno of the attempt
+Error cannotOpen(const std::string& path, int error)
+{
+    if (error == ELOOP) {
+        return unusable(path, "it is a symbolic link");
+    }
+    return unusable(path, error == EISDIR ? kNotRegular : std::strerror(error));
 }
 
 /// Opens without creating where the file exists: in a sticky directory the kernel may refuse
@@ -79,12 +95,16 @@ Error ClientLock::acquire(const std::string& path, const Deadline& deadline)
     while (true) {
         const int file = openOrCreate(path);
         if (file == -1) {
-            return cannot("open", path);
+            return cannotOpen(path, errno);
         }
+        // Anybody may have put anything here. Nothing is done to a file before it is known to be no
+        // other one's: a hard link would have us write into somebody's data.
         struct stat status = {};
-        if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) {
+        if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink > 1) {
             ::close(file);
-            return {ErrorCode::kSystem, "the lock file " + path + " is not a regular file"};
+            return unusable(path, S_ISREG(status.st_mode)
+                                      ? "it is another name of a file that has more than one"
+                                      : kNotRegular);
         }
         if (flock(file, LOCK_EX | LOCK_NB) == 0) {
             m_file = file;

@@ -22,8 +22,10 @@ public:
     ClientLock& operator=(const ClientLock&) = delete;
 
     /// Takes the lock on `path`, trying until the deadline has passed. The file is made when it is
-    /// missing, writable for everyone whatever the umask; symbolic links are not followed.
-    /// @return kBusy with the holder's process id when it is known, kSystem
+    /// missing, writable for everyone whatever the umask. What is no regular file, a symbolic or a
+    /// hard link to another file, and what may not be opened is refused and left as it is.
+    /// @return kBusy with the holder's process id when it is known; kSystem, with who has to remove
+    ///         what when something is in the way
     Error acquire(const std::string& path, const Deadline& deadline);
 
     /// Gives the lock up; in a child forked off by the holder it only closes the child's copy.
