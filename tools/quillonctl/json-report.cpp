@@ -20,6 +20,20 @@ const char* stateName(Progress::State state)
     }
 }
 
+const char* marksName(Marks marks)
+{
+    switch (marks) {
+        case Marks::kRenewed:
+            return "renewed";
+        case Marks::kStillNeeded:
+            return "still-needed";
+        case Marks::kStickGone:
+            return "stick-gone";
+        default:
+            return "unknown";
+    }
+}
+
 Json::Value stateEvent(const char* name, const Progress& progress)
 {
     Json::Value object = eventObject(name);
@@ -71,6 +85,21 @@ void JsonReport::finished(int seconds)
 {
     Json::Value object = eventObject("finished");
     object["seconds"] = seconds;
+    writeJsonLine(object);
+}
+
+void JsonReport::lookingAgain()
+{
+    writeJsonLine(eventObject("looking-again"));
+}
+
+void JsonReport::lookedAgain(Marks marks, const std::string& advice)
+{
+    Json::Value object = eventObject("looked-again");
+    object["marks"] = marksName(marks);
+    if (!advice.empty()) {
+        object["text"] = advice;
+    }
     writeJsonLine(object);
 }
 

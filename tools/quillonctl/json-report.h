@@ -20,6 +20,8 @@ public:
     void started() override;
     void progressed(int percent, int secondsLeft) override;
     void finished(int seconds) override;
+    void lookingAgain() override;
+    void lookedAgain(Marks marks, const std::string& advice) override;
     void state(const Progress& progress) override;
     void stopped() override;
     void error(ExitCode code, const std::string& text) override;

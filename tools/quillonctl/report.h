@@ -10,6 +10,15 @@
 
 namespace quillon {
 
+/// What a second look at the stick, after the end of an update, has told of the modules that the
+/// service has marked as needing an update.
+enum class Marks {
+    kRenewed,      ///< none is left
+    kStillNeeded,  ///< of a module that still needs an update from the stick
+    kStickGone,    ///< left as they were: images were missing
+    kUnknown       ///< the look failed, or nobody knows whether the images were still there
+};
+
 /// One call for each thing that happens. All times are seconds.
 class Report
 {
@@ -25,6 +34,10 @@ public:
     /// @param secondsLeft  by the estimate; 0 when the update takes longer than that
     virtual void progressed(int percent, int secondsLeft) = 0;
     virtual void finished(int seconds) = 0;
+    /// The service is asked for one more estimate, since an update has ended.
+    virtual void lookingAgain() = 0;
+    /// @param advice  what it means and what is to be done; empty for Marks::kRenewed
+    virtual void lookedAgain(Marks marks, const std::string& advice) = 0;
     virtual void state(const Progress& progress) = 0;
     virtual void stopped() = 0;
     virtual void error(ExitCode code, const std::string& text) = 0;

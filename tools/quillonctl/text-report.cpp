@@ -66,6 +66,18 @@ void TextReport::finished(int seconds)
     line("The update finished after " + std::to_string(seconds) + " s");
 }
 
+void TextReport::lookingAgain()
+{
+    line("Looking once more at the stick");
+}
+
+void TextReport::lookedAgain(Marks /*marks*/, const std::string& advice)
+{
+    if (!m_quiet && !advice.empty()) {
+        std::cerr << "quillonctl: " << advice << std::endl;
+    }
+}
+
 void TextReport::state(const Progress& progress)
 {
     const bool running = progress.state == Progress::kRunning;

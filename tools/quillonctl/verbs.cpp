@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <thread>
 
@@ -16,6 +17,9 @@ namespace quillon {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+constexpr const char* kLookInterrupted =
+    "interrupted; the update had ended before, only the second look at the stick is cut short";
 
 ExitCode exitCodeFor(ErrorCode code)
 {
@@ -54,6 +58,58 @@ Error resolveDirectory(const std::string& directory, std::string& absolute)
     return {};
 }
 
+std::set<std::string> imagesIn(const std::string& directory)
+{
+    namespace fs = std::filesystem;
+    std::set<std::string> names;
+    std::error_code error;
+    for (fs::directory_iterator it(directory, error), end; !error && it != end;
+         it.increment(error)) {
+        if (it->path().extension() == ".bin") {
+            names.insert(it->path().filename());
+        }
+    }
+    return names;
+}
+
+struct Look
+{
+    Marks marks;
+    std::string advice;
+};
+
+/// @param stick   as it was before the update
+/// @param answer  to the estimate after it
+Look judge(const Stick& stick, const Result<Estimate>& answer)
+{
+    const std::string directory = stick.directory.empty() ? "DIR" : stick.directory;
+    if (answer.value.updateNeeded) {
+        return {Marks::kStillNeeded,
+                "a module still needs an update from the stick; run \"quillonctl update " +
+                    directory +
+                    "\" with it, or restart the update service: until then updates from sticks "
+                    "without an image for that module fail"};
+    }
+    const std::string remedy =
+        " and run \"quillonctl estimate " + directory +
+        "\", or restart the update service: until then updates from other sticks may fail";
+    if (answer.error) {
+        return {Marks::kUnknown, "cannot look once more at the stick: " + answer.error.text +
+                                     "; leave it in place" + remedy};
+    }
+    if (stick.images.empty()) {
+        return {Marks::kUnknown, "if the update's stick had been taken out already, put it back" + remedy};
+    }
+    const std::set<std::string> now = imagesIn(stick.directory);
+    if (!std::includes(now.begin(), now.end(), stick.images.begin(), stick.images.end())) {
+        return {Marks::kStickGone,
+                "the stick was taken out before the update service had looked at it once more; put "
+                "it back" +
+                    remedy};
+    }
+    return {Marks::kRenewed, {}};
+}
+
 int secondsSince(Clock::time_point start)
 {
     return static_cast<int>(
@@ -87,14 +143,14 @@ ExitCode Verbs::makeSureNothingRuns()
     }
     if (progress.value.state != Progress::kIdle) {
         m_report.earlierOutcome(progress.value);
+        lookAgain({});  // the service still has the earlier update's directory
     }
     return kExitSuccess;
 }
 
-ExitCode Verbs::prepare(const std::string& directory, Estimate& estimate)
+ExitCode Verbs::prepare(const std::string& directory, Stick& stick, Estimate& estimate)
 {
-    std::string absolute;
-    Error error = resolveDirectory(directory, absolute);
+    Error error = resolveDirectory(directory, stick.directory);
     if (!error) {
         error = m_client.connect();
     }
@@ -105,11 +161,12 @@ ExitCode Verbs::prepare(const std::string& directory, Estimate& estimate)
     if (running != kExitSuccess) {
         return running;
     }
-    error = m_client.setDirectory(absolute);
+    error = m_client.setDirectory(stick.directory);
     if (error) {
         return fail(error);
     }
-    m_report.checking(absolute);
+    m_report.checking(stick.directory);
+    stick.images = imagesIn(stick.directory);
     const Result<Estimate> result = m_client.estimate();
     if (result.error) {
         return fail(result.error);
@@ -149,10 +206,21 @@ ExitCode Verbs::follow(int expectedSeconds, std::chrono::milliseconds pollInterv
     }
 }
 
+/// The service keeps a module marked that an estimate has found in need of an update, even when it
+/// has been updated, until another estimate reads the module's image. A module that is still marked
+/// when the next stick comes makes its update fail, unless there is an image for it, too.
+void Verbs::lookAgain(const Stick& stick)
+{
+    m_report.lookingAgain();
+    const Look look = judge(stick, m_client.estimate());
+    m_report.lookedAgain(look.marks, look.advice);
+}
+
 ExitCode Verbs::update(const std::string& directory, std::chrono::milliseconds pollInterval)
 {
+    Stick stick;
     Estimate estimate;
-    const ExitCode prepared = prepare(directory, estimate);
+    const ExitCode prepared = prepare(directory, stick, estimate);
     if (prepared != kExitSuccess) {
         return prepared;
     }
@@ -165,13 +233,19 @@ ExitCode Verbs::update(const std::string& directory, std::chrono::milliseconds p
         "interrupted; the update goes on in the update service, \"quillonctl progress\" tells how "
         "far it is");
     m_report.started();
-    return follow(estimate.seconds, pollInterval);
+    const ExitCode ended = follow(estimate.seconds, pollInterval);
+    if (ended == kExitSuccess || ended == kExitUpdateFailed) {
+        onInterruptSay(kLookInterrupted);
+        lookAgain(stick);
+    }
+    return ended;
 }
 
 ExitCode Verbs::estimate(const std::string& directory)
 {
+    Stick stick;
     Estimate estimate;
-    return prepare(directory, estimate);
+    return prepare(directory, stick, estimate);
 }
 
 ExitCode Verbs::progress()
@@ -185,6 +259,10 @@ ExitCode Verbs::progress()
         return fail(progress.error);
     }
     m_report.state(progress.value);
+    if (progress.value.state == Progress::kDone || progress.value.state == Progress::kFailed) {
+        onInterruptSay(kLookInterrupted);
+        lookAgain({});
+    }
     return progress.value.state == Progress::kFailed ? kExitUpdateFailed : kExitSuccess;
 }
 

@@ -5,12 +5,19 @@
 #include <quillon/client.h>
 
 #include <chrono>
+#include <set>
 #include <string>
 
 #include "exit-codes.h"
 #include "report.h"
 
 namespace quillon {
+
+struct Stick
+{
+    std::string directory;         ///< absolute; empty: unknown
+    std::set<std::string> images;  ///< names; empty: unknown
+};
 
 /// Each verb connects the client, says everything through the report, errors included, and returns
 /// what the program exits with.
@@ -20,12 +27,13 @@ public:
     /// Both must outlive this object.
     Verbs(Client& client, Report& report) : m_client(client), m_report(report) {}
 
-    /// Sets the directory, estimates, starts and follows the update to its end.
+    /// Sets the directory, estimates, starts and follows the update to its end. Then it has the
+    /// service look at the stick once more, which changes nothing about the result.
     /// @param pollInterval  how often the service is asked how far it has come
     ExitCode update(const std::string& directory, std::chrono::milliseconds pollInterval);
     /// Sets the directory and says how long an update would take.
     ExitCode estimate(const std::string& directory);
-    /// Says how far the update has come.
+    /// Says how far the update has come. When it has ended, looks at the stick once more.
     ExitCode progress();
     /// Asks the service to take no more commands.
     ExitCode stop();
@@ -33,9 +41,10 @@ public:
 private:
     ExitCode fail(const Error& error);
     ExitCode fail(ExitCode code, const std::string& text);
-    ExitCode prepare(const std::string& directory, Estimate& estimate);
+    ExitCode prepare(const std::string& directory, Stick& stick, Estimate& estimate);
     ExitCode makeSureNothingRuns();
     ExitCode follow(int expectedSeconds, std::chrono::milliseconds pollInterval);
+    void lookAgain(const Stick& stick);
 
     Client& m_client;
     Report& m_report;

@@ -109,11 +109,14 @@ void FakeService::handle(const MQData& request)
             if (!script.empty() && !stays) {
                 script.pop_front();
             }
+            m_endTold = answer.result == MQ_RESULT_DONE || answer.result == MQ_RESULT_FAILED;
             reply(answer.result, answer.value);
             break;
         }
         case MQ_COMMAND_TIME:
-            reply(m_estimate.result, m_estimate.value);
+            reply(m_endTold ? m_afterRun.result : m_estimate.result,
+                  m_endTold ? m_afterRun.value : m_estimate.value);
+            m_endTold = false;
             break;
         case MQ_COMMAND_PATH:
             copyPath(request);

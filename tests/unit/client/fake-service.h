@@ -47,6 +47,9 @@ public:
 
     // The script; to be written before serve().
     void answerEstimate(int result, int seconds) { m_estimate = {result, seconds}; }
+    /// What the first estimate is answered with after somebody was told how a run ended; until then
+    /// that nothing needs an update.
+    void answerEstimateAfterRun(int result, int seconds) { m_afterRun = {result, seconds}; }
     /// What progress queries are answered with before a start; when used up, "not running".
     void answerBeforeStart(std::deque<Answer> answers) { m_idle = std::move(answers); }
     /// What progress queries are answered with after a start; when used up, "not running". The
@@ -90,6 +93,8 @@ private:
     std::thread m_thread;
 
     Answer m_estimate{MQ_RESULT_ACCEPTED, 10};
+    Answer m_afterRun{MQ_RESULT_REFUSED, 0};
+    bool m_endTold = false;
     std::deque<Answer> m_idle;
     std::deque<Answer> m_run;
     bool m_started = false;

@@ -45,7 +45,11 @@ std::deque<FakeService::Answer> runOf(int count)
 class CtlVerbs : public testing::Test
 {
 protected:
-    CtlVerbs() { mkdir(kStick, 0755); }
+    CtlVerbs()
+    {
+        mkdir(kStick, 0755);
+        std::ofstream(std::string(kStick) + "/lamp.bin").close();
+    }
 
     /// @return milliseconds between the progress queries of a run, without the one that belongs to
     ///         the start
@@ -146,11 +150,12 @@ TEST_F(CtlVerbs, UpdateSetsTheDirectoryEstimatesStartsAndFollows)
                                                   "The update has started\n"
                                                   "0 % \\(about (29|30) s left\\)\n"
                                                   "37 % \\(about [12][0-9] s left\\)\n"
-                                                  "The update finished after [0-9]+ s\n"));
+                                                  "The update finished after [0-9]+ s\n"
+                                                  "Looking once more at the stick\n"));
     EXPECT_THAT(service.commands(),
                 ElementsAre(MQ_COMMAND_PROGRESS, MQ_COMMAND_PATH, MQ_COMMAND_TIME, MQ_COMMAND_START,
                             MQ_COMMAND_PROGRESS, MQ_COMMAND_PROGRESS, MQ_COMMAND_PROGRESS,
-                            MQ_COMMAND_PROGRESS, MQ_COMMAND_PROGRESS));
+                            MQ_COMMAND_PROGRESS, MQ_COMMAND_PROGRESS, MQ_COMMAND_TIME));
     EXPECT_EQ(service.directory(), padded(kStick));
 }
 
@@ -279,7 +284,9 @@ TEST_F(CtlVerbs, UpdateTellsHowAnEarlierOneEndedAndStartsAfresh)
     const CtlResult result = runCtl({"update", kStick});
 
     EXPECT_EQ(result.exitCode, 0);
-    EXPECT_THAT(result.out, StartsWith("An earlier update had failed\nChecking "));
+    EXPECT_THAT(result.out, StartsWith("An earlier update had failed\n"
+                                       "Looking once more at the stick\n"
+                                       "Checking "));
 }
 
 TEST_F(CtlVerbs, UpdateWhoseStartIsDroppedSaysAtOnceWhatHelpsAndExitsWith4)
@@ -373,13 +380,19 @@ TEST_F(CtlVerbs, UpdateAsJsonIsOneObjectForEachEvent)
     EXPECT_EQ(result.err, "");
     // How long things took depends on the machine.
     const std::regex durations("(secondsLeft\"|finished\",\"seconds\"):[0-9]+");
-    EXPECT_EQ(std::regex_replace(result.out, durations, "$1:N"),
-              "{\"event\":\"earlier-update\",\"percent\":100,\"state\":\"done\"}\n"
-              "{\"directory\":\"/tmp/stick\",\"event\":\"checking\"}\n"
-              "{\"event\":\"estimate\",\"seconds\":30,\"updateNeeded\":true}\n"
-              "{\"event\":\"started\"}\n"
-              "{\"event\":\"progress\",\"percent\":5,\"secondsLeft\":N}\n"
-              "{\"event\":\"finished\",\"seconds\":N}\n");
+    const std::regex advice("\"text\":\"[^\n]+\"");
+    EXPECT_EQ(
+        std::regex_replace(std::regex_replace(result.out, durations, "$1:N"), advice, "\"text\":T"),
+        "{\"event\":\"earlier-update\",\"percent\":100,\"state\":\"done\"}\n"
+        "{\"event\":\"looking-again\"}\n"
+        "{\"event\":\"looked-again\",\"marks\":\"unknown\",\"text\":T}\n"
+        "{\"directory\":\"/tmp/stick\",\"event\":\"checking\"}\n"
+        "{\"event\":\"estimate\",\"seconds\":30,\"updateNeeded\":true}\n"
+        "{\"event\":\"started\"}\n"
+        "{\"event\":\"progress\",\"percent\":5,\"secondsLeft\":N}\n"
+        "{\"event\":\"finished\",\"seconds\":N}\n"
+        "{\"event\":\"looking-again\"}\n"
+        "{\"event\":\"looked-again\",\"marks\":\"renewed\"}\n");
 }
 
 TEST_F(CtlVerbs, ErrorsAsJsonCarryTheExitCode)
@@ -474,8 +487,8 @@ TEST_F(CtlVerbs, ProgressTellsEachState)
     const CtlResult idle = runCtl({"progress"});
 
     EXPECT_EQ(running.out, "The update is running, 37 %\n");
-    EXPECT_EQ(done.out, "The update finished\n");
-    EXPECT_EQ(failed.out, "The update failed\n");
+    EXPECT_EQ(done.out, "The update finished\nLooking once more at the stick\n");
+    EXPECT_EQ(failed.out, "The update failed\nLooking once more at the stick\n");
     EXPECT_EQ(idle.out, "No update is running\n");
     EXPECT_EQ(running.exitCode, 0);
     EXPECT_EQ(done.exitCode, 0);
