@@ -44,7 +44,7 @@ std::string describeTimeLeft(int secondsLeft)
     if (secondsLeft < 120) {
         return "about " + std::to_string(secondsLeft) + " s left";
     }
-    return "about " + std::to_string((secondsLeft + 30) / 60) + " min left";
+    return "about " + std::to_string(secondsLeft / 60 + secondsLeft % 60 / 30) + " min left";
 }
 
 std::string ProgressDisplay::show(int percent, int secondsLeft, int columns)

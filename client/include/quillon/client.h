@@ -7,7 +7,8 @@
 ///     if (!error) error = client.setDirectory("/opt/media/USBDriveA");
 ///     if (!error) error = client.estimate().error;
 ///     if (!error) error = client.start();
-///     while (!error) { auto progress = client.progress(); ... }
+///     while (!error) { auto progress = client.progress(); ... }  // until it has ended
+///     client.estimate();  // so that no module stays marked, see estimate()
 ///
 /// Errors are values; nothing here throws on purpose or writes to any stream.
 #ifndef QUILLON_CLIENT_H
@@ -127,6 +128,13 @@ public:
     /// Asks which modules the stick has something newer for, and how long updating them takes.
     /// The service reads and deciphers every image for it. Not during an update: ask progress()
     /// first.
+    ///
+    /// The service marks the modules that need an update. A mark stays, even when the module has
+    /// been updated, until an estimate reads the module's image again; with a mark left, an update
+    /// from a stick without an image for that module fails. So ask for one more estimate when
+    /// progress() has told kDone or kFailed, of the same stick and before setDirectory().
+    /// updateNeeded says then that a module still needs the update from that stick. It is false
+    /// also when the images are gone, which leaves the marks.
     /// @return kNoReply, kBadReply, kLost, kSystem
     Result<Estimate> estimate();
 

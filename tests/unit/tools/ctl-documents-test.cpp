@@ -140,6 +140,18 @@ TEST(CtlManual, DescribesEveryOptionAndNoOther)
     EXPECT_THAT(options, ContainerEq(optionsOfHelp() + optionsOfModules()));
 }
 
+TEST(CtlManual, ListsEveryEventOfItsVerbs)
+{
+    const std::string source =
+        contentOf(QUILLON_SOURCE_DIR "/tools/quillonctl/json-report.cpp");
+    const Words events = allMatches(source, "Event\\(\"([a-z-]+)\"") +
+                         allMatches(source, "eventObject\\(\"([a-z-]+)\"");
+    const Words listed = allMatches(
+        between(contentOf(kManual), ".Sh JSON OUTPUT", ".It modules\n"), "^\\.It ([a-z-]+)$");
+
+    EXPECT_THAT(listed, ContainerEq(events));
+}
+
 TEST(CtlManual, ListsTheExitCodesOfTheHelp)
 {
     const std::string codes = between(help(), "Exit codes:", "\n\n");

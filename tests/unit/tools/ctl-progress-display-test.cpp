@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include "progress-display.h"
 
 using namespace quillon;
@@ -13,6 +15,11 @@ TEST(CtlTimeLeft, IsToldInSecondsThenInMinutes)
     EXPECT_EQ(describeTimeLeft(120), "about 2 min left");
     EXPECT_EQ(describeTimeLeft(149), "about 2 min left");
     EXPECT_EQ(describeTimeLeft(150), "about 3 min left");
+}
+
+TEST(CtlTimeLeft, MayBeTheLongestThatAServiceCanSay)
+{
+    EXPECT_EQ(describeTimeLeft(std::numeric_limits<int>::max()), "about 35791394 min left");
 }
 
 TEST(CtlTimeLeft, DoesNotPretendOnceTheEstimateIsUsedUp)
