@@ -281,21 +281,20 @@ Error Client::Impl::regainStep()
 /// still be on its way from before; two of them without the start's say that the start was dropped.
 Error Client::Impl::start()
 {
-    const Error error = regainStep();
+    Error error = regainStep();
+    const Deadline deadline(options.startTimeout);
+    if (!error) {
+        error = send(makeRecord(MQ_COMMAND_START), deadline);
+    }
     if (error) {
         return error;
-    }
-    const Deadline deadline(options.startTimeout);
-    const Error unsent = send(makeRecord(MQ_COMMAND_START), deadline);
-    if (unsent) {
-        return unsent;
     }
     inStep = false;
     MQData reply{};
     for (int queries = 1; queries <= 2; ++queries) {
-        const Error failure = askBehindStart(deadline, reply);
-        if (failure) {
-            return failure;
+        error = askBehindStart(deadline, reply);
+        if (error) {
+            return error;
         }
         if (!isProgressResult(reply.result)) {
             return startAnswered(reply.result == MQ_RESULT_ACCEPTED, queries);
