@@ -82,7 +82,10 @@ TEST_F(IntegrationPage, ItsVirtualDeviceIsUpdatedAndEndsInOrder)
     // The test is on a device of its own already, so the script runs as it is.
     EXPECT_EQ(shell("sh try.sh"), 0) << output << readAll(folder + "service.log");
     EXPECT_THAT(output, HasSubstr("The update finished after "));
-    EXPECT_THAT(output, HasSubstr(" s\n2.0\nended with status 0\nquillon-service["));
+    EXPECT_THAT(
+        output,
+        HasSubstr(
+            " s\nLooking once more at the stick\n2.0\nended with status 0\nquillon-service["));
 }
 
 TEST_F(IntegrationPage, ItsInitScriptStartsTheServiceAndEndsItInOrder)
