@@ -82,23 +82,25 @@ struct Look
 /// @param answer  to the estimate after it
 Look judge(const Stick& stick, const Result<Estimate>& answer)
 {
-    const std::string directory = stick.directory.empty() ? "DIR" : stick.directory;
+    const bool known = !stick.directory.empty();
     if (answer.value.updateNeeded) {
         return {Marks::kStillNeeded,
-                "a module still needs an update from the stick; run \"quillonctl update " +
-                    directory +
-                    "\" with it, or restart the update service: until then updates from sticks "
-                    "without an image for that module fail"};
+                "a module still needs an update from the stick; " +
+                    (known ? "run \"quillonctl update " + stick.directory + "\" with it"
+                           : std::string("update from it next")) +
+                    ", or restart the update service: until then updates from sticks without an "
+                    "image for that module fail"};
     }
     const std::string remedy =
-        " and run \"quillonctl estimate " + directory +
+        " and run \"quillonctl estimate " + (known ? stick.directory : "DIR") +
         "\", or restart the update service: until then updates from other sticks may fail";
     if (answer.error) {
         return {Marks::kUnknown, "cannot look once more at the stick: " + answer.error.text +
                                      "; leave it in place" + remedy};
     }
     if (stick.images.empty()) {
-        return {Marks::kUnknown, "if the update's stick had been taken out already, put it back" + remedy};
+        return {Marks::kUnknown,
+                "if the update's stick had been taken out already, put it back" + remedy};
     }
     const std::set<std::string> now = imagesIn(stick.directory);
     if (!std::includes(now.begin(), now.end(), stick.images.begin(), stick.images.end())) {

@@ -123,6 +123,15 @@ TEST_F(CtlSecondLook, FollowsTheEndThatTheVerbProgressIsTold)
     EXPECT_THAT(service.commands(), ElementsAre(MQ_COMMAND_PROGRESS, MQ_COMMAND_TIME));
 }
 
+TEST_F(CtlSecondLook, AfterAnEarlierUpdateDoesNotSendAwayFromTheNextOne)
+{
+    service.answerBeforeStart({{MQ_RESULT_FAILED, 20}});
+    service.answerEstimateAfterRun(MQ_RESULT_ACCEPTED, 10);
+    service.serve();
+
+    EXPECT_THAT(runCtl({"estimate", kStick}).err, HasSubstr("; update from it next, or restart"));
+}
+
 TEST_F(CtlSecondLook, DoesNotDisturbAnUpdateThatRuns)
 {
     service.answerBeforeStart({{MQ_RESULT_RUNNING, 20}});
