@@ -698,6 +698,12 @@ char* realpath(const char* path, char* resolved) noexcept
     return result;
 }
 
+// What a hardened caller calls, who knows how large its buffer is.
+char* __realpath_chk(const char* path, char* resolved, size_t) noexcept
+{
+    return realpath(path, resolved);
+}
+
 guint g_timeout_add(guint interval, GSourceFunc function, gpointer data)
 {
     if (isRecorded(kTimeoutAdd)) {
