@@ -26,7 +26,10 @@ build:
 	@cmake --preset dev -G Ninja $(CMAKE_ARGS)
 	@cmake --build --preset dev
 
-demo: build
+demo:
+	@packaging/install-dependencies
+	@cmake --preset dev -G Ninja $(CMAKE_ARGS)
+	@cmake --build --preset dev --target demo-programs
 	@$(BUILD)/bin/quillon-device run -- examples/demo/demo.sh $(BUILD)
 
 test: build
