@@ -3,15 +3,17 @@
 BUILD := build/dev
 PREFIX ?= /usr
 
-.PHONY: help demo test build check lint sanitize cross footprint bench bench-compare bench-gate package system-test install clean
+.PHONY: help demo test build check check-all lint sanitize cross footprint bench bench-compare bench-gate package system-test install clean
 
 help:
 	@echo "make demo      boot a virtual device and update three modules from a USB stick"
 	@echo "make test      build and run every test"
 	@echo "make check     test, lint and sanitizers, as before a release"
+	@echo "make check-all make check and make cross, with each test on every machine and sanitizer"
 	@echo "make lint      clang-format, clang-tidy, shellcheck, man pages"
-	@echo "make sanitize  every test under Address-, UndefinedBehavior- and ThreadSanitizer"
-	@echo "make cross     build for arm64 and armhf, and run the unit tests there under emulation"
+	@echo "make sanitize  every test under Address- and UndefinedBehaviorSanitizer, those with threads"
+	@echo "               under ThreadSanitizer"
+	@echo "make cross     build for arm64 and armhf, and run under emulation what a machine decides"
 	@echo "make package   Debian packages into build/package/, looked at by lintian"
 	@echo "make system-test  install the packages on a booted Debian and hold them to their promises"
 	@echo "make footprint size, memory and start time, each beside its floor, in build/footprint.json"
@@ -40,12 +42,19 @@ lint:
 	@cmake --preset dev -G Ninja $(CMAKE_ARGS) >/dev/null
 	@.ci/lint $(BUILD)
 
+PRODUCTS := src/all platform/all client/all tools/all examples/modules/all
+# check-all empties these two, and has everything built and run.
+CROSS_TESTS ?= machine
+TSAN_TESTS ?= thread
+
 sanitize:
 	@packaging/install-dependencies lint
-	@for preset in asan-ubsan tsan; do \
-	    cmake --preset $$preset -G Ninja $(CMAKE_ARGS) && cmake --build --preset $$preset && \
-	    ctest --preset $$preset -j 4 || exit 1; \
-	done
+	@cmake --preset asan-ubsan -G Ninja $(CMAKE_ARGS)
+	@cmake --build --preset asan-ubsan
+	@ctest --preset asan-ubsan -j 4
+	@cmake --preset tsan -G Ninja $(CMAKE_ARGS)
+	@cmake --build --preset tsan $(TSAN_TESTS:%=--target quillon-%-tests)
+	@ctest --preset tsan -j 4 $(TSAN_TESTS:%=-L %)
 
 cross:
 	@packaging/install-dependencies cross
@@ -54,8 +63,9 @@ cross:
 	@for architecture in arm64 armhf; do \
 	    packaging/make-sysroot $$architecture && \
 	    cmake --preset $$architecture -G Ninja $(CMAKE_ARGS) && \
-	    cmake --build --preset $$architecture && \
-	    tests/run-emulated $$architecture -j 2 || exit 1; \
+	    cmake --build --preset $$architecture \
+	        $(CROSS_TESTS:%=--target $(PRODUCTS) quillon-%-tests) && \
+	    tests/run-emulated $$architecture -j 2 $(CROSS_TESTS:%=-L %) || exit 1; \
 	done
 
 package:
@@ -70,6 +80,12 @@ system-test: package
 	@tests/boot/run build/package $(BUILD) || { [ $$? = 77 ] && [ -z "$$SYSTEM_TEST_REQUIRED" ]; }
 
 check: test lint sanitize
+
+# Without precompiled headers, so that an include that a test has forgotten is noticed.
+check-all:
+	@$(MAKE) test lint
+	@$(MAKE) sanitize cross TSAN_TESTS= CROSS_TESTS= \
+	    CMAKE_ARGS="$(CMAKE_ARGS) -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON"
 
 footprint:
 	@packaging/install-dependencies

@@ -29,35 +29,84 @@ else()
     set(QUILLON_TEST_DEVICE "$<TARGET_FILE:quillon-device>;run;--;${QUILLON_TEST_ENVIRONMENT}")
 endif()
 
+# What nearly every test includes, compiled once for all of them. A compiler cache does better with
+# whole files, so it gets these.
+set(QUILLON_TEST_HEADERS
+    <gmock/gmock.h> <gtest/gtest.h> <chrono> <filesystem> <fstream> <functional> <map> <set> <sstream>
+    <string> <thread> <vector>)
+
+# quillon_precompile_test_headers(<program>)
+# For programs below tests/, which are all compiled with the same options.
+function(quillon_precompile_test_headers program)
+    set(tests "${CMAKE_SOURCE_DIR}/tests")
+    cmake_path(IS_PREFIX tests "${CMAKE_CURRENT_SOURCE_DIR}" is_below)
+    if(CMAKE_CXX_COMPILER_LAUNCHER OR NOT is_below)
+        return()
+    endif()
+    if(TARGET quillon-test-headers)
+        target_precompile_headers(${program} REUSE_FROM quillon-test-headers)
+        return()
+    endif()
+    set(nothing "${CMAKE_BINARY_DIR}/tests/nothing.cpp")
+    file(CONFIGURE OUTPUT "${nothing}" CONTENT "int main() {}\n")
+    add_executable(quillon-test-headers "${nothing}")
+    target_link_libraries(quillon-test-headers PRIVATE GTest::gmock)
+    target_precompile_headers(quillon-test-headers PRIVATE ${QUILLON_TEST_HEADERS})
+    quillon_precompile_test_headers(${program})
+endfunction()
+
+# The programs of `make cross` and of ThreadSanitizer in `make sanitize`, to be built without the
+# rest. Their tests have the label machine or threads.
+if(NOT TARGET quillon-machine-tests)
+    add_custom_target(quillon-machine-tests)
+    add_custom_target(quillon-thread-tests)
+endif()
+
 # quillon_add_test(<name> SOURCES <file>... [LIBRARIES <target>...] [LABELS <label>...]
-#                  [TIMEOUT <seconds>] [DEPENDS <target>...])
+#                  [TIMEOUT <seconds>] [DEPENDS <target>...] [ANY_MACHINE] [SINGLE_THREADED])
 # A GoogleTest program; each of its cases becomes one ctest test named <name>.<Suite>.<Case>. One that
 # depends on a built program and has no label gets the label "programs".
+# ANY_MACHINE: what it tests is the same for each word size, byte order, instruction set and C library,
+# or tested elsewhere as far as it is not.
+# SINGLE_THREADED: nothing that it tests starts a thread.
 function(quillon_add_test name)
-    cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LIBRARIES;LABELS;DEPENDS" ${ARGN})
+    cmake_parse_arguments(arg "ANY_MACHINE;SINGLE_THREADED" "TIMEOUT" "SOURCES;LIBRARIES;LABELS;DEPENDS"
+        ${ARGN})
     if(NOT arg_TIMEOUT)
         set(arg_TIMEOUT 120)
     endif()
     if(CMAKE_CROSSCOMPILING)
         math(EXPR arg_TIMEOUT "${arg_TIMEOUT} * 5")  # the emulator is that much slower
     endif()
+    set(labels ${arg_LABELS})
     foreach(target IN LISTS arg_DEPENDS)
-        if(TARGET ${target} AND NOT arg_LABELS)
+        if(TARGET ${target} AND NOT labels)
             get_target_property(type ${target} TYPE)
             if(type STREQUAL "EXECUTABLE")
-                set(arg_LABELS programs)
+                set(labels programs)
             endif()
         endif()
     endforeach()
     add_executable(${name} ${arg_SOURCES})
+    quillon_precompile_test_headers(${name})
     target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} GTest::gmock GTest::gtest_main)
     target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
     add_dependencies(${name} quillon-device ${arg_DEPENDS})
+    if(NOT arg_ANY_MACHINE)
+        list(APPEND labels machine)
+        add_dependencies(quillon-machine-tests ${name})
+    endif()
+    if(NOT arg_SINGLE_THREADED)
+        list(APPEND labels threads)
+        add_dependencies(quillon-thread-tests ${name})
+    endif()
+    # One value, since gtest_discover_tests splits lists.
+    list(JOIN labels " " labels)
     set_target_properties(${name} PROPERTIES
         RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/tests"
         CROSSCOMPILING_EMULATOR "${QUILLON_TEST_DEVICE}")
     gtest_discover_tests(${name}
         TEST_PREFIX "${name}."
         DISCOVERY_MODE PRE_TEST
-        PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
+        PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${labels}")
 endfunction()
