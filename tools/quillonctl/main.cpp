@@ -6,6 +6,7 @@
 
 #include "json-report.h"
 #include "module-commands.h"
+#include "standard-files.h"
 #include "terminal.h"
 #include "text-report.h"
 #include "verbs.h"
@@ -88,9 +89,7 @@ void takeDirectory(CLI::App* verb, Arguments& arguments)
         ->option_text(" ");
 }
 
-}  // namespace
-
-int main(int argc, char** argv)
+int runCommandLine(int argc, char** argv)
 {
     Arguments arguments;
     CLI::App app("Drives the firmware-update service, and is a control layer beside it.",
@@ -130,4 +129,12 @@ int main(int argc, char** argv)
         return verbs.estimate(arguments.directory);
     }
     return stop->parsed() ? verbs.stop() : verbs.progress();
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    prepareStandardFiles();
+    return closeOutput(runCommandLine(argc, argv));
 }
