@@ -120,7 +120,8 @@ TEST(CtlHelp, ListsVerbsAndOptions)
     EXPECT_THAT(optionsOfHelp(),
                 UnorderedElementsAre("--help", "--version", "--json", "--quiet", "--timeout"));
     EXPECT_THAT(verbsOfModules(),
-                UnorderedElementsAre("list", "check", "update", "version", "progress", "download"));
+                UnorderedElementsAre("list", "check", "update", "version", "progress", "download",
+                                     "unlock"));
     EXPECT_THAT(optionsOfModules(), UnorderedElementsAre("--help", "--source", "--all"));
 }
 

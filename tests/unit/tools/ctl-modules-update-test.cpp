@@ -252,19 +252,6 @@ TEST_F(CtlModulesUpdate, GoesOnWhenItIsInterruptedAndSaysWhy)
     EXPECT_THAT(result.out, EndsWith("updated\n"));
 }
 
-TEST_F(CtlModulesUpdate, EndsWhenItIsInterruptedTwice)
-{
-    install("alpha", "need=1\ndoUpdate.delay_ms=20000\n");
-    offer("alpha", 30);
-    CtlProgram program({"modules", "update", "alpha", "--source", "system"});
-    ASSERT_TRUE(waitForCall("alpha", "doUpdate("));
-    program.sendSignal(SIGINT);
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    program.sendSignal(SIGINT);
-
-    EXPECT_EQ(program.finish().exitCode, 130);
-}
-
 TEST_F(CtlModulesUpdate, OfAllUpdatesEachModuleAsFarAsItGoes)
 {
     install("good", "need=1\n");

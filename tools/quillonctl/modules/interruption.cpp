@@ -1,9 +1,16 @@
 #include "interruption.h"
 
+#include <semaphore.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <initializer_list>
+#include <thread>
+#include <utility>
 
 #include "exit-codes.h"
 
@@ -11,16 +18,81 @@ namespace quillon {
 
 namespace {
 
-// A plain bool for the registry's sake; each access is atomic, in the handler as well.
-bool g_running = true;
+enum class State {
+    kOpen,       ///< the process may end
+    kMayBegin,   ///< an update may begin at any moment
+    kUpdating,   ///< an update has begun
+    kOwnEnd,     ///< the main thread ends the process
+    kAbandoning  ///< another thread ends the process
+};
+
+constexpr std::chrono::milliseconds kMainThreadsTime(500);
+constexpr std::chrono::milliseconds kPoll(10);
 
 constexpr const char* kHeld =
-    "\nquillonctl: an update cannot be interrupted safely, it goes on; interrupt again to end "
-    "nevertheless\n";
+    "\nquillonctl: an update cannot be interrupted safely, it goes on; no other one is begun "
+    "after it.\n"
+    "quillonctl: Only SIGKILL ends it at once. The component may then be unusable until it is "
+    "updated\n"
+    "quillonctl: again, and \"quillonctl modules unlock\" is needed before the next update.\n";
 
-void endAtOnce(int /*signal*/)
+// A plain bool for the registry's sake; each access is atomic, in the handlers as well.
+bool g_running = true;
+std::atomic<State> g_state{State::kOpen};
+std::atomic<bool> g_hasBegun{false};
+std::atomic<pid_t> g_process{0};
+sem_t g_wake;  // posted by the first request
+static_assert(std::atomic<State>::is_always_lock_free, "it is used in signal handlers");
+
+bool change(State from, State to)
 {
-    _exit(kExitInterrupted);
+    return g_state.compare_exchange_strong(from, to);
+}
+
+[[noreturn]] void waitForTheEnd()
+{
+    for (;;) {
+        pause();
+    }
+}
+
+/// @return whether this is a process that a module has forked, where the signal has its usual
+/// effect
+bool isLeftToChild(int signal)
+{
+    if (getpid() == g_process.load()) {
+        return false;
+    }
+    ::signal(signal, SIG_DFL);
+    raise(signal);  // arrives when the handler has returned
+    return true;
+}
+
+void holdOff(int signal)
+{
+    static_cast<void>(isLeftToChild(signal));
+}
+
+void request(int signal)
+{
+    if (isLeftToChild(signal)) {
+        return;
+    }
+    const int callersErrno = errno;
+    const State state = g_state.load();
+    if (signal == SIGHUP && g_hasBegun.load()) {
+        return;
+    }
+    const bool isFirst = __atomic_exchange_n(&g_running, false, __ATOMIC_SEQ_CST);
+    if (state == State::kUpdating) {
+        [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, kHeld, std::strlen(kHeld));
+    } else if (isFirst) {
+        sem_post(&g_wake);
+    } else if (state == State::kOwnEnd || change(State::kOpen, State::kAbandoning) ||
+               g_state.load() == State::kAbandoning) {
+        _exit(kExitInterrupted);
+    }
+    errno = callersErrno;
 }
 
 void on(int signal, void (*handler)(int))
@@ -31,34 +103,115 @@ void on(int signal, void (*handler)(int))
     sigaction(signal, &action, nullptr);
 }
 
-void stopRunning(int signal)
+bool hasDefaultAction(int signal)
 {
-    __atomic_store_n(&g_running, false, __ATOMIC_RELAXED);
-    on(signal, endAtOnce);
+    struct sigaction action = {};
+    return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_DFL;
 }
 
-void warn(int signal)
+/// Those that end or stop a process unless they are caught, but for requests and what a crash
+/// raises.
+bool isWorthHoldingOff(int signal)
 {
-    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, kHeld, std::strlen(kHeld));
-    on(signal, endAtOnce);
+    for (const int other :
+         {SIGKILL, SIGSTOP, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS, SIGCHLD,
+          SIGCONT, SIGURG, SIGWINCH, SIGINT, SIGTERM, SIGQUIT, SIGHUP}) {
+        if (signal == other) {
+            return false;
+        }
+    }
+    return hasDefaultAction(signal);
+}
+
+void endWhenTheMainThreadDoesNot(const std::function<void()>& abandon)
+{
+    for (;;) {
+        while (sem_wait(&g_wake) != 0) {
+        }
+        std::this_thread::sleep_for(kMainThreadsTime);
+        while (g_state.load() == State::kMayBegin) {
+            std::this_thread::sleep_for(kPoll);
+        }
+        if (change(State::kOpen, State::kAbandoning)) {
+            abandon();
+            _exit(kExitInterrupted);
+        }
+    }
+}
+
+/// Starts a thread that takes no signals.
+void startEnder(std::function<void()> abandon)
+{
+    sem_init(&g_wake, 0, 0);
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    std::thread(endWhenTheMainThreadDoesNot, std::move(abandon)).detach();
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 }  // namespace
 
-bool& runningUntilInterrupted()
+bool& runningUntilInterrupted(std::function<void()> abandon)
 {
-    on(SIGINT, stopRunning);
+    g_process = getpid();
+    startEnder(std::move(abandon));
+    for (const int signal : {SIGINT, SIGTERM, SIGQUIT}) {
+        on(signal, request);
+    }
+    if (hasDefaultAction(SIGHUP)) {  // nohup(1) ignores it
+        on(SIGHUP, request);
+    }
     return g_running;
 }
 
-void holdOffInterrupts()
+void holdOffSignals()
 {
-    on(SIGINT, warn);
+    for (int signal = 1; signal <= SIGRTMAX; ++signal) {
+        if (!isWorthHoldingOff(signal)) {
+            continue;
+        }
+        // The system repeats the call that raises one of these two for as long as there is a
+        // handler.
+        on(signal, signal == SIGTTIN || signal == SIGTTOU ? SIG_IGN : holdOff);
+    }
 }
 
 bool isInterrupted()
 {
-    return !__atomic_load_n(&g_running, __ATOMIC_RELAXED);
+    return !__atomic_load_n(&g_running, __ATOMIC_SEQ_CST);
+}
+
+void takeOverTheEnd()
+{
+    if (!change(State::kOpen, State::kOwnEnd) && g_state.load() == State::kAbandoning) {
+        waitForTheEnd();
+    }
+}
+
+void mayBeginUpdating()
+{
+    if (!change(State::kOpen, State::kMayBegin) && g_state.load() == State::kAbandoning) {
+        waitForTheEnd();
+    }
+}
+
+void beginUpdating()
+{
+    mayBeginUpdating();
+    g_hasBegun = true;
+    g_state = State::kUpdating;
+}
+
+void didNotBeginUpdating()
+{
+    change(State::kMayBegin, State::kOpen);
+}
+
+void endUpdating()
+{
+    change(State::kUpdating, State::kOpen);
 }
 
 }  // namespace quillon

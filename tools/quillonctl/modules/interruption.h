@@ -1,20 +1,44 @@
-/// Ctrl-C while modules are checked and updated.
+/// What signals do while modules are checked and updated.
+///
+/// SIGINT, SIGTERM, SIGQUIT and SIGHUP ask the program to end. Where nothing is being flashed they
+/// end it; what is being flashed is finished first, and no other update is begun. SIGHUP does not
+/// even do that once an update has begun: a terminal that goes away changes nothing.
 #ifndef QUILLON_QUILLONCTL_INTERRUPTION_H
 #define QUILLON_QUILLONCTL_INTERRUPTION_H
 
+#include <functional>
+
 namespace quillon {
 
-/// From now on the first SIGINT clears the flag, and the second ends the process with
-/// kExitInterrupted.
+/// From now on the first request clears the flag, for the main thread to see. A plug-in may keep
+/// that thread for ever, so half a second later the process ends with kExitInterrupted from another
+/// one, unless an update has begun or takeOverTheEnd() was called. A second request ends it at
+/// once.
+///
+/// @param abandon  tidies up before such an end; runs on a thread of its own
 /// @return the flag, true until then, in the shape that the registry takes it
-bool& runningUntilInterrupted();
+bool& runningUntilInterrupted(std::function<void()> abandon);
 
-/// From now on the first SIGINT only says that an update cannot be interrupted safely; the second
-/// ends the process with kExitInterrupted.
-void holdOffInterrupts();
+/// From now on no other signal that can be held off ends or stops the process either.
+void holdOffSignals();
 
-/// Whether the flag has been cleared.
+/// Whether the flag has been cleared. Thread: any.
 bool isInterrupted();
+
+/// The process ends by the main thread from now on. Does not return when it is ending already.
+void takeOverTheEnd();
+
+/// @name The time in which the process must not end
+/// @{
+/// An update may begin at any moment. Does not return when the process is ending already.
+void mayBeginUpdating();
+/// It has not begun. Without effect while an earlier one goes on.
+void didNotBeginUpdating();
+/// An update has begun: requests are answered with a line that says what becomes of them.
+void beginUpdating();
+/// Nothing is being flashed any more.
+void endUpdating();
+/// @}
 
 }  // namespace quillon
 

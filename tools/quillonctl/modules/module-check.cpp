@@ -1,7 +1,16 @@
 #include "module-check.h"
 
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <optional>
+#include <set>
+#include <sstream>
+
 #include "module-defect.h"
 #include "package-mount.h"
+#include "support/paths.h"
+#include "support/regular-file.h"
 
 namespace quillon {
 
@@ -60,6 +69,48 @@ std::vector<FWUpdateSymbol>& allModules()
     return FWUpdateSymbolManager::getInstance()->modules();
 }
 
+/// What the registry has published.
+/// @param longest  what is longer is cut a byte behind
+/// @return nothing when there is no such file
+std::optional<std::string> readUpdateList(std::size_t longest)
+{
+    struct stat status = {};
+    const UniqueFile file = openRegularFile(paths::kUpdateList, status);
+    if (!file) {
+        return std::nullopt;
+    }
+    std::string text(longest + 1, '\0');
+    text.resize(std::fread(text.data(), 1, text.size(), file.get()));
+    return text;
+}
+
+/// Whether the update list has as many lines as the registry has counted, each that of a module
+/// with a mark. The registry writes it without looking whether that succeeds.
+bool isListWhole(int count)
+{
+    std::set<std::string> lines;
+    std::size_t size = 0;
+    for (const FWUpdateSymbol& module : allModules()) {
+        if (module.getNeedUpdate()) {
+            const std::string line = module.getLibName() + " " + module.getEMPName();
+            size += line.size() + 1;
+            lines.insert(line);
+        }
+    }
+    const std::optional<std::string> list = readUpdateList(size);
+    if (!list) {
+        return false;
+    }
+    std::istringstream text(*list);
+    int found = 0;
+    for (std::string line; std::getline(text, line); ++found) {
+        if (text.eof() || lines.erase(line) == 0) {  // a whole line ends in a line feed
+            return false;
+        }
+    }
+    return found == count;
+}
+
 CheckEnd checkOneByOne(const ModuleSource& source, const bool& running,
                        std::vector<ModuleCheck>& checks)
 {
@@ -99,7 +150,8 @@ ModuleCheck describeCheck(FWUpdateSymbol& module, const ModuleSource& source,
     } else if (module.getNeedUpdate()) {
         check.decision = Decision::kNeeded;
         check.offered = module.getInformation().version;
-        check.seconds = module.getExpectedUpdateTime();
+        // The registry keeps it in an int, but has no sign for it.
+        check.seconds = static_cast<std::uint32_t>(module.getExpectedUpdateTime());
     } else {
         lookInto(module, source, check);
     }
@@ -121,6 +173,9 @@ CheckEnd checkModules(const ModuleSource& source, bool& running, std::vector<Mod
     if (listed < 0) {
         return __atomic_load_n(&running, __ATOMIC_RELAXED) ? CheckEnd::kUnsafeList
                                                            : CheckEnd::kStopped;
+    }
+    if (!isListWhole(listed)) {
+        return CheckEnd::kPartialList;
     }
     for (FWUpdateSymbol& module : allModules()) {
         checks.push_back(describeCheck(module, source, {}));

@@ -2,6 +2,7 @@
 #ifndef QUILLON_QUILLONCTL_MODULE_CHECK_H
 #define QUILLON_QUILLONCTL_MODULE_CHECK_H
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -23,16 +24,17 @@ struct ModuleCheck
 {
     std::string name;
     Decision decision = Decision::kUnusable;
-    std::string running;  ///< empty when not known
-    std::string offered;  ///< empty when there is none
-    int seconds = 0;      ///< expected duration, of one that needs an update
-    std::string reason;   ///< of all but kNeeded and kUpToDate, a phrase
+    std::string running;        ///< empty when not known
+    std::string offered;        ///< empty when there is none
+    std::uint32_t seconds = 0;  ///< expected duration, of one that needs an update
+    std::string reason;         ///< of all but kNeeded and kUpToDate, a phrase
 };
 
 enum class CheckEnd {
     kDone,
-    kStopped,    ///< the flag was cleared
-    kUnsafeList  ///< the update list's path leads elsewhere
+    kStopped,     ///< the flag was cleared
+    kUnsafeList,  ///< the update list's path leads elsewhere
+    kPartialList  ///< the update list could not be written whole
 };
 
 /// Asks every module, and leaves the marks that a run goes by. For packages the update list is

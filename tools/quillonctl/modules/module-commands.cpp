@@ -2,12 +2,14 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <iostream>
 #include <memory>
 
+#include "foreign-end.h"
+#include "interruption.h"
 #include "module-json-report.h"
 #include "module-text-report.h"
 #include "module-verbs.h"
+#include "standard-files.h"
 #include "terminal.h"
 
 namespace quillon {
@@ -46,9 +48,9 @@ CLI::Option* takeName(CLI::App* verb, std::string& name)
 
 [[noreturn]] void endWithoutTearingDown(int code)
 {
-    std::cout.flush();
+    const int reported = closeOutput(code);
     static_cast<void>(std::fflush(nullptr));
-    std::_Exit(code);
+    std::_Exit(reported);
 }
 
 }  // namespace
@@ -73,6 +75,8 @@ ModuleCommands::ModuleCommands(CLI::App& app)
     takeName(addVerb(m_modules, "progress", "Say how far a module's update is"), m_name)
         ->required();
     addVerb(m_modules, "download", "Download every module's package");
+    addVerb(m_modules, "unlock",
+            "Release the update semaphore that a dead program has left behind");
 }
 
 int ModuleCommands::run(bool json, bool quiet) const
@@ -98,9 +102,13 @@ int ModuleCommands::run(bool json, bool quiet) const
         code = verbs.version(m_name);
     } else if (verb == "progress") {
         code = verbs.progress(m_name);
+    } else if (verb == "unlock") {
+        code = verbs.unlock();
     } else {
         code = verbs.download();
     }
+    takeOverTheEnd();
+    endIsOurs();
     if (verbs.hasLateUpdate()) {
         endWithoutTearingDown(code);
     }

@@ -3,16 +3,20 @@
 #include <iostream>
 
 #include "json-line.h"
+#include "outside-text.h"
 
 namespace quillon {
 
 namespace {
 
+/// Whole, whatever a reasonable module or image says.
+constexpr std::size_t kLongestText = 4096;
+
 /// Leaves out what is not known.
 void put(Json::Value& object, const char* member, const std::string& text)
 {
     if (!text.empty()) {
-        object[member] = text;
+        object[member] = cut(text, kLongestText);
     }
 }
 
@@ -61,6 +65,8 @@ const char* nameOf(Outcome outcome)
             return "timed-out";
         case Outcome::kByNameOnly:
             return "by-name-only";
+        case Outcome::kNotBegun:
+            return "not-begun";
         default:
             return "unusable";
     }
@@ -157,6 +163,22 @@ void ModuleJsonReport::progress(const std::string& name, unsigned int percent)
     writeJsonLine(object);
 }
 
+void ModuleJsonReport::waitingForOthers(const SlotHolders& holders)
+{
+    Json::Value object = eventObject("modules-waiting");
+    object["holders"] = Json::Value(Json::arrayValue);
+    for (const SlotHolder& holder : holders.alive) {
+        Json::Value process(Json::objectValue);
+        process["process"] = holder.process;
+        put(process, "command", holder.command);
+        object["holders"].append(process);
+    }
+    if (holders.alive.empty() && holders.isComplete) {
+        object["remedy"] = "quillonctl modules unlock";
+    }
+    writeJsonLine(object);
+}
+
 void ModuleJsonReport::updated(const ModuleSource& source, const std::vector<ModuleUpdate>& updates,
                                ExitCode code)
 {
@@ -175,16 +197,23 @@ void ModuleJsonReport::downloaded(const std::vector<ModuleDownload>& downloads, 
     writeJsonLine(object);
 }
 
+void ModuleJsonReport::unlocked(bool released)
+{
+    Json::Value object = eventObject("modules-unlock");
+    object["released"] = released;
+    writeJsonLine(object);
+}
+
 void ModuleJsonReport::warning(const std::string& text)
 {
-    std::cerr << "quillonctl: warning: " << text << std::endl;
+    std::cerr << "quillonctl: warning: " << cut(printable(text), kLongestText) << std::endl;
 }
 
 void ModuleJsonReport::error(ExitCode code, const std::string& text)
 {
     Json::Value object = eventObject("error");
     object["exitCode"] = code;
-    object["text"] = text;
+    put(object, "text", text);
     writeJsonLine(object);
 }
 

@@ -7,6 +7,7 @@
 
 #include "exit-codes.h"
 #include "module-check.h"
+#include "slot-holders.h"
 
 namespace quillon {
 
@@ -27,6 +28,7 @@ enum class Outcome {
     kNothingOffered,
     kFailed,
     kTimedOut,  ///< the registry gave up waiting
+    kNotBegun,  ///< the program was asked to end before
     kByNameOnly,
     kUnusable
 };
@@ -60,7 +62,9 @@ public:
 
     /// @name During an update
     /// @{
-    virtual void waitingForOthers() = 0;
+    /// The semaphore is taken. Called again when something has changed.
+    /// @param holders  who could have it; nobody: it has been left behind
+    virtual void waitingForOthers(const SlotHolders& holders) = 0;
     virtual void updating(const std::string& name) = 0;
     /// Called at every poll; says nothing where nothing has changed.
     /// @param secondsLeft  by the expected time; 0 when the update takes longer than that
@@ -73,6 +77,9 @@ public:
                          ExitCode code) = 0;
     virtual void downloading(std::size_t packages) = 0;
     virtual void downloaded(const std::vector<ModuleDownload>& downloads, ExitCode code) = 0;
+
+    /// @param released  false: nothing was locked
+    virtual void unlocked(bool released) = 0;
 
     /// Something that went wrong beside the point.
     virtual void warning(const std::string& text) = 0;

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <iostream>
 
+#include "outside-text.h"
 #include "terminal.h"
 
 namespace quillon {
@@ -11,18 +12,18 @@ namespace quillon {
 namespace {
 
 constexpr std::chrono::seconds kBetweenPlainLines(1);  // as for an update from a stick
+constexpr std::size_t kWidestColumn = 40;
+constexpr std::size_t kLongestLine = 1000;
+
+/// A text from outside on a line of its own.
+std::string fit(const std::string& text)
+{
+    return cut(printable(text), kLongestLine);
+}
 
 std::string orDash(const std::string& text)
 {
     return text.empty() ? "-" : text;
-}
-
-/// A plug-in's text may hold anything; it must neither break the line nor steer the terminal.
-std::string printable(std::string text)
-{
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; }, '?');
-    return text;
 }
 
 std::string describe(const ModuleEntry& entry)
@@ -68,6 +69,8 @@ std::string describe(const ModuleUpdate& update)
             return "unusable: " + update.reason;
         case Outcome::kByNameOnly:
             return "process module, runs by its name only";
+        case Outcome::kNotBegun:
+            return "not begun: interrupted";
         default:
             return update.reason;
     }
@@ -95,23 +98,24 @@ std::string describeNeed(const std::vector<ModuleCheck>& checks)
 void ModuleTextReport::line(const std::string& text)
 {
     if (!m_quiet) {
-        std::cout << m_display.end() << printable(text) << std::endl;
+        std::cout << m_display.end() << fit(text) << std::endl;
     }
 }
 
-void ModuleTextReport::table(const std::vector<Row>& rows)
+void ModuleTextReport::table(std::vector<Row> rows)
 {
     std::vector<std::size_t> widths;
-    for (const Row& row : rows) {
+    for (Row& row : rows) {
         widths.resize(std::max(widths.size(), row.size()));
-        for (std::size_t i = 0; i < row.size(); ++i) {
-            widths[i] = std::max(widths[i], row[i].size());
+        for (std::size_t i = 0; i + 1 < row.size(); ++i) {
+            row[i] = cut(printable(row[i]), kWidestColumn);
+            widths[i] = std::max(widths[i], countCharacters(row[i]));
         }
     }
     for (const Row& row : rows) {
         std::string text;
         for (std::size_t i = 0; i + 1 < row.size(); ++i) {
-            text += row[i] + std::string(widths[i] - row[i].size() + 2, ' ');
+            text += row[i] + std::string(widths[i] - countCharacters(row[i]) + 2, ' ');
         }
         line(text + row.back());
     }
@@ -154,9 +158,21 @@ void ModuleTextReport::progress(const std::string& /*name*/, unsigned int percen
     line(std::to_string(percent) + " %");
 }
 
-void ModuleTextReport::waitingForOthers()
+void ModuleTextReport::waitingForOthers(const SlotHolders& holders)
 {
     line("Waiting for another update on this device");
+    if (!holders.alive.empty()) {
+        line("The update semaphore may be held by " + describe(holders.alive));
+    } else if (holders.isComplete) {
+        const std::string remedy =
+            "Nobody is alive who could hold the update semaphore; \"quillonctl modules unlock\" "
+            "releases it";
+        m_quiet ? warning(remedy) : line(remedy);
+    } else {
+        line(
+            "Whether somebody holds the update semaphore cannot be told by this user; root can "
+            "tell");
+    }
 }
 
 void ModuleTextReport::updating(const std::string& name)
@@ -197,8 +213,11 @@ void ModuleTextReport::updated(const ModuleSource& /*source*/,
     } else {
         table(rows);
     }
-    if (code == kExitUpdateFailed || code == kExitTimedOut) {
+    if (!troubled.empty()) {
         error(code, "not updated as wanted:" + troubled);
+    }
+    if (code == kExitInterrupted) {
+        error(code, "interrupted; not every update was begun");
     }
 }
 
@@ -223,16 +242,21 @@ void ModuleTextReport::downloaded(const std::vector<ModuleDownload>& downloads, 
     }
 }
 
+void ModuleTextReport::unlocked(bool released)
+{
+    line(released ? "The update semaphore was left behind and is released" : "Nothing is locked");
+}
+
 void ModuleTextReport::warning(const std::string& text)
 {
     std::cout << m_display.end() << std::flush;
-    std::cerr << "quillonctl: warning: " << printable(text) << std::endl;
+    std::cerr << "quillonctl: warning: " << fit(text) << std::endl;
 }
 
 void ModuleTextReport::error(ExitCode /*code*/, const std::string& text)
 {
     std::cout << m_display.end() << std::flush;
-    std::cerr << "quillonctl: " << printable(text) << std::endl;
+    std::cerr << "quillonctl: " << fit(text) << std::endl;
 }
 
 }  // namespace quillon

@@ -25,7 +25,7 @@ public:
     void checked(const ModuleSource& source, const std::vector<ModuleCheck>& checks) override;
     void version(const ModuleEntry& entry) override;
     void progress(const std::string& name, unsigned int percent) override;
-    void waitingForOthers() override;
+    void waitingForOthers(const SlotHolders& holders) override;
     void updating(const std::string& name) override;
     void progressed(int percent, int secondsLeft) override;
     void waitingForLate(const std::string& name) override;
@@ -33,6 +33,7 @@ public:
                  ExitCode code) override;
     void downloading(std::size_t packages) override;
     void downloaded(const std::vector<ModuleDownload>& downloads, ExitCode code) override;
+    void unlocked(bool released) override;
     void warning(const std::string& text) override;
     void error(ExitCode code, const std::string& text) override;
 
@@ -40,7 +41,7 @@ private:
     using Row = std::vector<std::string>;
 
     void line(const std::string& text);
-    void table(const std::vector<Row>& rows);
+    void table(std::vector<Row> rows);
 
     const bool m_quiet;
     const bool m_onTerminal;

@@ -1,15 +1,21 @@
 #include "module-verbs.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <climits>
 #include <cstdio>
 
+#include "foreign-end.h"
 #include "fw-update-common.h"
 #include "interruption.h"
 #include "module-defect.h"
 #include "package-downloads.h"
 #include "package-mount.h"
 #include "platform/power.h"
+#include "standard-files.h"
 #include "support/paths.h"
+#include "update-slot.h"
 
 namespace quillon {
 
@@ -47,6 +53,9 @@ bool isAny(const std::vector<ModuleUpdate>& updates, Outcome outcome)
 
 ExitCode exitCodeOf(const std::vector<ModuleUpdate>& updates)
 {
+    if (isAny(updates, Outcome::kNotBegun)) {
+        return kExitInterrupted;
+    }
     if (isAny(updates, Outcome::kFailed)) {
         return kExitUpdateFailed;
     }
@@ -78,6 +87,28 @@ ModuleUpdate withoutUpdate(const ModuleCheck& check)
             break;
     }
     return update;
+}
+
+ModuleUpdate notBegun(const FWUpdateSymbol& module)
+{
+    ModuleUpdate update;
+    update.name = module.getLibName();
+    update.outcome = Outcome::kNotBegun;
+    return update;
+}
+
+/// As raisedBy, for a call that waits for the update semaphore.
+/// @param[out] isInterrupted  whether the waiting was
+template <typename Call>
+std::string raisedByUpdate(Call call, bool& isInterrupted)
+{
+    return raisedBy([&] {
+        try {
+            call();
+        } catch (const UpdateInterrupted&) {
+            isInterrupted = true;
+        }
+    });
 }
 
 /// A package is deleted once it is installed, and only then.
@@ -126,8 +157,47 @@ ExitCode ModuleVerbs::fail(ExitCode code, const std::string& text)
     return code;
 }
 
+void ModuleVerbs::abandon()
+{
+    if (m_hasPowerLock) {
+        device_power_unlock_state(kPowerLock);
+        static_cast<void>(std::remove(paths::kUpdateList));
+    }
+    if (m_source != nullptr) {
+        releasePackages(*m_source);
+    }
+}
+
+/// On whichever thread the module has called exit.
+void ModuleVerbs::endBecauseOf(const std::string& who)
+{
+    const int code = fail(m_isUpdating ? kExitUpdateFailed : kExitUnusableModule,
+                          who + " has ended the program");
+    abandon();
+    UpdateSlot::instance().giveBack();
+    _exit(closeOutput(code));
+}
+
+bool& ModuleVerbs::watchForRequests(const ModuleSource& source)
+{
+    m_source = &source;
+    return runningUntilInterrupted([this] {
+        interrupted();
+        abandon();
+    });
+}
+
+ExitCode ModuleVerbs::interrupted()
+{
+    return fail(kExitInterrupted, UpdateSlot::instance().updatesBegun() == 0
+                                      ? "interrupted; nothing was updated"
+                                      : "interrupted; not every update was begun");
+}
+
 ExitCode ModuleVerbs::open()
 {
+    static_cast<void>(FWUpdateSymbolManager::getInstance());
+    watchForForeignEnd([this](const std::string& who) { endBecauseOf(who); });
     if (!openRegistry()) {
         return fail(kExitSystem,
                     std::string("the module directory cannot be read: ") + paths::kModules);
@@ -166,18 +236,23 @@ ExitCode ModuleVerbs::list()
     return kExitSuccess;
 }
 
-ExitCode ModuleVerbs::checkInto(const ModuleSource& source, std::vector<ModuleCheck>& checks)
+ExitCode ModuleVerbs::checkInto(const ModuleSource& source, bool& running,
+                                std::vector<ModuleCheck>& checks)
 {
-    const CheckEnd end = checkModules(source, runningUntilInterrupted(), checks);
+    const CheckEnd end = checkModules(source, running, checks);
     if (end == CheckEnd::kDone) {
         return kExitSuccess;
     }
+    takeOverTheEnd();
     releasePackages(source);
     if (end == CheckEnd::kStopped) {
-        return fail(kExitInterrupted, "interrupted; nothing was updated");
+        return interrupted();
     }
-    return fail(kExitSystem,
-                std::string("the update list's path leads elsewhere: ") + paths::kUpdateList);
+    return fail(kExitSystem, std::string(end == CheckEnd::kUnsafeList
+                                             ? "the update list's path leads elsewhere: "
+                                             : "the update list cannot be written whole, make room "
+                                               "for it or see what is in its place: ") +
+                                 paths::kUpdateList);
 }
 
 ExitCode ModuleVerbs::check(const ModuleSource& source)
@@ -187,10 +262,11 @@ ExitCode ModuleVerbs::check(const ModuleSource& source)
         return opened;
     }
     std::vector<ModuleCheck> checks;
-    const ExitCode checked = checkInto(source, checks);
+    const ExitCode checked = checkInto(source, watchForRequests(source), checks);
     if (checked != kExitSuccess) {
         return checked;
     }
+    takeOverTheEnd();
     releasePackages(source);
     m_report.checked(source, checks);
     const bool isAnyNeeded =
@@ -202,10 +278,12 @@ ExitCode ModuleVerbs::check(const ModuleSource& source)
 /// The registry does not tell a missing semaphore from a failed update.
 ExitCode ModuleVerbs::prepareUpdates()
 {
-    if (FWUpdateCommon::getInstance().create_semaphore() == nullptr) {
+    m_isUpdating = true;
+    if (!UpdateSlot::instance().open()) {
         return fail(kExitSystem, std::string("the update semaphore ") + semName +
                                      " cannot be had; it belongs to the user who updated first");
     }
+    holdOffSignals();
     return kExitSuccess;
 }
 
@@ -244,22 +322,37 @@ void ModuleVerbs::runMarked(const std::vector<ModuleCheck>& checks,
         }
     }
     UpdateWatch watch(marked, m_report, m_pollInterval);
-    const std::string raised = raisedBy([] { manager().doUpdateFirmwareAll(CALLER_SERVICE); });
+    bool isInterrupted = false;
+    m_hasPowerLock = true;
+    const std::string raised =
+        raisedByUpdate([] { manager().doUpdateFirmwareAll(CALLER_SERVICE); }, isInterrupted);
     if (!raised.empty()) {
         // A module that is told that the run is over has broken the run's end off.
         m_report.warning("not every module was told that the run is over: " + raised);
+    }
+    if (!raised.empty() || isInterrupted) {
         device_power_unlock_state(kPowerLock);
         static_cast<void>(std::remove(paths::kUpdateList));
     }
+    m_hasPowerLock = false;
     watch.finish();
     m_hasLateUpdate = watch.isAnyStillRunning();
+    int begun = isInterrupted ? UpdateSlot::instance().updatesBegun() : INT_MAX;
     for (std::size_t i = 0; i < modules.size(); ++i) {
         FWUpdateSymbol& module = modules[i];
-        updates.push_back(module.getNeedUpdate() ? outcomeOf(module, source, watch, std::nullopt)
-                                                 : withoutUpdate(checks[i]));
+        if (!module.getNeedUpdate()) {
+            updates.push_back(withoutUpdate(checks[i]));
+        } else if (begun-- > 0) {  // the registry goes in this order
+            updates.push_back(outcomeOf(module, source, watch, std::nullopt));
+        } else {
+            updates.push_back(notBegun(module));
+        }
         if (kindOf(module) == ModuleKind::kFirmware) {
             release(module, source, watch);
         }
+    }
+    if (isInterrupted && UpdateSlot::instance().updatesBegun() > 0) {
+        tellAllDone();
     }
 }
 
@@ -267,11 +360,17 @@ void ModuleVerbs::runMarked(const std::vector<ModuleCheck>& checks,
 void ModuleVerbs::runOneByOne(const ModuleSource& source, std::vector<ModuleUpdate>& updates)
 {
     for (FWUpdateSymbol& module : manager().modules()) {
+        if (isInterrupted()) {
+            updates.push_back(notBegun(module));
+            continue;
+        }
         updates.push_back(kindOf(module) == ModuleKind::kFirmware
                               ? updateOne(module, source)
                               : withoutUpdate(describeCheck(module, source, {})));
     }
-    tellAllDone();
+    if (!isInterrupted() || UpdateSlot::instance().updatesBegun() > 0) {
+        tellAllDone();
+    }
 }
 
 ModuleUpdate ModuleVerbs::runProcess(FWUpdateSymbol& module, const ModuleSource& source)
@@ -280,8 +379,10 @@ ModuleUpdate ModuleVerbs::runProcess(FWUpdateSymbol& module, const ModuleSource&
     m_report.updating(name);
     char noText[] = "";
     int result = -1;
+    beginUpdating();
     const std::string raised =
         raisedBy([&] { result = manager().doUpdateFirmware(name, source.caller, noText); });
+    endUpdating();
     ModuleUpdate update;
     update.name = name;
     update.outcome = result == 0 ? Outcome::kUpdated : Outcome::kFailed;
@@ -300,10 +401,16 @@ ModuleUpdate ModuleVerbs::updateOne(FWUpdateSymbol& module, const ModuleSource& 
     char noText[] = "";
     int result = -1;
     UpdateWatch watch({&module}, m_report, m_pollInterval);
-    const std::string raised = raisedBy(
-        [&] { result = manager().doUpdateFirmware(module.getLibName(), source.caller, noText); });
+    bool isInterrupted = false;
+    const std::string raised = raisedByUpdate(
+        [&] { result = manager().doUpdateFirmware(module.getLibName(), source.caller, noText); },
+        isInterrupted);
     watch.finish();
     m_hasLateUpdate = m_hasLateUpdate || watch.isAnyStillRunning();
+    if (isInterrupted) {
+        release(module, source, watch);
+        return notBegun(module);
+    }
 
     // The registry checks by itself; without its mark it has started nothing.
     const bool wasStarted = raised.empty() && module.getNeedUpdate();
@@ -323,8 +430,12 @@ ExitCode ModuleVerbs::update(const std::string& name, const ModuleSource& source
     if (code != kExitSuccess) {
         return code;
     }
-    holdOffInterrupts();
+    watchForRequests(source);
     const ModuleUpdate update = updateOne(*module, source);
+    takeOverTheEnd();
+    if (update.outcome == Outcome::kNotBegun) {
+        return interrupted();
+    }
     if (update.outcome == Outcome::kNothingOffered) {
         code = kExitNothingToUpdate;
     } else {
@@ -351,19 +462,48 @@ ExitCode ModuleVerbs::updateAll(const ModuleSource& source)
     std::vector<ModuleUpdate> updates;
     if (source.type == UPDATE_EMP) {
         std::vector<ModuleCheck> checks;
-        code = checkInto(source, checks);
+        code = checkInto(source, watchForRequests(source), checks);
         if (code != kExitSuccess) {
             return code;
         }
-        holdOffInterrupts();
         runMarked(checks, updates);
     } else {
-        holdOffInterrupts();
+        watchForRequests(source);
         runOneByOne(source, updates);
     }
+    takeOverTheEnd();
     code = exitCodeOf(updates);
+    if (code == kExitInterrupted && UpdateSlot::instance().updatesBegun() == 0) {
+        return interrupted();
+    }
     m_report.updated(source, updates, code);
     return code;
+}
+
+ExitCode ModuleVerbs::unlock()
+{
+    const ReleaseResult result = UpdateSlot::release();
+    switch (result.release) {
+        case Release::kReleased:
+        case Release::kWasFree:
+            m_report.unlocked(result.release == Release::kReleased);
+            return kExitSuccess;
+        case Release::kHeld:
+            return fail(
+                kExitAlreadyUpdating,
+                "the update semaphore stays locked: it may be held by " + describe(result.holders));
+        case Release::kStuck:
+            return fail(kExitAlreadyUpdating,
+                        "the update semaphore stays locked: a program that waits for it does not "
+                        "react; end it first");
+        case Release::kUnknown:
+            return fail(kExitSystem,
+                        "the update semaphore stays locked: whether somebody holds it cannot be "
+                        "told by this user; root can release it");
+        default:
+            return fail(kExitSystem, std::string("the update semaphore ") + semName +
+                                         " cannot be had; root and its owner can release it");
+    }
 }
 
 ExitCode ModuleVerbs::version(const std::string& name)

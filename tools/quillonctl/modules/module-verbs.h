@@ -2,6 +2,7 @@
 #ifndef QUILLON_QUILLONCTL_MODULE_VERBS_H
 #define QUILLON_QUILLONCTL_MODULE_VERBS_H
 
+#include <atomic>
 #include <chrono>
 #include <string>
 #include <vector>
@@ -32,6 +33,8 @@ public:
     ExitCode version(const std::string& name);
     ExitCode progress(const std::string& name);
     ExitCode download();
+    /// Releases the update semaphore if whoever held it is no more.
+    ExitCode unlock();
 
     /// Whether an update has been given up that is still running in a plug-in. The program must
     /// then end without tearing anything down.
@@ -42,8 +45,13 @@ private:
     ExitCode open();
     /// @param[out] module  set on success only
     ExitCode open(const std::string& name, FWUpdateSymbol*& module);
+    /// Tidies up before an end that comes from another thread than the one that goes on here.
+    void abandon();
+    [[noreturn]] void endBecauseOf(const std::string& who);
+    bool& watchForRequests(const ModuleSource& source);
+    ExitCode interrupted();
     ExitCode prepareUpdates();
-    ExitCode checkInto(const ModuleSource& source, std::vector<ModuleCheck>& checks);
+    ExitCode checkInto(const ModuleSource& source, bool& running, std::vector<ModuleCheck>& checks);
     void runMarked(const std::vector<ModuleCheck>& checks, std::vector<ModuleUpdate>& updates);
     void runOneByOne(const ModuleSource& source, std::vector<ModuleUpdate>& updates);
     ModuleUpdate updateOne(FWUpdateSymbol& module, const ModuleSource& source);
@@ -53,6 +61,9 @@ private:
 
     ModuleReport& m_report;
     const std::chrono::milliseconds m_pollInterval;
+    const ModuleSource* m_source = nullptr;  ///< whose packages may be mounted
+    std::atomic<bool> m_hasPowerLock{false};
+    std::atomic<bool> m_isUpdating{false};
     bool m_hasLateUpdate = false;
 };
 

@@ -1,8 +1,10 @@
 #include "update-watch.h"
 
 #include <algorithm>
+#include <cstdint>
 
-#include "fw-update-common.h"
+#include "interruption.h"
+#include "update-slot.h"
 #include "update-workers.h"
 
 namespace quillon {
@@ -13,26 +15,36 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 /// What the registry's guard adds to the expected time.
-constexpr seconds kGrace(2);
+constexpr std::uint32_t kGraceSeconds = 2;
 constexpr seconds kShortestSecondChance(5);
 /// A worker that has said that it is done needs a moment to end.
 constexpr milliseconds kEndOfWorker(200);
 constexpr milliseconds kPoll(20);
-/// So many looks in a row are no accident between two updates of this process.
-constexpr int kLooksBlocked = 4;
+/// More is not worth telling apart.
+constexpr seconds kLongestTimeLeft(1'000'000'000);
+
+/// Seconds without a sign, which the registry keeps in an int.
+std::uint32_t expectedSeconds(const FWUpdateSymbol& module)
+{
+    return static_cast<std::uint32_t>(module.getExpectedUpdateTime());
+}
 
 seconds expectedTime(const FWUpdateSymbol& module)
 {
-    return seconds(std::max(module.getExpectedUpdateTime(), 0));
+    return seconds(expectedSeconds(module));
+}
+
+/// When the registry's guard gives up. Its sum has 32 bits: the longest times wrap to a short one.
+seconds allowedTime(const FWUpdateSymbol& module)
+{
+    return seconds(static_cast<std::uint32_t>(expectedSeconds(module) + kGraceSeconds));
 }
 
 }  // namespace
 
 UpdateWatch::UpdateWatch(const std::vector<const FWUpdateSymbol*>& modules, ModuleReport& report,
                          milliseconds interval)
-    : m_report(report),
-      m_interval(interval),
-      m_semaphore(FWUpdateCommon::getInstance().create_semaphore())
+    : m_report(report), m_interval(interval)
 {
     for (const FWUpdateSymbol* module : modules) {
         Watched watched;
@@ -40,6 +52,10 @@ UpdateWatch::UpdateWatch(const std::vector<const FWUpdateSymbol*>& modules, Modu
         watched.threadName = asThreadName(module->getFirmwareName());
         m_modules.push_back(watched);
     }
+    UpdateSlot::instance().explainTo([this](const SlotHolders& holders) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_report.waitingForOthers(holders);
+    });
     m_thread = std::thread([this] { loop(); });
 }
 
@@ -61,8 +77,6 @@ void UpdateWatch::loop()
                                           [](const Watched& watched) { return watched.running; });
         if (current != m_modules.rend()) {
             show(*current);
-        } else {
-            sayWhenOthersAreUpdating();
         }
     }
 }
@@ -79,7 +93,7 @@ void UpdateWatch::look()
         if (watched.start == Clock::time_point()) {
             watched.start = now;
         }
-        watched.late = watched.late || now - watched.start > expectedTime(*watched.module) + kGrace;
+        watched.late = watched.late || now - watched.start > allowedTime(*watched.module);
     }
 }
 
@@ -103,25 +117,16 @@ void UpdateWatch::show(const Watched& watched)
                       : 99U;
         percent = std::min(percent, 99U);  // done is what the registry says is done
     }
-    m_report.progressed(static_cast<int>(std::min(percent, 100U)),
-                        static_cast<int>(std::max(expected - passed, seconds::zero()).count()));
-}
-
-void UpdateWatch::sayWhenOthersAreUpdating()
-{
-    int value = 1;
-    const bool blocked =
-        m_semaphore != nullptr && sem_getvalue(m_semaphore, &value) == 0 && value == 0;
-    m_looksBlocked = blocked ? m_looksBlocked + 1 : 0;
-    if (m_looksBlocked == kLooksBlocked && !m_hasWaited) {
-        m_hasWaited = true;
-        m_report.waitingForOthers();
-    }
+    m_report.progressed(
+        static_cast<int>(std::min(percent, 100U)),
+        static_cast<int>(std::clamp(expected - passed, seconds::zero(), kLongestTimeLeft).count()));
 }
 
 void UpdateWatch::finish()
 {
-    m_lasted = Clock::now() - m_began;
+    UpdateSlot& slot = UpdateSlot::instance();
+    m_lasted = Clock::now() - std::max(m_began, slot.lastBegan());  // without the waiting
+    slot.explainTo({});
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_stopped = true;
@@ -129,6 +134,9 @@ void UpdateWatch::finish()
     m_stop.notify_one();
     m_thread.join();
     waitForLate();
+    if (!isAnyStillRunning()) {
+        endUpdating();
+    }
 }
 
 bool UpdateWatch::waitUntilNoneRuns(Clock::duration limit)
@@ -155,7 +163,8 @@ void UpdateWatch::waitForLate()
     for (Watched& watched : m_modules) {
         if (watched.running) {
             watched.late = true;
-            limit = std::max(limit, expectedTime(*watched.module));
+            limit = std::max(limit,
+                             std::min(expectedTime(*watched.module), allowedTime(*watched.module)));
             m_report.waitingForLate(watched.module->getLibName());
         }
     }
@@ -180,7 +189,7 @@ bool UpdateWatch::hasEscaped(const FWUpdateSymbol& module) const
 {
     const Watched* watched = find(module);
     return watched != nullptr && watched->start == Clock::time_point() &&
-           m_lasted > expectedTime(module) + kGrace;
+           m_lasted > allowedTime(module);
 }
 
 bool UpdateWatch::isStillRunning(const FWUpdateSymbol& module) const

@@ -2,8 +2,6 @@
 #ifndef QUILLON_QUILLONCTL_UPDATE_WATCH_H
 #define QUILLON_QUILLONCTL_UPDATE_WATCH_H
 
-#include <semaphore.h>
-
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -17,8 +15,8 @@
 namespace quillon {
 
 /// Looks, on a thread of its own, which module's update is running, and shows how far it is: by
-/// what the plug-in says, else by the time it has taken. The registry does not tell what became of
-/// a module that overran its time, so this one keeps the time as well.
+/// what the plug-in says, else by the time it has taken; and whom it has to wait for. The registry
+/// does not tell what became of a module that overran its time, so this one keeps the time as well.
 class UpdateWatch
 {
 public:
@@ -60,7 +58,6 @@ private:
     void loop();
     void look();
     void show(const Watched& watched);
-    void sayWhenOthersAreUpdating();
     void waitForLate();
     bool waitUntilNoneRuns(Clock::duration limit);
     const Watched* find(const FWUpdateSymbol& module) const;
@@ -69,9 +66,6 @@ private:
     const std::chrono::milliseconds m_interval;
     std::vector<Watched> m_modules;
     const Watched* m_shown = nullptr;
-    sem_t* const m_semaphore;
-    int m_looksBlocked = 0;  ///< in a row
-    bool m_hasWaited = false;
     const Clock::time_point m_began = Clock::now();
     Clock::duration m_lasted{};
 

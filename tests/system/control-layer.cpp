@@ -1,0 +1,181 @@
+#include "system/control-layer.h"
+
+#include <fcntl.h>
+#include <pty.h>
+#include <semaphore.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace quillon::test {
+namespace {
+
+constexpr const char* kSemaphore = "/SEM_UPDATE_CONTROL";
+constexpr int kPolls = 6000;
+
+int codeOf(int status)
+{
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+}  // namespace
+
+BackgroundLayer::BackgroundLayer(const std::vector<std::string>& arguments, bool onTerminal)
+{
+    static int number = 0;
+    path_ = "/var/tmp/layer-" + std::to_string(++number);
+    std::vector<std::string> words = {"quillonctl"};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv;
+    for (std::string& word : words) {
+        argv.push_back(word.data());
+    }
+    argv.push_back(nullptr);
+    pid_ = onTerminal ? ::forkpty(&terminal_, nullptr, nullptr, nullptr) : ::fork();
+    if (pid_ == 0) {
+        for (const int signal : {SIGHUP, SIGINT, SIGQUIT}) {
+            ::signal(signal, SIG_DFL);  // a test run in the background ignores them
+        }
+        if (!onTerminal) {
+            const int file = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
+            ::dup2(file, STDOUT_FILENO);
+            ::dup2(file, STDERR_FILENO);
+            ::close(file);
+        }
+        ::execv(QUILLONCTL_PROGRAM, argv.data());
+        ::_exit(127);
+    }
+}
+
+BackgroundLayer::~BackgroundLayer()
+{
+    hangUp();
+    if (pid_ > 0) {
+        send(SIGKILL);
+        wait();
+    }
+}
+
+std::string BackgroundLayer::output() const
+{
+    std::stringstream text;
+    text << std::ifstream(path_).rdbuf();
+    return text.str();
+}
+
+bool BackgroundLayer::says(const std::string& text) const
+{
+    return comesTrue([&] { return output().find(text) != std::string::npos; });
+}
+
+void BackgroundLayer::send(int signal) const
+{
+    ::kill(pid_, signal);
+}
+
+void BackgroundLayer::hangUp()
+{
+    if (terminal_ != -1) {
+        ::close(terminal_);
+        terminal_ = -1;
+    }
+}
+
+int BackgroundLayer::wait()
+{
+    int status = 0;
+    ::waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return codeOf(status);
+}
+
+bool comesTrue(const std::function<bool()>& condition)
+{
+    for (int i = 0; i < kPolls; ++i) {
+        if (condition()) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
+bool wasAsked(const std::string& module, const std::string& call)
+{
+    for (const std::string& made : callsOfModule(module)) {
+        if (made.rfind(call, 0) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void ControlLayer::installGuided(const std::string& name, const std::string& what)
+{
+    install(name);
+    std::filesystem::copy_file(GUIDED_MODULE, "/usr/fwupdate/controls/" + name + ".so",
+                               std::filesystem::copy_options::overwrite_existing);
+    std::ofstream("/etc/quillon-test/" + name + ".conf") << what;
+    offer(name, 60);
+}
+
+void ControlLayer::installWaiting(const std::string& name)
+{
+    installGuided(name, "wait-in-doUpdate");
+}
+
+void ControlLayer::goOn()
+{
+    std::ofstream{"/tmp/quillon-test-go"};
+}
+
+bool ControlLayer::isFlashing(const std::string& name)
+{
+    return comesTrue([&] { return wasAsked(name, "doUpdate("); });
+}
+
+int semaphoreValue()
+{
+    sem_t* semaphore = ::sem_open(kSemaphore, 0);
+    if (semaphore == SEM_FAILED) {
+        return -1;
+    }
+    int value = -1;
+    ::sem_getvalue(semaphore, &value);
+    ::sem_close(semaphore);
+    return value;
+}
+
+void leaveSemaphoreBehind()
+{
+    const pid_t child = ::fork();
+    if (child == 0) {
+        sem_t* semaphore = ::sem_open(kSemaphore, O_CREAT, 0600, 1);
+        ::_exit(semaphore != SEM_FAILED && ::sem_wait(semaphore) == 0 ? 0 : 1);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+}
+
+int runShell(const std::string& line)
+{
+    ::setenv("CTL", QUILLONCTL_PROGRAM, 1);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::execlp("bash", "bash", "--norc", "-c", line.c_str(), nullptr);
+        ::_exit(127);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return codeOf(status);
+}
+
+}  // namespace quillon::test

@@ -1,0 +1,150 @@
+// What signals do to a control layer that checks, waits and flashes.
+
+#include <fcntl.h>
+#include <semaphore.h>
+#include <signal.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "system/control-layer.h"
+
+namespace quillon::test {
+namespace {
+
+using ::testing::HasSubstr;
+
+const std::vector<std::string> kUpdateAlpha = {"modules", "update", "alpha", "--source", "system"};
+const std::vector<std::string> kUpdateAll = {"modules", "update", "--all", "--source", "system"};
+
+class HeldOffSignals : public ControlLayer
+{
+protected:
+    static bool hasEnded(const std::string& name) { return wasAsked(name, "allUpdateDone("); }
+};
+
+TEST_F(HeldOffSignals, DoNotEndAnUpdate)
+{
+    installWaiting("alpha");
+    BackgroundLayer layer(kUpdateAlpha);
+    ASSERT_TRUE(isFlashing("alpha"));
+
+    for (const int signal : {SIGHUP,  SIGINT,  SIGINT,  SIGTERM,   SIGTERM,  SIGQUIT, SIGPIPE,
+                             SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF,  SIGIO,   SIGXCPU,
+                             SIGXFSZ, SIGTSTP, SIGTTIN, SIGTTOU,   SIGRTMIN, SIGRTMAX}) {
+        layer.send(signal);
+    }
+    goOn();
+
+    EXPECT_EQ(layer.wait(), 0) << layer.output();
+    EXPECT_THAT(layer.output(), HasSubstr("alpha  1.0      updated\n"));
+    EXPECT_THAT(layer.output(), HasSubstr("Only SIGKILL ends it at once."));
+    EXPECT_EQ(semaphoreValue(), 1);
+}
+
+TEST_F(HeldOffSignals, AreNotHeldOffFromWhatAModuleStarts)
+{
+    installGuided("alpha", "kill-in-doUpdate");
+
+    EXPECT_EQ(runModules({"update", "alpha", "--source", "system"}).exitCode, 0);
+
+    std::string signal;
+    std::ifstream("/tmp/quillon-test-child") >> signal;
+    EXPECT_EQ(signal, std::to_string(SIGTERM)) << "what ended the child";
+}
+
+TEST_F(HeldOffSignals, OfATerminalThatGoesAwayEndNoUpdate)
+{
+    installWaiting("alpha");
+    BackgroundLayer layer(kUpdateAlpha, true);
+    ASSERT_TRUE(isFlashing("alpha"));
+
+    layer.hangUp();
+    goOn();
+
+    EXPECT_EQ(layer.wait(), 9) << "the output could not be written";
+    EXPECT_TRUE(hasEnded("alpha"));
+    EXPECT_EQ(semaphoreValue(), 1);
+}
+
+TEST_F(HeldOffSignals, OfAReaderThatGoesAwayEndNoUpdate)
+{
+    for (const char* name : {"alpha", "beta"}) {
+        installWaiting(name);
+    }
+
+    EXPECT_EQ(runShell("\"$CTL\" modules update --all --source system 2>/var/tmp/err | "
+                       "{ head -n 1 >/var/tmp/out; : >/tmp/quillon-test-go; }; "
+                       "exit ${PIPESTATUS[0]}"),
+              9);
+
+    EXPECT_TRUE(hasEnded("alpha"));
+    EXPECT_TRUE(hasEnded("beta"));
+    EXPECT_EQ(runShell("grep -c 'standard output could not be written' /var/tmp/err >/var/tmp/n; "
+                       "test $(cat /var/tmp/n) = 1"),
+              0);
+    EXPECT_EQ(semaphoreValue(), 1);
+}
+
+TEST_F(HeldOffSignals, LetTheUpdateEndAndBeginNoOther)
+{
+    for (const char* name : {"alpha", "beta"}) {
+        installWaiting(name);
+    }
+    BackgroundLayer layer(kUpdateAll);
+    ASSERT_TRUE(
+        comesTrue([] { return wasAsked("alpha", "doUpdate(") || wasAsked("beta", "doUpdate("); }));
+
+    layer.send(SIGINT);
+    ASSERT_TRUE(layer.says("no other one is begun after it"));
+    goOn();
+
+    EXPECT_EQ(layer.wait(), 130);
+    EXPECT_NE(wasAsked("alpha", "doUpdate("), wasAsked("beta", "doUpdate("));
+    EXPECT_THAT(layer.output(), HasSubstr("  updated\n"));
+    EXPECT_THAT(layer.output(), HasSubstr("  not begun: interrupted\n"));
+    EXPECT_THAT(layer.output(), HasSubstr("quillonctl: interrupted; not every update was begun\n"));
+    EXPECT_TRUE(hasEnded("alpha")) << "all are told that the run is over";
+}
+
+TEST_F(HeldOffSignals, EndTheWaitingForAnotherControlLayer)
+{
+    sem_t* semaphore = ::sem_open("/SEM_UPDATE_CONTROL", O_CREAT, 0600, 1);
+    ASSERT_EQ(::sem_wait(semaphore), 0);
+    installWaiting("alpha");
+
+    for (const int signal : {SIGINT, SIGTERM, SIGQUIT, SIGHUP}) {
+        BackgroundLayer layer(kUpdateAlpha);
+        ASSERT_TRUE(layer.says("Waiting for another update on this device\n"));
+        layer.send(signal);
+
+        EXPECT_EQ(layer.wait(), 130) << signal;
+        EXPECT_THAT(layer.output(), HasSubstr("quillonctl: interrupted; nothing was updated\n"));
+    }
+
+    EXPECT_EQ(semaphoreValue(), 0) << "it is the test's";
+    EXPECT_FALSE(wasAsked("alpha", "doUpdate("));
+    ::sem_post(semaphore);
+}
+
+TEST_F(HeldOffSignals, EndACheckWhileAModuleDoesNotAnswer)
+{
+    install("alpha", "need=1\ncheckVersion.effect=hang\n");
+    offer("alpha");
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"modules", "check", "--source", "system"}, kUpdateAll,
+          kUpdateAlpha}) {
+        std::filesystem::remove("/tmp/quillon-test-alpha.log");
+        BackgroundLayer layer(arguments);
+        ASSERT_TRUE(comesTrue([] { return wasAsked("alpha", "checkVersion("); }));
+
+        layer.send(SIGINT);
+
+        EXPECT_EQ(layer.wait(), 130);
+        EXPECT_THAT(layer.output(), HasSubstr("quillonctl: interrupted; nothing was updated\n"));
+    }
+    EXPECT_NE(semaphoreValue(), 0);
+}
+
+}  // namespace
+}  // namespace quillon::test

@@ -1,0 +1,64 @@
+// Modules that end the program that they were loaded into.
+
+#include <signal.h>
+
+#include "system/control-layer.h"
+
+namespace quillon::test {
+namespace {
+
+using ::testing::HasSubstr;
+
+using ModuleEndsProgram = ControlLayer;
+
+TEST_F(ModuleEndsProgram, ByExitInAnUpdateExitsWith6AndLeavesNothingLocked)
+{
+    installGuided("alpha", "exit-in-doUpdate");
+
+    const ModulesResult result = runModules({"update", "alpha", "--source", "system"});
+
+    EXPECT_EQ(result.exitCode, 6);
+    EXPECT_EQ(result.err, "quillonctl: the module alpha has ended the program\n");
+    EXPECT_EQ(semaphoreValue(), 1);
+    const Json::Value document = json({"update", "--all", "--source", "system"}, 6);
+    EXPECT_EQ(document["event"], "error");
+    EXPECT_EQ(document["exitCode"], 6);
+    EXPECT_EQ(document["text"], "the module alpha has ended the program");
+    EXPECT_EQ(semaphoreValue(), 1);
+}
+
+TEST_F(ModuleEndsProgram, ByExitElsewhereExitsWith11AndNamesTheModule)
+{
+    install("beta");
+    installGuided("alpha", "exit-in-checkVersion");
+    EXPECT_EQ(json({"check", "--source", "system"}, 11)["text"],
+              "the module alpha has ended the program");
+
+    installGuided("alpha", "exit-in-setContext");
+    EXPECT_EQ(json({"list"}, 11)["text"], "the module alpha has ended the program");
+}
+
+TEST_F(ModuleEndsProgram, NotByTheExitOfItsChild)
+{
+    installGuided("alpha", "fork-in-doUpdate");
+
+    const Json::Value document = json({"update", "alpha", "--source", "system"});
+
+    EXPECT_EQ(of("alpha", document)["outcome"], "updated");
+    EXPECT_EQ(semaphoreValue(), 1);
+}
+
+TEST_F(ModuleEndsProgram, ByACrashLeavesNothingLocked)
+{
+    installGuided("alpha", "crash-in-doUpdate");
+    BackgroundLayer layer({"modules", "update", "alpha", "--source", "system"});
+
+    EXPECT_EQ(layer.wait(), -SIGSEGV);
+    EXPECT_THAT(layer.output(), HasSubstr("a module has crashed"));
+    EXPECT_EQ(semaphoreValue(), 1);
+    installGuided("alpha", "");
+    EXPECT_EQ(json({"update", "alpha", "--source", "system"})["exitCode"], 0);
+}
+
+}  // namespace
+}  // namespace quillon::test

@@ -1,0 +1,124 @@
+// What becomes of mounted packages, the power lock and the update list when a control layer ends
+// before its time.
+
+#include <signal.h>
+#include <sys/mount.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "system/control-layer.h"
+#include "system/daemon.h"
+#include "system/privileged-helper.h"
+#include "unit/verifier/test-keys.h"
+
+namespace quillon::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+constexpr const char* kUpdateList = "/tmp/fwupdate-off-list.txt";
+
+class PackagesAfterAnEnd : public PackageMount
+{
+protected:
+    void SetUp() override
+    {
+        ::unsetenv("JOURNAL_STREAM");
+        PackageMount::SetUp();
+        if (!IsSkipped()) {
+            helper.startAndWait();
+        }
+    }
+
+    static void addModule(const std::string& name, const std::string& settings,
+                          const std::string& library = TEST_MODULE)
+    {
+        fs::create_directories("/usr/fwupdate/controls");
+        fs::copy_file(library, "/usr/fwupdate/controls/" + name + ".so");
+        fs::create_directories("/etc/quillon-test");
+        std::ofstream("/etc/quillon-test/" + name + ".conf") << settings;
+        const std::string payload = "/var/lib/quillon/privileged-test/" + name + ".payload";
+        writeAll(payload, name);
+        run(std::string(QUILLON_IMAGE_PROGRAM) + " package --name " + name +
+            "emp --version 2.0 --payload " + payload +
+            " --expected-time 30 --type squashfs "
+            "--output " +
+            imageOf(name + "emp"));
+    }
+
+    static std::vector<std::string> mountedPackages() { return mounts(kMountFolder); }
+    static std::vector<std::string> powerLog()
+    {
+        return linesOf("/tmp/quillon-test-power.log", "");
+    }
+};
+
+TEST_F(PackagesAfterAnEnd, ByAModuleAreAsAfterAFailure)
+{
+    addModule("alpha", "exit-in-doUpdate", GUIDED_MODULE);
+
+    const Json::Value document = modulesDocument({"update", "--all"}, 6);
+
+    EXPECT_EQ(document["text"], "the module alpha has ended the program");
+    EXPECT_THAT(mountedPackages(), IsEmpty());
+    EXPECT_TRUE(fs::exists(imageOf("alphaemp")));
+    EXPECT_THAT(powerLog(), ElementsAre("lock 2 for 35000 ms", "unlock 2"));
+    EXPECT_FALSE(fs::exists(kUpdateList));
+    EXPECT_EQ(semaphoreValue(), 1);
+}
+
+TEST_F(PackagesAfterAnEnd, ByAnInterruptionOfABlockedCheckAreNotMounted)
+{
+    addModule("alpha", "need=1\ncheckVersion.effect=hang\n");
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"modules", "check"}, {"modules", "update", "--all"}}) {
+        fs::remove("/tmp/quillon-test-alpha.log");
+        BackgroundLayer layer(arguments);
+        ASSERT_TRUE(comesTrue([] { return wasAsked("alpha", "checkVersion("); }));
+        EXPECT_THAT(mountedPackages(), testing::SizeIs(1));
+
+        layer.send(SIGINT);
+
+        EXPECT_EQ(layer.wait(), 130);
+        EXPECT_THAT(mountedPackages(), IsEmpty());
+    }
+}
+
+TEST_F(PackagesAfterAnEnd, WhileItWaitsForAnotherOneAreAsIfItHadNotBegun)
+{
+    addModule("alpha", "need=1\n");
+    leaveSemaphoreBehind();
+    BackgroundLayer layer({"modules", "update", "--all"});
+    ASSERT_TRUE(layer.says("Waiting for another update on this device\n"));
+
+    layer.send(SIGINT);
+
+    EXPECT_EQ(layer.wait(), 130);
+    EXPECT_THAT(mountedPackages(), IsEmpty());
+    EXPECT_THAT(powerLog(), ElementsAre("lock 2 for 35000 ms", "unlock 2"));
+    EXPECT_FALSE(fs::exists(kUpdateList));
+    EXPECT_TRUE(fs::exists(imageOf("alphaemp")));
+}
+
+TEST_F(PackagesAfterAnEnd, AreNotLookedForWithAnUpdateListThatCannotBeWritten)
+{
+    addModule("alpha", "need=1\n");
+    ASSERT_EQ(::mount("tmpfs", "/tmp", "tmpfs", 0, "size=4k"), 0);
+    std::ofstream("/tmp/full") << std::string(8192, 'x') << std::flush;
+
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"check"}, {"update", "--all"}}) {
+        EXPECT_THAT(modulesDocument(arguments, 9)["text"].asString(),
+                    HasSubstr("the update list cannot be written whole"));
+        EXPECT_THAT(mountedPackages(), IsEmpty());
+    }
+    ::umount("/tmp");
+}
+
+}  // namespace
+}  // namespace quillon::test

@@ -1,0 +1,175 @@
+// The update semaphore that a dead control layer has left behind: the others say so, and
+// "quillonctl modules unlock" releases it when nobody alive could hold it.
+
+#include <fcntl.h>
+#include <semaphore.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "system/control-layer.h"
+#include "system/privileged-helper.h"
+
+namespace quillon::test {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+const std::vector<std::string> kUpdateAlpha = {"modules", "update", "alpha", "--source", "system"};
+const std::vector<std::string> kUnlock = {"modules", "unlock"};
+constexpr const char* kRemedy = "\"quillonctl modules unlock\" releases it\n";
+
+class UpdateSemaphore : public ControlLayer
+{
+protected:
+    void SetUp() override { installWaiting("alpha"); }
+};
+
+TEST_F(UpdateSemaphore, OfAKilledControlLayerIsReleasedByUnlockAndWhoWaitsGoesOn)
+{
+    BackgroundLayer killed(kUpdateAlpha);
+    ASSERT_TRUE(isFlashing("alpha"));
+    killed.send(SIGKILL);
+    EXPECT_EQ(killed.wait(), -SIGKILL);
+    ASSERT_EQ(semaphoreValue(), 0);
+
+    goOn();
+    BackgroundLayer first(kUpdateAlpha);
+    BackgroundLayer second(kUpdateAlpha);
+    EXPECT_TRUE(first.says(kRemedy)) << first.output();
+    EXPECT_TRUE(second.says(kRemedy)) << second.output();
+    const ModulesResult unlock = runModules({"unlock"});
+
+    EXPECT_EQ(unlock.exitCode, 0) << unlock.err;
+    EXPECT_EQ(unlock.out, "The update semaphore was left behind and is released\n");
+    EXPECT_EQ(first.wait(), 0) << first.output();
+    EXPECT_EQ(second.wait(), 0) << second.output();
+    EXPECT_EQ(semaphoreValue(), 1);
+}
+
+TEST_F(UpdateSemaphore, IsNotReleasedWhileItsHolderLives)
+{
+    BackgroundLayer layer(kUpdateAlpha);
+    ASSERT_TRUE(isFlashing("alpha"));
+
+    const ModulesResult unlock = runModules({"unlock"});
+
+    EXPECT_EQ(unlock.exitCode, 8);
+    EXPECT_EQ(unlock.out, "");
+    EXPECT_THAT(unlock.err,
+                HasSubstr("it may be held by process " + std::to_string(layer.process()) +
+                          " (quillonctl modules update "
+                          "alpha --source system)\n"));
+    EXPECT_THAT(json({"unlock"}, 8)["text"].asString(),
+                HasSubstr("process " + std::to_string(layer.process())));
+    goOn();
+    EXPECT_EQ(layer.wait(), 0);
+    EXPECT_EQ(semaphoreValue(), 1);
+}
+
+TEST_F(UpdateSemaphore, OfAnotherKindOfControlLayerIsNotReleasedWhileThatLives)
+{
+    goOn();
+    sem_t* semaphore = ::sem_open("/SEM_UPDATE_CONTROL", O_CREAT, 0600, 1);
+    ASSERT_EQ(::sem_wait(semaphore), 0);
+    const std::string self = "may be held by process " + std::to_string(::getpid()) + " (";
+
+    EXPECT_THAT(json({"unlock"}, 8)["text"].asString(), HasSubstr(self));
+    BackgroundLayer layer(kUpdateAlpha);
+    EXPECT_TRUE(layer.says("The update semaphore " + self));
+    EXPECT_THAT(layer.output(), Not(HasSubstr("unlock")));
+
+    ::sem_post(semaphore);
+    EXPECT_EQ(layer.wait(), 0);
+}
+
+TEST_F(UpdateSemaphore, ThatIsFreeOrWasNeverThereNeedsNoRelease)
+{
+    goOn();
+    EXPECT_EQ(runModules({"unlock"}).out, "Nothing is locked\n");
+    EXPECT_EQ(semaphoreValue(), -1) << "it makes none";
+    EXPECT_EQ(json({"update", "alpha", "--source", "system"})["exitCode"], 0);
+
+    const Json::Value document = json({"unlock"});
+    EXPECT_EQ(document["event"], "modules-unlock");
+    EXPECT_EQ(document["released"], false);
+    EXPECT_EQ(semaphoreValue(), 1);
+}
+
+TEST_F(UpdateSemaphore, IsReleasedOnceHoweverManyReleaseIt)
+{
+    for (int round = 0; round < 20; ++round) {
+        leaveSemaphoreBehind();
+        std::vector<std::unique_ptr<CtlProgram>> programs;
+        for (int i = 0; i < 4; ++i) {
+            programs.push_back(std::make_unique<CtlProgram>(kUnlock));
+        }
+        int released = 0;
+        for (const auto& program : programs) {
+            const CtlResult result = program->finish();
+            EXPECT_EQ(result.exitCode, 0) << result.err;
+            released += result.out != "Nothing is locked\n" ? 1 : 0;
+        }
+        EXPECT_EQ(released, 1);
+        ASSERT_EQ(semaphoreValue(), 1) << "in round " << round;
+    }
+}
+
+TEST_F(UpdateSemaphore, ThatWasLeftBehindIsToldToProgramsAsWell)
+{
+    goOn();
+    leaveSemaphoreBehind();
+    std::vector<std::string> arguments = kUpdateAlpha;
+    arguments.insert(arguments.begin(), "--json");
+    BackgroundLayer layer(arguments);
+
+    EXPECT_TRUE(
+        layer.says(R"({"event":"modules-waiting","holders":[],"remedy":"quillonctl modules )"
+                   R"(unlock"})"
+                   "\n"))
+        << layer.output();
+    EXPECT_EQ(json({"unlock"})["released"], true);
+    EXPECT_EQ(layer.wait(), 0);
+}
+
+TEST_F(UpdateSemaphore, IsNotReleasedByWhoCannotSeeEverybody)
+{
+    constexpr uid_t kUser = 1234;
+    if (asUser(kUser, {kUser}, [] { return 0; }) != 0) {
+        GTEST_SKIP() << "there are no other users here";
+    }
+    asUser(kUser, {kUser}, [] {
+        leaveSemaphoreBehind();
+        return 0;
+    });
+
+    const int asOrdinaryUser = asUser(kUser, {kUser}, [] {
+        const ModulesResult unlock = runModules({"unlock"});
+        EXPECT_THAT(unlock.err, HasSubstr("cannot be told by this user; root can release it"));
+        return HasFailure() ? 255 : unlock.exitCode;
+    });
+
+    EXPECT_EQ(asOrdinaryUser, 9);
+    EXPECT_EQ(semaphoreValue(), 0);
+    EXPECT_EQ(json({"unlock"})["released"], true) << "root can";
+    EXPECT_EQ(semaphoreValue(), 1);
+}
+
+TEST_F(UpdateSemaphore, OfAnotherUserIsLeftAlone)
+{
+    constexpr uid_t kUser = 1234;
+    if (asUser(kUser, {kUser}, [] { return 0; }) != 0) {
+        GTEST_SKIP() << "there are no other users here";
+    }
+    leaveSemaphoreBehind();
+
+    EXPECT_EQ(asUser(kUser, {kUser}, [] { return runModules({"unlock"}).exitCode; }), 9);
+    EXPECT_EQ(semaphoreValue(), 0);
+}
+
+}  // namespace
+}  // namespace quillon::test

@@ -1,0 +1,127 @@
+#include "slot-holders.h"
+
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <system_error>
+
+#include "outside-text.h"
+#include "slot-locks.h"
+
+namespace quillon {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t kLongestCommand = 60;
+
+enum class Mapping { kNone, kHas, kHidden };
+
+std::string firstBytesOf(const fs::path& path)
+{
+    std::ifstream file(path);
+    std::string text(1024, '\0');
+    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<std::size_t>(file.gcount()));
+    return text;
+}
+
+std::string commandOf(pid_t process)
+{
+    const fs::path folder = "/proc/" + std::to_string(process);
+    std::string command = firstBytesOf(folder / "cmdline");
+    if (command.empty()) {
+        command = firstBytesOf(folder / "comm");
+    }
+    while (!command.empty() && (command.back() == '\0' || command.back() == '\n')) {
+        command.pop_back();
+    }
+    std::replace(command.begin(), command.end(), '\0', ' ');
+    return cut(printable(command), kLongestCommand);
+}
+
+Mapping mappingOf(const fs::path& folder, const struct stat& file)
+{
+    std::ifstream maps(folder / "maps");
+    if (!maps) {
+        return Mapping::kHidden;
+    }
+    for (std::string line; std::getline(maps, line);) {
+        unsigned int major = 0;
+        unsigned int minor = 0;
+        unsigned long inode = 0;
+        // NOLINTNEXTLINE(cert-err34-c): the kernel writes these numbers
+        if (std::sscanf(line.c_str(), "%*s %*s %*s %x:%x %lu", &major, &minor, &inode) == 3 &&
+            inode == file.st_ino && makedev(major, minor) == file.st_dev) {
+            return Mapping::kHas;
+        }
+    }
+    return maps.bad() ? Mapping::kHidden : Mapping::kNone;
+}
+
+/// Whether the process may use the semaphore at all. One that has given up root's rights counts as
+/// root's, since /proc shows it so.
+bool mayOpen(const fs::path& folder, const struct stat& file)
+{
+    struct stat process = {};
+    if (stat(folder.c_str(), &process) != 0) {
+        return false;  // it has ended
+    }
+    return process.st_uid == 0 || process.st_uid == file.st_uid;
+}
+
+bool isKnown(const std::vector<SlotHolder>& holders, pid_t process)
+{
+    return std::any_of(holders.begin(), holders.end(),
+                       [&](const SlotHolder& holder) { return holder.process == process; });
+}
+
+}  // namespace
+
+SlotHolders findSlotHolders(const SlotLocks& locks)
+{
+    SlotHolders holders;
+    // Where a mount option hides the processes of others, it hides this one as well.
+    holders.isComplete = access("/proc/1", F_OK) == 0;
+    std::error_code error;
+    for (fs::directory_iterator entry("/proc", error); !error && entry != fs::directory_iterator();
+         entry.increment(error)) {
+        const auto process =
+            static_cast<pid_t>(std::strtol(entry->path().filename().c_str(), nullptr, 10));
+        if (process <= 0 || process == getpid()) {
+            continue;
+        }
+        const Mapping mapping = mappingOf(entry->path(), locks.file());
+        if (mapping == Mapping::kHas && locks.partOf(process) != SlotLocks::Part::kTakesPart) {
+            holders.alive.push_back({process, commandOf(process)});
+        } else if (mapping == Mapping::kHidden && mayOpen(entry->path(), locks.file())) {
+            holders.isComplete = false;
+        }
+    }
+    holders.isComplete = holders.isComplete && !error;
+    // One that this user may not look into, or that has ended and left its lock to its children.
+    const pid_t holder = locks.holder();
+    if (holder != 0 && !isKnown(holders.alive, holder)) {
+        holders.alive.push_back({holder, commandOf(holder)});
+    }
+    return holders;
+}
+
+std::string describe(const std::vector<SlotHolder>& holders)
+{
+    std::string text;
+    for (const SlotHolder& holder : holders) {
+        text += (text.empty() ? "process " : ", process ") + std::to_string(holder.process);
+        text += holder.command.empty() ? "" : " (" + holder.command + ")";
+    }
+    return text;
+}
+
+}  // namespace quillon

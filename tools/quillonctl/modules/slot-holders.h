@@ -1,0 +1,36 @@
+/// Who could hold the update semaphore.
+#ifndef QUILLON_QUILLONCTL_SLOT_HOLDERS_H
+#define QUILLON_QUILLONCTL_SLOT_HOLDERS_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace quillon {
+
+class SlotLocks;
+
+struct SlotHolder
+{
+    pid_t process = 0;
+    std::string command;  ///< its command line, or the name of its program; empty when not known
+};
+
+struct SlotHolders
+{
+    /// Control layers of this program that may hold it, and all others that have it open: whether
+    /// those hold it or wait for it cannot be told.
+    std::vector<SlotHolder> alive;
+    bool isComplete = true;  ///< false: there are processes that this user may not look into
+};
+
+/// Looks through all processes but this one.
+SlotHolders findSlotHolders(const SlotLocks& locks);
+
+/// @return for instance "process 12 (quillonctl modules update tuner), process 13"
+std::string describe(const std::vector<SlotHolder>& holders);
+
+}  // namespace quillon
+
+#endif

@@ -1,0 +1,186 @@
+#include "update-slot.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+#include <optional>
+#include <thread>
+
+#include "fw-update-common.h"
+#include "interruption.h"
+
+extern "C" {
+int __real_sem_wait(sem_t* semaphore);
+int __real_sem_post(sem_t* semaphore);
+
+__attribute__((used)) int __wrap_sem_wait(sem_t* semaphore)
+{
+    quillon::UpdateSlot& slot = quillon::UpdateSlot::instance();
+    if (!slot.isOwn(semaphore)) {
+        return __real_sem_wait(semaphore);
+    }
+    slot.acquire();
+    return 0;
+}
+
+__attribute__((used)) int __wrap_sem_post(sem_t* semaphore)
+{
+    quillon::UpdateSlot& slot = quillon::UpdateSlot::instance();
+    if (!slot.isOwn(semaphore)) {
+        return __real_sem_post(semaphore);
+    }
+    slot.post();
+    return 0;
+}
+}
+
+namespace quillon {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+/// So long an update waits at a time before it looks up.
+constexpr milliseconds kSlice(200);
+constexpr milliseconds kShortWait(2);
+/// Waiting is not worth a word before.
+constexpr milliseconds kUsualWait(300);
+constexpr milliseconds kBetweenLooks(1000);
+
+struct CloseSemaphore
+{
+    void operator()(sem_t* semaphore) const { sem_close(semaphore); }
+};
+using UniqueSemaphore = std::unique_ptr<sem_t, CloseSemaphore>;
+
+timespec after(milliseconds time)
+{
+    timespec moment = {};
+    clock_gettime(CLOCK_MONOTONIC, &moment);
+    const std::int64_t nanoseconds = moment.tv_nsec + time.count() * 1'000'000;
+    moment.tv_sec += static_cast<time_t>(nanoseconds / 1'000'000'000);
+    moment.tv_nsec = static_cast<long>(nanoseconds % 1'000'000'000);
+    return moment;
+}
+
+bool isSame(const SlotHolders& one, const SlotHolders& other)
+{
+    return one.isComplete == other.isComplete && describe(one.alive) == describe(other.alive);
+}
+
+}  // namespace
+
+UpdateSlot& UpdateSlot::instance()
+{
+    static UpdateSlot slot;
+    return slot;
+}
+
+bool UpdateSlot::open()
+{
+    m_process = getpid();
+    m_locks = SlotLocks::open();
+    if (!m_locks && errno == ENOENT &&
+        FWUpdateCommon::getInstance().create_semaphore() != nullptr) {
+        m_locks = SlotLocks::open();
+    }
+    // Taking part comes before having the semaphore open: who has it open without that may hold it.
+    m_semaphore = m_locks ? FWUpdateCommon::getInstance().create_semaphore() : nullptr;
+    return m_semaphore != nullptr;
+}
+
+/// What it has got it has said so before anybody else can come to the conclusion that nobody has
+/// it.
+bool UpdateSlot::tryFor(milliseconds time)
+{
+    if (!m_locks->enterGate()) {
+        std::this_thread::sleep_for(kShortWait);
+        return false;
+    }
+    mayBeginUpdating();
+    const timespec deadline = after(time);
+    const bool isAcquired = sem_clockwait(m_semaphore, CLOCK_MONOTONIC, &deadline) == 0;
+    if (isAcquired) {
+        m_locks->mayHold(true);
+        m_held = true;
+    }
+    m_locks->leaveGate();
+    if (!isAcquired) {
+        didNotBeginUpdating();
+    }
+    return isAcquired;
+}
+
+void UpdateSlot::acquire()
+{
+    std::optional<SlotHolders> told;
+    Clock::time_point nextLook = Clock::now() + kUsualWait;
+    while (!isInterrupted() && !tryFor(kSlice)) {
+        if (!m_onWaiting || Clock::now() < nextLook) {
+            continue;
+        }
+        const SlotHolders holders = findSlotHolders(*m_locks);
+        if (!told || !isSame(*told, holders)) {
+            told = holders;
+            m_onWaiting(holders);
+        }
+        nextLook = Clock::now() + kBetweenLooks;
+    }
+    if (isInterrupted()) {
+        post();
+        didNotBeginUpdating();
+        throw UpdateInterrupted();
+    }
+    beginUpdating();
+    ++m_updatesBegun;
+    m_lastBegan = Clock::now();
+}
+
+void UpdateSlot::giveBack()
+{
+    if (getpid() == m_process && m_held.exchange(false)) {
+        __real_sem_post(m_semaphore);
+    }
+}
+
+void UpdateSlot::post()
+{
+    giveBack();
+    m_locks->mayHold(false);
+}
+
+ReleaseResult UpdateSlot::release()
+{
+    const std::unique_ptr<SlotLocks> locks = SlotLocks::open();
+    if (!locks) {
+        return {errno == ENOENT ? Release::kWasFree : Release::kNoAccess, {}};
+    }
+    const UniqueSemaphore semaphore(sem_open(semName, 0));
+    if (semaphore.get() == SEM_FAILED) {
+        return {Release::kNoAccess, {}};
+    }
+    int value = 0;
+    if (sem_getvalue(semaphore.get(), &value) == 0 && value > 0) {
+        return {Release::kWasFree, {}};
+    }
+    const bool isClosed = locks->closeGate();
+    const SlotHolders holders = findSlotHolders(*locks);
+    if (!holders.alive.empty()) {
+        return {Release::kHeld, holders.alive};
+    }
+    if (!isClosed) {
+        return {Release::kStuck, {}};
+    }
+    if (!holders.isComplete) {
+        return {Release::kUnknown, {}};
+    }
+    // Somebody may have released it before the gate was closed.
+    if (sem_getvalue(semaphore.get(), &value) != 0 || value > 0) {
+        return {Release::kWasFree, {}};
+    }
+    __real_sem_post(semaphore.get());
+    return {Release::kReleased, {}};
+}
+
+}  // namespace quillon

@@ -1,0 +1,90 @@
+/// The update semaphore as this program uses it.
+#ifndef QUILLON_QUILLONCTL_UPDATE_SLOT_H
+#define QUILLON_QUILLONCTL_UPDATE_SLOT_H
+
+#include <semaphore.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+
+#include "slot-holders.h"
+#include "slot-locks.h"
+
+namespace quillon {
+
+/// Raised out of the registry when the program was asked to end before an update began.
+struct UpdateInterrupted
+{
+};
+
+enum class Release {
+    kReleased,
+    kWasFree,
+    kHeld,      ///< somebody alive may hold it
+    kUnknown,   ///< there may be somebody, whom this user cannot see
+    kNoAccess,  ///< this user may not use the semaphore
+    kStuck      ///< a control layer that waits for it does not react
+};
+
+struct ReleaseResult
+{
+    Release release = Release::kWasFree;
+    std::vector<SlotHolder> holders;  ///< of kHeld
+};
+
+/// The registry waits for the semaphore before each update, and posts it afterwards; the program is
+/// linked so that these two calls arrive here. So the waiting can be interrupted and explained, and
+/// an end that nobody foresaw can give the semaphore back.
+class UpdateSlot
+{
+public:
+    using Clock = std::chrono::steady_clock;
+    using OnWaiting = std::function<void(const SlotHolders&)>;
+
+    static UpdateSlot& instance();
+
+    /// Opens the semaphore, and makes it where there is none.
+    /// @return false when it cannot be had
+    bool open();
+
+    /// @param onWaiting  called on the waiting thread when an update has to wait, and again
+    /// whenever
+    ///                   there is something new to say; empty for nobody
+    void explainTo(OnWaiting onWaiting) { m_onWaiting = std::move(onWaiting); }
+
+    /// How many updates have begun in this process.
+    int updatesBegun() const { return m_updatesBegun; }
+    /// When the last of them did.
+    Clock::time_point lastBegan() const { return m_lastBegan; }
+
+    /// Posts the semaphore if this process holds it. Safe in a signal handler.
+    void giveBack();
+
+    /// Releases a semaphore whose holder is no more.
+    static ReleaseResult release();
+
+    /// @name What the registry calls
+    /// @{
+    bool isOwn(const sem_t* semaphore) const { return semaphore == m_semaphore; }
+    /// Raises UpdateInterrupted.
+    void acquire();
+    void post();
+    /// @}
+
+private:
+    bool tryFor(std::chrono::milliseconds time);
+
+    std::unique_ptr<SlotLocks> m_locks;
+    sem_t* m_semaphore = nullptr;
+    pid_t m_process = 0;
+    std::atomic<bool> m_held{false};
+    int m_updatesBegun = 0;
+    Clock::time_point m_lastBegan;
+    OnWaiting m_onWaiting;
+};
+
+}  // namespace quillon
+
+#endif
