@@ -34,6 +34,7 @@ BackgroundLayer::BackgroundLayer(const std::vector<std::string>& arguments, bool
     std::vector<std::string> words = {"quillonctl"};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (std::string& word : words) {
         argv.push_back(word.data());
     }
@@ -41,7 +42,8 @@ BackgroundLayer::BackgroundLayer(const std::vector<std::string>& arguments, bool
     pid_ = onTerminal ? ::forkpty(&terminal_, nullptr, nullptr, nullptr) : ::fork();
     if (pid_ == 0) {
         for (const int signal : {SIGHUP, SIGINT, SIGQUIT}) {
-            ::signal(signal, SIG_DFL);  // a test run in the background ignores them
+            static_cast<void>(
+                ::signal(signal, SIG_DFL));  // a test run in the background ignores them
         }
         if (!onTerminal) {
             const int file = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);

@@ -18,8 +18,7 @@ namespace quillon {
 
 namespace {
 
-constexpr const char* kCrashed =
-    "\nquillonctl: a module has crashed; the update semaphore is released\n";
+constexpr const char* kCrashed = "\nquillonctl: a module has crashed in its update\n";
 
 std::function<void(const std::string&)> g_onEnd;
 std::atomic<bool> g_isOurs{false};
@@ -55,12 +54,11 @@ void onExit()
 
 void onCrash(int signal)
 {
-    if (getpid() == g_process) {
-        UpdateSlot::instance().giveBack();
+    if (getpid() == g_process && UpdateSlot::instance().giveBack()) {
         [[maybe_unused]] const ssize_t written =
             write(STDERR_FILENO, kCrashed, std::strlen(kCrashed));
     }
-    raise(signal);  // its usual effect has been restored
+    static_cast<void>(raise(signal));  // its usual effect has been restored
 }
 
 }  // namespace

@@ -63,8 +63,8 @@ bool isLeftToChild(int signal)
     if (getpid() == g_process.load()) {
         return false;
     }
-    ::signal(signal, SIG_DFL);
-    raise(signal);  // arrives when the handler has returned
+    static_cast<void>(::signal(signal, SIG_DFL));
+    static_cast<void>(raise(signal));  // arrives when the handler has returned
     return true;
 }
 
@@ -168,6 +168,7 @@ bool& runningUntilInterrupted(std::function<void()> abandon)
 
 void holdOffSignals()
 {
+    g_process = getpid();
     for (int signal = 1; signal <= SIGRTMAX; ++signal) {
         if (!isWorthHoldingOff(signal)) {
             continue;

@@ -174,7 +174,7 @@ void ModuleVerbs::endBecauseOf(const std::string& who)
     const int code = fail(m_isUpdating ? kExitUpdateFailed : kExitUnusableModule,
                           who + " has ended the program");
     abandon();
-    UpdateSlot::instance().giveBack();
+    static_cast<void>(UpdateSlot::instance().giveBack());
     _exit(closeOutput(code));
 }
 

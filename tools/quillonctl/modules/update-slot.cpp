@@ -137,16 +137,14 @@ void UpdateSlot::acquire()
     m_lastBegan = Clock::now();
 }
 
-void UpdateSlot::giveBack()
+bool UpdateSlot::giveBack()
 {
-    if (getpid() == m_process && m_held.exchange(false)) {
-        __real_sem_post(m_semaphore);
-    }
+    return getpid() == m_process && m_held.exchange(false) && __real_sem_post(m_semaphore) == 0;
 }
 
 void UpdateSlot::post()
 {
-    giveBack();
+    static_cast<void>(giveBack());
     m_locks->mayHold(false);
 }
 

@@ -60,7 +60,8 @@ public:
     Clock::time_point lastBegan() const { return m_lastBegan; }
 
     /// Posts the semaphore if this process holds it. Safe in a signal handler.
-    void giveBack();
+    /// @return whether it did
+    bool giveBack();
 
     /// Releases a semaphore whose holder is no more.
     static ReleaseResult release();
@@ -80,7 +81,7 @@ private:
     sem_t* m_semaphore = nullptr;
     pid_t m_process = 0;
     std::atomic<bool> m_held{false};
-    int m_updatesBegun = 0;
+    std::atomic<int> m_updatesBegun{0};
     Clock::time_point m_lastBegan;
     OnWaiting m_onWaiting;
 };
