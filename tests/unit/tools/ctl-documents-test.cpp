@@ -143,12 +143,11 @@ TEST(CtlManual, DescribesEveryOptionAndNoOther)
 
 TEST(CtlManual, ListsEveryEventOfItsVerbs)
 {
-    const std::string source =
-        contentOf(QUILLON_SOURCE_DIR "/tools/quillonctl/json-report.cpp");
+    const std::string source = contentOf(QUILLON_SOURCE_DIR "/tools/quillonctl/json-report.cpp");
     const Words events = allMatches(source, "Event\\(\"([a-z-]+)\"") +
                          allMatches(source, "eventObject\\(\"([a-z-]+)\"");
-    const Words listed = allMatches(
-        between(contentOf(kManual), ".Sh JSON OUTPUT", ".It modules\n"), "^\\.It ([a-z-]+)$");
+    const Words listed = allMatches(between(contentOf(kManual), ".Sh JSON OUTPUT", ".It modules\n"),
+                                    "^\\.It ([a-z-]+)$");
 
     EXPECT_THAT(listed, ContainerEq(events));
 }
