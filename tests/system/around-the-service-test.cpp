@@ -22,7 +22,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
-using ::testing::Not;
 using ::testing::Optional;
 
 constexpr uid_t kStranger = 1234;

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <string>
 #include <thread>
 
@@ -27,7 +26,7 @@ public:
     {
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
-        std::strcpy(address.sun_path, kPath);
+        std::string(kPath).copy(address.sun_path, sizeof address.sun_path - 1);
         unlink(kPath);
         socket_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
         EXPECT_EQ(bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
