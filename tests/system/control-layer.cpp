@@ -46,6 +46,7 @@ BackgroundLayer::BackgroundLayer(const std::vector<std::string>& arguments, bool
                 ::signal(signal, SIG_DFL));  // a test run in the background ignores them
         }
         if (!onTerminal) {
+            ::setpgid(0, 0);
             const int file = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
             ::dup2(file, STDOUT_FILENO);
             ::dup2(file, STDERR_FILENO);
@@ -80,6 +81,11 @@ bool BackgroundLayer::says(const std::string& text) const
 void BackgroundLayer::send(int signal) const
 {
     ::kill(pid_, signal);
+}
+
+void BackgroundLayer::sendToAll(int signal) const
+{
+    ::kill(-pid_, signal);
 }
 
 void BackgroundLayer::hangUp()

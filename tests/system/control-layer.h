@@ -27,6 +27,8 @@ public:
     /// Waits until it has written that.
     bool says(const std::string& text) const;
     void send(int signal) const;
+    /// As a terminal does: to all processes that it has started as well.
+    void sendToAll(int signal) const;
     /// Takes its terminal away.
     void hangUp();
     /// @return the exit code, or minus the signal that ended it

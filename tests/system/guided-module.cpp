@@ -1,5 +1,17 @@
-// A firmware module that ends the process that it was loaded into, in the way and at the moment
-// that the first word of /etc/quillon-test/NAME.conf says, for instance "exit-in-doUpdate".
+// A firmware module that does something to the process that it was loaded into. What and when, the
+// first word of /etc/quillon-test/NAME.conf says:
+//
+//   exit-in-ENTRY   ends it
+//   crash-in-ENTRY  crashes
+//   fork-in-ENTRY   forks a process, which exits
+//   kill-in-ENTRY   forks a process, ends it with SIGTERM, and tells in /tmp/quillon-test-child
+//   what
+//                   signal ended it
+//   wait-in-ENTRY   waits until there is a file /tmp/quillon-test-go
+//   tool-in-ENTRY   starts a program that waits so, and tells in /tmp/quillon-test-child how it
+//   ended
+//
+// As the other test plug-ins it tells what it is asked in /tmp/quillon-test-NAME.log.
 
 #include <dlfcn.h>
 #include <signal.h>
@@ -34,6 +46,10 @@ void actAt(const std::string& moment)
     std::ifstream("/etc/quillon-test/" + ownName() + ".conf") >> word;
     while (word == "wait-in-" + moment && ::access("/tmp/quillon-test-go", F_OK) != 0) {
         ::usleep(1000);
+    }
+    if (word == "tool-in-" + moment) {
+        const int status = std::system("until test -e /tmp/quillon-test-go; do sleep 0.01; done");
+        std::ofstream("/tmp/quillon-test-child") << status;
     }
     if (word == "exit-in-" + moment) {
         std::exit(0);

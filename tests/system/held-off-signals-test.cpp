@@ -42,6 +42,24 @@ TEST_F(HeldOffSignals, DoNotEndAnUpdate)
     EXPECT_EQ(semaphoreValue(), 1);
 }
 
+TEST_F(HeldOffSignals, OfTheTerminalDoNotEndTheProgramThatAModuleUpdatesWith)
+{
+    installGuided("alpha", "tool-in-doUpdate");
+    BackgroundLayer layer(kUpdateAlpha);
+    ASSERT_TRUE(isFlashing("alpha"));
+
+    layer.sendToAll(SIGINT);
+    ASSERT_TRUE(layer.says("no other one is begun after it"));
+    layer.sendToAll(SIGQUIT);
+    layer.sendToAll(SIGHUP);
+    goOn();
+
+    EXPECT_EQ(layer.wait(), 0) << layer.output();
+    int status = -1;
+    std::ifstream("/tmp/quillon-test-child") >> status;
+    EXPECT_EQ(status, 0) << "how the program ended";
+}
+
 TEST_F(HeldOffSignals, AreNotHeldOffFromWhatAModuleStarts)
 {
     installGuided("alpha", "kill-in-doUpdate");

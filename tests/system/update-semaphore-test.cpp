@@ -7,7 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <filesystem>
 #include <memory>
 
 #include "system/control-layer.h"
@@ -15,6 +15,8 @@
 
 namespace quillon::test {
 namespace {
+
+namespace fs = std::filesystem;
 
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -115,6 +117,33 @@ TEST_F(UpdateSemaphore, IsReleasedOnceHoweverManyReleaseIt)
             released += result.out != "Nothing is locked\n" ? 1 : 0;
         }
         EXPECT_EQ(released, 1);
+        ASSERT_EQ(semaphoreValue(), 1) << "in round " << round;
+    }
+}
+
+TEST_F(UpdateSemaphore, IsNotReleasedFromWhoHasJustGotIt)
+{
+    for (int round = 0; round < 5; ++round) {
+        leaveSemaphoreBehind();
+        fs::remove("/tmp/quillon-test-go");
+        fs::remove("/tmp/quillon-test-alpha.log");
+        BackgroundLayer layer(kUpdateAlpha);
+        ASSERT_TRUE(layer.says("Waiting for another update on this device\n"));
+        std::vector<std::unique_ptr<CtlProgram>> programs;
+        for (int i = 0; i < 4; ++i) {
+            programs.push_back(std::make_unique<CtlProgram>(kUnlock));
+        }
+        int released = 0;
+        for (const auto& program : programs) {
+            const CtlResult result = program->finish();
+            EXPECT_THAT(result.exitCode, testing::AnyOf(0, 8)) << result.err;
+            released += result.out.find("is released") != std::string::npos ? 1 : 0;
+        }
+        EXPECT_EQ(released, 1);
+        ASSERT_TRUE(isFlashing("alpha"));
+        EXPECT_EQ(semaphoreValue(), 0);
+        goOn();
+        EXPECT_EQ(layer.wait(), 0) << layer.output();
         ASSERT_EQ(semaphoreValue(), 1) << "in round " << round;
     }
 }

@@ -12,6 +12,7 @@
 #include <thread>
 #include <utility>
 
+#include "all-signals-blocked.h"
 #include "exit-codes.h"
 
 namespace quillon {
@@ -80,9 +81,6 @@ void request(int signal)
     }
     const int callersErrno = errno;
     const State state = g_state.load();
-    if (signal == SIGHUP && g_hasBegun.load()) {
-        return;
-    }
     const bool isFirst = __atomic_exchange_n(&g_running, false, __ATOMIC_SEQ_CST);
     if (state == State::kUpdating) {
         [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, kHeld, std::strlen(kHeld));
@@ -101,6 +99,16 @@ void on(int signal, void (*handler)(int))
     action.sa_handler = handler;
     action.sa_flags = SA_RESTART;
     sigaction(signal, &action, nullptr);
+}
+
+/// What a terminal sends to all its programs when somebody presses Ctrl-C or Ctrl-backslash.
+sigset_t fromKeyboard()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGQUIT);
+    return signals;
 }
 
 bool hasDefaultAction(int signal)
@@ -139,16 +147,16 @@ void endWhenTheMainThreadDoesNot(const std::function<void()>& abandon)
     }
 }
 
-/// Starts a thread that takes no signals.
-void startEnder(std::function<void()> abandon)
+/// Takes those that the main thread has blocked.
+[[noreturn]] void takeRequests()
 {
-    sem_init(&g_wake, 0, 0);
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    std::thread(endWhenTheMainThreadDoesNot, std::move(abandon)).detach();
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    const sigset_t signals = fromKeyboard();
+    for (;;) {
+        int signal = 0;
+        if (sigwait(&signals, &signal) == 0) {
+            request(signal);
+        }
+    }
 }
 
 }  // namespace
@@ -156,7 +164,10 @@ void startEnder(std::function<void()> abandon)
 bool& runningUntilInterrupted(std::function<void()> abandon)
 {
     g_process = getpid();
-    startEnder(std::move(abandon));
+    sem_init(&g_wake, 0, 0);
+    const AllSignalsBlocked blocked;
+    std::thread(endWhenTheMainThreadDoesNot, std::move(abandon)).detach();
+    std::thread(takeRequests).detach();
     for (const int signal : {SIGINT, SIGTERM, SIGQUIT}) {
         on(signal, request);
     }
@@ -198,11 +209,19 @@ void mayBeginUpdating()
     }
 }
 
+// The programs that a module starts are on the same terminal. What it sends must not end them, so
+// they inherit that these signals are ignored. This process still gets them: what is blocked is
+// kept although it is ignored, until somebody waits for it.
 void beginUpdating()
 {
     mayBeginUpdating();
     g_hasBegun = true;
     g_state = State::kUpdating;
+    const sigset_t signals = fromKeyboard();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    for (const int signal : {SIGINT, SIGQUIT, SIGHUP}) {
+        on(signal, SIG_IGN);
+    }
 }
 
 void didNotBeginUpdating()
@@ -212,7 +231,13 @@ void didNotBeginUpdating()
 
 void endUpdating()
 {
-    change(State::kUpdating, State::kOpen);
+    if (!change(State::kUpdating, State::kOpen)) {
+        return;
+    }
+    on(SIGINT, request);
+    on(SIGQUIT, request);
+    const sigset_t signals = fromKeyboard();
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
 }  // namespace quillon

@@ -34,7 +34,8 @@ void takeOverTheEnd();
 void mayBeginUpdating();
 /// It has not begun. Without effect while an earlier one goes on.
 void didNotBeginUpdating();
-/// An update has begun: requests are answered with a line that says what becomes of them.
+/// An update has begun: requests are answered with a line that says what becomes of them. On the
+/// main thread, before the one that updates is started.
 void beginUpdating();
 /// Nothing is being flashed any more.
 void endUpdating();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "all-signals-blocked.h"
 #include "interruption.h"
 #include "update-slot.h"
 #include "update-workers.h"
@@ -56,6 +57,7 @@ UpdateWatch::UpdateWatch(const std::vector<const FWUpdateSymbol*>& modules, Modu
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_report.waitingForOthers(holders);
     });
+    const AllSignalsBlocked blocked;
     m_thread = std::thread([this] { loop(); });
 }
 
