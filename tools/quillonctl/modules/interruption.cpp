@@ -1,5 +1,6 @@
 #include "interruption.h"
 
+#include <pthread.h>
 #include <semaphore.h>
 #include <signal.h>
 #include <unistd.h>
@@ -41,7 +42,6 @@ constexpr const char* kHeld =
 bool g_running = true;
 std::atomic<State> g_state{State::kOpen};
 std::atomic<bool> g_hasBegun{false};
-std::atomic<pid_t> g_process{0};
 sem_t g_wake;  // posted by the first request
 static_assert(std::atomic<State>::is_always_lock_free, "it is used in signal handlers");
 
@@ -57,28 +57,12 @@ bool change(State from, State to)
     }
 }
 
-/// @return whether this is a process that a module has forked, where the signal has its usual
-/// effect
-bool isLeftToChild(int signal)
+void holdOff(int /*signal*/)
 {
-    if (getpid() == g_process.load()) {
-        return false;
-    }
-    static_cast<void>(::signal(signal, SIG_DFL));
-    static_cast<void>(raise(signal));  // arrives when the handler has returned
-    return true;
 }
 
-void holdOff(int signal)
+void request(int /*signal*/)
 {
-    static_cast<void>(isLeftToChild(signal));
-}
-
-void request(int signal)
-{
-    if (isLeftToChild(signal)) {
-        return;
-    }
     const int callersErrno = errno;
     const State state = g_state.load();
     const bool isFirst = __atomic_exchange_n(&g_running, false, __ATOMIC_SEQ_CST);
@@ -147,6 +131,34 @@ void endWhenTheMainThreadDoesNot(const std::function<void()>& abandon)
     }
 }
 
+// In a process that a module forks the signals have their usual effect. None may arrive there
+// before.
+thread_local sigset_t g_beforeFork;
+
+void blockForFork()
+{
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &g_beforeFork);
+}
+
+void unblockInParent()
+{
+    pthread_sigmask(SIG_SETMASK, &g_beforeFork, nullptr);
+}
+
+void leaveSignalsToChild()
+{
+    for (int signal = 1; signal <= SIGRTMAX; ++signal) {
+        struct sigaction action = {};
+        if (sigaction(signal, nullptr, &action) == 0 &&
+            (action.sa_handler == holdOff || action.sa_handler == request)) {
+            on(signal, SIG_DFL);
+        }
+    }
+    pthread_sigmask(SIG_SETMASK, &g_beforeFork, nullptr);
+}
+
 /// Takes those that the main thread has blocked.
 [[noreturn]] void takeRequests()
 {
@@ -163,8 +175,8 @@ void endWhenTheMainThreadDoesNot(const std::function<void()>& abandon)
 
 bool& runningUntilInterrupted(std::function<void()> abandon)
 {
-    g_process = getpid();
     sem_init(&g_wake, 0, 0);
+    pthread_atfork(blockForFork, unblockInParent, leaveSignalsToChild);
     const AllSignalsBlocked blocked;
     std::thread(endWhenTheMainThreadDoesNot, std::move(abandon)).detach();
     std::thread(takeRequests).detach();
@@ -179,7 +191,6 @@ bool& runningUntilInterrupted(std::function<void()> abandon)
 
 void holdOffSignals()
 {
-    g_process = getpid();
     for (int signal = 1; signal <= SIGRTMAX; ++signal) {
         if (!isWorthHoldingOff(signal)) {
             continue;
