@@ -56,7 +56,7 @@ std::string opensslReason()
 {
     const char* data = nullptr;
     int flags = 0;
-    const unsigned long code = ERR_peek_last_error_data(&data, &flags);
+    const unsigned long code = ERR_peek_last_error_line_data(nullptr, nullptr, &data, &flags);
     const char* reason = ERR_reason_error_string(code);
     std::string text = reason != nullptr ? reason : "no reason given";
     if ((flags & ERR_TXT_STRING) != 0 && data != nullptr && *data != '\0') {

@@ -1,5 +1,6 @@
 #include "keys.h"
 
+#include <openssl/ec.h>
 #include <openssl/pem.h>
 #include <openssl/rand.h>
 #include <openssl/rsa.h>
@@ -21,13 +22,27 @@ namespace {
 constexpr std::size_t kLargestFile = 65536;
 constexpr std::size_t kImageKeyItemSize = 32;
 constexpr std::size_t kUsedItemSize = 16;
-constexpr unsigned kSigningKeyBits = 4096;
+constexpr int kSigningKeyBits = 4096;
 constexpr char kImageKeyItem[] = "quillon";
-constexpr char kProvisioningCurve[] = "P-256";
+constexpr int kProvisioningCurve = NID_X9_62_prime256v1;  // P-256
 
 [[noreturn]] void refuseToCreate(const char* what)
 {
     throw ImageError(ImageFault::Key, std::string(what) + " cannot be made");
+}
+
+/// @param configure  says what key of that type it is to be
+/// @return null when OpenSSL cannot make it.
+template <typename Configure>
+UniqueKey generateKey(int type, Configure configure)
+{
+    const UniqueKeyContext context(EVP_PKEY_CTX_new_id(type, nullptr));
+    EVP_PKEY* key = nullptr;
+    if (!context || EVP_PKEY_keygen_init(context.get()) != 1 || !configure(context.get()) ||
+        EVP_PKEY_keygen(context.get(), &key) != 1) {
+        return nullptr;
+    }
+    return UniqueKey(key);
 }
 
 std::string takeText(BIO* bio)
@@ -155,11 +170,15 @@ void createKeys(const std::string& folder, bool replace)
         requireNoKeys(place);
     }
 
-    const UniqueKey key(EVP_RSA_gen(kSigningKeyBits));
+    const UniqueKey key = generateKey(EVP_PKEY_RSA, [](EVP_PKEY_CTX* context) {
+        return EVP_PKEY_CTX_set_rsa_keygen_bits(context, kSigningKeyBits) == 1;
+    });
     if (!key) {
         refuseToCreate("signing key");
     }
-    const UniqueKey provisioningKey(EVP_EC_gen(kProvisioningCurve));
+    const UniqueKey provisioningKey = generateKey(EVP_PKEY_EC, [](EVP_PKEY_CTX* context) {
+        return EVP_PKEY_CTX_set_ec_paramgen_curve_nid(context, kProvisioningCurve) == 1;
+    });
     if (!provisioningKey) {
         refuseToCreate("provisioning key");
     }

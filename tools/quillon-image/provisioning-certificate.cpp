@@ -9,6 +9,8 @@
 namespace quillon {
 namespace {
 
+constexpr long kVersion3 = 2;  // counted from 0
+
 constexpr int kSerialBits = 127;
 constexpr char kNeverExpires[] = "99991231235959Z";
 const unsigned char kName[] = "Quillon provisioning";
@@ -52,7 +54,7 @@ UniqueCertificate createProvisioningCertificate(EVP_PKEY* key)
 {
     UniqueCertificate certificate(X509_new());
     X509* made = certificate.get();
-    const bool done = made != nullptr && X509_set_version(made, X509_VERSION_3) == 1 &&
+    const bool done = made != nullptr && X509_set_version(made, kVersion3) == 1 &&
                       setRandomNumber(made) && setNames(made) && setTimes(made) &&
                       X509_set_pubkey(made, key) == 1 &&
                       addExtension(made, NID_basic_constraints, "critical,CA:FALSE") &&
