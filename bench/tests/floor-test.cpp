@@ -16,13 +16,14 @@ namespace {
 constexpr const char* kModules = "/usr/fwupdate/controls";
 const std::string kDoNothing = BUILD_FOLDER "/bench/do-nothing";
 
-/// The libraries that a program is linked with, as its file lists them.
+/// The libraries that a program is linked with, as its file lists them. The dynamic linker, which
+/// is in every process, is named by some linkers only.
 std::vector<std::string> librariesOf(const std::string& program)
 {
     std::vector<std::string> libraries;
     std::istringstream lines(outputOf({"readelf", "--dynamic", "--wide", program}));
     for (std::string line; std::getline(lines, line);) {
-        if (line.find("(NEEDED)") != std::string::npos) {
+        if (line.find("(NEEDED)") != std::string::npos && line.find("[ld-") == std::string::npos) {
             libraries.push_back(line.substr(line.find('[')));
         }
     }
