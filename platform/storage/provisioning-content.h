@@ -22,9 +22,8 @@ constexpr std::size_t kLargestItem = 65536;      ///< bytes; an item has at leas
 constexpr std::size_t kLongestHeadLine = 256;    ///< bytes; every well-formed line is shorter
 constexpr std::size_t kLargestPackage = 131072;  ///< bytes, with signature and certificates
 
-/// @return true for 1 to 64 characters of A-Z a-z 0-9 . _ - that neither begin with a dot nor end
-/// in
-///         ".cred", which marks the file of a sealed item.
+/// @return true for 1 to 64 characters of A-Z a-z 0-9 . _ - that neither begin with a dot nor
+///         end in ".cred", which marks the file of a sealed item.
 bool isItemName(std::string_view name);
 
 /// Item and payload point into the bytes that were parsed.

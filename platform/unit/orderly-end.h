@@ -13,9 +13,8 @@ namespace quillon::unit {
 ///
 /// Whatever goes wrong is said and does not end the waiting: who returns early lets the service be
 /// killed in the middle of an update.
-/// @param process  the service. 0, which is a service that has ended by itself: nothing is done,
-/// and
-///                 a marker that it has left behind still tells how it ended
+/// @param process  the service. 0 is one that has ended by itself: nothing is done, and a marker
+///                 that it has left behind still tells how it ended
 /// Needs root's rights. Thread: any.
 void endAndWait(const std::string& lifeMarker, pid_t process);
 

@@ -22,9 +22,8 @@ struct ImagePurpose
     std::uint32_t counter = 0;  ///< security counter: higher where an older image is unsafe
 };
 
-/// @return whether a text can be a device's model: 1 to 64 printable ASCII characters, the first
-/// and
-///         the last of them no blank.
+/// @return whether a text can be a device's model: 1 to 64 printable ASCII characters, of which
+///         neither the first nor the last is a blank.
 bool isModelName(const std::string& text);
 
 /// @throws ImageError with ImageFault::Signature when SHA-256 cannot be computed.

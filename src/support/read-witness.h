@@ -47,8 +47,7 @@ public:
     /// What a verifier is to be asked about. To be called once, at the end.
     /// @param[out] digest   of every byte before the trailer
     /// @return false when there is no answer: the image is shorter than a trailer, not all of it
-    /// was
-    ///         seen, no digest was wanted, or memory ran out.
+    ///         was seen, no digest was wanted, or memory ran out.
     bool testify(Sha256& digest, ImageTrailerBytes& trailer);
 
 private:

@@ -49,8 +49,7 @@ public:
     /// @return false when it cannot be had
     bool open();
 
-    /// @param onWaiting  called on the waiting thread when an update has to wait, and again
-    /// whenever
+    /// @param onWaiting  called on the waiting thread when an update has to wait, and again when
     ///                   there is something new to say; empty for nobody
     void explainTo(OnWaiting onWaiting) { m_onWaiting = std::move(onWaiting); }
 
