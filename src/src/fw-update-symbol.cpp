@@ -288,7 +288,9 @@ int FWUpdateSymbol::loadSymbol(const std::string& name)
     if (realpath(path.c_str(), resolved.data()) == nullptr) {
         return -1;
     }
-    libName_ = std::make_shared<const std::string>(name);
+    if (name != *libName_) {
+        libName_ = std::make_shared<const std::string>(name);
+    }
 
     void* handle = dlopen(resolved.data(), RTLD_NOW);
     if (handle == nullptr) {
