@@ -11,8 +11,15 @@ namespace {
 
 constexpr std::size_t kChunkSize = 65536;
 
+/// In bytes. The service takes no more either, and a file with a hole may seem to have any number.
+constexpr std::uint64_t kLargestFile = 2147483647;
+
 ImageTrailer readTrailer(const RegularFile& file)
 {
+    if (file.size() > kLargestFile) {
+        throw notSigned(file.path(),
+                        "longer than " + std::to_string(kLargestFile) + " bytes, the most");
+    }
     if (file.size() < kTrailerSize) {
         throw notSigned(file.path(), "too short for a signature trailer");
     }

@@ -111,6 +111,17 @@ TEST_F(Signature, IsNotFoundInAFileShorterThanATrailer)
     EXPECT_THAT(said, HasSubstr("not signed: too short for a signature trailer"));
 }
 
+TEST_F(Signature, IsNotLookedForInAFileThatIsLongerThanAnyImage)
+{
+    // A hole costs nothing to make, and years to read.
+    writeAll(image, content);
+    std::filesystem::resize_file(image, (std::uintmax_t{1} << 40U) - 534);
+    std::ofstream(image, std::ios::app | std::ios::binary) << content.substr(content.size() - 534);
+
+    EXPECT_EQ(verify(image), 0);
+    EXPECT_THAT(said, HasSubstr("not signed: longer than 2147483647 bytes, the most"));
+}
+
 TEST_F(Signature, CoversAContentOfManyReads)
 {
     makeImage(image, "a", "2.0", std::string(300000, 'x'));
