@@ -88,6 +88,12 @@ FloorResult raiseStoredFloors(const std::string& package, const Floors& floors)
     Floors after = before;
     raiseFloors(after, floors);
     const std::string text = floorsText(after);
+    if (text.size() > kLargestTrustFile) {
+        // Written, it could not be read again, and nothing would be trusted any more.
+        PLATFORM_LOGE("%s brings too many security floors: %s has room for %zu bytes",
+                      package.c_str(), kPath.c_str(), kLargestTrustFile);
+        return FloorResult::kFailed;
+    }
     if (after != before && !replaceFile(folder, kPath.substr(folder.size() + 1),
                                         SecretBytes(text.begin(), text.end()), kFileMode)) {
         PLATFORM_LOGE("%s cannot be written: %m", kPath.c_str());

@@ -16,7 +16,6 @@
 namespace quillon {
 namespace {
 
-constexpr std::size_t kLargestFile = 65536;
 constexpr char kBlanks[] = " \t\r";
 constexpr char kFloorPrefix[] = "floor.";
 constexpr char kImageSuffix[] = ".bin";
@@ -51,7 +50,7 @@ bool isMissing(const std::string& path)
 std::string readText(const std::string& path)
 {
     try {
-        return readSmallFile(path, kLargestFile);
+        return readSmallFile(path, kLargestTrustFile);
     } catch (const ImageError& error) {
         throw ImageError(error.fault(),
                          std::string(error.what()) + "; it has to be a file that all may read");
@@ -60,6 +59,9 @@ std::string readText(const std::string& path)
 
 std::string takeLine(const std::string& line, std::vector<std::string>& seen, const Taker& take)
 {
+    if (line.find('\r') != std::string::npos) {
+        return "a carriage return within the line; end lines with a line feed";
+    }
     const std::size_t sign = line.find('=');
     if (sign == std::string::npos) {
         return "not \"SETTING = VALUE\"; correct or remove the line";
@@ -81,7 +83,8 @@ void readSettings(const std::string& path, const Taker& take)
         const std::size_t end = std::min(text.find('\n', start), text.size());
         const std::string line = trimmed(text.substr(start, end - start));
         start = end + 1;
-        if (line.empty() || line.front() == '#') {
+        const bool isComment = line.empty() || line.front() == '#';
+        if (isComment && line.find('\r') == std::string::npos) {
             continue;
         }
         const std::string defect = takeLine(line, seen, take);

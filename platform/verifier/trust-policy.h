@@ -1,6 +1,7 @@
 #ifndef QUILLON_PLATFORM_VERIFIER_TRUST_POLICY_H
 #define QUILLON_PLATFORM_VERIFIER_TRUST_POLICY_H
 
+#include <cstddef>
 #include <string>
 
 #include "image-signature.h"
@@ -18,6 +19,9 @@ struct TrustPolicy
     std::string place = "the trust policy";  ///< where the model is named, for messages
     Floors floors;
 };
+
+/// The largest policy or floors file, in bytes.
+constexpr std::size_t kLargestTrustFile = 65536;
 
 /// Reads a policy file, lines of "SETTING = VALUE", blank or beginning with '#':
 ///

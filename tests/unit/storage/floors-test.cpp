@@ -95,6 +95,22 @@ TEST_F(Floor, IsRaisedAndNeverLowered)
     EXPECT_EQ(readFile(kFloors), "floor.camera = 3\nfloor.tuner = 7\n");
 }
 
+TEST_F(Floor, ThatTheFileHasNoRoomForIsRefusedAndTrustsNoLess)
+{
+    ASSERT_EQ(installFloors("floor tuner 7\n"), 0);
+    const std::string before = readFile(kFloors);
+    std::string many;
+    for (int i = 0; i < 3000; ++i) {
+        many += "floor module" + std::to_string(i) + "ofaverylongname 4294967295\n";
+    }
+
+    EXPECT_EQ(installFloors(many), kStorageFailed);
+
+    EXPECT_EQ(readFile(kFloors), before);
+    EXPECT_THAT(captured.lines(), Contains(HasSubstr("brings too many security floors")));
+    EXPECT_EQ(installFloors("floor tuner 8\n"), 0) << "the next package is taken";
+}
+
 TEST_F(Floor, OfAStrangerRaisesNothing)
 {
     const Maker stranger = makeMaker();

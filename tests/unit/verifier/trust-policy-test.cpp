@@ -81,6 +81,8 @@ TEST_F(Policy, AWrongLineTrustsNothingAndSaysWhichAndWhatToDo)
     expectNothingTrusted(at + "a model has 1 to 64 printable ASCII characters");
     putPolicy("model = TV2024\nmodel = TV2024\n");
     expectNothingTrusted(at + "\"model\" for the second time; remove one of the lines");
+    putPolicy("model = TV2024\n# old ends of lines\rformat-1 = refused\n");
+    expectNothingTrusted(at + "a carriage return within the line; end lines with a line feed");
     putPolicy("model = TV2024\nprovisioning-purpose = yes\n");
     expectNothingTrusted(at + "\"yes\" has to be \"required\" or \"optional\"");
 }
