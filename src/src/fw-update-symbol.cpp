@@ -148,7 +148,8 @@ unsigned char* aes_256_cbc_all(std::FILE* fp, const unsigned char* ckey, const u
                              static_cast<int>(fed));
             written += chunk;
         }
-    } while (n == kCipherBlock);
+        // A file that grows as fast as it is read would have no end.
+    } while (n == kCipherBlock && (witness == nullptr || !witness->sawMore()));
 
     // A wrong key or a damaged image shows here and is not reported on purpose: the output is then
     // only shorter, and the plug-in's own checks refuse it. Enciphering next to nothing needs more
@@ -187,7 +188,16 @@ unsigned char* decipherImage(std::FILE* file, const unsigned char* ckey, const u
     return data;
 }
 
+/// The image's path, under the very name of the module: a stick directory without its final "/"
+/// lends the opened file a longer one, which may be that of another module.
+std::string ownImagePath(const std::string& directory, const std::string& firmwareName)
+{
+    const bool isEnded = !directory.empty() && directory.back() == '/';
+    return directory + (isEnded ? "" : "/") + firmwareName + ".bin";
+}
+
 /// Whether the verifier stands by what was really read of the image, when it can be asked.
+/// @param path  names the module that it is for
 bool isDigestSigned(quillon::ReadWitness& witness, const std::string& path)
 {
     const auto verify = digestVerifier.load();
@@ -601,9 +611,14 @@ unsigned long FWUpdateSymbol::getBinaryCRC32(const std::string& path)
     }
 
     std::uint32_t crc = 0;
+    off_t read = 0;
     std::array<unsigned char, kChecksumBlock> block;
     while (const std::size_t n = std::fread(block.data(), 1, block.size(), file.get())) {
         crc = quillon::imageChecksum(crc, block.data(), n);
+        read += static_cast<off_t>(n);
+        if (read > opened.st_size) {
+            break;  // it grows, or is a file without an end, as the kernel has some
+        }
     }
     return crc;
 }
@@ -862,7 +877,7 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* path)
     const VersionHeader header = versionHeaderOf(data, outlen);
     outlen -= FW_PLUGIN_HEADER_SIZE;
     image.reset();
-    if (!isDigestSigned(witness, imagePath)) {
+    if (!isDigestSigned(witness, ownImagePath(path, firmwareName_))) {
         FW_LOGE("Error: %s file is NOT signed ", imagePath.c_str());
         return -1;
     }
@@ -942,7 +957,7 @@ int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* pat
     const quillon::UnseenMemory plaintext(data, static_cast<std::size_t>(size));
     const VersionHeader header = versionHeaderOf(data, outlen);
     image.reset();
-    if (!isDigestSigned(witness, imagePath)) {
+    if (!isDigestSigned(witness, ownImagePath(path, firmwareName_))) {
         FW_LOGE("Error: %s is NOT signed ", imagePath.c_str());
         return -1;
     }

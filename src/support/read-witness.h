@@ -44,6 +44,9 @@ public:
     ///         well, and are not looked at.
     bool sawAll() const { return seen_ >= size_; }
 
+    /// @return whether more bytes were seen than that.
+    bool sawMore() const { return seen_ > size_; }
+
     /// What a verifier is to be asked about. To be called once, at the end.
     /// @param[out] digest   of every byte before the trailer
     /// @return false when there is no answer: the image is shorter than a trailer, not all of it

@@ -16,10 +16,13 @@ inline std::string toUpper(std::string text)
 }
 
 /// The empty text, for interfaces that want a `char*` and may keep it: it lives as long as the
-/// process. Nobody writes to it.
+/// process. Nobody should write to it; where somebody has, it is empty again for the next one.
 inline char* emptyText()
 {
-    static char text[] = "";
+    static char text[2] = "";
+    if (__atomic_load_n(&text[0], __ATOMIC_RELAXED) != '\0') {
+        __atomic_store_n(&text[0], '\0', __ATOMIC_RELAXED);
+    }
     return text;
 }
 

@@ -108,6 +108,19 @@ TEST_F(UpdateList, AsksForTheServiceAndMarksTheModules)
     EXPECT_EQ(module("alpha").getExpectedUpdateTime(), 33);
 }
 
+TEST_F(UpdateList, AsksWithAnArgumentThatStaysValid)
+{
+    std::vector<char*> arguments;
+    addModule("alpha", Module().needsUpdate().onSetContext(
+                           [&](const char*, char* text) { arguments.push_back(text); }));
+    start();
+
+    EXPECT_EQ(write(), 1);
+
+    ASSERT_GE(arguments.size(), 2U) << "loading and checking";
+    EXPECT_EQ(arguments.back(), arguments.front());
+}
+
 TEST_F(UpdateList, OfNothingToUpdateIsEmpty)
 {
     install(Module().upToDate());

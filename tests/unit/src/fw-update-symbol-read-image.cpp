@@ -6,10 +6,12 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "support/advised-memory.h"
 #include "usb-images.h"
@@ -189,6 +191,54 @@ TEST_F(ReadImage, GrownAfterVerificationIsTakenAsItWasOpened)
     standBy(image);
     EXPECT_EQ(update(), 0);
     EXPECT_THAT(payloadsOf("alpha"), ElementsAre(noise(50000)));
+}
+
+TEST_F(ReadImage, ThatGrowsWithoutAnEndIsReadNoFurther)
+{
+    const Bytes image = Image().payload(noise(50000)).bytes();
+    standBy(image);
+    afterVerification([] { ASSERT_EQ(truncate(kImage, off_t{1} << 40), 0); });
+    alarm(20);
+
+    EXPECT_EQ(estimate(), 1);
+    standBy(image);
+    EXPECT_EQ(update(), 0);
+}
+
+TEST_F(ReadImage, IsAskedAboutUnderTheModulesOwnName)
+{
+    // A directory without its final "/" lends the file the name of another module.
+    install(Module().needsUpdate());
+    stick.addImage("xalpha", Image().bytes());
+    const EntryMatcher asked =
+        Plugin("verifyDigest(null, \"/opt/media/USBDriveA/x/alpha.bin\", \"UserCaller\") = 1");
+
+    EXPECT_EQ(module.getNeedUpdateList(key, "/opt/media/USBDriveA/x"), 1);
+    EXPECT_THAT(timeline(), ::testing::Contains(asked));
+    clear();
+    EXPECT_EQ(module.updateUSB(key, "/opt/media/USBDriveA/x"), 0);
+    EXPECT_THAT(timeline(), ::testing::Contains(asked));
+}
+
+TEST_F(ReadImage, TheEmptyArgumentBeforeItStaysValidAndEmpty)
+{
+    std::vector<char*> arguments;
+    std::vector<std::string> texts;
+    install(Module());
+    device.changeModule("alpha", Module().needsUpdate().onSetContext([&](const char*, char* text) {
+        arguments.push_back(text);
+        texts.emplace_back(text);
+        text[0] = 'Z';  // a module that breaks its contract harms no other
+    }));
+    standBy(Image().bytes());
+    std::array<char, 128> version{};
+
+    EXPECT_EQ(estimate(), 1);
+    EXPECT_EQ(update(), 0);
+    EXPECT_EQ(module.getActiveVersion(version.data()), 0);
+
+    EXPECT_THAT(arguments, ElementsAre(arguments.front(), arguments.front(), arguments.front()));
+    EXPECT_THAT(texts, ElementsAre("", "", ""));
 }
 
 TEST_F(ReadImage, ShorterThanATrailerIsNotSigned)

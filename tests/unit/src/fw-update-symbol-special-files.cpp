@@ -117,6 +117,17 @@ TEST_F(SpecialFiles, ADeviceIsNoImageEvenWhereItsChecksumWouldBeRight)
     expectNoImage(kShared);
 }
 
+TEST_F(SpecialFiles, AFileWithoutAnEndIsNoImage)
+{
+    offer(kSharedFolder);
+    replaceByLink(std::string(kSharedFolder) + "/tunerA1.bin", "/proc/self/pagemap");
+    clear();
+
+    EXPECT_EQ(decide(CALLER_SHARED, noText), -1);
+
+    EXPECT_THAT(logTexts(), Contains("Error: tunerA1 Firmware CRC32 different"));
+}
+
 TEST_F(SpecialFiles, ALinkToARegularFileIsFollowed)
 {
     offer(kSharedFolder);
