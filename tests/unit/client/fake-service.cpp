@@ -90,9 +90,14 @@ void FakeService::run()
 
 void FakeService::handle(const MQData& request)
 {
-    const auto own = m_handlers.find(request.command);
-    if (own != m_handlers.end()) {
-        own->second(request);
+    Handler* own = nullptr;  // not a copy: it may keep something from call to call
+    {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        const auto found = m_handlers.find(request.command);
+        own = found == m_handlers.end() ? nullptr : &found->second;
+    }
+    if (own != nullptr) {
+        (*own)(request);
         return;
     }
     switch (request.command) {

@@ -56,7 +56,11 @@ public:
     /// client's own query right behind the start uses no "running" up.
     void answerAfterStart(std::deque<Answer> answers) { m_run = std::move(answers); }
     /// Takes the place of the usual behaviour for one command.
-    void on(int command, Handler handler) { m_handlers[command] = std::move(handler); }
+    void on(int command, Handler handler)
+    {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        m_handlers[command] = std::move(handler);
+    }
 
     // For handlers, and for tests that leave replies lying about.
     void reply(int result, int value = 0);
