@@ -5,6 +5,7 @@
 #include <sys/un.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 namespace quillon {
@@ -14,13 +15,15 @@ namespace quillon {
 bool HelperConnection::limitWaiting(int option) const
 {
     using std::chrono::microseconds;
-    constexpr long kSecond = 1000000;
-    const long left = std::chrono::duration_cast<microseconds>(deadline_ - Clock::now()).count();
+    constexpr std::int64_t kSecond = 1000000;
+    const std::int64_t left =
+        std::chrono::duration_cast<microseconds>(deadline_ - Clock::now()).count();
     if (left <= 0) {
         errno = EAGAIN;
         return false;
     }
-    const timeval time = {left / kSecond, left % kSecond};
+    const timeval time = {static_cast<time_t>(left / kSecond),
+                          static_cast<suseconds_t>(left % kSecond)};
     return setsockopt(socket_.get(), SOL_SOCKET, option, &time, sizeof time) == 0;
 }
 
