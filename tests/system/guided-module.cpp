@@ -1,27 +1,35 @@
 // A firmware module that does something to the process that it was loaded into. What and when, the
-// first word of /etc/quillon-test/NAME.conf says:
+// words of /etc/quillon-test/NAME.conf say, one after another:
 //
-//   exit-in-ENTRY   ends it
-//   crash-in-ENTRY  crashes
-//   fork-in-ENTRY   forks a process, which exits
-//   kill-in-ENTRY   forks a process, ends it with SIGTERM, and tells in /tmp/quillon-test-child
-//   what
-//                   signal ended it
-//   wait-in-ENTRY   waits until there is a file /tmp/quillon-test-go
-//   tool-in-ENTRY   starts a program that waits so, and tells in /tmp/quillon-test-child how it
-//   ended
+//   exit-in-ENTRY    ends it
+//   crash-in-ENTRY   crashes
+//   fork-in-ENTRY    forks a process, which exits
+//   kill-in-ENTRY    forks a process, ends it with SIGTERM, and tells in /tmp/quillon-test-child
+//                    what signal ended it
+//   wait-in-ENTRY    waits until there is a file /tmp/quillon-test-go
+//   tool-in-ENTRY    starts a program that waits so, and tells in /tmp/quillon-test-child how it
+//                    ended
+//   rename-in-ENTRY  gives its thread another name
+//   thread-in-ENTRY  starts a thread that never ends
+//   nofile-in-ENTRY  takes the right to open files from it
+//   close-in-ENTRY   closes all its files but the standard ones
 //
 // As the other test plug-ins it tells what it is asked in /tmp/quillon-test-NAME.log.
 
 #include <dlfcn.h>
+#include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
+#include <sstream>
 #include <string>
+#include <thread>
 
 #include "fw-update-plugin.h"
 
@@ -38,26 +46,42 @@ std::string ownName()
     return name.substr(0, name.rfind(".so"));
 }
 
-void actAt(const std::string& moment)
+void act(const std::string& word, const std::string& moment)
 {
-    std::ofstream("/tmp/quillon-test-" + ownName() + ".log", std::ios::app)
-        << ownName() + "." + moment + "()\n";
-    std::string word;
-    std::ifstream("/etc/quillon-test/" + ownName() + ".conf") >> word;
-    while (word == "wait-in-" + moment && ::access("/tmp/quillon-test-go", F_OK) != 0) {
+    const auto is = [&](const char* what) { return word == what + ("-in-" + moment); };
+    while (is("wait") && ::access("/tmp/quillon-test-go", F_OK) != 0) {
         ::usleep(1000);
     }
-    if (word == "tool-in-" + moment) {
+    if (is("rename")) {
+        ::pthread_setname_np(::pthread_self(), "flasher");
+    }
+    if (is("thread")) {
+        std::thread([] {
+            for (;;) {
+                ::pause();
+            }
+        }).detach();
+    }
+    if (is("nofile")) {
+        const rlimit none = {};
+        ::setrlimit(RLIMIT_NOFILE, &none);
+    }
+    if (is("close")) {
+        for (int file = STDERR_FILENO + 1; file < 1024; ++file) {
+            ::close(file);
+        }
+    }
+    if (is("tool")) {
         const int status = std::system("until test -e /tmp/quillon-test-go; do sleep 0.01; done");
         std::ofstream("/tmp/quillon-test-child") << status;
     }
-    if (word == "exit-in-" + moment) {
+    if (is("exit")) {
         std::exit(0);
     }
-    if (word == "crash-in-" + moment) {
+    if (is("crash")) {
         std::abort();
     }
-    if (word == "kill-in-" + moment) {
+    if (is("kill")) {
         const pid_t child = ::fork();
         if (child == 0) {
             for (;;) {
@@ -69,12 +93,24 @@ void actAt(const std::string& moment)
         ::waitpid(child, &status, 0);
         std::ofstream("/tmp/quillon-test-child") << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
     }
-    if (word == "fork-in-" + moment) {
+    if (is("fork")) {
         const pid_t child = ::fork();
         if (child == 0) {
             std::exit(0);
         }
         ::waitpid(child, nullptr, 0);
+    }
+}
+
+void actAt(const std::string& moment)
+{
+    std::ofstream("/tmp/quillon-test-" + ownName() + ".log", std::ios::app)
+        << ownName() + "." + moment + "()\n";
+    std::ifstream words("/etc/quillon-test/" + ownName() + ".conf");
+    std::istringstream text{std::string(std::istreambuf_iterator<char>(words), {})};
+    words.close();
+    for (std::string word; text >> word;) {
+        act(word, moment);
     }
 }
 

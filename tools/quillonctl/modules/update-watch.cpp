@@ -6,7 +6,6 @@
 #include "all-signals-blocked.h"
 #include "interruption.h"
 #include "update-slot.h"
-#include "update-workers.h"
 
 namespace quillon {
 
@@ -50,7 +49,6 @@ UpdateWatch::UpdateWatch(const std::vector<const FWUpdateSymbol*>& modules, Modu
     for (const FWUpdateSymbol* module : modules) {
         Watched watched;
         watched.module = module;
-        watched.threadName = asThreadName(module->getFirmwareName());
         m_modules.push_back(watched);
     }
     UpdateSlot::instance().explainTo([this](const SlotHolders& holders) {
@@ -83,19 +81,29 @@ void UpdateWatch::loop()
     }
 }
 
+void UpdateWatch::assignNewWorkers()
+{
+    const std::vector<UpdateWorker> workers = updateWorkers();
+    for (; m_workersSeen < workers.size(); ++m_workersSeen) {
+        const UpdateWorker& worker = workers[m_workersSeen];
+        const auto found =
+            std::find_if(m_modules.begin(), m_modules.end(), [&](const Watched& watched) {
+                return !watched.worker && watched.module->getFirmwareName() == worker.firmwareName;
+            });
+        if (found != m_modules.end()) {
+            found->worker = worker;
+        }
+    }
+}
+
 void UpdateWatch::look()
 {
-    const std::set<std::string> threads = threadNames();
+    assignNewWorkers();
     const Clock::time_point now = Clock::now();
     for (Watched& watched : m_modules) {
-        watched.running = threads.count(watched.threadName) != 0;
-        if (!watched.running) {
-            continue;
-        }
-        if (watched.start == Clock::time_point()) {
-            watched.start = now;
-        }
-        watched.late = watched.late || now - watched.start > allowedTime(*watched.module);
+        watched.running = watched.worker && isAlive(*watched.worker);
+        watched.late = watched.late || (watched.running &&
+                                        now - watched.worker->began > allowedTime(*watched.module));
     }
 }
 
@@ -105,7 +113,7 @@ void UpdateWatch::show(const Watched& watched)
         m_shown = &watched;
         m_report.updating(watched.module->getLibName());
     }
-    const auto passed = std::chrono::duration_cast<seconds>(Clock::now() - watched.start);
+    const auto passed = std::chrono::duration_cast<seconds>(Clock::now() - watched.worker->began);
     const seconds expected = expectedTime(*watched.module);
     unsigned int percent = 0;
     int result = -1;
@@ -190,8 +198,7 @@ bool UpdateWatch::wasLate(const FWUpdateSymbol& module) const
 bool UpdateWatch::hasEscaped(const FWUpdateSymbol& module) const
 {
     const Watched* watched = find(module);
-    return watched != nullptr && watched->start == Clock::time_point() &&
-           m_lasted > allowedTime(module);
+    return watched != nullptr && !watched->late && m_lasted > allowedTime(module);
 }
 
 bool UpdateWatch::isStillRunning(const FWUpdateSymbol& module) const

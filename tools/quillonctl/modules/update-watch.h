@@ -5,12 +5,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
-#include <set>
-#include <string>
+#include <optional>
 #include <thread>
 #include <vector>
 
 #include "module-report.h"
+#include "update-workers.h"
 
 namespace quillon {
 
@@ -35,7 +35,7 @@ public:
     /// After finish(): whether the module was seen to overrun its time.
     bool wasLate(const FWUpdateSymbol& module) const;
     /// After finish(), for one module: whether the registry has waited to the end of its time for
-    /// an update that nobody saw running. An update that is over at once may escape the registry,
+    /// an update that was over before. An update that is over at once may escape the registry,
     /// which then takes it for late.
     bool hasEscaped(const FWUpdateSymbol& module) const;
     /// After finish(): whether its update is still running.
@@ -49,14 +49,14 @@ private:
     struct Watched
     {
         const FWUpdateSymbol* module = nullptr;
-        std::string threadName;
-        Clock::time_point start;  ///< zero until its update has been seen
+        std::optional<UpdateWorker> worker;  ///< none until its update has begun
         bool late = false;
         bool running = false;
     };
 
     void loop();
     void look();
+    void assignNewWorkers();
     void show(const Watched& watched);
     void waitForLate();
     bool waitUntilNoneRuns(Clock::duration limit);
@@ -68,6 +68,7 @@ private:
     const Watched* m_shown = nullptr;
     const Clock::time_point m_began = Clock::now();
     Clock::duration m_lasted{};
+    std::size_t m_workersSeen = updateWorkers().size();
 
     std::mutex m_mutex;
     std::condition_variable m_stop;

@@ -1,41 +1,56 @@
 #include "update-workers.h"
 
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
-#include <system_error>
+#include <cerrno>
+#include <mutex>
 
 namespace quillon {
 
 namespace {
 
-constexpr std::size_t kThreadNameLength = 15;
+std::mutex g_mutex;
+std::vector<UpdateWorker> g_workers;
+
+pid_t thisThread()
+{
+    return static_cast<pid_t>(syscall(SYS_gettid));
+}
+
+void note(const char* firmwareName)
+{
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    g_workers.push_back({firmwareName, thisThread(), std::chrono::steady_clock::now()});
+}
 
 }  // namespace
 
-std::set<std::string> threadNames()
+std::vector<UpdateWorker> updateWorkers()
 {
-    std::set<std::string> names;
-    const std::string mainThread = std::to_string(getpid());
-    std::error_code error;
-    std::filesystem::directory_iterator threads("/proc/self/task", error);
-    for (; !error && threads != std::filesystem::directory_iterator(); threads.increment(error)) {
-        if (threads->path().filename() == mainThread) {
-            continue;
-        }
-        std::ifstream file(threads->path() / "comm");
-        std::string name;
-        if (std::getline(file, name)) {  // a thread may end meanwhile
-            names.insert(name);
-        }
-    }
-    return names;
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    return g_workers;
 }
 
-std::string asThreadName(const std::string& name)
+bool isAlive(const UpdateWorker& worker)
 {
-    return name.substr(0, kThreadNameLength);
+    return syscall(SYS_tgkill, getpid(), worker.thread, 0) == 0 || errno != ESRCH;
 }
 
 }  // namespace quillon
+
+extern "C" {
+int __real_prctl(int option, const char* name, unsigned long third, unsigned long fourth,
+                 unsigned long fifth);
+
+// Process modules run on the main thread, and are not watched.
+__attribute__((used)) int __wrap_prctl(int option, const char* name, unsigned long third,
+                                       unsigned long fourth, unsigned long fifth)
+{
+    if (option == PR_SET_NAME && quillon::thisThread() != getpid()) {
+        quillon::note(name);
+    }
+    return __real_prctl(option, name, third, fourth, fifth);
+}
+}

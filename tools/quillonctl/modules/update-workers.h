@@ -1,18 +1,30 @@
-/// The threads on which modules are being updated.
+/// The threads on which the registry updates modules.
 #ifndef QUILLON_QUILLONCTL_UPDATE_WORKERS_H
 #define QUILLON_QUILLONCTL_UPDATE_WORKERS_H
 
-#include <set>
+#include <sys/types.h>
+
+#include <chrono>
 #include <string>
+#include <vector>
 
 namespace quillon {
 
-/// The names of this process's threads but the main one's. A module's update runs on a thread that
-/// bears its firmware's name, as far as the system keeps it.
-std::set<std::string> threadNames();
+/// The registry gives each worker its firmware's name before it works; the program is linked so
+/// that this call arrives here. What a module renames or starts later is therefore no worker, and
+/// nothing has to be read from /proc, which a module may have made unreadable.
+struct UpdateWorker
+{
+    std::string firmwareName;
+    pid_t thread = 0;
+    std::chrono::steady_clock::time_point began;
+};
 
-/// The part of a name that the system keeps for a thread.
-std::string asThreadName(const std::string& name);
+/// All that have begun in this process, the oldest first. Thread: any.
+std::vector<UpdateWorker> updateWorkers();
+
+/// Whether its thread still exists.
+bool isAlive(const UpdateWorker& worker);
 
 }  // namespace quillon
 

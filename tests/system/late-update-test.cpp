@@ -1,0 +1,47 @@
+// An update is followed by the thread on which it runs, whatever the module does to the process.
+
+#include "system/control-layer.h"
+
+namespace quillon::test {
+namespace {
+
+using ::testing::HasSubstr;
+
+const std::vector<std::string> kUpdateAlpha = {"modules", "update", "alpha", "--source", "system"};
+
+class LateUpdate : public ControlLayer
+{
+protected:
+    static void isWaitedFor(const std::string& what)
+    {
+        installGuided("alpha", what + "-in-doUpdate wait-in-doUpdate");
+        offer("alpha", 1);
+        BackgroundLayer layer(kUpdateAlpha);
+
+        EXPECT_TRUE(layer.says("The time of alpha is over, but it is still being updated"))
+            << layer.output();
+        goOn();
+        EXPECT_EQ(layer.wait(), 13);
+        EXPECT_THAT(layer.output(), HasSubstr("timed out"));
+    }
+};
+
+TEST_F(LateUpdate, IsWaitedForThoughTheModuleHasNamedItsThread)
+{
+    isWaitedFor("rename");
+}
+
+TEST_F(LateUpdate, IsWaitedForThoughNoFileCanBeOpened)
+{
+    isWaitedFor("nofile");
+}
+
+TEST_F(LateUpdate, IsNoneWhenOnlyAThreadGoesOnThatTheModuleHasStarted)
+{
+    installGuided("alpha", "thread-in-doUpdate");
+
+    EXPECT_EQ(of("alpha", json({"update", "alpha", "--source", "system"}))["outcome"], "updated");
+}
+
+}  // namespace
+}  // namespace quillon::test
