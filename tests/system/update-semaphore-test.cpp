@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <memory>
 
+#include "support/unique-handles.h"
 #include "system/control-layer.h"
 #include "system/privileged-helper.h"
 
@@ -185,6 +186,53 @@ TEST_F(UpdateSemaphore, IsNotReleasedByWhoCannotSeeEverybody)
     EXPECT_EQ(asOrdinaryUser, 9);
     EXPECT_EQ(semaphoreValue(), 0);
     EXPECT_EQ(json({"unlock"})["released"], true) << "root can";
+    EXPECT_EQ(semaphoreValue(), 1);
+}
+
+/// Locks bytes of the semaphore's file for reading, as other control layers do.
+class OthersLock
+{
+public:
+    OthersLock(off_t from, off_t length)
+    {
+        struct flock lock = {};
+        lock.l_type = F_RDLCK;
+        lock.l_start = from;
+        lock.l_len = length;
+        EXPECT_EQ(::fcntl(file_.get(), F_OFD_SETLK, &lock), 0);
+    }
+
+private:
+    UniqueDescriptor file_{::open("/dev/shm/sem.SEM_UPDATE_CONTROL", O_RDWR | O_CLOEXEC)};
+};
+
+TEST_F(UpdateSemaphore, IsNotReleasedWhileAnotherContainersProcessHasTheHoldersNumber)
+{
+    goOn();
+    ASSERT_EQ(runModules({"update", "alpha", "--source", "system"}).exitCode, 0);
+    fs::remove("/tmp/quillon-test-go");
+    fs::remove("/tmp/quillon-test-alpha.log");
+    const OthersLock allNumbers(3, 0);
+    BackgroundLayer layer(kUpdateAlpha);
+    ASSERT_TRUE(isFlashing("alpha"));
+
+    const ModulesResult unlock = runModules({"unlock"});
+
+    EXPECT_EQ(unlock.exitCode, 8);
+    EXPECT_THAT(unlock.err, HasSubstr("it may be held by a quillonctl whose process number is"));
+    goOn();
+    EXPECT_EQ(layer.wait(), 0);
+    EXPECT_EQ(semaphoreValue(), 1);
+}
+
+TEST_F(UpdateSemaphore, IsWaitedForAgainAfterAModuleHasClosedAllFiles)
+{
+    installGuided("alpha", "close-in-doUpdate");
+    installGuided("beta", "close-in-doUpdate");
+    BackgroundLayer layer({"modules", "update", "--all", "--source", "system"});
+
+    ASSERT_TRUE(layer.says("beta   1.0      updated")) << layer.output();
+    EXPECT_EQ(layer.wait(), 0);
     EXPECT_EQ(semaphoreValue(), 1);
 }
 

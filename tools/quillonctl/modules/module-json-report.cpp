@@ -169,7 +169,9 @@ void ModuleJsonReport::waitingForOthers(const SlotHolders& holders)
     object["holders"] = Json::Value(Json::arrayValue);
     for (const SlotHolder& holder : holders.alive) {
         Json::Value process(Json::objectValue);
-        process["process"] = holder.process;
+        if (holder.process != 0) {
+            process["process"] = holder.process;
+        }
         put(process, "command", holder.command);
         object["holders"].append(process);
     }

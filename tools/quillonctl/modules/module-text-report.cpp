@@ -70,7 +70,7 @@ std::string describe(const ModuleUpdate& update)
         case Outcome::kByNameOnly:
             return "process module, runs by its name only";
         case Outcome::kNotBegun:
-            return "not begun: interrupted";
+            return "not begun: " + (update.reason.empty() ? "interrupted" : update.reason);
         default:
             return update.reason;
     }
@@ -218,6 +218,9 @@ void ModuleTextReport::updated(const ModuleSource& /*source*/,
     }
     if (code == kExitInterrupted) {
         error(code, "interrupted; not every update was begun");
+    }
+    if (code == kExitSystem) {
+        error(code, "not every update was begun");
     }
 }
 

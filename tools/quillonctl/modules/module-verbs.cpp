@@ -54,7 +54,7 @@ bool isAny(const std::vector<ModuleUpdate>& updates, Outcome outcome)
 ExitCode exitCodeOf(const std::vector<ModuleUpdate>& updates)
 {
     if (isAny(updates, Outcome::kNotBegun)) {
-        return kExitInterrupted;
+        return UpdateSlot::instance().trouble().empty() ? kExitInterrupted : kExitSystem;
     }
     if (isAny(updates, Outcome::kFailed)) {
         return kExitUpdateFailed;
@@ -94,6 +94,7 @@ ModuleUpdate notBegun(const FWUpdateSymbol& module)
     ModuleUpdate update;
     update.name = module.getLibName();
     update.outcome = Outcome::kNotBegun;
+    update.reason = UpdateSlot::instance().trouble();
     return update;
 }
 
@@ -189,6 +190,9 @@ bool& ModuleVerbs::watchForRequests(const ModuleSource& source)
 
 ExitCode ModuleVerbs::interrupted()
 {
+    if (const std::string& trouble = UpdateSlot::instance().trouble(); !trouble.empty()) {
+        return fail(kExitSystem, trouble);
+    }
     return fail(kExitInterrupted, UpdateSlot::instance().updatesBegun() == 0
                                       ? "interrupted; nothing was updated"
                                       : "interrupted; not every update was begun");
@@ -473,7 +477,7 @@ ExitCode ModuleVerbs::updateAll(const ModuleSource& source)
     }
     takeOverTheEnd();
     code = exitCodeOf(updates);
-    if (code == kExitInterrupted && UpdateSlot::instance().updatesBegun() == 0) {
+    if (isAny(updates, Outcome::kNotBegun) && UpdateSlot::instance().updatesBegun() == 0) {
         return interrupted();
     }
     m_report.updated(source, updates, code);

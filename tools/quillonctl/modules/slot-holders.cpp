@@ -106,10 +106,13 @@ SlotHolders findSlotHolders(const SlotLocks& locks)
         }
     }
     holders.isComplete = holders.isComplete && !error;
-    // One that this user may not look into, or that has ended and left its lock to its children.
-    const pid_t holder = locks.holder();
+    // One that this user may not look into, of another container, or that has ended and left its
+    // lock to its children.
+    const pid_t holder = locks.isHeld() ? locks.holder() : 0;
     if (holder != 0 && !isKnown(holders.alive, holder)) {
         holders.alive.push_back({holder, commandOf(holder)});
+    } else if (holders.alive.empty() && locks.isHeld()) {
+        holders.alive.push_back({});
     }
     return holders;
 }
@@ -118,7 +121,9 @@ std::string describe(const std::vector<SlotHolder>& holders)
 {
     std::string text;
     for (const SlotHolder& holder : holders) {
-        text += (text.empty() ? "process " : ", process ") + std::to_string(holder.process);
+        text += text.empty() ? "" : ", ";
+        text += holder.process == 0 ? "a quillonctl whose process number is not known"
+                                    : "process " + std::to_string(holder.process);
         text += holder.command.empty() ? "" : " (" + holder.command + ")";
     }
     return text;

@@ -13,7 +13,7 @@ class SlotLocks;
 
 struct SlotHolder
 {
-    pid_t process = 0;
+    pid_t process = 0;    ///< 0 when its number is not known
     std::string command;  ///< its command line, or the name of its program; empty when not known
 };
 

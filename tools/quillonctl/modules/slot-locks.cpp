@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <thread>
 
@@ -14,7 +15,8 @@ namespace {
 
 constexpr off_t kTurnstile = 0;
 constexpr off_t kGate = 1;
-constexpr off_t kFirstProcess = 2;  // process 0 is none
+constexpr off_t kHeld = 2;
+constexpr off_t kNumbers = 2;  // process 0 is none
 
 constexpr std::chrono::milliseconds kPoll(5);
 constexpr int kPollsForTheGate = 400;
@@ -40,24 +42,47 @@ std::unique_ptr<SlotLocks> SlotLocks::open()
     struct stat status = {};
     fstat(file, &status);
     std::unique_ptr<SlotLocks> locks(new SlotLocks(file, status));
-    locks->mayHold(false);
+    locks->stopHolding();
     return locks;
+}
+
+SlotLocks::~SlotLocks()
+{
+    if (!isOwnFile()) {
+        static_cast<void>(m_descriptor.release());  // it may be somebody else's by now
+    }
+}
+
+bool SlotLocks::isOwnFile() const
+{
+    struct stat status = {};
+    return fstat(m_descriptor.get(), &status) == 0 && status.st_dev == m_file.st_dev &&
+           status.st_ino == m_file.st_ino;
 }
 
 bool SlotLocks::set(short type, off_t byte)
 {
+    if (!isOwnFile()) {
+        errno = EBADF;
+        return false;
+    }
     struct flock lock = lockOf(type, byte, 1);
     return fcntl(m_descriptor.get(), F_OFD_SETLK, &lock) == 0;
 }
 
-bool SlotLocks::enterGate()
+SlotLocks::Gate SlotLocks::enterGate()
 {
-    if (!set(F_WRLCK, kTurnstile)) {
-        return false;
+    const bool hasTurnstile = set(F_WRLCK, kTurnstile);
+    const bool isInside = hasTurnstile && set(F_RDLCK, kGate);
+    const int error = errno;
+    if (hasTurnstile) {
+        set(F_UNLCK, kTurnstile);
     }
-    const bool isInside = set(F_RDLCK, kGate);
-    set(F_UNLCK, kTurnstile);
-    return isInside;
+    if (isInside) {
+        return Gate::kInside;
+    }
+    errno = error;
+    return error == EAGAIN || error == EACCES ? Gate::kClosed : Gate::kLost;
 }
 
 void SlotLocks::leaveGate()
@@ -78,27 +103,43 @@ bool SlotLocks::closeGate()
     return false;
 }
 
-void SlotLocks::mayHold(bool may)
+bool SlotLocks::startHolding()
 {
-    set(may ? F_WRLCK : F_RDLCK, kFirstProcess + getpid());
+    if (!set(F_WRLCK, kHeld)) {
+        return false;
+    }
+    set(F_WRLCK, kNumbers + getpid());
+    return true;
+}
+
+void SlotLocks::stopHolding()
+{
+    set(F_RDLCK, kNumbers + getpid());
+    set(F_UNLCK, kHeld);
 }
 
 SlotLocks::Part SlotLocks::partOf(pid_t process) const
 {
-    struct flock lock = lockOf(F_WRLCK, kFirstProcess + process, 1);
+    struct flock lock = lockOf(F_WRLCK, kNumbers + process, 1);
     if (fcntl(m_descriptor.get(), F_OFD_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) {
         return Part::kNone;
     }
     return lock.l_type == F_WRLCK ? Part::kMayHold : Part::kTakesPart;
 }
 
+bool SlotLocks::isHeld() const
+{
+    struct flock lock = lockOf(F_RDLCK, kHeld, 1);
+    return fcntl(m_descriptor.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+}
+
 pid_t SlotLocks::holder() const
 {
-    struct flock lock = lockOf(F_RDLCK, kFirstProcess, 0);
+    struct flock lock = lockOf(F_RDLCK, kNumbers + 1, 0);
     if (fcntl(m_descriptor.get(), F_OFD_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) {
         return 0;
     }
-    return static_cast<pid_t>(lock.l_start - kFirstProcess);
+    return static_cast<pid_t>(lock.l_start - kNumbers);
 }
 
 }  // namespace quillon

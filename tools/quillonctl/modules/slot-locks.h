@@ -15,8 +15,10 @@ namespace quillon {
 /// The locks lie on the semaphore's own file, and end with the process however it ends. A semaphore
 /// does not tell who has taken it; these do, as far as this program is concerned:
 ///
-/// - Each process has a byte of its own. It is locked for reading by one that takes part, and for
-///   writing by one that may hold the semaphore.
+/// - One byte is locked for writing by who has the semaphore. Nobody goes on without that lock.
+/// - Each process has a byte of its own, by its number. It is locked for reading by one that takes
+///   part, and for writing by who has the semaphore, to tell its number. Processes of several
+///   containers may have the same one, so this lock is not always to be had.
 /// - The gate is locked for reading by who waits for the semaphore, a moment at a time, and for
 ///   writing by who releases it: meanwhile nobody takes it unnoticed. Who wants to close it takes
 ///   the turnstile first, so that no more come in.
@@ -35,21 +37,35 @@ public:
     /// The semaphore's file.
     const struct stat& file() const { return m_file; }
 
-    /// @return false when somebody is closing the gate
-    bool enterGate();
+    enum class Gate {
+        kInside,
+        kClosed,  ///< somebody is closing it
+        kLost     ///< there can be no locks, errno says why: a module may have closed their file
+    };
+    Gate enterGate();
     void leaveGate();
     /// Waits for those inside, each of which leaves soon.
     /// @return false when somebody stays inside
     bool closeGate();
 
-    void mayHold(bool may);
+    /// To be called inside the gate with the semaphore taken.
+    /// @return false when another process is not done with it; then it must be given back
+    bool startHolding();
+    void stopHolding();
     /// What another process does.
     Part partOf(pid_t process) const;
-    /// A process that may hold the semaphore, this one excepted; 0 when there is none.
+    /// Whether another process has the semaphore.
+    bool isHeld() const;
+    /// Its number; 0 when it is not known.
     pid_t holder() const;
+
+    ~SlotLocks();
+    SlotLocks(const SlotLocks&) = delete;
+    SlotLocks& operator=(const SlotLocks&) = delete;
 
 private:
     SlotLocks(int file, const struct stat& status) : m_descriptor(file), m_file(status) {}
+    bool isOwnFile() const;
     bool set(short type, off_t byte);
 
     UniqueDescriptor m_descriptor;

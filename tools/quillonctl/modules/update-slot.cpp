@@ -3,9 +3,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <optional>
 #include <thread>
+#include <utility>
 
 #include "fw-update-common.h"
 #include "interruption.h"
@@ -90,26 +92,49 @@ bool UpdateSlot::open()
     return m_semaphore != nullptr;
 }
 
+/// A module that closes all files closes that of the locks as well; the semaphore itself stays.
+SlotLocks::Gate UpdateSlot::enterGate()
+{
+    SlotLocks::Gate gate = m_locks->enterGate();
+    if (gate != SlotLocks::Gate::kLost) {
+        return gate;
+    }
+    if (std::unique_ptr<SlotLocks> locks = SlotLocks::open()) {
+        m_locks = std::move(locks);
+        gate = m_locks->enterGate();
+    }
+    if (gate == SlotLocks::Gate::kLost) {
+        m_trouble = std::string("the update semaphore's file cannot be locked any more: ") +
+                    std::strerror(errno) + "; a module may have closed it";
+        throw UpdateInterrupted();
+    }
+    return gate;
+}
+
 /// What it has got it has said so before anybody else can come to the conclusion that nobody has
-/// it.
+/// it. Who had it before may still have to say that it has posted it.
 bool UpdateSlot::tryFor(milliseconds time)
 {
-    if (!m_locks->enterGate()) {
+    if (enterGate() == SlotLocks::Gate::kClosed) {
         std::this_thread::sleep_for(kShortWait);
         return false;
     }
     mayBeginUpdating();
     const timespec deadline = after(time);
     const bool isAcquired = sem_clockwait(m_semaphore, CLOCK_MONOTONIC, &deadline) == 0;
-    if (isAcquired) {
-        m_locks->mayHold(true);
-        m_held = true;
+    m_held = isAcquired && m_locks->startHolding();
+    if (isAcquired && !m_held) {
+        __real_sem_post(m_semaphore);
     }
     m_locks->leaveGate();
-    if (!isAcquired) {
-        didNotBeginUpdating();
+    if (m_held) {
+        return true;
     }
-    return isAcquired;
+    didNotBeginUpdating();
+    if (isAcquired) {
+        std::this_thread::sleep_for(kShortWait);
+    }
+    return false;
 }
 
 void UpdateSlot::acquire()
@@ -145,7 +170,7 @@ bool UpdateSlot::giveBack()
 void UpdateSlot::post()
 {
     static_cast<void>(giveBack());
-    m_locks->mayHold(false);
+    m_locks->stopHolding();
 }
 
 ReleaseResult UpdateSlot::release()

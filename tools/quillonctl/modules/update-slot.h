@@ -8,13 +8,15 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <string>
 
 #include "slot-holders.h"
 #include "slot-locks.h"
 
 namespace quillon {
 
-/// Raised out of the registry when the program was asked to end before an update began.
+/// Raised out of the registry when the program was asked to end before an update began, or when no
+/// update can begin any more, see UpdateSlot::trouble().
 struct UpdateInterrupted
 {
 };
@@ -58,6 +60,9 @@ public:
     /// When the last of them did.
     Clock::time_point lastBegan() const { return m_lastBegan; }
 
+    /// Why no update can begin any more; empty while they can.
+    const std::string& trouble() const { return m_trouble; }
+
     /// Posts the semaphore if this process holds it. Safe in a signal handler.
     /// @return whether it did
     bool giveBack();
@@ -74,6 +79,7 @@ public:
     /// @}
 
 private:
+    SlotLocks::Gate enterGate();
     bool tryFor(std::chrono::milliseconds time);
 
     std::unique_ptr<SlotLocks> m_locks;
@@ -83,6 +89,7 @@ private:
     std::atomic<int> m_updatesBegun{0};
     Clock::time_point m_lastBegan;
     OnWaiting m_onWaiting;
+    std::string m_trouble;
 };
 
 }  // namespace quillon
