@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <memory>
 
 #include "support/unique-handles.h"
@@ -185,7 +186,9 @@ TEST_F(UpdateSemaphore, IsNotReleasedByWhoCannotSeeEverybody)
 
     EXPECT_EQ(asOrdinaryUser, 9);
     EXPECT_EQ(semaphoreValue(), 0);
-    EXPECT_EQ(json({"unlock"})["released"], true) << "root can";
+    fs::create_directories("/var/lib/quillon/secure-storage");
+    ASSERT_EQ(::chown("/var/lib/quillon/secure-storage", kUser, kUser), 0);
+    EXPECT_EQ(json({"unlock"})["released"], true) << "root can, where it is the service's user's";
     EXPECT_EQ(semaphoreValue(), 1);
 }
 
@@ -234,6 +237,47 @@ TEST_F(UpdateSemaphore, IsWaitedForAgainAfterAModuleHasClosedAllFiles)
     ASSERT_TRUE(layer.says("beta   1.0      updated")) << layer.output();
     EXPECT_EQ(layer.wait(), 0);
     EXPECT_EQ(semaphoreValue(), 1);
+}
+
+TEST_F(UpdateSemaphore, IsNotReleasedPastAStoppedWaiterWhichIsNamed)
+{
+    leaveSemaphoreBehind();
+    BackgroundLayer stopped(kUpdateAlpha);
+    ASSERT_TRUE(stopped.says(kRemedy));
+    const OthersLock gate(1, 1);
+    stopped.send(SIGSTOP);
+    const std::string who = ": process " + std::to_string(stopped.process()) + " (quillonctl ";
+
+    EXPECT_THAT(json({"unlock"}, 8)["text"].asString(), HasSubstr("end it first" + who));
+    BackgroundLayer other(kUpdateAlpha);
+    EXPECT_TRUE(other.says("let it go on or end it" + who)) << other.output();
+}
+
+TEST_F(UpdateSemaphore, IsRefusedWhereItsFileIsNotWhatTheLibraryMakes)
+{
+    constexpr const char* kFile = "/dev/shm/sem.SEM_UPDATE_CONTROL";
+    constexpr uid_t kStranger = 1234;
+    const auto isRefused = [](const std::string& fault) {
+        for (const auto& verb : {kUnlock, kUpdateAlpha}) {
+            const ModulesResult result = runModules({verb.begin() + 1, verb.end()});
+            EXPECT_EQ(result.exitCode, 9);
+            EXPECT_THAT(result.err, HasSubstr(fault + "; root can remove it"));
+        }
+    };
+
+    std::ofstream{kFile} << "xx";
+    isRefused("has the wrong size");
+    fs::remove(kFile);
+    leaveSemaphoreBehind();
+    fs::create_hard_link(kFile, "/dev/shm/second");
+    isRefused("has a second name");
+    fs::remove("/dev/shm/second");
+    if (::chown(kFile, kStranger, kStranger) == 0) {
+        isRefused("belongs to user 1234");
+    }
+    fs::remove(kFile);
+    fs::create_directory(kFile);
+    isRefused("is no plain file");
 }
 
 TEST_F(UpdateSemaphore, OfAnotherUserIsLeftAlone)

@@ -130,6 +130,20 @@ Json::Value arrayOf(const std::vector<Item>& items, Json::Value (*toObject)(cons
     return array;
 }
 
+Json::Value processes(const std::vector<SlotHolder>& holders)
+{
+    Json::Value array(Json::arrayValue);
+    for (const SlotHolder& holder : holders) {
+        Json::Value process(Json::objectValue);
+        if (holder.process != 0) {
+            process["process"] = holder.process;
+        }
+        put(process, "command", holder.command);
+        array.append(process);
+    }
+    return array;
+}
+
 }  // namespace
 
 void ModuleJsonReport::modules(const std::vector<ModuleEntry>& entries)
@@ -166,14 +180,9 @@ void ModuleJsonReport::progress(const std::string& name, unsigned int percent)
 void ModuleJsonReport::waitingForOthers(const SlotHolders& holders)
 {
     Json::Value object = eventObject("modules-waiting");
-    object["holders"] = Json::Value(Json::arrayValue);
-    for (const SlotHolder& holder : holders.alive) {
-        Json::Value process(Json::objectValue);
-        if (holder.process != 0) {
-            process["process"] = holder.process;
-        }
-        put(process, "command", holder.command);
-        object["holders"].append(process);
+    object["holders"] = processes(holders.alive);
+    if (!holders.stopped.empty()) {
+        object["stopped"] = processes(holders.stopped);
     }
     if (holders.alive.empty() && holders.isComplete) {
         object["remedy"] = "quillonctl modules unlock";

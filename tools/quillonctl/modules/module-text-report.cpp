@@ -173,6 +173,10 @@ void ModuleTextReport::waitingForOthers(const SlotHolders& holders)
             "Whether somebody holds the update semaphore cannot be told by this user; root can "
             "tell");
     }
+    if (!holders.stopped.empty()) {
+        line("Stopped, and may keep it from being released; let it go on or end it: " +
+             describe(holders.stopped));
+    }
 }
 
 void ModuleTextReport::updating(const std::string& name)

@@ -283,9 +283,10 @@ ExitCode ModuleVerbs::check(const ModuleSource& source)
 ExitCode ModuleVerbs::prepareUpdates()
 {
     m_isUpdating = true;
-    if (!UpdateSlot::instance().open()) {
-        return fail(kExitSystem, std::string("the update semaphore ") + semName +
-                                     " cannot be had; it belongs to the user who updated first");
+    const std::string trouble = UpdateSlot::instance().open();
+    if (!trouble.empty()) {
+        return fail(kExitSystem,
+                    std::string("the update semaphore ") + semName + " cannot be had: " + trouble);
     }
     holdOffSignals();
     return kExitSuccess;
@@ -499,14 +500,15 @@ ExitCode ModuleVerbs::unlock()
         case Release::kStuck:
             return fail(kExitAlreadyUpdating,
                         "the update semaphore stays locked: a program that waits for it does not "
-                        "react; end it first");
+                        "react, let it go on or end it first: " +
+                            describe(result.holders));
         case Release::kUnknown:
             return fail(kExitSystem,
                         "the update semaphore stays locked: whether somebody holds it cannot be "
                         "told by this user; root can release it");
         default:
             return fail(kExitSystem, std::string("the update semaphore ") + semName +
-                                         " cannot be had; root and its owner can release it");
+                                         " cannot be had: " + result.trouble);
     }
 }
 

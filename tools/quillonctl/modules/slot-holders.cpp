@@ -77,6 +77,14 @@ bool mayOpen(const fs::path& folder, const struct stat& file)
     return process.st_uid == 0 || process.st_uid == file.st_uid;
 }
 
+bool isStopped(const fs::path& folder)
+{
+    const std::string text = firstBytesOf(folder / "stat");
+    const std::size_t name = text.rfind(')');  // the state follows
+    return name != std::string::npos &&
+           (text.compare(name, 3, ") T") == 0 || text.compare(name, 3, ") t") == 0);
+}
+
 bool isKnown(const std::vector<SlotHolder>& holders, pid_t process)
 {
     return std::any_of(holders.begin(), holders.end(),
@@ -101,6 +109,11 @@ SlotHolders findSlotHolders(const SlotLocks& locks)
         const Mapping mapping = mappingOf(entry->path(), locks.file());
         if (mapping == Mapping::kHas && locks.partOf(process) != SlotLocks::Part::kTakesPart) {
             holders.alive.push_back({process, commandOf(process)});
+        } else if (mapping == Mapping::kHas) {
+            holders.waiting.push_back({process, commandOf(process)});
+            if (isStopped(entry->path())) {
+                holders.stopped.push_back(holders.waiting.back());
+            }
         } else if (mapping == Mapping::kHidden && mayOpen(entry->path(), locks.file())) {
             holders.isComplete = false;
         }

@@ -22,6 +22,8 @@ struct SlotHolders
     /// Control layers of this program that may hold it, and all others that have it open: whether
     /// those hold it or wait for it cannot be told.
     std::vector<SlotHolder> alive;
+    std::vector<SlotHolder> waiting;  ///< control layers of this program that do not hold it
+    std::vector<SlotHolder> stopped;  ///< those of them that a signal has stopped
     bool isComplete = true;  ///< false: there are processes that this user may not look into
 };
 

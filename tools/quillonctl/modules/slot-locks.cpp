@@ -1,10 +1,15 @@
 #include "slot-locks.h"
 
 #include <fcntl.h>
+#include <pwd.h>
+#include <semaphore.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <thread>
 
 #include "semaphore-file.h"
@@ -20,6 +25,11 @@ constexpr off_t kNumbers = 2;  // process 0 is none
 
 constexpr std::chrono::milliseconds kPoll(5);
 constexpr int kPollsForTheGate = 400;
+constexpr int kPollsForOneName = 200;
+
+/// Both belong to the service's user: where it keeps its keys, and its home.
+constexpr std::array<const char*, 2> kServicesFolders = {"/var/lib/quillon/secure-storage",
+                                                         "/var/lib/quillon"};
 
 struct flock lockOf(short type, off_t byte, off_t length)
 {
@@ -31,17 +41,84 @@ struct flock lockOf(short type, off_t byte, off_t length)
     return lock;
 }
 
+std::string nameOf(uid_t user)
+{
+    const passwd* entry = getpwuid(user);
+    return entry == nullptr ? "user " + std::to_string(user) : entry->pw_name;
+}
+
+bool isServicesUser(uid_t user)
+{
+    if (const passwd* entry = getpwnam("quillon"); entry != nullptr && entry->pw_uid == user) {
+        return true;
+    }
+    return std::any_of(kServicesFolders.begin(), kServicesFolders.end(), [&](const char* folder) {
+        struct stat status = {};
+        return lstat(folder, &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == user;
+    });
+}
+
+std::string refusal(const std::string& fault)
+{
+    return std::string(kSemaphoreFile) + " " + fault +
+           "; root can remove it while nothing is being updated";
+}
+
+std::string whyNotOpened(int error)
+{
+    struct stat status = {};
+    if (error == ENOENT) {
+        return "";
+    }
+    if (lstat(kSemaphoreFile, &status) != 0 || (error != EACCES && S_ISREG(status.st_mode))) {
+        return std::strerror(error);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return refusal("is no plain file");
+    }
+    const std::string owner = nameOf(status.st_uid);
+    return "it belongs to " + owner + ", so only " +
+           (status.st_uid == 0 ? owner : owner + " and root") + " can use it";
+}
+
+/// What is wrong with the semaphore's file; empty when nothing is.
+std::string faultOf(const struct stat& status)
+{
+    if (!S_ISREG(status.st_mode)) {
+        return refusal("is no plain file");
+    }
+    if (status.st_nlink != 1) {
+        return refusal("has a second name");
+    }
+    if (status.st_uid != 0 && status.st_uid != geteuid() &&
+        (geteuid() != 0 || !isServicesUser(status.st_uid))) {
+        return refusal("belongs to " + nameOf(status.st_uid));
+    }
+    return status.st_size == static_cast<off_t>(sizeof(sem_t)) ? "" : refusal("has the wrong size");
+}
+
 }  // namespace
 
-std::unique_ptr<SlotLocks> SlotLocks::open()
+std::unique_ptr<SlotLocks> SlotLocks::open(std::string& trouble)
 {
-    const int file = ::open(kSemaphoreFile, O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+    trouble.clear();
+    const int file = ::open(kSemaphoreFile, O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     if (file == -1) {
+        trouble = whyNotOpened(errno);
         return nullptr;
     }
     struct stat status = {};
     fstat(file, &status);
+    // Who makes it gives it two names for a moment.
+    for (int i = 0; i < kPollsForOneName && status.st_nlink == 2; ++i) {
+        std::this_thread::sleep_for(kPoll);
+        fstat(file, &status);
+    }
     std::unique_ptr<SlotLocks> locks(new SlotLocks(file, status));
+    trouble = faultOf(status);
+    if (!trouble.empty()) {
+        return nullptr;
+    }
     locks->stopHolding();
     return locks;
 }

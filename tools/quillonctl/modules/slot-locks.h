@@ -30,9 +30,11 @@ class SlotLocks
 public:
     enum class Part { kNone, kTakesPart, kMayHold };
 
-    /// Opens the semaphore's file and takes part.
-    /// @return null with errno set when it cannot be opened; ENOENT when there is no semaphore
-    static std::unique_ptr<SlotLocks> open();
+    /// Opens the semaphore's file and takes part. A file that a stranger could have put there, or
+    /// could shorten, is refused: it belongs to root, to this user or, for root, to the service's.
+    /// @param[out] trouble  a phrase with the remedy on failure; empty when there is no semaphore
+    /// @return null on failure
+    static std::unique_ptr<SlotLocks> open(std::string& trouble);
 
     /// The semaphore's file.
     const struct stat& file() const { return m_file; }

@@ -68,7 +68,8 @@ timespec after(milliseconds time)
 
 bool isSame(const SlotHolders& one, const SlotHolders& other)
 {
-    return one.isComplete == other.isComplete && describe(one.alive) == describe(other.alive);
+    return one.isComplete == other.isComplete && describe(one.alive) == describe(other.alive) &&
+           describe(one.stopped) == describe(other.stopped);
 }
 
 }  // namespace
@@ -79,17 +80,21 @@ UpdateSlot& UpdateSlot::instance()
     return slot;
 }
 
-bool UpdateSlot::open()
+std::string UpdateSlot::open()
 {
     m_process = getpid();
-    m_locks = SlotLocks::open();
-    if (!m_locks && errno == ENOENT &&
+    std::string trouble;
+    m_locks = SlotLocks::open(trouble);
+    if (!m_locks && trouble.empty() &&
         FWUpdateCommon::getInstance().create_semaphore() != nullptr) {
-        m_locks = SlotLocks::open();
+        m_locks = SlotLocks::open(trouble);
     }
     // Taking part comes before having the semaphore open: who has it open without that may hold it.
     m_semaphore = m_locks ? FWUpdateCommon::getInstance().create_semaphore() : nullptr;
-    return m_semaphore != nullptr;
+    if (m_semaphore == nullptr && trouble.empty()) {
+        trouble = std::strerror(errno);
+    }
+    return trouble;
 }
 
 /// A module that closes all files closes that of the locks as well; the semaphore itself stays.
@@ -99,13 +104,15 @@ SlotLocks::Gate UpdateSlot::enterGate()
     if (gate != SlotLocks::Gate::kLost) {
         return gate;
     }
-    if (std::unique_ptr<SlotLocks> locks = SlotLocks::open()) {
+    std::string trouble;
+    if (std::unique_ptr<SlotLocks> locks = SlotLocks::open(trouble)) {
         m_locks = std::move(locks);
         gate = m_locks->enterGate();
     }
     if (gate == SlotLocks::Gate::kLost) {
-        m_trouble = std::string("the update semaphore's file cannot be locked any more: ") +
-                    std::strerror(errno) + "; a module may have closed it";
+        m_trouble = "the update semaphore's file cannot be locked any more: " +
+                    (trouble.empty() ? std::strerror(errno) : trouble) +
+                    "; a module may have closed it";
         throw UpdateInterrupted();
     }
     return gate;
@@ -175,35 +182,36 @@ void UpdateSlot::post()
 
 ReleaseResult UpdateSlot::release()
 {
-    const std::unique_ptr<SlotLocks> locks = SlotLocks::open();
+    std::string trouble;
+    const std::unique_ptr<SlotLocks> locks = SlotLocks::open(trouble);
     if (!locks) {
-        return {errno == ENOENT ? Release::kWasFree : Release::kNoAccess, {}};
+        return {trouble.empty() ? Release::kWasFree : Release::kNoAccess, {}, trouble};
     }
     const UniqueSemaphore semaphore(sem_open(semName, 0));
     if (semaphore.get() == SEM_FAILED) {
-        return {Release::kNoAccess, {}};
+        return {Release::kNoAccess, {}, std::strerror(errno)};
     }
     int value = 0;
     if (sem_getvalue(semaphore.get(), &value) == 0 && value > 0) {
-        return {Release::kWasFree, {}};
+        return {Release::kWasFree, {}, ""};
     }
     const bool isClosed = locks->closeGate();
     const SlotHolders holders = findSlotHolders(*locks);
     if (!holders.alive.empty()) {
-        return {Release::kHeld, holders.alive};
+        return {Release::kHeld, holders.alive, ""};
     }
     if (!isClosed) {
-        return {Release::kStuck, {}};
+        return {Release::kStuck, holders.stopped.empty() ? holders.waiting : holders.stopped, ""};
     }
     if (!holders.isComplete) {
-        return {Release::kUnknown, {}};
+        return {Release::kUnknown, {}, ""};
     }
     // Somebody may have released it before the gate was closed.
     if (sem_getvalue(semaphore.get(), &value) != 0 || value > 0) {
-        return {Release::kWasFree, {}};
+        return {Release::kWasFree, {}, ""};
     }
     __real_sem_post(semaphore.get());
-    return {Release::kReleased, {}};
+    return {Release::kReleased, {}, ""};
 }
 
 }  // namespace quillon

@@ -33,7 +33,8 @@ enum class Release {
 struct ReleaseResult
 {
     Release release = Release::kWasFree;
-    std::vector<SlotHolder> holders;  ///< of kHeld
+    std::vector<SlotHolder> holders;  ///< of kHeld; of kStuck those that may be meant
+    std::string trouble;              ///< of kNoAccess, a phrase
 };
 
 /// The registry waits for the semaphore before each update, and posts it afterwards; the program is
@@ -48,8 +49,8 @@ public:
     static UpdateSlot& instance();
 
     /// Opens the semaphore, and makes it where there is none.
-    /// @return false when it cannot be had
-    bool open();
+    /// @return why it cannot be had, a phrase; empty when it can
+    std::string open();
 
     /// @param onWaiting  called on the waiting thread when an update has to wait, and again when
     ///                   there is something new to say; empty for nobody
