@@ -201,7 +201,14 @@ ReleaseResult UpdateSlot::release()
         return {Release::kHeld, holders.alive, ""};
     }
     if (!isClosed) {
-        return {Release::kStuck, holders.stopped.empty() ? holders.waiting : holders.stopped, ""};
+        ReleaseResult stuck{Release::kStuck, holders.stopped, ""};
+        if (stuck.holders.empty()) {
+            stuck.holders = holders.waiting;
+        }
+        if (stuck.holders.empty()) {
+            stuck.holders.push_back({});  // of another container
+        }
+        return stuck;
     }
     if (!holders.isComplete) {
         return {Release::kUnknown, {}, ""};
