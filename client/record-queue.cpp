@@ -10,6 +10,10 @@ namespace quillon {
 
 namespace {
 
+constexpr const char* kMembersOnly =
+    "; only root and the members of one group may use it, see \"Who may send commands\" in "
+    "quillon-service(8)";
+
 Error systemError(const std::string& what)
 {
     return {ErrorCode::kSystem, what + ": " + std::strerror(errno)};
@@ -33,7 +37,10 @@ Error RecordQueue::open(const char* name, int flags)
                 std::string("the update service is not running (no queue ") + name + ")"};
     }
     if (m_queue == kClosed) {
-        return systemError(std::string("cannot open the queue ") + name);
+        const bool isRefused = errno == EACCES;
+        Error error = systemError(std::string("cannot open the queue ") + name);
+        error.text += isRefused ? kMembersOnly : "";
+        return error;
     }
     mq_attr attributes{};
     if (mq_getattr(m_queue, &attributes) != 0) {
@@ -56,11 +63,14 @@ void RecordQueue::close()
     }
 }
 
-uid_t RecordQueue::owner() const
+QueueOwner RecordQueue::owner() const
 {
     // On Linux a queue descriptor is a file descriptor.
     struct stat status = {};
-    return fstat(m_queue, &status) == 0 ? status.st_uid : static_cast<uid_t>(-1);
+    if (fstat(m_queue, &status) != 0) {
+        return {static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
+    }
+    return {status.st_uid, status.st_gid};
 }
 
 bool RecordQueue::isAbandoned() const

@@ -34,7 +34,7 @@ public:
     bool isOpen() const { return m_queue != kClosed; }
 
     /// @return whose queue it is
-    uid_t owner() const;
+    QueueOwner owner() const;
 
     /// @return whether the service has ended
     bool isAbandoned() const;

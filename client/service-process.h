@@ -8,6 +8,13 @@
 
 namespace quillon {
 
+/// Whose the queues are.
+struct QueueOwner
+{
+    uid_t user;
+    gid_t group;
+};
+
 /// Notices the end of the service, which leaves its queues behind when it is killed. That is a help
 /// and no more: where the process cannot be seen, it is never reported as ended.
 class ServiceProcess
@@ -21,8 +28,10 @@ public:
     /// Looks for processes called "quillon-service" in this process's PID namespace. Does nothing
     /// when it has found one before. Finds none where the program has another name, runs in another
     /// namespace, or /proc hides it.
-    /// @param user  whose processes to look for: the owner of the queues
-    void find(uid_t user);
+    /// @param queues  whose processes to look for: those of the queues' user; where that is root,
+    ///                also those of the life marker's owner, when the queues' group is among their
+    ///                supplementary ones
+    void find(const QueueOwner& queues);
     void forget();
 
     /// @return whether one was found and all that were found have ended. One that nobody has waited

@@ -1,11 +1,17 @@
 // A service that ends without a word leaves its queues. The client waits for no reply from it.
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <mqueue.h>
 #include <quillon/client.h>
 #include <sched.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+
+#include <fstream>
 
 #include "unit/client/client-matchers.h"
 #include "unit/client/fake-service.h"
@@ -216,4 +222,89 @@ TEST_F(ClientLost, NotWhileAnotherProcessOfTheServiceLives)
 
     EXPECT_THAT(estimateDuring(client, [&] { first.kill(); }),
                 FailedWith(ErrorCode::kNoReply, testing::_));
+}
+
+/// Queues that only root and the members of one group may use.
+class ClientLostByAGroup : public ClientLost
+{
+protected:
+    static constexpr gid_t kGroup = 4321;
+    static constexpr unsigned int kOtherMember = 1234;
+    static constexpr const char* kLifeMarker = "/tmp/fw_update_ready_usb";
+
+    void SetUp() override
+    {
+        ClientLost::SetUp();
+        for (const char* name : {FW_MQ_SERVICE_QUEUE, FW_MQ_CONTROL_QUEUE}) {
+            const mqd_t queue = mq_open(name, O_RDWR | O_CLOEXEC);
+            const bool isGroups = fchown(queue, 0, kGroup) == 0 &&
+                                  fchmod(queue, S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP) == 0;
+            mq_close(queue);
+            if (!isGroups) {
+                GTEST_SKIP() << "cannot give anything to another user here";
+            }
+        }
+        std::ofstream(kLifeMarker).close();
+        ASSERT_EQ(chown(kLifeMarker, kNobody, kNobody), 0);
+    }
+    ~ClientLostByAGroup() override { unlink(kLifeMarker); }
+
+    static int beCalledAsTheServiceOf(unsigned int user, gid_t group)
+    {
+        return setgroups(1, &group) + setgid(user) + setuid(user) + beCalledAsTheService();
+    }
+
+    void expectNothingLostBy(unsigned int user, gid_t group)
+    {
+        OtherProcess namesake([&] { return beCalledAsTheServiceOf(user, group); });
+        ASSERT_EQ(namesake.ready(), 0);
+        Client client(impatient());
+        ASSERT_THAT(client.connect(), Succeeded());
+
+        EXPECT_THAT(estimateDuring(client, [&] { namesake.kill(); }),
+                    FailedWith(ErrorCode::kNoReply, testing::_));
+    }
+};
+
+TEST_F(ClientLostByAGroup, ItSaysSo)
+{
+    OtherProcess process([] { return beCalledAsTheServiceOf(kNobody, kGroup); });
+    ASSERT_EQ(process.ready(), 0);
+    Client client(patient());
+    ASSERT_THAT(client.connect(), Succeeded());
+
+    EXPECT_THAT(estimateDuring(client, [&] { process.kill(); }), saysThatTheServiceEnded());
+}
+
+TEST_F(ClientLostByAGroup, NotByTheEndOfAnotherMembersNamesake)
+{
+    expectNothingLostBy(kOtherMember, kGroup);
+}
+
+TEST_F(ClientLostByAGroup, NotByTheEndOfANamesakeOfWhoHasMadeTheLifeMarker)
+{
+    ASSERT_EQ(chown(kLifeMarker, kOtherMember, kOtherMember), 0);
+
+    expectNothingLostBy(kOtherMember, kOtherMember);
+}
+
+TEST_F(ClientLostByAGroup, NotByTheEndOfANamesakeWhereTheLifeMarkerIsALink)
+{
+    ASSERT_EQ(unlink(kLifeMarker), 0);
+    ASSERT_EQ(symlink("/nowhere", kLifeMarker), 0);
+    ASSERT_EQ(lchown(kLifeMarker, kOtherMember, kOtherMember), 0);
+
+    expectNothingLostBy(kOtherMember, kGroup);
+}
+
+TEST_F(ClientLostByAGroup, IsToldWhoMayUseTheQueues)
+{
+    ASSERT_EQ(seteuid(kOtherMember), 0);
+    Client client(impatient());
+
+    EXPECT_THAT(client.connect(),
+                FailedWith(ErrorCode::kSystem,
+                           AllOf(HasSubstr("Permission denied"), HasSubstr("members of one group"),
+                                 HasSubstr("quillon-service(8)"))));
+    EXPECT_EQ(seteuid(0), 0);
 }
