@@ -124,6 +124,19 @@ std::string userOf(const struct stat& semaphore, uid_t owner)
     return "";
 }
 
+/// Who updated first with root's rights has made it root's: the owner could not open it. It stays
+/// the same file, so it means nothing to who has it open.
+void giveTo(uid_t owner, gid_t group, const struct stat& sound)
+{
+    const UniqueDescriptor file(open(kPath, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status = {};
+    const bool isSame = fstat(file.get(), &status) == 0 && status.st_dev == sound.st_dev &&
+                        status.st_ino == sound.st_ino;
+    if (!isSame || fchown(file.get(), owner, group) != 0) {
+        failWithErrno("cannot give the update semaphore to the service's user");
+    }
+}
+
 void makeFree(uid_t owner, gid_t group)
 {
     sem_t semaphore = {};
@@ -145,6 +158,9 @@ void provideSemaphore(uid_t owner, gid_t group)
     }
     const std::string fault = faultOf(status, owner);
     if (fault.empty()) {
+        if (status.st_uid != owner) {
+            giveTo(owner, group, status);
+        }
         return;
     }
     const std::string user = userOf(status, owner);

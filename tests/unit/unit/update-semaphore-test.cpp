@@ -128,6 +128,25 @@ TEST_F(UpdateSemaphore, StaysWhenItIsSound)
     expectFree();
 }
 
+TEST_F(UpdateSemaphore, OfRootsIsGivenToTheServicesUserAndStaysTheSame)
+{
+    openAsControlLayer();
+    if (geteuid() != 0 || chown(kFile, kStranger, kStranger) != 0) {
+        GTEST_SKIP() << "cannot give anything to another user here";
+    }
+    ASSERT_EQ(chown(kFile, 0, 0), 0);
+    const ino_t before = numberOf(kFile);
+
+    quillon::unit::provideSemaphore(kStranger, kStranger);
+
+    struct stat status = {};
+    ASSERT_EQ(lstat(kFile, &status), 0);
+    EXPECT_EQ(status.st_uid, kStranger);
+    EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFREG | 0600));
+    EXPECT_EQ(status.st_ino, before);
+    EXPECT_EQ(sem_trywait(openAsControlLayer()), 0) << "root can still take its turn";
+}
+
 struct Trap
 {
     const char* name;
