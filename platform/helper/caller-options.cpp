@@ -33,6 +33,16 @@ std::optional<gid_t> groupNamed(const std::string& name)
     return entry != nullptr ? entry->gr_gid : numberOf(name);
 }
 
+/// @return the exit status: 1 when the text could not be written
+int print(const char* program, const std::string& text)
+{
+    constexpr int kFailed = 1;
+    if (!(std::cout << text << std::flush)) {
+        return complain(program, kFailed, "standard output could not be written");
+    }
+    return 0;
+}
+
 }  // namespace
 
 int complain(const char* program, int status, const std::string& line)
@@ -65,11 +75,9 @@ std::optional<int> parseCallerOptions(int argc, char** argv, const char* program
                 }
                 break;
             case 'h':
-                std::cout << help;
-                return 0;
+                return print(program, help);
             case 'V':
-                std::cout << program << " " QUILLON_VERSION "\n";
-                return 0;
+                return print(program, std::string(program) + " " QUILLON_VERSION "\n");
             default:
                 return complain(
                     program, kWrongUsage,

@@ -1,9 +1,12 @@
 #include "caller-options.h"
 
+#include <fcntl.h>
 #include <getopt.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <iostream>
 #include <optional>
 #include <string>
 #include <vector>
@@ -42,6 +45,25 @@ TEST_F(CallerOptions, NameNobodyUnlessTheySay)
 
     EXPECT_FALSE(callers.user);
     EXPECT_FALSE(callers.group);
+}
+
+TEST_F(CallerOptions, FailWhereTheHelpOrTheVersionCannotBeWritten)
+{
+    for (const char* option : {"--help", "--version"}) {
+        std::cout.flush();
+        const int before = dup(STDOUT_FILENO);
+        const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+        dup2(full, STDOUT_FILENO);
+
+        const std::optional<int> status = parse({option});
+        std::cout.flush();
+        std::cout.clear();
+
+        dup2(before, STDOUT_FILENO);
+        close(before);
+        close(full);
+        EXPECT_EQ(status, 1) << option;
+    }
 }
 
 TEST_F(CallerOptions, NameAUserAndAGroup)
