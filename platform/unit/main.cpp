@@ -189,6 +189,15 @@ int requireTrust()
     return faults.empty() ? 0 : kFailed;
 }
 
+int print(const char* text)
+{
+    if (!(std::cout << text << std::flush)) {
+        std::cerr << "quillon-unit: standard output could not be written\n";
+        return kFailed;
+    }
+    return 0;
+}
+
 int run(const std::vector<std::string>& arguments)
 {
     const std::string verb = arguments.empty() ? "" : arguments[0];
@@ -214,12 +223,10 @@ int run(const std::vector<std::string>& arguments)
         return requireTrust();
     }
     if (verb == "--help" && count == 1) {
-        std::cout << kHelp;
-        return 0;
+        return print(kHelp);
     }
     if (verb == "--version" && count == 1) {
-        std::cout << "quillon-unit " QUILLON_VERSION "\n";
-        return 0;
+        return print("quillon-unit " QUILLON_VERSION "\n");
     }
     std::cerr << "quillon-unit: wrong usage; see --help\n";
     return kWrongUsage;
