@@ -223,7 +223,8 @@ private:
     quillon::SharedValue<int> expectedTime_{0};
     // Before the entries on purpose: they are destroyed first, while their library is still open.
     quillon::SharedLibrary library_;
-    std::shared_ptr<const std::string> libName_;  // never null; copies share what plug-ins were told
+    // Never null. Copies share the text, which plug-ins may have kept.
+    std::shared_ptr<const std::string> libName_;
     std::string empName_;
     std::string firmwareName_;
     std::string imagePath_;

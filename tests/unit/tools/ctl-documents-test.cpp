@@ -119,9 +119,8 @@ TEST(CtlHelp, ListsVerbsAndOptions)
                 UnorderedElementsAre("update", "estimate", "progress", "stop", "modules"));
     EXPECT_THAT(optionsOfHelp(),
                 UnorderedElementsAre("--help", "--version", "--json", "--quiet", "--timeout"));
-    EXPECT_THAT(verbsOfModules(),
-                UnorderedElementsAre("list", "check", "update", "version", "progress", "download",
-                                     "unlock"));
+    EXPECT_THAT(verbsOfModules(), UnorderedElementsAre("list", "check", "update", "version",
+                                                       "progress", "download", "unlock"));
     EXPECT_THAT(optionsOfModules(), UnorderedElementsAre("--help", "--source", "--all"));
 }
 
