@@ -197,8 +197,8 @@ std::string ownImagePath(const std::string& directory, const std::string& firmwa
 }
 
 /// Whether the verifier stands by what was really read of the image, when it can be asked.
-/// @param path  names the module that it is for
-bool isDigestSigned(quillon::ReadWitness& witness, const std::string& path)
+bool isDigestSigned(quillon::ReadWitness& witness, const char* directory,
+                    const std::string& firmwareName)
 {
     const auto verify = digestVerifier.load();
     if (verify == nullptr) {
@@ -207,8 +207,8 @@ bool isDigestSigned(quillon::ReadWitness& witness, const std::string& path)
     quillon::Sha256 digest{};
     quillon::ImageTrailerBytes trailer{};
     return witness.testify(digest, trailer) &&
-           verify(nullptr, digest.data(), trailer.data(), kTrailerSize, path.c_str(),
-                  kVerifierCaller) != 0;
+           verify(nullptr, digest.data(), trailer.data(), kTrailerSize,
+                  ownImagePath(directory, firmwareName).c_str(), kVerifierCaller) != 0;
 }
 
 quillon::ReadWitness::Digest wantedDigest()
@@ -877,7 +877,7 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* path)
     const VersionHeader header = versionHeaderOf(data, outlen);
     outlen -= FW_PLUGIN_HEADER_SIZE;
     image.reset();
-    if (!isDigestSigned(witness, ownImagePath(path, firmwareName_))) {
+    if (!isDigestSigned(witness, path, firmwareName_)) {
         FW_LOGE("Error: %s file is NOT signed ", imagePath.c_str());
         return -1;
     }
@@ -957,7 +957,7 @@ int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* pat
     const quillon::UnseenMemory plaintext(data, static_cast<std::size_t>(size));
     const VersionHeader header = versionHeaderOf(data, outlen);
     image.reset();
-    if (!isDigestSigned(witness, ownImagePath(path, firmwareName_))) {
+    if (!isDigestSigned(witness, path, firmwareName_)) {
         FW_LOGE("Error: %s is NOT signed ", imagePath.c_str());
         return -1;
     }
