@@ -63,14 +63,13 @@ if(NOT TARGET quillon-machine-tests)
 endif()
 
 # quillon_add_test(<name> SOURCES <file>... [LIBRARIES <target>...] [LABELS <label>...]
-#                  [TIMEOUT <seconds>] [DEPENDS <target>...] [ANY_MACHINE] [SINGLE_THREADED])
+#                  [TIMEOUT <seconds>] [DEPENDS <target>...] [MACHINE <suite>...] [SINGLE_THREADED])
 # A GoogleTest program; each of its cases becomes one ctest test named <name>.<Suite>.<Case>. One that
 # depends on a built program and has no label gets the label "programs".
-# ANY_MACHINE: what it tests is the same for each word size, byte order, instruction set and C library,
-# or tested elsewhere as far as it is not.
+# MACHINE: the suites whose answers depend on word size, byte order, instruction set or C library.
 # SINGLE_THREADED: nothing that it tests starts a thread.
 function(quillon_add_test name)
-    cmake_parse_arguments(arg "ANY_MACHINE;SINGLE_THREADED" "TIMEOUT" "SOURCES;LIBRARIES;LABELS;DEPENDS"
+    cmake_parse_arguments(arg "SINGLE_THREADED" "TIMEOUT" "SOURCES;LIBRARIES;LABELS;DEPENDS;MACHINE"
         ${ARGN})
     if(NOT arg_TIMEOUT)
         set(arg_TIMEOUT 120)
@@ -92,21 +91,43 @@ function(quillon_add_test name)
     target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} GTest::gmock GTest::gtest_main)
     target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
     add_dependencies(${name} quillon-device ${arg_DEPENDS})
-    if(NOT arg_ANY_MACHINE)
-        list(APPEND labels machine)
-        add_dependencies(quillon-machine-tests ${name})
-    endif()
     if(NOT arg_SINGLE_THREADED)
         list(APPEND labels threads)
         add_dependencies(quillon-thread-tests ${name})
     endif()
-    # One value, since gtest_discover_tests splits lists.
-    list(JOIN labels " " labels)
     set_target_properties(${name} PROPERTIES
         RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/tests"
         CROSSCOMPILING_EMULATOR "${QUILLON_TEST_DEVICE}")
+    set(of_machine)
+    foreach(suite IN LISTS arg_MACHINE)
+        quillon_require_suite(${suite} ${arg_SOURCES})
+        list(APPEND of_machine "${suite}.*" "*/${suite}.*")
+    endforeach()
+    if(of_machine)
+        list(JOIN of_machine ":" of_machine)
+        add_dependencies(quillon-machine-tests ${name})
+        quillon_discover(${name} "${of_machine}" ${arg_TIMEOUT} ${labels} machine)
+    endif()
+    quillon_discover(${name} "-${of_machine}" ${arg_TIMEOUT} ${labels})
+endfunction()
+
+# One ctest test for each case that the filter lets through.
+function(quillon_discover name filter timeout)
+    list(JOIN ARGN " " labels)  # one value, since gtest_discover_tests splits lists
     gtest_discover_tests(${name}
         TEST_PREFIX "${name}."
+        TEST_FILTER "${filter}"
         DISCOVERY_MODE PRE_TEST
-        PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${labels}")
+        PROPERTIES TIMEOUT ${timeout} LABELS "${labels}")
+endfunction()
+
+# A filter that fits nothing is silent, so a misspelt suite is an error here.
+function(quillon_require_suite suite)
+    foreach(source IN LISTS ARGN)
+        file(STRINGS "${source}" found REGEX "TEST.*[( ]${suite},")
+        if(found)
+            return()
+        endif()
+    endforeach()
+    message(FATAL_ERROR "no source of these has a test suite ${suite}: ${ARGN}")
 endfunction()
