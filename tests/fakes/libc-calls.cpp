@@ -374,9 +374,9 @@ bool canFailAllocations()
 #endif
 }
 
-void failAllocation(std::size_t bytes)
+std::size_t failAllocation(std::size_t bytes)
 {
-    failingAllocation = bytes;
+    return failingAllocation.exchange(bytes);
 }
 
 }  // namespace quillon::fakes

@@ -92,11 +92,14 @@ void recordTrace(int priority, const char* tag, const char* file, const char* fu
 // this one does: who needs them must have kept them.
 void spoilThreadState()
 {
+    // The linker's text names the program's path, so its size may be the one that is to fail.
+    const std::size_t failing = failAllocation(0);
     static_cast<void>(dlsym(RTLD_DEFAULT, "a name that no library has"));
     static_cast<void>(dlerror());
     // Once read, the text and its holder are given back. Otherwise the end of the thread gives them
     // back, and for a worker that is just ending then they look like a leak.
     static_cast<void>(dlerror());
+    failAllocation(failing);
     errno = EBADMSG;
 }
 

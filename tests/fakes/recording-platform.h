@@ -120,8 +120,9 @@ void awaitTimedWait();
 /// Whether failAllocation can work; a sanitizer brings an allocator of its own.
 bool canFailAllocations();
 
-/// Lets the next malloc or calloc of exactly that many bytes fail.
-void failAllocation(std::size_t bytes);
+/// Lets the next malloc or calloc of exactly that many bytes fail; 0 lets none.
+/// @return what was set before, and has not failed yet.
+std::size_t failAllocation(std::size_t bytes);
 /// @}
 
 /// What a platform call answers: queued answers first, one a call, then the lasting one.
