@@ -1,4 +1,4 @@
-#include "client-lock.h"
+#include "client/client-lock.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

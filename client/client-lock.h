@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "deadline.h"
+#include "client/deadline.h"
 #include "quillon/client.h"
 
 namespace quillon {

@@ -8,10 +8,10 @@
 #include <optional>
 #include <thread>
 
-#include "client-lock.h"
-#include "deadline.h"
-#include "record-queue.h"
-#include "service-process.h"
+#include "client/client-lock.h"
+#include "client/deadline.h"
+#include "client/record-queue.h"
+#include "client/service-process.h"
 
 namespace quillon {
 

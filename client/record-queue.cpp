@@ -1,4 +1,4 @@
-#include "record-queue.h"
+#include "client/record-queue.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

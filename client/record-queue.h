@@ -5,9 +5,9 @@
 #include <fw-update-mqdata.h>
 #include <mqueue.h>
 
-#include "deadline.h"
+#include "client/deadline.h"
 #include "quillon/client.h"
-#include "service-process.h"
+#include "client/service-process.h"
 
 namespace quillon {
 

@@ -1,4 +1,4 @@
-#include "service-process.h"
+#include "client/service-process.h"
 
 #include <dirent.h>
 #include <poll.h>

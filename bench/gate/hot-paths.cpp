@@ -8,6 +8,8 @@
 #include <memory>
 #include <stdexcept>
 
+#include "base/fd.h"
+#include "base/handles.h"
 #include "process/device.h"
 #include "process/text-file.h"
 #include "quillon-service.h"
@@ -15,7 +17,7 @@
 #include "src/fw-update-symbol-manager.h"
 #include "support/checksum-folding.h"
 #include "support/checksum-slicing.h"
-#include "support/regular-file.h"
+#include "base/regular-file.h"
 
 namespace fs = std::filesystem;
 
@@ -84,7 +86,7 @@ void putImage(std::size_t size)
 void decipher()
 {
     struct stat opened = {};
-    const UniqueFile file = openRegularFile(kStick + moduleName(1) + ".bin", opened);
+    const UniqueFile file = openRegularStream(kStick + moduleName(1) + ".bin", opened);
     require(file != nullptr, "no image");
     std::array<unsigned char, kIv> iv{};
     require(std::fread(iv.data(), 1, iv.size(), file.get()) == iv.size(), "no image");

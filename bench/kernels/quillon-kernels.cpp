@@ -16,11 +16,13 @@
 #include <string>
 #include <vector>
 
+#include "base/fd.h"
+#include "base/handles.h"
 #include "process/warm-memory.h"
 #include "reference/file-passes.h"
 #include "reference/plain-decipher.h"
 #include "src/fw-update-symbol.h"
-#include "support/regular-file.h"
+#include "base/regular-file.h"
 
 namespace quillon::bench {
 namespace {
@@ -60,7 +62,7 @@ std::int64_t iterationsFor(std::uintmax_t size)
 UniqueFile openForService(const std::string& path)
 {
     struct stat opened = {};
-    return openRegularFile(path, opened);
+    return openRegularStream(path, opened);
 }
 
 UniqueFile openPlainly(const std::string& path)

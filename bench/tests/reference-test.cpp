@@ -6,12 +6,13 @@
 #include <cstring>
 #include <system_error>
 
+#include "base/fd.h"
 #include "driven/stick.h"
 #include "process/device.h"
 #include "reference/file-passes.h"
 #include "reference/plain-decipher.h"
 #include "src/fw-update-symbol.h"
-#include "support/unique-handles.h"
+#include "base/handles.h"
 
 namespace quillon::bench {
 namespace {

@@ -1,7 +1,7 @@
 // Takes the place of app-binary-manager.cpp where libcurl was not there at build time.
 
-#include "once.h"
-#include "platform-log.h"
+#include "base/once.h"
+#include "platform/log/platform-log.h"
 #include "platform/app-binary-manager.h"
 
 namespace appbinaryManager {

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <exception>
 
-#include "download-queue.h"
-#include "download-settings.h"
-#include "platform-log.h"
+#include "platform/linux/download-queue.h"
+#include "platform/linux/download-settings.h"
+#include "platform/log/platform-log.h"
 
 namespace {
 

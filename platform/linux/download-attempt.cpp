@@ -1,4 +1,4 @@
-#include "download-attempt.h"
+#include "platform/linux/download-attempt.h"
 
 #include <cerrno>
 #include <cstring>
@@ -7,7 +7,7 @@
 #include <string_view>
 #include <utility>
 
-#include "download-reply.h"
+#include "platform/linux/download-reply.h"
 
 namespace quillon {
 

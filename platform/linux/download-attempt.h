@@ -7,9 +7,9 @@
 #include <cstdint>
 #include <string>
 
-#include "download-cancel.h"
-#include "download-part.h"
-#include "download-settings.h"
+#include "platform/linux/download-cancel.h"
+#include "platform/linux/download-part.h"
+#include "platform/linux/download-settings.h"
 
 namespace quillon {
 

@@ -1,4 +1,4 @@
-#include "download-part.h"
+#include "platform/linux/download-part.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -8,6 +8,10 @@
 #include <cerrno>
 #include <sstream>
 #include <utility>
+
+#include "base/regular-file.h"
+#include "base/replace-file.h"
+#include "base/secret-bytes.h"
 
 namespace quillon {
 
@@ -20,8 +24,9 @@ constexpr std::size_t kLargestNote = 16384;
 bool readText(const std::string& path, std::string& text)
 {
     UniqueFd fd;
+    struct stat opened = {};
     SecretBytes bytes;
-    if (openRegularFile(path.c_str(), O_NOFOLLOW, fd) != FileResult::kOk ||
+    if (openRegularFile(path.c_str(), O_NOFOLLOW, fd, opened) != FileResult::kOk ||
         readToEnd(fd.get(), kLargestNote, bytes) != FileResult::kOk) {
         return false;
     }

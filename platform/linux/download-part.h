@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "files.h"
+#include "base/fd.h"
 
 namespace quillon {
 

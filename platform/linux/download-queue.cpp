@@ -1,4 +1,4 @@
-#include "download-queue.h"
+#include "platform/linux/download-queue.h"
 
 #include <curl/curl.h>
 
@@ -6,9 +6,9 @@
 #include <exception>
 #include <utility>
 
-#include "package-download.h"
-#include "platform-log.h"
-#include "signals-blocked.h"
+#include "platform/linux/package-download.h"
+#include "platform/log/platform-log.h"
+#include "base/signals-blocked.h"
 
 namespace quillon {
 

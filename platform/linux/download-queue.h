@@ -8,8 +8,8 @@
 #include <thread>
 #include <vector>
 
-#include "download-cancel.h"
-#include "download-settings.h"
+#include "platform/linux/download-cancel.h"
+#include "platform/linux/download-settings.h"
 
 namespace quillon {
 

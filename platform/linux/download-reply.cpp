@@ -1,4 +1,4 @@
-#include "download-reply.h"
+#include "platform/linux/download-reply.h"
 
 #include <charconv>
 #include <string_view>

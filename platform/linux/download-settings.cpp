@@ -1,11 +1,13 @@
-#include "download-settings.h"
+#include "platform/linux/download-settings.h"
 
 #include <charconv>
 #include <string_view>
 #include <system_error>
 
-#include "files.h"
-#include "platform-log.h"
+#include "base/fd.h"
+#include "base/secret-bytes.h"
+#include "base/regular-file.h"
+#include "platform/log/platform-log.h"
 
 namespace quillon {
 
@@ -132,7 +134,8 @@ bool takeLines(DownloadSettings& settings, std::string_view text)
 bool readText(std::string& text)
 {
     UniqueFd fd;
-    switch (openRegularFile(kFile, 0, fd)) {
+    struct stat opened = {};
+    switch (openRegularFile(kFile, 0, fd, opened)) {
         case FileResult::kOk:
             break;
         case FileResult::kMissing:

@@ -2,8 +2,10 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -11,28 +13,29 @@
 #include <cstring>
 #include <string_view>
 
-#include "event-placeholder.h"
-#include "files.h"
-#include "sd-notify.h"
+#include "base/fd.h"
+#include "base/regular-file.h"
+#include "platform/linux/event-placeholder.h"
 
 namespace quillon {
 namespace {
 
 constexpr char kServiceReady[] = "/tmp/.fw_service_ready_usb";
 constexpr mode_t kEventMode = 0644;
+constexpr int kKeepEnvironment = 0;
 
 // Raised before: a new time stamp is what a watcher sees. What is not a file of our own stays as it
 // is, since anybody may have put it or a link into /tmp.
 bool raiseAgain(const char* name)
 {
     UniqueFd fd;
-    const FileResult opened = openRegularFile(name, O_NOFOLLOW, fd);
+    struct stat status = {};
+    const FileResult opened = openRegularFile(name, O_NOFOLLOW, fd, status);
     if (opened == FileResult::kNotRegular) {
         errno = EEXIST;
         return false;
     }
-    struct stat status = {};
-    if (opened != FileResult::kOk || fstat(fd.get(), &status) != 0) {
+    if (opened != FileResult::kOk) {
         return false;
     }
     if (status.st_uid != geteuid()) {
@@ -103,7 +106,7 @@ int LwipcEventDone(const char* name)
     // The service manager is told even where the file could not be made: the service serves all the
     // same and must not be stopped for it.
     const int reason = errno;
-    const int told = tellServiceManager("READY=1");
-    errno = raised ? -told : reason;
-    return raised && told == 0 ? 0 : -1;
+    const int told = sd_notify(kKeepEnvironment, "READY=1");
+    errno = raised ? -std::min(told, 0) : reason;
+    return raised && told >= 0 ? 0 : -1;
 }

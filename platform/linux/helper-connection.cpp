@@ -1,4 +1,4 @@
-#include "helper-connection.h"
+#include "platform/linux/helper-connection.h"
 
 #include <sys/socket.h>
 #include <sys/time.h>

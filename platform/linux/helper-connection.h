@@ -7,7 +7,7 @@
 #include <chrono>
 #include <cstddef>
 
-#include "files.h"
+#include "base/fd.h"
 
 namespace quillon {
 

@@ -1,4 +1,4 @@
-#include "inhibitor.h"
+#include "platform/linux/inhibitor.h"
 
 #include <fcntl.h>
 #include <systemd/sd-bus.h>
@@ -12,7 +12,7 @@
 #include <tuple>
 #include <utility>
 
-#include "platform-log.h"
+#include "platform/log/platform-log.h"
 
 namespace quillon {
 

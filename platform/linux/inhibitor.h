@@ -4,7 +4,7 @@
 #include <array>
 #include <optional>
 
-#include "files.h"
+#include "base/fd.h"
 
 namespace quillon {
 

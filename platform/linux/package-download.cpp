@@ -1,12 +1,12 @@
-#include "package-download.h"
+#include "platform/linux/package-download.h"
 
 #include <algorithm>
 #include <exception>
 #include <optional>
 
-#include "download-attempt.h"
-#include "download-part.h"
-#include "platform-log.h"
+#include "platform/linux/download-attempt.h"
+#include "platform/linux/download-part.h"
+#include "platform/log/platform-log.h"
 
 namespace quillon {
 

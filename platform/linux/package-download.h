@@ -3,8 +3,8 @@
 
 #include <string>
 
-#include "download-cancel.h"
-#include "download-settings.h"
+#include "platform/linux/download-cancel.h"
+#include "platform/linux/download-settings.h"
 
 namespace quillon {
 

@@ -1,10 +1,10 @@
-#include "power-locks.h"
+#include "platform/linux/power-locks.h"
 
 #include <algorithm>
 #include <utility>
 
-#include "platform-log.h"
-#include "signals-blocked.h"
+#include "platform/log/platform-log.h"
+#include "base/signals-blocked.h"
 
 namespace quillon {
 

@@ -7,7 +7,7 @@
 #include <mutex>
 #include <thread>
 
-#include "inhibitor.h"
+#include "platform/linux/inhibitor.h"
 
 namespace quillon {
 

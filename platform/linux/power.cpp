@@ -5,9 +5,9 @@
 #include <optional>
 #include <utility>
 
-#include "inhibitor.h"
-#include "platform-log.h"
-#include "power-locks.h"
+#include "platform/linux/inhibitor.h"
+#include "platform/log/platform-log.h"
+#include "platform/linux/power-locks.h"
 
 namespace {
 

@@ -6,10 +6,10 @@
 #include <cerrno>
 #include <cstring>
 
-#include "helper-connection.h"
-#include "once.h"
-#include "platform-log.h"
-#include "privileged-protocol.h"
+#include "platform/linux/helper-connection.h"
+#include "base/once.h"
+#include "platform/log/platform-log.h"
+#include "platform/protocols/mount-protocol.h"
 
 namespace {
 

@@ -1,11 +1,13 @@
 #include <exception>
 
-#include "files.h"
-#include "install-package.h"
-#include "platform-log.h"
+#include "base/fd.h"
+#include "base/secret-bytes.h"
+#include "base/regular-file.h"
+#include "platform/storage/install-package.h"
+#include "platform/log/platform-log.h"
 #include "platform/secure-storage.h"
-#include "provisioning-content.h"
-#include "storage-client.h"
+#include "platform/storage/provisioning-content.h"
+#include "platform/linux/storage-client.h"
 
 namespace quillon {
 namespace {
@@ -13,7 +15,8 @@ namespace {
 InstallResult readPackage(const char* path, SecretBytes& bytes)
 {
     UniqueFd fd;
-    const FileResult opened = openRegularFile(path, 0, fd);
+    struct stat status = {};
+    const FileResult opened = openRegularFile(path, 0, fd, status);
     if (opened == FileResult::kNotRegular) {
         PLATFORM_LOGE("%s is not a regular file", path);
         return kPackageUnreadable;

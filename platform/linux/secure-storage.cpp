@@ -6,9 +6,10 @@
 #include <exception>
 #include <new>
 
-#include "item-store.h"
-#include "platform-log.h"
-#include "storage-client.h"
+#include "base/secret-bytes.h"
+#include "platform/linux/storage-client.h"
+#include "platform/log/platform-log.h"
+#include "platform/storage/item-store.h"
 
 namespace quillon {
 namespace {

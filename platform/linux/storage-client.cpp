@@ -1,4 +1,4 @@
-#include "storage-client.h"
+#include "platform/linux/storage-client.h"
 
 #include <sys/types.h>
 #include <sys/un.h>
@@ -6,12 +6,12 @@
 #include <cerrno>
 #include <string>
 
-#include "helper-connection.h"
-#include "install-package.h"
-#include "item-store.h"
-#include "platform-log.h"
-#include "provisioning-content.h"
-#include "storage-protocol.h"
+#include "platform/linux/helper-connection.h"
+#include "platform/storage/install-package.h"
+#include "platform/storage/item-store.h"
+#include "platform/log/platform-log.h"
+#include "platform/storage/provisioning-content.h"
+#include "platform/protocols/storage-protocol.h"
 
 namespace quillon {
 

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string_view>
 
-#include "files.h"
+#include "base/secret-bytes.h"
 
 namespace quillon {
 

@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <memory>
 
-#include "formatted-text.h"
-#include "platform-log.h"
+#include "platform/log/formatted-text.h"
+#include "platform/log/platform-log.h"
 
 namespace quillon {
 namespace {

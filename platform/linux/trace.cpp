@@ -6,7 +6,7 @@
 #define _SDT_HAS_SEMAPHORES 1
 #include <sys/sdt.h>
 
-#include "formatted-text.h"
+#include "platform/log/formatted-text.h"
 
 // Whoever attaches to the probe counts this up from outside of the program; the name is given by
 // the probe's provider and name.

@@ -1,4 +1,4 @@
-#include "floor-store.h"
+#include "platform/storage/floor-store.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -6,10 +6,12 @@
 
 #include <cerrno>
 
-#include "files.h"
-#include "image-error.h"
-#include "platform-log.h"
-#include "trust-policy.h"
+#include "base/fd.h"
+#include "base/secret-bytes.h"
+#include "base/replace-file.h"
+#include "platform/verifier/image-error.h"
+#include "platform/log/platform-log.h"
+#include "platform/verifier/trust-policy.h"
 
 namespace quillon {
 

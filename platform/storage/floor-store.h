@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "security-floors.h"
+#include "platform/verifier/security-floors.h"
 
 namespace quillon {
 

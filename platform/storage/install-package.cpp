@@ -1,15 +1,15 @@
-#include "install-package.h"
+#include "platform/storage/install-package.h"
 
 #include <string_view>
 
-#include "floor-store.h"
-#include "image-error.h"
-#include "item-store.h"
-#include "maker-certificates.h"
-#include "platform-log.h"
-#include "provisioning-content.h"
-#include "signed-package.h"
-#include "trust-policy.h"
+#include "platform/storage/floor-store.h"
+#include "platform/verifier/image-error.h"
+#include "platform/storage/item-store.h"
+#include "platform/storage/maker-certificates.h"
+#include "platform/log/platform-log.h"
+#include "platform/storage/provisioning-content.h"
+#include "platform/storage/signed-package.h"
+#include "platform/verifier/trust-policy.h"
 
 namespace quillon {
 

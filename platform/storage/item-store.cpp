@@ -1,4 +1,4 @@
-#include "item-store.h"
+#include "platform/storage/item-store.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,10 +8,13 @@
 #include <cerrno>
 #include <string>
 
-#include "once.h"
-#include "platform-log.h"
-#include "provisioning-content.h"
-#include "sealing.h"
+#include "base/fd.h"
+#include "base/once.h"
+#include "base/regular-file.h"
+#include "base/replace-file.h"
+#include "platform/log/platform-log.h"
+#include "platform/storage/provisioning-content.h"
+#include "platform/storage/sealing.h"
 
 namespace quillon {
 
@@ -30,7 +33,8 @@ std::string pathOf(const std::string& file)
 
 StoreResult openFile(const std::string& path, UniqueFd& fd)
 {
-    switch (openRegularFile(path.c_str(), O_NOFOLLOW, fd)) {
+    struct stat status = {};
+    switch (openRegularFile(path.c_str(), O_NOFOLLOW, fd, status)) {
         case FileResult::kOk:
             break;
         case FileResult::kMissing:
@@ -41,11 +45,6 @@ StoreResult openFile(const std::string& path, UniqueFd& fd)
         default:
             PLATFORM_LOGE("%s cannot be opened: %m", path.c_str());
             return kStoreFailed;
-    }
-    struct stat status = {};
-    if (fstat(fd.get(), &status) != 0) {
-        PLATFORM_LOGE("%s cannot be examined: %m", path.c_str());
-        return kStoreFailed;
     }
     if ((status.st_mode & kGroupAndOthers) != 0) {
         PLATFORM_LOGE("%s has mode %04o, which is open to group or others; 0600 is wanted",

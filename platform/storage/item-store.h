@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-#include "files.h"
+#include "base/secret-bytes.h"
 
 namespace quillon {
 

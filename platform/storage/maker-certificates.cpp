@@ -1,4 +1,4 @@
-#include "maker-certificates.h"
+#include "platform/storage/maker-certificates.h"
 
 #include <openssl/err.h>
 #include <openssl/pem.h>
@@ -7,9 +7,9 @@
 #include <filesystem>
 #include <iterator>
 
-#include "image-error.h"
-#include "public-key.h"
-#include "regular-file.h"
+#include "platform/verifier/image-error.h"
+#include "platform/verifier/public-key.h"
+#include "platform/verifier/input-file.h"
 
 namespace quillon {
 namespace {

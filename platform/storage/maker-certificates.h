@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "openssl-handle.h"
+#include "platform/verifier/openssl-handle.h"
 
 namespace quillon {
 

@@ -1,4 +1,4 @@
-#include "piped-program.h"
+#include "platform/storage/piped-program.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -13,6 +13,8 @@
 #include <cstring>
 #include <optional>
 #include <utility>
+
+#include "base/fd.h"
 
 namespace quillon {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "files.h"
+#include "base/secret-bytes.h"
 
 namespace quillon {
 

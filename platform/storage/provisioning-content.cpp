@@ -1,4 +1,4 @@
-#include "provisioning-content.h"
+#include "platform/storage/provisioning-content.h"
 
 #include <algorithm>
 #include <string>

@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <string_view>
 
-#include "files.h"
-#include "security-floors.h"
+#include "base/secret-bytes.h"
+#include "platform/verifier/security-floors.h"
 
 namespace quillon {
 

@@ -1,12 +1,12 @@
-#include "sealing.h"
+#include "platform/storage/sealing.h"
 
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 
-#include "piped-program.h"
-#include "provisioning-content.h"
+#include "platform/storage/piped-program.h"
+#include "platform/storage/provisioning-content.h"
 
 namespace quillon {
 

@@ -1,4 +1,4 @@
-#include "signed-package.h"
+#include "platform/storage/signed-package.h"
 
 #include <openssl/cms.h>
 #include <openssl/err.h>
@@ -7,8 +7,8 @@
 
 #include <memory>
 
-#include "image-error.h"
-#include "provisioning-content.h"
+#include "platform/verifier/image-error.h"
+#include "platform/storage/provisioning-content.h"
 
 namespace quillon {
 namespace {

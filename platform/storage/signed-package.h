@@ -6,8 +6,8 @@
 #include <string>
 #include <string_view>
 
-#include "files.h"
-#include "maker-certificates.h"
+#include "base/secret-bytes.h"
+#include "platform/storage/maker-certificates.h"
 
 namespace quillon {
 

@@ -1,13 +1,13 @@
-#include "image-signature.h"
+#include "platform/verifier/image-signature.h"
 
 #include <openssl/rsa.h>
 
 #include <algorithm>
 #include <vector>
 
-#include "image-error.h"
-#include "openssl-handle.h"
-#include "public-key.h"
+#include "platform/verifier/image-error.h"
+#include "platform/verifier/openssl-handle.h"
+#include "platform/verifier/public-key.h"
 
 namespace quillon {
 namespace {

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "image-trailer.h"
+#include "platform/verifier/image-trailer.h"
 
 namespace quillon {
 

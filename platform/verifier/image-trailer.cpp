@@ -1,9 +1,9 @@
-#include "image-trailer.h"
+#include "platform/verifier/image-trailer.h"
 
 #include <algorithm>
 
-#include "hex-text.h"
-#include "image-error.h"
+#include "platform/verifier/hex-text.h"
+#include "platform/verifier/image-error.h"
 
 namespace quillon {
 namespace {

@@ -9,12 +9,12 @@
 #include <functional>
 #include <string>
 
-#include "image-error.h"
+#include "platform/verifier/image-error.h"
 #include "platform/log.h"
 #include "platform/verifier.h"
-#include "signed-file.h"
-#include "trust-policy.h"
-#include "trusted-keys.h"
+#include "platform/verifier/signed-file.h"
+#include "platform/verifier/trust-policy.h"
+#include "platform/verifier/trusted-keys.h"
 
 namespace {
 

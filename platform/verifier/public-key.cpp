@@ -1,4 +1,4 @@
-#include "public-key.h"
+#include "platform/verifier/public-key.h"
 
 #include <openssl/crypto.h>
 #include <openssl/pem.h>
@@ -8,8 +8,8 @@
 #include <algorithm>
 #include <memory>
 
-#include "image-error.h"
-#include "regular-file.h"
+#include "platform/verifier/image-error.h"
+#include "platform/verifier/input-file.h"
 
 namespace quillon {
 namespace {

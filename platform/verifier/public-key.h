@@ -3,8 +3,8 @@
 
 #include <string>
 
-#include "image-trailer.h"
-#include "openssl-handle.h"
+#include "platform/verifier/image-trailer.h"
+#include "platform/verifier/openssl-handle.h"
 
 namespace quillon {
 

@@ -1,4 +1,4 @@
-#include "security-floors.h"
+#include "platform/verifier/security-floors.h"
 
 #include <algorithm>
 #include <limits>

@@ -1,10 +1,10 @@
-#include "signed-file.h"
+#include "platform/verifier/signed-file.h"
 
 #include <algorithm>
 #include <vector>
 
-#include "image-error.h"
-#include "openssl-handle.h"
+#include "platform/verifier/image-error.h"
+#include "platform/verifier/openssl-handle.h"
 
 namespace quillon {
 namespace {
@@ -14,7 +14,7 @@ constexpr std::size_t kChunkSize = 65536;
 /// In bytes. The service takes no more either, and a file with a hole may seem to have any number.
 constexpr std::uint64_t kLargestFile = 2147483647;
 
-ImageTrailer readTrailer(const RegularFile& file)
+ImageTrailer readTrailer(const InputFile& file)
 {
     if (file.size() > kLargestFile) {
         throw notSigned(file.path(),

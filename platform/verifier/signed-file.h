@@ -3,9 +3,9 @@
 
 #include <string>
 
-#include "image-signature.h"
-#include "image-trailer.h"
-#include "regular-file.h"
+#include "platform/verifier/image-signature.h"
+#include "platform/verifier/image-trailer.h"
+#include "platform/verifier/input-file.h"
 
 namespace quillon {
 
@@ -19,7 +19,7 @@ public:
     ///         has no usable trailer.
     explicit SignedFile(const std::string& path);
 
-    const RegularFile& file() const { return _file; }
+    const InputFile& file() const { return _file; }
     const ImageTrailer& trailer() const { return _trailer; }
 
     /// @return the number of signed bytes, all before the trailer.
@@ -30,7 +30,7 @@ public:
     ContentDigest contentDigest() const;
 
 private:
-    RegularFile _file;
+    InputFile _file;
     ImageTrailer _trailer;
 };
 

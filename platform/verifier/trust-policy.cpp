@@ -1,4 +1,4 @@
-#include "trust-policy.h"
+#include "platform/verifier/trust-policy.h"
 
 #include <sys/stat.h>
 
@@ -9,9 +9,9 @@
 #include <string_view>
 #include <vector>
 
-#include "hex-text.h"
-#include "image-error.h"
-#include "regular-file.h"
+#include "platform/verifier/hex-text.h"
+#include "platform/verifier/image-error.h"
+#include "platform/verifier/input-file.h"
 
 namespace quillon {
 namespace {

@@ -4,9 +4,9 @@
 #include <cstddef>
 #include <string>
 
-#include "image-signature.h"
-#include "image-trailer.h"
-#include "security-floors.h"
+#include "platform/verifier/image-signature.h"
+#include "platform/verifier/image-trailer.h"
+#include "platform/verifier/security-floors.h"
 
 namespace quillon {
 

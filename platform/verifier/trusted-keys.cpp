@@ -1,13 +1,13 @@
-#include "trusted-keys.h"
+#include "platform/verifier/trusted-keys.h"
 
 #include <algorithm>
 #include <filesystem>
 #include <optional>
 #include <vector>
 
-#include "image-error.h"
-#include "openssl-handle.h"
-#include "public-key.h"
+#include "platform/verifier/image-error.h"
+#include "platform/verifier/openssl-handle.h"
+#include "platform/verifier/public-key.h"
 
 namespace quillon {
 namespace {

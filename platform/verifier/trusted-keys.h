@@ -4,7 +4,7 @@
 #include <functional>
 #include <string>
 
-#include "image-signature.h"
+#include "platform/verifier/image-signature.h"
 
 namespace quillon {
 

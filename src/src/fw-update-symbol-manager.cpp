@@ -28,7 +28,8 @@
 #include "support/log.h"
 #include "support/paths.h"
 #include "support/text.h"
-#include "support/unique-handles.h"
+#include "base/fd.h"
+#include "base/handles.h"
 
 namespace {
 
@@ -112,7 +113,7 @@ void work(Rendezvous& rendezvous, CallerTypes caller)
 /// at.
 quillon::UniqueFile createUpdateList()
 {
-    quillon::UniqueDescriptor descriptor(
+    quillon::UniqueFd descriptor(
         open(quillon::paths::kUpdateList, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
              kUpdateListMode));
     struct stat status = {};

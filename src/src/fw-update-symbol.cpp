@@ -17,6 +17,8 @@
 #include <mutex>
 #include <optional>
 
+#include "base/fd.h"
+#include "base/regular-file.h"
 #include "fw-update-mount-manager.h"
 #include "platform/app-binary-manager.h"
 #include "platform/verifier.h"
@@ -25,7 +27,6 @@
 #include "support/log.h"
 #include "support/paths.h"
 #include "support/read-witness.h"
-#include "support/regular-file.h"
 #include "support/text.h"
 #include "support/unseen-memory.h"
 
@@ -601,7 +602,7 @@ bool FWUpdateSymbol::loadInformation(const std::string& path)
 unsigned long FWUpdateSymbol::getBinaryCRC32(const std::string& path)
 {
     struct stat opened = {};
-    const quillon::UniqueFile file = quillon::openRegularFile(path, opened);
+    const quillon::UniqueFile file = quillon::openRegularStream(path, opened);
     if (!file && S_ISDIR(opened.st_mode)) {
         return 0;  // can be opened, but not read
     }
@@ -836,7 +837,7 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* path)
 
     const std::string imagePath = path + firmwareName_ + ".bin";
     struct stat opened = {};
-    quillon::UniqueFile image = quillon::openRegularFile(imagePath, opened);
+    quillon::UniqueFile image = quillon::openRegularStream(imagePath, opened);
     if (!image) {
         FW_LOGE("Error: %s file open", imagePath.c_str());
         return -1;
@@ -920,7 +921,7 @@ int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* pat
 
     const std::string imagePath = path + firmwareName_ + ".bin";
     struct stat opened = {};
-    quillon::UniqueFile image = quillon::openRegularFile(imagePath, opened);
+    quillon::UniqueFile image = quillon::openRegularStream(imagePath, opened);
     if (!image) {
         FW_LOGE("Error: %s open fail", imagePath.c_str());
         return -1;

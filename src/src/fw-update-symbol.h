@@ -9,7 +9,7 @@
 
 #include "fw-update-plugin.h"
 #include "support/shared-value.h"
-#include "support/unique-handles.h"
+#include "base/handles.h"
 
 /// Where a module's update is looked for.
 enum UPDATE_TYPE : int32_t {

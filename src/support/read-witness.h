@@ -7,7 +7,7 @@
 #include <future>
 #include <vector>
 
-#include "support/unique-handles.h"
+#include "base/handles.h"
 
 namespace quillon {
 

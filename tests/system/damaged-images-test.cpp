@@ -11,8 +11,8 @@
 #include <fstream>
 #include <thread>
 
-#include "public-key.h"
-#include "signed-file.h"
+#include "platform/verifier/public-key.h"
+#include "platform/verifier/signed-file.h"
 #include "system/system-test.h"
 #include "unit/verifier/test-keys.h"
 

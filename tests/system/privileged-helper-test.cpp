@@ -23,7 +23,7 @@
 #include <thread>
 
 #include "system/daemon.h"
-#include "unit/privileged/hostile-requests.h"
+#include "unit/helpers/mount/hostile-requests.h"
 
 using namespace quillon::test;
 using quillon::privileged::Kind;

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "privileged-protocol.h"
+#include "platform/protocols/mount-protocol.h"
 
 namespace quillon::test {
 

@@ -12,6 +12,7 @@
 #include <mutex>
 #include <regex>
 
+#include "base/fd.h"
 #include "platform/secure-storage.h"
 #include "provisioning-package.h"
 #include "support/open-way.h"

@@ -12,7 +12,7 @@
 #include <memory>
 
 #include "support/open-way.h"
-#include "support/unique-handles.h"
+#include "base/fd.h"
 #include "system/control-layer.h"
 #include "system/privileged-helper.h"
 
@@ -213,7 +213,7 @@ public:
     }
 
 private:
-    UniqueDescriptor file_{::open("/dev/shm/sem.SEM_UPDATE_CONTROL", O_RDWR | O_CLOEXEC)};
+    UniqueFd file_{::open("/dev/shm/sem.SEM_UPDATE_CONTROL", O_RDWR | O_CLOEXEC)};
 };
 
 TEST_F(UpdateSemaphore, IsNotReleasedWhileAnotherContainersProcessHasTheHoldersNumber)

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "image-error.h"
+#include "platform/verifier/image-error.h"
 
 namespace quillon {
 namespace {

@@ -1,6 +1,6 @@
 #include "held-signals.h"
 
-#include "image-error.h"
+#include "platform/verifier/image-error.h"
 
 namespace quillon {
 namespace {

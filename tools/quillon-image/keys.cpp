@@ -9,12 +9,12 @@
 #include <filesystem>
 
 #include "atomic-file.h"
-#include "hex-text.h"
-#include "image-error.h"
+#include "platform/verifier/hex-text.h"
+#include "platform/verifier/image-error.h"
 #include "provisioning-certificate.h"
 #include "provisioning-package.h"
-#include "public-key.h"
-#include "regular-file.h"
+#include "platform/verifier/public-key.h"
+#include "platform/verifier/input-file.h"
 
 namespace quillon {
 namespace {

@@ -4,7 +4,7 @@
 #include <array>
 #include <string>
 
-#include "openssl-handle.h"
+#include "platform/verifier/openssl-handle.h"
 
 namespace quillon {
 

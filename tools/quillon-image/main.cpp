@@ -4,8 +4,8 @@
 #include <iostream>
 #include <string>
 
-#include "image-error.h"
-#include "image-signature.h"
+#include "platform/verifier/image-error.h"
+#include "platform/verifier/image-signature.h"
 #include "verbs.h"
 
 namespace {

@@ -11,8 +11,8 @@
 
 #include "atomic-file.h"
 #include "held-signals.h"
-#include "image-error.h"
-#include "regular-file.h"
+#include "platform/verifier/image-error.h"
+#include "platform/verifier/input-file.h"
 #include "run-program.h"
 #include "support/checksum.h"
 #include "texts.h"
@@ -73,7 +73,7 @@ private:
 };
 
 /// Copies a file; the checksum is that of the bytes that were copied.
-std::uint32_t copyPayload(const RegularFile& payload, const std::string& target,
+std::uint32_t copyPayload(const InputFile& payload, const std::string& target,
                           const HeldSignals& signals)
 {
     AtomicFile copy(target, Audience::Everyone);
@@ -141,7 +141,7 @@ void makeExt4(const std::string& folder, const std::string& image, const std::st
     addToExt4(folder, image, payloadName);
 }
 
-bool hasMark(const RegularFile& file, std::uint64_t offset, const std::string& mark)
+bool hasMark(const InputFile& file, std::uint64_t offset, const std::string& mark)
 {
     if (file.size() < offset + mark.size()) {
         return false;
@@ -176,7 +176,7 @@ std::uint32_t buildPackage(const PackageContent& content, PackageType type,
 {
     const std::string payloadName = firmwareNameOf(content.name) + ".bin";
     requireVersion(content.version);
-    const RegularFile payload(content.payload);
+    const InputFile payload(content.payload);
 
     const HeldSignals signals;
     AtomicFile output(outputPath, Audience::Everyone);
@@ -199,7 +199,7 @@ std::uint32_t buildPackage(const PackageContent& content, PackageType type,
 
 std::optional<PackageType> packageTypeOf(const std::string& path)
 {
-    const RegularFile file(path);
+    const InputFile file(path);
     if (hasMark(file, 0, "hsqs")) {
         return PackageType::Squashfs;
     }

@@ -3,8 +3,8 @@
 #include <openssl/bn.h>
 #include <openssl/x509v3.h>
 
-#include "image-error.h"
-#include "signed-package.h"
+#include "platform/verifier/image-error.h"
+#include "platform/storage/signed-package.h"
 
 namespace quillon {
 namespace {

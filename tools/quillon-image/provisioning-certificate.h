@@ -1,8 +1,8 @@
 #ifndef QUILLON_TOOLS_QUILLON_IMAGE_PROVISIONING_CERTIFICATE_H
 #define QUILLON_TOOLS_QUILLON_IMAGE_PROVISIONING_CERTIFICATE_H
 
-#include "maker-certificates.h"
-#include "openssl-handle.h"
+#include "platform/storage/maker-certificates.h"
+#include "platform/verifier/openssl-handle.h"
 
 namespace quillon {
 

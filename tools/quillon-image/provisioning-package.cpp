@@ -1,9 +1,10 @@
 #include "provisioning-package.h"
 
-#include "image-error.h"
-#include "provisioning-content.h"
-#include "regular-file.h"
-#include "signed-package.h"
+#include "base/secret-bytes.h"
+#include "platform/storage/provisioning-content.h"
+#include "platform/storage/signed-package.h"
+#include "platform/verifier/image-error.h"
+#include "platform/verifier/input-file.h"
 
 namespace quillon {
 namespace {

@@ -8,9 +8,9 @@
 #include <optional>
 #include <string>
 
-#include "maker-certificates.h"
-#include "openssl-handle.h"
-#include "security-floors.h"
+#include "platform/storage/maker-certificates.h"
+#include "platform/verifier/openssl-handle.h"
+#include "platform/verifier/security-floors.h"
 
 namespace quillon {
 

@@ -12,7 +12,7 @@
 #include <cstring>
 #include <sstream>
 
-#include "image-error.h"
+#include "platform/verifier/image-error.h"
 
 namespace quillon {
 namespace {

@@ -8,12 +8,12 @@
 #include <vector>
 
 #include "atomic-file.h"
-#include "image-error.h"
-#include "public-key.h"
-#include "regular-file.h"
-#include "signed-file.h"
+#include "platform/verifier/image-error.h"
+#include "platform/verifier/public-key.h"
+#include "platform/verifier/input-file.h"
+#include "platform/verifier/signed-file.h"
 #include "texts.h"
-#include "trusted-keys.h"
+#include "platform/verifier/trusted-keys.h"
 
 namespace quillon {
 namespace {
@@ -140,7 +140,7 @@ private:
 
 /// Hands a range of a file to a consumer, piece by piece.
 template <typename Consumer>
-void readInPieces(const RegularFile& file, std::uint64_t offset, std::uint64_t end,
+void readInPieces(const InputFile& file, std::uint64_t offset, std::uint64_t end,
                   Consumer consume)
 {
     std::vector<unsigned char> chunk(kChunkSize);
@@ -153,7 +153,7 @@ void readInPieces(const RegularFile& file, std::uint64_t offset, std::uint64_t e
     }
 }
 
-void requirePossibleSize(const RegularFile& file)
+void requirePossibleSize(const InputFile& file)
 {
     const std::string start =
         file.path() + ": not a stick image: " + std::to_string(file.size()) + " bytes ";
@@ -172,7 +172,7 @@ void requirePossibleSize(const RegularFile& file)
 SignedFile openStickImage(const std::string& path)
 {
     // Looked at first, since "not a stick image" tells more than "no signature".
-    requirePossibleSize(RegularFile(path));
+    requirePossibleSize(InputFile(path));
     return SignedFile(path);
 }
 
@@ -259,7 +259,7 @@ void buildStickImage(const std::string& version, const std::string& payloadPath,
         requirePurpose(*purpose);
     }
     const InitialisationVector vector = randomVector();
-    const RegularFile payload(payloadPath);
+    const InputFile payload(payloadPath);
     if (payload.size() > kLargestImage - kSmallestImage - kVersionHeaderSize) {
         throw ImageError(ImageFault::Format,
                          payloadPath + ": too large: an image stays below 2 GiB");

@@ -15,9 +15,9 @@
 #include <optional>
 #include <string>
 
-#include "image-trailer.h"
+#include "platform/verifier/image-trailer.h"
 #include "keys.h"
-#include "trust-policy.h"
+#include "platform/verifier/trust-policy.h"
 
 namespace quillon {
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "image-error.h"
+#include "platform/verifier/image-error.h"
 
 namespace quillon {
 namespace {

@@ -6,14 +6,14 @@
 #include <iostream>
 
 #include "atomic-file.h"
-#include "hex-text.h"
-#include "image-error.h"
+#include "platform/verifier/hex-text.h"
+#include "platform/verifier/image-error.h"
 #include "keys.h"
 #include "package-image.h"
-#include "provisioning-content.h"
+#include "platform/storage/provisioning-content.h"
 #include "provisioning-package.h"
-#include "public-key.h"
-#include "regular-file.h"
+#include "platform/verifier/public-key.h"
+#include "platform/verifier/input-file.h"
 #include "stick-image.h"
 
 namespace quillon {

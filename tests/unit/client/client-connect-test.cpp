@@ -8,7 +8,7 @@
 
 #include <fstream>
 
-#include "client-lock.h"
+#include "client/client-lock.h"
 #include "unit/client/client-matchers.h"
 #include "unit/client/fake-service.h"
 #include "unit/client/other-process.h"

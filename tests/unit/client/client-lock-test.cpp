@@ -1,5 +1,5 @@
 // What somebody else has put where the clients' lock belongs.
-#include "client-lock.h"
+#include "client/client-lock.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -13,7 +13,7 @@
 #include <sstream>
 #include <string>
 
-#include "event-placeholder.h"
+#include "platform/linux/event-placeholder.h"
 #include "notify-socket.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "helper-connection.h"
+#include "platform/linux/helper-connection.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>

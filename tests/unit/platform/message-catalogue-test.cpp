@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "message-ids.h"
+#include "platform/log/message-ids.h"
 #include "running-library.h"
 
 namespace fs = std::filesystem;
@@ -127,9 +127,10 @@ TEST(MessageCatalogue, HasOnlyFormatsOfErrorsThatStandInTheSources)
     std::map<std::string, std::set<std::string>> sources = {
         {"FWUPDATE", formatsIn("src", "FW_LOGE")},
         {"QUILLON-PLATFORM", formatsIn("platform/linux", "PLATFORM_LOGE")},
-        {"QUILLON-PRIVILEGED", formatsIn("platform/privileged", "PRIVILEGED_LOGE")},
+        {"QUILLON-PRIVILEGED", formatsIn("helpers/mount", "PRIVILEGED_LOGE")},
     };
     sources["QUILLON-PLATFORM"].merge(formatsIn("platform/storage", "PLATFORM_LOGE"));
+    sources["QUILLON-PLATFORM"].merge(formatsIn("helpers/storage", "PLATFORM_LOGE"));
     for (const ExplainedMessage& message : explainedMessages()) {
         for (const std::string& format : formatsOf(message)) {
             EXPECT_THAT(sources.at(message.tag), testing::Contains(format)) << message.id;

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "captured-stderr.h"
-#include "privileged-protocol.h"
+#include "platform/protocols/mount-protocol.h"
 
 namespace {
 

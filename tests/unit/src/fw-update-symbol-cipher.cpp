@@ -6,10 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "base/fd.h"
+#include "base/handles.h"
 #include "fw-update-symbol.h"
 #include "support/advised-memory.h"
 #include "support/device-fixture.h"
-#include "support/unique-handles.h"
 
 namespace quillon::test {
 namespace {

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <string>
 
+#include "base/fd.h"
 #include "usb-images.h"
 
 namespace quillon::test {
@@ -85,7 +86,7 @@ TEST_F(ImageFile, AFifoIsNoImageAndNeverBlocks)
 TEST_F(ImageFile, AFifoWithAWriterIsNoImageEither)
 {
     ASSERT_EQ(mkfifo(kImage, 0666), 0);
-    const UniqueDescriptor writer(open(kImage, O_RDWR | O_CLOEXEC));
+    const UniqueFd writer(open(kImage, O_RDWR | O_CLOEXEC));
     ASSERT_EQ(write(writer.get(), image.data(), image.size()), static_cast<ssize_t>(image.size()));
 
     expectOpenFailures();
@@ -107,7 +108,7 @@ TEST_F(ImageFile, ADeviceIsNoImage)
 
 TEST_F(ImageFile, ASocketIsNoImage)
 {
-    const UniqueDescriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const UniqueFd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     std::strcpy(address.sun_path, kImage);

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "fw-update-symbol-manager-runs.h"
-#include "support/unique-handles.h"
+#include "base/fd.h"
 
 using namespace quillon::fakes;
 using namespace quillon::test;
@@ -285,7 +285,7 @@ TEST_F(UpdateList, IsNotWrittenIntoAPipeThatHasAReader)
 {
     install();
     ASSERT_EQ(mkfifo(kUpdateList, 0600), 0);
-    const quillon::UniqueDescriptor reader(open(kUpdateList, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const quillon::UniqueFd reader(open(kUpdateList, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
 
     EXPECT_EQ(write(), 1);
 

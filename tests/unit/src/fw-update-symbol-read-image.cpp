@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "base/fd.h"
 #include "support/advised-memory.h"
 #include "usb-images.h"
 
@@ -159,7 +160,7 @@ TEST_F(ReadImage, ChangedThroughAMappingAfterVerificationIsNotSigned)
 {
     const Bytes image = Image().payload(noise(50000)).bytes();
     standBy(image);
-    const UniqueDescriptor file(open(kImage, O_RDWR | O_CLOEXEC));
+    const UniqueFd file(open(kImage, O_RDWR | O_CLOEXEC));
     auto* mapped = static_cast<unsigned char*>(
         mmap(nullptr, image.size(), PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0));
     ASSERT_NE(mapped, MAP_FAILED);

@@ -1,6 +1,7 @@
 // Opening a file only when it is a regular one, and telling whether it is still the same.
 
-#include "support/regular-file.h"
+#include "base/fd.h"
+#include "base/regular-file.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -24,7 +25,7 @@ TEST(OpenRegularFile, GivesAStreamFromTheFirstByteOn)
     writeFile(kPath, "text");
     struct stat opened = {};
 
-    const UniqueFile file = openRegularFile(kPath, opened);
+    const UniqueFile file = openRegularStream(kPath, opened);
 
     ASSERT_NE(file, nullptr);
     EXPECT_EQ(std::fgetc(file.get()), 't');
@@ -36,7 +37,7 @@ TEST(OpenRegularFile, GivesAStreamThatReadsNoMoreThanItIsAskedFor)
 {
     writeFile(kPath, std::string(100000, 'x'));
     struct stat opened = {};
-    const UniqueFile file = openRegularFile(kPath, opened);
+    const UniqueFile file = openRegularStream(kPath, opened);
     std::array<char, 16> iv{};
 
     ASSERT_EQ(std::fread(iv.data(), 1, iv.size(), file.get()), iv.size());
@@ -48,18 +49,18 @@ TEST(OpenRegularFile, GivesNothingForAMissingFile)
 {
     struct stat opened = {};
 
-    EXPECT_EQ(openRegularFile(kPath, opened), nullptr);
-    EXPECT_EQ(openRegularFile("", opened), nullptr);
+    EXPECT_EQ(openRegularStream(kPath, opened), nullptr);
+    EXPECT_EQ(openRegularStream("", opened), nullptr);
 }
 
 TEST(OpenRegularFile, DoesNotEvenOpenAFifo)
 {
     ASSERT_EQ(mkfifo(kPath.c_str(), 0666), 0);
-    const UniqueDescriptor watch(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    const UniqueFd watch(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     ASSERT_NE(inotify_add_watch(watch.get(), kPath.c_str(), IN_OPEN), -1);
     struct stat opened = {};
 
-    EXPECT_EQ(openRegularFile(kPath, opened), nullptr);
+    EXPECT_EQ(openRegularStream(kPath, opened), nullptr);
 
     char event[1024];
     EXPECT_EQ(read(watch.get(), event, sizeof(event)), -1) << "somebody would have been woken";
@@ -70,7 +71,7 @@ TEST(OpenRegularFile, KeepsItsDescriptorFromChildren)
     writeFile(kPath, "text");
     struct stat opened = {};
 
-    const UniqueFile file = openRegularFile(kPath, opened);
+    const UniqueFile file = openRegularStream(kPath, opened);
 
     ASSERT_NE(file, nullptr);
     EXPECT_EQ(fcntl(fileno(file.get()), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
@@ -82,7 +83,7 @@ TEST(OpenRegularFile, ClosesItWithTheStream)
     const int before = openDescriptors();
     struct stat opened = {};
 
-    UniqueFile file = openRegularFile(kPath, opened);
+    UniqueFile file = openRegularStream(kPath, opened);
     EXPECT_EQ(openDescriptors(), before + 1);
     file.reset();
 

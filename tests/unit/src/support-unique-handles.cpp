@@ -1,6 +1,7 @@
 // Owners of what must be given back.
 
-#include "support/unique-handles.h"
+#include "base/fd.h"
+#include "base/handles.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -15,22 +16,22 @@ int openSomething()
     return open("/dev/null", O_RDONLY | O_CLOEXEC);
 }
 
-TEST(UniqueDescriptorTest, ClosesItsDescriptor)
+TEST(UniqueFdTest, ClosesItsDescriptor)
 {
     const int before = openDescriptors();
     {
-        const UniqueDescriptor descriptor(openSomething());
+        const UniqueFd descriptor(openSomething());
         EXPECT_EQ(openDescriptors(), before + 1);
     }
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST(UniqueDescriptorTest, KeepsItOpenWhenItIsReleased)
+TEST(UniqueFdTest, KeepsItOpenWhenItIsReleased)
 {
     const int before = openDescriptors();
     int number = -1;
     {
-        UniqueDescriptor descriptor(openSomething());
+        UniqueFd descriptor(openSomething());
         number = descriptor.release();
         EXPECT_EQ(descriptor.get(), -1);
     }
@@ -38,9 +39,9 @@ TEST(UniqueDescriptorTest, KeepsItOpenWhenItIsReleased)
     close(number);
 }
 
-TEST(UniqueDescriptorTest, OwnsNothingWhenEmpty)
+TEST(UniqueFdTest, OwnsNothingWhenEmpty)
 {
-    const UniqueDescriptor descriptor;
+    const UniqueFd descriptor;
     EXPECT_EQ(descriptor.get(), -1);
 }
 

@@ -10,6 +10,8 @@
 #include <future>
 #include <type_traits>
 
+#include "base/fd.h"
+#include "base/regular-file.h"
 #include "fakes/timeline.h"
 #include "fw-update-mqdata.h"
 #include "fw-update-plugin.h"
@@ -17,7 +19,6 @@
 #include "quillon-service-client.h"
 #include "support/checksum.h"
 #include "support/device-fixture.h"
-#include "support/regular-file.h"
 
 namespace quillon::test {
 namespace {
@@ -111,7 +112,7 @@ TEST_F(WordSizes, AFileBeyond4GiBIsOpenedWithItsSizeAndReadToItsEnd)
     ASSERT_EQ(truncate(kFile, size), 0);
     struct stat opened = {};
 
-    const UniqueFile file = openRegularFile(kFile, opened);
+    const UniqueFile file = openRegularStream(kFile, opened);
 
     ASSERT_NE(file, nullptr);
     EXPECT_EQ(opened.st_size, size);
@@ -126,7 +127,7 @@ TEST_F(WordSizes, AFileOfAfter2038IsTheSameFileOnlyWithTheSameTime)
     const timespec late[2] = {{kAfterThe32Bits, 0}, {kAfterThe32Bits, 0}};
     ASSERT_EQ(utimensat(AT_FDCWD, kFile, late, 0), 0);
     struct stat opened = {};
-    ASSERT_NE(openRegularFile(kFile, opened), nullptr);
+    ASSERT_NE(openRegularStream(kFile, opened), nullptr);
 
     EXPECT_EQ(opened.st_mtim.tv_sec, kAfterThe32Bits);
     EXPECT_TRUE(isStillSameFile(kFile, opened));

@@ -11,10 +11,11 @@
 #include <iterator>
 #include <thread>
 
-#include "image-error.h"
+#include "base/fd.h"
+#include "platform/storage/signed-package.h"
+#include "platform/verifier/image-error.h"
+#include "platform/verifier/trust-policy.h"
 #include "provisioned-device.h"
-#include "signed-package.h"
-#include "trust-policy.h"
 
 namespace {
 

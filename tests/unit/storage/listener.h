@@ -4,7 +4,7 @@
 #include <functional>
 #include <thread>
 
-#include "files.h"
+#include "base/fd.h"
 
 namespace quillon::test {
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "maker-certificates.h"
-#include "openssl-handle.h"
+#include "platform/storage/maker-certificates.h"
+#include "platform/verifier/openssl-handle.h"
 
 namespace quillon::test {
 

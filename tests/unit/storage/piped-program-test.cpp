@@ -1,4 +1,6 @@
-#include "piped-program.h"
+#include "platform/storage/piped-program.h"
+#include "base/fd.h"
+#include "base/secret-bytes.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

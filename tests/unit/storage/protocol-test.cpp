@@ -1,4 +1,5 @@
-#include "storage-protocol.h"
+#include "base/secret-bytes.h"
+#include "platform/protocols/storage-protocol.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -6,9 +6,10 @@
 
 #include <filesystem>
 
+#include "base/secret-bytes.h"
 #include "item-folder.h"
-#include "item-store.h"
-#include "provisioning-content.h"
+#include "platform/storage/item-store.h"
+#include "platform/storage/provisioning-content.h"
 #include "sealing-program.h"
 
 namespace fs = std::filesystem;

@@ -11,8 +11,9 @@
 #include <filesystem>
 #include <thread>
 
+#include "base/secret-bytes.h"
 #include "item-folder.h"
-#include "item-store.h"
+#include "platform/storage/item-store.h"
 #include "sealing-program.h"
 
 namespace fs = std::filesystem;

@@ -1,6 +1,8 @@
 // What the storage helper does for whom.
 
-#include "serve-client.h"
+#include "helpers/storage/serve-client.h"
+#include "base/fd.h"
+#include "base/secret-bytes.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -11,10 +13,10 @@
 
 #include <filesystem>
 
-#include "failure.h"
+#include "helpers/shared/failure.h"
 #include "item-folder.h"
 #include "makers.h"
-#include "storage-protocol.h"
+#include "platform/protocols/storage-protocol.h"
 
 namespace fs = std::filesystem;
 using testing::AllOf;

@@ -1,15 +1,16 @@
 // Whose packages are opened, and that nothing else is.
 
-#include "signed-package.h"
+#include "platform/storage/signed-package.h"
+#include "base/secret-bytes.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <random>
 
-#include "image-error.h"
 #include "makers.h"
-#include "provisioning-content.h"
+#include "platform/storage/provisioning-content.h"
+#include "platform/verifier/image-error.h"
 
 using testing::HasSubstr;
 

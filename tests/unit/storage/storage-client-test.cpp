@@ -7,12 +7,13 @@
 
 #include <filesystem>
 
+#include "base/secret-bytes.h"
+#include "helpers/storage/serve-client.h"
 #include "item-folder.h"
 #include "listener.h"
 #include "makers.h"
+#include "platform/protocols/storage-protocol.h"
 #include "platform/secure-storage.h"
-#include "serve-client.h"
-#include "storage-protocol.h"
 
 namespace fs = std::filesystem;
 using testing::ElementsAre;

@@ -11,7 +11,7 @@
 #include <set>
 #include <string>
 
-#include "image-error.h"
+#include "platform/verifier/image-error.h"
 #include "unit/verifier/test-keys.h"
 
 namespace quillon::test {

@@ -2,9 +2,9 @@
 
 #include <openssl/evp.h>
 
-#include "image-trailer.h"
-#include "openssl-handle.h"
-#include "signed-file.h"
+#include "platform/verifier/image-trailer.h"
+#include "platform/verifier/openssl-handle.h"
+#include "platform/verifier/signed-file.h"
 #include "unit/tools/image-files.h"
 
 using ::testing::HasSubstr;

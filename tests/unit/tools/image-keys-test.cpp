@@ -5,9 +5,10 @@
 #include <openssl/rsa.h>
 #include <openssl/x509v3.h>
 
+#include "base/secret-bytes.h"
+#include "platform/storage/signed-package.h"
+#include "platform/verifier/public-key.h"
 #include "provisioning-package.h"
-#include "public-key.h"
-#include "signed-package.h"
 #include "unit/tools/image-files.h"
 
 using ::testing::ElementsAre;

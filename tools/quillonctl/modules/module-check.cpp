@@ -7,10 +7,11 @@
 #include <set>
 #include <sstream>
 
+#include "base/fd.h"
+#include "base/regular-file.h"
 #include "module-defect.h"
 #include "package-mount.h"
 #include "support/paths.h"
-#include "support/regular-file.h"
 
 namespace quillon {
 
@@ -75,7 +76,7 @@ std::vector<FWUpdateSymbol>& allModules()
 std::optional<std::string> readUpdateList(std::size_t longest)
 {
     struct stat status = {};
-    const UniqueFile file = openRegularFile(paths::kUpdateList, status);
+    const UniqueFile file = openRegularStream(paths::kUpdateList, status);
     if (!file) {
         return std::nullopt;
     }

@@ -9,7 +9,7 @@
 
 #include "fw-update-plugin.h"
 #include "support/paths.h"
-#include "support/unique-handles.h"
+#include "base/handles.h"
 
 namespace quillon {
 

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "support/unique-handles.h"
+#include "base/fd.h"
 
 namespace quillon {
 
@@ -70,7 +70,7 @@ private:
     bool isOwnFile() const;
     bool set(short type, off_t byte);
 
-    UniqueDescriptor m_descriptor;
+    UniqueFd m_descriptor;
     struct stat m_file;
 };
 

@@ -1,0 +1,57 @@
+#ifndef QUILLON_BASE_FD_H
+#define QUILLON_BASE_FD_H
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <utility>
+
+namespace quillon {
+
+/// Owns one file descriptor and closes it. -1 stands for none. Keeps errno.
+class UniqueFd
+{
+public:
+    explicit UniqueFd(int fd = -1) : fd_(fd) {}
+    ~UniqueFd() { reset(); }
+    UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
+    UniqueFd& operator=(UniqueFd&& other) noexcept
+    {
+        if (this != &other) {
+            reset();
+            fd_ = other.release();
+        }
+        return *this;
+    }
+    UniqueFd(const UniqueFd&) = delete;
+    UniqueFd& operator=(const UniqueFd&) = delete;
+
+    explicit operator bool() const { return fd_ >= 0; }
+    int get() const { return fd_; }
+    int release() { return std::exchange(fd_, -1); }
+
+    void reset()
+    {
+        if (fd_ >= 0) {
+            const int callersErrno = errno;
+            close(release());
+            errno = callersErrno;
+        }
+    }
+
+private:
+    int fd_;
+};
+
+struct FileCloser
+{
+    void operator()(std::FILE* file) const { static_cast<void>(std::fclose(file)); }
+};
+/// An open stream; empty when opening failed.
+using UniqueFile = std::unique_ptr<std::FILE, FileCloser>;
+
+}  // namespace quillon
+
+#endif

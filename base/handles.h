@@ -1,0 +1,49 @@
+#ifndef QUILLON_BASE_HANDLES_H
+#define QUILLON_BASE_HANDLES_H
+
+#include <dlfcn.h>
+#include <openssl/evp.h>
+
+#include <cstdlib>
+#include <memory>
+
+/// Owners of everything that must be given back: each gives its handle back exactly once.
+namespace quillon {
+
+struct CipherContextFreer
+{
+    void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_free(context); }
+};
+/// An OpenSSL cipher context.
+using UniqueCipherContext = std::unique_ptr<EVP_CIPHER_CTX, CipherContextFreer>;
+
+struct DigestContextFreer
+{
+    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+};
+/// An OpenSSL digest context.
+using UniqueDigestContext = std::unique_ptr<EVP_MD_CTX, DigestContextFreer>;
+
+struct MemoryFreer
+{
+    void operator()(void* memory) const { std::free(memory); }
+};
+/// Memory from malloc, calloc or a platform call that asks for free().
+template <typename T>
+using UniqueMemory = std::unique_ptr<T, MemoryFreer>;
+
+struct LibraryCloser
+{
+    void operator()(void* handle) const
+    {
+        if (handle != nullptr) {
+            static_cast<void>(dlclose(handle));
+        }
+    }
+};
+/// A handle of dlopen that copies share; it is closed once, after the last of them.
+using SharedLibrary = std::shared_ptr<void>;
+
+}  // namespace quillon
+
+#endif

@@ -1,0 +1,21 @@
+#ifndef QUILLON_BASE_ONCE_H
+#define QUILLON_BASE_ONCE_H
+
+#include <atomic>
+
+namespace quillon {
+
+/// Lets one caller through in the life of the process: `static Once said; if (said.first()) ...`.
+/// Thread: any.
+class Once
+{
+public:
+    bool first() { return !done_.exchange(true); }
+
+private:
+    std::atomic<bool> done_{false};
+};
+
+}  // namespace quillon
+
+#endif

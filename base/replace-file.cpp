@@ -1,0 +1,69 @@
+#include "base/replace-file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "base/fd.h"
+
+namespace quillon {
+
+bool makeFolders(const std::string& path, mode_t mode)
+{
+    for (std::size_t at = path.find('/', 1); at != std::string::npos; at = path.find('/', at + 1)) {
+        if (mkdir(path.substr(0, at).c_str(), 0755) != 0 && errno != EEXIST) {
+            return false;
+        }
+    }
+    return mkdir(path.c_str(), mode) == 0 || errno == EEXIST;
+}
+
+namespace {
+
+bool writeAndSync(int fd, const SecretBytes& bytes)
+{
+    std::size_t written = 0;
+    while (written < bytes.size()) {
+        const ssize_t count = write(fd, bytes.data() + written, bytes.size() - written);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            return false;
+        }
+        written += static_cast<std::size_t>(count);
+    }
+    return fsync(fd) == 0;
+}
+
+bool syncFolder(const std::string& folder)
+{
+    const UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return fd && fsync(fd.get()) == 0;
+}
+
+}  // namespace
+
+bool replaceFile(const std::string& folder, const std::string& name, const SecretBytes& bytes,
+                 mode_t mode)
+{
+    const std::string target = folder + "/" + name;
+    std::string temporary = folder + "/." + name + ".XXXXXX";
+    const UniqueFd fd(mkostemp(temporary.data(), O_CLOEXEC));  // mode 0600
+    if (!fd) {
+        return false;
+    }
+    if (fchmod(fd.get(), mode) != 0 || !writeAndSync(fd.get(), bytes) ||
+        rename(temporary.c_str(), target.c_str()) != 0) {
+        const int reason = errno;
+        unlink(temporary.c_str());
+        errno = reason;
+        return false;
+    }
+    return syncFolder(folder);
+}
+
+}  // namespace quillon

@@ -1,0 +1,28 @@
+#ifndef QUILLON_BASE_REPLACE_FILE_H
+#define QUILLON_BASE_REPLACE_FILE_H
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "base/secret-bytes.h"
+
+namespace quillon {
+
+/// Makes a folder and the folders above it. Those above get mode 0755, the folder itself `mode`; a
+/// folder that is there already stays as it is.
+/// @return false with errno telling why. Throws std::bad_alloc.
+bool makeFolders(const std::string& path, mode_t mode);
+
+/// Puts a file in place in one step, also where the power fails: whoever opens it sees either the
+/// old contents or all of the new ones. A link of that name is replaced, never followed.
+/// @param folder  must exist
+/// @param name    file name without "/"
+/// @param mode    of the file, whatever the umask
+/// @return false with errno telling why; the folder is then as it was. Throws std::bad_alloc.
+bool replaceFile(const std::string& folder, const std::string& name, const SecretBytes& bytes,
+                 mode_t mode = 0600);
+
+}  // namespace quillon
+
+#endif

@@ -1,0 +1,29 @@
+#ifndef QUILLON_BASE_SIGNALS_BLOCKED_H
+#define QUILLON_BASE_SIGNALS_BLOCKED_H
+
+#include <csignal>
+
+namespace quillon {
+
+/// Blocks all signals on the calling thread while it lives. A thread inherits the mask of the one
+/// that starts it, so the program's signals stay with the program's own threads.
+class SignalsBlocked
+{
+public:
+    SignalsBlocked()
+    {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before_);
+    }
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+private:
+    sigset_t before_ = {};
+};
+
+}  // namespace quillon
+
+#endif

@@ -1,0 +1,65 @@
+#include "helpers/lifecycle/client-lock-file.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "base/fd.h"
+#include "helpers/lifecycle/taken-name.h"
+#include "helpers/lifecycle/unit-failure.h"
+
+namespace quillon::unit {
+
+namespace {
+
+constexpr mode_t kMode = 0666;
+
+void openToEverybody(const UniqueFd& file, const std::string& path)
+{
+    if (fchown(file.get(), 0, 0) != 0 || fchmod(file.get(), kMode) != 0) {
+        failWithErrno("cannot give " + path + " to everybody");
+    }
+}
+
+/// Makes it only where nothing is: a client that is as fast may hold its own already.
+bool isMade(const std::string& path)
+{
+    const UniqueFd file(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kMode));
+    if (file.get() == -1) {
+        return false;
+    }
+    openToEverybody(file, path);
+    return true;
+}
+
+}  // namespace
+
+void provideClientLock(const std::string& path)
+{
+    if (isMade(path)) {
+        return;
+    }
+    if (errno != EEXIST) {
+        failWithErrno("cannot make " + path);
+    }
+    const UniqueFd file(open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status = {};
+    const bool isFile =
+        file.get() != -1 && fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode);
+    if (isFile && status.st_nlink == 1) {
+        openToEverybody(file, path);
+        return;
+    }
+    if (isFile && flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+        say(Priority::kWarning, "the clients' lock " + path +
+                                    " has a second name, and stays, since somebody holds it; "
+                                    "restart the service once nobody does");
+        return;
+    }
+    putFile(path, 0, 0, kMode);
+}
+
+}  // namespace quillon::unit

@@ -1,0 +1,18 @@
+#ifndef QUILLON_HELPERS_LIFECYCLE_CLIENT_LOCK_FILE_H
+#define QUILLON_HELPERS_LIFECYCLE_CLIENT_LOCK_FILE_H
+
+#include <string>
+
+namespace quillon::unit {
+
+/// Makes sure that every client can take turns at the lock file: it is there, root's, one file with
+/// one name, and open to everybody. A file of somebody else's is made so where it lies, and who has
+/// locked it keeps the lock; with a new file in its place, two clients could each hold one. What is
+/// no file, or has a second name, is replaced, but not while somebody holds it: that is said.
+///
+/// Needs root's rights. Errors are thrown as std::system_error. Thread: any.
+void provideClientLock(const std::string& path);
+
+}  // namespace quillon::unit
+
+#endif

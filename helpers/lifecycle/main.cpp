@@ -1,0 +1,245 @@
+#include <dlfcn.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "helpers/lifecycle/client-lock-file.h"
+#include "client/client-lock.h"
+#include "platform/linux/event-placeholder.h"
+#include "helpers/lifecycle/orderly-end.h"
+#include "helpers/lifecycle/own-queues.h"
+#include "support/paths.h"
+#include "base/handles.h"
+#include "helpers/lifecycle/taken-name.h"
+#include "helpers/lifecycle/trusted-places.h"
+#include "helpers/lifecycle/unit-failure.h"
+#include "helpers/lifecycle/update-semaphore.h"
+
+using namespace quillon;
+using namespace quillon::unit;
+
+namespace {
+
+constexpr int kFailed = 1;
+constexpr int kWrongUsage = 2;
+
+constexpr const char* kHelp =
+    "usage: quillon-unit prepare [--queue-group GROUP] USER | end PROCESS | tidy |\n"
+    "                    require-verifier | require-trust\n"
+    "\n"
+    "What quillon.service runs around the daemon. All but require-verifier need root.\n"
+    "\n"
+    "  prepare USER      make the markers and the queues that the daemon, running as USER,\n"
+    "                    needs, and the semaphore and the lock that others share, whatever\n"
+    "                    somebody has put in their places; only members of GROUP, or of\n"
+    "                    $QUILLON_QUEUE_GROUP, may use the queues then\n"
+    "  end PROCESS       take the life marker away and wait until the daemon has ended\n"
+    "  tidy              take away what says that the daemon is alive and ready; fail when\n"
+    "                    it has ended with status 0 before its time\n"
+    "  require-verifier  fail unless the signature verifier can be loaded\n"
+    "  require-trust     fail unless root alone can change what the device trusts: keys,\n"
+    "                    certificates, policy, floors, verifier and modules\n"
+    "\n"
+    "Exit status: 0 done, 1 failed, 2 wrong usage.\n";
+
+/// A file of root's or the user's under this name only: what a link to a file of theirs leads to is
+/// no such file.
+bool isMadeBy(const char* path, uid_t user)
+{
+    struct stat status = {};
+    return lstat(path, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1 &&
+           (status.st_uid == 0 || status.st_uid == user);
+}
+
+/// Nobody else can raise the event then, and it is not raised.
+void keepFree(const char* event, const passwd& user)
+{
+    putDeadLink(event, kEventPlaceholder, user.pw_uid, user.pw_gid);
+}
+
+/// What the clients and the control layers share. The service does without, so it starts all the
+/// same when one of these cannot be had.
+void prepareForOthers(const passwd& user)
+{
+    const auto attempt = [](const std::function<void()>& step) {
+        try {
+            step();
+        } catch (const std::system_error& error) {
+            say(Priority::kError, error.what());
+        }
+    };
+    attempt([&] { provideSemaphore(user.pw_uid, user.pw_gid); });
+    attempt([&] { provideClientLock(ClientLock::defaultPath()); });
+    attempt([&] {
+        if (!isMadeBy(paths::kUpdateList, user.pw_uid)) {
+            clear(paths::kUpdateList);
+        }
+    });
+    attempt([&] {
+        if (!isMadeBy(paths::kIgnoreResumeEvent, user.pw_uid)) {
+            keepFree(paths::kIgnoreResumeEvent, user);
+        }
+    });
+}
+
+/// @param queueGroup  empty: everybody may use the queues
+int prepare(const std::string& queueGroup, const std::string& name)
+{
+    const passwd* user = getpwnam(name.c_str());
+    const group* members = queueGroup.empty() ? nullptr : getgrnam(queueGroup.c_str());
+    if (user == nullptr) {
+        say(Priority::kError, "no such user: " + name);
+        return kFailed;
+    }
+    if (!queueGroup.empty() && members == nullptr) {
+        say(Priority::kError, "no such group for the queues: " + queueGroup +
+                                  "; make it with groupadd --system " + queueGroup);
+        return kFailed;
+    }
+    // A device with a labelling of its own makes this one itself.
+    if (!isMadeBy(paths::kLabellingReady, user->pw_uid)) {
+        putFile(paths::kLabellingReady, 0, 0);
+    }
+    keepFree(paths::kReadyEvent, *user);
+    provideQueues(members != nullptr ? groupQueues(members->gr_gid)
+                                     : openQueues(user->pw_uid, user->pw_gid));
+    prepareForOthers(*user);
+    putFile(paths::kLifeMarker, user->pw_uid, user->pw_gid);
+    return 0;
+}
+
+int end(const std::string& process)
+{
+    const bool isNumber =
+        !process.empty() && process.find_first_not_of("0123456789") == process.npos;
+    endAndWait(paths::kLifeMarker,
+               isNumber ? static_cast<pid_t>(std::strtol(process.c_str(), nullptr, 10)) : 0);
+    return 0;
+}
+
+bool isInEnvironment(const char* name, std::string_view value)
+{
+    const char* found = std::getenv(name);
+    return found != nullptr && found == value;
+}
+
+/// Whether the service manager has seen the daemon end with status 0 although it had not come to
+/// its own end: it takes its marker away as its last act, and `end` puts a link there before that.
+bool hasBeenEndedFromInside()
+{
+    struct stat status = {};
+    return isInEnvironment("EXIT_CODE", "exited") && isInEnvironment("EXIT_STATUS", "0") &&
+           lstat(paths::kLifeMarker, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+/// @return kFailed also when the service manager is to start the daemon again
+int tidy()
+{
+    const bool isUnwanted = hasBeenEndedFromInside();
+    clear(paths::kReadyEvent);
+    clear(paths::kLifeMarker);
+    // Commands outlive a crash.
+    const char* result = std::getenv("SERVICE_RESULT");
+    if (!isUnwanted && (result == nullptr || isInEnvironment("SERVICE_RESULT", "success"))) {
+        removeGroupQueues();
+    }
+    if (!isUnwanted) {
+        return 0;
+    }
+    say(Priority::kError,
+        "the service ended with status 0, but not by its own end: a module has called exit(). Look "
+        "in the journal for the module that was at work last, and take it out of the modules' "
+        "folder or mend it");
+    return kFailed;
+}
+
+int requireVerifier()
+{
+    const std::unique_ptr<void, LibraryCloser> library(
+        dlopen(paths::kVerifierLibrary, RTLD_NOW | RTLD_LOCAL));
+    if (library && dlsym(library.get(), "verifyFile") != nullptr) {
+        return 0;
+    }
+    const char* error = dlerror();
+    say(Priority::kError,
+        std::string("the signature verifier cannot be used, and without it every image counts as "
+                    "signed: ") +
+            (error != nullptr ? error : "its entry is null"));
+    return kFailed;
+}
+
+int requireTrust()
+{
+    const std::vector<std::string> faults =
+        faultsOf({QUILLON_TRUSTED_KEYS, QUILLON_PROVISIONING_CERTIFICATES, QUILLON_TRUST_POLICY,
+                  QUILLON_SECURITY_FLOORS, paths::kVerifierLibrary, paths::kModules});
+    for (const std::string& fault : faults) {
+        say(Priority::kError, fault);
+    }
+    return faults.empty() ? 0 : kFailed;
+}
+
+int print(const char* text)
+{
+    if (!(std::cout << text << std::flush)) {
+        std::cerr << "quillon-unit: standard output could not be written\n";
+        return kFailed;
+    }
+    return 0;
+}
+
+int run(const std::vector<std::string>& arguments)
+{
+    const std::string verb = arguments.empty() ? "" : arguments[0];
+    const std::size_t count = arguments.size();
+    if (verb == "prepare" && count == 2) {
+        const char* queueGroup = std::getenv("QUILLON_QUEUE_GROUP");
+        return prepare(queueGroup != nullptr ? queueGroup : "", arguments[1]);
+    }
+    if (verb == "prepare" && count == 4 && arguments[1] == "--queue-group") {
+        return prepare(arguments[2], arguments[3]);
+    }
+    // No process is left where the daemon has ended before it was told to.
+    if (verb == "end" && count <= 2) {
+        return end(count == 2 ? arguments[1] : "");
+    }
+    if (verb == "tidy" && count == 1) {
+        return tidy();
+    }
+    if (verb == "require-verifier" && count == 1) {
+        return requireVerifier();
+    }
+    if (verb == "require-trust" && count == 1) {
+        return requireTrust();
+    }
+    if (verb == "--help" && count == 1) {
+        return print(kHelp);
+    }
+    if (verb == "--version" && count == 1) {
+        return print("quillon-unit " QUILLON_VERSION "\n");
+    }
+    std::cerr << "quillon-unit: wrong usage; see --help\n";
+    return kWrongUsage;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        return run(std::vector<std::string>(argv + 1, argv + argc));
+    } catch (const std::system_error& error) {
+        say(Priority::kError, error.what());
+        return kFailed;
+    }
+}

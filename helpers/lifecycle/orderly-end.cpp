@@ -1,0 +1,114 @@
+#include "helpers/lifecycle/orderly-end.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <set>
+#include <string>
+#include <system_error>
+
+#include "helpers/lifecycle/own-queues.h"
+#include "helpers/lifecycle/notify-watchdog.h"
+#include "base/fd.h"
+#include "helpers/lifecycle/taken-name.h"
+#include "helpers/lifecycle/unit-failure.h"
+
+namespace quillon::unit {
+
+namespace {
+
+constexpr int kPauseMilliseconds = 500;
+constexpr int kFullLooks = 4;  // who reads replies at all does so within two seconds
+
+void takeMarkerAway(const std::string& marker)
+{
+    try {
+        putDeadLink(marker, "/nonexistent/quillon-is-stopping", 0, 0);
+    } catch (const std::system_error& error) {
+        say(Priority::kError, error.what());
+        static_cast<void>(std::remove(marker.c_str()));
+    }
+}
+
+using Threads = std::set<std::string>;
+
+Threads threadsOf(pid_t process)
+{
+    Threads threads;
+    std::error_code error;
+    const std::filesystem::path folder = "/proc/" + std::to_string(process) + "/task";
+    for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
+         entry.increment(error)) {
+        threads.insert(entry->path().filename());
+    }
+    return threads;
+}
+
+/// The service no longer tells the watchdog that it is alive once it has seen that the marker is
+/// gone. A thread has ended then, which tells it from a service that hangs.
+bool hasBegunToEnd(const Threads& before, pid_t process)
+{
+    const Threads now = threadsOf(process);
+    return !std::includes(now.begin(), now.end(), before.begin(), before.end());
+}
+
+/// Looks after the service while it ends.
+class Attendance
+{
+public:
+    explicit Attendance(pid_t process) : process_(process), threads_(threadsOf(process)) {}
+
+    /// To be called every kPauseMilliseconds.
+    void look()
+    {
+        fullLooks_ = isReplyQueueFull() ? fullLooks_ + 1 : 0;
+        if (fullLooks_ >= kFullLooks) {
+            emptyReplyQueue();
+            say(Priority::kWarning, "threw away replies that nobody reads, so the service can end");
+        }
+        isEnding_ = isEnding_ || hasBegunToEnd(threads_, process_);
+        if (isEnding_) {
+            notifyWatchdog();
+        }
+    }
+
+private:
+    pid_t process_;
+    Threads threads_;
+    int fullLooks_ = 0;
+    bool isEnding_ = false;
+};
+
+}  // namespace
+
+void endAndWait(const std::string& lifeMarker, pid_t process)
+{
+    if (process <= 0) {
+        return;
+    }
+    Attendance attendance(process);
+    takeMarkerAway(lifeMarker);
+    // By number: older C libraries have no function for it.
+    const UniqueFd handle(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
+    if (handle.get() == -1 && errno == ESRCH) {
+        return;
+    }
+    static_cast<void>(kill(process, SIGCONT));  // a stopped process does not end
+    for (;;) {
+        pollfd ended = {handle.get(), POLLIN, 0};
+        const int events = poll(&ended, 1, kPauseMilliseconds);
+        const bool isGone = handle.get() == -1 && kill(process, 0) != 0 && errno == ESRCH;
+        if (events > 0 || isGone) {
+            return;
+        }
+        attendance.look();
+    }
+}
+
+}  // namespace quillon::unit

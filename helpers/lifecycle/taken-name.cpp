@@ -1,0 +1,139 @@
+#include "helpers/lifecycle/taken-name.h"
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+#include "base/fd.h"
+#include "helpers/lifecycle/unit-failure.h"
+
+namespace quillon::unit {
+
+namespace {
+
+/// A folder of root's beside a name, so that renaming stays within one file system.
+class PrivateFolder
+{
+public:
+    explicit PrivateFolder(const std::string& neighbour)
+        : path_(neighbour.substr(0, neighbour.rfind('/')) + "/.quillon-XXXXXX")
+    {
+        if (mkdtemp(path_.data()) == nullptr) {
+            failWithErrno("cannot make " + path_);
+        }
+    }
+
+    ~PrivateFolder()
+    {
+        if (unlink(entry().c_str()) != 0 && errno == EISDIR) {
+            static_cast<void>(rmdir(entry().c_str()));
+        }
+        if (rmdir(path_.c_str()) != 0) {
+            say(Priority::kWarning, "what somebody had put in the way lies in " + path_ + " now");
+        }
+    }
+
+    PrivateFolder(const PrivateFolder&) = delete;
+    PrivateFolder& operator=(const PrivateFolder&) = delete;
+
+    std::string entry() const { return path_ + "/entry"; }
+
+private:
+    std::string path_;
+};
+
+int renameWith(unsigned flags, const std::string& from, const std::string& to)
+{
+    return renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags);
+}
+
+/// Any user may have mounted something of FUSE's on a folder of theirs.
+bool isCuredByUnmounting(const std::string& path)
+{
+    return errno == EBUSY && umount2(path.c_str(), MNT_DETACH | UMOUNT_NOFOLLOW) == 0;
+}
+
+/// Not every file system can exchange two names; then a folder in the way is an error.
+bool cannotExchange()
+{
+    return errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP;
+}
+
+/// The loop ends: each round that fails has seen somebody else change the name meanwhile.
+void moveTo(const PrivateFolder& folder, const std::string& path)
+{
+    const std::string ours = folder.entry();
+    while (renameWith(RENAME_EXCHANGE, ours, path) != 0) {
+        if (isCuredByUnmounting(path)) {
+            continue;
+        }
+        if (cannotExchange()) {
+            if (rename(ours.c_str(), path.c_str()) != 0) {
+                failWithErrno("cannot make " + path);
+            }
+            return;
+        }
+        if (errno != ENOENT) {
+            failWithErrno("cannot make " + path);
+        }
+        if (renameWith(RENAME_NOREPLACE, ours, path) == 0) {
+            return;
+        }
+        if (errno != EEXIST) {
+            failWithErrno("cannot make " + path);
+        }
+    }
+}
+
+}  // namespace
+
+void putFile(const std::string& path, uid_t owner, gid_t group, mode_t mode,
+             std::string_view content)
+{
+    const PrivateFolder folder(path);
+    const UniqueFd file(
+        open(folder.entry().c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+    if (file.get() == -1 ||
+        write(file.get(), content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
+        fchmod(file.get(), mode) != 0 || fchown(file.get(), owner, group) != 0) {
+        failWithErrno("cannot make " + folder.entry());
+    }
+    moveTo(folder, path);
+}
+
+void putDeadLink(const std::string& path, const std::string& target, uid_t owner, gid_t group)
+{
+    const PrivateFolder folder(path);
+    if (symlink(target.c_str(), folder.entry().c_str()) != 0 ||
+        lchown(folder.entry().c_str(), owner, group) != 0) {
+        failWithErrno("cannot make " + folder.entry());
+    }
+    moveTo(folder, path);
+}
+
+void clear(const std::string& path)
+{
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) != 0 && errno == ENOENT) {
+        return;
+    }
+    if (unlink(path.c_str()) == 0 || errno == ENOENT) {
+        return;
+    }
+    const PrivateFolder folder(path);
+    while (rename(path.c_str(), folder.entry().c_str()) != 0) {
+        if (errno == ENOENT) {
+            return;
+        }
+        if (!isCuredByUnmounting(path)) {
+            failWithErrno("cannot remove " + path);
+        }
+    }
+}
+
+}  // namespace quillon::unit

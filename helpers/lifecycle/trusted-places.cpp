@@ -1,0 +1,202 @@
+#include "helpers/lifecycle/trusted-places.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <set>
+
+namespace quillon::unit {
+
+namespace {
+
+constexpr int kMostLinks = 40;
+constexpr mode_t kGroupAndOthersWrite = 0022;
+
+struct FolderCloser
+{
+    void operator()(DIR* folder) const { closedir(folder); }
+};
+
+bool isPlain(unsigned char character)
+{
+    return std::isalnum(character) != 0 || std::strchr("/._-+:@", character) != nullptr;
+}
+
+/// A path as a shell takes it, on one line whatever is in it.
+std::string quoted(const std::string& path)
+{
+    if (std::all_of(path.begin(), path.end(), isPlain)) {
+        return path;
+    }
+    std::string text = "$'";
+    for (const unsigned char character : path) {
+        if (isPlain(character) || character == ' ') {
+            text += static_cast<char>(character);
+            continue;
+        }
+        char escaped[5];
+        static_cast<void>(std::snprintf(escaped, sizeof escaped, "\\x%02x", character));
+        text += escaped;
+    }
+    return text + "'";
+}
+
+std::string octal(mode_t mode)
+{
+    char text[8];
+    static_cast<void>(std::snprintf(text, sizeof text, "%04o", mode & 07777U));
+    return text;
+}
+
+/// Collects the faults. Each path is looked at once.
+class Inspection
+{
+public:
+    std::vector<std::string> takeFaults() { return std::move(faults_); }
+
+    void inspect(const std::string& place)
+    {
+        const std::string path = resolve(place);
+        if (isFolder(path)) {
+            inspectEntriesOf(path);
+        }
+    }
+
+private:
+    /// @return false for a link to one.
+    static bool isFolder(const std::string& path)
+    {
+        struct stat status = {};
+        return lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+    }
+
+    void inspectEntriesOf(const std::string& path)
+    {
+        const std::unique_ptr<DIR, FolderCloser> folder(opendir(path.c_str()));
+        if (!folder) {
+            complain(path, std::string("cannot be read: ") + std::strerror(errno),
+                     "run this as root");
+            return;
+        }
+        while (const dirent* entry = readdir(folder.get())) {
+            const std::string name = entry->d_name;
+            if (name == "." || name == "..") {
+                continue;
+            }
+            const std::string child = std::string(path).append("/").append(name);
+            static_cast<void>(resolve(child));
+            if (isFolder(child)) {
+                inspectEntriesOf(child);
+            }
+        }
+    }
+
+    /// Walks down a path, looks at each step, and follows links.
+    /// @return the path without links; empty when it leads to nothing.
+    std::string resolve(const std::string& place)
+    {
+        std::string rest = place;
+        std::string done;
+        int links = 0;
+        look("/");
+        while (!rest.empty()) {
+            const std::string step = takeStep(rest);
+            if (step.empty() || step == ".") {
+                continue;
+            }
+            if (step == "..") {
+                done.erase(std::min(done.size(), done.rfind('/')));
+                continue;
+            }
+            const std::string path = std::string(done).append("/").append(step);
+            struct stat status = {};
+            if (lstat(path.c_str(), &status) != 0) {
+                return complainUnlessMissing(path);
+            }
+            look(path);
+            if (!S_ISLNK(status.st_mode)) {
+                done = path;
+                continue;
+            }
+            const std::string target = targetOf(path);
+            if (target.empty() || ++links > kMostLinks) {
+                complain(path, "is a link that leads nowhere", "rm " + quoted(path));
+                return "";
+            }
+            rest.insert(0, target + "/");
+            done = target.front() == '/' ? "" : done;
+        }
+        return done.empty() ? "/" : done;
+    }
+
+    static std::string takeStep(std::string& rest)
+    {
+        const std::size_t end = std::min(rest.find('/'), rest.size());
+        std::string step = rest.substr(0, end);
+        rest.erase(0, end + 1);
+        return step;
+    }
+
+    static std::string targetOf(const std::string& path)
+    {
+        char target[PATH_MAX];
+        const ssize_t length = readlink(path.c_str(), target, sizeof target);
+        return length > 0 ? std::string(target, static_cast<std::size_t>(length)) : "";
+    }
+
+    std::string complainUnlessMissing(const std::string& path)
+    {
+        if (errno != ENOENT && errno != ENOTDIR) {
+            complain(path, std::string("cannot be examined: ") + std::strerror(errno),
+                     "run this as root");
+        }
+        return "";
+    }
+
+    void look(const std::string& path)
+    {
+        struct stat status = {};
+        if (!seen_.insert(path).second || lstat(path.c_str(), &status) != 0) {
+            return;
+        }
+        if (status.st_uid != 0) {
+            complain(path, "belongs to user " + std::to_string(status.st_uid) + ", not to root",
+                     "chown -h root " + quoted(path));
+        }
+        if (!S_ISLNK(status.st_mode) && (status.st_mode & kGroupAndOthersWrite) != 0) {
+            complain(path,
+                     "can be written by others than root (mode " + octal(status.st_mode) + ")",
+                     "chmod go-w " + quoted(path));
+        }
+    }
+
+    void complain(const std::string& path, const std::string& fault, const std::string& remedy)
+    {
+        faults_.push_back(quoted(path) + " " + fault + "; mend it: " + remedy);
+    }
+
+    std::set<std::string> seen_;
+    std::vector<std::string> faults_;
+};
+
+}  // namespace
+
+std::vector<std::string> faultsOf(const std::vector<std::string>& places)
+{
+    Inspection inspection;
+    for (const std::string& place : places) {
+        inspection.inspect(place);
+    }
+    return inspection.takeFaults();
+}
+
+}  // namespace quillon::unit

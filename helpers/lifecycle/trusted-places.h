@@ -1,0 +1,19 @@
+#ifndef QUILLON_HELPERS_LIFECYCLE_TRUSTED_PLACES_H
+#define QUILLON_HELPERS_LIFECYCLE_TRUSTED_PLACES_H
+
+#include <string>
+#include <vector>
+
+namespace quillon::unit {
+
+/// Looks at who can change what a device trusts: each place, everything in it when it is a folder,
+/// what symbolic links lead to, and all folders above. All of it has to belong to root and to be
+/// writable by root alone. What is missing is no fault; the folders above it are looked at.
+/// @param places  absolute paths
+/// @return a line for each fault, with the path, what is wrong and the command that mends it.
+/// Needs root's rights. Thread: any.
+std::vector<std::string> faultsOf(const std::vector<std::string>& places);
+
+}  // namespace quillon::unit
+
+#endif

@@ -1,0 +1,73 @@
+#include "helpers/mount/handle-request.h"
+
+#include <new>
+#include <string>
+
+#include "helpers/shared/failure.h"
+#include "helpers/mount/loop-devices.h"
+#include "helpers/mount/package-mounts.h"
+#include "helpers/mount/policy.h"
+#include "helpers/mount/mount-log.h"
+
+namespace quillon::privileged {
+
+namespace {
+
+template <typename Order>
+int judgeAndDo(Refusal (*judge)(std::string_view, Order&), void (*act)(const Order&),
+               std::string_view text)
+{
+    Order order;
+    const Refusal refusal = judge(text, order);
+    if (refusal != Refusal::None) {
+        throw Failure(EACCES, describe(refusal));
+    }
+    act(order);
+    return 0;
+}
+
+int judgeAndDo(Kind kind, std::string_view text)
+{
+    switch (kind) {
+        case Kind::Mount:
+            return judgeAndDo(&judgeMount, &mountPackage, text);
+        case Kind::Node:
+            return judgeAndDo(&judgeNode, &makeLoopNode, text);
+        case Kind::Unmount:
+            return judgeAndDo(&judgeUnmount, &unmountPackage, text);
+    }
+    throw Failure(EINVAL, "no such kind of request");
+}
+
+const char* nameOf(Kind kind)
+{
+    switch (kind) {
+        case Kind::Mount:
+            return "mount";
+        case Kind::Node:
+            return "node";
+        case Kind::Unmount:
+            return "umount";
+    }
+    return "?";
+}
+
+}  // namespace
+
+int handleRequest(Kind kind, std::string_view text)
+{
+    const int length = static_cast<int>(text.size());
+    try {
+        judgeAndDo(kind, text);
+        PRIVILEGED_LOGI("%s [%.*s]: done", nameOf(kind), length, text.data());
+        return 0;
+    } catch (const Failure& failure) {
+        PRIVILEGED_LOGE("%s [%.*s] refused: %s", nameOf(kind), length, text.data(), failure.what());
+        return failure.code();
+    } catch (const std::bad_alloc&) {
+        PRIVILEGED_LOGE("%s refused: out of memory", nameOf(kind));
+        return ENOMEM;
+    }
+}
+
+}  // namespace quillon::privileged

@@ -1,0 +1,150 @@
+#include "helpers/mount/listening-socket.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "base/replace-file.h"
+#include "helpers/shared/failure.h"
+#include "helpers/shared/packet-socket.h"
+
+namespace quillon::privileged {
+
+namespace {
+
+constexpr int kFirstInherited = 3;
+constexpr int kWaitingConnections = 32;
+
+sockaddr_un addressOf(const std::string& path)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) {
+        throw Failure(ENAMETOOLONG, path + ": too long for a socket");
+    }
+    path.copy(address.sun_path, path.size());
+    return address;
+}
+
+const sockaddr* generic(const sockaddr_un& address)
+{
+    return reinterpret_cast<const sockaddr*>(&address);
+}
+
+UniqueFd newSocket()
+{
+    UniqueFd made(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!made) {
+        failWithErrno("socket");
+    }
+    return made;
+}
+
+bool isOurs(const char* name, long expected)
+{
+    const char* value = std::getenv(name);
+    return value != nullptr && value == std::to_string(expected);
+}
+
+void removeStale(const std::string& path, const sockaddr_un& address)
+{
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) != 0) {
+        return;
+    }
+    if (!S_ISSOCK(status.st_mode)) {
+        throw Failure(EEXIST, path + " exists and is not a socket");
+    }
+    if (connect(newSocket().get(), generic(address), sizeof address) == 0 ||
+        errno != ECONNREFUSED) {
+        throw Failure(EADDRINUSE, path + ": another helper listens there");
+    }
+    if (unlink(path.c_str()) != 0) {
+        failWithErrno(path);
+    }
+}
+
+/// By descriptor: where others may write the folder, the name may lead to another file by now.
+struct stat giveAway(const std::string& path, const Callers& callers)
+{
+    const UniqueFd node(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status = {};
+    if (!node || fstat(node.get(), &status) != 0) {
+        failWithErrno(path);
+    }
+    if (!S_ISSOCK(status.st_mode)) {
+        throw Failure(EEXIST, path + " is not the socket any more");
+    }
+    if (fchownat(node.get(), "", callers.user.value_or(0), callers.group.value_or(0),
+                 AT_EMPTY_PATH) != 0) {
+        failWithErrno(path);
+    }
+    return status;
+}
+
+/// Keeps a second helper that starts now from taking our new socket for a stale one.
+UniqueFd lockFolder(const std::string& folder)
+{
+    if (!makeFolders(folder, 0755)) {
+        failWithErrno(folder);
+    }
+    UniqueFd lock(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!lock || flock(lock.get(), LOCK_EX) != 0) {
+        failWithErrno(folder);
+    }
+    return lock;
+}
+
+}  // namespace
+
+std::optional<UniqueFd> inheritedSocket()
+{
+    if (!isOurs("LISTEN_PID", getpid())) {
+        return std::nullopt;
+    }
+    UniqueFd inherited(kFirstInherited);
+    if (!isOurs("LISTEN_FDS", 1) || !isPacketSocket(kFirstInherited, true)) {
+        throw Failure(EINVAL, "what was handed over is not one listening SOCK_SEQPACKET socket");
+    }
+    const int flags = fcntl(kFirstInherited, F_GETFL);
+    if (fcntl(kFirstInherited, F_SETFD, FD_CLOEXEC) != 0 || flags < 0 ||
+        fcntl(kFirstInherited, F_SETFL, flags | O_NONBLOCK) != 0) {
+        failWithErrno("the socket that was handed over");
+    }
+    return inherited;
+}
+
+OwnSocket::OwnSocket(const std::string& path, const Callers& callers)
+    : path_(path), socket_(newSocket())
+{
+    const sockaddr_un address = addressOf(path);
+    const UniqueFd lock = lockFolder(path.substr(0, path.rfind('/')));
+    removeStale(path, address);
+    const mode_t callersMask = umask(0117);
+    const int bound = bind(socket_.get(), generic(address), sizeof address);
+    umask(callersMask);
+    if (bound != 0) {
+        failWithErrno(path);
+    }
+    const struct stat status = giveAway(path, callers);
+    if (listen(socket_.get(), kWaitingConnections) != 0) {
+        failWithErrno(path);
+    }
+    device_ = status.st_dev;
+    inode_ = status.st_ino;
+}
+
+OwnSocket::~OwnSocket()
+{
+    struct stat status = {};
+    if (lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_) {
+        unlink(path_.c_str());
+    }
+}
+
+}  // namespace quillon::privileged

@@ -1,0 +1,130 @@
+#include "helpers/mount/package-mounts.h"
+
+#include <sys/mount.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "helpers/shared/failure.h"
+#include "helpers/mount/folders.h"
+#include "helpers/mount/loop-devices.h"
+
+namespace quillon::privileged {
+
+namespace {
+
+bool holds(const UniqueFd& file, off_t offset, std::string_view bytes)
+{
+    std::array<char, 8> read = {};
+    return pread(file.get(), read.data(), bytes.size(), offset) ==
+               static_cast<ssize_t>(bytes.size()) &&
+           std::memcmp(read.data(), bytes.data(), bytes.size()) == 0;
+}
+
+/// Nothing of a package may reach the machine beside it: it could name the machine's own files and
+/// devices as its images, or bring programs.
+constexpr unsigned long kConfined = MS_RDONLY | MS_NODEV | MS_NOSUID | MS_NOEXEC | MS_NOSYMFOLLOW;
+
+/// One call of the kernel's oldest interface, whatever the C library's companions use by now: the
+/// unit's filter lets this one pass and no newer one.
+void mountDevice(const LoopDevice& loop, const char* type, const UniqueFd& folder)
+{
+    // The image's own wish may be a panic of the kernel; ours stands above it.
+    const char* options = std::strcmp(type, "ext4") == 0 ? "errors=remount-ro" : nullptr;
+    // The folder goes to the kernel as it was opened; the "." has the link in /proc followed.
+    const std::string target = pathOf(folder) + "/.";
+    if (mount(loop.node.c_str(), target.c_str(), type, kConfined, options) != 0) {
+        failWithErrno(std::string("mount ") + type);
+    }
+}
+
+/// Linux before 5.10 takes MS_NOSYMFOLLOW without a word and follows links all the same.
+bool followsLinks(const UniqueFd& folder)
+{
+    constexpr long kNoSymFollow = 0x2000;  // ST_NOSYMFOLLOW, which no C library's header names yet
+    struct statfs status = {};
+    return fstatfs(folder.get(), &status) != 0 || (status.f_flags & kNoSymFollow) == 0;
+}
+
+/// The number under which the mount table lists the mount that a folder lies on.
+std::string mountIdOf(const UniqueFd& folder)
+{
+    std::ifstream info("/proc/self/fdinfo/" + std::to_string(folder.get()));
+    std::string word;
+    while (info >> word) {
+        if (word == "mnt_id:" && info >> word) {
+            return word;
+        }
+    }
+    throw Failure(EIO, "/proc does not tell on which mount a folder lies");
+}
+
+/// Whether a folder that was opened in kMountFolder is the top of a mount from a loop device.
+bool isLoopMount(const UniqueFd& folder, const std::string& name)
+{
+    const std::string wantedId = mountIdOf(folder);
+    const std::string directory = kMountFolder + ("/" + name);
+    std::ifstream table("/proc/self/mountinfo");
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream fields(line);
+        std::string id;
+        std::string parent;
+        std::string device;
+        std::string root;
+        std::string point;
+        fields >> id >> parent >> device >> root >> point;
+        if (id == wantedId) {
+            const std::string loop = std::to_string(kLoopMajor) + ":";
+            return point == directory && device.compare(0, loop.size(), loop) == 0;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+const char* typeOfImage(const UniqueFd& image)
+{
+    if (holds(image, 0, "hsqs")) {
+        return "squashfs";
+    }
+    return holds(image, 1080, "\x53\xef") ? "ext4" : nullptr;
+}
+
+void mountPackage(const MountOrder& order)
+{
+    const UniqueFd image = openImageIn(openFolder(kImageFolder).get(), order.image);
+    const UniqueFd folder = openFolderIn(openFolder(kMountFolder).get(), order.directory);
+    const char* type = typeOfImage(image);
+    if (type == nullptr) {
+        throw Failure(EINVAL, order.image + " holds neither squashfs nor ext4");
+    }
+    if (isLoopMount(folder, order.directory)) {
+        throw Failure(EBUSY, order.directory + " has a package mounted already");
+    }
+    mountDevice(attachLoopDevice(image), type, folder);
+    if (followsLinks(openFolderIn(openFolder(kMountFolder).get(), order.directory))) {
+        unmountPackage({order.directory});
+        throw Failure(ENOTSUP, "links in packages would be followed, Linux 5.10 is needed");
+    }
+}
+
+void unmountPackage(const UnmountOrder& order)
+{
+    const UniqueFd parent = openFolder(kMountFolder);
+    // An open folder keeps its mount busy, so it is closed again before the unmounting; from its
+    // fixed parent on, the name leads nowhere else.
+    if (!isLoopMount(openFolderIn(parent.get(), order.directory), order.directory)) {
+        throw Failure(EINVAL, order.directory + " has nothing mounted from a loop device");
+    }
+    const std::string path = pathOf(parent) + "/" + order.directory;
+    if (umount2(path.c_str(), UMOUNT_NOFOLLOW) != 0) {
+        failWithErrno("umount " + order.directory);
+    }
+}
+
+}  // namespace quillon::privileged

@@ -1,0 +1,57 @@
+#ifndef QUILLON_HELPERS_MOUNT_POLICY_H
+#define QUILLON_HELPERS_MOUNT_POLICY_H
+
+#include <string>
+#include <string_view>
+
+/// What the helper does at all. Pure: it looks at texts, not at the file system. What it lets pass
+/// is only names and a number, to be looked up in fixed folders, so that nothing else of a
+/// request ever reaches a system call.
+namespace quillon::privileged {
+
+inline constexpr const char* kImageFolder = "/opt/usr/apps/appbinarymanager";
+inline constexpr const char* kMountFolder = "/opt/usr/apps/appbinarymanager/emps";
+inline constexpr unsigned kLoopMajor = 7;
+inline constexpr unsigned kLoopNodes = 250;  ///< numbers run from 0 up to, not including, this
+
+/// Why a request is refused.
+enum class Refusal {
+    None,
+    Shape,      ///< not the text of such a request at all
+    Options,    ///< other mount options than ro,loop,nodev,nosuid
+    Image,      ///< not an image NAME.img directly in the package folder
+    Directory,  ///< not a directory NAME directly in the folder for mounts
+    Mode,       ///< another mode than 0660
+    Label,      ///< another label than "*"
+    Node,       ///< not the block device /dev/loopN 7 N with N below 250
+};
+
+/// One line for the log.
+const char* describe(Refusal refusal);
+
+/// NAME in all of these: one or more of A-Z a-z 0-9.
+struct MountOrder
+{
+    std::string image;      ///< file name in kImageFolder: NAME.img
+    std::string directory;  ///< folder name in kMountFolder: NAME
+};
+
+struct NodeOrder
+{
+    unsigned number = 0;  ///< below kLoopNodes
+};
+
+struct UnmountOrder
+{
+    std::string directory;  ///< folder name in kMountFolder: NAME
+};
+
+/// @param text        as the client sent it
+/// @param[out] order  what to do when the answer is Refusal::None, untouched otherwise
+Refusal judgeMount(std::string_view text, MountOrder& order);
+Refusal judgeNode(std::string_view text, NodeOrder& order);
+Refusal judgeUnmount(std::string_view text, UnmountOrder& order);
+
+}  // namespace quillon::privileged
+
+#endif

@@ -1,0 +1,28 @@
+#ifndef QUILLON_PLATFORM_LOG_MESSAGE_IDS_H
+#define QUILLON_PLATFORM_LOG_MESSAGE_IDS_H
+
+#include <cstddef>
+
+namespace quillon {
+
+/// One error that the journal's message catalogue explains: packaging/systemd/quillon.catalog.
+struct ExplainedMessage
+{
+    const char* id;          ///< 32 lowercase hexadecimal digits, the same for ever
+    const char* tag;         ///< the part of the program that says it
+    const char* formats[4];  ///< its wordings without the place in the code; unused ones are null
+};
+
+extern const ExplainedMessage kExplainedMessages[];
+extern const std::size_t kExplainedMessageCount;
+
+/// The MESSAGE_ID of an error, found by its literal format.
+/// @param tag     as given to the log
+/// @param format  as given to the log, without the place in the code
+/// @return null when the catalogue does not explain this message. Static memory.
+/// Thread: any. Never throws.
+const char* messageId(const char* tag, const char* format);
+
+}  // namespace quillon
+
+#endif

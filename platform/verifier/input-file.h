@@ -1,0 +1,42 @@
+#ifndef QUILLON_PLATFORM_VERIFIER_INPUT_FILE_H
+#define QUILLON_PLATFORM_VERIFIER_INPUT_FILE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "base/fd.h"
+
+namespace quillon {
+
+/// A regular file, opened for reading.
+///
+/// A FIFO, a device or a directory is refused without waiting for it or waking it up. Symbolic
+/// links are followed.
+/// Every failure is an ImageError with ImageFault::File.
+class InputFile
+{
+public:
+    explicit InputFile(const std::string& path);
+
+    const std::string& path() const { return _path; }
+
+    /// @return the size in bytes when the file was opened.
+    std::uint64_t size() const { return _size; }
+
+    /// Reads exactly length bytes at an offset; an end of file before that is a failure.
+    void readAt(std::uint64_t offset, unsigned char* buffer, std::size_t length) const;
+
+private:
+    std::string _path;
+    UniqueFd _fd;
+    std::uint64_t _size = 0;
+};
+
+/// Reads a small file whole.
+/// @param limit  most bytes that are accepted; a longer file is a failure
+std::string readSmallFile(const std::string& path, std::size_t limit);
+
+}  // namespace quillon
+
+#endif

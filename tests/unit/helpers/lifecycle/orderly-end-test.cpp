@@ -1,0 +1,183 @@
+#include "helpers/lifecycle/orderly-end.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <mqueue.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <thread>
+
+#include "unit/platform/notify-socket.h"
+#include "helpers/lifecycle/own-queues.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using quillon::unit::endAndWait;
+using testing::Contains;
+using testing::IsEmpty;
+
+constexpr char kMarker[] = "/tmp/fw_update_ready_usb";
+
+bool isMarked()
+{
+    struct stat status = {};
+    return stat(kMarker, &status) == 0;
+}
+
+/// Stands for the daemon: a process of its own with something to do.
+class Process
+{
+public:
+    explicit Process(const std::function<void()>& work) : id_(fork())
+    {
+        if (id_ == 0) {
+            work();
+            _exit(0);
+        }
+    }
+    ~Process()
+    {
+        kill(id_, SIGKILL);
+        waitpid(id_, nullptr, 0);
+    }
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    pid_t id() const { return id_; }
+
+    /// Whether it has ended by itself with status 0.
+    bool hasEnded() const
+    {
+        siginfo_t info = {};
+        return waitid(P_PID, static_cast<id_t>(id_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+               info.si_pid == id_ && info.si_code == CLD_EXITED && info.si_status == 0;
+    }
+
+private:
+    pid_t id_;
+};
+
+void waitForTheMarkerToGo()
+{
+    while (isMarked()) {
+        usleep(10000);
+    }
+}
+
+class OrderlyEnd : public testing::Test
+{
+protected:
+    OrderlyEnd() { std::ofstream{kMarker}; }
+};
+
+TEST_F(OrderlyEnd, TakesTheMarkerAwayAndWaitsUntilTheServiceHasEnded)
+{
+    const Process service([] {
+        waitForTheMarkerToGo();
+        std::this_thread::sleep_for(700ms);
+    });
+
+    endAndWait(kMarker, service.id());
+
+    EXPECT_TRUE(service.hasEnded());
+    EXPECT_FALSE(isMarked());
+}
+
+TEST_F(OrderlyEnd, KeepsOthersFromMakingTheMarkerAnew)
+{
+    const Process service([] {
+        waitForTheMarkerToGo();
+        const int made = open(kMarker, O_WRONLY | O_CREAT | O_EXCL, 0600);
+        _exit(made == -1 ? 0 : 1);
+    });
+
+    endAndWait(kMarker, service.id());
+
+    EXPECT_TRUE(service.hasEnded());
+}
+
+TEST_F(OrderlyEnd, LetsAStoppedServiceGoOn)
+{
+    const Process service([] {
+        raise(SIGSTOP);
+        waitForTheMarkerToGo();
+    });
+    siginfo_t info = {};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(service.id()), &info, WSTOPPED | WNOWAIT), 0);
+
+    endAndWait(kMarker, service.id());
+
+    EXPECT_TRUE(service.hasEnded());
+}
+
+TEST_F(OrderlyEnd, OfAServiceThatIsGoneTakesNoTime)
+{
+    pid_t gone = 0;
+    {
+        const Process service([] {});
+        gone = service.id();
+    }
+
+    endAndWait(kMarker, gone);
+
+    EXPECT_FALSE(isMarked());
+}
+
+TEST_F(OrderlyEnd, OfAServiceThatHasEndedByItselfLeavesTheMarkerAsItIs)
+{
+    endAndWait(kMarker, 0);
+
+    EXPECT_TRUE(isMarked());
+}
+
+TEST_F(OrderlyEnd, ThrowsRepliesAwayThatNobodyReads)
+{
+    quillon::unit::provideQueues(quillon::unit::openQueues(geteuid(), getegid()));
+    const Process service([] {
+        const mqd_t replies = mq_open("/fwupdatecontrol_usb", O_RDWR);
+        const char record[284] = {};
+        for (int i = 0; i < 11; ++i) {
+            mq_send(replies, record, sizeof record, 0);  // the last one waits
+        }
+    });
+
+    endAndWait(kMarker, service.id());
+
+    EXPECT_TRUE(service.hasEnded());
+}
+
+TEST_F(OrderlyEnd, TellsTheWatchdogThatAnEndingServiceIsAlive)
+{
+    NotifySocket manager("/tmp/notify");
+    const Process service([] {
+        std::thread eventLoop(waitForTheMarkerToGo);
+        eventLoop.join();
+        std::this_thread::sleep_for(1500ms);
+    });
+    std::this_thread::sleep_for(200ms);  // the thread runs
+
+    endAndWait(kMarker, service.id());
+
+    EXPECT_THAT(manager.received(), Contains("WATCHDOG=1"));
+}
+
+TEST_F(OrderlyEnd, LeavesAServiceThatHangsToTheWatchdog)
+{
+    NotifySocket manager("/tmp/notify");
+    const Process service([] { std::this_thread::sleep_for(1500ms); });
+
+    endAndWait(kMarker, service.id());
+
+    EXPECT_THAT(manager.received(), IsEmpty());
+}
+
+}  // namespace
