@@ -2,8 +2,12 @@
 // words of /etc/quillon-test/NAME.conf say, one after another:
 //
 //   exit-in-ENTRY    ends it
+//   _exit-in-ENTRY   ends it by _exit
+//   _Exit-in-ENTRY   ends it by _Exit
 //   crash-in-ENTRY   crashes
+//   overflow-in-ENTRY  overflows its stack
 //   fork-in-ENTRY    forks a process, which exits
+//   fork-at-once-in-ENTRY  forks a process, which exits by _exit
 //   kill-in-ENTRY    forks a process, ends it with SIGTERM, and tells in /tmp/quillon-test-child
 //                    what signal ended it
 //   wait-in-ENTRY    waits until there is a file /tmp/quillon-test-go
@@ -11,8 +15,11 @@
 //                    ended
 //   rename-in-ENTRY  gives its thread another name
 //   thread-in-ENTRY  starts a thread that never ends
+//   mute-in-ENTRY    keeps everybody from writing to standard error
 //   nofile-in-ENTRY  takes the right to open files from it
 //   close-in-ENTRY   closes all its files but the standard ones
+//
+// One ENTRY is none: "load", the moment in which it is loaded.
 //
 // As the other test plug-ins it tells what it is asked in /tmp/quillon-test-NAME.log.
 
@@ -23,6 +30,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -37,13 +45,25 @@
 
 namespace {
 
-std::string ownName()
+std::string libraryPath()
 {
     Dl_info info = {};
-    dladdr(reinterpret_cast<const void*>(&ownName), &info);
-    std::string name = info.dli_fname;
+    dladdr(reinterpret_cast<const void*>(&libraryPath), &info);
+    return info.dli_fname;
+}
+
+std::string ownName()
+{
+    std::string name = libraryPath();
     name.erase(0, name.rfind('/') + 1);
     return name.substr(0, name.rfind(".so"));
+}
+
+int overflow(volatile int* caller)
+{
+    volatile int more[1024];
+    more[0] = *caller;
+    return more[0] < 0 ? 0 : overflow(more) + more[0];
 }
 
 void act(const std::string& word, const std::string& moment)
@@ -56,11 +76,23 @@ void act(const std::string& word, const std::string& moment)
         ::pthread_setname_np(::pthread_self(), "flasher");
     }
     if (is("thread")) {
+        ::dlopen(libraryPath().c_str(), RTLD_NOW | RTLD_NODELETE);  // its code must stay
         std::thread([] {
             for (;;) {
                 ::pause();
             }
         }).detach();
+    }
+    if (is("mute")) {
+        std::thread([] {
+            ::flockfile(stderr);
+            for (;;) {
+                ::pause();
+            }
+        }).detach();
+        while (::ftrylockfile(stderr) == 0) {
+            ::funlockfile(stderr);
+        }
     }
     if (is("nofile")) {
         const rlimit none = {};
@@ -78,8 +110,18 @@ void act(const std::string& word, const std::string& moment)
     if (is("exit")) {
         std::exit(0);
     }
+    if (is("_exit")) {
+        ::_exit(0);
+    }
+    if (is("_Exit")) {
+        std::_Exit(0);
+    }
     if (is("crash")) {
         std::abort();
+    }
+    if (is("overflow")) {
+        volatile int first = 0;
+        overflow(&first);
     }
     if (is("kill")) {
         const pid_t child = ::fork();
@@ -93,10 +135,10 @@ void act(const std::string& word, const std::string& moment)
         ::waitpid(child, &status, 0);
         std::ofstream("/tmp/quillon-test-child") << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
     }
-    if (is("fork")) {
+    if (is("fork") || is("fork-at-once")) {
         const pid_t child = ::fork();
         if (child == 0) {
-            std::exit(0);
+            is("fork") ? std::exit(0) : ::_exit(0);
         }
         ::waitpid(child, nullptr, 0);
     }
@@ -113,6 +155,11 @@ void actAt(const std::string& moment)
         act(word, moment);
     }
 }
+
+struct Loading
+{
+    Loading() { actAt("load"); }
+} g_loading;
 
 }  // namespace
 

@@ -12,7 +12,10 @@
 namespace quillon::test {
 namespace {
 
+namespace fs = std::filesystem;
+
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 const std::vector<std::string> kUpdateAlpha = {"modules", "update", "alpha", "--source", "system"};
 const std::vector<std::string> kUpdateAll = {"modules", "update", "--all", "--source", "system"};
@@ -58,6 +61,44 @@ TEST_F(HeldOffSignals, OfTheTerminalDoNotEndTheProgramThatAModuleUpdatesWith)
     int status = -1;
     std::ifstream("/tmp/quillon-test-child") >> status;
     EXPECT_EQ(status, 0) << "how the program ended";
+}
+
+TEST_F(HeldOffSignals, OfACrashThatComeFromOutsideDoNotEndAnUpdate)
+{
+    if (QUILLON_SANITIZED != 0) {
+        GTEST_SKIP() << "a sanitizer takes these signals itself";
+    }
+    installWaiting("alpha");
+    BackgroundLayer layer(kUpdateAlpha);
+    ASSERT_TRUE(isFlashing("alpha"));
+
+    for (const int signal :
+         {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGSYS, SIGTRAP, SIGABRT, SIGSEGV}) {
+        layer.send(signal);
+    }
+    goOn();
+
+    EXPECT_EQ(layer.wait(), 0) << layer.output();
+    EXPECT_THAT(layer.output(), HasSubstr("alpha  1.0      updated\n"));
+    EXPECT_THAT(layer.output(), Not(HasSubstr("has crashed")));
+    EXPECT_EQ(semaphoreValue(), 1);
+}
+
+TEST_F(HeldOffSignals, OfACrashEndWhatUpdatesNothing)
+{
+    if (QUILLON_SANITIZED != 0) {
+        GTEST_SKIP() << "a sanitizer takes these signals itself";
+    }
+    installGuided("alpha", "wait-in-checkVersion");
+    for (const int signal : {SIGABRT, SIGSEGV}) {
+        fs::remove("/tmp/quillon-test-alpha.log");
+        BackgroundLayer layer({"modules", "check", "--source", "system"});
+        ASSERT_TRUE(comesTrue([] { return wasAsked("alpha", "checkVersion("); }));
+
+        layer.send(signal);
+
+        EXPECT_EQ(layer.wait(), -signal) << layer.output();
+    }
 }
 
 TEST_F(HeldOffSignals, AreNotHeldOffFromWhatAModuleStarts)
@@ -152,7 +193,7 @@ TEST_F(HeldOffSignals, EndACheckWhileAModuleDoesNotAnswer)
     for (const std::vector<std::string>& arguments :
          {std::vector<std::string>{"modules", "check", "--source", "system"}, kUpdateAll,
           kUpdateAlpha}) {
-        std::filesystem::remove("/tmp/quillon-test-alpha.log");
+        fs::remove("/tmp/quillon-test-alpha.log");
         BackgroundLayer layer(arguments);
         ASSERT_TRUE(comesTrue([] { return wasAsked("alpha", "checkVersion("); }));
 

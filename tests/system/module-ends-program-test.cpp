@@ -40,16 +40,44 @@ TEST_F(ModuleEndsProgram, ByExitElsewhereExitsWith11AndNamesTheModule)
     EXPECT_EQ(json({"list"}, 11)["text"], "the module alpha has ended the program");
 }
 
+TEST_F(ModuleEndsProgram, AtOnceAsByExit)
+{
+    for (const std::string way : {"_exit", "_Exit"}) {
+        installGuided("alpha", way + "-in-doUpdate");
+        const Json::Value document = json({"update", "alpha", "--source", "system"}, 6);
+        EXPECT_EQ(document["text"], "the module alpha has ended the program") << way;
+        EXPECT_EQ(semaphoreValue(), 1);
+
+        for (const std::string moment : {"-in-load", "-in-setContext"}) {
+            installGuided("alpha", way + moment);
+            EXPECT_EQ(json({"list"}, 11)["text"], "the module alpha has ended the program")
+                << way << moment;
+        }
+    }
+}
+
+TEST_F(ModuleEndsProgram, AlsoWhereThatCannotBeToldAsUsual)
+{
+    installGuided("alpha", "mute-in-doUpdate _exit-in-doUpdate");
+    BackgroundLayer layer({"modules", "update", "alpha", "--source", "system"});
+
+    EXPECT_EQ(layer.wait(), 6);
+    EXPECT_THAT(layer.output(), HasSubstr("quillonctl: a module has ended the program\n"));
+    EXPECT_EQ(semaphoreValue(), 1);
+}
+
 TEST_F(ModuleEndsProgram, NotByTheExitOfItsChild)
 {
-    installGuided("alpha", "fork-in-doUpdate");
+    for (const std::string way : {"fork", "fork-at-once"}) {
+        installGuided("alpha", way + "-in-doUpdate");
 
-    const ModulesResult result = runModules({"update", "alpha", "--source", "system"});
+        const ModulesResult result = runModules({"update", "alpha", "--source", "system"});
 
-    EXPECT_EQ(result.exitCode, 0);
-    EXPECT_THAT(result.out, EndsWith("alpha  1.0      updated\n"));
-    EXPECT_THAT(result.err, Not(HasSubstr("has ended the program")));
-    EXPECT_EQ(semaphoreValue(), 1);
+        EXPECT_EQ(result.exitCode, 0);
+        EXPECT_THAT(result.out, EndsWith("alpha  1.0      updated\n"));
+        EXPECT_THAT(result.err, Not(HasSubstr("has ended the program")));
+        EXPECT_EQ(semaphoreValue(), 1);
+    }
 }
 
 TEST_F(ModuleEndsProgram, ByACrashLeavesNothingLocked)
@@ -62,6 +90,19 @@ TEST_F(ModuleEndsProgram, ByACrashLeavesNothingLocked)
     EXPECT_EQ(semaphoreValue(), 1);
     installGuided("alpha", "");
     EXPECT_EQ(json({"update", "alpha", "--source", "system"})["exitCode"], 0);
+}
+
+TEST_F(ModuleEndsProgram, ByAnOverflownStackLeavesNothingLocked)
+{
+    if (QUILLON_SANITIZED != 0) {
+        GTEST_SKIP() << "a sanitizer takes this crash itself";
+    }
+    installGuided("alpha", "overflow-in-doUpdate");
+    BackgroundLayer layer({"modules", "update", "alpha", "--source", "system"});
+
+    EXPECT_EQ(layer.wait(), -SIGSEGV);
+    EXPECT_THAT(layer.output(), HasSubstr("a module has crashed in its update"));
+    EXPECT_EQ(semaphoreValue(), 1);
 }
 
 }  // namespace

@@ -7,9 +7,11 @@
 
 namespace quillon {
 
-/// From now on an exit() that is not the program's own calls `onEnd`, on the thread that made it,
-/// which must end the process. A crash gives the update semaphore back, says so, and stays a crash.
-/// Neither concerns the processes that a module forks.
+/// From now on an exit() or _exit() that is not the program's own calls `onEnd`, on the thread that
+/// made it, which must end the process; where it does not within five seconds, the process ends
+/// with kExitUpdateFailed or kExitUnusableModule. A crash gives the update semaphore back, says so,
+/// and stays a crash; what another process sends is none while signals are held off. Neither
+/// concerns the processes that a module forks. A system call that ends the process goes unnoticed.
 ///
 /// To be called once, after the registry's only object was made and before a module is loaded.
 /// @param onEnd  gets who it was: "the module tuner", or "a module" when that cannot be told
@@ -17,6 +19,12 @@ void watchForForeignEnd(std::function<void(const std::string& who)> onEnd);
 
 /// What ends the process from now on is the program's own.
 void endIsOurs();
+
+/// Ends the process as the system's _exit() does. Safe in a signal handler.
+[[noreturn]] void endAtOnce(int code);
+
+/// A crash of this thread is noticed also when its stack is used up. To be called on it.
+void bearStackOverflow();
 
 }  // namespace quillon
 

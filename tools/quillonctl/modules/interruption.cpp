@@ -15,6 +15,7 @@
 
 #include "all-signals-blocked.h"
 #include "exit-codes.h"
+#include "foreign-end.h"
 
 namespace quillon {
 
@@ -42,6 +43,7 @@ constexpr const char* kHeld =
 bool g_running = true;
 std::atomic<State> g_state{State::kOpen};
 std::atomic<bool> g_hasBegun{false};
+std::atomic<bool> g_holdsOff{false};
 sem_t g_wake;  // posted by the first request
 static_assert(std::atomic<State>::is_always_lock_free, "it is used in signal handlers");
 
@@ -72,7 +74,7 @@ void request(int /*signal*/)
         sem_post(&g_wake);
     } else if (state == State::kOwnEnd || change(State::kOpen, State::kAbandoning) ||
                g_state.load() == State::kAbandoning) {
-        _exit(kExitInterrupted);
+        endAtOnce(kExitInterrupted);
     }
     errno = callersErrno;
 }
@@ -126,7 +128,7 @@ void endWhenTheMainThreadDoesNot(const std::function<void()>& abandon)
         }
         if (change(State::kOpen, State::kAbandoning)) {
             abandon();
-            _exit(kExitInterrupted);
+            endAtOnce(kExitInterrupted);
         }
     }
 }
@@ -191,6 +193,7 @@ bool& runningUntilInterrupted(std::function<void()> abandon)
 
 void holdOffSignals()
 {
+    g_holdsOff = true;
     for (int signal = 1; signal <= SIGRTMAX; ++signal) {
         if (!isWorthHoldingOff(signal)) {
             continue;
@@ -199,6 +202,11 @@ void holdOffSignals()
         // handler.
         on(signal, signal == SIGTTIN || signal == SIGTTOU ? SIG_IGN : holdOff);
     }
+}
+
+bool holdsOffSignals()
+{
+    return g_holdsOff;
 }
 
 bool isInterrupted()

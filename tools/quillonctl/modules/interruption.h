@@ -21,6 +21,8 @@ bool& runningUntilInterrupted(std::function<void()> abandon);
 
 /// From now on no other signal that can be held off ends or stops the process either.
 void holdOffSignals();
+/// Whether that was called. Safe in a signal handler.
+bool holdsOffSignals();
 
 /// Whether the flag has been cleared. Thread: any.
 bool isInterrupted();

@@ -176,7 +176,7 @@ void ModuleVerbs::endBecauseOf(const std::string& who)
                           who + " has ended the program");
     abandon();
     static_cast<void>(UpdateSlot::instance().giveBack());
-    _exit(closeOutput(code));
+    endAtOnce(closeOutput(code));
 }
 
 bool& ModuleVerbs::watchForRequests(const ModuleSource& source)

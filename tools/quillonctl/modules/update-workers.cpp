@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <mutex>
 
+#include "foreign-end.h"
+
 namespace quillon {
 
 namespace {
@@ -50,6 +52,7 @@ __attribute__((used)) int __wrap_prctl(int option, const char* name, unsigned lo
 {
     if (option == PR_SET_NAME && quillon::thisThread() != getpid()) {
         quillon::note(name);
+        quillon::bearStackOverflow();
     }
     return __real_prctl(option, name, third, fourth, fifth);
 }
