@@ -63,6 +63,51 @@ TEST_F(HeldOffSignals, OfTheTerminalDoNotEndTheProgramThatAModuleUpdatesWith)
     EXPECT_EQ(status, 0) << "how the program ended";
 }
 
+/// @param  when the module has started a thread of its own
+class HeldOffSignalsBesideAThread : public HeldOffSignals,
+                                    public testing::WithParamInterface<const char*>
+{
+};
+
+TEST_P(HeldOffSignalsBesideAThread, LetTheUpdateEndAndBeginNoOther)
+{
+    for (const char* name : {"alpha", "beta"}) {
+        installGuided(name, std::string(GetParam()) + " wait-in-doUpdate");
+    }
+    for (const int signal : {SIGINT, SIGQUIT}) {
+        fs::remove("/tmp/quillon-test-go");
+        BackgroundLayer layer(kUpdateAll);
+        ASSERT_TRUE(layer.says("%")) << layer.output();
+
+        layer.send(signal);
+        ASSERT_TRUE(layer.says("no other one is begun after it")) << layer.output();
+        goOn();
+
+        EXPECT_EQ(layer.wait(), 130);
+        EXPECT_THAT(layer.output(), HasSubstr("  updated\n"));
+        EXPECT_THAT(layer.output(), HasSubstr("  not begun: interrupted\n"));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Moment, HeldOffSignalsBesideAThread,
+                         testing::Values("thread-in-load", "thread-in-setContext",
+                                         "thread-in-checkVersion"));
+
+TEST_F(HeldOffSignals, EndTheProgramWhileAModuleIsLoadedForEver)
+{
+    installGuided("alpha", "wait-in-load");
+    for (const int signal : {SIGINT, SIGQUIT}) {
+        fs::remove("/tmp/quillon-test-alpha.log");
+        BackgroundLayer layer(kUpdateAlpha);
+        ASSERT_TRUE(comesTrue([] { return wasAsked("alpha", "load("); }));
+
+        layer.send(signal);
+
+        EXPECT_EQ(layer.wait(), 130);
+        EXPECT_THAT(layer.output(), HasSubstr("quillonctl: interrupted; nothing was updated\n"));
+    }
+}
+
 TEST_F(HeldOffSignals, OfACrashThatComeFromOutsideDoNotEndAnUpdate)
 {
     if (QUILLON_SANITIZED != 0) {

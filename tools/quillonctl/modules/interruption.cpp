@@ -42,7 +42,6 @@ constexpr const char* kHeld =
 // A plain bool for the registry's sake; each access is atomic, in the handlers as well.
 bool g_running = true;
 std::atomic<State> g_state{State::kOpen};
-std::atomic<bool> g_hasBegun{false};
 std::atomic<bool> g_holdsOff{false};
 sem_t g_wake;  // posted by the first request
 static_assert(std::atomic<State>::is_always_lock_free, "it is used in signal handlers");
@@ -161,7 +160,7 @@ void leaveSignalsToChild()
     pthread_sigmask(SIG_SETMASK, &g_beforeFork, nullptr);
 }
 
-/// Takes those that the main thread has blocked.
+/// Takes those that all other threads have blocked.
 [[noreturn]] void takeRequests()
 {
     const sigset_t signals = fromKeyboard();
@@ -174,6 +173,12 @@ void leaveSignalsToChild()
 }
 
 }  // namespace
+
+void keepKeyboardFromModules()
+{
+    const sigset_t signals = fromKeyboard();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
 
 bool& runningUntilInterrupted(std::function<void()> abandon)
 {
@@ -229,15 +234,12 @@ void mayBeginUpdating()
 }
 
 // The programs that a module starts are on the same terminal. What it sends must not end them, so
-// they inherit that these signals are ignored. This process still gets them: what is blocked is
-// kept although it is ignored, until somebody waits for it.
+// they inherit that these signals are ignored. This process still gets them: what is blocked in all
+// threads is kept although it is ignored, until somebody waits for it.
 void beginUpdating()
 {
     mayBeginUpdating();
-    g_hasBegun = true;
     g_state = State::kUpdating;
-    const sigset_t signals = fromKeyboard();
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     for (const int signal : {SIGINT, SIGQUIT, SIGHUP}) {
         on(signal, SIG_IGN);
     }
@@ -255,8 +257,6 @@ void endUpdating()
     }
     on(SIGINT, request);
     on(SIGQUIT, request);
-    const sigset_t signals = fromKeyboard();
-    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
 }  // namespace quillon

@@ -19,6 +19,11 @@ namespace quillon {
 /// @return the flag, true until then, in the shape that the registry takes it
 bool& runningUntilInterrupted(std::function<void()> abandon);
 
+/// What the keyboard sends is blocked on this thread from now on, and so in every thread and
+/// program that a module starts from it: a thread of a module's own cannot take a request away
+/// during an update. To be called after runningUntilInterrupted() and before a module is loaded.
+void keepKeyboardFromModules();
+
 /// From now on no other signal that can be held off ends or stops the process either.
 void holdOffSignals();
 /// Whether that was called. Safe in a signal handler.
@@ -36,8 +41,8 @@ void takeOverTheEnd();
 void mayBeginUpdating();
 /// It has not begun. Without effect while an earlier one goes on.
 void didNotBeginUpdating();
-/// An update has begun: requests are answered with a line that says what becomes of them. On the
-/// main thread, before the one that updates is started.
+/// An update has begun: requests are answered with a line that says what becomes of them. To be
+/// called before the thread that updates is started.
 void beginUpdating();
 /// Nothing is being flashed any more.
 void endUpdating();

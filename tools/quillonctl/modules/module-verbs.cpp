@@ -164,8 +164,8 @@ void ModuleVerbs::abandon()
         device_power_unlock_state(kPowerLock);
         static_cast<void>(std::remove(paths::kUpdateList));
     }
-    if (m_source != nullptr) {
-        releasePackages(*m_source);
+    if (const ModuleSource* source = m_source) {
+        releasePackages(*source);
     }
 }
 
@@ -179,13 +179,19 @@ void ModuleVerbs::endBecauseOf(const std::string& who)
     endAtOnce(closeOutput(code));
 }
 
-bool& ModuleVerbs::watchForRequests(const ModuleSource& source)
+bool& ModuleVerbs::watchForRequests()
 {
-    m_source = &source;
     return runningUntilInterrupted([this] {
         interrupted();
         abandon();
     });
+}
+
+bool& ModuleVerbs::watchForRequestsFirst()
+{
+    bool& running = watchForRequests();
+    keepKeyboardFromModules();
+    return running;
 }
 
 ExitCode ModuleVerbs::interrupted()
@@ -265,8 +271,9 @@ ExitCode ModuleVerbs::check(const ModuleSource& source)
     if (opened != kExitSuccess) {
         return opened;
     }
+    m_source = &source;
     std::vector<ModuleCheck> checks;
-    const ExitCode checked = checkInto(source, watchForRequests(source), checks);
+    const ExitCode checked = checkInto(source, watchForRequests(), checks);
     if (checked != kExitSuccess) {
         return checked;
     }
@@ -427,6 +434,7 @@ ModuleUpdate ModuleVerbs::updateOne(FWUpdateSymbol& module, const ModuleSource& 
 
 ExitCode ModuleVerbs::update(const std::string& name, const ModuleSource& source)
 {
+    watchForRequestsFirst();
     FWUpdateSymbol* module = nullptr;
     ExitCode code = open(name, module);
     if (code == kExitSuccess) {
@@ -435,7 +443,7 @@ ExitCode ModuleVerbs::update(const std::string& name, const ModuleSource& source
     if (code != kExitSuccess) {
         return code;
     }
-    watchForRequests(source);
+    m_source = &source;
     const ModuleUpdate update = updateOne(*module, source);
     takeOverTheEnd();
     if (update.outcome == Outcome::kNotBegun) {
@@ -457,6 +465,7 @@ ExitCode ModuleVerbs::update(const std::string& name, const ModuleSource& source
 
 ExitCode ModuleVerbs::updateAll(const ModuleSource& source)
 {
+    bool& running = watchForRequestsFirst();
     ExitCode code = open();
     if (code == kExitSuccess) {
         code = prepareUpdates();
@@ -464,16 +473,16 @@ ExitCode ModuleVerbs::updateAll(const ModuleSource& source)
     if (code != kExitSuccess) {
         return code;
     }
+    m_source = &source;
     std::vector<ModuleUpdate> updates;
     if (source.type == UPDATE_EMP) {
         std::vector<ModuleCheck> checks;
-        code = checkInto(source, watchForRequests(source), checks);
+        code = checkInto(source, running, checks);
         if (code != kExitSuccess) {
             return code;
         }
         runMarked(checks, updates);
     } else {
-        watchForRequests(source);
         runOneByOne(source, updates);
     }
     takeOverTheEnd();

@@ -48,7 +48,10 @@ private:
     /// Tidies up before an end that comes from another thread than the one that goes on here.
     void abandon();
     [[noreturn]] void endBecauseOf(const std::string& who);
-    bool& watchForRequests(const ModuleSource& source);
+    bool& watchForRequests();
+    /// For updates: requests are watched for before a module is loaded, see
+    /// keepKeyboardFromModules().
+    bool& watchForRequestsFirst();
     ExitCode interrupted();
     ExitCode prepareUpdates();
     ExitCode checkInto(const ModuleSource& source, bool& running, std::vector<ModuleCheck>& checks);
@@ -61,7 +64,7 @@ private:
 
     ModuleReport& m_report;
     const std::chrono::milliseconds m_pollInterval;
-    const ModuleSource* m_source = nullptr;  ///< whose packages may be mounted
+    std::atomic<const ModuleSource*> m_source{nullptr};  ///< whose packages may be mounted
     std::atomic<bool> m_hasPowerLock{false};
     std::atomic<bool> m_isUpdating{false};
     bool m_hasLateUpdate = false;
