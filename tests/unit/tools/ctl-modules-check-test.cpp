@@ -133,6 +133,35 @@ TEST_F(CtlModulesCheck, ChecksTheOthersBesideModulesThatAreBroken)
     EXPECT_THAT(callsOf("ext-tool"), Not(Contains(HasSubstr("checkVersion"))));
 }
 
+TEST_F(CtlModulesCheck, WithUnusableModulesOnlyExitsWith11)
+{
+    install("lacking", "need=1\n", "without-checkVersion");
+    std::ofstream("/usr/fwupdate/controls/broken.so") << "no library";
+    offer("lacking");
+
+    for (const char* source : {"system", "package"}) {
+        const Json::Value document = json({"check", "--source", source}, 11);
+        EXPECT_EQ(of("lacking", document)["decision"], "unusable");
+        EXPECT_EQ(of("broken", document)["decision"], "unusable");
+    }
+    const ModulesResult result = runModules({"check", "--quiet"});
+    EXPECT_EQ(result.exitCode, 11);
+    EXPECT_THAT(result.err,
+                HasSubstr("quillonctl: no module could be checked, each is unusable\n"));
+
+    install("ext-tool");
+    json({"check"}, 7);
+}
+
+TEST_F(CtlModulesCheck, WithoutAnyModuleHasNothingToUpdateAndSaysSo)
+{
+    const ModulesResult result = runModules({"check"});
+
+    EXPECT_EQ(result.exitCode, 7);
+    EXPECT_EQ(result.out, "No modules are installed\n");
+    EXPECT_EQ(json({"check"}, 7)["modules"].size(), 0U);
+}
+
 TEST_F(CtlModulesCheck, OfPackagesPublishesAnEmptyListWhenNoneIsThere)
 {
     install("alpha", "need=1\n");

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <optional>
 #include <set>
@@ -182,6 +183,13 @@ CheckEnd checkModules(const ModuleSource& source, bool& running, std::vector<Mod
         checks.push_back(describeCheck(module, source, {}));
     }
     return CheckEnd::kDone;
+}
+
+bool isNoneUsable(const std::vector<ModuleCheck>& checks)
+{
+    return std::all_of(checks.begin(), checks.end(), [](const ModuleCheck& check) {
+        return check.decision == Decision::kUnusable;
+    });
 }
 
 void releasePackages(const ModuleSource& source)

@@ -49,6 +49,9 @@ CheckEnd checkModules(const ModuleSource& source, bool& running, std::vector<Mod
 ModuleCheck describeCheck(FWUpdateSymbol& module, const ModuleSource& source,
                           const std::string& raised);
 
+/// Whether each module is unusable; so it is when there are none.
+bool isNoneUsable(const std::vector<ModuleCheck>& checks);
+
 /// Unmounts what checks have mounted.
 void releasePackages(const ModuleSource& source);
 

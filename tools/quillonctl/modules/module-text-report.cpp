@@ -76,6 +76,8 @@ std::string describe(const ModuleUpdate& update)
     }
 }
 
+constexpr const char* kNoModules = "No modules are installed";
+
 std::string describeNeed(const std::vector<ModuleCheck>& checks)
 {
     int count = 0;
@@ -124,7 +126,7 @@ void ModuleTextReport::table(std::vector<Row> rows)
 void ModuleTextReport::modules(const std::vector<ModuleEntry>& entries)
 {
     if (entries.empty()) {
-        line("No modules are installed");
+        line(kNoModules);
         return;
     }
     std::vector<Row> rows = {{"NAME", "RUNNING", "STATE"}};
@@ -142,10 +144,16 @@ void ModuleTextReport::checked(const ModuleSource& /*source*/,
         rows.push_back(
             {orDash(check.name), orDash(check.running), orDash(check.offered), describe(check)});
     }
-    if (!checks.empty()) {
-        table(rows);
+    if (checks.empty()) {
+        line(kNoModules);
+        return;
     }
-    line(describeNeed(checks));
+    table(rows);
+    if (isNoneUsable(checks)) {
+        error(kExitUnusableModule, "no module could be checked, each is unusable");
+    } else {
+        line(describeNeed(checks));
+    }
 }
 
 void ModuleTextReport::version(const ModuleEntry& entry)
@@ -213,7 +221,7 @@ void ModuleTextReport::updated(const ModuleSource& /*source*/,
         }
     }
     if (updates.empty()) {
-        line("No modules are installed");
+        line(kNoModules);
     } else {
         table(rows);
     }

@@ -280,6 +280,9 @@ ExitCode ModuleVerbs::check(const ModuleSource& source)
     takeOverTheEnd();
     releasePackages(source);
     m_report.checked(source, checks);
+    if (!checks.empty() && isNoneUsable(checks)) {
+        return kExitUnusableModule;
+    }
     const bool isAnyNeeded =
         std::any_of(checks.begin(), checks.end(),
                     [](const ModuleCheck& check) { return check.decision == Decision::kNeeded; });
