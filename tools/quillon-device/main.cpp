@@ -2,6 +2,7 @@
 #include <getopt.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -45,10 +46,11 @@ constexpr const char* kUsage =
     "  QUILLON_DEVICE             set for the command: root, user or in-place\n"
     "\n"
     "Exit status: that of the command, 128+N if signal N killed it, 125 if there is no\n"
-    "device (wrong usage included), 126 if the command cannot be run, 127 if it is not\n"
-    "found. See quillon-device(1).\n";
+    "device (wrong usage and a lost output of quillon-device itself included), 126 if\n"
+    "the command cannot be run, 127 if it is not found. See quillon-device(1).\n";
 
 constexpr int kWrongUsage = 125;
+constexpr int kOutputLost = 125;
 
 bool isSet(const char* variable)
 {
@@ -68,6 +70,17 @@ int refuseUsage(const std::string& what)
     return kWrongUsage;
 }
 
+/// @return the status, or kOutputLost if what was written has not arrived
+int finishOutput(int status)
+{
+    std::cout.flush();
+    if (std::cout) {
+        return status;
+    }
+    complain(std::string("standard output could not be written: ") + std::strerror(errno));
+    return kOutputLost;
+}
+
 int refuseDevice(const std::string& why)
 {
     complain("no device: " + why);
@@ -75,12 +88,12 @@ int refuseDevice(const std::string& why)
 }
 
 /// A closed standard descriptor would be given to a pipe of ours; the command finds it closed
-/// again.
+/// again. Writing to it goes on failing.
 void occupyStandardDescriptors()
 {
     int fd = -1;
     do {
-        fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+        fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     } while (fd >= 0 && fd <= STDERR_FILENO);
     if (fd >= 0) {
         ::close(fd);
@@ -172,7 +185,7 @@ int showInfo()
               << "user:      "
               << answer(user, user ? "private namespaces inside a user namespace" : asUser)
               << "in-place:  " << answer(writable, inPlace) << "auto:      " << chosen << '\n';
-    return chosen == "none" ? kNoDevice : 0;
+    return finishOutput(chosen == "none" ? kNoDevice : 0);
 }
 
 std::string shellOfUser()
@@ -210,10 +223,10 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options)
                 break;
             case 'h':
                 std::cout << kUsage;
-                return 0;
+                return finishOutput(0);
             case 'V':
                 std::cout << "quillon-device " << QUILLON_VERSION << '\n';
-                return 0;
+                return finishOutput(0);
             default:
                 return refuseUsage(std::string("wrong option or no value: ") + argv[optind - 1]);
         }

@@ -193,6 +193,28 @@ TEST(DeviceCommand, ShowsEachOptionInItsHelp)
     }
 }
 
+TEST(DeviceCommand, EndsWith125WhenItsOwnOutputCannotBeWritten)
+{
+    for (const char* word : {"--help", "--version", "info"}) {
+        for (const char* output : {">/dev/full", ">&-"}) {
+            const Result result = run({"sh", "-c", deviceProgram() + " " + word + " " + output});
+
+            EXPECT_EQ(result.status, 125) << word << " " << output;
+            EXPECT_TRUE(isOneLine(result.err)) << result.err;
+            EXPECT_THAT(result.err, StartsWith("quillon-device: standard output could not be "
+                                               "written: "));
+        }
+    }
+}
+
+TEST(DeviceCommand, LeavesTheOutputOfTheCommandToTheCommand)
+{
+    const Result result = run({"sh", "-c", deviceProgram() + " run -- sh -c 'exit 7' >/dev/full"});
+
+    EXPECT_EQ(result.status, 7);
+    EXPECT_THAT(result.err, testing::Not(HasSubstr("standard output")));
+}
+
 TEST(DeviceCommand, HasEachWordOfItsHelpInTheManualPage)
 {
     std::ifstream page(MANUAL_PAGE);
