@@ -2,9 +2,12 @@
 // "quillonctl modules unlock" releases it when nobody alive could hold it.
 
 #include <fcntl.h>
+#include <sched.h>
 #include <semaphore.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -243,6 +246,107 @@ TEST_F(UpdateSemaphore, IsWaitedForAgainAfterAModuleHasClosedAllFiles)
 
     ASSERT_TRUE(layer.says("beta   1.0      updated")) << layer.output();
     EXPECT_EQ(layer.wait(), 0);
+    EXPECT_EQ(semaphoreValue(), 1);
+}
+
+TEST_F(UpdateSemaphore, ThatIsRefusedAfterAModuleHasClosedAllFilesLetsNoOtherUpdateBegin)
+{
+    for (const char* name : {"alpha", "beta"}) {
+        installGuided(name, "wait-in-doUpdate close-in-doUpdate");
+    }
+    for (const char* option : {"--quiet", "--json"}) {
+        for (const char* file : {"go", "alpha.log", "beta.log"}) {
+            fs::remove(std::string("/tmp/quillon-test-") + file);
+        }
+        BackgroundLayer layer({option, "modules", "update", "--all", "--source", "system"});
+        ASSERT_TRUE(comesTrue(
+            [] { return wasAsked("alpha", "doUpdate(") || wasAsked("beta", "doUpdate("); }));
+        fs::create_hard_link("/dev/shm/sem.SEM_UPDATE_CONTROL", "/dev/shm/second");
+        goOn();
+
+        EXPECT_EQ(layer.wait(), 9) << layer.output();
+        EXPECT_THAT(layer.output(), HasSubstr("file cannot be locked any more: "));
+        EXPECT_THAT(layer.output(), HasSubstr("; a module may have closed it"));
+        EXPECT_NE(wasAsked("alpha", "doUpdate("), wasAsked("beta", "doUpdate("));
+        fs::remove("/dev/shm/second");
+        EXPECT_EQ(semaphoreValue(), 1);
+    }
+}
+
+/// Another process, which takes the semaphore where it has gone to.
+class OtherHolder
+{
+public:
+    /// @param goThere  called in the process; returns whether it holds the semaphore there
+    template <typename GoThere>
+    explicit OtherHolder(GoThere goThere)
+    {
+        int ready[2] = {-1, -1};
+        EXPECT_EQ(::pipe2(ready, O_CLOEXEC), 0);
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            const char isThere = goThere() ? 'y' : 'n';
+            static_cast<void>(!::write(ready[1], &isThere, 1));
+            for (;;) {
+                ::pause();
+            }
+        }
+        const UniqueDescriptor end(ready[0]);
+        ::close(ready[1]);
+        char isThere = 'n';
+        isThere_ = ::read(end.get(), &isThere, 1) == 1 && isThere == 'y';
+    }
+    ~OtherHolder()
+    {
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, nullptr, 0);
+    }
+    OtherHolder(const OtherHolder&) = delete;
+    OtherHolder& operator=(const OtherHolder&) = delete;
+
+    bool isThere() const { return isThere_; }
+    pid_t process() const { return pid_; }
+
+    static bool take()
+    {
+        sem_t* semaphore = ::sem_open("/SEM_UPDATE_CONTROL", O_CREAT, 0600, 1);
+        return semaphore != SEM_FAILED && ::sem_wait(semaphore) == 0;
+    }
+
+private:
+    pid_t pid_ = -1;
+    bool isThere_ = false;
+};
+
+TEST_F(UpdateSemaphore, IsNotReleasedFromAHolderThatHasAnotherRoot)
+{
+    const auto inAnotherRoot = [] {
+        return OtherHolder::take() && ::chroot("/var/tmp") == 0 && ::chdir("/") == 0;
+    };
+    {
+        const OtherHolder holder(inAnotherRoot);
+        if (!holder.isThere()) {
+            GTEST_SKIP() << "here nobody can change its root";
+        }
+        EXPECT_THAT(json({"unlock"}, 8)["text"].asString(),
+                    HasSubstr("process " + std::to_string(holder.process()) + " ("));
+    }
+    EXPECT_EQ(json({"unlock"})["released"], true);
+}
+
+TEST_F(UpdateSemaphore, IsReleasedWhileAnotherContainersSemaphoreIsHeld)
+{
+    leaveSemaphoreBehind();
+    const OtherHolder holder([] {
+        return ::unshare(CLONE_NEWNS) == 0 &&
+               ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+               ::mount("none", "/dev/shm", "tmpfs", 0, nullptr) == 0 && OtherHolder::take();
+    });
+    if (!holder.isThere()) {
+        GTEST_SKIP() << "here nobody can have a /dev/shm of its own";
+    }
+
+    EXPECT_EQ(json({"unlock"})["released"], true);
     EXPECT_EQ(semaphoreValue(), 1);
 }
 

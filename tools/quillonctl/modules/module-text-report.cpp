@@ -214,8 +214,12 @@ void ModuleTextReport::updated(const ModuleSource& /*source*/,
 {
     std::vector<Row> rows = {{"NAME", "RUNNING", "OUTCOME"}};
     std::string troubled;
+    std::string whyNotBegun;
     for (const ModuleUpdate& update : updates) {
         rows.push_back({orDash(update.name), orDash(update.running), describe(update)});
+        if (update.outcome == Outcome::kNotBegun) {
+            whyNotBegun = update.reason;
+        }
         if (update.outcome == Outcome::kFailed || update.outcome == Outcome::kTimedOut) {
             troubled += " " + update.name;
         }
@@ -232,7 +236,7 @@ void ModuleTextReport::updated(const ModuleSource& /*source*/,
         error(code, "interrupted; not every update was begun");
     }
     if (code == kExitSystem) {
-        error(code, "not every update was begun");
+        error(code, "not every update was begun: " + whyNotBegun);
     }
 }
 
