@@ -291,7 +291,7 @@ public:
                 ::pause();
             }
         }
-        const UniqueDescriptor end(ready[0]);
+        const UniqueFd end(ready[0]);
         ::close(ready[1]);
         char isThere = 'n';
         isThere_ = ::read(end.get(), &isThere, 1) == 1 && isThere == 'y';
