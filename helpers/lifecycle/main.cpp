@@ -13,17 +13,17 @@
 #include <system_error>
 #include <vector>
 
-#include "helpers/lifecycle/client-lock-file.h"
+#include "base/handles.h"
 #include "client/client-lock.h"
-#include "platform/linux/event-placeholder.h"
+#include "helpers/lifecycle/client-lock-file.h"
 #include "helpers/lifecycle/orderly-end.h"
 #include "helpers/lifecycle/own-queues.h"
-#include "support/paths.h"
-#include "base/handles.h"
 #include "helpers/lifecycle/taken-name.h"
 #include "helpers/lifecycle/trusted-places.h"
 #include "helpers/lifecycle/unit-failure.h"
 #include "helpers/lifecycle/update-semaphore.h"
+#include "platform/linux/event-placeholder.h"
+#include "src/support/paths.h"
 
 using namespace quillon;
 using namespace quillon::unit;

@@ -14,8 +14,8 @@
 
 #include "base/fd.h"
 #include "platform/secure-storage.h"
-#include "provisioning-package.h"
 #include "support/open-way.h"
+#include "tools/quillon-image/provisioning-package.h"
 #include "unit/storage/listener.h"
 #include "unit/verifier/test-keys.h"
 

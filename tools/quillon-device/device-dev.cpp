@@ -1,4 +1,4 @@
-#include "device-dev.h"
+#include "tools/quillon-device/device-dev.h"
 
 #include <fcntl.h>
 #include <sys/mount.h>
@@ -9,8 +9,8 @@
 #include <filesystem>
 #include <string>
 
-#include "setup-error.h"
-#include "unique-fd.h"
+#include "base/fd.h"
+#include "tools/quillon-device/setup-error.h"
 
 namespace quillon::device {
 

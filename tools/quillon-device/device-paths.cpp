@@ -1,4 +1,4 @@
-#include "device-paths.h"
+#include "tools/quillon-device/device-paths.h"
 
 #include <algorithm>
 #include <filesystem>

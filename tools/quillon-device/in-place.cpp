@@ -1,4 +1,4 @@
-#include "in-place.h"
+#include "tools/quillon-device/in-place.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -13,11 +13,11 @@
 #include <filesystem>
 #include <fstream>
 
-#include "device-paths.h"
-#include "left-overs.h"
-#include "mount-table.h"
-#include "setup-error.h"
-#include "unique-fd.h"
+#include "base/fd.h"
+#include "tools/quillon-device/device-paths.h"
+#include "tools/quillon-device/left-overs.h"
+#include "tools/quillon-device/mount-table.h"
+#include "tools/quillon-device/setup-error.h"
 
 namespace fs = std::filesystem;
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "init.h"
+#include "tools/quillon-device/init.h"
 
 namespace quillon::device {
 

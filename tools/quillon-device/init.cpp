@@ -1,4 +1,4 @@
-#include "init.h"
+#include "tools/quillon-device/init.h"
 
 #include <fcntl.h>
 #include <sys/personality.h>
@@ -10,8 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "setup-error.h"
-#include "unique-fd.h"
+#include "base/fd.h"
+#include "tools/quillon-device/setup-error.h"
 
 namespace quillon::device {
 

@@ -1,4 +1,4 @@
-#include "isolation.h"
+#include "tools/quillon-device/isolation.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -12,10 +12,10 @@
 #include <cstring>
 #include <filesystem>
 
-#include "device-paths.h"
-#include "mounts.h"
-#include "setup-error.h"
-#include "unique-fd.h"
+#include "base/fd.h"
+#include "tools/quillon-device/device-paths.h"
+#include "tools/quillon-device/mounts.h"
+#include "tools/quillon-device/setup-error.h"
 
 namespace quillon::device {
 

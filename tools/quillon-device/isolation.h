@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "init.h"
+#include "tools/quillon-device/init.h"
 
 namespace quillon::device {
 

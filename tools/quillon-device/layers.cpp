@@ -1,4 +1,4 @@
-#include "layers.h"
+#include "tools/quillon-device/layers.h"
 
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -8,11 +8,11 @@
 #include <filesystem>
 #include <vector>
 
-#include "device-paths.h"
-#include "mirror.h"
-#include "mount-table.h"
-#include "mounts.h"
-#include "setup-error.h"
+#include "tools/quillon-device/device-paths.h"
+#include "tools/quillon-device/mirror.h"
+#include "tools/quillon-device/mount-table.h"
+#include "tools/quillon-device/mounts.h"
+#include "tools/quillon-device/setup-error.h"
 
 namespace fs = std::filesystem;
 

@@ -1,4 +1,4 @@
-#include "left-overs.h"
+#include "tools/quillon-device/left-overs.h"
 
 #include <mqueue.h>
 #include <semaphore.h>

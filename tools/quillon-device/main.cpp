@@ -9,10 +9,10 @@
 #include <optional>
 #include <string>
 
-#include "in-place.h"
-#include "init.h"
-#include "isolation.h"
-#include "setup-error.h"
+#include "tools/quillon-device/in-place.h"
+#include "tools/quillon-device/init.h"
+#include "tools/quillon-device/isolation.h"
+#include "tools/quillon-device/setup-error.h"
 
 using namespace quillon::device;
 

@@ -1,4 +1,4 @@
-#include "mirror.h"
+#include "tools/quillon-device/mirror.h"
 
 #include <fcntl.h>
 #include <sys/mount.h>
@@ -6,10 +6,10 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "device-paths.h"
-#include "mounts.h"
-#include "setup-error.h"
-#include "unique-fd.h"
+#include "base/fd.h"
+#include "tools/quillon-device/device-paths.h"
+#include "tools/quillon-device/mounts.h"
+#include "tools/quillon-device/setup-error.h"
 
 namespace fs = std::filesystem;
 

@@ -1,4 +1,4 @@
-#include "mount-table.h"
+#include "tools/quillon-device/mount-table.h"
 
 #include <fstream>
 #include <set>

@@ -1,4 +1,4 @@
-#include "mounts.h"
+#include "tools/quillon-device/mounts.h"
 
 #include <fcntl.h>
 #include <sys/mount.h>
@@ -10,11 +10,11 @@
 #include <filesystem>
 #include <string>
 
-#include "device-dev.h"
-#include "device-paths.h"
-#include "layers.h"
-#include "setup-error.h"
-#include "unique-fd.h"
+#include "base/fd.h"
+#include "tools/quillon-device/device-dev.h"
+#include "tools/quillon-device/device-paths.h"
+#include "tools/quillon-device/layers.h"
+#include "tools/quillon-device/setup-error.h"
 
 namespace fs = std::filesystem;
 

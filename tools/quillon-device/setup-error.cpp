@@ -1,4 +1,4 @@
-#include "setup-error.h"
+#include "tools/quillon-device/setup-error.h"
 
 #include <cerrno>
 #include <cstring>

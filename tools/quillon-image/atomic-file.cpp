@@ -1,4 +1,4 @@
-#include "atomic-file.h"
+#include "tools/quillon-image/atomic-file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-#include "held-signals.h"
+#include "tools/quillon-image/held-signals.h"
 
 #include "platform/verifier/image-error.h"
 

@@ -1,4 +1,4 @@
-#include "keys.h"
+#include "tools/quillon-image/keys.h"
 
 #include <openssl/ec.h>
 #include <openssl/pem.h>
@@ -8,13 +8,13 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "atomic-file.h"
 #include "platform/verifier/hex-text.h"
 #include "platform/verifier/image-error.h"
-#include "provisioning-certificate.h"
-#include "provisioning-package.h"
-#include "platform/verifier/public-key.h"
 #include "platform/verifier/input-file.h"
+#include "platform/verifier/public-key.h"
+#include "tools/quillon-image/atomic-file.h"
+#include "tools/quillon-image/provisioning-certificate.h"
+#include "tools/quillon-image/provisioning-package.h"
 
 namespace quillon {
 namespace {

@@ -6,7 +6,7 @@
 
 #include "platform/verifier/image-error.h"
 #include "platform/verifier/image-signature.h"
-#include "verbs.h"
+#include "tools/quillon-image/verbs.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "package-image.h"
+#include "tools/quillon-image/package-image.h"
 
 #include <json/json.h>
 
@@ -9,13 +9,13 @@
 #include <filesystem>
 #include <vector>
 
-#include "atomic-file.h"
-#include "held-signals.h"
 #include "platform/verifier/image-error.h"
 #include "platform/verifier/input-file.h"
-#include "run-program.h"
-#include "support/checksum.h"
-#include "texts.h"
+#include "src/support/checksum.h"
+#include "tools/quillon-image/atomic-file.h"
+#include "tools/quillon-image/held-signals.h"
+#include "tools/quillon-image/run-program.h"
+#include "tools/quillon-image/texts.h"
 
 namespace quillon {
 namespace {

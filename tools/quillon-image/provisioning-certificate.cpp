@@ -1,10 +1,10 @@
-#include "provisioning-certificate.h"
+#include "tools/quillon-image/provisioning-certificate.h"
 
 #include <openssl/bn.h>
 #include <openssl/x509v3.h>
 
-#include "platform/verifier/image-error.h"
 #include "platform/storage/signed-package.h"
+#include "platform/verifier/image-error.h"
 
 namespace quillon {
 namespace {

@@ -1,4 +1,4 @@
-#include "provisioning-package.h"
+#include "tools/quillon-image/provisioning-package.h"
 
 #include "base/secret-bytes.h"
 #include "platform/storage/provisioning-content.h"

@@ -1,4 +1,4 @@
-#include "run-program.h"
+#include "tools/quillon-image/run-program.h"
 
 #include <fcntl.h>
 #include <spawn.h>

@@ -1,4 +1,4 @@
-#include "stick-image.h"
+#include "tools/quillon-image/stick-image.h"
 
 #include <openssl/evp.h>
 #include <openssl/rand.h>
@@ -7,13 +7,13 @@
 #include <utility>
 #include <vector>
 
-#include "atomic-file.h"
 #include "platform/verifier/image-error.h"
-#include "platform/verifier/public-key.h"
 #include "platform/verifier/input-file.h"
+#include "platform/verifier/public-key.h"
 #include "platform/verifier/signed-file.h"
-#include "texts.h"
 #include "platform/verifier/trusted-keys.h"
+#include "tools/quillon-image/atomic-file.h"
+#include "tools/quillon-image/texts.h"
 
 namespace quillon {
 namespace {
@@ -140,8 +140,7 @@ private:
 
 /// Hands a range of a file to a consumer, piece by piece.
 template <typename Consumer>
-void readInPieces(const InputFile& file, std::uint64_t offset, std::uint64_t end,
-                  Consumer consume)
+void readInPieces(const InputFile& file, std::uint64_t offset, std::uint64_t end, Consumer consume)
 {
     std::vector<unsigned char> chunk(kChunkSize);
     while (offset < end) {

@@ -16,8 +16,8 @@
 #include <string>
 
 #include "platform/verifier/image-trailer.h"
-#include "keys.h"
 #include "platform/verifier/trust-policy.h"
+#include "tools/quillon-image/keys.h"
 
 namespace quillon {
 

@@ -1,4 +1,4 @@
-#include "texts.h"
+#include "tools/quillon-image/texts.h"
 
 #include <algorithm>
 

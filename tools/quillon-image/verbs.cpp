@@ -1,20 +1,20 @@
-#include "verbs.h"
+#include "tools/quillon-image/verbs.h"
 
 #include <json/json.h>
 
 #include <filesystem>
 #include <iostream>
 
-#include "atomic-file.h"
+#include "platform/storage/provisioning-content.h"
 #include "platform/verifier/hex-text.h"
 #include "platform/verifier/image-error.h"
-#include "keys.h"
-#include "package-image.h"
-#include "platform/storage/provisioning-content.h"
-#include "provisioning-package.h"
-#include "platform/verifier/public-key.h"
 #include "platform/verifier/input-file.h"
-#include "stick-image.h"
+#include "platform/verifier/public-key.h"
+#include "tools/quillon-image/atomic-file.h"
+#include "tools/quillon-image/keys.h"
+#include "tools/quillon-image/package-image.h"
+#include "tools/quillon-image/provisioning-package.h"
+#include "tools/quillon-image/stick-image.h"
 
 namespace quillon {
 namespace {

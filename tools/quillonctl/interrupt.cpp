@@ -1,4 +1,4 @@
-#include "interrupt.h"
+#include "tools/quillonctl/interrupt.h"
 
 #include <signal.h>
 #include <unistd.h>
@@ -6,7 +6,7 @@
 #include <atomic>
 #include <cstring>
 
-#include "exit-codes.h"
+#include "tools/quillonctl/exit-codes.h"
 
 namespace quillon {
 

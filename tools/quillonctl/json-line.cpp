@@ -1,4 +1,4 @@
-#include "json-line.h"
+#include "tools/quillonctl/json-line.h"
 
 #include <json/writer.h>
 

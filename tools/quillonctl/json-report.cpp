@@ -1,6 +1,6 @@
-#include "json-report.h"
+#include "tools/quillonctl/json-report.h"
 
-#include "json-line.h"
+#include "tools/quillonctl/json-line.h"
 
 namespace quillon {
 

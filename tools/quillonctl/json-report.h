@@ -4,7 +4,7 @@
 
 #include <json/value.h>
 
-#include "report.h"
+#include "tools/quillonctl/report.h"
 
 namespace quillon {
 

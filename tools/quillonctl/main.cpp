@@ -4,12 +4,12 @@
 #include <memory>
 #include <string>
 
-#include "json-report.h"
-#include "module-commands.h"
-#include "standard-files.h"
-#include "terminal.h"
-#include "text-report.h"
-#include "verbs.h"
+#include "tools/quillonctl/json-report.h"
+#include "tools/quillonctl/modules/module-commands.h"
+#include "tools/quillonctl/standard-files.h"
+#include "tools/quillonctl/terminal.h"
+#include "tools/quillonctl/text-report.h"
+#include "tools/quillonctl/verbs.h"
 
 namespace {
 

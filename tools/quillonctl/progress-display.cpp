@@ -1,4 +1,4 @@
-#include "progress-display.h"
+#include "tools/quillonctl/progress-display.h"
 
 #include <algorithm>
 

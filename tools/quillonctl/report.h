@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "exit-codes.h"
+#include "tools/quillonctl/exit-codes.h"
 
 namespace quillon {
 

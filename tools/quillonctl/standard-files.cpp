@@ -1,4 +1,4 @@
-#include "standard-files.h"
+#include "tools/quillonctl/standard-files.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -6,7 +6,7 @@
 
 #include <iostream>
 
-#include "exit-codes.h"
+#include "tools/quillonctl/exit-codes.h"
 
 namespace quillon {
 

@@ -1,8 +1,8 @@
-#include "text-report.h"
+#include "tools/quillonctl/text-report.h"
 
 #include <iostream>
 
-#include "terminal.h"
+#include "tools/quillonctl/terminal.h"
 
 namespace quillon {
 

@@ -2,8 +2,8 @@
 #ifndef QUILLON_QUILLONCTL_TEXT_REPORT_H
 #define QUILLON_QUILLONCTL_TEXT_REPORT_H
 
-#include "progress-display.h"
-#include "report.h"
+#include "tools/quillonctl/progress-display.h"
+#include "tools/quillonctl/report.h"
 
 namespace quillon {
 

@@ -1,4 +1,4 @@
-#include "verbs.h"
+#include "tools/quillonctl/verbs.h"
 
 #include <sys/stat.h>
 
@@ -10,7 +10,7 @@
 #include <memory>
 #include <thread>
 
-#include "interrupt.h"
+#include "tools/quillonctl/interrupt.h"
 
 namespace quillon {
 

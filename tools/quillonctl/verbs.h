@@ -8,8 +8,8 @@
 #include <set>
 #include <string>
 
-#include "exit-codes.h"
-#include "report.h"
+#include "tools/quillonctl/exit-codes.h"
+#include "tools/quillonctl/report.h"
 
 namespace quillon {
 

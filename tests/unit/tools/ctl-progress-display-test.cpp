@@ -4,7 +4,7 @@
 
 #include <limits>
 
-#include "progress-display.h"
+#include "tools/quillonctl/progress-display.h"
 
 using namespace quillon;
 

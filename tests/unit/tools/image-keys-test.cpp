@@ -8,7 +8,7 @@
 #include "base/secret-bytes.h"
 #include "platform/storage/signed-package.h"
 #include "platform/verifier/public-key.h"
-#include "provisioning-package.h"
+#include "tools/quillon-image/provisioning-package.h"
 #include "unit/tools/image-files.h"
 
 using ::testing::ElementsAre;

@@ -3,7 +3,7 @@
 #include <exception>
 #include <iostream>
 
-#include "keys.h"
+#include "tools/quillon-image/keys.h"
 
 int main(int argc, char** argv)
 {

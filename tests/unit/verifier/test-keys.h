@@ -8,8 +8,8 @@
 #include <optional>
 #include <string>
 
-#include "keys.h"
-#include "stick-image.h"
+#include "tools/quillon-image/keys.h"
+#include "tools/quillon-image/stick-image.h"
 
 namespace quillon::test {
 

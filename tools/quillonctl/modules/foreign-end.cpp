@@ -1,4 +1,4 @@
-#include "foreign-end.h"
+#include "tools/quillonctl/modules/foreign-end.h"
 
 #include <dlfcn.h>
 #include <signal.h>
@@ -14,10 +14,10 @@
 #include <new>
 #include <utility>
 
-#include "exit-codes.h"
-#include "interruption.h"
-#include "support/paths.h"
-#include "update-slot.h"
+#include "src/support/paths.h"
+#include "tools/quillonctl/exit-codes.h"
+#include "tools/quillonctl/modules/interruption.h"
+#include "tools/quillonctl/modules/update-slot.h"
 
 namespace quillon {
 

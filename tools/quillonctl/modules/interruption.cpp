@@ -1,4 +1,4 @@
-#include "interruption.h"
+#include "tools/quillonctl/modules/interruption.h"
 
 #include <pthread.h>
 #include <semaphore.h>
@@ -13,9 +13,9 @@
 #include <thread>
 #include <utility>
 
-#include "all-signals-blocked.h"
-#include "exit-codes.h"
-#include "foreign-end.h"
+#include "base/signals-blocked.h"
+#include "tools/quillonctl/exit-codes.h"
+#include "tools/quillonctl/modules/foreign-end.h"
 
 namespace quillon {
 
@@ -184,7 +184,7 @@ bool& runningUntilInterrupted(std::function<void()> abandon)
 {
     sem_init(&g_wake, 0, 0);
     pthread_atfork(blockForFork, unblockInParent, leaveSignalsToChild);
-    const AllSignalsBlocked blocked;
+    const SignalsBlocked blocked;
     std::thread(endWhenTheMainThreadDoesNot, std::move(abandon)).detach();
     std::thread(takeRequests).detach();
     for (const int signal : {SIGINT, SIGTERM, SIGQUIT}) {

@@ -1,4 +1,4 @@
-#include "module-check.h"
+#include "tools/quillonctl/modules/module-check.h"
 
 #include <sys/stat.h>
 
@@ -10,9 +10,9 @@
 
 #include "base/fd.h"
 #include "base/regular-file.h"
-#include "module-defect.h"
-#include "package-mount.h"
-#include "support/paths.h"
+#include "src/support/paths.h"
+#include "tools/quillonctl/modules/module-defect.h"
+#include "tools/quillonctl/modules/package-mount.h"
 
 namespace quillon {
 

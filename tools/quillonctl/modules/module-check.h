@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "module-registry.h"
-#include "module-source.h"
+#include "tools/quillonctl/modules/module-registry.h"
+#include "tools/quillonctl/modules/module-source.h"
 
 namespace quillon {
 

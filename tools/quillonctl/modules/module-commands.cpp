@@ -1,16 +1,16 @@
-#include "module-commands.h"
+#include "tools/quillonctl/modules/module-commands.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 
-#include "foreign-end.h"
-#include "interruption.h"
-#include "module-json-report.h"
-#include "module-text-report.h"
-#include "module-verbs.h"
-#include "standard-files.h"
-#include "terminal.h"
+#include "tools/quillonctl/modules/foreign-end.h"
+#include "tools/quillonctl/modules/interruption.h"
+#include "tools/quillonctl/modules/module-json-report.h"
+#include "tools/quillonctl/modules/module-text-report.h"
+#include "tools/quillonctl/modules/module-verbs.h"
+#include "tools/quillonctl/standard-files.h"
+#include "tools/quillonctl/terminal.h"
 
 namespace quillon {
 

@@ -1,4 +1,4 @@
-#include "module-defect.h"
+#include "tools/quillonctl/modules/module-defect.h"
 
 #include <dlfcn.h>
 
@@ -7,9 +7,9 @@
 #include <exception>
 #include <memory>
 
-#include "fw-update-plugin.h"
-#include "support/paths.h"
 #include "base/handles.h"
+#include "fw-update-plugin.h"
+#include "src/support/paths.h"
 
 namespace quillon {
 

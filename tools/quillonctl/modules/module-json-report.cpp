@@ -1,9 +1,9 @@
-#include "module-json-report.h"
+#include "tools/quillonctl/modules/module-json-report.h"
 
 #include <iostream>
 
-#include "json-line.h"
-#include "outside-text.h"
+#include "tools/quillonctl/json-line.h"
+#include "tools/quillonctl/modules/outside-text.h"
 
 namespace quillon {
 

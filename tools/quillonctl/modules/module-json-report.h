@@ -2,7 +2,7 @@
 #ifndef QUILLON_QUILLONCTL_MODULE_JSON_REPORT_H
 #define QUILLON_QUILLONCTL_MODULE_JSON_REPORT_H
 
-#include "module-report.h"
+#include "tools/quillonctl/modules/module-report.h"
 
 namespace quillon {
 

@@ -1,4 +1,4 @@
-#include "module-registry.h"
+#include "tools/quillonctl/modules/module-registry.h"
 
 #include <array>
 

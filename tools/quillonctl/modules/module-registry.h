@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "fw-update-symbol-manager.h"
+#include "src/src/fw-update-symbol-manager.h"
 
 namespace quillon {
 

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "exit-codes.h"
-#include "module-check.h"
-#include "slot-holders.h"
+#include "tools/quillonctl/exit-codes.h"
+#include "tools/quillonctl/modules/module-check.h"
+#include "tools/quillonctl/modules/slot-holders.h"
 
 namespace quillon {
 

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "fw-update-symbol.h"
+#include "src/src/fw-update-symbol.h"
 
 namespace quillon {
 

@@ -1,11 +1,11 @@
-#include "module-text-report.h"
+#include "tools/quillonctl/modules/module-text-report.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <iostream>
 
-#include "outside-text.h"
-#include "terminal.h"
+#include "tools/quillonctl/modules/outside-text.h"
+#include "tools/quillonctl/terminal.h"
 
 namespace quillon {
 

@@ -4,8 +4,8 @@
 
 #include <chrono>
 
-#include "module-report.h"
-#include "progress-display.h"
+#include "tools/quillonctl/modules/module-report.h"
+#include "tools/quillonctl/progress-display.h"
 
 namespace quillon {
 

@@ -1,4 +1,4 @@
-#include "module-verbs.h"
+#include "tools/quillonctl/modules/module-verbs.h"
 
 #include <unistd.h>
 
@@ -6,16 +6,16 @@
 #include <climits>
 #include <cstdio>
 
-#include "foreign-end.h"
-#include "fw-update-common.h"
-#include "interruption.h"
-#include "module-defect.h"
-#include "package-downloads.h"
-#include "package-mount.h"
 #include "platform/power.h"
-#include "standard-files.h"
-#include "support/paths.h"
-#include "update-slot.h"
+#include "src/fw-update-common.h"
+#include "src/support/paths.h"
+#include "tools/quillonctl/modules/foreign-end.h"
+#include "tools/quillonctl/modules/interruption.h"
+#include "tools/quillonctl/modules/module-defect.h"
+#include "tools/quillonctl/modules/package-downloads.h"
+#include "tools/quillonctl/modules/package-mount.h"
+#include "tools/quillonctl/modules/update-slot.h"
+#include "tools/quillonctl/standard-files.h"
 
 namespace quillon {
 

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "exit-codes.h"
-#include "module-report.h"
-#include "update-watch.h"
+#include "tools/quillonctl/exit-codes.h"
+#include "tools/quillonctl/modules/module-report.h"
+#include "tools/quillonctl/modules/update-watch.h"
 
 namespace quillon {
 

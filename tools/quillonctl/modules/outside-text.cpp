@@ -1,4 +1,4 @@
-#include "outside-text.h"
+#include "tools/quillonctl/modules/outside-text.h"
 
 #include <algorithm>
 

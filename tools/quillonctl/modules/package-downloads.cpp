@@ -1,4 +1,4 @@
-#include "package-downloads.h"
+#include "tools/quillonctl/modules/package-downloads.h"
 
 #include <condition_variable>
 #include <memory>

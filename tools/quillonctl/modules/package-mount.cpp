@@ -1,9 +1,9 @@
-#include "package-mount.h"
+#include "tools/quillonctl/modules/package-mount.h"
 
 #include <fstream>
 #include <sstream>
 
-#include "support/paths.h"
+#include "src/support/paths.h"
 
 namespace quillon {
 

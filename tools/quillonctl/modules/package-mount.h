@@ -2,7 +2,7 @@
 #ifndef QUILLON_QUILLONCTL_PACKAGE_MOUNT_H
 #define QUILLON_QUILLONCTL_PACKAGE_MOUNT_H
 
-#include "fw-update-symbol.h"
+#include "src/src/fw-update-symbol.h"
 
 namespace quillon {
 

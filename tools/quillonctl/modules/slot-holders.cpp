@@ -1,4 +1,4 @@
-#include "slot-holders.h"
+#include "tools/quillonctl/modules/slot-holders.h"
 
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -11,8 +11,8 @@
 #include <iterator>
 #include <system_error>
 
-#include "outside-text.h"
-#include "slot-locks.h"
+#include "tools/quillonctl/modules/outside-text.h"
+#include "tools/quillonctl/modules/slot-locks.h"
 
 namespace quillon {
 

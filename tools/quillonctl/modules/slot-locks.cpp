@@ -1,4 +1,4 @@
-#include "slot-locks.h"
+#include "tools/quillonctl/modules/slot-locks.h"
 
 #include <fcntl.h>
 #include <pwd.h>
@@ -12,7 +12,7 @@
 #include <cstring>
 #include <thread>
 
-#include "semaphore-file.h"
+#include "tools/quillonctl/modules/semaphore-file.h"
 
 namespace quillon {
 

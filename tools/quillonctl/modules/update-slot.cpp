@@ -1,4 +1,4 @@
-#include "update-slot.h"
+#include "tools/quillonctl/modules/update-slot.h"
 
 #include <unistd.h>
 
@@ -9,8 +9,8 @@
 #include <thread>
 #include <utility>
 
-#include "fw-update-common.h"
-#include "interruption.h"
+#include "src/fw-update-common.h"
+#include "tools/quillonctl/modules/interruption.h"
 
 extern "C" {
 int __real_sem_wait(sem_t* semaphore);

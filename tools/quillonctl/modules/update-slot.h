@@ -10,8 +10,8 @@
 #include <memory>
 #include <string>
 
-#include "slot-holders.h"
-#include "slot-locks.h"
+#include "tools/quillonctl/modules/slot-holders.h"
+#include "tools/quillonctl/modules/slot-locks.h"
 
 namespace quillon {
 

@@ -1,11 +1,11 @@
-#include "update-watch.h"
+#include "tools/quillonctl/modules/update-watch.h"
 
 #include <algorithm>
 #include <cstdint>
 
-#include "all-signals-blocked.h"
-#include "interruption.h"
-#include "update-slot.h"
+#include "base/signals-blocked.h"
+#include "tools/quillonctl/modules/interruption.h"
+#include "tools/quillonctl/modules/update-slot.h"
 
 namespace quillon {
 
@@ -55,7 +55,7 @@ UpdateWatch::UpdateWatch(const std::vector<const FWUpdateSymbol*>& modules, Modu
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_report.waitingForOthers(holders);
     });
-    const AllSignalsBlocked blocked;
+    const SignalsBlocked blocked;
     m_thread = std::thread([this] { loop(); });
 }
 

@@ -9,8 +9,8 @@
 #include <thread>
 #include <vector>
 
-#include "module-report.h"
-#include "update-workers.h"
+#include "tools/quillonctl/modules/module-report.h"
+#include "tools/quillonctl/modules/update-workers.h"
 
 namespace quillon {
 

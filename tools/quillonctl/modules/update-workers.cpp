@@ -1,4 +1,4 @@
-#include "update-workers.h"
+#include "tools/quillonctl/modules/update-workers.h"
 
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <mutex>
 
-#include "foreign-end.h"
+#include "tools/quillonctl/modules/foreign-end.h"
 
 namespace quillon {
 
