@@ -6,8 +6,8 @@
 #include <mqueue.h>
 
 #include "client/deadline.h"
-#include "quillon/client.h"
 #include "client/service-process.h"
+#include "quillon/client.h"
 
 namespace quillon {
 

@@ -10,6 +10,7 @@
 
 #include "base/fd.h"
 #include "base/handles.h"
+#include "base/regular-file.h"
 #include "process/device.h"
 #include "process/text-file.h"
 #include "quillon-service.h"
@@ -17,7 +18,6 @@
 #include "src/fw-update-symbol-manager.h"
 #include "support/checksum-folding.h"
 #include "support/checksum-slicing.h"
-#include "base/regular-file.h"
 
 namespace fs = std::filesystem;
 

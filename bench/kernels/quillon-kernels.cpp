@@ -18,11 +18,11 @@
 
 #include "base/fd.h"
 #include "base/handles.h"
+#include "base/regular-file.h"
 #include "process/warm-memory.h"
 #include "reference/file-passes.h"
 #include "reference/plain-decipher.h"
 #include "src/fw-update-symbol.h"
-#include "base/regular-file.h"
 
 namespace quillon::bench {
 namespace {

@@ -7,12 +7,12 @@
 #include <system_error>
 
 #include "base/fd.h"
+#include "base/handles.h"
 #include "driven/stick.h"
 #include "process/device.h"
 #include "reference/file-passes.h"
 #include "reference/plain-decipher.h"
 #include "src/fw-update-symbol.h"
-#include "base/handles.h"
 
 namespace quillon::bench {
 namespace {

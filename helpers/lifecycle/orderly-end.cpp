@@ -13,9 +13,9 @@
 #include <string>
 #include <system_error>
 
-#include "helpers/lifecycle/own-queues.h"
-#include "helpers/lifecycle/notify-watchdog.h"
 #include "base/fd.h"
+#include "helpers/lifecycle/notify-watchdog.h"
+#include "helpers/lifecycle/own-queues.h"
 #include "helpers/lifecycle/taken-name.h"
 #include "helpers/lifecycle/unit-failure.h"
 

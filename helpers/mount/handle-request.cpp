@@ -3,11 +3,11 @@
 #include <new>
 #include <string>
 
-#include "helpers/shared/failure.h"
 #include "helpers/mount/loop-devices.h"
+#include "helpers/mount/mount-log.h"
 #include "helpers/mount/package-mounts.h"
 #include "helpers/mount/policy.h"
-#include "helpers/mount/mount-log.h"
+#include "helpers/shared/failure.h"
 
 namespace quillon::privileged {
 

@@ -6,8 +6,8 @@
 #include <optional>
 #include <string>
 
-#include "helpers/shared/callers.h"
 #include "base/fd.h"
+#include "helpers/shared/callers.h"
 
 namespace quillon::privileged {
 

@@ -8,9 +8,9 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include "helpers/shared/failure.h"
 #include "base/once.h"
 #include "helpers/mount/mount-log.h"
+#include "helpers/shared/failure.h"
 
 namespace quillon::privileged {
 

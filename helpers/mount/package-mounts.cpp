@@ -9,9 +9,9 @@
 #include <fstream>
 #include <sstream>
 
-#include "helpers/shared/failure.h"
 #include "helpers/mount/folders.h"
 #include "helpers/mount/loop-devices.h"
+#include "helpers/shared/failure.h"
 
 namespace quillon::privileged {
 

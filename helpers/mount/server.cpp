@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "helpers/shared/failure.h"
 #include "helpers/mount/mount-log.h"
+#include "helpers/shared/failure.h"
 
 namespace quillon::privileged {
 

@@ -6,8 +6,8 @@
 #include <list>
 #include <string_view>
 
-#include "helpers/shared/callers.h"
 #include "base/fd.h"
+#include "helpers/shared/callers.h"
 #include "platform/protocols/mount-protocol.h"
 
 namespace quillon::privileged {

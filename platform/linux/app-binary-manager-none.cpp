@@ -1,8 +1,8 @@
 // Takes the place of app-binary-manager.cpp where libcurl was not there at build time.
 
 #include "base/once.h"
-#include "platform/log/platform-log.h"
 #include "platform/app-binary-manager.h"
+#include "platform/log/platform-log.h"
 
 namespace appbinaryManager {
 

@@ -6,9 +6,9 @@
 #include <exception>
 #include <utility>
 
+#include "base/signals-blocked.h"
 #include "platform/linux/package-download.h"
 #include "platform/log/platform-log.h"
-#include "base/signals-blocked.h"
 
 namespace quillon {
 

@@ -5,8 +5,8 @@
 #include <system_error>
 
 #include "base/fd.h"
-#include "base/secret-bytes.h"
 #include "base/regular-file.h"
+#include "base/secret-bytes.h"
 #include "platform/log/platform-log.h"
 
 namespace quillon {

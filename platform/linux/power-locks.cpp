@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "platform/log/platform-log.h"
 #include "base/signals-blocked.h"
+#include "platform/log/platform-log.h"
 
 namespace quillon {
 

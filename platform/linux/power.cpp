@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "platform/linux/inhibitor.h"
-#include "platform/log/platform-log.h"
 #include "platform/linux/power-locks.h"
+#include "platform/log/platform-log.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/linux/helper-connection.h"
 #include "base/once.h"
+#include "platform/linux/helper-connection.h"
 #include "platform/log/platform-log.h"
 #include "platform/protocols/mount-protocol.h"
 

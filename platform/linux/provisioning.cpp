@@ -1,13 +1,13 @@
 #include <exception>
 
 #include "base/fd.h"
-#include "base/secret-bytes.h"
 #include "base/regular-file.h"
-#include "platform/storage/install-package.h"
+#include "base/secret-bytes.h"
+#include "platform/linux/storage-client.h"
 #include "platform/log/platform-log.h"
 #include "platform/secure-storage.h"
+#include "platform/storage/install-package.h"
 #include "platform/storage/provisioning-content.h"
-#include "platform/linux/storage-client.h"
 
 namespace quillon {
 namespace {

@@ -7,11 +7,11 @@
 #include <string>
 
 #include "platform/linux/helper-connection.h"
+#include "platform/log/platform-log.h"
+#include "platform/protocols/storage-protocol.h"
 #include "platform/storage/install-package.h"
 #include "platform/storage/item-store.h"
-#include "platform/log/platform-log.h"
 #include "platform/storage/provisioning-content.h"
-#include "platform/protocols/storage-protocol.h"
 
 namespace quillon {
 

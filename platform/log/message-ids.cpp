@@ -3,7 +3,6 @@
 #include <cstring>
 #include <iterator>
 
-
 namespace quillon {
 
 namespace {

@@ -7,10 +7,10 @@
 #include <cerrno>
 
 #include "base/fd.h"
-#include "base/secret-bytes.h"
 #include "base/replace-file.h"
-#include "platform/verifier/image-error.h"
+#include "base/secret-bytes.h"
 #include "platform/log/platform-log.h"
+#include "platform/verifier/image-error.h"
 #include "platform/verifier/trust-policy.h"
 
 namespace quillon {

@@ -2,13 +2,13 @@
 
 #include <string_view>
 
+#include "platform/log/platform-log.h"
 #include "platform/storage/floor-store.h"
-#include "platform/verifier/image-error.h"
 #include "platform/storage/item-store.h"
 #include "platform/storage/maker-certificates.h"
-#include "platform/log/platform-log.h"
 #include "platform/storage/provisioning-content.h"
 #include "platform/storage/signed-package.h"
+#include "platform/verifier/image-error.h"
 #include "platform/verifier/trust-policy.h"
 
 namespace quillon {

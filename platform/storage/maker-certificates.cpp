@@ -8,8 +8,8 @@
 #include <iterator>
 
 #include "platform/verifier/image-error.h"
-#include "platform/verifier/public-key.h"
 #include "platform/verifier/input-file.h"
+#include "platform/verifier/public-key.h"
 
 namespace quillon {
 namespace {

@@ -7,8 +7,8 @@
 
 #include <memory>
 
-#include "platform/verifier/image-error.h"
 #include "platform/storage/provisioning-content.h"
+#include "platform/verifier/image-error.h"
 
 namespace quillon {
 namespace {

@@ -9,9 +9,9 @@
 #include <functional>
 #include <string>
 
-#include "platform/verifier/image-error.h"
 #include "platform/log.h"
 #include "platform/verifier.h"
+#include "platform/verifier/image-error.h"
 #include "platform/verifier/signed-file.h"
 #include "platform/verifier/trust-policy.h"
 #include "platform/verifier/trusted-keys.h"

@@ -21,6 +21,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "base/fd.h"
+#include "base/handles.h"
 #include "fw-update-common.h"
 #include "platform/events.h"
 #include "platform/power.h"
@@ -28,8 +30,6 @@
 #include "support/log.h"
 #include "support/paths.h"
 #include "support/text.h"
-#include "base/fd.h"
-#include "base/handles.h"
 
 namespace {
 
@@ -113,9 +113,9 @@ void work(Rendezvous& rendezvous, CallerTypes caller)
 /// at.
 quillon::UniqueFile createUpdateList()
 {
-    quillon::UniqueFd descriptor(
-        open(quillon::paths::kUpdateList, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
-             kUpdateListMode));
+    quillon::UniqueFd descriptor(open(quillon::paths::kUpdateList,
+                                      O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+                                      kUpdateListMode));
     struct stat status = {};
     if (descriptor.get() == -1 || fstat(descriptor.get(), &status) != 0 ||
         !S_ISREG(status.st_mode) || status.st_nlink != 1 || ftruncate(descriptor.get(), 0) != 0) {

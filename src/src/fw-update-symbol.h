@@ -7,9 +7,9 @@
 #include <memory>
 #include <string>
 
+#include "base/handles.h"
 #include "fw-update-plugin.h"
 #include "support/shared-value.h"
-#include "base/handles.h"
 
 /// Where a module's update is looked for.
 enum UPDATE_TYPE : int32_t {

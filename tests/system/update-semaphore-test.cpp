@@ -14,8 +14,8 @@
 #include <fstream>
 #include <memory>
 
-#include "support/open-way.h"
 #include "base/fd.h"
+#include "support/open-way.h"
 #include "system/control-layer.h"
 #include "system/privileged-helper.h"
 

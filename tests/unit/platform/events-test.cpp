@@ -13,8 +13,8 @@
 #include <sstream>
 #include <string>
 
-#include "platform/linux/event-placeholder.h"
 #include "notify-socket.h"
+#include "platform/linux/event-placeholder.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "fw-update-symbol-manager-runs.h"
 #include "base/fd.h"
+#include "fw-update-symbol-manager-runs.h"
 
 using namespace quillon::fakes;
 using namespace quillon::test;

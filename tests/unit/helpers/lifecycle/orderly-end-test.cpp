@@ -15,8 +15,8 @@
 #include <functional>
 #include <thread>
 
-#include "unit/platform/notify-socket.h"
 #include "helpers/lifecycle/own-queues.h"
+#include "unit/platform/notify-socket.h"
 
 namespace {
 
