@@ -28,8 +28,14 @@
 #include "platform/power.h"
 #include "platform/system-info.h"
 #include "support/log.h"
+#include "support/module-observer.h"
 #include "support/paths.h"
 #include "support/text.h"
+
+using quillon::blame;
+using quillon::ModuleEvent;
+using quillon::ModuleReason;
+using quillon::tell;
 
 namespace {
 
@@ -88,24 +94,40 @@ struct Rendezvous
 void work(Rendezvous& rendezvous, CallerTypes caller)
 {
     int result = -1;
+    tell(ModuleEvent::kStarted, rendezvous.module);
     try {
         result = rendezvous.module.updateFirmware(caller, rendezvous.argument());
     } catch (const std::exception& error) {
         FW_LOGE("Error: %s update exception %s", rendezvous.module.getFirmwareName().c_str(),
                 error.what());
+        blame(ModuleReason::kException, error.what());
     } catch (...) {
         // An exception of a plug-in ends its update, not the process. The one that cannot be had is
         // the C library's: the plug-in ended its thread, and the library insists on the rest of it.
         if (std::current_exception() == nullptr) {
+            tell(ModuleEvent::kEnded, rendezvous.module, result);
             rendezvous.result.store(result);
             rendezvous.done.notify_one();
             throw;
         }
         FW_LOGE("Error: %s update exception of an unknown kind",
                 rendezvous.module.getFirmwareName().c_str());
+        blame(ModuleReason::kException);
     }
+    tell(ModuleEvent::kEnded, rendezvous.module, result);
     rendezvous.result.store(result);
     rendezvous.done.notify_one();
+}
+
+/// Has a module decide whether it needs an update, and tells the observer before and afterwards.
+/// @param decide  returns the need value, or -1
+template <typename Decide>
+int decided(const FWUpdateSymbol& module, Decide decide)
+{
+    tell(ModuleEvent::kChecking, module);
+    const int need = decide();
+    tell(ModuleEvent::kDecided, module, need);
+    return need;
 }
 
 /// Opens the update list anew. Nothing that somebody put there can lead or hold up the writing: no
@@ -212,6 +234,7 @@ int update_timeout_wrapper(FWUpdateSymbol& module, unsigned int seconds, CallerT
         return rendezvous->result.load();
     }
     sem_post(semaphore);
+    tell(ModuleEvent::kLate, module);
     const std::string message = module.getFirmwareName() + " update timeout";
     FW_LOGE("%s", message.c_str());
     throw std::runtime_error(message);
@@ -262,7 +285,8 @@ bool FWUpdateSymbolManager::onCreate(bool skip)
     }
 
     for (FWUpdateSymbol& module : modules_) {
-        module.loadSymbol(module.getLibName());
+        const int result = module.loadSymbol(module.getLibName());
+        tell(ModuleEvent::kLoaded, module, result);
     }
 
     if (getSWVersionString() != 0) {
@@ -302,7 +326,7 @@ int FWUpdateSymbolManager::getFirmwareUpdateTime(const unsigned char* key, const
     int result = -1;
     int sum = 0;
     for (FWUpdateSymbol& module : modules_) {
-        if (module.getNeedUpdateList(key, path) != 1) {
+        if (decided(module, [&] { return module.getNeedUpdateList(key, path); }) != 1) {
             continue;
         }
         FW_LOGE("Need Update [%s] [%d]", module.getFirmwareName().c_str(),
@@ -325,7 +349,9 @@ int FWUpdateSymbolManager::doUpdateUSB(const unsigned char* key, const char* pat
         if (!module.getNeedUpdate()) {
             continue;
         }
+        tell(ModuleEvent::kStarted, module);
         result = module.updateUSB(key, path);
+        tell(ModuleEvent::kEnded, module, result);
         if (result == -1) {
             FW_LOGE("update fail [%s]", module.getFirmwareName().c_str());
             return -1;
@@ -388,10 +414,12 @@ int FWUpdateSymbolManager::doUpdateFirmware(const std::string& name, CallerTypes
             continue;
         }
         if (module.getSymbolType() == 1) {
+            tell(ModuleEvent::kStarted, module);
             result = module.runProcess(caller, text);
+            tell(ModuleEvent::kEnded, module, result);
             continue;
         }
-        if (module.isNeedUpdate(caller, text) != 1) {
+        if (decided(module, [&] { return module.isNeedUpdate(caller, text); }) != 1) {
             continue;
         }
         try {
@@ -429,7 +457,9 @@ int FWUpdateSymbolManager::writeFirmwareUpdateList(bool& running)
             FW_LOGE("Task is not running, writeFirmwareUpdateList stop");
             return -1;
         }
-        if (module.isNeedUpdate(CALLER_SERVICE, quillon::emptyText()) != 1) {
+        if (decided(module, [&] {
+                return module.isNeedUpdate(CALLER_SERVICE, quillon::emptyText());
+            }) != 1) {
             continue;
         }
         const std::string libName = module.getLibName();
@@ -458,7 +488,7 @@ int FWUpdateSymbolManager::getUpdateFwItems(std::list<FWUpdateItem>& items, Call
                                             char* text)
 {
     for (FWUpdateSymbol& module : modules_) {
-        if (module.isNeedUpdate(caller, text) != 1) {
+        if (decided(module, [&] { return module.isNeedUpdate(caller, text); }) != 1) {
             continue;
         }
         items.push_back(itemOf(module));

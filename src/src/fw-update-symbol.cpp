@@ -25,10 +25,15 @@
 #include "support/checksum.h"
 #include "support/first-touch.h"
 #include "support/log.h"
+#include "support/module-observer.h"
 #include "support/paths.h"
 #include "support/read-witness.h"
 #include "support/text.h"
 #include "support/unseen-memory.h"
+
+using quillon::because;
+using quillon::blame;
+using quillon::ModuleReason;
 
 namespace {
 
@@ -292,12 +297,12 @@ FWUpdateSymbol::FWUpdateSymbol(const std::string& libName)
 int FWUpdateSymbol::loadSymbol(const std::string& name)
 {
     if (name.empty()) {
-        return -1;
+        return because(ModuleReason::kNoName);
     }
     const std::string path = quillon::paths::kModules + name + ".so";
     std::array<char, PATH_MAX> resolved{};
     if (realpath(path.c_str(), resolved.data()) == nullptr) {
-        return -1;
+        return because(ModuleReason::kNoLibrary);
     }
     if (name != *libName_) {
         libName_ = std::make_shared<const std::string>(name);
@@ -305,8 +310,9 @@ int FWUpdateSymbol::loadSymbol(const std::string& name)
 
     void* handle = dlopen(resolved.data(), RTLD_NOW);
     if (handle == nullptr) {
-        FW_LOGE("Error: dlsym libfile: %s error: %s\n", path.c_str(),
-                linkerError().value_or("").c_str());
+        const std::string error = linkerError().value_or("");
+        FW_LOGE("Error: dlsym libfile: %s error: %s\n", path.c_str(), error.c_str());
+        blame(ModuleReason::kNotLoadable, error);
     }
     unbind();  // nothing may point into a library of an earlier load, which is closed now
     // The plug-in may have kept the name that it was told: it outlives the library.
@@ -317,23 +323,23 @@ int FWUpdateSymbol::loadSymbol(const std::string& name)
 
     if (const auto error = bindEntry(setContext_, library_.get(), "setContext")) {
         FW_LOGE("Error: dlsym error: %s\n", error->c_str());
-        return -1;
+        return because(ModuleReason::kNoEntry, "setContext");
     }
     if (const auto error = bindEntry(getEMPID_, library_.get(), "getEMPID")) {
         FW_LOGE("Error: dlsym error: %s\n", error->c_str());
-        return -1;
+        return because(ModuleReason::kNoEntry, "getEMPID");
     }
     if (const auto error = bindEntry(getActiveVersion_, library_.get(), "getActiveVersion")) {
         FW_LOGE("Error: dlsym error: %s\n", error->c_str());
-        return -1;
+        return because(ModuleReason::kNoEntry, "getActiveVersion");
     }
     if (const auto error = bindEntry(checkVersion_, library_.get(), "checkVersion")) {
         FW_LOGE("Error: dlsym error: %s\n", error->c_str());
-        return -1;
+        return because(ModuleReason::kNoEntry, "checkVersion");
     }
     if (const auto error = bindEntry(doUpdate_, library_.get(), "doUpdate")) {
         FW_LOGE("Error: dlsym error: %s\n", error->c_str());
-        return -1;
+        return because(ModuleReason::kNoEntry, "doUpdate");
     }
 
     if (const auto error = bindEntry(allUpdateDone_, library_.get(), "allUpdateDone")) {
@@ -371,7 +377,7 @@ int FWUpdateSymbol::loadSymbol(const std::string& name)
     const std::size_t emp = firmwareName_.find("emp");
     if (emp == std::string::npos) {
         FW_LOGE("Error: EMPID is Wrong (%s)", firmwareName_.c_str());
-        return -1;
+        return because(ModuleReason::kBadIdentifier, firmwareName_);
     }
     firmwareName_.erase(emp, std::strlen("emp"));
     imagePath_ = quillon::paths::kPackages + empName_ + ".img";
@@ -403,14 +409,14 @@ int FWUpdateSymbol::getEMPID(std::string& out)
 
     if (out.empty()) {
         FW_LOGE("Error: EMPID is empty.(%s)", out.c_str());
-        return -1;
+        return because(ModuleReason::kNoIdentifier);
     }
     const bool allowed = std::all_of(out.begin(), out.end(), [](char c) {
         return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
     });
     if (!allowed) {
         FW_LOGE("Error: use EMPID only English and numbers. %s", out.c_str());
-        return -1;
+        return because(ModuleReason::kBadIdentifier, out);
     }
     return 0;
 }
@@ -660,6 +666,7 @@ bool FWUpdateSymbol::mountEMPImage()
 {
     if (!isLoaded_ || !exists(imagePath_)) {
         FW_LOGE("Error: file no exist (%s)", imagePath_.c_str());
+        blame(ModuleReason::kNoPackage);
         return false;
     }
     const std::string directory = mountPoint();
@@ -668,6 +675,7 @@ bool FWUpdateSymbol::mountEMPImage()
     static_cast<void>(manager->UMount(directory));
     if (manager->Mount(imagePath_, directory) != 0) {
         FW_LOGE("Error: Firmware EMP Mount Fail.(%s)", empName_.c_str());
+        blame(ModuleReason::kNotMounted);
         return false;
     }
     return true;
@@ -703,25 +711,28 @@ int FWUpdateSymbol::isNeedUpdate(CallerTypes caller, char* arg)
     const std::string imagePath = getBinaryPath(type);
     if (!file_exists(imagePath)) {
         FW_LOGE("Error: Firmware binary file no exist (%s)", imagePath.c_str());
-        return -1;
+        return because(ModuleReason::kNoImage);
     }
     const std::string informationPath = getInformationPath(type);
     if (!file_exists(informationPath)) {
         FW_LOGE("Error: Firmware json file no exist (%s)", informationPath.c_str());
-        return -1;
+        return because(ModuleReason::kNoInformation);
     }
     if (!loadInformation(informationPath)) {
         FW_LOGE("Error: json information load fail");
-        return -1;
+        return because(ModuleReason::kBadInformation);
     }
     if (information_.crc != getBinaryCRC32(imagePath) || isSpecialFile(imagePath)) {
         FW_LOGE("Error: %s Firmware CRC32 different", firmwareName_.c_str());
-        return -1;
+        return because(ModuleReason::kBadChecksum);
     }
 
     // A failed check still leaves an answer, 0 unless the plug-in wrote one.
     if (checkVersion(information_.version.c_str(), &need) != 0) {
         FW_LOGE("Error: %s Firmware CheckVersion Fail", firmwareName_.c_str());
+        blame(ModuleReason::kCheckFailed);
+    } else if (need < 1) {
+        blame(ModuleReason::kUpToDate);
     }
     if (need < 1) {
         getActiveVersion(activeVersion.data());
@@ -738,7 +749,7 @@ int FWUpdateSymbol::isNeedUpdate(CallerTypes caller, char* arg)
 int FWUpdateSymbol::updateFirmware(CallerTypes caller, char* arg)
 {
     if (!isLoaded_) {
-        return -1;
+        return because(ModuleReason::kNoPlugIn);
     }
     FW_LOGE("%s Firmware Update Try", firmwareName_.c_str());
     const UPDATE_TYPE type = CallerToUpdateType(caller, arg);
@@ -749,16 +760,16 @@ int FWUpdateSymbol::updateFirmware(CallerTypes caller, char* arg)
     const std::string informationPath = getInformationPath(type);
     if (!file_exists(informationPath)) {
         FW_LOGE("Error: Firmware json file no exist (%s)", informationPath.c_str());
-        return -1;
+        return because(ModuleReason::kNoInformation);
     }
     if (!loadInformation(informationPath)) {
         FW_LOGE("Error: json information load fail");
-        return -1;
+        return because(ModuleReason::kBadInformation);
     }
     const std::string imagePath = getBinaryPath(type);
     if (!file_exists(imagePath)) {
         FW_LOGE("Error: Firmware binary file no exist (%s)", imagePath.c_str());
-        return -1;
+        return because(ModuleReason::kNoImage);
     }
 
     prctl(PR_SET_NAME, firmwareName_.c_str());
@@ -766,15 +777,16 @@ int FWUpdateSymbol::updateFirmware(CallerTypes caller, char* arg)
     const std::lock_guard<std::mutex> lock(update_mutex);
 
     if (setContext(caller, arg) != 0) {
-        return -1;
+        return because(ModuleReason::kContextRefused);
     }
     int need = -1;
     if (checkVersion(information_.version.c_str(), &need) != 0) {
         FW_LOGE("Error: %s Firmware CheckVersion Fail", firmwareName_.c_str());
-        return -1;
+        return because(ModuleReason::kCheckFailed);
     }
     if (need < 1) {
         FW_LOGE("Error: %s Firmware not need update", firmwareName_.c_str());
+        blame(ModuleReason::kUpToDate);
         if (type == UPDATE_EMP) {
             unmountEMPImage();
         }
@@ -784,7 +796,7 @@ int FWUpdateSymbol::updateFirmware(CallerTypes caller, char* arg)
     // next attempt mounts it afresh.
     if (information_.crc != getBinaryCRC32(imagePath) || isSpecialFile(imagePath)) {
         FW_LOGE("Error: %s Firmware crc32 different", firmwareName_.c_str());
-        return -1;
+        return because(ModuleReason::kBadChecksum);
     }
 
     FW_LOGE("========== [ %s update start ] ==========", firmwareName_.c_str());
@@ -792,6 +804,7 @@ int FWUpdateSymbol::updateFirmware(CallerTypes caller, char* arg)
     if (result != 0) {
         FW_LOGE("Error: %s Firmware doUpdate Fail %d (%d:%m)", firmwareName_.c_str(), result,
                 errno);
+        blame(ModuleReason::kUpdateFailed);
         return result;
     }
     FW_LOGE("========== [ %s update succeeded ] ==========", firmwareName_.c_str());
@@ -810,13 +823,13 @@ int FWUpdateSymbol::runProcess(CallerTypes caller, char* arg)
     const std::lock_guard<std::mutex> lock(update_mutex);
 
     if (setContext(caller, arg) != 0) {
-        return -1;
+        return because(ModuleReason::kContextRefused);
     }
     // The library's name stands where the others get their image's path.
     const int result = doUpdate(libName_->c_str(), 0, 0);
     if (result != 0) {
         FW_LOGE("Error: %s runProcess Fail (%d:%m)", libName_->c_str(), errno);
-        return -1;
+        return because(ModuleReason::kUpdateFailed);
     }
     return 0;
 }
@@ -828,11 +841,11 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* path)
 {
     if (ckey == nullptr) {
         FW_LOGE("Error: ckey  is nullptr");
-        return -1;
+        return because(ModuleReason::kNoKey);
     }
     if (path == nullptr) {
         FW_LOGE("Error: image_path is nullptr");
-        return -1;
+        return because(ModuleReason::kNoDirectory);
     }
 
     const std::string imagePath = path + firmwareName_ + ".bin";
@@ -840,18 +853,18 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* path)
     quillon::UniqueFile image = quillon::openRegularStream(imagePath, opened);
     if (!image) {
         FW_LOGE("Error: %s file open", imagePath.c_str());
-        return -1;
+        return because(ModuleReason::kNoImage);
     }
     // The verifier goes by the path; what is deciphered must be the very file that it saw.
     if (uep_verify(imagePath.c_str()) == 0 || !quillon::isStillSameFile(imagePath, opened)) {
         FW_LOGE("Error: %s file is NOT signed ", imagePath.c_str());
-        return -1;
+        return because(ModuleReason::kNotSigned);
     }
 
     // A record that nothing was loaded into is refused on purpose: its entries cannot be called.
     if (!setContext_ || !checkVersion_) {
         FW_LOGE("Error: %s has no plug-in", libName_->c_str());
-        return -1;
+        return because(ModuleReason::kNoPlugIn);
     }
     // The answer does not matter: checkVersion decides.
     setContext(CALLER_USB_IMAGE, quillon::emptyText());
@@ -861,7 +874,7 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* path)
     std::array<unsigned char, kIvSize> iv{};
     if (std::fread(iv.data(), 1, iv.size(), image.get()) < iv.size()) {
         FW_LOGE("Error: iv is worng");
-        return -1;
+        return because(ModuleReason::kTooShort);
     }
     witness.saw(iv.data(), iv.size());
 
@@ -872,7 +885,7 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* path)
                                         size - static_cast<std::int64_t>(kIvSize), outlen, witness);
     if (data == nullptr) {
         FW_LOGE("Error: Decryption data is null");
-        return -1;
+        return because(ModuleReason::kNotDeciphered);
     }
     quillon::UnseenMemory plaintext(data, static_cast<std::size_t>(size) - kIvSize);
     const VersionHeader header = versionHeaderOf(data, outlen);
@@ -880,17 +893,17 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* path)
     image.reset();
     if (!isDigestSigned(witness, path, firmwareName_)) {
         FW_LOGE("Error: %s file is NOT signed ", imagePath.c_str());
-        return -1;
+        return because(ModuleReason::kNotSigned);
     }
 
     int need = -1;
     if (checkVersion(header.data(), &need) != 0) {
         FW_LOGE("Error: %s Firmware CheckVersion Fail", firmwareName_.c_str());
-        return -1;
+        return because(ModuleReason::kCheckFailed);
     }
     if (need <= 0) {
         FW_LOGE("Error: %s Firmware not need update", firmwareName_.c_str());
-        return -1;
+        return because(ModuleReason::kUpToDate);
     }
 
     FW_LOGE("========== [ %s update start ] ==========", firmwareName_.c_str());
@@ -902,6 +915,7 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* path)
     if (result != 0) {
         FW_LOGE("Error: %s Firmware doUpdate Fail %d (%d:%m)", firmwareName_.c_str(), result,
                 errno);
+        blame(ModuleReason::kUpdateFailed);
         return result;
     }
     FW_LOGE("========== [ %s update succeeded ] ==========", firmwareName_.c_str());
@@ -912,11 +926,11 @@ int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* pat
 {
     if (ckey == nullptr) {
         FW_LOGE("Error: ckey  is nullptr");
-        return -1;
+        return because(ModuleReason::kNoKey);
     }
     if (path == nullptr) {
         FW_LOGE("Error: image_path is nullptr");
-        return -1;
+        return because(ModuleReason::kNoDirectory);
     }
 
     const std::string imagePath = path + firmwareName_ + ".bin";
@@ -924,17 +938,17 @@ int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* pat
     quillon::UniqueFile image = quillon::openRegularStream(imagePath, opened);
     if (!image) {
         FW_LOGE("Error: %s open fail", imagePath.c_str());
-        return -1;
+        return because(ModuleReason::kNoImage);
     }
     if (uep_verify(imagePath.c_str()) == 0 || !quillon::isStillSameFile(imagePath, opened)) {
         FW_LOGE("Error: %s is NOT signed ", imagePath.c_str());
-        return -1;
+        return because(ModuleReason::kNotSigned);
     }
 
     // A record that nothing was loaded into is refused on purpose: its entries cannot be called.
     if (!setContext_ || !checkVersion_) {
         FW_LOGE("Error: %s has no plug-in", libName_->c_str());
-        return -1;
+        return because(ModuleReason::kNoPlugIn);
     }
     setContext(CALLER_USB_IMAGE, quillon::emptyText());
 
@@ -943,7 +957,7 @@ int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* pat
     std::array<unsigned char, kIvSize> iv{};
     if (std::fread(iv.data(), 1, iv.size(), image.get()) < iv.size()) {
         FW_LOGE("Error: iv is worng");
-        return -1;
+        return because(ModuleReason::kTooShort);
     }
     witness.saw(iv.data(), iv.size());
 
@@ -953,28 +967,30 @@ int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* pat
     unsigned char* data = decipherImage(image.get(), ckey, iv.data(), size, outlen, witness);
     if (data == nullptr) {
         FW_LOGE("Error: Decryption data is null");
-        return -1;
+        return because(ModuleReason::kNotDeciphered);
     }
     const quillon::UnseenMemory plaintext(data, static_cast<std::size_t>(size));
     const VersionHeader header = versionHeaderOf(data, outlen);
     image.reset();
     if (!isDigestSigned(witness, path, firmwareName_)) {
         FW_LOGE("Error: %s is NOT signed ", imagePath.c_str());
-        return -1;
+        return because(ModuleReason::kNotSigned);
     }
 
     int need = -1;
     if (checkVersion(header.data(), &need) != 0) {
         FW_LOGE("Error: %s Firmware CheckVersion Fail", firmwareName_.c_str());
-        return -1;
+        return because(ModuleReason::kCheckFailed);
     }
 
     int seconds = 0;
     if (getExpectedTime(&seconds) == 0) {
         needUpdate_.set(need != 0);
         expectedTime_.set(seconds);
+        blame(need == 0 ? ModuleReason::kUpToDate : ModuleReason::kNone);
         return need;
     }
     FW_LOGE("Error: %s getExpectedTime Fail", firmwareName_.c_str());
+    blame(ModuleReason::kNoDuration);
     return 0;
 }
