@@ -127,8 +127,8 @@ TEST_F(CtlModulesList, LoadsTheOthersWhenAModuleRaisesAnExceptionWhileItIsLoaded
     for (const char* name : {"a1", "a2", "a3", "a4"}) {
         EXPECT_EQ(of(name, document)["kind"], "firmware") << name;
     }
-    EXPECT_EQ(of("thrower", document)["reason"], "its plug-in raises an exception: setContext");
-    EXPECT_EQ(of("unknown", document)["reason"], "its plug-in raises an exception");
+    EXPECT_EQ(of("thrower", document)["reason"], "an exception was raised: setContext");
+    EXPECT_EQ(of("unknown", document)["reason"], "an exception was raised");
 }
 
 TEST_F(CtlModulesList, LeavesOutAVersionThatThePlugInDoesNotTell)

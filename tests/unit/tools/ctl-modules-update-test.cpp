@@ -163,7 +163,7 @@ TEST_F(CtlModulesUpdate, ThatOverrunsItsTimeIsWaitedForAndExitsWith13)
     EXPECT_EQ(result.exitCode, 13);
     EXPECT_THAT(result.out, HasSubstr("The time of alpha is over, but it is still being updated"));
     EXPECT_THAT(result.out,
-                EndsWith("alpha  1.0      timed out: the update ended only after its time\n"));
+                EndsWith("alpha  1.0      timed out: it was updated only after its time\n"));
     EXPECT_THAT(result.log, HasSubstr("alpha update timeout"));
 }
 

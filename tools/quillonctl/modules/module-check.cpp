@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <exception>
 #include <optional>
 #include <set>
 #include <sstream>
@@ -11,58 +12,42 @@
 #include "base/fd.h"
 #include "base/regular-file.h"
 #include "src/support/paths.h"
-#include "tools/quillonctl/modules/module-defect.h"
+#include "tools/quillonctl/modules/module-events.h"
 #include "tools/quillonctl/modules/package-mount.h"
 
 namespace quillon {
 
 namespace {
 
-void lookIntoFiles(FWUpdateSymbol& module, const ModuleSource& source, ModuleCheck& check)
+/// What kept a module without a mark from needing an update.
+void explain(FWUpdateSymbol& module, const ModuleSource& source, ModuleCheck& check)
 {
-    check.decision = Decision::kUnsound;
-    // What lies there may be an older mount that could not be replaced: the plug-in was not asked
-    // about it. So it is mounted anew, as for the plug-in.
-    if (source.type == UPDATE_EMP && !module.mountEMPImage()) {
-        check.reason = "its package cannot be mounted";
-        return;
-    }
-    const std::string imagePath = module.getBinaryPath(source.type);
-    const std::string informationPath = module.getInformationPath(source.type);
-    const bool hasImage = module.file_exists(imagePath);
-    const bool hasInformation = module.file_exists(informationPath);
-    if (!hasImage && !hasInformation && source.type == UPDATE_EMP) {
-        check.reason = "its package has no image";
-    } else if (!hasImage && !hasInformation) {
-        check.decision = Decision::kNothingOffered;
-        check.reason = "no image";
-    } else if (!hasImage) {
-        check.reason = "its image is missing";
-    } else if (!hasInformation) {
-        check.reason = "its information file is missing";
-    } else if (!module.loadInformation(informationPath)) {
-        check.reason = "its information file cannot be read";
-    } else if (module.getInformation().crc != module.getBinaryCRC32(imagePath)) {
-        check.reason = "its image does not match its checksum";
-    } else {
-        check.decision = Decision::kUpToDate;
-        check.offered = module.getInformation().version;
-    }
-}
-
-/// A module without a mark is up to date, or something kept it from being asked; the registry's
-/// list does not tell which.
-void lookInto(FWUpdateSymbol& module, const ModuleSource& source, ModuleCheck& check)
-{
-    if (source.type == UPDATE_EMP && !module.getIMGExists()) {
-        check.decision = Decision::kNothingOffered;
-        check.reason = "no package";
-        return;
-    }
-    const std::string raised = raisedBy([&] { lookIntoFiles(module, source, check); });
-    if (!raised.empty()) {
-        check.decision = Decision::kUnsound;
-        check.reason = raised;
+    const ModuleFinding finding = ModuleEvents::instance().check(check.name);
+    check.reason = phraseOf(finding);
+    switch (finding.reason) {
+        case ModuleReason::kUpToDate:
+            check.decision = Decision::kUpToDate;
+            check.offered = module.getInformation().version;
+            check.reason.clear();
+            break;
+        case ModuleReason::kNoPackage:
+            check.decision = Decision::kNothingOffered;
+            break;
+        case ModuleReason::kNoImage:
+            check.decision = Decision::kUnsound;
+            if (module.file_exists(module.getInformationPath(source.type))) {
+                break;
+            }
+            if (source.type == UPDATE_EMP) {
+                check.reason = "its package has no image";
+            } else {
+                check.decision = Decision::kNothingOffered;
+                check.reason = "no image";
+            }
+            break;
+        default:
+            check.decision = Decision::kUnsound;
+            break;
     }
 }
 
@@ -113,6 +98,21 @@ bool isListWhole(int count)
     return found == count;
 }
 
+void checkOne(FWUpdateSymbol& module, const ModuleSource& source)
+{
+    char noText[] = "";
+    int need = -1;
+    tell(ModuleEvent::kChecking, module);
+    try {
+        need = module.isNeedUpdate(source.caller, noText);
+    } catch (const std::exception& error) {
+        blame(ModuleReason::kException, error.what());
+    } catch (...) {
+        blame(ModuleReason::kException);
+    }
+    tell(ModuleEvent::kDecided, module, need);
+}
+
 CheckEnd checkOneByOne(const ModuleSource& source, const bool& running,
                        std::vector<ModuleCheck>& checks)
 {
@@ -120,42 +120,39 @@ CheckEnd checkOneByOne(const ModuleSource& source, const bool& running,
         if (!__atomic_load_n(&running, __ATOMIC_RELAXED)) {
             return CheckEnd::kStopped;
         }
-        std::string raised;
         if (kindOf(module) == ModuleKind::kFirmware) {
-            char noText[] = "";
-            raised = raisedBy([&] { module.isNeedUpdate(source.caller, noText); });
+            checkOne(module, source);
         }
-        checks.push_back(describeCheck(module, source, raised));
+        checks.push_back(describeCheck(module, source));
     }
     return CheckEnd::kDone;
 }
 
 }  // namespace
 
-ModuleCheck describeCheck(FWUpdateSymbol& module, const ModuleSource& source,
-                          const std::string& raised)
+ModuleCheck describeCheck(FWUpdateSymbol& module, const ModuleSource& source)
 {
     ModuleCheck check;
     check.name = module.getLibName();
     const ModuleKind kind = kindOf(module);
     if (kind == ModuleKind::kUnusable) {
-        check.reason = defectOf(check.name);
+        check.reason = defectOf(module);
         return check;
     }
     check.running = runningVersion(module).value_or("");
     if (kind == ModuleKind::kProcess) {
         check.decision = Decision::kByNameOnly;
         check.reason = "process module";
-    } else if (!raised.empty()) {
+    } else if (ModuleEvents::instance().check(check.name).reason == ModuleReason::kException) {
         check.decision = Decision::kUnsound;
-        check.reason = raised;
+        check.reason = phraseOf(ModuleEvents::instance().check(check.name));
     } else if (module.getNeedUpdate()) {
         check.decision = Decision::kNeeded;
         check.offered = module.getInformation().version;
         // The registry keeps it in an int, but has no sign for it.
         check.seconds = static_cast<std::uint32_t>(module.getExpectedUpdateTime());
     } else {
-        lookInto(module, source, check);
+        explain(module, source, check);
     }
     return check;
 }
@@ -180,7 +177,7 @@ CheckEnd checkModules(const ModuleSource& source, bool& running, std::vector<Mod
         return CheckEnd::kPartialList;
     }
     for (FWUpdateSymbol& module : allModules()) {
-        checks.push_back(describeCheck(module, source, {}));
+        checks.push_back(describeCheck(module, source));
     }
     return CheckEnd::kDone;
 }

@@ -44,10 +44,8 @@ enum class CheckEnd {
 /// @param[out] checks  one for each module, in the registry's order; when stopped, not to be used
 CheckEnd checkModules(const ModuleSource& source, bool& running, std::vector<ModuleCheck>& checks);
 
-/// What a check of this module came to, from the mark that it left and a look at the source.
-/// @param raised  what the check raised; empty when nothing was
-ModuleCheck describeCheck(FWUpdateSymbol& module, const ModuleSource& source,
-                          const std::string& raised);
+/// What the latest check of this module came to.
+ModuleCheck describeCheck(FWUpdateSymbol& module, const ModuleSource& source);
 
 /// Whether each module is unusable; so it is when there are none.
 bool isNoneUsable(const std::vector<ModuleCheck>& checks);

@@ -2,17 +2,32 @@
 
 #include <array>
 
+#include "tools/quillonctl/modules/module-events.h"
+
 namespace quillon {
 
 namespace {
 
 using Text = std::array<char, FW_PLUGIN_TEXT_SIZE + 1>;
 
+void loadOne(FWUpdateSymbol& module)
+{
+    int result = -1;
+    try {
+        result = module.loadSymbol(module.getLibName());
+    } catch (const std::exception& error) {
+        blame(ModuleReason::kException, error.what());
+    } catch (...) {
+        blame(ModuleReason::kException);
+    }
+    tell(ModuleEvent::kLoaded, module, result);
+}
+
 void loadTheRest(FWUpdateSymbolManager& manager)
 {
     for (FWUpdateSymbol& module : manager.modules()) {
         if (kindOf(module) == ModuleKind::kUnusable) {
-            static_cast<void>(raisedBy([&] { module.loadSymbol(module.getLibName()); }));
+            loadOne(module);
         }
     }
 }
@@ -29,6 +44,7 @@ ModuleKind kindOf(const FWUpdateSymbol& module)
 
 bool openRegistry()
 {
+    ModuleEvents::instance();
     FWUpdateSymbolManager& manager = *FWUpdateSymbolManager::getInstance();
     bool ready = false;
     if (!raisedBy([&] { ready = manager.getIsReady(false); }).empty()) {
@@ -46,6 +62,11 @@ FWUpdateSymbol* findModule(const std::string& libName)
         }
     }
     return nullptr;
+}
+
+std::string defectOf(const FWUpdateSymbol& module)
+{
+    return phraseOf(ModuleEvents::instance().loading(module.getLibName()));
 }
 
 std::optional<std::string> runningVersion(const FWUpdateSymbol& module)

@@ -26,6 +26,9 @@ bool openRegistry();
 /// @return null when no module has that library name
 FWUpdateSymbol* findModule(const std::string& libName);
 
+/// Why the module is unusable, a phrase: "it has no entry doUpdate" for instance.
+std::string defectOf(const FWUpdateSymbol& module);
+
 /// What a module's plug-in says is running.
 /// @return nothing when the module is unusable or its plug-in does not tell
 std::optional<std::string> runningVersion(const FWUpdateSymbol& module);

@@ -11,7 +11,7 @@
 #include "src/support/paths.h"
 #include "tools/quillonctl/modules/foreign-end.h"
 #include "tools/quillonctl/modules/interruption.h"
-#include "tools/quillonctl/modules/module-defect.h"
+#include "tools/quillonctl/modules/module-events.h"
 #include "tools/quillonctl/modules/package-downloads.h"
 #include "tools/quillonctl/modules/package-mount.h"
 #include "tools/quillonctl/modules/update-slot.h"
@@ -40,7 +40,7 @@ ModuleEntry entryOf(FWUpdateSymbol& module)
         entry.hasPackage = module.getIMGExists();
     }
     if (entry.kind == ModuleKind::kUnusable) {
-        entry.reason = defectOf(entry.name);
+        entry.reason = defectOf(module);
     }
     return entry;
 }
@@ -112,40 +112,34 @@ std::string raisedByUpdate(Call call, bool& isInterrupted)
     });
 }
 
-/// A package is deleted once it is installed, and only then.
-bool isPackageInstalled(FWUpdateSymbol& module, const ModuleSource& source)
-{
-    return source.type == UPDATE_EMP && !module.getIMGExists();
-}
-
-/// How the update of a module ended that the watch has followed.
-/// @param result  what the registry said; nothing when it does not tell
-ModuleUpdate outcomeOf(FWUpdateSymbol& module, const ModuleSource& source, const UpdateWatch& watch,
-                       std::optional<int> result)
+/// How the update of a module ended.
+ModuleUpdate outcomeOf(FWUpdateSymbol& module)
 {
     ModuleUpdate update;
     update.name = module.getLibName();
-    if (watch.isStillRunning(module)) {
+    const std::optional<ModuleRun> run = ModuleEvents::instance().run(update.name);
+    if (run && !run->end) {
         update.outcome = Outcome::kTimedOut;
         update.reason = "it is still being updated";
         return update;  // its plug-in is busy: nothing is asked
     }
     update.running = runningVersion(module).value_or("");
-    const bool installed = result == 0 || isPackageInstalled(module, source);
-    if (watch.wasLate(module)) {
+    if (!run) {
+        update.outcome = Outcome::kFailed;
+        update.reason = "the log says why";
+        return update;
+    }
+    const bool isInstalled = run->end->result == 0;
+    if (run->isLate) {
         update.outcome = Outcome::kTimedOut;
-        update.reason = installed ? "it was updated only after its time"
-                                  : "the update ended only after its time";
-    } else if (installed) {
-        update.outcome = Outcome::kUpdated;
-    } else if (result == -1 && watch.hasEscaped(module)) {
-        update.outcome = Outcome::kTimedOut;
-        update.reason = "the update was over too soon to be noticed";
+        update.reason = isInstalled ? "it was updated only after its time"
+                                    : "the update ended only after its time";
+    } else if (isInstalled) {
+        update.outcome =
+            run->end->reason == ModuleReason::kUpToDate ? Outcome::kNotNeeded : Outcome::kUpdated;
     } else {
         update.outcome = Outcome::kFailed;
-        update.reason = result.value_or(-1) == -1
-                            ? "the log says why"
-                            : "the module's own code is " + std::to_string(*result);
+        update.reason = phraseOf(*run->end);
     }
     return update;
 }
@@ -226,7 +220,8 @@ ExitCode ModuleVerbs::open(const std::string& name, FWUpdateSymbol*& module)
         return fail(kExitUnknownModule, "there is no module " + name);
     }
     if (kindOf(*found) == ModuleKind::kUnusable) {
-        return fail(kExitUnusableModule, "the module " + name + " is unusable: " + defectOf(name));
+        return fail(kExitUnusableModule,
+                    "the module " + name + " is unusable: " + defectOf(*found));
     }
     module = found;
     return kExitSuccess;
@@ -358,7 +353,7 @@ void ModuleVerbs::runMarked(const std::vector<ModuleCheck>& checks,
         if (!module.getNeedUpdate()) {
             updates.push_back(withoutUpdate(checks[i]));
         } else if (begun-- > 0) {  // the registry goes in this order
-            updates.push_back(outcomeOf(module, source, watch, std::nullopt));
+            updates.push_back(outcomeOf(module));
         } else {
             updates.push_back(notBegun(module));
         }
@@ -381,7 +376,7 @@ void ModuleVerbs::runOneByOne(const ModuleSource& source, std::vector<ModuleUpda
         }
         updates.push_back(kindOf(module) == ModuleKind::kFirmware
                               ? updateOne(module, source)
-                              : withoutUpdate(describeCheck(module, source, {})));
+                              : withoutUpdate(describeCheck(module, source)));
     }
     if (!isInterrupted() || UpdateSlot::instance().updatesBegun() > 0) {
         tellAllDone();
@@ -403,7 +398,8 @@ ModuleUpdate ModuleVerbs::runProcess(FWUpdateSymbol& module, const ModuleSource&
     update.outcome = result == 0 ? Outcome::kUpdated : Outcome::kFailed;
     update.running = runningVersion(module).value_or("");
     if (result != 0) {
-        update.reason = raised.empty() ? "the log says why" : raised;
+        const std::optional<ModuleRun> run = ModuleEvents::instance().run(name);
+        update.reason = raised.empty() && run && run->end ? phraseOf(*run->end) : raised;
     }
     return update;
 }
@@ -414,11 +410,10 @@ ModuleUpdate ModuleVerbs::updateOne(FWUpdateSymbol& module, const ModuleSource& 
         return runProcess(module, source);
     }
     char noText[] = "";
-    int result = -1;
     UpdateWatch watch({&module}, m_report, m_pollInterval);
     bool isInterrupted = false;
     const std::string raised = raisedByUpdate(
-        [&] { result = manager().doUpdateFirmware(module.getLibName(), source.caller, noText); },
+        [&] { manager().doUpdateFirmware(module.getLibName(), source.caller, noText); },
         isInterrupted);
     watch.finish();
     m_hasLateUpdate = m_hasLateUpdate || watch.isAnyStillRunning();
@@ -428,9 +423,16 @@ ModuleUpdate ModuleVerbs::updateOne(FWUpdateSymbol& module, const ModuleSource& 
     }
 
     // The registry checks by itself; without its mark it has started nothing.
-    const bool wasStarted = raised.empty() && module.getNeedUpdate();
-    ModuleUpdate update = wasStarted ? outcomeOf(module, source, watch, result)
-                                     : withoutUpdate(describeCheck(module, source, raised));
+    ModuleUpdate update;
+    if (!raised.empty()) {
+        update.name = module.getLibName();
+        update.outcome = Outcome::kFailed;
+        update.reason = raised;
+    } else if (module.getNeedUpdate()) {
+        update = outcomeOf(module);
+    } else {
+        update = withoutUpdate(describeCheck(module, source));
+    }
     release(module, source, watch);
     return update;
 }

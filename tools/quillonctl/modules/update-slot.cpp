@@ -166,7 +166,6 @@ void UpdateSlot::acquire()
     }
     beginUpdating();
     ++m_updatesBegun;
-    m_lastBegan = Clock::now();
 }
 
 bool UpdateSlot::giveBack()

@@ -58,8 +58,6 @@ public:
 
     /// How many updates have begun in this process.
     int updatesBegun() const { return m_updatesBegun; }
-    /// When the last of them did.
-    Clock::time_point lastBegan() const { return m_lastBegan; }
 
     /// Why no update can begin any more; empty while they can.
     const std::string& trouble() const { return m_trouble; }
@@ -88,7 +86,6 @@ private:
     pid_t m_process = 0;
     std::atomic<bool> m_held{false};
     std::atomic<int> m_updatesBegun{0};
-    Clock::time_point m_lastBegan;
     OnWaiting m_onWaiting;
     std::string m_trouble;
 };

@@ -13,13 +13,11 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
+using Clock = std::chrono::steady_clock;
 
 /// What the registry's guard adds to the expected time.
 constexpr std::uint32_t kGraceSeconds = 2;
 constexpr seconds kShortestSecondChance(5);
-/// A worker that has said that it is done needs a moment to end.
-constexpr milliseconds kEndOfWorker(200);
-constexpr milliseconds kPoll(20);
 /// More is not worth telling apart.
 constexpr seconds kLongestTimeLeft(1'000'000'000);
 
@@ -44,13 +42,8 @@ seconds allowedTime(const FWUpdateSymbol& module)
 
 UpdateWatch::UpdateWatch(const std::vector<const FWUpdateSymbol*>& modules, ModuleReport& report,
                          milliseconds interval)
-    : m_report(report), m_interval(interval)
+    : m_modules(modules), m_report(report), m_interval(interval)
 {
-    for (const FWUpdateSymbol* module : modules) {
-        Watched watched;
-        watched.module = module;
-        m_modules.push_back(watched);
-    }
     UpdateSlot::instance().explainTo([this](const SlotHolders& holders) {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_report.waitingForOthers(holders);
@@ -70,56 +63,31 @@ void UpdateWatch::loop()
 {
     std::unique_lock<std::mutex> lock(m_mutex);
     while (!m_stop.wait_for(lock, m_interval, [this] { return m_stopped; })) {
-        look();
         // Updates run in the registry's order, so the last one that runs is the one to be shown;
         // those before it have overrun their time.
-        const auto current = std::find_if(m_modules.rbegin(), m_modules.rend(),
-                                          [](const Watched& watched) { return watched.running; });
-        if (current != m_modules.rend()) {
-            show(*current);
+        for (auto module = m_modules.rbegin(); module != m_modules.rend(); ++module) {
+            const auto run = ModuleEvents::instance().run((*module)->getLibName());
+            if (run && !run->end) {
+                show(**module, *run);
+                break;
+            }
         }
     }
 }
 
-void UpdateWatch::assignNewWorkers()
+void UpdateWatch::show(const FWUpdateSymbol& module, const ModuleRun& run)
 {
-    const std::vector<UpdateWorker> workers = updateWorkers();
-    for (; m_workersSeen < workers.size(); ++m_workersSeen) {
-        const UpdateWorker& worker = workers[m_workersSeen];
-        const auto found =
-            std::find_if(m_modules.begin(), m_modules.end(), [&](const Watched& watched) {
-                return !watched.worker && watched.module->getFirmwareName() == worker.firmwareName;
-            });
-        if (found != m_modules.end()) {
-            found->worker = worker;
-        }
+    if (m_shown != &module) {
+        m_shown = &module;
+        m_report.updating(module.getLibName());
     }
-}
-
-void UpdateWatch::look()
-{
-    assignNewWorkers();
-    const Clock::time_point now = Clock::now();
-    for (Watched& watched : m_modules) {
-        watched.running = watched.worker && isAlive(*watched.worker);
-        watched.late = watched.late || (watched.running &&
-                                        now - watched.worker->began > allowedTime(*watched.module));
-    }
-}
-
-void UpdateWatch::show(const Watched& watched)
-{
-    if (m_shown != &watched) {
-        m_shown = &watched;
-        m_report.updating(watched.module->getLibName());
-    }
-    const auto passed = std::chrono::duration_cast<seconds>(Clock::now() - watched.worker->began);
-    const seconds expected = expectedTime(*watched.module);
+    const auto passed = std::chrono::duration_cast<seconds>(Clock::now() - run.began);
+    const seconds expected = expectedTime(module);
     unsigned int percent = 0;
     int result = -1;
     static_cast<void>(raisedBy([&] {
         result = FWUpdateSymbolManager::getInstance()->getFirmwareUpdateProgress(
-            watched.module->getLibName(), &percent);
+            module.getLibName(), &percent);
     }));
     if (result != 0) {
         percent = expected > seconds::zero()
@@ -134,9 +102,7 @@ void UpdateWatch::show(const Watched& watched)
 
 void UpdateWatch::finish()
 {
-    UpdateSlot& slot = UpdateSlot::instance();
-    m_lasted = Clock::now() - std::max(m_began, slot.lastBegan());  // without the waiting
-    slot.explainTo({});
+    UpdateSlot::instance().explainTo({});
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_stopped = true;
@@ -149,68 +115,31 @@ void UpdateWatch::finish()
     }
 }
 
-bool UpdateWatch::waitUntilNoneRuns(Clock::duration limit)
-{
-    const Clock::time_point end = Clock::now() + limit;
-    while (true) {
-        look();
-        if (!isAnyStillRunning()) {
-            return true;
-        }
-        if (Clock::now() >= end) {
-            return false;
-        }
-        std::this_thread::sleep_for(kPoll);
-    }
-}
-
 void UpdateWatch::waitForLate()
 {
-    if (waitUntilNoneRuns(kEndOfWorker)) {
-        return;
-    }
     seconds limit = kShortestSecondChance;
-    for (Watched& watched : m_modules) {
-        if (watched.running) {
-            watched.late = true;
-            limit = std::max(limit,
-                             std::min(expectedTime(*watched.module), allowedTime(*watched.module)));
-            m_report.waitingForLate(watched.module->getLibName());
+    for (const FWUpdateSymbol* module : m_modules) {
+        if (isStillRunning(*module)) {
+            limit = std::max(limit, std::min(expectedTime(*module), allowedTime(*module)));
+            m_report.waitingForLate(module->getLibName());
         }
     }
-    waitUntilNoneRuns(limit);
-}
-
-const UpdateWatch::Watched* UpdateWatch::find(const FWUpdateSymbol& module) const
-{
-    const auto found =
-        std::find_if(m_modules.begin(), m_modules.end(),
-                     [&](const Watched& watched) { return watched.module == &module; });
-    return found == m_modules.end() ? nullptr : &*found;
-}
-
-bool UpdateWatch::wasLate(const FWUpdateSymbol& module) const
-{
-    const Watched* watched = find(module);
-    return watched != nullptr && watched->late;
-}
-
-bool UpdateWatch::hasEscaped(const FWUpdateSymbol& module) const
-{
-    const Watched* watched = find(module);
-    return watched != nullptr && !watched->late && m_lasted > allowedTime(module);
+    const Clock::time_point end = Clock::now() + limit;
+    for (const FWUpdateSymbol* module : m_modules) {
+        ModuleEvents::instance().awaitEnd(module->getLibName(), end);
+    }
 }
 
 bool UpdateWatch::isStillRunning(const FWUpdateSymbol& module) const
 {
-    const Watched* watched = find(module);
-    return watched != nullptr && watched->running;
+    const auto run = ModuleEvents::instance().run(module.getLibName());
+    return run && !run->end;
 }
 
 bool UpdateWatch::isAnyStillRunning() const
 {
     return std::any_of(m_modules.begin(), m_modules.end(),
-                       [](const Watched& watched) { return watched.running; });
+                       [this](const FWUpdateSymbol* module) { return isStillRunning(*module); });
 }
 
 }  // namespace quillon

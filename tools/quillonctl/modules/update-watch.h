@@ -5,18 +5,16 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
-#include <optional>
 #include <thread>
 #include <vector>
 
+#include "tools/quillonctl/modules/module-events.h"
 #include "tools/quillonctl/modules/module-report.h"
-#include "tools/quillonctl/modules/update-workers.h"
 
 namespace quillon {
 
-/// Looks, on a thread of its own, which module's update is running, and shows how far it is: by
-/// what the plug-in says, else by the time it has taken; and whom it has to wait for. The registry
-/// does not tell what became of a module that overran its time, so this one keeps the time as well.
+/// Shows, on a thread of its own, how far the module is that is being updated: by what its plug-in
+/// says, else by the time it has taken; and whom an update has to wait for.
 class UpdateWatch
 {
 public:
@@ -32,43 +30,20 @@ public:
     /// overrun their time as long again, five seconds at least.
     void finish();
 
-    /// After finish(): whether the module was seen to overrun its time.
-    bool wasLate(const FWUpdateSymbol& module) const;
-    /// After finish(), for one module: whether the registry has waited to the end of its time for
-    /// an update that was over before. An update that is over at once may escape the registry,
-    /// which then takes it for late.
-    bool hasEscaped(const FWUpdateSymbol& module) const;
     /// After finish(): whether its update is still running.
     bool isStillRunning(const FWUpdateSymbol& module) const;
     /// After finish(): whether any update is still running.
     bool isAnyStillRunning() const;
 
 private:
-    using Clock = std::chrono::steady_clock;
-
-    struct Watched
-    {
-        const FWUpdateSymbol* module = nullptr;
-        std::optional<UpdateWorker> worker;  ///< none until its update has begun
-        bool late = false;
-        bool running = false;
-    };
-
     void loop();
-    void look();
-    void assignNewWorkers();
-    void show(const Watched& watched);
+    void show(const FWUpdateSymbol& module, const ModuleRun& run);
     void waitForLate();
-    bool waitUntilNoneRuns(Clock::duration limit);
-    const Watched* find(const FWUpdateSymbol& module) const;
 
+    const std::vector<const FWUpdateSymbol*> m_modules;
     ModuleReport& m_report;
     const std::chrono::milliseconds m_interval;
-    std::vector<Watched> m_modules;
-    const Watched* m_shown = nullptr;
-    const Clock::time_point m_began = Clock::now();
-    Clock::duration m_lasted{};
-    std::size_t m_workersSeen = updateWorkers().size();
+    const FWUpdateSymbol* m_shown = nullptr;
 
     std::mutex m_mutex;
     std::condition_variable m_stop;

@@ -1,0 +1,148 @@
+#include "tools/quillonctl/modules/module-events.h"
+
+#include <algorithm>
+
+#include "tools/quillonctl/modules/foreign-end.h"
+
+namespace quillon {
+
+namespace {
+
+bool isLetterOrDigit(char c)
+{
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+std::string defectOfIdentifier(const std::string& identifier)
+{
+    return std::all_of(identifier.begin(), identifier.end(), isLetterOrDigit)
+               ? "its package identifier does not contain \"emp\": " + identifier
+               : "its package identifier has other characters than ASCII letters and digits: " +
+                     identifier;
+}
+
+}  // namespace
+
+ModuleEvents& ModuleEvents::instance()
+{
+    static auto* events = [] {
+        auto* made = new ModuleEvents;
+        moduleObserver = made;
+        return made;
+    }();
+    return *events;
+}
+
+void ModuleEvents::hear(const ModuleNews& news)
+{
+    if (news.event == ModuleEvent::kStarted) {
+        bearStackOverflow();  // on the thread that updates
+    }
+    const ModuleFinding finding{news.result, news.reason, news.detail};
+    const std::lock_guard<std::mutex> lock(mutex_);
+    Known& module = modules_[news.libName];
+    switch (news.event) {
+        case ModuleEvent::kLoaded:
+            module.loading = finding;
+            break;
+        case ModuleEvent::kChecking:
+            module.check = {};
+            break;
+        case ModuleEvent::kDecided:
+            module.check = finding;
+            break;
+        case ModuleEvent::kStarted:
+            module.run = ModuleRun{std::chrono::steady_clock::now(), std::nullopt, false};
+            break;
+        case ModuleEvent::kEnded:
+            module.run->end = finding;
+            hasEnded_.notify_all();
+            break;
+        case ModuleEvent::kLate:
+            // The guard may have missed the end of an update that was over at once.
+            if (module.run) {
+                module.run->isLate = !module.run->end;
+            }
+            break;
+    }
+}
+
+ModuleEvents::Known ModuleEvents::known(const std::string& libName) const
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = modules_.find(libName);
+    return found != modules_.end() ? found->second : Known{};
+}
+
+ModuleFinding ModuleEvents::loading(const std::string& libName) const
+{
+    return known(libName).loading;
+}
+
+ModuleFinding ModuleEvents::check(const std::string& libName) const
+{
+    return known(libName).check;
+}
+
+std::optional<ModuleRun> ModuleEvents::run(const std::string& libName) const
+{
+    return known(libName).run;
+}
+
+bool ModuleEvents::isRunning(const std::string& libName) const
+{
+    const auto found = modules_.find(libName);
+    return found != modules_.end() && found->second.run && !found->second.run->end;
+}
+
+bool ModuleEvents::awaitEnd(const std::string& libName,
+                            std::chrono::steady_clock::time_point end) const
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    return hasEnded_.wait_until(lock, end, [&] { return !isRunning(libName); });
+}
+
+std::string phraseOf(const ModuleFinding& finding)
+{
+    switch (finding.reason) {
+        case ModuleReason::kNoName:
+            return "its file has no name";
+        case ModuleReason::kNoLibrary:
+            return "its file is gone";
+        case ModuleReason::kNotLoadable:
+            return "it does not load: " + finding.detail;
+        case ModuleReason::kNoEntry:
+            return "it has no entry " + finding.detail;
+        case ModuleReason::kNoIdentifier:
+            return "its package identifier is empty";
+        case ModuleReason::kBadIdentifier:
+            return defectOfIdentifier(finding.detail);
+        case ModuleReason::kNoPackage:
+            return "no package";
+        case ModuleReason::kNotMounted:
+            return "its package cannot be mounted";
+        case ModuleReason::kNoImage:
+            return "its image is missing";
+        case ModuleReason::kNoInformation:
+            return "its information file is missing";
+        case ModuleReason::kBadInformation:
+            return "its information file cannot be read";
+        case ModuleReason::kBadChecksum:
+            return "its image does not match its checksum";
+        case ModuleReason::kContextRefused:
+            return "its plug-in refused to be asked";
+        case ModuleReason::kCheckFailed:
+            return "its plug-in could not check the version";
+        case ModuleReason::kUpdateFailed:
+            return finding.result == -1
+                       ? "its plug-in could not update it"
+                       : "the module's own code is " + std::to_string(finding.result);
+        case ModuleReason::kException:
+            return finding.detail.empty() ? "an exception was raised"
+                                          : "an exception was raised: " + finding.detail;
+        default:
+            return "the log says why";
+    }
+}
+
+}  // namespace quillon
