@@ -5,19 +5,16 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
-
-#include <cstdlib>
 
 #include "base/replace-file.h"
 #include "helpers/shared/failure.h"
-#include "helpers/shared/packet-socket.h"
 
 namespace quillon::privileged {
 
 namespace {
 
-constexpr int kFirstInherited = 3;
 constexpr int kWaitingConnections = 32;
 
 sockaddr_un addressOf(const std::string& path)
@@ -43,12 +40,6 @@ UniqueFd newSocket()
         failWithErrno("socket");
     }
     return made;
-}
-
-bool isOurs(const char* name, long expected)
-{
-    const char* value = std::getenv(name);
-    return value != nullptr && value == std::to_string(expected);
 }
 
 void removeStale(const std::string& path, const sockaddr_un& address)
@@ -104,16 +95,16 @@ UniqueFd lockFolder(const std::string& folder)
 
 std::optional<UniqueFd> inheritedSocket()
 {
-    if (!isOurs("LISTEN_PID", getpid())) {
+    const int count = sd_listen_fds(0);
+    if (count == 0) {
         return std::nullopt;
     }
-    UniqueFd inherited(kFirstInherited);
-    if (!isOurs("LISTEN_FDS", 1) || !isPacketSocket(kFirstInherited, true)) {
+    if (count != 1 || sd_is_socket(SD_LISTEN_FDS_START, AF_UNIX, SOCK_SEQPACKET, 1) <= 0) {
         throw Failure(EINVAL, "what was handed over is not one listening SOCK_SEQPACKET socket");
     }
-    const int flags = fcntl(kFirstInherited, F_GETFL);
-    if (fcntl(kFirstInherited, F_SETFD, FD_CLOEXEC) != 0 || flags < 0 ||
-        fcntl(kFirstInherited, F_SETFL, flags | O_NONBLOCK) != 0) {
+    UniqueFd inherited(SD_LISTEN_FDS_START);
+    const int flags = fcntl(inherited.get(), F_GETFL);
+    if (flags < 0 || fcntl(inherited.get(), F_SETFL, flags | O_NONBLOCK) != 0) {
         failWithErrno("the socket that was handed over");
     }
     return inherited;

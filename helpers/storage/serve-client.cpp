@@ -2,13 +2,13 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <systemd/sd-daemon.h>
 
 #include <cerrno>
 #include <string>
 
 #include "base/secret-bytes.h"
 #include "helpers/shared/failure.h"
-#include "helpers/shared/packet-socket.h"
 #include "platform/log/platform-log.h"
 #include "platform/protocols/storage-protocol.h"
 #include "platform/storage/install-package.h"
@@ -66,7 +66,7 @@ SecretBytes answerInstall(const Peer& peer, std::string_view package)
 
 void serveClient(int connection, const Callers& callers)
 {
-    if (!isPacketSocket(connection, false)) {
+    if (sd_is_socket(connection, AF_UNIX, SOCK_SEQPACKET, 0) <= 0) {
         throw Failure(ENOTSOCK, "standard input is not a client's connection");
     }
     const Peer peer = peerOf(connection);

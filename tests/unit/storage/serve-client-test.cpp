@@ -183,8 +183,15 @@ TEST_F(ServeClient, TakesOnlyAClientsConnection)
     const UniqueFd stream(pair[0]);
     const UniqueFd otherEnd(pair[1]);
     const UniqueFd file(open("/dev/null", O_RDWR | O_CLOEXEC));
+    const UniqueFd datagrams(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const UniqueFd listening(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    // Without a name the kernel gives it one of its own.
+    sockaddr address = {};
+    address.sa_family = AF_UNIX;
+    ASSERT_EQ(bind(listening.get(), &address, sizeof address.sa_family), 0);
+    ASSERT_EQ(listen(listening.get(), 1), 0);
     const UniqueFd unconnected(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    for (const int other : {stream.get(), file.get(), -1}) {
+    for (const int other : {stream.get(), file.get(), datagrams.get(), listening.get(), -1}) {
         EXPECT_THROW(storage::serveClient(other, {}), Failure);
     }
     captured.clear();
