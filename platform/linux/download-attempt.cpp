@@ -252,18 +252,17 @@ void DownloadAttempt::takeRest()
 {
     const DownloadReply reply(transfer_);
     const std::string validator = reply.validator();
-    ContentRange range;
-    if (!reply.range(range) || range.first != offset_ ||
-        (!validator.empty() && validator != part_.validator())) {
+    const std::uint64_t size = reply.wholeSize(offset_);
+    if (size == 0 || (!validator.empty() && validator != part_.validator())) {
         part_.restart("") ? end(AttemptResult::kBrokeOff, "the server sent another part than asked")
                           : end(AttemptResult::kNotStored, std::strerror(errno));
         return;
     }
-    if (range.size > settings_.sizeLimit) {
+    if (size > settings_.sizeLimit) {
         end(AttemptResult::kTooLarge, "the package is larger than the size limit");
         return;
     }
-    wholeSize_ = range.size;
+    wholeSize_ = size;
     body_ = Body::kKept;
 }
 

@@ -1,26 +1,8 @@
 #include "platform/linux/download-reply.h"
 
-#include <charconv>
-#include <string_view>
-#include <system_error>
+#include <cstdlib>
 
 namespace quillon {
-
-namespace {
-
-// Takes a number, and the sign that has to stand behind it, off the text.
-bool takeNumber(std::string_view& text, char sign, std::uint64_t& number)
-{
-    const char* end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, number);
-    if (error != std::errc() || stop == end || *stop != sign) {
-        return false;
-    }
-    text.remove_prefix(static_cast<std::size_t>(stop - text.data()) + 1);
-    return true;
-}
-
-}  // namespace
 
 long DownloadReply::status() const
 {
@@ -64,19 +46,16 @@ std::int64_t DownloadReply::bodySize() const
     return size;
 }
 
-bool DownloadReply::range(ContentRange& range) const
+std::uint64_t DownloadReply::wholeSize(std::uint64_t offset) const
 {
-    constexpr std::string_view kUnit = "bytes ";
-    const std::string value = header("Content-Range") + "\n";
-    std::string_view text = value;
-    if (text.substr(0, kUnit.size()) != kUnit) {
-        return false;
-    }
-    text.remove_prefix(kUnit.size());
-    std::uint64_t last = 0;
-    return takeNumber(text, '-', range.first) && takeNumber(text, '/', last) &&
-           takeNumber(text, '\n', range.size) && range.first <= last && range.size > last &&
-           range.size - last == 1;
+    const std::string value = header("Content-Range");
+    const std::size_t slash = value.find('/');
+    const std::uint64_t size =
+        slash == value.npos ? 0 : std::strtoull(value.c_str() + slash + 1, nullptr, 10);
+    // Compared as a whole, so that nothing else in it can be misread.
+    const std::string wanted = "bytes " + std::to_string(offset) + "-" + std::to_string(size - 1) +
+                               "/" + std::to_string(size);
+    return size > offset && value == wanted ? size : 0;
 }
 
 }  // namespace quillon

@@ -8,13 +8,6 @@
 
 namespace quillon {
 
-/// Which bytes a reply with status 206 says that it holds.
-struct ContentRange
-{
-    std::uint64_t first = 0;
-    std::uint64_t size = 0;  ///< of the whole file
-};
-
 /// The head of the reply that a transfer is just receiving, or has received last.
 /// Thread: the transfer's own. Throws std::bad_alloc.
 class DownloadReply
@@ -33,8 +26,9 @@ public:
     bool tellsItsEnd() const;
     /// @return the size that the head states; -1 when it states none
     std::int64_t bodySize() const;
-    /// @return false when the range is missing, malformed or does not reach to the file's end
-    bool range(ContentRange& range) const;
+    /// @return the size of the whole file, when the head says that the body is all of it from that
+    ///         byte on; 0 for any other range, or none
+    std::uint64_t wholeSize(std::uint64_t offset) const;
 
 private:
     std::string header(const char* name) const;
