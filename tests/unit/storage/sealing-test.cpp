@@ -186,12 +186,12 @@ TEST_F(Sealing, WithoutItsProgramNeitherReadsNorHidesASealedItem)
 
 TEST_F(Sealing, NeverFallsBackToAnUnsealedItemWhenItFails)
 {
-    putSealingScript("cat > /dev/null; echo no key available >&2; exit 1");
+    putSealingScript("cat > /dev/null; echo no key >&2; echo none >&2; exit 1");
     captured.clear();
     EXPECT_EQ(store("quillon", kKey), kStoreFailed);
     EXPECT_THAT(captured.lines(),
                 ElementsAre(HasSubstr("quillon cannot be sealed: /run/quillon/systemd-creds "
-                                      "failed with status 1: no key available")));
+                                      "failed with status 1: no key;none")));
     EXPECT_THAT(namesInFolder(), IsEmpty());
 }
 

@@ -1,4 +1,4 @@
-#include "platform/storage/piped-program.h"
+#include "base/piped-program.h"
 #include "base/fd.h"
 #include "base/secret-bytes.h"
 
@@ -23,13 +23,24 @@ protected:
     std::string run(const std::string& script, const std::string& text = "",
                     std::chrono::milliseconds longest = 20s, std::size_t limit = 100000)
     {
+        const ProgramCall call{"/bin/sh", {"/bin/sh", "-c", script}, {}, {}, limit, longest};
+        return run(call, text);
+    }
+
+    /// @return why it failed and, behind a colon, what it complained about
+    std::string run(const ProgramCall& call, const std::string& text = "")
+    {
         const SecretBytes input(text.begin(), text.end());
-        return runPiped({"/bin/sh", "-c", script}, input, limit, longest, bytes);
+        const ProgramEnd end = runPiped(call, input, bytes);
+        complaint = end.complaint;
+        return end.failure.empty() || complaint.empty() ? end.failure
+                                                        : end.failure + ": " + complaint;
     }
 
     std::string output() const { return {bytes.begin(), bytes.end()}; }
 
     SecretBytes bytes;
+    std::string complaint;
 };
 
 TEST_F(PipedProgram, GetsItsInputAndGivesItsOutput)
@@ -50,21 +61,55 @@ TEST_F(PipedProgram, PassesMoreThanAnyPipeHolds)
 TEST_F(PipedProgram, HasNoEnvironmentAndNoDescriptorsOfOurs)
 {
     setenv("SECRET", "key", 1);
-    EXPECT_EQ(runPiped({"/usr/bin/env"}, {}, 100, 20s, bytes), "");
+    EXPECT_EQ(run({"/usr/bin/env", {"env"}, {}, {}, 100, 20s}), "");
     EXPECT_EQ(output(), "");
     const UniqueFd left(dup(0));
     EXPECT_EQ(run("for n in 3 4 5 6 7 8 9; do [ -e /proc/self/fd/$n ] && echo $n; done; true"), "");
     EXPECT_EQ(output(), "");
 }
 
+TEST_F(PipedProgram, HasTheNameTheEnvironmentAndTheFolderThatItIsGiven)
+{
+    const char* script = "echo \"$0 $ONE $TWO\"; pwd";
+    EXPECT_EQ(run({"/bin/sh", {"sh", "-c", script, "name"}, {"ONE=1", "TWO=2"}, "/run", 100, 20s}),
+              "");
+    EXPECT_EQ(output(), "name 1 2\n/run\n");
+    EXPECT_EQ(run({"/bin/sh", {"sh", "-c", script}, {}, "/no/such/folder", 100, 20s}),
+              "/bin/sh cannot be started: No such file or directory");
+}
+
+TEST_F(PipedProgram, MayHaveItsOutputThrownAway)
+{
+    EXPECT_EQ(run({"/bin/sh",
+                   {"sh", "-c", "[ /proc/self/fd/1 -ef /dev/null ] && echo away >&2; cat"},
+                   {},
+                   {},
+                   {},
+                   20s},
+                  std::string(2000000, 'x')),
+              "");
+    EXPECT_EQ(output(), "");
+    EXPECT_EQ(complaint, "away\n");
+}
+
+TEST_F(PipedProgram, StaysInThisProcessesGroupUnlessItMayBeKilled)
+{
+    const char* script = "cut -d ' ' -f 5 /proc/$$/stat";
+    const std::string ours = std::to_string(getpgrp()) + "\n";
+    EXPECT_EQ(run({"/bin/sh", {"sh", "-c", script}, {"PATH=/bin:/usr/bin"}, {}, 100, {}}), "");
+    EXPECT_EQ(output(), ours);
+    EXPECT_EQ(run({"/bin/sh", {"sh", "-c", script}, {"PATH=/bin:/usr/bin"}, {}, 100, 20s}), "");
+    EXPECT_NE(output(), ours);
+}
+
 TEST_F(PipedProgram, SaysWhyItFailed)
 {
     bytes = {'o', 'l', 'd'};
     EXPECT_EQ(run("echo output; echo first >&2; echo second >&2; exit 3"),
-              "/bin/sh failed with status 3: first;second");
+              "/bin/sh failed with status 3: first\nsecond\n");
     EXPECT_EQ(output(), "old");
     EXPECT_EQ(run("kill -9 $$"), "/bin/sh was ended by signal 9");
-    EXPECT_THAT(runPiped({"/no/such/program"}, {}, 100, 20s, bytes),
+    EXPECT_THAT(run({"/no/such/program", {"program"}, {}, {}, 100, 20s}),
                 EndsWith("/no/such/program cannot be started: No such file or directory"));
 }
 
@@ -73,7 +118,7 @@ TEST_F(PipedProgram, HasItsComplaintsCutDownToTheLast)
     const std::string reason =
         run("head -c 100000 /dev/zero | tr '\\0' x >&2; echo at last >&2; exit 1");
     EXPECT_THAT(reason, StartsWith("/bin/sh failed with status 1: xxx"));
-    EXPECT_THAT(reason, EndsWith("xxxat last"));
+    EXPECT_THAT(reason, EndsWith("xxxat last\n"));
     EXPECT_LT(reason.size(), 500U);
 }
 
@@ -87,7 +132,7 @@ TEST_F(PipedProgram, IsKilledWhenItTakesTooLong)
 {
     const auto began = std::chrono::steady_clock::now();
     EXPECT_EQ(run("echo waiting >&2; sleep 60 & sleep 60", "", 200ms),
-              "/bin/sh is not done after 200 ms: waiting");
+              "/bin/sh is not done after 200 ms: waiting\n");
     EXPECT_EQ(run("exec >&- 2>&-; sleep 60", "", 200ms), "/bin/sh is not done after 200 ms");
     EXPECT_LT(std::chrono::steady_clock::now() - began, 10s);
 }
@@ -130,7 +175,7 @@ TEST_F(PipedProgram, RunsInAProcessWithoutStandardStreams)
     dup2(input.get(), 0);
     dup2(output1.get(), 1);
     dup2(output2.get(), 2);
-    EXPECT_EQ(reason, "/bin/sh failed with status 3: more");
+    EXPECT_EQ(reason, "/bin/sh failed with status 3: more\n");
     EXPECT_EQ(fine, "");
     EXPECT_EQ(output(), "text");
 }

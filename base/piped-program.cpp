@@ -1,4 +1,4 @@
-#include "platform/storage/piped-program.h"
+#include "base/piped-program.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <optional>
 #include <utility>
 
 #include "base/fd.h"
@@ -25,11 +24,7 @@ using Clock = std::chrono::steady_clock;
 constexpr std::size_t kLongestComplaint = 400;
 constexpr int kFirstAboveStandard = 3;
 constexpr int kMillisecondsBetweenLooks = 2;
-
-std::string withErrno(const std::string& what)
-{
-    return what + ": " + std::strerror(errno);
-}
+constexpr std::chrono::milliseconds kLongestWait(60000);  // at a time, so that it fits an int
 
 /// The one end is ours, the other the program's.
 struct Ends
@@ -61,18 +56,33 @@ bool makeSocketPair(Ends& ends)
     return true;
 }
 
+/// @param texts  have to outlive what is returned
+std::vector<char*> pointersTo(std::vector<std::string>& texts)
+{
+    std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
+    for (std::string& text : texts) {
+        pointers.push_back(text.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
 class FilterProgram
 {
 public:
-    FilterProgram() = default;
+    explicit FilterProgram(const ProgramCall& call)
+        : call_(call), end_(call.longest ? Clock::now() + *call.longest : Clock::time_point::max())
+    {
+    }
     ~FilterProgram() { killNow(); }
     FilterProgram(const FilterProgram&) = delete;
     FilterProgram& operator=(const FilterProgram&) = delete;
 
     /// @return an error number, 0 when it runs
-    int start(const std::vector<std::string>& command);
-    bool transfer(const SecretBytes& input, std::size_t limit, Clock::time_point end);
-    bool waitForEnd(Clock::time_point end);
+    int start();
+    bool transfer(const SecretBytes& input);
+    bool waitForEnd();
 
     int status() const { return status_; }
     SecretBytes takeOutput() { return std::move(output_); }
@@ -81,10 +91,12 @@ public:
 
 private:
     void sendSome(const SecretBytes& input);
-    void receiveOutput(std::size_t limit);
+    void receiveOutput();
     void receiveComplaint();
     void killNow();
 
+    const ProgramCall& call_;
+    const Clock::time_point end_;
     pid_t child_ = -1;
     int status_ = -1;
     UniqueFd input_;
@@ -96,22 +108,30 @@ private:
     bool tooMuch_ = false;
 };
 
-int FilterProgram::start(const std::vector<std::string>& command)
+int FilterProgram::start()
 {
     Ends input;
     Ends output;
     Ends complaints;
     // In this order, no end that is still needed has the number of a standard stream by the time
     // that stream is put in place, also in a process that has none of them.
-    if (!makeSocketPair(input) || !makePipe(output) || !makePipe(complaints)) {
+    if (!makeSocketPair(input) || (call_.outputLimit && !makePipe(output)) ||
+        !makePipe(complaints)) {
         return errno;
     }
     posix_spawn_file_actions_t actions = {};
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, input.theirs.get(), STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, output.theirs.get(), STDOUT_FILENO);
+    if (call_.outputLimit) {
+        posix_spawn_file_actions_adddup2(&actions, output.theirs.get(), STDOUT_FILENO);
+    } else {
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    }
     posix_spawn_file_actions_adddup2(&actions, complaints.theirs.get(), STDERR_FILENO);
     posix_spawn_file_actions_addclosefrom_np(&actions, kFirstAboveStandard);
+    if (!call_.folder.empty()) {
+        posix_spawn_file_actions_addchdir_np(&actions, call_.folder.c_str());
+    }
 
     sigset_t signals;
     posix_spawnattr_t attributes = {};
@@ -120,19 +140,14 @@ int FilterProgram::start(const std::vector<std::string>& command)
     posix_spawnattr_setsigmask(&attributes, &signals);
     sigaddset(&signals, SIGPIPE);
     posix_spawnattr_setsigdefault(&attributes, &signals);
+    const int group = call_.longest ? POSIX_SPAWN_SETPGROUP : 0;
     posix_spawnattr_setflags(
-        &attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+        &attributes, static_cast<short>(POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | group));
 
-    std::vector<std::string> words = command;
-    std::vector<char*> arguments;
-    arguments.reserve(words.size() + 1);
-    for (std::string& word : words) {
-        arguments.push_back(word.data());
-    }
-    arguments.push_back(nullptr);
-    char* noEnvironment[] = {nullptr};
-    const int error = posix_spawn(&child_, command.front().c_str(), &actions, &attributes,
-                                  arguments.data(), noEnvironment);
+    std::vector<std::string> words = call_.words;
+    std::vector<std::string> environment = call_.environment;
+    const int error = posix_spawn(&child_, call_.path.c_str(), &actions, &attributes,
+                                  pointersTo(words).data(), pointersTo(environment).data());
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) {
@@ -146,26 +161,27 @@ int FilterProgram::start(const std::vector<std::string>& command)
 }
 
 /// @return false when the time is over or the program writes too much
-bool FilterProgram::transfer(const SecretBytes& input, std::size_t limit, Clock::time_point end)
+bool FilterProgram::transfer(const SecretBytes& input)
 {
-    output_.reserve(limit + 1);
+    output_.reserve(call_.outputLimit ? *call_.outputLimit + 1 : 0);
     while (outputEnd_ || complaintEnd_) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
-        if (left <= 0) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - Clock::now());
+        if (left.count() <= 0) {
             return false;
         }
         // A negative descriptor is passed over.
         pollfd waiting[] = {{input_.get(), POLLOUT, 0},
                             {outputEnd_.get(), POLLIN, 0},
                             {complaintEnd_.get(), POLLIN, 0}};
-        if (poll(waiting, 3, static_cast<int>(left)) < 0 && errno != EINTR) {
+        if (poll(waiting, 3, static_cast<int>(std::min(left, kLongestWait).count())) < 0 &&
+            errno != EINTR) {
             return false;
         }
         if (waiting[0].revents != 0) {
             sendSome(input);
         }
         if (waiting[1].revents != 0) {
-            receiveOutput(limit);
+            receiveOutput();
         }
         if (waiting[2].revents != 0) {
             receiveComplaint();
@@ -190,8 +206,9 @@ void FilterProgram::sendSome(const SecretBytes& input)
     }
 }
 
-void FilterProgram::receiveOutput(std::size_t limit)
+void FilterProgram::receiveOutput()
 {
+    const std::size_t limit = *call_.outputLimit;
     const std::size_t filled = output_.size();
     output_.resize(limit + 1);
     const ssize_t count = read(outputEnd_.get(), output_.data() + filled, output_.size() - filled);
@@ -214,7 +231,7 @@ void FilterProgram::receiveComplaint()
     complaint_.erase(0, complaint_.size() - std::min(complaint_.size(), kLongestComplaint));
 }
 
-bool FilterProgram::waitForEnd(Clock::time_point end)
+bool FilterProgram::waitForEnd()
 {
     for (;;) {
         const pid_t ended = waitpid(child_, &status_, WNOHANG);
@@ -223,7 +240,7 @@ bool FilterProgram::waitForEnd(Clock::time_point end)
             child_ = -1;
             return true;
         }
-        if (Clock::now() >= end) {
+        if (Clock::now() >= end_) {
             return false;
         }
         poll(nullptr, 0, kMillisecondsBetweenLooks);
@@ -235,21 +252,10 @@ void FilterProgram::killNow()
     if (child_ < 0) {
         return;
     }
-    kill(-child_, SIGKILL);
+    kill(call_.longest ? -child_ : child_, SIGKILL);
     while (waitpid(child_, &status_, 0) < 0 && errno == EINTR) {
     }
     child_ = -1;
-}
-
-std::string oneLine(std::string text)
-{
-    while (!text.empty() && text.back() == '\n') {
-        text.pop_back();
-    }
-    for (char& c : text) {
-        c = c == '\n' ? ';' : c;
-    }
-    return text.empty() ? text : ": " + text;
 }
 
 std::string describe(int status)
@@ -263,29 +269,27 @@ std::string describe(int status)
 
 }  // namespace
 
-std::string runPiped(const std::vector<std::string>& command, const SecretBytes& input,
-                     std::size_t limit, std::chrono::milliseconds longest, SecretBytes& output)
+ProgramEnd runPiped(const ProgramCall& call, const SecretBytes& input, SecretBytes& output)
 {
-    const std::string& name = command.front();
-    const Clock::time_point end = Clock::now() + longest;
-    FilterProgram program;
-    if (const int error = program.start(command)) {
-        errno = error;
-        return withErrno(name + " cannot be started");
+    FilterProgram program(call);
+    if (const int error = program.start()) {
+        return {call.path + " cannot be started: " + std::strerror(error), ""};
     }
-    const bool done = program.transfer(input, limit, end) && program.waitForEnd(end);
+    const bool done = program.transfer(input) && program.waitForEnd();
     if (program.hasTooMuch()) {
-        return name + " writes more than " + std::to_string(limit) + " bytes";
+        return {call.path + " writes more than " + std::to_string(*call.outputLimit) + " bytes",
+                ""};
     }
     if (!done) {
-        return name + " is not done after " + std::to_string(longest.count()) + " ms" +
-               oneLine(program.complaint());
+        const auto longest = call.longest.value_or(std::chrono::milliseconds::zero());
+        return {call.path + " is not done after " + std::to_string(longest.count()) + " ms",
+                program.complaint()};
     }
     if (program.status() != 0) {
-        return name + describe(program.status()) + oneLine(program.complaint());
+        return {call.path + describe(program.status()), program.complaint()};
     }
     output = program.takeOutput();
-    return "";
+    return {"", program.complaint()};
 }
 
 }  // namespace quillon
