@@ -21,22 +21,21 @@ bool makeFolders(const std::string& path, mode_t mode)
     return mkdir(path.c_str(), mode) == 0 || errno == EEXIST;
 }
 
-namespace {
-
-bool writeAndSync(int fd, const SecretBytes& bytes)
+bool writeAll(int fd, const void* data, std::size_t size)
 {
-    std::size_t written = 0;
-    while (written < bytes.size()) {
-        const ssize_t count = write(fd, bytes.data() + written, bytes.size() - written);
+    const auto* next = static_cast<const char*>(data);
+    while (size > 0) {
+        const ssize_t count = write(fd, next, size);
         if (count < 0 && errno == EINTR) {
             continue;
         }
         if (count < 0) {
             return false;
         }
-        written += static_cast<std::size_t>(count);
+        next += count;
+        size -= static_cast<std::size_t>(count);
     }
-    return fsync(fd) == 0;
+    return true;
 }
 
 bool syncFolder(const std::string& folder)
@@ -44,8 +43,6 @@ bool syncFolder(const std::string& folder)
     const UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return fd && fsync(fd.get()) == 0;
 }
-
-}  // namespace
 
 bool replaceFile(const std::string& folder, const std::string& name, const SecretBytes& bytes,
                  mode_t mode)
@@ -56,8 +53,8 @@ bool replaceFile(const std::string& folder, const std::string& name, const Secre
     if (!fd) {
         return false;
     }
-    if (fchmod(fd.get(), mode) != 0 || !writeAndSync(fd.get(), bytes) ||
-        rename(temporary.c_str(), target.c_str()) != 0) {
+    if (fchmod(fd.get(), mode) != 0 || !writeAll(fd.get(), bytes.data(), bytes.size()) ||
+        fsync(fd.get()) != 0 || rename(temporary.c_str(), target.c_str()) != 0) {
         const int reason = errno;
         unlink(temporary.c_str());
         errno = reason;

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <string>
 
 #include "base/secret-bytes.h"
@@ -13,6 +14,14 @@ namespace quillon {
 /// folder that is there already stays as it is.
 /// @return false with errno telling why. Throws std::bad_alloc.
 bool makeFolders(const std::string& path, mode_t mode);
+
+/// Writes all of it, however many calls that takes.
+/// @return false with errno telling why; any part may have been written then. Never throws.
+bool writeAll(int fd, const void* data, std::size_t size);
+
+/// Brings the names in a folder to the disk.
+/// @return false with errno telling why, EINVAL where the file system cannot. Never throws.
+bool syncFolder(const std::string& folder);
 
 /// Puts a file in place in one step, also where the power fails: whoever opens it sees either the
 /// old contents or all of the new ones. A link of that name is replaced, never followed.

@@ -164,18 +164,10 @@ bool DownloadPart::restart(const std::string& validator)
 
 bool DownloadPart::append(const char* data, std::size_t size)
 {
-    while (size > 0) {
-        const ssize_t count = write(file_.get(), data, size);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
-            return false;
-        }
-        data += count;
-        size -= static_cast<std::size_t>(count);
-        size_ += static_cast<std::uint64_t>(count);
+    if (!writeAll(file_.get(), data, size)) {
+        return false;
     }
+    size_ += size;
     return true;
 }
 

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "base/replace-file.h"
 #include "platform/verifier/image-error.h"
 
 namespace quillon {
@@ -26,20 +27,6 @@ std::string folderOf(const std::string& path)
     return folder.empty() ? "." : folder;
 }
 
-void syncFolder(const std::string& path)
-{
-    const int folder = open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (folder < 0) {
-        refuse(path);
-    }
-    const int result = fsync(folder);
-    close(folder);
-    // Some file systems of sticks cannot sync a folder; the file itself is on the disk by now.
-    if (result != 0 && errno != EINVAL) {
-        refuse(path);
-    }
-}
-
 }  // namespace
 
 AtomicFile::AtomicFile(const std::string& path, Audience audience)
@@ -50,50 +37,40 @@ AtomicFile::AtomicFile(const std::string& path, Audience audience)
     if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
         throw ImageError(ImageFault::File, path + ": cannot be written: not a regular file");
     }
-    _descriptor = mkostemp(_temporary.data(), O_CLOEXEC);  // mode 0600
-    if (_descriptor < 0) {
+    _descriptor = UniqueFd(mkostemp(_temporary.data(), O_CLOEXEC));  // mode 0600
+    if (!_descriptor) {
         refuse(path);
     }
     if (audience == Audience::Everyone) {
         // A stick's file system may have no modes to change; the content is no secret either way.
-        static_cast<void>(fchmod(_descriptor, S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH));
+        static_cast<void>(fchmod(_descriptor.get(), S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH));
     }
 }
 
 AtomicFile::~AtomicFile()
 {
-    if (_descriptor >= 0) {
-        close(_descriptor);
+    if (_descriptor) {
         unlink(_temporary.c_str());
     }
 }
 
 void AtomicFile::write(const unsigned char* data, std::size_t length)
 {
-    while (length > 0) {
-        const ssize_t count = ::write(_descriptor, data, length);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
-            refuse(_path);
-        }
-        data += count;
-        length -= static_cast<std::size_t>(count);
+    if (!writeAll(_descriptor.get(), data, length)) {
+        refuse(_path);
     }
 }
 
 void AtomicFile::commit()
 {
-    if (fsync(_descriptor) != 0) {
+    if (fsync(_descriptor.get()) != 0 || std::rename(_temporary.c_str(), _path.c_str()) != 0) {
         refuse(_path);
     }
-    if (std::rename(_temporary.c_str(), _path.c_str()) != 0) {
+    _descriptor.reset();
+    // Some file systems of sticks cannot sync a folder; the file itself is on the disk by now.
+    if (!syncFolder(folderOf(_path)) && errno != EINVAL) {
         refuse(_path);
     }
-    close(_descriptor);
-    _descriptor = -1;
-    syncFolder(_path);
 }
 
 void writeFile(const std::string& path, const std::string& content, Audience audience)

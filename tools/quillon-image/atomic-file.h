@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <string>
 
+#include "base/fd.h"
+
 namespace quillon {
 
 /// Who may read a file that is written.
@@ -34,7 +36,7 @@ public:
 private:
     std::string _path;
     std::string _temporary;
-    int _descriptor = -1;
+    UniqueFd _descriptor;
 };
 
 /// Writes a whole file through AtomicFile.
