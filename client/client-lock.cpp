@@ -107,8 +107,8 @@ Error ClientLock::acquire(const std::string& path, const Deadline& deadline)
                                       : kNotRegular);
         }
         if (flock(file, LOCK_EX | LOCK_NB) == 0) {
-            m_file = file;
-            m_owner = getpid();
+            file_ = file;
+            owner_ = getpid();
             writeHolder(file);
             return {};
         }
@@ -123,17 +123,17 @@ Error ClientLock::acquire(const std::string& path, const Deadline& deadline)
 
 void ClientLock::release()
 {
-    if (m_file == -1) {
+    if (file_ == -1) {
         return;
     }
     // A child that was forked off shares the lock: this process unlocks for both by saying so, and
     // a child that ends must not take it away from its parent.
-    if (m_owner == getpid()) {
-        eraseHolder(m_file);  // whoever finds the lock taken next must not be told of this one
-        flock(m_file, LOCK_UN);
+    if (owner_ == getpid()) {
+        eraseHolder(file_);  // whoever finds the lock taken next must not be told of this one
+        flock(file_, LOCK_UN);
     }
-    ::close(m_file);
-    m_file = -1;
+    ::close(file_);
+    file_ = -1;
 }
 
 std::string ClientLock::defaultPath()

@@ -30,7 +30,7 @@ public:
 
     /// Gives the lock up; in a child forked off by the holder it only closes the child's copy.
     void release();
-    bool isHeld() const { return m_file != -1; }
+    bool isHeld() const { return file_ != -1; }
 
     /// @return "/run/lock/quillon-client.lock" where every user may write to /run/lock, else
     ///         "/tmp/quillon-client.lock". It does not depend on who asks, so that a client run by
@@ -38,8 +38,8 @@ public:
     static std::string defaultPath();
 
 private:
-    int m_file = -1;
-    pid_t m_owner = 0;
+    int file_ = -1;
+    pid_t owner_ = 0;
 };
 
 }  // namespace quillon

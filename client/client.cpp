@@ -134,27 +134,27 @@ private:
     Result<MQData> awaitReply(milliseconds timeout, const Deadline& deadline, Wanted wanted);
     Result<MQData> exchange(const MQData& request, milliseconds timeout);
 
-    ClientLock lock;
-    ServiceProcess process;
-    RecordQueue service{process};
-    RecordQueue control{process};
-    bool inStep = false;  ///< no reply to an earlier command can still be under way
+    ClientLock lock_;
+    ServiceProcess process_;
+    RecordQueue service_{process_};
+    RecordQueue control_{process_};
+    bool inStep_ = false;  ///< no reply to an earlier command can still be under way
 };
 
 Error Client::Impl::connect()
 {
-    if (lock.isHeld()) {
+    if (lock_.isHeld()) {
         return {};
     }
-    inStep = false;
+    inStep_ = false;
     outcome.reset();
-    Error error = service.open(FW_MQ_SERVICE_QUEUE, O_WRONLY);
+    Error error = service_.open(FW_MQ_SERVICE_QUEUE, O_WRONLY);
     if (!error) {
-        error = control.open(FW_MQ_CONTROL_QUEUE, O_RDONLY);
+        error = control_.open(FW_MQ_CONTROL_QUEUE, O_RDONLY);
     }
     if (!error) {
-        process.find(service.owner());
-        error = lock.acquire(ClientLock::defaultPath(), Deadline(options.lockTimeout));
+        process_.find(service_.owner());
+        error = lock_.acquire(ClientLock::defaultPath(), Deadline(options.lockTimeout));
     }
     if (error) {
         disconnect();
@@ -164,19 +164,19 @@ Error Client::Impl::connect()
 
 void Client::Impl::disconnect()
 {
-    service.close();
-    control.close();
-    process.forget();
-    lock.release();
+    service_.close();
+    control_.close();
+    process_.forget();
+    lock_.release();
 }
 
 /// Clears away what earlier clients left. The service waits as long as ten replies are unread, so
 /// taking them may let it go on with commands that were left as well; those come first.
 Error Client::Impl::settle(const Deadline& deadline)
 {
-    control.drain(deadline);
-    while (service.waiting() > 0) {
-        if (service.isAbandoned()) {
+    control_.drain(deadline);
+    while (service_.waiting() > 0) {
+        if (service_.isAbandoned()) {
             return serviceEnded();
         }
         if (deadline.passed()) {
@@ -185,20 +185,20 @@ Error Client::Impl::settle(const Deadline& deadline)
                     "one"};
         }
         std::this_thread::sleep_for(kSettleInterval);
-        control.drain(deadline);
+        control_.drain(deadline);
     }
-    control.drain(deadline);  // now no more than one reply can be on its way
+    control_.drain(deadline);  // now no more than one reply can be on its way
     return {};
 }
 
 Error Client::Impl::send(const MQData& request, const Deadline& deadline)
 {
-    if (!lock.isHeld()) {
+    if (!lock_.isHeld()) {
         return {ErrorCode::kNotConnected, "not connected to the update service"};
     }
-    process.find(service.owner());  // it may have been on its way up when this client connected
+    process_.find(service_.owner());  // it may have been on its way up when this client connected
     const Error error = settle(deadline);
-    return error ? error : service.send(request, deadline);
+    return error ? error : service_.send(request, deadline);
 }
 
 /// @param wanted  tells whether a reply is the one that is waited for; others are passed over
@@ -210,7 +210,7 @@ Result<MQData> Client::Impl::awaitReply(milliseconds timeout, const Deadline& de
     Error error;
     do {
         MQData reply{};
-        error = control.receive(reply, deadline, malformed);
+        error = control_.receive(reply, deadline, malformed);
         if (error) {
             break;
         }
@@ -223,7 +223,7 @@ Result<MQData> Client::Impl::awaitReply(milliseconds timeout, const Deadline& de
     if (error && error.code != ErrorCode::kNoReply) {
         return {{}, error};
     }
-    inStep = false;
+    inStep_ = false;
     if (malformed > 0) {
         return {{},
                 {ErrorCode::kBadReply, "the update service sent " + std::to_string(malformed) +
@@ -252,7 +252,7 @@ Result<Progress> Client::Impl::progress()
     if (reply.error) {
         return {{}, reply.error};
     }
-    inStep = true;
+    inStep_ = true;
     return {toProgress(reply.value), {}};
 }
 
@@ -266,7 +266,7 @@ void Client::Impl::keepOutcome(const Progress& now)
 
 Error Client::Impl::regainStep()
 {
-    if (inStep) {
+    if (inStep_) {
         return {};
     }
     const Result<Progress> now = progress();
@@ -289,7 +289,7 @@ Error Client::Impl::start()
     if (error) {
         return error;
     }
-    inStep = false;
+    inStep_ = false;
     MQData reply{};
     for (int queries = 1; queries <= 2; ++queries) {
         error = askBehindStart(deadline, reply);
@@ -301,14 +301,14 @@ Error Client::Impl::start()
         }
         keepOutcome(toProgress(reply));
     }
-    inStep = true;
+    inStep_ = true;
     return reply.result == MQ_RESULT_NOT_RUNNING ? nothingStarted() : startReplyMissing();
 }
 
 /// @param[out] reply  the next reply, to whatever command
 Error Client::Impl::askBehindStart(const Deadline& deadline, MQData& reply)
 {
-    Error error = service.send(makeRecord(MQ_COMMAND_PROGRESS), deadline);
+    Error error = service_.send(makeRecord(MQ_COMMAND_PROGRESS), deadline);
     if (!error) {
         const Result<MQData> next =
             awaitReply(options.startTimeout, deadline, [](const MQData&) { return true; });
@@ -340,7 +340,7 @@ Error Client::Impl::startAnswered(bool accepted, int queries)
             keepOutcome(toProgress(now.value));
         }
     }
-    inStep = !error;
+    inStep_ = !error;
     return accepted ? Error{}
                     : Error{ErrorCode::kRefused, "the update service is already updating"};
 }
@@ -354,7 +354,7 @@ Result<MQData> Client::Impl::ask(const MQData& request, milliseconds timeout)
     return exchange(request, timeout);
 }
 
-Client::Client(const ClientOptions& options) : m_impl(std::make_unique<Impl>(options))
+Client::Client(const ClientOptions& options) : impl_(std::make_unique<Impl>(options))
 {
 }
 Client::~Client() = default;
@@ -363,12 +363,12 @@ Client& Client::operator=(Client&&) noexcept = default;
 
 Error Client::connect()
 {
-    return m_impl->connect();
+    return impl_->connect();
 }
 
 void Client::disconnect()
 {
-    m_impl->disconnect();
+    impl_->disconnect();
 }
 
 Error Client::setDirectory(const std::string& directory)
@@ -380,7 +380,7 @@ Error Client::setDirectory(const std::string& directory)
     MQData request = makeRecord(MQ_COMMAND_PATH);
     std::memset(request.path, '/', kDirectorySize);
     directory.copy(request.path, directory.size());
-    const Result<MQData> reply = m_impl->ask(request, m_impl->options.replyTimeout);
+    const Result<MQData> reply = impl_->ask(request, impl_->options.replyTimeout);
     if (!reply.error && reply.value.result != MQ_RESULT_ACCEPTED) {
         return {ErrorCode::kRefused, "the update service refused the directory"};
     }
@@ -390,7 +390,7 @@ Error Client::setDirectory(const std::string& directory)
 Result<Estimate> Client::estimate()
 {
     const Result<MQData> reply =
-        m_impl->ask(makeRecord(MQ_COMMAND_TIME), m_impl->options.estimateTimeout);
+        impl_->ask(makeRecord(MQ_COMMAND_TIME), impl_->options.estimateTimeout);
     if (reply.error || reply.value.result != MQ_RESULT_ACCEPTED) {
         return {{}, reply.error};
     }
@@ -399,22 +399,22 @@ Result<Estimate> Client::estimate()
 
 Error Client::start()
 {
-    return m_impl->start();
+    return impl_->start();
 }
 
 Result<Progress> Client::progress()
 {
-    if (m_impl->outcome) {
-        const Progress kept = *m_impl->outcome;
-        m_impl->outcome.reset();
+    if (impl_->outcome) {
+        const Progress kept = *impl_->outcome;
+        impl_->outcome.reset();
         return {kept, {}};
     }
-    return m_impl->progress();
+    return impl_->progress();
 }
 
 Error Client::stop()
 {
-    return m_impl->send(makeRecord(MQ_COMMAND_STOP), Deadline(m_impl->options.replyTimeout));
+    return impl_->send(makeRecord(MQ_COMMAND_STOP), Deadline(impl_->options.replyTimeout));
 }
 
 }  // namespace quillon

@@ -14,16 +14,16 @@ namespace quillon {
 class Deadline
 {
 public:
-    explicit Deadline(std::chrono::milliseconds fromNow) : m_end(Clock::now() + fromNow) {}
+    explicit Deadline(std::chrono::milliseconds fromNow) : end_(Clock::now() + fromNow) {}
 
-    bool passed() const { return Clock::now() >= m_end; }
+    bool passed() const { return Clock::now() >= end_; }
 
     /// @return the time of day at which the next wait has to end: half a second ahead, or when
     ///         this deadline passes if that is sooner
     timespec nextWait() const
     {
         using std::chrono::nanoseconds;
-        const nanoseconds rest = std::max<nanoseconds>(m_end - Clock::now(), nanoseconds::zero());
+        const nanoseconds rest = std::max<nanoseconds>(end_ - Clock::now(), nanoseconds::zero());
         const nanoseconds wait = std::min<nanoseconds>(rest, std::chrono::milliseconds(500));
         timespec time{};
         clock_gettime(CLOCK_REALTIME, &time);
@@ -35,7 +35,7 @@ public:
 
 private:
     using Clock = std::chrono::steady_clock;
-    Clock::time_point m_end;
+    Clock::time_point end_;
 };
 
 }  // namespace quillon

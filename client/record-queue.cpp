@@ -31,19 +31,19 @@ Error serviceEnded()
 Error RecordQueue::open(const char* name, int flags)
 {
     close();
-    m_queue = mq_open(name, flags | O_CLOEXEC);
-    if (m_queue == kClosed && errno == ENOENT) {
+    queue_ = mq_open(name, flags | O_CLOEXEC);
+    if (queue_ == kClosed && errno == ENOENT) {
         return {ErrorCode::kNoService,
                 std::string("the update service is not running (no queue ") + name + ")"};
     }
-    if (m_queue == kClosed) {
+    if (queue_ == kClosed) {
         const bool isRefused = errno == EACCES;
         Error error = systemError(std::string("cannot open the queue ") + name);
         error.text += isRefused ? kMembersOnly : "";
         return error;
     }
     mq_attr attributes{};
-    if (mq_getattr(m_queue, &attributes) != 0) {
+    if (mq_getattr(queue_, &attributes) != 0) {
         return systemError(std::string("cannot query the queue ") + name);
     }
     if (attributes.mq_msgsize != static_cast<long>(sizeof(MQData))) {
@@ -57,9 +57,9 @@ Error RecordQueue::open(const char* name, int flags)
 
 void RecordQueue::close()
 {
-    if (m_queue != kClosed) {
-        mq_close(m_queue);
-        m_queue = kClosed;
+    if (queue_ != kClosed) {
+        mq_close(queue_);
+        queue_ = kClosed;
     }
 }
 
@@ -67,7 +67,7 @@ QueueOwner RecordQueue::owner() const
 {
     // On Linux a queue descriptor is a file descriptor.
     struct stat status = {};
-    if (fstat(m_queue, &status) != 0) {
+    if (fstat(queue_, &status) != 0) {
         return {static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
     }
     return {status.st_uid, status.st_gid};
@@ -76,8 +76,8 @@ QueueOwner RecordQueue::owner() const
 bool RecordQueue::isAbandoned() const
 {
     struct stat status = {};
-    const bool removed = fstat(m_queue, &status) == 0 && status.st_nlink == 0;
-    return removed || m_process.hasEnded();
+    const bool removed = fstat(queue_, &status) == 0 && status.st_nlink == 0;
+    return removed || process_.hasEnded();
 }
 
 Error RecordQueue::send(const MQData& record, const Deadline& deadline)
@@ -90,7 +90,7 @@ Error RecordQueue::send(const MQData& record, const Deadline& deadline)
             return serviceEnded();
         }
         const timespec until = deadline.nextWait();
-        if (mq_timedsend(m_queue, bytes, sizeof bytes, 0, &until) == 0) {
+        if (mq_timedsend(queue_, bytes, sizeof bytes, 0, &until) == 0) {
             return {};
         }
         if (errno != EINTR && errno != ETIMEDOUT) {
@@ -108,7 +108,7 @@ Error RecordQueue::receive(MQData& record, const Deadline& deadline, int& malfor
     while (true) {
         const bool abandoned = isAbandoned();  // asked first: its last reply is still good
         const timespec until = deadline.nextWait();
-        const ssize_t size = mq_timedreceive(m_queue, bytes, sizeof bytes, nullptr, &until);
+        const ssize_t size = mq_timedreceive(queue_, bytes, sizeof bytes, nullptr, &until);
         if (size == static_cast<ssize_t>(sizeof bytes)) {
             std::memcpy(&record, bytes, sizeof record);
             return {};
@@ -131,7 +131,7 @@ void RecordQueue::drain(const Deadline& deadline)
     // A time long past: what waits is still handed out, and nothing is waited for.
     const timespec past{};
     char bytes[sizeof(MQData)];
-    while (mq_timedreceive(m_queue, bytes, sizeof bytes, nullptr, &past) >= 0 || errno == EINTR) {
+    while (mq_timedreceive(queue_, bytes, sizeof bytes, nullptr, &past) >= 0 || errno == EINTR) {
         if (deadline.passed()) {
             return;
         }
@@ -141,7 +141,7 @@ void RecordQueue::drain(const Deadline& deadline)
 long RecordQueue::waiting() const
 {
     mq_attr attributes{};
-    return mq_getattr(m_queue, &attributes) == 0 ? attributes.mq_curmsgs : 0;
+    return mq_getattr(queue_, &attributes) == 0 ? attributes.mq_curmsgs : 0;
 }
 
 }  // namespace quillon

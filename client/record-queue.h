@@ -20,7 +20,7 @@ class RecordQueue
 {
 public:
     /// @param process  must outlive this object
-    explicit RecordQueue(const ServiceProcess& process) : m_process(process) {}
+    explicit RecordQueue(const ServiceProcess& process) : process_(process) {}
     ~RecordQueue() { close(); }
     RecordQueue(const RecordQueue&) = delete;
     RecordQueue& operator=(const RecordQueue&) = delete;
@@ -31,7 +31,7 @@ public:
     ///         carry records of the channel's size
     Error open(const char* name, int flags);
     void close();
-    bool isOpen() const { return m_queue != kClosed; }
+    bool isOpen() const { return queue_ != kClosed; }
 
     /// @return whose queue it is
     QueueOwner owner() const;
@@ -56,8 +56,8 @@ public:
 private:
     static constexpr mqd_t kClosed = -1;
 
-    const ServiceProcess& m_process;
-    mqd_t m_queue = kClosed;
+    const ServiceProcess& process_;
+    mqd_t queue_ = kClosed;
 };
 
 }  // namespace quillon

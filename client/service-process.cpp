@@ -103,7 +103,7 @@ bool ended(int handle)
 
 void ServiceProcess::find(const QueueOwner& queues)
 {
-    if (!m_handles.empty() || !procIsOurs()) {
+    if (!handles_.empty() || !procIsOurs()) {
         return;
     }
     const std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), &closedir);
@@ -121,21 +121,21 @@ void ServiceProcess::find(const QueueOwner& queues)
             close(handle);
             continue;
         }
-        m_handles.push_back(handle);
+        handles_.push_back(handle);
     }
 }
 
 void ServiceProcess::forget()
 {
-    for (const int handle : m_handles) {
+    for (const int handle : handles_) {
         close(handle);
     }
-    m_handles.clear();
+    handles_.clear();
 }
 
 bool ServiceProcess::hasEnded() const
 {
-    return !m_handles.empty() && std::all_of(m_handles.begin(), m_handles.end(), ended);
+    return !handles_.empty() && std::all_of(handles_.begin(), handles_.end(), ended);
 }
 
 }  // namespace quillon

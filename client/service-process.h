@@ -39,7 +39,7 @@ public:
     bool hasEnded() const;
 
 private:
-    std::vector<int> m_handles;  ///< pidfds
+    std::vector<int> handles_;  ///< pidfds
 };
 
 }  // namespace quillon

@@ -19,7 +19,7 @@ int judgeAndDo(Refusal (*judge)(std::string_view, Order&), void (*act)(const Ord
 {
     Order order;
     const Refusal refusal = judge(text, order);
-    if (refusal != Refusal::None) {
+    if (refusal != Refusal::kNone) {
         throw Failure(EACCES, describe(refusal));
     }
     act(order);
@@ -29,11 +29,11 @@ int judgeAndDo(Refusal (*judge)(std::string_view, Order&), void (*act)(const Ord
 int judgeAndDo(Kind kind, std::string_view text)
 {
     switch (kind) {
-        case Kind::Mount:
+        case Kind::kMount:
             return judgeAndDo(&judgeMount, &mountPackage, text);
-        case Kind::Node:
+        case Kind::kNode:
             return judgeAndDo(&judgeNode, &makeLoopNode, text);
-        case Kind::Unmount:
+        case Kind::kUnmount:
             return judgeAndDo(&judgeUnmount, &unmountPackage, text);
     }
     throw Failure(EINVAL, "no such kind of request");
@@ -42,11 +42,11 @@ int judgeAndDo(Kind kind, std::string_view text)
 const char* nameOf(Kind kind)
 {
     switch (kind) {
-        case Kind::Mount:
+        case Kind::kMount:
             return "mount";
-        case Kind::Node:
+        case Kind::kNode:
             return "node";
-        case Kind::Unmount:
+        case Kind::kUnmount:
             return "umount";
     }
     return "?";

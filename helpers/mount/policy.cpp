@@ -69,21 +69,21 @@ std::optional<unsigned> loopNumber(std::string_view digits)
 const char* describe(Refusal refusal)
 {
     switch (refusal) {
-        case Refusal::None:
+        case Refusal::kNone:
             return "nothing against it";
-        case Refusal::Shape:
+        case Refusal::kShape:
             return "not the text of such a request";
-        case Refusal::Options:
+        case Refusal::kOptions:
             return "the mount options are not ro,loop,nodev,nosuid";
-        case Refusal::Image:
+        case Refusal::kImage:
             return "the source is not an image NAME.img in the package folder";
-        case Refusal::Directory:
+        case Refusal::kDirectory:
             return "the mount point is not a folder NAME in emps/ of the package folder";
-        case Refusal::Mode:
+        case Refusal::kMode:
             return "the mode is not 0660";
-        case Refusal::Label:
+        case Refusal::kLabel:
             return "the label is not *";
-        case Refusal::Node:
+        case Refusal::kNode:
             return "not the node of a loop device from 0 to 249";
     }
     return "?";
@@ -93,49 +93,49 @@ Refusal judgeMount(std::string_view text, MountOrder& order)
 {
     const auto fields = parseMount(text);
     if (!fields) {
-        return Refusal::Shape;
+        return Refusal::kShape;
     }
     if (fields->options != kMountOptions) {
-        return Refusal::Options;
+        return Refusal::kOptions;
     }
     if (!isImage(fields->image)) {
-        return Refusal::Image;
+        return Refusal::kImage;
     }
     if (!isMountPoint(fields->directory)) {
-        return Refusal::Directory;
+        return Refusal::kDirectory;
     }
     order = {lastPart(fields->image), lastPart(fields->directory)};
-    return Refusal::None;
+    return Refusal::kNone;
 }
 
 Refusal judgeNode(std::string_view text, NodeOrder& order)
 {
     const auto fields = parseNode(text);
     if (!fields) {
-        return Refusal::Shape;
+        return Refusal::kShape;
     }
     if (fields->mode != "0660") {
-        return Refusal::Mode;
+        return Refusal::kMode;
     }
     if (fields->label != "*") {
-        return Refusal::Label;
+        return Refusal::kLabel;
     }
     const auto number = loopNumber(fields->minor);
     if (!number || fields->major != std::to_string(kLoopMajor) ||
         fields->node != "/dev/loop" + std::to_string(*number)) {
-        return Refusal::Node;
+        return Refusal::kNode;
     }
     order = {*number};
-    return Refusal::None;
+    return Refusal::kNone;
 }
 
 Refusal judgeUnmount(std::string_view text, UnmountOrder& order)
 {
     if (!isMountPoint(text)) {
-        return Refusal::Directory;
+        return Refusal::kDirectory;
     }
     order = {lastPart(text)};
-    return Refusal::None;
+    return Refusal::kNone;
 }
 
 }  // namespace quillon::privileged

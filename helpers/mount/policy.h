@@ -16,14 +16,14 @@ inline constexpr unsigned kLoopNodes = 250;  ///< numbers run from 0 up to, not 
 
 /// Why a request is refused.
 enum class Refusal {
-    None,
-    Shape,      ///< not the text of such a request at all
-    Options,    ///< other mount options than ro,loop,nodev,nosuid
-    Image,      ///< not an image NAME.img directly in the package folder
-    Directory,  ///< not a directory NAME directly in the folder for mounts
-    Mode,       ///< another mode than 0660
-    Label,      ///< another label than "*"
-    Node,       ///< not the block device /dev/loopN 7 N with N below 250
+    kNone,
+    kShape,      ///< not the text of such a request at all
+    kOptions,    ///< other mount options than ro,loop,nodev,nosuid
+    kImage,      ///< not an image NAME.img directly in the package folder
+    kDirectory,  ///< not a directory NAME directly in the folder for mounts
+    kMode,       ///< another mode than 0660
+    kLabel,      ///< another label than "*"
+    kNode,       ///< not the block device /dev/loopN 7 N with N below 250
 };
 
 /// One line for the log.
@@ -47,7 +47,7 @@ struct UnmountOrder
 };
 
 /// @param text        as the client sent it
-/// @param[out] order  what to do when the answer is Refusal::None, untouched otherwise
+/// @param[out] order  what to do when the answer is Refusal::kNone, untouched otherwise
 Refusal judgeMount(std::string_view text, MountOrder& order);
 Refusal judgeNode(std::string_view text, NodeOrder& order);
 Refusal judgeUnmount(std::string_view text, UnmountOrder& order);

@@ -23,7 +23,7 @@ bool isWellFormed(const Request& request, ssize_t size)
 {
     const char* const textEnd = request.text + kTextSize;
     const char* const nul = std::find(request.text, textEnd, '\0');
-    const bool kindIsKnown = request.kind >= Kind::Mount && request.kind <= Kind::Unmount;
+    const bool kindIsKnown = request.kind >= Kind::kMount && request.kind <= Kind::kUnmount;
     return size == static_cast<ssize_t>(sizeof request) && request.version == kProtocolVersion &&
            kindIsKnown && nul != textEnd &&
            std::all_of(nul, textEnd, [](char c) { return c == '\0'; });

@@ -84,8 +84,8 @@ void serveClient(int connection, const Callers& callers)
         PLATFORM_LOGE("process %d of user %u sent no request", peer.pid, peer.user);
         return;
     }
-    const SecretBytes answer = request->kind == Kind::Read ? answerRead(peer, request->item)
-                                                           : answerInstall(peer, request->package);
+    const SecretBytes answer = request->kind == Kind::kRead ? answerRead(peer, request->item)
+                                                            : answerInstall(peer, request->package);
     if (send(connection, answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL) !=
         static_cast<ssize_t>(answer.size())) {
         PLATFORM_LOGE("process %d did not wait for its answer: %m", peer.pid);

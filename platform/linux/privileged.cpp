@@ -93,17 +93,17 @@ std::size_t lengthIn(const char* buffer, int size)
 
 int PS_Mount(const char* text, int size, int /*reserved*/, int* result)
 {
-    return request("PS_Mount", Kind::Mount, text, lengthIn(text, size), result);
+    return request("PS_Mount", Kind::kMount, text, lengthIn(text, size), result);
 }
 
 int PS_Mknod(const char* text, int size, int /*reserved*/, int* result)
 {
-    return request("PS_Mknod", Kind::Node, text, lengthIn(text, size), result);
+    return request("PS_Mknod", Kind::kNode, text, lengthIn(text, size), result);
 }
 
 int PS_Umount(const char* directory, int length, int /*reserved*/, int* result)
 {
     const std::size_t size = length > 0 ? static_cast<std::size_t>(length) : 0;
     const std::size_t known = directory != nullptr ? strnlen(directory, size) : 0;
-    return request("PS_Umount", Kind::Unmount, directory, known, result);
+    return request("PS_Umount", Kind::kUnmount, directory, known, result);
 }

@@ -74,7 +74,7 @@ std::optional<int> readThroughHelper(std::string_view item, SecretBytes& bytes)
         return std::nullopt;  // whoever looks at it next says what is wrong with it
     }
     SecretBytes packet;
-    const auto answer = ask(Kind::Read, storage::encodeRead(item), kStoreFailed, packet);
+    const auto answer = ask(Kind::kRead, storage::encodeRead(item), kStoreFailed, packet);
     if (!answer) {
         return std::nullopt;
     }
@@ -91,7 +91,8 @@ std::optional<int> installThroughHelper(const SecretBytes& package)
         return std::nullopt;  // as above
     }
     SecretBytes packet;
-    const auto answer = ask(Kind::Install, storage::encodeInstall(package), kStorageFailed, packet);
+    const auto answer =
+        ask(Kind::kInstall, storage::encodeInstall(package), kStorageFailed, packet);
     if (!answer) {
         return std::nullopt;
     }

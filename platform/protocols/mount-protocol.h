@@ -16,15 +16,15 @@ inline constexpr std::uint32_t kProtocolVersion = 1;
 inline constexpr std::size_t kTextSize = 1024;
 
 enum class Kind : std::uint32_t {
-    Mount = 1,    ///< text: "-o ro,loop,nodev,nosuid IMAGE DIRECTORY"
-    Node = 2,     ///< text: "-m 0660 -Z * /dev/loopN  b 7 N"
-    Unmount = 3,  ///< text: the mount point
+    kMount = 1,    ///< text: "-o ro,loop,nodev,nosuid IMAGE DIRECTORY"
+    kNode = 2,     ///< text: "-m 0660 -Z * /dev/loopN  b 7 N"
+    kUnmount = 3,  ///< text: the mount point
 };
 
 struct Request
 {
     std::uint32_t version = kProtocolVersion;
-    Kind kind = Kind::Mount;
+    Kind kind = Kind::kMount;
     char text[kTextSize] = {};  ///< NUL-terminated, nothing but NUL behind that
 };
 

@@ -51,7 +51,7 @@ SecretBytes encodeRead(std::string_view item)
 SecretBytes encodeInstall(const SecretBytes& package)
 {
     RequestHead head;
-    head.kind = Kind::Install;
+    head.kind = Kind::kInstall;
     return encode(head, package);
 }
 
@@ -77,8 +77,8 @@ std::optional<Request> parseRequest(const SecretBytes& packet)
     if (!name) {
         return std::nullopt;
     }
-    const bool isRead = head.kind == Kind::Read && !name->empty() && rest.empty();
-    const bool isInstall = head.kind == Kind::Install && name->empty() && !rest.empty();
+    const bool isRead = head.kind == Kind::kRead && !name->empty() && rest.empty();
+    const bool isInstall = head.kind == Kind::kInstall && name->empty() && !rest.empty();
     return isRead || isInstall ? std::optional(Request{head.kind, *name, rest}) : std::nullopt;
 }
 
@@ -89,7 +89,7 @@ std::optional<Answer> parseAnswer(Kind kind, const SecretBytes& packet)
     if (packet.size() > kLargestAnswer || !takeHead(packet, head, rest)) {
         return std::nullopt;
     }
-    const bool bringsItem = kind == Kind::Read && head.result == 0;
+    const bool bringsItem = kind == Kind::kRead && head.result == 0;
     if (head.result < 0 || bringsItem == rest.empty()) {
         return std::nullopt;
     }

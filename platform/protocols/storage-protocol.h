@@ -18,14 +18,14 @@ namespace quillon::storage {
 inline constexpr std::uint32_t kProtocolVersion = 1;
 
 enum class Kind : std::uint32_t {
-    Read = 1,     ///< an item; its name, and nothing behind the head
-    Install = 2,  ///< a provisioning package; no name, the package behind the head
+    kRead = 1,     ///< an item; its name, and nothing behind the head
+    kInstall = 2,  ///< a provisioning package; no name, the package behind the head
 };
 
 struct RequestHead
 {
     std::uint32_t version = kProtocolVersion;
-    Kind kind = Kind::Read;
+    Kind kind = Kind::kRead;
     char item[72] = {};  ///< NUL-terminated, nothing but NUL behind that
 };
 
@@ -40,7 +40,7 @@ static_assert(sizeof(RequestHead) == 80 && sizeof(AnswerHead) == 8, "no padding 
 /// Pointing into the packet that was parsed.
 struct Request
 {
-    Kind kind = Kind::Read;
+    Kind kind = Kind::kRead;
     std::string_view item;     ///< of Read; 1 to 71 characters, not looked at any further
     std::string_view package;  ///< of Install; 1 to kLargestPackage bytes
 };

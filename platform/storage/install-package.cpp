@@ -77,10 +77,10 @@ InstallResult installPackage(const std::string& name, const SecretBytes& package
         return storeContent(name, openSignedPackage(textOf(package), trusted, wantsPurpose));
     } catch (const ImageError& error) {
         switch (error.fault()) {
-            case ImageFault::Format:
+            case ImageFault::kFormat:
                 PLATFORM_LOGE("%s is not a provisioning package: %s", name.c_str(), error.what());
                 return kPackageMalformed;
-            case ImageFault::Signature:
+            case ImageFault::kSignature:
                 PLATFORM_LOGE("%s is not signed by anyone trusted in %s: %s", name.c_str(), kFolder,
                               error.what());
                 return kPackageNotTrusted;

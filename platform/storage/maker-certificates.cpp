@@ -27,7 +27,7 @@ std::vector<std::string> pemFilesIn(const std::string& folder)
         }
     }
     if (error && error != std::errc::no_such_file_or_directory) {
-        throw ImageError(ImageFault::File, folder + ": cannot be read: " + error.message());
+        throw ImageError(ImageFault::kFile, folder + ": cannot be read: " + error.message());
     }
     std::sort(files.begin(), files.end());
     return files;
@@ -52,7 +52,7 @@ Certificates loadCertificateFile(const std::string& path)
     const bool atTheEnd = ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
     ERR_clear_error();
     if (certificates.empty() || !atTheEnd) {
-        throw ImageError(ImageFault::Key, path + ": not certificates in PEM form");
+        throw ImageError(ImageFault::kKey, path + ": not certificates in PEM form");
     }
     return certificates;
 }

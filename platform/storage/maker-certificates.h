@@ -16,14 +16,15 @@ using Certificates = std::vector<UniqueCertificate>;
 
 /// Reads the certificates of a PEM file, in their order; other things in the file are passed over.
 /// @return at least one.
-/// @throws ImageError: ImageFault::File when the file cannot be read, ImageFault::Key when there is
+/// @throws ImageError: ImageFault::kFile when the file cannot be read, ImageFault::kKey when there
+/// is
 ///         no certificate in it or one that cannot be understood.
 Certificates loadCertificateFile(const std::string& path);
 
 /// Reads the certificates of all files *.pem in a folder.
 /// @param complain  called with one line for each file that is of no use and is passed over
 /// @return none when the folder is missing or has none.
-/// @throws ImageError with ImageFault::File when the folder cannot be read.
+/// @throws ImageError with ImageFault::kFile when the folder cannot be read.
 Certificates loadCertificates(const std::string& folder,
                               const std::function<void(const std::string&)>& complain);
 

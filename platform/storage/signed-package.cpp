@@ -43,12 +43,12 @@ using UniqueStack = std::unique_ptr<STACK_OF(X509), OpensslRelease<&releaseStack
 
 ImageError notAPackage(const std::string& reason)
 {
-    return {ImageFault::Format, reason};
+    return {ImageFault::kFormat, reason};
 }
 
 ImageError notTrusted(const std::string& reason)
 {
-    return {ImageFault::Signature, reason};
+    return {ImageFault::kSignature, reason};
 }
 
 /// OpenSSL's last word, after which its queue is empty.
@@ -241,10 +241,10 @@ std::string makeSignedPackage(const SecretBytes& content, EVP_PKEY* key,
     X509* certificate = certificates.front().get();
     if (X509_check_private_key(certificate, key) != 1) {
         ERR_clear_error();
-        throw ImageError(ImageFault::Key, "the certificate is not that of the signing key");
+        throw ImageError(ImageFault::kKey, "the certificate is not that of the signing key");
     }
     if (!isStrong(key)) {
-        throw ImageError(ImageFault::Key,
+        throw ImageError(ImageFault::kKey,
                          "the signing key is neither RSA of 2048 bits nor a curve of 256 bits");
     }
     const UniqueBio source(BIO_new_mem_buf(content.data(), static_cast<int>(content.size())));
@@ -259,12 +259,12 @@ std::string makeSignedPackage(const SecretBytes& content, EVP_PKEY* key,
     unsigned char* der = nullptr;
     const int length = made ? i2d_CMS_ContentInfo(cms.get(), &der) : -1;
     if (length <= 0) {
-        throw ImageError(ImageFault::Key, "the package cannot be signed: " + opensslReason());
+        throw ImageError(ImageFault::kKey, "the package cannot be signed: " + opensslReason());
     }
     std::string package(reinterpret_cast<const char*>(der), static_cast<std::size_t>(length));
     OPENSSL_clear_free(der, static_cast<std::size_t>(length));
     if (package.size() > kLargestPackage) {
-        throw ImageError(ImageFault::Usage, "the certificates make the package too large");
+        throw ImageError(ImageFault::kUsage, "the certificates make the package too large");
     }
     return package;
 }

@@ -31,19 +31,19 @@ constexpr char kProvisioningPurpose[] = "2.25.3217724906564204716947968648720591
 /// say about the time is not looked at.
 /// @param wantsPurpose  whether the signer's certificate has to name kProvisioningPurpose; without
 ///                      that, what the certificates say they are for is not looked at
-/// @throws ImageError: ImageFault::Format for what is no such package, ImageFault::Signature when
+/// @throws ImageError: ImageFault::kFormat for what is no such package, ImageFault::kSignature when
 ///         the signature does not hold or nobody trusted made it. The text has no file name.
 /// Thread: any.
 SignedContent openSignedPackage(std::string_view package, const Certificates& trusted,
                                 bool wantsPurpose = false);
 
 /// Gives what is inside of a package, whoever signed it and whether or not the signature holds.
-/// @throws ImageError with ImageFault::Format for what is no such package.
+/// @throws ImageError with ImageFault::kFormat for what is no such package.
 SecretBytes peekIntoPackage(std::string_view package);
 
 /// Makes a package.
 /// @param certificates  the signer's first, then those that lead from it to one the devices trust
-/// @throws ImageError: ImageFault::Key when key and certificate do not belong together or when a
+/// @throws ImageError: ImageFault::kKey when key and certificate do not belong together or when a
 ///         device would refuse such a key.
 std::string makeSignedPackage(const SecretBytes& content, EVP_PKEY* key,
                               const Certificates& certificates);

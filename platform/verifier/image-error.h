@@ -9,11 +9,11 @@ namespace quillon {
 /// What is wrong, in the classes that a caller can act upon. The values are quillon-image's exit
 /// codes.
 enum class ImageFault : int {
-    Usage = 2,      ///< the caller asked for something that makes no sense
-    File = 3,       ///< a file cannot be read or written, or a program for it is missing or failed
-    Format = 4,     ///< not a stick image, or its size cannot be right
-    Signature = 5,  ///< the signature is missing or wrong
-    Key = 6         ///< a key cannot be used, or is not the one that the image was made with
+    kUsage = 2,      ///< the caller asked for something that makes no sense
+    kFile = 3,       ///< a file cannot be read or written, or a program for it is missing or failed
+    kFormat = 4,     ///< not a stick image, or its size cannot be right
+    kSignature = 5,  ///< the signature is missing or wrong
+    kKey = 6         ///< a key cannot be used, or is not the one that the image was made with
 };
 
 /// The one error of the image code. what() is a single line that names the file and the reason.
@@ -21,20 +21,20 @@ class ImageError : public std::runtime_error
 {
 public:
     ImageError(ImageFault fault, const std::string& reason)
-        : std::runtime_error(reason), _fault(fault)
+        : std::runtime_error(reason), fault_(fault)
     {
     }
 
-    ImageFault fault() const { return _fault; }
+    ImageFault fault() const { return fault_; }
 
 private:
-    ImageFault _fault;
+    ImageFault fault_;
 };
 
 /// @return the error of a file that does not carry the signature that it should.
 inline ImageError notSigned(const std::string& path, const std::string& reason)
 {
-    return {ImageFault::Signature, path + ": not signed: " + reason};
+    return {ImageFault::kSignature, path + ": not signed: " + reason};
 }
 
 }  // namespace quillon

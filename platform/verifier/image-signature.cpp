@@ -73,7 +73,7 @@ ImageTrailer sign(ImageTrailer trailer, const ContentDigest& content, const Imag
         EVP_PKEY_sign(context.get(), trailer.signature.data(), &length, digest.data(),
                       digest.size()) != 1 ||
         length != trailer.signature.size()) {
-        throw ImageError(ImageFault::Key, "signing key cannot sign");
+        throw ImageError(ImageFault::kKey, "signing key cannot sign");
     }
     return trailer;
 }
@@ -91,7 +91,7 @@ CheckValue checkValueOf(const std::string& text)
     const Bytes digest = digestOf(Bytes(text.begin(), text.end()), EVP_sha256());
     CheckValue value{};
     if (digest.size() < value.size()) {
-        throw ImageError(ImageFault::Signature, "a check value cannot be computed");
+        throw ImageError(ImageFault::kSignature, "a check value cannot be computed");
     }
     std::copy_n(digest.begin(), value.size(), value.begin());
     return value;

@@ -26,7 +26,7 @@ struct ImagePurpose
 ///         neither the first nor the last is a blank.
 bool isModelName(const std::string& text);
 
-/// @throws ImageError with ImageFault::Signature when SHA-256 cannot be computed.
+/// @throws ImageError with ImageFault::kSignature when SHA-256 cannot be computed.
 CheckValue checkValueOf(const std::string& text);
 
 /// Sets a signing or verifying context to the padding of a trailer's algorithm.
@@ -36,18 +36,18 @@ bool useImagePadding(EVP_PKEY_CTX* context, const EVP_MD* digest = EVP_sha256())
 
 /// Makes a trailer of format 1.
 /// @param key  an RSA-4096 private key
-/// @throws ImageError with ImageFault::Key when the key cannot sign.
+/// @throws ImageError with ImageFault::kKey when the key cannot sign.
 ImageTrailer signImage(const ContentDigest& content, EVP_PKEY* key);
 
 /// Makes a trailer of format 2.
-/// @throws ImageError with ImageFault::Key when the key cannot sign.
+/// @throws ImageError with ImageFault::kKey when the key cannot sign.
 ImageTrailer signImage(const ContentDigest& content, const ImagePurpose& purpose, EVP_PKEY* key);
 
 /// Checks a trailer's signature.
 /// @param path     the file that ends in the trailer, for the error's line only
 /// @param purpose  what a trailer of format 2 has to be made for; its counter does not matter here
 /// @param key      an RSA-4096 public key
-/// @throws ImageError with ImageFault::Signature when the signature is not this key's over this
+/// @throws ImageError with ImageFault::kSignature when the signature is not this key's over this
 ///         content and purpose.
 void requireSignature(const ImageTrailer& trailer, const ContentDigest& content,
                       const ImagePurpose& purpose, EVP_PKEY* key, const std::string& path);

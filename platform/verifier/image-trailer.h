@@ -60,7 +60,7 @@ struct ImageTrailer
 
 /// Reads a trailer. Only the two known formats and their algorithms are accepted.
 /// @param path  the file that ends in it, for the error's line only
-/// @throws ImageError with ImageFault::Signature.
+/// @throws ImageError with ImageFault::kSignature.
 ImageTrailer parseTrailer(const TrailerBytes& bytes, const std::string& path);
 
 /// Lays a trailer out as it stands in a file.

@@ -14,15 +14,15 @@ namespace {
 
 [[noreturn]] void refuse(const std::string& path, const std::string& reason)
 {
-    throw ImageError(ImageFault::File, path + ": cannot be read: " + reason);
+    throw ImageError(ImageFault::kFile, path + ": cannot be read: " + reason);
 }
 
 }  // namespace
 
-InputFile::InputFile(const std::string& path) : _path(path)
+InputFile::InputFile(const std::string& path) : path_(path)
 {
     struct stat opened = {};
-    switch (openRegularFile(path.c_str(), 0, _fd, opened)) {
+    switch (openRegularFile(path.c_str(), 0, fd_, opened)) {
         case FileResult::kOk:
             break;
         case FileResult::kNotRegular:
@@ -30,21 +30,21 @@ InputFile::InputFile(const std::string& path) : _path(path)
         default:
             refuse(path, std::strerror(errno));
     }
-    _size = static_cast<std::uint64_t>(opened.st_size);
+    size_ = static_cast<std::uint64_t>(opened.st_size);
 }
 
 void InputFile::readAt(std::uint64_t offset, unsigned char* buffer, std::size_t length) const
 {
     while (length > 0) {
-        const ssize_t count = pread(_fd.get(), buffer, length, static_cast<off_t>(offset));
+        const ssize_t count = pread(fd_.get(), buffer, length, static_cast<off_t>(offset));
         if (count < 0 && errno == EINTR) {
             continue;
         }
         if (count < 0) {
-            refuse(_path, std::strerror(errno));
+            refuse(path_, std::strerror(errno));
         }
         if (count == 0) {
-            refuse(_path, "ends too early");
+            refuse(path_, "ends too early");
         }
         const auto read = static_cast<std::size_t>(count);
         buffer += read;

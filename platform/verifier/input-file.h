@@ -13,24 +13,24 @@ namespace quillon {
 ///
 /// A FIFO, a device or a directory is refused without waiting for it or waking it up. Symbolic
 /// links are followed.
-/// Every failure is an ImageError with ImageFault::File.
+/// Every failure is an ImageError with ImageFault::kFile.
 class InputFile
 {
 public:
     explicit InputFile(const std::string& path);
 
-    const std::string& path() const { return _path; }
+    const std::string& path() const { return path_; }
 
     /// @return the size in bytes when the file was opened.
-    std::uint64_t size() const { return _size; }
+    std::uint64_t size() const { return size_; }
 
     /// Reads exactly length bytes at an offset; an end of file before that is a failure.
     void readAt(std::uint64_t offset, unsigned char* buffer, std::size_t length) const;
 
 private:
-    std::string _path;
-    UniqueFd _fd;
-    std::uint64_t _size = 0;
+    std::string path_;
+    UniqueFd fd_;
+    std::uint64_t size_ = 0;
 };
 
 /// Reads a small file whole.

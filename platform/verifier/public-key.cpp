@@ -39,14 +39,14 @@ UniqueKey loadPublicKey(const std::string& path)
     const std::string text = readSmallFile(path, kLargestKeyFile);
     const UniqueBio source(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
     if (!source) {
-        throw ImageError(ImageFault::File, path + ": cannot be read: out of memory");
+        throw ImageError(ImageFault::kFile, path + ": cannot be read: out of memory");
     }
     UniqueKey key(PEM_read_bio_PUBKEY(source.get(), nullptr, &refusePassPhrase, nullptr));
     if (!key) {
-        throw ImageError(ImageFault::Key, path + ": not a public key in PEM form");
+        throw ImageError(ImageFault::kKey, path + ": not a public key in PEM form");
     }
     if (!isRsa4096(key.get())) {
-        throw ImageError(ImageFault::Key, path + ": not an RSA key of 4096 bits");
+        throw ImageError(ImageFault::kKey, path + ": not an RSA key of 4096 bits");
     }
     return key;
 }
@@ -57,12 +57,12 @@ KeyId keyIdOf(const EVP_PKEY* key)
     const int length = i2d_PUBKEY(key, &der);
     const std::unique_ptr<unsigned char, OpensslFree> owner(der);
     if (length <= 0) {
-        throw ImageError(ImageFault::Key, "key cannot be encoded");
+        throw ImageError(ImageFault::kKey, "key cannot be encoded");
     }
     unsigned char digest[SHA256_DIGEST_LENGTH] = {};
     if (EVP_Digest(der, static_cast<std::size_t>(length), digest, nullptr, EVP_sha256(), nullptr) !=
         1) {
-        throw ImageError(ImageFault::Key, "key id cannot be computed");
+        throw ImageError(ImageFault::kKey, "key id cannot be computed");
     }
     KeyId keyId{};
     std::copy_n(digest, keyId.size(), keyId.begin());

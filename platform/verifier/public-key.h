@@ -10,7 +10,7 @@ namespace quillon {
 
 /// Reads an RSA-4096 public key from a PEM file ("BEGIN PUBLIC KEY").
 /// @return the key, never null.
-/// @throws ImageError : ImageFault::File when the file cannot be read, ImageFault::Key when it
+/// @throws ImageError : ImageFault::kFile when the file cannot be read, ImageFault::kKey when it
 ///         holds no RSA-4096 public key.
 UniqueKey loadPublicKey(const std::string& path);
 
@@ -18,7 +18,7 @@ UniqueKey loadPublicKey(const std::string& path);
 bool isRsa4096(const EVP_PKEY* key);
 
 /// @return the id by which a trailer names this key.
-/// @throws ImageError with ImageFault::Key when the key cannot be encoded.
+/// @throws ImageError with ImageFault::kKey when the key cannot be encoded.
 KeyId keyIdOf(const EVP_PKEY* key);
 
 /// A pass-phrase callback for OpenSSL that knows none, so that no key file ever makes a program ask

@@ -30,7 +30,7 @@ ImageTrailer readTrailer(const InputFile& file)
 
 }  // namespace
 
-SignedFile::SignedFile(const std::string& path) : _file(path), _trailer(readTrailer(_file))
+SignedFile::SignedFile(const std::string& path) : file_(path), trailer_(readTrailer(file_))
 {
 }
 
@@ -38,7 +38,7 @@ ContentDigest SignedFile::contentDigest() const
 {
     const auto require = [this](bool done) {
         if (!done) {
-            throw notSigned(_file.path(), "signature cannot be checked");
+            throw notSigned(file_.path(), "signature cannot be checked");
         }
     };
     const UniqueDigest digest(EVP_MD_CTX_new());
@@ -49,7 +49,7 @@ ContentDigest SignedFile::contentDigest() const
     for (std::uint64_t offset = 0; offset < end;) {
         const auto length =
             static_cast<std::size_t>(std::min<std::uint64_t>(chunk.size(), end - offset));
-        _file.readAt(offset, chunk.data(), length);
+        file_.readAt(offset, chunk.data(), length);
         require(EVP_DigestUpdate(digest.get(), chunk.data(), length) == 1);
         offset += length;
     }

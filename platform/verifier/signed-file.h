@@ -15,23 +15,23 @@ namespace quillon {
 class SignedFile
 {
 public:
-    /// @throws ImageError: ImageFault::File when it cannot be read, ImageFault::Signature when it
+    /// @throws ImageError: ImageFault::kFile when it cannot be read, ImageFault::kSignature when it
     ///         has no usable trailer.
     explicit SignedFile(const std::string& path);
 
-    const InputFile& file() const { return _file; }
-    const ImageTrailer& trailer() const { return _trailer; }
+    const InputFile& file() const { return file_; }
+    const ImageTrailer& trailer() const { return trailer_; }
 
     /// @return the number of signed bytes, all before the trailer.
-    std::uint64_t contentSize() const { return _file.size() - kTrailerSize; }
+    std::uint64_t contentSize() const { return file_.size() - kTrailerSize; }
 
     /// Reads the whole content, in pieces.
-    /// @throws ImageError with ImageFault::File when the content cannot be read.
+    /// @throws ImageError with ImageFault::kFile when the content cannot be read.
     ContentDigest contentDigest() const;
 
 private:
-    InputFile _file;
-    ImageTrailer _trailer;
+    InputFile file_;
+    ImageTrailer trailer_;
 };
 
 }  // namespace quillon

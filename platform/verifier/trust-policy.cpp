@@ -89,7 +89,7 @@ void readSettings(const std::string& path, const Taker& take)
         }
         const std::string defect = takeLine(line, seen, take);
         if (!defect.empty()) {
-            throw ImageError(ImageFault::File,
+            throw ImageError(ImageFault::kFile,
                              joined({path, ":", std::to_string(number), ": ", defect}));
         }
     }

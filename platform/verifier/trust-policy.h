@@ -31,7 +31,7 @@ constexpr std::size_t kLargestTrustFile = 65536;
 ///     provisioning-purpose = required    (or optional, as without the line)
 ///
 /// @return the defaults when there is no such file.
-/// @throws ImageError with ImageFault::File when it cannot be read or a line is wrong, naming the
+/// @throws ImageError with ImageFault::kFile when it cannot be read or a line is wrong, naming the
 ///         line and the remedy. Nothing may be trusted then.
 TrustPolicy loadTrustPolicy(const std::string& path);
 
@@ -46,7 +46,7 @@ std::string moduleOf(const std::string& path);
 /// Checks what a trailer's header says against a policy. The signature has to be checked for the
 /// purpose that is returned.
 /// @param path  of the image
-/// @throws ImageError with ImageFault::Signature, naming what is wrong.
+/// @throws ImageError with ImageFault::kSignature, naming what is wrong.
 ImagePurpose requireAllowed(const ImageTrailer& trailer, const std::string& path,
                             const TrustPolicy& policy);
 

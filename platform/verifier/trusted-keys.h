@@ -18,7 +18,7 @@ namespace quillon {
 /// @param complain  called with one line for each key file that is of no use and is passed over:
 ///                  such a file must not lock the good keys out
 /// @return path of the key that signed the content.
-/// @throws ImageError with ImageFault::Signature when no key has the id or its signature is wrong.
+/// @throws ImageError with ImageFault::kSignature when no key has the id or its signature is wrong.
 std::string requireTrustedSignature(const ImageTrailer& trailer, const std::string& path,
                                     const ImagePurpose& purpose,
                                     const std::function<ContentDigest()>& digest,

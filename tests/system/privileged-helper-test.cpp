@@ -60,7 +60,7 @@ std::vector<std::string> devices()
 /// What a client of another user gets, as an exit status: the result, or 200 without an answer.
 int umountNothing()
 {
-    return askBare(Kind::Unmount, std::string(kMountFolder) + "nothing").value_or(200);
+    return askBare(Kind::kUnmount, std::string(kMountFolder) + "nothing").value_or(200);
 }
 
 bool isWayInPlace()

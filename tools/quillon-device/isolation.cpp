@@ -49,7 +49,7 @@ pid_t forkInto(int namespaces)
 int namespacesOf(Way way)
 {
     const int namespaces = CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWPID;
-    return way == Way::User ? namespaces | CLONE_NEWUSER : namespaces;
+    return way == Way::kUser ? namespaces | CLONE_NEWUSER : namespaces;
 }
 
 void writeAll(int fd, const std::string& text)
@@ -118,7 +118,7 @@ void setUp(const std::string& directory)
     int status = 0;
     try {
         dieWithParent(report.get());
-        if (way == Way::User) {
+        if (way == Way::kUser) {
             becomeRootOfNamespace(user, group);
         }
         setUp(directory);
@@ -147,7 +147,7 @@ std::string cloneFailure(int error)
 
 std::optional<int> run(Way way, const Command* command, std::string& reason)
 {
-    if (way == Way::Root && ::geteuid() != 0) {
+    if (way == Way::kRoot && ::geteuid() != 0) {
         reason = "not root";
         return std::nullopt;
     }
@@ -180,7 +180,7 @@ std::optional<int> run(Way way, const Command* command, std::string& reason)
 
 const char* nameOf(Way way)
 {
-    return way == Way::Root ? "root" : "user";
+    return way == Way::kRoot ? "root" : "user";
 }
 
 std::optional<int> runIsolated(Way way, const Command& command, std::string& reason)

@@ -10,8 +10,8 @@ namespace quillon::device {
 
 /// How a device is kept apart from the host.
 enum class Way {
-    Root,  ///< private mount, IPC and PID namespaces
-    User,  ///< the same inside a user namespace
+    kRoot,  ///< private mount, IPC and PID namespaces
+    kUser,  ///< the same inside a user namespace
 };
 
 /// The way's name as options and QUILLON_DEVICE have it: "root" or "user".

@@ -110,11 +110,11 @@ int runInOneWay(Way way, const Command& command)
 int runInAnyWay(const Command& command)
 {
     std::string asRoot;
-    if (const std::optional<int> status = runIsolated(Way::Root, command, asRoot)) {
+    if (const std::optional<int> status = runIsolated(Way::kRoot, command, asRoot)) {
         return *status;
     }
     std::string asUser;
-    if (const std::optional<int> status = runIsolated(Way::User, command, asUser)) {
+    if (const std::optional<int> status = runIsolated(Way::kUser, command, asUser)) {
         return *status;
     }
     const std::string reason = "as root: " + asRoot + "; as user: " + asUser;
@@ -145,10 +145,10 @@ int runCommand(const Options& options, Command command)
     command.signalMask = takeSignals();
     try {
         if (options.isolation == "root") {
-            return runInOneWay(Way::Root, command);
+            return runInOneWay(Way::kRoot, command);
         }
         if (options.isolation == "user") {
-            return runInOneWay(Way::User, command);
+            return runInOneWay(Way::kUser, command);
         }
         return options.isolation == "in-place" ? runInPlaceOnDemand(command) : runInAnyWay(command);
     } catch (const std::exception& error) {
@@ -167,8 +167,8 @@ int showInfo()
     std::string asRoot;
     std::string asUser;
     std::string inPlace;
-    const bool root = isPossible(Way::Root, asRoot);
-    const bool user = isPossible(Way::User, asUser);
+    const bool root = isPossible(Way::kRoot, asRoot);
+    const bool user = isPossible(Way::kUser, asUser);
     const bool writable = mayRunInPlace(inPlace);
     const std::string mark = disposableContainerMark();
     const bool allowed = !mark.empty() || isSet("QUILLON_DEVICE_IN_PLACE");

@@ -18,7 +18,7 @@ namespace {
 
 [[noreturn]] void refuse(const std::string& path)
 {
-    throw ImageError(ImageFault::File, path + ": cannot be written: " + std::strerror(errno));
+    throw ImageError(ImageFault::kFile, path + ": cannot be written: " + std::strerror(errno));
 }
 
 std::string folderOf(const std::string& path)
@@ -30,46 +30,46 @@ std::string folderOf(const std::string& path)
 }  // namespace
 
 AtomicFile::AtomicFile(const std::string& path, Audience audience)
-    : _path(path), _temporary(path + ".XXXXXX")
+    : path_(path), temporary_(path + ".XXXXXX")
 {
     // Renaming over a device node or a FIFO would replace it, which nobody means to do.
     struct stat status = {};
     if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
-        throw ImageError(ImageFault::File, path + ": cannot be written: not a regular file");
+        throw ImageError(ImageFault::kFile, path + ": cannot be written: not a regular file");
     }
-    _descriptor = UniqueFd(mkostemp(_temporary.data(), O_CLOEXEC));  // mode 0600
-    if (!_descriptor) {
+    descriptor_ = UniqueFd(mkostemp(temporary_.data(), O_CLOEXEC));  // mode 0600
+    if (!descriptor_) {
         refuse(path);
     }
-    if (audience == Audience::Everyone) {
+    if (audience == Audience::kEveryone) {
         // A stick's file system may have no modes to change; the content is no secret either way.
-        static_cast<void>(fchmod(_descriptor.get(), S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH));
+        static_cast<void>(fchmod(descriptor_.get(), S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH));
     }
 }
 
 AtomicFile::~AtomicFile()
 {
-    if (_descriptor) {
-        unlink(_temporary.c_str());
+    if (descriptor_) {
+        unlink(temporary_.c_str());
     }
 }
 
 void AtomicFile::write(const unsigned char* data, std::size_t length)
 {
-    if (!writeAll(_descriptor.get(), data, length)) {
-        refuse(_path);
+    if (!writeAll(descriptor_.get(), data, length)) {
+        refuse(path_);
     }
 }
 
 void AtomicFile::commit()
 {
-    if (fsync(_descriptor.get()) != 0 || std::rename(_temporary.c_str(), _path.c_str()) != 0) {
-        refuse(_path);
+    if (fsync(descriptor_.get()) != 0 || std::rename(temporary_.c_str(), path_.c_str()) != 0) {
+        refuse(path_);
     }
-    _descriptor.reset();
+    descriptor_.reset();
     // Some file systems of sticks cannot sync a folder; the file itself is on the disk by now.
-    if (!syncFolder(folderOf(_path)) && errno != EINVAL) {
-        refuse(_path);
+    if (!syncFolder(folderOf(path_)) && errno != EINVAL) {
+        refuse(path_);
     }
 }
 

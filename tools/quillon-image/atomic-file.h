@@ -10,15 +10,15 @@ namespace quillon {
 
 /// Who may read a file that is written.
 enum class Audience {
-    OwnerOnly,  ///< mode 0600
-    Everyone    ///< mode 0644
+    kOwnerOnly,  ///< mode 0600
+    kEveryone    ///< mode 0644
 };
 
 /// A file that appears under its name whole or not at all.
 ///
 /// The bytes go to a temporary file in the same folder; commit() brings them to the disk and gives
 /// them the name. Without commit() nothing remains.
-/// Failures are ImageErrors with ImageFault::File that name the file.
+/// Failures are ImageErrors with ImageFault::kFile that name the file.
 class AtomicFile
 {
 public:
@@ -31,12 +31,12 @@ public:
     void commit();
 
     /// @return where the bytes are until commit(), for a program that writes them in our place.
-    const std::string& temporaryPath() const { return _temporary; }
+    const std::string& temporaryPath() const { return temporary_; }
 
 private:
-    std::string _path;
-    std::string _temporary;
-    UniqueFd _descriptor;
+    std::string path_;
+    std::string temporary_;
+    UniqueFd descriptor_;
 };
 
 /// Writes a whole file through AtomicFile.

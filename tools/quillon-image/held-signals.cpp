@@ -11,20 +11,20 @@ constexpr int kSignals[] = {SIGHUP, SIGINT, SIGTERM};
 
 HeldSignals::HeldSignals()
 {
-    sigemptyset(&_held);
+    sigemptyset(&held_);
     for (const int signal : kSignals) {
         struct sigaction action = {};
         // One that is ignored, as by nohup(1), would wait here instead of being dropped.
         if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN) {
-            sigaddset(&_held, signal);
+            sigaddset(&held_, signal);
         }
     }
-    sigprocmask(SIG_BLOCK, &_held, &_before);
+    sigprocmask(SIG_BLOCK, &held_, &before_);
 }
 
 HeldSignals::~HeldSignals()
 {
-    sigprocmask(SIG_SETMASK, &_before, nullptr);
+    sigprocmask(SIG_SETMASK, &before_, nullptr);
 }
 
 void HeldSignals::requireNone() const
@@ -33,7 +33,7 @@ void HeldSignals::requireNone() const
     sigpending(&waiting);
     for (const int signal : kSignals) {
         if (sigismember(&waiting, signal) == 1) {
-            throw ImageError(ImageFault::File, "interrupted");
+            throw ImageError(ImageFault::kFile, "interrupted");
         }
     }
 }

@@ -18,12 +18,12 @@ public:
     HeldSignals& operator=(const HeldSignals&) = delete;
 
     /// To be called now and then during long work.
-    /// @throws ImageError with ImageFault::File when one of the signals is waiting.
+    /// @throws ImageError with ImageFault::kFile when one of the signals is waiting.
     void requireNone() const;
 
 private:
-    sigset_t _held{};
-    sigset_t _before{};
+    sigset_t held_{};
+    sigset_t before_{};
 };
 
 }  // namespace quillon

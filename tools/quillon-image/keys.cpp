@@ -28,7 +28,7 @@ constexpr int kProvisioningCurve = NID_X9_62_prime256v1;  // P-256
 
 [[noreturn]] void refuseToCreate(const char* what)
 {
-    throw ImageError(ImageFault::Key, std::string(what) + " cannot be made");
+    throw ImageError(ImageFault::kKey, std::string(what) + " cannot be made");
 }
 
 /// @param configure  says what key of that type it is to be
@@ -95,7 +95,7 @@ void makeFolder(const std::filesystem::path& folder)
     std::error_code error;
     std::filesystem::create_directories(folder, error);
     if (error) {
-        throw ImageError(ImageFault::File,
+        throw ImageError(ImageFault::kFile,
                          folder.string() + ": cannot be made: " + error.message());
     }
 }
@@ -108,7 +108,7 @@ void requireNoKeys(const std::filesystem::path& folder)
         std::error_code error;
         if (std::filesystem::symlink_status(file, error).type() !=
             std::filesystem::file_type::not_found) {
-            throw ImageError(ImageFault::File, file.string() + ": exists already");
+            throw ImageError(ImageFault::kFile, file.string() + ": exists already");
         }
     }
 }
@@ -118,8 +118,8 @@ void requireNoKeys(const std::filesystem::path& folder)
 ImageKey imageKeyOf(const std::string& item)
 {
     if (item.size() < kUsedItemSize) {
-        throw ImageError(ImageFault::Key, "image key has " + std::to_string(item.size()) +
-                                              " bytes, at least 16 are needed");
+        throw ImageError(ImageFault::kKey, "image key has " + std::to_string(item.size()) +
+                                               " bytes, at least 16 are needed");
     }
     const std::string text =
         hexText(reinterpret_cast<const unsigned char*>(item.data()), kUsedItemSize);
@@ -147,7 +147,7 @@ UniqueKey loadPrivateKey(const std::string& path)
         key.reset(PEM_read_bio_PrivateKey(source.get(), nullptr, &refusePassPhrase, nullptr));
     }
     if (!key) {
-        throw ImageError(ImageFault::Key,
+        throw ImageError(ImageFault::kKey,
                          path + ": not a private key in PEM form without a pass phrase");
     }
     return key;
@@ -157,7 +157,7 @@ UniqueKey loadSigningKey(const std::string& path)
 {
     UniqueKey key = loadPrivateKey(path);
     if (!isRsa4096(key.get())) {
-        throw ImageError(ImageFault::Key, path + ": not an RSA key of 4096 bits");
+        throw ImageError(ImageFault::kKey, path + ": not an RSA key of 4096 bits");
     }
     return key;
 }
@@ -186,16 +186,16 @@ void createKeys(const std::string& folder, bool replace)
     Certificates certificates;
     certificates.push_back(createProvisioningCertificate(provisioningKey.get()));
 
-    writeFile(place / kSigningKeyFile, privateKeyText(key.get()), Audience::OwnerOnly);
-    writeFile(place / kPublicKeyFile, publicKeyText(key.get()), Audience::Everyone);
-    writeFile(place / kImageKeyFile, item, Audience::OwnerOnly);
+    writeFile(place / kSigningKeyFile, privateKeyText(key.get()), Audience::kOwnerOnly);
+    writeFile(place / kPublicKeyFile, publicKeyText(key.get()), Audience::kEveryone);
+    writeFile(place / kImageKeyFile, item, Audience::kOwnerOnly);
     writeFile(place / kProvisioningKeyFile, privateKeyText(provisioningKey.get()),
-              Audience::OwnerOnly);
+              Audience::kOwnerOnly);
     writeFile(place / kProvisioningCertificateFile, certificateText(certificates.front().get()),
-              Audience::Everyone);
+              Audience::kEveryone);
     writeFile(place / kProvisioningPackageFile,
               encodeProvisioningPackage(kImageKeyItem, item, provisioningKey.get(), certificates),
-              Audience::OwnerOnly);
+              Audience::kOwnerOnly);
 }
 
 }  // namespace quillon

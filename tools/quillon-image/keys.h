@@ -16,21 +16,21 @@ using ImageKey = std::array<unsigned char, 32>;
 /// The service takes the first 32 characters of the item's lowercase hexadecimal text, as they
 /// stand, for the key. Only the first 16 bytes of the item therefore matter.
 /// @param item  raw bytes, at least 16
-/// @throws ImageError with ImageFault::Key when the item is shorter.
+/// @throws ImageError with ImageFault::kKey when the item is shorter.
 ImageKey imageKeyOf(const std::string& item);
 
 /// Reads an item file and derives its key.
-/// @throws ImageError: ImageFault::File or ImageFault::Key, naming the file.
+/// @throws ImageError: ImageFault::kFile or ImageFault::kKey, naming the file.
 ImageKey loadImageKey(const std::string& path);
 
 /// Reads a signing key: an RSA-4096 private key in PEM form without a pass phrase.
 /// @return the key, never null.
-/// @throws ImageError: ImageFault::File or ImageFault::Key, naming the file.
+/// @throws ImageError: ImageFault::kFile or ImageFault::kKey, naming the file.
 UniqueKey loadSigningKey(const std::string& path);
 
 /// Reads a provisioning key: a private key in PEM form without a pass phrase, of any kind.
 /// @return the key, never null.
-/// @throws ImageError: ImageFault::File or ImageFault::Key, naming the file.
+/// @throws ImageError: ImageFault::kFile or ImageFault::kKey, naming the file.
 UniqueKey loadPrivateKey(const std::string& path);
 
 /// The files that createKeys makes in its folder. The private ones stay with the maker.
@@ -47,7 +47,7 @@ constexpr char kProvisioningPackageFile[] = "00000066.bin";  ///< brings the ite
 ///
 /// The folder is made when it is missing. All secret files are readable by their owner only.
 /// @param replace  false: when any of the six files exists, nothing is written
-/// @throws ImageError: ImageFault::File, naming the file.
+/// @throws ImageError: ImageFault::kFile, naming the file.
 void createKeys(const std::string& folder, bool replace);
 
 }  // namespace quillon

@@ -176,10 +176,10 @@ int run(int argc, char** argv)
     } catch (const CLI::Success& wish) {  // --help and --version
         app.exit(wish);
     } catch (const CLI::ParseError& error) {
-        return fail(ImageFault::Usage, std::string(error.what()) + " (see --help)");
+        return fail(ImageFault::kUsage, std::string(error.what()) + " (see --help)");
     }
     if (!std::cout.flush()) {
-        return fail(ImageFault::File, "standard output cannot be written");
+        return fail(ImageFault::kFile, "standard output cannot be written");
     }
     return 0;
 }
@@ -193,6 +193,6 @@ int main(int argc, char** argv)
     } catch (const ImageError& error) {
         return fail(error.fault(), error.what());
     } catch (const std::exception& error) {
-        return fail(ImageFault::File, error.what());
+        return fail(ImageFault::kFile, error.what());
     }
 }

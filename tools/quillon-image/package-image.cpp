@@ -51,32 +51,32 @@ public:
     {
         std::string pattern = neighbour + ".XXXXXX";
         if (mkdtemp(pattern.data()) == nullptr) {
-            throw ImageError(ImageFault::File,
+            throw ImageError(ImageFault::kFile,
                              neighbour + ": cannot be written: " + std::strerror(errno));
         }
-        _path = pattern;
+        path_ = pattern;
     }
 
     ~ScratchFolder()
     {
         std::error_code ignored;
-        std::filesystem::remove_all(_path, ignored);
+        std::filesystem::remove_all(path_, ignored);
     }
 
     ScratchFolder(const ScratchFolder&) = delete;
     ScratchFolder& operator=(const ScratchFolder&) = delete;
 
-    const std::string& path() const { return _path; }
+    const std::string& path() const { return path_; }
 
 private:
-    std::string _path;
+    std::string path_;
 };
 
 /// Copies a file; the checksum is that of the bytes that were copied.
 std::uint32_t copyPayload(const InputFile& payload, const std::string& target,
                           const HeldSignals& signals)
 {
-    AtomicFile copy(target, Audience::Everyone);
+    AtomicFile copy(target, Audience::kEveryone);
     std::vector<unsigned char> chunk(kChunkSize);
     std::uint32_t crc = 0;
     for (std::uint64_t offset = 0; offset < payload.size();) {
@@ -155,7 +155,7 @@ bool hasMark(const InputFile& file, std::uint64_t offset, const std::string& mar
 
 const char* toText(PackageType type)
 {
-    return type == PackageType::Squashfs ? "squashfs" : "ext4";
+    return type == PackageType::kSquashfs ? "squashfs" : "ext4";
 }
 
 std::string firmwareNameOf(const std::string& packageName)
@@ -164,7 +164,7 @@ std::string firmwareNameOf(const std::string& packageName)
     if (packageName.empty() || packageName.size() > kLongestName ||
         !hasLettersAndDigitsOnly(packageName) || mark == std::string::npos ||
         packageName == kNameMark) {
-        throw ImageError(ImageFault::Usage,
+        throw ImageError(ImageFault::kUsage,
                          "a package's name has 1 to 127 ASCII letters and digits, 'emp' and the "
                          "firmware's name among them");
     }
@@ -179,15 +179,15 @@ std::uint32_t buildPackage(const PackageContent& content, PackageType type,
     const InputFile payload(content.payload);
 
     const HeldSignals signals;
-    AtomicFile output(outputPath, Audience::Everyone);
+    AtomicFile output(outputPath, Audience::kEveryone);
     const ScratchFolder folder(outputPath);
     const std::uint32_t crc = copyPayload(payload, folder.path() + "/" + payloadName, signals);
     writeFile(folder.path() + "/" + kInformationFile, informationText(content, crc),
-              Audience::Everyone);
+              Audience::kEveryone);
 
     // The programs run in the folder, so that no name of ours can be taken for an option.
     const std::string image = std::filesystem::absolute(output.temporaryPath()).string();
-    if (type == PackageType::Squashfs) {
+    if (type == PackageType::kSquashfs) {
         makeSquashfs(folder.path(), image);
     } else {
         makeExt4(folder.path(), image, payloadName);
@@ -201,10 +201,10 @@ std::optional<PackageType> packageTypeOf(const std::string& path)
 {
     const InputFile file(path);
     if (hasMark(file, 0, "hsqs")) {
-        return PackageType::Squashfs;
+        return PackageType::kSquashfs;
     }
     if (hasMark(file, 1080, "\x53\xEF")) {
-        return PackageType::Ext4;
+        return PackageType::kExt4;
     }
     return std::nullopt;
 }

@@ -14,7 +14,7 @@
 
 namespace quillon {
 
-enum class PackageType { Squashfs, Ext4 };
+enum class PackageType { kSquashfs, kExt4 };
 
 /// @return the type's name as mount(8) knows it.
 const char* toText(PackageType type);
@@ -29,7 +29,7 @@ struct PackageContent
 };
 
 /// @return the payload's name in the package without ".bin", and the module's name everywhere else.
-/// @throws ImageError with ImageFault::Usage when the name is none for a package.
+/// @throws ImageError with ImageFault::kUsage when the name is none for a package.
 std::string firmwareNameOf(const std::string& packageName);
 
 /// Makes a package. The same content makes the same bytes, whoever makes it and when.
@@ -39,14 +39,14 @@ std::string firmwareNameOf(const std::string& packageName);
 ///
 /// @param outputPath  the package; appears whole or not at all and replaces an earlier file
 /// @return the payload's CRC-32.
-/// @throws ImageError: ImageFault::Usage for name and version; ImageFault::File for a file that
+/// @throws ImageError: ImageFault::kUsage for name and version; ImageFault::kFile for a file that
 ///         cannot be read or written, and for mksquashfs, mke2fs or debugfs missing or failing.
 std::uint32_t buildPackage(const PackageContent& content, PackageType type,
                            const std::string& outputPath);
 
 /// Tells a package from other files by the mark of its file system.
 /// @return nothing when the file bears neither mark.
-/// @throws ImageError with ImageFault::File when the file cannot be read.
+/// @throws ImageError with ImageFault::kFile when the file cannot be read.
 std::optional<PackageType> packageTypeOf(const std::string& path);
 
 }  // namespace quillon

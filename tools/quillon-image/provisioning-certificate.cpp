@@ -63,7 +63,7 @@ UniqueCertificate createProvisioningCertificate(EVP_PKEY* key)
                       addExtension(made, NID_subject_key_identifier, "hash") &&
                       X509_sign(made, key, EVP_sha256()) > 0;
     if (!done) {
-        throw ImageError(ImageFault::Key, "provisioning certificate cannot be made");
+        throw ImageError(ImageFault::kKey, "provisioning certificate cannot be made");
     }
     return certificate;
 }

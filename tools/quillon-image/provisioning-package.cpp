@@ -18,7 +18,7 @@ ProvisioningPackageInfo describe(const std::string& package, const SignedContent
 {
     ProvisioningContent parts;
     if (const char* defect = parseProvisioningContent(textOf(content.bytes), parts)) {
-        throw ImageError(ImageFault::Format, defect);
+        throw ImageError(ImageFault::kFormat, defect);
     }
     return {package.size(), std::string(parts.item), parts.payload.size(), content.signer,
             parts.floors};
@@ -32,10 +32,10 @@ std::string encodeProvisioningPackage(const std::string& item, const std::string
 {
     const bool bringsFloorsAlone = item.empty() && payload.empty() && !floors.empty();
     if (!bringsFloorsAlone && !isItemName(item)) {
-        throw ImageError(ImageFault::Usage, "'" + item + "' is no name for a storage item");
+        throw ImageError(ImageFault::kUsage, "'" + item + "' is no name for a storage item");
     }
     if (!bringsFloorsAlone && (payload.empty() || payload.size() > kLargestItem)) {
-        throw ImageError(ImageFault::Usage, "a storage item has 1 to 65536 bytes");
+        throw ImageError(ImageFault::kUsage, "a storage item has 1 to 65536 bytes");
     }
     return makeSignedPackage(encodeProvisioningContent({item, payload, floors}), key, certificates);
 }
@@ -57,13 +57,13 @@ ProvisioningPackageInfo verifyProvisioningPackage(
     const std::string package = readSmallFile(path, kLargestPackage);
     const Certificates trusted = loadCertificates(folder, complain);
     if (trusted.empty()) {
-        throw ImageError(ImageFault::Signature,
+        throw ImageError(ImageFault::kSignature,
                          path + ": not trusted: no certificate (*.pem) in " + folder);
     }
     try {
         return describe(package, openSignedPackage(package, trusted, wantsPurpose));
     } catch (const ImageError& error) {
-        const bool isPackage = error.fault() == ImageFault::Signature;
+        const bool isPackage = error.fault() == ImageFault::kSignature;
         throw ImageError(error.fault(), path +
                                             (isPackage ? ": not signed by anyone trusted: "
                                                        : ": not a provisioning package: ") +

@@ -19,7 +19,8 @@ namespace quillon {
 /// @param certificates  the signer's first, then those that lead to one that the devices trust
 /// @param floors        security floors, of valid names
 /// @return the whole package.
-/// @throws ImageError: ImageFault::Usage when name or payload do not fit, ImageFault::Key when key
+/// @throws ImageError: ImageFault::kUsage when name or payload do not fit, ImageFault::kKey when
+/// key
 ///         and certificate do not belong together or devices would refuse the key.
 std::string encodeProvisioningPackage(const std::string& item, const std::string& payload,
                                       EVP_PKEY* key, const Certificates& certificates,
@@ -43,7 +44,7 @@ std::optional<ProvisioningPackageInfo> inspectProvisioningPackage(const std::str
 /// @param wantsPurpose  as of openSignedPackage
 /// @param complain      called with one line for each file in it that is of no use and is passed
 ///                      over
-/// @throws ImageError: ImageFault::File, ImageFault::Format, ImageFault::Signature.
+/// @throws ImageError: ImageFault::kFile, ImageFault::kFormat, ImageFault::kSignature.
 ProvisioningPackageInfo verifyProvisioningPackage(
     const std::string& path, const std::string& folder, bool wantsPurpose,
     const std::function<void(const std::string&)>& complain);

@@ -15,7 +15,7 @@ constexpr char kSystemFolders[] = ":/usr/sbin:/sbin";
 
 [[noreturn]] void refuse(const std::string& reason)
 {
-    throw ImageError(ImageFault::File, reason);
+    throw ImageError(ImageFault::kFile, reason);
 }
 
 std::string find(const Program& program)

@@ -22,7 +22,8 @@ struct Program
 ///
 /// @param folder     its working directory
 /// @param variables  of its environment in addition to ours, each "NAME=VALUE"
-/// @throws ImageError with ImageFault::File when the program is missing or fails; the line has what
+/// @throws ImageError with ImageFault::kFile when the program is missing or fails; the line has
+/// what
 ///         it wrote to its standard error.
 void runProgram(const Program& program, const std::vector<std::string>& arguments,
                 const std::string& folder, const std::vector<std::string>& variables);

@@ -43,7 +43,7 @@ std::string decodeVersion(const VersionHeader& header, const std::string& path)
     const bool padded =
         end != header.end() && std::all_of(end, header.end(), [](auto byte) { return byte == 0; });
     if (!padded || end == header.begin() || !std::all_of(header.begin(), end, isPrintable)) {
-        throw ImageError(ImageFault::Key, path + ": wrong image key: no version header comes out");
+        throw ImageError(ImageFault::kKey, path + ": wrong image key: no version header comes out");
     }
     return {header.begin(), end};
 }
@@ -52,28 +52,28 @@ std::string decodeVersion(const VersionHeader& header, const std::string& path)
 class Cipher
 {
 public:
-    enum Direction { Decipher = 0, Encipher = 1 };
+    enum Direction { kDecipher = 0, kEncipher = 1 };
 
     Cipher(const ImageKey& key, const InitialisationVector& vector, Direction direction)
-        : _context(EVP_CIPHER_CTX_new())
+        : context_(EVP_CIPHER_CTX_new())
     {
-        if (!_context || EVP_CipherInit_ex(_context.get(), EVP_aes_256_cbc(), nullptr, key.data(),
+        if (!context_ || EVP_CipherInit_ex(context_.get(), EVP_aes_256_cbc(), nullptr, key.data(),
                                            vector.data(), direction) != 1) {
-            throw ImageError(ImageFault::Key, "AES-256-CBC cannot be set up");
+            throw ImageError(ImageFault::kKey, "AES-256-CBC cannot be set up");
         }
     }
 
     /// @return the output bytes; valid until the next call.
     const std::vector<unsigned char>& update(const unsigned char* data, std::size_t length)
     {
-        _output.resize(length + kCipherBlockSize);
+        output_.resize(length + kCipherBlockSize);
         int written = 0;
-        if (EVP_CipherUpdate(_context.get(), _output.data(), &written, data,
+        if (EVP_CipherUpdate(context_.get(), output_.data(), &written, data,
                              static_cast<int>(length)) != 1) {
-            throw ImageError(ImageFault::Key, "AES-256-CBC failed");
+            throw ImageError(ImageFault::kKey, "AES-256-CBC failed");
         }
-        _output.resize(static_cast<std::size_t>(written));
-        return _output;
+        output_.resize(static_cast<std::size_t>(written));
+        return output_;
     }
 
     /// Ends the stream.
@@ -83,14 +83,14 @@ public:
     {
         output.resize(kCipherBlockSize);
         int written = 0;
-        const bool good = EVP_CipherFinal_ex(_context.get(), output.data(), &written) == 1;
+        const bool good = EVP_CipherFinal_ex(context_.get(), output.data(), &written) == 1;
         output.resize(good ? static_cast<std::size_t>(written) : 0);
         return good;
     }
 
 private:
-    UniqueCipher _context;
-    std::vector<unsigned char> _output;
+    UniqueCipher context_;
+    std::vector<unsigned char> output_;
 };
 
 /// A file that is signed when it is written.
@@ -98,19 +98,19 @@ class SignedOutput
 {
 public:
     explicit SignedOutput(const std::string& path)
-        : _file(path, Audience::Everyone), _digest(EVP_MD_CTX_new())
+        : file_(path, Audience::kEveryone), digest_(EVP_MD_CTX_new())
     {
-        require(_digest && EVP_DigestInit_ex(_digest.get(), EVP_sha256(), nullptr) == 1);
+        require(digest_ && EVP_DigestInit_ex(digest_.get(), EVP_sha256(), nullptr) == 1);
     }
 
     void write(const unsigned char* data, std::size_t length)
     {
-        _size += length;
-        if (_size + kTrailerSize > kLargestImage) {
-            throw ImageError(ImageFault::Format, "payload too large: an image stays below 2 GiB");
+        size_ += length;
+        if (size_ + kTrailerSize > kLargestImage) {
+            throw ImageError(ImageFault::kFormat, "payload too large: an image stays below 2 GiB");
         }
-        require(EVP_DigestUpdate(_digest.get(), data, length) == 1);
-        _file.write(data, length);
+        require(EVP_DigestUpdate(digest_.get(), data, length) == 1);
+        file_.write(data, length);
     }
 
     void write(const std::vector<unsigned char>& data) { write(data.data(), data.size()); }
@@ -118,24 +118,24 @@ public:
     void commit(const std::optional<ImagePurpose>& purpose, EVP_PKEY* key)
     {
         ContentDigest content{};
-        require(EVP_DigestFinal_ex(_digest.get(), content.data(), nullptr) == 1);
+        require(EVP_DigestFinal_ex(digest_.get(), content.data(), nullptr) == 1);
         const TrailerBytes bytes =
             encodeTrailer(purpose ? signImage(content, *purpose, key) : signImage(content, key));
-        _file.write(bytes.data(), bytes.size());
-        _file.commit();
+        file_.write(bytes.data(), bytes.size());
+        file_.commit();
     }
 
 private:
     static void require(bool done)
     {
         if (!done) {
-            throw ImageError(ImageFault::Key, "SHA-256 cannot be computed");
+            throw ImageError(ImageFault::kKey, "SHA-256 cannot be computed");
         }
     }
 
-    AtomicFile _file;
-    UniqueDigest _digest;
-    std::uint64_t _size = 0;
+    AtomicFile file_;
+    UniqueDigest digest_;
+    std::uint64_t size_ = 0;
 };
 
 /// Hands a range of a file to a consumer, piece by piece.
@@ -157,13 +157,13 @@ void requirePossibleSize(const InputFile& file)
     const std::string start =
         file.path() + ": not a stick image: " + std::to_string(file.size()) + " bytes ";
     if (file.size() < kSmallestImage) {
-        throw ImageError(ImageFault::Format, start + "are too few");
+        throw ImageError(ImageFault::kFormat, start + "are too few");
     }
     if (file.size() > kLargestImage) {
-        throw ImageError(ImageFault::Format, start + "are too many, an image stays below 2 GiB");
+        throw ImageError(ImageFault::kFormat, start + "are too many, an image stays below 2 GiB");
     }
     if ((file.size() - kSmallestImage) % kCipherBlockSize != 0) {
-        throw ImageError(ImageFault::Format, start + "leave no whole number of cipher blocks");
+        throw ImageError(ImageFault::kFormat, start + "leave no whole number of cipher blocks");
     }
 }
 
@@ -187,44 +187,44 @@ class PlaintextSplitter
 {
 public:
     PlaintextSplitter(const std::string& imagePath, AtomicFile& payload)
-        : _imagePath(imagePath), _payload(payload)
+        : imagePath_(imagePath), payload_(payload)
     {
     }
 
     void take(const std::vector<unsigned char>& plaintext)
     {
-        const std::size_t missing = kVersionHeaderSize - _headerLength;
+        const std::size_t missing = kVersionHeaderSize - headerLength_;
         const std::size_t length = std::min(missing, plaintext.size());
-        std::copy_n(plaintext.data(), length, _header.data() + _headerLength);
-        _headerLength += length;
-        _payload.write(plaintext.data() + length, plaintext.size() - length);
-        if (missing > 0 && _headerLength == kVersionHeaderSize) {
-            _version =
-                decodeVersion(_header, _imagePath);  // a wrong key is found before the long rest
+        std::copy_n(plaintext.data(), length, header_.data() + headerLength_);
+        headerLength_ += length;
+        payload_.write(plaintext.data() + length, plaintext.size() - length);
+        if (missing > 0 && headerLength_ == kVersionHeaderSize) {
+            version_ =
+                decodeVersion(header_, imagePath_);  // a wrong key is found before the long rest
         }
     }
 
     const std::string& version() const
     {
-        if (_headerLength < kVersionHeaderSize) {
-            throw ImageError(ImageFault::Format,
-                             _imagePath + ": not a stick image: no whole version header");
+        if (headerLength_ < kVersionHeaderSize) {
+            throw ImageError(ImageFault::kFormat,
+                             imagePath_ + ": not a stick image: no whole version header");
         }
-        return _version;
+        return version_;
     }
 
 private:
-    std::string _imagePath;
-    AtomicFile& _payload;
-    VersionHeader _header{};
-    std::size_t _headerLength = 0;
-    std::string _version;
+    std::string imagePath_;
+    AtomicFile& payload_;
+    VersionHeader header_{};
+    std::size_t headerLength_ = 0;
+    std::string version_;
 };
 
 void requireModule(const std::string& module)
 {
     if (!isModuleName(module)) {
-        throw ImageError(ImageFault::Usage,
+        throw ImageError(ImageFault::kUsage,
                          "a module's name has 1 to 124 ASCII letters and digits");
     }
 }
@@ -233,7 +233,7 @@ void requirePurpose(const ImagePurpose& purpose)
 {
     requireModule(purpose.module);
     if (!isModelName(purpose.model)) {
-        throw ImageError(ImageFault::Usage,
+        throw ImageError(ImageFault::kUsage,
                          "a model has 1 to 64 printable ASCII characters, no blank at its ends");
     }
 }
@@ -242,7 +242,7 @@ InitialisationVector randomVector()
 {
     InitialisationVector vector{};
     if (RAND_bytes(vector.data(), static_cast<int>(vector.size())) != 1) {
-        throw ImageError(ImageFault::Key, "no random numbers for the initialisation vector");
+        throw ImageError(ImageFault::kKey, "no random numbers for the initialisation vector");
     }
     return vector;
 }
@@ -260,11 +260,11 @@ void buildStickImage(const std::string& version, const std::string& payloadPath,
     const InitialisationVector vector = randomVector();
     const InputFile payload(payloadPath);
     if (payload.size() > kLargestImage - kSmallestImage - kVersionHeaderSize) {
-        throw ImageError(ImageFault::Format,
+        throw ImageError(ImageFault::kFormat,
                          payloadPath + ": too large: an image stays below 2 GiB");
     }
 
-    Cipher cipher(imageKey, vector, Cipher::Encipher);
+    Cipher cipher(imageKey, vector, Cipher::kEncipher);
     SignedOutput output(outputPath);
     output.write(vector.data(), vector.size());
     output.write(cipher.update(header.data(), header.size()));
@@ -298,13 +298,14 @@ std::string readStickImageVersion(const std::string& path, const ImageKey& image
 {
     const SignedFile image = openStickImage(path);
     if (image.contentSize() < kInitialisationVectorSize + kVersionHeaderSize + kCipherBlockSize) {
-        throw ImageError(ImageFault::Format, path + ": not a stick image: no whole version header");
+        throw ImageError(ImageFault::kFormat,
+                         path + ": not a stick image: no whole version header");
     }
     // One block more than the header: the cipher keeps the latest block back until the next comes.
     std::array<unsigned char, kVersionHeaderSize + kCipherBlockSize> start{};
     image.file().readAt(kInitialisationVectorSize, start.data(), start.size());
 
-    Cipher cipher(imageKey, readVector(image), Cipher::Decipher);
+    Cipher cipher(imageKey, readVector(image), Cipher::kDecipher);
     const std::vector<unsigned char>& plaintext = cipher.update(start.data(), start.size());
     VersionHeader header{};
     std::copy_n(plaintext.begin(), header.size(), header.begin());
@@ -315,8 +316,8 @@ std::string extractStickImage(const std::string& path, const ImageKey& imageKey,
                               const std::string& payloadPath)
 {
     const SignedFile image = openStickImage(path);
-    Cipher cipher(imageKey, readVector(image), Cipher::Decipher);
-    AtomicFile payload(payloadPath, Audience::OwnerOnly);
+    Cipher cipher(imageKey, readVector(image), Cipher::kDecipher);
+    AtomicFile payload(payloadPath, Audience::kOwnerOnly);
     PlaintextSplitter splitter(path, payload);
     readInPieces(image.file(), kInitialisationVectorSize, image.contentSize(),
                  [&](const unsigned char* data, std::size_t length) {
@@ -324,7 +325,7 @@ std::string extractStickImage(const std::string& path, const ImageKey& imageKey,
                  });
     std::vector<unsigned char> lastBlock;
     if (!cipher.finish(lastBlock)) {
-        throw ImageError(ImageFault::Key,
+        throw ImageError(ImageFault::kKey,
                          path + ": wrong padding: wrong image key or damaged image");
     }
     splitter.take(lastBlock);

@@ -46,9 +46,9 @@ struct StickImageInfo
 /// @param signingKey   an RSA-4096 private key
 /// @param outputPath   the image; appears whole or not at all and replaces an earlier file
 /// @param purpose      what the image is for, in a trailer of format 2; nothing: format 1
-/// @throws ImageError: ImageFault::Usage for the version or the purpose, ImageFault::File for
+/// @throws ImageError: ImageFault::kUsage for the version or the purpose, ImageFault::kFile for
 /// either file,
-///         ImageFault::Format when the image would be too large, ImageFault::Key when the signing
+///         ImageFault::kFormat when the image would be too large, ImageFault::kKey when the signing
 ///         key cannot sign.
 void buildStickImage(const std::string& version, const std::string& payloadPath,
                      const ImageKey& imageKey, EVP_PKEY* signingKey, const std::string& outputPath,
@@ -56,17 +56,17 @@ void buildStickImage(const std::string& version, const std::string& payloadPath,
 
 /// @return the file's path on a stick: DIRECTORY/MODULE.bin.
 /// @param module  the module's firmware name: ASCII letters and digits
-/// @throws ImageError with ImageFault::Usage when the name cannot be a firmware name.
+/// @throws ImageError with ImageFault::kUsage when the name cannot be a firmware name.
 std::string stickImagePath(const std::string& directory, const std::string& module);
 
 /// Reads what stands around the ciphertext. Checks sizes and the trailer's header, not the
 /// signature.
-/// @throws ImageError: ImageFault::File, ImageFault::Format, ImageFault::Signature.
+/// @throws ImageError: ImageFault::kFile, ImageFault::kFormat, ImageFault::kSignature.
 StickImageInfo inspectStickImage(const std::string& path);
 
 /// Deciphers the version header only.
 /// @return the version text.
-/// @throws ImageError as inspectStickImage, and ImageFault::Key when the header is not one.
+/// @throws ImageError as inspectStickImage, and ImageFault::kKey when the header is not one.
 std::string readStickImageVersion(const std::string& path, const ImageKey& imageKey);
 
 /// Deciphers an image. Checks the version header and the padding, not the signature.
@@ -77,8 +77,8 @@ std::string extractStickImage(const std::string& path, const ImageKey& imageKey,
                               const std::string& payloadPath);
 
 /// Checks an image against a policy and its signature against one public key.
-/// @throws ImageError: ImageFault::File, ImageFault::Format, ImageFault::Signature, and
-///         ImageFault::Key when the key file is unusable.
+/// @throws ImageError: ImageFault::kFile, ImageFault::kFormat, ImageFault::kSignature, and
+///         ImageFault::kKey when the key file is unusable.
 void verifyStickImage(const std::string& path, const std::string& publicKeyPath,
                       const TrustPolicy& policy = {});
 

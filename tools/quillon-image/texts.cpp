@@ -29,7 +29,7 @@ void requireVersion(const std::string& version)
 {
     if (version.empty() || version.size() > kLongestVersion ||
         !std::all_of(version.begin(), version.end(), isPrintable)) {
-        throw ImageError(ImageFault::Usage, "a version has 1 to 63 printable ASCII characters");
+        throw ImageError(ImageFault::kUsage, "a version has 1 to 63 printable ASCII characters");
     }
 }
 

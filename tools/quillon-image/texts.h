@@ -11,7 +11,7 @@ constexpr std::size_t kLongestVersion = 63;
 ///         for the empty text.
 bool hasLettersAndDigitsOnly(const std::string& text);
 
-/// @throws ImageError with ImageFault::Usage for a text that is not 1 to 63 printable ASCII
+/// @throws ImageError with ImageFault::kUsage for a text that is not 1 to 63 printable ASCII
 ///         characters.
 void requireVersion(const std::string& version);
 

@@ -93,7 +93,7 @@ Floors floorsOf(const std::vector<std::string>& words)
         std::uint32_t floor = 0;
         if (sign == std::string::npos || !isModuleName(module) ||
             !parseFloor(word.substr(sign + 1), floor) || !floors.emplace(module, floor).second) {
-            throw ImageError(ImageFault::Usage,
+            throw ImageError(ImageFault::kUsage,
                              "'" + word + "' is not MODULE=NUMBER, once for each module");
         }
     }
@@ -161,7 +161,7 @@ void package(const PackageOptions& options)
     content.expectedTime = options.expectedTime;
     const std::string path = options.output.empty() ? options.name + ".img" : options.output;
     const std::uint32_t crc = buildPackage(
-        content, options.type == "ext4" ? PackageType::Ext4 : PackageType::Squashfs, path);
+        content, options.type == "ext4" ? PackageType::kExt4 : PackageType::kSquashfs, path);
 
     if (!options.json) {
         std::cout << path << ": version " << options.version << ", "
@@ -182,7 +182,7 @@ void provision(const ProvisionOptions& options)
     const Floors floors = floorsOf(options.floors);
     const bool bringsItem = !options.payload.empty();
     if (!bringsItem && floors.empty()) {
-        throw ImageError(ImageFault::Usage, "--payload or --floor has to be given");
+        throw ImageError(ImageFault::kUsage, "--payload or --floor has to be given");
     }
     const std::string item = bringsItem ? options.item : "";
     const std::string payload = bringsItem ? readSmallFile(options.payload, kLargestItem) : "";
@@ -190,7 +190,7 @@ void provision(const ProvisionOptions& options)
     const Certificates certificates = loadCertificateFile(options.certificate);
     const std::string package =
         encodeProvisioningPackage(item, payload, key.get(), certificates, floors);
-    writeFile(options.output, package, Audience::OwnerOnly);
+    writeFile(options.output, package, Audience::kOwnerOnly);
 
     if (!options.json) {
         std::cout << options.output << ": " << (bringsItem ? "item " + item : "security floors")

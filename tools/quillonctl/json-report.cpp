@@ -71,10 +71,10 @@ void JsonReport::started()
 
 void JsonReport::progressed(int percent, int secondsLeft)
 {
-    if (percent == m_lastPercent) {
+    if (percent == lastPercent_) {
         return;
     }
-    m_lastPercent = percent;
+    lastPercent_ = percent;
     Json::Value object = eventObject("progress");
     object["percent"] = percent;
     object["secondsLeft"] = secondsLeft;

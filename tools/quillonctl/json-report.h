@@ -27,7 +27,7 @@ public:
     void error(ExitCode code, const std::string& text) override;
 
 private:
-    int m_lastPercent = -1;
+    int lastPercent_ = -1;
 };
 
 }  // namespace quillon

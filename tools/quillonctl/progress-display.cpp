@@ -49,27 +49,27 @@ std::string describeTimeLeft(int secondsLeft)
 
 std::string ProgressDisplay::show(int percent, int secondsLeft, int columns)
 {
-    if (m_onTerminal) {
+    if (onTerminal_) {
         const std::string line = barLine(percent, secondsLeft, columns);
-        if (line == m_shown) {
+        if (line == shown_) {
             return {};
         }
-        m_shown = line;
+        shown_ = line;
         return "\r" + line + "\x1b[K";
     }
-    if (percent == m_lastPercent) {
+    if (percent == lastPercent_) {
         return {};
     }
-    m_lastPercent = percent;
+    lastPercent_ = percent;
     return std::to_string(percent) + " % (" + describeTimeLeft(secondsLeft) + ")\n";
 }
 
 std::string ProgressDisplay::end()
 {
-    if (m_shown.empty()) {
+    if (shown_.empty()) {
         return {};
     }
-    m_shown.clear();
+    shown_.clear();
     return "\r\x1b[K";
 }
 

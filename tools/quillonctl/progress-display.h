@@ -15,7 +15,7 @@ class ProgressDisplay
 public:
     /// @param onTerminal  true for a bar that is drawn over and over in one line, false for plain
     ///                    lines
-    explicit ProgressDisplay(bool onTerminal) : m_onTerminal(onTerminal) {}
+    explicit ProgressDisplay(bool onTerminal) : onTerminal_(onTerminal) {}
 
     /// @param columns  the terminal's width; the bar never fills the last column, and leaves itself
     ///                 out where the numbers need all the room. Without a terminal not looked at.
@@ -28,12 +28,12 @@ public:
     std::string end();
 
     /// Forgets what was shown, since what follows is another update's.
-    void restart() { m_lastPercent = -1; }
+    void restart() { lastPercent_ = -1; }
 
 private:
-    const bool m_onTerminal;
-    int m_lastPercent = -1;
-    std::string m_shown;
+    const bool onTerminal_;
+    int lastPercent_ = -1;
+    std::string shown_;
 };
 
 }  // namespace quillon

@@ -26,8 +26,8 @@ const char* describe(Progress::State state)
 
 void TextReport::line(const std::string& text)
 {
-    if (!m_quiet) {
-        std::cout << m_display.end() << text << std::endl;
+    if (!quiet_) {
+        std::cout << display_.end() << text << std::endl;
     }
 }
 
@@ -56,8 +56,8 @@ void TextReport::started()
 
 void TextReport::progressed(int percent, int secondsLeft)
 {
-    if (!m_quiet) {
-        std::cout << m_display.show(percent, secondsLeft, terminalWidth()) << std::flush;
+    if (!quiet_) {
+        std::cout << display_.show(percent, secondsLeft, terminalWidth()) << std::flush;
     }
 }
 
@@ -73,7 +73,7 @@ void TextReport::lookingAgain()
 
 void TextReport::lookedAgain(Marks /*marks*/, const std::string& advice)
 {
-    if (!m_quiet && !advice.empty()) {
+    if (!quiet_ && !advice.empty()) {
         std::cerr << "quillonctl: " << advice << std::endl;
     }
 }
@@ -92,7 +92,7 @@ void TextReport::stopped()
 
 void TextReport::error(ExitCode /*code*/, const std::string& text)
 {
-    std::cout << m_display.end() << std::flush;
+    std::cout << display_.end() << std::flush;
     std::cerr << "quillonctl: " << text << std::endl;
 }
 

@@ -13,7 +13,7 @@ class TextReport : public Report
 public:
     /// @param quiet       say nothing but errors
     /// @param onTerminal  standard output is a terminal that can redraw a line
-    TextReport(bool quiet, bool onTerminal) : m_quiet(quiet), m_display(onTerminal) {}
+    TextReport(bool quiet, bool onTerminal) : quiet_(quiet), display_(onTerminal) {}
 
     void earlierOutcome(const Progress& outcome) override;
     void checking(const std::string& directory) override;
@@ -30,8 +30,8 @@ public:
 private:
     void line(const std::string& text);
 
-    const bool m_quiet;
-    ProgressDisplay m_display;
+    const bool quiet_;
+    ProgressDisplay display_;
 };
 
 }  // namespace quillon

@@ -122,7 +122,7 @@ int secondsSince(Clock::time_point start)
 
 ExitCode Verbs::fail(ExitCode code, const std::string& text)
 {
-    m_report.error(code, text);
+    report_.error(code, text);
     return code;
 }
 
@@ -135,7 +135,7 @@ ExitCode Verbs::fail(const Error& error)
 /// before somebody has fetched the last one's result.
 ExitCode Verbs::makeSureNothingRuns()
 {
-    const Result<Progress> progress = m_client.progress();
+    const Result<Progress> progress = client_.progress();
     if (progress.error) {
         return fail(progress.error);
     }
@@ -144,7 +144,7 @@ ExitCode Verbs::makeSureNothingRuns()
                                               std::to_string(progress.value.percent) + " %");
     }
     if (progress.value.state != Progress::kIdle) {
-        m_report.earlierOutcome(progress.value);
+        report_.earlierOutcome(progress.value);
         lookAgain({});  // the service still has the earlier update's directory
     }
     return kExitSuccess;
@@ -154,7 +154,7 @@ ExitCode Verbs::prepare(const std::string& directory, Stick& stick, Estimate& es
 {
     Error error = resolveDirectory(directory, stick.directory);
     if (!error) {
-        error = m_client.connect();
+        error = client_.connect();
     }
     if (error) {
         return fail(error);
@@ -163,18 +163,18 @@ ExitCode Verbs::prepare(const std::string& directory, Stick& stick, Estimate& es
     if (running != kExitSuccess) {
         return running;
     }
-    error = m_client.setDirectory(stick.directory);
+    error = client_.setDirectory(stick.directory);
     if (error) {
         return fail(error);
     }
-    m_report.checking(stick.directory);
+    report_.checking(stick.directory);
     stick.images = imagesIn(stick.directory);
-    const Result<Estimate> result = m_client.estimate();
+    const Result<Estimate> result = client_.estimate();
     if (result.error) {
         return fail(result.error);
     }
     estimate = result.value;
-    m_report.estimated(estimate);
+    report_.estimated(estimate);
     return estimate.updateNeeded ? kExitSuccess : kExitNothingToUpdate;
 }
 
@@ -182,7 +182,7 @@ ExitCode Verbs::follow(int expectedSeconds, std::chrono::milliseconds pollInterv
 {
     const Clock::time_point start = Clock::now();
     while (true) {
-        const Result<Progress> progress = m_client.progress();
+        const Result<Progress> progress = client_.progress();
         if (progress.error) {
             return fail(progress.error);
         }
@@ -190,11 +190,11 @@ ExitCode Verbs::follow(int expectedSeconds, std::chrono::milliseconds pollInterv
             case Progress::kRunning:
                 // The service's percentage is measured against the first update of its life; only
                 // the estimate for this one tells how long it takes.
-                m_report.progressed(progress.value.percent,
-                                    std::max(expectedSeconds - secondsSince(start), 0));
+                report_.progressed(progress.value.percent,
+                                   std::max(expectedSeconds - secondsSince(start), 0));
                 break;
             case Progress::kDone:
-                m_report.finished(secondsSince(start));
+                report_.finished(secondsSince(start));
                 return kExitSuccess;
             case Progress::kFailed:
                 return fail(kExitUpdateFailed,
@@ -213,9 +213,9 @@ ExitCode Verbs::follow(int expectedSeconds, std::chrono::milliseconds pollInterv
 /// when the next stick comes makes its update fail, unless there is an image for it, too.
 void Verbs::lookAgain(const Stick& stick)
 {
-    m_report.lookingAgain();
-    const Look look = judge(stick, m_client.estimate());
-    m_report.lookedAgain(look.marks, look.advice);
+    report_.lookingAgain();
+    const Look look = judge(stick, client_.estimate());
+    report_.lookedAgain(look.marks, look.advice);
 }
 
 ExitCode Verbs::update(const std::string& directory, std::chrono::milliseconds pollInterval)
@@ -227,14 +227,14 @@ ExitCode Verbs::update(const std::string& directory, std::chrono::milliseconds p
         return prepared;
     }
     onInterruptSay("interrupted; if the update service has started the update, it goes on there");
-    const Error error = m_client.start();
+    const Error error = client_.start();
     if (error) {
         return fail(error);
     }
     onInterruptSay(
         "interrupted; the update goes on in the update service, \"quillonctl progress\" tells how "
         "far it is");
-    m_report.started();
+    report_.started();
     const ExitCode ended = follow(estimate.seconds, pollInterval);
     if (ended == kExitSuccess || ended == kExitUpdateFailed) {
         onInterruptSay(kLookInterrupted);
@@ -252,15 +252,15 @@ ExitCode Verbs::estimate(const std::string& directory)
 
 ExitCode Verbs::progress()
 {
-    const Error error = m_client.connect();
+    const Error error = client_.connect();
     if (error) {
         return fail(error);
     }
-    const Result<Progress> progress = m_client.progress();
+    const Result<Progress> progress = client_.progress();
     if (progress.error) {
         return fail(progress.error);
     }
-    m_report.state(progress.value);
+    report_.state(progress.value);
     if (progress.value.state == Progress::kDone || progress.value.state == Progress::kFailed) {
         onInterruptSay(kLookInterrupted);
         lookAgain({});
@@ -270,14 +270,14 @@ ExitCode Verbs::progress()
 
 ExitCode Verbs::stop()
 {
-    Error error = m_client.connect();
+    Error error = client_.connect();
     if (!error) {
-        error = m_client.stop();
+        error = client_.stop();
     }
     if (error) {
         return fail(error);
     }
-    m_report.stopped();
+    report_.stopped();
     return kExitSuccess;
 }
 

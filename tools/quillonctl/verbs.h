@@ -25,7 +25,7 @@ class Verbs
 {
 public:
     /// Both must outlive this object.
-    Verbs(Client& client, Report& report) : m_client(client), m_report(report) {}
+    Verbs(Client& client, Report& report) : client_(client), report_(report) {}
 
     /// Sets the directory, estimates, starts and follows the update to its end. Then it has the
     /// service look at the stick once more, which changes nothing about the result.
@@ -46,8 +46,8 @@ private:
     ExitCode follow(int expectedSeconds, std::chrono::milliseconds pollInterval);
     void lookAgain(const Stick& stick);
 
-    Client& m_client;
-    Report& m_report;
+    Client& client_;
+    Report& report_;
 };
 
 }  // namespace quillon

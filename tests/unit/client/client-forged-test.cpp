@@ -30,8 +30,8 @@ public:
     explicit Flood(const std::function<void()>& sendOne)
     {
         for (int i = 0; i < 8; ++i) {
-            m_threads.emplace_back([this, sendOne] {
-                while (!m_stop) {
+            threads_.emplace_back([this, sendOne] {
+                while (!stop_) {
                     sendOne();
                 }
             });
@@ -43,16 +43,16 @@ public:
     /// @param service  sends nothing any more afterwards
     void end(FakeService& service)
     {
-        m_stop = true;
+        stop_ = true;
         service.stopSending();
-        for (std::thread& thread : m_threads) {
+        for (std::thread& thread : threads_) {
             thread.join();
         }
     }
 
 private:
-    std::atomic<bool> m_stop{false};
-    std::vector<std::thread> m_threads;
+    std::atomic<bool> stop_{false};
+    std::vector<std::thread> threads_;
 };
 
 }  // namespace

@@ -37,10 +37,10 @@ timespec soon()
 
 }  // namespace
 
-FakeService::FakeService(long messageSize) : m_messageSize(messageSize)
+FakeService::FakeService(long messageSize) : messageSize_(messageSize)
 {
-    m_commands = makeQueue(FW_MQ_SERVICE_QUEUE, messageSize);
-    m_replies = makeQueue(FW_MQ_CONTROL_QUEUE, messageSize);
+    commands_ = makeQueue(FW_MQ_SERVICE_QUEUE, messageSize);
+    replies_ = makeQueue(FW_MQ_CONTROL_QUEUE, messageSize);
 }
 
 FakeService::~FakeService()
@@ -50,39 +50,39 @@ FakeService::~FakeService()
 
 void FakeService::serve()
 {
-    m_thread = std::thread([this] { run(); });
+    thread_ = std::thread([this] { run(); });
 }
 
 void FakeService::end()
 {
-    m_stop = true;
-    if (m_thread.joinable()) {
-        m_thread.join();
+    stop_ = true;
+    if (thread_.joinable()) {
+        thread_.join();
     }
-    if (m_commands != -1) {
-        mq_close(m_commands);
-        mq_close(m_replies);
+    if (commands_ != -1) {
+        mq_close(commands_);
+        mq_close(replies_);
         mq_unlink(FW_MQ_SERVICE_QUEUE);
         mq_unlink(FW_MQ_CONTROL_QUEUE);
-        m_commands = m_replies = -1;
+        commands_ = replies_ = -1;
     }
 }
 
 void FakeService::run()
 {
-    std::vector<char> buffer(static_cast<std::size_t>(m_messageSize));
-    while (!m_stop) {
+    std::vector<char> buffer(static_cast<std::size_t>(messageSize_));
+    while (!stop_) {
         const timespec until = soon();
         const ssize_t size =
-            mq_timedreceive(m_commands, buffer.data(), buffer.size(), nullptr, &until);
+            mq_timedreceive(commands_, buffer.data(), buffer.size(), nullptr, &until);
         if (size != static_cast<ssize_t>(sizeof(MQData))) {
             continue;
         }
         MQData request{};
         std::memcpy(&request, buffer.data(), sizeof request);
         {
-            const std::lock_guard<std::mutex> guard(m_mutex);
-            m_received.push_back({request, std::chrono::steady_clock::now()});
+            const std::lock_guard<std::mutex> guard(mutex_);
+            received_.push_back({request, std::chrono::steady_clock::now()});
         }
         handle(request);
     }
@@ -92,9 +92,9 @@ void FakeService::handle(const MQData& request)
 {
     Handler* own = nullptr;  // not a copy: it may keep something from call to call
     {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        const auto found = m_handlers.find(request.command);
-        own = found == m_handlers.end() ? nullptr : &found->second;
+        const std::lock_guard<std::mutex> guard(mutex_);
+        const auto found = handlers_.find(request.command);
+        own = found == handlers_.end() ? nullptr : &found->second;
     }
     if (own != nullptr) {
         (*own)(request);
@@ -102,26 +102,26 @@ void FakeService::handle(const MQData& request)
     }
     switch (request.command) {
         case MQ_COMMAND_START:
-            m_started = m_justStarted = true;
+            started_ = justStarted_ = true;
             reply(MQ_RESULT_ACCEPTED);
             break;
         case MQ_COMMAND_PROGRESS: {
-            std::deque<Answer>& script = m_started ? m_run : m_idle;
+            std::deque<Answer>& script = started_ ? run_ : idle_;
             const Answer answer =
                 script.empty() ? Answer{MQ_RESULT_NOT_RUNNING, 0} : script.front();
-            const bool stays = m_justStarted && answer.result == MQ_RESULT_RUNNING;
-            m_justStarted = false;
+            const bool stays = justStarted_ && answer.result == MQ_RESULT_RUNNING;
+            justStarted_ = false;
             if (!script.empty() && !stays) {
                 script.pop_front();
             }
-            m_endTold = answer.result == MQ_RESULT_DONE || answer.result == MQ_RESULT_FAILED;
+            endTold_ = answer.result == MQ_RESULT_DONE || answer.result == MQ_RESULT_FAILED;
             reply(answer.result, answer.value);
             break;
         }
         case MQ_COMMAND_TIME:
-            reply(m_endTold ? m_afterRun.result : m_estimate.result,
-                  m_endTold ? m_afterRun.value : m_estimate.value);
-            m_endTold = false;
+            reply(endTold_ ? afterRun_.result : estimate_.result,
+                  endTold_ ? afterRun_.value : estimate_.value);
+            endTold_ = false;
             break;
         case MQ_COMMAND_PATH:
             copyPath(request);
@@ -135,9 +135,9 @@ void FakeService::handle(const MQData& request)
 void FakeService::copyPath(const MQData& request)
 {
     // No terminator: what an earlier, longer path left stays.
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const std::lock_guard<std::mutex> guard(mutex_);
     const std::size_t size = std::min<std::size_t>(strnlen(request.path, sizeof request.path), 127);
-    std::memcpy(m_path, request.path, size);
+    std::memcpy(path_, request.path, size);
 }
 
 void FakeService::reply(int result, int value)
@@ -153,9 +153,9 @@ void FakeService::reply(int result, int value)
 void FakeService::replyRaw(const void* bytes, std::size_t size)
 {
     const std::string copy(static_cast<const char*>(bytes), size);
-    while (!m_stop) {
+    while (!stop_) {
         const timespec until = soon();
-        if (mq_timedsend(m_replies, copy.data(), copy.size(), 0, &until) == 0) {
+        if (mq_timedsend(replies_, copy.data(), copy.size(), 0, &until) == 0) {
             return;
         }
     }
@@ -163,7 +163,7 @@ void FakeService::replyRaw(const void* bytes, std::size_t size)
 
 void FakeService::holdStill() const
 {
-    while (!m_stop) {
+    while (!stop_) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
 }
@@ -176,15 +176,15 @@ void FakeService::leaveCommand(int command)
     char bytes[sizeof record];
     std::memcpy(bytes, &record, sizeof bytes);
     const timespec until = soon();
-    if (mq_timedsend(m_commands, bytes, sizeof bytes, 0, &until) != 0) {
+    if (mq_timedsend(commands_, bytes, sizeof bytes, 0, &until) != 0) {
         throw std::runtime_error("cannot leave a command behind");
     }
 }
 
 std::vector<FakeService::Received> FakeService::received() const
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
-    return m_received;
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return received_;
 }
 
 std::vector<int> FakeService::commands() const
@@ -211,13 +211,13 @@ bool FakeService::waitFor(int command, std::size_t count) const
 
 std::string FakeService::directory() const
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
-    return std::string(m_path, strnlen(m_path, sizeof m_path));
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return std::string(path_, strnlen(path_, sizeof path_));
 }
 
 long FakeService::unreadReplies() const
 {
     mq_attr attributes{};
-    mq_getattr(m_replies, &attributes);
+    mq_getattr(replies_, &attributes);
     return attributes.mq_curmsgs;
 }

@@ -46,27 +46,27 @@ public:
     void end();
 
     // The script; to be written before serve().
-    void answerEstimate(int result, int seconds) { m_estimate = {result, seconds}; }
+    void answerEstimate(int result, int seconds) { estimate_ = {result, seconds}; }
     /// What the first estimate is answered with after somebody was told how a run ended; until then
     /// that nothing needs an update.
-    void answerEstimateAfterRun(int result, int seconds) { m_afterRun = {result, seconds}; }
+    void answerEstimateAfterRun(int result, int seconds) { afterRun_ = {result, seconds}; }
     /// What progress queries are answered with before a start; when used up, "not running".
-    void answerBeforeStart(std::deque<Answer> answers) { m_idle = std::move(answers); }
+    void answerBeforeStart(std::deque<Answer> answers) { idle_ = std::move(answers); }
     /// What progress queries are answered with after a start; when used up, "not running". The
     /// client's own query right behind the start uses no "running" up.
-    void answerAfterStart(std::deque<Answer> answers) { m_run = std::move(answers); }
+    void answerAfterStart(std::deque<Answer> answers) { run_ = std::move(answers); }
     /// Takes the place of the usual behaviour for one command.
     void on(int command, Handler handler)
     {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        m_handlers[command] = std::move(handler);
+        const std::lock_guard<std::mutex> guard(mutex_);
+        handlers_[command] = std::move(handler);
     }
 
     // For handlers, and for tests that leave replies lying about.
     void reply(int result, int value = 0);
     void replyRaw(const void* bytes, std::size_t size);
     /// Ends every wait for room among the replies, for good.
-    void stopSending() { m_stop = true; }
+    void stopSending() { stop_ = true; }
     /// Keeps a handler from returning before the service ends.
     void holdStill() const;
     /// Puts a command into the service's queue without waiting for anything, as a client does that
@@ -90,24 +90,24 @@ private:
     void handle(const MQData& request);
     void copyPath(const MQData& request);
 
-    const long m_messageSize;
-    mqd_t m_commands = -1;
-    mqd_t m_replies = -1;
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
+    const long messageSize_;
+    mqd_t commands_ = -1;
+    mqd_t replies_ = -1;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
 
-    Answer m_estimate{MQ_RESULT_ACCEPTED, 10};
-    Answer m_afterRun{MQ_RESULT_REFUSED, 0};
-    bool m_endTold = false;
-    std::deque<Answer> m_idle;
-    std::deque<Answer> m_run;
-    bool m_started = false;
-    bool m_justStarted = false;
-    std::map<int, Handler> m_handlers;
+    Answer estimate_{MQ_RESULT_ACCEPTED, 10};
+    Answer afterRun_{MQ_RESULT_REFUSED, 0};
+    bool endTold_ = false;
+    std::deque<Answer> idle_;
+    std::deque<Answer> run_;
+    bool started_ = false;
+    bool justStarted_ = false;
+    std::map<int, Handler> handlers_;
 
-    mutable std::mutex m_mutex;
-    char m_path[128] = {};
-    std::vector<Received> m_received;
+    mutable std::mutex mutex_;
+    char path_[128] = {};
+    std::vector<Received> received_;
 };
 
 #endif

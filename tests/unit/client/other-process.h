@@ -15,13 +15,13 @@ public:
     /// @param body  its result is what ready() returns
     explicit OtherProcess(const std::function<int()>& body)
     {
-        if (pipe(m_pipe) != 0) {
+        if (pipe(pipe_) != 0) {
             return;
         }
-        m_pid = fork();
-        if (m_pid == 0) {
+        pid_ = fork();
+        if (pid_ == 0) {
             const int result = body();
-            [[maybe_unused]] const ssize_t told = write(m_pipe[1], &result, sizeof result);
+            [[maybe_unused]] const ssize_t told = write(pipe_[1], &result, sizeof result);
             while (true) {
                 pause();
             }
@@ -30,8 +30,8 @@ public:
     ~OtherProcess()
     {
         kill();
-        close(m_pipe[0]);
-        close(m_pipe[1]);
+        close(pipe_[0]);
+        close(pipe_[1]);
     }
     OtherProcess(const OtherProcess&) = delete;
     OtherProcess& operator=(const OtherProcess&) = delete;
@@ -39,22 +39,22 @@ public:
     int ready()
     {
         int result = -1;
-        return read(m_pipe[0], &result, sizeof result) == sizeof result ? result : -1;
+        return read(pipe_[0], &result, sizeof result) == sizeof result ? result : -1;
     }
     void kill()
     {
-        if (m_pid > 0) {
+        if (pid_ > 0) {
             killAndLeaveZombie();
-            waitpid(m_pid, nullptr, 0);
-            m_pid = -1;
+            waitpid(pid_, nullptr, 0);
+            pid_ = -1;
         }
     }
-    void killAndLeaveZombie() const { ::kill(m_pid, SIGKILL); }
-    pid_t pid() const { return m_pid; }
+    void killAndLeaveZombie() const { ::kill(pid_, SIGKILL); }
+    pid_t pid() const { return pid_; }
 
 private:
-    int m_pipe[2] = {-1, -1};
-    pid_t m_pid = -1;
+    int pipe_[2] = {-1, -1};
+    pid_t pid_ = -1;
 };
 
 #endif

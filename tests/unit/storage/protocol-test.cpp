@@ -42,7 +42,7 @@ TEST(StorageProtocol, CarriesARequestForAnItem)
     const SecretBytes packet = encodeRead("quillon");
     const auto request = parseRequest(packet);
     ASSERT_TRUE(request);
-    EXPECT_EQ(request->kind, Kind::Read);
+    EXPECT_EQ(request->kind, Kind::kRead);
     EXPECT_EQ(request->item, "quillon");
     EXPECT_EQ(request->package, "");
 }
@@ -53,7 +53,7 @@ TEST(StorageProtocol, CarriesAPackageOfAnySizeThatIsAllowed)
         const SecretBytes packet = encodeInstall(SecretBytes(size, 'p'));
         const auto request = parseRequest(packet);
         ASSERT_TRUE(request);
-        EXPECT_EQ(request->kind, Kind::Install);
+        EXPECT_EQ(request->kind, Kind::kInstall);
         EXPECT_EQ(request->item, "");
         EXPECT_EQ(request->package, std::string(size, 'p'));
     }
@@ -62,12 +62,12 @@ TEST(StorageProtocol, CarriesAPackageOfAnySizeThatIsAllowed)
 TEST(StorageProtocol, CarriesAnswers)
 {
     const SecretBytes item = encodeAnswer(0, SecretBytes(kLargestItem, 'k'));
-    ASSERT_TRUE(parseAnswer(Kind::Read, item));
-    EXPECT_EQ(parseAnswer(Kind::Read, item)->item, std::string(kLargestItem, 'k'));
+    ASSERT_TRUE(parseAnswer(Kind::kRead, item));
+    EXPECT_EQ(parseAnswer(Kind::kRead, item)->item, std::string(kLargestItem, 'k'));
     const SecretBytes missing = encodeAnswer(5, {});
-    ASSERT_TRUE(parseAnswer(Kind::Read, missing));
-    EXPECT_EQ(parseAnswer(Kind::Read, missing)->result, 5);
-    ASSERT_TRUE(parseAnswer(Kind::Install, encodeAnswer(0, {})));
+    ASSERT_TRUE(parseAnswer(Kind::kRead, missing));
+    EXPECT_EQ(parseAnswer(Kind::kRead, missing)->result, 5);
+    ASSERT_TRUE(parseAnswer(Kind::kInstall, encodeAnswer(0, {})));
 }
 
 TEST(StorageProtocol, TakesNothingElseForARequest)
@@ -94,22 +94,22 @@ TEST(StorageProtocol, TakesNothingElseForARequest)
     EXPECT_FALSE(parseRequest(encodeInstall({}))) << "no package";
     EXPECT_FALSE(parseRequest(encodeInstall(SecretBytes(kLargestPackage + 1, 'p'))));
     head = readHead("quillon");
-    head.kind = Kind::Install;
+    head.kind = Kind::kInstall;
     EXPECT_FALSE(parseRequest(packetOf(head, "package"))) << "a package with a name";
 }
 
 TEST(StorageProtocol, TakesNothingElseForAnAnswer)
 {
     const SecretBytes key(32, 'k');
-    EXPECT_FALSE(parseAnswer(Kind::Read, {}));
-    EXPECT_FALSE(parseAnswer(Kind::Read, encodeAnswer(0, {}))) << "no item";
-    EXPECT_FALSE(parseAnswer(Kind::Read, encodeAnswer(5, key))) << "an item in spite of a failure";
-    EXPECT_FALSE(parseAnswer(Kind::Read, encodeAnswer(-1, {})));
-    EXPECT_FALSE(parseAnswer(Kind::Read, encodeAnswer(0, SecretBytes(kLargestItem + 1, 'k'))));
-    EXPECT_FALSE(parseAnswer(Kind::Install, encodeAnswer(0, key))) << "an item after an install";
+    EXPECT_FALSE(parseAnswer(Kind::kRead, {}));
+    EXPECT_FALSE(parseAnswer(Kind::kRead, encodeAnswer(0, {}))) << "no item";
+    EXPECT_FALSE(parseAnswer(Kind::kRead, encodeAnswer(5, key))) << "an item in spite of a failure";
+    EXPECT_FALSE(parseAnswer(Kind::kRead, encodeAnswer(-1, {})));
+    EXPECT_FALSE(parseAnswer(Kind::kRead, encodeAnswer(0, SecretBytes(kLargestItem + 1, 'k'))));
+    EXPECT_FALSE(parseAnswer(Kind::kInstall, encodeAnswer(0, key))) << "an item after an install";
     SecretBytes other = encodeAnswer(5, {});
     other[0] = 2;
-    EXPECT_FALSE(parseAnswer(Kind::Read, other)) << "another version";
+    EXPECT_FALSE(parseAnswer(Kind::kRead, other)) << "another version";
 }
 
 TEST(StorageProtocol, PointsNowhereElseWhateverArrives)
@@ -127,7 +127,7 @@ TEST(StorageProtocol, PointsNowhereElseWhateverArrives)
             expectWithin(request->package, packet);
             EXPECT_NE(request->item.empty(), request->package.empty());
         }
-        if (const auto answer = parseAnswer(Kind::Read, packet)) {
+        if (const auto answer = parseAnswer(Kind::kRead, packet)) {
             expectWithin(answer->item, packet);
             EXPECT_EQ(answer->result == 0, !answer->item.empty());
         }

@@ -49,7 +49,7 @@ protected:
         try {
             EXPECT_EQ(open(package), kContent);
         } catch (const ImageError& error) {
-            EXPECT_THAT(error.fault(), testing::AnyOf(ImageFault::Format, ImageFault::Signature));
+            EXPECT_THAT(error.fault(), testing::AnyOf(ImageFault::kFormat, ImageFault::kSignature));
         }
     }
 
@@ -90,13 +90,13 @@ TEST_F(SignedPackage, IsOpenedForKeysAndDigestsThatAreStrong)
 TEST_F(SignedPackage, OfAStrangerIsRefused)
 {
     const Maker stranger = makeMaker();
-    expectRefused(signedBy(stranger, kContent), ImageFault::Signature, "certificate verify error");
+    expectRefused(signedBy(stranger, kContent), ImageFault::kSignature, "certificate verify error");
 }
 
 TEST_F(SignedPackage, IsRefusedByADeviceThatTrustsNobody)
 {
     trusted.clear();
-    expectRefused(signedBy(maker, kContent), ImageFault::Signature, "certificate verify error");
+    expectRefused(signedBy(maker, kContent), ImageFault::kSignature, "certificate verify error");
 }
 
 TEST_F(SignedPackage, IsOpenedWithoutItsCertificateWhenTheDeviceHasThat)
@@ -105,7 +105,7 @@ TEST_F(SignedPackage, IsOpenedWithoutItsCertificateWhenTheDeviceHasThat)
     wishes.flags = CMS_NOCERTS;
     EXPECT_EQ(open(signedBy(wishes, kContent)), kContent);
     trusted = trusting({});
-    expectRefused(signedBy(wishes, kContent), ImageFault::Signature, "certificate");
+    expectRefused(signedBy(wishes, kContent), ImageFault::kSignature, "certificate");
 }
 
 TEST_F(SignedPackage, OfASignerWhomATrustedAuthorityVouchesForIsOpened)
@@ -124,7 +124,7 @@ TEST_F(SignedPackage, OfASignerWhomATrustedAuthorityVouchesForIsOpened)
     trusted = trusting({&lower});  // not a root's
     EXPECT_EQ(open(signedBy(signer, kContent)), kContent);
     trusted = trusting({&authority});
-    expectRefused(signedBy(signer, kContent), ImageFault::Signature, "certificate verify error");
+    expectRefused(signedBy(signer, kContent), ImageFault::kSignature, "certificate verify error");
     wishes.signers = {&signer};
     wishes.bringsAlong = {&lower};
     EXPECT_EQ(open(signedBy(wishes, kContent)), kContent);
@@ -136,7 +136,7 @@ TEST_F(SignedPackage, OfSomebodyWhomAMereSignerVouchesForIsRefused)
     signerWishes.name = "a friend";
     signerWishes.issuer = &maker;
     const Maker forger = makeMaker(signerWishes);
-    expectRefused(signedBy(forger, kContent), ImageFault::Signature, "certificate verify error");
+    expectRefused(signedBy(forger, kContent), ImageFault::kSignature, "certificate verify error");
 }
 
 TEST_F(SignedPackage, WithACertificateOutOfItsTimeIsOpened)
@@ -162,22 +162,22 @@ TEST_F(SignedPackage, WithAWeakDigestIsRefused)
     wishes.signers = {&maker};
     for (const EVP_MD* digest : {EVP_sha1(), EVP_sha224()}) {
         wishes.digest = digest;
-        expectRefused(signedBy(wishes, kContent), ImageFault::Signature, "digest is not SHA-256");
+        expectRefused(signedBy(wishes, kContent), ImageFault::kSignature, "digest is not SHA-256");
     }
     maker = makeMaker({}, rsaKey(2048));
     trusted = trusting({&maker});
     wishes.digest = EVP_md5();
-    expectRefused(signedBy(wishes, kContent), ImageFault::Signature, "digest is not SHA-256");
+    expectRefused(signedBy(wishes, kContent), ImageFault::kSignature, "digest is not SHA-256");
 }
 
 TEST_F(SignedPackage, WithAWeakKeyIsRefused)
 {
     maker = makeMaker({}, rsaKey(1024));
     trusted = trusting({&maker});
-    expectRefused(signedBy(maker, kContent), ImageFault::Signature, "certificate verify error");
+    expectRefused(signedBy(maker, kContent), ImageFault::kSignature, "certificate verify error");
     maker = makeMaker({}, curveKey("secp224r1"));
     trusted = trusting({&maker});
-    expectRefused(signedBy(maker, kContent), ImageFault::Signature, "signer's key is neither");
+    expectRefused(signedBy(maker, kContent), ImageFault::kSignature, "signer's key is neither");
 }
 
 TEST_F(SignedPackage, WithACertificateThatWasVouchedForWeaklyIsRefused)
@@ -191,7 +191,7 @@ TEST_F(SignedPackage, WithACertificateThatWasVouchedForWeaklyIsRefused)
     weak.digest = EVP_sha1();
     const Maker signer = makeMaker(weak);
     trusted = trusting({&authority});
-    expectRefused(signedBy(signer, kContent), ImageFault::Signature, "certificate verify error");
+    expectRefused(signedBy(signer, kContent), ImageFault::kSignature, "certificate verify error");
 }
 
 TEST_F(SignedPackage, HasExactlyOneSigner)
@@ -199,30 +199,30 @@ TEST_F(SignedPackage, HasExactlyOneSigner)
     const Maker second = makeMaker();
     trusted = trusting({&maker, &second});
     wishes.signers = {&maker, &second};
-    expectRefused(signedBy(wishes, kContent), ImageFault::Format, "exactly one signer");
+    expectRefused(signedBy(wishes, kContent), ImageFault::kFormat, "exactly one signer");
     wishes.signers = {};
-    expectRefused(signedBy(wishes, kContent), ImageFault::Format, "exactly one signer");
+    expectRefused(signedBy(wishes, kContent), ImageFault::kFormat, "exactly one signer");
 }
 
 TEST_F(SignedPackage, HasSignedAttributes)
 {
     wishes.signers = {&maker};
     wishes.flags = CMS_NOATTR;
-    expectRefused(signedBy(wishes, kContent), ImageFault::Format, "no signed attributes");
+    expectRefused(signedBy(wishes, kContent), ImageFault::kFormat, "no signed attributes");
 }
 
 TEST_F(SignedPackage, HasItsContentInside)
 {
     wishes.signers = {&maker};
     wishes.flags = CMS_DETACHED;
-    expectRefused(signedBy(wishes, kContent), ImageFault::Format, "content is not inside");
+    expectRefused(signedBy(wishes, kContent), ImageFault::kFormat, "content is not inside");
 }
 
 TEST_F(SignedPackage, HoldsNoContentOfAnotherKind)
 {
     wishes.signers = {&maker};
     wishes.contentType = NID_id_smime_ct_TSTInfo;
-    expectRefused(signedBy(wishes, kContent), ImageFault::Format, "content is not inside");
+    expectRefused(signedBy(wishes, kContent), ImageFault::kFormat, "content is not inside");
 }
 
 TEST_F(SignedPackage, IsNothingButSignedData)
@@ -234,30 +234,30 @@ TEST_F(SignedPackage, IsNothingButSignedData)
     CMS_ContentInfo_free(data);
     char* text = nullptr;
     const long length = BIO_get_mem_data(der.get(), &text);
-    expectRefused(std::string(text, static_cast<std::size_t>(length)), ImageFault::Format,
+    expectRefused(std::string(text, static_cast<std::size_t>(length)), ImageFault::kFormat,
                   "not CMS SignedData");
-    expectRefused("", ImageFault::Format, "not CMS SignedData");
-    expectRefused("{}", ImageFault::Format, "not CMS SignedData");
-    expectRefused(pemOf(maker), ImageFault::Format, "not CMS SignedData");
+    expectRefused("", ImageFault::kFormat, "not CMS SignedData");
+    expectRefused("{}", ImageFault::kFormat, "not CMS SignedData");
+    expectRefused(pemOf(maker), ImageFault::kFormat, "not CMS SignedData");
 }
 
 TEST_F(SignedPackage, IsNotItsBareContent)
 {
-    expectRefused(kContent, ImageFault::Format, "bears no signature");
+    expectRefused(kContent, ImageFault::kFormat, "bears no signature");
 }
 
 TEST_F(SignedPackage, HasNothingBehindIt)
 {
     const std::string package = signedBy(maker, kContent);
-    expectRefused(package + '\0', ImageFault::Format, "something follows");
-    expectRefused(package + package, ImageFault::Format, "something follows");
+    expectRefused(package + '\0', ImageFault::kFormat, "something follows");
+    expectRefused(package + package, ImageFault::kFormat, "something follows");
 }
 
 TEST_F(SignedPackage, IsRefusedWhereverItIsCut)
 {
     const std::string package = signedBy(maker, kContent);
     for (std::size_t length = 0; length < package.size(); ++length) {
-        expectRefused(package.substr(0, length), ImageFault::Format, "not CMS SignedData");
+        expectRefused(package.substr(0, length), ImageFault::kFormat, "not CMS SignedData");
     }
 }
 
@@ -310,7 +310,7 @@ TEST_F(SignedPackage, HasALargestSize)
 {
     const std::string large = contentFor("quillon", std::string(kLargestItem, 'k'));
     EXPECT_EQ(open(signedBy(maker, large)), large);
-    expectRefused(signedBy(maker, std::string(kLargestPackage, 'k')), ImageFault::Format,
+    expectRefused(signedBy(maker, std::string(kLargestPackage, 'k')), ImageFault::kFormat,
                   "too large");
 }
 
@@ -332,9 +332,9 @@ TEST_F(SignedPackage, IsNotMadeWithAKeyThatDevicesRefuse)
         return ImageFault{};
     };
     const Maker other = makeMaker();
-    EXPECT_EQ(faultOf(other.key.get(), trusted), ImageFault::Key);
+    EXPECT_EQ(faultOf(other.key.get(), trusted), ImageFault::kKey);
     const Maker weak = makeMaker({}, rsaKey(1024));
-    EXPECT_EQ(faultOf(weak.key.get(), trusting({&weak})), ImageFault::Key);
+    EXPECT_EQ(faultOf(weak.key.get(), trusting({&weak})), ImageFault::kKey);
     EXPECT_EQ(faultOf(maker.key.get(), trusted), ImageFault{});
 }
 

@@ -53,8 +53,8 @@ CtlProgram::CtlProgram(const std::vector<std::string>& arguments, uid_t user)
     if (pipe(out) != 0 || pipe(err) != 0) {
         throw std::runtime_error("cannot make pipes");
     }
-    m_pid = fork();
-    if (m_pid == 0) {
+    pid_ = fork();
+    if (pid_ == 0) {
         dup2(out[1], STDOUT_FILENO);
         dup2(err[1], STDERR_FILENO);
         for (const int file : {out[0], out[1], err[0], err[1]}) {
@@ -67,40 +67,40 @@ CtlProgram::CtlProgram(const std::vector<std::string>& arguments, uid_t user)
     }
     close(out[1]);
     close(err[1]);
-    m_out = out[0];
-    m_err = err[0];
+    out_ = out[0];
+    err_ = err[0];
 }
 
 CtlProgram::~CtlProgram()
 {
-    if (m_pid > 0) {
-        kill(m_pid, SIGKILL);
-        waitForExit(m_pid);
+    if (pid_ > 0) {
+        kill(pid_, SIGKILL);
+        waitForExit(pid_);
     }
-    close(m_out);
-    close(m_err);
+    close(out_);
+    close(err_);
 }
 
 void CtlProgram::sendSignal(int number) const
 {
-    kill(m_pid, number);
+    kill(pid_, number);
 }
 
 CtlResult CtlProgram::finish()
 {
     CtlResult result;
-    std::array<pollfd, 2> files{{{m_out, POLLIN, 0}, {m_err, POLLIN, 0}}};
+    std::array<pollfd, 2> files{{{out_, POLLIN, 0}, {err_, POLLIN, 0}}};
     while (files[0].fd != -1 || files[1].fd != -1) {
         poll(files.data(), files.size(), -1);
-        if (files[0].revents != 0 && !readSome(m_out, result.out)) {
+        if (files[0].revents != 0 && !readSome(out_, result.out)) {
             files[0].fd = -1;
         }
-        if (files[1].revents != 0 && !readSome(m_err, result.err)) {
+        if (files[1].revents != 0 && !readSome(err_, result.err)) {
             files[1].fd = -1;
         }
     }
-    result.exitCode = waitForExit(m_pid);
-    m_pid = -1;
+    result.exitCode = waitForExit(pid_);
+    pid_ = -1;
     return result;
 }
 

@@ -29,9 +29,9 @@ public:
     CtlResult finish();
 
 private:
-    pid_t m_pid = -1;
-    int m_out = -1;
-    int m_err = -1;
+    pid_t pid_ = -1;
+    int out_ = -1;
+    int err_ = -1;
 };
 
 /// Runs the program to its end with its outputs in pipes.

@@ -82,7 +82,7 @@ TEST_F(ImageFormat, TheCipherKeyIsTheHexadecimalTextOfTheFirstSixteenBytes)
 
 TEST_F(ImageFormat, AnImageKeyShorterThanSixteenBytesIsUnusable)
 {
-    EXPECT_EQ(faultOf([] { imageKeyOf(std::string(15, 'x')); }), ImageFault::Key);
+    EXPECT_EQ(faultOf([] { imageKeyOf(std::string(15, 'x')); }), ImageFault::kKey);
     EXPECT_NO_THROW(imageKeyOf(std::string(16, 'x')));
 }
 
@@ -149,10 +149,10 @@ TEST_F(ImageFormat, AVersionHasOneToSixtyThreePrintableCharacters)
     EXPECT_NO_THROW(build(std::string(63, '1'), ""));
     EXPECT_EQ(readStickImageVersion(image, key), std::string(63, '1'));
 
-    EXPECT_EQ(faultOf([&] { build(std::string(64, '1'), ""); }), ImageFault::Usage);
-    EXPECT_EQ(faultOf([&] { build("", ""); }), ImageFault::Usage);
-    EXPECT_EQ(faultOf([&] { build("1\n", ""); }), ImageFault::Usage);
-    EXPECT_EQ(faultOf([&] { build(std::string("1\0", 2), ""); }), ImageFault::Usage);
+    EXPECT_EQ(faultOf([&] { build(std::string(64, '1'), ""); }), ImageFault::kUsage);
+    EXPECT_EQ(faultOf([&] { build("", ""); }), ImageFault::kUsage);
+    EXPECT_EQ(faultOf([&] { build("1\n", ""); }), ImageFault::kUsage);
+    EXPECT_EQ(faultOf([&] { build(std::string("1\0", 2), ""); }), ImageFault::kUsage);
 }
 
 TEST_F(ImageFormat, AModuleNameHasLettersAndDigitsOnly)
@@ -160,7 +160,7 @@ TEST_F(ImageFormat, AModuleNameHasLettersAndDigitsOnly)
     EXPECT_EQ(stickImagePath("/stick", "tunerA1"), "/stick/tunerA1.bin");
     EXPECT_EQ(stickImagePath("/stick/", "tuner"), "/stick/tuner.bin");
     for (const char* name : {"", "../tuner", "tu-ner", "tuner.bin", "t\xC3\xBCner"}) {
-        EXPECT_EQ(faultOf([&] { stickImagePath("/stick", name); }), ImageFault::Usage) << name;
+        EXPECT_EQ(faultOf([&] { stickImagePath("/stick", name); }), ImageFault::kUsage) << name;
     }
 }
 
@@ -170,7 +170,7 @@ TEST_F(ImageFormat, ASizeThatNoImageCanHaveIsNamed)
         writeAll(image, "");
         std::filesystem::resize_file(image, size);
         std::string line;
-        EXPECT_EQ(faultOf([&] { inspectStickImage(image); }, &line), ImageFault::Format) << size;
+        EXPECT_EQ(faultOf([&] { inspectStickImage(image); }, &line), ImageFault::kFormat) << size;
         EXPECT_THAT(line, HasSubstr(reason));
     };
     faultAt(0, "are too few");
@@ -184,7 +184,7 @@ TEST_F(ImageFormat, APossibleSizeWithoutATrailerIsNoSignature)
 {
     writeAll(image, std::string(16 + 80 + 534, 'x'));
 
-    EXPECT_EQ(faultOf([&] { inspectStickImage(image); }), ImageFault::Signature);
+    EXPECT_EQ(faultOf([&] { inspectStickImage(image); }), ImageFault::kSignature);
 }
 
 TEST_F(ImageFormat, APlaintextWithoutAWholeHeaderIsNoImage)
@@ -195,8 +195,8 @@ TEST_F(ImageFormat, APlaintextWithoutAWholeHeaderIsNoImage)
     writeAll(image, content.substr(64, 16) + content.substr(80, 16) +
                         content.substr(content.size() - 534));
 
-    EXPECT_EQ(faultOf([&] { extractStickImage(image, key, folder + "out"); }), ImageFault::Format);
-    EXPECT_EQ(faultOf([&] { readStickImageVersion(image, key); }), ImageFault::Format);
+    EXPECT_EQ(faultOf([&] { extractStickImage(image, key, folder + "out"); }), ImageFault::kFormat);
+    EXPECT_EQ(faultOf([&] { readStickImageVersion(image, key); }), ImageFault::kFormat);
 }
 
 TEST_F(ImageFormat, AWrongKeyIsToldApartAndLeavesNoFile)
@@ -205,8 +205,8 @@ TEST_F(ImageFormat, AWrongKeyIsToldApartAndLeavesNoFile)
     for (int i = 0; i < 300; ++i) {  // one wrong key in 256 gives a right-looking padding
         const ImageKey wrong = imageKeyOf(std::to_string(1000 + i) + " wrong keys ..");
         ASSERT_EQ(faultOf([&] { extractStickImage(image, wrong, folder + "payload-out"); }),
-                  ImageFault::Key);
-        ASSERT_EQ(faultOf([&] { readStickImageVersion(image, wrong); }), ImageFault::Key);
+                  ImageFault::kKey);
+        ASSERT_EQ(faultOf([&] { readStickImageVersion(image, wrong); }), ImageFault::kKey);
     }
     EXPECT_THAT(names(), ::testing::ElementsAre("payload", "tuner.bin"));
 }
@@ -220,7 +220,7 @@ TEST_F(ImageFormat, ADamagedLastBlockIsFoundByItsPadding)
 
     std::string line;
     EXPECT_EQ(faultOf([&] { extractStickImage(image, key, folder + "out"); }, &line),
-              ImageFault::Key);
+              ImageFault::kKey);
     EXPECT_THAT(line, HasSubstr("wrong padding"));
 }
 
@@ -231,7 +231,7 @@ TEST_F(ImageFormat, AFailedBuildKeepsTheEarlierImage)
 
     EXPECT_EQ(
         faultOf([&] { buildStickImage("2.1", folder + "missing", key, signingKey.get(), image); }),
-        ImageFault::File);
+        ImageFault::kFile);
     EXPECT_EQ(readAll(image), before);
     EXPECT_THAT(names(), ::testing::ElementsAre("payload", "tuner.bin"));
 }
@@ -242,7 +242,7 @@ TEST_F(ImageFormat, APayloadThatWouldPassTwoGiBIsRefusedBeforeAnythingIsWritten)
     std::filesystem::resize_file(payload, 0x7FFFFFFFULL - 600);
 
     EXPECT_EQ(faultOf([&] { buildStickImage("2.0", payload, key, signingKey.get(), image); }),
-              ImageFault::Format);
+              ImageFault::kFormat);
     EXPECT_THAT(names(), ::testing::ElementsAre("payload"));
 }
 

@@ -50,7 +50,7 @@ TEST_F(ImageKeys, ThePackageProvisionsTheImageKeyAsTheItemQuillon)
     const Certificates other = loadCertificateFile(keyPath("b", kProvisioningCertificateFile));
     EXPECT_EQ(
         faultOf([&] { openSignedPackage(readAll(keyPath("a", kProvisioningPackageFile)), other); }),
-        ImageFault::Signature);
+        ImageFault::kSignature);
 }
 
 TEST_F(ImageKeys, TheCertificateNeverExpiresAndVouchesForNobody)
@@ -74,14 +74,14 @@ TEST_F(ImageKeys, APackageNeedsAUsableNameAndPayload)
     const auto faultWith = [&](const std::string& name, const std::string& payload) {
         return faultOf([&] { encodeProvisioningPackage(name, payload, key.get(), maker); });
     };
-    EXPECT_EQ(faultWith("", "x"), ImageFault::Usage);
-    EXPECT_EQ(faultWith(".hidden", "x"), ImageFault::Usage);
-    EXPECT_EQ(faultWith("a/b", "x"), ImageFault::Usage);
-    EXPECT_EQ(faultWith("a\nb", "x"), ImageFault::Usage);
-    EXPECT_EQ(faultWith("quillon.cred", "x"), ImageFault::Usage);
-    EXPECT_EQ(faultWith(std::string(65, 'a'), "x"), ImageFault::Usage);
-    EXPECT_EQ(faultWith("quillon", ""), ImageFault::Usage);
-    EXPECT_EQ(faultWith("quillon", std::string(65537, 'x')), ImageFault::Usage);
+    EXPECT_EQ(faultWith("", "x"), ImageFault::kUsage);
+    EXPECT_EQ(faultWith(".hidden", "x"), ImageFault::kUsage);
+    EXPECT_EQ(faultWith("a/b", "x"), ImageFault::kUsage);
+    EXPECT_EQ(faultWith("a\nb", "x"), ImageFault::kUsage);
+    EXPECT_EQ(faultWith("quillon.cred", "x"), ImageFault::kUsage);
+    EXPECT_EQ(faultWith(std::string(65, 'a'), "x"), ImageFault::kUsage);
+    EXPECT_EQ(faultWith("quillon", ""), ImageFault::kUsage);
+    EXPECT_EQ(faultWith("quillon", std::string(65537, 'x')), ImageFault::kUsage);
     EXPECT_NO_THROW(
         encodeProvisioningPackage("A-z_0.9", std::string(65536, 'x'), key.get(), maker));
 }
@@ -91,7 +91,7 @@ TEST_F(ImageKeys, ThatAreThereAreNotReplacedUnasked)
     writeAll(folder + "00000066.bin", "precious");
 
     std::string line;
-    EXPECT_EQ(faultOf([&] { createKeys(folder, false); }, &line), ImageFault::File);
+    EXPECT_EQ(faultOf([&] { createKeys(folder, false); }, &line), ImageFault::kFile);
     EXPECT_EQ(line, folder + "00000066.bin: exists already");
     EXPECT_THAT(names(), ElementsAre("00000066.bin"));
     EXPECT_EQ(readAll(folder + "00000066.bin"), "precious");
@@ -107,7 +107,7 @@ TEST_F(ImageKeys, AFolderThatCannotBeMadeIsNamed)
     writeAll(folder + "file", "");
 
     std::string line;
-    EXPECT_EQ(faultOf([&] { createKeys(folder + "file/keys", false); }, &line), ImageFault::File);
+    EXPECT_EQ(faultOf([&] { createKeys(folder + "file/keys", false); }, &line), ImageFault::kFile);
     EXPECT_THAT(line, HasSubstr(folder + "file/keys: cannot be made: "));
 }
 
@@ -129,13 +129,13 @@ TEST_F(ImageKeys, ASigningKeyIsAnRsaKeyOf4096BitsWithoutAPassPhrase)
     const UniqueKey shorter(EVP_RSA_gen(2048));
     const UniqueKey elliptic(EVP_EC_gen("P-256"));
 
-    EXPECT_EQ(faultWith(shorter.get(), nullptr), ImageFault::Key);
-    EXPECT_EQ(faultWith(elliptic.get(), nullptr), ImageFault::Key);
-    EXPECT_EQ(faultWith(good.get(), EVP_aes_256_cbc()), ImageFault::Key);
-    EXPECT_EQ(faultOf([&] { loadSigningKey(keyPath("a", kPublicKeyFile)); }), ImageFault::Key);
+    EXPECT_EQ(faultWith(shorter.get(), nullptr), ImageFault::kKey);
+    EXPECT_EQ(faultWith(elliptic.get(), nullptr), ImageFault::kKey);
+    EXPECT_EQ(faultWith(good.get(), EVP_aes_256_cbc()), ImageFault::kKey);
+    EXPECT_EQ(faultOf([&] { loadSigningKey(keyPath("a", kPublicKeyFile)); }), ImageFault::kKey);
     EXPECT_EQ(faultOf([&] { loadSigningKey(keyPath("a", kProvisioningKeyFile)); }),
-              ImageFault::Key);
-    EXPECT_EQ(faultOf([&] { loadSigningKey(folder + "missing"); }), ImageFault::File);
+              ImageFault::kKey);
+    EXPECT_EQ(faultOf([&] { loadSigningKey(folder + "missing"); }), ImageFault::kFile);
 }
 
 }  // namespace

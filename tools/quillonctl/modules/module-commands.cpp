@@ -56,27 +56,25 @@ CLI::Option* takeName(CLI::App* verb, std::string& name)
 }  // namespace
 
 ModuleCommands::ModuleCommands(CLI::App& app)
-    : m_modules(app.add_subcommand("modules", "Look at the firmware modules and update them"))
+    : modules_(app.add_subcommand("modules", "Look at the firmware modules and update them"))
 {
-    m_modules->fallthrough()->require_subcommand(1)->footer(kFooter);
-    addVerb(m_modules, "list", "List the modules, unusable ones with the reason");
-    takeSource(addVerb(m_modules, "check", "Say which modules need an update"), m_source);
-    CLI::App* update = addVerb(m_modules, "update", "Update a module, or all that need it");
-    takeSource(update, m_source);
-    CLI::Option* name = takeName(update, m_name);
-    update->add_flag("--all", m_all, "Update every module that needs it")->excludes(name);
+    modules_->fallthrough()->require_subcommand(1)->footer(kFooter);
+    addVerb(modules_, "list", "List the modules, unusable ones with the reason");
+    takeSource(addVerb(modules_, "check", "Say which modules need an update"), source_);
+    CLI::App* update = addVerb(modules_, "update", "Update a module, or all that need it");
+    takeSource(update, source_);
+    CLI::Option* name = takeName(update, name_);
+    update->add_flag("--all", all_, "Update every module that needs it")->excludes(name);
     update->callback([this] {
-        if (m_name.empty() && !m_all) {
+        if (name_.empty() && !all_) {
             throw CLI::RequiredError("update: a module's name or --all");
         }
     });
-    takeName(addVerb(m_modules, "version", "Say which version a module is running"), m_name)
+    takeName(addVerb(modules_, "version", "Say which version a module is running"), name_)
         ->required();
-    takeName(addVerb(m_modules, "progress", "Say how far a module's update is"), m_name)
-        ->required();
-    addVerb(m_modules, "download", "Download every module's package");
-    addVerb(m_modules, "unlock",
-            "Release the update semaphore that a dead program has left behind");
+    takeName(addVerb(modules_, "progress", "Say how far a module's update is"), name_)->required();
+    addVerb(modules_, "download", "Download every module's package");
+    addVerb(modules_, "unlock", "Release the update semaphore that a dead program has left behind");
 }
 
 int ModuleCommands::run(bool json, bool quiet) const
@@ -89,19 +87,19 @@ int ModuleCommands::run(bool json, bool quiet) const
         report = std::make_unique<ModuleTextReport>(quiet, redraw);
     }
     ModuleVerbs verbs(*report, std::chrono::milliseconds(250));
-    const ModuleSource& source = *findModuleSource(m_source);
-    const std::string verb = m_modules->get_subcommands().front()->get_name();
+    const ModuleSource& source = *findModuleSource(source_);
+    const std::string verb = modules_->get_subcommands().front()->get_name();
     ExitCode code = kExitSuccess;
     if (verb == "list") {
         code = verbs.list();
     } else if (verb == "check") {
         code = verbs.check(source);
     } else if (verb == "update") {
-        code = m_all ? verbs.updateAll(source) : verbs.update(m_name, source);
+        code = all_ ? verbs.updateAll(source) : verbs.update(name_, source);
     } else if (verb == "version") {
-        code = verbs.version(m_name);
+        code = verbs.version(name_);
     } else if (verb == "progress") {
-        code = verbs.progress(m_name);
+        code = verbs.progress(name_);
     } else if (verb == "unlock") {
         code = verbs.unlock();
     } else {

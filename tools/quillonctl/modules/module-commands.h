@@ -14,7 +14,7 @@ public:
     /// @param app  must outlive this object
     explicit ModuleCommands(CLI::App& app);
 
-    bool parsed() const { return m_modules->parsed(); }
+    bool parsed() const { return modules_->parsed(); }
 
     /// Does what the command line says. Ends the process by itself, without tearing anything down,
     /// when a plug-in is still at an update that has been given up.
@@ -22,10 +22,10 @@ public:
     int run(bool json, bool quiet) const;
 
 private:
-    CLI::App* m_modules;
-    std::string m_name;
-    std::string m_source = "package";
-    bool m_all = false;
+    CLI::App* modules_;
+    std::string name_;
+    std::string source_ = "package";
+    bool all_ = false;
 };
 
 }  // namespace quillon

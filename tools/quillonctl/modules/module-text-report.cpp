@@ -99,8 +99,8 @@ std::string describeNeed(const std::vector<ModuleCheck>& checks)
 
 void ModuleTextReport::line(const std::string& text)
 {
-    if (!m_quiet) {
-        std::cout << m_display.end() << fit(text) << std::endl;
+    if (!quiet_) {
+        std::cout << display_.end() << fit(text) << std::endl;
     }
 }
 
@@ -175,7 +175,7 @@ void ModuleTextReport::waitingForOthers(const SlotHolders& holders)
         const std::string remedy =
             "Nobody is alive who could hold the update semaphore; \"quillonctl modules unlock\" "
             "releases it";
-        m_quiet ? warning(remedy) : line(remedy);
+        quiet_ ? warning(remedy) : line(remedy);
     } else {
         line(
             "Whether somebody holds the update semaphore cannot be told by this user; root can "
@@ -190,18 +190,18 @@ void ModuleTextReport::waitingForOthers(const SlotHolders& holders)
 void ModuleTextReport::updating(const std::string& name)
 {
     line("Updating " + name);
-    m_display.restart();
-    m_nextPlainLine = {};
+    display_.restart();
+    nextPlainLine_ = {};
 }
 
 void ModuleTextReport::progressed(int percent, int secondsLeft)
 {
     const auto now = std::chrono::steady_clock::now();
-    if (m_quiet || (!m_onTerminal && now < m_nextPlainLine)) {
+    if (quiet_ || (!onTerminal_ && now < nextPlainLine_)) {
         return;
     }
-    m_nextPlainLine = now + kBetweenPlainLines;
-    std::cout << m_display.show(percent, secondsLeft, terminalWidth()) << std::flush;
+    nextPlainLine_ = now + kBetweenPlainLines;
+    std::cout << display_.show(percent, secondsLeft, terminalWidth()) << std::flush;
 }
 
 void ModuleTextReport::waitingForLate(const std::string& name)
@@ -268,13 +268,13 @@ void ModuleTextReport::unlocked(bool released)
 
 void ModuleTextReport::warning(const std::string& text)
 {
-    std::cout << m_display.end() << std::flush;
+    std::cout << display_.end() << std::flush;
     std::cerr << "quillonctl: warning: " << fit(text) << std::endl;
 }
 
 void ModuleTextReport::error(ExitCode /*code*/, const std::string& text)
 {
-    std::cout << m_display.end() << std::flush;
+    std::cout << display_.end() << std::flush;
     std::cerr << "quillonctl: " << fit(text) << std::endl;
 }
 

@@ -17,7 +17,7 @@ public:
     /// @param quiet       say nothing but errors and warnings
     /// @param onTerminal  standard output is a terminal that can redraw a line
     ModuleTextReport(bool quiet, bool onTerminal)
-        : m_quiet(quiet), m_onTerminal(onTerminal), m_display(onTerminal)
+        : quiet_(quiet), onTerminal_(onTerminal), display_(onTerminal)
     {
     }
 
@@ -43,10 +43,10 @@ private:
     void line(const std::string& text);
     void table(std::vector<Row> rows);
 
-    const bool m_quiet;
-    const bool m_onTerminal;
-    ProgressDisplay m_display;
-    std::chrono::steady_clock::time_point m_nextPlainLine;
+    const bool quiet_;
+    const bool onTerminal_;
+    ProgressDisplay display_;
+    std::chrono::steady_clock::time_point nextPlainLine_;
 };
 
 }  // namespace quillon

@@ -148,17 +148,17 @@ ModuleUpdate outcomeOf(FWUpdateSymbol& module)
 
 ExitCode ModuleVerbs::fail(ExitCode code, const std::string& text)
 {
-    m_report.error(code, text);
+    report_.error(code, text);
     return code;
 }
 
 void ModuleVerbs::abandon()
 {
-    if (m_hasPowerLock) {
+    if (hasPowerLock_) {
         device_power_unlock_state(kPowerLock);
         static_cast<void>(std::remove(paths::kUpdateList));
     }
-    if (const ModuleSource* source = m_source) {
+    if (const ModuleSource* source = source_) {
         releasePackages(*source);
     }
 }
@@ -166,8 +166,8 @@ void ModuleVerbs::abandon()
 /// On whichever thread the module has called exit.
 void ModuleVerbs::endBecauseOf(const std::string& who)
 {
-    const int code = fail(m_isUpdating ? kExitUpdateFailed : kExitUnusableModule,
-                          who + " has ended the program");
+    const int code =
+        fail(isUpdating_ ? kExitUpdateFailed : kExitUnusableModule, who + " has ended the program");
     abandon();
     static_cast<void>(UpdateSlot::instance().giveBack());
     endAtOnce(closeOutput(code));
@@ -237,7 +237,7 @@ ExitCode ModuleVerbs::list()
     for (FWUpdateSymbol& module : manager().modules()) {
         entries.push_back(entryOf(module));
     }
-    m_report.modules(entries);
+    report_.modules(entries);
     return kExitSuccess;
 }
 
@@ -266,7 +266,7 @@ ExitCode ModuleVerbs::check(const ModuleSource& source)
     if (opened != kExitSuccess) {
         return opened;
     }
-    m_source = &source;
+    source_ = &source;
     std::vector<ModuleCheck> checks;
     const ExitCode checked = checkInto(source, watchForRequests(), checks);
     if (checked != kExitSuccess) {
@@ -274,7 +274,7 @@ ExitCode ModuleVerbs::check(const ModuleSource& source)
     }
     takeOverTheEnd();
     releasePackages(source);
-    m_report.checked(source, checks);
+    report_.checked(source, checks);
     if (!checks.empty() && isNoneUsable(checks)) {
         return kExitUnusableModule;
     }
@@ -287,7 +287,7 @@ ExitCode ModuleVerbs::check(const ModuleSource& source)
 /// The registry does not tell a missing semaphore from a failed update.
 ExitCode ModuleVerbs::prepareUpdates()
 {
-    m_isUpdating = true;
+    isUpdating_ = true;
     const std::string trouble = UpdateSlot::instance().open();
     if (!trouble.empty()) {
         return fail(kExitSystem,
@@ -305,18 +305,18 @@ void ModuleVerbs::release(FWUpdateSymbol& module, const ModuleSource& source,
         return;
     }
     if (!releasePackage(module)) {
-        m_report.warning("the package of " + module.getLibName() + " stays mounted");
+        report_.warning("the package of " + module.getLibName() + " stays mounted");
     }
 }
 
 void ModuleVerbs::tellAllDone()
 {
-    if (m_hasLateUpdate) {
+    if (hasLateUpdate_) {
         return;  // whoever is still flashing is not told that the run is over
     }
     const std::string raised = raisedBy([] { manager().allDoUpdateDone(); });
     if (!raised.empty()) {
-        m_report.warning("not every module was told that the run is over: " + raised);
+        report_.warning("not every module was told that the run is over: " + raised);
     }
 }
 
@@ -331,22 +331,22 @@ void ModuleVerbs::runMarked(const std::vector<ModuleCheck>& checks,
             marked.push_back(&module);
         }
     }
-    UpdateWatch watch(marked, m_report, m_pollInterval);
+    UpdateWatch watch(marked, report_, pollInterval_);
     bool isInterrupted = false;
-    m_hasPowerLock = true;
+    hasPowerLock_ = true;
     const std::string raised =
         raisedByUpdate([] { manager().doUpdateFirmwareAll(CALLER_SERVICE); }, isInterrupted);
     if (!raised.empty()) {
         // A module that is told that the run is over has broken the run's end off.
-        m_report.warning("not every module was told that the run is over: " + raised);
+        report_.warning("not every module was told that the run is over: " + raised);
     }
     if (!raised.empty() || isInterrupted) {
         device_power_unlock_state(kPowerLock);
         static_cast<void>(std::remove(paths::kUpdateList));
     }
-    m_hasPowerLock = false;
+    hasPowerLock_ = false;
     watch.finish();
-    m_hasLateUpdate = watch.isAnyStillRunning();
+    hasLateUpdate_ = watch.isAnyStillRunning();
     int begun = isInterrupted ? UpdateSlot::instance().updatesBegun() : INT_MAX;
     for (std::size_t i = 0; i < modules.size(); ++i) {
         FWUpdateSymbol& module = modules[i];
@@ -386,7 +386,7 @@ void ModuleVerbs::runOneByOne(const ModuleSource& source, std::vector<ModuleUpda
 ModuleUpdate ModuleVerbs::runProcess(FWUpdateSymbol& module, const ModuleSource& source)
 {
     const std::string name = module.getLibName();
-    m_report.updating(name);
+    report_.updating(name);
     char noText[] = "";
     int result = -1;
     beginUpdating();
@@ -410,13 +410,13 @@ ModuleUpdate ModuleVerbs::updateOne(FWUpdateSymbol& module, const ModuleSource& 
         return runProcess(module, source);
     }
     char noText[] = "";
-    UpdateWatch watch({&module}, m_report, m_pollInterval);
+    UpdateWatch watch({&module}, report_, pollInterval_);
     bool isInterrupted = false;
     const std::string raised = raisedByUpdate(
         [&] { manager().doUpdateFirmware(module.getLibName(), source.caller, noText); },
         isInterrupted);
     watch.finish();
-    m_hasLateUpdate = m_hasLateUpdate || watch.isAnyStillRunning();
+    hasLateUpdate_ = hasLateUpdate_ || watch.isAnyStillRunning();
     if (isInterrupted) {
         release(module, source, watch);
         return notBegun(module);
@@ -448,7 +448,7 @@ ExitCode ModuleVerbs::update(const std::string& name, const ModuleSource& source
     if (code != kExitSuccess) {
         return code;
     }
-    m_source = &source;
+    source_ = &source;
     const ModuleUpdate update = updateOne(*module, source);
     takeOverTheEnd();
     if (update.outcome == Outcome::kNotBegun) {
@@ -464,7 +464,7 @@ ExitCode ModuleVerbs::update(const std::string& name, const ModuleSource& source
     if (wasNeeded) {
         tellAllDone();
     }
-    m_report.updated(source, {update}, code);
+    report_.updated(source, {update}, code);
     return code;
 }
 
@@ -478,7 +478,7 @@ ExitCode ModuleVerbs::updateAll(const ModuleSource& source)
     if (code != kExitSuccess) {
         return code;
     }
-    m_source = &source;
+    source_ = &source;
     std::vector<ModuleUpdate> updates;
     if (source.type == UPDATE_EMP) {
         std::vector<ModuleCheck> checks;
@@ -495,7 +495,7 @@ ExitCode ModuleVerbs::updateAll(const ModuleSource& source)
     if (isAny(updates, Outcome::kNotBegun) && UpdateSlot::instance().updatesBegun() == 0) {
         return interrupted();
     }
-    m_report.updated(source, updates, code);
+    report_.updated(source, updates, code);
     return code;
 }
 
@@ -505,7 +505,7 @@ ExitCode ModuleVerbs::unlock()
     switch (result.release) {
         case Release::kReleased:
         case Release::kWasFree:
-            m_report.unlocked(result.release == Release::kReleased);
+            report_.unlocked(result.release == Release::kReleased);
             return kExitSuccess;
         case Release::kHeld:
             return fail(
@@ -536,7 +536,7 @@ ExitCode ModuleVerbs::version(const std::string& name)
     if (!runningVersion(*module)) {
         return fail(kExitNoAnswer, "the module " + name + " does not tell its version");
     }
-    m_report.version(entryOf(*module));
+    report_.version(entryOf(*module));
     return kExitSuccess;
 }
 
@@ -554,7 +554,7 @@ ExitCode ModuleVerbs::progress(const std::string& name)
     if (result != 0) {
         return fail(kExitNoAnswer, "the module " + name + " does not tell its progress");
     }
-    m_report.progress(name, percent);
+    report_.progress(name, percent);
     return kExitSuccess;
 }
 
@@ -572,7 +572,7 @@ ExitCode ModuleVerbs::download()
             packages.push_back(module.getEMPName());
         }
     }
-    m_report.downloading(packages.size());
+    report_.downloading(packages.size());
     const std::vector<std::optional<int>> statuses = downloadPackages(packages);
     ExitCode code = kExitSuccess;
     for (std::size_t i = 0; i < statuses.size(); ++i) {
@@ -584,7 +584,7 @@ ExitCode ModuleVerbs::download()
         }
         code = downloads[i].downloaded ? code : kExitDownloadFailed;
     }
-    m_report.downloaded(downloads, code);
+    report_.downloaded(downloads, code);
     return code;
 }
 

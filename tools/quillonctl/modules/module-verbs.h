@@ -22,7 +22,7 @@ public:
     /// @param report        must outlive this object
     /// @param pollInterval  how often a running update is looked at
     ModuleVerbs(ModuleReport& report, std::chrono::milliseconds pollInterval)
-        : m_report(report), m_pollInterval(pollInterval)
+        : report_(report), pollInterval_(pollInterval)
     {
     }
 
@@ -38,7 +38,7 @@ public:
 
     /// Whether an update has been given up that is still running in a plug-in. The program must
     /// then end without tearing anything down.
-    bool hasLateUpdate() const { return m_hasLateUpdate; }
+    bool hasLateUpdate() const { return hasLateUpdate_; }
 
 private:
     ExitCode fail(ExitCode code, const std::string& text);
@@ -62,12 +62,12 @@ private:
     void tellAllDone();
     void release(FWUpdateSymbol& module, const ModuleSource& source, const UpdateWatch& watch);
 
-    ModuleReport& m_report;
-    const std::chrono::milliseconds m_pollInterval;
-    std::atomic<const ModuleSource*> m_source{nullptr};  ///< whose packages may be mounted
-    std::atomic<bool> m_hasPowerLock{false};
-    std::atomic<bool> m_isUpdating{false};
-    bool m_hasLateUpdate = false;
+    ModuleReport& report_;
+    const std::chrono::milliseconds pollInterval_;
+    std::atomic<const ModuleSource*> source_{nullptr};  ///< whose packages may be mounted
+    std::atomic<bool> hasPowerLock_{false};
+    std::atomic<bool> isUpdating_{false};
+    bool hasLateUpdate_ = false;
 };
 
 }  // namespace quillon

@@ -126,15 +126,15 @@ std::unique_ptr<SlotLocks> SlotLocks::open(std::string& trouble)
 SlotLocks::~SlotLocks()
 {
     if (!isOwnFile()) {
-        static_cast<void>(m_descriptor.release());  // it may be somebody else's by now
+        static_cast<void>(descriptor_.release());  // it may be somebody else's by now
     }
 }
 
 bool SlotLocks::isOwnFile() const
 {
     struct stat status = {};
-    return fstat(m_descriptor.get(), &status) == 0 && status.st_dev == m_file.st_dev &&
-           status.st_ino == m_file.st_ino;
+    return fstat(descriptor_.get(), &status) == 0 && status.st_dev == file_.st_dev &&
+           status.st_ino == file_.st_ino;
 }
 
 bool SlotLocks::set(short type, off_t byte)
@@ -144,7 +144,7 @@ bool SlotLocks::set(short type, off_t byte)
         return false;
     }
     struct flock lock = lockOf(type, byte, 1);
-    return fcntl(m_descriptor.get(), F_OFD_SETLK, &lock) == 0;
+    return fcntl(descriptor_.get(), F_OFD_SETLK, &lock) == 0;
 }
 
 SlotLocks::Gate SlotLocks::enterGate()
@@ -198,7 +198,7 @@ void SlotLocks::stopHolding()
 SlotLocks::Part SlotLocks::partOf(pid_t process) const
 {
     struct flock lock = lockOf(F_WRLCK, kNumbers + process, 1);
-    if (fcntl(m_descriptor.get(), F_OFD_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) {
+    if (fcntl(descriptor_.get(), F_OFD_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) {
         return Part::kNone;
     }
     return lock.l_type == F_WRLCK ? Part::kMayHold : Part::kTakesPart;
@@ -207,13 +207,13 @@ SlotLocks::Part SlotLocks::partOf(pid_t process) const
 bool SlotLocks::isHeld() const
 {
     struct flock lock = lockOf(F_RDLCK, kHeld, 1);
-    return fcntl(m_descriptor.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+    return fcntl(descriptor_.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
 pid_t SlotLocks::holder() const
 {
     struct flock lock = lockOf(F_RDLCK, kNumbers + 1, 0);
-    if (fcntl(m_descriptor.get(), F_OFD_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) {
+    if (fcntl(descriptor_.get(), F_OFD_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) {
         return 0;
     }
     return static_cast<pid_t>(lock.l_start - kNumbers);

@@ -37,7 +37,7 @@ public:
     static std::unique_ptr<SlotLocks> open(std::string& trouble);
 
     /// The semaphore's file.
-    const struct stat& file() const { return m_file; }
+    const struct stat& file() const { return file_; }
 
     enum class Gate {
         kInside,
@@ -66,12 +66,12 @@ public:
     SlotLocks& operator=(const SlotLocks&) = delete;
 
 private:
-    SlotLocks(int file, const struct stat& status) : m_descriptor(file), m_file(status) {}
+    SlotLocks(int file, const struct stat& status) : descriptor_(file), file_(status) {}
     bool isOwnFile() const;
     bool set(short type, off_t byte);
 
-    UniqueFd m_descriptor;
-    struct stat m_file;
+    UniqueFd descriptor_;
+    struct stat file_;
 };
 
 }  // namespace quillon

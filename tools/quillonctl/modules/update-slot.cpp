@@ -82,16 +82,15 @@ UpdateSlot& UpdateSlot::instance()
 
 std::string UpdateSlot::open()
 {
-    m_process = getpid();
+    process_ = getpid();
     std::string trouble;
-    m_locks = SlotLocks::open(trouble);
-    if (!m_locks && trouble.empty() &&
-        FWUpdateCommon::getInstance().create_semaphore() != nullptr) {
-        m_locks = SlotLocks::open(trouble);
+    locks_ = SlotLocks::open(trouble);
+    if (!locks_ && trouble.empty() && FWUpdateCommon::getInstance().create_semaphore() != nullptr) {
+        locks_ = SlotLocks::open(trouble);
     }
     // Taking part comes before having the semaphore open: who has it open without that may hold it.
-    m_semaphore = m_locks ? FWUpdateCommon::getInstance().create_semaphore() : nullptr;
-    if (m_semaphore == nullptr && trouble.empty()) {
+    semaphore_ = locks_ ? FWUpdateCommon::getInstance().create_semaphore() : nullptr;
+    if (semaphore_ == nullptr && trouble.empty()) {
         trouble = std::strerror(errno);
     }
     return trouble;
@@ -100,19 +99,19 @@ std::string UpdateSlot::open()
 /// A module that closes all files closes that of the locks as well; the semaphore itself stays.
 SlotLocks::Gate UpdateSlot::enterGate()
 {
-    SlotLocks::Gate gate = m_locks->enterGate();
+    SlotLocks::Gate gate = locks_->enterGate();
     if (gate != SlotLocks::Gate::kLost) {
         return gate;
     }
     std::string trouble;
     if (std::unique_ptr<SlotLocks> locks = SlotLocks::open(trouble)) {
-        m_locks = std::move(locks);
-        gate = m_locks->enterGate();
+        locks_ = std::move(locks);
+        gate = locks_->enterGate();
     }
     if (gate == SlotLocks::Gate::kLost) {
-        m_trouble = "the update semaphore's file cannot be locked any more: " +
-                    (trouble.empty() ? std::strerror(errno) : trouble) +
-                    "; a module may have closed it";
+        trouble_ = "the update semaphore's file cannot be locked any more: " +
+                   (trouble.empty() ? std::strerror(errno) : trouble) +
+                   "; a module may have closed it";
         throw UpdateInterrupted();
     }
     return gate;
@@ -128,13 +127,13 @@ bool UpdateSlot::tryFor(milliseconds time)
     }
     mayBeginUpdating();
     const timespec deadline = after(time);
-    const bool isAcquired = sem_clockwait(m_semaphore, CLOCK_MONOTONIC, &deadline) == 0;
-    m_held = isAcquired && m_locks->startHolding();
-    if (isAcquired && !m_held) {
-        __real_sem_post(m_semaphore);
+    const bool isAcquired = sem_clockwait(semaphore_, CLOCK_MONOTONIC, &deadline) == 0;
+    held_ = isAcquired && locks_->startHolding();
+    if (isAcquired && !held_) {
+        __real_sem_post(semaphore_);
     }
-    m_locks->leaveGate();
-    if (m_held) {
+    locks_->leaveGate();
+    if (held_) {
         return true;
     }
     didNotBeginUpdating();
@@ -149,13 +148,13 @@ void UpdateSlot::acquire()
     std::optional<SlotHolders> told;
     Clock::time_point nextLook = Clock::now() + kUsualWait;
     while (!isInterrupted() && !tryFor(kSlice)) {
-        if (!m_onWaiting || Clock::now() < nextLook) {
+        if (!onWaiting_ || Clock::now() < nextLook) {
             continue;
         }
-        const SlotHolders holders = findSlotHolders(*m_locks);
+        const SlotHolders holders = findSlotHolders(*locks_);
         if (!told || !isSame(*told, holders)) {
             told = holders;
-            m_onWaiting(holders);
+            onWaiting_(holders);
         }
         nextLook = Clock::now() + kBetweenLooks;
     }
@@ -165,18 +164,18 @@ void UpdateSlot::acquire()
         throw UpdateInterrupted();
     }
     beginUpdating();
-    ++m_updatesBegun;
+    ++updatesBegun_;
 }
 
 bool UpdateSlot::giveBack()
 {
-    return getpid() == m_process && m_held.exchange(false) && __real_sem_post(m_semaphore) == 0;
+    return getpid() == process_ && held_.exchange(false) && __real_sem_post(semaphore_) == 0;
 }
 
 void UpdateSlot::post()
 {
     static_cast<void>(giveBack());
-    m_locks->stopHolding();
+    locks_->stopHolding();
 }
 
 ReleaseResult UpdateSlot::release()

@@ -54,13 +54,13 @@ public:
 
     /// @param onWaiting  called on the waiting thread when an update has to wait, and again when
     ///                   there is something new to say; empty for nobody
-    void explainTo(OnWaiting onWaiting) { m_onWaiting = std::move(onWaiting); }
+    void explainTo(OnWaiting onWaiting) { onWaiting_ = std::move(onWaiting); }
 
     /// How many updates have begun in this process.
-    int updatesBegun() const { return m_updatesBegun; }
+    int updatesBegun() const { return updatesBegun_; }
 
     /// Why no update can begin any more; empty while they can.
-    const std::string& trouble() const { return m_trouble; }
+    const std::string& trouble() const { return trouble_; }
 
     /// Posts the semaphore if this process holds it. Safe in a signal handler.
     /// @return whether it did
@@ -71,7 +71,7 @@ public:
 
     /// @name What the registry calls
     /// @{
-    bool isOwn(const sem_t* semaphore) const { return semaphore == m_semaphore; }
+    bool isOwn(const sem_t* semaphore) const { return semaphore == semaphore_; }
     /// Raises UpdateInterrupted.
     void acquire();
     void post();
@@ -81,13 +81,13 @@ private:
     SlotLocks::Gate enterGate();
     bool tryFor(std::chrono::milliseconds time);
 
-    std::unique_ptr<SlotLocks> m_locks;
-    sem_t* m_semaphore = nullptr;
-    pid_t m_process = 0;
-    std::atomic<bool> m_held{false};
-    std::atomic<int> m_updatesBegun{0};
-    OnWaiting m_onWaiting;
-    std::string m_trouble;
+    std::unique_ptr<SlotLocks> locks_;
+    sem_t* semaphore_ = nullptr;
+    pid_t process_ = 0;
+    std::atomic<bool> held_{false};
+    std::atomic<int> updatesBegun_{0};
+    OnWaiting onWaiting_;
+    std::string trouble_;
 };
 
 }  // namespace quillon

@@ -42,30 +42,30 @@ seconds allowedTime(const FWUpdateSymbol& module)
 
 UpdateWatch::UpdateWatch(const std::vector<const FWUpdateSymbol*>& modules, ModuleReport& report,
                          milliseconds interval)
-    : m_modules(modules), m_report(report), m_interval(interval)
+    : modules_(modules), report_(report), interval_(interval)
 {
     UpdateSlot::instance().explainTo([this](const SlotHolders& holders) {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_report.waitingForOthers(holders);
+        const std::lock_guard<std::mutex> lock(mutex_);
+        report_.waitingForOthers(holders);
     });
     const SignalsBlocked blocked;
-    m_thread = std::thread([this] { loop(); });
+    thread_ = std::thread([this] { loop(); });
 }
 
 UpdateWatch::~UpdateWatch()
 {
-    if (m_thread.joinable()) {
+    if (thread_.joinable()) {
         finish();
     }
 }
 
 void UpdateWatch::loop()
 {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    while (!m_stop.wait_for(lock, m_interval, [this] { return m_stopped; })) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (!stop_.wait_for(lock, interval_, [this] { return stopped_; })) {
         // Updates run in the registry's order, so the last one that runs is the one to be shown;
         // those before it have overrun their time.
-        for (auto module = m_modules.rbegin(); module != m_modules.rend(); ++module) {
+        for (auto module = modules_.rbegin(); module != modules_.rend(); ++module) {
             const auto run = ModuleEvents::instance().run((*module)->getLibName());
             if (run && !run->end) {
                 show(**module, *run);
@@ -77,9 +77,9 @@ void UpdateWatch::loop()
 
 void UpdateWatch::show(const FWUpdateSymbol& module, const ModuleRun& run)
 {
-    if (m_shown != &module) {
-        m_shown = &module;
-        m_report.updating(module.getLibName());
+    if (shown_ != &module) {
+        shown_ = &module;
+        report_.updating(module.getLibName());
     }
     const auto passed = std::chrono::duration_cast<seconds>(Clock::now() - run.began);
     const seconds expected = expectedTime(module);
@@ -95,7 +95,7 @@ void UpdateWatch::show(const FWUpdateSymbol& module, const ModuleRun& run)
                       : 99U;
         percent = std::min(percent, 99U);  // done is what the registry says is done
     }
-    m_report.progressed(
+    report_.progressed(
         static_cast<int>(std::min(percent, 100U)),
         static_cast<int>(std::clamp(expected - passed, seconds::zero(), kLongestTimeLeft).count()));
 }
@@ -104,11 +104,11 @@ void UpdateWatch::finish()
 {
     UpdateSlot::instance().explainTo({});
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_stopped = true;
+        const std::lock_guard<std::mutex> lock(mutex_);
+        stopped_ = true;
     }
-    m_stop.notify_one();
-    m_thread.join();
+    stop_.notify_one();
+    thread_.join();
     waitForLate();
     if (!isAnyStillRunning()) {
         endUpdating();
@@ -118,14 +118,14 @@ void UpdateWatch::finish()
 void UpdateWatch::waitForLate()
 {
     seconds limit = kShortestSecondChance;
-    for (const FWUpdateSymbol* module : m_modules) {
+    for (const FWUpdateSymbol* module : modules_) {
         if (isStillRunning(*module)) {
             limit = std::max(limit, std::min(expectedTime(*module), allowedTime(*module)));
-            m_report.waitingForLate(module->getLibName());
+            report_.waitingForLate(module->getLibName());
         }
     }
     const Clock::time_point end = Clock::now() + limit;
-    for (const FWUpdateSymbol* module : m_modules) {
+    for (const FWUpdateSymbol* module : modules_) {
         ModuleEvents::instance().awaitEnd(module->getLibName(), end);
     }
 }
@@ -138,7 +138,7 @@ bool UpdateWatch::isStillRunning(const FWUpdateSymbol& module) const
 
 bool UpdateWatch::isAnyStillRunning() const
 {
-    return std::any_of(m_modules.begin(), m_modules.end(),
+    return std::any_of(modules_.begin(), modules_.end(),
                        [this](const FWUpdateSymbol* module) { return isStillRunning(*module); });
 }
 

@@ -40,15 +40,15 @@ private:
     void show(const FWUpdateSymbol& module, const ModuleRun& run);
     void waitForLate();
 
-    const std::vector<const FWUpdateSymbol*> m_modules;
-    ModuleReport& m_report;
-    const std::chrono::milliseconds m_interval;
-    const FWUpdateSymbol* m_shown = nullptr;
+    const std::vector<const FWUpdateSymbol*> modules_;
+    ModuleReport& report_;
+    const std::chrono::milliseconds interval_;
+    const FWUpdateSymbol* shown_ = nullptr;
 
-    std::mutex m_mutex;
-    std::condition_variable m_stop;
-    bool m_stopped = false;
-    std::thread m_thread;
+    std::mutex mutex_;
+    std::condition_variable stop_;
+    bool stopped_ = false;
+    std::thread thread_;
 };
 
 }  // namespace quillon

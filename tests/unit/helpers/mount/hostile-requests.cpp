@@ -286,40 +286,40 @@ void add(std::vector<HostileRequest>& all, Kind kind, const Texts& texts, Refusa
 
 void addMounts(std::vector<HostileRequest>& all)
 {
-    add(all, Kind::Mount, wrongMountShapes(), Refusal::Shape);
+    add(all, Kind::kMount, wrongMountShapes(), Refusal::kShape);
     for (const std::string& options : wrongOptions()) {
-        all.push_back({Kind::Mount, mountText(options, kImage, kDirectory), Refusal::Options});
+        all.push_back({Kind::kMount, mountText(options, kImage, kDirectory), Refusal::kOptions});
     }
     for (const std::string& image : wrongImages()) {
-        all.push_back({Kind::Mount, mountText(kOptions, image, kDirectory), Refusal::Image});
+        all.push_back({Kind::kMount, mountText(kOptions, image, kDirectory), Refusal::kImage});
     }
     for (const std::string& directory : wrongDirectories()) {
-        all.push_back({Kind::Mount, mountText(kOptions, kImage, directory), Refusal::Directory});
+        all.push_back({Kind::kMount, mountText(kOptions, kImage, directory), Refusal::kDirectory});
     }
-    all.push_back({Kind::Mount, mountText(kOptions, kDirectory, kImage), Refusal::Image});
+    all.push_back({Kind::kMount, mountText(kOptions, kDirectory, kImage), Refusal::kImage});
 }
 
 void addNodes(std::vector<HostileRequest>& all)
 {
-    add(all, Kind::Node, wrongNodeShapes(), Refusal::Shape);
+    add(all, Kind::kNode, wrongNodeShapes(), Refusal::kShape);
     for (const char* mode : {"660", "00660", "0666", "0777", "4660", "06600", "u=rw", "0", "-1"}) {
         all.push_back(
-            {Kind::Node, std::string("-m ") + mode + " -Z * /dev/loop8  b 7 8", Refusal::Mode});
+            {Kind::kNode, std::string("-m ") + mode + " -Z * /dev/loop8  b 7 8", Refusal::kMode});
     }
     for (const char* label : {"_", "^", "**", "*:*", "System", "?", "\"*\""}) {
-        all.push_back({Kind::Node, std::string("-m 0660 -Z ") + label + " /dev/loop8  b 7 8",
-                       Refusal::Label});
+        all.push_back({Kind::kNode, std::string("-m 0660 -Z ") + label + " /dev/loop8  b 7 8",
+                       Refusal::kLabel});
     }
     for (const char* number :
          {"250", "251", "255", "256", "999",     "1048576", "4294967304", "18446744073709551624",
           "-1",  "-0",  "+8",  "08",  "008",     "0x8",     "8.0",        "8e0",
           "8a",  "a",   "*",   "8/",  "control", "8p1"}) {
-        all.push_back(
-            {Kind::Node, nodeText(std::string("/dev/loop") + number, "7", number), Refusal::Node});
+        all.push_back({Kind::kNode, nodeText(std::string("/dev/loop") + number, "7", number),
+                       Refusal::kNode});
     }
     for (const char* major :
          {"8", "0", "1", "07", "+7", "-7", "77", "0x7", "263", "7.0", "seven"}) {
-        all.push_back({Kind::Node, nodeText("/dev/loop8", major, "8"), Refusal::Node});
+        all.push_back({Kind::kNode, nodeText("/dev/loop8", major, "8"), Refusal::kNode});
     }
     for (const char* node :
          {"/dev/sda8",   "/dev/mem8",     "/dev/loop",    "/dev/loop9",        "/dev/loop88",
@@ -327,10 +327,10 @@ void addNodes(std::vector<HostileRequest>& all)
           "/dev/loop/8", "loop8",         "dev/loop8",    "//dev/loop8",       "/tmp/loop8",
           "/DEV/loop8",  "/dev/Loop8",    "/dev/loop8x",  "/dev/loop-control", "/dev/null",
           "/etc/loop8",  "/dev/shm/loop8"}) {
-        all.push_back({Kind::Node, nodeText(node, "7", "8"), Refusal::Node});
+        all.push_back({Kind::kNode, nodeText(node, "7", "8"), Refusal::kNode});
     }
-    all.push_back({Kind::Node, nodeText("/dev/loop8", "7", "9"), Refusal::Node});
-    all.push_back({Kind::Node, nodeText("/dev/loop8", "8", "7"), Refusal::Node});
+    all.push_back({Kind::kNode, nodeText("/dev/loop8", "7", "9"), Refusal::kNode});
+    all.push_back({Kind::kNode, nodeText("/dev/loop8", "8", "7"), Refusal::kNode});
 }
 
 }  // namespace
@@ -340,13 +340,13 @@ std::vector<HostileRequest> hostileRequests()
     std::vector<HostileRequest> all;
     addMounts(all);
     addNodes(all);
-    add(all, Kind::Unmount, wrongDirectories(), Refusal::Directory);
-    add(all, Kind::Unmount,
+    add(all, Kind::kUnmount, wrongDirectories(), Refusal::kDirectory);
+    add(all, Kind::kUnmount,
         {"", " ", " " + kDirectory, kDirectory + " ", kDirectory + "\n", kDirectory + "\t",
          "-l " + kDirectory, "-f " + kDirectory, kDirectory + " " + kDirectory, "-a", "/dev/loop0",
          kImage, goodMount(), goodNode(), kMounts + "\xc3\xa4", std::string(1023, 'a'),
          std::string(1023, '/')},
-        Refusal::Directory);
+        Refusal::kDirectory);
     return all;
 }
 

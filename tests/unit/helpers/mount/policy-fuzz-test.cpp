@@ -117,7 +117,7 @@ Counts fuzz(const std::string& good, Refusal (*judge)(std::string_view, Order&),
         for (int i = 0; i < kMutations; ++i) {
             const std::string text = mutator.mutate(good);
             Order order;
-            const bool granted = judge(text, order) == Refusal::None;
+            const bool granted = judge(text, order) == Refusal::kNone;
             EXPECT_EQ(granted, isWellFormed(text)) << "[" << text << "]";
             ++(granted ? counts.granted : counts.refused);
         }

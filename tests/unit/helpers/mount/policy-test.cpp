@@ -21,14 +21,14 @@ Refusal judge(Kind kind, const std::string& text)
     NodeOrder node;
     UnmountOrder unmount;
     switch (kind) {
-        case Kind::Mount:
+        case Kind::kMount:
             return judgeMount(text, mount);
-        case Kind::Node:
+        case Kind::kNode:
             return judgeNode(text, node);
-        case Kind::Unmount:
+        case Kind::kUnmount:
             return judgeUnmount(text, unmount);
     }
-    return Refusal::Shape;
+    return Refusal::kShape;
 }
 
 std::string mountOf(const std::string& image, const std::string& directory)
@@ -54,7 +54,7 @@ TEST(Policy, IsHeldAgainstTwoHundredDifferentHostileRequests)
     for (const HostileRequest& request : hostileRequests()) {
         EXPECT_TRUE(different.emplace(request.kind, request.text).second) << request.text;
         EXPECT_LT(request.text.size(), kTextSize);
-        EXPECT_NE(request.expected, Refusal::None);
+        EXPECT_NE(request.expected, Refusal::kNone);
     }
     EXPECT_THAT(different.size(), Ge(200U));
 }
@@ -62,7 +62,7 @@ TEST(Policy, IsHeldAgainstTwoHundredDifferentHostileRequests)
 TEST(Policy, TakesOnlyNamesFromAMountRequest)
 {
     MountOrder order;
-    ASSERT_EQ(judgeMount(mountOf("tunerempA1.img", "TUNER2"), order), Refusal::None);
+    ASSERT_EQ(judgeMount(mountOf("tunerempA1.img", "TUNER2"), order), Refusal::kNone);
     EXPECT_THAT(order.image, StrEq("tunerempA1.img"));
     EXPECT_THAT(order.directory, StrEq("TUNER2"));
 }
@@ -70,7 +70,7 @@ TEST(Policy, TakesOnlyNamesFromAMountRequest)
 TEST(Policy, TakesOnlyTheNameFromAnUnmountRequest)
 {
     UnmountOrder order;
-    ASSERT_EQ(judgeUnmount("/opt/usr/apps/appbinarymanager/emps/x9", order), Refusal::None);
+    ASSERT_EQ(judgeUnmount("/opt/usr/apps/appbinarymanager/emps/x9", order), Refusal::kNone);
     EXPECT_THAT(order.directory, StrEq("x9"));
 }
 
@@ -81,7 +81,7 @@ TEST(Policy, GrantsExactlyTheLoopNodesFrom0To249)
         NodeOrder order;
         const Refusal refusal =
             judgeNode("-m 0660 -Z * /dev/loop" + digits + "  b 7 " + digits, order);
-        EXPECT_EQ(refusal, number < 250 ? Refusal::None : Refusal::Node) << number;
+        EXPECT_EQ(refusal, number < 250 ? Refusal::kNone : Refusal::kNode) << number;
         EXPECT_EQ(order.number, number < 250 ? number : 0U);
     }
 }
@@ -89,17 +89,17 @@ TEST(Policy, GrantsExactlyTheLoopNodesFrom0To249)
 TEST(Policy, LeavesTheOrderAsItWasWhenItRefuses)
 {
     MountOrder order{"before.img", "before"};
-    ASSERT_EQ(judgeMount(mountOf("alpha.img", "alpha/"), order), Refusal::Directory);
+    ASSERT_EQ(judgeMount(mountOf("alpha.img", "alpha/"), order), Refusal::kDirectory);
     EXPECT_THAT(order.image, StrEq("before.img"));
     EXPECT_THAT(order.directory, StrEq("before"));
 }
 
 TEST(Policy, SeesAByteOfZeroInsideOfAText)
 {
-    EXPECT_EQ(judge(Kind::Mount, mountOf("alpha.img", std::string("alpha\0beta", 10))),
-              Refusal::Shape);
-    EXPECT_EQ(judge(Kind::Unmount, goodUnmount() + '\0'), Refusal::Directory);
-    EXPECT_EQ(judge(Kind::Node, goodNode() + '\0'), Refusal::Shape);
+    EXPECT_EQ(judge(Kind::kMount, mountOf("alpha.img", std::string("alpha\0beta", 10))),
+              Refusal::kShape);
+    EXPECT_EQ(judge(Kind::kUnmount, goodUnmount() + '\0'), Refusal::kDirectory);
+    EXPECT_EQ(judge(Kind::kNode, goodNode() + '\0'), Refusal::kShape);
 }
 
 TEST(Policy, RefusesEveryCharacterInANameButLettersAndDigits)
@@ -109,10 +109,10 @@ TEST(Policy, RefusesEveryCharacterInANameButLettersAndDigits)
         const bool good =
             (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
         const std::string name = std::string("a") + c + "b";
-        EXPECT_EQ(judge(Kind::Mount, mountOf(name + ".img", "a")) == Refusal::None, good) << code;
-        EXPECT_EQ(judge(Kind::Mount, mountOf("a.img", name)) == Refusal::None, good) << code;
+        EXPECT_EQ(judge(Kind::kMount, mountOf(name + ".img", "a")) == Refusal::kNone, good) << code;
+        EXPECT_EQ(judge(Kind::kMount, mountOf("a.img", name)) == Refusal::kNone, good) << code;
         EXPECT_EQ(
-            judge(Kind::Unmount, "/opt/usr/apps/appbinarymanager/emps/" + name) == Refusal::None,
+            judge(Kind::kUnmount, "/opt/usr/apps/appbinarymanager/emps/" + name) == Refusal::kNone,
             good)
             << code;
     }
@@ -122,8 +122,8 @@ TEST(Policy, HasAReasonInWordsForEveryRefusal)
 {
     std::set<std::string> reasons;
     for (const Refusal refusal :
-         {Refusal::None, Refusal::Shape, Refusal::Options, Refusal::Image, Refusal::Directory,
-          Refusal::Mode, Refusal::Label, Refusal::Node}) {
+         {Refusal::kNone, Refusal::kShape, Refusal::kOptions, Refusal::kImage, Refusal::kDirectory,
+          Refusal::kMode, Refusal::kLabel, Refusal::kNode}) {
         EXPECT_THAT(describe(refusal), testing::Not(StrEq("")));
         EXPECT_TRUE(reasons.insert(describe(refusal)).second);
     }

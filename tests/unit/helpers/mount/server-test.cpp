@@ -113,23 +113,23 @@ private:
 TEST_F(PrivilegedServer, DoesNothingForAClientThatDoesNotWaitAnyMore)
 {
     const UniqueFd slow = client();
-    const Request slowRequest = request(Kind::Mount, kSlow);
+    const Request slowRequest = request(Kind::kMount, kSlow);
     ASSERT_EQ(send(slow.get(), &slowRequest, sizeof slowRequest, 0), ssize_t(sizeof slowRequest));
     {
         const UniqueFd impatient = client();
-        const Request late = request(Kind::Mount, "late");
+        const Request late = request(Kind::kMount, "late");
         ASSERT_EQ(send(impatient.get(), &late, sizeof late, 0), ssize_t(sizeof late));
     }
-    EXPECT_EQ(ask(client(), request(Kind::Unmount, "last")), kHandled);
+    EXPECT_EQ(ask(client(), request(Kind::kUnmount, "last")), kHandled);
     EXPECT_THAT(end(), ElementsAre(std::string("1") + kSlow, "3last"));
 }
 
 TEST_F(PrivilegedServer, AnswersEveryRequestOfAConnection)
 {
     const UniqueFd connection = client();
-    EXPECT_EQ(ask(connection, request(Kind::Mount, "a")), kHandled);
-    EXPECT_EQ(ask(connection, request(Kind::Node, "b")), kHandled);
-    EXPECT_EQ(ask(connection, request(Kind::Unmount, "c")), kHandled);
+    EXPECT_EQ(ask(connection, request(Kind::kMount, "a")), kHandled);
+    EXPECT_EQ(ask(connection, request(Kind::kNode, "b")), kHandled);
+    EXPECT_EQ(ask(connection, request(Kind::kUnmount, "c")), kHandled);
     EXPECT_THAT(end(), ElementsAre("1a", "2b", "3c"));
 }
 
@@ -139,23 +139,23 @@ TEST_F(PrivilegedServer, LetsNobodyWaitForASilentClient)
     for (int i = 0; i < 10; ++i) {
         silent.push_back(client());
     }
-    EXPECT_EQ(ask(client(), request(Kind::Mount, "a")), kHandled);
+    EXPECT_EQ(ask(client(), request(Kind::kMount, "a")), kHandled);
 }
 
 TEST_F(PrivilegedServer, GivesThePlaceOfWhoeverIsSilentLongestToANewClient)
 {
     const UniqueFd active = client();
-    ASSERT_EQ(ask(active, request(Kind::Mount, "early")), kHandled);
+    ASSERT_EQ(ask(active, request(Kind::kMount, "early")), kHandled);
     std::vector<UniqueFd> silent;
     for (std::size_t i = 0; i < kMostConnections - 1; ++i) {
         silent.push_back(client());
     }
     // Whoever is heard was accepted, and so were all that came before.
-    ASSERT_EQ(ask(silent.back(), request(Kind::Mount, "last")), kHandled);
-    ASSERT_EQ(ask(active, request(Kind::Mount, "active")), kHandled);
-    EXPECT_EQ(ask(client(), request(Kind::Mount, "new")), kHandled);
+    ASSERT_EQ(ask(silent.back(), request(Kind::kMount, "last")), kHandled);
+    ASSERT_EQ(ask(active, request(Kind::kMount, "active")), kHandled);
+    EXPECT_EQ(ask(client(), request(Kind::kMount, "new")), kHandled);
     EXPECT_EQ(answer(silent.front()), -1);
-    EXPECT_EQ(ask(active, request(Kind::Mount, "still")), kHandled);
+    EXPECT_EQ(ask(active, request(Kind::kMount, "still")), kHandled);
 }
 
 TEST_F(PrivilegedServer, EndsTheConnectionOfWhoeverMayNotAsk)
@@ -168,7 +168,7 @@ TEST_F(PrivilegedServer, EndsTheConnectionOfWhoeverMayNotAsk)
             _exit(kNoOtherUser);
         }
         const UniqueFd connection = client();
-        const int first = ask(connection, request(Kind::Mount, "a"));
+        const int first = ask(connection, request(Kind::kMount, "a"));
         _exit(first == EPERM && answer(connection) == -1 ? 0 : 1);
     }
     int status = 0;
@@ -191,12 +191,12 @@ TEST_F(PrivilegedServer, EndsASilentConnectionAfterSomeTime)
 TEST_F(PrivilegedServer, TakesNobodyForSilentWhoWasNotListenedTo)
 {
     const UniqueFd connection = client();
-    ASSERT_EQ(ask(connection, request(Kind::Mount, "early")), kHandled);
+    ASSERT_EQ(ask(connection, request(Kind::kMount, "early")), kHandled);
     const UniqueFd other = client();
-    const Request slow = request(Kind::Mount, kSlow);
+    const Request slow = request(Kind::kMount, kSlow);
     ASSERT_GT(send(other.get(), &slow, sizeof slow, MSG_NOSIGNAL), 0);
     std::this_thread::sleep_for(std::chrono::seconds(1));
-    EXPECT_EQ(ask(connection, request(Kind::Mount, "meanwhile")), kHandled);
+    EXPECT_EQ(ask(connection, request(Kind::kMount, "meanwhile")), kHandled);
     EXPECT_EQ(answer(other), kHandled);
 }
 
@@ -207,7 +207,7 @@ TEST_F(PrivilegedServer, HandlesNoPacketOfAnotherSize)
          {std::size_t{1}, std::size_t{4}, sizeof(Request) - 1, sizeof(Request) + 1, bytes.size()}) {
         EXPECT_EQ(ask(client(), bytes.data(), size), -1) << size;
     }
-    Request good = request(Kind::Mount, "a");
+    Request good = request(Kind::kMount, "a");
     std::vector<char> longer(sizeof good + 1, '\0');
     std::memcpy(longer.data(), &good, sizeof good);
     EXPECT_EQ(ask(client(), longer.data(), longer.size()), -1);
@@ -216,7 +216,7 @@ TEST_F(PrivilegedServer, HandlesNoPacketOfAnotherSize)
 
 TEST_F(PrivilegedServer, HandlesNoOtherVersionOrKind)
 {
-    Request other = request(Kind::Mount, "a");
+    Request other = request(Kind::kMount, "a");
     other.version = kProtocolVersion + 1;
     EXPECT_EQ(ask(client(), other), -1);
     for (const std::uint32_t kind : {0U, 4U, 0xffffffffU}) {
@@ -227,8 +227,8 @@ TEST_F(PrivilegedServer, HandlesNoOtherVersionOrKind)
 
 TEST_F(PrivilegedServer, HandlesNoTextWithoutAnEndOrWithSomethingBehindIt)
 {
-    EXPECT_EQ(ask(client(), request(Kind::Mount, std::string(kTextSize, 'a'))), -1);
-    EXPECT_EQ(ask(client(), request(Kind::Mount, std::string("a\0b", 3))), -1);
+    EXPECT_EQ(ask(client(), request(Kind::kMount, std::string(kTextSize, 'a'))), -1);
+    EXPECT_EQ(ask(client(), request(Kind::kMount, std::string("a\0b", 3))), -1);
     EXPECT_THAT(end(), IsEmpty());
 }
 
@@ -236,8 +236,8 @@ TEST_F(PrivilegedServer, OutlivesClientsThatGoWithoutTheirAnswer)
 {
     for (int i = 0; i < 50; ++i) {
         const UniqueFd connection = client();
-        const Request packet = request(Kind::Mount, "a");
+        const Request packet = request(Kind::kMount, "a");
         ASSERT_GT(send(connection.get(), &packet, sizeof packet, MSG_NOSIGNAL), 0);
     }
-    EXPECT_EQ(ask(client(), request(Kind::Mount, "b")), kHandled);
+    EXPECT_EQ(ask(client(), request(Kind::kMount, "b")), kHandled);
 }
