@@ -29,10 +29,12 @@ build:
 	@cmake --build --preset dev
 
 demo:
-	@packaging/install-dependencies
-	@cmake --preset dev -G Ninja $(CMAKE_ARGS)
-	@cmake --build --preset dev --target demo-programs
-	@$(BUILD)/bin/quillon-device run -- examples/demo/demo.sh $(BUILD)
+	@begin=$$(date +%s) && packaging/install-dependencies && packages=$$(date +%s) && \
+	cmake --preset dev -G Ninja $(CMAKE_ARGS) && \
+	cmake --build --preset dev --target demo-programs && built=$$(date +%s) && \
+	$(BUILD)/bin/quillon-device run -- examples/demo/demo.sh $(BUILD) && \
+	echo "ready after $$((built - begin)) s, of which $$((packages - begin)) s packages," \
+	    "$$((built - packages)) s build"
 
 test: build
 	@ctest --preset dev -j 4

@@ -91,7 +91,7 @@ bool FWUpdateMQManager::onCreate(bool isOwner)
 bool FWUpdateMQManager::setSmackAccess(const std::string& name)
 {
     const std::string path = "/dev/mqueue" + name;
-    // The label is stored with its terminating NUL on purpose, as the text that it is in C.
+    // The label is stored with its terminating NUL, as the text that it is in C.
     if (setxattr(path.c_str(), kLabelAttribute, kLabel, sizeof(kLabel), 0) != 0) {
         FW_LOGE("Error: setSmackAccess Fail file [%s] label [%s]", path.c_str(), kLabel);
         return false;
@@ -135,7 +135,7 @@ bool FWUpdateMQManager::onDestroy()
     // A child that a plug-in forked off and that calls exit() comes here as well: the queues are
     // its parent's.
     const bool mayRemove = isOwner_ && creator_ == getpid();
-    // The descriptors keep their values on purpose: a manager is destroyed once, at process exit.
+    // The descriptors keep their values: a manager is destroyed once, at process exit.
     if (serviceQueue_ != -1) {
         static_cast<void>(mq_close(serviceQueue_));
         if (mayRemove) {

@@ -89,7 +89,7 @@ struct Rendezvous
     std::string text;
 };
 
-/// The worker's part. It signals without the lock on purpose: the guard's wait ends by a signal
+/// The worker's part. It signals without the lock: the guard's wait ends by a signal
 /// that it hears, and one that comes before it listens counts as late.
 void work(Rendezvous& rendezvous, CallerTypes caller)
 {
@@ -228,7 +228,7 @@ int update_timeout_wrapper(FWUpdateSymbol& module, unsigned int seconds, CallerT
     const std::chrono::nanoseconds allowed(std::int64_t{seconds + kGraceSeconds} *
                                            kNanosecondsPerSecond);
     const auto deadline = std::chrono::steady_clock::now() + allowed;
-    // One wait without a predicate on purpose: any wake-up in time ends it.
+    // One wait without a predicate: any wake-up in time ends it.
     if (rendezvous->done.wait_until(lock, deadline) == std::cv_status::no_timeout) {
         sem_post(semaphore);
         return rendezvous->result.load();
@@ -448,7 +448,7 @@ int FWUpdateSymbolManager::writeFirmwareUpdateList(bool& running)
         FW_LOGE("fail check_race_condition\n");
         return -1;
     }
-    // A list that cannot be opened is not reported on purpose: the marks matter more.
+    // A list that cannot be opened is not reported: the marks matter more.
     quillon::UniqueFile list = createUpdateList();
 
     int count = 0;

@@ -221,7 +221,7 @@ private:
     bool isLoaded_ = false;
     quillon::SharedValue<bool> needUpdate_{false};
     quillon::SharedValue<int> expectedTime_{0};
-    // Before the entries on purpose: they are destroyed first, while their library is still open.
+    // Before the entries: they are destroyed first, while their library is still open.
     quillon::SharedLibrary library_;
     // Never null. Copies share the text, which plug-ins may have kept.
     std::shared_ptr<const std::string> libName_;

@@ -10,7 +10,7 @@
 ///     while (!error) { auto progress = client.progress(); ... }  // until it has ended
 ///     client.estimate();  // so that no module stays marked, see estimate()
 ///
-/// Errors are values; nothing here throws on purpose or writes to any stream.
+/// Errors are values; nothing here throws or writes to any stream.
 #ifndef QUILLON_CLIENT_H
 #define QUILLON_CLIENT_H
 
