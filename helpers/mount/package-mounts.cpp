@@ -1,13 +1,14 @@
 #include "helpers/mount/package-mounts.h"
 
+#include <fcntl.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstring>
-#include <fstream>
-#include <sstream>
+#include <string>
 
 #include "helpers/mount/folders.h"
 #include "helpers/mount/loop-devices.h"
@@ -50,39 +51,15 @@ bool followsLinks(const UniqueFd& folder)
     return fstatfs(folder.get(), &status) != 0 || (status.f_flags & kNoSymFollow) == 0;
 }
 
-/// The number under which the mount table lists the mount that a folder lies on.
-std::string mountIdOf(const UniqueFd& folder)
+/// Whether a folder is the top of a mount from a loop device.
+bool isLoopMount(const UniqueFd& folder)
 {
-    std::ifstream info("/proc/self/fdinfo/" + std::to_string(folder.get()));
-    std::string word;
-    while (info >> word) {
-        if (word == "mnt_id:" && info >> word) {
-            return word;
-        }
+    struct statx status = {};
+    if (statx(folder.get(), "", AT_EMPTY_PATH, STATX_TYPE, &status) != 0) {
+        failWithErrno("statx");
     }
-    throw Failure(EIO, "/proc does not tell on which mount a folder lies");
-}
-
-/// Whether a folder that was opened in kMountFolder is the top of a mount from a loop device.
-bool isLoopMount(const UniqueFd& folder, const std::string& name)
-{
-    const std::string wantedId = mountIdOf(folder);
-    const std::string directory = kMountFolder + ("/" + name);
-    std::ifstream table("/proc/self/mountinfo");
-    for (std::string line; std::getline(table, line);) {
-        std::istringstream fields(line);
-        std::string id;
-        std::string parent;
-        std::string device;
-        std::string root;
-        std::string point;
-        fields >> id >> parent >> device >> root >> point;
-        if (id == wantedId) {
-            const std::string loop = std::to_string(kLoopMajor) + ":";
-            return point == directory && device.compare(0, loop.size(), loop) == 0;
-        }
-    }
-    return false;
+    return (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0 &&
+           status.stx_dev_major == kLoopMajor;
 }
 
 }  // namespace
@@ -103,7 +80,7 @@ void mountPackage(const MountOrder& order)
     if (type == nullptr) {
         throw Failure(EINVAL, order.image + " holds neither squashfs nor ext4");
     }
-    if (isLoopMount(folder, order.directory)) {
+    if (isLoopMount(folder)) {
         throw Failure(EBUSY, order.directory + " has a package mounted already");
     }
     mountDevice(attachLoopDevice(image), type, folder);
@@ -118,7 +95,7 @@ void unmountPackage(const UnmountOrder& order)
     const UniqueFd parent = openFolder(kMountFolder);
     // An open folder keeps its mount busy, so it is closed again before the unmounting; from its
     // fixed parent on, the name leads nowhere else.
-    if (!isLoopMount(openFolderIn(parent.get(), order.directory), order.directory)) {
+    if (!isLoopMount(openFolderIn(parent.get(), order.directory))) {
         throw Failure(EINVAL, order.directory + " has nothing mounted from a loop device");
     }
     const std::string path = pathOf(parent) + "/" + order.directory;

@@ -451,6 +451,23 @@ TEST_F(PackageMount, UnmountsOnlyWhatComesFromALoopDevice)
     EXPECT_THAT(mounts(mountPointOf(name)), SizeIs(1));
 }
 
+TEST_F(PackageMount, TakesAFolderThatLiesOnALoopDeviceForNoMount)
+{
+    const std::string name = unique("alpha");
+    const std::string folders = "/var/lib/quillon/folders";
+    addSquashfs(name, "inside");
+    fs::create_directories(folders + "/content/" + name);
+    run("mke2fs -q -F -t ext4 -d " + folders + "/content " + folders + "/image 2M");
+    run("mount -o ro,loop " + folders + "/image " + kMountFolder);
+    helper.startAndWait();
+    EXPECT_EQ(unmountPackage(name), answered(EINVAL));
+    EXPECT_EQ(mountPackage(name), kDone) << helper.log();
+    EXPECT_EQ(contentOf(name), "inside");
+    EXPECT_EQ(unmountPackage(name), kDone) << helper.log();
+    EXPECT_EQ(unmountPackage(name), answered(EINVAL));
+    run(std::string("umount ") + kMountFolder);
+}
+
 TEST_F(PackageMount, UnmountsNothingBehindALink)
 {
     const std::string name = unique("alpha");
