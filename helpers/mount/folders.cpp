@@ -13,7 +13,7 @@ namespace quillon::privileged {
 UniqueFd openFolder(const std::string& path)
 {
     // Name by name, since one open() would follow the links on the way. openat2() could refuse
-    // them, yet would need this as its fallback on older kernels.
+    // them, yet the C library has no call for it, and a link would be no ENOTDIR.
     UniqueFd folder = openFolderIn(AT_FDCWD, "/");
     for (std::size_t start = 1; start < path.size();) {
         const std::size_t end = std::min(path.find('/', start), path.size());
