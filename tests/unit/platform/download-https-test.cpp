@@ -147,6 +147,28 @@ TEST_F(DownloadHttps, IsNotLeftForPlainHttp)
                 ElementsAre(HasSubstr("the server redirects to another protocol")));
 }
 
+TEST_F(DownloadHttps, IsNotLeftForPlainHttpByADetourEither)
+{
+    const LocalHttpServer plain([&](const HttpRequest& request, HttpConnection& connection) {
+        if (request.path == "/alpha.img") {
+            connection.send(httpHead(
+                "302 Found", {"Content-Length: 0", "Location: " + server.address() + "alpha.img"}));
+            return;
+        }
+        sendPackage(request, connection, "package");
+    });
+    writeFile(
+        HttpsServer::replyFile("alpha.img"),
+        httpHead("302 Found", {"Content-Length: 0", "Location: " + plain.address() + "back"}));
+    configureFor(plain.address(), "ca-file = " + HttpsServer::certificate() + "\n");
+
+    EXPECT_EQ(download("alpha"), -3);
+
+    EXPECT_EQ(plain.requests().size(), 1U);
+    EXPECT_THAT(captured.lines(),
+                ElementsAre(HasSubstr("the server redirects to another protocol")));
+}
+
 TEST_F(DownloadHttps, IsWherePlainHttpMayLeadTo)
 {
     writeFile(HttpsServer::replyFile("alpha.img"),

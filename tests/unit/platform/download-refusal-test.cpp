@@ -57,6 +57,21 @@ TEST_F(DownloadRefusal, OfAnEndlessErrorPage)
     expectRefusal("the server answers 404");
 }
 
+TEST_F(DownloadRefusal, OfARedirectionWithAnEndlessPage)
+{
+    const LocalHttpServer server([&](const HttpRequest&, HttpConnection& connection) {
+        connection.send(httpHead("302 Found", {"Location: elsewhere"}));
+        while (connection.send(std::string(10000, 'x'))) {
+        }
+    });
+    configureFor(server.address());
+
+    EXPECT_EQ(download("alpha"), -3);
+
+    expectRefusal("the server answers 302");
+    EXPECT_EQ(server.requests().size(), 1U);
+}
+
 TEST_F(DownloadRefusal, OfAnEmptyPackage)
 {
     const LocalHttpServer server([&](const HttpRequest&, HttpConnection& connection) {
