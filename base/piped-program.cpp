@@ -24,7 +24,7 @@ using Clock = std::chrono::steady_clock;
 constexpr std::size_t kLongestComplaint = 400;
 constexpr int kFirstAboveStandard = 3;
 constexpr int kMillisecondsBetweenLooks = 2;
-constexpr std::chrono::milliseconds kLongestWait(60000);  // at a time, so that it fits an int
+constexpr std::chrono::milliseconds kBetweenQuietLooks(200);
 
 /// The one end is ours, the other the program's.
 struct Ends
@@ -90,6 +90,8 @@ public:
     bool hasTooMuch() const { return tooMuch_; }
 
 private:
+    bool hasEnded() const;
+    void await();
     void sendSome(const SecretBytes& input);
     void receiveOutput();
     void receiveComplaint();
@@ -173,9 +175,15 @@ bool FilterProgram::transfer(const SecretBytes& input)
         pollfd waiting[] = {{input_.get(), POLLOUT, 0},
                             {outputEnd_.get(), POLLIN, 0},
                             {complaintEnd_.get(), POLLIN, 0}};
-        if (poll(waiting, 3, static_cast<int>(std::min(left, kLongestWait).count())) < 0 &&
-            errno != EINTR) {
+        const bool ended = hasEnded();
+        const auto pause = ended ? left.zero() : std::min(left, kBetweenQuietLooks);
+        const int ready = poll(waiting, 3, static_cast<int>(pause.count()));
+        if (ready < 0 && errno != EINTR) {
             return false;
+        }
+        // What it has started may keep its streams open for longer than it runs itself.
+        if (ready == 0 && ended) {
+            return true;
         }
         if (waiting[0].revents != 0) {
             sendSome(input);
@@ -231,20 +239,31 @@ void FilterProgram::receiveComplaint()
     complaint_.erase(0, complaint_.size() - std::min(complaint_.size(), kLongestComplaint));
 }
 
+/// Leaves its end to be awaited: until then its group can be killed.
+bool FilterProgram::hasEnded() const
+{
+    siginfo_t end = {};
+    return waitid(P_PID, static_cast<id_t>(child_), &end, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+           end.si_pid == child_;
+}
+
 bool FilterProgram::waitForEnd()
 {
-    for (;;) {
-        const pid_t ended = waitpid(child_, &status_, WNOHANG);
-        if (ended == child_ || (ended < 0 && errno != EINTR)) {
-            status_ = ended == child_ ? status_ : -1;
-            child_ = -1;
-            return true;
-        }
+    while (!hasEnded()) {
         if (Clock::now() >= end_) {
             return false;
         }
         poll(nullptr, 0, kMillisecondsBetweenLooks);
     }
+    await();
+    return true;
+}
+
+void FilterProgram::await()
+{
+    while (waitpid(child_, &status_, 0) < 0 && errno == EINTR) {
+    }
+    child_ = -1;
 }
 
 void FilterProgram::killNow()
@@ -253,9 +272,7 @@ void FilterProgram::killNow()
         return;
     }
     kill(call_.longest ? -child_ : child_, SIGKILL);
-    while (waitpid(child_, &status_, 0) < 0 && errno == EINTR) {
-    }
-    child_ = -1;
+    await();
 }
 
 std::string describe(int status)

@@ -34,7 +34,8 @@ struct ProgramEnd
 };
 
 /// Runs a program as a filter. It inherits nothing but its three standard streams, so what goes
-/// through it is seen by nobody else, and takes signals as usual, whatever this process does.
+/// through it is seen by nobody else, and takes signals as usual, whatever this process does. It is
+/// done when it has ended, even where something that it has started still runs.
 ///
 /// @param input        what it reads from its standard input
 /// @param[out] output  what it wrote to its standard output, when it ended with status 0

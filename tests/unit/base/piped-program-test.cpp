@@ -145,6 +145,13 @@ TEST_F(PipedProgram, LeavesNoChildrenBehindWhenItIsKilled)
     EXPECT_NE(access(left.c_str(), F_OK), 0);
 }
 
+TEST_F(PipedProgram, IsDoneWhenItHasEndedWhateverItHasStarted)
+{
+    EXPECT_EQ(run("sleep 60 & echo done"), "");
+    EXPECT_EQ(output(), "done\n");
+    EXPECT_EQ(run("sleep 60 & echo why >&2; exit 3"), "/bin/sh failed with status 3: why\n");
+}
+
 TEST_F(PipedProgram, IsKilledWhenItWritesTooMuch)
 {
     EXPECT_EQ(run("head -c 10 /dev/zero", "", 20s, 10), "");
