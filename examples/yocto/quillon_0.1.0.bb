@@ -12,11 +12,10 @@ inherit cmake pkgconfig systemd useradd
 
 DEPENDS = "boost glib-2.0 jsoncpp openssl"
 
-# What is not in the sysroot is left out; the end of do_configure's log says what was found. Without
-# "helper" packages cannot be mounted, without "tools" quillonctl and quillon-image are missing.
-PACKAGECONFIG ?= "download helper systemd tools"
+# Other dependencies are optional; the end of do_configure's log lists disabled features. Without
+# "tools" quillonctl and quillon-image are missing. "systemd" may be left out with "own-platform" only.
+PACKAGECONFIG ?= "download systemd tools"
 PACKAGECONFIG[download] = ",,curl"
-PACKAGECONFIG[helper] = ",,util-linux"
 PACKAGECONFIG[systemd] = ",,systemd"
 PACKAGECONFIG[tools] = ",,cli11"
 PACKAGECONFIG[trace] = ",,systemtap"
@@ -70,7 +69,7 @@ FILES:${PN}-dev += " \
 # The service loads its verifier from this one place, whatever the library folder is called.
 INSANE_SKIP:quillon-platform-linux += "libdir"
 
-SYSTEMD_PACKAGES = "quillon-service ${@bb.utils.contains('PACKAGECONFIG', 'helper', 'quillon-platform-linux', '', d)}"
+SYSTEMD_PACKAGES = "quillon-service ${@bb.utils.contains('PACKAGECONFIG', 'own-platform', '', 'quillon-platform-linux', d)}"
 SYSTEMD_SERVICE:quillon-service = "quillon.service"
 SYSTEMD_SERVICE:quillon-platform-linux = "quillon-privileged.socket quillon-storage.socket"
 
