@@ -127,8 +127,9 @@ TEST(CtlHelp, ListsVerbsAndOptions)
 TEST(CtlManual, DescribesEveryVerbAndNoOther)
 {
     EXPECT_THAT(allMatches(contentOf(kManual), "^\\.It Cm ([a-z]+)"), ContainerEq(verbsOfHelp()));
-    EXPECT_THAT(allMatches(between(contentOf(kManual), "stand:", ".El"), "^\\.It Sy ([a-z]+)"),
-                ContainerEq(verbsOfModules()));
+    EXPECT_THAT(
+        allMatches(between(contentOf(kManual), ".Cm modules\nare:", ".El"), "^\\.It Sy ([a-z]+)"),
+        ContainerEq(verbsOfModules()));
 }
 
 TEST(CtlManual, DescribesEveryOptionAndNoOther)
