@@ -37,20 +37,21 @@ constexpr const char* kHelp =
     "usage: quillon-unit prepare [--queue-group GROUP] USER | end PROCESS | tidy |\n"
     "                    require-verifier | require-trust\n"
     "\n"
-    "What quillon.service runs around the daemon. All but require-verifier need root.\n"
+    "quillon.service runs this program before and after the daemon. All commands except\n"
+    "require-verifier need root.\n"
     "\n"
-    "  prepare USER      make the markers and the queues that the daemon, running as USER,\n"
-    "                    needs, and the semaphore and the lock that others share, whatever\n"
-    "                    somebody has put in their places; only members of GROUP, or of\n"
-    "                    $QUILLON_QUEUE_GROUP, may use the queues then\n"
-    "  end PROCESS       take the life marker away and wait until the daemon has ended\n"
-    "  tidy              take away what says that the daemon is alive and ready; fail when\n"
-    "                    it has ended with status 0 before its time\n"
-    "  require-verifier  fail unless the signature verifier can be loaded\n"
-    "  require-trust     fail unless root alone can change what the device trusts: keys,\n"
-    "                    certificates, policy, floors, verifier and modules\n"
+    "  prepare USER      create the markers and the queues for a daemon that runs as USER,\n"
+    "                    and the semaphore and the lock of control layers and clients;\n"
+    "                    replace other files at their paths. With GROUP, or with\n"
+    "                    $QUILLON_QUEUE_GROUP, only its members may use the queues\n"
+    "  end PROCESS       remove the life marker and wait until the daemon has ended\n"
+    "  tidy              remove the life marker and the readiness event; fail if the daemon\n"
+    "                    has ended with status 0 but has left its life marker\n"
+    "  require-verifier  fail if the signature verifier cannot be loaded\n"
+    "  require-trust     fail if a user other than root can change what the device trusts:\n"
+    "                    keys, certificates, policy, floors, verifier and modules\n"
     "\n"
-    "Exit status: 0 done, 1 failed, 2 wrong usage.\n";
+    "Exit status: 0 success, 1 failure, 2 wrong usage.\n";
 
 /// A file of root's or the user's under this name only: what a link to a file of theirs leads to is
 /// no such file.

@@ -25,18 +25,20 @@ constexpr const char* kHelp =
     "       quillon-storage --install PACKAGE\n"
     "\n"
     "Reads an item of the secure storage, or installs a provisioning package, for\n"
-    "the update service, which has no right to do so. A service manager starts it\n"
+    "the update service, which does not run as root. A service manager starts it\n"
     "for each connection to " QUILLON_STORAGE_SOCKET
     ".\n"
     "\n"
-    "  -i, --install PACKAGE  install a provisioning package, for root, and end\n"
-    "  -u, --user USER        who may ask next to root, a name or a number\n"
-    "  -g, --group GROUP      whose members may ask next to root, a name or a number\n"
-    "  -h, --help             this text\n"
-    "  -V, --version          the version\n"
+    "  -i, --install PACKAGE  install a provisioning package and exit; for root only\n"
+    "  -u, --user USER        a user who may send requests in addition to root,\n"
+    "                         a name or a number\n"
+    "  -g, --group GROUP      a group whose members may send requests in addition to\n"
+    "                         root, a name or a number\n"
+    "  -h, --help             print this help\n"
+    "  -V, --version          print the version\n"
     "\n"
-    "Exit status: 0 the client was answered or turned away, or the package is\n"
-    "installed; 1 failed, 2 wrong usage.\n";
+    "Exit status: 0 the client was answered or refused, or the package is\n"
+    "installed; 1 failure, 2 wrong usage.\n";
 
 /// What passes through this process shall not end up in a core file.
 void keepMemoryPrivate()

@@ -22,17 +22,18 @@ constexpr char kExitCodes[] =
 CLI::App* addVerb(CLI::App& app, const char* name, const char* what, bool& json)
 {
     CLI::App* verb = app.add_subcommand(name, what);
-    verb->add_flag("--json", json, "say the result as one JSON object");
+    verb->add_flag("--json", json, "print the result as one JSON object");
     verb->footer(kExitCodes);
     return verb;
 }
 
 void addKeygen(CLI::App& app, quillon::KeygenOptions& options)
 {
-    CLI::App* verb = addVerb(
-        app, "keygen", "make the keys of a device family and what provisions them", options.json);
-    verb->add_option("DIR", options.folder, "folder for the keys")->required();
-    verb->add_flag("--force", options.force, "replace keys that are there");
+    CLI::App* verb =
+        addVerb(app, "keygen", "make the keys and the provisioning package of a device family",
+                options.json);
+    verb->add_option("DIR", options.folder, "directory for the keys")->required();
+    verb->add_flag("--force", options.force, "replace existing keys");
     verb->callback([&options] { quillon::keygen(options); });
 }
 
@@ -55,15 +56,15 @@ void addBuild(CLI::App& app, quillon::BuildOptions& options)
     verb->add_option("--sign", options.signingKey, "signing key file (signing-key.pem)")
         ->required();
     CLI::Option* model = addModel(verb, options.model,
-                                  "the device's model: the image is good for this module of this "
-                                  "model alone")
+                                  "the device's model: the image is valid only for this module of "
+                                  "this model")
                              ->needs(module);
     model->needs(verb->add_option("--counter", options.counter,
                                   "security counter: devices with a higher floor refuse the image")
                      ->needs(model));
     CLI::Option_group* place = verb->add_option_group("place", "one of");
     place->add_option("--output", options.output, "the image file");
-    place->add_option("--stick", options.stick, "folder of a stick; the image is DIR/NAME.bin")
+    place->add_option("--stick", options.stick, "directory of a stick; the image is DIR/NAME.bin")
         ->needs(module);
     place->require_option(1);
     verb->callback([&options] { quillon::build(options); });
@@ -76,7 +77,7 @@ void addPackage(CLI::App& app, quillon::PackageOptions& options)
     verb->add_option("--version", options.version, "the payload's version")->required();
     verb->add_option("--payload", options.payload, "file with the firmware")->required();
     verb->add_option("--expected-time", options.expectedTime,
-                     "how long the update takes, in seconds; default 300")
+                     "duration of the update in seconds; default 300")
         ->check(CLI::Range(0, INT32_MAX));
     verb->add_option("--type", options.type, "its file system: squashfs (default) or ext4")
         ->check(CLI::IsMember({"squashfs", "ext4"}));
@@ -92,14 +93,14 @@ void addProvision(CLI::App& app, quillon::ProvisionOptions& options)
     verb->add_option("--item", options.item, "the storage item's name; default quillon")
         ->needs(payload);
     verb->add_option("--floor", options.floors,
-                     "MODULE=NUMBER: the least security counter of the module's images")
+                     "MODULE=NUMBER: the lowest security counter of the module's images")
         ->expected(1)
         ->take_all();
     verb->add_option("--sign", options.key, "provisioning key file (provisioning-key.pem)")
         ->required();
     verb->add_option("--certificate", options.certificate,
-                     "file with its certificate (provisioning-certificate.pem), then those that\n"
-                     "lead to one that the devices trust")
+                     "file with its certificate (provisioning-certificate.pem), followed by\n"
+                     "any intermediate certificates")
         ->required();
     verb->add_option("--output", options.output, "the package; default 00000066.bin");
     verb->callback([&options] { quillon::provision(options); });
@@ -108,9 +109,9 @@ void addProvision(CLI::App& app, quillon::ProvisionOptions& options)
 void addInfo(CLI::App& app, quillon::InfoOptions& options)
 {
     CLI::App* verb =
-        addVerb(app, "info", "tell what an image or a package says about itself", options.json);
+        addVerb(app, "info", "print the properties of an image or a package", options.json);
     verb->add_option("FILE", options.image, "the image or package")->required();
-    verb->add_option("--key", options.key, "image key file: tell the version as well");
+    verb->add_option("--key", options.key, "image key file, to print the version as well");
     verb->callback([&options] { quillon::info(options); });
 }
 
@@ -119,16 +120,16 @@ void addVerify(CLI::App& app, quillon::VerifyOptions& options)
     CLI::App* verb = addVerb(
         app, "verify", "check the signature of an image or provisioning package", options.json);
     verb->add_option("FILE", options.image, "the image or provisioning package")->required();
-    addModel(verb, options.model, "the device's model, as it stands in trust.conf");
-    verb->add_option("--floor", options.floor, "least security counter that a device accepts");
+    addModel(verb, options.model, "the device's model, as in trust.conf");
+    verb->add_option("--floor", options.floor, "lowest security counter that the device accepts");
     CLI::Option_group* keys = verb->add_option_group("keys", "one of");
-    keys->add_option("--trusted", options.trustedFolder, "folder with public keys, *.pem");
+    keys->add_option("--trusted", options.trustedFolder, "directory with public keys, *.pem");
     keys->add_option("--public", options.publicKey, "public key file");
     keys->add_option("--certificates", options.certificateFolder,
-                     "folder with certificates, *.pem; the file is a provisioning package");
+                     "directory with certificates, *.pem; the file is a provisioning package");
     keys->require_option(1);
     verb->add_flag("--purpose", options.wantsPurpose,
-                   "demand a signer's certificate for provisioning, with --certificates")
+                   "require a signer's certificate for provisioning, with --certificates")
         ->needs("--certificates");
     verb->callback([&options] { quillon::verify(options); });
 }
