@@ -10,7 +10,7 @@ help:
 	@echo "make test      build and run every test"
 	@echo "make check     test, lint and sanitizers, as before a release"
 	@echo "make check-all make check and make cross, with each test on every machine and sanitizer"
-	@echo "make lint      clang-format, clang-tidy, shellcheck, man pages"
+	@echo "make lint      clang-format, clang-tidy, shellcheck, pyflakes, man pages"
 	@echo "make sanitize  every test under Address- and UndefinedBehaviorSanitizer, those with threads"
 	@echo "               under ThreadSanitizer"
 	@echo "make cross     build for arm64 and armhf, and run under emulation what a machine decides"
@@ -92,27 +92,27 @@ check-all:
 footprint:
 	@packaging/install-dependencies
 	@cmake --preset release -G Ninja $(CMAKE_ARGS)
-	@cmake --build --preset release --target quillon-footprint
-	@build/release/bench/quillon-footprint --json build/footprint.json $(FOOTPRINT_ARGS)
+	@cmake --build --preset release --target quillon-footprint-subjects
+	@bench/bench.py footprint --json build/footprint.json $(FOOTPRINT_ARGS)
 
 # BENCH_ARGS=--quick only shows that all of it works.
 bench:
 	@packaging/install-dependencies bench
 	@cmake --preset release -G Ninja $(CMAKE_ARGS)
-	@cmake --build --preset release --target quillon-bench
-	@build/release/bench/quillon-bench --json build/bench.json --publish docs $(BENCH_ARGS)
+	@cmake --build --preset release --target quillon-bench-subjects
+	@bench/bench.py speed --json build/bench.json --publish docs $(BENCH_ARGS)
 
 bench-compare:
 	@packaging/install-dependencies bench
 	@cmake --preset release -G Ninja $(CMAKE_ARGS)
-	@cmake --build --preset release --target quillon-bench
-	@bench/compare-commits $(or $(BASE),HEAD~1) build/release $(BENCH_ARGS)
+	@cmake --build --preset release --target quillon-bench-subjects
+	@bench/bench.py speed --commit $(or $(BASE),HEAD~1) $(BENCH_ARGS)
 
 bench-gate:
 	@packaging/install-dependencies bench-gate
 	@cmake --preset release -G Ninja $(CMAKE_ARGS)
-	@cmake --build --preset release --target quillon-gate
-	@build/release/bench/quillon-gate --recorded bench/recorded-counts.json $(GATE_ARGS)
+	@cmake --build --preset release --target quillon-gate-subjects
+	@bench/bench.py gate $(GATE_ARGS)
 
 # DESTDIR is CMake's own; it is the root of an image, or empty for this machine.
 install:

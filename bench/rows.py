@@ -1,0 +1,425 @@
+"""The groups of rows: what is measured, in which turns, and the limit that each figure is held to. Each group works
+within a booted device, returns its rows, and puts the series behind charts and tables into `series`."""
+import argparse
+import contextlib
+import json
+import os
+import pathlib
+import shutil
+import sys
+import tempfile
+import time
+from statistics import median
+from typing import Callable
+
+import device
+from device import BenchError, Service, Started, Taken, module_name, on_first_processor, run, variable, warm_memory
+from report import FLOOR, KINDS, MIB, MODULES_FLOOR, SERVICE, Row, in_turns, percentile, spread
+from workshop import SlowMedium, Swupdate, Workshop
+
+TARGET = "/opt/media/target"
+PACKAGES = "/opt/usr/apps/appbinarymanager/"
+ECHO_QUEUES = ("/quillon-bench-in", "/quillon-bench-out")
+QUESTIONS_IN_A_ROW = 500
+SLOW_STICK = "/opt/media/USBDriveA9/"  # as long as the other sticks', see Service.use_stick()
+PASSES = 10  # over all numbers of modules, so that a slow minute of the machine does not meet one of them alone
+MEMORY_MODULES = 10
+FILES = ("bin/quillon-service", "bench/do-nothing", "lib/libquillon-platform.so.0", "lib/libkUEPUser.so",
+         "bin/quillon-privileged", "bin/quillon-storage", "bin/quillon-unit", "bin/quillonctl",
+         "bin/quillon-image", "bin/quillon-device")
+Plan = argparse.Namespace  # the options of `bench.py speed`: build, base, quick, rounds, long_rounds, only, largest
+
+def mebibytes(size: int) -> str:
+    return f"{size // MIB} MiB"
+
+def medians(samples: list[list[float]]) -> list[float]:
+    return [median(taken) for taken in samples]
+
+def milliseconds_in(output: str) -> float:
+    """The time of an iteration of the only benchmark that a report of Google Benchmark tells of."""
+    try:
+        only, = json.loads(output)["benchmarks"]
+    except ValueError as error:
+        raise BenchError("not the report of one benchmark") from error
+    if only.get("error_occurred") or only["time_unit"] != "ms":
+        raise BenchError(only.get("error_message", "a benchmark's unit is not ms"))
+    return only["real_time"]
+
+def kernel_time(build: str, name: str, file: str, times: int = 0, program: str = "kernels") -> float:
+    """Runs one benchmark over a file in a process of its own. Returns the milliseconds of an iteration; where no
+    number of them is given, there are as many as make 256 MiB: a large file once, a small one often."""
+    times = times or min(max(256 * MIB // os.path.getsize(file), 1), 64)
+    warm_memory(max(256 * MIB, 2 * os.path.getsize(file)))
+    with variable("QUILLON_BENCH_FILE", file), variable("QUILLON_BENCH_TIMES", times):
+        return milliseconds_in(run(f"{build}/bench/{program}", f"--benchmark_filter=^{name}/",
+                                   "--benchmark_format=json").stdout)
+
+def speed_in(output: str) -> float:
+    """Bytes a second, from "+F:25:AES-256-CBC:6768212059.70", a line of openssl speed -mr."""
+    for line in output.splitlines():
+        if line.startswith("+F:"):
+            return float(line.rsplit(":", 1)[1])
+    raise BenchError("openssl speed does not tell its speed")
+
+def measure_kernels(plan: Plan, series: dict) -> list[Row]:
+    """Deciphering and checksums of files. Series: "deciphering", each with "bytes", "service" and "plain" in ms and
+    the "goal" of their ratio, 0 for none; "decipheringParts" with "bytes" and each part in ms."""
+    def alone(*arguments) -> Callable[[], float]:
+        """The time of a kernel on one processor."""
+        return lambda: on_one(kernel_time, plan.build, *arguments)
+
+    def on_one(work: Callable, *arguments):
+        with on_first_processor():
+            return work(*arguments)
+
+    speed_command = "openssl speed -mr -evp aes-256-cbc -decrypt -seconds 1 -bytes 16384".split()
+    rows, points = [], series.setdefault("deciphering", [])
+    with Workshop(plan.build) as workshop:
+        for size, goal in ((MIB, 1.0), (4 * MIB, 0), (16 * MIB, 1.4), (64 * MIB, 0), (256 * MIB, 1.6)):
+            if size > plan.largest:
+                break
+            image, work = workshop.put_image(workshop.stick(1), size), f"`aes_256_cbc_all`, {mebibytes(size)}"
+            last = [lambda: kernel_time(plan.build, "decipher/service", image),
+                    lambda: speed_in(on_one(run, *speed_command).stdout)]
+            ours, plain, *rest = medians(in_turns(
+                plan.rounds, alone("decipher/service", image), alone("decipher/plain", image),
+                *(last if size == plan.largest else [])))
+            points.append({"bytes": size, "service": ours, "plain": plain, "goal": goal})
+            if goal:
+                rows.append(Row(work, "the plain loop", "times as fast", plain / ours, "at least", goal,
+                                f"{ours:.2f} ms; plain {plain:.2f} ms"))
+        on_all, openssl = rest
+        speed, speed_on_all = (plan.largest / taken * 1000 for taken in (ours, on_all))
+        rows.append(Row(work, "`openssl speed`, AES-256-CBC deciphering", "of its speed", speed / openssl, "at least",
+                        0.38, f"{speed / 1e9:.2f} GB/s; OpenSSL {openssl / 1e9:.2f} GB/s; "
+                        f"ours with all processors {speed_on_all / 1e9:.2f} GB/s"))
+        parts = medians(in_turns(plan.rounds, alone("decipher/service", image), *(
+            alone("decipher/part-" + part, image, 1) for part in ("reading", "memory", "cipher"))))
+        series["decipheringParts"] = {"bytes": os.path.getsize(image)} | dict(
+            zip(("whole", "reading", "memory", "cipher"), parts))
+
+        file, work = workshop.payload(plan.largest), f"`getBinaryCRC32`, {mebibytes(plan.largest)}"
+        ours, reading, bytewise, sliced = medians(in_turns(
+            plan.rounds, alone("checksum/service", file), alone("checksum/reading-alone", file),
+            alone("checksum/bytewise", file), alone("checksum/service", file, 0, "kernels-sliced")))
+    return rows + [
+        Row(work, "a bytewise table", "times as fast", bytewise / ours, "at least", 15,
+            f"{ours:.2f} ms; bytewise {bytewise:.2f} ms"),
+        Row(work, "`fread` alone", "of its speed", reading / ours, "at least", 0.6,
+            f"{ours:.2f} ms; reading {reading:.2f} ms"),
+        Row(work + ", no carry-less multiply", "a bytewise table", "times as fast", bytewise / sliced,
+            "at least", 4.5, f"{sliced:.2f} ms; bytewise {bytewise:.2f} ms")]
+
+def estimate_then_update(build: str, stick: str, size: int) -> tuple[float, int]:
+    """The milliseconds of both over one image, with everything trivial but the service, and its peak memory."""
+    with Service(build) as service:
+        service.use_stick(stick)
+        warm_memory(2 * size)
+        return service.update().wall * 1000, service.memory()["peak"] * 1024
+
+def update_into_file(build: str, sticks: list[str], size: int) -> Taken:
+    """One update run from the first stick, without the estimate before it, into a file."""
+    with Service(build) as service:
+        service.use_stick(sticks[1])
+        service.update()  # with the estimate that only the first one makes
+        pathlib.Path(TARGET).unlink()  # which the small image was written into
+        service.use_stick(sticks[0])
+        warm_memory(2 * size)
+        return service.update()
+
+def wall_and_cpu(samples: list[list[Taken]]) -> list[tuple[str, list[float]]]:
+    """The medians of each kind of time, in ms."""
+    return [(kind, [median(taken[index] for taken in runs) * 1000 for runs in samples])
+            for index, kind in enumerate(("wall", "CPU"))]
+
+def measure_updates(plan: Plan, _: dict) -> list[Row]:
+    """A small image and a large one through the running service, and through swupdate, where that is installed."""
+    build, size, name = plan.build, plan.largest, mebibytes(plan.largest)
+    with Workshop(build) as workshop:
+        sticks = [workshop.stick(1), workshop.stick(2)]
+        image = workshop.put_image(sticks[0], size)
+        workshop.put_image(sticks[1], 64 * 1024)
+        device.install_modules(build + "/bench/sink-module.so", 1)
+        workshop.install("trivial")
+        both, plain, alone = in_turns(
+            plan.rounds, lambda: estimate_then_update(build, sticks[0], size),
+            lambda: 2 * kernel_time(build, "decipher/plain", image, 2),
+            lambda: 2 * kernel_time(build, "decipher/service", image, 2))
+        ours, theirs, alone = medians([[taken for taken, _ in both], plain, alone])
+        peak = max(memory for _, memory in both)
+        detail = f"plain loop twice {theirs:.1f} ms; of ours, deciphering twice takes {alone:.1f} ms alone"
+        rows = [Row(f"estimate then update of one image, {name}", "the plain loop twice", "times as fast",
+                    theirs / ours, "at least", 1.6, f"{ours:.1f} ms; {detail}"),
+                # The estimate's plain text is gone before the update begins.
+                Row("the same, peak memory", "the image", "MiB beyond it", (peak - os.path.getsize(image)) / MIB,
+                    "at most", 16, f"{peak / MIB:.1f} MiB in all")]
+
+        def updating(verifier: str) -> Taken:
+            workshop.install(verifier)
+            return update_into_file(build, sticks, size)
+
+        with variable("QUILLON_BENCH_TARGET", TARGET):
+            # What it costs to have the verifier asked about what was really read, besides the path.
+            runs = in_turns(plan.long_rounds, lambda: updating("ours"), lambda: updating("by path"))
+            for (kind, (asked, by_path)), limit in zip(wall_and_cpu(runs), (1.35, 1.6)):
+                rows.append(Row(f"update run whose verifier is asked about what was read, {name}, {kind}",
+                                "the same, asked by path alone", f"times its {kind} time", asked / by_path,
+                                "at most", limit, f"{asked:.1f} ms; by path alone {by_path:.1f} ms"))
+            if not Swupdate.is_installed():
+                print("swupdate or cpio is not installed: its rows are left out", file=sys.stderr)
+                return rows
+            large, tiny = workshop.payload(size), workshop.payload(64 * 1024)
+            verified, direct, start = (
+                Swupdate(payload, f"{workshop.folder}/swupdate-{name}", while_reading=name == "direct")
+                for name, payload in (("verified", large), ("direct", large), ("start", tiny)))
+            runs = in_turns(plan.long_rounds, lambda: updating("ours"), lambda: verified.install(2 * size),
+                            lambda: direct.install(2 * size), lambda: start.install(2 * size))
+            run("cmp", TARGET, large)
+    for kind, (ours, theirs, direct, start) in wall_and_cpu(runs):
+        rows.append(Row(f"update run of a signed image into a file, {name}, {kind}",
+                        "`swupdate`, net of its fixed start", f"of its {kind} time", ours / (theirs - start),
+                        "at most", 0.6,
+                        f"{ours:.1f} ms; swupdate {theirs - start:.1f} ms and a start of {start:.1f} ms; "
+                        f"writing before all is verified, which our service never does, {direct - start:.1f} ms"))
+    return rows
+
+def round_trips(build: str, rounds: int, *queues: str) -> list[list[float]]:
+    """Asks two pairs of queues in turns. Returns the microseconds of each one's questions."""
+    said = run(build + "/bench/queues", "ask", str(rounds), str(QUESTIONS_IN_A_ROW), *queues).stdout
+    times = [line.split() for line in said.splitlines()]
+    return [[float(taken) for asked, taken in times if asked == pair] for pair in "01"]
+
+def measure_round_trips(plan: Plan, _: dict) -> list[Row]:
+    """Questions to the running service beside a process that only echoes records."""
+    rows, places = [], device.PROCESSORS
+    device.install_modules(plan.build + "/bench/tiny-module.so", 1)
+    with Service(plan.build) as service, \
+            Started(plan.build + "/bench/queues", "echo", *ECHO_QUEUES) as echo:
+        for name, theirs in (("same CPU", places[0]), ("across CPUs", places[-1]))[:len(places)]:
+            device.place_on(service.pid, theirs)
+            device.place_on(echo.pid, theirs)
+            with on_first_processor():
+                times = round_trips(plan.build, plan.rounds * 2, *device.SERVICE_QUEUES, *ECHO_QUEUES)
+            late = [percentile(taken, 99) for taken in times]
+            for what, limit, (ours, floor) in (("median", 1.5, medians(times)), ("99th percentile", 2, late)):
+                rows.append(Row(f"command 6 round trip, {name}, {what}", "bare queue ping-pong of 284 bytes",
+                                "times its time", ours / floor, "at most", limit,
+                                f"{ours:.1f} µs; ping-pong {floor:.1f} µs"))
+    return rows
+
+def measure_footprint(build: str, modules: list[int], runs: int, memory_runs: int, settle: int) -> dict:
+    """Measures so many starts of each process with each number of modules, and the memory of so many processes, so
+    many ms after READY, in turns, every other round the other way round. Returns "start" in ms and "memory" in KiB,
+    whose elements have "modules", "process" and spreads: in "time", or in each of KINDS; and "settle"."""
+    device.boot()
+    floor, tiny = build + "/bench/do-nothing", build + "/bench/tiny-module.so"
+    commands = {SERVICE: [build + "/bin/quillon-service"], FLOOR: [floor], MODULES_FLOOR: [floor, device.MODULES]}
+    order, counts = list(commands), list(modules)
+    times: dict = {(number, process): [] for number in modules for process in commands}
+    memory: dict = {process: [] for process in commands}
+
+    def start(process: str, settled: float = -1) -> float:
+        """Starts a process. With a time to settle, in ms, also reads its memory."""
+        device.forget_earlier_service()
+        with Started(*commands[process]) as started:
+            taken = started.wait_until_ready()
+            if settled >= 0:
+                time.sleep(settled / 1000)
+                memory[process].append(started.memory())
+            return taken
+
+    for done in range(PASSES):
+        rounds = runs * (done + 1) // PASSES - runs * done // PASSES
+        for number in counts if rounds else ():
+            device.install_modules(tiny, number)
+            for process in order:
+                start(process)  # what is read for the first time is in memory afterwards
+            for _ in range(rounds):
+                for process in order:
+                    times[number, process].append(start(process))
+                order.reverse()
+        counts.reverse()
+    device.install_modules(tiny, MEMORY_MODULES)
+    for _ in range(memory_runs):
+        for process in order:
+            start(process, settle)
+        order.reverse()
+    starts = [{"modules": number, "process": process, "time": spread(taken)}
+              for (number, process), taken in times.items()]
+    return {"settle": settle, "start": starts, "memory": [
+        {"modules": MEMORY_MODULES, "process": process} | {kind: spread([taken[kind] for taken in samples])
+                                                           for kind in KINDS} for process, samples in memory.items()]}
+
+def sizes(build: str) -> list[dict]:
+    """The "file"s that are shipped, and the floor, with their "bytes" without symbols and debug information.
+    Files that the build does not have are left out."""
+    found = []
+    with tempfile.NamedTemporaryFile() as stripped:
+        for path in filter(os.path.exists, (f"{build}/{file}" for file in FILES)):
+            run("strip", "--strip-unneeded", "--remove-section=.comment", "--remove-section=.note", "-o",
+                stripped.name, path)
+            found.append({"file": os.path.basename(path), "bytes": os.path.getsize(stripped.name)})
+    return found
+
+def measure_starts(plan: Plan, series: dict) -> list[Row]:
+    """Start to READY and idle memory beside the do-nothing process. Series: "start" and "memory" of the footprint."""
+    counts, settle = [1, 10, 100, 1000], 200 if plan.quick else 11000
+    figures = measure_footprint(plan.build, counts, plan.rounds * 4, plan.long_rounds, settle)
+    series |= {"start": figures["start"], "memory": figures["memory"]}
+    ours, floor = ({start["modules"]: start["time"]["median"] for start in figures["start"]
+                    if start["process"] == process} for process in (SERVICE, MODULES_FLOOR))
+    resident = {memory["process"]: memory["resident"]["median"] / 1024 for memory in figures["memory"]}
+
+    def growth(starts: dict[int, float], least: int = 1, most: int = 1000) -> float:
+        """In µs a module."""
+        return (starts[most] - starts[least]) * 1000 / (most - least)
+
+    beyond, later = (growth(ours, *counts) - growth(floor, *counts) for counts in ((1, 100), (100, 1000)))
+    # Linear means that the thousandth module costs no more than the tenth to hundredth, beyond what
+    # opening it costs anyone: the dynamic linker's own share grows with the modules that are there.
+    return [Row(f"start to READY, {count} module{'s'[:count - 1]}", "do-nothing process, modules opened", "ms",
+                ours[count], "at most", floor[count] * 1.3 + 2, f"floor {floor[count]:.2f} ms; limit × 1.3 + 2 ms")
+            for count in counts] + [
+        Row("growth of the start, 1 to 1000 modules", "the same of the do-nothing process", "µs a module",
+            growth(ours), "at most", growth(floor) * 1.3, f"floor {growth(floor):.1f} µs; "
+            f"beyond it {beyond:.1f} µs each up to 100, {later:.1f} µs each from there"),
+        Row("idle resident memory, 10 modules", "the do-nothing process", "MiB", resident[SERVICE],
+            "at most", resident[FLOOR] + 3, f"floor {resident[FLOOR]:.2f} MiB")]
+
+def many_modules(build: str, count: int) -> dict:
+    """Updates so many modules from packages whose mounts are emulated: "seconds", and in the modules "ownSeconds"."""
+    device.boot()
+    device.install_modules(build + "/bench/sink-module.so", count)
+    for name in map(module_name, range(1, count + 1)):
+        mounted = pathlib.Path(PACKAGES, "emps", name + "emp")
+        mounted.mkdir(parents=True, exist_ok=True)
+        (mounted / f"{name}.bin").write_bytes(b"Q" * 4096)
+        (mounted / "info.json").write_text('{"version": "2.0", "crc": 268304878, "expected_time": 1}')
+        pathlib.Path(PACKAGES, name + "emp.img").touch()
+    # Each module takes a moment, as one that flashes does. A worker that ends before its guard listens
+    # would be waited for until its time is over.
+    with variable("QUILLON_BENCH_TAKES", 2000):
+        return json.loads(run(build + "/bench/many-modules", str(count)).stdout)
+
+def measure_many_modules(plan: Plan, _: dict) -> list[Row]:
+    """`update --all` over many modules."""
+    count = 20 if plan.quick else 1000
+    runs = [many_modules(plan.build, count) for _ in range(plan.long_rounds)]
+    beyond = median(taken["seconds"] - taken["ownSeconds"] for taken in runs) * 1000 / count
+    return [Row(f"`update --all`, {count} modules of 4 KiB", "sum of the modules' own times", "ms a module beyond it",
+                beyond, "at most", 1, f"modules' own {median(taken['ownSeconds'] for taken in runs):.3f} s")]
+
+def bound_of(medium: float, processor: float, plugin: float) -> str:
+    """The resource that was busy longest."""
+    busy = {"processor": processor, "medium": medium, "plug-in": plugin}
+    return max(busy, key=busy.__getitem__)
+
+# Where images are, and at how many bytes a second, 0 for the page cache; whether they are dropped before the update, as
+# where memory does not hold them; and the bytes a second of the modules' flash, 0 for any amount at once.
+SETTINGS = {"in the page cache": (0, False, 0), "at 40 MB/s, read once": (40e6, False, 0),
+            "at 40 MB/s, read for each phase": (40e6, True, 0), "at 40 MB/s, flash of 20 MB/s": (40e6, False, 20e6)}
+
+def bound_run(build: str, setting: str, sticks: list[str], size: int) -> dict[str, list[float]]:
+    """Estimates and updates the images of the first stick, so many bytes in all. Returns for each phase its seconds,
+    and those that medium, processor and plug-in were busy."""
+    speed, is_dropped, flash = SETTINGS[setting]
+    with contextlib.ExitStack() as stack:
+        stick, busy = sticks[0], lambda: 0.0
+        if speed:
+            stick, busy = SLOW_STICK, stack.enter_context(SlowMedium(sticks[0], SLOW_STICK, speed)).busy
+        stack.enter_context(variable("QUILLON_BENCH_FLASH", flash))
+        service = stack.enter_context(Service(build))
+        service.use_stick(sticks[1])
+        service.update()  # with the estimate that only the first one makes
+        service.use_stick(stick)
+
+        def phase(work: Callable[[], Taken], flashed: float) -> list[float]:
+            before, taken = busy(), work()
+            return [taken.wall, busy() - before, taken.cpu, flashed]
+
+        estimate = phase(service.estimate, 0)
+        if is_dropped and any(device.drop_from_cache(stick + name) for name in os.listdir(stick)):
+            raise BenchError("the page cache keeps what it was told to drop")
+        return {"estimate": estimate, "update": phase(service.update, size / flash if flash else 0)}
+
+def measure_bounds(plan: Plan, series: dict) -> list[Row]:
+    """What bounds estimates and updates of 1, 10 and 100 modules: no goal, no rows. Series: "bounds", each with
+    "setting", "modules", "phase", the "seconds" in all, those that "medium", "processor" and "plugin" were busy, and
+    the busiest, "bound"; "boundsImageBytes"."""
+    if not SlowMedium.is_possible():
+        print("no python3-fusepy or no /dev/fuse: what bounds many modules is left out", file=sys.stderr)
+        return []
+    size = MIB // 4 if plan.quick else 2 * MIB
+    series |= {"bounds": [], "boundsImageBytes": size}
+    with Workshop(plan.build) as workshop:
+        workshop.install("ours")
+        for count in (1, 10, 100):
+            device.install_modules(plan.build + "/bench/sink-module.so", count)
+            sticks = [workshop.stick(1), workshop.stick(2)]
+            for stick, each in zip(sticks, (size, 1)):
+                first = workshop.put_image(stick, each)
+                for number in range(2, count + 1):
+                    shutil.copyfile(first, f"{stick}{module_name(number)}.bin")
+            runs = [[bound_run(plan.build, setting, sticks, count * size) for setting in SETTINGS]
+                    for _ in range(1 if plan.quick else 3)]
+            for setting, taken in zip(SETTINGS, zip(*runs)):
+                for phase in ("estimate", "update"):
+                    middle = medians(list(zip(*(phases[phase] for phases in taken))))
+                    series["bounds"].append(
+                        dict(zip(("seconds", "medium", "processor", "plugin"), middle), setting=setting, modules=count,
+                             phase=phase, bound=bound_of(*middle[1:])))
+    return []
+
+GROUPS: dict[str, Callable[[Plan, dict], list[Row]]] = {
+    "kernels": measure_kernels, "updates": measure_updates, "round-trips": measure_round_trips,
+    "starts": measure_starts, "many-modules": measure_many_modules, "bounds": measure_bounds}
+
+def measure(plan: Plan) -> dict:
+    """Measures the plan's groups within a booted device: "rows", and the series of each group."""
+    results: dict = {"rows": []}
+    for name in plan.only or GROUPS:
+        print("measuring: " + name, file=sys.stderr)
+        results["rows"] += [row.to_json() for row in GROUPS[name](plan, results)]
+    return results
+
+def compare_builds(plan: Plan) -> dict:
+    """Measures the plan's build and its base, made with this very bench, in turns. Returns "comparison": each "work"
+    with its "unit" and the medians of "base" and "here"; less is better."""
+    pairs = []
+
+    def add(work: str, unit: str, measure_build: Callable[[str], float]) -> None:
+        both = in_turns(plan.rounds, lambda: measure_build(plan.base), lambda: measure_build(plan.build))
+        pairs.append({"work": work, "unit": unit} | dict(zip(("base", "here"), medians(both))))
+
+    def round_trip(build: str, processor: int) -> float:
+        with Service(build) as service, on_first_processor():
+            device.place_on(service.pid, processor)
+            return median(round_trips(build, 2, *device.SERVICE_QUEUES * 2)[0])
+
+    def start(build: str) -> float:
+        with Service(build) as service:
+            return service.taken_to_start
+
+    def idle_memory(build: str) -> float:
+        with Service(build) as service:
+            time.sleep(0.3)
+            return service.memory()["resident"] / 1024
+
+    with Workshop(plan.build) as workshop:
+        for size in sorted({MIB, 16 * MIB, plan.largest}):
+            image = workshop.put_image(stick := workshop.stick(1), size)
+            add(f"`aes_256_cbc_all`, {mebibytes(size)}", "ms",
+                lambda build: kernel_time(build, "decipher/service", image))
+        add(f"`getBinaryCRC32`, {mebibytes(size)}", "ms", lambda build: kernel_time(build, "checksum/service", image))
+        workshop.install("trivial")
+        device.install_modules(plan.build + "/bench/sink-module.so", 1)
+        add(f"estimate then update, {mebibytes(size)}", "ms", lambda build: estimate_then_update(build, stick, size)[0])
+        workshop.install("none")
+        for name, place in (("same CPU", 0), ("across CPUs", -1)):
+            add(f"command 6 round trip, {name}", "µs", lambda build: round_trip(build, device.PROCESSORS[place]))
+        for count in (1, 100, 1000):
+            device.install_modules(plan.build + "/bench/tiny-module.so", count)
+            add(f"start to READY, modules: {count}", "ms", start)
+            if count == 1:
+                add("resident memory after the start", "MiB", idle_memory)
+    return {"comparison": pairs}
