@@ -97,8 +97,8 @@ int percentOf(int elapsedSeconds, int expectedSeconds)
     return std::min(elapsedSeconds * 100 / expectedSeconds, kMostRunningPercent);
 }
 
-// Without a terminator: what an earlier, longer path left behind it stays in place, and
-// clients pad their paths.
+// Without a terminator, so that a run that reads the path meanwhile never finds it cut short. What
+// an earlier, longer path left behind it stays in place.
 void storeImagePath(const MQData& request)
 {
     const std::size_t length = strnlen(request.path, sizeof(request.path));

@@ -43,7 +43,7 @@ unsigned char* makeBuffer(const SecretBytes& bytes)
 }  // namespace quillon
 
 // The helper knows its callers by what the kernel says of them, and on disk the file's mode
-// decides; the caller's words are kept for the form of the struct only.
+// decides. The struct keeps what the caller says of itself; nothing here relies on it.
 int ss_init_credential(ss_credential* credential, uint32_t word0, uint32_t word1, uint32_t word2,
                        uint32_t word3, uint32_t word4, int flag0, int flag1)
 {

@@ -228,7 +228,7 @@ private:
     std::string empName_;
     std::string firmwareName_;
     std::string imagePath_;
-    std::function<void()> spare_[3];  // part of the record, never set
+    std::function<void()> spare_[3];  // room for more entries; never set
     FWInformation information_;
 
     std::function<decltype(::setContext)> setContext_;
