@@ -117,18 +117,18 @@ void makeFolders(const std::string& path)
 class NewFile
 {
 public:
-    explicit NewFile(const std::string& path) : _path(path), _part(path + ".part")
+    explicit NewFile(const std::string& path) : path_(path), part_(path + ".part")
     {
         makeFolders(path);
-        _descriptor = open(_part.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        require(_descriptor >= 0);
+        descriptor_ = open(part_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        require(descriptor_ >= 0);
     }
 
     ~NewFile()
     {
-        close(_descriptor);
-        if (!_committed) {
-            unlink(_part.c_str());
+        close(descriptor_);
+        if (!committed_) {
+            unlink(part_.c_str());
         }
     }
 
@@ -138,7 +138,7 @@ public:
     void write(const char* data, std::size_t length)
     {
         while (length > 0) {
-            const ssize_t count = ::write(_descriptor, data, length);
+            const ssize_t count = ::write(descriptor_, data, length);
             if (count < 0 && errno == EINTR) {
                 continue;
             }
@@ -150,16 +150,16 @@ public:
 
     void commit()
     {
-        require(fsync(_descriptor) == 0);
-        require(std::rename(_part.c_str(), _path.c_str()) == 0);
-        _committed = true;
+        require(fsync(descriptor_) == 0);
+        require(std::rename(part_.c_str(), path_.c_str()) == 0);
+        committed_ = true;
     }
 
 private:
-    std::string _path;
-    std::string _part;
-    int _descriptor = -1;
-    bool _committed = false;
+    std::string path_;
+    std::string part_;
+    int descriptor_ = -1;
+    bool committed_ = false;
 };
 
 /// Continues the CRC-32 of images: polynomial 0x01B23CA3, most significant bit first, initial value
@@ -179,33 +179,33 @@ std::uint32_t imageChecksum(std::uint32_t crc, const char* data, std::size_t len
 class ImageFile
 {
 public:
-    explicit ImageFile(const char* path) : _descriptor(open(path, O_RDONLY | O_CLOEXEC))
+    explicit ImageFile(const char* path) : descriptor_(open(path, O_RDONLY | O_CLOEXEC))
     {
-        require(_descriptor >= 0);
+        require(descriptor_ >= 0);
         struct stat status = {};
-        const bool regular = fstat(_descriptor, &status) == 0 && S_ISREG(status.st_mode);
+        const bool regular = fstat(descriptor_, &status) == 0 && S_ISREG(status.st_mode);
         if (!regular) {
-            close(_descriptor);
+            close(descriptor_);
             fail(EINVAL);
         }
-        _size = static_cast<std::size_t>(status.st_size);
+        size_ = static_cast<std::size_t>(status.st_size);
     }
 
-    ~ImageFile() { close(_descriptor); }
+    ~ImageFile() { close(descriptor_); }
     ImageFile(const ImageFile&) = delete;
     ImageFile& operator=(const ImageFile&) = delete;
 
-    std::size_t size() const { return _size; }
+    std::size_t size() const { return size_; }
 
     /// @return the checksum of all that was read.
-    std::uint32_t checksum() const { return _checksum; }
+    std::uint32_t checksum() const { return checksum_; }
 
     /// @return the next bytes, valid until the next call.
     const char* read(std::size_t length)
     {
-        _piece.resize(length);
+        piece_.resize(length);
         for (std::size_t done = 0; done < length;) {
-            const ssize_t count = ::read(_descriptor, _piece.data() + done, length - done);
+            const ssize_t count = ::read(descriptor_, piece_.data() + done, length - done);
             if (count < 0 && errno == EINTR) {
                 continue;
             }
@@ -215,15 +215,15 @@ public:
             }
             done += static_cast<std::size_t>(count);
         }
-        _checksum = imageChecksum(_checksum, _piece.data(), length);
-        return _piece.data();
+        checksum_ = imageChecksum(checksum_, piece_.data(), length);
+        return piece_.data();
     }
 
 private:
-    int _descriptor;
-    std::size_t _size = 0;
-    std::vector<char> _piece;
-    std::uint32_t _checksum = 0;
+    int descriptor_;
+    std::size_t size_ = 0;
+    std::vector<char> piece_;
+    std::uint32_t checksum_ = 0;
 };
 
 void writeSlowly(NewFile& file, std::size_t length,
@@ -254,7 +254,7 @@ int FileFlash::activeVersion(char* buffer) noexcept
 {
     return guarded([&] {
         static_cast<void>(
-            std::snprintf(buffer, FW_PLUGIN_TEXT_SIZE, "%s", readVersion(_name).c_str()));
+            std::snprintf(buffer, FW_PLUGIN_TEXT_SIZE, "%s", readVersion(name_).c_str()));
         return 0;
     });
 }
@@ -265,9 +265,9 @@ int FileFlash::offer(const char* version, int* need) noexcept
         if (std::strlen(version) >= FW_PLUGIN_TEXT_SIZE) {
             fail(EINVAL);
         }
-        const bool newer = parseVersion(version) > parseVersion(readVersion(_name));
-        const std::lock_guard<std::mutex> lock(_mutex);
-        _offered = version;
+        const bool newer = parseVersion(version) > parseVersion(readVersion(name_));
+        const std::lock_guard<std::mutex> lock(mutex_);
+        offered_ = version;
         *need = newer ? 1 : 0;
         return 0;
     });
@@ -305,44 +305,44 @@ int FileFlash::flashFile(const char* path, unsigned long crc) noexcept
 int FileFlash::install(std::size_t length, const std::function<const char*(std::size_t)>& nextPiece,
                        const std::function<void()>& requireWhole)
 {
-    const std::unique_lock<std::mutex> flashing(_flashing, std::try_to_lock);
+    const std::unique_lock<std::mutex> flashing(flashing_, std::try_to_lock);
     if (!flashing) {
         fail(EBUSY);
     }
     std::string version;
     {
-        const std::lock_guard<std::mutex> lock(_mutex);
-        version = _offered;
+        const std::lock_guard<std::mutex> lock(mutex_);
+        version = offered_;
     }
     if (version.empty()) {
         fail(ENODATA);
     }
 
-    _percent = 0;
-    NewFile firmware(pathOf(_name, "firmware.bin"));
-    writeSlowly(firmware, length, nextPiece, readSetting(_name, "speed", kDefaultSpeed), _percent);
+    percent_ = 0;
+    NewFile firmware(pathOf(name_, "firmware.bin"));
+    writeSlowly(firmware, length, nextPiece, readSetting(name_, "speed", kDefaultSpeed), percent_);
     requireWhole();
     firmware.commit();
 
     // Last, so that after a power cut in between the update is asked for again.
-    NewFile record(pathOf(_name, "version"));
+    NewFile record(pathOf(name_, "version"));
     record.write((version + "\n").c_str(), version.size() + 1);
     record.commit();
-    _percent = 100;
+    percent_ = 100;
     return 0;
 }
 
 int FileFlash::expectedTime(int* seconds) noexcept
 {
     return guarded([&] {
-        *seconds = static_cast<int>(readSetting(_name, "expected_time", kDefaultExpectedTime));
+        *seconds = static_cast<int>(readSetting(name_, "expected_time", kDefaultExpectedTime));
         return 0;
     });
 }
 
 int FileFlash::progress(unsigned int* percent) noexcept
 {
-    *percent = _percent;
+    *percent = percent_;
     return 0;
 }
 

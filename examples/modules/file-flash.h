@@ -24,7 +24,7 @@ class FileFlash
 {
 public:
     /// @param name  the component's name; a constant that outlives the object
-    explicit FileFlash(const char* name) : _name(name) {}
+    explicit FileFlash(const char* name) : name_(name) {}
 
     /// Writes the installed version, "0" before the first update.
     /// @param buffer  FW_PLUGIN_TEXT_SIZE bytes
@@ -63,11 +63,11 @@ private:
     int install(std::size_t length, const std::function<const char*(std::size_t)>& nextPiece,
                 const std::function<void()>& requireWhole);
 
-    const char* _name;
-    std::mutex _flashing;  // held while flash runs
-    std::mutex _mutex;     // guards _offered; never held for long
-    std::string _offered;
-    std::atomic<unsigned int> _percent{0};
+    const char* name_;
+    std::mutex flashing_;  // held while flash runs
+    std::mutex mutex_;     // guards offered_; never held for long
+    std::string offered_;
+    std::atomic<unsigned int> percent_{0};
 };
 
 }  // namespace quillon
