@@ -4,19 +4,16 @@
 #include <semaphore.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
-#include <array>
-#include <cctype>
-#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <string_view>
 
 #include "base/fd.h"
+#include "base/mappings.h"
 #include "helpers/lifecycle/taken-name.h"
 #include "helpers/lifecycle/unit-failure.h"
 
@@ -60,21 +57,6 @@ std::string faultOf(const struct stat& status, uid_t owner)
     return valueOf(file) == 1 ? "" : "is not free";
 }
 
-/// A file as the lines of /proc/PID/maps name it.
-struct MappedFile
-{
-    std::string device;
-    std::string inode;
-};
-
-MappedFile nameOf(const struct stat& status)
-{
-    std::array<char, 32> device = {};
-    static_cast<void>(std::snprintf(device.data(), device.size(), "%02x:%02x", major(status.st_dev),
-                                    minor(status.st_dev)));
-    return {device.data(), std::to_string(status.st_ino)};
-}
-
 /// By /proc/PID/status, since the owner of the folder is root for a process that hides itself. By
 /// the beginning of a line, since the process has chosen its name, which stands there as well.
 bool isOf(const std::filesystem::path& process, uid_t owner)
@@ -92,32 +74,15 @@ bool isOf(const std::filesystem::path& process, uid_t owner)
     return false;
 }
 
-bool hasMapped(const std::filesystem::path& process, const MappedFile& file)
-{
-    std::ifstream maps(process / "maps");
-    for (std::string line; std::getline(maps, line);) {
-        std::istringstream words(line);
-        std::string addresses;
-        std::string rights;
-        std::string offset;
-        std::string device;
-        std::string inode;
-        words >> addresses >> rights >> offset >> device >> inode;
-        if (device == file.device && inode == file.inode) {
-            return true;
-        }
-    }
-    return false;
-}
-
-/// A process of root's or the owner's that has the semaphore open; empty when there is none.
+/// A process of root's or the owner's that has the semaphore open, or may have: one that cannot be
+/// looked into counts. Empty when there is none.
 std::string userOf(const struct stat& semaphore, uid_t owner)
 {
-    const MappedFile file = nameOf(semaphore);
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
         std::string number = entry.path().filename();
-        if (std::isdigit(static_cast<unsigned char>(number.front())) != 0 &&
-            hasMapped(entry.path(), file) && isOf(entry.path(), owner)) {
+        const auto process = static_cast<pid_t>(std::strtol(number.c_str(), nullptr, 10));
+        if (process > 0 && mappingOf(process, semaphore) != Mapping::kNone &&
+            isOf(entry.path(), owner)) {
             return number;
         }
     }
@@ -168,7 +133,7 @@ void provideSemaphore(uid_t owner, gid_t group)
     if (!user.empty()) {
         say(Priority::kWarning,
             what + ", and stays, since process " + user +
-                " has it open; if that is not updating, end it and restart the service");
+                " may have it open; if that is not updating, end it and restart the service");
         return;
     }
     makeFree(owner, group);

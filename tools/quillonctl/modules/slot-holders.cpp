@@ -1,16 +1,15 @@
 #include "tools/quillonctl/modules/slot-holders.h"
 
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <system_error>
 
+#include "base/mappings.h"
 #include "tools/quillonctl/modules/outside-text.h"
 #include "tools/quillonctl/modules/slot-locks.h"
 
@@ -21,8 +20,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::size_t kLongestCommand = 60;
-
-enum class Mapping { kNone, kHas, kHidden };
 
 std::string firstBytesOf(const fs::path& path)
 {
@@ -45,25 +42,6 @@ std::string commandOf(pid_t process)
     }
     std::replace(command.begin(), command.end(), '\0', ' ');
     return cut(printable(command), kLongestCommand);
-}
-
-Mapping mappingOf(const fs::path& folder, const struct stat& file)
-{
-    std::ifstream maps(folder / "maps");
-    if (!maps) {
-        return Mapping::kHidden;
-    }
-    for (std::string line; std::getline(maps, line);) {
-        unsigned int major = 0;
-        unsigned int minor = 0;
-        unsigned long inode = 0;
-        // NOLINTNEXTLINE(cert-err34-c): the kernel writes these numbers
-        if (std::sscanf(line.c_str(), "%*s %*s %*s %x:%x %lu", &major, &minor, &inode) == 3 &&
-            inode == file.st_ino && makedev(major, minor) == file.st_dev) {
-            return Mapping::kHas;
-        }
-    }
-    return maps.bad() ? Mapping::kHidden : Mapping::kNone;
 }
 
 /// Whether the process may use the semaphore at all. One that has given up root's rights counts as
@@ -106,7 +84,7 @@ SlotHolders findSlotHolders(const SlotLocks& locks)
         if (process <= 0 || process == getpid()) {
             continue;
         }
-        const Mapping mapping = mappingOf(entry->path(), locks.file());
+        const Mapping mapping = mappingOf(process, locks.file());
         if (mapping == Mapping::kHas && locks.partOf(process) != SlotLocks::Part::kTakesPart) {
             holders.alive.push_back({process, commandOf(process)});
         } else if (mapping == Mapping::kHas) {

@@ -14,6 +14,8 @@
 #include <functional>
 #include <string>
 
+#include "support/threaded-process.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -240,6 +242,20 @@ TEST_F(UpdateSemaphore, StaysWhileAControlLayerUsesIt)
     provide();  // the layer was killed in the middle of an update
 
     expectFree();
+}
+
+TEST_F(UpdateSemaphore, StaysWhileAThreadUsesItWhoseProcessHasLostItsMainThread)
+{
+    const quillon::test::ThreadedProcess layer([] {
+        sem_t* semaphore = openAsControlLayer();
+        return semaphore != SEM_FAILED && sem_wait(semaphore) == 0;
+    });
+    ASSERT_TRUE(layer.isAtWork());
+    const ino_t before = numberOf(kFile);
+
+    provide();
+
+    EXPECT_EQ(numberOf(kFile), before);
 }
 
 }  // namespace
