@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <string>
+#include <vector>
 
 #include "fw-update-mqdata.h"
 #include "helpers/lifecycle/unit-failure.h"
@@ -79,6 +81,52 @@ void provide(const char* name, const QueueAccess& access)
     }
 }
 
+struct Command
+{
+    MQData record = {};
+    std::size_t size = 0;
+    unsigned int priority = 0;
+};
+
+/// A stop that the last service has not read would end the control task of the next one, which
+/// would go on without it: ready, and deaf. Clients may send meanwhile, also ones that have waited
+/// for room. So no more is taken out than fits in again.
+void takeStopsOut()
+{
+    constexpr int kMostStops = 10 * FW_MQ_MAX_MESSAGES;  // everybody may go on sending them
+    const Queue queue(mq_open(FW_MQ_SERVICE_QUEUE, O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    std::vector<Command> kept;
+    int stops = 0;
+    while (kept.size() < FW_MQ_MAX_MESSAGES && stops < kMostStops) {
+        Command command;
+        const ssize_t size = mq_receive(queue.get(), reinterpret_cast<char*>(&command.record),
+                                        sizeof command.record, &command.priority);
+        if (size < 0) {
+            break;
+        }
+        command.size = static_cast<std::size_t>(size);
+        if (command.record.command == MQ_COMMAND_STOP) {
+            ++stops;
+        } else {
+            kept.push_back(command);
+        }
+    }
+    std::size_t lost = 0;
+    for (const Command& command : kept) {
+        lost += mq_send(queue.get(), reinterpret_cast<const char*>(&command.record), command.size,
+                        command.priority) != 0
+                    ? 1
+                    : 0;
+    }
+    if (stops > 0) {
+        say(Priority::kInfo, "threw away a stop command that the last service has not read");
+    }
+    if (lost > 0) {
+        say(Priority::kWarning, "threw away " + std::to_string(lost) +
+                                    " commands: clients have filled their queue meanwhile");
+    }
+}
+
 }  // namespace
 
 QueueAccess openQueues(uid_t service, gid_t serviceGroup)
@@ -95,6 +143,7 @@ void provideQueues(const QueueAccess& access)
 {
     provide(FW_MQ_SERVICE_QUEUE, access);
     provide(FW_MQ_CONTROL_QUEUE, access);
+    takeStopsOut();
 }
 
 void removeGroupQueues()

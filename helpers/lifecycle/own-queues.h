@@ -22,7 +22,8 @@ QueueAccess openQueues(uid_t service, gid_t serviceGroup);
 QueueAccess groupQueues(gid_t group);
 
 /// Makes sure that both queues are there, of the right shape and with just this access.
-/// A queue that is so already stays with what is in it; any other is replaced.
+/// A queue that is so already stays with what is in it; any other is replaced. Only stop commands
+/// are taken out, so no service may be running. The other commands keep their order and priority.
 /// Needs root's rights. Errors are thrown as std::system_error. Thread: any.
 void provideQueues(const QueueAccess& access);
 

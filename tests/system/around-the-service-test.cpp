@@ -251,6 +251,21 @@ TEST_F(AroundTheService, AStoppedServiceHasEndedInOrder)
     EXPECT_EQ(unit("tidy", kEndedByItself).status, 0);
 }
 
+TEST_F(AroundTheService, AStopThatAKilledServiceHasNotReadDoesNotEndTheNext)
+{
+    ASSERT_EQ(prepare().status, 0);
+    const mqd_t commands = ::mq_open(FW_MQ_SERVICE_QUEUE, O_WRONLY | O_CLOEXEC);
+    const MQData stop = Channel::record(MQ_COMMAND_STOP);
+    ASSERT_EQ(::mq_send(commands, reinterpret_cast<const char*>(&stop), sizeof stop, 0), 0);
+    ::mq_close(commands);
+    unit("tidy", "SERVICE_RESULT=timeout EXIT_CODE=killed EXIT_STATUS=9");
+
+    ASSERT_EQ(prepare().status, 0);
+    ASSERT_NO_FATAL_FAILURE(startDaemon());
+
+    EXPECT_TRUE(channel->ask(MQ_COMMAND_PROGRESS)) << "the service reads and answers";
+}
+
 TEST_F(AroundTheService, AModuleThatCallsExitIsNoticed)
 {
     installTestModule("alpha", "need=1\nseconds=5\ndoUpdate_decryption.effect=exit\n");

@@ -6,6 +6,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <set>
+#include <thread>
+#include <vector>
+
 #include "fw-update-mqdata.h"
 
 namespace {
@@ -64,6 +68,110 @@ TEST(OwnQueues, KeepTheCommandsThatOutlivedACrash)
     provideOwnQueues();
 
     expectUsable("/fwupdateservice_usb", 1);
+}
+
+struct Sent
+{
+    int32_t command;
+    int32_t value;  ///< tells it from others
+    unsigned int priority;
+
+    bool operator==(const Sent& other) const
+    {
+        return command == other.command && value == other.value && priority == other.priority;
+    }
+};
+
+void send(mqd_t queue, const Sent& sent)
+{
+    MQData record = {};
+    record.command = sent.command;
+    record.value = sent.value;
+    ASSERT_EQ(mq_send(queue, reinterpret_cast<const char*>(&record), sizeof record, sent.priority),
+              0);
+}
+
+/// Takes out what is in a queue that does not wait.
+std::vector<Sent> receiveAll(mqd_t queue)
+{
+    std::vector<Sent> all;
+    MQData record = {};
+    unsigned int priority = 0;
+    while (mq_receive(queue, reinterpret_cast<char*>(&record), sizeof record, &priority) >= 0) {
+        all.push_back({record.command, record.value, priority});
+    }
+    return all;
+}
+
+TEST(OwnQueues, LoseTheStopCommandsOfBeforeAndKeepTheOthersInTheirOrder)
+{
+    const mqd_t queue = make("/fwupdateservice_usb", 10, 284);
+    send(queue, {MQ_COMMAND_STOP, 0, 0});
+    send(queue, {MQ_COMMAND_PATH, 1, 0});
+    send(queue, {MQ_COMMAND_STOP, 2, 5});
+    send(queue, {MQ_COMMAND_START, 3, 0});
+    send(queue, {MQ_COMMAND_TIME, 4, 5});
+    ASSERT_EQ(mq_send(queue, "\4\0\0", 4, 0), 0) << "a stop as well: zeros follow";
+
+    provideOwnQueues();
+
+    EXPECT_EQ(receiveAll(queue),
+              (std::vector<Sent>{
+                  {MQ_COMMAND_TIME, 4, 5}, {MQ_COMMAND_PATH, 1, 0}, {MQ_COMMAND_START, 3, 0}}));
+}
+
+TEST(OwnQueues, KeepShortRecordsAsTheyAre)
+{
+    const mqd_t queue = make("/fwupdateservice_usb", 10, 284);
+    ASSERT_EQ(mq_send(queue, "", 0, 0), 0);
+    ASSERT_EQ(mq_send(queue, "\6", 1, 0), 0);
+
+    provideOwnQueues();
+
+    MQData record = {};
+    const auto receive = [&] {
+        return mq_receive(queue, reinterpret_cast<char*>(&record), sizeof record, nullptr);
+    };
+    EXPECT_EQ(receive(), 0);
+    EXPECT_EQ(receive(), 1);
+    EXPECT_EQ(record.command, MQ_COMMAND_PROGRESS);
+    EXPECT_EQ(receive(), -1);
+}
+
+TEST(OwnQueues, KeepEveryReply)
+{
+    const mqd_t queue = make("/fwupdatecontrol_usb", 10, 284);
+    send(queue, {MQ_COMMAND_STOP, 0, 0});
+
+    provideOwnQueues();
+
+    expectUsable("/fwupdatecontrol_usb", 1);
+}
+
+TEST(OwnQueues, LoseNoCommandOfAClientThatWaitedForRoom)
+{
+    const mqd_t queue = make("/fwupdateservice_usb", 10, 284);
+    send(queue, {MQ_COMMAND_STOP, 0, 0});
+    for (int i = 1; i < 10; ++i) {
+        send(queue, {MQ_COMMAND_TIME, i, 0});
+    }
+    std::thread client([] {
+        send(mq_open("/fwupdateservice_usb", O_WRONLY), {MQ_COMMAND_TIME, 10, 0});
+    });
+
+    provideOwnQueues();
+    std::vector<Sent> all = receiveAll(queue);
+    client.join();
+    for (const Sent& late : receiveAll(queue)) {
+        all.push_back(late);
+    }
+
+    std::set<int32_t> values;
+    for (const Sent& sent : all) {
+        EXPECT_EQ(sent.command, MQ_COMMAND_TIME);
+        values.insert(sent.value);
+    }
+    EXPECT_EQ(values, (std::set<int32_t>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
 }
 
 TEST(OwnQueues, ReplaceThoseOfAnotherShape)
