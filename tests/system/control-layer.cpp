@@ -52,6 +52,9 @@ BackgroundLayer::BackgroundLayer(const std::vector<std::string>& arguments, bool
             ::dup2(file, STDERR_FILENO);
             ::close(file);
         }
+        for (int file = STDERR_FILENO + 1; file < 1024; ++file) {
+            ::close(file);  // the numbers of its files are then the lowest
+        }
         ::execv(QUILLONCTL_PROGRAM, argv.data());
         ::_exit(127);
     }

@@ -123,11 +123,12 @@ std::unique_ptr<SlotLocks> SlotLocks::open(std::string& trouble)
     return locks;
 }
 
-SlotLocks::~SlotLocks()
+void SlotLocks::giveUpFile()
 {
     if (!isOwnFile()) {
         static_cast<void>(descriptor_.release());  // it may be somebody else's by now
     }
+    descriptor_.reset();
 }
 
 bool SlotLocks::isOwnFile() const

@@ -53,6 +53,7 @@ public:
     /// To be called inside the gate with the semaphore taken.
     /// @return false when another process is not done with it; then it must be given back
     bool startHolding();
+    /// Safe in a signal handler.
     void stopHolding();
     /// What another process does.
     Part partOf(pid_t process) const;
@@ -61,7 +62,10 @@ public:
     /// Its number; 0 when it is not known.
     pid_t holder() const;
 
-    ~SlotLocks();
+    /// Closes the file, unless somebody else has done so. There are no locks afterwards.
+    void giveUpFile();
+
+    ~SlotLocks() { giveUpFile(); }
     SlotLocks(const SlotLocks&) = delete;
     SlotLocks& operator=(const SlotLocks&) = delete;
 

@@ -104,6 +104,8 @@ SlotLocks::Gate UpdateSlot::enterGate()
         return gate;
     }
     std::string trouble;
+    // The file gets the same number when it is opened again, and must then not be taken for this.
+    locks_->giveUpFile();
     if (std::unique_ptr<SlotLocks> locks = SlotLocks::open(trouble)) {
         locks_ = std::move(locks);
         gate = locks_->enterGate();
