@@ -4,13 +4,20 @@
 //   exit-in-ENTRY    ends it
 //   _exit-in-ENTRY   ends it by _exit
 //   _Exit-in-ENTRY   ends it by _Exit
+//   exit-twice-in-ENTRY   ends it on two threads
+//   _exit-twice-in-ENTRY  ends it by _exit on two threads
 //   crash-in-ENTRY   crashes
+//   fault-in-ENTRY   writes where nothing is
 //   overflow-in-ENTRY  overflows its stack
 //   fork-in-ENTRY    forks a process, which exits
 //   fork-at-once-in-ENTRY  forks a process, which exits by _exit
+//   stay-in-ENTRY    forks a process, which waits until there is a file /tmp/quillon-test-go
 //   kill-in-ENTRY    forks a process, ends it with SIGTERM, and tells in /tmp/quillon-test-child
 //                    what signal ended it
 //   wait-in-ENTRY    waits until there is a file /tmp/quillon-test-go
+//   hang-in-ENTRY    does not return
+//   block-in-ENTRY   blocks all signals on its thread
+//   linger-in-ENTRY  keeps the program from ending
 //   tool-in-ENTRY    starts a program that waits so, and tells in /tmp/quillon-test-child how it
 //                    ended
 //   rename-in-ENTRY  gives its thread another name
@@ -59,6 +66,20 @@ std::string ownName()
     return name.substr(0, name.rfind(".so"));
 }
 
+void hang()
+{
+    for (;;) {
+        ::pause();
+    }
+}
+
+void waitToGoOn()
+{
+    while (::access("/tmp/quillon-test-go", F_OK) != 0) {
+        ::usleep(1000);
+    }
+}
+
 int overflow(volatile int* caller)
 {
     volatile int more[1024];
@@ -69,26 +90,35 @@ int overflow(volatile int* caller)
 void act(const std::string& word, const std::string& moment)
 {
     const auto is = [&](const char* what) { return word == what + ("-in-" + moment); };
-    while (is("wait") && ::access("/tmp/quillon-test-go", F_OK) != 0) {
-        ::usleep(1000);
+    if (is("wait")) {
+        waitToGoOn();
+    }
+    if (is("block")) {
+        sigset_t all;
+        ::sigfillset(&all);
+        ::pthread_sigmask(SIG_SETMASK, &all, nullptr);
+    }
+    if (is("linger")) {
+        std::atexit(hang);
+    }
+    if (is("stay") && ::fork() == 0) {
+        waitToGoOn();
+        ::_exit(0);
+    }
+    if (is("hang")) {
+        hang();
     }
     if (is("rename")) {
         ::pthread_setname_np(::pthread_self(), "flasher");
     }
     if (is("thread")) {
         ::dlopen(libraryPath().c_str(), RTLD_NOW | RTLD_NODELETE);  // its code must stay
-        std::thread([] {
-            for (;;) {
-                ::pause();
-            }
-        }).detach();
+        std::thread(hang).detach();
     }
     if (is("mute")) {
         std::thread([] {
             ::flockfile(stderr);
-            for (;;) {
-                ::pause();
-            }
+            hang();
         }).detach();
         while (::ftrylockfile(stderr) == 0) {
             ::funlockfile(stderr);
@@ -115,6 +145,18 @@ void act(const std::string& word, const std::string& moment)
     }
     if (is("_Exit")) {
         std::_Exit(0);
+    }
+    if (is("exit-twice")) {
+        std::thread([] { std::exit(0); }).detach();
+        std::exit(0);
+    }
+    if (is("_exit-twice")) {
+        std::thread([] { ::_exit(0); }).detach();
+        ::_exit(0);
+    }
+    if (is("fault")) {
+        volatile int* volatile nowhere = nullptr;
+        *nowhere = 1;
     }
     if (is("crash")) {
         std::abort();
@@ -193,6 +235,12 @@ ENTRY int doUpdate(const char* /*path*/, unsigned long /*value*/)
     ::usleep(100000);  // one that is over at once may escape the registry
     actAt("doUpdate");
     return 0;
+}
+
+ENTRY int getUpdateProgress(unsigned int* /*percent*/)
+{
+    actAt("getUpdateProgress");
+    return -1;
 }
 
 ENTRY int allUpdateDone(void)

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <utility>
 
 #include "base/fd.h"
 #include "support/open-way.h"
@@ -202,14 +203,14 @@ TEST_F(UpdateSemaphore, IsNotReleasedByWhoCannotSeeEverybody)
     EXPECT_EQ(semaphoreValue(), 1);
 }
 
-/// Locks bytes of the semaphore's file for reading, as other control layers do.
+/// Locks bytes of the semaphore's file, as other control layers do.
 class OthersLock
 {
 public:
-    OthersLock(off_t from, off_t length)
+    explicit OthersLock(off_t from, off_t length, short type = F_RDLCK)
     {
         struct flock lock = {};
-        lock.l_type = F_RDLCK;
+        lock.l_type = type;
         lock.l_start = from;
         lock.l_len = length;
         EXPECT_EQ(::fcntl(file_.get(), F_OFD_SETLK, &lock), 0);
@@ -235,6 +236,33 @@ TEST_F(UpdateSemaphore, IsNotReleasedWhileAnotherContainersProcessHasTheHoldersN
     EXPECT_THAT(unlock.err, HasSubstr("it may be held by a quillonctl whose process number is"));
     goOn();
     EXPECT_EQ(layer.wait(), 0);
+    EXPECT_EQ(semaphoreValue(), 1);
+}
+
+TEST_F(UpdateSemaphore, IsFreeAfterAModuleHasEndedTheProgramThoughAProcessOfItGoesOn)
+{
+    for (const auto& [way, code] : {std::pair{"_exit", 6}, {"crash", -SIGABRT}}) {
+        installGuided("alpha", std::string("stay-in-doUpdate ") + way + "-in-doUpdate");
+        installGuided("beta", "");
+        BackgroundLayer ended(kUpdateAlpha);
+        ASSERT_EQ(ended.wait(), code) << ended.output();
+
+        BackgroundLayer next({"modules", "update", "beta", "--source", "system"});
+
+        EXPECT_TRUE(next.says("  updated\n")) << next.output();
+        EXPECT_EQ(runModules({"unlock"}).out, "Nothing is locked\n");
+    }
+    goOn();
+}
+
+TEST_F(UpdateSemaphore, IsNotCalledFreeWhileSomebodyKeepsItsLock)
+{
+    goOn();
+    ASSERT_EQ(runModules({"update", "alpha", "--source", "system"}).exitCode, 0);
+    const OthersLock holders(2, 1, F_WRLCK);
+
+    EXPECT_THAT(json({"unlock"}, 8)["text"].asString(),
+                HasSubstr("it may be held by a quillonctl"));
     EXPECT_EQ(semaphoreValue(), 1);
 }
 

@@ -169,15 +169,21 @@ void UpdateSlot::acquire()
     ++updatesBegun_;
 }
 
+/// The locks do not end with this process when a module has forked another one, so they are given
+/// up as well; after the post, since a semaphore without them counts as left behind.
 bool UpdateSlot::giveBack()
 {
-    return getpid() == process_ && held_.exchange(false) && __real_sem_post(semaphore_) == 0;
+    if (getpid() != process_ || !held_.exchange(false)) {
+        return false;
+    }
+    const bool isPosted = __real_sem_post(semaphore_) == 0;
+    locks_->stopHolding();
+    return isPosted;
 }
 
 void UpdateSlot::post()
 {
     static_cast<void>(giveBack());
-    locks_->stopHolding();
 }
 
 ReleaseResult UpdateSlot::release()
@@ -193,7 +199,8 @@ ReleaseResult UpdateSlot::release()
     }
     int value = 0;
     if (sem_getvalue(semaphore.get(), &value) == 0 && value > 0) {
-        return {Release::kWasFree, {}, ""};
+        const SlotHolders holders = locks->isHeld() ? findSlotHolders(*locks) : SlotHolders();
+        return {holders.alive.empty() ? Release::kWasFree : Release::kHeld, holders.alive, ""};
     }
     const bool isClosed = locks->closeGate();
     const SlotHolders holders = findSlotHolders(*locks);
