@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cstddef>
 #include <cstdio>
 #include <filesystem>
 #include <set>
@@ -24,6 +26,7 @@ namespace quillon::unit {
 namespace {
 
 constexpr int kPauseMilliseconds = 500;
+constexpr std::size_t kThreadsWithoutUpdate = 2;  // the initial one and the control task
 constexpr int kFullLooks = 4;  // who reads replies at all does so within two seconds
 
 void takeMarkerAway(const std::string& marker)
@@ -50,19 +53,14 @@ Threads threadsOf(pid_t process)
     return threads;
 }
 
-/// The service no longer tells the watchdog that it is alive once it has seen that the marker is
-/// gone. A thread has ended then, which tells it from a service that hangs.
-bool hasBegunToEnd(const Threads& before, pid_t process)
-{
-    const Threads now = threadsOf(process);
-    return !std::includes(now.begin(), now.end(), before.begin(), before.end());
-}
-
 /// Looks after the service while it ends.
 class Attendance
 {
 public:
-    explicit Attendance(pid_t process) : process_(process), threads_(threadsOf(process)) {}
+    Attendance(pid_t process, std::chrono::milliseconds patience)
+        : process_(process), patience_(patience), threadsBefore_(threadsOf(process))
+    {
+    }
 
     /// To be called every kPauseMilliseconds.
     void look()
@@ -72,27 +70,55 @@ public:
             emptyReplyQueue();
             say(Priority::kWarning, "threw away replies that nobody reads, so the service can end");
         }
-        isEnding_ = isEnding_ || hasBegunToEnd(threads_, process_);
-        if (isEnding_) {
+        const auto now = Clock::now();
+        const Threads threads = threadsOf(process_);
+        isEnding_ = isEnding_ || hasBegunToEnd(threads);
+        // A module's update may take as long as it takes. Without one a service has nothing to wait
+        // for; one whose descriptors a module has closed waits all the same, for a stop command
+        // that cannot come.
+        if (threads != threadsSeen_ || threads.size() > kThreadsWithoutUpdate) {
+            threadsSeen_ = threads;
+            lastProgress_ = now;
+        }
+        const bool isStuck = now - lastProgress_ > patience_;
+        if (isEnding_ && isStuck && !isGivenUp_) {
+            say(Priority::kWarning,
+                "the service does not end although no update runs; left to the watchdog");
+        }
+        isGivenUp_ = isEnding_ && isStuck;
+        if (isEnding_ && !isStuck) {
             notifyWatchdog();
         }
     }
 
 private:
+    using Clock = std::chrono::steady_clock;
+
+    /// The service no longer tells the watchdog that it is alive once it has seen that the marker
+    /// is gone. A thread has ended then, which tells it from a service that hangs.
+    bool hasBegunToEnd(const Threads& now) const
+    {
+        return !std::includes(now.begin(), now.end(), threadsBefore_.begin(), threadsBefore_.end());
+    }
+
     pid_t process_;
-    Threads threads_;
+    std::chrono::milliseconds patience_;
+    Threads threadsBefore_;
+    Threads threadsSeen_;
+    Clock::time_point lastProgress_;
     int fullLooks_ = 0;
     bool isEnding_ = false;
+    bool isGivenUp_ = false;
 };
 
 }  // namespace
 
-void endAndWait(const std::string& lifeMarker, pid_t process)
+void endAndWait(const std::string& lifeMarker, pid_t process, std::chrono::milliseconds patience)
 {
     if (process <= 0) {
         return;
     }
-    Attendance attendance(process);
+    Attendance attendance(process, patience);
     takeMarkerAway(lifeMarker);
     // By number: older C libraries have no function for it.
     const UniqueFd handle(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));

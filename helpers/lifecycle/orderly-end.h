@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <string>
 
 namespace quillon::unit {
@@ -11,12 +12,17 @@ namespace quillon::unit {
 /// has ended, however long its running update takes. Unread replies that fill their queue are
 /// thrown away, since the service would wait for ever for somebody to read them.
 ///
+/// Meanwhile the watchdog is told that the service is alive, from the moment that one of its
+/// threads has ended: as long as an update runs, and then for as long as `patience`.
+///
 /// Whatever goes wrong is said and does not end the waiting: who returns early lets the service be
 /// killed in the middle of an update.
 /// @param process  the service. 0 is one that has ended by itself: nothing is done, and a marker
 ///                 that it has left behind still tells how it ended
+/// @param patience how long nothing may change in a service without an update, see above
 /// Needs root's rights. Thread: any.
-void endAndWait(const std::string& lifeMarker, pid_t process);
+void endAndWait(const std::string& lifeMarker, pid_t process,
+                std::chrono::milliseconds patience = std::chrono::minutes(1));
 
 }  // namespace quillon::unit
 

@@ -10,9 +10,13 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstddef>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
+#include <string>
 #include <thread>
 
 #include "helpers/lifecycle/own-queues.h"
@@ -69,6 +73,14 @@ private:
 void waitForTheMarkerToGo()
 {
     while (isMarked()) {
+        usleep(10000);
+    }
+}
+
+void waitForThreads(pid_t process, std::ptrdiff_t count)
+{
+    const std::string threads = "/proc/" + std::to_string(process) + "/task";
+    while (std::distance(std::filesystem::directory_iterator(threads), {}) < count) {
         usleep(10000);
     }
 }
@@ -163,7 +175,7 @@ TEST_F(OrderlyEnd, TellsTheWatchdogThatAnEndingServiceIsAlive)
         eventLoop.join();
         std::this_thread::sleep_for(1500ms);
     });
-    std::this_thread::sleep_for(200ms);  // the thread runs
+    waitForThreads(service.id(), 2);
 
     endAndWait(kMarker, service.id());
 
@@ -178,6 +190,57 @@ TEST_F(OrderlyEnd, LeavesAServiceThatHangsToTheWatchdog)
     endAndWait(kMarker, service.id());
 
     EXPECT_THAT(manager.received(), IsEmpty());
+}
+
+int countOf(NotifySocket& manager)
+{
+    return static_cast<int>(manager.received().size());
+}
+
+TEST_F(OrderlyEnd, LeavesAServiceThatNeverEndsToTheWatchdogAfterAWhile)
+{
+    NotifySocket manager("/tmp/notify");
+    const Process service([] {
+        std::thread eventLoop(waitForTheMarkerToGo);
+        std::thread deafControlTask([] { std::this_thread::sleep_for(4s); });
+        eventLoop.join();
+        deafControlTask.join();
+    });
+    waitForThreads(service.id(), 3);
+
+    endAndWait(kMarker, service.id(), 500ms);
+
+    EXPECT_TRUE(service.hasEnded());
+    EXPECT_LE(countOf(manager), 3) << "and not up to its end";
+}
+
+TEST_F(OrderlyEnd, TellsTheWatchdogAsLongAsAnUpdateRuns)
+{
+    NotifySocket manager("/tmp/notify");
+    constexpr char kUpdated[] = "/tmp/updated";
+    const Process service([&] {
+        std::thread eventLoop(waitForTheMarkerToGo);
+        std::thread update([&] {
+            while (access(kUpdated, F_OK) != 0) {
+                usleep(10000);
+            }
+        });
+        std::thread controlTask([&] { update.join(); });
+        eventLoop.join();
+        controlTask.join();
+    });
+    waitForThreads(service.id(), 4);
+    std::thread watchdog([&] {
+        for (int told = 0; told < 3; told += countOf(manager)) {
+            usleep(10000);
+        }
+        std::ofstream{kUpdated};
+    });
+
+    endAndWait(kMarker, service.id(), 0ms);
+
+    watchdog.join();
+    EXPECT_TRUE(service.hasEnded());
 }
 
 }  // namespace
