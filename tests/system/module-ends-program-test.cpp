@@ -66,6 +66,35 @@ TEST_F(ModuleEndsProgram, AlsoWhereThatCannotBeToldAsUsual)
     EXPECT_EQ(semaphoreValue(), 1);
 }
 
+/// @param  a way to end the program on two threads
+class ModuleEndsProgramTwice : public ModuleEndsProgram,
+                               public testing::WithParamInterface<const char*>
+{
+};
+
+TEST_P(ModuleEndsProgramTwice, AsOnceAlsoWhileTheFirstEndIsBeingTold)
+{
+    const std::string twice = std::string(GetParam()) + "-in-doUpdate";
+    for (const std::string& what : {twice, "mute-in-doUpdate " + twice}) {
+        installGuided("alpha", what);
+        BackgroundLayer layer({"modules", "update", "alpha", "--source", "system"});
+
+        EXPECT_EQ(layer.wait(), 6) << layer.output();
+        EXPECT_THAT(layer.output(), HasSubstr("has ended the program\n"));
+        EXPECT_EQ(semaphoreValue(), 1);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Way, ModuleEndsProgramTwice, testing::Values("exit-twice", "_exit-twice"));
+
+TEST_F(ModuleEndsProgram, NotByKeepingItFromEnding)
+{
+    installGuided("alpha", "linger-in-load");
+
+    EXPECT_EQ(json({"list"})["modules"].size(), 1U);
+    EXPECT_EQ(json({"check", "--source", "usb"}, 7)["event"], "modules-check");
+}
+
 TEST_F(ModuleEndsProgram, NotByTheExitOfItsChild)
 {
     for (const std::string way : {"fork", "fork-at-once"}) {

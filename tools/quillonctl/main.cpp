@@ -5,6 +5,7 @@
 #include <string>
 
 #include "tools/quillonctl/json-report.h"
+#include "tools/quillonctl/modules/foreign-end.h"
 #include "tools/quillonctl/modules/module-commands.h"
 #include "tools/quillonctl/standard-files.h"
 #include "tools/quillonctl/terminal.h"
@@ -136,5 +137,7 @@ int runCommandLine(int argc, char** argv)
 int main(int argc, char** argv)
 {
     prepareStandardFiles();
-    return closeOutput(runCommandLine(argc, argv));
+    const int code = closeOutput(runCommandLine(argc, argv));
+    endIsOurs(code);
+    return code;
 }

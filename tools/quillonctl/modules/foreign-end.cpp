@@ -27,11 +27,25 @@ constexpr const char* kCrashed = "\nquillonctl: a module has crashed in its upda
 constexpr const char* kEnded = "\nquillonctl: a module has ended the program\n";
 /// So long the end that a module has brought about may take to be told.
 constexpr unsigned int kSecondsToTell = 5;
+/// So many threads may exit at the same moment.
+constexpr int kExitsAtOnce = 8;
 constexpr std::size_t kAlternateStackSize = 65536;
 
 std::function<void(const std::string&)> g_onEnd;
-std::atomic<bool> g_isOurs{false};
+enum class End {
+    kNone,
+    kBeingTold,  ///< a module has brought it about
+    kOurs
+};
+std::atomic<End> g_end{End::kNone};
+std::atomic<int> g_ownCode{0};
 pid_t g_process = 0;
+
+/// A module that ends a process which is ending already does not change its code.
+int codeOfEnd(int code)
+{
+    return getpid() == g_process && g_end == End::kOurs ? g_ownCode.load() : code;
+}
 
 /// Stops at the first caller that belongs to a module.
 _Unwind_Reason_Code lookAtCaller(_Unwind_Context* context, void* found)
@@ -58,13 +72,16 @@ void say(const char* text)
 
 void onStuckEnd(int /*signal*/)
 {
+    if (g_end == End::kOurs) {
+        endAtOnce(g_ownCode);
+    }
     static_cast<void>(UpdateSlot::instance().giveBack());
     say(kEnded);
     endAtOnce(holdsOffSignals() ? kExitUpdateFailed : kExitUnusableModule);
 }
 
 /// A module may end the program in a signal handler, in which what is needed to tell of it may be
-/// locked.
+/// locked. What it has left to be done at the program's end may take for ever.
 void endSoon()
 {
     struct sigaction action = {};
@@ -77,15 +94,42 @@ void endSoon()
     alarm(kSecondsToTell);
 }
 
-void onExit()
+bool change(End from, End to)
 {
-    if (getpid() != g_process || g_isOurs.exchange(true)) {
+    return g_end.compare_exchange_strong(from, to);
+}
+
+/// Another thread ends the process, by endSoon() at the latest.
+[[noreturn]] void waitForTheEnd()
+{
+    for (;;) {
+        pause();
+    }
+}
+
+void onForeignEnd()
+{
+    if (getpid() != g_process || g_end == End::kOurs) {
         return;
     }
+    if (!change(End::kNone, End::kBeingTold)) {
+        waitForTheEnd();
+    }
     endSoon();
+    static_cast<void>(UpdateSlot::instance().giveBack());
     std::string who = "a module";
     _Unwind_Backtrace(lookAtCaller, &who);
     g_onEnd(who);
+}
+
+/// The system calls each of these once, so there is always one more: a second thread that exits
+/// must not get to the end of them.
+void onExit()
+{
+    if (getpid() == g_process && g_end != End::kOurs) {
+        static_cast<void>(std::atexit(onExit));
+    }
+    onForeignEnd();
 }
 
 /// Whether another process has sent it.
@@ -154,8 +198,10 @@ void watchForForeignEnd(std::function<void(const std::string& who)> onEnd)
     g_onEnd = std::move(onEnd);
     UpdateSlot::instance();  // must not be destroyed before the end has been looked at
     bearStackOverflow();
-    static_cast<void>(std::atexit(onExit));
-    static_cast<void>(std::at_quick_exit(onExit));
+    for (int i = 0; i < kExitsAtOnce; ++i) {
+        static_cast<void>(std::atexit(onExit));
+        static_cast<void>(std::at_quick_exit(onForeignEnd));
+    }
     for (const int signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGSYS, SIGTRAP}) {
         struct sigaction action = {};
         sigaction(signal, nullptr, &action);
@@ -169,9 +215,15 @@ void watchForForeignEnd(std::function<void(const std::string& who)> onEnd)
     }
 }
 
-void endIsOurs()
+void endIsOurs(int code)
 {
-    g_isOurs = true;
+    g_ownCode = code;
+    if (!change(End::kNone, End::kOurs) && g_end == End::kBeingTold) {
+        waitForTheEnd();
+    }
+    if (g_process != 0) {
+        endSoon();
+    }
 }
 
 void endAtOnce(int code)
@@ -194,8 +246,8 @@ void bearStackOverflow()
 extern "C" {
 __attribute__((used, visibility("default"))) void _exit(int code)
 {
-    quillon::onExit();
-    quillon::endAtOnce(code);
+    quillon::onForeignEnd();
+    quillon::endAtOnce(quillon::codeOfEnd(code));
 }
 
 __attribute__((used, visibility("default"))) void _Exit(int code) noexcept

@@ -17,8 +17,9 @@ namespace quillon {
 /// @param onEnd  gets who it was: "the module tuner", or "a module" when that cannot be told
 void watchForForeignEnd(std::function<void(const std::string& who)> onEnd);
 
-/// What ends the process from now on is the program's own.
-void endIsOurs();
+/// What ends the process from now on is the program's own; where a module keeps it from ending, it
+/// ends with that code five seconds later. Does not return when a module is ending it already.
+void endIsOurs(int code);
 
 /// Ends the process as the system's _exit() does. Safe in a signal handler.
 [[noreturn]] void endAtOnce(int code);

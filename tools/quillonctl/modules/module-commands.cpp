@@ -49,8 +49,9 @@ CLI::Option* takeName(CLI::App* verb, std::string& name)
 [[noreturn]] void endWithoutTearingDown(int code)
 {
     const int reported = closeOutput(code);
+    endIsOurs(reported);
     static_cast<void>(std::fflush(nullptr));
-    std::_Exit(reported);
+    endAtOnce(reported);
 }
 
 }  // namespace
@@ -106,7 +107,6 @@ int ModuleCommands::run(bool json, bool quiet) const
         code = verbs.download();
     }
     takeOverTheEnd();
-    endIsOurs();
     if (verbs.hasLateUpdate()) {
         endWithoutTearingDown(code);
     }
