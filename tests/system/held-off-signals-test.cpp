@@ -108,6 +108,23 @@ TEST_F(HeldOffSignals, EndTheProgramWhileAModuleIsLoadedForEver)
     }
 }
 
+TEST_F(HeldOffSignals, EndTheProgramWhenAllUpdatesAreOverAndAModuleDoesNotTakeThatIn)
+{
+    installGuided("alpha", "hang-in-allUpdateDone");
+    for (const std::vector<std::string>& arguments : {kUpdateAlpha, kUpdateAll}) {
+        fs::remove("/tmp/quillon-test-alpha.log");
+        BackgroundLayer layer(arguments);
+        ASSERT_TRUE(comesTrue([] { return wasAsked("alpha", "allUpdateDone("); }));
+
+        layer.send(SIGTERM);
+
+        EXPECT_EQ(layer.wait(), 130);
+        EXPECT_THAT(layer.output(), Not(HasSubstr("cannot be interrupted safely")));
+        EXPECT_THAT(layer.output(), HasSubstr("quillonctl: interrupted; what was begun is over\n"));
+        EXPECT_EQ(semaphoreValue(), 1);
+    }
+}
+
 TEST_F(HeldOffSignals, OfACrashThatComeFromOutsideDoNotEndAnUpdate)
 {
     if (QUILLON_SANITIZED != 0) {

@@ -39,6 +39,19 @@ TEST_F(LateUpdate, IsWaitedForThoughNoFileCanBeOpened)
     isWaitedFor("nofile");
 }
 
+TEST_F(LateUpdate, IsNoneWhenOnlyThePlugInDoesNotTellHowFarItIs)
+{
+    installGuided("alpha", "hang-in-getUpdateProgress wait-in-doUpdate");
+    BackgroundLayer layer({"--json", "modules", "update", "alpha", "--source", "system"});
+    ASSERT_TRUE(comesTrue([] { return wasAsked("alpha", "getUpdateProgress("); }));
+
+    goOn();
+
+    ASSERT_TRUE(layer.says(R"("outcome":"updated")")) << layer.output();
+    EXPECT_EQ(layer.wait(), 0);
+    EXPECT_TRUE(wasAsked("alpha", "allUpdateDone("));
+}
+
 TEST_F(LateUpdate, IsNoneWhenOnlyAThreadGoesOnThatTheModuleHasStarted)
 {
     installGuided("alpha", "thread-in-doUpdate");

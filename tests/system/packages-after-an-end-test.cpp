@@ -89,6 +89,21 @@ TEST_F(PackagesAfterAnEnd, ByAnInterruptionOfABlockedCheckAreNotMounted)
     }
 }
 
+TEST_F(PackagesAfterAnEnd, ByAnInterruptionWhenTheUpdateIsOverAreNotMounted)
+{
+    addModule("alpha", "hang-in-allUpdateDone", GUIDED_MODULE);
+    BackgroundLayer layer({"modules", "update", "--all"});
+    ASSERT_TRUE(comesTrue([] { return wasAsked("alpha", "allUpdateDone("); }));
+
+    layer.send(SIGINT);
+
+    EXPECT_EQ(layer.wait(), 130) << layer.output();
+    EXPECT_THAT(mountedPackages(), IsEmpty());
+    EXPECT_THAT(powerLog(), ElementsAre("lock 2 for 35000 ms", "unlock 2"));
+    EXPECT_FALSE(fs::exists(kUpdateList));
+    EXPECT_EQ(semaphoreValue(), 1);
+}
+
 TEST_F(PackagesAfterAnEnd, WhileItWaitsForAnotherOneAreAsIfItHadNotBegun)
 {
     addModule("alpha", "need=1\n");

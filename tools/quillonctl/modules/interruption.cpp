@@ -10,12 +10,14 @@
 #include <chrono>
 #include <cstring>
 #include <initializer_list>
+#include <mutex>
 #include <thread>
 #include <utility>
 
 #include "base/signals-blocked.h"
 #include "tools/quillonctl/exit-codes.h"
 #include "tools/quillonctl/modules/foreign-end.h"
+#include "tools/quillonctl/modules/update-slot.h"
 
 namespace quillon {
 
@@ -43,13 +45,22 @@ constexpr const char* kHeld =
 bool g_running = true;
 std::atomic<State> g_state{State::kOpen};
 std::atomic<bool> g_holdsOff{false};
-sem_t g_wake;  // posted by the first request
+sem_t g_wake;  // posted by the first request while the process may end
+std::atomic<bool> g_hasWoken{false};
 static_assert(std::atomic<State>::is_always_lock_free, "it is used in signal handlers");
 
 bool change(State from, State to)
 {
     return g_state.compare_exchange_strong(from, to);
 }
+
+struct Updates
+{
+    std::mutex mutex;
+    bool isAboutToBegin = false;
+    int running = 0;
+};
+Updates g_updates;
 
 [[noreturn]] void waitForTheEnd()
 {
@@ -66,13 +77,14 @@ void request(int /*signal*/)
 {
     const int callersErrno = errno;
     const State state = g_state.load();
-    const bool isFirst = __atomic_exchange_n(&g_running, false, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&g_running, false, __ATOMIC_SEQ_CST);
     if (state == State::kUpdating) {
         [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, kHeld, std::strlen(kHeld));
-    } else if (isFirst) {
+    } else if (!g_hasWoken.exchange(true)) {
         sem_post(&g_wake);
     } else if (state == State::kOwnEnd || change(State::kOpen, State::kAbandoning) ||
                g_state.load() == State::kAbandoning) {
+        static_cast<void>(UpdateSlot::instance().giveBack());
         endAtOnce(kExitInterrupted);
     }
     errno = callersErrno;
@@ -160,6 +172,17 @@ void leaveSignalsToChild()
     pthread_sigmask(SIG_SETMASK, &g_beforeFork, nullptr);
 }
 
+/// With the updates locked.
+void openWhenNoneUpdates()
+{
+    if (g_updates.isAboutToBegin || g_updates.running > 0 ||
+        !change(State::kUpdating, State::kOpen)) {
+        return;
+    }
+    on(SIGINT, request);
+    on(SIGQUIT, request);
+}
+
 /// Takes those that all other threads have blocked.
 [[noreturn]] void takeRequests()
 {
@@ -239,6 +262,8 @@ void mayBeginUpdating()
 void beginUpdating()
 {
     mayBeginUpdating();
+    const std::lock_guard<std::mutex> lock(g_updates.mutex);
+    g_updates.isAboutToBegin = true;
     g_state = State::kUpdating;
     for (const int signal : {SIGINT, SIGQUIT, SIGHUP}) {
         on(signal, SIG_IGN);
@@ -250,13 +275,25 @@ void didNotBeginUpdating()
     change(State::kMayBegin, State::kOpen);
 }
 
+void updateStarted()
+{
+    const std::lock_guard<std::mutex> lock(g_updates.mutex);
+    g_updates.isAboutToBegin = false;
+    ++g_updates.running;
+}
+
+void updateEnded()
+{
+    const std::lock_guard<std::mutex> lock(g_updates.mutex);
+    --g_updates.running;
+    openWhenNoneUpdates();
+}
+
 void endUpdating()
 {
-    if (!change(State::kUpdating, State::kOpen)) {
-        return;
-    }
-    on(SIGINT, request);
-    on(SIGQUIT, request);
+    const std::lock_guard<std::mutex> lock(g_updates.mutex);
+    g_updates.isAboutToBegin = false;
+    openWhenNoneUpdates();
 }
 
 }  // namespace quillon

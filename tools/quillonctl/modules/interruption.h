@@ -41,10 +41,14 @@ void takeOverTheEnd();
 void mayBeginUpdating();
 /// It has not begun. Without effect while an earlier one goes on.
 void didNotBeginUpdating();
-/// An update has begun: requests are answered with a line that says what becomes of them. To be
-/// called before the thread that updates is started.
+/// An update is about to begin: requests are answered with a line that says what becomes of them.
+/// To be called before the thread that updates is started.
 void beginUpdating();
-/// Nothing is being flashed any more.
+/// That thread flashes from now on.
+void updateStarted();
+/// That thread does not flash any more.
+void updateEnded();
+/// None is about to begin any more. The process may end again when no thread flashes.
 void endUpdating();
 /// @}
 

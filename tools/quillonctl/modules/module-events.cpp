@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "tools/quillonctl/modules/foreign-end.h"
+#include "tools/quillonctl/modules/interruption.h"
 
 namespace quillon {
 
@@ -37,6 +38,7 @@ void ModuleEvents::hear(const ModuleNews& news)
 {
     if (news.event == ModuleEvent::kStarted) {
         bearStackOverflow();  // on the thread that updates
+        updateStarted();
     }
     const ModuleFinding finding{news.result, news.reason, news.detail};
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -56,6 +58,7 @@ void ModuleEvents::hear(const ModuleNews& news)
             break;
         case ModuleEvent::kEnded:
             module.run->end = finding;
+            updateEnded();
             hasEnded_.notify_all();
             break;
         case ModuleEvent::kLate:

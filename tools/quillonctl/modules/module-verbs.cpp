@@ -176,8 +176,13 @@ void ModuleVerbs::endBecauseOf(const std::string& who)
 bool& ModuleVerbs::watchForRequests()
 {
     return runningUntilInterrupted([this] {
-        interrupted();
+        if (UpdateSlot::instance().updatesBegun() == 0) {
+            interrupted();
+        } else {
+            fail(kExitInterrupted, "interrupted; what was begun is over");
+        }
         abandon();
+        static_cast<void>(UpdateSlot::instance().giveBack());
     });
 }
 
@@ -347,6 +352,7 @@ void ModuleVerbs::runMarked(const std::vector<ModuleCheck>& checks,
     hasPowerLock_ = false;
     watch.finish();
     hasLateUpdate_ = watch.isAnyStillRunning();
+    hasStuckWatch_ = watch.isStuck();
     int begun = isInterrupted ? UpdateSlot::instance().updatesBegun() : INT_MAX;
     for (std::size_t i = 0; i < modules.size(); ++i) {
         FWUpdateSymbol& module = modules[i];
@@ -392,6 +398,9 @@ ModuleUpdate ModuleVerbs::runProcess(FWUpdateSymbol& module, const ModuleSource&
     beginUpdating();
     const std::string raised =
         raisedBy([&] { result = manager().doUpdateFirmware(name, source.caller, noText); });
+    if (!raised.empty()) {
+        updateEnded();  // the registry does not say so then
+    }
     endUpdating();
     ModuleUpdate update;
     update.name = name;
@@ -417,6 +426,7 @@ ModuleUpdate ModuleVerbs::updateOne(FWUpdateSymbol& module, const ModuleSource& 
         isInterrupted);
     watch.finish();
     hasLateUpdate_ = hasLateUpdate_ || watch.isAnyStillRunning();
+    hasStuckWatch_ = hasStuckWatch_ || watch.isStuck();
     if (isInterrupted) {
         release(module, source, watch);
         return notBegun(module);
@@ -450,8 +460,8 @@ ExitCode ModuleVerbs::update(const std::string& name, const ModuleSource& source
     }
     source_ = &source;
     const ModuleUpdate update = updateOne(*module, source);
-    takeOverTheEnd();
     if (update.outcome == Outcome::kNotBegun) {
+        takeOverTheEnd();
         return interrupted();
     }
     if (update.outcome == Outcome::kNothingOffered) {
@@ -464,6 +474,7 @@ ExitCode ModuleVerbs::update(const std::string& name, const ModuleSource& source
     if (wasNeeded) {
         tellAllDone();
     }
+    takeOverTheEnd();
     report_.updated(source, {update}, code);
     return code;
 }

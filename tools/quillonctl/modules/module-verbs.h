@@ -36,9 +36,9 @@ public:
     /// Releases the update semaphore if whoever held it is no more.
     ExitCode unlock();
 
-    /// Whether an update has been given up that is still running in a plug-in. The program must
-    /// then end without tearing anything down.
-    bool hasLateUpdate() const { return hasLateUpdate_; }
+    /// Whether an update, or a question how far it is, is still running in a plug-in. The program
+    /// must then end without tearing anything down.
+    bool hasLateUpdate() const { return hasLateUpdate_ || hasStuckWatch_; }
 
 private:
     ExitCode fail(ExitCode code, const std::string& text);
@@ -68,6 +68,7 @@ private:
     std::atomic<bool> hasPowerLock_{false};
     std::atomic<bool> isUpdating_{false};
     bool hasLateUpdate_ = false;
+    bool hasStuckWatch_ = false;
 };
 
 }  // namespace quillon

@@ -184,6 +184,7 @@ bool UpdateSlot::giveBack()
 void UpdateSlot::post()
 {
     static_cast<void>(giveBack());
+    endUpdating();
 }
 
 ReleaseResult UpdateSlot::release()

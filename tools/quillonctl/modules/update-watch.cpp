@@ -1,7 +1,10 @@
 #include "tools/quillonctl/modules/update-watch.h"
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
+#include <thread>
 
 #include "base/signals-blocked.h"
 #include "tools/quillonctl/modules/interruption.h"
@@ -40,79 +43,113 @@ seconds allowedTime(const FWUpdateSymbol& module)
 
 }  // namespace
 
+/// What the watching thread uses, which may outlive its watch.
+struct UpdateWatch::Watching
+{
+    const std::vector<const FWUpdateSymbol*> modules;
+    ModuleReport& report;
+    const milliseconds interval;
+    const FWUpdateSymbol* shown = nullptr;
+
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool isStopped = false;  ///< from then on neither the modules nor the report are touched
+    bool hasEnded = false;
+
+    Watching(const std::vector<const FWUpdateSymbol*>& watched, ModuleReport& to,
+             milliseconds every)
+        : modules(watched), report(to), interval(every)
+    {
+    }
+    void loop();
+    void show(const FWUpdateSymbol& module, const ModuleRun& run,
+              std::unique_lock<std::mutex>& lock);
+};
+
 UpdateWatch::UpdateWatch(const std::vector<const FWUpdateSymbol*>& modules, ModuleReport& report,
                          milliseconds interval)
-    : modules_(modules), report_(report), interval_(interval)
+    : modules_(modules),
+      report_(report),
+      watching_(std::make_shared<Watching>(modules, report, interval))
 {
-    UpdateSlot::instance().explainTo([this](const SlotHolders& holders) {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        report_.waitingForOthers(holders);
+    UpdateSlot::instance().explainTo([watching = watching_](const SlotHolders& holders) {
+        const std::lock_guard<std::mutex> lock(watching->mutex);
+        watching->report.waitingForOthers(holders);
     });
     const SignalsBlocked blocked;
-    thread_ = std::thread([this] { loop(); });
+    std::thread([watching = watching_] { watching->loop(); }).detach();
 }
 
 UpdateWatch::~UpdateWatch()
 {
-    if (thread_.joinable()) {
+    if (!isFinished_) {
         finish();
     }
 }
 
-void UpdateWatch::loop()
+void UpdateWatch::Watching::loop()
 {
-    std::unique_lock<std::mutex> lock(mutex_);
-    while (!stop_.wait_for(lock, interval_, [this] { return stopped_; })) {
+    std::unique_lock<std::mutex> lock(mutex);
+    while (!changed.wait_for(lock, interval, [this] { return isStopped; })) {
         // Updates run in the registry's order, so the last one that runs is the one to be shown;
         // those before it have overrun their time.
-        for (auto module = modules_.rbegin(); module != modules_.rend(); ++module) {
+        for (auto module = modules.rbegin(); module != modules.rend(); ++module) {
             const auto run = ModuleEvents::instance().run((*module)->getLibName());
             if (run && !run->end) {
-                show(**module, *run);
+                show(**module, *run, lock);
                 break;
             }
         }
     }
+    hasEnded = true;
+    changed.notify_all();
 }
 
-void UpdateWatch::show(const FWUpdateSymbol& module, const ModuleRun& run)
+/// The plug-in is asked without the lock, since it may not answer.
+void UpdateWatch::Watching::show(const FWUpdateSymbol& module, const ModuleRun& run,
+                                 std::unique_lock<std::mutex>& lock)
 {
-    if (shown_ != &module) {
-        shown_ = &module;
-        report_.updating(module.getLibName());
+    if (shown != &module) {
+        shown = &module;
+        report.updating(module.getLibName());
     }
     const auto passed = std::chrono::duration_cast<seconds>(Clock::now() - run.began);
     const seconds expected = expectedTime(module);
     unsigned int percent = 0;
     int result = -1;
+    const std::string name = module.getLibName();
+    lock.unlock();
     static_cast<void>(raisedBy([&] {
-        result = FWUpdateSymbolManager::getInstance()->getFirmwareUpdateProgress(
-            module.getLibName(), &percent);
+        result = FWUpdateSymbolManager::getInstance()->getFirmwareUpdateProgress(name, &percent);
     }));
+    lock.lock();
+    if (isStopped) {
+        return;
+    }
     if (result != 0) {
         percent = expected > seconds::zero()
                       ? static_cast<unsigned int>(passed.count() * 100 / expected.count())
                       : 99U;
         percent = std::min(percent, 99U);  // done is what the registry says is done
     }
-    report_.progressed(
+    report.progressed(
         static_cast<int>(std::min(percent, 100U)),
         static_cast<int>(std::clamp(expected - passed, seconds::zero(), kLongestTimeLeft).count()));
 }
 
 void UpdateWatch::finish()
 {
+    isFinished_ = true;
     UpdateSlot::instance().explainTo({});
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        stopped_ = true;
+        const std::lock_guard<std::mutex> lock(watching_->mutex);
+        watching_->isStopped = true;
     }
-    stop_.notify_one();
-    thread_.join();
+    watching_->changed.notify_all();
     waitForLate();
-    if (!isAnyStillRunning()) {
-        endUpdating();
-    }
+    std::unique_lock<std::mutex> lock(watching_->mutex);
+    isStuck_ = !watching_->changed.wait_for(lock, kShortestSecondChance,
+                                            [this] { return watching_->hasEnded; });
 }
 
 void UpdateWatch::waitForLate()

@@ -3,9 +3,7 @@
 #define QUILLON_QUILLONCTL_UPDATE_WATCH_H
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
-#include <thread>
+#include <memory>
 #include <vector>
 
 #include "tools/quillonctl/modules/module-events.h"
@@ -27,7 +25,8 @@ public:
     UpdateWatch& operator=(const UpdateWatch&) = delete;
 
     /// To be called when the registry has returned: ends the watching, and gives updates that have
-    /// overrun their time as long again, five seconds at least.
+    /// overrun their time as long again, five seconds at least. A plug-in that does not tell its
+    /// progress gets five seconds as well.
     void finish();
 
     /// After finish(): whether its update is still running.
@@ -35,20 +34,20 @@ public:
     /// After finish(): whether any update is still running.
     bool isAnyStillRunning() const;
 
+    /// After finish(): whether a plug-in has kept the watching thread. The program must then end
+    /// without tearing anything down.
+    bool isStuck() const { return isStuck_; }
+
 private:
-    void loop();
-    void show(const FWUpdateSymbol& module, const ModuleRun& run);
+    struct Watching;
+
     void waitForLate();
 
     const std::vector<const FWUpdateSymbol*> modules_;
     ModuleReport& report_;
-    const std::chrono::milliseconds interval_;
-    const FWUpdateSymbol* shown_ = nullptr;
-
-    std::mutex mutex_;
-    std::condition_variable stop_;
-    bool stopped_ = false;
-    std::thread thread_;
+    const std::shared_ptr<Watching> watching_;
+    bool isFinished_ = false;
+    bool isStuck_ = false;
 };
 
 }  // namespace quillon
