@@ -2,6 +2,8 @@
 
 #include <signal.h>
 
+#include <filesystem>
+
 #include "system/control-layer.h"
 
 namespace quillon::test {
@@ -86,6 +88,18 @@ TEST_P(ModuleEndsProgramTwice, AsOnceAlsoWhileTheFirstEndIsBeingTold)
 }
 
 INSTANTIATE_TEST_SUITE_P(Way, ModuleEndsProgramTwice, testing::Values("exit-twice", "_exit-twice"));
+
+TEST_F(ModuleEndsProgram, AndIsNamedThoughItsFileIsALink)
+{
+    installGuided("alpha", "exit-in-doUpdate");
+    const std::string file = "/usr/fwupdate/controls/alpha.so";
+    std::filesystem::copy_file(file, "/var/tmp/alpha.so");
+    std::filesystem::remove(file);
+    std::filesystem::create_symlink("/var/tmp/alpha.so", file);
+
+    EXPECT_EQ(json({"update", "alpha", "--source", "system"}, 6)["text"],
+              "the module alpha has ended the program");
+}
 
 TEST_F(ModuleEndsProgram, NotByKeepingItFromEnding)
 {

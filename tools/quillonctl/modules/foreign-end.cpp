@@ -14,6 +14,8 @@
 #include <new>
 #include <utility>
 
+#include "base/handles.h"
+#include "src/src/fw-update-symbol-manager.h"
 #include "src/support/paths.h"
 #include "tools/quillonctl/exit-codes.h"
 #include "tools/quillonctl/modules/interruption.h"
@@ -55,14 +57,16 @@ _Unwind_Reason_Code lookAtCaller(_Unwind_Context* context, void* found)
     if (dladdr(address, &info) == 0 || info.dli_fname == nullptr) {
         return _URC_NO_REASON;
     }
-    const std::string library = info.dli_fname;
-    if (library.rfind(paths::kModules, 0) != 0) {
-        return _URC_NO_REASON;
+    for (const FWUpdateSymbol& module : FWUpdateSymbolManager::getInstance()->modules()) {
+        // The registry loads a module by its resolved path.
+        const std::string file = paths::kModules + module.getLibName() + ".so";
+        const UniqueMemory<char> path(realpath(file.c_str(), nullptr));
+        if (path && std::strcmp(path.get(), info.dli_fname) == 0) {
+            *static_cast<std::string*>(found) = "the module " + module.getLibName();
+            return _URC_END_OF_STACK;
+        }
     }
-    const std::size_t name = std::strlen(paths::kModules);
-    *static_cast<std::string*>(found) =
-        "the module " + library.substr(name, library.rfind(".so") - name);
-    return _URC_END_OF_STACK;
+    return _URC_NO_REASON;
 }
 
 void say(const char* text)
