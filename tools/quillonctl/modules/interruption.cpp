@@ -44,6 +44,7 @@ constexpr const char* kHeld =
 // A plain bool for the registry's sake; each access is atomic, in the handlers as well.
 bool g_running = true;
 std::atomic<State> g_state{State::kOpen};
+std::atomic<State> g_afterUpdates{State::kOpen};
 std::atomic<bool> g_holdsOff{false};
 sem_t g_wake;  // posted by the first request while the process may end
 std::atomic<bool> g_hasWoken{false};
@@ -114,6 +115,12 @@ bool hasDefaultAction(int signal)
     return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_DFL;
 }
 
+bool isIgnored(int signal)
+{
+    struct sigaction action = {};
+    return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
 /// Those that end or stop a process unless they are caught, but for requests and what a crash
 /// raises.
 bool isWorthHoldingOff(int signal)
@@ -140,6 +147,9 @@ void endWhenTheMainThreadDoesNot(const std::function<void()>& abandon)
         if (change(State::kOpen, State::kAbandoning)) {
             abandon();
             endAtOnce(kExitInterrupted);
+        }
+        if (g_state.load() == State::kUpdating) {
+            g_hasWoken = false;
         }
     }
 }
@@ -176,7 +186,7 @@ void leaveSignalsToChild()
 void openWhenNoneUpdates()
 {
     if (g_updates.isAboutToBegin || g_updates.running > 0 ||
-        !change(State::kUpdating, State::kOpen)) {
+        !change(State::kUpdating, g_afterUpdates)) {
         return;
     }
     on(SIGINT, request);
@@ -186,10 +196,12 @@ void openWhenNoneUpdates()
 /// Takes those that all other threads have blocked.
 [[noreturn]] void takeRequests()
 {
-    const sigset_t signals = fromKeyboard();
+    sigset_t signals = fromKeyboard();
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGHUP);
     for (;;) {
         int signal = 0;
-        if (sigwait(&signals, &signal) == 0) {
+        if (sigwait(&signals, &signal) == 0 && (signal != SIGHUP || !isIgnored(SIGHUP))) {
             request(signal);
         }
     }
@@ -244,6 +256,7 @@ bool isInterrupted()
 
 void takeOverTheEnd()
 {
+    g_afterUpdates = State::kOwnEnd;
     if (!change(State::kOpen, State::kOwnEnd) && g_state.load() == State::kAbandoning) {
         waitForTheEnd();
     }

@@ -234,6 +234,7 @@ ExitCode ModuleVerbs::open(const std::string& name, FWUpdateSymbol*& module)
 
 ExitCode ModuleVerbs::list()
 {
+    watchForRequests();
     const ExitCode opened = open();
     if (opened != kExitSuccess) {
         return opened;
@@ -242,6 +243,7 @@ ExitCode ModuleVerbs::list()
     for (FWUpdateSymbol& module : manager().modules()) {
         entries.push_back(entryOf(module));
     }
+    takeOverTheEnd();
     report_.modules(entries);
     return kExitSuccess;
 }
@@ -267,13 +269,14 @@ ExitCode ModuleVerbs::checkInto(const ModuleSource& source, bool& running,
 
 ExitCode ModuleVerbs::check(const ModuleSource& source)
 {
+    bool& running = watchForRequests();
     const ExitCode opened = open();
     if (opened != kExitSuccess) {
         return opened;
     }
     source_ = &source;
     std::vector<ModuleCheck> checks;
-    const ExitCode checked = checkInto(source, watchForRequests(), checks);
+    const ExitCode checked = checkInto(source, running, checks);
     if (checked != kExitSuccess) {
         return checked;
     }
@@ -539,20 +542,25 @@ ExitCode ModuleVerbs::unlock()
 
 ExitCode ModuleVerbs::version(const std::string& name)
 {
+    watchForRequests();
     FWUpdateSymbol* module = nullptr;
     const ExitCode opened = open(name, module);
     if (opened != kExitSuccess) {
         return opened;
     }
     if (!runningVersion(*module)) {
+        takeOverTheEnd();
         return fail(kExitNoAnswer, "the module " + name + " does not tell its version");
     }
-    report_.version(entryOf(*module));
+    const ModuleEntry entry = entryOf(*module);
+    takeOverTheEnd();
+    report_.version(entry);
     return kExitSuccess;
 }
 
 ExitCode ModuleVerbs::progress(const std::string& name)
 {
+    watchForRequests();
     FWUpdateSymbol* module = nullptr;
     const ExitCode opened = open(name, module);
     if (opened != kExitSuccess) {
@@ -562,6 +570,7 @@ ExitCode ModuleVerbs::progress(const std::string& name)
     int result = -1;
     static_cast<void>(
         raisedBy([&] { result = manager().getFirmwareUpdateProgress(name, &percent); }));
+    takeOverTheEnd();
     if (result != 0) {
         return fail(kExitNoAnswer, "the module " + name + " does not tell its progress");
     }
@@ -571,6 +580,7 @@ ExitCode ModuleVerbs::progress(const std::string& name)
 
 ExitCode ModuleVerbs::download()
 {
+    watchForRequests();
     const ExitCode opened = open();
     if (opened != kExitSuccess) {
         return opened;
@@ -595,6 +605,7 @@ ExitCode ModuleVerbs::download()
         }
         code = downloads[i].downloaded ? code : kExitDownloadFailed;
     }
+    takeOverTheEnd();
     report_.downloaded(downloads, code);
     return code;
 }

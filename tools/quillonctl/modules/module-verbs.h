@@ -48,9 +48,9 @@ private:
     /// Tidies up before an end that comes from another thread than the one that goes on here.
     void abandon();
     [[noreturn]] void endBecauseOf(const std::string& who);
+    /// To be called before a module is loaded.
     bool& watchForRequests();
-    /// For updates: requests are watched for before a module is loaded, see
-    /// keepKeyboardFromModules().
+    /// For updates, see keepKeyboardFromModules().
     bool& watchForRequestsFirst();
     ExitCode interrupted();
     ExitCode prepareUpdates();
