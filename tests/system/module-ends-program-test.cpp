@@ -135,6 +135,19 @@ TEST_F(ModuleEndsProgram, ByACrashLeavesNothingLocked)
     EXPECT_EQ(json({"update", "alpha", "--source", "system"})["exitCode"], 0);
 }
 
+TEST_F(ModuleEndsProgram, ByACrashWithSignalsBlockedLeavesNothingLocked)
+{
+    if (QUILLON_SANITIZED != 0) {
+        GTEST_SKIP() << "a sanitizer takes this crash itself";
+    }
+    installGuided("alpha", "block-in-doUpdate fault-in-doUpdate");
+    BackgroundLayer layer({"modules", "update", "alpha", "--source", "system"});
+
+    EXPECT_EQ(layer.wait(), -SIGSEGV);
+    EXPECT_THAT(layer.output(), HasSubstr("a module has crashed in its update"));
+    EXPECT_EQ(semaphoreValue(), 1);
+}
+
 TEST_F(ModuleEndsProgram, ByAnOverflownStackLeavesNothingLocked)
 {
     if (QUILLON_SANITIZED != 0) {

@@ -6,7 +6,9 @@
 #include <unistd.h>
 #include <unwind.h>
 
+#include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
@@ -31,6 +33,7 @@ constexpr const char* kEnded = "\nquillonctl: a module has ended the program\n";
 constexpr unsigned int kSecondsToTell = 5;
 /// So many threads may exit at the same moment.
 constexpr int kExitsAtOnce = 8;
+constexpr std::array<int, 7> kCrashes = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGSYS, SIGTRAP};
 constexpr std::size_t kAlternateStackSize = 65536;
 
 std::function<void(const std::string&)> g_onEnd;
@@ -206,7 +209,7 @@ void watchForForeignEnd(std::function<void(const std::string& who)> onEnd)
         static_cast<void>(std::atexit(onExit));
         static_cast<void>(std::at_quick_exit(onForeignEnd));
     }
-    for (const int signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGSYS, SIGTRAP}) {
+    for (const int signal : kCrashes) {
         struct sigaction action = {};
         sigaction(signal, nullptr, &action);
         if (action.sa_handler != SIG_DFL) {
@@ -237,6 +240,20 @@ void endAtOnce(int code)
     }
 }
 
+int changeMask(int how, const sigset_t* signals, sigset_t* before)
+{
+    using Change = int (*)(int, const sigset_t*, sigset_t*);
+    static const auto change = reinterpret_cast<Change>(dlsym(RTLD_NEXT, "pthread_sigmask"));
+    if (signals == nullptr || how == SIG_UNBLOCK) {
+        return change(how, signals, before);
+    }
+    sigset_t bearable = *signals;
+    for (const int signal : kCrashes) {
+        sigdelset(&bearable, signal);
+    }
+    return change(how, &bearable, before);
+}
+
 void bearStackOverflow()
 {
     thread_local const AlternateStack stack;
@@ -252,6 +269,23 @@ __attribute__((used, visibility("default"))) void _exit(int code)
 {
     quillon::onForeignEnd();
     quillon::endAtOnce(quillon::codeOfEnd(code));
+}
+
+// A crash whose signal is blocked would end the program unnoticed.
+__attribute__((used, visibility("default"))) int pthread_sigmask(int how, const sigset_t* signals,
+                                                                 sigset_t* before) noexcept
+{
+    return quillon::changeMask(how, signals, before);
+}
+
+__attribute__((used, visibility("default"))) int sigprocmask(int how, const sigset_t* signals,
+                                                             sigset_t* before) noexcept
+{
+    const int error = quillon::changeMask(how, signals, before);
+    if (error != 0) {
+        errno = error;
+    }
+    return error == 0 ? 0 : -1;
 }
 
 __attribute__((used, visibility("default"))) void _Exit(int code) noexcept
