@@ -82,7 +82,7 @@ private:
     bool tryFor(std::chrono::milliseconds time);
 
     std::unique_ptr<SlotLocks> locks_;
-    sem_t* semaphore_ = nullptr;
+    std::atomic<sem_t*> semaphore_{nullptr};  // every sem_wait of the program looks at it
     pid_t process_ = 0;
     std::atomic<bool> held_{false};
     std::atomic<int> updatesBegun_{0};
