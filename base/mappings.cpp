@@ -22,9 +22,9 @@ bool isOfFile(const std::string& line, const struct stat& file)
 {
     unsigned int major = 0;
     unsigned int minor = 0;
-    unsigned long inode = 0;
+    unsigned long long inode = 0;
     // NOLINTNEXTLINE(cert-err34-c): the kernel writes these numbers
-    return std::sscanf(line.c_str(), "%*s %*s %*s %x:%x %lu", &major, &minor, &inode) == 3 &&
+    return std::sscanf(line.c_str(), "%*s %*s %*s %x:%x %llu", &major, &minor, &inode) == 3 &&
            inode == file.st_ino && makedev(major, minor) == file.st_dev;
 }
 

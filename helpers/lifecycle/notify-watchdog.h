@@ -3,8 +3,8 @@
 
 namespace quillon::unit {
 
-/// Sends WATCHDOG=1 to the service manager, where one listens (NOTIFY_SOCKET). Ignores failures.
-/// Our own few lines, since this program is also built for devices without libsystemd.
+/// Sends WATCHDOG=1 to the service manager that NOTIFY_SOCKET names. Ignores failures. Does without
+/// libsystemd, since this program is also built for devices that have none.
 /// Source: sd_notify(3), "Notes". Never throws.
 void notifyWatchdog();
 

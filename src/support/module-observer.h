@@ -14,8 +14,8 @@ enum class ModuleEvent {
     kChecking,  ///< the module is about to be asked whether it needs an update
     kDecided,   ///< result: the need value, or -1
     kStarted,   ///< its update begins; told on the thread that updates
-    kEnded,     ///< result of the update; told on the same thread, before anybody waits no longer
-    kLate       ///< the guard has given up; kEnded may have come, or come later
+    kEnded,     ///< result of the update; told on the same thread, before the guard learns it
+    kLate       ///< the guard has stopped waiting; kEnded may come before or after this
 };
 
 /// Why a result is what it is.
@@ -59,7 +59,8 @@ struct ModuleNews
     std::string detail;  ///< empty where nothing else is said
 };
 
-/// Whatever is told must be taken in without an exception and without calling the registry.
+/// hear() is called on the thread that checks or updates. It must not throw, and must not call the
+/// registry.
 class ModuleObserver
 {
 public:
@@ -69,8 +70,8 @@ protected:
     ~ModuleObserver() = default;
 };
 
-/// Null, as at first, for nobody. Has to be set before the modules are loaded, and to live for as
-/// long as any of them is updated.
+/// The observer, or null for none. Set it before the modules are loaded. It must outlive every
+/// update.
 inline std::atomic<ModuleObserver*> moduleObserver{nullptr};
 
 /// What this thread has last found wrong with a module.

@@ -106,14 +106,6 @@ bool change(End from, End to)
     return g_end.compare_exchange_strong(from, to);
 }
 
-/// Another thread ends the process, by endSoon() at the latest.
-[[noreturn]] void waitForTheEnd()
-{
-    for (;;) {
-        pause();
-    }
-}
-
 void onForeignEnd()
 {
     if (getpid() != g_process || g_end == End::kOurs) {
@@ -161,6 +153,21 @@ void onCrash(int signal, siginfo_t* info, void* /*context*/)
     usual.sa_handler = SIG_DFL;
     sigaction(signal, &usual, nullptr);
     static_cast<void>(raise(signal));
+}
+
+/// Changes the thread's signal mask as pthread_sigmask does, but blocks no signal of a crash.
+int changeMask(int how, const sigset_t* signals, sigset_t* before)
+{
+    using Change = int (*)(int, const sigset_t*, sigset_t*);
+    static const auto change = reinterpret_cast<Change>(dlsym(RTLD_NEXT, "pthread_sigmask"));
+    if (signals == nullptr || how == SIG_UNBLOCK) {
+        return change(how, signals, before);
+    }
+    sigset_t bearable = *signals;
+    for (const int signal : kCrashes) {
+        sigdelset(&bearable, signal);
+    }
+    return change(how, &bearable, before);
 }
 
 /// Another one, as a sanitizer's, stays.
@@ -233,25 +240,18 @@ void endIsOurs(int code)
     }
 }
 
+void waitForTheEnd()
+{
+    for (;;) {
+        pause();
+    }
+}
+
 void endAtOnce(int code)
 {
     for (;;) {
         syscall(SYS_exit_group, code);
     }
-}
-
-int changeMask(int how, const sigset_t* signals, sigset_t* before)
-{
-    using Change = int (*)(int, const sigset_t*, sigset_t*);
-    static const auto change = reinterpret_cast<Change>(dlsym(RTLD_NEXT, "pthread_sigmask"));
-    if (signals == nullptr || how == SIG_UNBLOCK) {
-        return change(how, signals, before);
-    }
-    sigset_t bearable = *signals;
-    for (const int signal : kCrashes) {
-        sigdelset(&bearable, signal);
-    }
-    return change(how, &bearable, before);
 }
 
 void bearStackOverflow()

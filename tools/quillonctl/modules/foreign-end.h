@@ -2,8 +2,6 @@
 #ifndef QUILLON_QUILLONCTL_FOREIGN_END_H
 #define QUILLON_QUILLONCTL_FOREIGN_END_H
 
-#include <signal.h>
-
 #include <functional>
 #include <string>
 
@@ -23,11 +21,11 @@ void watchForForeignEnd(std::function<void(const std::string& who)> onEnd);
 /// ends with that code five seconds later. Does not return when a module is ending it already.
 void endIsOurs(int code);
 
+/// Keeps the calling thread until another one ends the process.
+[[noreturn]] void waitForTheEnd();
+
 /// Ends the process as the system's _exit() does. Safe in a signal handler.
 [[noreturn]] void endAtOnce(int code);
-
-/// Changes the thread's signal mask as pthread_sigmask does, but blocks no signal of a crash.
-int changeMask(int how, const sigset_t* signals, sigset_t* before);
 
 /// A crash of this thread is noticed also when its stack is used up. To be called on it.
 void bearStackOverflow();

@@ -63,13 +63,6 @@ struct Updates
 };
 Updates g_updates;
 
-[[noreturn]] void waitForTheEnd()
-{
-    for (;;) {
-        pause();
-    }
-}
-
 void holdOff(int /*signal*/)
 {
 }

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <exception>
 #include <optional>
 #include <set>
 #include <sstream>
@@ -20,9 +19,9 @@ namespace quillon {
 namespace {
 
 /// What kept a module without a mark from needing an update.
-void explain(FWUpdateSymbol& module, const ModuleSource& source, ModuleCheck& check)
+void explain(FWUpdateSymbol& module, const ModuleSource& source, const ModuleFinding& finding,
+             ModuleCheck& check)
 {
-    const ModuleFinding finding = ModuleEvents::instance().check(check.name);
     check.reason = phraseOf(finding);
     switch (finding.reason) {
         case ModuleReason::kUpToDate:
@@ -101,15 +100,8 @@ bool isListWhole(int count)
 void checkOne(FWUpdateSymbol& module, const ModuleSource& source)
 {
     char noText[] = "";
-    int need = -1;
     tell(ModuleEvent::kChecking, module);
-    try {
-        need = module.isNeedUpdate(source.caller, noText);
-    } catch (const std::exception& error) {
-        blame(ModuleReason::kException, error.what());
-    } catch (...) {
-        blame(ModuleReason::kException);
-    }
+    const int need = resultOf([&] { return module.isNeedUpdate(source.caller, noText); });
     tell(ModuleEvent::kDecided, module, need);
 }
 
@@ -140,19 +132,20 @@ ModuleCheck describeCheck(FWUpdateSymbol& module, const ModuleSource& source)
         return check;
     }
     check.running = runningVersion(module).value_or("");
+    const ModuleFinding finding = ModuleEvents::instance().check(check.name);
     if (kind == ModuleKind::kProcess) {
         check.decision = Decision::kByNameOnly;
         check.reason = "process module";
-    } else if (ModuleEvents::instance().check(check.name).reason == ModuleReason::kException) {
+    } else if (finding.reason == ModuleReason::kException) {
         check.decision = Decision::kUnsound;
-        check.reason = phraseOf(ModuleEvents::instance().check(check.name));
+        check.reason = phraseOf(finding);
     } else if (module.getNeedUpdate()) {
         check.decision = Decision::kNeeded;
         check.offered = module.getInformation().version;
         // The registry keeps it in an int, but has no sign for it.
         check.seconds = static_cast<std::uint32_t>(module.getExpectedUpdateTime());
     } else {
-        explain(module, source, check);
+        explain(module, source, finding, check);
     }
     return check;
 }

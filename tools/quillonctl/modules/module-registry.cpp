@@ -10,24 +10,12 @@ namespace {
 
 using Text = std::array<char, FW_PLUGIN_TEXT_SIZE + 1>;
 
-void loadOne(FWUpdateSymbol& module)
-{
-    int result = -1;
-    try {
-        result = module.loadSymbol(module.getLibName());
-    } catch (const std::exception& error) {
-        blame(ModuleReason::kException, error.what());
-    } catch (...) {
-        blame(ModuleReason::kException);
-    }
-    tell(ModuleEvent::kLoaded, module, result);
-}
-
 void loadTheRest(FWUpdateSymbolManager& manager)
 {
     for (FWUpdateSymbol& module : manager.modules()) {
         if (kindOf(module) == ModuleKind::kUnusable) {
-            loadOne(module);
+            const int result = resultOf([&] { return module.loadSymbol(module.getLibName()); });
+            tell(ModuleEvent::kLoaded, module, result);
         }
     }
 }

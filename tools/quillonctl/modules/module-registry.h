@@ -7,6 +7,7 @@
 #include <string>
 
 #include "src/src/fw-update-symbol-manager.h"
+#include "src/support/module-observer.h"
 
 namespace quillon {
 
@@ -45,6 +46,20 @@ std::string raisedBy(Call call)
         return std::string("an exception was raised: ") + error.what();
     } catch (...) {
         return "an exception was raised";
+    }
+}
+
+/// Makes a call to a module that returns its result. An exception counts as -1, and its text is
+/// noted as the reason for what the observer is told next.
+template <typename Call>
+int resultOf(Call call)
+{
+    try {
+        return call();
+    } catch (const std::exception& error) {
+        return because(ModuleReason::kException, error.what());
+    } catch (...) {
+        return because(ModuleReason::kException);
     }
 }
 
