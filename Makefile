@@ -44,7 +44,7 @@ lint:
 	@cmake --preset dev -G Ninja $(CMAKE_ARGS) >/dev/null
 	@.ci/lint $(BUILD)
 
-PRODUCTS := src/all platform/all client/all tools/all examples/modules/all
+PRODUCTS := src/all platform/all helpers/all client/all tools/all examples/modules/all
 # check-all empties these two, and has everything built and run.
 CROSS_TESTS ?= machine
 TSAN_TESTS ?= thread
