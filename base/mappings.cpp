@@ -30,10 +30,10 @@ bool isOfFile(const std::string& line, const struct stat& file)
 
 /// @return nothing when the thread has no memory any more, or never had: it has ended, or is one of
 ///         the kernel's. That tells nothing about the other threads of its process.
-std::optional<Mapping> mappingOfThread(const fs::path& folder, const struct stat& file)
+std::optional<Mapping> mappingOfThread(const fs::path& directory, const struct stat& file)
 {
     errno = 0;
-    std::ifstream maps(folder / "maps");
+    std::ifstream maps(directory / "maps");
     if (!maps) {
         const bool hasEnded = errno == ENOENT || errno == ESRCH;
         return hasEnded ? std::nullopt : std::optional(Mapping::kHidden);

@@ -131,8 +131,8 @@ int FilterProgram::start()
     }
     posix_spawn_file_actions_adddup2(&actions, complaints.theirs.get(), STDERR_FILENO);
     posix_spawn_file_actions_addclosefrom_np(&actions, kFirstAboveStandard);
-    if (!call_.folder.empty()) {
-        posix_spawn_file_actions_addchdir_np(&actions, call_.folder.c_str());
+    if (!call_.directory.empty()) {
+        posix_spawn_file_actions_addchdir_np(&actions, call_.directory.c_str());
     }
 
     sigset_t signals;

@@ -17,7 +17,7 @@ struct ProgramCall
     std::string path;                      ///< of the program, absolute
     std::vector<std::string> words;        ///< the name that it goes by, then its arguments
     std::vector<std::string> environment;  ///< all of it, each "NAME=VALUE"
-    std::string folder = {};               ///< its working directory; empty: this process's own
+    std::string directory = {};            ///< its working directory; empty: this process's own
 
     /// Most bytes that it may write to its standard output; without, that is /dev/null.
     std::optional<std::size_t> outputLimit;

@@ -11,7 +11,7 @@
 
 namespace quillon {
 
-bool makeFolders(const std::string& path, mode_t mode)
+bool makeDirectories(const std::string& path, mode_t mode)
 {
     for (std::size_t at = path.find('/', 1); at != std::string::npos; at = path.find('/', at + 1)) {
         if (mkdir(path.substr(0, at).c_str(), 0755) != 0 && errno != EEXIST) {
@@ -38,17 +38,17 @@ bool writeAll(int fd, const void* data, std::size_t size)
     return true;
 }
 
-bool syncFolder(const std::string& folder)
+bool syncDirectory(const std::string& directory)
 {
-    const UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return fd && fsync(fd.get()) == 0;
 }
 
-bool replaceFile(const std::string& folder, const std::string& name, const SecretBytes& bytes,
+bool replaceFile(const std::string& directory, const std::string& name, const SecretBytes& bytes,
                  mode_t mode)
 {
-    const std::string target = folder + "/" + name;
-    std::string temporary = folder + "/." + name + ".XXXXXX";
+    const std::string target = directory + "/" + name;
+    std::string temporary = directory + "/." + name + ".XXXXXX";
     const UniqueFd fd(mkostemp(temporary.data(), O_CLOEXEC));  // mode 0600
     if (!fd) {
         return false;
@@ -60,7 +60,7 @@ bool replaceFile(const std::string& folder, const std::string& name, const Secre
         errno = reason;
         return false;
     }
-    return syncFolder(folder);
+    return syncDirectory(directory);
 }
 
 }  // namespace quillon

@@ -62,8 +62,8 @@ def measure_footprint(options: argparse.Namespace) -> int:
 
 def build_commit(commit: str) -> str:
     """Builds another commit with this very bench. Its sources and build are kept in build/compare/, so that comparing
-    with it again is quick. Returns its build folder."""
-    found = device.run("git", "log", "-1", "--format=%H %h %s", commit, folder=str(SOURCES)).stdout
+    with it again is quick. Returns its build directory."""
+    found = device.run("git", "log", "-1", "--format=%H %h %s", commit, directory=str(SOURCES)).stdout
     name, title = found.strip().split(" ", 1)
     place = SOURCES / "build/compare" / name
     (place / "sources").mkdir(parents=True, exist_ok=True)
@@ -156,7 +156,7 @@ def main() -> int:
     add("--commit", help="compare with this commit instead, built with this very bench")
     add("--json", help="also write all figures to this file, as JSON")
     add("--svg", help="also draw the charts into this file")
-    add("--publish", help="also put tables and charts into performance.md and performance.svg in this folder, unless "
+    add("--publish", help="put tables and charts into performance.md and performance.svg in this directory, unless "
         "they are quick or partial ones")
     add("--check", action="store_true", help="exit with 3 when a goal is missed")
     add = verb("gate", hold_counts)

@@ -48,11 +48,11 @@ def boot() -> None:
     key.chmod(0o600)
 
 def module_name(number: int) -> str:
-    """The name of a module in the plug-in folder, which begins with number 1."""
+    """The name of a module in the plug-in directory, which begins with number 1."""
     return f"module{number:04d}"
 
 def install_modules(module: str, count: int) -> None:
-    """Fills the plug-in folder with copies of one module, and nothing else."""
+    """Fills the plug-in directory with copies of one module, and nothing else."""
     require_device()
     for entry in os.listdir(MODULES):
         os.unlink(f"{MODULES}/{entry}")
@@ -76,17 +76,17 @@ def variable(name: str, value: object) -> Iterator[None]:
     finally:
         del os.environ[name]
 
-def run(*command: str, folder: Optional[str] = None) -> subprocess.CompletedProcess:
+def run(*command: str, directory: Optional[str] = None) -> subprocess.CompletedProcess:
     """Runs a program to its end. When that is a failure, the end of what it said is the error."""
-    done = subprocess.run(command, cwd=folder, stdin=subprocess.DEVNULL, text=True, capture_output=True, check=False)
+    done = subprocess.run(command, cwd=directory, stdin=subprocess.DEVNULL, text=True, capture_output=True, check=False)
     if done.returncode != 0:
         raise BenchError(f"{command[0]} failed: {(done.stdout + done.stderr)[-1000:]}")
     return done
 
-def run_until_it_says(command: list[str], folder: str, text: str) -> Taken:
+def run_until_it_says(command: list[str], directory: str, text: str) -> Taken:
     """Runs a program to any end. The wall time ends when it says so; the processor's is also its children's."""
     started, said, wall = time.monotonic(), "", 0.0
-    with subprocess.Popen(command, cwd=folder, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+    with subprocess.Popen(command, cwd=directory, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                           stderr=subprocess.DEVNULL) as process:
         while part := os.read(process.stdout.fileno(), 4096):
             said += part.decode(errors="replace")
@@ -217,9 +217,9 @@ class Service(Started):
             raise BenchError(f"command {command} of the service ends with {result}")
         return Taken(time.monotonic() - started, self.cpu_seconds() - cpu)
 
-    def use_stick(self, folder: str) -> None:
+    def use_stick(self, directory: str) -> None:
         """Names the stick of all that follows: ends in "/", in a service's life no shorter than those before."""
-        self._taken(PATH, path=folder)
+        self._taken(PATH, path=directory)
 
     def estimate(self) -> Taken:
         """Asks for the expected duration: every image is verified, deciphered and asked about."""

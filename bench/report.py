@@ -59,7 +59,7 @@ class Row:
         return asdict(self) | {"met": met}
 
 def toolchain(build: str) -> dict[str, str]:
-    """What the build folder was built with: compiler, build type and libraries."""
+    """What the build directory was built with: compiler, build type and libraries."""
     return json.loads(pathlib.Path(build, "bench/toolchain.json").read_text())
 
 def machine(build: str) -> str:

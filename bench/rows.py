@@ -170,7 +170,7 @@ def measure_updates(plan: Plan, _: dict) -> list[Row]:
                 return rows
             large, tiny = workshop.payload(size), workshop.payload(64 * 1024)
             verified, direct, start = (
-                Swupdate(payload, f"{workshop.folder}/swupdate-{name}", while_reading=name == "direct")
+                Swupdate(payload, f"{workshop.directory}/swupdate-{name}", while_reading=name == "direct")
                 for name, payload in (("verified", large), ("direct", large), ("start", tiny)))
             runs = in_turns(plan.long_rounds, lambda: updating("ours"), lambda: verified.install(2 * size),
                             lambda: direct.install(2 * size), lambda: start.install(2 * size))

@@ -17,29 +17,29 @@ SWUPDATE_KEY, SWUPDATE_IV = "00112233445566778899aabbccddeeff" * 2, "01020304050
 SWUPDATE_TARGET = "/opt/media/swupdate-target"  # in memory, as the target of our service
 
 class Workshop:
-    """Makes images within a virtual device, in a folder of its own in the build folder, removed at the end of its
-    `with` block. That is on a disk's file system as a rule: a device's own folders are in memory, where reading a
+    """Makes images within a virtual device, in a directory below the build directory that the end of the `with` block
+    removes. That is on a disk's file system as a rule: a device's own directories are in memory, where reading a
     file is slower than reading one that a disk's file system has cached."""
 
     def __init__(self, build: str) -> None:
         device.require_device()
-        self.build, self.folder = build, tempfile.mkdtemp(prefix="data-", dir=build + "/bench")
-        pathlib.Path(self.folder, "image-key.bin").write_text(device.IMAGE_KEY)
-        run(build + "/bin/quillon-image", "keygen", self.folder + "/keys")
+        self.build, self.directory = build, tempfile.mkdtemp(prefix="data-", dir=build + "/bench")
+        pathlib.Path(self.directory, "image-key.bin").write_text(device.IMAGE_KEY)
+        run(build + "/bin/quillon-image", "keygen", self.directory + "/keys")
         trusted = pathlib.Path("/etc/quillon/trusted-keys/bench.pem")
         trusted.parent.mkdir(parents=True, exist_ok=True)
-        shutil.copyfile(self.folder + "/keys/signing-key.pub.pem", trusted)
+        shutil.copyfile(self.directory + "/keys/signing-key.pub.pem", trusted)
 
     def __enter__(self) -> "Workshop":
         return self
 
     def __exit__(self, *_) -> None:
         self.install("none")
-        shutil.rmtree(self.folder, ignore_errors=True)
+        shutil.rmtree(self.directory, ignore_errors=True)
 
     def stick(self, number: int) -> str:
         """An empty stick, 1 to 9. Returns "/opt/media/USBDriveA1/" and so on, which leads to us."""
-        ours, place = f"{self.folder}/USBDriveA{number}", f"/opt/media/USBDriveA{number}"
+        ours, place = f"{self.directory}/USBDriveA{number}", f"/opt/media/USBDriveA{number}"
         shutil.rmtree(ours, ignore_errors=True)
         os.mkdir(ours)
         pathlib.Path(place).unlink(missing_ok=True)
@@ -48,7 +48,7 @@ class Workshop:
 
     def payload(self, size: int) -> str:
         """A file of bytes that no compression helps with, the same ones each time."""
-        path = f"{self.folder}/payload-{size}"
+        path = f"{self.directory}/payload-{size}"
         if not os.path.exists(path):
             numbers = random.Random(20090514)
             with open(path, "wb") as file:
@@ -60,7 +60,7 @@ class Workshop:
         """Puts a signed, enciphered image of so many bytes for a module onto a stick."""
         image = f"{stick}{device.module_name(module)}.bin"
         run(self.build + "/bin/quillon-image", "build", "--version", "2.0", "--payload", self.payload(size), "--key",
-            self.folder + "/image-key.bin", "--sign", self.folder + "/keys/signing-key.pem", "--module",
+            self.directory + "/image-key.bin", "--sign", self.directory + "/keys/signing-key.pem", "--module",
             device.module_name(module), "--stick", stick)
         run("sync", image)  # nothing is left for the disk to do later
         return image
@@ -79,21 +79,21 @@ class Workshop:
             pathlib.Path(VERIFIER).write_bytes(library)
 
 class SlowMedium:
-    """A folder shown at another place as if it lay on a slow stick, until the end of the `with` block: so many bytes
+    """A directory shown at another place as if it lay on a slow stick, until the end of the `with` block: so many bytes
     a second, one request after the other. What has been read once is in the page cache, as with a real stick."""
 
-    def __init__(self, folder: str, place: str, bytes_per_second: float) -> None:
+    def __init__(self, directory: str, place: str, bytes_per_second: float) -> None:
         self.place, self._speed, self._bytes = place, bytes_per_second, mmap.mmap(-1, 8)
         os.makedirs(place, exist_ok=True)
         self._process = os.fork()
         if self._process == 0:
             try:
-                self._show(folder)
+                self._show(directory)
             finally:
                 os._exit(1)
         while not os.path.ismount(place):
             if os.waitpid(self._process, os.WNOHANG)[0]:
-                raise BenchError(f"{folder} cannot be mounted at {place}")
+                raise BenchError(f"{directory} cannot be mounted at {place}")
             time.sleep(0.01)
 
     def __enter__(self) -> "SlowMedium":
@@ -111,7 +111,7 @@ class SlowMedium:
         """The seconds that it was busy with what was read from it, and not from the page cache."""
         return int.from_bytes(self._bytes[:], "little") / self._speed
 
-    def _show(self, folder: str) -> None:
+    def _show(self, directory: str) -> None:
         import fusepy
         speed, count, free_at, total = self._speed, self._bytes, 0.0, 0
 
@@ -119,14 +119,14 @@ class SlowMedium:
             use_ns = True
 
             def getattr(self, path, fh=None):
-                status = os.lstat(folder + path)
+                status = os.lstat(directory + path)
                 return {name: getattr(status, name) for name in ("st_mode", "st_nlink", "st_size")}
 
             def readdir(self, path, fh):
-                return [".", "..", *os.listdir(folder + path)]
+                return [".", "..", *os.listdir(directory + path)]
 
             def open(self, path, flags):
-                return os.open(folder + path, os.O_RDONLY)
+                return os.open(directory + path, os.O_RDONLY)
 
             def read(self, path, size, offset, fh):
                 nonlocal free_at, total
@@ -147,27 +147,27 @@ class Swupdate:
     AES-256-CBC and writes a raw image into a file. Its image is a cpio archive of a description, the description's
     CMS signature and the enciphered payload, whose SHA-256 the description tells."""
 
-    def __init__(self, payload: str, folder: str, while_reading: bool) -> None:
-        """Makes an image in a folder of its own. While reading: a wrong image shows when it has been written; else the
+    def __init__(self, payload: str, directory: str, while_reading: bool) -> None:
+        """Makes an image in its own directory. While reading: a wrong image shows when it has been written; else the
         target gets its first byte, as with our service, after all of the image has been verified."""
-        self.payload, self.folder = payload, folder
-        os.makedirs(folder, exist_ok=True)
-        pathlib.Path(folder, "aes.key").write_text(f"{SWUPDATE_KEY} {SWUPDATE_IV}\n")
+        self.payload, self.directory = payload, directory
+        os.makedirs(directory, exist_ok=True)
+        pathlib.Path(directory, "aes.key").write_text(f"{SWUPDATE_KEY} {SWUPDATE_IV}\n")
         self._run("openssl req -x509 -newkey rsa:4096 -nodes -keyout sign.key -out sign.crt -subj /CN=bench -days 3650"
                   " -addext keyUsage=digitalSignature -addext extendedKeyUsage=emailProtection")
         self._run(f"openssl enc -aes-256-cbc -K {SWUPDATE_KEY} -iv {SWUPDATE_IV} -out image.enc -in", payload)
         sha256 = self._run("sha256sum image.enc").split()[0]
-        pathlib.Path(folder, "sw-description").write_text(
+        pathlib.Path(directory, "sw-description").write_text(
             'software = { version = "1.0"; hardware-compatibility: [ "1.0" ]; images: ({ filename = "image.enc";'
             f' type = "raw"; device = "{SWUPDATE_TARGET}"; encrypted = true; ivt = "{SWUPDATE_IV}";'
             f' sha256 = "{sha256}"; installed-directly = {str(while_reading).lower()}; }}); }}\n')
         self._run("openssl cms -sign -in sw-description -out sw-description.sig -signer sign.crt -inkey sign.key"
                   " -outform DER -nosmimecap -binary")
         run("sh", "-c", "printf '%s\\n' sw-description sw-description.sig image.enc |"
-            " cpio --quiet -o -H crc > update.swu && rm image.enc && sync update.swu", folder=folder)
+            " cpio --quiet -o -H crc > update.swu && rm image.enc && sync update.swu", directory=directory)
 
     def _run(self, command: str, *more: str) -> str:
-        return run(*command.split(), *more, folder=self.folder).stdout
+        return run(*command.split(), *more, directory=self.directory).stdout
 
     @staticmethod
     def is_installed() -> bool:
@@ -180,6 +180,6 @@ class Swupdate:
         pathlib.Path(SWUPDATE_TARGET).write_bytes(b"")  # it writes into what is there
         device.warm_memory(warm)
         command = "swupdate -k sign.crt -K aes.key -H bench:1.0 -l 1 -i update.swu".split()
-        taken = device.run_until_it_says(command, self.folder, "SWUPDATE successful")
+        taken = device.run_until_it_says(command, self.directory, "SWUPDATE successful")
         run("cmp", SWUPDATE_TARGET, self.payload)
         return taken

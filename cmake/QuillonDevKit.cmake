@@ -1,5 +1,5 @@
 # The development kit (component dev): what module makers and client authors compile against. Its
-# headers lie below one folder, so that their short names cannot meet anybody else's.
+# headers lie below one directory, so that their short names cannot meet anybody else's.
 
 include(CMakePackageConfigHelpers)
 

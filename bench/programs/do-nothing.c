@@ -1,6 +1,6 @@
 /* The floor under the service: a process that is linked with the same libraries, says READY=1 and
-   waits. With a folder as its argument it first opens the modules in it and looks their entries up,
-   as whoever loads modules has to. */
+   waits. With a directory as its argument it first opens the modules in it and looks their entries
+   up, as whoever loads modules has to. */
 #define _GNU_SOURCE
 #include <dirent.h>
 #include <dlfcn.h>
@@ -27,13 +27,13 @@ static int isModule(const char* path)
     return isComplete;
 }
 
-static int openModulesIn(const char* folder)
+static int openModulesIn(const char* directory)
 {
-    DIR* entries = opendir(folder);
+    DIR* entries = opendir(directory);
     int allOpen = entries != NULL;
     for (struct dirent* entry; allOpen && (entry = readdir(entries)) != NULL;) {
         char path[4096];
-        (void)snprintf(path, sizeof path, "%s/%s", folder, entry->d_name);
+        (void)snprintf(path, sizeof path, "%s/%s", directory, entry->d_name);
         allOpen = entry->d_name[0] == '.' || isModule(path);
     }
     return allOpen && closedir(entries) == 0;

@@ -1,5 +1,5 @@
 // Runs the hot path that its argument names, to be counted: under callgrind its instructions, and
-// here its allocations, which it prints. Works within a virtual device whose plug-in folder and
+// here its allocations, which it prints. Works within a virtual device whose plug-in directory and
 // stick have been filled, with an image of 1 MiB for the first module and one of 64 KiB for the
 // second. Without an argument it prints the names.
 #include <sys/stat.h>

@@ -59,7 +59,7 @@ class Floor(unittest.TestCase):
         maps = pathlib.Path("/proc/self/maps").read_text()  # with all of bench
         self.assertLessEqual({name for name in service if "/" + name in maps}, {"libc.so.6", "libgcc_s.so.1"})
 
-    def test_opens_the_modules_of_the_folder_that_it_is_given(self):
+    def test_opens_the_modules_of_the_directory_that_it_is_given(self):
         device.install_modules(TINY, 2)
         with Started(DO_NOTHING, device.MODULES) as process:
             process.wait_until_ready()
@@ -91,7 +91,7 @@ class DrivenService(unittest.TestCase):
         return service
 
     def test_updates_into_the_file_that_its_module_is_told_as_fast_as_that_takes_it(self):
-        target = self.workshop.folder + "/target"
+        target = self.workshop.directory + "/target"
         with variable("QUILLON_BENCH_TARGET", target), variable("QUILLON_BENCH_FLASH", 1000000):
             service = self.service()
         self.assertGreaterEqual(service.update().wall, 0.2)
@@ -130,7 +130,7 @@ class DrivenService(unittest.TestCase):
     @unittest.skipUnless(Swupdate.is_installed(), "swupdate or cpio is not installed")
     def test_stands_beside_swupdate(self):
         for while_reading in (False, True):
-            image = Swupdate(self.workshop.payload(100001), self.workshop.folder + "/s", while_reading)
+            image = Swupdate(self.workshop.payload(100001), self.workshop.directory + "/s", while_reading)
             self.assertGreater(image.install(100).cpu, 0)
 
     @unittest.skipUnless(SlowMedium.is_possible(), "no python3-fusepy or no FUSE")

@@ -94,9 +94,9 @@ class Documents(unittest.TestCase):
         begin, end = "<!-- figures: begin (make bench writes them) -->\n", "<!-- figures: end -->\n"
         for text in ("text\n", begin, end + begin):
             self.assertRaises(BenchError, report.with_figures, text, "make bench", "new\n")
-        with tempfile.TemporaryDirectory() as folder:
-            pathlib.Path(folder, "performance.md").write_text("no markers")
-            done = subprocess.run([str(BENCH / "bench.py"), "speed", "--publish", folder, "--build", folder],
+        with tempfile.TemporaryDirectory() as directory:
+            pathlib.Path(directory, "performance.md").write_text("no markers")
+            done = subprocess.run([str(BENCH / "bench.py"), "speed", "--publish", directory, "--build", directory],
                                   text=True, capture_output=True, check=False)
         self.assertEqual(done.returncode, bench.FAILED)
         self.assertIn("the document has no lines", done.stderr)
@@ -112,14 +112,14 @@ class Charts(unittest.TestCase):
         self.assertEqual([list(chart.lines.values()) for chart in report.charts_of(results)], [
             [[(16, 10), (64, 40)], [(16, 15), (64, 60)], [(16, 10)]], [[(1, 6)], [(1, 5)], [(1, 8.5)]],
             [[(1, 0.01)], [], []]])
-        with tempfile.TemporaryDirectory() as folder:
-            os.environ["MPLCONFIGDIR"] = folder
+        with tempfile.TemporaryDirectory() as directory:
+            os.environ["MPLCONFIGDIR"] = directory
             try:
-                report.draw(results, folder + "/1.svg")
+                report.draw(results, directory + "/1.svg")
             except ImportError:
                 self.skipTest("python3-matplotlib is not installed")
-            report.draw(results, folder + "/2.svg")
-            first, second = (pathlib.Path(folder, name).read_text() for name in ("1.svg", "2.svg"))
+            report.draw(results, directory + "/2.svg")
+            first, second = (pathlib.Path(directory, name).read_text() for name in ("1.svg", "2.svg"))
         self.assertEqual(first, second)
         self.assertIn("limit: that × 1.3 + 2 ms", first)
 

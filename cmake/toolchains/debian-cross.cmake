@@ -1,4 +1,4 @@
-# What the toolchain files share: Debian's cross compiler, the libraries of a folder that
+# What the toolchain files share: Debian's cross compiler, the libraries of a directory that
 # packaging/make-sysroot has filled, and QEMU's user emulation for programs that run on the way.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_C_COMPILER ${QUILLON_TRIPLET}-gcc)

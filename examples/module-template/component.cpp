@@ -11,8 +11,8 @@
 namespace lamp {
 namespace {
 
-constexpr char kFirmware[] = LAMP_FOLDER "/firmware.bin";
-constexpr char kVersion[] = LAMP_FOLDER "/version";
+constexpr char kFirmware[] = LAMP_DIRECTORY "/firmware.bin";
+constexpr char kVersion[] = LAMP_DIRECTORY "/version";
 
 std::atomic<unsigned int> percent{0};
 
@@ -44,8 +44,9 @@ void readVersion(char* text, std::size_t size)
 bool install(const unsigned char* firmware, std::size_t length, const char* version)
 {
     percent = 0;
-    std::error_code ignored;  // what is wrong with the folder shows when the file in it is opened
-    std::filesystem::create_directories(LAMP_FOLDER, ignored);
+    std::error_code
+        ignored;  // what is wrong with the directory shows when the file in it is opened
+    std::filesystem::create_directories(LAMP_DIRECTORY, ignored);
     if (!writeFile(kFirmware, firmware, length)) {
         return false;
     }

@@ -4,8 +4,8 @@
 #include <cstddef>
 
 /// Where the two files lie that stand for the component: the service may write there.
-#ifndef LAMP_FOLDER
-#define LAMP_FOLDER "/var/lib/quillon/modules/lamp"
+#ifndef LAMP_DIRECTORY
+#define LAMP_DIRECTORY "/var/lib/quillon/modules/lamp"
 #endif
 
 namespace lamp {

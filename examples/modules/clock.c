@@ -147,9 +147,9 @@ static bool replaceFile(const char* path, const char* part, const unsigned char*
     return closed && rename(part, path) == 0;
 }
 
-static void makeFolders(void)
+static void makeDirectories(void)
 {
-    /* What is really wrong with a folder shows when the file in it is opened. */
+    /* What is really wrong with a directory shows when the file in it is opened. */
     mkdir("/var/lib/quillon", 0755);
     mkdir("/var/lib/quillon/examples", 0755);
     mkdir(STATE, 0755);
@@ -166,7 +166,7 @@ static int flash(const unsigned char* data, size_t length)
         return -1;
     }
 
-    makeFolders();
+    makeDirectories();
     atomic_store(&percent, 0);
     if (!replaceFile(STATE "/firmware.bin", STATE "/firmware.bin.part", data, length,
                      readSetting("speed", 1048576))) {

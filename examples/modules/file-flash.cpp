@@ -21,8 +21,8 @@
 namespace quillon {
 namespace {
 
-constexpr char kStateFolder[] = "/var/lib/quillon/examples";
-constexpr char kSettingsFolder[] = "/etc/quillon/examples";
+constexpr char kStateDirectory[] = "/var/lib/quillon/examples";
+constexpr char kSettingsDirectory[] = "/etc/quillon/examples";
 
 constexpr long kDefaultSpeed = 1048576;
 constexpr long kDefaultExpectedTime = 5;
@@ -59,12 +59,12 @@ int guarded(Work work) noexcept
 
 std::string pathOf(const char* name, const char* file)
 {
-    return std::string(kStateFolder) + "/" + name + "/" + file;
+    return std::string(kStateDirectory) + "/" + name + "/" + file;
 }
 
 long readSetting(const char* name, const std::string& key, long standard)
 {
-    std::ifstream settings(std::string(kSettingsFolder) + "/" + name + ".conf");
+    std::ifstream settings(std::string(kSettingsDirectory) + "/" + name + ".conf");
     for (std::string line; std::getline(settings, line);) {
         if (line.compare(0, key.size() + 1, key + "=") == 0) {
             const long value = std::strtol(line.c_str() + key.size() + 1, nullptr, 10);
@@ -104,12 +104,12 @@ std::vector<unsigned long> parseVersion(const std::string& text)
     return numbers;
 }
 
-void makeFolders(const std::string& path)
+void makeDirectories(const std::string& path)
 {
     for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
          slash = path.find('/', slash + 1)) {
-        const std::string folder = path.substr(0, slash);
-        require(mkdir(folder.c_str(), 0755) == 0 || errno == EEXIST);
+        const std::string directory = path.substr(0, slash);
+        require(mkdir(directory.c_str(), 0755) == 0 || errno == EEXIST);
     }
 }
 
@@ -119,7 +119,7 @@ class NewFile
 public:
     explicit NewFile(const std::string& path) : path_(path), part_(path + ".part")
     {
-        makeFolders(path);
+        makeDirectories(path);
         descriptor_ = open(part_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
         require(descriptor_ >= 0);
     }

@@ -15,15 +15,15 @@
 
 namespace {
 
-constexpr char kFolder[] = "/var/lib/quillon/examples/EXT-selftest";
+constexpr char kDirectory[] = "/var/lib/quillon/examples/EXT-selftest";
 constexpr char kReport[] = "/var/lib/quillon/examples/EXT-selftest/report.txt";
 constexpr char kScratch[] = "/var/lib/quillon/examples/EXT-selftest/scratch";
 
-void makeFolders()
+void makeDirectories()
 {
-    for (const char* folder : {"/var/lib/quillon", "/var/lib/quillon/examples", kFolder}) {
-        // A folder that cannot be made shows when the report is opened.
-        static_cast<void>(mkdir(folder, 0755));
+    for (const char* directory : {"/var/lib/quillon", "/var/lib/quillon/examples", kDirectory}) {
+        // A directory that cannot be made shows when the report is opened.
+        static_cast<void>(mkdir(directory, 0755));
     }
 }
 
@@ -39,7 +39,7 @@ bool storageKeepsWhatIsWritten()
 
 int runSelfTest()
 {
-    makeFolders();
+    makeDirectories();
     std::ofstream report(kReport);
     const bool good = storageKeepsWhatIsWritten();
     report << "storage: " << (good ? "passed" : "failed") << '\n';

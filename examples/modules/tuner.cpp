@@ -39,9 +39,9 @@ int checkVersion(const char* version, int* need)
     return device.offer(version, need);
 }
 
-// An update from a package, or from another folder of the system: the payload lies in a file, and
-// the value is its CRC-32. The service has compared them already; the device does so again with the
-// bytes that it really writes.
+// An update from a package, or from another directory of the system: the payload lies in a file,
+// and the value is its CRC-32. The service has compared them already; the device does so again with
+// the bytes that it really writes.
 int doUpdate(const char* path, unsigned long value)
 {
     return device.flashFile(path, value);

@@ -66,7 +66,7 @@ FILES:${PN}-dev += " \
     ${libdir}/cmake \
     ${datadir}/quillon/module-template \
 "
-# The service loads its verifier from this one place, whatever the library folder is called.
+# The service loads its verifier from this one place, whatever the library directory is called.
 INSANE_SKIP:quillon-platform-linux += "libdir"
 
 SYSTEMD_PACKAGES = "quillon-service ${@bb.utils.contains('PACKAGECONFIG', 'own-platform', '', 'quillon-platform-linux', d)}"

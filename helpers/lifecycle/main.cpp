@@ -160,7 +160,7 @@ int tidy()
     say(Priority::kError,
         "the service ended with status 0, but not by its own end: a module has called exit(). Look "
         "in the journal for the module that was at work last, and take it out of the modules' "
-        "folder or mend it");
+        "directory or mend it");
     return kFailed;
 }
 

@@ -45,8 +45,8 @@ Threads threadsOf(pid_t process)
 {
     Threads threads;
     std::error_code error;
-    const std::filesystem::path folder = "/proc/" + std::to_string(process) + "/task";
-    for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
+    const std::filesystem::path directory = "/proc/" + std::to_string(process) + "/task";
+    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
          entry.increment(error)) {
         threads.insert(entry->path().filename());
     }

@@ -16,11 +16,11 @@ namespace quillon::unit {
 
 namespace {
 
-/// A folder of root's beside a name, so that renaming stays within one file system.
-class PrivateFolder
+/// A directory of root's beside a name, so that renaming stays within one file system.
+class PrivateDirectory
 {
 public:
-    explicit PrivateFolder(const std::string& neighbour)
+    explicit PrivateDirectory(const std::string& neighbour)
         : path_(neighbour.substr(0, neighbour.rfind('/')) + "/.quillon-XXXXXX")
     {
         if (mkdtemp(path_.data()) == nullptr) {
@@ -28,7 +28,7 @@ public:
         }
     }
 
-    ~PrivateFolder()
+    ~PrivateDirectory()
     {
         if (unlink(entry().c_str()) != 0 && errno == EISDIR) {
             static_cast<void>(rmdir(entry().c_str()));
@@ -38,8 +38,8 @@ public:
         }
     }
 
-    PrivateFolder(const PrivateFolder&) = delete;
-    PrivateFolder& operator=(const PrivateFolder&) = delete;
+    PrivateDirectory(const PrivateDirectory&) = delete;
+    PrivateDirectory& operator=(const PrivateDirectory&) = delete;
 
     std::string entry() const { return path_ + "/entry"; }
 
@@ -52,22 +52,22 @@ int renameWith(unsigned flags, const std::string& from, const std::string& to)
     return renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags);
 }
 
-/// Any user may have mounted something of FUSE's on a folder of theirs.
+/// Any user may have mounted something of FUSE's on a directory of theirs.
 bool isCuredByUnmounting(const std::string& path)
 {
     return errno == EBUSY && umount2(path.c_str(), MNT_DETACH | UMOUNT_NOFOLLOW) == 0;
 }
 
-/// Not every file system can exchange two names; then a folder in the way is an error.
+/// Not every file system can exchange two names; then a directory in the way is an error.
 bool cannotExchange()
 {
     return errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP;
 }
 
 /// The loop ends: each round that fails has seen somebody else change the name meanwhile.
-void moveTo(const PrivateFolder& folder, const std::string& path)
+void moveTo(const PrivateDirectory& directory, const std::string& path)
 {
-    const std::string ours = folder.entry();
+    const std::string ours = directory.entry();
     while (renameWith(RENAME_EXCHANGE, ours, path) != 0) {
         if (isCuredByUnmounting(path)) {
             continue;
@@ -95,25 +95,25 @@ void moveTo(const PrivateFolder& folder, const std::string& path)
 void putFile(const std::string& path, uid_t owner, gid_t group, mode_t mode,
              std::string_view content)
 {
-    const PrivateFolder folder(path);
+    const PrivateDirectory directory(path);
     const UniqueFd file(
-        open(folder.entry().c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+        open(directory.entry().c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
     if (file.get() == -1 ||
         write(file.get(), content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
         fchmod(file.get(), mode) != 0 || fchown(file.get(), owner, group) != 0) {
-        failWithErrno("cannot make " + folder.entry());
+        failWithErrno("cannot make " + directory.entry());
     }
-    moveTo(folder, path);
+    moveTo(directory, path);
 }
 
 void putDeadLink(const std::string& path, const std::string& target, uid_t owner, gid_t group)
 {
-    const PrivateFolder folder(path);
-    if (symlink(target.c_str(), folder.entry().c_str()) != 0 ||
-        lchown(folder.entry().c_str(), owner, group) != 0) {
-        failWithErrno("cannot make " + folder.entry());
+    const PrivateDirectory directory(path);
+    if (symlink(target.c_str(), directory.entry().c_str()) != 0 ||
+        lchown(directory.entry().c_str(), owner, group) != 0) {
+        failWithErrno("cannot make " + directory.entry());
     }
-    moveTo(folder, path);
+    moveTo(directory, path);
 }
 
 void clear(const std::string& path)
@@ -125,8 +125,8 @@ void clear(const std::string& path)
     if (unlink(path.c_str()) == 0 || errno == ENOENT) {
         return;
     }
-    const PrivateFolder folder(path);
-    while (rename(path.c_str(), folder.entry().c_str()) != 0) {
+    const PrivateDirectory directory(path);
+    while (rename(path.c_str(), directory.entry().c_str()) != 0) {
         if (errno == ENOENT) {
             return;
         }

@@ -6,11 +6,11 @@
 #include <string>
 #include <string_view>
 
-/// Names in a folder that everybody may write to, such as /tmp, taken from whoever has them.
+/// Names in a directory that everybody may write to, such as /tmp, taken from whoever has them.
 ///
 /// Each function needs root's rights and works in one step: there is no moment at which somebody
 /// who watches the name could put something else there. What stood there before is removed; a
-/// folder with something in it is left, out of its owner's reach, in a folder .quillon-XXXXXX
+/// directory with something in it is left, out of its owner's reach, in a directory .quillon-XXXXXX
 /// beside. Errors are thrown as std::system_error, whose what() is one line. Thread: any.
 namespace quillon::unit {
 

@@ -21,9 +21,9 @@ namespace {
 constexpr int kMostLinks = 40;
 constexpr mode_t kGroupAndOthersWrite = 0022;
 
-struct FolderCloser
+struct DirectoryCloser
 {
-    void operator()(DIR* folder) const { closedir(folder); }
+    void operator()(DIR* directory) const { closedir(directory); }
 };
 
 bool isPlain(unsigned char character)
@@ -66,14 +66,14 @@ public:
     void inspect(const std::string& place)
     {
         const std::string path = resolve(place);
-        if (isFolder(path)) {
+        if (isDirectory(path)) {
             inspectEntriesOf(path);
         }
     }
 
 private:
     /// @return false for a link to one.
-    static bool isFolder(const std::string& path)
+    static bool isDirectory(const std::string& path)
     {
         struct stat status = {};
         return lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
@@ -81,20 +81,20 @@ private:
 
     void inspectEntriesOf(const std::string& path)
     {
-        const std::unique_ptr<DIR, FolderCloser> folder(opendir(path.c_str()));
-        if (!folder) {
+        const std::unique_ptr<DIR, DirectoryCloser> directory(opendir(path.c_str()));
+        if (!directory) {
             complain(path, std::string("cannot be read: ") + std::strerror(errno),
                      "run this as root");
             return;
         }
-        while (const dirent* entry = readdir(folder.get())) {
+        while (const dirent* entry = readdir(directory.get())) {
             const std::string name = entry->d_name;
             if (name == "." || name == "..") {
                 continue;
             }
             const std::string child = std::string(path).append("/").append(name);
             static_cast<void>(resolve(child));
-            if (isFolder(child)) {
+            if (isDirectory(child)) {
                 inspectEntriesOf(child);
             }
         }

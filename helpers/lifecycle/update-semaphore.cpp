@@ -57,8 +57,8 @@ std::string faultOf(const struct stat& status, uid_t owner)
     return valueOf(file) == 1 ? "" : "is not free";
 }
 
-/// By /proc/PID/status, since the owner of the folder is root for a process that hides itself. By
-/// the beginning of a line, since the process has chosen its name, which stands there as well.
+/// By /proc/PID/status, since the owner of the directory is root for a process that hides itself.
+/// By the beginning of a line, since the process has chosen its name, which stands there as well.
 bool isOf(const std::filesystem::path& process, uid_t owner)
 {
     std::ifstream status(process / "status");

@@ -60,7 +60,7 @@ void removeStale(const std::string& path, const sockaddr_un& address)
     }
 }
 
-/// By descriptor: where others may write the folder, the name may lead to another file by now.
+/// By descriptor: where others may write the directory, the name may lead to another file by now.
 struct stat giveAway(const std::string& path, const Callers& callers)
 {
     const UniqueFd node(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
@@ -79,14 +79,14 @@ struct stat giveAway(const std::string& path, const Callers& callers)
 }
 
 /// Keeps a second helper that starts now from taking our new socket for a stale one.
-UniqueFd lockFolder(const std::string& folder)
+UniqueFd lockDirectory(const std::string& directory)
 {
-    if (!makeFolders(folder, 0755)) {
-        failWithErrno(folder);
+    if (!makeDirectories(directory, 0755)) {
+        failWithErrno(directory);
     }
-    UniqueFd lock(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    UniqueFd lock(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!lock || flock(lock.get(), LOCK_EX) != 0) {
-        failWithErrno(folder);
+        failWithErrno(directory);
     }
     return lock;
 }
@@ -114,7 +114,7 @@ OwnSocket::OwnSocket(const std::string& path, const Callers& callers)
     : path_(path), socket_(newSocket())
 {
     const sockaddr_un address = addressOf(path);
-    const UniqueFd lock = lockFolder(path.substr(0, path.rfind('/')));
+    const UniqueFd lock = lockDirectory(path.substr(0, path.rfind('/')));
     removeStale(path, address);
     const mode_t callersMask = umask(0117);
     const int bound = bind(socket_.get(), generic(address), sizeof address);

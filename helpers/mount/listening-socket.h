@@ -20,7 +20,7 @@ std::optional<UniqueFd> inheritedSocket();
 class OwnSocket
 {
 public:
-    /// Makes the socket, and its folder if that is missing. A socket that nobody listens on any
+    /// Makes the socket, and its directory if that is missing. A socket that nobody listens on any
     /// more is replaced; anything else in its place is left alone. Mode 0660, owned by the callers.
     /// @param path  absolute
     /// @throws Failure, with EADDRINUSE when another process listens there

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <string>
 
-#include "helpers/mount/folders.h"
+#include "helpers/mount/directories.h"
 #include "helpers/mount/loop-devices.h"
 #include "helpers/shared/failure.h"
 
@@ -32,30 +32,30 @@ constexpr unsigned long kConfined = MS_RDONLY | MS_NODEV | MS_NOSUID | MS_NOEXEC
 
 /// One call of the kernel's oldest interface, whatever the C library's companions use by now: the
 /// unit's filter lets this one pass and no newer one.
-void mountDevice(const LoopDevice& loop, const char* type, const UniqueFd& folder)
+void mountDevice(const LoopDevice& loop, const char* type, const UniqueFd& directory)
 {
     // The image's own wish may be a panic of the kernel; ours stands above it.
     const char* options = std::strcmp(type, "ext4") == 0 ? "errors=remount-ro" : nullptr;
-    // The folder goes to the kernel as it was opened; the "." has the link in /proc followed.
-    const std::string target = pathOf(folder) + "/.";
+    // The directory goes to the kernel as it was opened; the "." has the link in /proc followed.
+    const std::string target = pathOf(directory) + "/.";
     if (mount(loop.node.c_str(), target.c_str(), type, kConfined, options) != 0) {
         failWithErrno(std::string("mount ") + type);
     }
 }
 
 /// Linux before 5.10 takes MS_NOSYMFOLLOW without a word and follows links all the same.
-bool followsLinks(const UniqueFd& folder)
+bool followsLinks(const UniqueFd& directory)
 {
     constexpr long kNoSymFollow = 0x2000;  // ST_NOSYMFOLLOW, which no C library's header names yet
     struct statfs status = {};
-    return fstatfs(folder.get(), &status) != 0 || (status.f_flags & kNoSymFollow) == 0;
+    return fstatfs(directory.get(), &status) != 0 || (status.f_flags & kNoSymFollow) == 0;
 }
 
-/// Whether a folder is the top of a mount from a loop device.
-bool isLoopMount(const UniqueFd& folder)
+/// Whether a directory is the top of a mount from a loop device.
+bool isLoopMount(const UniqueFd& directory)
 {
     struct statx status = {};
-    if (statx(folder.get(), "", AT_EMPTY_PATH, STATX_TYPE, &status) != 0) {
+    if (statx(directory.get(), "", AT_EMPTY_PATH, STATX_TYPE, &status) != 0) {
         failWithErrno("statx");
     }
     return (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0 &&
@@ -74,17 +74,18 @@ const char* typeOfImage(const UniqueFd& image)
 
 void mountPackage(const MountOrder& order)
 {
-    const UniqueFd image = openImageIn(openFolder(kImageFolder).get(), order.image);
-    const UniqueFd folder = openFolderIn(openFolder(kMountFolder).get(), order.directory);
+    const UniqueFd image = openImageIn(openDirectory(kImageDirectory).get(), order.image);
+    const UniqueFd directory =
+        openDirectoryIn(openDirectory(kMountDirectory).get(), order.directory);
     const char* type = typeOfImage(image);
     if (type == nullptr) {
         throw Failure(EINVAL, order.image + " holds neither squashfs nor ext4");
     }
-    if (isLoopMount(folder)) {
+    if (isLoopMount(directory)) {
         throw Failure(EBUSY, order.directory + " has a package mounted already");
     }
-    mountDevice(attachLoopDevice(image), type, folder);
-    if (followsLinks(openFolderIn(openFolder(kMountFolder).get(), order.directory))) {
+    mountDevice(attachLoopDevice(image), type, directory);
+    if (followsLinks(openDirectoryIn(openDirectory(kMountDirectory).get(), order.directory))) {
         unmountPackage({order.directory});
         throw Failure(ENOTSUP, "links in packages would be followed, Linux 5.10 is needed");
     }
@@ -92,10 +93,10 @@ void mountPackage(const MountOrder& order)
 
 void unmountPackage(const UnmountOrder& order)
 {
-    const UniqueFd parent = openFolder(kMountFolder);
-    // An open folder keeps its mount busy, so it is closed again before the unmounting; from its
+    const UniqueFd parent = openDirectory(kMountDirectory);
+    // An open directory keeps its mount busy, so it is closed again before the unmounting; from its
     // fixed parent on, the name leads nowhere else.
-    if (!isLoopMount(openFolderIn(parent.get(), order.directory))) {
+    if (!isLoopMount(openDirectoryIn(parent.get(), order.directory))) {
         throw Failure(EINVAL, order.directory + " has nothing mounted from a loop device");
     }
     const std::string path = pathOf(parent) + "/" + order.directory;

@@ -23,18 +23,18 @@ bool isName(std::string_view text)
     return !text.empty() && std::all_of(text.begin(), text.end(), isLetterOrDigit);
 }
 
-/// What stands behind "folder/"; nothing when the path does not begin with it.
-std::optional<std::string_view> entryOf(std::string_view folder, std::string_view path)
+/// What stands behind "directory/"; nothing when the path does not begin with it.
+std::optional<std::string_view> entryOf(std::string_view directory, std::string_view path)
 {
-    if (path.substr(0, folder.size()) != folder || path.substr(folder.size(), 1) != "/") {
+    if (path.substr(0, directory.size()) != directory || path.substr(directory.size(), 1) != "/") {
         return std::nullopt;
     }
-    return path.substr(folder.size() + 1);
+    return path.substr(directory.size() + 1);
 }
 
 bool isImage(std::string_view path)
 {
-    const auto entry = entryOf(kImageFolder, path);
+    const auto entry = entryOf(kImageDirectory, path);
     if (!entry || entry->size() <= kImageSuffix.size()) {
         return false;
     }
@@ -44,7 +44,7 @@ bool isImage(std::string_view path)
 
 bool isMountPoint(std::string_view path)
 {
-    const auto entry = entryOf(kMountFolder, path);
+    const auto entry = entryOf(kMountDirectory, path);
     return entry && isName(*entry);
 }
 
@@ -76,9 +76,9 @@ const char* describe(Refusal refusal)
         case Refusal::kOptions:
             return "the mount options are not ro,loop,nodev,nosuid";
         case Refusal::kImage:
-            return "the source is not an image NAME.img in the package folder";
+            return "the source is not an image NAME.img in the package directory";
         case Refusal::kDirectory:
-            return "the mount point is not a folder NAME in emps/ of the package folder";
+            return "the mount point is not a directory NAME in emps/ of the package directory";
         case Refusal::kMode:
             return "the mode is not 0660";
         case Refusal::kLabel:

@@ -5,12 +5,12 @@
 #include <string_view>
 
 /// What the helper does at all. Pure: it looks at texts, not at the file system. What it lets pass
-/// is only names and a number, to be looked up in fixed folders, so that nothing else of a
+/// is only names and a number, to be looked up in fixed directories, so that nothing else of a
 /// request ever reaches a system call.
 namespace quillon::privileged {
 
-inline constexpr const char* kImageFolder = "/opt/usr/apps/appbinarymanager";
-inline constexpr const char* kMountFolder = "/opt/usr/apps/appbinarymanager/emps";
+inline constexpr const char* kImageDirectory = "/opt/usr/apps/appbinarymanager";
+inline constexpr const char* kMountDirectory = "/opt/usr/apps/appbinarymanager/emps";
 inline constexpr unsigned kLoopMajor = 7;
 inline constexpr unsigned kLoopNodes = 250;  ///< numbers run from 0 up to, not including, this
 
@@ -19,8 +19,8 @@ enum class Refusal {
     kNone,
     kShape,      ///< not the text of such a request at all
     kOptions,    ///< other mount options than ro,loop,nodev,nosuid
-    kImage,      ///< not an image NAME.img directly in the package folder
-    kDirectory,  ///< not a directory NAME directly in the folder for mounts
+    kImage,      ///< not an image NAME.img directly in the package directory
+    kDirectory,  ///< not a directory NAME directly in the directory for mounts
     kMode,       ///< another mode than 0660
     kLabel,      ///< another label than "*"
     kNode,       ///< not the block device /dev/loopN 7 N with N below 250
@@ -32,8 +32,8 @@ const char* describe(Refusal refusal);
 /// NAME in all of these: one or more of A-Z a-z 0-9.
 struct MountOrder
 {
-    std::string image;      ///< file name in kImageFolder: NAME.img
-    std::string directory;  ///< folder name in kMountFolder: NAME
+    std::string image;      ///< file name in kImageDirectory: NAME.img
+    std::string directory;  ///< directory name in kMountDirectory: NAME
 };
 
 struct NodeOrder
@@ -43,7 +43,7 @@ struct NodeOrder
 
 struct UnmountOrder
 {
-    std::string directory;  ///< folder name in kMountFolder: NAME
+    std::string directory;  ///< directory name in kMountDirectory: NAME
 };
 
 /// @param text        as the client sent it

@@ -17,7 +17,7 @@ namespace quillon {
 
 namespace {
 
-constexpr char kFolder[] = "/opt/usr/apps/appbinarymanager";
+constexpr char kDirectory[] = "/opt/usr/apps/appbinarymanager";
 constexpr char kBootId[] = "/proc/sys/kernel/random/boot_id";
 constexpr std::size_t kLargestNote = 16384;
 
@@ -44,7 +44,7 @@ std::string bootId()
 
 std::string notePath(const std::string& name)
 {
-    return std::string(kFolder).append("/").append(name);
+    return std::string(kDirectory).append("/").append(name);
 }
 
 }  // namespace
@@ -59,11 +59,11 @@ DownloadPart::DownloadPart(std::string identifier, std::string address)
 
 PartResult DownloadPart::open()
 {
-    if (!makeFolders(kFolder, 0755)) {
+    if (!makeDirectories(kDirectory, 0755)) {
         return PartResult::kFailed;
     }
-    folder_ = UniqueFd(::open(kFolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!folder_) {
+    directory_ = UniqueFd(::open(kDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory_) {
         return PartResult::kFailed;
     }
     const PartResult opened = openLocked();
@@ -88,7 +88,7 @@ PartResult DownloadPart::openLocked()
     constexpr int kRounds = 10;
     for (int round = 0; round < kRounds; ++round) {
         file_ = UniqueFd(openat(
-            folder_.get(), partName_.c_str(),
+            directory_.get(), partName_.c_str(),
             O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644));
         struct stat status = {};
         if (file_ && fstat(file_.get(), &status) != 0) {
@@ -98,7 +98,7 @@ PartResult DownloadPart::openLocked()
         const bool foreign = file_ ? !S_ISREG(status.st_mode) || status.st_nlink > 1
                                    : errno == ELOOP || errno == ENXIO;
         if (foreign) {
-            if (unlinkat(folder_.get(), partName_.c_str(), 0) != 0 && errno != ENOENT) {
+            if (unlinkat(directory_.get(), partName_.c_str(), 0) != 0 && errno != ENOENT) {
                 return PartResult::kFailed;
             }
             continue;
@@ -121,7 +121,7 @@ bool DownloadPart::isStillAtItsPath() const
     struct stat opened = {};
     struct stat present = {};
     return fstat(file_.get(), &opened) == 0 &&
-           fstatat(folder_.get(), partName_.c_str(), &present, AT_SYMLINK_NOFOLLOW) == 0 &&
+           fstatat(directory_.get(), partName_.c_str(), &present, AT_SYMLINK_NOFOLLOW) == 0 &&
            opened.st_dev == present.st_dev && opened.st_ino == present.st_ino;
 }
 
@@ -145,13 +145,13 @@ std::string DownloadPart::notedValidator() const
 bool DownloadPart::writeNote() const
 {
     const std::string text = address_ + "\n" + bootId() + "\n" + validator_ + "\n";
-    return replaceFile(kFolder, noteName_, SecretBytes(text.begin(), text.end()));
+    return replaceFile(kDirectory, noteName_, SecretBytes(text.begin(), text.end()));
 }
 
 bool DownloadPart::restart(const std::string& validator)
 {
     // The old note goes first, so that it never stands beside bytes of another state.
-    if (unlinkat(folder_.get(), noteName_.c_str(), 0) != 0 && errno != ENOENT) {
+    if (unlinkat(directory_.get(), noteName_.c_str(), 0) != 0 && errno != ENOENT) {
         return false;
     }
     if (ftruncate(file_.get(), 0) != 0) {
@@ -174,19 +174,20 @@ bool DownloadPart::append(const char* data, std::size_t size)
 bool DownloadPart::place()
 {
     // Without its note, a part that stays behind is not taken up for another package.
-    if (unlinkat(folder_.get(), noteName_.c_str(), 0) != 0 && errno != ENOENT) {
+    if (unlinkat(directory_.get(), noteName_.c_str(), 0) != 0 && errno != ENOENT) {
         return false;
     }
     return fsync(file_.get()) == 0 &&
-           renameat(folder_.get(), partName_.c_str(), folder_.get(), packageName_.c_str()) == 0 &&
-           fsync(folder_.get()) == 0;
+           renameat(directory_.get(), partName_.c_str(), directory_.get(), packageName_.c_str()) ==
+               0 &&
+           fsync(directory_.get()) == 0;
 }
 
 void DownloadPart::discard()
 {
     const int reason = errno;
-    unlinkat(folder_.get(), noteName_.c_str(), 0);
-    unlinkat(folder_.get(), partName_.c_str(), 0);
+    unlinkat(directory_.get(), noteName_.c_str(), 0);
+    unlinkat(directory_.get(), partName_.c_str(), 0);
     errno = reason;
 }
 

@@ -13,8 +13,8 @@ enum class PartResult { kOk, kBusy, kFailed };
 
 /// The part of a package that has arrived so far, and its way to the package's own name.
 ///
-/// The part is the file ".<identifier>.part" in the packages' folder, locked while the object lives
-/// so that two processes do not write into one. Beside it, ".<identifier>.resume" notes which
+/// The part is the file ".<identifier>.part" in the packages' directory, locked while the object
+/// lives so that two processes do not write into one. Beside it, ".<identifier>.resume" notes which
 /// address and which state of the server's file the part belongs to. A link, a FIFO or anything
 /// else that stands in the part's place is removed, never written through.
 /// Thread: one object, one thread. Throws std::bad_alloc.
@@ -25,7 +25,7 @@ public:
     /// @param address     where the package comes from
     DownloadPart(std::string identifier, std::string address);
 
-    /// Makes the folder when it is missing, and takes up what an earlier download left when its
+    /// Makes the directory when it is missing, and takes up what an earlier download left when its
     /// note is of this address and of this run of the machine: what was not synced before a power
     /// failure may be damaged.
     /// @return kBusy when another process has the part; kFailed with errno telling why
@@ -60,7 +60,7 @@ private:
     std::string address_;
     std::string validator_;
     std::uint64_t size_ = 0;
-    UniqueFd folder_;
+    UniqueFd directory_;
     UniqueFd file_;
 };
 

@@ -34,7 +34,7 @@ bool startsWith(std::string_view text, std::string_view start)
     return text.substr(0, start.size()) == start;
 }
 
-bool isFolderAddress(std::string_view text)
+bool isDirectoryAddress(std::string_view text)
 {
     if (!startsWith(text, "http://") && !startsWith(text, "https://")) {
         return false;
@@ -84,7 +84,7 @@ bool set(DownloadSettings& settings, std::string_view key, std::string_view valu
 {
     if (key == "address") {
         settings.address = value;
-        return isFolderAddress(value);
+        return isDirectoryAddress(value);
     }
     if (key == "ca-file") {
         settings.caFile = value;

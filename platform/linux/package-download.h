@@ -15,7 +15,7 @@ enum DownloadStatus : int {
     kUnreachable = -2,     ///< every attempt broke off; the next request goes on where this ended
     kRefused = -3,         ///< the server does not give the package, or is not to be trusted
     kTooLarge = -4,        ///< larger than the size limit
-    kNotStored = -5,       ///< the packages' folder cannot be written
+    kNotStored = -5,       ///< the packages' directory cannot be written
     kBusy = -6,            ///< another process is downloading this package
     kCancelled = -100,     ///< the process ends
 };

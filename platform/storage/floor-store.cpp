@@ -18,25 +18,26 @@ namespace quillon {
 namespace {
 
 const std::string kPath = QUILLON_SECURITY_FLOORS;
-constexpr mode_t kFolderMode = 0755;
+constexpr mode_t kDirectoryMode = 0755;
 constexpr mode_t kFileMode = 0644;
 
-std::string folderOf(const std::string& path)
+std::string directoryOf(const std::string& path)
 {
     return path.substr(0, path.rfind('/'));
 }
 
 /// Made readable for the service also where this process makes files for itself alone.
-bool provideFolder(const std::string& folder)
+bool provideDirectory(const std::string& directory)
 {
-    return makeFolders(folder, kFolderMode) && chmod(folder.c_str(), kFolderMode) == 0;
+    return makeDirectories(directory, kDirectoryMode) &&
+           chmod(directory.c_str(), kDirectoryMode) == 0;
 }
 
 /// Held until it is closed. In a file that others cannot open, so that they cannot hold it.
-UniqueFd lockOf(const std::string& folder)
+UniqueFd lockOf(const std::string& directory)
 {
     UniqueFd lock(
-        open((folder + "/.lock").c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+        open((directory + "/.lock").c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     int result = -1;
     do {
         result = lock ? flock(lock.get(), LOCK_EX) : -1;
@@ -77,10 +78,10 @@ FloorResult raiseStoredFloors(const std::string& package, const Floors& floors)
     if (floors.empty()) {
         return FloorResult::kUnchanged;
     }
-    const std::string folder = folderOf(kPath);
-    const UniqueFd lock = provideFolder(folder) ? lockOf(folder) : UniqueFd();
+    const std::string directory = directoryOf(kPath);
+    const UniqueFd lock = provideDirectory(directory) ? lockOf(directory) : UniqueFd();
     if (!lock) {
-        PLATFORM_LOGE("%s cannot be made and locked: %m", folder.c_str());
+        PLATFORM_LOGE("%s cannot be made and locked: %m", directory.c_str());
         return FloorResult::kFailed;
     }
     Floors before;
@@ -96,7 +97,7 @@ FloorResult raiseStoredFloors(const std::string& package, const Floors& floors)
                       package.c_str(), kPath.c_str(), kLargestTrustFile);
         return FloorResult::kFailed;
     }
-    if (after != before && !replaceFile(folder, kPath.substr(folder.size() + 1),
+    if (after != before && !replaceFile(directory, kPath.substr(directory.size() + 1),
                                         SecretBytes(text.begin(), text.end()), kFileMode)) {
         PLATFORM_LOGE("%s cannot be written: %m", kPath.c_str());
         return FloorResult::kFailed;

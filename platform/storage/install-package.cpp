@@ -15,7 +15,7 @@ namespace quillon {
 
 namespace {
 
-constexpr char kFolder[] = QUILLON_PROVISIONING_CERTIFICATES;
+constexpr char kDirectory[] = QUILLON_PROVISIONING_CERTIFICATES;
 constexpr char kPolicy[] = QUILLON_TRUST_POLICY;
 
 std::string_view textOf(const SecretBytes& bytes)
@@ -67,10 +67,10 @@ InstallResult storeContent(const std::string& name, const SignedContent& package
 InstallResult installPackage(const std::string& name, const SecretBytes& package)
 {
     try {
-        const Certificates trusted = loadCertificates(kFolder, &complain);
+        const Certificates trusted = loadCertificates(kDirectory, &complain);
         if (trusted.empty()) {
             PLATFORM_LOGE("%s cannot be trusted: no certificate (*.pem) in %s", name.c_str(),
-                          kFolder);
+                          kDirectory);
             return kNobodyTrusted;
         }
         const bool wantsPurpose = loadTrustPolicy(kPolicy).requiresProvisioningPurpose;
@@ -81,8 +81,8 @@ InstallResult installPackage(const std::string& name, const SecretBytes& package
                 PLATFORM_LOGE("%s is not a provisioning package: %s", name.c_str(), error.what());
                 return kPackageMalformed;
             case ImageFault::kSignature:
-                PLATFORM_LOGE("%s is not signed by anyone trusted in %s: %s", name.c_str(), kFolder,
-                              error.what());
+                PLATFORM_LOGE("%s is not signed by anyone trusted in %s: %s", name.c_str(),
+                              kDirectory, error.what());
                 return kPackageNotTrusted;
             default:
                 PLATFORM_LOGE("%s cannot be trusted: %s", name.c_str(), error.what());

@@ -20,15 +20,15 @@ namespace quillon {
 
 namespace {
 
-constexpr char kFolder[] = QUILLON_SECURE_STORAGE;
+constexpr char kDirectory[] = QUILLON_SECURE_STORAGE;
 constexpr char kSealedSuffix[] = ".cred";
-constexpr mode_t kFolderMode = 0700;
+constexpr mode_t kDirectoryMode = 0700;
 constexpr mode_t kGroupAndOthers = 0077;
 constexpr std::size_t kLongestShownName = 64;
 
 std::string pathOf(const std::string& file)
 {
-    return std::string(kFolder).append("/").append(file);
+    return std::string(kDirectory).append("/").append(file);
 }
 
 StoreResult openFile(const std::string& path, UniqueFd& fd)
@@ -77,12 +77,12 @@ StoreResult unsealItem(const std::string& name, const SecretBytes& sealed, Secre
 {
     const std::string reason = unseal(name, sealed, bytes);
     if (!reason.empty()) {
-        PLATFORM_LOGE("%s/%s%s cannot be unsealed: %s", kFolder, name.c_str(), kSealedSuffix,
+        PLATFORM_LOGE("%s/%s%s cannot be unsealed: %s", kDirectory, name.c_str(), kSealedSuffix,
                       reason.c_str());
         return kStoreSealed;
     }
     if (bytes.empty()) {
-        PLATFORM_LOGE("%s/%s%s holds an empty item", kFolder, name.c_str(), kSealedSuffix);
+        PLATFORM_LOGE("%s/%s%s holds an empty item", kDirectory, name.c_str(), kSealedSuffix);
         return kStoreBadSize;
     }
     return kStoreOk;
@@ -90,12 +90,12 @@ StoreResult unsealItem(const std::string& name, const SecretBytes& sealed, Secre
 
 StoreResult writeFile(const std::string& file, const SecretBytes& bytes)
 {
-    if (!makeFolders(kFolder, kFolderMode)) {
-        PLATFORM_LOGE("%s cannot be made: %m", kFolder);
+    if (!makeDirectories(kDirectory, kDirectoryMode)) {
+        PLATFORM_LOGE("%s cannot be made: %m", kDirectory);
         return kStoreFailed;
     }
-    if (!replaceFile(kFolder, file, bytes)) {
-        PLATFORM_LOGE("%s/%s cannot be written: %m", kFolder, file.c_str());
+    if (!replaceFile(kDirectory, file, bytes)) {
+        PLATFORM_LOGE("%s/%s cannot be written: %m", kDirectory, file.c_str());
         return kStoreFailed;
     }
     return kStoreOk;
@@ -110,7 +110,7 @@ StoreResult storeRaw(const std::string& name, const SecretBytes& bytes)
     }
     struct stat status = {};
     if (lstat(pathOf(name + kSealedSuffix).c_str(), &status) == 0) {
-        PLATFORM_LOGE("%s/%s%s is sealed and would hide an unsealed item", kFolder, name.c_str(),
+        PLATFORM_LOGE("%s/%s%s is sealed and would hide an unsealed item", kDirectory, name.c_str(),
                       kSealedSuffix);
         return kStoreFailed;
     }
@@ -127,7 +127,7 @@ StoreResult storeSealed(const std::string& name, const SecretBytes& bytes)
     }
     const StoreResult written = writeFile(name + kSealedSuffix, sealed);
     if (written == kStoreOk && unlink(pathOf(name).c_str()) != 0 && errno != ENOENT) {
-        PLATFORM_LOGE("%s/%s, the item as it was before sealing, cannot be removed: %m", kFolder,
+        PLATFORM_LOGE("%s/%s, the item as it was before sealing, cannot be removed: %m", kDirectory,
                       name.c_str());
     }
     return written;

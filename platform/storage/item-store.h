@@ -7,7 +7,7 @@
 
 namespace quillon {
 
-/// The secure storage on disk, in a folder of mode 0700: the item NAME is the file NAME.cred,
+/// The secure storage on disk, in a directory of mode 0700: the item NAME is the file NAME.cred,
 /// sealed (sealing.h). Where the machine cannot seal it is the file NAME with the item's raw bytes;
 /// such a file is read anywhere while there is no sealed one. Both have mode 0600.
 
@@ -16,7 +16,7 @@ enum StoreResult : int {
     kStoreOk = 0,
     kStoreBadArgument = 1,  ///< a null pointer or a name that cannot be an item's
     kStoreFailed = 2,       ///< the system refused; the log names the reason
-    kStoreNotAFile = 3,     ///< a link, a folder, a FIFO or a device in the item's place
+    kStoreNotAFile = 3,     ///< a link, a directory, a FIFO or a device in the item's place
     kStoreExposed = 4,      ///< the file's mode lets group or others at it
     kStoreMissing = 5,      ///< no such item
     kStoreBadSize = 6,      ///< empty, or larger than kLargestItem
@@ -28,7 +28,7 @@ enum StoreResult : int {
 /// Thread: any. Throws std::bad_alloc.
 StoreResult readItem(std::string_view name, SecretBytes& bytes);
 
-/// Writes a whole item in one step, making the folder when it is missing and replacing what was
+/// Writes a whole item in one step, making the directory when it is missing and replacing what was
 /// there. Failures are told on the log.
 /// @return kStoreOk, kStoreBadArgument or kStoreFailed.
 /// Thread: any. Throws std::bad_alloc.

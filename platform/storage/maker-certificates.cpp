@@ -16,18 +16,18 @@ namespace {
 
 constexpr std::size_t kLargestFile = 65536;
 
-std::vector<std::string> pemFilesIn(const std::string& folder)
+std::vector<std::string> pemFilesIn(const std::string& directory)
 {
     std::vector<std::string> files;
     std::error_code error;
-    for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
+    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
          entry.increment(error)) {
         if (entry->path().extension() == ".pem") {
             files.push_back(entry->path().string());
         }
     }
     if (error && error != std::errc::no_such_file_or_directory) {
-        throw ImageError(ImageFault::kFile, folder + ": cannot be read: " + error.message());
+        throw ImageError(ImageFault::kFile, directory + ": cannot be read: " + error.message());
     }
     std::sort(files.begin(), files.end());
     return files;
@@ -57,11 +57,11 @@ Certificates loadCertificateFile(const std::string& path)
     return certificates;
 }
 
-Certificates loadCertificates(const std::string& folder,
+Certificates loadCertificates(const std::string& directory,
                               const std::function<void(const std::string&)>& complain)
 {
     Certificates all;
-    for (const std::string& path : pemFilesIn(folder)) {
+    for (const std::string& path : pemFilesIn(directory)) {
         try {
             Certificates some = loadCertificateFile(path);
             std::move(some.begin(), some.end(), std::back_inserter(all));

@@ -21,11 +21,11 @@ using Certificates = std::vector<UniqueCertificate>;
 ///         no certificate in it or one that cannot be understood.
 Certificates loadCertificateFile(const std::string& path);
 
-/// Reads the certificates of all files *.pem in a folder.
+/// Reads the certificates of all files *.pem in a directory.
 /// @param complain  called with one line for each file that is of no use and is passed over
-/// @return none when the folder is missing or has none.
-/// @throws ImageError with ImageFault::kFile when the folder cannot be read.
-Certificates loadCertificates(const std::string& folder,
+/// @return none when the directory is missing or has none.
+/// @throws ImageError with ImageFault::kFile when the directory cannot be read.
+Certificates loadCertificates(const std::string& directory,
                               const std::function<void(const std::string&)>& complain);
 
 }  // namespace quillon

@@ -187,7 +187,7 @@ UniqueStore storeOf(const Certificates& trusted)
     // A trusted certificate need not be a root's. Keys are provisioned early at the first start,
     // when a device without a battery takes it for 1970: the time counts for nothing.
     X509_VERIFY_PARAM_set_flags(rules, X509_V_FLAG_PARTIAL_CHAIN | X509_V_FLAG_NO_CHECK_TIME);
-    // The folder is for this one purpose, so a certificate need not say that it is for mail.
+    // The directory is for this one purpose, so a certificate need not say that it is for mail.
     X509_VERIFY_PARAM_set_purpose(rules, X509_PURPOSE_ANY);
     X509_VERIFY_PARAM_set_auth_level(rules, kTwoThousandBitRsaLevel);
     for (const UniqueCertificate& certificate : trusted) {

@@ -40,7 +40,7 @@ TrustPolicy loadTrustPolicy(const std::string& path);
 /// @throws ImageError as loadTrustPolicy.
 Floors loadFloors(const std::string& path);
 
-/// @return the firmware name in a path "FOLDER/NAME.bin"; empty when the path names no module.
+/// @return the firmware name in a path "DIRECTORY/NAME.bin"; empty when the path names no module.
 std::string moduleOf(const std::string& path);
 
 /// Checks what a trailer's header says against a policy. The signature has to be checked for the

@@ -12,11 +12,11 @@
 namespace quillon {
 namespace {
 
-std::vector<std::string> keyFilesIn(const std::string& folder, const std::string& signedPath)
+std::vector<std::string> keyFilesIn(const std::string& directory, const std::string& signedPath)
 {
     std::vector<std::string> files;
     std::error_code error;
-    for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
+    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
          entry.increment(error)) {
         if (entry->path().extension() == ".pem") {
             files.push_back(entry->path().string());
@@ -24,7 +24,7 @@ std::vector<std::string> keyFilesIn(const std::string& folder, const std::string
     }
     if (error) {
         throw notSigned(signedPath,
-                        "trusted keys in " + folder + " cannot be read: " + error.message());
+                        "trusted keys in " + directory + " cannot be read: " + error.message());
     }
     std::sort(files.begin(), files.end());
     return files;
@@ -47,12 +47,12 @@ UniqueKey loadUsableKey(const std::string& path,
 std::string requireTrustedSignature(const ImageTrailer& trailer, const std::string& path,
                                     const ImagePurpose& purpose,
                                     const std::function<ContentDigest()>& digest,
-                                    const std::string& folder,
+                                    const std::string& directory,
                                     const std::function<void(const std::string&)>& complain)
 {
     std::optional<ContentDigest> content;
     std::optional<ImageError> refusal;
-    for (const std::string& keyPath : keyFilesIn(folder, path)) {
+    for (const std::string& keyPath : keyFilesIn(directory, path)) {
         const UniqueKey key = loadUsableKey(keyPath, complain);
         if (!key || !namesKey(trailer, keyIdOf(key.get()))) {
             continue;
@@ -67,7 +67,7 @@ std::string requireTrustedSignature(const ImageTrailer& trailer, const std::stri
     }
     throw refusal
         ? *refusal
-        : notSigned(path, "no trusted key with the id " + keyIdText(trailer) + " in " + folder);
+        : notSigned(path, "no trusted key with the id " + keyIdText(trailer) + " in " + directory);
 }
 
 }  // namespace quillon

@@ -8,7 +8,7 @@
 
 namespace quillon {
 
-/// Checks a signature with the key that the trailer names, out of the files "*.pem" of a folder,
+/// Checks a signature with the key that the trailer names, out of the files "*.pem" of a directory,
 /// taken in the order of their names.
 ///
 /// @param path      the file that ends in the trailer, for the errors' lines only
@@ -22,7 +22,7 @@ namespace quillon {
 std::string requireTrustedSignature(const ImageTrailer& trailer, const std::string& path,
                                     const ImagePurpose& purpose,
                                     const std::function<ContentDigest()>& digest,
-                                    const std::string& folder,
+                                    const std::string& directory,
                                     const std::function<void(const std::string&)>& complain);
 
 }  // namespace quillon

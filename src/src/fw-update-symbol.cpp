@@ -566,7 +566,7 @@ std::string FWUpdateSymbol::getBinaryPath(UPDATE_TYPE type)
     if (type == UPDATE_SBOX) {
         return quillon::paths::kSharedFirmware + firmwareName_ + "/" + firmwareName_ + ".bin";
     }
-    // The package's folder bears the package's name, the image inside it the firmware's.
+    // The package's directory bears the package's name, the image inside it the firmware's.
     return quillon::paths::kMountedPackages + empName_ + "/" + firmwareName_ + ".bin";
 }
 

@@ -69,7 +69,7 @@ class FWUpdateSymbol
 {
 public:
     /// A module that is not loaded yet.
-    /// @param libName  name of its library, without folder and ".so"
+    /// @param libName  name of its library, without directory and ".so"
     explicit FWUpdateSymbol(const std::string& libName);
 
     /// Opens "/usr/fwupdate/controls/<name>.so", binds its entries and takes the module's names

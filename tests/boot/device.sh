@@ -2,7 +2,7 @@
 # shellcheck disable=SC2034  # the checks use the names
 # Words for the checks, which run on the booted device as root, each as a process of its own.
 
-device_folder=/boot-test
+device_directory=/boot-test
 stick=/opt/media/USBDriveA
 packages=/opt/usr/apps/appbinarymanager
 controls=/usr/fwupdate/controls
@@ -76,7 +76,7 @@ flashed() { echo "/var/lib/quillon/examples/$1"; }
 # install_module NAME VERSION SPEED EXPECTED_TIME: an example module, running that version, which
 # flashes SPEED bytes in a second.
 install_module() {
-    install -D -m 755 "$device_folder/modules/$1.so" "$controls/$1.so"
+    install -D -m 755 "$device_directory/modules/$1.so" "$controls/$1.so"
     install -d -o quillon -g quillon /var/lib/quillon/examples "$(flashed "$1")"
     rm -f "$(flashed "$1")/firmware.bin"
     echo "$2" | install -o quillon -g quillon -m 644 /dev/stdin "$(flashed "$1")/version"
@@ -84,21 +84,21 @@ install_module() {
     printf 'speed=%s\nexpected_time=%s\n' "$3" "$4" >"/etc/quillon/examples/$1.conf"
 }
 
-make_payload() { head -c "$2" /dev/urandom >"$device_folder/$1.payload"; }
+make_payload() { head -c "$2" /dev/urandom >"$device_directory/$1.payload"; }
 
 # put_on_stick NAME VERSION BYTES
 put_on_stick() {
     make_payload "$1" "$3"
     mkdir -p "$stick"
-    quillon-image build --module "$1" --version "$2" --payload "$device_folder/$1.payload" \
-        --key "$device_folder/keys/image-key.bin" --sign "$device_folder/keys/signing-key.pem" \
+    quillon-image build --module "$1" --version "$2" --payload "$device_directory/$1.payload" \
+        --key "$device_directory/keys/image-key.bin" --sign "$device_directory/keys/signing-key.pem" \
         --stick "$stick"
 }
 
 # put_package NAME VERSION BYTES EXPECTED_TIME
 put_package() {
     make_payload "$1" "$3"
-    quillon-image package --name "${1}emp" --version "$2" --payload "$device_folder/$1.payload" \
+    quillon-image package --name "${1}emp" --version "$2" --payload "$device_directory/$1.payload" \
         --expected-time "$4" --output "$packages/${1}emp.img"
     chown quillon:quillon "$packages/${1}emp.img"
 }
@@ -106,7 +106,7 @@ put_package() {
 # holds_payload NAME VERSION: the component runs the version, byte for byte.
 holds_payload() {
     expect "the version of $1" "$2" "$(cat "$(flashed "$1")/version")"
-    cmp "$device_folder/$1.payload" "$(flashed "$1")/firmware.bin" || fail "$1 holds something else"
+    cmp "$device_directory/$1.payload" "$(flashed "$1")/firmware.bin" || fail "$1 holds something else"
 }
 
 # What quillonctl says, and its exit status in $status.

@@ -2,7 +2,7 @@
 # A Debian root and its life: made once, unpacked anew for each run, booted by systemd-nspawn with
 # systemd as its first process, switched off. Sourced by run, which sets the variables below.
 #
-#   $here    this folder
+#   $here    this directory
 #   $cache   kept between runs: the base root, downloaded archives
 #   $work    this run's own: the root, the console's text
 #   $suite   Debian's release

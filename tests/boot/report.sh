@@ -1,7 +1,7 @@
 # shellcheck shell=bash
 # Tells how the checks end, as TAP. Sourced by run.
 #
-#   $work   this run's own folder
+#   $work   this run's own directory
 
 report_number=0
 report_failed=0

@@ -1,4 +1,4 @@
-// The development kit as its users find it: installed to a folder, without the source tree.
+// The development kit as its users find it: installed to a directory, without the source tree.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -69,11 +69,11 @@ protected:
     {
         std::string pattern = (fs::temp_directory_path() / "dev-kit-XXXXXX").string();
         ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        folder = pattern + "/";
-        kit = folder + "kit";
+        directory = pattern + "/";
+        kit = directory + "kit";
         prefix = kit + INSTALL_PREFIX;
         ASSERT_EQ(shell("DESTDIR=" + kit +
-                        " " CMAKE_PROGRAM " --install " BUILD_FOLDER " --component dev"),
+                        " " CMAKE_PROGRAM " --install " BUILD_DIRECTORY " --component dev"),
                   0)
             << output;
         setenv("PKG_CONFIG_SYSROOT_DIR", kit.c_str(), 1);
@@ -81,18 +81,18 @@ protected:
         setenv("CMAKE_PREFIX_PATH", prefix.c_str(), 1);
     }
 
-    void TearDown() override { fs::remove_all(folder); }
+    void TearDown() override { fs::remove_all(directory); }
 
     int shell(const std::string& command)
     {
         const std::string line =
-            "cd '" + folder + "' && {\n" + command + "\n} >output 2>&1 </dev/null";
+            "cd '" + directory + "' && {\n" + command + "\n} >output 2>&1 </dev/null";
         const int status = std::system(line.c_str());
-        output = readAll(folder + "output");
+        output = readAll(directory + "output");
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
-    /// Configures and builds folder/NAME in folder/NAME/build.
+    /// Configures and builds directory/NAME in directory/NAME/build.
     int build(const std::string& name)
     {
         return shell("cd " + name +
@@ -104,9 +104,9 @@ protected:
     /// kit.
     int buildProgram(const std::string& source, const std::string& target)
     {
-        fs::create_directory(folder + "program");
-        std::ofstream(folder + "program/main.cpp") << source;
-        std::ofstream(folder + "program/CMakeLists.txt")
+        fs::create_directory(directory + "program");
+        std::ofstream(directory + "program/main.cpp") << source;
+        std::ofstream(directory + "program/CMakeLists.txt")
             << "cmake_minimum_required(VERSION 3.25)\n"
                "project(program LANGUAGES CXX)\n"
                "find_package(quillon 0.1 REQUIRED)\n"
@@ -119,7 +119,7 @@ protected:
 
     int buildTemplate()
     {
-        fs::copy(prefix + "/share/quillon/module-template", folder + "lamp",
+        fs::copy(prefix + "/share/quillon/module-template", directory + "lamp",
                  fs::copy_options::recursive);
         return build("lamp");
     }
@@ -130,8 +130,8 @@ protected:
         fs::copy_file(PLATFORM_LIBRARY, prefix + "/" INSTALL_LIBDIR "/" PLATFORM_SONAME);
     }
 
-    std::string folder;
-    std::string kit;     // what would be the root folder
+    std::string directory;
+    std::string kit;     // what would be the root directory
     std::string prefix;  // where the kit is in it
     std::string output;
 };
@@ -147,7 +147,7 @@ TEST_F(DevKit, ItsHeadersCompileAlone)
         ++count;
         const std::string flags = " -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I" + headers;
         const std::string name = entry.path().filename();
-        std::ofstream(folder + "user.c") << "#include \"" + entry.path().string() + "\"\n";
+        std::ofstream(directory + "user.c") << "#include \"" + entry.path().string() + "\"\n";
         EXPECT_EQ(shell(CXX_COMPILER " -std=c++17 -x c++" + flags + " user.c"), 0) << output;
         if (name != "client.h" && name != "app-binary-manager.h") {  // these two are C++
             EXPECT_EQ(shell(C_COMPILER " -std=c11" + flags + " user.c"), 0) << output;
@@ -179,9 +179,9 @@ TEST_F(DevKit, ItsTemplateIsLoadedAsAModule)
 {
     ASSERT_EQ(buildTemplate(), 0) << output;
     fs::create_directories("/usr/fwupdate/controls");
-    fs::copy_file(folder + "lamp/build/lamp.so", "/usr/fwupdate/controls/lamp.so",
+    fs::copy_file(directory + "lamp/build/lamp.so", "/usr/fwupdate/controls/lamp.so",
                   fs::copy_options::overwrite_existing);
-    EXPECT_EQ(shell(BUILD_FOLDER "/bin/quillonctl modules list"), 0) << output;
+    EXPECT_EQ(shell(BUILD_DIRECTORY "/bin/quillonctl modules list"), 0) << output;
     EXPECT_THAT(output, ContainsRegex("lamp +0 +no package"));
 }
 
@@ -192,12 +192,12 @@ TEST_F(DevKit, ItsTemplatesPackageIsTheOneThatTheImageToolMakes)
     }
     const std::string package = prefix + "/share/quillon/module-template/package";
     ASSERT_EQ(
-        shell(BUILD_FOLDER "/bin/quillon-image package --name lampemp --version 1.0 --payload " +
+        shell(BUILD_DIRECTORY "/bin/quillon-image package --name lampemp --version 1.0 --payload " +
               package + "/lamp.bin --expected-time 5 && unsquashfs -d made lampemp.img"),
         0)
         << output;
     EXPECT_EQ(withoutBlanks(readAll(package + "/info.json")),
-              withoutBlanks(readAll(folder + "made/info.json")));
+              withoutBlanks(readAll(directory + "made/info.json")));
 }
 
 TEST_F(DevKit, AClientBuildsByFindPackage)
@@ -209,7 +209,7 @@ TEST_F(DevKit, AClientBuildsByFindPackage)
 
 TEST_F(DevKit, AClientBuildsByPkgConfig)
 {
-    std::ofstream(folder + "client.cpp") << kClient;
+    std::ofstream(directory + "client.cpp") << kClient;
     ASSERT_EQ(shell(CXX_COMPILER " -std=c++17 client.cpp -o client "
                                  "$(pkg-config --cflags --libs quillon-client)"),
               0)
@@ -258,10 +258,10 @@ TEST_F(DevKit, APlatformsMakerHasTheHeadersWithoutTheLibrary)
 
 TEST_F(DevKit, IsNotTakenForANewerOne)
 {
-    fs::create_directory(folder + "newer");
-    std::ofstream(folder + "newer/CMakeLists.txt") << "cmake_minimum_required(VERSION 3.25)\n"
-                                                      "project(newer LANGUAGES NONE)\n"
-                                                      "find_package(quillon 99.0 REQUIRED)\n";
+    fs::create_directory(directory + "newer");
+    std::ofstream(directory + "newer/CMakeLists.txt") << "cmake_minimum_required(VERSION 3.25)\n"
+                                                         "project(newer LANGUAGES NONE)\n"
+                                                         "find_package(quillon 99.0 REQUIRED)\n";
     EXPECT_NE(build("newer"), 0);
     EXPECT_THAT(output, HasSubstr("compatible with requested version \"99.0\""));
 }

@@ -581,15 +581,15 @@ FILE* fopen(const char* path, const char* mode)
 
 DIR* opendir(const char* path)
 {
-    DIR* folder = nullptr;
+    DIR* directory = nullptr;
     if (!fails(kOpendir)) {
         const auto open = next<decltype(opendir)>(kOpendir);
-        folder = hasStandIns ? open(standInFor(path).c_str()) : open(path);
+        directory = hasStandIns ? open(standInFor(path).c_str()) : open(path);
     }
     if (isRecorded(kOpendir)) {
-        recordOpening(kOpendir, quoted(path), folder != nullptr);
+        recordOpening(kOpendir, quoted(path), directory != nullptr);
     }
-    return folder;
+    return directory;
 }
 
 int mkdir(const char* path, mode_t mode) noexcept
@@ -750,12 +750,12 @@ static size_t failToRead(void* data, size_t size, size_t count, FILE* file)
 {
     const int error = errno;
     const int kept = dup(fileno(file));
-    const int folder = open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    dup2(folder, fileno(file));
+    const int directory = open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    dup2(directory, fileno(file));
     const size_t result = next<decltype(fread)>(kFread)(data, size, count, file);
     dup2(kept, fileno(file));
     close(kept);
-    close(folder);
+    close(directory);
     errno = error;
     return result;
 }

@@ -55,14 +55,14 @@ void trace(const char* tag, int value)
 std::vector<std::string> namesIn(const char* path)
 {
     std::vector<std::string> names;
-    DIR* folder = opendir(path);
-    while (const dirent* entry = folder != nullptr ? readdir(folder) : nullptr) {
+    DIR* directory = opendir(path);
+    while (const dirent* entry = directory != nullptr ? readdir(directory) : nullptr) {
         if (entry->d_name[0] != '.') {
             names.emplace_back(entry->d_name);
         }
     }
-    if (folder != nullptr) {
-        closedir(folder);
+    if (directory != nullptr) {
+        closedir(directory);
     }
     return names;
 }
@@ -292,14 +292,14 @@ TEST(RecordingCalls, FailingOpensGiveTheirOwnFailureValue)
     EXPECT_EQ(realpath("/", resolved), nullptr);
 }
 
-TEST(RecordingCalls, AFileAndAFolderMayStandInForOthers)
+TEST(RecordingCalls, AFileAndADirectoryMayStandInForOthers)
 {
-    const std::string folder = "/opt/media/nodes";
-    std::filesystem::create_directories(folder);
-    std::ofstream(folder + "/table") << "first line";
+    const std::string directory = "/opt/media/nodes";
+    std::filesystem::create_directories(directory);
+    std::ofstream(directory + "/table") << "first line";
     recordCalls({"fopen64", "opendir", "mkdir"});
-    openInstead("/proc/mounts", folder + "/table");
-    openInstead("/dev", folder);
+    openInstead("/proc/mounts", directory + "/table");
+    openInstead("/dev", directory);
 
     std::string line;
     std::ifstream table("/proc/mounts");
@@ -313,7 +313,7 @@ TEST(RecordingCalls, AFileAndAFolderMayStandInForOthers)
                             "mkdir(\"/dev/nothing/below\", 0775) = -1"));
 }
 
-TEST(RecordingCalls, OpeningAFileOrAFolderMayFail)
+TEST(RecordingCalls, OpeningAFileOrADirectoryMayFail)
 {
     failCall("fopen64", EMFILE);
     failCall("opendir", EMFILE);

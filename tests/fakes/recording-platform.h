@@ -94,8 +94,8 @@ void recordCalls(std::initializer_list<const char*> names);
 /// @param times  so many fail
 void failCall(const char* name, int error, int times = 1, int skip = 0);
 
-/// Lets fopen64 and opendir open another file or folder when they are asked for this path: a mount
-/// table or a list of devices of the test. The timeline keeps the path that was asked for.
+/// Lets fopen64 and opendir open another file or directory when they are asked for this path: a
+/// mount table or a list of devices of the test. The timeline keeps the path that was asked for.
 void openInstead(const std::string& path, const std::string& standIn);
 
 /// Lets usleep return at once.

@@ -36,7 +36,7 @@ fakes::ModuleBehaviour namedBehaviour(const std::string& name, const Module& mod
 
 void writeFile(const std::string& path, const Bytes& bytes)
 {
-    makeFolder(fs::path(path).parent_path());
+    makeDirectory(fs::path(path).parent_path());
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     file.write(reinterpret_cast<const char*>(bytes.data()),
                static_cast<std::streamsize>(bytes.size()));
@@ -61,7 +61,7 @@ Bytes readFile(const std::string& path)
     return bytes;
 }
 
-void makeFolder(const std::string& path)
+void makeDirectory(const std::string& path)
 {
     fs::create_directories(path);
 }
@@ -74,7 +74,7 @@ int openDescriptors()
 
 Stick::Stick(std::string directory) : directory_(std::move(directory))
 {
-    makeFolder(directory_);
+    makeDirectory(directory_);
 }
 
 std::string Stick::imagePath(const std::string& firmwareName) const

@@ -8,15 +8,15 @@
 
 namespace quillon::test {
 
-/// Writes a file, its folders included. Raises std::runtime_error on failure.
+/// Writes a file, its directories included. Raises std::runtime_error on failure.
 void writeFile(const std::string& path, const Bytes& bytes);
 void writeFile(const std::string& path, const std::string& text);
 
 /// The whole file. Raises std::runtime_error when it cannot be read.
 Bytes readFile(const std::string& path);
 
-/// Makes a folder and those above it.
-void makeFolder(const std::string& path);
+/// Makes a directory and those above it.
+void makeDirectory(const std::string& path);
 
 /// How many files and sockets the process has open.
 int openDescriptors();
@@ -50,7 +50,7 @@ public:
     /// Changes how an installed module behaves.
     void changeModule(const std::string& name, const Module& module);
 
-    /// Puts any file into the module folder, as NAME.so.
+    /// Puts any file into the module directory, as NAME.so.
     void addModuleFile(const std::string& name, const Bytes& bytes);
     std::string modulePath(const std::string& name) const;
 

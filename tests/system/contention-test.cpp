@@ -47,12 +47,12 @@ protected:
         for (const std::string& name : traced()) {
             fs::copy_file(TRACED_MODULE, kModules + name + ".so");
             putImage(name, "2.0", name);
-            const std::string folder = "/lib/firmware/ext/" + name + "/";
-            fs::create_directories(folder);
-            writeAll(folder + name + ".bin", name);
+            const std::string directory = "/lib/firmware/ext/" + name + "/";
+            fs::create_directories(directory);
+            writeAll(directory + name + ".bin", name);
             const unsigned int crc =
                 imageChecksum(0, reinterpret_cast<const unsigned char*>(name.data()), name.size());
-            writeAll(folder + "info.json",
+            writeAll(directory + "info.json",
                      R"({"version":"2.0","crc":)" + std::to_string(crc) + R"(,"expected_time":1})");
         }
     }

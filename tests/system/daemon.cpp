@@ -21,7 +21,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-constexpr const char* kLogFolder = "/var/lib/quillon/system-test";
+constexpr const char* kLogDirectory = "/var/lib/quillon/system-test";
 
 /// One tick of the service is 10 s; sanitizers and a loaded machine add to it.
 constexpr seconds kLongestStop(40);
@@ -47,10 +47,10 @@ constexpr const char* kSanitizerMarks[] = {"ERROR: AddressSanitizer",
     ::_exit(127);
 }
 
-std::size_t countEntries(const std::string& folder)
+std::size_t countEntries(const std::string& directory)
 {
     std::error_code ignored;
-    return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder, ignored), {}));
+    return static_cast<std::size_t>(std::distance(fs::directory_iterator(directory, ignored), {}));
 }
 
 }  // namespace
@@ -75,11 +75,11 @@ Daemon::~Daemon()
 void Daemon::start(mode_t mask)
 {
     ASSERT_EQ(pid_, -1) << "the daemon runs already";
-    fs::create_directories(kLogFolder);
+    fs::create_directories(kLogDirectory);
     fs::remove(kReadyEvent);
     std::ofstream(kLifeMarker).close();
 
-    logPath_ = std::string(kLogFolder) + "/daemon-" + std::to_string(++starts_) + ".log";
+    logPath_ = std::string(kLogDirectory) + "/daemon-" + std::to_string(++starts_) + ".log";
     const int log =
         ::open(logPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600);
     ASSERT_NE(log, -1);

@@ -36,7 +36,7 @@ std::string replaced(std::string text, const std::string& what, const std::strin
     return text;
 }
 
-/// A folder as the page's reader has it: keys, the built service, the module.
+/// A directory as the page's reader has it: keys, the built service, the module.
 class IntegrationPage : public ::testing::Test
 {
 protected:
@@ -44,43 +44,43 @@ protected:
     {
         std::string pattern = (fs::temp_directory_path() / "integration-XXXXXX").string();
         ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        folder = pattern + "/";
-        fs::create_directories(folder + "build-device/bin");
-        fs::create_directories(folder + "build-device/lib");
-        fs::create_directories(folder + "lamp/build");
-        fs::create_symlink(SERVICE_PROGRAM, folder + "build-device/bin/quillon-service");
+        directory = pattern + "/";
+        fs::create_directories(directory + "build-device/bin");
+        fs::create_directories(directory + "build-device/lib");
+        fs::create_directories(directory + "lamp/build");
+        fs::create_symlink(SERVICE_PROGRAM, directory + "build-device/bin/quillon-service");
         for (const char* tool : {"quillon-image", "quillonctl"}) {
-            fs::create_symlink(BUILD_FOLDER "/bin/" + std::string(tool),
-                               folder + "build-device/bin/" + tool);
+            fs::create_symlink(BUILD_DIRECTORY "/bin/" + std::string(tool),
+                               directory + "build-device/bin/" + tool);
         }
-        fs::create_symlink(VERIFIER_LIBRARY, folder + "build-device/lib/libkUEPUser.so");
-        fs::create_symlink(LAMP_MODULE, folder + "lamp/build/lamp.so");
-        fs::create_symlink(SOURCE_FOLDER "/examples/module-template/package",
-                           folder + "lamp/package");
-        fs::create_symlink(fs::path(keyPath("a", kImageKeyFile)).parent_path(), folder + "keys");
-        writeAll(folder + "try.sh", blockWith(readAll(SOURCE_FOLDER "/docs/integration.md"),
-                                              "What the factory does."));
+        fs::create_symlink(VERIFIER_LIBRARY, directory + "build-device/lib/libkUEPUser.so");
+        fs::create_symlink(LAMP_MODULE, directory + "lamp/build/lamp.so");
+        fs::create_symlink(SOURCE_DIRECTORY "/examples/module-template/package",
+                           directory + "lamp/package");
+        fs::create_symlink(fs::path(keyPath("a", kImageKeyFile)).parent_path(), directory + "keys");
+        writeAll(directory + "try.sh", blockWith(readAll(SOURCE_DIRECTORY "/docs/integration.md"),
+                                                 "What the factory does."));
     }
 
-    void TearDown() override { fs::remove_all(folder); }
+    void TearDown() override { fs::remove_all(directory); }
 
     int shell(const std::string& command)
     {
         const std::string line =
-            "cd '" + folder + "' && {\n" + command + "\n} >output 2>&1 </dev/null";
+            "cd '" + directory + "' && {\n" + command + "\n} >output 2>&1 </dev/null";
         const int status = std::system(line.c_str());
-        output = readAll(folder + "output");
+        output = readAll(directory + "output");
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
-    std::string folder;
+    std::string directory;
     std::string output;
 };
 
 TEST_F(IntegrationPage, ItsVirtualDeviceIsUpdatedAndEndsInOrder)
 {
     // The test is on a device of its own already, so the script runs as it is.
-    EXPECT_EQ(shell("sh try.sh"), 0) << output << readAll(folder + "service.log");
+    EXPECT_EQ(shell("sh try.sh"), 0) << output << readAll(directory + "service.log");
     EXPECT_THAT(output, HasSubstr("The update finished after "));
     EXPECT_THAT(
         output,
@@ -93,16 +93,16 @@ TEST_F(IntegrationPage, ItsInitScriptStartsTheServiceAndEndsItInOrder)
     if (shell("command -v start-stop-daemon mountpoint") != 0) {
         GTEST_SKIP() << "start-stop-daemon or mountpoint is not installed";
     }
-    std::string script = readAll(SOURCE_FOLDER "/examples/platform/quillon.init");
-    script =
-        replaced(script, "/usr/sbin/quillon-service", folder + "build-device/bin/quillon-service");
+    std::string script = readAll(SOURCE_DIRECTORY "/examples/platform/quillon.init");
+    script = replaced(script, "/usr/sbin/quillon-service",
+                      directory + "build-device/bin/quillon-service");
     for (const char* place : {"/var/log/", "/run/quillon-service"}) {
         ASSERT_THAT(script, HasSubstr(place));
-        script = replaced(script, place, folder + fs::path(place).filename().string());
+        script = replaced(script, place, directory + fs::path(place).filename().string());
     }
-    writeAll(folder + "quillon", script);
+    writeAll(directory + "quillon", script);
     fs::create_directories(DEVICE_KEYS);
-    fs::copy_file(folder + "keys/image-key.bin", kKeyFile);
+    fs::copy_file(directory + "keys/image-key.bin", kKeyFile);
 
     ASSERT_EQ(shell("sh quillon start"), 0) << output;
     ASSERT_EQ(shell("for i in $(seq 100); do [ -e /tmp/.fw_service_ready_usb ] && exit; sleep 0.1; "
@@ -111,7 +111,7 @@ TEST_F(IntegrationPage, ItsInitScriptStartsTheServiceAndEndsItInOrder)
     EXPECT_EQ(shell("build-device/bin/quillonctl progress"), 0) << output;
     EXPECT_EQ(shell("sh quillon stop"), 0) << output;
 
-    EXPECT_THAT(readAll(folder + "quillon.log"), HasSubstr("firmware_control_task thread stop"));
+    EXPECT_THAT(readAll(directory + "quillon.log"), HasSubstr("firmware_control_task thread stop"));
     EXPECT_NE(shell("build-device/bin/quillonctl progress"), 0) << "the service has ended";
     EXPECT_FALSE(fs::exists("/tmp/.fw_service_ready_usb"));
 }

@@ -15,9 +15,9 @@ using std::chrono::milliseconds;
 std::set<std::string> leftovers()
 {
     std::set<std::string> found;
-    for (const char* folder : {"/dev/mqueue", "/var/lib/quillon/examples", "/usr/fwupdate",
-                               "/opt/media", "/var/lib/quillon/secure-storage"}) {
-        for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder)) {
+    for (const char* directory : {"/dev/mqueue", "/var/lib/quillon/examples", "/usr/fwupdate",
+                                  "/opt/media", "/var/lib/quillon/secure-storage"}) {
+        for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
             found.insert(entry.path());
         }
     }

@@ -33,7 +33,7 @@ protected:
         fs::permissions(kSecret, fs::perms(0600));
     }
 
-    /// Packs the folder `content_` and mounts what has come out.
+    /// Packs the directory `content_` and mounts what has come out.
     void mountContent()
     {
         const std::string type = GetParam();
@@ -66,7 +66,7 @@ TEST_P(PackageConfinement, FollowsNoLinkWhereverItLeads)
     fs::create_symlink("../../../../../../../../../.." + std::string(kSecret),
                        content_ + "/climbing");
     fs::create_symlink("/dev/zero", content_ + "/endless");
-    fs::create_directory_symlink(fs::path(kSecret).parent_path(), content_ + "/folder");
+    fs::create_directory_symlink(fs::path(kSecret).parent_path(), content_ + "/directory");
     std::ofstream(content_ + "/own") << "of the package";
     ASSERT_NO_FATAL_FAILURE(mountContent());
 
@@ -74,7 +74,7 @@ TEST_P(PackageConfinement, FollowsNoLinkWhereverItLeads)
     EXPECT_EQ(readingOf("absolute"), ELOOP);
     EXPECT_EQ(readingOf("climbing"), ELOOP);
     EXPECT_EQ(readingOf("endless"), ELOOP);
-    EXPECT_EQ(readingOf("folder/secret"), ELOOP);
+    EXPECT_EQ(readingOf("directory/secret"), ELOOP);
 }
 
 TEST_P(PackageConfinement, HoldsNoProgramThatCanBeStarted)

@@ -77,7 +77,7 @@ protected:
         return fs::exists(imageOf(module + "emp"));
     }
 
-    static std::vector<std::string> mountedPackages() { return mounts(kMountFolder); }
+    static std::vector<std::string> mountedPackages() { return mounts(kMountDirectory); }
 
     static void expectFlashed(const std::string& module)
     {
@@ -286,7 +286,7 @@ TEST_F(PackageUpdate, ByAnOrdinaryUserBesideADaemonOfThatUserNeedsTheHelperOnly)
     Modules::installModule("tuner");
     addPackage("tuner", 1);
     std::ofstream{kLabellingReady};
-    // The package folder and what the modules flash into are that user's; nothing else is.
+    // The package directory and what the modules flash into are that user's; nothing else is.
     ASSERT_EQ(std::system("chown -R 1234:2345 /opt/usr/apps/appbinarymanager /var/lib/quillon"), 0);
 
     constexpr int kNotReady = 100;

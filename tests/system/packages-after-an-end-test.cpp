@@ -51,7 +51,7 @@ protected:
             imageOf(name + "emp"));
     }
 
-    static std::vector<std::string> mountedPackages() { return mounts(kMountFolder); }
+    static std::vector<std::string> mountedPackages() { return mounts(kMountDirectory); }
     static std::vector<std::string> powerLog()
     {
         return linesOf("/tmp/quillon-test-power.log", "");

@@ -60,7 +60,7 @@ std::vector<std::string> devices()
 /// What a client of another user gets, as an exit status: the result, or 200 without an answer.
 int umountNothing()
 {
-    return askBare(Kind::kUnmount, std::string(kMountFolder) + "nothing").value_or(200);
+    return askBare(Kind::kUnmount, std::string(kMountDirectory) + "nothing").value_or(200);
 }
 
 bool isWayInPlace()
@@ -235,7 +235,7 @@ TEST_F(PackageMount, IsServedToSeveralClientsAtATime)
     for (std::thread& client : clients) {
         client.join();
     }
-    EXPECT_THAT(mounts(kMountFolder), IsEmpty());
+    EXPECT_THAT(mounts(kMountDirectory), IsEmpty());
 }
 
 // What is not a package.
@@ -282,17 +282,17 @@ TEST_F(PackageMount, RefusesAnImageThatIsALink)
     fs::create_symlink(kOutside, imageOf(name));
     helper.startAndWait();
     EXPECT_EQ(mountPackage(name), answered(EINVAL));
-    EXPECT_THAT(mounts(kMountFolder), IsEmpty());
+    EXPECT_THAT(mounts(kMountDirectory), IsEmpty());
 }
 
 TEST_F(PackageMount, RefusesAnImageWithASecondName)
 {
     const std::string name = unique("alpha");
     addSquashfs(name);
-    fs::create_hard_link(imageOf(name), kPackageFolder + ("." + name));
+    fs::create_hard_link(imageOf(name), kPackageDirectory + ("." + name));
     helper.startAndWait();
     EXPECT_EQ(mountPackage(name), answered(EMLINK));
-    fs::remove(kPackageFolder + ("." + name));
+    fs::remove(kPackageDirectory + ("." + name));
     EXPECT_EQ(mountPackage(name), kDone) << helper.log();
 }
 
@@ -325,7 +325,7 @@ TEST_F(PackageMount, WaitsForNobodyWhoHasALeaseOnTheImage)
     EXPECT_EQ(mountPackage(name), kDone) << helper.log();
 }
 
-TEST_F(PackageMount, RefusesAMountPointThatIsALinkOrNoFolder)
+TEST_F(PackageMount, RefusesAMountPointThatIsALinkOrNoDirectory)
 {
     const std::string name = unique("alpha");
     const std::string elsewhere = "/var/lib/quillon/elsewhere";
@@ -346,20 +346,20 @@ TEST_F(PackageMount, RefusesAMountPointThatIsALinkOrNoFolder)
 TEST_F(PackageMount, RefusesALinkAnywhereOnTheWay)
 {
     if (isWayInPlace()) {
-        GTEST_SKIP() << "would move folders of the machine itself";
+        GTEST_SKIP() << "would move directories of the machine itself";
     }
     const std::string name = unique("alpha");
     addSquashfs(name);
     helper.startAndWait();
-    for (const char* folder : {"/opt/usr/apps", "/opt/usr"}) {
-        const std::string moved = std::string(folder) + "-moved";
-        fs::rename(folder, moved);
-        fs::create_directory_symlink(moved, folder);
+    for (const char* directory : {"/opt/usr/apps", "/opt/usr"}) {
+        const std::string moved = std::string(directory) + "-moved";
+        fs::rename(directory, moved);
+        fs::create_directory_symlink(moved, directory);
         ASSERT_TRUE(fs::exists(imageOf(name)));
-        EXPECT_EQ(mountPackage(name), answered(ENOTDIR)) << folder;
-        EXPECT_EQ(unmountPackage(name), answered(ENOTDIR)) << folder;
-        fs::remove(folder);
-        fs::rename(moved, folder);
+        EXPECT_EQ(mountPackage(name), answered(ENOTDIR)) << directory;
+        EXPECT_EQ(unmountPackage(name), answered(ENOTDIR)) << directory;
+        fs::remove(directory);
+        fs::rename(moved, directory);
     }
     EXPECT_EQ(mountPackage(name), kDone) << helper.log();
 }
@@ -372,7 +372,7 @@ TEST_F(PackageMount, MountsNothingElseHoweverFastTheImageIsSwapped)
     addSquashfs(name, "inside");
     helper.startAndWait();
 
-    const std::string link = kPackageFolder + std::string("link");
+    const std::string link = kPackageDirectory + std::string("link");
     fs::create_symlink(kOutside, link);
     std::atomic<bool> done{false};
     std::thread swapper([&] {
@@ -406,7 +406,7 @@ TEST_F(PackageMount, MountsNowhereElseHoweverFastTheMountPointIsSwapped)
 {
     const std::string name = unique("alpha");
     const std::string elsewhere = "/var/lib/quillon/elsewhere";
-    const std::string link = kMountFolder + std::string("link");
+    const std::string link = kMountDirectory + std::string("link");
     addSquashfs(name);
     fs::create_directories(elsewhere);
     fs::create_directory_symlink(elsewhere, link);
@@ -451,21 +451,21 @@ TEST_F(PackageMount, UnmountsOnlyWhatComesFromALoopDevice)
     EXPECT_THAT(mounts(mountPointOf(name)), SizeIs(1));
 }
 
-TEST_F(PackageMount, TakesAFolderThatLiesOnALoopDeviceForNoMount)
+TEST_F(PackageMount, TakesADirectoryThatLiesOnALoopDeviceForNoMount)
 {
     const std::string name = unique("alpha");
-    const std::string folders = "/var/lib/quillon/folders";
+    const std::string directories = "/var/lib/quillon/directories";
     addSquashfs(name, "inside");
-    fs::create_directories(folders + "/content/" + name);
-    run("mke2fs -q -F -t ext4 -d " + folders + "/content " + folders + "/image 2M");
-    run("mount -o ro,loop " + folders + "/image " + kMountFolder);
+    fs::create_directories(directories + "/content/" + name);
+    run("mke2fs -q -F -t ext4 -d " + directories + "/content " + directories + "/image 2M");
+    run("mount -o ro,loop " + directories + "/image " + kMountDirectory);
     helper.startAndWait();
     EXPECT_EQ(unmountPackage(name), answered(EINVAL));
     EXPECT_EQ(mountPackage(name), kDone) << helper.log();
     EXPECT_EQ(contentOf(name), "inside");
     EXPECT_EQ(unmountPackage(name), kDone) << helper.log();
     EXPECT_EQ(unmountPackage(name), answered(EINVAL));
-    run(std::string("umount ") + kMountFolder);
+    run(std::string("umount ") + kMountDirectory);
 }
 
 TEST_F(PackageMount, UnmountsNothingBehindALink)

@@ -27,7 +27,7 @@ namespace quillon::test {
 
 namespace {
 
-constexpr const char* kLogFolder = "/var/lib/quillon/privileged-test/";
+constexpr const char* kLogDirectory = "/var/lib/quillon/privileged-test/";
 constexpr int kBufferSize = 1024;
 
 /// @return a connection to the helper, -1 when there is none
@@ -52,12 +52,12 @@ std::string contentOfFile(const std::string& path)
     return content.str();
 }
 
-std::string oneFileFolder(const std::string& name, const std::string& content)
+std::string oneFileDirectory(const std::string& name, const std::string& content)
 {
-    const std::string folder = std::string(kLogFolder) + "content-" + name;
-    fs::create_directories(folder);
-    std::ofstream(folder + "/name") << (content.empty() ? name : content);
-    return folder;
+    const std::string directory = std::string(kLogDirectory) + "content-" + name;
+    fs::create_directories(directory);
+    std::ofstream(directory + "/name") << (content.empty() ? name : content);
+    return directory;
 }
 
 bool runs(const std::string& command)
@@ -71,7 +71,7 @@ std::string whyNoLoopMounts()
     if (!runs("command -v mksquashfs") || !runs("command -v mke2fs")) {
         return "mksquashfs or mke2fs is missing";
     }
-    const std::string place = std::string(kLogFolder) + "probe";
+    const std::string place = std::string(kLogDirectory) + "probe";
     const std::string image = place + ".img";
     fs::create_directories(place);
     if (!runs("mksquashfs " + place + " " + image + " -quiet")) {
@@ -101,8 +101,8 @@ void Helper::start(const std::vector<std::string>& options, const std::function<
 {
     static int starts = 0;
     ASSERT_EQ(pid_, -1) << "it runs already";
-    fs::create_directories(kLogFolder);
-    logPath_ = kLogFolder + std::to_string(++starts) + ".log";
+    fs::create_directories(kLogDirectory);
+    logPath_ = kLogDirectory + std::to_string(++starts) + ".log";
     pid_ = ::fork();
     ASSERT_NE(pid_, -1);
     if (pid_ > 0) {
@@ -163,8 +163,8 @@ Outcome mountPackage(const std::string& name, const std::string& directory)
 {
     Outcome outcome;
     char request[kBufferSize] = {};
-    const std::string text = "-o ro,loop,nodev,nosuid " + std::string(kPackageFolder) + name +
-                             ".img " + kMountFolder + directory;
+    const std::string text = "-o ro,loop,nodev,nosuid " + std::string(kPackageDirectory) + name +
+                             ".img " + kMountDirectory + directory;
     text.copy(request, sizeof request - 1);
     outcome.returned = PS_Mount(request, kBufferSize, 0, &outcome.result);
     return outcome;
@@ -178,7 +178,7 @@ Outcome mountPackage(const std::string& name)
 Outcome unmountPackage(const std::string& directory)
 {
     Outcome outcome;
-    const std::string path = kMountFolder + directory;
+    const std::string path = kMountDirectory + directory;
     outcome.returned = PS_Umount(path.c_str(), static_cast<int>(path.size()), 0, &outcome.result);
     return outcome;
 }
@@ -226,13 +226,13 @@ void PrivilegedHelper::SetUp()
     if (::geteuid() != 0) {
         GTEST_SKIP() << "the helper needs root";
     }
-    fs::create_directories(kMountFolder);
-    fs::create_directories(kLogFolder);
+    fs::create_directories(kMountDirectory);
+    fs::create_directories(kLogDirectory);
 }
 
 void PrivilegedHelper::TearDown()
 {
-    for (const std::string& line : mounts(kMountFolder)) {
+    for (const std::string& line : mounts(kMountDirectory)) {
         const std::size_t start = line.find(' ') + 1;
         ::umount2(line.substr(start, line.find(' ', start) - start).c_str(), MNT_DETACH);
     }
@@ -241,13 +241,14 @@ void PrivilegedHelper::TearDown()
 void PrivilegedHelper::addSquashfs(const std::string& name, const std::string& content)
 {
     fs::create_directories(mountPointOf(name));
-    run("mksquashfs " + oneFileFolder(name, content) + " " + imageOf(name) + " -noappend -quiet");
+    run("mksquashfs " + oneFileDirectory(name, content) + " " + imageOf(name) +
+        " -noappend -quiet");
 }
 
 void PrivilegedHelper::addExt4(const std::string& name, const std::string& content)
 {
     fs::create_directories(mountPointOf(name));
-    run("mke2fs -q -F -t ext4 -d " + oneFileFolder(name, content) + " " + imageOf(name) + " 2M");
+    run("mke2fs -q -F -t ext4 -d " + oneFileDirectory(name, content) + " " + imageOf(name) + " 2M");
 }
 
 std::string PrivilegedHelper::contentOf(const std::string& directory)
@@ -263,12 +264,12 @@ std::string PrivilegedHelper::unique(const std::string& name)
 
 std::string PrivilegedHelper::imageOf(const std::string& name)
 {
-    return kPackageFolder + name + ".img";
+    return kPackageDirectory + name + ".img";
 }
 
 std::string PrivilegedHelper::mountPointOf(const std::string& name)
 {
-    return kMountFolder + name;
+    return kMountDirectory + name;
 }
 
 std::vector<std::string> PrivilegedHelper::mounts(const std::string& text)

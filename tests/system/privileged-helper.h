@@ -13,8 +13,8 @@
 
 namespace quillon::test {
 
-constexpr const char* kPackageFolder = "/opt/usr/apps/appbinarymanager/";
-constexpr const char* kMountFolder = "/opt/usr/apps/appbinarymanager/emps/";
+constexpr const char* kPackageDirectory = "/opt/usr/apps/appbinarymanager/";
+constexpr const char* kMountDirectory = "/opt/usr/apps/appbinarymanager/emps/";
 
 /// The real quillon-privileged as a child process. Its standard error goes to a file.
 class Helper

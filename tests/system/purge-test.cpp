@@ -39,9 +39,9 @@ protected:
             putProgram(program, "exit 1");
         }
         fs::create_directories(kElsewhere);
-        for (const char* folder : {kPackageFolder, kMountFolder}) {
-            ASSERT_EQ(::chown(folder, 0, kGroup), 0);
-            fs::permissions(folder, fs::perms(02775));
+        for (const char* directory : {kPackageDirectory, kMountDirectory}) {
+            ASSERT_EQ(::chown(directory, 0, kGroup), 0);
+            fs::permissions(directory, fs::perms(02775));
         }
         foreign_ = unique("foreign");
         addSquashfs(foreign_, "foreign");
@@ -108,11 +108,12 @@ TEST_F(Purge, UnmountsNothingBehindALinkThatAMemberHasPutThere)
     EXPECT_FALSE(fs::is_symlink(link));
 }
 
-TEST_F(Purge, UnmountsNothingBehindALinkInTheFoldersPlace)
+TEST_F(Purge, UnmountsNothingBehindALinkInTheDirectoriesPlace)
 {
-    fs::remove_all(kMountFolder);
-    const std::string folder = std::string(kMountFolder).substr(0, std::strlen(kMountFolder) - 1);
-    ASSERT_EQ(::symlink("/var/lib/quillon", folder.c_str()), 0);
+    fs::remove_all(kMountDirectory);
+    const std::string directory =
+        std::string(kMountDirectory).substr(0, std::strlen(kMountDirectory) - 1);
+    ASSERT_EQ(::symlink("/var/lib/quillon", directory.c_str()), 0);
 
     purge();
 

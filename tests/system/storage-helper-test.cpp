@@ -27,7 +27,7 @@ using testing::Not;
 namespace quillon::test {
 namespace {
 
-constexpr char kFolder[] = "/var/lib/quillon/secure-storage";
+constexpr char kDirectory[] = "/var/lib/quillon/secure-storage";
 constexpr char kLog[] = "/var/lib/quillon/storage-helper.log";
 constexpr char kOutput[] = "/var/lib/quillon/storage-helper.out";
 constexpr uid_t kUser = 1234;
@@ -92,22 +92,22 @@ protected:
     void SetUp() override
     {
         unsetenv("JOURNAL_STREAM");
-        fs::create_directories(kFolder);
-        fs::permissions(kFolder, fs::perms(0700));
+        fs::create_directories(kDirectory);
+        fs::permissions(kDirectory, fs::perms(0700));
         trustProvisioning("a");
     }
 
     void TearDown() override
     {
-        fs::remove_all(kFolder);
+        fs::remove_all(kDirectory);
         fs::remove(kLog);
         fs::remove(kOutput);
     }
 
     void store(const std::string& item, const std::string& bytes)
     {
-        writeAll(std::string(kFolder) + "/" + item, bytes);
-        fs::permissions(std::string(kFolder) + "/" + item, fs::perms(0600));
+        writeAll(std::string(kDirectory) + "/" + item, bytes);
+        fs::permissions(std::string(kDirectory) + "/" + item, fs::perms(0600));
     }
 
     Listener::Serve helperWith(const std::vector<std::string>& options)
@@ -163,7 +163,7 @@ TEST_F(StorageHelper, ProvisionsAUserWhoCanReachNothingByHimself)
     const std::string key = readAll(keyPath("a", kImageKeyFile));
     EXPECT_EQ(asUser([&key] { return readItem("quillon") == key ? 0 : 1; }), 0);
     EXPECT_EQ(asUser([&package] { return sdp_install_from_file(package.c_str(), 2, 0); }), 2);
-    EXPECT_EQ(asUser([] { return access(kFolder, X_OK) == 0 ? 1 : 0; }), 0);
+    EXPECT_EQ(asUser([] { return access(kDirectory, X_OK) == 0 ? 1 : 0; }), 0);
     fs::remove(package);
 }
 

@@ -1,4 +1,4 @@
-// Images that change between the verifier's look and the reading, in a folder of an ordinary
+// Images that change between the verifier's look and the reading, in a directory of an ordinary
 // user's.
 
 #include <fcntl.h>
@@ -21,7 +21,7 @@ namespace quillon::test {
 namespace {
 
 constexpr uid_t kNobody = 65534;
-constexpr const char* kFolder = "/tmp/attacker/";
+constexpr const char* kDirectory = "/tmp/attacker/";
 constexpr const char* kImage = "/tmp/attacker/alpha.bin";
 
 /// Waits until whoever opened the file first for reading only has closed it: the verifier.
@@ -73,7 +73,7 @@ private:
 };
 
 /// One module, "alpha", that is asked for its context long enough after the verification for the
-/// attack to come between; a signed image of version "1.0" in the attacker's folder.
+/// attack to come between; a signed image of version "1.0" in the attacker's directory.
 class SwappedImages : public SystemTest
 {
 protected:
@@ -86,12 +86,12 @@ protected:
         installTestModule("alpha",
                           "need=1\nseconds=5\nsetContext.delay_ms=500\n"
                           "capture=/var/lib/quillon/alpha.payload\n");
-        fs::create_directory(kFolder);
+        fs::create_directory(kDirectory);
         makeImage(kImage, "a", "1.0", randomBytes(3U << 20U, 7));
-        ASSERT_EQ(chown(kFolder, kNobody, kNobody), 0);
+        ASSERT_EQ(chown(kDirectory, kNobody, kNobody), 0);
         ASSERT_EQ(chown(kImage, kNobody, kNobody), 0);
         startDaemon();
-        ASSERT_TRUE(channel->setPath(std::string(kFolder) + std::string(114, '/')));
+        ASSERT_TRUE(channel->setPath(std::string(kDirectory) + std::string(114, '/')));
     }
 
     /// That neither the estimate nor a run shows the plug-in anything of it.

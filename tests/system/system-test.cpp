@@ -14,11 +14,11 @@ namespace fs = std::filesystem;
 namespace quillon::test {
 namespace {
 
-constexpr const char* kKeyFolder = "/var/lib/quillon/secure-storage";
+constexpr const char* kKeyDirectory = "/var/lib/quillon/secure-storage";
 constexpr const char* kTestSettings = "/etc/quillon-test/";
 constexpr const char* kSettings = "/etc/quillon/examples/";
 
-std::string moduleFolder(const std::string& name)
+std::string moduleDirectory(const std::string& name)
 {
     return "/var/lib/quillon/examples/" + name + "/";
 }
@@ -55,9 +55,9 @@ void SystemTest::installModule(const std::string& name)
     fs::copy_file(std::string(EXAMPLE_MODULES) + "/" + name + ".so", kModules + name + ".so",
                   fs::copy_options::overwrite_existing);
     setModule(name, 0, 5);
-    fs::create_directories(moduleFolder(name));
-    writeAll(moduleFolder(name) + "version", "1.0");
-    writeAll(moduleFolder(name) + "firmware.bin", "as delivered");
+    fs::create_directories(moduleDirectory(name));
+    writeAll(moduleDirectory(name) + "version", "1.0");
+    writeAll(moduleDirectory(name) + "firmware.bin", "as delivered");
 }
 
 void SystemTest::removeModule(const std::string& name)
@@ -86,27 +86,27 @@ void SystemTest::setModule(const std::string& name, long bytesPerSecond, int exp
 
 std::string SystemTest::flashed(const std::string& name)
 {
-    return readAll(moduleFolder(name) + "firmware.bin");
+    return readAll(moduleDirectory(name) + "firmware.bin");
 }
 
 std::string SystemTest::version(const std::string& name)
 {
-    const std::string text = readAll(moduleFolder(name) + "version");
+    const std::string text = readAll(moduleDirectory(name) + "version");
     return text.substr(0, text.find('\n'));
 }
 
 void SystemTest::storeKey(const std::string& maker)
 {
-    fs::create_directories(kKeyFolder);
-    const std::string item = std::string(kKeyFolder) + "/quillon";
+    fs::create_directories(kKeyDirectory);
+    const std::string item = std::string(kKeyDirectory) + "/quillon";
     fs::copy_file(keyPath(maker, kImageKeyFile), item, fs::copy_options::overwrite_existing);
-    ::chmod(kKeyFolder, 0700);
+    ::chmod(kKeyDirectory, 0700);
     ::chmod(item.c_str(), 0600);
 }
 
 void SystemTest::removeKey()
 {
-    fs::remove_all(kKeyFolder);
+    fs::remove_all(kKeyDirectory);
 }
 
 void SystemTest::removeVerifier()

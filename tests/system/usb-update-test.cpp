@@ -30,12 +30,12 @@ std::vector<std::string> orderOf(const Daemon& daemon)
     return names;
 }
 
-/// Makes every flash of a module fail: its folder is a file.
+/// Makes every flash of a module fail: its directory is a file.
 void breakModule(const std::string& name)
 {
-    const std::string folder = "/var/lib/quillon/examples/" + name;
-    fs::remove_all(folder);
-    writeAll(folder, "broken");
+    const std::string directory = "/var/lib/quillon/examples/" + name;
+    fs::remove_all(directory);
+    writeAll(directory, "broken");
 }
 
 class UsbUpdate : public SystemTest

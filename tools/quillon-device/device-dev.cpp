@@ -58,7 +58,7 @@ void addLoopDevices(int hostDev)
     }
 }
 
-void addFolder(const char* path)
+void addDirectory(const char* path)
 {
     if (::mkdir(path, 0755) != 0) {
         failWithErrno(path);
@@ -74,7 +74,7 @@ void addLink(const char* target, const char* path)
 
 void addTerminals(int hostDev)
 {
-    addFolder("/dev/pts");
+    addDirectory("/dev/pts");
     if (::mount("devpts", "/dev/pts", "devpts", MS_NOSUID | MS_NOEXEC,
                 "newinstance,ptmxmode=0666,mode=0620") != 0) {
         const std::string source = "/proc/self/fd/" + std::to_string(hostDev) + "/pts";
@@ -117,11 +117,11 @@ void fillDev(int hostDev)
     addLink("/proc/self/fd/0", "/dev/stdin");
     addLink("/proc/self/fd/1", "/dev/stdout");
     addLink("/proc/self/fd/2", "/dev/stderr");
-    addFolder("/dev/shm");
+    addDirectory("/dev/shm");
     if (::mount("tmpfs", "/dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777") != 0) {
         failWithErrno("mount tmpfs on /dev/shm");
     }
-    addFolder("/dev/mqueue");
+    addDirectory("/dev/mqueue");
     if (::mount("mqueue", "/dev/mqueue", "mqueue", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) !=
         0) {
         failWithErrno("mount mqueue on /dev/mqueue");

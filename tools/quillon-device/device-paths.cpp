@@ -10,18 +10,18 @@ namespace quillon::device {
 namespace {
 
 /// False on a merged-/usr system, where /lib is a link to usr/lib.
-bool hasOwnLibFolder()
+bool hasOwnLibDirectory()
 {
     std::error_code ignored;
     return fs::is_directory(fs::symlink_status("/lib", ignored));
 }
 
-std::vector<std::string> existingFolders(const std::vector<std::string>& folders)
+std::vector<std::string> existingDirectories(const std::vector<std::string>& directories)
 {
     std::vector<std::string> existing;
-    for (const std::string& folder : folders) {
+    for (const std::string& directory : directories) {
         std::error_code ignored;
-        const std::string real = resolved(folder);
+        const std::string real = resolved(directory);
         if (fs::is_directory(real, ignored) &&
             std::find(existing.begin(), existing.end(), real) == existing.end()) {
             existing.push_back(real);
@@ -32,12 +32,12 @@ std::vector<std::string> existingFolders(const std::vector<std::string>& folders
 
 }  // namespace
 
-std::vector<std::string> serviceFolders()
+std::vector<std::string> serviceDirectories()
 {
-    std::vector<std::string> folders = {
+    std::vector<std::string> directories = {
         "/usr/fwupdate/controls",
         "/opt/media",
-        "/opt/usr/apps/appbinarymanager",  // emptied first, then given its folder for mounts
+        "/opt/usr/apps/appbinarymanager",  // emptied first, then given its directory for mounts
         "/opt/usr/apps/appbinarymanager/emps",
         "/opt/usr/share/sbox",
         "/usr/lib/firmware/ext",
@@ -48,17 +48,17 @@ std::vector<std::string> serviceFolders()
         "/etc/quillon/provisioning-certificates",
         "/run/quillon",
     };
-    if (hasOwnLibFolder()) {
-        folders.emplace_back("/lib/firmware/ext");
+    if (hasOwnLibDirectory()) {
+        directories.emplace_back("/lib/firmware/ext");
     }
-    return folders;
+    return directories;
 }
 
-bool holdsFiles(const std::string& folder)
+bool holdsFiles(const std::string& directory)
 {
     std::error_code ignored;
     const fs::recursive_directory_iterator entries(
-        folder, fs::directory_options::skip_permission_denied, ignored);
+        directory, fs::directory_options::skip_permission_denied, ignored);
     return std::any_of(begin(entries), end(entries),
                        [](const fs::directory_entry& entry) { return !entry.is_directory(); });
 }
@@ -72,23 +72,23 @@ std::vector<std::string> serviceFiles()
     };
 }
 
-std::vector<std::string> hostServiceFolders()
+std::vector<std::string> hostServiceDirectories()
 {
-    return existingFolders({"/run/lock", "/run/dbus", "/run/systemd/journal"});
+    return existingDirectories({"/run/lock", "/run/dbus", "/run/systemd/journal"});
 }
 
 std::vector<std::string> privateTops()
 {
     std::vector<std::string> tops = {"/usr", "/etc", "/opt", "/var", "/tmp", "/run"};
-    if (hasOwnLibFolder()) {
+    if (hasOwnLibDirectory()) {
         tops.emplace_back("/lib");
     }
-    return existingFolders(tops);
+    return existingDirectories(tops);
 }
 
-std::vector<std::string> scratchFolders()
+std::vector<std::string> scratchDirectories()
 {
-    return existingFolders({"/var/tmp", "/run/lock", "/var/lib/systemd"});
+    return existingDirectories({"/var/tmp", "/run/lock", "/var/lib/systemd"});
 }
 
 std::string hostSealingKey()
@@ -98,21 +98,21 @@ std::string hostSealingKey()
 
 bool staysOutside(const std::string& directory)
 {
-    std::vector<std::string> anew = serviceFolders();
-    const std::vector<std::string> hostFolders = hostServiceFolders();
-    anew.insert(anew.end(), hostFolders.begin(), hostFolders.end());
+    std::vector<std::string> anew = serviceDirectories();
+    const std::vector<std::string> hostDirectories = hostServiceDirectories();
+    anew.insert(anew.end(), hostDirectories.begin(), hostDirectories.end());
     anew.insert(anew.end(), {"/dev/shm", "/dev/mqueue", "/dev/pts", "/proc"});
-    return std::any_of(anew.begin(), anew.end(), [&](const std::string& folder) {
-        return directory != folder && isWithin(directory, resolved(folder));
+    return std::any_of(anew.begin(), anew.end(), [&](const std::string& made) {
+        return made != directory && isWithin(directory, resolved(made));
     });
 }
 
-bool isWithin(const std::string& path, const std::string& folder)
+bool isWithin(const std::string& path, const std::string& directory)
 {
-    if (path.compare(0, folder.size(), folder) != 0) {
+    if (path.compare(0, directory.size(), directory) != 0) {
         return false;
     }
-    return path.size() == folder.size() || path[folder.size()] == '/';
+    return path.size() == directory.size() || path[directory.size()] == '/';
 }
 
 std::string resolved(const std::string& path)

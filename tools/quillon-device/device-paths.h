@@ -6,37 +6,38 @@
 
 namespace quillon::device {
 
-/// The folders that the service works in: present and empty when a device starts.
+/// The directories that the service works in: present and empty when a device starts.
 /// Absolute, without a trailing "/".
-std::vector<std::string> serviceFolders();
+std::vector<std::string> serviceDirectories();
 
 /// The files and markers of the service: absent when a device starts.
 std::vector<std::string> serviceFiles();
 
-/// Whether there is anything but folders in a folder, however deep; false when it is missing.
-bool holdsFiles(const std::string& folder);
+/// Whether there is anything but directories in a directory, however deep; false when it is
+/// missing.
+bool holdsFiles(const std::string& directory);
 
-/// The host's folders that reach into its running system (journal, bus, locks): empty inside a
+/// The host's directories that reach into its running system (journal, bus, locks): empty inside a
 /// private device, and only where the host has them.
-std::vector<std::string> hostServiceFolders();
+std::vector<std::string> hostServiceDirectories();
 
-/// The host's top folders whose every change stays inside a private device. Only those that exist,
-/// symbolic links resolved.
+/// The host's top directories whose every change stays inside a private device. Only those that
+/// exist, symbolic links resolved.
 std::vector<std::string> privateTops();
 
-/// Folders that programs expect to write in, beneath privateTops(); existing ones.
-std::vector<std::string> scratchFolders();
+/// Directories that programs expect to write in, beneath privateTops(); existing ones.
+std::vector<std::string> scratchDirectories();
 
 /// The key that systemd-creds seals with. The host's is none of a private device's business, and an
 /// ordinary user could not read it: systemd-creds makes a new one.
 std::string hostSealingKey();
 
-/// True when `directory` lies in a folder that a device has made anew, so that it is not there
+/// True when `directory` lies in a directory that a device has made anew, so that it is not there
 /// inside.
 bool staysOutside(const std::string& directory);
 
-/// True when `path` is `folder` or lies beneath it. Compares names; reads no file system.
-bool isWithin(const std::string& path, const std::string& folder);
+/// True when `path` is `directory` or lies beneath it. Compares names; reads no file system.
+bool isWithin(const std::string& path, const std::string& directory);
 
 /// `path` with the symbolic links of its existing part resolved; the missing rest is kept as it is.
 std::string resolved(const std::string& path);

@@ -25,8 +25,9 @@ namespace quillon::device {
 
 namespace {
 
-/// First line of the record, which is there as long as a device is in use; then the folders that
-/// were made for it, one a line. A record that is still there tells of a device that was killed.
+/// First line of the record, which is there as long as a device is in use; then the directories
+/// that were made for it, one a line. A record that is still there tells of a device that was
+/// killed.
 constexpr const char* kInUse = "in use";
 
 std::string lockPath()
@@ -87,24 +88,24 @@ private:
     UniqueFd file_;
 };
 
-/// Guards the removal: whatever a record says, nothing else and no top folder is ever removed.
-bool isServiceFolderOrAbove(const std::string& path)
+/// Guards the removal: whatever a record says, nothing else and no top directory is ever removed.
+bool isServiceDirectoryOrAbove(const std::string& path)
 {
     if (std::count(path.begin(), path.end(), '/') < 2) {
         return false;
     }
-    const std::vector<std::string> folders = serviceFolders();
-    return std::any_of(folders.begin(), folders.end(),
-                       [&](const std::string& folder) { return isWithin(folder, path); });
+    const std::vector<std::string> directories = serviceDirectories();
+    return std::any_of(directories.begin(), directories.end(),
+                       [&](const std::string& directory) { return isWithin(directory, path); });
 }
 
-/// A stick that is still mounted must not be emptied along with its folder.
+/// A stick that is still mounted must not be emptied along with its directory.
 void unmountLeftovers()
 {
-    const std::vector<std::string> folders = serviceFolders();
+    const std::vector<std::string> directories = serviceDirectories();
     for (const std::string& point : mountPoints()) {
-        for (const std::string& folder : folders) {
-            if (point != folder && isWithin(point, folder)) {
+        for (const std::string& directory : directories) {
+            if (point != directory && isWithin(point, directory)) {
                 while (::umount2(point.c_str(), MNT_DETACH) == 0) {
                     // a place may bear several, one on top of the other
                 }
@@ -113,22 +114,22 @@ void unmountLeftovers()
     }
 }
 
-/// Empties the service's paths and removes the folders that were made for the device.
-void clean(const std::vector<std::string>& madeFolders)
+/// Empties the service's paths and removes the directories that were made for the device.
+void clean(const std::vector<std::string>& madeDirectories)
 {
     unmountLeftovers();
     std::error_code ignored;
-    for (const std::string& folder : serviceFolders()) {
-        for (const fs::directory_entry& entry : fs::directory_iterator(folder, ignored)) {
+    for (const std::string& directory : serviceDirectories()) {
+        for (const fs::directory_entry& entry : fs::directory_iterator(directory, ignored)) {
             fs::remove_all(entry.path(), ignored);
         }
     }
     for (const std::string& file : serviceFiles()) {
         fs::remove(file, ignored);
     }
-    for (const std::string& folder : madeFolders) {
-        if (isServiceFolderOrAbove(folder)) {
-            fs::remove_all(folder, ignored);
+    for (const std::string& directory : madeDirectories) {
+        if (isServiceDirectoryOrAbove(directory)) {
+            fs::remove_all(directory, ignored);
         }
     }
     removeQueues();
@@ -137,9 +138,9 @@ void clean(const std::vector<std::string>& madeFolders)
 void refuseRealContent()
 {
     std::error_code ignored;
-    for (const std::string& folder : serviceFolders()) {
-        if (holdsFiles(folder)) {
-            throw SetupError(folder + " holds real content; nothing runs in place over it");
+    for (const std::string& directory : serviceDirectories()) {
+        if (holdsFiles(directory)) {
+            throw SetupError(directory + " holds real content; nothing runs in place over it");
         }
     }
     for (const std::string& file : serviceFiles()) {
@@ -149,12 +150,12 @@ void refuseRealContent()
     }
 }
 
-/// The outermost missing folder on the way to each folder of the service.
-std::vector<std::string> foldersToMake()
+/// The outermost missing directory on the way to each directory of the service.
+std::vector<std::string> directoriesToMake()
 {
     std::vector<std::string> missing;
-    for (const std::string& folder : serviceFolders()) {
-        fs::path outermost = folder;
+    for (const std::string& directory : serviceDirectories()) {
+        fs::path outermost = directory;
         if (fs::exists(outermost)) {
             continue;
         }
@@ -168,13 +169,13 @@ std::vector<std::string> foldersToMake()
     return missing;
 }
 
-void makeFolders()
+void makeDirectories()
 {
-    for (const std::string& folder : serviceFolders()) {
+    for (const std::string& directory : serviceDirectories()) {
         std::error_code error;
-        fs::create_directories(folder, error);
+        fs::create_directories(directory, error);
         if (error) {
-            throw SetupError(folder + ": " + error.message());
+            throw SetupError(directory + ": " + error.message());
         }
     }
 }
@@ -203,9 +204,9 @@ bool mayRunInPlace(std::string& reason)
         reason = "/proc does not show the processes of this place";
         return false;
     }
-    for (const std::string& folder : serviceFolders()) {
-        // One question a folder: a device that is just ending may take them away meanwhile.
-        fs::path existing = folder;
+    for (const std::string& directory : serviceDirectories()) {
+        // One question a directory: a device that is just ending may take them away meanwhile.
+        fs::path existing = directory;
         while (::access(existing.c_str(), W_OK) != 0 && errno == ENOENT) {
             existing = existing.parent_path();
         }
@@ -232,11 +233,11 @@ int runInPlace(const Command& command)
     refuseRealContent();
     removeQueues();
 
-    const std::vector<std::string> made = foldersToMake();
+    const std::vector<std::string> made = directoriesToMake();
     std::vector<std::string> lines = made;
     lines.insert(lines.begin(), kInUse);
     lock.write(lines);
-    makeFolders();
+    makeDirectories();
 
     ::prctl(PR_SET_CHILD_SUBREAPER, 1);
     int status = 0;

@@ -11,7 +11,7 @@ namespace quillon::device {
 std::string disposableContainerMark();
 
 /// Runs the command on this machine's own paths, one such device at a time: waits for its turn,
-/// makes the service's folders, and takes away afterwards what lies in them, the queues, the
+/// makes the service's directories, and takes away afterwards what lies in them, the queues, the
 /// semaphore and every process that was left behind. Needs takeSignals().
 ///
 /// @return the exit status

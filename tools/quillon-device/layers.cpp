@@ -20,17 +20,17 @@ namespace quillon::device {
 
 namespace {
 
-/// A host folder that gets a private writable layer.
+/// A host directory that gets a private writable layer.
 struct Layer
 {
-    std::string host;      ///< the folder on the host, for example "/usr"
+    std::string host;      ///< the directory on the host, for example "/usr"
     std::string upper;     ///< where the changes go
     std::string work;      ///< the overlay's scratch space
     std::string assembly;  ///< where it is put together before it moves to its place
     bool top;              ///< moves to its place by itself; the others come along
 };
 
-void makeFolder(const std::string& path)
+void makeDirectory(const std::string& path)
 {
     if (::mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) {
         failWithErrno("mkdir " + path);
@@ -47,9 +47,9 @@ std::vector<std::string> resolvedAll(const std::vector<std::string>& paths)
     return result;
 }
 
-bool isStrictlyWithin(const std::string& path, const std::string& folder)
+bool isStrictlyWithin(const std::string& path, const std::string& directory)
 {
-    return path != folder && isWithin(path, folder);
+    return path != directory && isWithin(path, directory);
 }
 
 /// The layer that `path` belongs to; they are ordered from the outermost inwards.
@@ -65,9 +65,9 @@ const Layer* layerOf(const std::vector<Layer>& layers, const std::string& path)
 }
 
 Layer makeLayer(const std::vector<Layer>& outer, const std::string& host,
-                const std::string& stageFolder)
+                const std::string& stageDirectory)
 {
-    const std::string stage = stageFolder + "/" + std::to_string(outer.size());
+    const std::string stage = stageDirectory + "/" + std::to_string(outer.size());
     const Layer* parent = layerOf(outer, host);
     Layer layer;
     layer.host = host;
@@ -76,14 +76,14 @@ Layer makeLayer(const std::vector<Layer>& outer, const std::string& host,
     layer.top = parent == nullptr;
     layer.assembly =
         layer.top ? stage + "/assembly" : parent->assembly + host.substr(parent->host.size());
-    makeFolder(stage);
-    makeFolderLike(layer.upper, host);
-    makeFolder(layer.work);
+    makeDirectory(stage);
+    makeDirectoryLike(layer.upper, host);
+    makeDirectory(layer.work);
     return layer;
 }
 
-/// The top folders, and each file system of its own on the way to a folder of the service.
-std::vector<Layer> makeLayers(const std::vector<std::string>& folders,
+/// The top directories, and each file system of its own on the way to a directory of the service.
+std::vector<Layer> makeLayers(const std::vector<std::string>& directories,
                               const std::vector<std::string>& mounted, const std::string& stage)
 {
     std::vector<Layer> layers;
@@ -94,9 +94,9 @@ std::vector<Layer> makeLayers(const std::vector<std::string>& folders,
     }
     for (const std::string& point : mounted) {
         const Layer* outer = layerOf(layers, point);
-        const bool onTheWay =
-            std::any_of(folders.begin(), folders.end(),
-                        [&](const std::string& folder) { return isStrictlyWithin(folder, point); });
+        const bool onTheWay = std::any_of(
+            directories.begin(), directories.end(),
+            [&](const std::string& directory) { return isStrictlyWithin(directory, point); });
         if (outer != nullptr && outer->host != point && onTheWay) {
             layers.push_back(makeLayer(layers, point, stage));
         }
@@ -104,18 +104,19 @@ std::vector<Layer> makeLayers(const std::vector<std::string>& folders,
     return layers;
 }
 
-/// Makes `folder` in the private layer. Without it there, a user namespace could not write into a
-/// folder that belongs to the host's root, since that owner does not exist inside.
-void makeInUpper(const std::vector<Layer>& layers, const std::string& folder)
+/// Makes `directory` in the private layer. Without it there, a user namespace could not write into
+/// a directory that belongs to the host's root, since that owner does not exist inside.
+void makeInUpper(const std::vector<Layer>& layers, const std::string& directory)
 {
-    const Layer* layer = layerOf(layers, folder);
+    const Layer* layer = layerOf(layers, directory);
     if (layer == nullptr) {
-        throw SetupError(folder + " lies outside of the folders that a device keeps private");
+        throw SetupError(directory +
+                         " lies outside of the directories that a device keeps private");
     }
-    for (std::size_t end = layer->host.size(); end < folder.size();) {
-        end = std::min(folder.find('/', end + 1), folder.size());
-        const std::string host = folder.substr(0, end);
-        makeFolderLike(layer->upper + host.substr(layer->host.size()), host);
+    for (std::size_t end = layer->host.size(); end < directory.size();) {
+        end = std::min(directory.find('/', end + 1), directory.size());
+        const std::string host = directory.substr(0, end);
+        makeDirectoryLike(layer->upper + host.substr(layer->host.size()), host);
     }
 }
 
@@ -128,7 +129,7 @@ bool mountOverlay(const Layer& layer)
            ::mount("overlay", layer.assembly.c_str(), "overlay", 0, userOptions.c_str()) == 0;
 }
 
-/// What is mounted beneath an overlaid folder is not part of the overlay; it is put back, a file
+/// What is mounted beneath an overlaid directory is not part of the overlay; it is put back, a file
 /// (a container's resolv.conf) read-only. What cannot be put back stays empty.
 void putBack(const std::string& point, const std::string& target)
 {
@@ -148,7 +149,7 @@ void putBackMounts(const std::vector<Layer>& layers, const Layer& layer,
     for (const std::string& point : mounted) {
         const bool isHidden =
             std::any_of(hidden.begin(), hidden.end(),
-                        [&](const std::string& folder) { return isWithin(point, folder); });
+                        [&](const std::string& directory) { return isWithin(point, directory); });
         const bool cameAlong = !last.empty() && isWithin(point, last);
         if (layerOf(layers, point) != &layer || point == layer.host || isHidden || cameAlong) {
             continue;
@@ -158,7 +159,7 @@ void putBackMounts(const std::vector<Layer>& layers, const Layer& layer,
     }
 }
 
-void assembleLayers(const std::vector<Layer>& layers, const std::vector<std::string>& folders,
+void assembleLayers(const std::vector<Layer>& layers, const std::vector<std::string>& directories,
                     const std::vector<std::string>& hidden, const std::vector<std::string>& mounted)
 {
     std::vector<std::string> mirrored;
@@ -170,7 +171,7 @@ void assembleLayers(const std::vector<Layer>& layers, const std::vector<std::str
             continue;
         }
         if (layer.top) {
-            makeFolder(layer.assembly);
+            makeDirectory(layer.assembly);
         }
         if (mountOverlay(layer)) {
             putBackMounts(layers, layer, hidden, mounted);
@@ -178,7 +179,7 @@ void assembleLayers(const std::vector<Layer>& layers, const std::vector<std::str
         }
         // An overlay on an overlay on an overlay, or a kernel that keeps overlays from users.
         const std::string mirror = layer.work + "/mirror";
-        mirrorFolder(layer.host, mirror, folders, hidden);
+        mirrorDirectory(layer.host, mirror, directories, hidden);
         bindTree(mirror, layer.assembly);
         mirrored.push_back(layer.host);
     }
@@ -192,26 +193,26 @@ void assembleLayers(const std::vector<Layer>& layers, const std::vector<std::str
 
 }  // namespace
 
-void mountPrivateFolders(const std::string& workingDirectory, const std::string& stage)
+void mountPrivateDirectories(const std::string& workingDirectory, const std::string& stage)
 {
-    const std::vector<std::string> folders = resolvedAll(serviceFolders());
-    std::vector<std::string> hidden = folders;
-    for (const auto& more : {hostServiceFolders(), resolvedAll(serviceFiles())}) {
+    const std::vector<std::string> directories = resolvedAll(serviceDirectories());
+    std::vector<std::string> hidden = directories;
+    for (const auto& more : {hostServiceDirectories(), resolvedAll(serviceFiles())}) {
         hidden.insert(hidden.end(), more.begin(), more.end());
     }
     const std::vector<std::string> mounted = mountPoints();
-    const std::vector<Layer> layers = makeLayers(folders, mounted, stage);
+    const std::vector<Layer> layers = makeLayers(directories, mounted, stage);
 
-    for (const std::string& folder : folders) {
-        makeInUpper(layers, folder);
+    for (const std::string& directory : directories) {
+        makeInUpper(layers, directory);
     }
-    for (const std::string& folder : scratchFolders()) {
-        makeInUpper(layers, folder);
+    for (const std::string& directory : scratchDirectories()) {
+        makeInUpper(layers, directory);
     }
     if (layerOf(layers, workingDirectory) != nullptr) {
         makeInUpper(layers, workingDirectory);
     }
-    assembleLayers(layers, folders, hidden, mounted);
+    assembleLayers(layers, directories, hidden, mounted);
 }
 
 }  // namespace quillon::device

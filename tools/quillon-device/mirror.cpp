@@ -22,10 +22,10 @@ bool contains(const std::vector<std::string>& list, const std::string& item)
     return std::find(list.begin(), list.end(), item) != list.end();
 }
 
-bool isOnTheWay(const std::string& folder, const std::vector<std::string>& folders)
+bool isOnTheWay(const std::string& directory, const std::vector<std::string>& directories)
 {
-    return std::any_of(folders.begin(), folders.end(),
-                       [&](const std::string& goal) { return isWithin(goal, folder); });
+    return std::any_of(directories.begin(), directories.end(),
+                       [&](const std::string& goal) { return isWithin(goal, directory); });
 }
 
 bool staysWritable(const std::string& host, fs::perms mode)
@@ -36,7 +36,7 @@ bool staysWritable(const std::string& host, fs::perms mode)
 void bindEntry(const std::string& host, const std::string& target, const fs::file_status& status)
 {
     if (fs::is_directory(status)) {
-        makeFolderLike(target, host);
+        makeDirectoryLike(target, host);
     } else if (!UniqueFd(::open(target.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600))) {
         failWithErrno(target);
     }
@@ -60,18 +60,19 @@ void copyLink(const std::string& host, const std::string& target)
 }
 
 void mirrorEntry(const std::string& host, const std::string& target,
-                 const std::vector<std::string>& folders, const std::vector<std::string>& hidden)
+                 const std::vector<std::string>& directories,
+                 const std::vector<std::string>& hidden)
 {
     std::error_code gone;
     const fs::file_status status = fs::symlink_status(host, gone);
     if (contains(hidden, host)) {
         if (fs::is_directory(status)) {
-            makeFolderLike(target, host);
+            makeDirectoryLike(target, host);
         }
     } else if (fs::is_symlink(status)) {
         copyLink(host, target);
-    } else if (fs::is_directory(status) && isOnTheWay(host, folders)) {
-        mirrorFolder(host, target, folders, hidden);
+    } else if (fs::is_directory(status) && isOnTheWay(host, directories)) {
+        mirrorDirectory(host, target, directories, hidden);
     } else if (fs::exists(status)) {
         bindEntry(host, target, status);
     }
@@ -79,17 +80,18 @@ void mirrorEntry(const std::string& host, const std::string& target,
 
 }  // namespace
 
-void mirrorFolder(const std::string& host, const std::string& mirror,
-                  const std::vector<std::string>& folders, const std::vector<std::string>& hidden)
+void mirrorDirectory(const std::string& host, const std::string& mirror,
+                     const std::vector<std::string>& directories,
+                     const std::vector<std::string>& hidden)
 {
-    makeFolderLike(mirror, host);
+    makeDirectoryLike(mirror, host);
     for (const fs::directory_entry& entry : fs::directory_iterator(host)) {
-        mirrorEntry(entry.path().string(), mirror + "/" + entry.path().filename().string(), folders,
-                    hidden);
+        mirrorEntry(entry.path().string(), mirror + "/" + entry.path().filename().string(),
+                    directories, hidden);
     }
-    for (const std::string& folder : folders) {
-        if (folder != host && isWithin(folder, host)) {
-            fs::create_directories(mirror + folder.substr(host.size()));
+    for (const std::string& directory : directories) {
+        if (directory != host && isWithin(directory, host)) {
+            fs::create_directories(mirror + directory.substr(host.size()));
         }
     }
 }

@@ -24,7 +24,7 @@ namespace {
 
 constexpr const char* kStage = "/dev/.stage";
 
-void makeFolder(const std::string& path)
+void makeDirectory(const std::string& path)
 {
     if (::mkdir(path.c_str(), 0755) != 0) {
         failWithErrno("mkdir " + path);
@@ -41,19 +41,19 @@ void mountTmpfs(const std::string& point, mode_t mode)
     }
 }
 
-void emptyFolder(const std::string& folder)
+void emptyDirectory(const std::string& directory)
 {
     std::error_code error;
-    fs::create_directories(folder, error);  // it may have been in one that was just emptied
+    fs::create_directories(directory, error);  // it may have been in one that was just emptied
     struct stat info = {};
-    if (::stat(folder.c_str(), &info) != 0) {
-        failWithErrno(folder);
+    if (::stat(directory.c_str(), &info) != 0) {
+        failWithErrno(directory);
     }
-    if (!fs::is_empty(folder, error) || error) {
-        mountTmpfs(folder, info.st_mode & 07777U);
+    if (!fs::is_empty(directory, error) || error) {
+        mountTmpfs(directory, info.st_mode & 07777U);
     }
-    if (::access(folder.c_str(), W_OK) != 0) {
-        failWithErrno(folder);
+    if (::access(directory.c_str(), W_OK) != 0) {
+        failWithErrno(directory);
     }
 }
 
@@ -95,7 +95,7 @@ void makeReadOnly(const std::string& point)
     ::mount(nullptr, point.c_str(), nullptr, flags, nullptr);
 }
 
-void makeFolderLike(const std::string& path, const std::string& model)
+void makeDirectoryLike(const std::string& path, const std::string& model)
 {
     struct stat info = {};
     const bool known = ::stat(model.c_str(), &info) == 0;
@@ -109,7 +109,7 @@ void makeFolderLike(const std::string& path, const std::string& model)
         return;
     }
     if (::chown(path.c_str(), info.st_uid, info.st_gid) != 0) {
-        // A user namespace knows one owner only; the folder is then that owner's.
+        // A user namespace knows one owner only; the directory is then that owner's.
     }
     if (::chmod(path.c_str(), info.st_mode & 07777U) != 0) {
         failWithErrno("chmod " + path);
@@ -128,9 +128,9 @@ void mountDevice(const std::string& workingDirectory)
     if (::mount("tmpfs", "/dev", "tmpfs", MS_NOSUID | MS_NOEXEC, "mode=0755") != 0) {
         failWithErrno("mount tmpfs on /dev");
     }
-    makeFolder(kStage);
+    makeDirectory(kStage);
     mountTmpfs(kStage, 0755);
-    mountPrivateFolders(workingDirectory, kStage);
+    mountPrivateDirectories(workingDirectory, kStage);
     // The overlays hold on to their layers; nobody else needs to see them.
     if (::umount2(kStage, MNT_DETACH) != 0 || ::rmdir(kStage) != 0) {
         failWithErrno(kStage);
@@ -141,11 +141,11 @@ void mountDevice(const std::string& workingDirectory)
     for (const std::string& file : serviceFiles()) {
         removeFile(file);
     }
-    // Not where the folder is the host's own, read-only: an overlay is not to be had everywhere.
+    // Not where the directory is the host's own, read-only: an overlay is not to be had everywhere.
     static_cast<void>(::unlink(hostSealingKey().c_str()));
-    for (const auto& folders : {serviceFolders(), hostServiceFolders()}) {
-        for (const std::string& folder : folders) {
-            emptyFolder(folder);
+    for (const auto& directories : {serviceDirectories(), hostServiceDirectories()}) {
+        for (const std::string& directory : directories) {
+            emptyDirectory(directory);
         }
     }
 }

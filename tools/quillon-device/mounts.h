@@ -5,9 +5,9 @@
 
 namespace quillon::device {
 
-/// Turns the caller's mount namespace into that of a device: overlays over the host's folders, a
-/// /dev, /dev/shm, /dev/mqueue and /proc of its own, the service's folders present and empty, its
-/// files absent. Nothing of it reaches the host.
+/// Turns the caller's mount namespace into that of a device: overlays over the host's directories,
+/// a /dev, /dev/shm, /dev/mqueue and /proc of its own, the service's directories present and empty,
+/// its files absent. Nothing of it reaches the host.
 ///
 /// @param workingDirectory  absolute path that stays writable as far as the caller may write it on
 ///                          the host; empty when there is none. The caller changes into it again.
@@ -22,10 +22,10 @@ void bindTree(const std::string& source, const std::string& target);
 /// Makes the mount at `point` read-only, not those beneath it. Best effort.
 void makeReadOnly(const std::string& point);
 
-/// Makes the folder `path` with the mode, and where permitted the owner, of `model`; 0755 where
+/// Makes the directory `path` with the mode, and where permitted the owner, of `model`; 0755 where
 /// there is no such model. An existing `path` is left alone.
 /// @throws SetupError
-void makeFolderLike(const std::string& path, const std::string& model);
+void makeDirectoryLike(const std::string& path, const std::string& model);
 
 }  // namespace quillon::device
 

@@ -21,10 +21,10 @@ namespace {
     throw ImageError(ImageFault::kFile, path + ": cannot be written: " + std::strerror(errno));
 }
 
-std::string folderOf(const std::string& path)
+std::string directoryOf(const std::string& path)
 {
-    const std::string folder = std::filesystem::path(path).parent_path().string();
-    return folder.empty() ? "." : folder;
+    const std::string directory = std::filesystem::path(path).parent_path().string();
+    return directory.empty() ? "." : directory;
 }
 
 }  // namespace
@@ -67,8 +67,8 @@ void AtomicFile::commit()
         refuse(path_);
     }
     descriptor_.reset();
-    // Some file systems of sticks cannot sync a folder; the file itself is on the disk by now.
-    if (!syncFolder(folderOf(path_)) && errno != EINVAL) {
+    // Some file systems of sticks cannot sync a directory; the file itself is on the disk by now.
+    if (!syncDirectory(directoryOf(path_)) && errno != EINVAL) {
         refuse(path_);
     }
 }

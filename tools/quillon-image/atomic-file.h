@@ -16,9 +16,9 @@ enum class Audience {
 
 /// A file that appears under its name whole or not at all.
 ///
-/// The bytes go to a temporary file in the same folder; commit() brings them to the disk and gives
-/// them the name. Without commit() nothing remains.
-/// Failures are ImageErrors with ImageFault::kFile that name the file.
+/// The bytes go to a temporary file in the same directory; commit() brings them to the disk and
+/// gives them the name. Without commit() nothing remains. Failures are ImageErrors with
+/// ImageFault::kFile that name the file.
 class AtomicFile
 {
 public:

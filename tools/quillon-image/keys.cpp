@@ -90,21 +90,21 @@ std::string createImageKeyItem()
     return item;
 }
 
-void makeFolder(const std::filesystem::path& folder)
+void makeDirectory(const std::filesystem::path& directory)
 {
     std::error_code error;
-    std::filesystem::create_directories(folder, error);
+    std::filesystem::create_directories(directory, error);
     if (error) {
         throw ImageError(ImageFault::kFile,
-                         folder.string() + ": cannot be made: " + error.message());
+                         directory.string() + ": cannot be made: " + error.message());
     }
 }
 
-void requireNoKeys(const std::filesystem::path& folder)
+void requireNoKeys(const std::filesystem::path& directory)
 {
     for (const char* name : {kSigningKeyFile, kPublicKeyFile, kImageKeyFile, kProvisioningKeyFile,
                              kProvisioningCertificateFile, kProvisioningPackageFile}) {
-        const std::filesystem::path file = folder / name;
+        const std::filesystem::path file = directory / name;
         std::error_code error;
         if (std::filesystem::symlink_status(file, error).type() !=
             std::filesystem::file_type::not_found) {
@@ -162,10 +162,10 @@ UniqueKey loadSigningKey(const std::string& path)
     return key;
 }
 
-void createKeys(const std::string& folder, bool replace)
+void createKeys(const std::string& directory, bool replace)
 {
-    const std::filesystem::path place(folder);
-    makeFolder(place);
+    const std::filesystem::path place(directory);
+    makeDirectory(place);
     if (!replace) {
         requireNoKeys(place);
     }

@@ -33,22 +33,22 @@ UniqueKey loadSigningKey(const std::string& path);
 /// @throws ImageError: ImageFault::kFile or ImageFault::kKey, naming the file.
 UniqueKey loadPrivateKey(const std::string& path);
 
-/// The files that createKeys makes in its folder. The private ones stay with the maker.
+/// The files that createKeys makes in its directory. The private ones stay with the maker.
 constexpr char kSigningKeyFile[] = "signing-key.pem";            ///< private; signs images
-constexpr char kPublicKeyFile[] = "signing-key.pub.pem";         ///< for the trusted-keys folder
+constexpr char kPublicKeyFile[] = "signing-key.pub.pem";         ///< for the trusted-keys directory
 constexpr char kImageKeyFile[] = "image-key.bin";                ///< the secure-storage item
 constexpr char kProvisioningKeyFile[] = "provisioning-key.pem";  ///< private; signs packages
 constexpr char kProvisioningCertificateFile[] =
-    "provisioning-certificate.pem";  ///< for the folder of provisioning certificates
+    "provisioning-certificate.pem";  ///< for the directory of provisioning certificates
 constexpr char kProvisioningPackageFile[] = "00000066.bin";  ///< brings the item to a device
 
 /// Makes a new signing key, a new image key, a new provisioning key with its certificate, and the
 /// package that provisions the image key.
 ///
-/// The folder is made when it is missing. All secret files are readable by their owner only.
+/// The directory is made when it is missing. All secret files are readable by their owner only.
 /// @param replace  false: when any of the six files exists, nothing is written
 /// @throws ImageError: ImageFault::kFile, naming the file.
-void createKeys(const std::string& folder, bool replace);
+void createKeys(const std::string& directory, bool replace);
 
 }  // namespace quillon
 

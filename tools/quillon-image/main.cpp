@@ -32,7 +32,7 @@ void addKeygen(CLI::App& app, quillon::KeygenOptions& options)
     CLI::App* verb =
         addVerb(app, "keygen", "make the keys and the provisioning package of a device family",
                 options.json);
-    verb->add_option("DIR", options.folder, "directory for the keys")->required();
+    verb->add_option("DIR", options.directory, "directory for the keys")->required();
     verb->add_flag("--force", options.force, "replace existing keys");
     verb->callback([&options] { quillon::keygen(options); });
 }
@@ -123,9 +123,9 @@ void addVerify(CLI::App& app, quillon::VerifyOptions& options)
     addModel(verb, options.model, "the device's model, as in trust.conf");
     verb->add_option("--floor", options.floor, "lowest security counter that the device accepts");
     CLI::Option_group* keys = verb->add_option_group("keys", "one of");
-    keys->add_option("--trusted", options.trustedFolder, "directory with public keys, *.pem");
+    keys->add_option("--trusted", options.trustedDirectory, "directory with public keys, *.pem");
     keys->add_option("--public", options.publicKey, "public key file");
-    keys->add_option("--certificates", options.certificateFolder,
+    keys->add_option("--certificates", options.certificateDirectory,
                      "directory with certificates, *.pem; the file is a provisioning package");
     keys->require_option(1);
     verb->add_flag("--purpose", options.wantsPurpose,

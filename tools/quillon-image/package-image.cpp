@@ -43,11 +43,11 @@ constexpr char kExt4Options[] =
 /// The epoch itself means "no time given" to these programs.
 constexpr char kExt4Time[] = "E2FSPROGS_FAKE_TIME=1";
 
-/// A folder beside a file, removed with all that is in it.
-class ScratchFolder
+/// A directory beside a file, removed with all that is in it.
+class ScratchDirectory
 {
 public:
-    explicit ScratchFolder(const std::string& neighbour)
+    explicit ScratchDirectory(const std::string& neighbour)
     {
         std::string pattern = neighbour + ".XXXXXX";
         if (mkdtemp(pattern.data()) == nullptr) {
@@ -57,14 +57,14 @@ public:
         path_ = pattern;
     }
 
-    ~ScratchFolder()
+    ~ScratchDirectory()
     {
         std::error_code ignored;
         std::filesystem::remove_all(path_, ignored);
     }
 
-    ScratchFolder(const ScratchFolder&) = delete;
-    ScratchFolder& operator=(const ScratchFolder&) = delete;
+    ScratchDirectory(const ScratchDirectory&) = delete;
+    ScratchDirectory& operator=(const ScratchDirectory&) = delete;
 
     const std::string& path() const { return path_; }
 
@@ -103,12 +103,12 @@ std::string informationText(const PackageContent& content, std::uint32_t crc)
     return Json::writeString(writer, information) + '\n';
 }
 
-void makeSquashfs(const std::string& folder, const std::string& image)
+void makeSquashfs(const std::string& directory, const std::string& image)
 {
     runProgram(kMksquashfs,
                {".", image, "-noappend", "-quiet", "-no-progress", "-no-xattrs", "-all-root",
                 "-root-mode", "755", "-all-time", "0", "-mkfs-time", "0"},
-               folder, {});
+               directory, {});
 }
 
 std::uint64_t ext4BlocksFor(const std::filesystem::path& file)
@@ -117,18 +117,19 @@ std::uint64_t ext4BlocksFor(const std::filesystem::path& file)
     return data + data / kDataBlocksPerSpareBlock;
 }
 
-void addToExt4(const std::string& folder, const std::string& image, const std::string& file)
+void addToExt4(const std::string& directory, const std::string& image, const std::string& file)
 {
     std::string command = "write ";
     command.append(file).append(" ").append(file);
-    runProgram(kDebugfs, {"-w", "-R", command, image}, folder, {kExt4Time});
+    runProgram(kDebugfs, {"-w", "-R", command, image}, directory, {kExt4Time});
 }
 
 /// The files are written one by one with debugfs: mke2fs itself would copy their owner and times,
-/// and take them in the order in which the folder happens to hold them.
-void makeExt4(const std::string& folder, const std::string& image, const std::string& payloadName)
+/// and take them in the order in which the directory happens to hold them.
+void makeExt4(const std::string& directory, const std::string& image,
+              const std::string& payloadName)
 {
-    const std::filesystem::path place(folder);
+    const std::filesystem::path place(directory);
     const std::uint64_t blocks = kExt4SpareBlocks + ext4BlocksFor(place / kInformationFile) +
                                  ext4BlocksFor(place / payloadName);
     runProgram(kMke2fs, {"-q", "-F",          "-t",  "ext4",
@@ -136,9 +137,9 @@ void makeExt4(const std::string& folder, const std::string& image, const std::st
                          "-I", "256",         "-N",  "16",
                          "-m", "0",           "-U",  kExt4Uuid,
                          "-E", kExt4Options,  image, std::to_string(blocks)},
-               folder, {kExt4Time});
-    addToExt4(folder, image, kInformationFile);
-    addToExt4(folder, image, payloadName);
+               directory, {kExt4Time});
+    addToExt4(directory, image, kInformationFile);
+    addToExt4(directory, image, payloadName);
 }
 
 bool hasMark(const InputFile& file, std::uint64_t offset, const std::string& mark)
@@ -180,17 +181,17 @@ std::uint32_t buildPackage(const PackageContent& content, PackageType type,
 
     const HeldSignals signals;
     AtomicFile output(outputPath, Audience::kEveryone);
-    const ScratchFolder folder(outputPath);
-    const std::uint32_t crc = copyPayload(payload, folder.path() + "/" + payloadName, signals);
-    writeFile(folder.path() + "/" + kInformationFile, informationText(content, crc),
+    const ScratchDirectory directory(outputPath);
+    const std::uint32_t crc = copyPayload(payload, directory.path() + "/" + payloadName, signals);
+    writeFile(directory.path() + "/" + kInformationFile, informationText(content, crc),
               Audience::kEveryone);
 
-    // The programs run in the folder, so that no name of ours can be taken for an option.
+    // The programs run in the directory, so that no name of ours can be taken for an option.
     const std::string image = std::filesystem::absolute(output.temporaryPath()).string();
     if (type == PackageType::kSquashfs) {
-        makeSquashfs(folder.path(), image);
+        makeSquashfs(directory.path(), image);
     } else {
-        makeExt4(folder.path(), image, payloadName);
+        makeExt4(directory.path(), image, payloadName);
     }
     signals.requireNone();
     output.commit();

@@ -34,8 +34,8 @@ std::string firmwareNameOf(const std::string& packageName);
 
 /// Makes a package. The same content makes the same bytes, whoever makes it and when.
 ///
-/// Works in a folder beside the output that is gone afterwards, also when the work is interrupted.
-/// Memory does not grow with the payload.
+/// Works in a directory beside the output that is gone afterwards, also when the work is
+/// interrupted. Memory does not grow with the payload.
 ///
 /// @param outputPath  the package; appears whole or not at all and replaces an earlier file
 /// @return the payload's CRC-32.

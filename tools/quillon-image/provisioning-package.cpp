@@ -51,14 +51,14 @@ std::optional<ProvisioningPackageInfo> inspectProvisioningPackage(const std::str
 }
 
 ProvisioningPackageInfo verifyProvisioningPackage(
-    const std::string& path, const std::string& folder, bool wantsPurpose,
+    const std::string& path, const std::string& directory, bool wantsPurpose,
     const std::function<void(const std::string&)>& complain)
 {
     const std::string package = readSmallFile(path, kLargestPackage);
-    const Certificates trusted = loadCertificates(folder, complain);
+    const Certificates trusted = loadCertificates(directory, complain);
     if (trusted.empty()) {
         throw ImageError(ImageFault::kSignature,
-                         path + ": not trusted: no certificate (*.pem) in " + folder);
+                         path + ": not trusted: no certificate (*.pem) in " + directory);
     }
     try {
         return describe(package, openSignedPackage(package, trusted, wantsPurpose));

@@ -40,13 +40,13 @@ struct ProvisioningPackageInfo
 std::optional<ProvisioningPackageInfo> inspectProvisioningPackage(const std::string& path);
 
 /// Checks a package as a device does.
-/// @param folder    with the certificates (*.pem) that are trusted
+/// @param directory    with the certificates (*.pem) that are trusted
 /// @param wantsPurpose  as of openSignedPackage
 /// @param complain      called with one line for each file in it that is of no use and is passed
 ///                      over
 /// @throws ImageError: ImageFault::kFile, ImageFault::kFormat, ImageFault::kSignature.
 ProvisioningPackageInfo verifyProvisioningPackage(
-    const std::string& path, const std::string& folder, bool wantsPurpose,
+    const std::string& path, const std::string& directory, bool wantsPurpose,
     const std::function<void(const std::string&)>& complain);
 
 }  // namespace quillon

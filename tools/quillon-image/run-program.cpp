@@ -11,7 +11,7 @@
 namespace quillon {
 namespace {
 
-constexpr char kSystemFolders[] = ":/usr/sbin:/sbin";
+constexpr char kSystemDirectories[] = ":/usr/sbin:/sbin";
 
 [[noreturn]] void refuse(const std::string& reason)
 {
@@ -21,10 +21,10 @@ constexpr char kSystemFolders[] = ":/usr/sbin:/sbin";
 std::string find(const Program& program)
 {
     const char* const path = std::getenv("PATH");
-    std::istringstream folders((path == nullptr ? "" : path) + std::string(kSystemFolders));
-    for (std::string folder; std::getline(folders, folder, ':');) {
-        std::string candidate = folder + "/" + program.name;
-        if (!folder.empty() && access(candidate.c_str(), X_OK) == 0) {
+    std::istringstream directories((path == nullptr ? "" : path) + std::string(kSystemDirectories));
+    for (std::string directory; std::getline(directories, directory, ':');) {
+        std::string candidate = directory + "/" + program.name;
+        if (!directory.empty() && access(candidate.c_str(), X_OK) == 0) {
             return candidate;
         }
     }
@@ -61,9 +61,9 @@ std::vector<std::string> environmentWith(const std::vector<std::string>& variabl
 }  // namespace
 
 void runProgram(const Program& program, const std::vector<std::string>& arguments,
-                const std::string& folder, const std::vector<std::string>& variables)
+                const std::string& directory, const std::vector<std::string>& variables)
 {
-    ProgramCall call{find(program), {program.name}, environmentWith(variables), folder, {}, {}};
+    ProgramCall call{find(program), {program.name}, environmentWith(variables), directory, {}, {}};
     call.words.insert(call.words.end(), arguments.begin(), arguments.end());
     SecretBytes none;
     const ProgramEnd end = runPiped(call, none, none);

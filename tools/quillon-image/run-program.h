@@ -20,13 +20,13 @@ struct Program
 /// It is looked for in PATH and then in /usr/sbin and /sbin, which are not in every user's PATH. It
 /// sees no SOURCE_DATE_EPOCH, speaks English and takes signals as usual.
 ///
-/// @param folder     its working directory
+/// @param directory     its working directory
 /// @param variables  of its environment in addition to ours, each "NAME=VALUE"
 /// @throws ImageError with ImageFault::kFile when the program is missing or fails; the line has
 /// what
 ///         it wrote to its standard error.
 void runProgram(const Program& program, const std::vector<std::string>& arguments,
-                const std::string& folder, const std::vector<std::string>& variables);
+                const std::string& directory, const std::vector<std::string>& variables);
 
 }  // namespace quillon
 

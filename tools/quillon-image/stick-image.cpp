@@ -347,14 +347,14 @@ void verifyStickImage(const std::string& path, const std::string& publicKeyPath,
     requireSignature(image.trailer(), image.contentDigest(), purpose, key.get(), path);
 }
 
-std::string verifyStickImageByFolder(const std::string& path, const std::string& folder,
-                                     const std::function<void(const std::string&)>& complain,
-                                     const TrustPolicy& policy)
+std::string verifyStickImageByDirectory(const std::string& path, const std::string& directory,
+                                        const std::function<void(const std::string&)>& complain,
+                                        const TrustPolicy& policy)
 {
     const SignedFile image = openStickImage(path);
     return requireTrustedSignature(
         image.trailer(), path, requireAllowed(image.trailer(), path, policy),
-        [&image] { return image.contentDigest(); }, folder, complain);
+        [&image] { return image.contentDigest(); }, directory, complain);
 }
 
 }  // namespace quillon

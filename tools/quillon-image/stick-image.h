@@ -82,14 +82,14 @@ std::string extractStickImage(const std::string& path, const ImageKey& imageKey,
 void verifyStickImage(const std::string& path, const std::string& publicKeyPath,
                       const TrustPolicy& policy = {});
 
-/// Checks an image against a policy and its signature against the keys (*.pem) in a folder, as a
+/// Checks an image against a policy and its signature against the keys (*.pem) in a directory, as a
 /// device does.
 /// @return path of the key that signed it.
 /// @param complain  called with one line for each key file that is of no use and is passed over
 /// @throws ImageError as verifyStickImage.
-std::string verifyStickImageByFolder(const std::string& path, const std::string& folder,
-                                     const std::function<void(const std::string&)>& complain,
-                                     const TrustPolicy& policy = {});
+std::string verifyStickImageByDirectory(const std::string& path, const std::string& directory,
+                                        const std::function<void(const std::string&)>& complain,
+                                        const TrustPolicy& policy = {});
 
 }  // namespace quillon
 

@@ -115,18 +115,18 @@ std::optional<PackageType> packageTypeOfNoStickImage(const std::string& path)
 
 void keygen(const KeygenOptions& options)
 {
-    createKeys(options.folder, options.force);
+    createKeys(options.directory, options.force);
 
-    const std::filesystem::path folder(options.folder);
-    const std::string publicKey = folder / kPublicKeyFile;
+    const std::filesystem::path directory(options.directory);
+    const std::string publicKey = directory / kPublicKeyFile;
     Json::Value entries;
-    entries["signingKey"] = (folder / kSigningKeyFile).string();
+    entries["signingKey"] = (directory / kSigningKeyFile).string();
     entries["publicKey"] = publicKey;
     entries["keyId"] = toText(keyIdOf(loadPublicKey(publicKey).get()));
-    entries["imageKey"] = (folder / kImageKeyFile).string();
-    entries["provisioningKey"] = (folder / kProvisioningKeyFile).string();
-    entries["provisioningCertificate"] = (folder / kProvisioningCertificateFile).string();
-    entries["provisioningPackage"] = (folder / kProvisioningPackageFile).string();
+    entries["imageKey"] = (directory / kImageKeyFile).string();
+    entries["provisioningKey"] = (directory / kProvisioningKeyFile).string();
+    entries["provisioningCertificate"] = (directory / kProvisioningCertificateFile).string();
+    entries["provisioningPackage"] = (directory / kProvisioningPackageFile).string();
     report(entries, options.json);
 }
 
@@ -220,9 +220,9 @@ void info(const InfoOptions& options)
 
 void verify(const VerifyOptions& options)
 {
-    if (!options.certificateFolder.empty()) {
+    if (!options.certificateDirectory.empty()) {
         const ProvisioningPackageInfo package = verifyProvisioningPackage(
-            options.image, options.certificateFolder, options.wantsPurpose, &warn);
+            options.image, options.certificateDirectory, options.wantsPurpose, &warn);
         Json::Value entries = describeProvisioning(options.image, package);
         entries["signedBy"] = package.signer;
         report(entries, options.json);
@@ -234,7 +234,7 @@ void verify(const VerifyOptions& options)
     policy.floors[moduleOf(options.image)] = options.floor;
     std::string key = options.publicKey;
     if (key.empty()) {
-        key = verifyStickImageByFolder(options.image, options.trustedFolder, &warn, policy);
+        key = verifyStickImageByDirectory(options.image, options.trustedDirectory, &warn, policy);
     } else {
         verifyStickImage(options.image, key, policy);
     }

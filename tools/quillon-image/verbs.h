@@ -12,7 +12,7 @@ namespace quillon {
 
 struct KeygenOptions
 {
-    std::string folder;
+    std::string directory;
     bool force = false;
     bool json = false;
 };
@@ -64,12 +64,12 @@ struct VerifyOptions
 {
     std::string image;
     // One of these is given.
-    std::string trustedFolder;      ///< of public keys, for a stick image
-    std::string publicKey;          ///< for a stick image
-    std::string certificateFolder;  ///< for a provisioning package
-    bool wantsPurpose = false;      ///< of the signer's certificate, for a provisioning package
-    std::string model;              ///< of the device, for a trailer of format 2
-    std::uint32_t floor = 0;        ///< least security counter of a stick image
+    std::string trustedDirectory;      ///< of public keys, for a stick image
+    std::string publicKey;             ///< for a stick image
+    std::string certificateDirectory;  ///< for a provisioning package
+    bool wantsPurpose = false;         ///< of the signer's certificate, for a provisioning package
+    std::string model;                 ///< of the device, for a trailer of format 2
+    std::uint32_t floor = 0;           ///< least security counter of a stick image
     bool json = false;
 };
 

@@ -87,7 +87,7 @@ void testUpdateFromStick(const std::string& payload)
     expect(activeVersion() == "0", "a refused payload changes nothing");
     expect(doUpdate_decryption(data, static_cast<int>(payload.size())) == 0, "a payload is taken");
     expect(activeVersion() == "1.0", "the version is the one that was offered");
-    expect(readAll(LAMP_FOLDER "/firmware.bin") == payload, "the firmware is the payload");
+    expect(readAll(LAMP_DIRECTORY "/firmware.bin") == payload, "the firmware is the payload");
     expect(!needs("1.0"), "the same version is not needed again");
 }
 
@@ -110,7 +110,7 @@ int main(int argc, char** argv)
         std::cerr << "usage: lamp-test MODULE PAYLOAD\n";
         return 2;
     }
-    std::filesystem::remove_all(LAMP_FOLDER);
+    std::filesystem::remove_all(LAMP_DIRECTORY);
     testLibrary(argv[1]);
     testIdentifier();
     testVersionTexts();

@@ -7,7 +7,7 @@ namespace appbinaryManager {
 
 /// Asks the application-binary manager to download a package.
 ///
-/// The download goes on after the call; the package then lies in the manager's folder under its
+/// The download goes on after the call; the package then lies in the manager's directory under its
 /// identifier with the suffix ".img".
 /// @param callback    called once when the download has ended, on a thread of the manager, but not
 ///                    any more when the process ends first; may be null. It should not throw. Its

@@ -68,13 +68,13 @@ TEST_F(PipedProgram, HasNoEnvironmentAndNoDescriptorsOfOurs)
     EXPECT_EQ(output(), "");
 }
 
-TEST_F(PipedProgram, HasTheNameTheEnvironmentAndTheFolderThatItIsGiven)
+TEST_F(PipedProgram, HasTheNameTheEnvironmentAndTheDirectoryThatItIsGiven)
 {
     const char* script = "echo \"$0 $ONE $TWO\"; pwd";
     EXPECT_EQ(run({"/bin/sh", {"sh", "-c", script, "name"}, {"ONE=1", "TWO=2"}, "/run", 100, 20s}),
               "");
     EXPECT_EQ(output(), "name 1 2\n/run\n");
-    EXPECT_EQ(run({"/bin/sh", {"sh", "-c", script}, {}, "/no/such/folder", 100, 20s}),
+    EXPECT_EQ(run({"/bin/sh", {"sh", "-c", script}, {}, "/no/such/directory", 100, 20s}),
               "/bin/sh cannot be started: No such file or directory");
 }
 

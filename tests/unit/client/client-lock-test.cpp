@@ -117,7 +117,7 @@ TEST_F(ClientLockPlace, WithAFileThatIsAlreadyThereIsTaken)
     EXPECT_EQ(contentOf(path), std::to_string(getpid()) + "\n");
 }
 
-TEST_F(ClientLockPlace, InAFolderThatIsMissingCannotBeUsed)
+TEST_F(ClientLockPlace, InADirectoryThatIsMissingCannotBeUsed)
 {
     EXPECT_THAT(lock.acquire("/tmp/missing/lock", Deadline(std::chrono::milliseconds(0))),
                 FailedWith(ErrorCode::kSystem, HasSubstr("/tmp/missing/lock: No such file")));

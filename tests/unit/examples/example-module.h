@@ -63,7 +63,7 @@ public:
     }
 
     const std::string name;
-    const std::string state;  ///< the folder of its files, ends in "/"
+    const std::string state;  ///< the directory of its files, ends in "/"
     const std::string settings;
     const std::string library;
 

@@ -130,10 +130,10 @@ TEST_P(Flash, OntoABrokenDiskFailsAndKeepsTheVersion)
     EXPECT_EQ(activeVersion(), "0");
 }
 
-TEST_P(Flash, IntoAFileInPlaceOfItsFolderFails)
+TEST_P(Flash, IntoAFileInPlaceOfItsDirectoryFails)
 {
     std::filesystem::create_directories("/var/lib/quillon/examples");
-    std::ofstream(module.state.substr(0, module.state.size() - 1)) << "no folder";
+    std::ofstream(module.state.substr(0, module.state.size() - 1)) << "no directory";
     ASSERT_EQ(offer("2.0"), 0);
 
     EXPECT_EQ(flash("payload"), -1);

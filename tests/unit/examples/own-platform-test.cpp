@@ -133,11 +133,11 @@ TEST_F(OwnPlatform, RefusesWhatIsNoFileWithAKey)
     write(DEVICE_KEYS "/elsewhere", "key");
     write(DEVICE_KEYS "/empty", "");
     write(DEVICE_KEYS "/large", std::string(4097, 'x'));
-    fs::create_directory(DEVICE_KEYS "/folder");
+    fs::create_directory(DEVICE_KEYS "/directory");
     fs::create_symlink("elsewhere", DEVICE_KEYS "/link");
     ASSERT_EQ(mkfifo(DEVICE_KEYS "/fifo", 0600), 0);
     for (const char* item :
-         {"empty", "large", "folder", "link", "fifo", "", ".", "../keys/elsewhere"}) {
+         {"empty", "large", "directory", "link", "fifo", "", ".", "../keys/elsewhere"}) {
         EXPECT_EQ(readItem(item), "result 1") << item;
     }
 }

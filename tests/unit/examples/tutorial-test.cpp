@@ -48,31 +48,31 @@ protected:
     {
         std::string pattern = (fs::temp_directory_path() / "tutorial-XXXXXX").string();
         ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        folder = pattern + "/";
-        fs::create_symlink(SOURCE_FOLDER "/include", folder + "include");
-        fs::create_symlink(SOURCE_FOLDER "/examples", folder + "examples");
-        fs::create_symlink(BUILD_FOLDER, folder + "build");
+        directory = pattern + "/";
+        fs::create_symlink(SOURCE_DIRECTORY "/include", directory + "include");
+        fs::create_symlink(SOURCE_DIRECTORY "/examples", directory + "examples");
+        fs::create_symlink(BUILD_DIRECTORY, directory + "build");
 
-        const std::string page = readAll(SOURCE_FOLDER "/docs/module-tutorial.md");
+        const std::string page = readAll(SOURCE_DIRECTORY "/docs/module-tutorial.md");
         ASSERT_THAT(blocksOf(page, "c"), SizeIs(1));
         commands = blocksOf(page, "sh");
         ASSERT_THAT(commands, SizeIs(6));
-        std::ofstream(folder + "siren.c") << blocksOf(page, "c")[0];
-        std::ofstream(folder + "try.sh") << commands[3];
+        std::ofstream(directory + "siren.c") << blocksOf(page, "c")[0];
+        std::ofstream(directory + "try.sh") << commands[3];
     }
 
-    void TearDown() override { fs::remove_all(folder); }
+    void TearDown() override { fs::remove_all(directory); }
 
     int shell(const std::string& command)
     {
         const std::string line =
-            "cd '" + folder + "' && {\n" + command + "\n} >output 2>&1 </dev/null";
+            "cd '" + directory + "' && {\n" + command + "\n} >output 2>&1 </dev/null";
         const int status = std::system(line.c_str());
-        output = readAll(folder + "output");
+        output = readAll(directory + "output");
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
-    std::string folder;
+    std::string directory;
     std::vector<std::string> commands;
     std::string output;
 };
@@ -91,7 +91,7 @@ TEST_F(Tutorial, ItsModuleIsUpdatedByTheService)
     ASSERT_EQ(shell(commands[2]), 0) << output;
 
     // The test is on a device of its own already, so the script runs as it is.
-    EXPECT_EQ(shell("sh try.sh"), 0) << output << readAll(folder + "service.log");
+    EXPECT_EQ(shell("sh try.sh"), 0) << output << readAll(directory + "service.log");
     EXPECT_THAT(output, HasSubstr("The update finished after "));  // 0 or 1 s: not our business
     EXPECT_THAT(output, EndsWith(" s\nLooking once more at the stick\ninstalled: 2.0\n"));
 }
@@ -106,8 +106,8 @@ TEST_F(Tutorial, ItsPackageHoldsWhatItsModuleTakes)
     EXPECT_THAT(output, HasSubstr("sirenemp.img: version 2.1, "));
     ASSERT_EQ(shell("unsquashfs -d mounted sirenemp.img"), 0) << output;
 
-    const std::string image = folder + "mounted/siren.bin";
-    void* const siren = dlopen((folder + "siren.so").c_str(), RTLD_NOW);
+    const std::string image = directory + "mounted/siren.bin";
+    void* const siren = dlopen((directory + "siren.so").c_str(), RTLD_NOW);
     ASSERT_NE(siren, nullptr) << dlerror();
     const auto checkVersion =
         reinterpret_cast<int (*)(const char*, int*)>(dlsym(siren, "checkVersion"));

@@ -24,7 +24,7 @@ protected:
     CapturedStderr captured;
 };
 
-TEST_F(PackageDownload, PutsThePackageIntoTheFolderAndTellsSo)
+TEST_F(PackageDownload, PutsThePackageIntoTheDirectoryAndTellsSo)
 {
     const std::string package = packageOf(300000);
     const LocalHttpServer server([&](const HttpRequest& request, HttpConnection& connection) {
@@ -35,7 +35,7 @@ TEST_F(PackageDownload, PutsThePackageIntoTheFolderAndTellsSo)
     EXPECT_EQ(download("alpha1"), 0);
 
     EXPECT_TRUE(contentsOf(pathOf("alpha1.img")) == package);
-    EXPECT_THAT(namesInFolder(), ElementsAre("alpha1.img"));
+    EXPECT_THAT(namesInDirectory(), ElementsAre("alpha1.img"));
     ASSERT_EQ(server.requests().size(), 1U);
     EXPECT_EQ(server.requests().front().path, "/packages/alpha1.img");
     EXPECT_EQ(server.requests().front().header("Range"), "");
@@ -80,7 +80,7 @@ TEST_F(PackageDownload, NeedsNoCallback)
     EXPECT_TRUE(ABM_DownloadAppBinary(nullptr, nullptr, "alpha"));
     EXPECT_EQ(download("beta"), 0);  // comes after the first one
 
-    EXPECT_THAT(namesInFolder(), UnorderedElementsAre("alpha.img", "beta.img"));
+    EXPECT_THAT(namesInDirectory(), UnorderedElementsAre("alpha.img", "beta.img"));
 }
 
 TEST_F(PackageDownload, FetchesPackagesOneAfterAnother)
@@ -213,7 +213,7 @@ TEST_F(PackageDownload, IsRefusedForWhatIsNoIdentifier)
     }
     EXPECT_THAT(server.requests(), IsEmpty());
     EXPECT_EQ(download(longest), 0);
-    EXPECT_THAT(namesInFolder(), ElementsAre(longest + ".img"));
+    EXPECT_THAT(namesInDirectory(), ElementsAre(longest + ".img"));
 }
 
 }  // namespace

@@ -33,20 +33,20 @@ void DownloadFixture::SetUp()
     if (fs::exists(kConfiguration)) {
         GTEST_FAIL() << kConfiguration << " is there: this program may not replace it";
     }
-    emptyFolder();
+    emptyDirectory();
 }
 
 void DownloadFixture::TearDown()
 {
     if (!HasFatalFailure()) {
         fs::remove(kConfiguration);
-        emptyFolder();
+        emptyDirectory();
     }
 }
 
-void DownloadFixture::emptyFolder()
+void DownloadFixture::emptyDirectory()
 {
-    for (const std::string& name : namesInFolder()) {
+    for (const std::string& name : namesInDirectory()) {
         fs::remove_all(pathOf(name));
     }
 }
@@ -89,11 +89,11 @@ void DownloadFixture::writeFile(const std::string& path, const std::string& byte
     std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
-std::vector<std::string> DownloadFixture::namesInFolder()
+std::vector<std::string> DownloadFixture::namesInDirectory()
 {
     std::vector<std::string> names;
-    if (fs::is_directory(kFolder)) {
-        for (const auto& entry : fs::directory_iterator(kFolder)) {
+    if (fs::is_directory(kDirectory)) {
+        for (const auto& entry : fs::directory_iterator(kDirectory)) {
             if (entry.path().filename() != "emps") {
                 names.push_back(entry.path().filename());
             }

@@ -30,11 +30,11 @@ private:
     std::vector<End> ends_;
 };
 
-/// The virtual device's packages' folder and configuration of downloads, both empty at first.
+/// The virtual device's packages' directory and configuration of downloads, both empty at first.
 class DownloadFixture : public testing::Test
 {
 protected:
-    static constexpr char kFolder[] = "/opt/usr/apps/appbinarymanager";
+    static constexpr char kDirectory[] = "/opt/usr/apps/appbinarymanager";
     static constexpr char kConfiguration[] = "/etc/quillon/downloads.conf";
 
     void SetUp() override;
@@ -49,11 +49,11 @@ protected:
     /// @return the status that the callback is told; 1 when the request is not accepted
     static int download(const std::string& identifier);
 
-    static std::string pathOf(const std::string& name) { return kFolder + ("/" + name); }
+    static std::string pathOf(const std::string& name) { return kDirectory + ("/" + name); }
     static std::string contentsOf(const std::string& path);
     static void writeFile(const std::string& path, const std::string& bytes);
-    /// Names of all that lies in the packages' folder, but for the folder for mounts.
-    static std::vector<std::string> namesInFolder();
+    /// Names of all that lies in the packages' directory, but for the directory for mounts.
+    static std::vector<std::string> namesInDirectory();
 
     /// Bytes of a package, the same ones for each size.
     static std::string packageOf(std::size_t size);
@@ -66,7 +66,7 @@ protected:
                               std::size_t bytes, const std::string& tag = "\"one\"");
 
 private:
-    static void emptyFolder();
+    static void emptyDirectory();
 };
 
 #endif

@@ -24,7 +24,7 @@ class HttpsServer
 public:
     HttpsServer()
     {
-        fs::create_directories(kFolder);
+        fs::create_directories(kDirectory);
         outputOf(
             "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=localhost "
             "-addext subjectAltName=DNS:localhost -keyout " +
@@ -38,17 +38,17 @@ public:
         if (output_ != nullptr) {
             fclose(output_);
         }
-        fs::remove_all(kFolder);
+        fs::remove_all(kDirectory);
     }
     HttpsServer(const HttpsServer&) = delete;
     HttpsServer& operator=(const HttpsServer&) = delete;
 
     std::string address() const { return "https://localhost:" + port_ + "/"; }
-    static std::string certificate() { return kFolder + std::string("/certificate.pem"); }
-    static std::string replyFile(const std::string& name) { return kFolder + ("/" + name); }
+    static std::string certificate() { return kDirectory + std::string("/certificate.pem"); }
+    static std::string replyFile(const std::string& name) { return kDirectory + ("/" + name); }
 
 private:
-    static constexpr char kFolder[] = "/tmp/quillon-https";
+    static constexpr char kDirectory[] = "/tmp/quillon-https";
 
     void start()
     {
@@ -58,7 +58,7 @@ private:
         if (child_ == 0) {
             dup2(output[1], STDOUT_FILENO);
             dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
-            if (chdir(kFolder) == 0) {
+            if (chdir(kDirectory) == 0) {
                 execlp("openssl", "openssl", "s_server", "-HTTP", "-accept", "127.0.0.1:0", "-cert",
                        "certificate.pem", "-key", "certificate.pem.key", nullptr);
             }
@@ -108,7 +108,7 @@ TEST_F(DownloadHttps, TrustsNoServerThatNobodyVouchesFor)
     EXPECT_EQ(download("alpha"), -3);
 
     EXPECT_THAT(captured.lines(), ElementsAre(HasSubstr("certificate")));
-    EXPECT_THAT(namesInFolder(), IsEmpty());
+    EXPECT_THAT(namesInDirectory(), IsEmpty());
 }
 
 TEST_F(DownloadHttps, TrustsNoCertificateOfAnotherName)
@@ -119,7 +119,7 @@ TEST_F(DownloadHttps, TrustsNoCertificateOfAnotherName)
 
     EXPECT_EQ(download("alpha"), -3);
 
-    EXPECT_THAT(namesInFolder(), IsEmpty());
+    EXPECT_THAT(namesInDirectory(), IsEmpty());
 }
 
 TEST_F(DownloadHttps, NeedsTheFileOfAuthorities)

@@ -68,7 +68,7 @@ TEST_F(DownloadDeathTest, EndsInOrderInTheMiddleOfADownload)
     EXPECT_EQ(other.waitForEnd(), 0);
 
     EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(5));
-    EXPECT_THAT(namesInFolder(), UnorderedElementsAre(".alpha.part", ".alpha.resume"));
+    EXPECT_THAT(namesInDirectory(), UnorderedElementsAre(".alpha.part", ".alpha.resume"));
 }
 
 TEST_F(DownloadDeathTest, EndsInOrderInAPauseBetweenTwoAttempts)
@@ -127,7 +127,7 @@ TEST_F(DownloadDeathTest, LeavesAPartToTheNextProcessWhenItIsKilled)
 
     EXPECT_EQ(server.requests().back().header("Range"), "bytes=100000-");
     EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == package);
-    EXPECT_THAT(namesInFolder(), ElementsAre("alpha.img"));
+    EXPECT_THAT(namesInDirectory(), ElementsAre("alpha.img"));
 }
 
 TEST_F(DownloadDeathTest, DoesNotFetchWhatAnotherProcessIsFetching)
@@ -156,7 +156,7 @@ bool dropRightToWriteEverywhere()
     return syscall(SYS_capset, &header, none) == 0;
 }
 
-TEST_F(DownloadDeathTest, FailsInAFolderThatItMayNotWrite)
+TEST_F(DownloadDeathTest, FailsInADirectoryThatItMayNotWrite)
 {
     OtherProcess other([](OtherProcess& self) {
         return dropRightToWriteEverywhere() ? downloadPackage(self) : 1;
@@ -165,13 +165,13 @@ TEST_F(DownloadDeathTest, FailsInAFolderThatItMayNotWrite)
         sendPackage(request, connection, package);
     });
     configure("address = " + server.address() + "\n");
-    fs::create_directories(kFolder);
-    fs::permissions(kFolder, fs::perms(0555));
+    fs::create_directories(kDirectory);
+    fs::permissions(kDirectory, fs::perms(0555));
 
     other.goOn();
     EXPECT_EQ(other.waitForEnd(), 5);
 
-    fs::permissions(kFolder, fs::perms(0755));
+    fs::permissions(kDirectory, fs::perms(0755));
     EXPECT_THAT(server.requests(), IsEmpty());
 }
 

@@ -14,13 +14,13 @@ using testing::StartsWith;
 class DownloadRefusal : public DownloadFixture
 {
 protected:
-    /// Expects one error line with that reason, and nothing left in the folder.
+    /// Expects one error line with that reason, and nothing left in the directory.
     void expectRefusal(const std::string& reason)
     {
         EXPECT_THAT(captured.lines(),
                     ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM E package-download.cpp: "),
                                       HasSubstr("package alpha cannot be downloaded: " + reason))));
-        EXPECT_THAT(namesInFolder(), IsEmpty());
+        EXPECT_THAT(namesInDirectory(), IsEmpty());
         captured.clear();
     }
 
@@ -143,7 +143,7 @@ TEST_F(DownloadRefusal, OfARestThatGoesBeyondTheLimit)
     EXPECT_EQ(download("alpha"), -4);
 
     EXPECT_THAT(captured.lines(), Contains(HasSubstr("larger than the size limit")));
-    EXPECT_THAT(namesInFolder(), IsEmpty());
+    EXPECT_THAT(namesInDirectory(), IsEmpty());
 }
 
 TEST_F(DownloadRefusal, DoesNotMeetAPackageOfJustTheLimit)

@@ -36,7 +36,7 @@ protected:
     void expectPackage() const
     {
         EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == package);
-        EXPECT_THAT(namesInFolder(), ElementsAre("alpha.img"));
+        EXPECT_THAT(namesInDirectory(), ElementsAre("alpha.img"));
     }
 };
 
@@ -344,7 +344,7 @@ TEST_F(DownloadResume, IsTakenUpByTheNextRequest)
     configureFor(server.address(), "attempts = 2\n");
 
     EXPECT_EQ(download("alpha"), -2);
-    EXPECT_THAT(namesInFolder(), testing::UnorderedElementsAre(".alpha.part", ".alpha.resume"));
+    EXPECT_THAT(namesInDirectory(), testing::UnorderedElementsAre(".alpha.part", ".alpha.resume"));
     broken = false;
     EXPECT_EQ(download("alpha"), 0);
 

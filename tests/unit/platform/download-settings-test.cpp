@@ -33,7 +33,7 @@ protected:
 TEST_F(DownloadSettings, AreNeeded)
 {
     expectRefusal("I download-settings.cpp: ", "there is no /etc/quillon/downloads.conf");
-    EXPECT_THAT(namesInFolder(), IsEmpty());
+    EXPECT_THAT(namesInDirectory(), IsEmpty());
 }
 
 TEST_F(DownloadSettings, NeedAnAddress)

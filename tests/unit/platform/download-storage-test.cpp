@@ -54,7 +54,7 @@ TEST_F(DownloadStorage, RemovesALinkInThePartsPlaceAndDoesNotFollowIt)
     EXPECT_EQ(contentsOf(pathOf("victim")), "somebody's file");
     EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == package);
     EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(pathOf("alpha.img"))));
-    EXPECT_THAT(namesInFolder(), UnorderedElementsAre("alpha.img", "victim"));
+    EXPECT_THAT(namesInDirectory(), UnorderedElementsAre("alpha.img", "victim"));
 }
 
 TEST_F(DownloadStorage, DoesNotWriteIntoAFileThatHasAnotherNameToo)
@@ -102,10 +102,10 @@ TEST_F(DownloadStorage, DoesNotFollowALinkInTheNotesPlace)
     EXPECT_EQ(server.requests().front().header("Range"), "");
     EXPECT_EQ(contentsOf(pathOf("victim")), note);
     EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == package);
-    EXPECT_THAT(namesInFolder(), UnorderedElementsAre("alpha.img", "victim"));
+    EXPECT_THAT(namesInDirectory(), UnorderedElementsAre("alpha.img", "victim"));
 }
 
-TEST_F(DownloadStorage, FailsWhereAFolderStandsInThePartsPlace)
+TEST_F(DownloadStorage, FailsWhereADirectoryStandsInThePartsPlace)
 {
     fs::create_directory(pathOf(".alpha.part"));
     EXPECT_EQ(download("alpha"), -5);
@@ -114,12 +114,12 @@ TEST_F(DownloadStorage, FailsWhereAFolderStandsInThePartsPlace)
     EXPECT_THAT(server.requests(), IsEmpty());
 }
 
-TEST_F(DownloadStorage, FailsWhereAFolderStandsInThePackagesPlace)
+TEST_F(DownloadStorage, FailsWhereADirectoryStandsInThePackagesPlace)
 {
     fs::create_directory(pathOf("alpha.img"));
     EXPECT_EQ(download("alpha"), -5);
     EXPECT_THAT(captured.lines(), ElementsAre(HasSubstr("package alpha cannot be stored: ")));
-    EXPECT_THAT(namesInFolder(), ElementsAre("alpha.img"));
+    EXPECT_THAT(namesInDirectory(), ElementsAre("alpha.img"));
 }
 
 TEST_F(DownloadStorage, FailsWhenTheDiskTakesNoMore)
@@ -134,7 +134,7 @@ TEST_F(DownloadStorage, FailsWhenTheDiskTakesNoMore)
 
     EXPECT_THAT(captured.lines(),
                 ElementsAre(HasSubstr("package alpha cannot be downloaded: File too large")));
-    EXPECT_THAT(namesInFolder(), IsEmpty());
+    EXPECT_THAT(namesInDirectory(), IsEmpty());
 }
 
 TEST_F(DownloadStorage, LeavesAPartAloneThatAnotherProcessIsWriting)

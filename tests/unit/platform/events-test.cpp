@@ -158,7 +158,7 @@ TEST_F(Event, LeavesThePlaceThatIsKeptForSomebodyElse)
     EXPECT_EQ(namesBeginningWith(kOther), 1U);
 }
 
-TEST_F(Event, IsNotAFolder)
+TEST_F(Event, IsNotADirectory)
 {
     fs::create_directory(kOther);
     expectRefused(kOther, EEXIST);
@@ -180,7 +180,7 @@ TEST_F(Event, NeedsAnAbsoluteName)
 
 TEST_F(Event, TellsWhyItCouldNotBeRaised)
 {
-    expectRefused("/tmp/no-such-folder/event", ENOENT);
+    expectRefused("/tmp/no-such-directory/event", ENOENT);
     expectRefused(("/tmp/" + std::string(300, 'x')).c_str(), ENAMETOOLONG);
 }
 

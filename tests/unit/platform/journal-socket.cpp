@@ -22,7 +22,7 @@ namespace {
 
 constexpr char kPath[] = "/run/systemd/journal/socket";
 
-std::filesystem::path folder()
+std::filesystem::path directory()
 {
     return std::filesystem::path(kPath).parent_path();
 }
@@ -120,7 +120,7 @@ bool JournalSocket::available()
 JournalSocket::JournalSocket()
     : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)), end_(eventfd(0, EFD_CLOEXEC))
 {
-    madeFolder_ = std::filesystem::create_directories(folder());
+    madeDirectory_ = std::filesystem::create_directories(directory());
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, kPath, sizeof kPath);
@@ -136,9 +136,9 @@ JournalSocket::~JournalSocket()
     crash();
     close(end_);
     unlink(kPath);
-    if (madeFolder_) {
+    if (madeDirectory_) {
         std::error_code ignored;
-        std::filesystem::remove(folder(), ignored);
+        std::filesystem::remove(directory(), ignored);
     }
 }
 

@@ -37,7 +37,7 @@ public:
 private:
     void readUntilCrash();
 
-    bool madeFolder_ = false;
+    bool madeDirectory_ = false;
     int socket_;
     int end_;  // readable when the thread is to end
     std::mutex mutex_;

@@ -22,7 +22,7 @@ namespace {
 using quillon::ExplainedMessage;
 using quillon::messageId;
 
-const std::string kSources = QUILLON_SOURCE_FOLDER "/";
+const std::string kSources = QUILLON_SOURCE_DIRECTORY "/";
 const std::string kCatalogue = kSources + "packaging/systemd/quillon.catalog";
 
 std::string contentsOf(const fs::path& path)
@@ -56,8 +56,8 @@ std::string unescaped(const std::string& literal)
     return text;
 }
 
-// The formats of all calls of a log macro in a folder's sources.
-std::set<std::string> formatsIn(const std::string& folder, const std::string& macro)
+// The formats of all calls of a log macro in a directory's sources.
+std::set<std::string> formatsIn(const std::string& directory, const std::string& macro)
 {
     const std::map<std::string, std::string> sockets = {
         {"QUILLON_PRIVILEGED_SOCKET", QUILLON_PRIVILEGED_SOCKET},
@@ -65,7 +65,7 @@ std::set<std::string> formatsIn(const std::string& folder, const std::string& ma
     const std::regex call(macro + R"re(\(\s*((?:"(?:[^"\\]|\\.)*"\s*|QUILLON_\w+_SOCKET\s*)+))re");
     const std::regex piece(R"re("((?:[^"\\]|\\.)*)"|QUILLON_\w+_SOCKET)re");
     std::set<std::string> formats;
-    for (const fs::directory_entry& file : fs::recursive_directory_iterator(kSources + folder)) {
+    for (const fs::directory_entry& file : fs::recursive_directory_iterator(kSources + directory)) {
         if (file.path().extension() != ".cpp") {
             continue;
         }
@@ -193,10 +193,10 @@ TEST(MessageCatalogue, IsTakenByTheJournalWithoutComplaint)
         GTEST_SKIP() << "there is no journalctl on this machine";
     }
     const fs::path root = fs::temp_directory_path() / "quillon-message-catalogue";
-    const fs::path folder = root / "usr/lib/systemd/catalog";
-    fs::create_directories(folder);
+    const fs::path directory = root / "usr/lib/systemd/catalog";
+    fs::create_directories(directory);
     fs::create_directories(root / "var/lib/systemd/catalog");
-    fs::copy_file(kCatalogue, folder / "quillon.catalog", fs::copy_options::overwrite_existing);
+    fs::copy_file(kCatalogue, directory / "quillon.catalog", fs::copy_options::overwrite_existing);
 
     const std::string journalctl = "journalctl --root='" + root.string() + "' ";
     EXPECT_EQ(outputOf(journalctl + "--update-catalog 2>&1"), "");

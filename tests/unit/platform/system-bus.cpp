@@ -36,16 +36,16 @@ bool SystemBus::canStart()
 
 SystemBus::SystemBus()
 {
-    char folder[] = "/tmp/quillon-bus.XXXXXX";
-    if (mkdtemp(folder) == nullptr) {
-        ADD_FAILURE() << "no folder for a bus";
+    char directory[] = "/tmp/quillon-bus.XXXXXX";
+    if (mkdtemp(directory) == nullptr) {
+        ADD_FAILURE() << "no directory for a bus";
         return;
     }
-    folder_ = folder;
-    const std::string socket = folder_ + "/socket";
+    directory_ = directory;
+    const std::string socket = directory_ + "/socket";
     std::string configuration = kConfiguration;
     configuration.replace(configuration.find("SOCKET"), 6, socket);
-    const std::string file = folder_ + "/bus.conf";
+    const std::string file = directory_ + "/bus.conf";
     std::ofstream(file) << configuration;
 
     int ready[2] = {-1, -1};
@@ -73,5 +73,5 @@ SystemBus::~SystemBus()
         kill(daemon_, SIGKILL);
         waitpid(daemon_, nullptr, 0);
     }
-    fs::remove_all(folder_);
+    fs::remove_all(directory_);
 }

@@ -18,7 +18,7 @@ public:
     SystemBus& operator=(const SystemBus&) = delete;
 
 private:
-    std::string folder_;
+    std::string directory_;
     pid_t daemon_ = -1;
 };
 

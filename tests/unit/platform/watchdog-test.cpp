@@ -191,7 +191,7 @@ TEST_F(Watchdog, BehindASocketNameThatCannotBeIsAFailure)
     }
 }
 
-TEST_F(Watchdog, IsNotLookedForInTheCurrentFolder)
+TEST_F(Watchdog, IsNotLookedForInTheCurrentDirectory)
 {
     NotifySocket manager("/tmp/quillon-notify");
     setenv("WATCHDOG_USEC", "30000000", 1);

@@ -1,4 +1,4 @@
-// What there is: loop devices, mounts of them, files and folders.
+// What there is: loop devices, mounts of them, files and directories.
 
 #include <dirent.h>
 #include <sys/stat.h>
@@ -89,7 +89,7 @@ TEST_F(LoopDeviceCount, TheControlDeviceIsNoNode)
     EXPECT_EQ(countPresentLoopDevices(), 1);
 }
 
-TEST_F(LoopDeviceCount, AFolderCountsAsItselfAndItsContentsDoNot)
+TEST_F(LoopDeviceCount, ADirectoryCountsAsItselfAndItsContentsDoNot)
 {
     loops.addNode("loop/loop0");
     loops.addNode("loop/loop1");
@@ -135,12 +135,12 @@ TEST(RealLoopDeviceCount, AgreesWithTheMachine)
 {
     const auto nodes = [] {
         int count = 0;
-        DIR* folder = opendir("/dev");
-        while (const dirent* entry = readdir(folder)) {
+        DIR* directory = opendir("/dev");
+        while (const dirent* entry = readdir(directory)) {
             const std::string name = entry->d_name;
             count += name.substr(0, 4) == "loop" && name != "loop-control" ? 1 : 0;
         }
-        closedir(folder);
+        closedir(directory);
         return count;
     };
     const auto mounts = [] {
@@ -166,9 +166,9 @@ protected:
     KindOfPath()
     {
         writeFile("/opt/media/file", "a file");
-        makeFolder("/opt/media/folder");
+        makeDirectory("/opt/media/directory");
         EXPECT_EQ(symlink("file", "/opt/media/link-to-file"), 0);
-        EXPECT_EQ(symlink("folder", "/opt/media/link-to-folder"), 0);
+        EXPECT_EQ(symlink("directory", "/opt/media/link-to-directory"), 0);
         EXPECT_EQ(symlink("nowhere", "/opt/media/link-to-nowhere"), 0);
         EXPECT_EQ(mkfifo("/opt/media/pipe", 0600), 0);
     }
@@ -179,18 +179,18 @@ TEST_F(KindOfPath, AFileIsARegularFileOrALinkToOne)
     EXPECT_TRUE(IsFile("/opt/media/file"));
     EXPECT_TRUE(IsFile("/opt/media/link-to-file"));
     for (const char* path :
-         {"/opt/media/folder", "/opt/media/link-to-folder", "/opt/media/link-to-nowhere",
+         {"/opt/media/directory", "/opt/media/link-to-directory", "/opt/media/link-to-nowhere",
           "/opt/media/pipe", "/dev/null", "/opt/media/nothing", "/opt/media/file/below", ""}) {
         EXPECT_FALSE(IsFile(path)) << path;
     }
     EXPECT_THAT(timeline(), IsEmpty());
 }
 
-TEST_F(KindOfPath, AFolderIsAFolderOrALinkToOne)
+TEST_F(KindOfPath, ADirectoryIsADirectoryOrALinkToOne)
 {
-    EXPECT_TRUE(IsDir("/opt/media/folder"));
-    EXPECT_TRUE(IsDir("/opt/media/folder/"));
-    EXPECT_TRUE(IsDir("/opt/media/link-to-folder"));
+    EXPECT_TRUE(IsDir("/opt/media/directory"));
+    EXPECT_TRUE(IsDir("/opt/media/directory/"));
+    EXPECT_TRUE(IsDir("/opt/media/link-to-directory"));
     for (const char* path :
          {"/opt/media/file", "/opt/media/link-to-file", "/opt/media/link-to-nowhere",
           "/opt/media/pipe", "/dev/null", "/opt/media/nothing", "/opt/media/file/below", ""}) {

@@ -27,7 +27,7 @@ protected:
     LoopNodes()
     {
         writeFile(kImage, "an image");
-        makeFolder(kMountPoint);
+        makeDirectory(kMountPoint);
     }
 
     static int mount() { return FWMountManager::getInstance()->Mount(kImage, kMountPoint); }

@@ -56,7 +56,7 @@ protected:
 
 TEST_F(MountImage, AsksOnceForAReadOnlyLoopMount)
 {
-    makeFolder(kMountPoint);
+    makeDirectory(kMountPoint);
 
     EXPECT_EQ(mount(), 0);
 
@@ -114,13 +114,13 @@ TEST_F(MountImage, RefusesAMissingSourceAndMakesNoMountPoint)
     EXPECT_FALSE(isThere(kMountPoint));
 }
 
-TEST_F(MountImage, AFolderIsNoSource)
+TEST_F(MountImage, ADirectoryIsNoSource)
 {
-    makeFolder("/opt/media/folder.img");
+    makeDirectory("/opt/media/directory.img");
 
-    EXPECT_EQ(manager->Mount("/opt/media/folder.img", kMountPoint), -1);
+    EXPECT_EQ(manager->Mount("/opt/media/directory.img", kMountPoint), -1);
 
-    EXPECT_THAT(timeline(), ElementsAre(said("srcFile[/opt/media/folder.img] is not exist.")));
+    EXPECT_THAT(timeline(), ElementsAre(said("srcFile[/opt/media/directory.img] is not exist.")));
     EXPECT_FALSE(isThere(kMountPoint));
 }
 
@@ -160,7 +160,7 @@ TEST_F(MountImage, GroupAndOwnerMayWriteToTheMountPointThatItMakes)
 
 TEST_F(MountImage, UsesAMountPointThatIsThereAsItIs)
 {
-    makeFolder(kMountPoint);
+    makeDirectory(kMountPoint);
     ASSERT_EQ(chmod(kMountPoint.c_str(), 0700), 0);
     recordCalls({"mkdir"});
 

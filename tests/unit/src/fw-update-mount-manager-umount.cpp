@@ -21,7 +21,7 @@ const std::string kMountPoint = "/opt/media/mounted";  // 18 characters
 class UnmountDirectory : public DeviceTest
 {
 protected:
-    UnmountDirectory() { makeFolder(kMountPoint); }
+    UnmountDirectory() { makeDirectory(kMountPoint); }
 
     static int unmount(const std::string& directory)
     {
@@ -64,7 +64,7 @@ TEST_F(UnmountDirectory, RefusesAnEmptyPath)
     EXPECT_THAT(timeline(), ElementsAre(said(ERROR, "Input umount dir is empty.")));
 }
 
-TEST_F(UnmountDirectory, RefusesWhatIsNoFolder)
+TEST_F(UnmountDirectory, RefusesWhatIsNoDirectory)
 {
     writeFile("/opt/media/file", "a file");
 
@@ -75,7 +75,7 @@ TEST_F(UnmountDirectory, RefusesWhatIsNoFolder)
                                         said(ERROR, "Umount dir[/opt/media/nothing] is invalid.")));
 }
 
-TEST_F(UnmountDirectory, FollowsALinkToAFolderAndAsksForItByTheLinksName)
+TEST_F(UnmountDirectory, FollowsALinkToADirectoryAndAsksForItByTheLinksName)
 {
     ASSERT_EQ(symlink(kMountPoint.c_str(), "/opt/media/link"), 0);
 
@@ -90,7 +90,7 @@ TEST_F(UnmountDirectory, APathLongerThanARequestIsHandedOnWhole)
     for (int depth = 0; depth < 6; ++depth) {
         directory += "/" + std::string(200, 'x');
     }
-    makeFolder(directory);
+    makeDirectory(directory);
     ASSERT_EQ(directory.size(), 1216U);
 
     EXPECT_EQ(unmount(directory), 0);

@@ -68,7 +68,7 @@ TEST_F(BinaryChecksum, OfRandomLengthsIsThatOfTheBytes)
 
 TEST_F(BinaryChecksum, AReadErrorEndsTheFile)
 {
-    EXPECT_EQ(module.getBinaryCRC32("/opt/media"), 0UL) << "a folder opens but cannot be read";
+    EXPECT_EQ(module.getBinaryCRC32("/opt/media"), 0UL) << "a directory opens but cannot be read";
 
     EXPECT_THAT(timeline(), IsEmpty());
 }

@@ -50,22 +50,22 @@ protected:
     /// An earlier decision: needed, in 90 seconds.
     void decideEarlier()
     {
-        offer(kSystemFolder);
+        offer(kSystemDirectory);
         ASSERT_EQ(install(Module().needsUpdate()), 0);
         ASSERT_EQ(decide(), 1);
         expectDecision(true, 90);
         clear();
     }
 
-    const std::string imagePath = std::string(kSystemFolder) + "/tunerA1.bin";
-    const std::string informationPath = std::string(kSystemFolder) + "/info.json";
+    const std::string imagePath = std::string(kSystemDirectory) + "/tunerA1.bin";
+    const std::string informationPath = std::string(kSystemDirectory) + "/info.json";
     const EntryMatcher tried = said("tunerA1 Firmware isNeedUpdateModules Try(tuner)");
     const EntryMatcher checked = plugin("checkVersion(\"2.0\", need 0)");
 };
 
 TEST_F(UpdateDecision, ComesFromThePluginOnceTheImageIsSound)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     install(Module().needsUpdate());
     recordCalls({"stat", "fread", "prctl"});
 
@@ -84,7 +84,7 @@ TEST_F(UpdateDecision, TellsTheRunningVersionWhenNoUpdateIsNeeded)
 {
     decideEarlier();
     change(Module().upToDate().running("1.7"));
-    offer(kSystemFolder, Firmware().takesSeconds("30"));
+    offer(kSystemDirectory, Firmware().takesSeconds("30"));
 
     EXPECT_EQ(decide(), 0);
 
@@ -95,7 +95,7 @@ TEST_F(UpdateDecision, TellsTheRunningVersionWhenNoUpdateIsNeeded)
 
 TEST_F(UpdateDecision, IsHandedOnAsThePluginSaysIt)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     install(Module());
     for (const int need : {1, 2, INT_MAX}) {
         change(Module().needs(need));
@@ -110,7 +110,7 @@ TEST_F(UpdateDecision, IsHandedOnAsThePluginSaysIt)
 
 TEST_F(UpdateDecision, ANegativeNeedCountsAsNeededAndIsLoggedAsNotNeeded)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     install(Module());
     for (const int need : {-1, -3, INT_MIN}) {
         change(Module().needs(need));
@@ -150,7 +150,7 @@ TEST_F(UpdateDecision, AFailedVersionCheckLeavesTheAnswerAtNotNeeded)
 
 TEST_F(UpdateDecision, AFailedVersionCheckMayStillHaveAnAnswer)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     install(Module().needsUpdate().returning("checkVersion", -1));
 
     EXPECT_EQ(decide(), 1);
@@ -162,7 +162,7 @@ TEST_F(UpdateDecision, AFailedVersionCheckMayStillHaveAnAnswer)
 
 TEST_F(UpdateDecision, GoesOnWhateverSetContextAnswers)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     install(Module().needsUpdate().returning("setContext", -1));
 
     EXPECT_EQ(decide(), 1);
@@ -172,7 +172,7 @@ TEST_F(UpdateDecision, GoesOnWhateverSetContextAnswers)
 
 TEST_F(UpdateDecision, AMissingImageIsNamed)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     removeFile(imagePath);
     install(Module().needsUpdate());
 
@@ -185,7 +185,7 @@ TEST_F(UpdateDecision, AMissingImageIsNamed)
 
 TEST_F(UpdateDecision, AMissingInformationFileIsNamed)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     removeFile(informationPath);
     install(Module().needsUpdate());
 
@@ -209,7 +209,7 @@ TEST_F(UpdateDecision, OfTwoMissingFilesTheImageIsNamed)
 
 TEST_F(UpdateDecision, AMissingImageIsNamedEvenBesideABrokenInformationFile)
 {
-    offer(kSystemFolder, Firmware().information("not JSON"));
+    offer(kSystemDirectory, Firmware().information("not JSON"));
     removeFile(imagePath);
     install(Module().needsUpdate());
 
@@ -222,7 +222,7 @@ TEST_F(UpdateDecision, AMissingImageIsNamedEvenBesideABrokenInformationFile)
 
 TEST_F(UpdateDecision, ABrokenInformationFileIsAFailure)
 {
-    offer(kSystemFolder, Firmware().information("not JSON"));
+    offer(kSystemDirectory, Firmware().information("not JSON"));
     install(Module().needsUpdate());
 
     EXPECT_EQ(decide(), -1);
@@ -236,7 +236,7 @@ TEST_F(UpdateDecision, ABrokenInformationFileIsAFailure)
 
 TEST_F(UpdateDecision, ADamagedImageIsRefusedBeforeThePluginIsAskedForIt)
 {
-    offer(kSystemFolder, Firmware().statedCrc(Firmware().crc() + 1));
+    offer(kSystemDirectory, Firmware().statedCrc(Firmware().crc() + 1));
     install(Module().needsUpdate());
 
     EXPECT_EQ(decide(), -1);
@@ -249,7 +249,7 @@ TEST_F(UpdateDecision, EveryBitOfTheChecksumCounts)
 {
     install(Module().needsUpdate());
     for (unsigned int bit = 0; bit < 32; ++bit) {
-        offer(kSystemFolder, Firmware().statedCrc(Firmware().crc() ^ (1U << bit)));
+        offer(kSystemDirectory, Firmware().statedCrc(Firmware().crc() ^ (1U << bit)));
 
         EXPECT_EQ(decide(), -1) << bit;
     }
@@ -257,7 +257,7 @@ TEST_F(UpdateDecision, EveryBitOfTheChecksumCounts)
 
 TEST_F(UpdateDecision, AnEmptyImageHasTheChecksumZero)
 {
-    offer(kSystemFolder, Firmware().image({}).statedCrc(0));
+    offer(kSystemDirectory, Firmware().image({}).statedCrc(0));
     install(Module().needsUpdate());
 
     EXPECT_EQ(decide(), 1);
@@ -267,13 +267,13 @@ TEST_F(UpdateDecision, StaysAsItWasWhenThereIsNoSoundImage)
 {
     const std::vector<std::function<void()>> damages = {
         [this] { removeFile(imagePath); }, [this] { removeFile(informationPath); },
-        [] { offer(kSystemFolder, Firmware().information("not JSON")); },
-        [] { offer(kSystemFolder, Firmware().information(R"({"crc": -1})")); },
-        [] { offer(kSystemFolder, Firmware().statedCrc(1).takesSeconds("7")); }};
+        [] { offer(kSystemDirectory, Firmware().information("not JSON")); },
+        [] { offer(kSystemDirectory, Firmware().information(R"({"crc": -1})")); },
+        [] { offer(kSystemDirectory, Firmware().statedCrc(1).takesSeconds("7")); }};
     decideEarlier();
     change(Module().upToDate());
     for (const auto& damage : damages) {
-        offer(kSystemFolder, Firmware().takesSeconds("8"));
+        offer(kSystemDirectory, Firmware().takesSeconds("8"));
         damage();
 
         EXPECT_EQ(decide(), -1);
@@ -297,7 +297,7 @@ TEST_F(UpdateDecision, StaysAsItWasWhenAnExceptionLeaves)
     const std::vector<std::string> entries = {"setContext", "checkVersion", "getActiveVersion"};
     for (const std::string& entry : entries) {
         change(Module().upToDate().throwing(entry));
-        offer(kSystemFolder, Firmware().takesSeconds("8"));
+        offer(kSystemDirectory, Firmware().takesSeconds("8"));
         const int before = openDescriptors();
 
         EXPECT_THROW(module.isNeedUpdate(CALLER_SYSTEM, argument), std::runtime_error) << entry;
@@ -305,7 +305,7 @@ TEST_F(UpdateDecision, StaysAsItWasWhenAnExceptionLeaves)
         EXPECT_EQ(openDescriptors(), before);
         expectDecision(true, 90);
     }
-    offer(kSystemFolder, Firmware().information(R"({"version": [1], "expected_time": 8})"));
+    offer(kSystemDirectory, Firmware().information(R"({"version": [1], "expected_time": 8})"));
     EXPECT_THROW(module.isNeedUpdate(CALLER_SYSTEM, argument), Json::Exception);
     expectDecision(true, 90);
 }
@@ -320,7 +320,7 @@ TEST_F(UpdateDecision, TheExpectedTimeIsKeptAs32Bits)
     };
     install(Module().needsUpdate());
     for (const auto& [text, seconds] : times) {
-        offer(kSystemFolder, Firmware().takesSeconds(text));
+        offer(kSystemDirectory, Firmware().takesSeconds(text));
 
         EXPECT_EQ(decide(), 1);
 
@@ -330,7 +330,7 @@ TEST_F(UpdateDecision, TheExpectedTimeIsKeptAs32Bits)
 
 TEST_F(UpdateDecision, AnInformationFileThatSaysNothingHasItsDefaults)
 {
-    offer(kSystemFolder, Firmware().image({}).information("{}"));
+    offer(kSystemDirectory, Firmware().image({}).information("{}"));
     install(Module().needsUpdate());
 
     EXPECT_EQ(decide(), 1);
@@ -343,7 +343,7 @@ TEST_F(UpdateDecision, AnInformationFileThatSaysNothingHasItsDefaults)
 TEST_F(UpdateDecision, ARunningVersionMayFillItsBufferWithoutATerminator)
 {
     const std::string version(128, 'v');
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     install(Module().upToDate().running(version));
 
     EXPECT_EQ(decide(), 0);
@@ -354,7 +354,7 @@ TEST_F(UpdateDecision, ARunningVersionMayFillItsBufferWithoutATerminator)
 
 TEST_F(UpdateDecision, APluginThatTellsNoRunningVersionHasAnEmptyOne)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     install(Module().upToDate().leavesVersionAlone());
 
     EXPECT_EQ(decide(), 0);
@@ -365,7 +365,7 @@ TEST_F(UpdateDecision, APluginThatTellsNoRunningVersionHasAnEmptyOne)
 
 TEST_F(UpdateDecision, TheRunningVersionCountsEvenWhenItsEntryFails)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     install(Module().upToDate().running("1.7").returning("getActiveVersion", -1));
 
     EXPECT_EQ(decide(), 0);
@@ -378,7 +378,7 @@ TEST_F(UpdateDecision, AModuleThatIsNotLoadedIsCheckedAllTheSame)
 {
     ASSERT_EQ(install(Module().upToDate().withEmpid("tunerA1")), -1) << "it names no package";
     ASSERT_FALSE(module.isLoaded());
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
 
     EXPECT_EQ(decide(), 0);
 
@@ -447,9 +447,9 @@ TEST_F(UpdateDecision, ThePluginIsNotAskedWhenThePackageCannotBeMounted)
 TEST_F(UpdateDecision, NothingIsMountedForAnyOtherSource)
 {
     writeFile(kPackage, "a package");
-    offer(kStickFolder);
-    offer(kSystemFolder);
-    offer(kSharedFolder);
+    offer(kStickDirectory);
+    offer(kSystemDirectory);
+    offer(kSharedDirectory);
     install(Module().needsUpdate());
     for (const CallerTypes caller :
          {CALLER_STICK, CALLER_SYSTEM, CALLER_SHARED, CALLER_SYSTEM_2, CALLER_SYSTEM_3}) {
@@ -474,10 +474,10 @@ TEST_F(UpdateDecision, WithoutAStickTheImageHasNoPath)
 TEST_F(UpdateDecision, EveryCallerHasItsSource)
 {
     // Version, image and checksum of one source never fit those of another.
-    offer(kStickFolder, Firmware().version("stick").image(noise(100, 1)));
+    offer(kStickDirectory, Firmware().version("stick").image(noise(100, 1)));
     offerPackage(Firmware().version("package").image(noise(100, 2)));
-    offer(kSystemFolder, Firmware().version("system").image(noise(100, 3)));
-    offer(kSharedFolder, Firmware().version("shared").image(noise(100, 4)));
+    offer(kSystemDirectory, Firmware().version("system").image(noise(100, 3)));
+    offer(kSharedDirectory, Firmware().version("shared").image(noise(100, 4)));
     install(Module().needsUpdate());
     const std::vector<std::pair<int, std::string>> sources = {
         {0, "stick"},   {1, "package"},  {2, "package"},      {3, "package"},
@@ -502,10 +502,10 @@ TEST_F(UpdateDecision, EveryCallerHasItsSource)
 
 TEST_F(UpdateDecision, OnlyCallerOneNeedsAnArgument)
 {
-    offer(kStickFolder);
+    offer(kStickDirectory);
     offerPackage();
-    offer(kSystemFolder);
-    offer(kSharedFolder);
+    offer(kSystemDirectory);
+    offer(kSharedDirectory);
     install(Module().needsUpdate());
     for (const int caller : {0, 2, 3, 4, 5, 6, 7, 8}) {
         clear();
@@ -522,7 +522,7 @@ TEST_F(UpdateDecision, OnlyCallerOneNeedsAnArgument)
 
 TEST_F(UpdateDecision, ARecordWithoutItsEntriesRaises)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
 
     EXPECT_THROW(module.isNeedUpdate(CALLER_SYSTEM, argument), std::bad_function_call);
 

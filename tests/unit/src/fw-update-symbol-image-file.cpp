@@ -92,9 +92,9 @@ TEST_F(ImageFile, AFifoWithAWriterIsNoImageEither)
     expectOpenFailures();
 }
 
-TEST_F(ImageFile, AFolderIsNoImage)
+TEST_F(ImageFile, ADirectoryIsNoImage)
 {
-    makeFolder(kImage);
+    makeDirectory(kImage);
 
     expectOpenFailures();
 }

@@ -161,7 +161,7 @@ TEST_F(LoadInformation, AMissingFileFailsAndChangesNothing)
         ElementsAre(Log(ERROR, "Error: json loadInformation fail.(/opt/media/none.json)\n")));
 }
 
-TEST_F(LoadInformation, AFolderFails)
+TEST_F(LoadInformation, ADirectoryFails)
 {
     EXPECT_FALSE(module.loadInformation("/opt/media"));
 

@@ -13,21 +13,21 @@
 
 namespace quillon::test {
 
-inline constexpr const char* kModuleFolder = "/usr/fwupdate/controls";
+inline constexpr const char* kModuleDirectory = "/usr/fwupdate/controls";
 
-/// The stems of the module folder's ".so" files, in the order in which the folder lists them.
+/// The stems of the module directory's ".so" files, in the order in which the directory lists them.
 inline std::vector<std::string> listedModules()
 {
     std::vector<std::string> stems;
-    DIR* folder = opendir(kModuleFolder);
-    while (const dirent* entry = folder != nullptr ? readdir(folder) : nullptr) {
+    DIR* directory = opendir(kModuleDirectory);
+    while (const dirent* entry = directory != nullptr ? readdir(directory) : nullptr) {
         const std::string name = entry->d_name;
         if (name.size() > 3 && name.substr(name.size() - 3) == ".so") {
             stems.push_back(name.substr(0, name.size() - 3));
         }
     }
-    if (folder != nullptr) {
-        closedir(folder);
+    if (directory != nullptr) {
+        closedir(directory);
     }
     return stems;
 }

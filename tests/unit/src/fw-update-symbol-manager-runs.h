@@ -163,12 +163,12 @@ protected:
     char noText[1] = {};
 
 private:
-    static void offerIn(const std::string& folder, const std::string& firmware,
+    static void offerIn(const std::string& directory, const std::string& firmware,
                         std::uint32_t seconds)
     {
         const Bytes image = bytesOf("image of " + firmware);
-        writeFile(folder + firmware + ".bin", image);
-        writeFile(folder + "info.json",
+        writeFile(directory + firmware + ".bin", image);
+        writeFile(directory + "info.json",
                   "{\"version\": \"2.0\", \"crc\": " +
                       std::to_string(imageChecksum(0, image.data(), image.size())) +
                       ", \"expected_time\": " + std::to_string(seconds) + "}");

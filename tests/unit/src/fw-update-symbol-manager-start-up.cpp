@@ -47,9 +47,9 @@ EntryMatcher Model()
     return LogFrom("getSWVersionString", INFO, "SWModel : QUILLON");
 }
 
-std::string inModuleFolder(const std::string& name)
+std::string inModuleDirectory(const std::string& name)
 {
-    return std::string(kModuleFolder) + "/" + name;
+    return std::string(kModuleDirectory) + "/" + name;
 }
 
 class Registry : public RegistryTest
@@ -63,7 +63,7 @@ TEST_F(Registry, ExistsOnce)
     EXPECT_EQ(FWUpdateSymbolManager::getInstance(), manager);
 }
 
-TEST_F(Registry, OfAnEmptyFolderIsEmptyAndStands)
+TEST_F(Registry, OfAnEmptyDirectoryIsEmptyAndStands)
 {
     EXPECT_TRUE(manager->getIsReady(true));
 
@@ -83,7 +83,7 @@ TEST_F(Registry, LoadsAModuleThenReadsTheVersion)
     EXPECT_THAT(registered(), ElementsAre("alpha"));
 }
 
-TEST_F(Registry, ListsModulesInTheOrderOfTheFolder)
+TEST_F(Registry, ListsModulesInTheOrderOfTheDirectory)
 {
     for (const char* name : {"mike", "alpha", "zulu", "delta", "yankee", "bravo"}) {
         device.addModule(name);
@@ -95,9 +95,9 @@ TEST_F(Registry, ListsModulesInTheOrderOfTheFolder)
     EXPECT_EQ(registered().size(), 6U);
 }
 
-TEST_F(Registry, LoadsOnlyAfterTheWholeFolderHasBeenListed)
+TEST_F(Registry, LoadsOnlyAfterTheWholeDirectoryHasBeenListed)
 {
-    // A folder may list its oldest entry last or first: one to be skipped stands at either end.
+    // A directory may list its oldest entry last or first: one to be skipped stands at either end.
     device.addModule("ext-first");
     device.addModule("alpha");
     device.addModule("bravo");
@@ -117,8 +117,8 @@ TEST_F(Registry, TakesOnlyLibrariesThatAreNoExtensions)
     device.addModule("abc");
     device.addModule("EXT-decrypt");
     device.addModule("ext-x");
-    writeFile(inModuleFolder("abc.json"), "{}");
-    writeFile(inModuleFolder("lib.so.1"), "");
+    writeFile(inModuleDirectory("abc.json"), "{}");
+    writeFile(inModuleDirectory("lib.so.1"), "");
 
     ASSERT_TRUE(manager->getIsReady(true));
 
@@ -156,8 +156,8 @@ TEST_F(Registry, DoesNotSkipWhatOnlyResemblesTheMark)
 
 TEST_F(Registry, LooksForTheMarkInTheStemOnlyAndBeforeTheExtension)
 {
-    writeFile(inModuleFolder("notes.ext-1"), "");
-    writeFile(inModuleFolder("ext-notes.txt"), "");
+    writeFile(inModuleDirectory("notes.ext-1"), "");
+    writeFile(inModuleDirectory("ext-notes.txt"), "");
 
     ASSERT_TRUE(manager->getIsReady(true));
 
@@ -181,7 +181,7 @@ TEST_F(Registry, WithoutTheSkipFlagTakesExtensionModulesAsWell)
 TEST_F(Registry, ComparesTheExtensionExactly)
 {
     for (const char* name : {"abc.SO", "abc.So", "abc.soo", "abc.s", "so", "abcso", "abc.so~"}) {
-        writeFile(inModuleFolder(name), "");
+        writeFile(inModuleDirectory(name), "");
     }
 
     ASSERT_TRUE(manager->getIsReady(true));
@@ -201,7 +201,7 @@ TEST_F(Registry, TakesTheLastExtensionOfAName)
 
 TEST_F(Registry, TakesALeadingDotForTheBeginningOfTheExtension)
 {
-    writeFile(inModuleFolder(".so"), "");
+    writeFile(inModuleDirectory(".so"), "");
     recordCalls({"dlopen"});
 
     ASSERT_TRUE(manager->getIsReady(true));
@@ -212,18 +212,18 @@ TEST_F(Registry, TakesALeadingDotForTheBeginningOfTheExtension)
 
 TEST_F(Registry, TakesEntriesOfEveryKind)
 {
-    makeFolder(inModuleFolder("folder.so"));
-    ASSERT_EQ(symlink("/nowhere", inModuleFolder("link.so").c_str()), 0);
+    makeDirectory(inModuleDirectory("directory.so"));
+    ASSERT_EQ(symlink("/nowhere", inModuleDirectory("link.so").c_str()), 0);
 
     ASSERT_TRUE(manager->getIsReady(true));
 
     EXPECT_THAT(registered(), ElementsAre("", ""));
 }
 
-TEST_F(Registry, DoesNotLookIntoFolders)
+TEST_F(Registry, DoesNotLookIntoDirectories)
 {
-    makeFolder(inModuleFolder("inner"));
-    writeFile(inModuleFolder("inner/abc.so"), "");
+    makeDirectory(inModuleDirectory("inner"));
+    writeFile(inModuleDirectory("inner/abc.so"), "");
 
     ASSERT_TRUE(manager->getIsReady(true));
 
@@ -241,9 +241,9 @@ TEST_F(Registry, KeepsAModuleThatDoesNotLoad)
     EXPECT_THAT(registered(), UnorderedElementsAre("alpha", "", ""));
 }
 
-TEST_F(Registry, OfAMissingFolderDoesNotStand)
+TEST_F(Registry, OfAMissingDirectoryDoesNotStand)
 {
-    std::filesystem::remove(kModuleFolder);
+    std::filesystem::remove(kModuleDirectory);
 
     EXPECT_FALSE(manager->getIsReady(true));
 
@@ -256,7 +256,7 @@ TEST_F(Registry, OfAMissingFolderDoesNotStand)
 
 TEST_F(Registry, TriesAgainAfterAFailedPass)
 {
-    std::filesystem::remove(kModuleFolder);
+    std::filesystem::remove(kModuleDirectory);
     ASSERT_FALSE(manager->getIsReady(true));
     device.addModule("alpha");
 

@@ -259,7 +259,7 @@ TEST_F(UpdateList, WhosePathCannotBeLookedAtIsRefused)
 TEST_F(UpdateList, ThatCannotBeOpenedIsNotReported)
 {
     install();
-    makeFolder(kUpdateList);
+    makeDirectory(kUpdateList);
 
     EXPECT_EQ(write(), 1);
 

@@ -24,7 +24,7 @@ protected:
     void download() const
     {
         writeFile(kPackage, "a package");
-        makeFolder(kMountPoint);
+        makeDirectory(kMountPoint);
     }
 
     const EntryMatcher saidMountFailed =
@@ -117,7 +117,7 @@ TEST_F(Packages, AMountAfterAMountUnmountsFirst)
 
 TEST_F(Packages, APackageThatIsNotThereIsNotMounted)
 {
-    makeFolder(kMountPoint);
+    makeDirectory(kMountPoint);
 
     EXPECT_FALSE(module.mountEMPImage());
 
@@ -170,10 +170,10 @@ TEST_F(Packages, AFailedMountSaysWhichPackageAndLeavesItUnmounted)
                             saidMountFailed));
 }
 
-TEST_F(Packages, AFolderInThePlaceOfThePackageCannotBeMounted)
+TEST_F(Packages, ADirectoryInThePlaceOfThePackageCannotBeMounted)
 {
-    makeFolder(kPackage);
-    makeFolder(kMountPoint);
+    makeDirectory(kPackage);
+    makeDirectory(kMountPoint);
 
     EXPECT_FALSE(module.mountEMPImage());
 
@@ -195,7 +195,7 @@ TEST_F(Packages, DevicesThatCannotBeListedAreTheCallersTrouble)
 
 TEST_F(Packages, AnUnmountIsLoggedAsAnErrorEvenWhenItSucceeds)
 {
-    makeFolder(kMountPoint);
+    makeDirectory(kMountPoint);
 
     EXPECT_TRUE(module.unmountEMPImage());
 
@@ -204,7 +204,7 @@ TEST_F(Packages, AnUnmountIsLoggedAsAnErrorEvenWhenItSucceeds)
 
 TEST_F(Packages, AFailedUnmountIsAFailure)
 {
-    makeFolder(kMountPoint);
+    makeDirectory(kMountPoint);
     platform().psUmount.then({{-1, 0}});
 
     EXPECT_FALSE(module.unmountEMPImage());
@@ -221,7 +221,7 @@ TEST_F(Packages, APackageThatNeverWasMountedCannotBeUnmounted)
 
 TEST_F(Packages, UnmountingAsksEvenForAModuleThatIsNotLoaded)
 {
-    makeFolder("/opt/usr/apps/appbinarymanager/emps");
+    makeDirectory("/opt/usr/apps/appbinarymanager/emps");
     FWUpdateSymbol never("never");
 
     EXPECT_TRUE(never.unmountEMPImage());

@@ -70,12 +70,12 @@ protected:
         clear();
     }
 
-    static void plug(const std::string& slot) { makeFolder("/opt/media/USBDriveA" + slot); }
+    static void plug(const std::string& slot) { makeDirectory("/opt/media/USBDriveA" + slot); }
 
     FWUpdateSymbol module{"tuner"};
 };
 
-TEST_F(ModulePaths, OnAStickLieInTheFoldersOfTheFirmwareName)
+TEST_F(ModulePaths, OnAStickLieInTheDirectoriesOfTheFirmwareName)
 {
     plug("");
 
@@ -84,7 +84,7 @@ TEST_F(ModulePaths, OnAStickLieInTheFoldersOfTheFirmwareName)
     EXPECT_THAT(timeline(), IsEmpty());
 }
 
-TEST_F(ModulePaths, InThePackageLieInTheFolderOfThePackageName)
+TEST_F(ModulePaths, InThePackageLieInTheDirectoryOfThePackageName)
 {
     EXPECT_EQ(module.getInformationPath(UPDATE_EMP),
               "/opt/usr/apps/appbinarymanager/emps/tunerempA1/info.json");
@@ -92,13 +92,13 @@ TEST_F(ModulePaths, InThePackageLieInTheFolderOfThePackageName)
               "/opt/usr/apps/appbinarymanager/emps/tunerempA1/tunerA1.bin");
 }
 
-TEST_F(ModulePaths, InTheSystemAreaLieInTheFolderOfTheFirmwareName)
+TEST_F(ModulePaths, InTheSystemAreaLieInTheDirectoryOfTheFirmwareName)
 {
     EXPECT_EQ(module.getInformationPath(UPDATE_EXT), "/lib/firmware/ext/tunerA1/info.json");
     EXPECT_EQ(module.getBinaryPath(UPDATE_EXT), "/lib/firmware/ext/tunerA1/tunerA1.bin");
 }
 
-TEST_F(ModulePaths, InTheSharedAreaLieInTheFolderOfTheFirmwareName)
+TEST_F(ModulePaths, InTheSharedAreaLieInTheDirectoryOfTheFirmwareName)
 {
     EXPECT_EQ(module.getInformationPath(UPDATE_SBOX), "/opt/usr/share/sbox/tunerA1/info.json");
     EXPECT_EQ(module.getBinaryPath(UPDATE_SBOX), "/opt/usr/share/sbox/tunerA1/tunerA1.bin");
@@ -183,7 +183,7 @@ TEST_F(ModulePaths, AStickUnderAnotherNumberIsNotFoundAndTheAnswerNotTouched)
 
 TEST_F(ModulePaths, AFileInThePlaceOfAStickIsNone)
 {
-    writeFile("/opt/media/USBDriveA", "not a folder");
+    writeFile("/opt/media/USBDriveA", "not a directory");
 
     std::string stick;
     EXPECT_FALSE(module.getUsbMountPath(stick));

@@ -133,7 +133,7 @@ TEST_F(ProcessModule, NeitherMountsNorChecksForAnyCaller)
 
 TEST_F(ProcessModule, LeavesTheDecisionAlone)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     install(Module().needsUpdate());
     ASSERT_EQ(module.isNeedUpdate(CALLER_SYSTEM, argument), 1);
     change(Module().upToDate().takesSeconds(1));
@@ -192,7 +192,7 @@ TEST_F(ProcessModule, WaitsWhileAnotherIsRunning)
 
 TEST_F(ProcessModule, RunsWhileAFirmwareIsBeingInstalled)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     bool overlapped = false;
     install(Module().needsUpdate().onUpdate([&overlapped](const char*, unsigned long) {
         overlapped = waitForText("EXT-tool.doUpdate(\"EXT-tool\", 0)", std::chrono::seconds(10));

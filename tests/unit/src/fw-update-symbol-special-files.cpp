@@ -25,7 +25,7 @@ constexpr unsigned int kPatienceSeconds = 10;
 struct Source
 {
     CallerTypes caller;
-    const char* folder;
+    const char* directory;
 };
 
 constexpr Source kShared = {CALLER_SHARED, "/opt/usr/share/sbox/tunerA1"};
@@ -60,15 +60,15 @@ protected:
     void expectRefused(const Source& source, const std::string& line)
     {
         clear();
-        EXPECT_EQ(decide(source.caller, noText), -1) << source.folder;
-        EXPECT_EQ(update(source.caller, noText), -1) << source.folder;
+        EXPECT_EQ(decide(source.caller, noText), -1) << source.directory;
+        EXPECT_EQ(update(source.caller, noText), -1) << source.directory;
         const std::vector<std::string> lines = logTexts();
-        EXPECT_EQ(std::count(lines.begin(), lines.end(), line), 2) << source.folder;
+        EXPECT_EQ(std::count(lines.begin(), lines.end(), line), 2) << source.directory;
         EXPECT_THAT(pluginTexts(), Not(Contains(HasSubstr("doUpdate("))));
     }
     void expectNoInformation(const Source& source)
     {
-        expectRefused(source, std::string("Error: json loadInformation fail.(") + source.folder +
+        expectRefused(source, std::string("Error: json loadInformation fail.(") + source.directory +
                                   "/info.json)\n");
     }
     void expectNoImage(const Source& source)
@@ -83,8 +83,8 @@ TEST_F(SpecialFiles, AFifoIsNoInformationFileAndNeverWaitedFor)
 {
     offerPackage();
     for (const Source& source : kSources) {
-        offer(source.folder);
-        replaceByFifo(std::string(source.folder) + "/info.json");
+        offer(source.directory);
+        replaceByFifo(std::string(source.directory) + "/info.json");
 
         expectNoInformation(source);
     }
@@ -94,8 +94,8 @@ TEST_F(SpecialFiles, AFifoIsNoImageAndNeverWaitedFor)
 {
     offerPackage();
     for (const Source& source : kSources) {
-        offer(source.folder, Firmware().statedCrc(0));
-        replaceByFifo(std::string(source.folder) + "/tunerA1.bin");
+        offer(source.directory, Firmware().statedCrc(0));
+        replaceByFifo(std::string(source.directory) + "/tunerA1.bin");
 
         expectNoImage(source);
     }
@@ -103,24 +103,24 @@ TEST_F(SpecialFiles, AFifoIsNoImageAndNeverWaitedFor)
 
 TEST_F(SpecialFiles, AnEndlessDeviceIsNoInformationFile)
 {
-    offer(kSharedFolder);
-    replaceByLink(std::string(kSharedFolder) + "/info.json", "/dev/zero");
+    offer(kSharedDirectory);
+    replaceByLink(std::string(kSharedDirectory) + "/info.json", "/dev/zero");
 
     expectNoInformation(kShared);
 }
 
 TEST_F(SpecialFiles, ADeviceIsNoImageEvenWhereItsChecksumWouldBeRight)
 {
-    offer(kSharedFolder, Firmware().statedCrc(0));
-    replaceByLink(std::string(kSharedFolder) + "/tunerA1.bin", "/dev/null");
+    offer(kSharedDirectory, Firmware().statedCrc(0));
+    replaceByLink(std::string(kSharedDirectory) + "/tunerA1.bin", "/dev/null");
 
     expectNoImage(kShared);
 }
 
 TEST_F(SpecialFiles, AFileWithoutAnEndIsNoImage)
 {
-    offer(kSharedFolder);
-    replaceByLink(std::string(kSharedFolder) + "/tunerA1.bin", "/proc/self/pagemap");
+    offer(kSharedDirectory);
+    replaceByLink(std::string(kSharedDirectory) + "/tunerA1.bin", "/proc/self/pagemap");
     clear();
 
     EXPECT_EQ(decide(CALLER_SHARED, noText), -1);
@@ -130,7 +130,7 @@ TEST_F(SpecialFiles, AFileWithoutAnEndIsNoImage)
 
 TEST_F(SpecialFiles, ALinkToARegularFileIsFollowed)
 {
-    offer(kSharedFolder);
+    offer(kSharedDirectory);
     ASSERT_EQ(std::rename("/opt/usr/share/sbox/tunerA1/info.json", "/opt/usr/share/sbox/kept"), 0);
     ASSERT_EQ(symlink("../kept", "/opt/usr/share/sbox/tunerA1/info.json"), 0);
 
@@ -140,7 +140,7 @@ TEST_F(SpecialFiles, ALinkToARegularFileIsFollowed)
 TEST_F(SpecialFiles, AnInformationFileOfAMebibyteIsRead)
 {
     const std::string text = Firmware().informationText();
-    offer(kSharedFolder,
+    offer(kSharedDirectory,
           Firmware().information(text + std::string((1U << 20U) - text.size(), ' ')));
 
     EXPECT_EQ(decide(CALLER_SHARED, noText), 1);
@@ -149,7 +149,7 @@ TEST_F(SpecialFiles, AnInformationFileOfAMebibyteIsRead)
 TEST_F(SpecialFiles, ALargerInformationFileIsNot)
 {
     const std::string text = Firmware().informationText();
-    offer(kSharedFolder,
+    offer(kSharedDirectory,
           Firmware().information(text + std::string((1U << 20U) - text.size() + 1, ' ')));
 
     expectNoInformation(kShared);

@@ -36,13 +36,13 @@ protected:
     {
         return LogFrom("updateFirmware", ERROR, text);
     }
-    static EntryMatcher updated(const std::string& folder, std::uint32_t crc = Firmware().crc())
+    static EntryMatcher updated(const std::string& directory, std::uint32_t crc = Firmware().crc())
     {
-        return plugin("doUpdate(\"" + folder + "/tunerA1.bin\", " + std::to_string(crc) + ")");
+        return plugin("doUpdate(\"" + directory + "/tunerA1.bin\", " + std::to_string(crc) + ")");
     }
 
-    const std::string imagePath = std::string(kSystemFolder) + "/tunerA1.bin";
-    const std::string informationPath = std::string(kSystemFolder) + "/info.json";
+    const std::string imagePath = std::string(kSystemDirectory) + "/tunerA1.bin";
+    const std::string informationPath = std::string(kSystemDirectory) + "/info.json";
     const EntryMatcher tried = said("tunerA1 Firmware Update Try");
     const EntryMatcher checked = plugin("checkVersion(\"2.0\", need -1)");
     const EntryMatcher started = said("========== [ tunerA1 update start ] ==========");
@@ -52,7 +52,7 @@ protected:
 
 TEST_F(UpdateFirmware, ChecksNamesTheThreadAsksAndInstallsInThisOrder)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     install(Module().needsUpdate());
     recordCalls({"stat", "fread", "prctl", "remove"});
 
@@ -64,12 +64,12 @@ TEST_F(UpdateFirmware, ChecksNamesTheThreadAsksAndInstallsInThisOrder)
                 ElementsAre(tried, informationLookedAt, informationLookedAt, imageLookedAt,
                             Call("prctl(PR_SET_NAME, \"tunerA1\") = 0"), contextSet(4), checked,
                             imageLookedAt, Call("fread(1, 32768) = 9"), Call("fread(1, 32768) = 0"),
-                            imageLookedAt, started, updated(kSystemFolder), succeeded));
+                            imageLookedAt, started, updated(kSystemDirectory), succeeded));
 }
 
 TEST_F(UpdateFirmware, AModuleThatIsNotLoadedIsRefusedInSilence)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     ASSERT_EQ(install(Module().needsUpdate().withEmpid("tunerA1")), -1) << "it names no package";
     recordCalls({"stat", "prctl"});
 
@@ -82,7 +82,7 @@ TEST_F(UpdateFirmware, AModuleThatIsNotLoadedIsRefusedInSilence)
 
 TEST_F(UpdateFirmware, AMissingInformationFileIsNamed)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     removeFile(informationPath);
     install(Module().needsUpdate());
 
@@ -94,7 +94,7 @@ TEST_F(UpdateFirmware, AMissingInformationFileIsNamed)
 
 TEST_F(UpdateFirmware, AMissingImageIsNamed)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     removeFile(imagePath);
     install(Module().needsUpdate());
     recordCalls({"prctl"});
@@ -117,7 +117,7 @@ TEST_F(UpdateFirmware, OfTwoMissingFilesTheInformationFileIsNamed)
 
 TEST_F(UpdateFirmware, ABrokenInformationFileIsAFailureEvenWithoutAnImage)
 {
-    offer(kSystemFolder, Firmware().information("not JSON"));
+    offer(kSystemDirectory, Firmware().information("not JSON"));
     removeFile(imagePath);
     install(Module().needsUpdate());
 
@@ -132,7 +132,7 @@ TEST_F(UpdateFirmware, ABrokenInformationFileIsAFailureEvenWithoutAnImage)
 
 TEST_F(UpdateFirmware, SaysNothingWhenItsContextIsRefused)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     install(Module().needsUpdate().returning("setContext", 1));
 
     EXPECT_EQ(update(), -1);
@@ -142,7 +142,7 @@ TEST_F(UpdateFirmware, SaysNothingWhenItsContextIsRefused)
 
 TEST_F(UpdateFirmware, FailsWhenThePluginCannotCheckTheVersion)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     install(Module().needsUpdate().returning("checkVersion", 1));
 
     EXPECT_EQ(update(), -1);
@@ -153,7 +153,7 @@ TEST_F(UpdateFirmware, FailsWhenThePluginCannotCheckTheVersion)
 
 TEST_F(UpdateFirmware, SucceedsWithoutAnyUpdateWhenNoneIsNeeded)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     install(Module());
     for (const int need : {0, -1, INT_MIN}) {
         change(Module().needs(need));
@@ -167,7 +167,7 @@ TEST_F(UpdateFirmware, SucceedsWithoutAnyUpdateWhenNoneIsNeeded)
 
 TEST_F(UpdateFirmware, APluginThatGivesNoAnswerNeedsNoUpdate)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     install(Module().leavesNeedAlone());
 
     EXPECT_EQ(update(), 0);
@@ -177,17 +177,17 @@ TEST_F(UpdateFirmware, APluginThatGivesNoAnswerNeedsNoUpdate)
 
 TEST_F(UpdateFirmware, EveryNeedAboveZeroInstalls)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     install(Module().needs(2));
 
     EXPECT_EQ(update(), 0);
 
-    EXPECT_THAT(timeline(), EndsWith(started, updated(kSystemFolder), succeeded));
+    EXPECT_THAT(timeline(), EndsWith(started, updated(kSystemDirectory), succeeded));
 }
 
 TEST_F(UpdateFirmware, ADamagedImageIsRefusedAfterThePluginWasAsked)
 {
-    offer(kSystemFolder, Firmware().statedCrc(Firmware().crc() ^ 0x80000000U));
+    offer(kSystemDirectory, Firmware().statedCrc(Firmware().crc() ^ 0x80000000U));
     install(Module().needsUpdate());
 
     EXPECT_EQ(update(), -1);
@@ -198,7 +198,7 @@ TEST_F(UpdateFirmware, ADamagedImageIsRefusedAfterThePluginWasAsked)
 
 TEST_F(UpdateFirmware, ADamagedImageThatIsNotNeededIsNotEvenRead)
 {
-    offer(kSystemFolder, Firmware().statedCrc(1));
+    offer(kSystemDirectory, Firmware().statedCrc(1));
     install(Module().upToDate());
     recordCalls({"fread"});
 
@@ -209,7 +209,7 @@ TEST_F(UpdateFirmware, ADamagedImageThatIsNotNeededIsNotEvenRead)
 
 TEST_F(UpdateFirmware, HandsThePluginsOwnCodeBackAndTellsErrno)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     install(Module());
     for (const int code : {5, -1, INT_MIN}) {
         change(Module().needsUpdate().returning("doUpdate", code, ENOSPC));
@@ -218,7 +218,7 @@ TEST_F(UpdateFirmware, HandsThePluginsOwnCodeBackAndTellsErrno)
         EXPECT_EQ(update(), code);
 
         EXPECT_THAT(timeline(),
-                    ElementsAre(tried, contextSet(4), checked, started, updated(kSystemFolder),
+                    ElementsAre(tried, contextSet(4), checked, started, updated(kSystemDirectory),
                                 said("Error: tunerA1 Firmware doUpdate Fail " +
                                      std::to_string(code) + " (28:No space left on device)")));
     }
@@ -228,19 +228,19 @@ TEST_F(UpdateFirmware, TheChecksumIsHandedOnWithoutASign)
 {
     const Firmware firmware = Firmware().image({0x80});
     ASSERT_GT(firmware.crc(), 0x7FFFFFFFU);
-    offer(kSystemFolder, firmware);
+    offer(kSystemDirectory, firmware);
     install(Module().needsUpdate());
 
     EXPECT_EQ(update(), 0);
 
-    EXPECT_THAT(timeline(), Contains(updated(kSystemFolder, firmware.crc())));
+    EXPECT_THAT(timeline(), Contains(updated(kSystemDirectory, firmware.crc())));
 }
 
 TEST_F(UpdateFirmware, TheImageIsClosedBeforeItIsInstalled)
 {
     const int before = openDescriptors();
     int meanwhile = 0;
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     install(Module().needsUpdate().onUpdate(
         [&meanwhile](const char*, unsigned long) { meanwhile = openDescriptors(); }));
 
@@ -251,10 +251,10 @@ TEST_F(UpdateFirmware, TheImageIsClosedBeforeItIsInstalled)
 
 TEST_F(UpdateFirmware, LeavesTheDecisionAlone)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     install(Module().needsUpdate());
     ASSERT_EQ(decide(CALLER_SYSTEM, argument), 1);
-    offer(kSystemFolder, Firmware().takesSeconds("8"));
+    offer(kSystemDirectory, Firmware().takesSeconds("8"));
 
     EXPECT_EQ(update(), 0);
     change(Module().upToDate());
@@ -360,9 +360,9 @@ TEST_F(UpdateFirmware, EveryFailureLeavesThePackageMountedAndInPlace)
 TEST_F(UpdateFirmware, NothingIsMountedOrDeletedForAnyOtherSource)
 {
     writeFile(kPackage, "a package");
-    offer(kStickFolder);
-    offer(kSystemFolder);
-    offer(kSharedFolder);
+    offer(kStickDirectory);
+    offer(kSystemDirectory);
+    offer(kSharedDirectory);
     install(Module());
     recordCalls({"remove"});
     for (const CallerTypes caller :
@@ -381,51 +381,51 @@ TEST_F(UpdateFirmware, NothingIsMountedOrDeletedForAnyOtherSource)
 TEST_F(UpdateFirmware, EveryCallerHasItsSource)
 {
     const std::vector<std::pair<int, std::string>> sources = {
-        {0, kStickFolder},  {1, kMountPoint},   {2, kMountPoint},      {3, kMountPoint},
-        {4, kSystemFolder}, {5, kSharedFolder}, {6, kSystemFolder},    {7, kSystemFolder},
-        {8, kMountPoint},   {-1, kMountPoint},  {INT_MAX, kMountPoint}};
+        {0, kStickDirectory},  {1, kMountPoint},      {2, kMountPoint},      {3, kMountPoint},
+        {4, kSystemDirectory}, {5, kSharedDirectory}, {6, kSystemDirectory}, {7, kSystemDirectory},
+        {8, kMountPoint},      {-1, kMountPoint},     {INT_MAX, kMountPoint}};
     install(Module().needsUpdate());
-    for (const auto& [caller, folder] : sources) {
+    for (const auto& [caller, directory] : sources) {
         // Version, image and checksum of one source never fit those of another.
-        offer(kStickFolder, Firmware().version(kStickFolder).image(noise(100, 1)));
+        offer(kStickDirectory, Firmware().version(kStickDirectory).image(noise(100, 1)));
         offerPackage(Firmware().version(kMountPoint).image(noise(100, 2)));
-        offer(kSystemFolder, Firmware().version(kSystemFolder).image(noise(100, 3)));
-        offer(kSharedFolder, Firmware().version(kSharedFolder).image(noise(100, 4)));
+        offer(kSystemDirectory, Firmware().version(kSystemDirectory).image(noise(100, 3)));
+        offer(kSharedDirectory, Firmware().version(kSharedDirectory).image(noise(100, 4)));
         const std::uint32_t crc = static_cast<std::uint32_t>(
-            FWUpdateSymbol("any").getBinaryCRC32(folder + "/tunerA1.bin"));
+            FWUpdateSymbol("any").getBinaryCRC32(directory + "/tunerA1.bin"));
         clear();
 
         EXPECT_EQ(OfferedFirmware::update(static_cast<CallerTypes>(caller), argument), 0) << caller;
 
         EXPECT_THAT(pluginTexts(), ElementsAre("tuner.setContext(\"tuner\", " +
                                                    std::to_string(caller) + ", \"argument\")",
-                                               "tuner.checkVersion(\"" + folder + "\", need -1)",
-                                               "tuner.doUpdate(\"" + folder + "/tunerA1.bin\", " +
-                                                   std::to_string(crc) + ")"))
+                                               "tuner.checkVersion(\"" + directory + "\", need -1)",
+                                               "tuner.doUpdate(\"" + directory +
+                                                   "/tunerA1.bin\", " + std::to_string(crc) + ")"))
             << caller;
     }
 }
 
 TEST_F(UpdateFirmware, CallerOneMeansAStickWhenItsArgumentSaysSo)
 {
-    offer(kStickFolder);
+    offer(kStickDirectory);
     install(Module().needsUpdate());
     char usb[] = "USB";
 
     EXPECT_EQ(OfferedFirmware::update(CALLER_ARGUMENT, usb), 0);
 
     EXPECT_THAT(timeline(), ElementsAre(tried, plugin("setContext(\"tuner\", 1, \"USB\")"), checked,
-                                        started, updated(kStickFolder), succeeded));
+                                        started, updated(kStickDirectory), succeeded));
 }
 
 TEST_F(UpdateFirmware, OnlyCallerOneNeedsAnArgument)
 {
     install(Module().needsUpdate());
     for (const int caller : {0, 2, 3, 4, 5, 6, 7, 8}) {
-        offer(kStickFolder);
+        offer(kStickDirectory);
         offerPackage();
-        offer(kSystemFolder);
-        offer(kSharedFolder);
+        offer(kSystemDirectory);
+        offer(kSharedDirectory);
         clear();
 
         EXPECT_EQ(OfferedFirmware::update(static_cast<CallerTypes>(caller), nullptr), 0) << caller;
@@ -453,9 +453,9 @@ TEST_F(UpdateFirmware, WithoutAStickTheInformationFileHasNoPath)
 TEST_F(UpdateFirmware, TheCallingThreadAloneGetsTheFirst15CharactersOfTheName)
 {
     const std::string name = "aFirmwareWithALongName";
-    const std::string folder = "/lib/firmware/ext/" + name;
-    writeFile(folder + "/" + name + ".bin", Firmware().imageBytes());
-    writeFile(folder + "/info.json", Firmware().informationText());
+    const std::string directory = "/lib/firmware/ext/" + name;
+    writeFile(directory + "/" + name + ".bin", Firmware().imageBytes());
+    writeFile(directory + "/info.json", Firmware().informationText());
     ASSERT_EQ(install(Module().needsUpdate().withEmpid("emp" + name)), 0);
     recordCalls({"prctl"});
     char own[16] = {};
@@ -474,7 +474,7 @@ TEST_F(UpdateFirmware, TheCallingThreadAloneGetsTheFirst15CharactersOfTheName)
 
 TEST_F(UpdateFirmware, AnExceptionOutOfThePluginLetsTheNextUpdateRun)
 {
-    offer(kSystemFolder);
+    offer(kSystemDirectory);
     install(Module());
     const std::vector<std::string> entries = {"setContext", "checkVersion", "doUpdate"};
     for (const std::string& entry : entries) {
@@ -493,7 +493,7 @@ class TwoModules : public UpdateFirmware
 protected:
     TwoModules()
     {
-        offer(kSystemFolder);
+        offer(kSystemDirectory);
         writeFile("/lib/firmware/ext/radio/radio.bin", Firmware().imageBytes());
         writeFile("/lib/firmware/ext/radio/info.json", Firmware().informationText());
         device.addModule("radio", Module().needsUpdate());

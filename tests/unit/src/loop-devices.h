@@ -18,7 +18,7 @@ public:
 
     LoopDevices()
     {
-        makeFolder(kNodes);
+        makeDirectory(kNodes);
         tableSays("");
         fakes::openInstead("/dev", kNodes);
         fakes::openInstead("/proc/mounts", kTable);

@@ -14,7 +14,7 @@
 
 namespace quillon::test {
 
-/// An image and its information file, as they lie in a folder of some source. They fit together
+/// An image and its information file, as they lie in a directory of some source. They fit together
 /// until something else is said.
 class Firmware
 {
@@ -84,9 +84,9 @@ class OfferedFirmware : public DeviceTest
 protected:
     static constexpr const char* kPackage = "/opt/usr/apps/appbinarymanager/tunerempA1.img";
     static constexpr const char* kMountPoint = "/opt/usr/apps/appbinarymanager/emps/tunerempA1";
-    static constexpr const char* kSystemFolder = "/lib/firmware/ext/tunerA1";
-    static constexpr const char* kSharedFolder = "/opt/usr/share/sbox/tunerA1";
-    static constexpr const char* kStickFolder = "/opt/media/USBDriveA/tunerA1";
+    static constexpr const char* kSystemDirectory = "/lib/firmware/ext/tunerA1";
+    static constexpr const char* kSharedDirectory = "/opt/usr/share/sbox/tunerA1";
+    static constexpr const char* kStickDirectory = "/opt/media/USBDriveA/tunerA1";
 
     /// Installs the module and loads it. Returns what loading said.
     int install(const Module& description)
@@ -98,10 +98,10 @@ protected:
     }
     void change(const Module& description) { device.changeModule("tuner", named(description)); }
 
-    static void offer(const std::string& folder, const Firmware& firmware = Firmware())
+    static void offer(const std::string& directory, const Firmware& firmware = Firmware())
     {
-        writeFile(folder + "/tunerA1.bin", firmware.imageBytes());
-        writeFile(folder + "/info.json", firmware.informationText());
+        writeFile(directory + "/tunerA1.bin", firmware.imageBytes());
+        writeFile(directory + "/info.json", firmware.informationText());
     }
     /// The package as it is downloaded, and what it holds.
     static void offerPackage(const Firmware& firmware = Firmware())

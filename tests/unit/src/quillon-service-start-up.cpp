@@ -70,7 +70,7 @@ class StartUpExit : public ServiceTest
 class KeyAtStartUp : public ServiceTest
 {
 protected:
-    /// How often start-up reads the key. It ends at the missing module folder.
+    /// How often start-up reads the key. It ends at the missing module directory.
     static int reads(std::initializer_list<int> answers)
     {
         std::filesystem::remove("/usr/fwupdate/controls");
@@ -245,7 +245,7 @@ TEST_F(StartUp, EndsWhenTheSecondQueueCannotBeOpened)
     expectNothingWasStarted();
 }
 
-TEST_F(StartUp, EndsWhenTheModuleFolderCannotBeRead)
+TEST_F(StartUp, EndsWhenTheModuleDirectoryCannotBeRead)
 {
     std::filesystem::remove("/usr/fwupdate/controls");
 
@@ -256,7 +256,7 @@ TEST_F(StartUp, EndsWhenTheModuleFolderCannotBeRead)
     expectNothingWasStarted();
 }
 
-TEST_F(StartUpExit, StatusIs255WithoutModuleFolderAndTheQueuesAreGone)
+TEST_F(StartUpExit, StatusIs255WithoutModuleDirectoryAndTheQueuesAreGone)
 {
     std::filesystem::remove("/usr/fwupdate/controls");
 

@@ -70,7 +70,7 @@ TEST(BaseName, IsWhatStandsBehindTheLastSlash)
 {
     EXPECT_STREQ(log::baseName("/src/src/fw-update-symbol.cpp"), "fw-update-symbol.cpp");
     EXPECT_STREQ(log::baseName("fw-update-symbol.cpp"), "fw-update-symbol.cpp");
-    EXPECT_STREQ(log::baseName("folder/"), "");
+    EXPECT_STREQ(log::baseName("directory/"), "");
 }
 
 }  // namespace

@@ -67,7 +67,7 @@ TEST_F(Floor, OfAPackageIsKeptWhereAllCanReadIt)
     EXPECT_EQ(modeOf(kFloors), 0644U);
     EXPECT_EQ(modeOf(kFloors.parent_path()), 0755U);
     EXPECT_THAT(captured.lines(), Contains(HasSubstr("raised the security floor of tuner to 7")));
-    EXPECT_THAT(namesInFolder(), IsEmpty()) << "there was no item in it";
+    EXPECT_THAT(namesInDirectory(), IsEmpty()) << "there was no item in it";
 }
 
 TEST_F(Floor, ComesAlongWithAnItem)
@@ -135,12 +135,12 @@ TEST_F(Floor, ThatIsNotExactlyAsItHasToBeIsRefused)
 
 TEST_F(Floor, ThatCannotBeStoredKeepsTheItemOut)
 {
-    writeFile(kFloors.parent_path(), "not a folder");
+    writeFile(kFloors.parent_path(), "not a directory");
 
     EXPECT_EQ(installContent("QUILLON-PROVISION 1\nitem quillon\nfloor tuner 7\n\nkey"),
               kStorageFailed);
     EXPECT_THAT(captured.lines(), Contains(HasSubstr("trust cannot be made and locked")));
-    EXPECT_THAT(namesInFolder(), IsEmpty());
+    EXPECT_THAT(namesInDirectory(), IsEmpty());
 }
 
 TEST_F(Floor, IsNotPutInPlaceOfFloorsThatCannotBeUnderstood)
@@ -227,7 +227,7 @@ TEST_F(Purpose, ThatIsRequiredHasToBeInTheSignersCertificate)
         trustMaker(other);
         EXPECT_EQ(install(packageBy(other, "quillon", "key")), kNotTrusted) << purpose;
     }
-    EXPECT_THAT(namesInFolder(), IsEmpty());
+    EXPECT_THAT(namesInDirectory(), IsEmpty());
 
     const Maker right = makerFor(kProvisioningPurpose);
     trustMaker(right);
@@ -263,7 +263,7 @@ TEST_F(Purpose, OfAPolicyThatCannotBeUnderstoodTrustsNobody)
 
     EXPECT_EQ(install(package("quillon", "key")), kNobodyTrusted);
     EXPECT_THAT(captured.text(), HasSubstr("trust.conf:1: \"maybe\" has to be"));
-    EXPECT_THAT(namesInFolder(), IsEmpty());
+    EXPECT_THAT(namesInDirectory(), IsEmpty());
 }
 
 }  // namespace

@@ -4,14 +4,14 @@
 #include <filesystem>
 #include <string>
 
-#include "item-folder.h"
+#include "item-directory.h"
 #include "makers.h"
 #include "platform/secure-storage.h"
 
 namespace quillon::test {
 
 /// A device that accepts the provisioning packages of one maker.
-class ProvisionedDevice : public ItemFolder
+class ProvisionedDevice : public ItemDirectory
 {
 protected:
     static constexpr char kPackage[] = "/tmp/quillon-package.bin";
@@ -19,7 +19,7 @@ protected:
 
     void SetUp() override
     {
-        ItemFolder::SetUp();
+        ItemDirectory::SetUp();
         std::filesystem::create_directories(kCertificates);
         trust("maker.pem", pemOf(maker));
     }
@@ -28,7 +28,7 @@ protected:
     {
         std::filesystem::remove_all(kPackage);
         std::filesystem::remove_all(kCertificates);
-        ItemFolder::TearDown();
+        ItemDirectory::TearDown();
     }
 
     static void trust(const std::string& file, const std::string& text)

@@ -47,8 +47,8 @@ std::vector<std::string>& diskCalls()
 extern "C" int fsync(int file)
 {
     struct stat status = {};
-    const bool isFolder = fstat(file, &status) == 0 && S_ISDIR(status.st_mode);
-    diskCalls().emplace_back(isFolder ? "sync folder" : "sync file");
+    const bool isDirectory = fstat(file, &status) == 0 && S_ISDIR(status.st_mode);
+    diskCalls().emplace_back(isDirectory ? "sync directory" : "sync file");
     return 0;
 }
 
@@ -68,7 +68,7 @@ protected:
         EXPECT_EQ(install(bytes), result);
         EXPECT_THAT(captured.lines(),
                     ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM E "), HasSubstr(kPackage))));
-        EXPECT_THAT(namesInFolder(), IsEmpty());
+        EXPECT_THAT(namesInDirectory(), IsEmpty());
     }
 };
 
@@ -76,16 +76,16 @@ TEST_F(Provisioning, PlacesThePayloadIntoTheStorage)
 {
     umask(0);
     EXPECT_EQ(install(package("quillon", kKey)), 0);
-    EXPECT_THAT(namesInFolder(), ElementsAre("quillon"));
+    EXPECT_THAT(namesInDirectory(), ElementsAre("quillon"));
     EXPECT_EQ(readFile(pathOf("quillon")), kKey);
     EXPECT_EQ(fs::status(pathOf("quillon")).permissions(), fs::perms(0600));
-    EXPECT_EQ(fs::status(kFolder).permissions(), fs::perms(0700));
+    EXPECT_EQ(fs::status(kDirectory).permissions(), fs::perms(0700));
     EXPECT_THAT(captured.lines(),
                 Contains(AllOf(StartsWith("QUILLON-PLATFORM I "), HasSubstr(kPackage),
                                HasSubstr("brought the item quillon, signed by CN = a maker"))));
 }
 
-TEST_F(Provisioning, MakesTheFoldersAboveUnwritableForOthers)
+TEST_F(Provisioning, MakesTheDirectoriesAboveUnwritableForOthers)
 {
     fs::remove("/var/lib/quillon");
     umask(0);
@@ -96,7 +96,7 @@ TEST_F(Provisioning, MakesTheFoldersAboveUnwritableForOthers)
 TEST_F(Provisioning, SyncsTheBytesBeforeTheyTakeTheItemsName)
 {
     ASSERT_EQ(install(package("quillon", kKey)), 0);
-    EXPECT_THAT(diskCalls(), ElementsAre("sync file", "rename to quillon", "sync folder"));
+    EXPECT_THAT(diskCalls(), ElementsAre("sync file", "rename to quillon", "sync directory"));
 }
 
 TEST_F(Provisioning, GivesWhatTheStorageThenReads)
@@ -131,7 +131,7 @@ TEST_F(Provisioning, ReplacesOtherBytes)
 
 TEST_F(Provisioning, ClosesAnItemThatOthersCouldRead)
 {
-    makeFolder();
+    makeDirectory();
     writeFile(pathOf("quillon"), kKey, 0644);
     EXPECT_EQ(install(package("quillon", kKey)), 0);
     EXPECT_EQ(fs::status(pathOf("quillon")).permissions(), fs::perms(0600));
@@ -139,7 +139,7 @@ TEST_F(Provisioning, ClosesAnItemThatOthersCouldRead)
 
 TEST_F(Provisioning, ReplacesALinkInsteadOfFollowingIt)
 {
-    makeFolder();
+    makeDirectory();
     writeFile("/tmp/quillon-victim", "precious");
     fs::create_symlink("/tmp/quillon-victim", pathOf("quillon"));
     EXPECT_EQ(install(package("quillon", kKey)), 0);
@@ -179,7 +179,7 @@ TEST_F(Provisioning, TrustsNobodyWithoutACertificate)
     expectRefused(package("quillon", kKey), kNobodyTrusted);
     EXPECT_THAT(captured.text(),
                 HasSubstr(std::string("no certificate (*.pem) in ") + kCertificates));
-    writeFile(kCertificates, "not a folder");
+    writeFile(kCertificates, "not a directory");
     expectRefused(package("quillon", kKey), kNobodyTrusted);
     EXPECT_THAT(captured.text(), HasSubstr("Not a directory"));
 }
@@ -192,9 +192,9 @@ TEST_F(Provisioning, PassesOverFilesThatAreNoCertificates)
     trust("2-cut.pem", usable.substr(0, usable.size() / 2));
     trust("3-huge.pem", std::string(100000, 'x'));
     trust("not-looked-at.txt", "noise");
-    fs::create_directory(std::string(kCertificates) + "/4-folder.pem");
+    fs::create_directory(std::string(kCertificates) + "/4-directory.pem");
     EXPECT_EQ(install(package("quillon", kKey)), 0);
-    for (const char* name : {"0-empty", "1-noise", "2-cut", "3-huge", "4-folder"}) {
+    for (const char* name : {"0-empty", "1-noise", "2-cut", "3-huge", "4-directory"}) {
         EXPECT_THAT(captured.lines(),
                     Contains(AllOf(HasSubstr("certificate passed over"), HasSubstr(name))));
     }
@@ -230,7 +230,7 @@ TEST_F(Provisioning, TakesOneToSixtyFourKibibytes)
 {
     EXPECT_EQ(install(package("small", "k")), 0);
     EXPECT_EQ(install(package(std::string(64, 'x'), std::string(65536, 'k'))), 0);
-    fs::remove_all(kFolder);
+    fs::remove_all(kDirectory);
     expectRefused(package("quillon", ""), kMalformed);
     expectRefused(package("quillon", std::string(65537, 'k')), kMalformed);
     expectRefused(package("quillon", std::string(200000, 'k')), kMalformed);
@@ -261,7 +261,7 @@ TEST_F(Provisioning, RefusesAMissingPackage)
     EXPECT_THAT(captured.lines(), ElementsAre(HasSubstr("without a package")));
 }
 
-TEST_F(Provisioning, RefusesAFolderAndDoesNotWaitForAFifo)
+TEST_F(Provisioning, RefusesADirectoryAndDoesNotWaitForAFifo)
 {
     EXPECT_EQ(sdp_install_from_file("/tmp", 2, 0), kUnreadable);
     ASSERT_EQ(mkfifo(kPackage, 0600), 0);
@@ -297,22 +297,22 @@ TEST_F(Provisioning, LeavesTheOldItemAndNothingElseWhenTheDiskRefuses)
     dup2(original, STDERR_FILENO);
 
     EXPECT_EQ(result, kStorageFailed);
-    EXPECT_THAT(namesInFolder(), ElementsAre("quillon"));
+    EXPECT_THAT(namesInDirectory(), ElementsAre("quillon"));
     EXPECT_EQ(readFile(pathOf("quillon")), "old key");
 }
 
-TEST_F(Provisioning, LeavesNothingBehindWhenAFolderIsInTheItemsPlace)
+TEST_F(Provisioning, LeavesNothingBehindWhenADirectoryIsInTheItemsPlace)
 {
-    makeFolder();
+    makeDirectory();
     fs::create_directories(pathOf("quillon/inside"));
     EXPECT_EQ(install(package("quillon", kKey)), kStorageFailed);
-    EXPECT_THAT(namesInFolder(), ElementsAre("quillon"));
+    EXPECT_THAT(namesInDirectory(), ElementsAre("quillon"));
 }
 
-TEST_F(Provisioning, FailsWhereTheStorageCannotBeAFolder)
+TEST_F(Provisioning, FailsWhereTheStorageCannotBeADirectory)
 {
     fs::create_directories("/var/lib/quillon");
-    writeFile(kFolder, "not a folder");
+    writeFile(kDirectory, "not a directory");
     EXPECT_EQ(install(package("quillon", kKey)), kStorageFailed);
     EXPECT_THAT(captured.text(), HasSubstr("Not a directory"));
 }

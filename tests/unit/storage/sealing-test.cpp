@@ -7,7 +7,7 @@
 #include <filesystem>
 
 #include "base/secret-bytes.h"
-#include "item-folder.h"
+#include "item-directory.h"
 #include "platform/storage/item-store.h"
 #include "platform/storage/provisioning-content.h"
 #include "sealing-program.h"
@@ -24,13 +24,13 @@ namespace {
 
 const std::string kKey("\0\x01\xff key with\nall sorts", 22);
 
-class Sealing : public ItemFolder
+class Sealing : public ItemDirectory
 {
 protected:
     void TearDown() override
     {
         removeSealingProgram();
-        ItemFolder::TearDown();
+        ItemDirectory::TearDown();
     }
 
     static StoreResult store(const std::string& name, const std::string& text)
@@ -73,7 +73,7 @@ protected:
 TEST_F(RealSealing, KeepsAnItemThatNobodyReadsOffTheDisk)
 {
     ASSERT_EQ(store("quillon", kKey), kStoreOk);
-    EXPECT_THAT(namesInFolder(), ElementsAre("quillon.cred"));
+    EXPECT_THAT(namesInDirectory(), ElementsAre("quillon.cred"));
     EXPECT_EQ(fs::status(pathOf("quillon.cred")).permissions(), fs::perms(0600));
     EXPECT_THAT(readFile(pathOf("quillon.cred")), Not(HasSubstr("all sorts")));
     EXPECT_EQ(read("quillon"), kKey);
@@ -119,11 +119,11 @@ TEST_F(RealSealing, IsOfNoUseToAnotherMachine)
 
 TEST_F(RealSealing, ReplacesAnUnsealedItem)
 {
-    makeFolder();
+    makeDirectory();
     writeFile(pathOf("quillon"), "old key");
     EXPECT_EQ(read("quillon"), "old key");
     ASSERT_EQ(store("quillon", kKey), kStoreOk);
-    EXPECT_THAT(namesInFolder(), ElementsAre("quillon.cred"));
+    EXPECT_THAT(namesInDirectory(), ElementsAre("quillon.cred"));
     EXPECT_EQ(read("quillon"), kKey);
 }
 
@@ -138,7 +138,7 @@ TEST_F(RealSealing, PrefersTheSealedItem)
 
 TEST_F(Sealing, LooksAtASealedFileAsAtAnyOther)
 {
-    makeFolder();
+    makeDirectory();
     putSealingScript("echo must not run >&2");
     writeFile(pathOf("quillon.cred"), "sealed", 0640);
     EXPECT_EQ(read("quillon"), "result 4");
@@ -169,13 +169,13 @@ TEST_F(Sealing, WithoutItsProgramKeepsItemsUnsealedAndSaysSoOnce)
     ASSERT_EQ(store("other", kKey), kStoreOk);
     EXPECT_THAT(captured.lines(), ElementsAre(HasSubstr("no /run/quillon/systemd-creds: items are "
                                                         "stored unsealed")));
-    EXPECT_THAT(namesInFolder(), UnorderedElementsAre("quillon", "other"));
+    EXPECT_THAT(namesInDirectory(), UnorderedElementsAre("quillon", "other"));
     EXPECT_EQ(read("quillon"), kKey);
 }
 
 TEST_F(Sealing, WithoutItsProgramNeitherReadsNorHidesASealedItem)
 {
-    makeFolder();
+    makeDirectory();
     writeFile(pathOf("quillon.cred"), "sealed");
     writeFile(pathOf("quillon"), kKey);
     expectNotUnsealed("quillon", "cannot be started: No such file");
@@ -192,7 +192,7 @@ TEST_F(Sealing, NeverFallsBackToAnUnsealedItemWhenItFails)
     EXPECT_THAT(captured.lines(),
                 ElementsAre(HasSubstr("quillon cannot be sealed: /run/quillon/systemd-creds "
                                       "failed with status 1: no key;none")));
-    EXPECT_THAT(namesInFolder(), IsEmpty());
+    EXPECT_THAT(namesInDirectory(), IsEmpty());
 }
 
 TEST_F(Sealing, DoesNotWaitForEver)
@@ -201,14 +201,14 @@ TEST_F(Sealing, DoesNotWaitForEver)
     captured.clear();
     EXPECT_EQ(store("quillon", kKey), kStoreFailed);
     EXPECT_THAT(captured.lines(), ElementsAre(HasSubstr("is not done after 3000 ms")));
-    makeFolder();
+    makeDirectory();
     writeFile(pathOf("quillon.cred"), "sealed");
     expectNotUnsealed("quillon", "is not done after 3000 ms");
 }
 
 TEST_F(Sealing, TakesNoItemThatIsEmptyOrTooLarge)
 {
-    makeFolder();
+    makeDirectory();
     writeFile(pathOf("quillon.cred"), "sealed");
     putSealingScript("cat > /dev/null");
     EXPECT_EQ(read("quillon"), "result 6");

@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "base/secret-bytes.h"
-#include "item-folder.h"
+#include "item-directory.h"
 #include "platform/storage/item-store.h"
 #include "sealing-program.h"
 
@@ -26,12 +26,12 @@ namespace {
 const std::string kState = "/run/quillon/tpm";
 const std::string kSocket = kState + "/socket";
 
-class TpmSealing : public ItemFolder
+class TpmSealing : public ItemDirectory
 {
 protected:
     void SetUp() override
     {
-        ItemFolder::SetUp();
+        ItemDirectory::SetUp();
         if (access("/usr/bin/swtpm", X_OK) != 0 ||
             !putRealSealing("host+tpm2", "swtpm:path=" + kSocket)) {
             GTEST_SKIP() << "swtpm or systemd-creds is not installed";
@@ -45,7 +45,7 @@ protected:
         endTpm();
         fs::remove_all(kState);
         removeSealingProgram();
-        ItemFolder::TearDown();
+        ItemDirectory::TearDown();
     }
 
     void startTpm()
@@ -94,7 +94,7 @@ TEST_F(TpmSealing, KeepsAnItemThatNeedsThatTpm)
     const SecretBytes key(32, 'k');
     SecretBytes bytes;
     ASSERT_EQ(storeItem("quillon", key), kStoreOk) << captured.text();
-    EXPECT_THAT(namesInFolder(), ElementsAre("quillon.cred"));
+    EXPECT_THAT(namesInDirectory(), ElementsAre("quillon.cred"));
     ASSERT_EQ(readItem("quillon", bytes), kStoreOk) << captured.text();
     EXPECT_EQ(bytes, key);
 

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "item-folder.h"
+#include "item-directory.h"
 
 namespace fs = std::filesystem;
 
@@ -61,14 +61,14 @@ constexpr int kMissing = 5;
 constexpr int kBadSize = 6;
 constexpr std::size_t kLargest = 65536;
 
-class SecureStorage : public ItemFolder
+class SecureStorage : public ItemDirectory
 {
 protected:
     void SetUp() override
     {
-        ItemFolder::SetUp();
+        ItemDirectory::SetUp();
         if (!HasFatalFailure()) {
-            makeFolder();
+            makeDirectory();
         }
         ss_init_credential(&credential, 1, 2, 3, 4, 5, 1, 0);
     }
@@ -122,9 +122,9 @@ TEST_F(SecureStorage, AnswersFiveForAMissingItemAndSaysNothing)
     EXPECT_EQ(captured.text(), "");
 }
 
-TEST_F(SecureStorage, AnswersFiveWhereTheFolderIsMissing)
+TEST_F(SecureStorage, AnswersFiveWhereTheDirectoryIsMissing)
 {
-    fs::remove(kFolder);
+    fs::remove(kDirectory);
     EXPECT_EQ(read("quillon"), kMissing);
 }
 
@@ -153,10 +153,10 @@ TEST_F(SecureStorage, FollowsNoLink)
     expectRefused("quillon", kNotAFile, "not a regular file");
 }
 
-TEST_F(SecureStorage, RefusesAFolderAndDoesNotWaitForAFifo)
+TEST_F(SecureStorage, RefusesADirectoryAndDoesNotWaitForAFifo)
 {
-    fs::create_directory(pathOf("folder"));
-    expectRefused("folder", kNotAFile, "not a regular file");
+    fs::create_directory(pathOf("directory"));
+    expectRefused("directory", kNotAFile, "not a regular file");
     ASSERT_EQ(mkfifo(pathOf("fifo").c_str(), 0600), 0);
     expectRefused("fifo", kNotAFile, "not a regular file");
 }

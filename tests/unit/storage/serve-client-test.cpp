@@ -14,7 +14,7 @@
 #include <filesystem>
 
 #include "helpers/shared/failure.h"
-#include "item-folder.h"
+#include "item-directory.h"
 #include "makers.h"
 #include "platform/protocols/storage-protocol.h"
 
@@ -32,7 +32,7 @@ using storage::Kind;
 constexpr char kCertificates[] = "/etc/quillon/provisioning-certificates";
 constexpr uid_t kNobody = 65534;
 
-class ServeClient : public ItemFolder
+class ServeClient : public ItemDirectory
 {
 protected:
     ServeClient() { connect(); }
@@ -40,7 +40,7 @@ protected:
     void TearDown() override
     {
         fs::remove_all(kCertificates);
-        ItemFolder::TearDown();
+        ItemDirectory::TearDown();
     }
 
     void connect()
@@ -108,7 +108,7 @@ protected:
 
 TEST_F(ServeClient, ReadsAnItemForRoot)
 {
-    makeFolder();
+    makeDirectory();
     writeFile(pathOf("quillon"), "key");
     EXPECT_EQ(resultOf(storage::encodeRead("quillon")), 0);
     EXPECT_EQ(storedIn(answer), "key");
@@ -117,7 +117,7 @@ TEST_F(ServeClient, ReadsAnItemForRoot)
 
 TEST_F(ServeClient, HandsOnWhyThereIsNoItem)
 {
-    makeFolder();
+    makeDirectory();
     EXPECT_EQ(resultOf(storage::encodeRead("quillon")), 5);
     writeFile(pathOf("quillon"), "key", 0644);
     EXPECT_EQ(resultOf(storage::encodeRead("quillon")), 4);
@@ -149,12 +149,12 @@ TEST_F(ServeClient, StoresNothingThatNobodyTrustedHasSigned)
                                                     HasSubstr("not signed by anyone trusted"))));
     const std::string bare = contentFor("quillon", "key");
     EXPECT_EQ(resultOf(storage::encodeInstall({bare.begin(), bare.end()})), 4);
-    EXPECT_THAT(namesInFolder(), IsEmpty());
+    EXPECT_THAT(namesInDirectory(), IsEmpty());
 }
 
 TEST_F(ServeClient, AnswersNobodyWhoSendsSomethingElse)
 {
-    makeFolder();
+    makeDirectory();
     writeFile(pathOf("quillon"), "key");
     SecretBytes other = storage::encodeRead("quillon");
     other.push_back('x');

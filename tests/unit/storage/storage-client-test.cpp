@@ -9,7 +9,7 @@
 
 #include "base/secret-bytes.h"
 #include "helpers/storage/serve-client.h"
-#include "item-folder.h"
+#include "item-directory.h"
 #include "listener.h"
 #include "makers.h"
 #include "platform/protocols/storage-protocol.h"
@@ -49,12 +49,12 @@ private:
     Listener listener_;
 };
 
-class StorageClient : public ItemFolder
+class StorageClient : public ItemDirectory
 {
 protected:
     void SetUp() override
     {
-        ItemFolder::SetUp();
+        ItemDirectory::SetUp();
         unlink(QUILLON_STORAGE_SOCKET);
         ss_init_credential(&credential, 0, 0, 0, 0, 0, 1, 0);
     }
@@ -64,7 +64,7 @@ protected:
         unlink(QUILLON_STORAGE_SOCKET);
         fs::remove(kPackage);
         fs::remove_all(kCertificates);
-        ItemFolder::TearDown();
+        ItemDirectory::TearDown();
     }
 
     /// @return the item, or the result of a failure
@@ -133,7 +133,7 @@ TEST_F(StorageClient, HandsFailuresOnWithOneLine)
 TEST_F(StorageClient, FailsWhenTheHelperDoesNotAnswer)
 {
     const AnsweringHelper helper({});
-    makeFolder();
+    makeDirectory();
     writeFile(pathOf("quillon"), "key");
     EXPECT_EQ(read("quillon"), "result 2");
     EXPECT_THAT(captured.lines(), ElementsAre(HasSubstr("no answer from the storage helper at " +
@@ -158,7 +158,7 @@ TEST_F(StorageClient, TakesNoAnswerThatIsNone)
 
 TEST_F(StorageClient, WorksByItselfWhereNobodyListens)
 {
-    makeFolder();
+    makeDirectory();
     writeFile(pathOf("quillon"), "key");
     EXPECT_EQ(read("quillon"), "key");
     leaveStaleSocket();

@@ -93,22 +93,22 @@ TEST_F(CtlModulesCheck, TellsThePlugInWhoseUpdateItIs)
 
 TEST_F(CtlModulesCheck, SaysWhyAModuleCannotBeChecked)
 {
-    const std::string folder = "/lib/firmware/ext/alpha/";
+    const std::string directory = "/lib/firmware/ext/alpha/";
     install("alpha", "need=1\n");
     offerWithWrongChecksum("alpha");
     EXPECT_EQ(check("alpha", 7)["decision"], "unsound");
     EXPECT_EQ(check("alpha", 7)["reason"], "its image does not match its checksum");
 
-    std::ofstream(folder + "info.json") << "{";
+    std::ofstream(directory + "info.json") << "{";
     EXPECT_EQ(check("alpha", 7)["reason"], "its information file cannot be read");
-    std::ofstream(folder + "info.json") << R"({"version":[]})";
+    std::ofstream(directory + "info.json") << R"({"version":[]})";
     EXPECT_THAT(check("alpha", 7)["reason"].asString(), HasSubstr("an exception was raised: "));
-    fs::remove(folder + "info.json");
+    fs::remove(directory + "info.json");
     EXPECT_EQ(check("alpha", 7)["reason"], "its information file is missing");
     offer("alpha");
-    fs::remove(folder + "alpha.bin");
+    fs::remove(directory + "alpha.bin");
     EXPECT_EQ(check("alpha", 7)["reason"], "its image is missing");
-    fs::remove_all(folder);
+    fs::remove_all(directory);
     EXPECT_EQ(check("alpha", 7)["decision"], "nothing-offered");
 }
 

@@ -13,8 +13,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* kModuleFolder = "/usr/fwupdate/controls/";
-constexpr const char* kSettingsFolder = "/etc/quillon-test/";
+constexpr const char* kModuleDirectory = "/usr/fwupdate/controls/";
+constexpr const char* kSettingsDirectory = "/etc/quillon-test/";
 
 void writeText(const std::string& path, const std::string& text)
 {
@@ -22,17 +22,18 @@ void writeText(const std::string& path, const std::string& text)
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
-void putImage(const std::string& folder, const std::string& name, int seconds, unsigned int change)
+void putImage(const std::string& directory, const std::string& name, int seconds,
+              unsigned int change)
 {
     const std::string payload = "payload of " + name;
     const unsigned int crc =
         quillon::imageChecksum(0, reinterpret_cast<const unsigned char*>(payload.data()),
                                payload.size()) ^
         change;
-    writeText(folder + name + "/" + name + ".bin", payload);
-    writeText(folder + name + "/info.json", R"({"version":"2.0","crc":)" + std::to_string(crc) +
-                                                R"(,"expected_time":)" + std::to_string(seconds) +
-                                                "}");
+    writeText(directory + name + "/" + name + ".bin", payload);
+    writeText(directory + name + "/info.json", R"({"version":"2.0","crc":)" + std::to_string(crc) +
+                                                   R"(,"expected_time":)" +
+                                                   std::to_string(seconds) + "}");
 }
 
 }  // namespace
@@ -47,20 +48,20 @@ void CtlModules::install(const std::string& name, const std::string& settings,
                          const std::string& library)
 {
     // An update that is over at once may escape the registry, which then takes it for late.
-    writeText(kSettingsFolder + name + ".conf", "doUpdate.delay_ms=100\n" + settings);
-    fs::create_directories(kModuleFolder);
-    fs::copy_file(std::string(TEST_MODULES) + "/" + library + ".so", kModuleFolder + name + ".so",
-                  fs::copy_options::overwrite_existing);
+    writeText(kSettingsDirectory + name + ".conf", "doUpdate.delay_ms=100\n" + settings);
+    fs::create_directories(kModuleDirectory);
+    fs::copy_file(std::string(TEST_MODULES) + "/" + library + ".so",
+                  kModuleDirectory + name + ".so", fs::copy_options::overwrite_existing);
 }
 
 void CtlModules::installFile(const std::string& name, const std::string& content)
 {
-    writeText(kModuleFolder + name + ".so", content);
+    writeText(kModuleDirectory + name + ".so", content);
 }
 
-void CtlModules::offer(const std::string& name, int seconds, const std::string& folder)
+void CtlModules::offer(const std::string& name, int seconds, const std::string& directory)
 {
-    putImage(folder, name, seconds, 0);
+    putImage(directory, name, seconds, 0);
 }
 
 void CtlModules::offerWithWrongChecksum(const std::string& name)

@@ -31,7 +31,8 @@ Json::Value moduleIn(const Json::Value& document, const std::string& name);
 std::vector<std::string> callsOfModule(const std::string& name);
 
 /// Base of the control layer's tests. The modules read their behaviour from a file, see
-/// tests/modules/README.md; images lie in the system firmware area unless another folder is named.
+/// tests/modules/README.md; images lie in the system firmware area unless another directory is
+/// named.
 class CtlModules : public testing::Test
 {
 protected:
@@ -46,7 +47,7 @@ protected:
 
     /// Offers version 2.0 to the module, for an update of so many expected seconds.
     static void offer(const std::string& name, int seconds = 3,
-                      const std::string& folder = "/lib/firmware/ext/");
+                      const std::string& directory = "/lib/firmware/ext/");
     static void offerWithWrongChecksum(const std::string& name);
 
     static Json::Value json(const std::vector<std::string>& arguments, int exitCode = 0)

@@ -16,7 +16,7 @@ namespace fs = std::filesystem;
 struct Place
 {
     const char* source;
-    const char* folder;
+    const char* directory;
 };
 
 // For the tests' names.
@@ -32,11 +32,11 @@ protected:
     CtlModulesSpecialFiles()
     {
         install("alpha", "need=1\n");
-        offer("alpha", 3, folder());
+        offer("alpha", 3, directory());
     }
 
-    static std::string folder() { return std::string(GetParam().folder) + "/"; }
-    static std::string path(const std::string& name) { return folder() + "alpha/" + name; }
+    static std::string directory() { return std::string(GetParam().directory) + "/"; }
+    static std::string path(const std::string& name) { return directory() + "alpha/" + name; }
 
     static void replaceByFifo(const std::string& name)
     {

@@ -222,7 +222,7 @@ TEST_F(CtlModulesUpdate, WaitsForTheUpdateOfAnotherProcessAndSaysSo)
 TEST_F(CtlModulesUpdate, WithoutTheSemaphoreFlashesNothingAndExitsWith9)
 {
     if (geteuid() == 0) {
-        // Nothing is forbidden to root; a folder in the semaphore's place is in everybody's way.
+        // Nothing is forbidden to root; a directory in the semaphore's place is in everybody's way.
         mkdir("/dev/shm/sem.SEM_UPDATE_CONTROL", 0700);
     } else {
         sem_close(openSemaphore());

@@ -72,7 +72,7 @@ TEST_F(DeviceInPlace, SaysInOneLineThatItRunsInPlace)
               "quillon-device: running in place, this machine's own paths are used\n");
 }
 
-TEST_F(DeviceInPlace, MakesTheFoldersAndRemovesWhatItMade)
+TEST_F(DeviceInPlace, MakesTheDirectoriesAndRemovesWhatItMade)
 {
     const Result result = container(
         "rmdir /usr/fwupdate/controls /usr/fwupdate /usr/share/sdp; "

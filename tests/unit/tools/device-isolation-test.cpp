@@ -16,7 +16,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* kFolders =
+constexpr const char* kDirectories =
     "/usr/fwupdate/controls /opt/media /opt/usr/apps/appbinarymanager/emps /opt/usr/share/sbox "
     "/lib/firmware/ext /usr/share/sdp /var/lib/quillon /etc/quillon/trusted-keys /run/quillon";
 constexpr const char* kFiles =
@@ -80,10 +80,10 @@ TEST_P(DeviceIsolation, NamesItsWay)
     EXPECT_EQ(script("echo $QUILLON_DEVICE").out, GetParam() + "\n");
 }
 
-TEST_P(DeviceIsolation, HasTheServicesFoldersEmptyAndWritable)
+TEST_P(DeviceIsolation, HasTheServicesDirectoriesEmptyAndWritable)
 {
     const Result result =
-        script(forEach("d", kFolders, "ls -A $d; mkdir $d/sub && touch $d/sub/file || exit 1"));
+        script(forEach("d", kDirectories, "ls -A $d; mkdir $d/sub && touch $d/sub/file || exit 1"));
 
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_THAT(result.out, IsEmpty());
@@ -100,13 +100,14 @@ TEST_P(DeviceIsolation, HasNoneOfTheServicesFilesAndLetsThemBeMade)
 
 TEST_P(DeviceIsolation, StartsEmptyWhateverItsHostHas)
 {
-    const std::string fill =
-        forEach("d", kFolders, "echo host > $d/host-file") + forEach("f", kFiles, "echo host > $f");
+    const std::string fill = forEach("d", kDirectories, "echo host > $d/host-file") +
+                             forEach("f", kFiles, "echo host > $f");
     const std::string inner = deviceProgram() + " run -- sh -c '" +
-                              forEach("d", kFolders, "ls -A $d; touch $d/inner") +
+                              forEach("d", kDirectories, "ls -A $d; touch $d/inner") +
                               forEach("f", kFiles, "if [ -e $f ]; then echo $f; fi") + "'";
-    const std::string check = forEach("d", kFolders, "test \"$(ls $d)\" = host-file || exit 8") +
-                              forEach("f", kFiles, "test -e $f || exit 9");
+    const std::string check =
+        forEach("d", kDirectories, "test \"$(ls $d)\" = host-file || exit 8") +
+        forEach("f", kFiles, "test -e $f || exit 9");
 
     const Result result = script(fill + inner + " || exit 7; " + check);
 
@@ -118,9 +119,9 @@ TEST_P(DeviceIsolation, KeepsEveryWriteFromTheHost)
 {
     const std::string name = uniqueWord();
     std::string paths;
-    for (const char* folder : {"/usr/", "/usr/lib/", "/etc/", "/opt/", "/var/lib/", "/var/tmp/",
-                               "/tmp/", "/run/", "/dev/shm/", "/dev/"}) {
-        paths += folder + name + " ";
+    for (const char* directory : {"/usr/", "/usr/lib/", "/etc/", "/opt/", "/var/lib/", "/var/tmp/",
+                                  "/tmp/", "/run/", "/dev/shm/", "/dev/"}) {
+        paths += directory + name + " ";
     }
 
     const Result result = script(forEach("f", paths, "echo x > $f && test -s $f || exit 1"));
@@ -142,7 +143,7 @@ TEST_P(DeviceIsolation, KeepsEveryWriteInTheWorkingDirectoryFromTheHost)
     EXPECT_FALSE(fs::exists("/tmp/" + name));
 }
 
-TEST_P(DeviceIsolation, KeepsTheModesOfTheHostsFolders)
+TEST_P(DeviceIsolation, KeepsTheModesOfTheHostsDirectories)
 {
     const std::string ask = "stat -c '%a %n' /usr /etc /opt /var /tmp /usr/lib /var/lib /var/tmp";
 
@@ -317,10 +318,10 @@ TEST(DeviceOfAnOrdinaryUser, WorksThroughAUserNamespace)
         GTEST_SKIP() << "this machine does not allow user namespaces";
     }
     const SharedProgram program;
-    const std::string script = forEach("d", kFolders, "touch $d/file || exit 1") +
+    const std::string script = forEach("d", kDirectories, "touch $d/file || exit 1") +
                                "touch /usr/lib/libkUEPUser.so /tmp/x /var/tmp/x /run/lock/x && "
                                "echo $QUILLON_DEVICE $(id -u)";
-    // Where that user may be: the folder of the build may lie below one that is closed.
+    // Where that user may be: the directory of the build may lie below one that is closed.
     Words words = {"env", "--chdir=/", program.path(), "run", "--", "sh", "-c", script};
     if (::geteuid() == 0) {
         const Words asNobody = {"setpriv", "--reuid", "65534",
@@ -352,7 +353,7 @@ TEST(DeviceOfAnOrdinaryUser, IsRefusedTheWayOfRootInOneLine)
     EXPECT_EQ(result.err, "quillon-device: no device: not root\n");
 }
 
-TEST(DeviceMounts, ShowVolumesThatLieBeneathItsFolders)
+TEST(DeviceMounts, ShowVolumesThatLieBeneathItsDirectories)
 {
     if (!hasPrivateDevice()) {
         GTEST_SKIP() << "needs to mount";

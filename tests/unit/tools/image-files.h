@@ -16,7 +16,7 @@
 
 namespace quillon::test {
 
-/// A folder of files that a test makes images in, and the means to run programs on them.
+/// A directory of files that a test makes images in, and the means to run programs on them.
 class ImageFiles : public ::testing::Test
 {
 protected:
@@ -24,17 +24,17 @@ protected:
     {
         std::string pattern = (std::filesystem::temp_directory_path() / "image-XXXXXX").string();
         ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        folder = pattern + "/";
+        directory = pattern + "/";
     }
 
-    void TearDown() override { std::filesystem::remove_all(folder); }
+    void TearDown() override { std::filesystem::remove_all(directory); }
 
     /// Runs a shell command; what it writes goes to `out` and `err`.
     /// @return its exit code, or -1 when a signal ended it.
     int shell(const std::string& command)
     {
         const std::string redirected =
-            "{ " + command + "\n} >'" + folder + "out' 2>'" + folder + "err' </dev/null";
+            "{ " + command + "\n} >'" + directory + "out' 2>'" + directory + "err' </dev/null";
         const int status = std::system(redirected.c_str());
         out = take("out");
         err = take("err");
@@ -43,15 +43,15 @@ protected:
 
     std::string take(const std::string& name)
     {
-        std::string content = readAll(folder + name);
-        std::filesystem::remove(folder + name);
+        std::string content = readAll(directory + name);
+        std::filesystem::remove(directory + name);
         return content;
     }
 
     std::set<std::string> names() const
     {
         std::set<std::string> found;
-        for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        for (const auto& entry : std::filesystem::directory_iterator(directory)) {
             found.insert(entry.path().filename().string());
         }
         return found;
@@ -64,7 +64,7 @@ protected:
         return status.st_mode & 07777U;
     }
 
-    std::string folder;  ///< ends in "/"
+    std::string directory;  ///< ends in "/"
     std::string out;
     std::string err;
 };

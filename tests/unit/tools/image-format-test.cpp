@@ -18,8 +18,8 @@ protected:
     void SetUp() override
     {
         ImageFiles::SetUp();
-        image = folder + "tuner.bin";
-        payload = folder + "payload";
+        image = directory + "tuner.bin";
+        payload = directory + "payload";
         key = loadImageKey(keyPath("a", kImageKeyFile));
         signingKey = loadSigningKey(keyPath("a", kSigningKeyFile));
     }
@@ -119,7 +119,7 @@ TEST_F(ImageFormat, KeepsEveryPayloadWhateverItsLength)
             lengths.push_back(around);
         }
     }
-    const std::string extracted = folder + "extracted";
+    const std::string extracted = directory + "extracted";
     for (const std::size_t length : lengths) {
         const std::string content = numbered(length);
         build("1.2.3", content);
@@ -195,7 +195,8 @@ TEST_F(ImageFormat, APlaintextWithoutAWholeHeaderIsNoImage)
     writeAll(image, content.substr(64, 16) + content.substr(80, 16) +
                         content.substr(content.size() - 534));
 
-    EXPECT_EQ(faultOf([&] { extractStickImage(image, key, folder + "out"); }), ImageFault::kFormat);
+    EXPECT_EQ(faultOf([&] { extractStickImage(image, key, directory + "out"); }),
+              ImageFault::kFormat);
     EXPECT_EQ(faultOf([&] { readStickImageVersion(image, key); }), ImageFault::kFormat);
 }
 
@@ -204,7 +205,7 @@ TEST_F(ImageFormat, AWrongKeyIsToldApartAndLeavesNoFile)
     build("2.0", "payload");
     for (int i = 0; i < 300; ++i) {  // one wrong key in 256 gives a right-looking padding
         const ImageKey wrong = imageKeyOf(std::to_string(1000 + i) + " wrong keys ..");
-        ASSERT_EQ(faultOf([&] { extractStickImage(image, wrong, folder + "payload-out"); }),
+        ASSERT_EQ(faultOf([&] { extractStickImage(image, wrong, directory + "payload-out"); }),
                   ImageFault::kKey);
         ASSERT_EQ(faultOf([&] { readStickImageVersion(image, wrong); }), ImageFault::kKey);
     }
@@ -219,7 +220,7 @@ TEST_F(ImageFormat, ADamagedLastBlockIsFoundByItsPadding)
     writeAll(image, content);
 
     std::string line;
-    EXPECT_EQ(faultOf([&] { extractStickImage(image, key, folder + "out"); }, &line),
+    EXPECT_EQ(faultOf([&] { extractStickImage(image, key, directory + "out"); }, &line),
               ImageFault::kKey);
     EXPECT_THAT(line, HasSubstr("wrong padding"));
 }
@@ -229,9 +230,10 @@ TEST_F(ImageFormat, AFailedBuildKeepsTheEarlierImage)
     build("2.0", "payload");
     const std::string before = readAll(image);
 
-    EXPECT_EQ(
-        faultOf([&] { buildStickImage("2.1", folder + "missing", key, signingKey.get(), image); }),
-        ImageFault::kFile);
+    EXPECT_EQ(faultOf([&] {
+                  buildStickImage("2.1", directory + "missing", key, signingKey.get(), image);
+              }),
+              ImageFault::kFile);
     EXPECT_EQ(readAll(image), before);
     EXPECT_THAT(names(), ::testing::ElementsAre("payload", "tuner.bin"));
 }

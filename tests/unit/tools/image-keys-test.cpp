@@ -23,9 +23,9 @@ class ImageKeys : public ImageFiles
 
 TEST_F(ImageKeys, AreSixFilesOfWhichTheSecretOnesAreTheOwnersOnly)
 {
-    createKeys(folder + "new/keys", false);
+    createKeys(directory + "new/keys", false);
 
-    const std::string keys = folder + "new/keys/";
+    const std::string keys = directory + "new/keys/";
     EXPECT_EQ(modeOf(keys + "signing-key.pem"), 0600U);
     EXPECT_EQ(modeOf(keys + "signing-key.pub.pem"), 0644U);
     EXPECT_EQ(modeOf(keys + "image-key.bin"), 0600U);
@@ -88,33 +88,34 @@ TEST_F(ImageKeys, APackageNeedsAUsableNameAndPayload)
 
 TEST_F(ImageKeys, ThatAreThereAreNotReplacedUnasked)
 {
-    writeAll(folder + "00000066.bin", "precious");
+    writeAll(directory + "00000066.bin", "precious");
 
     std::string line;
-    EXPECT_EQ(faultOf([&] { createKeys(folder, false); }, &line), ImageFault::kFile);
-    EXPECT_EQ(line, folder + "00000066.bin: exists already");
+    EXPECT_EQ(faultOf([&] { createKeys(directory, false); }, &line), ImageFault::kFile);
+    EXPECT_EQ(line, directory + "00000066.bin: exists already");
     EXPECT_THAT(names(), ElementsAre("00000066.bin"));
-    EXPECT_EQ(readAll(folder + "00000066.bin"), "precious");
+    EXPECT_EQ(readAll(directory + "00000066.bin"), "precious");
 
-    createKeys(folder, true);
+    createKeys(directory, true);
     EXPECT_EQ(names().size(), 6U);
-    EXPECT_NE(readAll(folder + "00000066.bin"), "precious");
-    EXPECT_EQ(modeOf(folder + "00000066.bin"), 0600U);
+    EXPECT_NE(readAll(directory + "00000066.bin"), "precious");
+    EXPECT_EQ(modeOf(directory + "00000066.bin"), 0600U);
 }
 
-TEST_F(ImageKeys, AFolderThatCannotBeMadeIsNamed)
+TEST_F(ImageKeys, ADirectoryThatCannotBeMadeIsNamed)
 {
-    writeAll(folder + "file", "");
+    writeAll(directory + "file", "");
 
     std::string line;
-    EXPECT_EQ(faultOf([&] { createKeys(folder + "file/keys", false); }, &line), ImageFault::kFile);
-    EXPECT_THAT(line, HasSubstr(folder + "file/keys: cannot be made: "));
+    EXPECT_EQ(faultOf([&] { createKeys(directory + "file/keys", false); }, &line),
+              ImageFault::kFile);
+    EXPECT_THAT(line, HasSubstr(directory + "file/keys: cannot be made: "));
 }
 
 TEST_F(ImageKeys, ASigningKeyIsAnRsaKeyOf4096BitsWithoutAPassPhrase)
 {
     const auto faultWith = [&](EVP_PKEY* key, const EVP_CIPHER* cipher) {
-        const std::string path = folder + "key.pem";
+        const std::string path = directory + "key.pem";
         FILE* file = std::fopen(path.c_str(), "w");
         EXPECT_NE(file, nullptr);
         char passPhrase[] = "secret";
@@ -135,7 +136,7 @@ TEST_F(ImageKeys, ASigningKeyIsAnRsaKeyOf4096BitsWithoutAPassPhrase)
     EXPECT_EQ(faultOf([&] { loadSigningKey(keyPath("a", kPublicKeyFile)); }), ImageFault::kKey);
     EXPECT_EQ(faultOf([&] { loadSigningKey(keyPath("a", kProvisioningKeyFile)); }),
               ImageFault::kKey);
-    EXPECT_EQ(faultOf([&] { loadSigningKey(folder + "missing"); }), ImageFault::kFile);
+    EXPECT_EQ(faultOf([&] { loadSigningKey(directory + "missing"); }), ImageFault::kFile);
 }
 
 }  // namespace

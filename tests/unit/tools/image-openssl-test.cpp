@@ -34,13 +34,13 @@ protected:
         }
         const std::vector<std::string> blocks = shellBlocksOf(readAll(FORMAT_PAGE));
         ASSERT_THAT(blocks, SizeIs(4));
-        const std::string start = "set -e; cd '" + folder + "'\n" + blocks[0];
+        const std::string start = "set -e; cd '" + directory + "'\n" + blocks[0];
         makeCommands = start + blocks[1];
         readCommands = start + blocks[2];
         checkFormat2Commands = start + blocks[3];
 
-        std::filesystem::create_symlink(QUILLON_TEST_KEYS "/a", folder + "keys");
-        writeAll(folder + "payload", "firmware of the tuner\n");
+        std::filesystem::create_symlink(QUILLON_TEST_KEYS "/a", directory + "keys");
+        writeAll(directory + "payload", "firmware of the tuner\n");
     }
 
     std::string makeCommands;
@@ -52,31 +52,31 @@ TEST_F(ImageOpenssl, MakesAnImageThatVerifiesAndExtracts)
 {
     ASSERT_EQ(shell(makeCommands), 0) << err;
 
-    EXPECT_NO_THROW(verifyStickImage(folder + "tuner.bin", keyPath("a", kPublicKeyFile)));
-    EXPECT_EQ(extractStickImage(folder + "tuner.bin", loadImageKey(keyPath("a", kImageKeyFile)),
-                                folder + "extracted"),
+    EXPECT_NO_THROW(verifyStickImage(directory + "tuner.bin", keyPath("a", kPublicKeyFile)));
+    EXPECT_EQ(extractStickImage(directory + "tuner.bin", loadImageKey(keyPath("a", kImageKeyFile)),
+                                directory + "extracted"),
               "2.0");
-    EXPECT_EQ(readAll(folder + "extracted"), readAll(folder + "payload"));
+    EXPECT_EQ(readAll(directory + "extracted"), readAll(directory + "payload"));
 }
 
 TEST_F(ImageOpenssl, VerifiesAndDeciphersAnImageOfOurs)
 {
-    makeImage(folder + "tuner.bin", "a", "2.0", "firmware of the tuner\n");
+    makeImage(directory + "tuner.bin", "a", "2.0", "firmware of the tuner\n");
 
     ASSERT_EQ(shell(readCommands), 0) << err;
     EXPECT_EQ(out, "Verified OK\n");
-    EXPECT_EQ(readAll(folder + "version"), "2.0");
-    EXPECT_EQ(readAll(folder + "extracted"), readAll(folder + "payload"));
+    EXPECT_EQ(readAll(directory + "version"), "2.0");
+    EXPECT_EQ(readAll(directory + "extracted"), readAll(directory + "payload"));
 }
 
 TEST_F(ImageOpenssl, ChecksASignatureForOneModuleOfOneModel)
 {
-    makeImage(folder + "tuner.bin", "a", "2.0", "firmware", ImagePurpose{"tuner", "TV2024", 7});
+    makeImage(directory + "tuner.bin", "a", "2.0", "firmware", ImagePurpose{"tuner", "TV2024", 7});
 
     EXPECT_EQ(shell(checkFormat2Commands), 0) << err;
     EXPECT_EQ(out, "Verified OK\n");
 
-    makeImage(folder + "tuner.bin", "a", "2.0", "firmware", ImagePurpose{"tuner", "TV2025", 7});
+    makeImage(directory + "tuner.bin", "a", "2.0", "firmware", ImagePurpose{"tuner", "TV2025", 7});
     EXPECT_NE(shell(checkFormat2Commands), 0);
 }
 

@@ -27,12 +27,12 @@ protected:
     void SetUp() override
     {
         ImageFiles::SetUp();
-        writeAll(folder + "payload", "firmware");
+        writeAll(directory + "payload", "firmware");
     }
 
     int run(const std::string& arguments, const std::string& before = "")
     {
-        return shell("cd '" + folder + "'; " + before + " " IMAGE_PROGRAM " " + arguments);
+        return shell("cd '" + directory + "'; " + before + " " IMAGE_PROGRAM " " + arguments);
     }
 
     int package(const std::string& arguments, const std::string& before = "")
@@ -57,8 +57,8 @@ protected:
     /// Puts a shell script in place of a program of the machine.
     void replaceProgram(const std::string& name, const std::string& script)
     {
-        std::filesystem::create_directories(folder + "bin");
-        const std::string path = folder + "bin/" + name;
+        std::filesystem::create_directories(directory + "bin");
+        const std::string path = directory + "bin/" + name;
         writeAll(path, "#!/bin/sh\n" + script + "\n");
         std::filesystem::permissions(path, std::filesystem::perms::owner_all);
     }
@@ -107,7 +107,7 @@ protected:
     {
         const std::string command = squashfs() ? "unsquashfs -cat '" + image + "' " + file
                                                : "debugfs -R 'cat /" + file + "' '" + image + "'";
-        EXPECT_EQ(shell(kToolPath + ("cd '" + folder + "'; " + command)), 0) << err;
+        EXPECT_EQ(shell(kToolPath + ("cd '" + directory + "'; " + command)), 0) << err;
         return out;
     }
 
@@ -122,7 +122,7 @@ protected:
         for (std::size_t i = 0; i < size; ++i) {
             bytes[i] = static_cast<char>(i * 31 + i / 4096);
         }
-        writeAll(folder + "payload", bytes);
+        writeAll(directory + "payload", bytes);
         return bytes;
     }
 };
@@ -146,7 +146,8 @@ TEST_P(PackageOfType, HoldsThePayloadByteForByteUnderTheFirmwareName)
     const std::string bytes = payload(1000001);
     ASSERT_EQ(build("--output out.img"), 0) << err;
     EXPECT_EQ(out, "out.img: version 2.0, " +
-                       std::to_string(std::filesystem::file_size(folder + "out.img")) + " bytes\n");
+                       std::to_string(std::filesystem::file_size(directory + "out.img")) +
+                       " bytes\n");
 
     EXPECT_EQ(contentOf("out.img", "tunerA1.bin"), bytes);
     EXPECT_EQ(informationOf("out.img").getMemberNames(),
@@ -158,7 +159,7 @@ TEST_P(PackageOfType, HoldsThePayloadByteForByteUnderTheFirmwareName)
 
 TEST_P(PackageOfType, BearsTheServicesOwnChecksum)
 {
-    writeAll(folder + "payload", "123456789");
+    writeAll(directory + "payload", "123456789");
     ASSERT_EQ(build("--output out.img"), 0) << err;
     EXPECT_EQ(informationOf("out.img")["crc"].asUInt(), 0x6A50465CU);
 }
@@ -180,16 +181,16 @@ TEST_P(PackageOfType, MayHoldAnEmptyPayload)
 TEST_P(PackageOfType, IsForEveryoneToReadAndBelongsToRoot)
 {
     ASSERT_EQ(build("--output out.img", "umask 077; chmod 600 payload;"), 0) << err;
-    EXPECT_EQ(modeOf(folder + "out.img"), 0644U);
+    EXPECT_EQ(modeOf(directory + "out.img"), 0644U);
 
     if (squashfs()) {
-        ASSERT_EQ(shell("unsquashfs -lln '" + folder + "out.img' | sed 's/  */ /g'"), 0) << err;
+        ASSERT_EQ(shell("unsquashfs -lln '" + directory + "out.img' | sed 's/  */ /g'"), 0) << err;
         EXPECT_THAT(out, HasSubstr("drwxr-xr-x 0/0 "));
         EXPECT_THAT(out, HasSubstr("-rw-r--r-- 0/0 8 1970-01-01"));
         return;
     }
-    ASSERT_EQ(shell(kToolPath + ("debugfs -R 'ls -l' '" + folder + "out.img' | sed 's/  */ /g'")),
-              0)
+    ASSERT_EQ(
+        shell(kToolPath + ("debugfs -R 'ls -l' '" + directory + "out.img' | sed 's/  */ /g'")), 0)
         << err;
     EXPECT_THAT(out, HasSubstr(" 2 40755 (2) 0 0 4096 1-Jan-1970 "));
     EXPECT_THAT(out, HasSubstr(" 100644 (1) 0 0 8 1-Jan-1970 "));
@@ -206,7 +207,7 @@ TEST_P(PackageOfType, IsTheSameWhoeverMakesItAndWhen)
                     "umask 077; SOURCE_DATE_EPOCH=77 LC_ALL=de_DE TZ=Asia/Tokyo"),
               0)
         << err;
-    EXPECT_TRUE(readAll(folder + "one.img") == readAll(folder + "elsewhere/another.img"));
+    EXPECT_TRUE(readAll(directory + "one.img") == readAll(directory + "elsewhere/another.img"));
 }
 
 TEST_P(PackageOfType, IsTheSameFromAnOrdinaryUser)
@@ -215,10 +216,10 @@ TEST_P(PackageOfType, IsTheSameFromAnOrdinaryUser)
     if (!openWayTo(IMAGE_PROGRAM) || shell(asNobody + IMAGE_PROGRAM " --version") != 0) {
         GTEST_SKIP() << "cannot become another user here";
     }
-    std::filesystem::permissions(folder, std::filesystem::perms::all);
+    std::filesystem::permissions(directory, std::filesystem::perms::all);
     ASSERT_EQ(build("--output one.img"), 0) << err;
     ASSERT_EQ(build("--output another.img", asNobody), 0) << err;
-    EXPECT_TRUE(readAll(folder + "one.img") == readAll(folder + "another.img"));
+    EXPECT_TRUE(readAll(directory + "one.img") == readAll(directory + "another.img"));
 }
 
 TEST_P(PackageOfType, LeavesNothingElseBehind)
@@ -230,16 +231,16 @@ TEST_P(PackageOfType, LeavesNothingElseBehind)
 
 TEST_P(PackageOfType, TakesAnEarlierOnesPlace)
 {
-    writeAll(folder + "tunerempA1.img", std::string(4000000, 'x'));
+    writeAll(directory + "tunerempA1.img", std::string(4000000, 'x'));
     ASSERT_EQ(build(""), 0) << err;
     EXPECT_EQ(contentOf("tunerempA1.img", "tunerA1.bin"), "firmware");
 }
 
 TEST_P(PackageOfType, MayHaveBlanksAndQuotesInItsPath)
 {
-    std::filesystem::create_directory(folder + "a 'b\" $c");
+    std::filesystem::create_directory(directory + "a 'b\" $c");
     ASSERT_EQ(build("--output \"a 'b\\\" \\$c/- x.img\""), 0) << err;
-    EXPECT_THAT(readAll(folder + "a 'b\" $c/- x.img"), ::testing::Not(""));
+    EXPECT_THAT(readAll(directory + "a 'b\" $c/- x.img"), ::testing::Not(""));
 }
 
 TEST_P(PackageOfType, DescribesItselfAsJson)
@@ -253,7 +254,7 @@ TEST_P(PackageOfType, DescribesItselfAsJson)
     EXPECT_EQ(made["type"], GetParam());
     EXPECT_EQ(made["crc"].asUInt(), checksumOf("firmware"));
     EXPECT_EQ(made["expectedTime"], 17);
-    EXPECT_EQ(made["size"].asUInt64(), std::filesystem::file_size(folder + "out.img"));
+    EXPECT_EQ(made["size"].asUInt64(), std::filesystem::file_size(directory + "out.img"));
 
     ASSERT_EQ(run("info out.img --json"), 0) << err;
     EXPECT_EQ(parsed(out)["package"], "out.img");
@@ -285,9 +286,9 @@ TEST_F(PackageProgram, IsAnExt4FileSystemThatE2fsckFindsClean)
     if (!hasProgram("mke2fs") || !hasProgram("debugfs") || !hasProgram("e2fsck")) {
         GTEST_SKIP() << "mke2fs, debugfs or e2fsck is not installed";
     }
-    writeAll(folder + "payload", std::string(5000000, 'x'));
+    writeAll(directory + "payload", std::string(5000000, 'x'));
     ASSERT_EQ(package("--type ext4 --output out.img"), 0) << err;
-    EXPECT_EQ(shell(kToolPath + ("e2fsck -fn '" + folder + "out.img'")), 0) << out << err;
+    EXPECT_EQ(shell(kToolPath + ("e2fsck -fn '" + directory + "out.img'")), 0) << out << err;
 }
 
 TEST_F(PackageProgram, RefusesANameThatNoPackageHas)
@@ -323,8 +324,8 @@ TEST_F(PackageProgram, RefusesFilesThatCannotBeReadOrWritten)
     const std::string start = "--name tuneremp --version 1 --payload ";
     expectRefusal(start + "missing", 3, "missing: cannot be read: No such file or directory");
     expectRefusal(start + ".", 3, ".: cannot be read: is a directory");
-    expectRefusal(kGood + std::string("--output no-folder/x.img"), 3,
-                  "no-folder/x.img: cannot be written: No such file or directory");
+    expectRefusal(kGood + std::string("--output no-directory/x.img"), 3,
+                  "no-directory/x.img: cannot be written: No such file or directory");
     expectRefusal(kGood + std::string("--output /dev/null"), 3,
                   "/dev/null: cannot be written: not a regular file");
 }
@@ -341,20 +342,20 @@ TEST_F(PackageProgram, SaysWhichPackageBringsAMissingProgram)
 TEST_F(PackageProgram, GivesTheReasonOfAProgramThatFails)
 {
     replaceProgram("mksquashfs", "echo working; echo 'no space' >&2; echo 'FATAL' >&2; exit 3");
-    writeAll(folder + "tuneremp.img", "earlier");
+    writeAll(directory + "tuneremp.img", "earlier");
     expectRefusal(kGood, 3, "bin/mksquashfs failed with status 3: no space; FATAL\n",
-                  "PATH='" + folder + "bin:/bin:/usr/bin'");
-    EXPECT_EQ(readAll(folder + "tuneremp.img"), "earlier");
+                  "PATH='" + directory + "bin:/bin:/usr/bin'");
+    EXPECT_EQ(readAll(directory + "tuneremp.img"), "earlier");
 
     replaceProgram("mksquashfs", "kill -TERM $$; printf hsqs >\"$2\"");
     expectRefusal(kGood, 3, "bin/mksquashfs was ended by signal 15\n",
-                  "PATH='" + folder + "bin:/bin:/usr/bin'");
+                  "PATH='" + directory + "bin:/bin:/usr/bin'");
 }
 
 TEST_F(PackageProgram, ShowsNothingOfAProgramThatEndsWell)
 {
     replaceProgram("mksquashfs", "echo talk; echo warning >&2; printf hsqs >\"$2\"");
-    EXPECT_EQ(run(std::string("package ") + kGood, "PATH='" + folder + "bin:/bin:/usr/bin'"), 0);
+    EXPECT_EQ(run(std::string("package ") + kGood, "PATH='" + directory + "bin:/bin:/usr/bin'"), 0);
     EXPECT_EQ(err, "");
     EXPECT_EQ(out, "tuneremp.img: version 1, 4 bytes\n");
 }
@@ -364,7 +365,7 @@ TEST_F(PackageProgram, BelievesDebugfsWhatItComplainsAboutAndNotItsStatus)
     replaceProgram("mke2fs", "exit 0");
     replaceProgram("debugfs", "echo 'debugfs 1.47.0 (5-Feb-2023)' >&2; echo 'write: full' >&2");
     expectRefusal(kGood + std::string("--type ext4"), 3, "bin/debugfs failed: write: full\n",
-                  "PATH='" + folder + "bin:/bin:/usr/bin'");
+                  "PATH='" + directory + "bin:/bin:/usr/bin'");
 }
 
 TEST_F(PackageProgram, RemovesWhatIsTemporaryWhenItIsInterrupted)
@@ -373,7 +374,7 @@ TEST_F(PackageProgram, RemovesWhatIsTemporaryWhenItIsInterrupted)
     const std::set<std::string> before = names();
 
     EXPECT_EQ(run(std::string("package ") + kGood + "; exit $?",
-                  "PATH='" + folder + "bin:/bin:/usr/bin'"),
+                  "PATH='" + directory + "bin:/bin:/usr/bin'"),
               128 + SIGTERM);
     EXPECT_EQ(names(), before);
 }
@@ -382,18 +383,18 @@ TEST_F(PackageProgram, GoesOnWhenTheSignalIsIgnored)
 {
     replaceProgram("mksquashfs", "kill -HUP $PPID; printf hsqs >\"$2\"");
 
-    EXPECT_EQ(
-        run(std::string("package ") + kGood, "trap '' HUP; PATH='" + folder + "bin:/bin:/usr/bin'"),
-        0)
+    EXPECT_EQ(run(std::string("package ") + kGood,
+                  "trap '' HUP; PATH='" + directory + "bin:/bin:/usr/bin'"),
+              0)
         << err;
-    EXPECT_EQ(readAll(folder + "tuneremp.img"), "hsqs");
+    EXPECT_EQ(readAll(directory + "tuneremp.img"), "hsqs");
 }
 
 TEST_F(PackageProgram, IsNotConfusedByAStickImageThatBearsItsMark)
 {
-    makeImage(folder + "tuner.bin", "a", "2.0", std::string(5000, 'x'));
-    std::string image = readAll(folder + "tuner.bin");
-    writeAll(folder + "tuner.bin", image.replace(0, 4, "hsqs").replace(1080, 2, "\x53\xEF"));
+    makeImage(directory + "tuner.bin", "a", "2.0", std::string(5000, 'x'));
+    std::string image = readAll(directory + "tuner.bin");
+    writeAll(directory + "tuner.bin", image.replace(0, 4, "hsqs").replace(1080, 2, "\x53\xEF"));
 
     ASSERT_EQ(run("info tuner.bin --json"), 0) << err;
     EXPECT_EQ(parsed(out)["image"], "tuner.bin");

@@ -20,14 +20,14 @@ protected:
     void SetUp() override
     {
         ImageFiles::SetUp();
-        image = folder + "tuner.bin";
-        writeAll(folder + "payload", "firmware");
+        image = directory + "tuner.bin";
+        writeAll(directory + "payload", "firmware");
         makeImage(image, "a", "2.0", "firmware");
     }
 
     int run(const std::string& arguments)
     {
-        return shell("cd '" + folder + "' && KEYS='" QUILLON_TEST_KEYS "/a' OTHER='" +
+        return shell("cd '" + directory + "' && KEYS='" QUILLON_TEST_KEYS "/a' OTHER='" +
                      QUILLON_TEST_KEYS "/b'; " IMAGE_PROGRAM " " + arguments);
     }
 
@@ -60,14 +60,14 @@ constexpr char kBuild[] =
 
 TEST_F(ImageProgram, BuildsVerifiesAndExtractsOnAStick)
 {
-    std::filesystem::create_directory(folder + "stick");
+    std::filesystem::create_directory(directory + "stick");
 
     ASSERT_EQ(run(std::string(kBuild) + "--module panel --stick stick"), 0) << err;
-    EXPECT_EQ(modeOf(folder + "stick/panel.bin"), 0644U);
+    EXPECT_EQ(modeOf(directory + "stick/panel.bin"), 0644U);
     EXPECT_EQ(run("verify stick/panel.bin --public $KEYS/signing-key.pub.pem"), 0) << err;
     EXPECT_EQ(run("extract stick/panel.bin --key $KEYS/image-key.bin --output out.bin"), 0) << err;
-    EXPECT_EQ(readAll(folder + "out.bin"), "firmware");
-    EXPECT_EQ(modeOf(folder + "out.bin"), 0600U);
+    EXPECT_EQ(readAll(directory + "out.bin"), "firmware");
+    EXPECT_EQ(modeOf(directory + "out.bin"), 0600U);
 }
 
 TEST_F(ImageProgram, BuildsIntoANamedFile)
@@ -75,7 +75,7 @@ TEST_F(ImageProgram, BuildsIntoANamedFile)
     ASSERT_EQ(run(std::string(kBuild) + "--output new.bin --json"), 0) << err;
     EXPECT_EQ(json()["image"], "new.bin");
     EXPECT_EQ(json()["version"], "2.1");
-    EXPECT_EQ(json()["size"].asUInt64(), std::filesystem::file_size(folder + "new.bin"));
+    EXPECT_EQ(json()["size"].asUInt64(), std::filesystem::file_size(directory + "new.bin"));
 }
 
 TEST_F(ImageProgram, KeygenSaysWhereTheKeysAre)
@@ -110,13 +110,13 @@ TEST_F(ImageProgram, InfoTellsTheVersionToTheHolderOfTheKeyOnly)
     EXPECT_THAT(out, HasSubstr("version: 2.0\n"));
 }
 
-TEST_F(ImageProgram, VerifyNamesTheKeyOfTheFolder)
+TEST_F(ImageProgram, VerifyNamesTheKeyOfTheDirectory)
 {
-    std::filesystem::create_directory(folder + "trusted");
-    std::filesystem::copy(keyPath("b", kPublicKeyFile), folder + "trusted/b.pem");
+    std::filesystem::create_directory(directory + "trusted");
+    std::filesystem::copy(keyPath("b", kPublicKeyFile), directory + "trusted/b.pem");
     expectRefusal("verify tuner.bin --trusted trusted", 5, "no trusted key with the id ");
 
-    std::filesystem::copy(keyPath("a", kPublicKeyFile), folder + "trusted/a.pem");
+    std::filesystem::copy(keyPath("a", kPublicKeyFile), directory + "trusted/a.pem");
     ASSERT_EQ(run("verify tuner.bin --trusted trusted --json"), 0) << err;
     EXPECT_EQ(json()["signedBy"], "trusted/a.pem");
 }
@@ -141,8 +141,8 @@ TEST_F(ImageProgram, AFileThatCannotBeReadOrWrittenIsCode3)
     expectRefusal("info .", 3, ".: cannot be read: is a directory");
     expectRefusal("verify tuner.bin --public missing.pem", 3, "missing.pem: cannot be read");
     expectRefusal("info tuner.bin --key missing.key", 3, "missing.key: cannot be read");
-    expectRefusal(std::string(kBuild) + "--output no-folder/x.bin", 3,
-                  "no-folder/x.bin: cannot be written: No such file or directory");
+    expectRefusal(std::string(kBuild) + "--output no-directory/x.bin", 3,
+                  "no-directory/x.bin: cannot be written: No such file or directory");
     expectRefusal(std::string(kBuild) + "--output /dev/null", 3,
                   "/dev/null: cannot be written: not a regular file");
     expectRefusal(std::string(kBuild) + "--output x.bin --payload missing", 2, "--payload");
@@ -152,8 +152,8 @@ TEST_F(ImageProgram, AFileThatCannotBeReadOrWrittenIsCode3)
 
 TEST_F(ImageProgram, AFileThatIsNoStickImageIsCode4)
 {
-    writeAll(folder + "odd", std::string(1001, 'x'));
-    writeAll(folder + "short", "x");
+    writeAll(directory + "odd", std::string(1001, 'x'));
+    writeAll(directory + "short", "x");
     for (const char* verb : {"info", "verify --trusted .",
                              "extract --key $KEYS/image-key.bin "
                              "--output out.bin"}) {
@@ -165,8 +165,9 @@ TEST_F(ImageProgram, AFileThatIsNoStickImageIsCode4)
 TEST_F(ImageProgram, AMissingOrWrongSignatureIsCode5)
 {
     const std::string content = readAll(image);
-    writeAll(folder + "unsigned", content.substr(0, content.size() - 534) + std::string(534, 'x'));
-    writeAll(folder + "damaged", 'x' + content.substr(1));
+    writeAll(directory + "unsigned",
+             content.substr(0, content.size() - 534) + std::string(534, 'x'));
+    writeAll(directory + "damaged", 'x' + content.substr(1));
 
     expectRefusal("info unsigned", 5, "not signed: trailer has no signature (bad magic)");
     expectRefusal("verify unsigned --public $KEYS/signing-key.pub.pem", 5, "bad magic");
@@ -178,7 +179,7 @@ TEST_F(ImageProgram, AMissingOrWrongSignatureIsCode5)
 
 TEST_F(ImageProgram, AWrongOrUnusableKeyIsCode6)
 {
-    writeAll(folder + "short-key", "fifteen bytes..");
+    writeAll(directory + "short-key", "fifteen bytes..");
     expectRefusal("info tuner.bin --key $OTHER/image-key.bin", 6, "tuner.bin: wrong image key");
     expectRefusal("extract tuner.bin --key $OTHER/image-key.bin --output out.bin", 6,
                   "tuner.bin: wrong image key");
@@ -188,7 +189,7 @@ TEST_F(ImageProgram, AWrongOrUnusableKeyIsCode6)
         "build --version 1 --payload payload --key $KEYS/image-key.bin --sign payload "
         "--output x",
         6, "payload: not a private key");
-    EXPECT_FALSE(std::filesystem::exists(folder + "out.bin"));
+    EXPECT_FALSE(std::filesystem::exists(directory + "out.bin"));
 }
 
 TEST_F(ImageProgram, TellsItsVersionAndHelp)

@@ -22,14 +22,15 @@ protected:
     void SetUp() override
     {
         ImageFiles::SetUp();
-        writeAll(folder + "item", "0123456789abcdef");
-        std::filesystem::create_directory(folder + "trusted");
-        std::filesystem::copy(keyPath("a", kProvisioningCertificateFile), folder + "trusted/a.pem");
+        writeAll(directory + "item", "0123456789abcdef");
+        std::filesystem::create_directory(directory + "trusted");
+        std::filesystem::copy(keyPath("a", kProvisioningCertificateFile),
+                              directory + "trusted/a.pem");
     }
 
     int run(const std::string& arguments)
     {
-        return shell("cd '" + folder + "' && KEYS='" QUILLON_TEST_KEYS "/a' OTHER='" +
+        return shell("cd '" + directory + "' && KEYS='" QUILLON_TEST_KEYS "/a' OTHER='" +
                      QUILLON_TEST_KEYS "/b'; " IMAGE_PROGRAM " " + arguments);
     }
 
@@ -55,12 +56,12 @@ TEST_F(ImageProvision, MakesAPackageThatADeviceAccepts)
 {
     ASSERT_EQ(run(kProvision), 0) << err;
     EXPECT_THAT(out, StartsWith("00000066.bin: item quillon, "));
-    EXPECT_EQ(modeOf(folder + "00000066.bin"), 0600U);
+    EXPECT_EQ(modeOf(directory + "00000066.bin"), 0600U);
     ASSERT_EQ(run("verify 00000066.bin --certificates trusted --json"), 0) << err;
     EXPECT_EQ(json()["provisioningPackage"], "00000066.bin");
     EXPECT_EQ(json()["item"], "quillon");
     EXPECT_EQ(json()["payloadSize"], 16);
-    EXPECT_EQ(json()["size"].asUInt64(), std::filesystem::file_size(folder + "00000066.bin"));
+    EXPECT_EQ(json()["size"].asUInt64(), std::filesystem::file_size(directory + "00000066.bin"));
     EXPECT_EQ(json()["signedBy"], "CN = Quillon provisioning");
 }
 
@@ -92,31 +93,31 @@ TEST_F(ImageProvision, RefusesAKeyThatIsNotTheCertificates)
     expectRefusal(
         "provision --payload item --sign item --certificate $KEYS/provisioning-certificate.pem", 6,
         "item: not a private key");
-    EXPECT_FALSE(std::filesystem::exists(folder + "00000066.bin"));
+    EXPECT_FALSE(std::filesystem::exists(directory + "00000066.bin"));
 }
 
 TEST_F(ImageProvision, RefusesAnItemThatCannotBe)
 {
     expectRefusal(std::string(kProvision) + "--item ../x", 2, "no name for a storage item");
-    writeAll(folder + "item", "");
+    writeAll(directory + "item", "");
     expectRefusal(kProvision, 2, "a storage item has 1 to 65536 bytes");
-    writeAll(folder + "item", std::string(65537, 'x'));
+    writeAll(directory + "item", std::string(65537, 'x'));
     expectRefusal(kProvision, 3, "item: cannot be read: longer than 65536 bytes");
 }
 
 TEST_F(ImageProvision, VerifyRefusesWhatADeviceRefuses)
 {
     ASSERT_EQ(run(kProvision), 0) << err;
-    std::string package = readAll(folder + "00000066.bin");
+    std::string package = readAll(directory + "00000066.bin");
     expectRefusal("verify 00000066.bin --certificates .", 5, "no certificate (*.pem) in .");
     expectRefusal("verify item --certificates trusted", 4, "item: not a provisioning package");
     expectRefusal("verify missing --certificates trusted", 3, "missing: cannot be read");
     package[package.find("0123456789abcdef")] = 'X';
-    writeAll(folder + "changed", package);
+    writeAll(directory + "changed", package);
     expectRefusal("verify changed --certificates trusted", 5,
                   "changed: not signed by anyone trusted");
-    std::filesystem::rename(folder + "trusted/a.pem", folder + "a.txt");
-    std::filesystem::copy(keyPath("b", kProvisioningCertificateFile), folder + "trusted/b.pem");
+    std::filesystem::rename(directory + "trusted/a.pem", directory + "a.txt");
+    std::filesystem::copy(keyPath("b", kProvisioningCertificateFile), directory + "trusted/b.pem");
     expectRefusal("verify 00000066.bin --certificates trusted", 5,
                   "00000066.bin: not signed by anyone trusted");
 }
@@ -129,15 +130,15 @@ TEST_F(ImageProvision, AnAuthoritysSignerAndOpensslAloneWillDo)
     const std::string page = readAll(FORMAT_PAGE);
     const std::size_t section = page.find("## The provisioning package");
     const std::string opening = "```shell\n";
-    std::string commands = "cd '" + folder + "' && set -e\n";
+    std::string commands = "cd '" + directory + "' && set -e\n";
     for (std::size_t at = page.find(opening, section); at != std::string::npos;
          at = page.find(opening, at)) {
         at += opening.size();
         commands += page.substr(at, page.find("```", at) - at);
     }
-    std::filesystem::remove(folder + "trusted/a.pem");
+    std::filesystem::remove(directory + "trusted/a.pem");
     ASSERT_EQ(shell(commands), 0) << err;
-    std::filesystem::copy(folder + "authority.pem", folder + "trusted/authority.pem");
+    std::filesystem::copy(directory + "authority.pem", directory + "trusted/authority.pem");
     ASSERT_EQ(run("verify 00000066.bin --certificates trusted --json"), 0) << err;
     EXPECT_EQ(json()["signedBy"], "CN = provisioning of the tuner line");
     EXPECT_EQ(run("verify 00000066.bin --certificates trusted --purpose"), 0) << err;
@@ -169,7 +170,7 @@ TEST_F(ImageProvision, RefusesAFloorThatCannotBe)
         "provision --sign $KEYS/provisioning-key.pem "
         "--certificate $KEYS/provisioning-certificate.pem",
         2, "--payload or --floor has to be given");
-    EXPECT_FALSE(std::filesystem::exists(folder + "00000066.bin"));
+    EXPECT_FALSE(std::filesystem::exists(directory + "00000066.bin"));
 }
 
 TEST_F(ImageProvision, VerifyDemandsThePurposeWhenItIsTold)
@@ -181,7 +182,7 @@ TEST_F(ImageProvision, VerifyDemandsThePurposeWhenItIsTold)
     if (shell("openssl version") != 0) {
         GTEST_SKIP() << "openssl(1) is not installed";
     }
-    ASSERT_EQ(shell("cd '" + folder + "' && openssl req -x509 -key " +
+    ASSERT_EQ(shell("cd '" + directory + "' && openssl req -x509 -key " +
                     keyPath("a", kProvisioningKeyFile) +
                     " -days 36500 -subj '/CN=no purpose' -out trusted/a.pem"),
               0)

@@ -15,13 +15,13 @@ protected:
     void SetUp() override
     {
         ImageFiles::SetUp();
-        image = folder + "tuner.bin";
-        writeAll(folder + "payload", "firmware of the tuner");
+        image = directory + "tuner.bin";
+        writeAll(directory + "payload", "firmware of the tuner");
     }
 
     int build(const std::string& options)
     {
-        return shell(IMAGE_PROGRAM " build --version 2.0 --payload '" + folder +
+        return shell(IMAGE_PROGRAM " build --version 2.0 --payload '" + directory +
                      "payload' --key '" + keyPath("a", kImageKeyFile) + "' --sign '" +
                      keyPath("a", kSigningKeyFile) + "' " + options);
     }
@@ -50,10 +50,11 @@ TEST_F(ImagePurposeProgram, IsBuiltToldAndVerified)
                            HasSubstr("signatureAlgorithm: RSA-4096 PSS SHA-512\n")));
     EXPECT_EQ(verify("--model 'TV 2024' --floor 5 " + image), 0) << err;
 
-    std::filesystem::create_directory(folder + "keys");
-    std::filesystem::copy_file(keyPath("a", kPublicKeyFile), folder + "keys/a.pem");
+    std::filesystem::create_directory(directory + "keys");
+    std::filesystem::copy_file(keyPath("a", kPublicKeyFile), directory + "keys/a.pem");
     EXPECT_EQ(
-        shell(IMAGE_PROGRAM " verify --model 'TV 2024' --trusted " + folder + "keys " + image), 0)
+        shell(IMAGE_PROGRAM " verify --model 'TV 2024' --trusted " + directory + "keys " + image),
+        0)
         << err;
 }
 
@@ -68,8 +69,8 @@ TEST_F(ImagePurposeProgram, IsRefusedForAnythingElse)
     EXPECT_EQ(verify(image), 5);
     EXPECT_THAT(err, HasSubstr("2 needs the device's model, which --model does not name"));
 
-    std::filesystem::rename(image, folder + "camera.bin");
-    EXPECT_EQ(verify("--model 'TV 2024' " + folder + "camera.bin"), 5);
+    std::filesystem::rename(image, directory + "camera.bin");
+    EXPECT_EQ(verify("--model 'TV 2024' " + directory + "camera.bin"), 5);
     EXPECT_THAT(err, HasSubstr("made for another module"));
 }
 

@@ -58,7 +58,7 @@ protected:
         steps = stepsOf(readAll(TRUST_PAGE));
         ASSERT_THAT(steps, SizeIs(kSteps));
         for (const char* payload : {"tuner-2.0", "tuner-2.1", "tuner-2.2", "tuner-2.3"}) {
-            writeAll(folder + payload, payload);
+            writeAll(directory + payload, payload);
         }
         library = dlopen(VERIFIER_LIBRARY, RTLD_LAZY);
         ASSERT_NE(library, nullptr) << dlerror();
@@ -73,7 +73,7 @@ protected:
 
     void perform(Step step)
     {
-        ASSERT_EQ(shell("set -e; PATH=" TOOLS ":$PATH; cd '" + folder + "'\n" + steps[step]), 0)
+        ASSERT_EQ(shell("set -e; PATH=" TOOLS ":$PATH; cd '" + directory + "'\n" + steps[step]), 0)
             << steps[step] << err;
     }
 
@@ -81,7 +81,7 @@ protected:
     bool isAccepted(const std::string& image)
     {
         const std::string onStick = "/opt/media/USBDriveA/tuner.bin";
-        std::filesystem::copy_file(folder + image, onStick,
+        std::filesystem::copy_file(directory + image, onStick,
                                    std::filesystem::copy_options::overwrite_existing);
         ::testing::internal::CaptureStderr();
         const int result = entry(nullptr, onStick.c_str(), "UserCaller");
@@ -93,7 +93,7 @@ protected:
     ///         can seal what is in it.
     bool isTrusted(const std::string& package)
     {
-        const int status = shell(TOOLS "/quillon-storage --install '" + folder + package + "'");
+        const int status = shell(TOOLS "/quillon-storage --install '" + directory + package + "'");
         return status == 0 || err.find("quillon cannot be sealed: ") != std::string::npos;
     }
 

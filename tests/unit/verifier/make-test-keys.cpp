@@ -1,4 +1,4 @@
-// make-test-keys DIR...: new keys in each folder.
+// make-test-keys DIR...: new keys in each directory.
 
 #include <exception>
 #include <iostream>

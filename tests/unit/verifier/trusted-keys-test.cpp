@@ -1,4 +1,4 @@
-// The folder of the trusted keys and what may be wrong in it.
+// The directory of the trusted keys and what may be wrong in it.
 
 #include <openssl/err.h>
 #include <openssl/pem.h>
@@ -56,7 +56,7 @@ TEST_F(TrustedKeys, AreLookedUpAnewForEachFile)
     EXPECT_EQ(verify(image), 1);
 }
 
-TEST_F(TrustedKeys, AnEmptyFolderTrustsNobody)
+TEST_F(TrustedKeys, AnEmptyDirectoryTrustsNobody)
 {
     std::filesystem::remove(std::string(kTrustedKeys) + "a.pem");
 
@@ -64,7 +64,7 @@ TEST_F(TrustedKeys, AnEmptyFolderTrustsNobody)
     EXPECT_THAT(said, HasSubstr("not signed: no trusted key with the id "));
 }
 
-TEST_F(TrustedKeys, AMissingFolderTrustsNobody)
+TEST_F(TrustedKeys, AMissingDirectoryTrustsNobody)
 {
     std::filesystem::remove_all(kTrustedKeys);
 

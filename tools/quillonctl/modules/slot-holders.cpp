@@ -32,10 +32,10 @@ std::string firstBytesOf(const fs::path& path)
 
 std::string commandOf(pid_t process)
 {
-    const fs::path folder = "/proc/" + std::to_string(process);
-    std::string command = firstBytesOf(folder / "cmdline");
+    const fs::path directory = "/proc/" + std::to_string(process);
+    std::string command = firstBytesOf(directory / "cmdline");
     if (command.empty()) {
-        command = firstBytesOf(folder / "comm");
+        command = firstBytesOf(directory / "comm");
     }
     while (!command.empty() && (command.back() == '\0' || command.back() == '\n')) {
         command.pop_back();
@@ -46,18 +46,18 @@ std::string commandOf(pid_t process)
 
 /// Whether the process may use the semaphore at all. One that has given up root's rights counts as
 /// root's, since /proc shows it so.
-bool mayOpen(const fs::path& folder, const struct stat& file)
+bool mayOpen(const fs::path& directory, const struct stat& file)
 {
     struct stat process = {};
-    if (stat(folder.c_str(), &process) != 0) {
+    if (stat(directory.c_str(), &process) != 0) {
         return false;  // it has ended
     }
     return process.st_uid == 0 || process.st_uid == file.st_uid;
 }
 
-bool isStopped(const fs::path& folder)
+bool isStopped(const fs::path& directory)
 {
-    const std::string text = firstBytesOf(folder / "stat");
+    const std::string text = firstBytesOf(directory / "stat");
     const std::size_t name = text.rfind(')');  // the state follows
     return name != std::string::npos &&
            (text.compare(name, 3, ") T") == 0 || text.compare(name, 3, ") t") == 0);

@@ -28,8 +28,8 @@ constexpr int kPollsForTheGate = 400;
 constexpr int kPollsForOneName = 200;
 
 /// Both belong to the service's user: where it keeps its keys, and its home.
-constexpr std::array<const char*, 2> kServicesFolders = {"/var/lib/quillon/secure-storage",
-                                                         "/var/lib/quillon"};
+constexpr std::array<const char*, 2> kServicesDirectories = {"/var/lib/quillon/secure-storage",
+                                                             "/var/lib/quillon"};
 
 struct flock lockOf(short type, off_t byte, off_t length)
 {
@@ -52,10 +52,12 @@ bool isServicesUser(uid_t user)
     if (const passwd* entry = getpwnam("quillon"); entry != nullptr && entry->pw_uid == user) {
         return true;
     }
-    return std::any_of(kServicesFolders.begin(), kServicesFolders.end(), [&](const char* folder) {
-        struct stat status = {};
-        return lstat(folder, &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == user;
-    });
+    return std::any_of(kServicesDirectories.begin(), kServicesDirectories.end(),
+                       [&](const char* directory) {
+                           struct stat status = {};
+                           return lstat(directory, &status) == 0 && S_ISDIR(status.st_mode) &&
+                                  status.st_uid == user;
+                       });
 }
 
 std::string refusal(const std::string& fault)

@@ -6,10 +6,10 @@ set -eu
 
 # What they need comes first, so that what they bring themselves can be told from it.
 apt-get install --simulate /packages/*.deb |
-    sed -n 's/^Inst \([^ ]*\).*/\1/p' | grep -v '^quillon-' >"$device_folder/needed"
-xargs apt-get install --assume-yes <"$device_folder/needed"
+    sed -n 's/^Inst \([^ ]*\).*/\1/p' | grep -v '^quillon-' >"$device_directory/needed"
+xargs apt-get install --assume-yes <"$device_directory/needed"
 find / -xdev \( -path /boot-test -o -path /proc -o -path /sys -o -path /run \) -prune -o -print |
-    sort >"$device_folder/files-before"
+    sort >"$device_directory/files-before"
 
 start=$(milliseconds)
 apt-get install --assume-yes /packages/*.deb </dev/null

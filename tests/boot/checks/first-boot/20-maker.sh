@@ -4,7 +4,7 @@ set -eu
 # shellcheck source=../../device.sh
 . /boot-test/device.sh
 
-keys=$device_folder/keys
+keys=$device_directory/keys
 quillon-image keygen "$keys"
 install -D -m 644 "$keys/signing-key.pub.pem" /etc/quillon/trusted-keys/boot-test.pem
 install -D -m 644 "$keys/provisioning-certificate.pem" \

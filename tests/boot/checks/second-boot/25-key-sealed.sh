@@ -11,17 +11,17 @@ expect "the storage's mode" "700 root" "$(stat -c '%a %U' "$storage")"
 expect "the item's mode" "600 root" "$(stat -c '%a %U' "$sealed")"
 
 # As bytes, as hexadecimal digits and as base64, nowhere below the service's state.
-key=$device_folder/keys/image-key.bin
+key=$device_directory/keys/image-key.bin
 hex=$(od -An -v -tx1 "$key" | tr -d ' \n')
 [ "${#hex}" -ge 32 ] || fail "the maker's key is too short"
-find /var/lib/quillon /run/quillon -type f ! -path '*/examples/*' >"$device_folder/state-files"
-grep -qx "$sealed" "$device_folder/state-files" || fail "the item was not looked at"
+find /var/lib/quillon /run/quillon -type f ! -path '*/examples/*' >"$device_directory/state-files"
+grep -qx "$sealed" "$device_directory/state-files" || fail "the item was not looked at"
 while read -r file; do
     if od -An -v -tx1 "$file" | tr -d ' \n' | grep -q -i "$hex" || grep -q -i "$hex" "$file" ||
         grep -q -F "$(base64 -w0 "$key" | cut -c 1-40)" "$file"; then
         fail "$file holds the plain key"
     fi
-done <"$device_folder/state-files"
+done <"$device_directory/state-files"
 
 systemd-creds decrypt --name=quillon "$sealed" - | cmp - "$key" || fail "the item is not the key"
 if systemd-creds decrypt --name=another "$sealed" /dev/null 2>/dev/null; then

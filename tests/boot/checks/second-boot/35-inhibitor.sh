@@ -22,15 +22,15 @@ if inhibited; then
     fail "there is an inhibitor before the update"
 fi
 
-as_service quillonctl modules update --all >"$device_folder/modules.log" 2>&1 &
+as_service quillonctl modules update --all >"$device_directory/modules.log" 2>&1 &
 update=$!
 wait_until 20 inhibited_from_all ||
-    fail "not inhibited during the update: $(cat "$device_folder/modules.log")"
+    fail "not inhibited during the update: $(cat "$device_directory/modules.log")"
 holder=$(inhibited | awk 'NR == 1 {print $3}')
 figure "inhibited by user $holder from $(inhibited | awk '{print $6}' | xargs)"
 expect "the holder" quillon "$holder"
 
-wait "$update" || fail "the update failed: $(cat "$device_folder/modules.log")"
+wait "$update" || fail "the update failed: $(cat "$device_directory/modules.log")"
 holds_payload panel 6.0
 if inhibited; then
     fail "the inhibitor is still there"

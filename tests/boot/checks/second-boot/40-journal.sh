@@ -22,12 +22,12 @@ echo "$error" | grep -q '^ *PRIORITY=3$' || fail "the error has another priority
 id=$(echo "$error" | sed -n 's/^ *MESSAGE_ID=//p')
 echo "$id" | grep -E -q '^[0-9a-f]{32}$' || fail "the error has no MESSAGE_ID"
 
-journalctl --catalog --boot --no-pager --lines=1 "MESSAGE_ID=$id" >"$device_folder/explained.txt"
-cat "$device_folder/explained.txt"
-grep -q 'Subject: .' "$device_folder/explained.txt" || fail "the catalogue does not know the error"
+journalctl --catalog --boot --no-pager --lines=1 "MESSAGE_ID=$id" >"$device_directory/explained.txt"
+cat "$device_directory/explained.txt"
+grep -q 'Subject: .' "$device_directory/explained.txt" || fail "the catalogue does not know the error"
 expect "the length of the explanation" yes \
-    "$([ "$(grep -c '^░░' "$device_folder/explained.txt")" -gt 4 ] && echo yes || echo no)"
-if grep -E '@[A-Z_]+@' "$device_folder/explained.txt"; then
+    "$([ "$(grep -c '^░░' "$device_directory/explained.txt")" -gt 4 ] && echo yes || echo no)"
+if grep -E '@[A-Z_]+@' "$device_directory/explained.txt"; then
     fail "a field of the explanation was not filled in"
 fi
-figure "$(sed -n 's/.*\(Subject: .*\)/\1/p' "$device_folder/explained.txt")"
+figure "$(sed -n 's/.*\(Subject: .*\)/\1/p' "$device_directory/explained.txt")"

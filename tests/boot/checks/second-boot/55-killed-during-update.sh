@@ -9,10 +9,10 @@ rm -rf "$stick"
 put_on_stick tuner 2.0 3000000
 begin_with_service
 
-quillonctl update "$stick" >"$device_folder/update.log" 2>&1 &
+quillonctl update "$stick" >"$device_directory/update.log" 2>&1 &
 update=$!
-wait_until 30 grep -E '^[1-9][0-9]* %' "$device_folder/update.log" ||
-    fail "the update does not begin: $(cat "$device_folder/update.log")"
+wait_until 30 grep -E '^[1-9][0-9]* %' "$device_directory/update.log" ||
+    fail "the update does not begin: $(cat "$device_directory/update.log")"
 killed=$(main_process)
 start=$(milliseconds)
 kill -KILL "$killed"
@@ -21,7 +21,7 @@ figure "from SIGKILL to READY again: $(($(milliseconds) - start)) ms"
 
 status=0
 wait "$update" || status=$?
-cat "$device_folder/update.log"
+cat "$device_directory/update.log"
 [ "$status" != 0 ] || fail "quillonctl takes a killed update for a finished one"
 expect "the version" 1.0 "$(cat "$(flashed tuner)/version")"
 

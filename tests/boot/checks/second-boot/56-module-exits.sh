@@ -4,10 +4,10 @@ set -eu
 # shellcheck source=../../device.sh
 . /boot-test/device.sh
 
-folder=/etc/systemd/system/quillon.service.d
+directory=/etc/systemd/system/quillon.service.d
 
 put_back() {
-    rm -rf "$folder"
+    rm -rf "$directory"
     systemctl daemon-reload
     systemctl reset-failed quillon.service || true
 }
@@ -20,8 +20,8 @@ systemctl stop quillon.service
 expect "how often it was started again" 0 "$(property quillon.service NRestarts)"
 cursor=$(journal_now)
 # A daemon that becomes ready and then ends as if a module had called exit(0): its marker stays.
-mkdir -p "$folder"
-cat >"$folder/exits.conf" <<'END'
+mkdir -p "$directory"
+cat >"$directory/exits.conf" <<'END'
 [Service]
 NotifyAccess=all
 ExecStart=

@@ -9,10 +9,10 @@ rm -rf "$stick"
 put_on_stick tuner 2.0 4500000
 begin_with_service
 
-quillonctl update "$stick" >"$device_folder/update.log" 2>&1 &
+quillonctl update "$stick" >"$device_directory/update.log" 2>&1 &
 update=$!
-wait_until 30 grep -E '^[1-9][0-9]* %' "$device_folder/update.log" ||
-    fail "the update does not begin: $(cat "$device_folder/update.log")"
+wait_until 30 grep -E '^[1-9][0-9]* %' "$device_directory/update.log" ||
+    fail "the update does not begin: $(cat "$device_directory/update.log")"
 start=$(milliseconds)
 systemctl stop quillon.service || fail "systemctl stop has status $?"
 figure "from systemctl stop during 45 s of flashing to the end: $(($(milliseconds) - start)) ms"

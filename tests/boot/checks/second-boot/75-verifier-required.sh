@@ -7,11 +7,11 @@ set -eu
 
 verifier=/usr/lib/libkUEPUser.so
 drop_in=$(dpkg -L quillon-service | grep '/verifier-required\.conf$') || fail "there is no such drop-in"
-folder=/etc/systemd/system/quillon.service.d
+directory=/etc/systemd/system/quillon.service.d
 keys=/etc/quillon/trusted-keys
 
 put_back() {
-    rm -rf "$folder"
+    rm -rf "$directory"
     chmod g-w "$keys"
     [ ! -e "$verifier.away" ] || mv "$verifier.away" "$verifier"
     systemctl daemon-reload
@@ -19,7 +19,7 @@ put_back() {
 }
 trap put_back EXIT
 
-install -D -m 644 "$drop_in" "$folder/verifier-required.conf"
+install -D -m 644 "$drop_in" "$directory/verifier-required.conf"
 systemctl daemon-reload
 begin_with_service
 systemctl stop quillon.service

@@ -29,8 +29,8 @@ round() {
 }
 
 round files "touch $labelling_marker $life_marker $ready_event; chmod 000 $life_marker $ready_event"
-round folders "mkdir -p $labelling_marker/x $life_marker/x $ready_event/x"
+round directories "mkdir -p $labelling_marker/x $life_marker/x $ready_event/x"
 round links "ln -s /tmp/precious $labelling_marker; ln -s /tmp/precious $life_marker; ln -s /tmp/precious $ready_event"
 begin_with_service
-# A stranger's folders were put aside with what is in them, for the administrator to decide about.
+# A stranger's directories were put aside with what is in them, for the administrator to decide about.
 rm -rf /tmp/.quillon-*

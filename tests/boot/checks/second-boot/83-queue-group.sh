@@ -5,10 +5,10 @@ set -eu
 . /boot-test/device.sh
 
 drop_in=$(dpkg -L quillon-service | grep '/queue-group\.conf$') || fail "there is no such drop-in"
-folder=/etc/systemd/system/quillon.service.d
+directory=/etc/systemd/system/quillon.service.d
 
 put_back() {
-    rm -rf "$folder"
+    rm -rf "$directory"
     systemctl daemon-reload
     systemctl stop quillon.service || true
     userdel boot-client 2>/dev/null || true
@@ -21,7 +21,7 @@ as_user nobody quillonctl progress || fail "without the drop-in not everybody ma
 systemctl stop quillon.service
 groupadd --system quillon-clients
 useradd --system --no-create-home --groups quillon-clients boot-client
-install -D -m 644 "$drop_in" "$folder/queue-group.conf"
+install -D -m 644 "$drop_in" "$directory/queue-group.conf"
 systemctl daemon-reload
 
 systemctl start quillon.service || fail "the service does not start"

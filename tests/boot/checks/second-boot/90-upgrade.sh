@@ -20,19 +20,19 @@ running_with_key "reinstalled"
 [ "$(main_process)" != "$before" ] || fail "the old program is still running"
 
 # The same packages under the next version, as they will come from a repository one day.
-mkdir "$device_folder/next"
+mkdir "$device_directory/next"
 for package in /packages/*.deb; do
     version=$(dpkg-deb --field "$package" Version)
-    tree=$device_folder/next/tree
+    tree=$device_directory/next/tree
     dpkg-deb --raw-extract "$package" "$tree"
     sed -i "s/^Version: .*/Version: $version+next/;s/(= $version)/(= $version+next)/g" \
         "$tree/DEBIAN/control"
-    dpkg-deb --build --root-owner-group -Znone "$tree" "$device_folder/next/$(basename "$package")" >/dev/null
+    dpkg-deb --build --root-owner-group -Znone "$tree" "$device_directory/next/$(basename "$package")" >/dev/null
     rm -rf "$tree"
 done
 before=$(main_process)
 start=$(milliseconds)
-apt-get install --assume-yes "$device_folder"/next/*.deb </dev/null
+apt-get install --assume-yes "$device_directory"/next/*.deb </dev/null
 figure "an upgrade of all packages: $(($(milliseconds) - start)) ms"
 expect "the version" "$version+next" "$(dpkg-query --show --showformat='${Version}' quillon-service)"
 running_with_key "upgraded"

@@ -40,6 +40,6 @@ expect "what is left in /run and /tmp" "" \
 find / -xdev \( -path /boot-test -o -path /proc -o -path /sys -o -path /run -o -path /tmp -o \
     -path /var/lib/dpkg -o -path /var/lib/apt -o -path /var/lib/systemd/credential.secret -o \
     -path /var/lib/systemd/timers -o -path /var/cache -o -path /var/log -o -path '/var/tmp/systemd-private-*' \) -prune -o -print |
-    sort >"$device_folder/files-after"
-comm -13 "$device_folder/files-before" "$device_folder/files-after" >"$device_folder/files-new"
-expect "what is left on the disk" "" "$(head -n 40 "$device_folder/files-new")"
+    sort >"$device_directory/files-after"
+comm -13 "$device_directory/files-before" "$device_directory/files-after" >"$device_directory/files-new"
+expect "what is left on the disk" "" "$(head -n 40 "$device_directory/files-new")"

@@ -138,7 +138,7 @@ INSTANTIATE_TEST_SUITE_P(OfEachKind, TrappedClientLockFile,
                                          Trap{"DeadLink",
                                               [] { return symlink("/nonexistent/x", kLock) == 0; }},
                                          Trap{"Fifo", [] { return mkfifo(kLock, 0600) == 0; }},
-                                         Trap{"Folder", [] { return mkdir(kLock, 0700) == 0; }}),
+                                         Trap{"Directory", [] { return mkdir(kLock, 0700) == 0; }}),
                          [](const auto& trap) { return trap.param.name; });
 
 }  // namespace

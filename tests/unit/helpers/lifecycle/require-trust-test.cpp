@@ -17,7 +17,7 @@ TEST(RequireTrust, LooksAtEveryPlaceOfTheDevice)
 {
     const auto run = [] { return std::system(QUILLON_UNIT_PROGRAM " require-trust 2>/opt/said"); };
     umask(0022);
-    ASSERT_EQ(run(), 0) << "the folders are this machine's";
+    ASSERT_EQ(run(), 0) << "the directories are this machine's";
 
     for (const char* place :
          {"/etc/quillon/trusted-keys/a.pem", "/etc/quillon/provisioning-certificates/a.pem",

@@ -34,7 +34,7 @@ protected:
 
     static void putOurFile() { putFile(kName, geteuid(), getegid()); }
 
-    static std::size_t foldersSetAside()
+    static std::size_t directoriesSetAside()
     {
         std::size_t count = 0;
         for (const auto& entry : fs::directory_iterator("/tmp")) {
@@ -49,7 +49,7 @@ TEST_F(TakenName, GetsAnEmptyFileThatEverybodyMayRead)
     putOurFile();
 
     EXPECT_TRUE(isOurFile());
-    EXPECT_EQ(foldersSetAside(), 0U);
+    EXPECT_EQ(directoriesSetAside(), 0U);
 }
 
 TEST_F(TakenName, LosesTheFileThatWasThere)
@@ -59,7 +59,7 @@ TEST_F(TakenName, LosesTheFileThatWasThere)
     putOurFile();
 
     EXPECT_TRUE(isOurFile());
-    EXPECT_EQ(foldersSetAside(), 0U);
+    EXPECT_EQ(directoriesSetAside(), 0U);
 }
 
 TEST_F(TakenName, LosesALinkWithoutAnybodyFollowingIt)
@@ -82,24 +82,24 @@ TEST_F(TakenName, LosesAFifoWithoutAnybodyWaitingForAReader)
     EXPECT_TRUE(isOurFile());
 }
 
-TEST_F(TakenName, LosesAnEmptyFolder)
+TEST_F(TakenName, LosesAnEmptyDirectory)
 {
     fs::create_directory(kName);
 
     putOurFile();
 
     EXPECT_TRUE(isOurFile());
-    EXPECT_EQ(foldersSetAside(), 0U);
+    EXPECT_EQ(directoriesSetAside(), 0U);
 }
 
-TEST_F(TakenName, LosesAFolderWithSomethingInItWhichIsSetAside)
+TEST_F(TakenName, LosesADirectoryWithSomethingInItWhichIsSetAside)
 {
     fs::create_directories(kName + std::string("/deep/deeper"));
 
     putOurFile();
 
     EXPECT_TRUE(isOurFile());
-    EXPECT_EQ(foldersSetAside(), 1U);
+    EXPECT_EQ(directoriesSetAside(), 1U);
 }
 
 TEST_F(TakenName, IsOursWhateverSomebodyElseDoesToItMeanwhile)
@@ -132,8 +132,8 @@ TEST_F(TakenName, WithADeadLinkDoesNotExistAndCannotBeMade)
 
 TEST_F(TakenName, IsFreeAgainWhenCleared)
 {
-    for (const bool asFolder : {false, true}) {
-        if (asFolder) {
+    for (const bool asDirectory : {false, true}) {
+        if (asDirectory) {
             fs::create_directories(kName + std::string("/deep"));
         } else {
             putDeadLink(kName, "/nonexistent/anything", geteuid(), getegid());
@@ -148,7 +148,7 @@ TEST_F(TakenName, MayBeFreeAlreadyWhenCleared)
     EXPECT_NO_THROW(clear(kName));
 }
 
-TEST_F(TakenName, InAFolderThatIsNotThereIsAnError)
+TEST_F(TakenName, InADirectoryThatIsNotThereIsAnError)
 {
     EXPECT_THROW(putFile("/tmp/nowhere/marker", geteuid(), getegid()), std::system_error);
 }

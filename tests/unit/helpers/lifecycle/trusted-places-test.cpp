@@ -23,7 +23,7 @@ using testing::UnorderedElementsAre;
 
 constexpr uid_t kSomebody = 1000;
 
-/// A folder /opt/trust/keys with a file key.pem, all of root's.
+/// A directory /opt/trust/keys with a file key.pem, all of root's.
 class TrustedPlaces : public testing::Test
 {
 protected:
@@ -32,7 +32,7 @@ protected:
         umask(0022);
         fs::create_directories(keys);
         std::ofstream(key) << "key";
-        ASSERT_THAT(faultsOf({keys}), IsEmpty()) << "the folders above are this machine's";
+        ASSERT_THAT(faultsOf({keys}), IsEmpty()) << "the directories above are this machine's";
     }
 
     void TearDown() override { fs::remove_all(trust); }
@@ -67,7 +67,8 @@ protected:
 
 TEST_F(TrustedPlaces, ThatAreMissingAreNoFault)
 {
-    EXPECT_THAT(faultsOf({keys + "/none", trust + "/none/at/all", key + "/no-folder"}), IsEmpty());
+    EXPECT_THAT(faultsOf({keys + "/none", trust + "/none/at/all", key + "/no-directory"}),
+                IsEmpty());
 }
 
 TEST_F(TrustedPlaces, ThatOthersCanWriteToAreNamedWithTheRemedy)
@@ -96,7 +97,7 @@ TEST_F(TrustedPlaces, ThatBelongToSomebodyElseAreNamedWithTheRemedy)
     EXPECT_THAT(faultsAfterTheRemedies(faults, keys), IsEmpty());
 }
 
-TEST_F(TrustedPlaces, AreNoBetterThanTheFoldersAboveThem)
+TEST_F(TrustedPlaces, AreNoBetterThanTheDirectoriesAboveThem)
 {
     setMode(trust, 01777);
     const std::string fault =
@@ -109,7 +110,7 @@ TEST_F(TrustedPlaces, AreNoBetterThanTheFoldersAboveThem)
     EXPECT_THAT(faultsOf({keys, key, trust}), ElementsAre(fault)) << "once is enough";
 }
 
-TEST_F(TrustedPlaces, AreLookedAtInFoldersOfFoldersToo)
+TEST_F(TrustedPlaces, AreLookedAtInDirectoriesOfDirectoriesToo)
 {
     fs::create_directories(keys + "/more/still");
     std::ofstream(keys + "/more/still/deep.so") << "module";
@@ -157,7 +158,7 @@ TEST_F(TrustedPlaces, LinksInACircleEndSomewhere)
         << "what is left leads to nothing";
 }
 
-TEST_F(TrustedPlaces, ALinkToAFolderIsNotASecondWayIntoIt)
+TEST_F(TrustedPlaces, ALinkToADirectoryIsNotASecondWayIntoIt)
 {
     fs::create_symlink("/", keys + "/everything");
     fs::create_symlink(".", keys + "/itself");

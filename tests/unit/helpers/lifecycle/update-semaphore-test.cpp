@@ -204,7 +204,7 @@ INSTANTIATE_TEST_SUITE_P(OfEachKind, TrappedSemaphore,
                                          Trap{"WithASecondName", hasSecondName},
                                          Trap{"Link", [] { return symlink(kOther, kFile) == 0; }},
                                          Trap{"Fifo", [] { return mkfifo(kFile, 0600) == 0; }},
-                                         Trap{"Folder", [] { return mkdir(kFile, 0700) == 0; }}),
+                                         Trap{"Directory", [] { return mkdir(kFile, 0700) == 0; }}),
                          [](const auto& trap) { return trap.param.name; });
 
 TEST_F(UpdateSemaphore, OfAStrangerIsMadeAnewThoughTheStrangerHasItOpen)

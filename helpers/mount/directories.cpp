@@ -1,4 +1,4 @@
-#include "helpers/mount/folders.h"
+#include "helpers/mount/directories.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,26 +10,26 @@
 
 namespace quillon::privileged {
 
-UniqueFd openFolder(const std::string& path)
+UniqueFd openDirectory(const std::string& path)
 {
     // Name by name, since one open() would follow the links on the way. openat2() could refuse
     // them, yet the C library has no call for it, and a link would be no ENOTDIR.
-    UniqueFd folder = openFolderIn(AT_FDCWD, "/");
+    UniqueFd directory = openDirectoryIn(AT_FDCWD, "/");
     for (std::size_t start = 1; start < path.size();) {
         const std::size_t end = std::min(path.find('/', start), path.size());
-        folder = openFolderIn(folder.get(), path.substr(start, end - start));
+        directory = openDirectoryIn(directory.get(), path.substr(start, end - start));
         start = end + 1;
     }
-    return folder;
+    return directory;
 }
 
-UniqueFd openFolderIn(int parent, const std::string& name)
+UniqueFd openDirectoryIn(int parent, const std::string& name)
 {
-    UniqueFd folder(openat(parent, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!folder) {
-        failWithErrno("folder " + name);
+    UniqueFd directory(openat(parent, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!directory) {
+        failWithErrno("directory " + name);
     }
-    return folder;
+    return directory;
 }
 
 UniqueFd openImageIn(int parent, const std::string& name)
@@ -44,7 +44,7 @@ UniqueFd openImageIn(int parent, const std::string& name)
         throw Failure(EINVAL, name + " is not a regular file");
     }
     if (status.st_nlink != 1) {
-        throw Failure(EMLINK, name + " has a second name, maybe outside of the package folder");
+        throw Failure(EMLINK, name + " has a second name, maybe outside of the package directory");
     }
     // O_NONBLOCK, since a lease that somebody holds on the file would have us wait for its end.
     UniqueFd image(open(pathOf(found).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));

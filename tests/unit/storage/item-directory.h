@@ -1,5 +1,5 @@
-#ifndef QUILLON_TESTS_UNIT_STORAGE_ITEM_FOLDER_H
-#define QUILLON_TESTS_UNIT_STORAGE_ITEM_FOLDER_H
+#ifndef QUILLON_TESTS_UNIT_STORAGE_ITEM_DIRECTORY_H
+#define QUILLON_TESTS_UNIT_STORAGE_ITEM_DIRECTORY_H
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
@@ -11,19 +11,19 @@
 
 /// The secure storage of the virtual device, empty at the start of every test. Refuses to run where
 /// the storage holds something, since that would be a real device's keys.
-class ItemFolder : public testing::Test
+class ItemDirectory : public testing::Test
 {
 protected:
-    static constexpr char kFolder[] = "/var/lib/quillon/secure-storage";
+    static constexpr char kDirectory[] = "/var/lib/quillon/secure-storage";
 
     void SetUp() override;
     void TearDown() override;
 
-    static void makeFolder();
-    static std::string pathOf(const std::string& item) { return kFolder + ("/" + item); }
+    static void makeDirectory();
+    static std::string pathOf(const std::string& item) { return kDirectory + ("/" + item); }
     static void writeFile(const std::string& path, const std::string& bytes, mode_t mode = 0600);
     static std::string readFile(const std::string& path);
-    static std::vector<std::string> namesInFolder();
+    static std::vector<std::string> namesInDirectory();
 
     CapturedStderr captured;
 };

@@ -1,5 +1,5 @@
-#ifndef QUILLON_HELPERS_MOUNT_FOLDERS_H
-#define QUILLON_HELPERS_MOUNT_FOLDERS_H
+#ifndef QUILLON_HELPERS_MOUNT_DIRECTORIES_H
+#define QUILLON_HELPERS_MOUNT_DIRECTORIES_H
 
 #include <string>
 
@@ -7,15 +7,15 @@
 
 namespace quillon::privileged {
 
-/// Opens a folder (O_PATH) without following a symbolic link anywhere on the way. What is mounted
-/// on the way, or on the folder itself, is entered.
+/// Opens a directory (O_PATH) without following a symbolic link anywhere on the way. What is
+/// mounted on the way, or on the directory itself, is entered.
 /// @param path  absolute, without "." and ".."
 /// @throws Failure, for a link with ENOTDIR
-UniqueFd openFolder(const std::string& path);
+UniqueFd openDirectory(const std::string& path);
 
-/// The same for one name in an open folder.
+/// The same for one name in an open directory.
 /// @param name  without "/"
-UniqueFd openFolderIn(int parent, const std::string& name);
+UniqueFd openDirectoryIn(int parent, const std::string& name);
 
 /// Opens a regular file with a single name for reading; anything else is left untouched.
 /// @param name  without "/"
