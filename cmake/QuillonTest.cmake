@@ -63,13 +63,13 @@ if(NOT TARGET quillon-machine-tests)
 endif()
 
 # quillon_add_test(<name> SOURCES <file>... [LIBRARIES <target>...] [LABELS <label>...]
-#                  [TIMEOUT <seconds>] [DEPENDS <target>...] [MACHINE <suite>...] [SINGLE_THREADED])
+#                  [TIMEOUT <seconds>] [DEPENDS <target>...] [MACHINE <suite>...] [THREADED])
 # A GoogleTest program; each of its cases becomes one ctest test named <name>.<Suite>.<Case>. One that
 # depends on a built program and has no label gets the label "programs".
 # MACHINE: the suites whose answers depend on word size, byte order, instruction set or C library.
-# SINGLE_THREADED: nothing that it tests starts a thread.
+# THREADED: what it tests has threads that share data.
 function(quillon_add_test name)
-    cmake_parse_arguments(arg "SINGLE_THREADED" "TIMEOUT" "SOURCES;LIBRARIES;LABELS;DEPENDS;MACHINE"
+    cmake_parse_arguments(arg "THREADED" "TIMEOUT" "SOURCES;LIBRARIES;LABELS;DEPENDS;MACHINE"
         ${ARGN})
     if(NOT arg_TIMEOUT)
         set(arg_TIMEOUT 120)
@@ -91,7 +91,7 @@ function(quillon_add_test name)
     target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} GTest::gmock GTest::gtest_main)
     target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/tests)
     add_dependencies(${name} quillon-device ${arg_DEPENDS})
-    if(NOT arg_SINGLE_THREADED)
+    if(arg_THREADED)
         list(APPEND labels threads)
         add_dependencies(quillon-thread-tests ${name})
     endif()
