@@ -2,6 +2,8 @@
 #ifndef QUILLON_QUILLONCTL_EXIT_CODES_H
 #define QUILLON_QUILLONCTL_EXIT_CODES_H
 
+#include <string>
+
 namespace quillon {
 
 enum ExitCode : int {
@@ -20,6 +22,13 @@ enum ExitCode : int {
     kExitTimedOut = 13,
     kExitDownloadFailed = 14,
     kExitInterrupted = 130
+};
+
+/// Thrown where a verb cannot go on. Whoever has started the verb reports it as an error.
+struct Failure
+{
+    ExitCode code;
+    std::string text;  ///< one line for people
 };
 
 }  // namespace quillon

@@ -6,15 +6,21 @@
 
 namespace quillon {
 
-Json::Value eventObject(const char* name)
+Json::Value jsonObject(const JsonMembers& members)
 {
     Json::Value object(Json::objectValue);
-    object["event"] = name;
+    for (const auto& [name, value] : members) {
+        if (!value.isNull()) {
+            object[name] = value;
+        }
+    }
     return object;
 }
 
-void writeJsonLine(const Json::Value& object)
+void writeEvent(const char* event, const JsonMembers& members)
 {
+    Json::Value object = jsonObject(members);
+    object["event"] = event;
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
     std::cout << Json::writeString(builder, object) << std::endl;

@@ -3,16 +3,22 @@
 
 #include <json/value.h>
 
+#include <map>
+#include <string>
+
 namespace quillon {
 
-/// What every line of `--json` is made of: an object whose member "event" names it.
+/// The members of an object. Those whose value is null are left out.
+using JsonMembers = std::map<std::string, Json::Value>;
 
-/// @return an object with that one member. Throws std::bad_alloc.
-Json::Value eventObject(const char* name);
+/// Throws std::bad_alloc.
+Json::Value jsonObject(const JsonMembers& members);
 
-/// Writes the object as one line on standard output, flushed, so that a reader sees it at once.
-/// Thread: one at a time.
-void writeJsonLine(const Json::Value& object);
+/// Writes a line of `--json` on standard output, flushed, so that a reader sees it at once.
+/// @param event    what the line's member "event" says
+/// @param members  the line's others
+/// Thread: one at a time. Throws std::bad_alloc.
+void writeEvent(const char* event, const JsonMembers& members = {});
 
 }  // namespace quillon
 

@@ -1,124 +1,94 @@
-#include "tools/quillonctl/json-report.h"
-
 #include "tools/quillonctl/json-line.h"
+#include "tools/quillonctl/report.h"
 
 namespace quillon {
 
 namespace {
 
-const char* stateName(Progress::State state)
+const char* nameOf(Progress::State state)
 {
-    switch (state) {
-        case Progress::kRunning:
-            return "running";
-        case Progress::kDone:
-            return "done";
-        case Progress::kFailed:
-            return "failed";
-        default:
-            return "idle";
-    }
+    static const std::map<Progress::State, const char*> kNames = {
+        {Progress::kIdle, "idle"},
+        {Progress::kRunning, "running"},
+        {Progress::kDone, "done"},
+        {Progress::kFailed, "failed"},
+    };
+    return kNames.at(state);
 }
 
-const char* marksName(Marks marks)
+const char* nameOf(Marks marks)
 {
-    switch (marks) {
-        case Marks::kRenewed:
-            return "renewed";
-        case Marks::kStillNeeded:
-            return "still-needed";
-        case Marks::kStickGone:
-            return "stick-gone";
-        default:
-            return "unknown";
-    }
+    static const std::map<Marks, const char*> kNames = {
+        {Marks::kRenewed, "renewed"},
+        {Marks::kStillNeeded, "still-needed"},
+        {Marks::kStickGone, "stick-gone"},
+        {Marks::kUnknown, "unknown"},
+    };
+    return kNames.at(marks);
 }
 
-Json::Value stateEvent(const char* name, const Progress& progress)
+void writeStateEvent(const char* event, const Progress& progress)
 {
-    Json::Value object = eventObject(name);
-    object["state"] = stateName(progress.state);
-    object["percent"] = progress.percent;
-    return object;
+    writeEvent(event, {{"state", nameOf(progress.state)}, {"percent", progress.percent}});
 }
+
+class JsonReport final : public Report
+{
+public:
+    void earlierOutcome(const Progress& outcome) override
+    {
+        writeStateEvent("earlier-update", outcome);
+    }
+
+    void checking(const std::string& directory) override
+    {
+        writeEvent("checking", {{"directory", directory}});
+    }
+
+    void estimated(const Estimate& estimate) override
+    {
+        writeEvent("estimate",
+                   {{"updateNeeded", estimate.updateNeeded}, {"seconds", estimate.seconds}});
+    }
+
+    void started() override { writeEvent("started"); }
+
+    void progressed(int percent, int secondsLeft) override
+    {
+        if (percent != lastPercent_) {
+            lastPercent_ = percent;
+            writeEvent("progress", {{"percent", percent}, {"secondsLeft", secondsLeft}});
+        }
+    }
+
+    void finished(int seconds) override { writeEvent("finished", {{"seconds", seconds}}); }
+
+    void lookingAgain() override { writeEvent("looking-again"); }
+
+    void lookedAgain(Marks marks, const std::string& advice) override
+    {
+        writeEvent("looked-again",
+                   {{"marks", nameOf(marks)}, {"text", advice.empty() ? Json::Value() : advice}});
+    }
+
+    void state(const Progress& progress) override { writeStateEvent("state", progress); }
+
+    void stopped() override { writeEvent("stop-sent"); }
+
+    void error(ExitCode code, const std::string& text) override
+    {
+        writeEvent("error", {{"exitCode", code}, {"text", text}});
+    }
+
+private:
+    int lastPercent_ = -1;
+};
 
 }  // namespace
 
-void JsonReport::earlierOutcome(const Progress& outcome)
+std::unique_ptr<Report> makeJsonReport()
 {
-    writeJsonLine(stateEvent("earlier-update", outcome));
-}
-
-void JsonReport::checking(const std::string& directory)
-{
-    Json::Value object = eventObject("checking");
-    object["directory"] = directory;
-    writeJsonLine(object);
-}
-
-void JsonReport::estimated(const Estimate& estimate)
-{
-    Json::Value object = eventObject("estimate");
-    object["updateNeeded"] = estimate.updateNeeded;
-    object["seconds"] = estimate.seconds;
-    writeJsonLine(object);
-}
-
-void JsonReport::started()
-{
-    writeJsonLine(eventObject("started"));
-}
-
-void JsonReport::progressed(int percent, int secondsLeft)
-{
-    if (percent == lastPercent_) {
-        return;
-    }
-    lastPercent_ = percent;
-    Json::Value object = eventObject("progress");
-    object["percent"] = percent;
-    object["secondsLeft"] = secondsLeft;
-    writeJsonLine(object);
-}
-
-void JsonReport::finished(int seconds)
-{
-    Json::Value object = eventObject("finished");
-    object["seconds"] = seconds;
-    writeJsonLine(object);
-}
-
-void JsonReport::lookingAgain()
-{
-    writeJsonLine(eventObject("looking-again"));
-}
-
-void JsonReport::lookedAgain(Marks marks, const std::string& advice)
-{
-    Json::Value object = eventObject("looked-again");
-    object["marks"] = marksName(marks);
-    if (!advice.empty()) {
-        object["text"] = advice;
-    }
-    writeJsonLine(object);
-}
-
-void JsonReport::state(const Progress& progress)
-{
-    writeJsonLine(stateEvent("state", progress));
-}
-
-void JsonReport::stopped()
-{
-    writeJsonLine(eventObject("stop-sent"));
-}
-
-void JsonReport::error(ExitCode code, const std::string& text)
-{
-    Json::Value object = eventObject("error");
-    object["exitCode"] = code;
-    object["text"] = text;
-    writeJsonLine(object);
+    return std::make_unique<JsonReport>();
 }
 
 }  // namespace quillon

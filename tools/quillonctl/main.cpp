@@ -4,12 +4,10 @@
 #include <memory>
 #include <string>
 
-#include "tools/quillonctl/json-report.h"
 #include "tools/quillonctl/modules/foreign-end.h"
 #include "tools/quillonctl/modules/module-commands.h"
 #include "tools/quillonctl/standard-files.h"
 #include "tools/quillonctl/terminal.h"
-#include "tools/quillonctl/text-report.h"
 #include "tools/quillonctl/verbs.h"
 
 namespace {
@@ -48,14 +46,6 @@ ClientOptions clientOptions(const Arguments& arguments)
     return options;
 }
 
-std::unique_ptr<Report> makeReport(const Arguments& arguments, bool redraw)
-{
-    if (arguments.json) {
-        return std::make_unique<JsonReport>();
-    }
-    return std::make_unique<TextReport>(arguments.quiet, redraw);
-}
-
 /// @return what is wrong with it; empty when nothing is
 std::string checkTimeout(const std::string& text)
 {
@@ -78,11 +68,6 @@ void addOptions(CLI::App& app, Arguments& arguments)
         ->option_text("SECONDS");
 }
 
-CLI::App* addVerb(CLI::App& app, const char* name, const char* description)
-{
-    return app.add_subcommand(name, description)->fallthrough();
-}
-
 void takeDirectory(CLI::App* verb, Arguments& arguments)
 {
     verb->add_option("DIR", arguments.directory, "Directory of the stick with the images")
@@ -95,13 +80,14 @@ int runCommandLine(int argc, char** argv)
     Arguments arguments;
     CLI::App app("Drives the firmware-update service, and is a control layer beside it.",
                  "quillonctl");
+    app.fallthrough();  // of all verbs: options may stand behind them
     app.footer(kFooter);
     app.require_subcommand(1);
     addOptions(app, arguments);
-    CLI::App* update = addVerb(app, "update", "Update from the images in a directory");
-    CLI::App* estimate = addVerb(app, "estimate", "Say how long an update would take");
-    addVerb(app, "progress", "Say how far the running update is");
-    CLI::App* stop = addVerb(app, "stop", "Make the service take no more commands");
+    CLI::App* update = app.add_subcommand("update", "Update from the images in a directory");
+    CLI::App* estimate = app.add_subcommand("estimate", "Say how long an update would take");
+    app.add_subcommand("progress", "Say how far the running update is");
+    CLI::App* stop = app.add_subcommand("stop", "Make the service take no more commands");
     takeDirectory(update, arguments);
     takeDirectory(estimate, arguments);
     const ModuleCommands modules(app);
@@ -120,16 +106,23 @@ int runCommandLine(int argc, char** argv)
         return modules.run(arguments.json, arguments.quiet);
     }
     const bool redraw = canRedraw();
-    const std::unique_ptr<Report> report = makeReport(arguments, redraw);
+    const std::unique_ptr<Report> report =
+        arguments.json ? makeJsonReport() : makeTextReport(arguments.quiet, redraw);
     Client client(clientOptions(arguments));
     Verbs verbs(client, *report);
-    if (update->parsed()) {
-        return verbs.update(arguments.directory, std::chrono::milliseconds(redraw ? 250 : 1000));
+    try {
+        if (update->parsed()) {
+            return verbs.update(arguments.directory,
+                                std::chrono::milliseconds(redraw ? 250 : 1000));
+        }
+        if (estimate->parsed()) {
+            return verbs.estimate(arguments.directory);
+        }
+        return stop->parsed() ? verbs.stop() : verbs.progress();
+    } catch (const Failure& failure) {
+        report->error(failure.code, failure.text);
+        return failure.code;
     }
-    if (estimate->parsed()) {
-        return verbs.estimate(arguments.directory);
-    }
-    return stop->parsed() ? verbs.stop() : verbs.progress();
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <quillon/client.h>
 
+#include <memory>
 #include <string>
 
 #include "tools/quillonctl/exit-codes.h"
@@ -42,6 +43,17 @@ public:
     virtual void stopped() = 0;
     virtual void error(ExitCode code, const std::string& text) = 0;
 };
+
+/// Reports for people, on standard output, and errors on standard error. Each line is out before
+/// the call returns.
+/// @param quiet       say nothing but errors
+/// @param onTerminal  standard output is a terminal that can redraw a line
+std::unique_ptr<Report> makeTextReport(bool quiet, bool onTerminal);
+
+/// Reports for programs: one JSON object per line on standard output, errors included. Every object
+/// has the member "event"; quillonctl(1) lists the events and their other members. Each line is out
+/// before the call returns.
+std::unique_ptr<Report> makeJsonReport();
 
 }  // namespace quillon
 

@@ -1,66 +1,89 @@
 #include "tools/quillonctl/verbs.h"
 
-#include <sys/stat.h>
+#include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <memory>
+#include <map>
 #include <thread>
-
-#include "tools/quillonctl/interrupt.h"
 
 namespace quillon {
 
 namespace {
 
+namespace fs = std::filesystem;
+
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* kLookInterrupted =
-    "interrupted; the update had ended before, only the second look at the stick is cut short";
+    "\nquillonctl: interrupted; the update had ended before, only the second look at the stick is "
+    "cut short\n";
 
-ExitCode exitCodeFor(ErrorCode code)
+std::atomic<const char*> g_onInterrupt{""};
+static_assert(std::atomic<const char*>::is_always_lock_free, "it is read in a signal handler");
+
+void handleInterrupt(int /*signal*/)
 {
-    switch (code) {
-        case ErrorCode::kNone:
-            return kExitSuccess;
-        case ErrorCode::kBadArgument:
-            return kExitUsage;
-        case ErrorCode::kNoService:
-            return kExitNoService;
-        case ErrorCode::kNoReply:
-            return kExitNoReply;
-        case ErrorCode::kBusy:
-            return kExitBusy;
-        case ErrorCode::kRefused:
-            return kExitAlreadyUpdating;
-        default:
-            return kExitSystem;
+    const char* text = g_onInterrupt;
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text, std::strlen(text));
+    _exit(kExitInterrupted);
+}
+
+/// From now on SIGINT writes the text to standard error and ends the process with kExitInterrupted,
+/// whatever it is waiting for.
+/// @param text  lives as long as the process
+void onInterruptSay(const char* text)
+{
+    g_onInterrupt = text;
+    struct sigaction action = {};
+    action.sa_handler = handleInterrupt;
+    sigaction(SIGINT, &action, nullptr);
+}
+
+/// Throws Failure when there is an error.
+void check(const Error& error)
+{
+    static const std::map<ErrorCode, ExitCode> kExitCodes = {
+        {ErrorCode::kBadArgument, kExitUsage},       {ErrorCode::kNoService, kExitNoService},
+        {ErrorCode::kNoReply, kExitNoReply},         {ErrorCode::kBusy, kExitBusy},
+        {ErrorCode::kRefused, kExitAlreadyUpdating},
+    };
+    if (error) {
+        const auto found = kExitCodes.find(error.code);
+        throw Failure{found != kExitCodes.end() ? found->second : kExitSystem, error.text};
     }
 }
 
-/// @param[out] absolute  the directory's absolute path without symbolic links
-Error resolveDirectory(const std::string& directory, std::string& absolute)
+template <typename T>
+T valueOf(const Result<T>& result)
 {
-    const std::unique_ptr<char, decltype(&std::free)> real(realpath(directory.c_str(), nullptr),
-                                                           &std::free);
-    if (!real) {
-        return {ErrorCode::kBadArgument,
-                "cannot use the directory " + directory + ": " + std::strerror(errno)};
+    check(result.error);
+    return result.value;
+}
+
+/// @return the directory's absolute path without symbolic links
+std::string resolved(const std::string& directory)
+{
+    char path[PATH_MAX];
+    if (realpath(directory.c_str(), path) == nullptr) {
+        throw Failure{kExitUsage,
+                      "cannot use the directory " + directory + ": " + std::strerror(errno)};
     }
-    struct stat status = {};
-    if (stat(real.get(), &status) != 0 || !S_ISDIR(status.st_mode)) {
-        return {ErrorCode::kBadArgument, "not a directory: " + directory};
+    std::error_code error;
+    if (!fs::is_directory(path, error)) {
+        throw Failure{kExitUsage, "not a directory: " + directory};
     }
-    absolute = real.get();
-    return {};
+    return path;
 }
 
 std::set<std::string> imagesIn(const std::string& directory)
 {
-    namespace fs = std::filesystem;
     std::set<std::string> names;
     std::error_code error;
     for (fs::directory_iterator it(directory, error), end; !error && it != end;
@@ -120,89 +143,57 @@ int secondsSince(Clock::time_point start)
 
 }  // namespace
 
-ExitCode Verbs::fail(ExitCode code, const std::string& text)
-{
-    report_.error(code, text);
-    return code;
-}
-
-ExitCode Verbs::fail(const Error& error)
-{
-    return fail(exitCodeFor(error.code), error.text);
-}
-
 /// A directory or an estimate of ours would disturb a running update, and the service starts none
 /// before somebody has fetched the last one's result.
-ExitCode Verbs::makeSureNothingRuns()
+void Verbs::makeSureNothingRuns()
 {
-    const Result<Progress> progress = client_.progress();
-    if (progress.error) {
-        return fail(progress.error);
+    const Progress progress = valueOf(client_.progress());
+    if (progress.state == Progress::kRunning) {
+        throw Failure{kExitAlreadyUpdating, "an update is running already, at " +
+                                                std::to_string(progress.percent) + " %"};
     }
-    if (progress.value.state == Progress::kRunning) {
-        return fail(kExitAlreadyUpdating, "an update is running already, at " +
-                                              std::to_string(progress.value.percent) + " %");
-    }
-    if (progress.value.state != Progress::kIdle) {
-        report_.earlierOutcome(progress.value);
+    if (progress.state != Progress::kIdle) {
+        report_.earlierOutcome(progress);
         lookAgain({});  // the service still has the earlier update's directory
     }
-    return kExitSuccess;
 }
 
-ExitCode Verbs::prepare(const std::string& directory, Stick& stick, Estimate& estimate)
+Estimate Verbs::prepare(const std::string& directory, Stick& stick)
 {
-    Error error = resolveDirectory(directory, stick.directory);
-    if (!error) {
-        error = client_.connect();
-    }
-    if (error) {
-        return fail(error);
-    }
-    const ExitCode running = makeSureNothingRuns();
-    if (running != kExitSuccess) {
-        return running;
-    }
-    error = client_.setDirectory(stick.directory);
-    if (error) {
-        return fail(error);
-    }
+    stick.directory = resolved(directory);
+    check(client_.connect());
+    makeSureNothingRuns();
+    check(client_.setDirectory(stick.directory));
     report_.checking(stick.directory);
     stick.images = imagesIn(stick.directory);
-    const Result<Estimate> result = client_.estimate();
-    if (result.error) {
-        return fail(result.error);
-    }
-    estimate = result.value;
+    const Estimate estimate = valueOf(client_.estimate());
     report_.estimated(estimate);
-    return estimate.updateNeeded ? kExitSuccess : kExitNothingToUpdate;
+    return estimate;
 }
 
 ExitCode Verbs::follow(int expectedSeconds, std::chrono::milliseconds pollInterval)
 {
     const Clock::time_point start = Clock::now();
     while (true) {
-        const Result<Progress> progress = client_.progress();
-        if (progress.error) {
-            return fail(progress.error);
-        }
-        switch (progress.value.state) {
+        const Progress progress = valueOf(client_.progress());
+        switch (progress.state) {
             case Progress::kRunning:
                 // The service's percentage is measured against the first update of its life; only
                 // the estimate for this one tells how long it takes.
-                report_.progressed(progress.value.percent,
+                report_.progressed(progress.percent,
                                    std::max(expectedSeconds - secondsSince(start), 0));
                 break;
             case Progress::kDone:
                 report_.finished(secondsSince(start));
                 return kExitSuccess;
             case Progress::kFailed:
-                return fail(kExitUpdateFailed,
-                            "the update failed; the update service's log says why");
+                report_.error(kExitUpdateFailed,
+                              "the update failed; the update service's log says why");
+                return kExitUpdateFailed;
             default:
-                return fail(kExitSystem,
-                            "the update service no longer knows of the update: it was restarted, "
-                            "or somebody else was told the result");
+                throw Failure{kExitSystem,
+                              "the update service no longer knows of the update: it was restarted, "
+                              "or somebody else was told the result"};
         }
         std::this_thread::sleep_for(pollInterval);
     }
@@ -221,62 +212,46 @@ void Verbs::lookAgain(const Stick& stick)
 ExitCode Verbs::update(const std::string& directory, std::chrono::milliseconds pollInterval)
 {
     Stick stick;
-    Estimate estimate;
-    const ExitCode prepared = prepare(directory, stick, estimate);
-    if (prepared != kExitSuccess) {
-        return prepared;
-    }
-    onInterruptSay("interrupted; if the update service has started the update, it goes on there");
-    const Error error = client_.start();
-    if (error) {
-        return fail(error);
+    const Estimate estimate = prepare(directory, stick);
+    if (!estimate.updateNeeded) {
+        return kExitNothingToUpdate;
     }
     onInterruptSay(
-        "interrupted; the update goes on in the update service, \"quillonctl progress\" tells how "
-        "far it is");
+        "\nquillonctl: interrupted; if the update service has started the update, it goes on "
+        "there\n");
+    check(client_.start());
+    onInterruptSay(
+        "\nquillonctl: interrupted; the update goes on in the update service, \"quillonctl "
+        "progress\" tells how far it is\n");
     report_.started();
     const ExitCode ended = follow(estimate.seconds, pollInterval);
-    if (ended == kExitSuccess || ended == kExitUpdateFailed) {
-        onInterruptSay(kLookInterrupted);
-        lookAgain(stick);
-    }
+    onInterruptSay(kLookInterrupted);
+    lookAgain(stick);
     return ended;
 }
 
 ExitCode Verbs::estimate(const std::string& directory)
 {
     Stick stick;
-    Estimate estimate;
-    return prepare(directory, stick, estimate);
+    return prepare(directory, stick).updateNeeded ? kExitSuccess : kExitNothingToUpdate;
 }
 
 ExitCode Verbs::progress()
 {
-    const Error error = client_.connect();
-    if (error) {
-        return fail(error);
-    }
-    const Result<Progress> progress = client_.progress();
-    if (progress.error) {
-        return fail(progress.error);
-    }
-    report_.state(progress.value);
-    if (progress.value.state == Progress::kDone || progress.value.state == Progress::kFailed) {
+    check(client_.connect());
+    const Progress progress = valueOf(client_.progress());
+    report_.state(progress);
+    if (progress.state == Progress::kDone || progress.state == Progress::kFailed) {
         onInterruptSay(kLookInterrupted);
         lookAgain({});
     }
-    return progress.value.state == Progress::kFailed ? kExitUpdateFailed : kExitSuccess;
+    return progress.state == Progress::kFailed ? kExitUpdateFailed : kExitSuccess;
 }
 
 ExitCode Verbs::stop()
 {
-    Error error = client_.connect();
-    if (!error) {
-        error = client_.stop();
-    }
-    if (error) {
-        return fail(error);
-    }
+    check(client_.connect());
+    check(client_.stop());
     report_.stopped();
     return kExitSuccess;
 }

@@ -19,8 +19,8 @@ struct Stick
     std::set<std::string> images;  ///< names; empty: unknown
 };
 
-/// Each verb connects the client, says everything through the report, errors included, and returns
-/// what the program exits with.
+/// Each verb connects the client, says everything through the report, and returns what the program
+/// exits with. Throws Failure.
 class Verbs
 {
 public:
@@ -39,10 +39,9 @@ public:
     ExitCode stop();
 
 private:
-    ExitCode fail(const Error& error);
-    ExitCode fail(ExitCode code, const std::string& text);
-    ExitCode prepare(const std::string& directory, Stick& stick, Estimate& estimate);
-    ExitCode makeSureNothingRuns();
+    /// @param[out] stick  as it is before the update
+    Estimate prepare(const std::string& directory, Stick& stick);
+    void makeSureNothingRuns();
     ExitCode follow(int expectedSeconds, std::chrono::milliseconds pollInterval);
     void lookAgain(const Stick& stick);
 

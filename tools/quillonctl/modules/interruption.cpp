@@ -208,7 +208,7 @@ void keepKeyboardFromModules()
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
-bool& runningUntilInterrupted(std::function<void()> abandon)
+void watchForRequests(std::function<void()> abandon)
 {
     sem_init(&g_wake, 0, 0);
     pthread_atfork(blockForFork, unblockInParent, leaveSignalsToChild);
@@ -221,6 +221,10 @@ bool& runningUntilInterrupted(std::function<void()> abandon)
     if (hasDefaultAction(SIGHUP)) {  // nohup(1) ignores it
         on(SIGHUP, request);
     }
+}
+
+bool& runningFlag()
+{
     return g_running;
 }
 

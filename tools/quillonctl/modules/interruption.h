@@ -16,21 +16,22 @@ namespace quillon {
 /// once.
 ///
 /// @param abandon  tidies up before such an end; runs on a thread of its own
-/// @return the flag, true until then, in the shape that the registry takes it
-bool& runningUntilInterrupted(std::function<void()> abandon);
+void watchForRequests(std::function<void()> abandon);
+
+/// The flag, true until then, in the shape that the registry takes it.
+bool& runningFlag();
+/// Whether the flag has been cleared. Thread: any.
+bool isInterrupted();
 
 /// What the keyboard sends is blocked on this thread from now on, and so in every thread and
 /// program that a module starts from it: a thread of a module's own cannot take a request away
-/// during an update. To be called after runningUntilInterrupted() and before a module is loaded.
+/// during an update. To be called after watchForRequests() and before a module is loaded.
 void keepKeyboardFromModules();
 
 /// From now on no other signal that can be held off ends or stops the process either.
 void holdOffSignals();
 /// Whether that was called. Safe in a signal handler.
 bool holdsOffSignals();
-
-/// Whether the flag has been cleared. Thread: any.
-bool isInterrupted();
 
 /// The process ends by the main thread from now on. Does not return when it is ending already.
 void takeOverTheEnd();

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <fstream>
 #include <optional>
 #include <set>
 #include <sstream>
@@ -11,8 +12,9 @@
 #include "base/fd.h"
 #include "base/regular-file.h"
 #include "src/support/paths.h"
+#include "tools/quillonctl/modules/interruption.h"
 #include "tools/quillonctl/modules/module-events.h"
-#include "tools/quillonctl/modules/package-mount.h"
+#include "tools/quillonctl/modules/update-slot.h"
 
 namespace quillon {
 
@@ -105,19 +107,35 @@ void checkOne(FWUpdateSymbol& module, const ModuleSource& source)
     tell(ModuleEvent::kDecided, module, need);
 }
 
-CheckEnd checkOneByOne(const ModuleSource& source, const bool& running,
-                       std::vector<ModuleCheck>& checks)
+std::vector<ModuleCheck> checkOneByOne(const ModuleSource& source)
 {
+    std::vector<ModuleCheck> checks;
     for (FWUpdateSymbol& module : allModules()) {
-        if (!__atomic_load_n(&running, __ATOMIC_RELAXED)) {
-            return CheckEnd::kStopped;
+        if (isInterrupted()) {
+            throw UpdateSlot::instance().interruption();
         }
         if (kindOf(module) == ModuleKind::kFirmware) {
             checkOne(module, source);
         }
         checks.push_back(describeCheck(module, source));
     }
-    return CheckEnd::kDone;
+    return checks;
+}
+
+bool isPackageMounted(const FWUpdateSymbol& module)
+{
+    // A package's name is letters and digits, so nothing of it is escaped in the table.
+    const std::string mountPoint = paths::kMountedPackages + module.getEMPName();
+    std::ifstream table(paths::kMountTable);
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream words(line);
+        std::string device;
+        std::string directory;
+        if (words >> device >> directory && directory == mountPoint) {
+            return true;
+        }
+    }
+    return false;
 }
 
 }  // namespace
@@ -132,7 +150,7 @@ ModuleCheck describeCheck(FWUpdateSymbol& module, const ModuleSource& source)
         return check;
     }
     check.running = runningVersion(module).value_or("");
-    const ModuleFinding finding = ModuleEvents::instance().check(check.name);
+    const ModuleFinding finding = ModuleEvents::instance().of(check.name).check;
     if (kind == ModuleKind::kProcess) {
         check.decision = Decision::kByNameOnly;
         check.reason = "process module";
@@ -150,36 +168,49 @@ ModuleCheck describeCheck(FWUpdateSymbol& module, const ModuleSource& source)
     return check;
 }
 
-CheckEnd checkModules(const ModuleSource& source, bool& running, std::vector<ModuleCheck>& checks)
+std::vector<ModuleCheck> checkModules(const ModuleSource& source)
 {
     if (source.type != UPDATE_EMP) {
-        return checkOneByOne(source, running, checks);
+        return checkOneByOne(source);
     }
     int listed = -1;
-    const std::string raised = raisedBy(
-        [&] { listed = FWUpdateSymbolManager::getInstance()->writeFirmwareUpdateList(running); });
+    const std::string raised = raisedBy([&] {
+        listed = FWUpdateSymbolManager::getInstance()->writeFirmwareUpdateList(runningFlag());
+    });
     if (!raised.empty()) {
         // One module's exception ended the pass; the list is then not complete, the marks will be.
-        return checkOneByOne(source, running, checks);
+        return checkOneByOne(source);
+    }
+    if (listed < 0 && isInterrupted()) {
+        throw UpdateSlot::instance().interruption();
     }
     if (listed < 0) {
-        return __atomic_load_n(&running, __ATOMIC_RELAXED) ? CheckEnd::kUnsafeList
-                                                           : CheckEnd::kStopped;
+        throw Failure{kExitSystem,
+                      std::string("the update list's path leads elsewhere: ") + paths::kUpdateList};
     }
     if (!isListWhole(listed)) {
-        return CheckEnd::kPartialList;
+        throw Failure{kExitSystem, std::string("the update list cannot be written whole, make room "
+                                               "for it or see what is in its place: ") +
+                                       paths::kUpdateList};
     }
+    std::vector<ModuleCheck> checks;
     for (FWUpdateSymbol& module : allModules()) {
         checks.push_back(describeCheck(module, source));
     }
-    return CheckEnd::kDone;
+    return checks;
 }
 
 bool isNoneUsable(const std::vector<ModuleCheck>& checks)
 {
-    return std::all_of(checks.begin(), checks.end(), [](const ModuleCheck& check) {
-        return check.decision == Decision::kUnusable;
-    });
+    return !checks.empty() &&
+           std::all_of(checks.begin(), checks.end(), [](const ModuleCheck& check) {
+               return check.decision == Decision::kUnusable;
+           });
+}
+
+bool releasePackage(FWUpdateSymbol& module)
+{
+    return !isPackageMounted(module) || module.unmountEMPImage();
 }
 
 void releasePackages(const ModuleSource& source)

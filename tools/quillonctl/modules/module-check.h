@@ -30,25 +30,23 @@ struct ModuleCheck
     std::string reason;         ///< of all but kNeeded and kUpToDate, a phrase
 };
 
-enum class CheckEnd {
-    kDone,
-    kStopped,     ///< the flag was cleared
-    kUnsafeList,  ///< the update list's path leads elsewhere
-    kPartialList  ///< the update list could not be written whole
-};
-
 /// Asks every module, and leaves the marks that a run goes by. For packages the update list is
 /// published; the packages stay mounted.
 ///
-/// @param running  read before each module
-/// @param[out] checks  one for each module, in the registry's order; when stopped, not to be used
-CheckEnd checkModules(const ModuleSource& source, bool& running, std::vector<ModuleCheck>& checks);
+/// @return one for each module, in the registry's order. Throws Failure when the program is asked
+/// to
+///         end, and when the update list cannot be published.
+std::vector<ModuleCheck> checkModules(const ModuleSource& source);
 
 /// What the latest check of this module came to.
 ModuleCheck describeCheck(FWUpdateSymbol& module, const ModuleSource& source);
 
-/// Whether each module is unusable; so it is when there are none.
+/// Whether there are modules and each is unusable.
 bool isNoneUsable(const std::vector<ModuleCheck>& checks);
+
+/// Unmounts the module's package if it is mounted.
+/// @return false when it stays mounted
+bool releasePackage(FWUpdateSymbol& module);
 
 /// Unmounts what checks have mounted.
 void releasePackages(const ModuleSource& source);

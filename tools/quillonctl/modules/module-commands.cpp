@@ -6,8 +6,6 @@
 
 #include "tools/quillonctl/modules/foreign-end.h"
 #include "tools/quillonctl/modules/interruption.h"
-#include "tools/quillonctl/modules/module-json-report.h"
-#include "tools/quillonctl/modules/module-text-report.h"
 #include "tools/quillonctl/modules/module-verbs.h"
 #include "tools/quillonctl/standard-files.h"
 #include "tools/quillonctl/terminal.h"
@@ -27,11 +25,6 @@ std::string checkSource(const std::string& name)
     return findModuleSource(name) != nullptr
                ? std::string()
                : "takes usb, package, system or shared, not \"" + name + "\"";
-}
-
-CLI::App* addVerb(CLI::App* modules, const char* name, const char* description)
-{
-    return modules->add_subcommand(name, description)->fallthrough();
 }
 
 void takeSource(CLI::App* verb, std::string& source)
@@ -59,10 +52,10 @@ CLI::Option* takeName(CLI::App* verb, std::string& name)
 ModuleCommands::ModuleCommands(CLI::App& app)
     : modules_(app.add_subcommand("modules", "Look at the firmware modules and update them"))
 {
-    modules_->fallthrough()->require_subcommand(1)->footer(kFooter);
-    addVerb(modules_, "list", "List the modules, unusable ones with the reason");
-    takeSource(addVerb(modules_, "check", "Say which modules need an update"), source_);
-    CLI::App* update = addVerb(modules_, "update", "Update a module, or all that need it");
+    modules_->require_subcommand(1)->footer(kFooter);
+    modules_->add_subcommand("list", "List the modules, unusable ones with the reason");
+    takeSource(modules_->add_subcommand("check", "Say which modules need an update"), source_);
+    CLI::App* update = modules_->add_subcommand("update", "Update a module, or all that need it");
     takeSource(update, source_);
     CLI::Option* name = takeName(update, name_);
     update->add_flag("--all", all_, "Update every module that needs it")->excludes(name);
@@ -71,40 +64,43 @@ ModuleCommands::ModuleCommands(CLI::App& app)
             throw CLI::RequiredError("update: a module's name or --all");
         }
     });
-    takeName(addVerb(modules_, "version", "Say which version a module is running"), name_)
+    takeName(modules_->add_subcommand("version", "Say which version a module is running"), name_)
         ->required();
-    takeName(addVerb(modules_, "progress", "Say how far a module's update is"), name_)->required();
-    addVerb(modules_, "download", "Download every module's package");
-    addVerb(modules_, "unlock", "Release the update semaphore that a dead program has left behind");
+    takeName(modules_->add_subcommand("progress", "Say how far a module's update is"), name_)
+        ->required();
+    modules_->add_subcommand("download", "Download every module's package");
+    modules_->add_subcommand("unlock",
+                             "Release the update semaphore that a dead program has left behind");
 }
 
 int ModuleCommands::run(bool json, bool quiet) const
 {
-    const bool redraw = !json && canRedraw();
-    std::unique_ptr<ModuleReport> report;
-    if (json) {
-        report = std::make_unique<ModuleJsonReport>();
-    } else {
-        report = std::make_unique<ModuleTextReport>(quiet, redraw);
-    }
+    const std::unique_ptr<ModuleReport> report =
+        json ? makeModuleJsonReport() : makeModuleTextReport(quiet, canRedraw());
     ModuleVerbs verbs(*report, std::chrono::milliseconds(250));
     const ModuleSource& source = *findModuleSource(source_);
     const std::string verb = modules_->get_subcommands().front()->get_name();
     ExitCode code = kExitSuccess;
-    if (verb == "list") {
-        code = verbs.list();
-    } else if (verb == "check") {
-        code = verbs.check(source);
-    } else if (verb == "update") {
-        code = all_ ? verbs.updateAll(source) : verbs.update(name_, source);
-    } else if (verb == "version") {
-        code = verbs.version(name_);
-    } else if (verb == "progress") {
-        code = verbs.progress(name_);
-    } else if (verb == "unlock") {
-        code = verbs.unlock();
-    } else {
-        code = verbs.download();
+    try {
+        if (verb == "list") {
+            code = verbs.list();
+        } else if (verb == "check") {
+            code = verbs.check(source);
+        } else if (verb == "update") {
+            code = all_ ? verbs.updateAll(source) : verbs.update(name_, source);
+        } else if (verb == "version") {
+            code = verbs.version(name_);
+        } else if (verb == "progress") {
+            code = verbs.progress(name_);
+        } else if (verb == "unlock") {
+            code = verbs.unlock();
+        } else {
+            code = verbs.download();
+        }
+    } catch (const Failure& failure) {
+        takeOverTheEnd();
+        report->error(failure.code, failure.text);
+        code = failure.code;
     }
     takeOverTheEnd();
     if (verbs.hasLateUpdate()) {

@@ -42,7 +42,7 @@ void ModuleEvents::hear(const ModuleNews& news)
     }
     const ModuleFinding finding{news.result, news.reason, news.detail};
     const std::lock_guard<std::mutex> lock(mutex_);
-    Known& module = modules_[news.libName];
+    ModuleHistory& module = modules_[news.libName];
     switch (news.event) {
         case ModuleEvent::kLoaded:
             module.loading = finding;
@@ -70,39 +70,24 @@ void ModuleEvents::hear(const ModuleNews& news)
     }
 }
 
-ModuleEvents::Known ModuleEvents::known(const std::string& libName) const
+ModuleHistory ModuleEvents::of(const std::string& libName) const
 {
     const std::lock_guard<std::mutex> lock(mutex_);
-    const auto found = modules_.find(libName);
-    return found != modules_.end() ? found->second : Known{};
+    return find(libName);
 }
 
-ModuleFinding ModuleEvents::loading(const std::string& libName) const
-{
-    return known(libName).loading;
-}
-
-ModuleFinding ModuleEvents::check(const std::string& libName) const
-{
-    return known(libName).check;
-}
-
-std::optional<ModuleRun> ModuleEvents::run(const std::string& libName) const
-{
-    return known(libName).run;
-}
-
-bool ModuleEvents::isRunning(const std::string& libName) const
+/// With the mutex locked.
+ModuleHistory ModuleEvents::find(const std::string& libName) const
 {
     const auto found = modules_.find(libName);
-    return found != modules_.end() && found->second.run && !found->second.run->end;
+    return found != modules_.end() ? found->second : ModuleHistory();
 }
 
-bool ModuleEvents::awaitEnd(const std::string& libName,
+void ModuleEvents::awaitEnd(const std::string& libName,
                             std::chrono::steady_clock::time_point end) const
 {
     std::unique_lock<std::mutex> lock(mutex_);
-    return hasEnded_.wait_until(lock, end, [&] { return !isRunning(libName); });
+    hasEnded_.wait_until(lock, end, [&] { return !find(libName).isUpdating(); });
 }
 
 std::string phraseOf(const ModuleFinding& finding)

@@ -29,6 +29,16 @@ struct ModuleRun
     bool isLate = false;               ///< it was still running when its time was over
 };
 
+/// What is known of a module.
+struct ModuleHistory
+{
+    ModuleFinding loading;         ///< what loading it came to
+    ModuleFinding check;           ///< what its latest check came to
+    std::optional<ModuleRun> run;  ///< its latest update; nothing when none has begun
+
+    bool isUpdating() const { return run && !run->end; }
+};
+
 /// Thread: any.
 class ModuleEvents final : public ModuleObserver
 {
@@ -39,31 +49,17 @@ public:
 
     void hear(const ModuleNews& news) override;
 
-    /// What loading the module came to.
-    ModuleFinding loading(const std::string& libName) const;
-    /// What the latest check of the module came to.
-    ModuleFinding check(const std::string& libName) const;
-    /// The module's latest update; nothing when none has begun.
-    std::optional<ModuleRun> run(const std::string& libName) const;
+    ModuleHistory of(const std::string& libName) const;
 
-    /// Waits until the module's update is over, if one is running.
-    /// @return false when it is still running at the end of the time
-    bool awaitEnd(const std::string& libName, std::chrono::steady_clock::time_point end) const;
+    /// Waits until the module's update is over, if one is running, but not beyond `end`.
+    void awaitEnd(const std::string& libName, std::chrono::steady_clock::time_point end) const;
 
 private:
-    struct Known
-    {
-        ModuleFinding loading;
-        ModuleFinding check;
-        std::optional<ModuleRun> run;
-    };
-
-    Known known(const std::string& libName) const;
-    bool isRunning(const std::string& libName) const;
+    ModuleHistory find(const std::string& libName) const;
 
     mutable std::mutex mutex_;
     mutable std::condition_variable hasEnded_;
-    std::map<std::string, Known> modules_;
+    std::map<std::string, ModuleHistory> modules_;
 };
 
 /// A reason as a phrase for people: "its package cannot be mounted".

@@ -1,8 +1,7 @@
-#include "tools/quillonctl/modules/module-json-report.h"
-
 #include <iostream>
 
 #include "tools/quillonctl/json-line.h"
+#include "tools/quillonctl/modules/module-report.h"
 #include "tools/quillonctl/modules/outside-text.h"
 
 namespace quillon {
@@ -12,220 +11,180 @@ namespace {
 /// Whole, whatever a reasonable module or image says.
 constexpr std::size_t kLongestText = 4096;
 
-/// Leaves out what is not known.
-void put(Json::Value& object, const char* member, const std::string& text)
+/// @return null, which is left out, when the text is not known
+Json::Value known(const std::string& text)
 {
-    if (!text.empty()) {
-        object[member] = cut(text, kLongestText);
-    }
+    return text.empty() ? Json::Value() : cut(text, kLongestText);
 }
 
 const char* nameOf(ModuleKind kind)
 {
-    switch (kind) {
-        case ModuleKind::kFirmware:
-            return "firmware";
-        case ModuleKind::kProcess:
-            return "process";
-        default:
-            return "unusable";
-    }
+    static const std::map<ModuleKind, const char*> kNames = {
+        {ModuleKind::kFirmware, "firmware"},
+        {ModuleKind::kProcess, "process"},
+        {ModuleKind::kUnusable, "unusable"},
+    };
+    return kNames.at(kind);
 }
 
 const char* nameOf(Decision decision)
 {
-    switch (decision) {
-        case Decision::kNeeded:
-            return "needed";
-        case Decision::kUpToDate:
-            return "up-to-date";
-        case Decision::kNothingOffered:
-            return "nothing-offered";
-        case Decision::kUnsound:
-            return "unsound";
-        case Decision::kByNameOnly:
-            return "by-name-only";
-        default:
-            return "unusable";
-    }
+    static const std::map<Decision, const char*> kNames = {
+        {Decision::kNeeded, "needed"},
+        {Decision::kUpToDate, "up-to-date"},
+        {Decision::kNothingOffered, "nothing-offered"},
+        {Decision::kUnsound, "unsound"},
+        {Decision::kByNameOnly, "by-name-only"},
+        {Decision::kUnusable, "unusable"},
+    };
+    return kNames.at(decision);
 }
 
 const char* nameOf(Outcome outcome)
 {
-    switch (outcome) {
-        case Outcome::kUpdated:
-            return "updated";
-        case Outcome::kNotNeeded:
-            return "not-needed";
-        case Outcome::kNothingOffered:
-            return "nothing-offered";
-        case Outcome::kFailed:
-            return "failed";
-        case Outcome::kTimedOut:
-            return "timed-out";
-        case Outcome::kByNameOnly:
-            return "by-name-only";
-        case Outcome::kNotBegun:
-            return "not-begun";
-        default:
-            return "unusable";
-    }
+    static const std::map<Outcome, const char*> kNames = {
+        {Outcome::kUpdated, "updated"},
+        {Outcome::kNotNeeded, "not-needed"},
+        {Outcome::kNothingOffered, "nothing-offered"},
+        {Outcome::kFailed, "failed"},
+        {Outcome::kTimedOut, "timed-out"},
+        {Outcome::kNotBegun, "not-begun"},
+        {Outcome::kByNameOnly, "by-name-only"},
+        {Outcome::kUnusable, "unusable"},
+    };
+    return kNames.at(outcome);
 }
 
-Json::Value entryObject(const ModuleEntry& entry)
+JsonMembers membersOf(const ModuleEntry& entry)
 {
-    Json::Value object(Json::objectValue);
-    object["name"] = entry.name;
-    object["kind"] = nameOf(entry.kind);
-    put(object, "running", entry.running);
+    JsonMembers members = {{"name", entry.name},
+                           {"kind", nameOf(entry.kind)},
+                           {"running", known(entry.running)},
+                           {"reason", known(entry.reason)}};
     if (entry.kind == ModuleKind::kFirmware) {
-        object["firmware"] = entry.firmwareName;
-        object["package"] = entry.package;
-        object["downloaded"] = entry.hasPackage;
+        members["firmware"] = entry.firmwareName;
+        members["package"] = entry.package;
+        members["downloaded"] = entry.hasPackage;
     }
-    put(object, "reason", entry.reason);
-    return object;
+    return members;
 }
 
-Json::Value checkObject(const ModuleCheck& check)
+JsonMembers membersOf(const ModuleCheck& check)
 {
-    Json::Value object(Json::objectValue);
-    object["name"] = check.name;
-    object["decision"] = nameOf(check.decision);
-    put(object, "running", check.running);
-    put(object, "offered", check.offered);
-    if (check.decision == Decision::kNeeded) {
-        object["seconds"] = check.seconds;
-    }
-    put(object, "reason", check.reason);
-    return object;
+    const bool isNeeded = check.decision == Decision::kNeeded;
+    return {{"name", check.name},
+            {"decision", nameOf(check.decision)},
+            {"running", known(check.running)},
+            {"offered", known(check.offered)},
+            {"seconds", isNeeded ? check.seconds : Json::Value()},
+            {"reason", known(check.reason)}};
 }
 
-Json::Value updateObject(const ModuleUpdate& update)
+JsonMembers membersOf(const ModuleUpdate& update)
 {
-    Json::Value object(Json::objectValue);
-    object["name"] = update.name;
-    object["outcome"] = nameOf(update.outcome);
-    put(object, "running", update.running);
-    put(object, "reason", update.reason);
-    return object;
+    return {{"name", update.name},
+            {"outcome", nameOf(update.outcome)},
+            {"running", known(update.running)},
+            {"reason", known(update.reason)}};
 }
 
-Json::Value downloadObject(const ModuleDownload& download)
+JsonMembers membersOf(const ModuleDownload& download)
 {
-    Json::Value object(Json::objectValue);
-    object["name"] = download.name;
-    object["downloaded"] = download.downloaded;
-    put(object, "reason", download.reason);
-    return object;
+    return {{"name", download.name},
+            {"downloaded", download.downloaded},
+            {"reason", known(download.reason)}};
+}
+
+JsonMembers membersOf(const SlotHolder& holder)
+{
+    return {{"process", holder.process != 0 ? holder.process : Json::Value()},
+            {"command", known(holder.command)}};
 }
 
 template <typename Item>
-Json::Value arrayOf(const std::vector<Item>& items, Json::Value (*toObject)(const Item&))
+Json::Value arrayOf(const std::vector<Item>& items)
 {
     Json::Value array(Json::arrayValue);
     for (const Item& item : items) {
-        array.append(toObject(item));
+        array.append(jsonObject(membersOf(item)));
     }
     return array;
 }
 
-Json::Value processes(const std::vector<SlotHolder>& holders)
+class ModuleJsonReport final : public ModuleReport
 {
-    Json::Value array(Json::arrayValue);
-    for (const SlotHolder& holder : holders) {
-        Json::Value process(Json::objectValue);
-        if (holder.process != 0) {
-            process["process"] = holder.process;
-        }
-        put(process, "command", holder.command);
-        array.append(process);
+public:
+    void modules(const std::vector<ModuleEntry>& entries) override
+    {
+        writeEvent("modules", {{"modules", arrayOf(entries)}});
     }
-    return array;
-}
+
+    void checked(const ModuleSource& source, const std::vector<ModuleCheck>& checks) override
+    {
+        writeEvent("modules-check", {{"source", source.name}, {"modules", arrayOf(checks)}});
+    }
+
+    void version(const ModuleEntry& entry) override
+    {
+        writeEvent("module-version", {{"name", entry.name}, {"version", entry.running}});
+    }
+
+    void progress(const std::string& name, unsigned int percent) override
+    {
+        writeEvent("module-progress", {{"name", name}, {"percent", percent}});
+    }
+
+    void waitingForOthers(const SlotHolders& holders) override
+    {
+        JsonMembers members = {{"holders", arrayOf(holders.alive)}};
+        if (!holders.stopped.empty()) {
+            members["stopped"] = arrayOf(holders.stopped);
+        }
+        if (holders.alive.empty() && holders.isComplete) {
+            members["remedy"] = "quillonctl modules unlock";
+        }
+        writeEvent("modules-waiting", members);
+    }
+
+    void updating(const std::string& /*name*/) override {}
+    void progressed(int /*percent*/, int /*secondsLeft*/) override {}
+    void waitingForLate(const std::string& /*name*/) override {}
+
+    void updated(const ModuleSource& source, const std::vector<ModuleUpdate>& updates,
+                 ExitCode code) override
+    {
+        writeEvent("modules-update",
+                   {{"source", source.name}, {"exitCode", code}, {"modules", arrayOf(updates)}});
+    }
+
+    void downloading(std::size_t /*packages*/) override {}
+
+    void downloaded(const std::vector<ModuleDownload>& downloads, ExitCode code) override
+    {
+        writeEvent("modules-download", {{"exitCode", code}, {"modules", arrayOf(downloads)}});
+    }
+
+    void unlocked(bool released) override
+    {
+        writeEvent("modules-unlock", {{"released", released}});
+    }
+
+    void warning(const std::string& text) override
+    {
+        std::cerr << "quillonctl: warning: " << cut(printable(text), kLongestText) << std::endl;
+    }
+
+    void error(ExitCode code, const std::string& text) override
+    {
+        writeEvent("error", {{"exitCode", code}, {"text", known(text)}});
+    }
+};
 
 }  // namespace
 
-void ModuleJsonReport::modules(const std::vector<ModuleEntry>& entries)
+std::unique_ptr<ModuleReport> makeModuleJsonReport()
 {
-    Json::Value object = eventObject("modules");
-    object["modules"] = arrayOf(entries, entryObject);
-    writeJsonLine(object);
-}
-
-void ModuleJsonReport::checked(const ModuleSource& source, const std::vector<ModuleCheck>& checks)
-{
-    Json::Value object = eventObject("modules-check");
-    object["source"] = source.name;
-    object["modules"] = arrayOf(checks, checkObject);
-    writeJsonLine(object);
-}
-
-void ModuleJsonReport::version(const ModuleEntry& entry)
-{
-    Json::Value object = eventObject("module-version");
-    object["name"] = entry.name;
-    object["version"] = entry.running;
-    writeJsonLine(object);
-}
-
-void ModuleJsonReport::progress(const std::string& name, unsigned int percent)
-{
-    Json::Value object = eventObject("module-progress");
-    object["name"] = name;
-    object["percent"] = percent;
-    writeJsonLine(object);
-}
-
-void ModuleJsonReport::waitingForOthers(const SlotHolders& holders)
-{
-    Json::Value object = eventObject("modules-waiting");
-    object["holders"] = processes(holders.alive);
-    if (!holders.stopped.empty()) {
-        object["stopped"] = processes(holders.stopped);
-    }
-    if (holders.alive.empty() && holders.isComplete) {
-        object["remedy"] = "quillonctl modules unlock";
-    }
-    writeJsonLine(object);
-}
-
-void ModuleJsonReport::updated(const ModuleSource& source, const std::vector<ModuleUpdate>& updates,
-                               ExitCode code)
-{
-    Json::Value object = eventObject("modules-update");
-    object["source"] = source.name;
-    object["exitCode"] = code;
-    object["modules"] = arrayOf(updates, updateObject);
-    writeJsonLine(object);
-}
-
-void ModuleJsonReport::downloaded(const std::vector<ModuleDownload>& downloads, ExitCode code)
-{
-    Json::Value object = eventObject("modules-download");
-    object["exitCode"] = code;
-    object["modules"] = arrayOf(downloads, downloadObject);
-    writeJsonLine(object);
-}
-
-void ModuleJsonReport::unlocked(bool released)
-{
-    Json::Value object = eventObject("modules-unlock");
-    object["released"] = released;
-    writeJsonLine(object);
-}
-
-void ModuleJsonReport::warning(const std::string& text)
-{
-    std::cerr << "quillonctl: warning: " << cut(printable(text), kLongestText) << std::endl;
-}
-
-void ModuleJsonReport::error(ExitCode code, const std::string& text)
-{
-    Json::Value object = eventObject("error");
-    object["exitCode"] = code;
-    put(object, "text", text);
-    writeJsonLine(object);
+    return std::make_unique<ModuleJsonReport>();
 }
 
 }  // namespace quillon

@@ -42,19 +42,9 @@ bool openRegistry()
     return ready;
 }
 
-FWUpdateSymbol* findModule(const std::string& libName)
-{
-    for (FWUpdateSymbol& module : FWUpdateSymbolManager::getInstance()->modules()) {
-        if (module.getLibName() == libName) {
-            return &module;
-        }
-    }
-    return nullptr;
-}
-
 std::string defectOf(const FWUpdateSymbol& module)
 {
-    return phraseOf(ModuleEvents::instance().loading(module.getLibName()));
+    return phraseOf(ModuleEvents::instance().of(module.getLibName()).loading);
 }
 
 std::optional<std::string> runningVersion(const FWUpdateSymbol& module)
@@ -74,6 +64,16 @@ std::optional<std::string> runningVersion(const FWUpdateSymbol& module)
         return std::nullopt;
     }
     return version.data();
+}
+
+std::optional<unsigned int> updateProgress(const std::string& libName)
+{
+    unsigned int percent = 0;
+    int result = -1;
+    static_cast<void>(raisedBy([&] {
+        result = FWUpdateSymbolManager::getInstance()->getFirmwareUpdateProgress(libName, &percent);
+    }));
+    return result == 0 ? std::make_optional(percent) : std::nullopt;
 }
 
 }  // namespace quillon

@@ -24,15 +24,16 @@ ModuleKind kindOf(const FWUpdateSymbol& module);
 /// @return false when the module directory cannot be read
 bool openRegistry();
 
-/// @return null when no module has that library name
-FWUpdateSymbol* findModule(const std::string& libName);
-
 /// Why the module is unusable, a phrase: "it has no entry doUpdate" for instance.
 std::string defectOf(const FWUpdateSymbol& module);
 
 /// What a module's plug-in says is running.
 /// @return nothing when the module is unusable or its plug-in does not tell
 std::optional<std::string> runningVersion(const FWUpdateSymbol& module);
+
+/// How far the module's update is by what its plug-in says, in percent.
+/// @return nothing when the plug-in does not tell
+std::optional<unsigned int> updateProgress(const std::string& libName);
 
 /// Makes a call that reaches plug-ins, or files that they brought.
 /// @return what was raised, as a phrase for people; empty when nothing was

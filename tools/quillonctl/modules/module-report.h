@@ -2,6 +2,7 @@
 #ifndef QUILLON_QUILLONCTL_MODULE_REPORT_H
 #define QUILLON_QUILLONCTL_MODULE_REPORT_H
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -85,6 +86,18 @@ public:
     virtual void warning(const std::string& text) = 0;
     virtual void error(ExitCode code, const std::string& text) = 0;
 };
+
+/// Reports for people, on standard output, and errors and warnings on standard error. Each line is
+/// out before the call returns.
+/// @param quiet       say nothing but errors and warnings
+/// @param onTerminal  standard output is a terminal that can redraw a line
+std::unique_ptr<ModuleReport> makeModuleTextReport(bool quiet, bool onTerminal);
+
+/// Reports for programs: one JSON object, in one line, on standard output: the verb's result, or
+/// the error that ended it. An update that has to wait writes one for that before. Each has the
+/// member "event"; quillonctl(1) lists the events and their other members. Warnings go to standard
+/// error.
+std::unique_ptr<ModuleReport> makeModuleJsonReport();
 
 }  // namespace quillon
 

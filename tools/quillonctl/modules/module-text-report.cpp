@@ -1,10 +1,11 @@
-#include "tools/quillonctl/modules/module-text-report.h"
-
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <iostream>
 
+#include "tools/quillonctl/modules/module-report.h"
 #include "tools/quillonctl/modules/outside-text.h"
+#include "tools/quillonctl/progress-display.h"
 #include "tools/quillonctl/terminal.h"
 
 namespace quillon {
@@ -76,8 +77,6 @@ std::string describe(const ModuleUpdate& update)
     }
 }
 
-constexpr const char* kNoModules = "No modules are installed";
-
 std::string describeNeed(const std::vector<ModuleCheck>& checks)
 {
     int count = 0;
@@ -95,187 +94,199 @@ std::string describeNeed(const std::vector<ModuleCheck>& checks)
            " an update, about " + std::to_string(seconds) + " s";
 }
 
-}  // namespace
-
-void ModuleTextReport::line(const std::string& text)
+class ModuleTextReport final : public ModuleReport
 {
-    if (!quiet_) {
-        std::cout << display_.end() << fit(text) << std::endl;
+public:
+    ModuleTextReport(bool quiet, bool onTerminal)
+        : quiet_(quiet), onTerminal_(onTerminal), display_(onTerminal)
+    {
     }
-}
 
-void ModuleTextReport::table(std::vector<Row> rows)
-{
-    std::vector<std::size_t> widths;
-    for (Row& row : rows) {
-        widths.resize(std::max(widths.size(), row.size()));
-        for (std::size_t i = 0; i + 1 < row.size(); ++i) {
-            row[i] = cut(printable(row[i]), kWidestColumn);
-            widths[i] = std::max(widths[i], countCharacters(row[i]));
+    void modules(const std::vector<ModuleEntry>& entries) override
+    {
+        std::vector<Row> rows = {{"NAME", "RUNNING", "STATE"}};
+        for (const ModuleEntry& entry : entries) {
+            rows.push_back({orDash(entry.name), orDash(entry.running), describe(entry)});
         }
-    }
-    for (const Row& row : rows) {
-        std::string text;
-        for (std::size_t i = 0; i + 1 < row.size(); ++i) {
-            text += row[i] + std::string(widths[i] - countCharacters(row[i]) + 2, ' ');
-        }
-        line(text + row.back());
-    }
-}
-
-void ModuleTextReport::modules(const std::vector<ModuleEntry>& entries)
-{
-    if (entries.empty()) {
-        line(kNoModules);
-        return;
-    }
-    std::vector<Row> rows = {{"NAME", "RUNNING", "STATE"}};
-    for (const ModuleEntry& entry : entries) {
-        rows.push_back({orDash(entry.name), orDash(entry.running), describe(entry)});
-    }
-    table(rows);
-}
-
-void ModuleTextReport::checked(const ModuleSource& /*source*/,
-                               const std::vector<ModuleCheck>& checks)
-{
-    std::vector<Row> rows = {{"NAME", "RUNNING", "OFFERED", "STATE"}};
-    for (const ModuleCheck& check : checks) {
-        rows.push_back(
-            {orDash(check.name), orDash(check.running), orDash(check.offered), describe(check)});
-    }
-    if (checks.empty()) {
-        line(kNoModules);
-        return;
-    }
-    table(rows);
-    if (isNoneUsable(checks)) {
-        error(kExitUnusableModule, "no module could be checked, each is unusable");
-    } else {
-        line(describeNeed(checks));
-    }
-}
-
-void ModuleTextReport::version(const ModuleEntry& entry)
-{
-    line(entry.running);
-}
-
-void ModuleTextReport::progress(const std::string& /*name*/, unsigned int percent)
-{
-    line(std::to_string(percent) + " %");
-}
-
-void ModuleTextReport::waitingForOthers(const SlotHolders& holders)
-{
-    line("Waiting for another update on this device");
-    if (!holders.alive.empty()) {
-        line("The update semaphore may be held by " + describe(holders.alive));
-    } else if (holders.isComplete) {
-        const std::string remedy =
-            "Nobody is alive who could hold the update semaphore; \"quillonctl modules unlock\" "
-            "releases it";
-        quiet_ ? warning(remedy) : line(remedy);
-    } else {
-        line(
-            "Whether somebody holds the update semaphore cannot be told by this user; root can "
-            "tell");
-    }
-    if (!holders.stopped.empty()) {
-        line("Stopped, and may keep it from being released; let it go on or end it: " +
-             describe(holders.stopped));
-    }
-}
-
-void ModuleTextReport::updating(const std::string& name)
-{
-    line("Updating " + name);
-    display_.restart();
-    nextPlainLine_ = {};
-}
-
-void ModuleTextReport::progressed(int percent, int secondsLeft)
-{
-    const auto now = std::chrono::steady_clock::now();
-    if (quiet_ || (!onTerminal_ && now < nextPlainLine_)) {
-        return;
-    }
-    nextPlainLine_ = now + kBetweenPlainLines;
-    std::cout << display_.show(percent, secondsLeft, terminalWidth()) << std::flush;
-}
-
-void ModuleTextReport::waitingForLate(const std::string& name)
-{
-    line("The time of " + name + " is over, but it is still being updated; waiting for it");
-}
-
-void ModuleTextReport::updated(const ModuleSource& /*source*/,
-                               const std::vector<ModuleUpdate>& updates, ExitCode code)
-{
-    std::vector<Row> rows = {{"NAME", "RUNNING", "OUTCOME"}};
-    std::string troubled;
-    std::string whyNotBegun;
-    for (const ModuleUpdate& update : updates) {
-        rows.push_back({orDash(update.name), orDash(update.running), describe(update)});
-        if (update.outcome == Outcome::kNotBegun) {
-            whyNotBegun = update.reason;
-        }
-        if (update.outcome == Outcome::kFailed || update.outcome == Outcome::kTimedOut) {
-            troubled += " " + update.name;
-        }
-    }
-    if (updates.empty()) {
-        line(kNoModules);
-    } else {
         table(rows);
     }
-    if (!troubled.empty()) {
-        error(code, "not updated as wanted:" + troubled);
-    }
-    if (code == kExitInterrupted) {
-        error(code, "interrupted; not every update was begun");
-    }
-    if (code == kExitSystem) {
-        error(code, "not every update was begun: " + whyNotBegun);
-    }
-}
 
-void ModuleTextReport::downloading(std::size_t packages)
-{
-    line(packages == 1 ? "Downloading 1 package"
-                       : "Downloading " + std::to_string(packages) + " packages");
-}
-
-void ModuleTextReport::downloaded(const std::vector<ModuleDownload>& downloads, ExitCode code)
-{
-    std::string troubled;
-    for (const ModuleDownload& download : downloads) {
-        line(download.name + ": " +
-             (download.downloaded ? "downloaded" : "not downloaded, " + download.reason));
-        if (!download.downloaded) {
-            troubled += " " + download.name;
+    void checked(const ModuleSource& /*source*/, const std::vector<ModuleCheck>& checks) override
+    {
+        std::vector<Row> rows = {{"NAME", "RUNNING", "OFFERED", "STATE"}};
+        for (const ModuleCheck& check : checks) {
+            rows.push_back({orDash(check.name), orDash(check.running), orDash(check.offered),
+                            describe(check)});
+        }
+        table(rows);
+        if (isNoneUsable(checks)) {
+            error(kExitUnusableModule, "no module could be checked, each is unusable");
+        } else if (!checks.empty()) {
+            line(describeNeed(checks));
         }
     }
-    if (code != kExitSuccess) {
-        error(code, "not downloaded:" + troubled);
+
+    void version(const ModuleEntry& entry) override { line(entry.running); }
+
+    void progress(const std::string& /*name*/, unsigned int percent) override
+    {
+        line(std::to_string(percent) + " %");
     }
-}
 
-void ModuleTextReport::unlocked(bool released)
-{
-    line(released ? "The update semaphore was left behind and is released" : "Nothing is locked");
-}
+    void waitingForOthers(const SlotHolders& holders) override
+    {
+        line("Waiting for another update on this device");
+        if (!holders.alive.empty()) {
+            line("The update semaphore may be held by " + describe(holders.alive));
+        } else if (holders.isComplete) {
+            const std::string remedy =
+                "Nobody is alive who could hold the update semaphore; "
+                "\"quillonctl modules unlock\" releases it";
+            quiet_ ? warning(remedy) : line(remedy);
+        } else {
+            line(
+                "Whether somebody holds the update semaphore cannot be told by this user; root can "
+                "tell");
+        }
+        if (!holders.stopped.empty()) {
+            line("Stopped, and may keep it from being released; let it go on or end it: " +
+                 describe(holders.stopped));
+        }
+    }
 
-void ModuleTextReport::warning(const std::string& text)
-{
-    std::cout << display_.end() << std::flush;
-    std::cerr << "quillonctl: warning: " << fit(text) << std::endl;
-}
+    void updating(const std::string& name) override
+    {
+        line("Updating " + name);
+        display_.restart();
+        nextPlainLine_ = {};
+    }
 
-void ModuleTextReport::error(ExitCode /*code*/, const std::string& text)
+    void progressed(int percent, int secondsLeft) override
+    {
+        const auto now = std::chrono::steady_clock::now();
+        if (quiet_ || (!onTerminal_ && now < nextPlainLine_)) {
+            return;
+        }
+        nextPlainLine_ = now + kBetweenPlainLines;
+        std::cout << display_.show(percent, secondsLeft, terminalWidth()) << std::flush;
+    }
+
+    void waitingForLate(const std::string& name) override
+    {
+        line("The time of " + name + " is over, but it is still being updated; waiting for it");
+    }
+
+    void updated(const ModuleSource& /*source*/, const std::vector<ModuleUpdate>& updates,
+                 ExitCode code) override
+    {
+        std::vector<Row> rows = {{"NAME", "RUNNING", "OUTCOME"}};
+        std::string troubled;
+        std::string whyNotBegun;
+        for (const ModuleUpdate& update : updates) {
+            rows.push_back({orDash(update.name), orDash(update.running), describe(update)});
+            if (update.outcome == Outcome::kNotBegun) {
+                whyNotBegun = update.reason;
+            }
+            if (update.outcome == Outcome::kFailed || update.outcome == Outcome::kTimedOut) {
+                troubled += " " + update.name;
+            }
+        }
+        table(rows);
+        if (!troubled.empty()) {
+            error(code, "not updated as wanted:" + troubled);
+        }
+        if (code == kExitInterrupted) {
+            error(code, "interrupted; not every update was begun");
+        }
+        if (code == kExitSystem) {
+            error(code, "not every update was begun: " + whyNotBegun);
+        }
+    }
+
+    void downloading(std::size_t packages) override
+    {
+        line(packages == 1 ? "Downloading 1 package"
+                           : "Downloading " + std::to_string(packages) + " packages");
+    }
+
+    void downloaded(const std::vector<ModuleDownload>& downloads, ExitCode code) override
+    {
+        std::string troubled;
+        for (const ModuleDownload& download : downloads) {
+            line(download.name + ": " +
+                 (download.downloaded ? "downloaded" : "not downloaded, " + download.reason));
+            if (!download.downloaded) {
+                troubled += " " + download.name;
+            }
+        }
+        if (code != kExitSuccess) {
+            error(code, "not downloaded:" + troubled);
+        }
+    }
+
+    void unlocked(bool released) override
+    {
+        line(released ? "The update semaphore was left behind and is released"
+                      : "Nothing is locked");
+    }
+
+    void warning(const std::string& text) override
+    {
+        std::cout << display_.end() << std::flush;
+        std::cerr << "quillonctl: warning: " << fit(text) << std::endl;
+    }
+
+    void error(ExitCode /*code*/, const std::string& text) override
+    {
+        std::cout << display_.end() << std::flush;
+        std::cerr << "quillonctl: " << fit(text) << std::endl;
+    }
+
+private:
+    using Row = std::vector<std::string>;
+
+    void line(const std::string& text)
+    {
+        if (!quiet_) {
+            std::cout << display_.end() << fit(text) << std::endl;
+        }
+    }
+
+    /// @param rows  the headings, and a row for each module
+    void table(std::vector<Row> rows)
+    {
+        if (rows.size() == 1) {
+            line("No modules are installed");
+            return;
+        }
+        std::vector<std::size_t> widths;
+        for (Row& row : rows) {
+            widths.resize(std::max(widths.size(), row.size()));
+            for (std::size_t i = 0; i + 1 < row.size(); ++i) {
+                row[i] = cut(printable(row[i]), kWidestColumn);
+                widths[i] = std::max(widths[i], countCharacters(row[i]));
+            }
+        }
+        for (const Row& row : rows) {
+            std::string text;
+            for (std::size_t i = 0; i + 1 < row.size(); ++i) {
+                text += row[i] + std::string(widths[i] - countCharacters(row[i]) + 2, ' ');
+            }
+            line(text + row.back());
+        }
+    }
+
+    const bool quiet_;
+    const bool onTerminal_;
+    ProgressDisplay display_;
+    std::chrono::steady_clock::time_point nextPlainLine_;
+};
+
+}  // namespace
+
+std::unique_ptr<ModuleReport> makeModuleTextReport(bool quiet, bool onTerminal)
 {
-    std::cout << display_.end() << std::flush;
-    std::cerr << "quillonctl: " << fit(text) << std::endl;
+    return std::make_unique<ModuleTextReport>(quiet, onTerminal);
 }
 
 }  // namespace quillon

@@ -5,15 +5,17 @@
 #include <algorithm>
 #include <climits>
 #include <cstdio>
+#include <future>
+#include <map>
+#include <memory>
 
+#include "platform/app-binary-manager.h"
 #include "platform/power.h"
 #include "src/fw-update-common.h"
 #include "src/support/paths.h"
 #include "tools/quillonctl/modules/foreign-end.h"
 #include "tools/quillonctl/modules/interruption.h"
 #include "tools/quillonctl/modules/module-events.h"
-#include "tools/quillonctl/modules/package-downloads.h"
-#include "tools/quillonctl/modules/package-mount.h"
 #include "tools/quillonctl/modules/update-slot.h"
 #include "tools/quillonctl/standard-files.h"
 
@@ -65,37 +67,68 @@ ExitCode exitCodeOf(const std::vector<ModuleUpdate>& updates)
 /// What became of a module that needed no update, or could not have one.
 ModuleUpdate withoutUpdate(const ModuleCheck& check)
 {
-    ModuleUpdate update;
-    update.name = check.name;
-    update.running = check.running;
-    update.reason = check.reason;
-    switch (check.decision) {
-        case Decision::kUpToDate:
-            update.outcome = Outcome::kNotNeeded;
-            break;
-        case Decision::kNothingOffered:
-            update.outcome = Outcome::kNothingOffered;
-            break;
-        case Decision::kByNameOnly:
-            update.outcome = Outcome::kByNameOnly;
-            break;
-        case Decision::kUnusable:
-            update.outcome = Outcome::kUnusable;
-            break;
-        default:
-            update.outcome = Outcome::kFailed;
-            break;
-    }
-    return update;
+    static const std::map<Decision, Outcome> kOutcomes = {
+        {Decision::kNeeded, Outcome::kFailed},
+        {Decision::kUpToDate, Outcome::kNotNeeded},
+        {Decision::kNothingOffered, Outcome::kNothingOffered},
+        {Decision::kUnsound, Outcome::kFailed},
+        {Decision::kByNameOnly, Outcome::kByNameOnly},
+        {Decision::kUnusable, Outcome::kUnusable},
+    };
+    return {check.name, kOutcomes.at(check.decision), check.running, check.reason};
 }
 
 ModuleUpdate notBegun(const FWUpdateSymbol& module)
 {
-    ModuleUpdate update;
-    update.name = module.getLibName();
-    update.outcome = Outcome::kNotBegun;
-    update.reason = UpdateSlot::instance().trouble();
-    return update;
+    return {module.getLibName(), Outcome::kNotBegun, "", UpdateSlot::instance().trouble()};
+}
+
+FWUpdateSymbol& usableModule(const std::string& name)
+{
+    for (FWUpdateSymbol& module : manager().modules()) {
+        if (module.getLibName() != name) {
+            continue;
+        }
+        if (kindOf(module) == ModuleKind::kUnusable) {
+            throw Failure{kExitUnusableModule,
+                          "the module " + name + " is unusable: " + defectOf(module)};
+        }
+        return module;
+    }
+    throw Failure{kExitUnknownModule, "there is no module " + name};
+}
+
+void endDownload(const std::string& /*identifier*/, int status, void* user)
+{
+    const std::unique_ptr<std::promise<int>> end(static_cast<std::promise<int>*>(user));
+    end->set_value(status);
+}
+
+/// Has the platform download a package.
+/// @return the status that it gives at the end, 0 meaning downloaded; not valid where it does not
+///         accept the request
+std::future<int> startDownload(const std::string& package)
+{
+    auto end = std::make_unique<std::promise<int>>();
+    std::future<int> status = end->get_future();
+    if (!appbinaryManager::ABM_DownloadAppBinary(endDownload, end.get(), package)) {
+        return {};
+    }
+    static_cast<void>(end.release());  // endDownload() has it
+    return status;
+}
+
+/// Waits for it.
+ModuleDownload resultOfDownload(const std::string& module, std::future<int>& end)
+{
+    if (!end.valid()) {
+        return {module, false, "the platform did not accept the request"};
+    }
+    const int status = end.get();
+    if (status != 0) {
+        return {module, false, "status " + std::to_string(status) + ", the log says why"};
+    }
+    return {module, true, ""};
 }
 
 /// As raisedBy, for a call that waits for the update semaphore.
@@ -117,13 +150,14 @@ ModuleUpdate outcomeOf(FWUpdateSymbol& module)
 {
     ModuleUpdate update;
     update.name = module.getLibName();
-    const std::optional<ModuleRun> run = ModuleEvents::instance().run(update.name);
-    if (run && !run->end) {
+    const ModuleHistory history = ModuleEvents::instance().of(update.name);
+    if (history.isUpdating()) {
         update.outcome = Outcome::kTimedOut;
         update.reason = "it is still being updated";
         return update;  // its plug-in is busy: nothing is asked
     }
     update.running = runningVersion(module).value_or("");
+    const std::optional<ModuleRun>& run = history.run;
     if (!run) {
         update.outcome = Outcome::kFailed;
         update.reason = "the log says why";
@@ -146,12 +180,6 @@ ModuleUpdate outcomeOf(FWUpdateSymbol& module)
 
 }  // namespace
 
-ExitCode ModuleVerbs::fail(ExitCode code, const std::string& text)
-{
-    report_.error(code, text);
-    return code;
-}
-
 void ModuleVerbs::abandon()
 {
     if (hasPowerLock_) {
@@ -163,82 +191,43 @@ void ModuleVerbs::abandon()
     }
 }
 
+void ModuleVerbs::abandonOnRequest()
+{
+    const Failure end = UpdateSlot::instance().updatesBegun() == 0
+                            ? UpdateSlot::instance().interruption()
+                            : Failure{kExitInterrupted, "interrupted; what was begun is over"};
+    report_.error(end.code, end.text);
+    abandon();
+    static_cast<void>(UpdateSlot::instance().giveBack());
+}
+
 /// On whichever thread the module has called exit.
 void ModuleVerbs::endBecauseOf(const std::string& who)
 {
-    const int code =
-        fail(isUpdating_ ? kExitUpdateFailed : kExitUnusableModule, who + " has ended the program");
+    const ExitCode code = isUpdating_ ? kExitUpdateFailed : kExitUnusableModule;
+    report_.error(code, who + " has ended the program");
     abandon();
     static_cast<void>(UpdateSlot::instance().giveBack());
     endAtOnce(closeOutput(code));
 }
 
-bool& ModuleVerbs::watchForRequests()
+void ModuleVerbs::open(bool isUpdate)
 {
-    return runningUntilInterrupted([this] {
-        if (UpdateSlot::instance().updatesBegun() == 0) {
-            interrupted();
-        } else {
-            fail(kExitInterrupted, "interrupted; what was begun is over");
-        }
-        abandon();
-        static_cast<void>(UpdateSlot::instance().giveBack());
-    });
-}
-
-bool& ModuleVerbs::watchForRequestsFirst()
-{
-    bool& running = watchForRequests();
-    keepKeyboardFromModules();
-    return running;
-}
-
-ExitCode ModuleVerbs::interrupted()
-{
-    if (const std::string& trouble = UpdateSlot::instance().trouble(); !trouble.empty()) {
-        return fail(kExitSystem, trouble);
+    watchForRequests([this] { abandonOnRequest(); });
+    if (isUpdate) {
+        keepKeyboardFromModules();
     }
-    return fail(kExitInterrupted, UpdateSlot::instance().updatesBegun() == 0
-                                      ? "interrupted; nothing was updated"
-                                      : "interrupted; not every update was begun");
-}
-
-ExitCode ModuleVerbs::open()
-{
     static_cast<void>(FWUpdateSymbolManager::getInstance());
     watchForForeignEnd([this](const std::string& who) { endBecauseOf(who); });
     if (!openRegistry()) {
-        return fail(kExitSystem,
-                    std::string("the module directory cannot be read: ") + paths::kModules);
+        throw Failure{kExitSystem,
+                      std::string("the module directory cannot be read: ") + paths::kModules};
     }
-    return kExitSuccess;
-}
-
-ExitCode ModuleVerbs::open(const std::string& name, FWUpdateSymbol*& module)
-{
-    const ExitCode opened = open();
-    if (opened != kExitSuccess) {
-        return opened;
-    }
-    FWUpdateSymbol* found = findModule(name);
-    if (found == nullptr) {
-        return fail(kExitUnknownModule, "there is no module " + name);
-    }
-    if (kindOf(*found) == ModuleKind::kUnusable) {
-        return fail(kExitUnusableModule,
-                    "the module " + name + " is unusable: " + defectOf(*found));
-    }
-    module = found;
-    return kExitSuccess;
 }
 
 ExitCode ModuleVerbs::list()
 {
-    watchForRequests();
-    const ExitCode opened = open();
-    if (opened != kExitSuccess) {
-        return opened;
-    }
+    open();
     std::vector<ModuleEntry> entries;
     for (FWUpdateSymbol& module : manager().modules()) {
         entries.push_back(entryOf(module));
@@ -248,42 +237,26 @@ ExitCode ModuleVerbs::list()
     return kExitSuccess;
 }
 
-ExitCode ModuleVerbs::checkInto(const ModuleSource& source, bool& running,
-                                std::vector<ModuleCheck>& checks)
+std::vector<ModuleCheck> ModuleVerbs::checkAll(const ModuleSource& source)
 {
-    const CheckEnd end = checkModules(source, running, checks);
-    if (end == CheckEnd::kDone) {
-        return kExitSuccess;
+    try {
+        return checkModules(source);
+    } catch (const Failure&) {
+        takeOverTheEnd();
+        releasePackages(source);
+        throw;
     }
-    takeOverTheEnd();
-    releasePackages(source);
-    if (end == CheckEnd::kStopped) {
-        return interrupted();
-    }
-    return fail(kExitSystem, std::string(end == CheckEnd::kUnsafeList
-                                             ? "the update list's path leads elsewhere: "
-                                             : "the update list cannot be written whole, make room "
-                                               "for it or see what is in its place: ") +
-                                 paths::kUpdateList);
 }
 
 ExitCode ModuleVerbs::check(const ModuleSource& source)
 {
-    bool& running = watchForRequests();
-    const ExitCode opened = open();
-    if (opened != kExitSuccess) {
-        return opened;
-    }
+    open();
     source_ = &source;
-    std::vector<ModuleCheck> checks;
-    const ExitCode checked = checkInto(source, running, checks);
-    if (checked != kExitSuccess) {
-        return checked;
-    }
+    const std::vector<ModuleCheck> checks = checkAll(source);
     takeOverTheEnd();
     releasePackages(source);
     report_.checked(source, checks);
-    if (!checks.empty() && isNoneUsable(checks)) {
+    if (isNoneUsable(checks)) {
         return kExitUnusableModule;
     }
     const bool isAnyNeeded =
@@ -293,28 +266,30 @@ ExitCode ModuleVerbs::check(const ModuleSource& source)
 }
 
 /// The registry does not tell a missing semaphore from a failed update.
-ExitCode ModuleVerbs::prepareUpdates()
+void ModuleVerbs::prepareUpdates()
 {
     isUpdating_ = true;
-    const std::string trouble = UpdateSlot::instance().open();
-    if (!trouble.empty()) {
-        return fail(kExitSystem,
-                    std::string("the update semaphore ") + semName + " cannot be had: " + trouble);
-    }
+    UpdateSlot::instance().open();
     holdOffSignals();
-    return kExitSuccess;
 }
 
-void ModuleVerbs::release(FWUpdateSymbol& module, const ModuleSource& source,
-                          const UpdateWatch& watch)
+void ModuleVerbs::release(FWUpdateSymbol& module, const ModuleSource& source)
 {
     // What is being flashed from stays mounted.
-    if (source.type != UPDATE_EMP || watch.isStillRunning(module)) {
+    if (source.type != UPDATE_EMP ||
+        ModuleEvents::instance().of(module.getLibName()).isUpdating()) {
         return;
     }
     if (!releasePackage(module)) {
         report_.warning("the package of " + module.getLibName() + " stays mounted");
     }
+}
+
+void ModuleVerbs::finish(UpdateWatch& watch)
+{
+    watch.finish();
+    hasLateUpdate_ = hasLateUpdate_ || watch.isAnyStillRunning();
+    hasStuckWatch_ = hasStuckWatch_ || watch.isStuck();
 }
 
 void ModuleVerbs::tellAllDone()
@@ -328,10 +303,10 @@ void ModuleVerbs::tellAllDone()
     }
 }
 
-void ModuleVerbs::runMarked(const std::vector<ModuleCheck>& checks,
-                            std::vector<ModuleUpdate>& updates)
+std::vector<ModuleUpdate> ModuleVerbs::runMarked()
 {
     const ModuleSource& source = *findModuleSource("package");
+    const std::vector<ModuleCheck> checks = checkAll(source);
     std::vector<FWUpdateSymbol>& modules = manager().modules();
     std::vector<const FWUpdateSymbol*> marked;
     for (const FWUpdateSymbol& module : modules) {
@@ -353,9 +328,8 @@ void ModuleVerbs::runMarked(const std::vector<ModuleCheck>& checks,
         static_cast<void>(std::remove(paths::kUpdateList));
     }
     hasPowerLock_ = false;
-    watch.finish();
-    hasLateUpdate_ = watch.isAnyStillRunning();
-    hasStuckWatch_ = watch.isStuck();
+    finish(watch);
+    std::vector<ModuleUpdate> updates;
     int begun = isInterrupted ? UpdateSlot::instance().updatesBegun() : INT_MAX;
     for (std::size_t i = 0; i < modules.size(); ++i) {
         FWUpdateSymbol& module = modules[i];
@@ -367,17 +341,19 @@ void ModuleVerbs::runMarked(const std::vector<ModuleCheck>& checks,
             updates.push_back(notBegun(module));
         }
         if (kindOf(module) == ModuleKind::kFirmware) {
-            release(module, source, watch);
+            release(module, source);
         }
     }
     if (isInterrupted && UpdateSlot::instance().updatesBegun() > 0) {
         tellAllDone();
     }
+    return updates;
 }
 
 /// The registry's own run over all modules knows packages only.
-void ModuleVerbs::runOneByOne(const ModuleSource& source, std::vector<ModuleUpdate>& updates)
+std::vector<ModuleUpdate> ModuleVerbs::runOneByOne(const ModuleSource& source)
 {
+    std::vector<ModuleUpdate> updates;
     for (FWUpdateSymbol& module : manager().modules()) {
         if (isInterrupted()) {
             updates.push_back(notBegun(module));
@@ -390,6 +366,7 @@ void ModuleVerbs::runOneByOne(const ModuleSource& source, std::vector<ModuleUpda
     if (!isInterrupted() || UpdateSlot::instance().updatesBegun() > 0) {
         tellAllDone();
     }
+    return updates;
 }
 
 ModuleUpdate ModuleVerbs::runProcess(FWUpdateSymbol& module, const ModuleSource& source)
@@ -410,7 +387,7 @@ ModuleUpdate ModuleVerbs::runProcess(FWUpdateSymbol& module, const ModuleSource&
     update.outcome = result == 0 ? Outcome::kUpdated : Outcome::kFailed;
     update.running = runningVersion(module).value_or("");
     if (result != 0) {
-        const std::optional<ModuleRun> run = ModuleEvents::instance().run(name);
+        const std::optional<ModuleRun> run = ModuleEvents::instance().of(name).run;
         update.reason = raised.empty() && run && run->end ? phraseOf(*run->end) : raised;
     }
     return update;
@@ -427,54 +404,36 @@ ModuleUpdate ModuleVerbs::updateOne(FWUpdateSymbol& module, const ModuleSource& 
     const std::string raised = raisedByUpdate(
         [&] { manager().doUpdateFirmware(module.getLibName(), source.caller, noText); },
         isInterrupted);
-    watch.finish();
-    hasLateUpdate_ = hasLateUpdate_ || watch.isAnyStillRunning();
-    hasStuckWatch_ = hasStuckWatch_ || watch.isStuck();
-    if (isInterrupted) {
-        release(module, source, watch);
-        return notBegun(module);
-    }
+    finish(watch);
 
     // The registry checks by itself; without its mark it has started nothing.
     ModuleUpdate update;
-    if (!raised.empty()) {
-        update.name = module.getLibName();
-        update.outcome = Outcome::kFailed;
-        update.reason = raised;
+    if (isInterrupted) {
+        update = notBegun(module);
+    } else if (!raised.empty()) {
+        update = {module.getLibName(), Outcome::kFailed, "", raised};
     } else if (module.getNeedUpdate()) {
         update = outcomeOf(module);
     } else {
         update = withoutUpdate(describeCheck(module, source));
     }
-    release(module, source, watch);
+    release(module, source);
     return update;
 }
 
 ExitCode ModuleVerbs::update(const std::string& name, const ModuleSource& source)
 {
-    watchForRequestsFirst();
-    FWUpdateSymbol* module = nullptr;
-    ExitCode code = open(name, module);
-    if (code == kExitSuccess) {
-        code = prepareUpdates();
-    }
-    if (code != kExitSuccess) {
-        return code;
-    }
+    open(/*isUpdate=*/true);
+    FWUpdateSymbol& module = usableModule(name);
+    prepareUpdates();
     source_ = &source;
-    const ModuleUpdate update = updateOne(*module, source);
+    const ModuleUpdate update = updateOne(module, source);
     if (update.outcome == Outcome::kNotBegun) {
-        takeOverTheEnd();
-        return interrupted();
+        throw UpdateSlot::instance().interruption();
     }
-    if (update.outcome == Outcome::kNothingOffered) {
-        code = kExitNothingToUpdate;
-    } else {
-        code = exitCodeOf({update});
-    }
-    const bool wasNeeded =
-        update.outcome != Outcome::kNotNeeded && update.outcome != Outcome::kNothingOffered;
-    if (wasNeeded) {
+    const bool isOffered = update.outcome != Outcome::kNothingOffered;
+    const ExitCode code = isOffered ? exitCodeOf({update}) : kExitNothingToUpdate;
+    if (isOffered && update.outcome != Outcome::kNotNeeded) {
         tellAllDone();
     }
     takeOverTheEnd();
@@ -484,75 +443,34 @@ ExitCode ModuleVerbs::update(const std::string& name, const ModuleSource& source
 
 ExitCode ModuleVerbs::updateAll(const ModuleSource& source)
 {
-    bool& running = watchForRequestsFirst();
-    ExitCode code = open();
-    if (code == kExitSuccess) {
-        code = prepareUpdates();
-    }
-    if (code != kExitSuccess) {
-        return code;
-    }
+    open(/*isUpdate=*/true);
+    prepareUpdates();
     source_ = &source;
-    std::vector<ModuleUpdate> updates;
-    if (source.type == UPDATE_EMP) {
-        std::vector<ModuleCheck> checks;
-        code = checkInto(source, running, checks);
-        if (code != kExitSuccess) {
-            return code;
-        }
-        runMarked(checks, updates);
-    } else {
-        runOneByOne(source, updates);
+    const std::vector<ModuleUpdate> updates =
+        source.type == UPDATE_EMP ? runMarked() : runOneByOne(source);
+    if (isAny(updates, Outcome::kNotBegun) && UpdateSlot::instance().updatesBegun() == 0) {
+        throw UpdateSlot::instance().interruption();
     }
     takeOverTheEnd();
-    code = exitCodeOf(updates);
-    if (isAny(updates, Outcome::kNotBegun) && UpdateSlot::instance().updatesBegun() == 0) {
-        return interrupted();
-    }
+    const ExitCode code = exitCodeOf(updates);
     report_.updated(source, updates, code);
     return code;
 }
 
 ExitCode ModuleVerbs::unlock()
 {
-    const ReleaseResult result = UpdateSlot::release();
-    switch (result.release) {
-        case Release::kReleased:
-        case Release::kWasFree:
-            report_.unlocked(result.release == Release::kReleased);
-            return kExitSuccess;
-        case Release::kHeld:
-            return fail(
-                kExitAlreadyUpdating,
-                "the update semaphore stays locked: it may be held by " + describe(result.holders));
-        case Release::kStuck:
-            return fail(kExitAlreadyUpdating,
-                        "the update semaphore stays locked: a program that waits for it does not "
-                        "react, let it go on or end it first: " +
-                            describe(result.holders));
-        case Release::kUnknown:
-            return fail(kExitSystem,
-                        "the update semaphore stays locked: whether somebody holds it cannot be "
-                        "told by this user; root can release it");
-        default:
-            return fail(kExitSystem, std::string("the update semaphore ") + semName +
-                                         " cannot be had: " + result.trouble);
-    }
+    report_.unlocked(UpdateSlot::release());
+    return kExitSuccess;
 }
 
 ExitCode ModuleVerbs::version(const std::string& name)
 {
-    watchForRequests();
-    FWUpdateSymbol* module = nullptr;
-    const ExitCode opened = open(name, module);
-    if (opened != kExitSuccess) {
-        return opened;
+    open();
+    FWUpdateSymbol& module = usableModule(name);
+    if (!runningVersion(module)) {
+        throw Failure{kExitNoAnswer, "the module " + name + " does not tell its version"};
     }
-    if (!runningVersion(*module)) {
-        takeOverTheEnd();
-        return fail(kExitNoAnswer, "the module " + name + " does not tell its version");
-    }
-    const ModuleEntry entry = entryOf(*module);
+    const ModuleEntry entry = entryOf(module);
     takeOverTheEnd();
     report_.version(entry);
     return kExitSuccess;
@@ -560,50 +478,37 @@ ExitCode ModuleVerbs::version(const std::string& name)
 
 ExitCode ModuleVerbs::progress(const std::string& name)
 {
-    watchForRequests();
-    FWUpdateSymbol* module = nullptr;
-    const ExitCode opened = open(name, module);
-    if (opened != kExitSuccess) {
-        return opened;
+    open();
+    usableModule(name);
+    const std::optional<unsigned int> percent = updateProgress(name);
+    if (!percent) {
+        throw Failure{kExitNoAnswer, "the module " + name + " does not tell its progress"};
     }
-    unsigned int percent = 0;
-    int result = -1;
-    static_cast<void>(
-        raisedBy([&] { result = manager().getFirmwareUpdateProgress(name, &percent); }));
     takeOverTheEnd();
-    if (result != 0) {
-        return fail(kExitNoAnswer, "the module " + name + " does not tell its progress");
-    }
-    report_.progress(name, percent);
+    report_.progress(name, *percent);
     return kExitSuccess;
 }
 
+/// Some platforms download in the process that asks, so every download is waited for.
 ExitCode ModuleVerbs::download()
 {
-    watchForRequests();
-    const ExitCode opened = open();
-    if (opened != kExitSuccess) {
-        return opened;
-    }
-    std::vector<ModuleDownload> downloads;
-    std::vector<std::string> packages;
+    open();
+    std::vector<const FWUpdateSymbol*> modules;
     for (const FWUpdateSymbol& module : manager().modules()) {
         if (kindOf(module) == ModuleKind::kFirmware) {
-            downloads.push_back({module.getLibName(), false, ""});
-            packages.push_back(module.getEMPName());
+            modules.push_back(&module);
         }
     }
-    report_.downloading(packages.size());
-    const std::vector<std::optional<int>> statuses = downloadPackages(packages);
+    report_.downloading(modules.size());
+    std::vector<std::future<int>> ends;
+    for (const FWUpdateSymbol* module : modules) {
+        ends.push_back(startDownload(module->getEMPName()));
+    }
+    std::vector<ModuleDownload> downloads;
     ExitCode code = kExitSuccess;
-    for (std::size_t i = 0; i < statuses.size(); ++i) {
-        downloads[i].downloaded = statuses[i] == 0;
-        if (!statuses[i]) {
-            downloads[i].reason = "the platform did not accept the request";
-        } else if (*statuses[i] != 0) {
-            downloads[i].reason = "status " + std::to_string(*statuses[i]) + ", the log says why";
-        }
-        code = downloads[i].downloaded ? code : kExitDownloadFailed;
+    for (std::size_t i = 0; i < modules.size(); ++i) {
+        downloads.push_back(resultOfDownload(modules[i]->getLibName(), ends[i]));
+        code = downloads.back().downloaded ? code : kExitDownloadFailed;
     }
     takeOverTheEnd();
     report_.downloaded(downloads, code);

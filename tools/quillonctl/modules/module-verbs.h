@@ -13,9 +13,9 @@
 
 namespace quillon {
 
-/// Each verb finds and loads the device's modules, says everything through the report, errors
-/// included, and returns what the program exits with. A broken module is shown as such and never
-/// ends a verb that others can go on without.
+/// Each verb finds and loads the device's modules, says everything through the report, and returns
+/// what the program exits with. A broken module is shown as such and never ends a verb that others
+/// can go on without. Throws Failure.
 class ModuleVerbs
 {
 public:
@@ -41,26 +41,21 @@ public:
     bool hasLateUpdate() const { return hasLateUpdate_ || hasStuckWatch_; }
 
 private:
-    ExitCode fail(ExitCode code, const std::string& text);
-    ExitCode open();
-    /// @param[out] module  set on success only
-    ExitCode open(const std::string& name, FWUpdateSymbol*& module);
+    /// @param isUpdate  see keepKeyboardFromModules()
+    void open(bool isUpdate = false);
     /// Tidies up before an end that comes from another thread than the one that goes on here.
     void abandon();
+    void abandonOnRequest();
     [[noreturn]] void endBecauseOf(const std::string& who);
-    /// To be called before a module is loaded.
-    bool& watchForRequests();
-    /// For updates, see keepKeyboardFromModules().
-    bool& watchForRequestsFirst();
-    ExitCode interrupted();
-    ExitCode prepareUpdates();
-    ExitCode checkInto(const ModuleSource& source, bool& running, std::vector<ModuleCheck>& checks);
-    void runMarked(const std::vector<ModuleCheck>& checks, std::vector<ModuleUpdate>& updates);
-    void runOneByOne(const ModuleSource& source, std::vector<ModuleUpdate>& updates);
+    void prepareUpdates();
+    std::vector<ModuleCheck> checkAll(const ModuleSource& source);
+    std::vector<ModuleUpdate> runMarked();
+    std::vector<ModuleUpdate> runOneByOne(const ModuleSource& source);
     ModuleUpdate updateOne(FWUpdateSymbol& module, const ModuleSource& source);
     ModuleUpdate runProcess(FWUpdateSymbol& module, const ModuleSource& source);
+    void finish(UpdateWatch& watch);
     void tellAllDone();
-    void release(FWUpdateSymbol& module, const ModuleSource& source, const UpdateWatch& watch);
+    void release(FWUpdateSymbol& module, const ModuleSource& source);
 
     ModuleReport& report_;
     const std::chrono::milliseconds pollInterval_;

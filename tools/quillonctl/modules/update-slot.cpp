@@ -72,6 +72,24 @@ bool isSame(const SlotHolders& one, const SlotHolders& other)
            describe(one.stopped) == describe(other.stopped);
 }
 
+Failure noSemaphore(const std::string& why)
+{
+    return {kExitSystem, std::string("the update semaphore ") + semName + " cannot be had: " + why};
+}
+
+Failure staysLocked(ExitCode code, const std::string& why)
+{
+    return {code, "the update semaphore stays locked: " + why};
+}
+
+/// Throws Failure when there are any.
+void checkNobodyHolds(const std::vector<SlotHolder>& holders)
+{
+    if (!holders.empty()) {
+        throw staysLocked(kExitAlreadyUpdating, "it may be held by " + describe(holders));
+    }
+}
+
 }  // namespace
 
 UpdateSlot& UpdateSlot::instance()
@@ -80,7 +98,7 @@ UpdateSlot& UpdateSlot::instance()
     return slot;
 }
 
-std::string UpdateSlot::open()
+void UpdateSlot::open()
 {
     process_ = getpid();
     std::string trouble;
@@ -90,10 +108,18 @@ std::string UpdateSlot::open()
     }
     // Taking part comes before having the semaphore open: who has it open without that may hold it.
     semaphore_ = locks_ ? FWUpdateCommon::getInstance().create_semaphore() : nullptr;
-    if (semaphore_ == nullptr && trouble.empty()) {
-        trouble = std::strerror(errno);
+    if (semaphore_ == nullptr) {
+        throw noSemaphore(trouble.empty() ? std::strerror(errno) : trouble);
     }
-    return trouble;
+}
+
+Failure UpdateSlot::interruption() const
+{
+    if (!trouble_.empty()) {
+        return {kExitSystem, trouble_};
+    }
+    return {kExitInterrupted, updatesBegun_ == 0 ? "interrupted; nothing was updated"
+                                                 : "interrupted; not every update was begun"};
 }
 
 /// A module that closes all files closes that of the locks as well; the semaphore itself stays.
@@ -187,46 +213,51 @@ void UpdateSlot::post()
     endUpdating();
 }
 
-ReleaseResult UpdateSlot::release()
+bool UpdateSlot::release()
 {
     std::string trouble;
     const std::unique_ptr<SlotLocks> locks = SlotLocks::open(trouble);
+    if (!trouble.empty()) {
+        throw noSemaphore(trouble);
+    }
     if (!locks) {
-        return {trouble.empty() ? Release::kWasFree : Release::kNoAccess, {}, trouble};
+        return false;
     }
     const UniqueSemaphore semaphore(sem_open(semName, 0));
     if (semaphore.get() == SEM_FAILED) {
-        return {Release::kNoAccess, {}, std::strerror(errno)};
+        throw noSemaphore(std::strerror(errno));
     }
     int value = 0;
     if (sem_getvalue(semaphore.get(), &value) == 0 && value > 0) {
-        const SlotHolders holders = locks->isHeld() ? findSlotHolders(*locks) : SlotHolders();
-        return {holders.alive.empty() ? Release::kWasFree : Release::kHeld, holders.alive, ""};
+        if (locks->isHeld()) {
+            checkNobodyHolds(findSlotHolders(*locks).alive);
+        }
+        return false;
     }
     const bool isClosed = locks->closeGate();
     const SlotHolders holders = findSlotHolders(*locks);
-    if (!holders.alive.empty()) {
-        return {Release::kHeld, holders.alive, ""};
-    }
+    checkNobodyHolds(holders.alive);
     if (!isClosed) {
-        ReleaseResult stuck{Release::kStuck, holders.stopped, ""};
-        if (stuck.holders.empty()) {
-            stuck.holders = holders.waiting;
+        std::vector<SlotHolder> stuck = holders.stopped.empty() ? holders.waiting : holders.stopped;
+        if (stuck.empty()) {
+            stuck.push_back({});  // of another container
         }
-        if (stuck.holders.empty()) {
-            stuck.holders.push_back({});  // of another container
-        }
-        return stuck;
+        throw staysLocked(kExitAlreadyUpdating,
+                          "a program that waits for it does not react, let "
+                          "it go on or end it first: " +
+                              describe(stuck));
     }
     if (!holders.isComplete) {
-        return {Release::kUnknown, {}, ""};
+        throw staysLocked(kExitSystem,
+                          "whether somebody holds it cannot be told by this user; "
+                          "root can release it");
     }
     // Somebody may have released it before the gate was closed.
     if (sem_getvalue(semaphore.get(), &value) != 0 || value > 0) {
-        return {Release::kWasFree, {}, ""};
+        return false;
     }
     __real_sem_post(semaphore.get());
-    return {Release::kReleased, {}, ""};
+    return true;
 }
 
 }  // namespace quillon

@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 
+#include "tools/quillonctl/exit-codes.h"
 #include "tools/quillonctl/modules/slot-holders.h"
 #include "tools/quillonctl/modules/slot-locks.h"
 
@@ -19,22 +20,6 @@ namespace quillon {
 /// update can begin any more, see UpdateSlot::trouble().
 struct UpdateInterrupted
 {
-};
-
-enum class Release {
-    kReleased,
-    kWasFree,
-    kHeld,      ///< somebody alive may hold it
-    kUnknown,   ///< there may be somebody, whom this user cannot see
-    kNoAccess,  ///< this user may not use the semaphore
-    kStuck      ///< a control layer that waits for it does not react
-};
-
-struct ReleaseResult
-{
-    Release release = Release::kWasFree;
-    std::vector<SlotHolder> holders;  ///< of kHeld; of kStuck those that may be meant
-    std::string trouble;              ///< of kNoAccess, a phrase
 };
 
 /// The registry waits for the semaphore before each update, and posts it afterwards; the program is
@@ -48,9 +33,8 @@ public:
 
     static UpdateSlot& instance();
 
-    /// Opens the semaphore, and makes it where there is none.
-    /// @return why it cannot be had, a phrase; empty when it can
-    std::string open();
+    /// Opens the semaphore, and makes it where there is none. Throws Failure.
+    void open();
 
     /// @param onWaiting  called on the waiting thread when an update has to wait, and again when
     ///                   there is something new to say; empty for nobody
@@ -62,12 +46,16 @@ public:
     /// Why no update can begin any more; empty while they can.
     const std::string& trouble() const { return trouble_; }
 
+    /// What a verb ends with that was asked to end, or can begin no more updates.
+    Failure interruption() const;
+
     /// Posts the semaphore if this process holds it. Safe in a signal handler.
     /// @return whether it did
     bool giveBack();
 
     /// Releases a semaphore whose holder is no more.
-    static ReleaseResult release();
+    /// @return false when nobody has it. Throws Failure when it stays locked.
+    static bool release();
 
     /// @name What the registry calls
     /// @{

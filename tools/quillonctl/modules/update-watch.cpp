@@ -41,6 +41,11 @@ seconds allowedTime(const FWUpdateSymbol& module)
     return seconds(static_cast<std::uint32_t>(expectedSeconds(module) + kGraceSeconds));
 }
 
+bool isStillRunning(const FWUpdateSymbol* module)
+{
+    return ModuleEvents::instance().of(module->getLibName()).isUpdating();
+}
+
 }  // namespace
 
 /// What the watching thread uses, which may outlive its watch.
@@ -94,9 +99,9 @@ void UpdateWatch::Watching::loop()
         // Updates run in the registry's order, so the last one that runs is the one to be shown;
         // those before it have overrun their time.
         for (auto module = modules.rbegin(); module != modules.rend(); ++module) {
-            const auto run = ModuleEvents::instance().run((*module)->getLibName());
-            if (run && !run->end) {
-                show(**module, *run, lock);
+            const ModuleHistory history = ModuleEvents::instance().of((*module)->getLibName());
+            if (history.isUpdating()) {
+                show(**module, *history.run, lock);
                 break;
             }
         }
@@ -115,25 +120,21 @@ void UpdateWatch::Watching::show(const FWUpdateSymbol& module, const ModuleRun& 
     }
     const auto passed = std::chrono::duration_cast<seconds>(Clock::now() - run.began);
     const seconds expected = expectedTime(module);
-    unsigned int percent = 0;
-    int result = -1;
     const std::string name = module.getLibName();
     lock.unlock();
-    static_cast<void>(raisedBy([&] {
-        result = FWUpdateSymbolManager::getInstance()->getFirmwareUpdateProgress(name, &percent);
-    }));
+    std::optional<unsigned int> percent = updateProgress(name);
     lock.lock();
     if (isStopped) {
         return;
     }
-    if (result != 0) {
+    if (!percent) {
         percent = expected > seconds::zero()
                       ? static_cast<unsigned int>(passed.count() * 100 / expected.count())
                       : 99U;
-        percent = std::min(percent, 99U);  // done is what the registry says is done
+        percent = std::min(*percent, 99U);  // done is what the registry says is done
     }
     report.progressed(
-        static_cast<int>(std::min(percent, 100U)),
+        static_cast<int>(std::min(*percent, 100U)),
         static_cast<int>(std::clamp(expected - passed, seconds::zero(), kLongestTimeLeft).count()));
 }
 
@@ -156,7 +157,7 @@ void UpdateWatch::waitForLate()
 {
     seconds limit = kShortestSecondChance;
     for (const FWUpdateSymbol* module : modules_) {
-        if (isStillRunning(*module)) {
+        if (isStillRunning(module)) {
             limit = std::max(limit, std::min(expectedTime(*module), allowedTime(*module)));
             report_.waitingForLate(module->getLibName());
         }
@@ -167,16 +168,9 @@ void UpdateWatch::waitForLate()
     }
 }
 
-bool UpdateWatch::isStillRunning(const FWUpdateSymbol& module) const
-{
-    const auto run = ModuleEvents::instance().run(module.getLibName());
-    return run && !run->end;
-}
-
 bool UpdateWatch::isAnyStillRunning() const
 {
-    return std::any_of(modules_.begin(), modules_.end(),
-                       [this](const FWUpdateSymbol* module) { return isStillRunning(*module); });
+    return std::any_of(modules_.begin(), modules_.end(), isStillRunning);
 }
 
 }  // namespace quillon

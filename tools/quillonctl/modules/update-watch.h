@@ -29,8 +29,6 @@ public:
     /// progress gets five seconds as well.
     void finish();
 
-    /// After finish(): whether its update is still running.
-    bool isStillRunning(const FWUpdateSymbol& module) const;
     /// After finish(): whether any update is still running.
     bool isAnyStillRunning() const;
 
