@@ -6,8 +6,8 @@
 
 #include "tools/quillonctl/modules/foreign-end.h"
 #include "tools/quillonctl/modules/module-commands.h"
+#include "tools/quillonctl/progress-display.h"
 #include "tools/quillonctl/standard-files.h"
-#include "tools/quillonctl/terminal.h"
 #include "tools/quillonctl/verbs.h"
 
 namespace {

@@ -1,11 +1,16 @@
 #include "tools/quillonctl/progress-display.h"
 
+#include <sys/ioctl.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdlib>
 
 namespace quillon {
 
 namespace {
 
+constexpr int kUsualWidth = 80;
 constexpr int kSmallestBar = 5;
 constexpr int kLargestBar = 50;
 constexpr int kBrackets = 3;  // "[", "]" and a blank
@@ -45,6 +50,19 @@ std::string describeTimeLeft(int secondsLeft)
         return "about " + std::to_string(secondsLeft) + " s left";
     }
     return "about " + std::to_string(secondsLeft / 60 + secondsLeft % 60 / 30) + " min left";
+}
+
+bool canRedraw()
+{
+    const char* terminal = std::getenv("TERM");
+    return isatty(STDOUT_FILENO) == 1 && terminal != nullptr && std::string(terminal) != "dumb";
+}
+
+int terminalWidth()
+{
+    winsize size{};
+    const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    return known ? size.ws_col : kUsualWidth;
 }
 
 std::string ProgressDisplay::show(int percent, int secondsLeft, int columns)

@@ -1,4 +1,4 @@
-/// The progress of an update as text.
+/// The progress of an update as text, and the terminal that shows it.
 #ifndef QUILLON_QUILLONCTL_PROGRESS_DISPLAY_H
 #define QUILLON_QUILLONCTL_PROGRESS_DISPLAY_H
 
@@ -8,6 +8,12 @@ namespace quillon {
 
 /// @return "about 12 s left", "about 3 min left", or for 0 "longer than expected"
 std::string describeTimeLeft(int secondsLeft);
+
+/// Whether standard output is a terminal that can draw a line over.
+bool canRedraw();
+
+/// Columns of that terminal; 80 when they are not known.
+int terminalWidth();
 
 /// Turns each poll's numbers into what has to be written to standard output; writes nothing itself.
 class ProgressDisplay

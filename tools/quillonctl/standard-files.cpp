@@ -1,12 +1,12 @@
 #include "tools/quillonctl/standard-files.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <iostream>
 
 #include "tools/quillonctl/exit-codes.h"
+#include "tools/quillonctl/signals.h"
 
 namespace quillon {
 
@@ -34,13 +34,8 @@ void prepareStandardFiles()
     takeNumber(STDOUT_FILENO, O_RDONLY);
     takeNumber(STDERR_FILENO, O_WRONLY);
 
-    struct sigaction action = {};
-    sigaction(SIGPIPE, nullptr, &action);
-    if (action.sa_handler == SIG_DFL) {
-        action = {};
-        action.sa_handler = goOn;
-        action.sa_flags = SA_RESTART;
-        sigaction(SIGPIPE, &action, nullptr);
+    if (handlerOf(SIGPIPE) == SIG_DFL) {
+        onSignal(SIGPIPE, goOn);
     }
 }
 

@@ -2,7 +2,6 @@
 
 #include "tools/quillonctl/progress-display.h"
 #include "tools/quillonctl/report.h"
-#include "tools/quillonctl/terminal.h"
 
 namespace quillon {
 

@@ -1,6 +1,5 @@
 #include "tools/quillonctl/verbs.h"
 
-#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +11,8 @@
 #include <filesystem>
 #include <map>
 #include <thread>
+
+#include "tools/quillonctl/signals.h"
 
 namespace quillon {
 
@@ -41,9 +42,7 @@ void handleInterrupt(int /*signal*/)
 void onInterruptSay(const char* text)
 {
     g_onInterrupt = text;
-    struct sigaction action = {};
-    action.sa_handler = handleInterrupt;
-    sigaction(SIGINT, &action, nullptr);
+    onSignal(SIGINT, handleInterrupt);
 }
 
 /// Throws Failure when there is an error.

@@ -1,7 +1,6 @@
 #include "tools/quillonctl/modules/foreign-end.h"
 
 #include <dlfcn.h>
-#include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <unwind.h>
@@ -11,7 +10,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <initializer_list>
 #include <memory>
 #include <new>
 #include <utility>
@@ -22,6 +20,7 @@
 #include "tools/quillonctl/exit-codes.h"
 #include "tools/quillonctl/modules/interruption.h"
 #include "tools/quillonctl/modules/update-slot.h"
+#include "tools/quillonctl/signals.h"
 
 namespace quillon {
 
@@ -91,12 +90,8 @@ void onStuckEnd(int /*signal*/)
 /// locked. What it has left to be done at the program's end may take for ever.
 void endSoon()
 {
-    struct sigaction action = {};
-    action.sa_handler = onStuckEnd;
-    sigaction(SIGALRM, &action, nullptr);
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGALRM);
+    onSignal(SIGALRM, onStuckEnd);
+    const sigset_t signals = signalSet({SIGALRM});
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
     alarm(kSecondsToTell);
 }
@@ -149,9 +144,7 @@ void onCrash(int signal, siginfo_t* info, void* /*context*/)
             say(kCrashed);
         }
     }
-    struct sigaction usual = {};
-    usual.sa_handler = SIG_DFL;
-    sigaction(signal, &usual, nullptr);
+    onSignal(signal, SIG_DFL);
     static_cast<void>(raise(signal));
 }
 
@@ -217,12 +210,10 @@ void watchForForeignEnd(std::function<void(const std::string& who)> onEnd)
         static_cast<void>(std::at_quick_exit(onForeignEnd));
     }
     for (const int signal : kCrashes) {
-        struct sigaction action = {};
-        sigaction(signal, nullptr, &action);
-        if (action.sa_handler != SIG_DFL) {
+        if (handlerOf(signal) != SIG_DFL) {
             continue;
         }
-        action = {};
+        struct sigaction action = {};
         action.sa_sigaction = onCrash;
         action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER | SA_RESTART;
         sigaction(signal, &action, nullptr);

@@ -2,14 +2,12 @@
 
 #include <pthread.h>
 #include <semaphore.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <initializer_list>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -18,6 +16,7 @@
 #include "tools/quillonctl/exit-codes.h"
 #include "tools/quillonctl/modules/foreign-end.h"
 #include "tools/quillonctl/modules/update-slot.h"
+#include "tools/quillonctl/signals.h"
 
 namespace quillon {
 
@@ -84,36 +83,6 @@ void request(int /*signal*/)
     errno = callersErrno;
 }
 
-void on(int signal, void (*handler)(int))
-{
-    struct sigaction action = {};
-    action.sa_handler = handler;
-    action.sa_flags = SA_RESTART;
-    sigaction(signal, &action, nullptr);
-}
-
-/// What a terminal sends to all its programs when somebody presses Ctrl-C or Ctrl-backslash.
-sigset_t fromKeyboard()
-{
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGQUIT);
-    return signals;
-}
-
-bool hasDefaultAction(int signal)
-{
-    struct sigaction action = {};
-    return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_DFL;
-}
-
-bool isIgnored(int signal)
-{
-    struct sigaction action = {};
-    return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
-}
-
 /// Those that end or stop a process unless they are caught, but for requests and what a crash
 /// raises.
 bool isWorthHoldingOff(int signal)
@@ -125,7 +94,7 @@ bool isWorthHoldingOff(int signal)
             return false;
         }
     }
-    return hasDefaultAction(signal);
+    return handlerOf(signal) == SIG_DFL;
 }
 
 void endWhenTheMainThreadDoesNot(const std::function<void()>& abandon)
@@ -166,10 +135,9 @@ void unblockInParent()
 void leaveSignalsToChild()
 {
     for (int signal = 1; signal <= SIGRTMAX; ++signal) {
-        struct sigaction action = {};
-        if (sigaction(signal, nullptr, &action) == 0 &&
-            (action.sa_handler == holdOff || action.sa_handler == request)) {
-            on(signal, SIG_DFL);
+        const SignalHandler handler = handlerOf(signal);
+        if (handler == holdOff || handler == request) {
+            onSignal(signal, SIG_DFL);
         }
     }
     pthread_sigmask(SIG_SETMASK, &g_beforeFork, nullptr);
@@ -182,19 +150,17 @@ void openWhenNoneUpdates()
         !change(State::kUpdating, g_afterUpdates)) {
         return;
     }
-    on(SIGINT, request);
-    on(SIGQUIT, request);
+    onSignal(SIGINT, request);
+    onSignal(SIGQUIT, request);
 }
 
 /// Takes those that all other threads have blocked.
 [[noreturn]] void takeRequests()
 {
-    sigset_t signals = fromKeyboard();
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGHUP);
+    const sigset_t signals = signalSet({SIGINT, SIGQUIT, SIGTERM, SIGHUP});
     for (;;) {
         int signal = 0;
-        if (sigwait(&signals, &signal) == 0 && (signal != SIGHUP || !isIgnored(SIGHUP))) {
+        if (sigwait(&signals, &signal) == 0 && (signal != SIGHUP || handlerOf(SIGHUP) != SIG_IGN)) {
             request(signal);
         }
     }
@@ -204,7 +170,7 @@ void openWhenNoneUpdates()
 
 void keepKeyboardFromModules()
 {
-    const sigset_t signals = fromKeyboard();
+    const sigset_t signals = signalSet({SIGINT, SIGQUIT});
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
@@ -216,10 +182,10 @@ void watchForRequests(std::function<void()> abandon)
     std::thread(endWhenTheMainThreadDoesNot, std::move(abandon)).detach();
     std::thread(takeRequests).detach();
     for (const int signal : {SIGINT, SIGTERM, SIGQUIT}) {
-        on(signal, request);
+        onSignal(signal, request);
     }
-    if (hasDefaultAction(SIGHUP)) {  // nohup(1) ignores it
-        on(SIGHUP, request);
+    if (handlerOf(SIGHUP) == SIG_DFL) {  // nohup(1) ignores it
+        onSignal(SIGHUP, request);
     }
 }
 
@@ -237,7 +203,7 @@ void holdOffSignals()
         }
         // The system repeats the call that raises one of these two for as long as there is a
         // handler.
-        on(signal, signal == SIGTTIN || signal == SIGTTOU ? SIG_IGN : holdOff);
+        onSignal(signal, signal == SIGTTIN || signal == SIGTTOU ? SIG_IGN : holdOff);
     }
 }
 
@@ -276,7 +242,7 @@ void beginUpdating()
     g_updates.isAboutToBegin = true;
     g_state = State::kUpdating;
     for (const int signal : {SIGINT, SIGQUIT, SIGHUP}) {
-        on(signal, SIG_IGN);
+        onSignal(signal, SIG_IGN);
     }
 }
 

@@ -23,9 +23,10 @@ bool& runningFlag();
 /// Whether the flag has been cleared. Thread: any.
 bool isInterrupted();
 
-/// What the keyboard sends is blocked on this thread from now on, and so in every thread and
-/// program that a module starts from it: a thread of a module's own cannot take a request away
-/// during an update. To be called after watchForRequests() and before a module is loaded.
+/// What the keyboard sends (Ctrl-C, Ctrl-backslash) is blocked on this thread from now on, and so
+/// in every thread and program that a module starts from it: a thread of a module's own cannot take
+/// a request away during an update. To be called after watchForRequests() and before a module is
+/// loaded.
 void keepKeyboardFromModules();
 
 /// From now on no other signal that can be held off ends or stops the process either.

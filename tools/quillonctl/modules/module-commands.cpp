@@ -7,8 +7,8 @@
 #include "tools/quillonctl/modules/foreign-end.h"
 #include "tools/quillonctl/modules/interruption.h"
 #include "tools/quillonctl/modules/module-verbs.h"
+#include "tools/quillonctl/progress-display.h"
 #include "tools/quillonctl/standard-files.h"
-#include "tools/quillonctl/terminal.h"
 
 namespace quillon {
 

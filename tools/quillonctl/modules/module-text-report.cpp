@@ -6,7 +6,6 @@
 #include "tools/quillonctl/modules/module-report.h"
 #include "tools/quillonctl/modules/outside-text.h"
 #include "tools/quillonctl/progress-display.h"
-#include "tools/quillonctl/terminal.h"
 
 namespace quillon {
 

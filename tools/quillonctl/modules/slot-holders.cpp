@@ -85,7 +85,7 @@ SlotHolders findSlotHolders(const SlotLocks& locks)
             continue;
         }
         const Mapping mapping = mappingOf(process, locks.file());
-        if (mapping == Mapping::kHas && locks.partOf(process) != SlotLocks::Part::kTakesPart) {
+        if (mapping == Mapping::kHas && !locks.onlyTakesPart(process)) {
             holders.alive.push_back({process, commandOf(process)});
         } else if (mapping == Mapping::kHas) {
             holders.waiting.push_back({process, commandOf(process)});

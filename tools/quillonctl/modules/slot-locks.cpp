@@ -1,6 +1,5 @@
 #include "tools/quillonctl/modules/slot-locks.h"
 
-#include <fcntl.h>
 #include <pwd.h>
 #include <semaphore.h>
 #include <unistd.h>
@@ -12,11 +11,12 @@
 #include <cstring>
 #include <thread>
 
-#include "tools/quillonctl/modules/semaphore-file.h"
-
 namespace quillon {
 
 namespace {
+
+/// Where the C library keeps the update semaphore (semName).
+constexpr const char* kSemaphoreFile = "/dev/shm/sem.SEM_UPDATE_CONTROL";
 
 constexpr off_t kTurnstile = 0;
 constexpr off_t kGate = 1;
@@ -198,28 +198,30 @@ void SlotLocks::stopHolding()
     set(F_UNLCK, kHeld);
 }
 
-SlotLocks::Part SlotLocks::partOf(pid_t process) const
+std::optional<struct flock> SlotLocks::lockInTheWay(short type, off_t byte, off_t length) const
 {
-    struct flock lock = lockOf(F_WRLCK, kNumbers + process, 1);
+    struct flock lock = lockOf(type, byte, length);
     if (fcntl(descriptor_.get(), F_OFD_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) {
-        return Part::kNone;
+        return std::nullopt;
     }
-    return lock.l_type == F_WRLCK ? Part::kMayHold : Part::kTakesPart;
+    return lock;
+}
+
+bool SlotLocks::onlyTakesPart(pid_t process) const
+{
+    const auto lock = lockInTheWay(F_WRLCK, kNumbers + process, 1);
+    return lock && lock->l_type == F_RDLCK;
 }
 
 bool SlotLocks::isHeld() const
 {
-    struct flock lock = lockOf(F_RDLCK, kHeld, 1);
-    return fcntl(descriptor_.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+    return lockInTheWay(F_RDLCK, kHeld, 1).has_value();
 }
 
 pid_t SlotLocks::holder() const
 {
-    struct flock lock = lockOf(F_RDLCK, kNumbers + 1, 0);
-    if (fcntl(descriptor_.get(), F_OFD_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) {
-        return 0;
-    }
-    return static_cast<pid_t>(lock.l_start - kNumbers);
+    const auto lock = lockInTheWay(F_RDLCK, kNumbers + 1, 0);
+    return lock ? static_cast<pid_t>(lock->l_start - kNumbers) : 0;
 }
 
 }  // namespace quillon

@@ -2,10 +2,12 @@
 #ifndef QUILLON_QUILLONCTL_SLOT_LOCKS_H
 #define QUILLON_QUILLONCTL_SLOT_LOCKS_H
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "base/fd.h"
@@ -28,8 +30,6 @@ namespace quillon {
 class SlotLocks
 {
 public:
-    enum class Part { kNone, kTakesPart, kMayHold };
-
     /// Opens the semaphore's file and takes part. A file that a stranger could have put there, or
     /// could shorten, is refused: it belongs to root, to this user or, for root, to the service's.
     /// @param[out] trouble  a phrase with the remedy on failure; empty when there is no semaphore
@@ -55,8 +55,8 @@ public:
     bool startHolding();
     /// Safe in a signal handler.
     void stopHolding();
-    /// What another process does.
-    Part partOf(pid_t process) const;
+    /// Whether another process takes part, and does not have the semaphore.
+    bool onlyTakesPart(pid_t process) const;
     /// Whether another process has the semaphore.
     bool isHeld() const;
     /// Its number; 0 when it is not known.
@@ -73,6 +73,7 @@ private:
     SlotLocks(int file, const struct stat& status) : descriptor_(file), file_(status) {}
     bool isOwnFile() const;
     bool set(short type, off_t byte);
+    std::optional<struct flock> lockInTheWay(short type, off_t byte, off_t length) const;
 
     UniqueFd descriptor_;
     struct stat file_;
