@@ -93,27 +93,26 @@ Error ClientLock::acquire(const std::string& path, const Deadline& deadline)
 {
     release();
     while (true) {
-        const int file = openOrCreate(path);
-        if (file == -1) {
+        UniqueFd file(openOrCreate(path));
+        if (!file) {
             return cannotOpen(path, errno);
         }
         // Anybody may have put anything here. Nothing is done to a file before it is known to be no
         // other one's: a hard link would have us write into somebody's data.
         struct stat status = {};
-        if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink > 1) {
-            ::close(file);
+        if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink > 1) {
             return unusable(path, S_ISREG(status.st_mode)
                                       ? "it is another name of a file that has more than one"
                                       : kNotRegular);
         }
-        if (flock(file, LOCK_EX | LOCK_NB) == 0) {
-            file_ = file;
+        if (flock(file.get(), LOCK_EX | LOCK_NB) == 0) {
+            file_ = std::move(file);
             owner_ = getpid();
-            writeHolder(file);
+            writeHolder(file_.get());
             return {};
         }
-        Error error = busy(file);
-        ::close(file);
+        Error error = busy(file.get());
+        file.reset();
         if (deadline.passed()) {
             return error;
         }
@@ -123,17 +122,13 @@ Error ClientLock::acquire(const std::string& path, const Deadline& deadline)
 
 void ClientLock::release()
 {
-    if (file_ == -1) {
-        return;
-    }
     // A child that was forked off shares the lock: this process unlocks for both by saying so, and
     // a child that ends must not take it away from its parent.
-    if (owner_ == getpid()) {
-        eraseHolder(file_);  // whoever finds the lock taken next must not be told of this one
-        flock(file_, LOCK_UN);
+    if (file_ && owner_ == getpid()) {
+        eraseHolder(file_.get());  // whoever finds the lock taken next must not be told of this one
+        flock(file_.get(), LOCK_UN);
     }
-    ::close(file_);
-    file_ = -1;
+    file_.reset();
 }
 
 std::string ClientLock::defaultPath()

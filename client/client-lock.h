@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "base/fd.h"
 #include "client/deadline.h"
 #include "quillon/client.h"
 
@@ -30,7 +31,7 @@ public:
 
     /// Gives the lock up; in a child forked off by the holder it only closes the child's copy.
     void release();
-    bool isHeld() const { return file_ != -1; }
+    bool isHeld() const { return static_cast<bool>(file_); }
 
     /// @return "/run/lock/quillon-client.lock" where every user may write to /run/lock, else
     ///         "/tmp/quillon-client.lock". It does not depend on who asks, so that a client run by
@@ -38,7 +39,7 @@ public:
     static std::string defaultPath();
 
 private:
-    int file_ = -1;
+    UniqueFd file_;
     pid_t owner_ = 0;
 };
 

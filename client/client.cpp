@@ -92,21 +92,6 @@ Error checkDirectory(const std::string& directory)
     return {};
 }
 
-Error nothingStarted()
-{
-    return {ErrorCode::kNoReply,
-            "the update service has started nothing: it has no image key, or its own look at the "
-            "stick found nothing to update, as when the stick was taken out or cannot be read; its "
-            "log says which: put the stick back and start again"};
-}
-
-Error startReplyMissing()
-{
-    return {ErrorCode::kBadReply,
-            "the reply to the start is missing, as when somebody else reads the replies; ask for "
-            "the progress to learn whether an update runs"};
-}
-
 }  // namespace
 
 class Client::Impl
@@ -302,7 +287,15 @@ Error Client::Impl::start()
         keepOutcome(toProgress(reply));
     }
     inStep_ = true;
-    return reply.result == MQ_RESULT_NOT_RUNNING ? nothingStarted() : startReplyMissing();
+    if (reply.result == MQ_RESULT_NOT_RUNNING) {
+        return {ErrorCode::kNoReply,
+                "the update service has started nothing: it has no image key, or its own look at "
+                "the stick found nothing to update, as when the stick was taken out or cannot be "
+                "read; its log says which: put the stick back and start again"};
+    }
+    return {ErrorCode::kBadReply,
+            "the reply to the start is missing, as when somebody else reads the replies; ask for "
+            "the progress to learn whether an update runs"};
 }
 
 /// @param[out] reply  the next reply, to whatever command

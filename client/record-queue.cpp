@@ -1,6 +1,7 @@
 #include "client/record-queue.h"
 
 #include <fcntl.h>
+#include <mqueue.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -30,20 +31,19 @@ Error serviceEnded()
 
 Error RecordQueue::open(const char* name, int flags)
 {
-    close();
-    queue_ = mq_open(name, flags | O_CLOEXEC);
-    if (queue_ == kClosed && errno == ENOENT) {
+    queue_ = UniqueFd(mq_open(name, flags | O_CLOEXEC));
+    if (!queue_ && errno == ENOENT) {
         return {ErrorCode::kNoService,
                 std::string("the update service is not running (no queue ") + name + ")"};
     }
-    if (queue_ == kClosed) {
+    if (!queue_) {
         const bool isRefused = errno == EACCES;
         Error error = systemError(std::string("cannot open the queue ") + name);
         error.text += isRefused ? kMembersOnly : "";
         return error;
     }
     mq_attr attributes{};
-    if (mq_getattr(queue_, &attributes) != 0) {
+    if (mq_getattr(queue_.get(), &attributes) != 0) {
         return systemError(std::string("cannot query the queue ") + name);
     }
     if (attributes.mq_msgsize != static_cast<long>(sizeof(MQData))) {
@@ -55,19 +55,10 @@ Error RecordQueue::open(const char* name, int flags)
     return {};
 }
 
-void RecordQueue::close()
-{
-    if (queue_ != kClosed) {
-        mq_close(queue_);
-        queue_ = kClosed;
-    }
-}
-
 QueueOwner RecordQueue::owner() const
 {
-    // On Linux a queue descriptor is a file descriptor.
     struct stat status = {};
-    if (fstat(queue_, &status) != 0) {
+    if (fstat(queue_.get(), &status) != 0) {
         return {static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
     }
     return {status.st_uid, status.st_gid};
@@ -76,7 +67,7 @@ QueueOwner RecordQueue::owner() const
 bool RecordQueue::isAbandoned() const
 {
     struct stat status = {};
-    const bool removed = fstat(queue_, &status) == 0 && status.st_nlink == 0;
+    const bool removed = fstat(queue_.get(), &status) == 0 && status.st_nlink == 0;
     return removed || process_.hasEnded();
 }
 
@@ -90,7 +81,7 @@ Error RecordQueue::send(const MQData& record, const Deadline& deadline)
             return serviceEnded();
         }
         const timespec until = deadline.nextWait();
-        if (mq_timedsend(queue_, bytes, sizeof bytes, 0, &until) == 0) {
+        if (mq_timedsend(queue_.get(), bytes, sizeof bytes, 0, &until) == 0) {
             return {};
         }
         if (errno != EINTR && errno != ETIMEDOUT) {
@@ -108,7 +99,7 @@ Error RecordQueue::receive(MQData& record, const Deadline& deadline, int& malfor
     while (true) {
         const bool abandoned = isAbandoned();  // asked first: its last reply is still good
         const timespec until = deadline.nextWait();
-        const ssize_t size = mq_timedreceive(queue_, bytes, sizeof bytes, nullptr, &until);
+        const ssize_t size = mq_timedreceive(queue_.get(), bytes, sizeof bytes, nullptr, &until);
         if (size == static_cast<ssize_t>(sizeof bytes)) {
             std::memcpy(&record, bytes, sizeof record);
             return {};
@@ -131,7 +122,8 @@ void RecordQueue::drain(const Deadline& deadline)
     // A time long past: what waits is still handed out, and nothing is waited for.
     const timespec past{};
     char bytes[sizeof(MQData)];
-    while (mq_timedreceive(queue_, bytes, sizeof bytes, nullptr, &past) >= 0 || errno == EINTR) {
+    while (mq_timedreceive(queue_.get(), bytes, sizeof bytes, nullptr, &past) >= 0 ||
+           errno == EINTR) {
         if (deadline.passed()) {
             return;
         }
@@ -141,7 +133,7 @@ void RecordQueue::drain(const Deadline& deadline)
 long RecordQueue::waiting() const
 {
     mq_attr attributes{};
-    return mq_getattr(queue_, &attributes) == 0 ? attributes.mq_curmsgs : 0;
+    return mq_getattr(queue_.get(), &attributes) == 0 ? attributes.mq_curmsgs : 0;
 }
 
 }  // namespace quillon

@@ -3,8 +3,8 @@
 #define QUILLON_CLIENT_RECORD_QUEUE_H
 
 #include <fw-update-mqdata.h>
-#include <mqueue.h>
 
+#include "base/fd.h"
 #include "client/deadline.h"
 #include "client/service-process.h"
 #include "quillon/client.h"
@@ -14,24 +14,21 @@ namespace quillon {
 /// @return kLost
 Error serviceEnded();
 
-/// Owns a queue descriptor. Waits are resumed after signals, and end with kLost within a second
-/// when the service has ended: it removes its queues, or its process is gone.
+/// Owns a queue's descriptor, which on Linux is a file descriptor. Waits are resumed after signals,
+/// and end with kLost within a second when the service has ended: it removes its queues, or its
+/// process is gone.
 class RecordQueue
 {
 public:
     /// @param process  must outlive this object
     explicit RecordQueue(const ServiceProcess& process) : process_(process) {}
-    ~RecordQueue() { close(); }
-    RecordQueue(const RecordQueue&) = delete;
-    RecordQueue& operator=(const RecordQueue&) = delete;
 
     /// Opens an existing queue.
     /// @param flags  O_RDONLY or O_WRONLY
     /// @return kNoService when it does not exist; kSystem when it may not be opened or does not
     ///         carry records of the channel's size
     Error open(const char* name, int flags);
-    void close();
-    bool isOpen() const { return queue_ != kClosed; }
+    void close() { queue_.reset(); }
 
     /// @return whose queue it is
     QueueOwner owner() const;
@@ -54,10 +51,8 @@ public:
     long waiting() const;
 
 private:
-    static constexpr mqd_t kClosed = -1;
-
     const ServiceProcess& process_;
-    mqd_t queue_ = kClosed;
+    UniqueFd queue_;
 };
 
 }  // namespace quillon

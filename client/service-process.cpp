@@ -93,9 +93,9 @@ bool isService(const std::string& pid, const QueueOwner& queues)
     return user && isServicesUser(*user, groups, queues);
 }
 
-bool ended(int handle)
+bool ended(const UniqueFd& handle)
 {
-    pollfd file{handle, POLLIN, 0};
+    pollfd file{handle.get(), POLLIN, 0};
     return poll(&file, 1, 0) == 1;
 }
 
@@ -112,25 +112,12 @@ void ServiceProcess::find(const QueueOwner& queues)
         if (pid <= 0 || !isService(entry->d_name, queues)) {
             continue;
         }
-        const int handle = static_cast<int>(syscall(kPidfdOpen, pid, 0));
-        if (handle == -1) {
-            continue;
-        }
+        UniqueFd handle(static_cast<int>(syscall(kPidfdOpen, pid, 0)));
         // It may have ended in between, and another process may have its number now.
-        if (ended(handle) || !isService(entry->d_name, queues)) {
-            close(handle);
-            continue;
+        if (handle && !ended(handle) && isService(entry->d_name, queues)) {
+            handles_.push_back(std::move(handle));
         }
-        handles_.push_back(handle);
     }
-}
-
-void ServiceProcess::forget()
-{
-    for (const int handle : handles_) {
-        close(handle);
-    }
-    handles_.clear();
 }
 
 bool ServiceProcess::hasEnded() const

@@ -6,6 +6,8 @@
 
 #include <vector>
 
+#include "base/fd.h"
+
 namespace quillon {
 
 /// Whose the queues are.
@@ -20,11 +22,6 @@ struct QueueOwner
 class ServiceProcess
 {
 public:
-    ServiceProcess() = default;
-    ~ServiceProcess() { forget(); }
-    ServiceProcess(const ServiceProcess&) = delete;
-    ServiceProcess& operator=(const ServiceProcess&) = delete;
-
     /// Looks for processes called "quillon-service" in this process's PID namespace. Does nothing
     /// when it has found one before. Finds none where the program has another name, runs in another
     /// namespace, or /proc hides it.
@@ -32,14 +29,14 @@ public:
     ///                also those of the life marker's owner, when the queues' group is among their
     ///                supplementary ones
     void find(const QueueOwner& queues);
-    void forget();
+    void forget() { handles_.clear(); }
 
     /// @return whether one was found and all that were found have ended. One that nobody has waited
     ///         for counts as ended.
     bool hasEnded() const;
 
 private:
-    std::vector<int> handles_;  ///< pidfds
+    std::vector<UniqueFd> handles_;  ///< pidfds
 };
 
 }  // namespace quillon
