@@ -1,11 +1,13 @@
 #include <CLI/CLI.hpp>
+#include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <string>
 
 #include "tools/quillonctl/modules/foreign-end.h"
-#include "tools/quillonctl/modules/module-commands.h"
+#include "tools/quillonctl/modules/interruption.h"
+#include "tools/quillonctl/modules/module-verbs.h"
 #include "tools/quillonctl/progress-display.h"
 #include "tools/quillonctl/standard-files.h"
 #include "tools/quillonctl/verbs.h"
@@ -26,12 +28,21 @@ constexpr const char* kFooter =
     "11 unusable module, 12 a module does not answer, 13 update timed out,\n"
     "14 download failed, 130 interrupted";
 
+constexpr const char* kModulesFooter =
+    "The modules are worked on by this program itself, with the update service running or not.\n"
+    "\n"
+    "Sources: usb (a stick), package (default), system (the read-only firmware area),\n"
+    "shared (the writable shared area)";
+
 struct Arguments
 {
     bool json = false;
     bool quiet = false;
     double timeout = 0;  ///< seconds; 0: the client's own
     std::string directory;
+    std::string module;
+    std::string source = "package";  ///< of modules
+    bool all = false;                ///< modules
 };
 
 ClientOptions clientOptions(const Arguments& arguments)
@@ -68,11 +79,130 @@ void addOptions(CLI::App& app, Arguments& arguments)
         ->option_text("SECONDS");
 }
 
+std::string checkSource(const std::string& name)
+{
+    return findModuleSource(name) != nullptr
+               ? std::string()
+               : "takes usb, package, system or shared, not \"" + name + "\"";
+}
+
 void takeDirectory(CLI::App* verb, Arguments& arguments)
 {
     verb->add_option("DIR", arguments.directory, "Directory of the stick with the images")
         ->required()
         ->option_text(" ");
+}
+
+void takeSource(CLI::App* verb, Arguments& arguments)
+{
+    verb->add_option("--source", arguments.source, "Where to look for images")
+        ->check(checkSource)
+        ->option_text("SOURCE");
+}
+
+CLI::Option* takeModule(CLI::App* verb, Arguments& arguments)
+{
+    return verb->add_option("NAME", arguments.module, "The module's library name")
+        ->option_text(" ");
+}
+
+void addServiceVerbs(CLI::App& app, Arguments& arguments)
+{
+    takeDirectory(app.add_subcommand("update", "Update from the images in a directory"), arguments);
+    takeDirectory(app.add_subcommand("estimate", "Say how long an update would take"), arguments);
+    app.add_subcommand("progress", "Say how far the running update is");
+    app.add_subcommand("stop", "Make the service take no more commands");
+}
+
+void addModuleVerbs(CLI::App& modules, Arguments& arguments)
+{
+    modules.require_subcommand(1);
+    modules.footer(kModulesFooter);
+    modules.add_subcommand("list", "List the modules, unusable ones with the reason");
+    takeSource(modules.add_subcommand("check", "Say which modules need an update"), arguments);
+    CLI::App* update = modules.add_subcommand("update", "Update a module, or all that need it");
+    takeSource(update, arguments);
+    CLI::Option* name = takeModule(update, arguments);
+    update->add_flag("--all", arguments.all, "Update every module that needs it")->excludes(name);
+    update->callback([&arguments] {
+        if (arguments.module.empty() && !arguments.all) {
+            throw CLI::RequiredError("update: a module's name or --all");
+        }
+    });
+    CLI::App* version = modules.add_subcommand("version", "Say which version a module is running");
+    takeModule(version, arguments)->required();
+    CLI::App* progress = modules.add_subcommand("progress", "Say how far a module's update is");
+    takeModule(progress, arguments)->required();
+    modules.add_subcommand("download", "Download every module's package");
+    modules.add_subcommand("unlock",
+                           "Release the update semaphore that a dead program has left behind");
+}
+
+ExitCode runServiceVerb(const std::string& verb, const Arguments& arguments)
+{
+    const bool redraw = canRedraw();
+    const std::unique_ptr<Report> report =
+        arguments.json ? makeJsonReport() : makeTextReport(arguments.quiet, redraw);
+    Client client(clientOptions(arguments));
+    Verbs verbs(client, *report);
+    try {
+        if (verb == "update") {
+            return verbs.update(arguments.directory,
+                                std::chrono::milliseconds(redraw ? 250 : 1000));
+        }
+        if (verb == "estimate") {
+            return verbs.estimate(arguments.directory);
+        }
+        return verb == "stop" ? verbs.stop() : verbs.progress();
+    } catch (const Failure& failure) {
+        report->error(failure.code, failure.text);
+        return failure.code;
+    }
+}
+
+[[noreturn]] void endWithoutTearingDown(int code)
+{
+    const int reported = closeOutput(code);
+    endIsOurs(reported);
+    static_cast<void>(std::fflush(nullptr));
+    endAtOnce(reported);
+}
+
+/// Ends the process by itself when a plug-in is still at an update that has been given up.
+ExitCode runModuleVerb(const std::string& verb, const Arguments& arguments)
+{
+    const std::unique_ptr<ModuleReport> report =
+        arguments.json ? makeModuleJsonReport()
+                       : makeModuleTextReport(arguments.quiet, canRedraw());
+    ModuleVerbs verbs(*report, std::chrono::milliseconds(250));
+    const ModuleSource& source = *findModuleSource(arguments.source);
+    ExitCode code = kExitSuccess;
+    try {
+        if (verb == "list") {
+            code = verbs.list();
+        } else if (verb == "check") {
+            code = verbs.check(source);
+        } else if (verb == "update") {
+            code = arguments.all ? verbs.updateAll(source) : verbs.update(arguments.module, source);
+        } else if (verb == "version") {
+            code = verbs.version(arguments.module);
+        } else if (verb == "progress") {
+            code = verbs.progress(arguments.module);
+        } else if (verb == "unlock") {
+            code = verbs.unlock();
+        } else {
+            code = verbs.download();
+        }
+    } catch (const Failure& failure) {
+        takeOverTheEnd();
+        report->error(failure.code, failure.text);
+        code = failure.code;
+    }
+    takeOverTheEnd();
+    if (verbs.hasLateUpdate()) {
+        endWithoutTearingDown(code);
+    }
+    return code;
 }
 
 int runCommandLine(int argc, char** argv)
@@ -84,13 +214,10 @@ int runCommandLine(int argc, char** argv)
     app.footer(kFooter);
     app.require_subcommand(1);
     addOptions(app, arguments);
-    CLI::App* update = app.add_subcommand("update", "Update from the images in a directory");
-    CLI::App* estimate = app.add_subcommand("estimate", "Say how long an update would take");
-    app.add_subcommand("progress", "Say how far the running update is");
-    CLI::App* stop = app.add_subcommand("stop", "Make the service take no more commands");
-    takeDirectory(update, arguments);
-    takeDirectory(estimate, arguments);
-    const ModuleCommands modules(app);
+    addServiceVerbs(app, arguments);
+    CLI::App& modules =
+        *app.add_subcommand("modules", "Look at the firmware modules and update them");
+    addModuleVerbs(modules, arguments);
 
     try {
         app.parse(argc, argv);
@@ -101,28 +228,10 @@ int runCommandLine(int argc, char** argv)
         std::cerr << "quillonctl: " << error.what() << " (see quillonctl --help)" << std::endl;
         return kExitUsage;
     }
-
     if (modules.parsed()) {
-        return modules.run(arguments.json, arguments.quiet);
+        return runModuleVerb(modules.get_subcommands().front()->get_name(), arguments);
     }
-    const bool redraw = canRedraw();
-    const std::unique_ptr<Report> report =
-        arguments.json ? makeJsonReport() : makeTextReport(arguments.quiet, redraw);
-    Client client(clientOptions(arguments));
-    Verbs verbs(client, *report);
-    try {
-        if (update->parsed()) {
-            return verbs.update(arguments.directory,
-                                std::chrono::milliseconds(redraw ? 250 : 1000));
-        }
-        if (estimate->parsed()) {
-            return verbs.estimate(arguments.directory);
-        }
-        return stop->parsed() ? verbs.stop() : verbs.progress();
-    } catch (const Failure& failure) {
-        report->error(failure.code, failure.text);
-        return failure.code;
-    }
+    return runServiceVerb(app.get_subcommands().front()->get_name(), arguments);
 }
 
 }  // namespace

@@ -20,38 +20,6 @@ namespace quillon {
 
 namespace {
 
-/// What kept a module without a mark from needing an update.
-void explain(FWUpdateSymbol& module, const ModuleSource& source, const ModuleFinding& finding,
-             ModuleCheck& check)
-{
-    check.reason = phraseOf(finding);
-    switch (finding.reason) {
-        case ModuleReason::kUpToDate:
-            check.decision = Decision::kUpToDate;
-            check.offered = module.getInformation().version;
-            check.reason.clear();
-            break;
-        case ModuleReason::kNoPackage:
-            check.decision = Decision::kNothingOffered;
-            break;
-        case ModuleReason::kNoImage:
-            check.decision = Decision::kUnsound;
-            if (module.file_exists(module.getInformationPath(source.type))) {
-                break;
-            }
-            if (source.type == UPDATE_EMP) {
-                check.reason = "its package has no image";
-            } else {
-                check.decision = Decision::kNothingOffered;
-                check.reason = "no image";
-            }
-            break;
-        default:
-            check.decision = Decision::kUnsound;
-            break;
-    }
-}
-
 std::vector<FWUpdateSymbol>& allModules()
 {
     return FWUpdateSymbolManager::getInstance()->modules();
@@ -150,20 +118,35 @@ ModuleCheck describeCheck(FWUpdateSymbol& module, const ModuleSource& source)
         return check;
     }
     check.running = runningVersion(module).value_or("");
-    const ModuleFinding finding = ModuleEvents::instance().of(check.name).check;
     if (kind == ModuleKind::kProcess) {
         check.decision = Decision::kByNameOnly;
         check.reason = "process module";
-    } else if (finding.reason == ModuleReason::kException) {
-        check.decision = Decision::kUnsound;
-        check.reason = phraseOf(finding);
-    } else if (module.getNeedUpdate()) {
+        return check;
+    }
+    const ModuleFinding finding = ModuleEvents::instance().of(check.name).check;
+    if (finding.reason != ModuleReason::kException && module.getNeedUpdate()) {
         check.decision = Decision::kNeeded;
         check.offered = module.getInformation().version;
         // The registry keeps it in an int, but has no sign for it.
         check.seconds = static_cast<std::uint32_t>(module.getExpectedUpdateTime());
-    } else {
-        explain(module, source, finding, check);
+        return check;
+    }
+    if (finding.reason == ModuleReason::kUpToDate) {
+        check.decision = Decision::kUpToDate;
+        check.offered = module.getInformation().version;
+        return check;
+    }
+    const bool isEmpty = finding.reason == ModuleReason::kNoImage &&
+                         !module.file_exists(module.getInformationPath(source.type));
+    check.decision = Decision::kUnsound;
+    check.reason = phraseOf(finding);
+    if (finding.reason == ModuleReason::kNoPackage) {
+        check.decision = Decision::kNothingOffered;
+    } else if (isEmpty && source.type == UPDATE_EMP) {
+        check.reason = "its package has no image";
+    } else if (isEmpty) {
+        check.decision = Decision::kNothingOffered;
+        check.reason = "no image";
     }
     return check;
 }

@@ -92,35 +92,26 @@ void ModuleEvents::awaitEnd(const std::string& libName,
 
 std::string phraseOf(const ModuleFinding& finding)
 {
+    static const std::map<ModuleReason, const char*> kPhrases = {
+        {ModuleReason::kNoName, "its file has no name"},
+        {ModuleReason::kNoLibrary, "its file is gone"},
+        {ModuleReason::kNoIdentifier, "its package identifier is empty"},
+        {ModuleReason::kNoPackage, "no package"},
+        {ModuleReason::kNotMounted, "its package cannot be mounted"},
+        {ModuleReason::kNoImage, "its image is missing"},
+        {ModuleReason::kNoInformation, "its information file is missing"},
+        {ModuleReason::kBadInformation, "its information file cannot be read"},
+        {ModuleReason::kBadChecksum, "its image does not match its checksum"},
+        {ModuleReason::kContextRefused, "its plug-in refused to be asked"},
+        {ModuleReason::kCheckFailed, "its plug-in could not check the version"},
+    };
     switch (finding.reason) {
-        case ModuleReason::kNoName:
-            return "its file has no name";
-        case ModuleReason::kNoLibrary:
-            return "its file is gone";
         case ModuleReason::kNotLoadable:
             return "it does not load: " + finding.detail;
         case ModuleReason::kNoEntry:
             return "it has no entry " + finding.detail;
-        case ModuleReason::kNoIdentifier:
-            return "its package identifier is empty";
         case ModuleReason::kBadIdentifier:
             return defectOfIdentifier(finding.detail);
-        case ModuleReason::kNoPackage:
-            return "no package";
-        case ModuleReason::kNotMounted:
-            return "its package cannot be mounted";
-        case ModuleReason::kNoImage:
-            return "its image is missing";
-        case ModuleReason::kNoInformation:
-            return "its information file is missing";
-        case ModuleReason::kBadInformation:
-            return "its information file cannot be read";
-        case ModuleReason::kBadChecksum:
-            return "its image does not match its checksum";
-        case ModuleReason::kContextRefused:
-            return "its plug-in refused to be asked";
-        case ModuleReason::kCheckFailed:
-            return "its plug-in could not check the version";
         case ModuleReason::kUpdateFailed:
             return finding.result == -1
                        ? "its plug-in could not update it"
@@ -128,8 +119,10 @@ std::string phraseOf(const ModuleFinding& finding)
         case ModuleReason::kException:
             return finding.detail.empty() ? "an exception was raised"
                                           : "an exception was raised: " + finding.detail;
-        default:
-            return "the log says why";
+        default: {
+            const auto phrase = kPhrases.find(finding.reason);
+            return phrase != kPhrases.end() ? phrase->second : "the log says why";
+        }
     }
 }
 

@@ -1,5 +1,7 @@
 #include "tools/quillonctl/modules/outside-text.h"
 
+#include <glib.h>
+
 #include <algorithm>
 
 namespace quillon {
@@ -28,28 +30,17 @@ std::size_t lengthOf(unsigned char first)
     return first >= 0xF0 && first < 0xF5 ? 4 : 0;
 }
 
-char32_t decode(const std::string& text, std::size_t at, std::size_t length)
-{
-    const auto first = static_cast<unsigned char>(text[at]);
-    char32_t character = length == 1 ? first : first & (0x7FU >> length);
-    for (std::size_t i = 1; i < length; ++i) {
-        character = (character << 6U) | (static_cast<unsigned char>(text[at + i]) & 0x3FU);
-    }
-    return character;
-}
-
-bool isHarmless(char32_t character, std::size_t length)
+/// @param length  bytes that it was written with
+bool isHarmless(gunichar character, std::size_t length)
 {
     const bool isOverlong =
-        (length == 3 && character < 0x800) || (length == 4 && character < 0x10000);
-    const bool isControl = character < 0x20 || (character >= 0x7F && character < 0xA0);
-    const bool isSurrogate = character >= 0xD800 && character < 0xE000;
+        static_cast<std::size_t>(g_unichar_to_utf8(character, nullptr)) != length;
     const bool breaksLine = character == 0x2028 || character == 0x2029;
     const bool turns = character == 0x061C || character == 0x200E || character == 0x200F ||
                        (character >= 0x202A && character <= 0x202E) ||
                        (character >= 0x2066 && character <= 0x2069);
-    return !isOverlong && !isControl && !isSurrogate && !breaksLine && !turns &&
-           character < 0x110000;
+    return g_unichar_validate(character) != FALSE && g_unichar_iscntrl(character) == FALSE &&
+           !isOverlong && !breaksLine && !turns;
 }
 
 }  // namespace
@@ -65,7 +56,7 @@ std::string printable(const std::string& text)
             std::all_of(text.begin() + static_cast<std::ptrdiff_t>(at + 1),
                         text.begin() + static_cast<std::ptrdiff_t>(at + length), isContinuation);
         const std::size_t taken = isWhole ? length : 1;
-        if (isWhole && isHarmless(decode(text, at, length), length)) {
+        if (isWhole && isHarmless(g_utf8_get_char(&text[at]), length)) {
             shown.append(text, at, length);
         } else {
             shown += '?';

@@ -24,21 +24,16 @@ constexpr seconds kShortestSecondChance(5);
 /// More is not worth telling apart.
 constexpr seconds kLongestTimeLeft(1'000'000'000);
 
-/// Seconds without a sign, which the registry keeps in an int.
-std::uint32_t expectedSeconds(const FWUpdateSymbol& module)
-{
-    return static_cast<std::uint32_t>(module.getExpectedUpdateTime());
-}
-
+/// The registry keeps it in an int, but has no sign for it.
 seconds expectedTime(const FWUpdateSymbol& module)
 {
-    return seconds(expectedSeconds(module));
+    return seconds(static_cast<std::uint32_t>(module.getExpectedUpdateTime()));
 }
 
 /// When the registry's guard gives up. Its sum has 32 bits: the longest times wrap to a short one.
 seconds allowedTime(const FWUpdateSymbol& module)
 {
-    return seconds(static_cast<std::uint32_t>(expectedSeconds(module) + kGraceSeconds));
+    return seconds(static_cast<std::uint32_t>(expectedTime(module).count() + kGraceSeconds));
 }
 
 bool isStillRunning(const FWUpdateSymbol* module)
@@ -73,9 +68,7 @@ struct UpdateWatch::Watching
 
 UpdateWatch::UpdateWatch(const std::vector<const FWUpdateSymbol*>& modules, ModuleReport& report,
                          milliseconds interval)
-    : modules_(modules),
-      report_(report),
-      watching_(std::make_shared<Watching>(modules, report, interval))
+    : watching_(std::make_shared<Watching>(modules, report, interval))
 {
     UpdateSlot::instance().explainTo([watching = watching_](const SlotHolders& holders) {
         const std::lock_guard<std::mutex> lock(watching->mutex);
@@ -87,7 +80,7 @@ UpdateWatch::UpdateWatch(const std::vector<const FWUpdateSymbol*>& modules, Modu
 
 UpdateWatch::~UpdateWatch()
 {
-    if (!isFinished_) {
+    if (!watching_->isStopped) {
         finish();
     }
 }
@@ -140,7 +133,6 @@ void UpdateWatch::Watching::show(const FWUpdateSymbol& module, const ModuleRun& 
 
 void UpdateWatch::finish()
 {
-    isFinished_ = true;
     UpdateSlot::instance().explainTo({});
     {
         const std::lock_guard<std::mutex> lock(watching_->mutex);
@@ -156,21 +148,21 @@ void UpdateWatch::finish()
 void UpdateWatch::waitForLate()
 {
     seconds limit = kShortestSecondChance;
-    for (const FWUpdateSymbol* module : modules_) {
+    for (const FWUpdateSymbol* module : watching_->modules) {
         if (isStillRunning(module)) {
             limit = std::max(limit, std::min(expectedTime(*module), allowedTime(*module)));
-            report_.waitingForLate(module->getLibName());
+            watching_->report.waitingForLate(module->getLibName());
         }
     }
     const Clock::time_point end = Clock::now() + limit;
-    for (const FWUpdateSymbol* module : modules_) {
+    for (const FWUpdateSymbol* module : watching_->modules) {
         ModuleEvents::instance().awaitEnd(module->getLibName(), end);
     }
 }
 
 bool UpdateWatch::isAnyStillRunning() const
 {
-    return std::any_of(modules_.begin(), modules_.end(), isStillRunning);
+    return std::any_of(watching_->modules.begin(), watching_->modules.end(), isStillRunning);
 }
 
 }  // namespace quillon

@@ -41,10 +41,7 @@ private:
 
     void waitForLate();
 
-    const std::vector<const FWUpdateSymbol*> modules_;
-    ModuleReport& report_;
     const std::shared_ptr<Watching> watching_;
-    bool isFinished_ = false;
     bool isStuck_ = false;
 };
 
