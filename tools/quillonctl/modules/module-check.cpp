@@ -1,15 +1,11 @@
 #include "tools/quillonctl/modules/module-check.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
-#include <cstdio>
 #include <fstream>
 #include <optional>
 #include <set>
 #include <sstream>
 
-#include "base/fd.h"
 #include "base/regular-file.h"
 #include "src/support/paths.h"
 #include "tools/quillonctl/modules/interruption.h"
@@ -25,21 +21,6 @@ std::vector<FWUpdateSymbol>& allModules()
     return FWUpdateSymbolManager::getInstance()->modules();
 }
 
-/// What the registry has published.
-/// @param longest  what is longer is cut a byte behind
-/// @return nothing when there is no such file
-std::optional<std::string> readUpdateList(std::size_t longest)
-{
-    struct stat status = {};
-    const UniqueFile file = openRegularStream(paths::kUpdateList, status);
-    if (!file) {
-        return std::nullopt;
-    }
-    std::string text(longest + 1, '\0');
-    text.resize(std::fread(text.data(), 1, text.size(), file.get()));
-    return text;
-}
-
 /// Whether the update list has as many lines as the registry has counted, each that of a module
 /// with a mark. The registry writes it without looking whether that succeeds.
 bool isListWhole(int count)
@@ -53,7 +34,7 @@ bool isListWhole(int count)
             lines.insert(line);
         }
     }
-    const std::optional<std::string> list = readUpdateList(size);
+    const std::optional<std::string> list = readRegularFile(paths::kUpdateList, size);
     if (!list) {
         return false;
     }
@@ -67,14 +48,6 @@ bool isListWhole(int count)
     return found == count;
 }
 
-void checkOne(FWUpdateSymbol& module, const ModuleSource& source)
-{
-    char noText[] = "";
-    tell(ModuleEvent::kChecking, module);
-    const int need = resultOf([&] { return module.isNeedUpdate(source.caller, noText); });
-    tell(ModuleEvent::kDecided, module, need);
-}
-
 std::vector<ModuleCheck> checkOneByOne(const ModuleSource& source)
 {
     std::vector<ModuleCheck> checks;
@@ -83,7 +56,10 @@ std::vector<ModuleCheck> checkOneByOne(const ModuleSource& source)
             throw UpdateSlot::instance().interruption();
         }
         if (kindOf(module) == ModuleKind::kFirmware) {
-            checkOne(module, source);
+            char noText[] = "";
+            tell(ModuleEvent::kChecking, module);
+            const int need = resultOf([&] { return module.isNeedUpdate(source.caller, noText); });
+            tell(ModuleEvent::kDecided, module, need);
         }
         checks.push_back(describeCheck(module, source));
     }

@@ -146,36 +146,37 @@ std::string raisedByUpdate(Call call, bool& isInterrupted)
 }
 
 /// How the update of a module ended.
-ModuleUpdate outcomeOf(FWUpdateSymbol& module)
+ModuleUpdate outcomeOf(const FWUpdateSymbol& module)
 {
-    ModuleUpdate update;
-    update.name = module.getLibName();
-    const ModuleHistory history = ModuleEvents::instance().of(update.name);
+    const std::string name = module.getLibName();
+    const ModuleHistory history = ModuleEvents::instance().of(name);
     if (history.isUpdating()) {
-        update.outcome = Outcome::kTimedOut;
-        update.reason = "it is still being updated";
-        return update;  // its plug-in is busy: nothing is asked
+        // Its plug-in is busy: nothing is asked.
+        return {name, Outcome::kTimedOut, "", "it is still being updated"};
     }
-    update.running = runningVersion(module).value_or("");
-    const std::optional<ModuleRun>& run = history.run;
-    if (!run) {
-        update.outcome = Outcome::kFailed;
-        update.reason = "the log says why";
-        return update;
+    const std::string running = runningVersion(module).value_or("");
+    if (!history.run) {
+        return {name, Outcome::kFailed, running, "the log says why"};
     }
-    const bool isInstalled = run->end->result == 0;
-    if (run->isLate) {
-        update.outcome = Outcome::kTimedOut;
-        update.reason = isInstalled ? "it was updated only after its time"
-                                    : "the update ended only after its time";
-    } else if (isInstalled) {
-        update.outcome =
-            run->end->reason == ModuleReason::kUpToDate ? Outcome::kNotNeeded : Outcome::kUpdated;
-    } else {
-        update.outcome = Outcome::kFailed;
-        update.reason = phraseOf(*run->end);
+    const ModuleFinding& end = *history.run->end;
+    const bool isInstalled = end.result == 0;
+    if (history.run->isLate) {
+        return {name, Outcome::kTimedOut, running,
+                isInstalled ? "it was updated only after its time"
+                            : "the update ended only after its time"};
     }
-    return update;
+    if (!isInstalled) {
+        return {name, Outcome::kFailed, running, phraseOf(end)};
+    }
+    const bool wasNeeded = end.reason != ModuleReason::kUpToDate;
+    return {name, wasNeeded ? Outcome::kUpdated : Outcome::kNotNeeded, running, ""};
+}
+
+/// Ends the registry's run, which has not come to its own end.
+void breakRunOff()
+{
+    device_power_unlock_state(kPowerLock);
+    static_cast<void>(std::remove(paths::kUpdateList));
 }
 
 }  // namespace
@@ -183,8 +184,7 @@ ModuleUpdate outcomeOf(FWUpdateSymbol& module)
 void ModuleVerbs::abandon()
 {
     if (hasPowerLock_) {
-        device_power_unlock_state(kPowerLock);
-        static_cast<void>(std::remove(paths::kUpdateList));
+        breakRunOff();
     }
     if (const ModuleSource* source = source_) {
         releasePackages(*source);
@@ -287,9 +287,9 @@ void ModuleVerbs::release(FWUpdateSymbol& module, const ModuleSource& source)
 
 void ModuleVerbs::finish(UpdateWatch& watch)
 {
-    watch.finish();
+    const bool isStuck = watch.finish();
+    hasStuckWatch_ = hasStuckWatch_ || isStuck;
     hasLateUpdate_ = hasLateUpdate_ || watch.isAnyStillRunning();
-    hasStuckWatch_ = hasStuckWatch_ || watch.isStuck();
 }
 
 void ModuleVerbs::tellAllDone()
@@ -324,8 +324,7 @@ std::vector<ModuleUpdate> ModuleVerbs::runMarked()
         report_.warning("not every module was told that the run is over: " + raised);
     }
     if (!raised.empty() || isInterrupted) {
-        device_power_unlock_state(kPowerLock);
-        static_cast<void>(std::remove(paths::kUpdateList));
+        breakRunOff();
     }
     hasPowerLock_ = false;
     finish(watch);
@@ -382,15 +381,13 @@ ModuleUpdate ModuleVerbs::runProcess(FWUpdateSymbol& module, const ModuleSource&
         updateEnded();  // the registry does not say so then
     }
     endUpdating();
-    ModuleUpdate update;
-    update.name = name;
-    update.outcome = result == 0 ? Outcome::kUpdated : Outcome::kFailed;
-    update.running = runningVersion(module).value_or("");
-    if (result != 0) {
-        const std::optional<ModuleRun> run = ModuleEvents::instance().of(name).run;
-        update.reason = raised.empty() && run && run->end ? phraseOf(*run->end) : raised;
+    const std::string running = runningVersion(module).value_or("");
+    if (result == 0) {
+        return {name, Outcome::kUpdated, running, ""};
     }
-    return update;
+    const std::optional<ModuleRun> run = ModuleEvents::instance().of(name).run;
+    const std::string reason = raised.empty() && run && run->end ? phraseOf(*run->end) : raised;
+    return {name, Outcome::kFailed, running, reason};
 }
 
 ModuleUpdate ModuleVerbs::updateOne(FWUpdateSymbol& module, const ModuleSource& source)
@@ -501,6 +498,7 @@ ExitCode ModuleVerbs::download()
     }
     report_.downloading(modules.size());
     std::vector<std::future<int>> ends;
+    ends.reserve(modules.size());
     for (const FWUpdateSymbol* module : modules) {
         ends.push_back(startDownload(module->getEMPName()));
     }

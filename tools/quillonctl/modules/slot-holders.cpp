@@ -63,12 +63,6 @@ bool isStopped(const fs::path& directory)
            (text.compare(name, 3, ") T") == 0 || text.compare(name, 3, ") t") == 0);
 }
 
-bool isKnown(const std::vector<SlotHolder>& holders, pid_t process)
-{
-    return std::any_of(holders.begin(), holders.end(),
-                       [&](const SlotHolder& holder) { return holder.process == process; });
-}
-
 }  // namespace
 
 SlotHolders findSlotHolders(const SlotLocks& locks)
@@ -100,7 +94,10 @@ SlotHolders findSlotHolders(const SlotLocks& locks)
     // One that this user may not look into, of another container, or that has ended and left its
     // lock to its children.
     const pid_t holder = locks.isHeld() ? locks.holder() : 0;
-    if (holder != 0 && !isKnown(holders.alive, holder)) {
+    const bool isKnown =
+        std::any_of(holders.alive.begin(), holders.alive.end(),
+                    [&](const SlotHolder& alive) { return alive.process == holder; });
+    if (holder != 0 && !isKnown) {
         holders.alive.push_back({holder, commandOf(holder)});
     } else if (holders.alive.empty() && locks.isHeld()) {
         holders.alive.push_back({});

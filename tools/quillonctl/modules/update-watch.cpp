@@ -81,7 +81,7 @@ UpdateWatch::UpdateWatch(const std::vector<const FWUpdateSymbol*>& modules, Modu
 UpdateWatch::~UpdateWatch()
 {
     if (!watching_->isStopped) {
-        finish();
+        static_cast<void>(finish());
     }
 }
 
@@ -131,7 +131,7 @@ void UpdateWatch::Watching::show(const FWUpdateSymbol& module, const ModuleRun& 
         static_cast<int>(std::clamp(expected - passed, seconds::zero(), kLongestTimeLeft).count()));
 }
 
-void UpdateWatch::finish()
+bool UpdateWatch::finish()
 {
     UpdateSlot::instance().explainTo({});
     {
@@ -141,8 +141,8 @@ void UpdateWatch::finish()
     watching_->changed.notify_all();
     waitForLate();
     std::unique_lock<std::mutex> lock(watching_->mutex);
-    isStuck_ = !watching_->changed.wait_for(lock, kShortestSecondChance,
-                                            [this] { return watching_->hasEnded; });
+    return !watching_->changed.wait_for(lock, kShortestSecondChance,
+                                        [this] { return watching_->hasEnded; });
 }
 
 void UpdateWatch::waitForLate()

@@ -27,14 +27,12 @@ public:
     /// To be called when the registry has returned: ends the watching, and gives updates that have
     /// overrun their time as long again, five seconds at least. A plug-in that does not tell its
     /// progress gets five seconds as well.
-    void finish();
+    /// @return whether a plug-in has kept the watching thread. The program must then end without
+    ///         tearing anything down.
+    bool finish();
 
     /// After finish(): whether any update is still running.
     bool isAnyStillRunning() const;
-
-    /// After finish(): whether a plug-in has kept the watching thread. The program must then end
-    /// without tearing anything down.
-    bool isStuck() const { return isStuck_; }
 
 private:
     struct Watching;
@@ -42,7 +40,6 @@ private:
     void waitForLate();
 
     const std::shared_ptr<Watching> watching_;
-    bool isStuck_ = false;
 };
 
 }  // namespace quillon
