@@ -11,11 +11,12 @@
 
 #include "platform/verifier/image-error.h"
 #include "platform/verifier/input-file.h"
+#include "platform/verifier/security-floors.h"
 #include "src/support/checksum.h"
 #include "tools/quillon-image/atomic-file.h"
 #include "tools/quillon-image/held-signals.h"
 #include "tools/quillon-image/run-program.h"
-#include "tools/quillon-image/texts.h"
+#include "tools/quillon-image/stick-image.h"
 
 namespace quillon {
 namespace {
@@ -24,7 +25,6 @@ constexpr Program kMksquashfs = {"mksquashfs", "squashfs-tools", false};
 constexpr Program kMke2fs = {"mke2fs", "e2fsprogs", false};
 constexpr Program kDebugfs = {"debugfs", "e2fsprogs", true};
 
-constexpr std::size_t kLongestName = 127;
 constexpr char kNameMark[] = "emp";
 constexpr char kInformationFile[] = "info.json";
 constexpr std::size_t kChunkSize = 65536;
@@ -162,14 +162,15 @@ const char* toText(PackageType type)
 std::string firmwareNameOf(const std::string& packageName)
 {
     const std::size_t mark = packageName.find(kNameMark);
-    if (packageName.empty() || packageName.size() > kLongestName ||
-        !hasLettersAndDigitsOnly(packageName) || mark == std::string::npos ||
-        packageName == kNameMark) {
+    std::string firmwareName =
+        mark == std::string::npos ? ""
+                                  : std::string(packageName).erase(mark, std::strlen(kNameMark));
+    if (!isModuleName(firmwareName)) {
         throw ImageError(ImageFault::kUsage,
                          "a package's name has 1 to 127 ASCII letters and digits, 'emp' and the "
                          "firmware's name among them");
     }
-    return std::string(packageName).erase(mark, std::strlen(kNameMark));
+    return firmwareName;
 }
 
 std::uint32_t buildPackage(const PackageContent& content, PackageType type,

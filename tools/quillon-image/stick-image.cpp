@@ -13,7 +13,6 @@
 #include "platform/verifier/signed-file.h"
 #include "platform/verifier/trusted-keys.h"
 #include "tools/quillon-image/atomic-file.h"
-#include "tools/quillon-image/texts.h"
 
 namespace quillon {
 namespace {
@@ -21,31 +20,31 @@ namespace {
 constexpr std::size_t kChunkSize = 65536;
 constexpr std::size_t kSmallestImage = kInitialisationVectorSize + kCipherBlockSize + kTrailerSize;
 
-using VersionHeader = std::array<unsigned char, kVersionHeaderSize>;
+using Bytes = std::vector<unsigned char>;
 
 bool isPrintable(unsigned char character)
 {
     return character >= 0x20 && character <= 0x7E;
 }
 
-VersionHeader encodeVersion(const std::string& version)
+/// Reads the header at the start of a plaintext. A wrong key leaves noise here, which is never text
+/// followed by NULs only.
+std::string decodeVersion(const Bytes& plaintext, const std::string& path)
 {
-    requireVersion(version);
-    VersionHeader header{};
-    std::copy(version.begin(), version.end(), header.begin());
-    return header;
-}
-
-/// A wrong key leaves noise here, which is never text followed by NULs only.
-std::string decodeVersion(const VersionHeader& header, const std::string& path)
-{
-    const auto* const end = std::find(header.begin(), header.end(), '\0');
-    const bool padded =
-        end != header.end() && std::all_of(end, header.end(), [](auto byte) { return byte == 0; });
-    if (!padded || end == header.begin() || !std::all_of(header.begin(), end, isPrintable)) {
+    const auto headerEnd = plaintext.begin() + kVersionHeaderSize;
+    const auto textEnd = std::find(plaintext.begin(), headerEnd, '\0');
+    const bool isPadded =
+        textEnd != headerEnd && std::count(textEnd, headerEnd, '\0') == headerEnd - textEnd;
+    if (!isPadded || textEnd == plaintext.begin() ||
+        !std::all_of(plaintext.begin(), textEnd, isPrintable)) {
         throw ImageError(ImageFault::kKey, path + ": wrong image key: no version header comes out");
     }
-    return {header.begin(), end};
+    return {plaintext.begin(), textEnd};
+}
+
+ImageError noWholeVersionHeader(const std::string& path)
+{
+    return {ImageFault::kFormat, path + ": not a stick image: no whole version header"};
 }
 
 /// AES-256-CBC with PKCS#7 padding, in one direction.
@@ -64,7 +63,7 @@ public:
     }
 
     /// @return the output bytes; valid until the next call.
-    const std::vector<unsigned char>& update(const unsigned char* data, std::size_t length)
+    const Bytes& update(const unsigned char* data, std::size_t length)
     {
         output_.resize(length + kCipherBlockSize);
         int written = 0;
@@ -77,20 +76,21 @@ public:
     }
 
     /// Ends the stream.
-    /// @param output  receives the last bytes
-    /// @return false when deciphering and the padding is wrong.
-    bool finish(std::vector<unsigned char>& output)
+    /// @return the last bytes; nothing when deciphering and the padding is wrong.
+    std::optional<Bytes> finish()
     {
-        output.resize(kCipherBlockSize);
+        Bytes output(kCipherBlockSize);
         int written = 0;
-        const bool good = EVP_CipherFinal_ex(context_.get(), output.data(), &written) == 1;
-        output.resize(good ? static_cast<std::size_t>(written) : 0);
-        return good;
+        if (EVP_CipherFinal_ex(context_.get(), output.data(), &written) != 1) {
+            return std::nullopt;
+        }
+        output.resize(static_cast<std::size_t>(written));
+        return output;
     }
 
 private:
     UniqueCipher context_;
-    std::vector<unsigned char> output_;
+    Bytes output_;
 };
 
 /// A file that is signed when it is written.
@@ -113,7 +113,7 @@ public:
         file_.write(data, length);
     }
 
-    void write(const std::vector<unsigned char>& data) { write(data.data(), data.size()); }
+    void write(const Bytes& data) { write(data.data(), data.size()); }
 
     void commit(const std::optional<ImagePurpose>& purpose, EVP_PKEY* key)
     {
@@ -142,7 +142,7 @@ private:
 template <typename Consumer>
 void readInPieces(const InputFile& file, std::uint64_t offset, std::uint64_t end, Consumer consume)
 {
-    std::vector<unsigned char> chunk(kChunkSize);
+    Bytes chunk(kChunkSize);
     while (offset < end) {
         const auto length =
             static_cast<std::size_t>(std::min<std::uint64_t>(chunk.size(), end - offset));
@@ -182,45 +182,6 @@ InitialisationVector readVector(const SignedFile& image)
     return vector;
 }
 
-/// Divides the deciphered stream: the version header is kept, the payload goes to the file.
-class PlaintextSplitter
-{
-public:
-    PlaintextSplitter(const std::string& imagePath, AtomicFile& payload)
-        : imagePath_(imagePath), payload_(payload)
-    {
-    }
-
-    void take(const std::vector<unsigned char>& plaintext)
-    {
-        const std::size_t missing = kVersionHeaderSize - headerLength_;
-        const std::size_t length = std::min(missing, plaintext.size());
-        std::copy_n(plaintext.data(), length, header_.data() + headerLength_);
-        headerLength_ += length;
-        payload_.write(plaintext.data() + length, plaintext.size() - length);
-        if (missing > 0 && headerLength_ == kVersionHeaderSize) {
-            version_ =
-                decodeVersion(header_, imagePath_);  // a wrong key is found before the long rest
-        }
-    }
-
-    const std::string& version() const
-    {
-        if (headerLength_ < kVersionHeaderSize) {
-            throw ImageError(ImageFault::kFormat,
-                             imagePath_ + ": not a stick image: no whole version header");
-        }
-        return version_;
-    }
-
-private:
-    std::string imagePath_;
-    AtomicFile& payload_;
-    VersionHeader header_{};
-    std::size_t headerLength_ = 0;
-    std::string version_;
-};
-
 void requireModule(const std::string& module)
 {
     if (!isModuleName(module)) {
@@ -249,11 +210,21 @@ InitialisationVector randomVector()
 
 }  // namespace
 
+void requireVersion(const std::string& version)
+{
+    if (version.empty() || version.size() >= kVersionHeaderSize ||
+        !std::all_of(version.begin(), version.end(), isPrintable)) {
+        throw ImageError(ImageFault::kUsage, "a version has 1 to 63 printable ASCII characters");
+    }
+}
+
 void buildStickImage(const std::string& version, const std::string& payloadPath,
                      const ImageKey& imageKey, EVP_PKEY* signingKey, const std::string& outputPath,
                      const std::optional<ImagePurpose>& purpose)
 {
-    const VersionHeader header = encodeVersion(version);
+    requireVersion(version);
+    Bytes header(version.begin(), version.end());
+    header.resize(kVersionHeaderSize);
     if (purpose) {
         requirePurpose(*purpose);
     }
@@ -271,9 +242,7 @@ void buildStickImage(const std::string& version, const std::string& payloadPath,
     readInPieces(payload, 0, payload.size(), [&](const unsigned char* data, std::size_t length) {
         output.write(cipher.update(data, length));
     });
-    std::vector<unsigned char> lastBlock;
-    cipher.finish(lastBlock);
-    output.write(lastBlock);
+    output.write(cipher.finish().value());
     output.commit(purpose, signingKey);
 }
 
@@ -298,18 +267,13 @@ std::string readStickImageVersion(const std::string& path, const ImageKey& image
 {
     const SignedFile image = openStickImage(path);
     if (image.contentSize() < kInitialisationVectorSize + kVersionHeaderSize + kCipherBlockSize) {
-        throw ImageError(ImageFault::kFormat,
-                         path + ": not a stick image: no whole version header");
+        throw noWholeVersionHeader(path);
     }
     // One block more than the header: the cipher keeps the latest block back until the next comes.
     std::array<unsigned char, kVersionHeaderSize + kCipherBlockSize> start{};
     image.file().readAt(kInitialisationVectorSize, start.data(), start.size());
-
     Cipher cipher(imageKey, readVector(image), Cipher::kDecipher);
-    const std::vector<unsigned char>& plaintext = cipher.update(start.data(), start.size());
-    VersionHeader header{};
-    std::copy_n(plaintext.begin(), header.size(), header.begin());
-    return decodeVersion(header, path);
+    return decodeVersion(cipher.update(start.data(), start.size()), path);
 }
 
 std::string extractStickImage(const std::string& path, const ImageKey& imageKey,
@@ -318,18 +282,28 @@ std::string extractStickImage(const std::string& path, const ImageKey& imageKey,
     const SignedFile image = openStickImage(path);
     Cipher cipher(imageKey, readVector(image), Cipher::kDecipher);
     AtomicFile payload(payloadPath, Audience::kOwnerOnly);
-    PlaintextSplitter splitter(path, payload);
+    std::string version;
     readInPieces(image.file(), kInitialisationVectorSize, image.contentSize(),
                  [&](const unsigned char* data, std::size_t length) {
-                     splitter.take(cipher.update(data, length));
+                     const Bytes& plaintext = cipher.update(data, length);
+                     std::size_t start = 0;
+                     // The first piece holds the whole version header, or there is none. A wrong
+                     // key is found before the long rest.
+                     if (version.empty() && plaintext.size() >= kVersionHeaderSize) {
+                         version = decodeVersion(plaintext, path);
+                         start = kVersionHeaderSize;
+                     }
+                     payload.write(plaintext.data() + start, plaintext.size() - start);
                  });
-    std::vector<unsigned char> lastBlock;
-    if (!cipher.finish(lastBlock)) {
+    const std::optional<Bytes> lastBytes = cipher.finish();
+    if (!lastBytes) {
         throw ImageError(ImageFault::kKey,
                          path + ": wrong padding: wrong image key or damaged image");
     }
-    splitter.take(lastBlock);
-    std::string version = splitter.version();
+    if (version.empty()) {
+        throw noWholeVersionHeader(path);
+    }
+    payload.write(lastBytes->data(), lastBytes->size());
     payload.commit();
     return version;
 }

@@ -39,6 +39,10 @@ struct StickImageInfo
     ImageTrailer trailer;  ///< what it claims
 };
 
+/// @throws ImageError with ImageFault::kUsage for a text that is not 1 to 63 printable ASCII
+///         characters.
+void requireVersion(const std::string& version);
+
 /// Makes a stick image out of a payload file. Works in pieces: memory does not grow with the image.
 ///
 /// @param version      1 to 63 printable ASCII characters
@@ -47,9 +51,8 @@ struct StickImageInfo
 /// @param outputPath   the image; appears whole or not at all and replaces an earlier file
 /// @param purpose      what the image is for, in a trailer of format 2; nothing: format 1
 /// @throws ImageError: ImageFault::kUsage for the version or the purpose, ImageFault::kFile for
-/// either file,
-///         ImageFault::kFormat when the image would be too large, ImageFault::kKey when the signing
-///         key cannot sign.
+///         either file, ImageFault::kFormat when the image would be too large, ImageFault::kKey
+///         when the signing key cannot sign.
 void buildStickImage(const std::string& version, const std::string& payloadPath,
                      const ImageKey& imageKey, EVP_PKEY* signingKey, const std::string& outputPath,
                      const std::optional<ImagePurpose>& purpose = std::nullopt);
