@@ -32,52 +32,47 @@ constexpr int kProvisioningCurve = NID_X9_62_prime256v1;  // P-256
 }
 
 /// @param configure  says what key of that type it is to be
-/// @return null when OpenSSL cannot make it.
 template <typename Configure>
-UniqueKey generateKey(int type, Configure configure)
+UniqueKey createKey(const char* what, int type, Configure configure)
 {
     const UniqueKeyContext context(EVP_PKEY_CTX_new_id(type, nullptr));
     EVP_PKEY* key = nullptr;
-    if (!context || EVP_PKEY_keygen_init(context.get()) != 1 || !configure(context.get()) ||
+    if (!context || EVP_PKEY_keygen_init(context.get()) != 1 || configure(context.get()) != 1 ||
         EVP_PKEY_keygen(context.get(), &key) != 1) {
-        return nullptr;
+        refuseToCreate(what);
     }
     return UniqueKey(key);
 }
 
-std::string takeText(BIO* bio)
+/// @param write  writes the PEM form to a BIO
+template <typename Write>
+std::string pemText(const char* what, Write write)
 {
+    const UniqueBio bio(BIO_new(BIO_s_secmem()));
+    if (!bio || write(bio.get()) != 1) {
+        refuseToCreate(what);
+    }
     char* text = nullptr;
-    const long length = BIO_get_mem_data(bio, &text);
-    return length > 0 ? std::string(text, static_cast<std::size_t>(length)) : std::string();
+    const long length = BIO_get_mem_data(bio.get(), &text);
+    return {text, static_cast<std::size_t>(length)};
 }
 
 std::string privateKeyText(EVP_PKEY* key)
 {
-    const UniqueBio bio(BIO_new(BIO_s_secmem()));
-    if (!bio ||
-        PEM_write_bio_PKCS8PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr) != 1) {
-        refuseToCreate("private key");
-    }
-    return takeText(bio.get());
+    return pemText("private key", [key](BIO* bio) {
+        return PEM_write_bio_PKCS8PrivateKey(bio, key, nullptr, nullptr, 0, nullptr, nullptr);
+    });
 }
 
 std::string publicKeyText(EVP_PKEY* key)
 {
-    const UniqueBio bio(BIO_new(BIO_s_mem()));
-    if (!bio || PEM_write_bio_PUBKEY(bio.get(), key) != 1) {
-        refuseToCreate("public key");
-    }
-    return takeText(bio.get());
+    return pemText("public key", [key](BIO* bio) { return PEM_write_bio_PUBKEY(bio, key); });
 }
 
 std::string certificateText(X509* certificate)
 {
-    const UniqueBio bio(BIO_new(BIO_s_mem()));
-    if (!bio || PEM_write_bio_X509(bio.get(), certificate) != 1) {
-        refuseToCreate("provisioning certificate");
-    }
-    return takeText(bio.get());
+    return pemText("provisioning certificate",
+                   [certificate](BIO* bio) { return PEM_write_bio_X509(bio, certificate); });
 }
 
 std::string createImageKeyItem()
@@ -170,18 +165,13 @@ void createKeys(const std::string& directory, bool replace)
         requireNoKeys(place);
     }
 
-    const UniqueKey key = generateKey(EVP_PKEY_RSA, [](EVP_PKEY_CTX* context) {
-        return EVP_PKEY_CTX_set_rsa_keygen_bits(context, kSigningKeyBits) == 1;
+    const UniqueKey key = createKey("signing key", EVP_PKEY_RSA, [](EVP_PKEY_CTX* context) {
+        return EVP_PKEY_CTX_set_rsa_keygen_bits(context, kSigningKeyBits);
     });
-    if (!key) {
-        refuseToCreate("signing key");
-    }
-    const UniqueKey provisioningKey = generateKey(EVP_PKEY_EC, [](EVP_PKEY_CTX* context) {
-        return EVP_PKEY_CTX_set_ec_paramgen_curve_nid(context, kProvisioningCurve) == 1;
-    });
-    if (!provisioningKey) {
-        refuseToCreate("provisioning key");
-    }
+    const UniqueKey provisioningKey =
+        createKey("provisioning key", EVP_PKEY_EC, [](EVP_PKEY_CTX* context) {
+            return EVP_PKEY_CTX_set_ec_paramgen_curve_nid(context, kProvisioningCurve);
+        });
     const std::string item = createImageKeyItem();
     Certificates certificates;
     certificates.push_back(createProvisioningCertificate(provisioningKey.get()));
