@@ -19,11 +19,15 @@ constexpr char kExitCodes[] =
     "not a provisioning package; 5 signature missing or wrong; 6 key or certificate\n"
     "wrong or unusable.";
 
-CLI::App* addVerb(CLI::App& app, const char* name, const char* what, bool& json)
+/// @param options  has to outlive the app
+template <typename Options>
+CLI::App* addVerb(CLI::App& app, const char* name, const char* what, Options& options,
+                  void (*run)(const Options&))
 {
     CLI::App* verb = app.add_subcommand(name, what);
-    verb->add_flag("--json", json, "print the result as one JSON object");
+    verb->add_flag("--json", options.json, "print the result as one JSON object");
     verb->footer(kExitCodes);
+    verb->callback([&options, run] { run(options); });
     return verb;
 }
 
@@ -31,10 +35,9 @@ void addKeygen(CLI::App& app, quillon::KeygenOptions& options)
 {
     CLI::App* verb =
         addVerb(app, "keygen", "make the keys and the provisioning package of a device family",
-                options.json);
+                options, quillon::keygen);
     verb->add_option("DIR", options.directory, "directory for the keys")->required();
     verb->add_flag("--force", options.force, "replace existing keys");
-    verb->callback([&options] { quillon::keygen(options); });
 }
 
 CLI::Option* addModel(CLI::App* verb, std::string& model, const char* what)
@@ -47,7 +50,7 @@ CLI::Option* addModel(CLI::App* verb, std::string& model, const char* what)
 void addBuild(CLI::App& app, quillon::BuildOptions& options)
 {
     CLI::App* verb =
-        addVerb(app, "build", "make an enciphered and signed stick image", options.json);
+        addVerb(app, "build", "make an enciphered and signed stick image", options, quillon::build);
     CLI::Option* module = verb->add_option("--module", options.module,
                                            "the module's firmware name, for --stick and --model");
     verb->add_option("--version", options.version, "the payload's version")->required();
@@ -67,12 +70,12 @@ void addBuild(CLI::App& app, quillon::BuildOptions& options)
     place->add_option("--stick", options.stick, "directory of a stick; the image is DIR/NAME.bin")
         ->needs(module);
     place->require_option(1);
-    verb->callback([&options] { quillon::build(options); });
 }
 
 void addPackage(CLI::App& app, quillon::PackageOptions& options)
 {
-    CLI::App* verb = addVerb(app, "package", "make an extension module package", options.json);
+    CLI::App* verb =
+        addVerb(app, "package", "make an extension module package", options, quillon::package);
     verb->add_option("--name", options.name, "the package's name, with \"emp\" in it")->required();
     verb->add_option("--version", options.version, "the payload's version")->required();
     verb->add_option("--payload", options.payload, "file with the firmware")->required();
@@ -82,12 +85,12 @@ void addPackage(CLI::App& app, quillon::PackageOptions& options)
     verb->add_option("--type", options.type, "its file system: squashfs (default) or ext4")
         ->check(CLI::IsMember({"squashfs", "ext4"}));
     verb->add_option("--output", options.output, "the package; default NAME.img");
-    verb->callback([&options] { quillon::package(options); });
 }
 
 void addProvision(CLI::App& app, quillon::ProvisionOptions& options)
 {
-    CLI::App* verb = addVerb(app, "provision", "make a signed provisioning package", options.json);
+    CLI::App* verb = addVerb(app, "provision", "make a signed provisioning package", options,
+                             quillon::provision);
     CLI::Option* payload =
         verb->add_option("--payload", options.payload, "file with the item (image-key.bin)");
     verb->add_option("--item", options.item, "the storage item's name; default quillon")
@@ -103,22 +106,21 @@ void addProvision(CLI::App& app, quillon::ProvisionOptions& options)
                      "any intermediate certificates")
         ->required();
     verb->add_option("--output", options.output, "the package; default 00000066.bin");
-    verb->callback([&options] { quillon::provision(options); });
 }
 
 void addInfo(CLI::App& app, quillon::InfoOptions& options)
 {
-    CLI::App* verb =
-        addVerb(app, "info", "print the properties of an image or a package", options.json);
+    CLI::App* verb = addVerb(app, "info", "print the properties of an image or a package", options,
+                             quillon::info);
     verb->add_option("FILE", options.image, "the image or package")->required();
     verb->add_option("--key", options.key, "image key file, to print the version as well");
-    verb->callback([&options] { quillon::info(options); });
 }
 
 void addVerify(CLI::App& app, quillon::VerifyOptions& options)
 {
-    CLI::App* verb = addVerb(
-        app, "verify", "check the signature of an image or provisioning package", options.json);
+    CLI::App* verb =
+        addVerb(app, "verify", "check the signature of an image or provisioning package", options,
+                quillon::verify);
     verb->add_option("FILE", options.image, "the image or provisioning package")->required();
     addModel(verb, options.model, "the device's model, as in trust.conf");
     verb->add_option("--floor", options.floor, "lowest security counter that the device accepts");
@@ -131,17 +133,15 @@ void addVerify(CLI::App& app, quillon::VerifyOptions& options)
     verb->add_flag("--purpose", options.wantsPurpose,
                    "require a signer's certificate for provisioning, with --certificates")
         ->needs("--certificates");
-    verb->callback([&options] { quillon::verify(options); });
 }
 
 void addExtract(CLI::App& app, quillon::ExtractOptions& options)
 {
-    CLI::App* verb =
-        addVerb(app, "extract", "decipher an image; its signature is not checked", options.json);
+    CLI::App* verb = addVerb(app, "extract", "decipher an image; its signature is not checked",
+                             options, quillon::extract);
     verb->add_option("FILE", options.image, "the image")->required();
     verb->add_option("--key", options.key, "image key file")->required();
     verb->add_option("--output", options.output, "file for the payload")->required();
-    verb->callback([&options] { quillon::extract(options); });
 }
 
 int fail(ImageFault fault, const std::string& reason)
