@@ -100,15 +100,10 @@ Floors floorsOf(const std::vector<std::string>& words)
     return floors;
 }
 
-/// Enciphered bytes can bear a package's mark by chance, so a stick image is looked for first.
-std::optional<PackageType> packageTypeOfNoStickImage(const std::string& path)
+void sayMade(const std::string& path, const std::string& version)
 {
-    try {
-        inspectStickImage(path);
-        return std::nullopt;
-    } catch (const ImageError&) {
-        return packageTypeOf(path);
-    }
+    std::cout << path << ": version " << version << ", " << std::filesystem::file_size(path)
+              << " bytes\n";
 }
 
 }  // namespace
@@ -143,8 +138,7 @@ void build(const BuildOptions& options)
     buildStickImage(options.version, options.payload, imageKey, signingKey.get(), path, purpose);
 
     if (!options.json) {
-        std::cout << path << ": version " << options.version << ", "
-                  << std::filesystem::file_size(path) << " bytes\n";
+        sayMade(path, options.version);
         return;
     }
     Json::Value entries = describe(path, inspectStickImage(path));
@@ -164,8 +158,7 @@ void package(const PackageOptions& options)
         content, options.type == "ext4" ? PackageType::kExt4 : PackageType::kSquashfs, path);
 
     if (!options.json) {
-        std::cout << path << ": version " << options.version << ", "
-                  << std::filesystem::file_size(path) << " bytes\n";
+        sayMade(path, options.version);
         return;
     }
     Json::Value entries = describePackage(path, *packageTypeOf(path));
@@ -207,11 +200,19 @@ void info(const InfoOptions& options)
         report(describeProvisioning(options.image, *provisioning), options.json);
         return;
     }
-    if (const std::optional<PackageType> type = packageTypeOfNoStickImage(options.image)) {
+    StickImageInfo image;
+    try {
+        image = inspectStickImage(options.image);
+    } catch (const ImageError&) {
+        // Not before, since enciphered bytes can bear a package's mark by chance.
+        const std::optional<PackageType> type = packageTypeOf(options.image);
+        if (!type) {
+            throw;
+        }
         report(describePackage(options.image, *type), options.json);
         return;
     }
-    Json::Value entries = describe(options.image, inspectStickImage(options.image));
+    Json::Value entries = describe(options.image, image);
     if (!options.key.empty()) {
         entries["version"] = readStickImageVersion(options.image, loadImageKey(options.key));
     }
