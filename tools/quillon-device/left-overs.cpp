@@ -21,50 +21,22 @@ namespace quillon::device {
 
 namespace {
 
-std::vector<pid_t> processes()
+/// Kills each process that has this text in a file of its directory in /proc. The file is taken as
+/// if a NUL stood before it.
+/// @return whether there was any
+bool killThoseWith(const std::string& text, const char* fileName)
 {
-    std::vector<pid_t> found;
+    bool any = false;
     std::error_code ignored;
     for (const fs::directory_entry& entry : fs::directory_iterator("/proc", ignored)) {
         const pid_t pid = std::atoi(entry.path().filename().c_str());
-        if (pid > 0) {
-            found.push_back(pid);
+        if (pid <= 0) {
+            continue;
         }
-    }
-    return found;
-}
-
-std::string contentOf(pid_t pid, const char* name)
-{
-    std::ifstream file("/proc/" + std::to_string(pid) + "/" + name);
-    std::ostringstream content;
-    content << file.rdbuf();  // no exception for a process that ends between open and read
-    return content.str();
-}
-
-pid_t parentOf(pid_t pid)
-{
-    const std::string stat = contentOf(pid, "stat");
-    const std::size_t nameEnd = stat.rfind(')');  // the name itself may hold blanks and brackets
-    if (nameEnd == std::string::npos) {
-        return -1;
-    }
-    std::istringstream fields(stat.substr(nameEnd + 1));
-    char state = 0;
-    pid_t parent = -1;
-    fields >> state >> parent;
-    return parent;
-}
-
-/// Kills every process with this line in its environment. @return whether there was any
-bool killMarked(const std::string& line)
-{
-    const std::string mark = line + '\0';
-    bool any = false;
-    for (const pid_t pid : processes()) {
-        const std::string environment = contentOf(pid, "environ");
-        const std::size_t place = environment.find(mark);
-        if (place != std::string::npos && (place == 0 || environment[place - 1] == '\0')) {
+        std::ifstream file(entry.path() / fileName);
+        std::ostringstream content;
+        content << '\0' << file.rdbuf();  // no exception for a process that ends meanwhile
+        if (content.str().find(text) != std::string::npos) {
             any = ::kill(pid, SIGKILL) == 0 || any;
         }
     }
@@ -75,22 +47,18 @@ bool killMarked(const std::string& line)
 
 void killDescendants()
 {
-    for (;;) {
-        for (const pid_t pid : processes()) {
-            if (parentOf(pid) == ::getpid()) {
-                ::kill(pid, SIGKILL);
-            }
-        }
-        if (::waitpid(-1, nullptr, 0) < 0) {
-            return;
-        }
-    }
+    // A newline in the name, which stands before, is escaped.
+    const std::string isChild = "\nPPid:\t" + std::to_string(::getpid()) + "\n";
+    do {
+        killThoseWith(isChild, "status");
+    } while (::waitpid(-1, nullptr, 0) > 0);
 }
 
 void killForgottenProcesses()
 {
     constexpr int kTries = 1000;  // five seconds; what is not dead by then hangs in the kernel
-    for (int tries = 0; tries < kTries && killMarked("QUILLON_DEVICE=in-place"); ++tries) {
+    const std::string mark = '\0' + std::string("QUILLON_DEVICE=in-place") + '\0';
+    for (int tries = 0; tries < kTries && killThoseWith(mark, "environ"); ++tries) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
 }

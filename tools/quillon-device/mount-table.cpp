@@ -8,25 +8,13 @@ namespace quillon::device {
 
 namespace {
 
-bool isOctal(char digit)
-{
-    return digit >= '0' && digit <= '7';
-}
+constexpr int kPointField = 5;  // after id, parent, device and root
 
 /// The kernel writes blanks, newlines and backslashes of a name as "\ooo".
-std::string unescaped(const std::string& field)
+std::string unescaped(std::string name)
 {
-    std::string name;
-    for (std::size_t i = 0; i < field.size(); ++i) {
-        if (field[i] == '\\' && i + 3 < field.size() && isOctal(field[i + 1]) &&
-            isOctal(field[i + 2]) && isOctal(field[i + 3])) {
-            const int value =
-                (field[i + 1] - '0') * 64 + (field[i + 2] - '0') * 8 + (field[i + 3] - '0');
-            name += static_cast<char>(value);
-            i += 3;
-        } else {
-            name += field[i];
-        }
+    for (std::size_t at = 0; (at = name.find('\\', at)) != std::string::npos; ++at) {
+        name.replace(at, 4, 1, static_cast<char>(std::stoi(name.substr(at + 1, 3), nullptr, 8)));
     }
     return name;
 }
@@ -39,13 +27,12 @@ std::vector<std::string> mountPoints()
     std::ifstream table("/proc/self/mountinfo");
     for (std::string line; std::getline(table, line);) {
         std::istringstream fields(line);
-        std::string id;
-        std::string parent;
-        std::string device;
-        std::string root;
-        std::string point;
-        if (fields >> id >> parent >> device >> root >> point) {
-            points.insert(unescaped(point));
+        std::string field;
+        for (int number = 1; number <= kPointField; ++number) {
+            fields >> field;
+        }
+        if (fields) {
+            points.insert(unescaped(field));
         }
     }
     return {points.begin(), points.end()};
