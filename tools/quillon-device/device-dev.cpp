@@ -1,6 +1,5 @@
 #include "tools/quillon-device/device-dev.h"
 
-#include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -9,7 +8,7 @@
 #include <filesystem>
 #include <string>
 
-#include "base/fd.h"
+#include "tools/quillon-device/mounts.h"
 #include "tools/quillon-device/setup-error.h"
 
 namespace quillon::device {
@@ -18,6 +17,13 @@ namespace {
 
 constexpr unsigned kLoopDevices = 16;
 constexpr unsigned kLoopMajor = 7;
+
+/// @return false with errno telling why
+bool bindFromHost(int hostDev, const std::string& name, const std::string& path)
+{
+    const std::string source = "/proc/self/fd/" + std::to_string(hostDev) + "/" + name;
+    return ::mount(source.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) == 0;
+}
 
 /// A node of our own where that is allowed: a change of its mode then stays inside, too.
 void addNode(int hostDev, const std::string& name)
@@ -28,19 +34,13 @@ void addNode(int hostDev, const std::string& name)
     }
     const std::string path = "/dev/" + name;
     if (::mknod(path.c_str(), info.st_mode, info.st_rdev) == 0) {
-        if (::chown(path.c_str(), info.st_uid, info.st_gid) != 0 ||
-            ::chmod(path.c_str(), info.st_mode & 07777U) != 0) {
-            failWithErrno(path);
-        }
+        require(::chown(path.c_str(), info.st_uid, info.st_gid) == 0 &&
+                    ::chmod(path.c_str(), info.st_mode & 07777U) == 0,
+                path);
         return;
     }
-    const std::string source = "/proc/self/fd/" + std::to_string(hostDev) + "/" + name;
-    if (!UniqueFd(::open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600))) {
-        failWithErrno(path);
-    }
-    if (::mount(source.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0) {
-        failWithErrno("bind " + path);
-    }
+    makeFile(path);
+    require(bindFromHost(hostDev, name, path), "bind " + path);
 }
 
 /// As many as ever, whatever number the host has nodes for.
@@ -60,45 +60,36 @@ void addLoopDevices(int hostDev)
 
 void addDirectory(const char* path)
 {
-    if (::mkdir(path, 0755) != 0) {
-        failWithErrno(path);
-    }
+    require(::mkdir(path, 0755) == 0, path);
 }
 
 void addLink(const char* target, const char* path)
 {
-    if (::symlink(target, path) != 0) {
-        failWithErrno(path);
-    }
+    require(::symlink(target, path) == 0, path);
 }
 
 void addTerminals(int hostDev)
 {
     addDirectory("/dev/pts");
-    if (::mount("devpts", "/dev/pts", "devpts", MS_NOSUID | MS_NOEXEC,
-                "newinstance,ptmxmode=0666,mode=0620") != 0) {
-        const std::string source = "/proc/self/fd/" + std::to_string(hostDev) + "/pts";
-        if (::mount(source.c_str(), "/dev/pts", nullptr, MS_BIND, nullptr) != 0) {
-            return;  // a machine without pseudo-terminals
-        }
+    const bool isOurs = ::mount("devpts", "/dev/pts", "devpts", MS_NOSUID | MS_NOEXEC,
+                                "newinstance,ptmxmode=0666,mode=0620") == 0;
+    if (isOurs || bindFromHost(hostDev, "pts", "/dev/pts")) {  // or it is a machine without any
+        addLink("pts/ptmx", "/dev/ptmx");
     }
-    addLink("pts/ptmx", "/dev/ptmx");
 }
 
 /// The terminal that we run on belongs to the host's /dev/pts; under this name ttyname() finds it.
 void addConsole(int hostDev)
 {
-    const std::string console = "/dev/console";
+    const std::string dev = "/dev/";
+    const std::string console = dev + "console";
     std::error_code error;
     const std::string terminal = std::filesystem::read_symlink("/proc/self/fd/0", error).string();
-    if (error || ::isatty(STDIN_FILENO) == 0 || terminal.rfind("/dev/", 0) != 0) {
+    if (error || ::isatty(STDIN_FILENO) == 0 || terminal.rfind(dev, 0) != 0) {
         return;
     }
-    const std::string source = "/proc/self/fd/" + std::to_string(hostDev) + terminal.substr(4);
-    if (!UniqueFd(::open(console.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC | O_NOCTTY, 0600))) {
-        failWithErrno(console);
-    }
-    if (::mount(source.c_str(), console.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+    makeFile(console);
+    if (!bindFromHost(hostDev, terminal.substr(dev.size()), console)) {
         ::unlink(console.c_str());
     }
 }
@@ -118,14 +109,9 @@ void fillDev(int hostDev)
     addLink("/proc/self/fd/1", "/dev/stdout");
     addLink("/proc/self/fd/2", "/dev/stderr");
     addDirectory("/dev/shm");
-    if (::mount("tmpfs", "/dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777") != 0) {
-        failWithErrno("mount tmpfs on /dev/shm");
-    }
+    mountNew("tmpfs", "/dev/shm", MS_NOSUID | MS_NODEV, "mode=1777");
     addDirectory("/dev/mqueue");
-    if (::mount("mqueue", "/dev/mqueue", "mqueue", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) !=
-        0) {
-        failWithErrno("mount mqueue on /dev/mqueue");
-    }
+    mountNew("mqueue", "/dev/mqueue", MS_NOSUID | MS_NODEV | MS_NOEXEC);
 }
 
 }  // namespace quillon::device

@@ -91,11 +91,6 @@ std::vector<std::string> scratchDirectories()
     return existingDirectories({"/var/tmp", "/run/lock", "/var/lib/systemd"});
 }
 
-std::string hostSealingKey()
-{
-    return "/var/lib/systemd/credential.secret";
-}
-
 bool staysOutside(const std::string& directory)
 {
     std::vector<std::string> anew = serviceDirectories();

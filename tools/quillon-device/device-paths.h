@@ -30,7 +30,7 @@ std::vector<std::string> scratchDirectories();
 
 /// The key that systemd-creds seals with. The host's is none of a private device's business, and an
 /// ordinary user could not read it: systemd-creds makes a new one.
-std::string hostSealingKey();
+constexpr char kHostSealingKey[] = "/var/lib/systemd/credential.secret";
 
 /// True when `directory` lies in a directory that a device has made anew, so that it is not there
 /// inside.

@@ -44,9 +44,7 @@ public:
     {
         file_ = UniqueFd(::open(path_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
         struct stat info = {};
-        if (!file_ || ::fstat(file_.get(), &info) != 0) {
-            failWithErrno(path_);
-        }
+        require(file_.get() >= 0 && ::fstat(file_.get(), &info) == 0, path_);
         if (!S_ISREG(info.st_mode) || info.st_uid != ::geteuid()) {
             throw SetupError(path_ + " belongs to somebody else");
         }
@@ -55,9 +53,7 @@ public:
         ::sigprocmask(SIG_SETMASK, &signalMask, &blocked);
         const int result = ::flock(file_.get(), LOCK_EX);
         ::sigprocmask(SIG_SETMASK, &blocked, nullptr);
-        if (result != 0) {
-            failWithErrno(path_);
-        }
+        require(result == 0, path_);
     }
 
     /// Lines of the record; empty when the last device ended properly.
@@ -77,10 +73,10 @@ public:
         for (const std::string& line : lines) {
             text += line + "\n";
         }
-        if (::ftruncate(file_.get(), 0) != 0 || ::pwrite(file_.get(), text.data(), text.size(),
-                                                         0) != static_cast<ssize_t>(text.size())) {
-            failWithErrno(path_);
-        }
+        require(::ftruncate(file_.get(), 0) == 0 &&
+                    ::pwrite(file_.get(), text.data(), text.size(), 0) ==
+                        static_cast<ssize_t>(text.size()),
+                path_);
     }
 
 private:

@@ -78,16 +78,12 @@ sigset_t takeSignals()
 pid_t startCommand(const Command& command, const char* way, bool dieWithMe, int& status)
 {
     int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) {
-        failWithErrno("pipe");
-    }
+    require(::pipe2(ends, O_CLOEXEC) == 0, "pipe");
     const UniqueFd failure(ends[0]);
     UniqueFd report(ends[1]);
     const pid_t parent = ::getpid();
     const pid_t child = ::fork();
-    if (child < 0) {
-        failWithErrno("fork");
-    }
+    require(child >= 0, "fork");
     if (child == 0) {
         becomeCommand(command, way, dieWithMe ? parent : 0);
         const int error = errno;

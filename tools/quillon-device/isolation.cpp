@@ -32,9 +32,7 @@ struct Pipe
 Pipe makePipe()
 {
     int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) {
-        failWithErrno("pipe");
-    }
+    require(::pipe2(ends, O_CLOEXEC) == 0, "pipe");
     return {UniqueFd(ends[0]), UniqueFd(ends[1])};
 }
 
@@ -73,9 +71,7 @@ std::string readAll(int fd)
 void writeMap(const char* path, const std::string& text)
 {
     const UniqueFd file(::open(path, O_WRONLY | O_CLOEXEC));
-    if (!file || ::write(file.get(), text.data(), text.size()) < 0) {
-        failWithErrno(path);
-    }
+    require(file.get() >= 0 && ::write(file.get(), text.data(), text.size()) >= 0, path);
 }
 
 void becomeRootOfNamespace(uid_t user, gid_t group)
@@ -106,9 +102,8 @@ void setUp(const std::string& directory)
 {
     mountDevice(directory);
     // By path, since the old working directory is the one beneath the overlay.
-    if (!directory.empty() && ::chdir(directory.c_str()) != 0) {
-        failWithErrno("the working directory " + directory);
-    }
+    require(directory.empty() || ::chdir(directory.c_str()) == 0,
+            "the working directory " + directory);
 }
 
 /// The first process of the device.

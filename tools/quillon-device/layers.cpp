@@ -32,9 +32,7 @@ struct Layer
 
 void makeDirectory(const std::string& path)
 {
-    if (::mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) {
-        failWithErrno("mkdir " + path);
-    }
+    require(::mkdir(path.c_str(), 0755) == 0 || errno == EEXIST, "mkdir " + path);
 }
 
 std::vector<std::string> resolvedAll(const std::vector<std::string>& paths)
@@ -133,11 +131,8 @@ bool mountOverlay(const Layer& layer)
 /// (a container's resolv.conf) read-only. What cannot be put back stays empty.
 void putBack(const std::string& point, const std::string& target)
 {
-    if (::mount(point.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
-        return;
-    }
     std::error_code ignored;
-    if (!fs::is_directory(target, ignored)) {
+    if (bindTree(point, target) && !fs::is_directory(target, ignored)) {
         makeReadOnly(target);
     }
 }
@@ -180,13 +175,14 @@ void assembleLayers(const std::vector<Layer>& layers, const std::vector<std::str
         // An overlay on an overlay on an overlay, or a kernel that keeps overlays from users.
         const std::string mirror = layer.work + "/mirror";
         mirrorDirectory(layer.host, mirror, directories, hidden);
-        bindTree(mirror, layer.assembly);
+        require(bindTree(mirror, layer.assembly), "bind " + mirror);
         mirrored.push_back(layer.host);
     }
     for (const Layer& layer : layers) {
-        if (layer.top &&
-            ::mount(layer.assembly.c_str(), layer.host.c_str(), nullptr, MS_MOVE, nullptr) != 0) {
-            failWithErrno("mount " + layer.host);
+        if (layer.top) {
+            require(
+                ::mount(layer.assembly.c_str(), layer.host.c_str(), nullptr, MS_MOVE, nullptr) == 0,
+                "mount " + layer.host);
         }
     }
 }

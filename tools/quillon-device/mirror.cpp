@@ -1,15 +1,10 @@
 #include "tools/quillon-device/mirror.h"
 
-#include <fcntl.h>
-#include <sys/mount.h>
-
 #include <algorithm>
 #include <filesystem>
 
-#include "base/fd.h"
 #include "tools/quillon-device/device-paths.h"
 #include "tools/quillon-device/mounts.h"
-#include "tools/quillon-device/setup-error.h"
 
 namespace fs = std::filesystem;
 
@@ -37,10 +32,10 @@ void bindEntry(const std::string& host, const std::string& target, const fs::fil
 {
     if (fs::is_directory(status)) {
         makeDirectoryLike(target, host);
-    } else if (!UniqueFd(::open(target.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600))) {
-        failWithErrno(target);
+    } else {
+        makeFile(target);
     }
-    if (::mount(host.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+    if (!bindTree(host, target)) {
         std::error_code ignored;  // the entry went away meanwhile, as entries of /tmp do
         fs::remove(target, ignored);
         return;

@@ -22,62 +22,36 @@ namespace quillon::device {
 
 namespace {
 
-constexpr const char* kStage = "/dev/.stage";
-
-void makeDirectory(const std::string& path)
-{
-    if (::mkdir(path.c_str(), 0755) != 0) {
-        failWithErrno("mkdir " + path);
-    }
-}
-
-void mountTmpfs(const std::string& point, mode_t mode)
-{
-    if (::mount("tmpfs", point.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, nullptr) != 0) {
-        failWithErrno("mount tmpfs on " + point);
-    }
-    if (::chmod(point.c_str(), mode) != 0) {
-        failWithErrno("chmod " + point);
-    }
-}
-
 void emptyDirectory(const std::string& directory)
 {
     std::error_code error;
     fs::create_directories(directory, error);  // it may have been in one that was just emptied
     struct stat info = {};
-    if (::stat(directory.c_str(), &info) != 0) {
-        failWithErrno(directory);
-    }
+    require(::stat(directory.c_str(), &info) == 0, directory);
     if (!fs::is_empty(directory, error) || error) {
-        mountTmpfs(directory, info.st_mode & 07777U);
+        mountNew("tmpfs", directory, MS_NOSUID | MS_NODEV);
+        require(::chmod(directory.c_str(), info.st_mode & 07777U) == 0, "chmod " + directory);
     }
-    if (::access(directory.c_str(), W_OK) != 0) {
-        failWithErrno(directory);
-    }
-}
-
-void removeFile(const std::string& file)
-{
-    if (::unlink(file.c_str()) != 0 && errno != ENOENT) {
-        failWithErrno("remove " + file);
-    }
-}
-
-/// Programs inside see their own process list. Where a container masks parts of its /proc, the
-/// kernel forbids a new one in a user namespace; the outer one then stays and serves.
-void mountProc()
-{
-    ::mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr);
+    require(::access(directory.c_str(), W_OK) == 0, directory);
 }
 
 }  // namespace
 
-void bindTree(const std::string& source, const std::string& target)
+void mountNew(const char* type, const std::string& point, unsigned long flags, const char* options)
 {
-    if (::mount(source.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
-        failWithErrno("bind " + source);
-    }
+    require(::mount(type, point.c_str(), type, flags, options) == 0,
+            std::string("mount ") + type + " on " + point);
+}
+
+bool bindTree(const std::string& source, const std::string& target)
+{
+    return ::mount(source.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0;
+}
+
+void makeFile(const std::string& path)
+{
+    const UniqueFd file(::open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC | O_NOCTTY, 0600));
+    require(file.get() >= 0, path);
 }
 
 void makeReadOnly(const std::string& point)
@@ -97,52 +71,43 @@ void makeReadOnly(const std::string& point)
 
 void makeDirectoryLike(const std::string& path, const std::string& model)
 {
-    struct stat info = {};
-    const bool known = ::stat(model.c_str(), &info) == 0;
     if (::mkdir(path.c_str(), 0755) != 0) {
-        if (errno == EEXIST) {
-            return;
-        }
-        failWithErrno("mkdir " + path);
+        require(errno == EEXIST, "mkdir " + path);
+        return;
     }
-    if (!known) {
+    struct stat info = {};
+    if (::stat(model.c_str(), &info) != 0) {
         return;
     }
     if (::chown(path.c_str(), info.st_uid, info.st_gid) != 0) {
         // A user namespace knows one owner only; the directory is then that owner's.
     }
-    if (::chmod(path.c_str(), info.st_mode & 07777U) != 0) {
-        failWithErrno("chmod " + path);
-    }
+    require(::chmod(path.c_str(), info.st_mode & 07777U) == 0, "chmod " + path);
 }
 
 void mountDevice(const std::string& workingDirectory)
 {
-    if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        failWithErrno("mount --make-rprivate /");
-    }
+    const std::string stage = "/dev/.stage";
+    require(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0,
+            "mount --make-rprivate /");
     const UniqueFd hostDev(::open("/dev", O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!hostDev) {
-        failWithErrno("/dev");
-    }
-    if (::mount("tmpfs", "/dev", "tmpfs", MS_NOSUID | MS_NOEXEC, "mode=0755") != 0) {
-        failWithErrno("mount tmpfs on /dev");
-    }
-    makeDirectory(kStage);
-    mountTmpfs(kStage, 0755);
-    mountPrivateDirectories(workingDirectory, kStage);
+    require(hostDev.get() >= 0, "/dev");
+    mountNew("tmpfs", "/dev", MS_NOSUID | MS_NOEXEC, "mode=0755");
+    require(::mkdir(stage.c_str(), 0755) == 0, "mkdir " + stage);
+    mountNew("tmpfs", stage, MS_NOSUID | MS_NODEV, "mode=0755");
+    mountPrivateDirectories(workingDirectory, stage);
     // The overlays hold on to their layers; nobody else needs to see them.
-    if (::umount2(kStage, MNT_DETACH) != 0 || ::rmdir(kStage) != 0) {
-        failWithErrno(kStage);
-    }
+    require(::umount2(stage.c_str(), MNT_DETACH) == 0 && ::rmdir(stage.c_str()) == 0, stage);
 
     fillDev(hostDev.get());
-    mountProc();
+    // Programs inside see their own process list. Where a container masks parts of its /proc, the
+    // kernel forbids a new one in a user namespace; the outer one then stays and serves.
+    ::mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr);
     for (const std::string& file : serviceFiles()) {
-        removeFile(file);
+        require(::unlink(file.c_str()) == 0 || errno == ENOENT, "remove " + file);
     }
     // Not where the directory is the host's own, read-only: an overlay is not to be had everywhere.
-    static_cast<void>(::unlink(hostSealingKey().c_str()));
+    static_cast<void>(::unlink(kHostSealingKey));
     for (const auto& directories : {serviceDirectories(), hostServiceDirectories()}) {
         for (const std::string& directory : directories) {
             emptyDirectory(directory);

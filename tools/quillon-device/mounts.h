@@ -15,9 +15,18 @@ namespace quillon::device {
 /// @throws SetupError when the device cannot be completed; the namespace is then of no use.
 void mountDevice(const std::string& workingDirectory);
 
-/// Binds `source` with everything mounted beneath it on the existing `target`.
+/// Mounts a new file system that has no source.
 /// @throws SetupError
-void bindTree(const std::string& source, const std::string& target);
+void mountNew(const char* type, const std::string& point, unsigned long flags,
+              const char* options = nullptr);
+
+/// Binds `source` with everything mounted beneath it on the existing `target`.
+/// @return false with errno telling why
+bool bindTree(const std::string& source, const std::string& target);
+
+/// Makes a file, for something to be bound on.
+/// @throws SetupError
+void makeFile(const std::string& path);
 
 /// Makes the mount at `point` read-only, not those beneath it. Best effort.
 void makeReadOnly(const std::string& point);

@@ -6,9 +6,11 @@
 
 namespace quillon::device {
 
-void failWithErrno(const std::string& what)
+void require(bool succeeded, const std::string& what)
 {
-    throw SetupError(what + ": " + std::strerror(errno));
+    if (!succeeded) {
+        throw SetupError(what + ": " + std::strerror(errno));
+    }
 }
 
 void complain(const std::string& line)

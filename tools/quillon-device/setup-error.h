@@ -13,8 +13,8 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// Throws a SetupError "<what>: <text of errno>".
-[[noreturn]] void failWithErrno(const std::string& what);
+/// Throws a SetupError "<what>: <text of errno>" unless a call has succeeded.
+void require(bool succeeded, const std::string& what);
 
 /// Writes "quillon-device: <line>" and a newline to standard error, in one piece.
 void complain(const std::string& line);
