@@ -236,10 +236,7 @@ int runInPlace(const Command& command)
     makeDirectories();
 
     ::prctl(PR_SET_CHILD_SUBREAPER, 1);
-    int status = 0;
-    const pid_t child = startCommand(command, "in-place", true, status);
-    status = child > 0 ? waitFor(child) : status;
-
+    const int status = runAsChild(command, "in-place", true);
     killDescendants();
     clean(made);
     lock.write({});

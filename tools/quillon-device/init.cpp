@@ -9,8 +9,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
-#include "base/fd.h"
 #include "tools/quillon-device/setup-error.h"
 
 namespace quillon::device {
@@ -25,11 +25,6 @@ sigset_t handledSignals()
         sigaddset(&set, number);
     }
     return set;
-}
-
-int statusOf(int waitStatus)
-{
-    return WIFSIGNALED(waitStatus) ? 128 + WTERMSIG(waitStatus) : WEXITSTATUS(waitStatus);
 }
 
 void fixAddresses()
@@ -75,59 +70,53 @@ sigset_t takeSignals()
     return before;
 }
 
-pid_t startCommand(const Command& command, const char* way, bool dieWithMe, int& status)
+Pipe makePipe()
 {
     int ends[2];
     require(::pipe2(ends, O_CLOEXEC) == 0, "pipe");
-    const UniqueFd failure(ends[0]);
-    UniqueFd report(ends[1]);
+    return {UniqueFd(ends[0]), UniqueFd(ends[1])};
+}
+
+int runAsChild(const Command& command, const char* way, bool dieWithMe)
+{
+    Pipe failure = makePipe();
     const pid_t parent = ::getpid();
     const pid_t child = ::fork();
     require(child >= 0, "fork");
     if (child == 0) {
         becomeCommand(command, way, dieWithMe ? parent : 0);
         const int error = errno;
-        const ssize_t written = ::write(report.get(), &error, sizeof error);
+        const ssize_t written = ::write(failure.out.get(), &error, sizeof error);
         ::_exit(written == sizeof error ? kNotRunnable : kNoDevice);
     }
-    report.reset();
+    failure.out.reset();
     int error = 0;
-    if (::read(failure.get(), &error, sizeof error) != sizeof error) {
-        return child;  // the command runs: its start has closed the pipe
+    if (::read(failure.in.get(), &error, sizeof error) != sizeof error) {
+        return waitFor(child);  // the command runs: its start has closed the pipe
     }
     ::waitpid(child, nullptr, 0);
     complain(command.arguments.front() + ": " + std::strerror(error));
-    status = error == ENOENT ? kNotFound : kNotRunnable;
-    return -1;
+    return error == ENOENT ? kNotFound : kNotRunnable;
 }
 
 int waitFor(pid_t child)
 {
     const sigset_t set = handledSignals();
-    for (;;) {
+    std::optional<int> end;
+    while (!end) {
         siginfo_t info = {};
-        if (::sigwaitinfo(&set, &info) < 0) {
-            continue;
+        const int number = ::sigwaitinfo(&set, &info);
+        if (number > 0 && number != SIGCHLD && info.si_code != SI_KERNEL) {
+            ::kill(child, number);
         }
-        if (info.si_signo != SIGCHLD) {
-            if (info.si_code != SI_KERNEL) {
-                ::kill(child, info.si_signo);
-            }
-            continue;
-        }
-        bool ended = false;
-        int childStatus = 0;
         int status = 0;
         for (pid_t pid = 0; (pid = ::waitpid(-1, &status, WNOHANG)) > 0;) {
             if (pid == child) {
-                ended = true;
-                childStatus = status;
+                end = status;
             }
         }
-        if (ended) {
-            return statusOf(childStatus);
-        }
     }
+    return WIFSIGNALED(*end) ? 128 + WTERMSIG(*end) : WEXITSTATUS(*end);
 }
 
 TerminalKeeper::TerminalKeeper() : wasOurs_(::tcgetpgrp(STDIN_FILENO) == ::getpgrp())

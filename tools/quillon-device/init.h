@@ -7,6 +7,8 @@
 
 #include <sys/types.h>
 
+#include "base/fd.h"
+
 namespace quillon::device {
 
 constexpr int kNoDevice = 125;
@@ -25,13 +27,22 @@ struct Command
 /// @return the mask before
 sigset_t takeSignals();
 
-/// Starts the command as a child.
+struct Pipe
+{
+    UniqueFd in;   ///< to read from
+    UniqueFd out;  ///< to write to
+};
+
+/// @throws SetupError
+Pipe makePipe();
+
+/// Runs the command as a child and waits for its end as waitFor() does.
 ///
-/// @param way          becomes the value of QUILLON_DEVICE
-/// @param dieWithMe    the child is killed when the caller dies
-/// @param[out] status  126 or 127 when there is no child, with one line on standard error
-/// @return the child, or -1
-pid_t startCommand(const Command& command, const char* way, bool dieWithMe, int& status);
+/// @param way        becomes the value of QUILLON_DEVICE
+/// @param dieWithMe  the child is killed when the caller dies
+/// @return the exit status; 126 or 127 when it cannot be run, with one line on standard error
+/// @throws SetupError
+int runAsChild(const Command& command, const char* way, bool dieWithMe);
 
 /// Waits for the end of `child`, passing on to it each signal that was sent to the caller, and
 /// reaping whatever else ends meanwhile. Signals of a terminal are not passed on: the child has

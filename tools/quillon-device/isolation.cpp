@@ -13,6 +13,8 @@
 #include <filesystem>
 
 #include "base/fd.h"
+#include "base/regular-file.h"
+#include "base/secret-bytes.h"
 #include "tools/quillon-device/device-paths.h"
 #include "tools/quillon-device/mounts.h"
 #include "tools/quillon-device/setup-error.h"
@@ -22,32 +24,14 @@ namespace quillon::device {
 namespace {
 
 constexpr const char* kReady = "+";
-
-struct Pipe
-{
-    UniqueFd in;
-    UniqueFd out;
-};
-
-Pipe makePipe()
-{
-    int ends[2];
-    require(::pipe2(ends, O_CLOEXEC) == 0, "pipe");
-    return {UniqueFd(ends[0]), UniqueFd(ends[1])};
-}
+constexpr std::size_t kLongestReport = 65536;
 
 /// Like fork(), with the child as the first process of new namespaces.
-pid_t forkInto(int namespaces)
-{
-    const long child =
-        ::syscall(SYS_clone, namespaces | SIGCHLD, nullptr, nullptr, nullptr, nullptr);
-    return static_cast<pid_t>(child);
-}
-
-int namespacesOf(Way way)
+pid_t forkInto(Way way)
 {
     const int namespaces = CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWPID;
-    return way == Way::kUser ? namespaces | CLONE_NEWUSER : namespaces;
+    const int flags = SIGCHLD | namespaces | (way == Way::kUser ? CLONE_NEWUSER : 0);
+    return static_cast<pid_t>(::syscall(SYS_clone, flags, nullptr, nullptr, nullptr, nullptr));
 }
 
 void writeAll(int fd, const std::string& text)
@@ -55,17 +39,6 @@ void writeAll(int fd, const std::string& text)
     if (::write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
         ::_exit(kNoDevice);  // nobody is left to hear it
     }
-}
-
-std::string readAll(int fd)
-{
-    std::string text;
-    char buffer[512];
-    ssize_t count = 0;
-    while ((count = ::read(fd, buffer, sizeof buffer)) > 0) {
-        text.append(buffer, static_cast<std::size_t>(count));
-    }
-    return text;
 }
 
 void writeMap(const char* path, const std::string& text)
@@ -91,13 +64,6 @@ void dieWithParent(int report)
     }
 }
 
-std::string currentDirectory()
-{
-    std::error_code error;
-    const std::filesystem::path path = std::filesystem::current_path(error);
-    return error ? std::string() : path.string();
-}
-
 void setUp(const std::string& directory)
 {
     mountDevice(directory);
@@ -107,7 +73,7 @@ void setUp(const std::string& directory)
 }
 
 /// The first process of the device.
-[[noreturn]] void runInit(Way way, const Command* command, UniqueFd report,
+[[noreturn]] void runInit(Way way, const Command& command, UniqueFd report,
                           const std::string& directory, uid_t user, gid_t group)
 {
     int status = 0;
@@ -119,9 +85,8 @@ void setUp(const std::string& directory)
         setUp(directory);
         writeAll(report.get(), kReady);
         report.reset();
-        if (command != nullptr) {
-            const pid_t child = startCommand(*command, nameOf(way), false, status);
-            status = child > 0 ? waitFor(child) : status;
+        if (!command.arguments.empty()) {
+            status = runAsChild(command, nameOf(way), false);
         }
     } catch (const std::exception& error) {
         if (report) {
@@ -140,37 +105,6 @@ std::string cloneFailure(int error)
     return std::string("new namespaces: ") + std::strerror(error);
 }
 
-std::optional<int> run(Way way, const Command* command, std::string& reason)
-{
-    if (way == Way::kRoot && ::geteuid() != 0) {
-        reason = "not root";
-        return std::nullopt;
-    }
-    const std::string directory = currentDirectory();
-    if (staysOutside(directory)) {
-        throw SetupError("the working directory " + directory + " would not exist inside");
-    }
-    Pipe report = makePipe();
-    const uid_t user = ::geteuid();
-    const gid_t group = ::getegid();
-    const pid_t init = forkInto(namespacesOf(way));
-    if (init < 0) {
-        reason = cloneFailure(errno);
-        return std::nullopt;
-    }
-    if (init == 0) {
-        report.in.reset();
-        runInit(way, command, std::move(report.out), directory, user, group);
-    }
-    report.out.reset();
-    reason = readAll(report.in.get());
-    if (reason != kReady) {
-        ::waitpid(init, nullptr, 0);
-        return std::nullopt;
-    }
-    return waitFor(init);
-}
-
 }  // namespace
 
 const char* nameOf(Way way)
@@ -180,12 +114,36 @@ const char* nameOf(Way way)
 
 std::optional<int> runIsolated(Way way, const Command& command, std::string& reason)
 {
-    return run(way, &command, reason);
-}
-
-bool isPossible(Way way, std::string& reason)
-{
-    return run(way, nullptr, reason).has_value();
+    if (way == Way::kRoot && ::geteuid() != 0) {
+        reason = "not root";
+        return std::nullopt;
+    }
+    std::error_code ignored;  // the path is empty where there is no working directory
+    const std::string directory = std::filesystem::current_path(ignored).string();
+    if (staysOutside(directory)) {
+        throw SetupError("the working directory " + directory + " would not exist inside");
+    }
+    Pipe report = makePipe();
+    const uid_t user = ::geteuid();
+    const gid_t group = ::getegid();
+    const pid_t init = forkInto(way);
+    if (init < 0) {
+        reason = cloneFailure(errno);
+        return std::nullopt;
+    }
+    if (init == 0) {
+        report.in.reset();
+        runInit(way, command, std::move(report.out), directory, user, group);
+    }
+    report.out.reset();
+    SecretBytes said;
+    static_cast<void>(readToEnd(report.in.get(), kLongestReport, said));
+    reason.assign(said.begin(), said.end());
+    if (reason != kReady) {
+        ::waitpid(init, nullptr, 0);
+        return std::nullopt;
+    }
+    return waitFor(init);
 }
 
 }  // namespace quillon::device

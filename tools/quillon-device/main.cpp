@@ -49,9 +49,6 @@ constexpr const char* kUsage =
     "be created, for wrong usage, or if quillon-device cannot write its own output, 126 if\n"
     "the command cannot be executed, 127 if it is not found. See quillon-device(1).\n";
 
-constexpr int kWrongUsage = 125;
-constexpr int kOutputLost = 125;
-
 bool isSet(const char* variable)
 {
     const char* value = std::getenv(variable);
@@ -67,10 +64,10 @@ struct Options
 int refuseUsage(const std::string& what)
 {
     complain(what + "; see quillon-device --help");
-    return kWrongUsage;
+    return kNoDevice;
 }
 
-/// @return the status, or kOutputLost if what was written has not arrived
+/// @return the status, or kNoDevice if what was written has not arrived
 int finishOutput(int status)
 {
     std::cout.flush();
@@ -78,7 +75,7 @@ int finishOutput(int status)
         return status;
     }
     complain(std::string("standard output could not be written: ") + std::strerror(errno));
-    return kOutputLost;
+    return kNoDevice;
 }
 
 int refuseDevice(const std::string& why)
@@ -167,8 +164,8 @@ int showInfo()
     std::string asRoot;
     std::string asUser;
     std::string inPlace;
-    const bool root = isPossible(Way::kRoot, asRoot);
-    const bool user = isPossible(Way::kUser, asUser);
+    const bool root = runIsolated(Way::kRoot, {}, asRoot).has_value();
+    const bool user = runIsolated(Way::kUser, {}, asUser).has_value();
     const bool writable = mayRunInPlace(inPlace);
     const std::string mark = disposableContainerMark();
     const bool allowed = !mark.empty() || isSet("QUILLON_DEVICE_IN_PLACE");
