@@ -54,15 +54,6 @@ std::vector<std::string> serviceDirectories()
     return directories;
 }
 
-bool holdsFiles(const std::string& directory)
-{
-    std::error_code ignored;
-    const fs::recursive_directory_iterator entries(
-        directory, fs::directory_options::skip_permission_denied, ignored);
-    return std::any_of(begin(entries), end(entries),
-                       [](const fs::directory_entry& entry) { return !entry.is_directory(); });
-}
-
 std::vector<std::string> serviceFiles()
 {
     return {
@@ -79,11 +70,7 @@ std::vector<std::string> hostServiceDirectories()
 
 std::vector<std::string> privateTops()
 {
-    std::vector<std::string> tops = {"/usr", "/etc", "/opt", "/var", "/tmp", "/run"};
-    if (hasOwnLibDirectory()) {
-        tops.emplace_back("/lib");
-    }
-    return existingDirectories(tops);
+    return existingDirectories({"/usr", "/etc", "/opt", "/var", "/tmp", "/run", "/lib"});
 }
 
 std::vector<std::string> scratchDirectories()
@@ -104,10 +91,19 @@ bool staysOutside(const std::string& directory)
 
 bool isWithin(const std::string& path, const std::string& directory)
 {
-    if (path.compare(0, directory.size(), directory) != 0) {
-        return false;
-    }
-    return path.size() == directory.size() || path[directory.size()] == '/';
+    return (path + "/").rfind(directory + "/", 0) == 0;
+}
+
+bool isWithinAny(const std::string& path, const std::vector<std::string>& directories)
+{
+    return std::any_of(directories.begin(), directories.end(),
+                       [&](const std::string& directory) { return isWithin(path, directory); });
+}
+
+bool isOnTheWay(const std::string& directory, const std::vector<std::string>& paths)
+{
+    return std::any_of(paths.begin(), paths.end(),
+                       [&](const std::string& path) { return isWithin(path, directory); });
 }
 
 std::string resolved(const std::string& path)

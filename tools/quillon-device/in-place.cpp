@@ -87,12 +87,7 @@ private:
 /// Guards the removal: whatever a record says, nothing else and no top directory is ever removed.
 bool isServiceDirectoryOrAbove(const std::string& path)
 {
-    if (std::count(path.begin(), path.end(), '/') < 2) {
-        return false;
-    }
-    const std::vector<std::string> directories = serviceDirectories();
-    return std::any_of(directories.begin(), directories.end(),
-                       [&](const std::string& directory) { return isWithin(directory, path); });
+    return std::count(path.begin(), path.end(), '/') >= 2 && isOnTheWay(path, serviceDirectories());
 }
 
 /// A stick that is still mounted must not be emptied along with its directory.
@@ -129,6 +124,16 @@ void clean(const std::vector<std::string>& madeDirectories)
         }
     }
     removeQueues();
+}
+
+/// Whether there is anything but directories in a directory, however deep.
+bool holdsFiles(const std::string& directory)
+{
+    std::error_code ignored;
+    const fs::recursive_directory_iterator entries(
+        directory, fs::directory_options::skip_permission_denied, ignored);
+    return std::any_of(begin(entries), end(entries),
+                       [](const fs::directory_entry& entry) { return !entry.is_directory(); });
 }
 
 void refuseRealContent()

@@ -45,11 +45,6 @@ std::vector<std::string> resolvedAll(const std::vector<std::string>& paths)
     return result;
 }
 
-bool isStrictlyWithin(const std::string& path, const std::string& directory)
-{
-    return path != directory && isWithin(path, directory);
-}
-
 /// The layer that `path` belongs to; they are ordered from the outermost inwards.
 const Layer* layerOf(const std::vector<Layer>& layers, const std::string& path)
 {
@@ -92,9 +87,10 @@ std::vector<Layer> makeLayers(const std::vector<std::string>& directories,
     }
     for (const std::string& point : mounted) {
         const Layer* outer = layerOf(layers, point);
-        const bool onTheWay = std::any_of(
-            directories.begin(), directories.end(),
-            [&](const std::string& directory) { return isStrictlyWithin(directory, point); });
+        const bool onTheWay =
+            std::any_of(directories.begin(), directories.end(), [&](const std::string& directory) {
+                return directory != point && isWithin(directory, point);
+            });
         if (outer != nullptr && outer->host != point && onTheWay) {
             layers.push_back(makeLayer(layers, point, stage));
         }
@@ -142,11 +138,9 @@ void putBackMounts(const std::vector<Layer>& layers, const Layer& layer,
 {
     std::string last;
     for (const std::string& point : mounted) {
-        const bool isHidden =
-            std::any_of(hidden.begin(), hidden.end(),
-                        [&](const std::string& directory) { return isWithin(point, directory); });
         const bool cameAlong = !last.empty() && isWithin(point, last);
-        if (layerOf(layers, point) != &layer || point == layer.host || isHidden || cameAlong) {
+        if (layerOf(layers, point) != &layer || point == layer.host || isWithinAny(point, hidden) ||
+            cameAlong) {
             continue;
         }
         putBack(point, layer.assembly + point.substr(layer.host.size()));
@@ -159,11 +153,8 @@ void assembleLayers(const std::vector<Layer>& layers, const std::vector<std::str
 {
     std::vector<std::string> mirrored;
     for (const Layer& layer : layers) {
-        const bool isPartOfMirror =
-            std::any_of(mirrored.begin(), mirrored.end(),
-                        [&](const std::string& outer) { return isWithin(layer.host, outer); });
-        if (isPartOfMirror) {
-            continue;
+        if (isWithinAny(layer.host, mirrored)) {
+            continue;  // the mirror shows it already
         }
         if (layer.top) {
             makeDirectory(layer.assembly);

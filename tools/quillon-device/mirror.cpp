@@ -12,17 +12,6 @@ namespace quillon::device {
 
 namespace {
 
-bool contains(const std::vector<std::string>& list, const std::string& item)
-{
-    return std::find(list.begin(), list.end(), item) != list.end();
-}
-
-bool isOnTheWay(const std::string& directory, const std::vector<std::string>& directories)
-{
-    return std::any_of(directories.begin(), directories.end(),
-                       [&](const std::string& goal) { return isWithin(goal, directory); });
-}
-
 bool staysWritable(const std::string& host, fs::perms mode)
 {
     return isWithin(host, "/tmp") || (mode & fs::perms::others_write) != fs::perms::none;
@@ -60,7 +49,7 @@ void mirrorEntry(const std::string& host, const std::string& target,
 {
     std::error_code gone;
     const fs::file_status status = fs::symlink_status(host, gone);
-    if (contains(hidden, host)) {
+    if (std::find(hidden.begin(), hidden.end(), host) != hidden.end()) {
         if (fs::is_directory(status)) {
             makeDirectoryLike(target, host);
         }
