@@ -21,12 +21,6 @@ namespace {
     throw ImageError(ImageFault::kFile, path + ": cannot be written: " + std::strerror(errno));
 }
 
-std::string directoryOf(const std::string& path)
-{
-    const std::string directory = std::filesystem::path(path).parent_path().string();
-    return directory.empty() ? "." : directory;
-}
-
 }  // namespace
 
 AtomicFile::AtomicFile(const std::string& path, Audience audience)
@@ -68,7 +62,8 @@ void AtomicFile::commit()
     }
     descriptor_.reset();
     // Some file systems of sticks cannot sync a directory; the file itself is on the disk by now.
-    if (!syncDirectory(directoryOf(path_)) && errno != EINVAL) {
+    const std::filesystem::path directory = std::filesystem::path(path_).parent_path() / ".";
+    if (!syncDirectory(directory) && errno != EINVAL) {
         refuse(path_);
     }
 }

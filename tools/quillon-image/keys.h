@@ -19,18 +19,16 @@ using ImageKey = std::array<unsigned char, 32>;
 /// @throws ImageError with ImageFault::kKey when the item is shorter.
 ImageKey imageKeyOf(const std::string& item);
 
+// Each of these reads a key file. The key is never null.
+// @throws ImageError: ImageFault::kFile or ImageFault::kKey, naming the file.
+
 /// Reads an item file and derives its key.
-/// @throws ImageError: ImageFault::kFile or ImageFault::kKey, naming the file.
 ImageKey loadImageKey(const std::string& path);
 
 /// Reads a signing key: an RSA-4096 private key in PEM form without a pass phrase.
-/// @return the key, never null.
-/// @throws ImageError: ImageFault::kFile or ImageFault::kKey, naming the file.
 UniqueKey loadSigningKey(const std::string& path);
 
 /// Reads a provisioning key: a private key in PEM form without a pass phrase, of any kind.
-/// @return the key, never null.
-/// @throws ImageError: ImageFault::kFile or ImageFault::kKey, naming the file.
 UniqueKey loadPrivateKey(const std::string& path);
 
 /// The files that createKeys makes in its directory. The private ones stay with the maker.

@@ -8,10 +8,9 @@
 #include "platform/verifier/image-signature.h"
 #include "tools/quillon-image/verbs.h"
 
-namespace {
+using namespace quillon;
 
-using quillon::ImageError;
-using quillon::ImageFault;
+namespace {
 
 constexpr char kExitCodes[] =
     "Exit codes: 0 done; 2 wrong command line; 3 a file cannot be read or written,\n"
@@ -31,11 +30,11 @@ CLI::App* addVerb(CLI::App& app, const char* name, const char* what, Options& op
     return verb;
 }
 
-void addKeygen(CLI::App& app, quillon::KeygenOptions& options)
+void addKeygen(CLI::App& app, KeygenOptions& options)
 {
     CLI::App* verb =
         addVerb(app, "keygen", "make the keys and the provisioning package of a device family",
-                options, quillon::keygen);
+                options, keygen);
     verb->add_option("DIR", options.directory, "directory for the keys")->required();
     verb->add_flag("--force", options.force, "replace existing keys");
 }
@@ -43,14 +42,14 @@ void addKeygen(CLI::App& app, quillon::KeygenOptions& options)
 CLI::Option* addModel(CLI::App* verb, std::string& model, const char* what)
 {
     return verb->add_option("--model", model, what)->check([](const std::string& text) {
-        return quillon::isModelName(text) ? "" : "1 to 64 printable characters make a model";
+        return isModelName(text) ? "" : "1 to 64 printable characters make a model";
     });
 }
 
-void addBuild(CLI::App& app, quillon::BuildOptions& options)
+void addBuild(CLI::App& app, BuildOptions& options)
 {
     CLI::App* verb =
-        addVerb(app, "build", "make an enciphered and signed stick image", options, quillon::build);
+        addVerb(app, "build", "make an enciphered and signed stick image", options, build);
     CLI::Option* module = verb->add_option("--module", options.module,
                                            "the module's firmware name, for --stick and --model");
     verb->add_option("--version", options.version, "the payload's version")->required();
@@ -72,10 +71,9 @@ void addBuild(CLI::App& app, quillon::BuildOptions& options)
     place->require_option(1);
 }
 
-void addPackage(CLI::App& app, quillon::PackageOptions& options)
+void addPackage(CLI::App& app, PackageOptions& options)
 {
-    CLI::App* verb =
-        addVerb(app, "package", "make an extension module package", options, quillon::package);
+    CLI::App* verb = addVerb(app, "package", "make an extension module package", options, package);
     verb->add_option("--name", options.name, "the package's name, with \"emp\" in it")->required();
     verb->add_option("--version", options.version, "the payload's version")->required();
     verb->add_option("--payload", options.payload, "file with the firmware")->required();
@@ -87,10 +85,10 @@ void addPackage(CLI::App& app, quillon::PackageOptions& options)
     verb->add_option("--output", options.output, "the package; default NAME.img");
 }
 
-void addProvision(CLI::App& app, quillon::ProvisionOptions& options)
+void addProvision(CLI::App& app, ProvisionOptions& options)
 {
-    CLI::App* verb = addVerb(app, "provision", "make a signed provisioning package", options,
-                             quillon::provision);
+    CLI::App* verb =
+        addVerb(app, "provision", "make a signed provisioning package", options, provision);
     CLI::Option* payload =
         verb->add_option("--payload", options.payload, "file with the item (image-key.bin)");
     verb->add_option("--item", options.item, "the storage item's name; default quillon")
@@ -108,19 +106,18 @@ void addProvision(CLI::App& app, quillon::ProvisionOptions& options)
     verb->add_option("--output", options.output, "the package; default 00000066.bin");
 }
 
-void addInfo(CLI::App& app, quillon::InfoOptions& options)
+void addInfo(CLI::App& app, InfoOptions& options)
 {
-    CLI::App* verb = addVerb(app, "info", "print the properties of an image or a package", options,
-                             quillon::info);
+    CLI::App* verb =
+        addVerb(app, "info", "print the properties of an image or a package", options, info);
     verb->add_option("FILE", options.image, "the image or package")->required();
     verb->add_option("--key", options.key, "image key file, to print the version as well");
 }
 
-void addVerify(CLI::App& app, quillon::VerifyOptions& options)
+void addVerify(CLI::App& app, VerifyOptions& options)
 {
-    CLI::App* verb =
-        addVerb(app, "verify", "check the signature of an image or provisioning package", options,
-                quillon::verify);
+    CLI::App* verb = addVerb(
+        app, "verify", "check the signature of an image or provisioning package", options, verify);
     verb->add_option("FILE", options.image, "the image or provisioning package")->required();
     addModel(verb, options.model, "the device's model, as in trust.conf");
     verb->add_option("--floor", options.floor, "lowest security counter that the device accepts");
@@ -135,10 +132,10 @@ void addVerify(CLI::App& app, quillon::VerifyOptions& options)
         ->needs("--certificates");
 }
 
-void addExtract(CLI::App& app, quillon::ExtractOptions& options)
+void addExtract(CLI::App& app, ExtractOptions& options)
 {
     CLI::App* verb = addVerb(app, "extract", "decipher an image; its signature is not checked",
-                             options, quillon::extract);
+                             options, extract);
     verb->add_option("FILE", options.image, "the image")->required();
     verb->add_option("--key", options.key, "image key file")->required();
     verb->add_option("--output", options.output, "file for the payload")->required();
@@ -152,13 +149,13 @@ int fail(ImageFault fault, const std::string& reason)
 
 int run(int argc, char** argv)
 {
-    quillon::KeygenOptions keygen;
-    quillon::BuildOptions build;
-    quillon::PackageOptions package;
-    quillon::ProvisionOptions provision;
-    quillon::InfoOptions info;
-    quillon::VerifyOptions verify;
-    quillon::ExtractOptions extract;
+    KeygenOptions keygen;
+    BuildOptions build;
+    PackageOptions package;
+    ProvisionOptions provision;
+    InfoOptions info;
+    VerifyOptions verify;
+    ExtractOptions extract;
 
     CLI::App app("Makes and reads the images and packages that Quillon installs.", "quillon-image");
     app.set_version_flag("--version", "quillon-image " QUILLON_VERSION);

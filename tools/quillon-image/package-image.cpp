@@ -205,9 +205,9 @@ const char* toText(PackageType type)
 std::string firmwareNameOf(const std::string& packageName)
 {
     const std::size_t mark = packageName.find(kNameMark);
-    std::string firmwareName =
-        mark == std::string::npos ? ""
-                                  : std::string(packageName).erase(mark, std::strlen(kNameMark));
+    std::string firmwareName = mark == std::string::npos
+                                   ? ""
+                                   : std::string(packageName).erase(mark, std::strlen(kNameMark));
     if (!isModuleName(firmwareName)) {
         throw ImageError(ImageFault::kUsage,
                          "a package's name has 1 to 127 ASCII letters and digits, 'emp' and the "

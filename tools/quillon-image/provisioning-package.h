@@ -20,8 +20,7 @@ namespace quillon {
 /// @param floors        security floors, of valid names
 /// @return the whole package.
 /// @throws ImageError: ImageFault::kUsage when name or payload do not fit, ImageFault::kKey when
-/// key
-///         and certificate do not belong together or devices would refuse the key.
+///         key and certificate do not belong together or devices would refuse the key.
 std::string encodeProvisioningPackage(const std::string& item, const std::string& payload,
                                       EVP_PKEY* key, const Certificates& certificates,
                                       const Floors& floors = {});

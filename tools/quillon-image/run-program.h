@@ -23,8 +23,7 @@ struct Program
 /// @param directory     its working directory
 /// @param variables  of its environment in addition to ours, each "NAME=VALUE"
 /// @throws ImageError with ImageFault::kFile when the program is missing or fails; the line has
-/// what
-///         it wrote to its standard error.
+///         what it wrote to its standard error.
 void runProgram(const Program& program, const std::vector<std::string>& arguments,
                 const std::string& directory, const std::vector<std::string>& variables);
 

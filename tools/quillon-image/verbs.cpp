@@ -148,11 +148,8 @@ void build(const BuildOptions& options)
 
 void package(const PackageOptions& options)
 {
-    PackageContent content;
-    content.name = options.name;
-    content.version = options.version;
-    content.payload = options.payload;
-    content.expectedTime = options.expectedTime;
+    const PackageContent content{options.name, options.version, options.payload,
+                                 options.expectedTime};
     const std::string path = options.output.empty() ? options.name + ".img" : options.output;
     const std::uint32_t crc = buildPackage(
         content, options.type == "ext4" ? PackageType::kExt4 : PackageType::kSquashfs, path);
