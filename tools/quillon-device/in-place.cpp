@@ -194,16 +194,14 @@ std::string disposableContainerMark()
     return container != nullptr && *container != '\0' ? "$container" : "";
 }
 
-bool mayRunInPlace(std::string& reason)
+std::string obstacleInPlace()
 {
     const char* outer = std::getenv("QUILLON_DEVICE");
     if (outer != nullptr && std::string(outer) == "in-place") {
-        reason = "this already is a device in place, and there can be no second one inside";
-        return false;
+        return "this already is a device in place, and there can be no second one inside";
     }
     if (!seesItsOwnProcesses()) {
-        reason = "/proc does not show the processes of this place";
-        return false;
+        return "/proc does not show the processes of this place";
     }
     for (const std::string& directory : serviceDirectories()) {
         // One question a directory: a device that is just ending may take them away meanwhile.
@@ -212,18 +210,17 @@ bool mayRunInPlace(std::string& reason)
             existing = existing.parent_path();
         }
         if (::access(existing.c_str(), W_OK) != 0 && errno != ENOENT) {
-            reason = "no right to write in " + existing.string();
-            return false;
+            return "no right to write in " + existing.string();
         }
     }
-    return true;
+    return "";
 }
 
 int runInPlace(const Command& command)
 {
-    std::string reason;
-    if (!mayRunInPlace(reason)) {
-        throw SetupError(reason);
+    const std::string obstacle = obstacleInPlace();
+    if (!obstacle.empty()) {
+        throw SetupError(obstacle);
     }
     InPlaceLock lock(command.signalMask);
     const std::vector<std::string> record = lock.record();

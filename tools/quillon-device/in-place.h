@@ -19,9 +19,8 @@ std::string disposableContainerMark();
 ///         device has left: nothing of it is touched
 int runInPlace(const Command& command);
 
-/// Whether runInPlace() could write at the service's paths.
-/// @param[out] reason  why not
-bool mayRunInPlace(std::string& reason);
+/// Why nothing can run in place for this caller; "" when it can.
+std::string obstacleInPlace();
 
 }  // namespace quillon::device
 

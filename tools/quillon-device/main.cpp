@@ -120,9 +120,9 @@ int runInAnyWay(const Command& command)
                             ". Run it as root, allow user namespaces, or, on a machine that may "
                             "be thrown away, add --in-place");
     }
-    std::string notInPlace;
-    if (!mayRunInPlace(notInPlace)) {
-        return refuseDevice(reason + "; in place: " + notInPlace);
+    const std::string obstacle = obstacleInPlace();
+    if (!obstacle.empty()) {
+        return refuseDevice(reason + "; in place: " + obstacle);
     }
     complain("no private namespaces here (" + reason +
              "); running in place, this disposable container's own paths are used");
@@ -163,10 +163,10 @@ int showInfo()
     takeSignals();
     std::string asRoot;
     std::string asUser;
-    std::string inPlace;
     const bool root = runIsolated(Way::kRoot, {}, asRoot).has_value();
     const bool user = runIsolated(Way::kUser, {}, asUser).has_value();
-    const bool writable = mayRunInPlace(inPlace);
+    std::string inPlace = obstacleInPlace();
+    const bool writable = inPlace.empty();
     const std::string mark = disposableContainerMark();
     const bool allowed = !mark.empty() || isSet("QUILLON_DEVICE_IN_PLACE");
     if (writable) {
