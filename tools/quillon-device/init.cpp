@@ -119,22 +119,4 @@ int waitFor(pid_t child)
     return WIFSIGNALED(*end) ? 128 + WTERMSIG(*end) : WEXITSTATUS(*end);
 }
 
-TerminalKeeper::TerminalKeeper() : wasOurs_(::tcgetpgrp(STDIN_FILENO) == ::getpgrp())
-{
-}
-
-TerminalKeeper::~TerminalKeeper()
-{
-    if (!wasOurs_ || ::tcgetpgrp(STDIN_FILENO) == ::getpgrp()) {
-        return;
-    }
-    sigset_t output;
-    sigset_t before;
-    sigemptyset(&output);
-    sigaddset(&output, SIGTTOU);
-    ::sigprocmask(SIG_BLOCK, &output, &before);
-    ::tcsetpgrp(STDIN_FILENO, ::getpgrp());
-    ::sigprocmask(SIG_SETMASK, &before, nullptr);
-}
-
 }  // namespace quillon::device

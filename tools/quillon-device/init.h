@@ -50,20 +50,6 @@ int runAsChild(const Command& command, const char* way, bool dieWithMe);
 /// @return its exit status, or 128 + the signal that killed it
 int waitFor(pid_t child);
 
-/// Takes the terminal back at the end of its life if a shell in the device has left it to another
-/// process group.
-class TerminalKeeper
-{
-public:
-    TerminalKeeper();
-    ~TerminalKeeper();
-    TerminalKeeper(const TerminalKeeper&) = delete;
-    TerminalKeeper& operator=(const TerminalKeeper&) = delete;
-
-private:
-    bool wasOurs_;
-};
-
 }  // namespace quillon::device
 
 #endif  // QUILLON_TOOLS_QUILLON_DEVICE_INIT_H

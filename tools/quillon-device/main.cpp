@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -54,12 +55,6 @@ bool isSet(const char* variable)
     const char* value = std::getenv(variable);
     return value != nullptr && std::strcmp(value, "1") == 0;
 }
-
-struct Options
-{
-    std::string isolation = "auto";
-    bool fixedAddresses = isSet("QUILLON_DEVICE_NO_ASLR");
-};
 
 int refuseUsage(const std::string& what)
 {
@@ -129,28 +124,36 @@ int runInAnyWay(const Command& command)
     return runInPlace(command);
 }
 
-int runInPlaceOnDemand(const Command& command)
+int runInWay(const std::string& isolation, const Command& command)
 {
-    complain("running in place, this machine's own paths are used");
-    return runInPlace(command);
-}
-
-int runCommand(const Options& options, Command command)
-{
-    command.fixedAddresses = options.fixedAddresses;
-    const TerminalKeeper terminal;
-    command.signalMask = takeSignals();
     try {
-        if (options.isolation == "root") {
+        if (isolation == "root") {
             return runInOneWay(Way::kRoot, command);
         }
-        if (options.isolation == "user") {
+        if (isolation == "user") {
             return runInOneWay(Way::kUser, command);
         }
-        return options.isolation == "in-place" ? runInPlaceOnDemand(command) : runInAnyWay(command);
+        if (isolation == "auto") {
+            return runInAnyWay(command);
+        }
+        complain("running in place, this machine's own paths are used");
+        return runInPlace(command);
     } catch (const std::exception& error) {
         return refuseDevice(error.what());
     }
+}
+
+int runCommand(const std::string& isolation, Command command)
+{
+    const bool hadTerminal = ::tcgetpgrp(STDIN_FILENO) == ::getpgrp();
+    command.signalMask = takeSignals();
+    const int status = runInWay(isolation, command);
+    // A shell in the device may have left the terminal to another process group.
+    if (hadTerminal && ::tcgetpgrp(STDIN_FILENO) != ::getpgrp()) {
+        static_cast<void>(::signal(SIGTTOU, SIG_IGN));  // or the next call would stop us
+        ::tcsetpgrp(STDIN_FILENO, ::getpgrp());
+    }
+    return status;
 }
 
 std::string answer(bool possible, const std::string& why)
@@ -197,7 +200,7 @@ bool isWay(const std::string& name)
 }
 
 /// @return nothing to go on, or the exit status to end with
-std::optional<int> parseOptions(int argc, char** argv, Options& options)
+std::optional<int> parseOptions(int argc, char** argv, std::string& isolation, Command& command)
 {
     static const option kLong[] = {
         {"isolation", required_argument, nullptr, 'i'}, {"in-place", no_argument, nullptr, 'p'},
@@ -210,13 +213,13 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options)
                 if (!isWay(optarg)) {
                     return refuseUsage(std::string("no such way of isolation: ") + optarg);
                 }
-                options.isolation = optarg;
+                isolation = optarg;
                 break;
             case 'p':
-                options.isolation = "in-place";
+                isolation = "in-place";
                 break;
             case 'a':
-                options.fixedAddresses = true;
+                command.fixedAddresses = true;
                 break;
             case 'h':
                 std::cout << kUsage;
@@ -231,18 +234,18 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options)
     return std::nullopt;
 }
 
-int runVerb(const std::string& verb, const Options& options, Command command)
+int runVerb(const std::string& verb, const std::string& isolation, Command command)
 {
     if (verb == "run") {
         return command.arguments.empty() ? refuseUsage("no command to run")
-                                         : runCommand(options, std::move(command));
+                                         : runCommand(isolation, std::move(command));
     }
     if (!command.arguments.empty()) {
         return refuseUsage("what is " + command.arguments.front() + "?");
     }
     if (verb == "shell") {
         command.arguments = {shellOfUser()};
-        return runCommand(options, std::move(command));
+        return runCommand(isolation, std::move(command));
     }
     return verb == "info" ? showInfo() : refuseUsage("no such verb: " + verb);
 }
@@ -252,19 +255,20 @@ int runVerb(const std::string& verb, const Options& options, Command command)
 int main(int argc, char** argv)
 {
     occupyStandardDescriptors();
-    Options options;
     if (argc < 2) {
         return refuseUsage("no verb");
     }
+    std::string isolation = "auto";
+    Command command;
+    command.fixedAddresses = isSet("QUILLON_DEVICE_NO_ASLR");
     const bool hasVerb = argv[1][0] != '-';
     const int skipped = hasVerb ? 1 : 0;
-    if (const auto status = parseOptions(argc - skipped, argv + skipped, options)) {
+    if (const auto status = parseOptions(argc - skipped, argv + skipped, isolation, command)) {
         return *status;
     }
     if (!hasVerb) {
         return refuseUsage("no verb");
     }
-    Command command;
     command.arguments.assign(argv + skipped + optind, argv + argc);
-    return runVerb(argv[1], options, std::move(command));
+    return runVerb(argv[1], isolation, std::move(command));
 }
