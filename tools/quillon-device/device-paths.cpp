@@ -9,13 +9,6 @@ namespace quillon::device {
 
 namespace {
 
-/// False on a merged-/usr system, where /lib is a link to usr/lib.
-bool hasOwnLibDirectory()
-{
-    std::error_code ignored;
-    return fs::is_directory(fs::symlink_status("/lib", ignored));
-}
-
 std::vector<std::string> existingDirectories(const std::vector<std::string>& directories)
 {
     std::vector<std::string> existing;
@@ -48,7 +41,8 @@ std::vector<std::string> serviceDirectories()
         "/etc/quillon/provisioning-certificates",
         "/run/quillon",
     };
-    if (hasOwnLibDirectory()) {
+    std::error_code ignored;
+    if (fs::is_directory(fs::symlink_status("/lib", ignored))) {  // not a link to usr/lib
         directories.emplace_back("/lib/firmware/ext");
     }
     return directories;

@@ -16,7 +16,7 @@
 #include "base/fd.h"
 #include "tools/quillon-device/device-paths.h"
 #include "tools/quillon-device/left-overs.h"
-#include "tools/quillon-device/mount-table.h"
+#include "tools/quillon-device/mounts.h"
 #include "tools/quillon-device/setup-error.h"
 
 namespace fs = std::filesystem;
@@ -30,17 +30,11 @@ namespace {
 /// killed.
 constexpr const char* kInUse = "in use";
 
-std::string lockPath()
-{
-    return fs::is_directory("/run/lock") ? "/run/lock/quillon-device.lock"
-                                         : "/tmp/quillon-device.lock";
-}
-
 /// Holds the lock that lets one device at a time run in place. The file is its record as well.
 class InPlaceLock
 {
 public:
-    explicit InPlaceLock(const sigset_t& signalMask) : path_(lockPath())
+    explicit InPlaceLock(const sigset_t& signalMask)
     {
         file_ = UniqueFd(::open(path_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
         struct stat info = {};
@@ -80,27 +74,21 @@ public:
     }
 
 private:
-    std::string path_;
+    std::string path_ = fs::is_directory("/run/lock") ? "/run/lock/quillon-device.lock"
+                                                      : "/tmp/quillon-device.lock";
     UniqueFd file_;
 };
-
-/// Guards the removal: whatever a record says, nothing else and no top directory is ever removed.
-bool isServiceDirectoryOrAbove(const std::string& path)
-{
-    return std::count(path.begin(), path.end(), '/') >= 2 && isOnTheWay(path, serviceDirectories());
-}
 
 /// A stick that is still mounted must not be emptied along with its directory.
 void unmountLeftovers()
 {
     const std::vector<std::string> directories = serviceDirectories();
     for (const std::string& point : mountPoints()) {
-        for (const std::string& directory : directories) {
-            if (point != directory && isWithin(point, directory)) {
-                while (::umount2(point.c_str(), MNT_DETACH) == 0) {
-                    // a place may bear several, one on top of the other
-                }
-            }
+        if (!isWithinAny(fs::path(point).parent_path(), directories)) {
+            continue;
+        }
+        while (::umount2(point.c_str(), MNT_DETACH) == 0) {
+            // a place may bear several, one on top of the other
         }
     }
 }
@@ -119,7 +107,9 @@ void clean(const std::vector<std::string>& madeDirectories)
         fs::remove(file, ignored);
     }
     for (const std::string& directory : madeDirectories) {
-        if (isServiceDirectoryOrAbove(directory)) {
+        // Whatever a record says, nothing else and no top directory is ever removed.
+        const bool isTop = std::count(directory.begin(), directory.end(), '/') < 2;
+        if (!isTop && isOnTheWay(directory, serviceDirectories())) {
             fs::remove_all(directory, ignored);
         }
     }
@@ -200,7 +190,8 @@ std::string obstacleInPlace()
     if (outer != nullptr && std::string(outer) == "in-place") {
         return "this already is a device in place, and there can be no second one inside";
     }
-    if (!seesItsOwnProcesses()) {
+    std::error_code ignored;
+    if (fs::read_symlink("/proc/self", ignored) != std::to_string(::getpid())) {
         return "/proc does not show the processes of this place";
     }
     for (const std::string& directory : serviceDirectories()) {

@@ -64,14 +64,6 @@ void dieWithParent(int report)
     }
 }
 
-void setUp(const std::string& directory)
-{
-    mountDevice(directory);
-    // By path, since the old working directory is the one beneath the overlay.
-    require(directory.empty() || ::chdir(directory.c_str()) == 0,
-            "the working directory " + directory);
-}
-
 /// The first process of the device.
 [[noreturn]] void runInit(Way way, const Command& command, UniqueFd report,
                           const std::string& directory, uid_t user, gid_t group)
@@ -82,7 +74,7 @@ void setUp(const std::string& directory)
         if (way == Way::kUser) {
             becomeRootOfNamespace(user, group);
         }
-        setUp(directory);
+        mountDevice(directory);
         writeAll(report.get(), kReady);
         report.reset();
         if (!command.arguments.empty()) {

@@ -10,7 +10,6 @@
 
 #include "tools/quillon-device/device-paths.h"
 #include "tools/quillon-device/mirror.h"
-#include "tools/quillon-device/mount-table.h"
 #include "tools/quillon-device/mounts.h"
 #include "tools/quillon-device/setup-error.h"
 
@@ -35,14 +34,12 @@ void makeDirectory(const std::string& path)
     require(::mkdir(path.c_str(), 0755) == 0 || errno == EEXIST, "mkdir " + path);
 }
 
-std::vector<std::string> resolvedAll(const std::vector<std::string>& paths)
+std::vector<std::string> resolvedAll(std::vector<std::string> paths)
 {
-    std::vector<std::string> result;
-    result.reserve(paths.size());
-    for (const std::string& path : paths) {
-        result.push_back(resolved(path));
+    for (std::string& path : paths) {
+        path = resolved(path);
     }
-    return result;
+    return paths;
 }
 
 /// The layer that `path` belongs to; they are ordered from the outermost inwards.
@@ -125,25 +122,21 @@ bool mountOverlay(const Layer& layer)
 
 /// What is mounted beneath an overlaid directory is not part of the overlay; it is put back, a file
 /// (a container's resolv.conf) read-only. What cannot be put back stays empty.
-void putBack(const std::string& point, const std::string& target)
-{
-    std::error_code ignored;
-    if (bindTree(point, target) && !fs::is_directory(target, ignored)) {
-        makeReadOnly(target);
-    }
-}
-
 void putBackMounts(const std::vector<Layer>& layers, const Layer& layer,
                    const std::vector<std::string>& hidden, const std::vector<std::string>& mounted)
 {
     std::string last;
+    std::error_code ignored;
     for (const std::string& point : mounted) {
         const bool cameAlong = !last.empty() && isWithin(point, last);
         if (layerOf(layers, point) != &layer || point == layer.host || isWithinAny(point, hidden) ||
             cameAlong) {
             continue;
         }
-        putBack(point, layer.assembly + point.substr(layer.host.size()));
+        const std::string target = layer.assembly + point.substr(layer.host.size());
+        if (bindTree(point, target) && !fs::is_directory(target, ignored)) {
+            makeReadOnly(target);
+        }
         last = point;
     }
 }

@@ -10,8 +10,7 @@ namespace quillon::device {
 ///
 /// @param workingDirectory  made writable, too, if it lies in one of them
 /// @param stage             an empty directory on a private file system, which keeps the layers; it
-/// may
-///                          be unmounted lazily afterwards
+///                          may be unmounted lazily afterwards
 /// @throws SetupError
 void mountPrivateDirectories(const std::string& workingDirectory, const std::string& stage);
 

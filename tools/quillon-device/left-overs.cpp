@@ -63,12 +63,6 @@ void killForgottenProcesses()
     }
 }
 
-bool seesItsOwnProcesses()
-{
-    std::error_code ignored;
-    return fs::read_symlink("/proc/self", ignored) == std::to_string(::getpid());
-}
-
 void removeQueues()
 {
     std::vector<std::string> names = {"/fwupdateservice_usb", "/fwupdatecontrol_usb"};

@@ -3,6 +3,8 @@
 
 namespace quillon::device {
 
+// The first two find processes in /proc, which has to show the caller's PID namespace.
+
 /// Kills every descendant of the caller and waits for its end. The caller has to be a child
 /// subreaper, so that orphans become its children.
 void killDescendants();
@@ -11,9 +13,6 @@ void killDescendants();
 /// and waits until they are gone.
 /// For the holder of the lock only: nobody else can then have any that are alive.
 void killForgottenProcesses();
-
-/// Whether /proc shows the caller's PID namespace, as the functions above need it.
-bool seesItsOwnProcesses();
 
 /// Removes the queues whose names begin with "/fwupdate" and the service's semaphore.
 void removeQueues();

@@ -34,15 +34,6 @@ void bindEntry(const std::string& host, const std::string& target, const fs::fil
     }
 }
 
-void copyLink(const std::string& host, const std::string& target)
-{
-    std::error_code gone;
-    const fs::path goal = fs::read_symlink(host, gone);
-    if (!gone) {
-        fs::create_symlink(goal, target);
-    }
-}
-
 void mirrorEntry(const std::string& host, const std::string& target,
                  const std::vector<std::string>& directories,
                  const std::vector<std::string>& hidden)
@@ -54,7 +45,10 @@ void mirrorEntry(const std::string& host, const std::string& target,
             makeDirectoryLike(target, host);
         }
     } else if (fs::is_symlink(status)) {
-        copyLink(host, target);
+        const fs::path goal = fs::read_symlink(host, gone);
+        if (!gone) {
+            fs::create_symlink(goal, target);
+        }
     } else if (fs::is_directory(status) && isOnTheWay(host, directories)) {
         mirrorDirectory(host, target, directories, hidden);
     } else if (fs::exists(status)) {

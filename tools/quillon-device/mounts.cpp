@@ -8,6 +8,9 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
 #include <string>
 
 #include "base/fd.h"
@@ -21,6 +24,17 @@ namespace fs = std::filesystem;
 namespace quillon::device {
 
 namespace {
+
+constexpr int kPointField = 5;  // after id, parent, device and root
+
+/// The kernel writes blanks, newlines and backslashes of a name as "\ooo".
+std::string unescaped(std::string name)
+{
+    for (std::size_t at = 0; (at = name.find('\\', at)) != std::string::npos; ++at) {
+        name.replace(at, 4, 1, static_cast<char>(std::stoi(name.substr(at + 1, 3), nullptr, 8)));
+    }
+    return name;
+}
 
 void emptyDirectory(const std::string& directory)
 {
@@ -36,6 +50,23 @@ void emptyDirectory(const std::string& directory)
 }
 
 }  // namespace
+
+std::vector<std::string> mountPoints()
+{
+    std::set<std::string> points;
+    std::ifstream table("/proc/self/mountinfo");
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream fields(line);
+        std::string field;
+        for (int number = 1; number <= kPointField; ++number) {
+            fields >> field;
+        }
+        if (fields) {
+            points.insert(unescaped(field));
+        }
+    }
+    return {points.begin(), points.end()};
+}
 
 void mountNew(const char* type, const std::string& point, unsigned long flags, const char* options)
 {
@@ -113,6 +144,9 @@ void mountDevice(const std::string& workingDirectory)
             emptyDirectory(directory);
         }
     }
+    // By path, since the old working directory is the one beneath the overlay.
+    require(workingDirectory.empty() || ::chdir(workingDirectory.c_str()) == 0,
+            "the working directory " + workingDirectory);
 }
 
 }  // namespace quillon::device

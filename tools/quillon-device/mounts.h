@@ -2,6 +2,7 @@
 #define QUILLON_TOOLS_QUILLON_DEVICE_MOUNTS_H
 
 #include <string>
+#include <vector>
 
 namespace quillon::device {
 
@@ -10,10 +11,14 @@ namespace quillon::device {
 /// its files absent. Nothing of it reaches the host.
 ///
 /// @param workingDirectory  absolute path that stays writable as far as the caller may write it on
-///                          the host; empty when there is none. The caller changes into it again.
+///                          the host, and becomes the working directory; empty when there is none
 /// Needs a private mount, IPC and PID namespace and CAP_SYS_ADMIN over it.
 /// @throws SetupError when the device cannot be completed; the namespace is then of no use.
 void mountDevice(const std::string& workingDirectory);
+
+/// Where something is mounted in the caller's mount namespace, sorted, each place once; empty when
+/// the table cannot be read.
+std::vector<std::string> mountPoints();
 
 /// Mounts a new file system that has no source.
 /// @throws SetupError

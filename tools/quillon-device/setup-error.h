@@ -1,6 +1,9 @@
 #ifndef QUILLON_TOOLS_QUILLON_DEVICE_SETUP_ERROR_H
 #define QUILLON_TOOLS_QUILLON_DEVICE_SETUP_ERROR_H
 
+#include <cerrno>
+#include <cstring>
+#include <iostream>
 #include <stdexcept>
 #include <string>
 
@@ -14,10 +17,18 @@ public:
 };
 
 /// Throws a SetupError "<what>: <text of errno>" unless a call has succeeded.
-void require(bool succeeded, const std::string& what);
+inline void require(bool succeeded, const std::string& what)
+{
+    if (!succeeded) {
+        throw SetupError(what + ": " + std::strerror(errno));
+    }
+}
 
 /// Writes "quillon-device: <line>" and a newline to standard error, in one piece.
-void complain(const std::string& line);
+inline void complain(const std::string& line)
+{
+    std::cerr << "quillon-device: " + line + "\n";
+}
 
 }  // namespace quillon::device
 
