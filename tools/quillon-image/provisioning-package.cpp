@@ -9,15 +9,12 @@
 namespace quillon {
 namespace {
 
-std::string_view textOf(const SecretBytes& bytes)
-{
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
-
 ProvisioningPackageInfo describe(const std::string& package, const SignedContent& content)
 {
+    const std::string_view text(reinterpret_cast<const char*>(content.bytes.data()),
+                                content.bytes.size());
     ProvisioningContent parts;
-    if (const char* defect = parseProvisioningContent(textOf(content.bytes), parts)) {
+    if (const char* defect = parseProvisioningContent(text, parts)) {
         throw ImageError(ImageFault::kFormat, defect);
     }
     return {package.size(), std::string(parts.item), parts.payload.size(), content.signer,
