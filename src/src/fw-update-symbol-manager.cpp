@@ -19,7 +19,9 @@
 #include <memory>
 #include <mutex>
 #include <stdexcept>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "base/fd.h"
 #include "base/handles.h"
@@ -30,6 +32,7 @@
 #include "support/log.h"
 #include "support/module-observer.h"
 #include "support/paths.h"
+#include "support/read-ahead.h"
 #include "support/text.h"
 
 using quillon::blame;
@@ -128,6 +131,24 @@ int decided(const FWUpdateSymbol& module, Decide decide)
     const int need = decide();
     tell(ModuleEvent::kDecided, module, need);
     return need;
+}
+
+/// The images that a run is about to read from a stick, one of each module; empty where it reads
+/// none.
+/// @param stick  may be null
+/// @param isRead  whether the module's is read
+template <typename IsRead>
+std::vector<std::string> imagesOn(const char* stick, const std::vector<FWUpdateSymbol>& modules,
+                                  IsRead isRead)
+{
+    std::vector<std::string> images(modules.size());
+    if (stick != nullptr) {
+        std::transform(modules.begin(), modules.end(), images.begin(),
+                       [&](const FWUpdateSymbol& one) {
+                           return isRead(one) ? one.imageOn(stick) : std::string();
+                       });
+    }
+    return images;
 }
 
 /// Opens the update list anew. Nothing that somebody put there can lead or hold up the writing: no
@@ -325,7 +346,10 @@ int FWUpdateSymbolManager::getFirmwareUpdateTime(const unsigned char* key, const
 
     int result = -1;
     int sum = 0;
-    for (FWUpdateSymbol& module : modules_) {
+    quillon::ReadAhead images(imagesOn(path, modules_, [](const FWUpdateSymbol&) { return true; }));
+    for (std::size_t i = 0; i < modules_.size(); ++i) {
+        FWUpdateSymbol& module = modules_[i];
+        images.reach(i);
         if (decided(module, [&] { return module.getNeedUpdateList(key, path); }) != 1) {
             continue;
         }
@@ -345,10 +369,14 @@ int FWUpdateSymbolManager::doUpdateUSB(const unsigned char* key, const char* pat
     }
 
     int result = -1;
-    for (FWUpdateSymbol& module : modules_) {
+    quillon::ReadAhead images(
+        imagesOn(path, modules_, [](const FWUpdateSymbol& one) { return one.getNeedUpdate(); }));
+    for (std::size_t i = 0; i < modules_.size(); ++i) {
+        FWUpdateSymbol& module = modules_[i];
         if (!module.getNeedUpdate()) {
             continue;
         }
+        images.reach(i);
         tell(ModuleEvent::kStarted, module);
         result = module.updateUSB(key, path);
         tell(ModuleEvent::kEnded, module, result);

@@ -834,6 +834,11 @@ int FWUpdateSymbol::runProcess(CallerTypes caller, char* arg)
     return 0;
 }
 
+std::string FWUpdateSymbol::imageOn(const char* stick) const
+{
+    return stick + firmwareName_ + ".bin";
+}
+
 // updateUSB and getNeedUpdateList go the same way in words of their own, and count differently:
 // each log line carries its function, so they stay two.
 
@@ -848,7 +853,7 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* path)
         return because(ModuleReason::kNoDirectory);
     }
 
-    const std::string imagePath = path + firmwareName_ + ".bin";
+    const std::string imagePath = imageOn(path);
     struct stat opened = {};
     quillon::UniqueFile image = quillon::openRegularStream(imagePath, opened);
     if (!image) {
@@ -933,7 +938,7 @@ int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* pat
         return because(ModuleReason::kNoDirectory);
     }
 
-    const std::string imagePath = path + firmwareName_ + ".bin";
+    const std::string imagePath = imageOn(path);
     struct stat opened = {};
     quillon::UniqueFile image = quillon::openRegularStream(imagePath, opened);
     if (!image) {

@@ -117,6 +117,8 @@ public:
     std::string getFirmwareName() const;
     std::string getEMPName() const;
     std::string getLibName() const;
+    /// The path of the module's image on a stick.
+    std::string imageOn(const char* stick) const;
     /// What loadInformation read last.
     const FWInformation& getInformation() const;
 

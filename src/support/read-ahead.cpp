@@ -1,0 +1,139 @@
+#include "support/read-ahead.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <exception>
+#include <fstream>
+#include <utility>
+
+#include "base/regular-file.h"
+
+namespace quillon {
+namespace {
+
+constexpr std::int64_t kPiece = 128 << 10;
+
+/// In bytes; 0 when the kernel does not say.
+std::int64_t availableMemory()
+{
+    std::ifstream all("/proc/meminfo");
+    std::string word;
+    while (all >> word && word != "MemAvailable:") {
+    }
+    std::int64_t kibibytes = 0;
+    all >> kibibytes;
+    return kibibytes * 1024;
+}
+
+/// Whether the kernel has that byte. A file system that cannot say so counts as having nothing.
+bool isCached(int file, std::int64_t position)
+{
+    char byte = 0;
+    const iovec into = {&byte, 1};
+    return preadv2(file, &into, 1, position, RWF_NOWAIT) == 1;
+}
+
+}  // namespace
+
+ReadAhead::ReadAhead(std::vector<std::string> paths, std::int64_t window)
+    : paths_(std::move(paths)), window_(window)
+{
+    if (std::all_of(paths_.begin(), paths_.end(),
+                    [](const std::string& path) { return path.empty(); })) {
+        return;
+    }
+    const int callersErrno = errno;
+    try {
+        fetched_.resize(paths_.size());
+        if (window_ == kQuarterOfMemory) {
+            window_ = availableMemory() / 4;
+        }
+        thread_ = std::thread([this] { fetchAll(); });
+    } catch (const std::exception&) {
+        // Then each file is read when its turn comes.
+    }
+    errno = callersErrno;
+}
+
+ReadAhead::~ReadAhead()
+{
+    if (!thread_.joinable()) {
+        return;
+    }
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        isOver_ = true;
+    }
+    changed_.notify_one();
+    thread_.join();
+}
+
+void ReadAhead::reach(std::size_t index)
+{
+    if (!thread_.joinable()) {
+        return;
+    }
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        while (reached_ < index) {
+            ++reached_;
+            ahead_ -= fetched_[reached_];
+        }
+    }
+    changed_.notify_one();
+}
+
+void ReadAhead::fetchAll()
+{
+    for (std::size_t index = 0; index < paths_.size(); ++index) {
+        if (!paths_[index].empty() && awaitRoom(index)) {
+            fetch(index);
+        }
+    }
+}
+
+void ReadAhead::fetch(std::size_t index)
+{
+    UniqueFd file;
+    struct stat opened = {};
+    if (openRegularFile(paths_[index].c_str(), 0, file, opened) != FileResult::kOk) {
+        return;
+    }
+    // The kernel then asks for the next pieces while this one is under way.
+    posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    std::array<char, kPiece> piece;
+    for (std::int64_t had = 0; had < opened.st_size && awaitRoom(index); had += kPiece) {
+        const std::int64_t wanted = std::min(kPiece, opened.st_size - had);
+        // What is there already is not copied once more.
+        if (!isCached(file.get(), had + wanted - 1) &&
+            pread(file.get(), piece.data(), static_cast<std::size_t>(wanted), had) != wanted) {
+            return;
+        }
+        count(index, wanted);
+    }
+}
+
+/// @return false when the file is not needed any more
+bool ReadAhead::awaitRoom(std::size_t index)
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [&] { return isOver_ || index <= reached_ || ahead_ < window_; });
+    return !isOver_ && index >= reached_;
+}
+
+void ReadAhead::count(std::size_t index, std::int64_t bytes)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    fetched_[index] += bytes;
+    if (index > reached_) {
+        ahead_ += bytes;
+    }
+}
+
+}  // namespace quillon
