@@ -317,7 +317,8 @@ def bound_of(medium: float, processor: float, plugin: float) -> str:
 # Where images are, and at how many bytes a second, 0 for the page cache; whether they are dropped before the update, as
 # where memory does not hold them; and the bytes a second of the modules' flash, 0 for any amount at once.
 SETTINGS = {"in the page cache": (0, False, 0), "at 40 MB/s, read once": (40e6, False, 0),
-            "at 40 MB/s, read for each phase": (40e6, True, 0), "at 40 MB/s, flash of 20 MB/s": (40e6, False, 20e6)}
+            "at 40 MB/s, read for each phase": (40e6, True, 0), "at 40 MB/s, flash of 20 MB/s": (40e6, False, 20e6),
+            "at 40 MB/s, read for each phase, flash of 20 MB/s": (40e6, True, 20e6)}
 
 def bound_run(build: str, setting: str, sticks: list[str], size: int) -> dict[str, list[float]]:
     """Estimates and updates the images of the first stick, so many bytes in all. Returns for each phase its seconds,

@@ -6,6 +6,7 @@ import pathlib
 import random  # and not hashlib, since we must not share OpenSSL with the service: its memory is measured
 import shutil
 import tempfile
+import threading
 import time
 
 import device
@@ -113,7 +114,7 @@ class SlowMedium:
 
     def _show(self, directory: str) -> None:
         import fusepy
-        speed, count, free_at, total = self._speed, self._bytes, 0.0, 0
+        speed, count, free_at, total, turn = self._speed, self._bytes, 0.0, 0, threading.Lock()
 
         class Medium(fusepy.Operations):
             use_ns = True
@@ -130,17 +131,19 @@ class SlowMedium:
 
             def read(self, path, size, offset, fh):
                 nonlocal free_at, total
+                arrived = time.monotonic()
                 data = os.pread(fh, size, offset)
-                free_at = max(free_at, time.monotonic()) + len(data) / speed
-                total += len(data)
-                count[:] = total.to_bytes(8, "little")
-                time.sleep(max(0, free_at - time.monotonic()))
+                with turn:
+                    ends = free_at = max(free_at, arrived) + len(data) / speed
+                    total += len(data)
+                    count[:] = total.to_bytes(8, "little")
+                time.sleep(max(0, ends - time.monotonic()))
                 return data
 
             def release(self, path, fh):
                 os.close(fh)
 
-        fusepy.FUSE(Medium(), self.place, foreground=True, nothreads=True, kernel_cache=True)
+        fusepy.FUSE(Medium(), self.place, foreground=True, kernel_cache=True)
 
 class Swupdate:
     """A different program that does the same kind of work, as Debian packages it: it verifies a signature, deciphers
