@@ -7,17 +7,15 @@
 
 namespace quillon {
 
-/// Makes the first touch of memory cheap, for memory that has not been touched yet and of
-/// which nearly all will be written, from its beginning to its end, by whoever holds this object.
+/// Pre-faults a fresh buffer that is about to be written sequentially.
 ///
-/// Huge pages are advised as far as whole ones fit, so that 2 MiB cost one fault instead of 512,
-/// and the small pages before and behind them are had in one call each instead of a fault each.
-/// Where the calling thread may run on more than one processor, a thread of the object's own has
-/// the huge pages of large memory (8 MiB and more) ahead of the one who writes. The memory's
-/// contents, its owner and the way it is released stay as they are.
+/// Advises huge pages as far as whole ones fit, so that 2 MiB cost one fault instead of 512, and
+/// faults the small pages before and behind them in with one call each. If the calling thread may
+/// run on more than one processor, a thread of the object's own faults in the huge pages of large
+/// memory (8 MiB and more) ahead of the writer. The contents, the owner and the way to release the
+/// memory stay as they are.
 ///
-/// Where the kernel has no such thing, too little memory, or no thread to spare, that part does not
-/// happen. Source: madvise(2), MADV_HUGEPAGE and MADV_POPULATE_WRITE. Thread: any. Keeps errno.
+/// What the kernel cannot do, or has no memory or thread for, is left out. Source: madvise(2), MADV_HUGEPAGE and MADV_POPULATE_WRITE. Thread: any. Keeps errno.
 class EasedFirstTouch
 {
 public:

@@ -1,4 +1,4 @@
-// What makes the first touch of large memory cheap.
+// Pre-faulting of a large buffer.
 
 #include "support/first-touch.h"
 
