@@ -13,28 +13,15 @@ namespace quillon::privileged {
 
 namespace {
 
-template <typename Order>
-int judgeAndDo(Refusal (*judge)(std::string_view, Order&), void (*act)(const Order&),
-               std::string_view text)
-{
-    Order order;
-    const Refusal refusal = judge(text, order);
-    if (refusal != Refusal::kNone) {
-        throw Failure(EACCES, describe(refusal));
-    }
-    act(order);
-    return 0;
-}
-
-int judgeAndDo(Kind kind, std::string_view text)
+void judgeAndDo(Kind kind, std::string_view text)
 {
     switch (kind) {
         case Kind::kMount:
-            return judgeAndDo(&judgeMount, &mountPackage, text);
+            return mountPackage(judgeMount(text));
         case Kind::kNode:
-            return judgeAndDo(&judgeNode, &makeLoopNode, text);
+            return makeLoopNode(judgeNode(text));
         case Kind::kUnmount:
-            return judgeAndDo(&judgeUnmount, &unmountPackage, text);
+            return unmountPackage(judgeUnmount(text));
     }
     throw Failure(EINVAL, "no such kind of request");
 }

@@ -93,11 +93,11 @@ UniqueFd lockDirectory(const std::string& directory)
 
 }  // namespace
 
-std::optional<UniqueFd> inheritedSocket()
+UniqueFd inheritedSocket()
 {
     const int count = sd_listen_fds(0);
     if (count == 0) {
-        return std::nullopt;
+        return UniqueFd();
     }
     if (count != 1 || sd_is_socket(SD_LISTEN_FDS_START, AF_UNIX, SOCK_SEQPACKET, 1) <= 0) {
         throw Failure(EINVAL, "what was handed over is not one listening SOCK_SEQPACKET socket");

@@ -3,7 +3,6 @@
 
 #include <sys/types.h>
 
-#include <optional>
 #include <string>
 
 #include "base/fd.h"
@@ -12,9 +11,9 @@
 namespace quillon::privileged {
 
 /// The socket that a service manager has opened for this process, by the LISTEN_PID and LISTEN_FDS
-/// of the environment; nothing when there is none.
+/// of the environment; empty when there is none.
 /// @throws Failure when there are several, or one of another kind
-std::optional<UniqueFd> inheritedSocket();
+UniqueFd inheritedSocket();
 
 /// A listening socket that we made, with its name in the file system.
 class OwnSocket

@@ -10,6 +10,7 @@
 
 #include "base/once.h"
 #include "helpers/mount/mount-log.h"
+#include "helpers/mount/policy.h"
 #include "helpers/shared/failure.h"
 
 namespace quillon::privileged {
@@ -67,11 +68,11 @@ LoopDevice attachLoopDevice(const UniqueFd& image)
     throw Failure(ENODEV, "no node of a free loop device in /dev");
 }
 
-void makeLoopNode(const NodeOrder& order)
+void makeLoopNode(unsigned number)
 {
-    const std::string node = nodeOf(order.number);
+    const std::string node = nodeOf(number);
     const mode_t callersMask = umask(0);
-    const int made = mknod(node.c_str(), S_IFBLK | 0660, makedev(kLoopMajor, order.number));
+    const int made = mknod(node.c_str(), S_IFBLK | 0660, makedev(kLoopMajor, number));
     umask(callersMask);
     if (made != 0) {
         failWithErrno(node);

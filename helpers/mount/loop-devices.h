@@ -4,7 +4,6 @@
 #include <string>
 
 #include "base/fd.h"
-#include "helpers/mount/policy.h"
 
 namespace quillon::privileged {
 
@@ -23,8 +22,9 @@ struct LoopDevice
 LoopDevice attachLoopDevice(const UniqueFd& image);
 
 /// Makes the node of a loop device, mode 0660, with the label "*" where the kernel knows labels.
+/// @param number  below kLoopNodes
 /// @throws Failure, with EEXIST when there is something of that name
-void makeLoopNode(const NodeOrder& order);
+void makeLoopNode(unsigned number);
 
 }  // namespace quillon::privileged
 

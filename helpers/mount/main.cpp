@@ -56,13 +56,13 @@ UniqueFd endSignal()
 void serve(const Callers& callers)
 {
     const UniqueFd end = endSignal();
-    const std::optional<UniqueFd> inherited = inheritedSocket();
+    const UniqueFd inherited = inheritedSocket();
     std::optional<OwnSocket> own;
     if (!inherited) {
         own.emplace(QUILLON_PRIVILEGED_SOCKET, callers);
     }
     PRIVILEGED_LOGI("ready, %s", inherited ? "on an inherited socket" : QUILLON_PRIVILEGED_SOCKET);
-    Server(inherited ? inherited->get() : own->get(), callers, &handleRequest)
+    Server(inherited ? inherited.get() : own->get(), callers, &handleRequest)
         .runUntilReadable(end.get());
     PRIVILEGED_LOGI("%s", "ended by a signal");
 }

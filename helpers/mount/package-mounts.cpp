@@ -26,6 +26,17 @@ bool holds(const UniqueFd& file, off_t offset, std::string_view bytes)
            std::memcmp(read.data(), bytes.data(), bytes.size()) == 0;
 }
 
+/// The type of the file system in an image, by its magic number; "ext4" also for its predecessors.
+/// What a stranger's image can do in a driver of the kernel is limited to these two.
+/// @return null for any other
+const char* typeOfImage(const UniqueFd& image)
+{
+    if (holds(image, 0, "hsqs")) {
+        return "squashfs";
+    }
+    return holds(image, 1080, "\x53\xef") ? "ext4" : nullptr;
+}
+
 /// Nothing of a package may reach the machine beside it: it could name the machine's own files and
 /// devices as its images, or bring programs.
 constexpr unsigned long kConfined = MS_RDONLY | MS_NODEV | MS_NOSUID | MS_NOEXEC | MS_NOSYMFOLLOW;
@@ -64,14 +75,6 @@ bool isLoopMount(const UniqueFd& directory)
 
 }  // namespace
 
-const char* typeOfImage(const UniqueFd& image)
-{
-    if (holds(image, 0, "hsqs")) {
-        return "squashfs";
-    }
-    return holds(image, 1080, "\x53\xef") ? "ext4" : nullptr;
-}
-
 void mountPackage(const MountOrder& order)
 {
     const UniqueFd image = openImageIn(openDirectory(kImageDirectory).get(), order.image);
@@ -86,22 +89,22 @@ void mountPackage(const MountOrder& order)
     }
     mountDevice(attachLoopDevice(image), type, directory);
     if (followsLinks(openDirectoryIn(openDirectory(kMountDirectory).get(), order.directory))) {
-        unmountPackage({order.directory});
+        unmountPackage(order.directory);
         throw Failure(ENOTSUP, "links in packages would be followed, Linux 5.10 is needed");
     }
 }
 
-void unmountPackage(const UnmountOrder& order)
+void unmountPackage(const std::string& directory)
 {
     const UniqueFd parent = openDirectory(kMountDirectory);
     // An open directory keeps its mount busy, so it is closed again before the unmounting; from its
     // fixed parent on, the name leads nowhere else.
-    if (!isLoopMount(openDirectoryIn(parent.get(), order.directory))) {
-        throw Failure(EINVAL, order.directory + " has nothing mounted from a loop device");
+    if (!isLoopMount(openDirectoryIn(parent.get(), directory))) {
+        throw Failure(EINVAL, directory + " has nothing mounted from a loop device");
     }
-    const std::string path = pathOf(parent) + "/" + order.directory;
+    const std::string path = pathOf(parent) + "/" + directory;
     if (umount2(path.c_str(), UMOUNT_NOFOLLOW) != 0) {
-        failWithErrno("umount " + order.directory);
+        failWithErrno("umount " + directory);
     }
 }
 

@@ -1,16 +1,11 @@
 #ifndef QUILLON_HELPERS_MOUNT_PACKAGE_MOUNTS_H
 #define QUILLON_HELPERS_MOUNT_PACKAGE_MOUNTS_H
 
-#include "base/fd.h"
+#include <string>
+
 #include "helpers/mount/policy.h"
 
 namespace quillon::privileged {
-
-/// The type of the file system in an image, by its magic number.
-/// @param image  open for reading
-/// @return "squashfs" or "ext4" (also for its predecessors), null for any other: what a stranger's
-///         image can do in a driver of the kernel is limited to these two
-const char* typeOfImage(const UniqueFd& image);
 
 /// Mounts an image read-only on an existing directory. Image and directory are opened once, without
 /// following links, and what was opened is what is mounted. No link in the package is followed, no
@@ -20,9 +15,9 @@ const char* typeOfImage(const UniqueFd& image);
 ///         unmount would otherwise pile packages up on it
 void mountPackage(const MountOrder& order);
 
-/// Unmounts what lies topmost on a directory, if it comes from a loop device.
+/// Unmounts what lies topmost on a directory of kMountDirectory, if it comes from a loop device.
 /// @throws Failure, with EINVAL when there is no such mount
-void unmountPackage(const UnmountOrder& order);
+void unmountPackage(const std::string& directory);
 
 }  // namespace quillon::privileged
 

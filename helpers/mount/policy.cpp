@@ -2,15 +2,66 @@
 
 #include <algorithm>
 #include <optional>
+#include <vector>
 
-#include "helpers/mount/parse-request.h"
+#include "helpers/shared/failure.h"
 
 namespace quillon::privileged {
 
 namespace {
 
-constexpr std::string_view kMountOptions = "ro,loop,nodev,nosuid";
+using Words = std::vector<std::string_view>;
+
 constexpr std::string_view kImageSuffix = ".img";
+constexpr const char* kOtherShape = "not the text of such a request";
+constexpr const char* kNoMountPoint =
+    "the mount point is not a directory NAME in emps/ of the package directory";
+
+void require(bool isFine, const char* reason)
+{
+    if (!isFine) {
+        throw Failure(EACCES, reason);
+    }
+}
+
+/// What stands between blanks; two blanks have an empty word between them.
+Words wordsOf(std::string_view text)
+{
+    Words words;
+    for (;;) {
+        const std::size_t end = text.find(' ');
+        words.push_back(text.substr(0, end));
+        if (end == text.npos) {
+            return words;
+        }
+        text.remove_prefix(end + 1);
+    }
+}
+
+bool isFieldCharacter(char c)
+{
+    return c >= '!' && c <= '~';
+}
+
+/// The words of a text that stand where the pattern has a "?"; all others have to be as there.
+Words fieldsOf(std::string_view text, std::string_view pattern)
+{
+    const Words wanted = wordsOf(pattern);
+    const Words words = wordsOf(text);
+    require(words.size() == wanted.size(), kOtherShape);
+    Words fields;
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        if (wanted[i] != "?") {
+            require(words[i] == wanted[i], kOtherShape);
+            continue;
+        }
+        require(
+            !words[i].empty() && std::all_of(words[i].begin(), words[i].end(), isFieldCharacter),
+            kOtherShape);
+        fields.push_back(words[i]);
+    }
+    return fields;
+}
 
 // Not isalnum(), which asks the locale.
 bool isLetterOrDigit(char c)
@@ -23,29 +74,24 @@ bool isName(std::string_view text)
     return !text.empty() && std::all_of(text.begin(), text.end(), isLetterOrDigit);
 }
 
-/// What stands behind "directory/"; nothing when the path does not begin with it.
-std::optional<std::string_view> entryOf(std::string_view directory, std::string_view path)
+/// What stands behind "directory/"; empty when the path does not begin with it.
+std::string_view entryOf(std::string_view directory, std::string_view path)
 {
-    if (path.substr(0, directory.size()) != directory || path.substr(directory.size(), 1) != "/") {
-        return std::nullopt;
-    }
-    return path.substr(directory.size() + 1);
+    const bool isIn =
+        path.substr(0, directory.size()) == directory && path.substr(directory.size(), 1) == "/";
+    return isIn ? path.substr(directory.size() + 1) : "";
 }
 
 bool isImage(std::string_view path)
 {
-    const auto entry = entryOf(kImageDirectory, path);
-    if (!entry || entry->size() <= kImageSuffix.size()) {
-        return false;
-    }
-    const std::size_t stem = entry->size() - kImageSuffix.size();
-    return entry->substr(stem) == kImageSuffix && isName(entry->substr(0, stem));
+    const std::string_view entry = entryOf(kImageDirectory, path);
+    const std::size_t stem = entry.size() - std::min(entry.size(), kImageSuffix.size());
+    return entry.substr(stem) == kImageSuffix && isName(entry.substr(0, stem));
 }
 
 bool isMountPoint(std::string_view path)
 {
-    const auto entry = entryOf(kMountDirectory, path);
-    return entry && isName(*entry);
+    return isName(entryOf(kMountDirectory, path));
 }
 
 std::string lastPart(std::string_view path)
@@ -66,76 +112,31 @@ std::optional<unsigned> loopNumber(std::string_view digits)
 
 }  // namespace
 
-const char* describe(Refusal refusal)
+MountOrder judgeMount(std::string_view text)
 {
-    switch (refusal) {
-        case Refusal::kNone:
-            return "nothing against it";
-        case Refusal::kShape:
-            return "not the text of such a request";
-        case Refusal::kOptions:
-            return "the mount options are not ro,loop,nodev,nosuid";
-        case Refusal::kImage:
-            return "the source is not an image NAME.img in the package directory";
-        case Refusal::kDirectory:
-            return "the mount point is not a directory NAME in emps/ of the package directory";
-        case Refusal::kMode:
-            return "the mode is not 0660";
-        case Refusal::kLabel:
-            return "the label is not *";
-        case Refusal::kNode:
-            return "not the node of a loop device from 0 to 249";
-    }
-    return "?";
+    const Words fields = fieldsOf(text, "-o ? ? ?");
+    require(fields[0] == "ro,loop,nodev,nosuid", "the mount options are not ro,loop,nodev,nosuid");
+    require(isImage(fields[1]), "the source is not an image NAME.img in the package directory");
+    require(isMountPoint(fields[2]), kNoMountPoint);
+    return {lastPart(fields[1]), lastPart(fields[2])};
 }
 
-Refusal judgeMount(std::string_view text, MountOrder& order)
+unsigned judgeNode(std::string_view text)
 {
-    const auto fields = parseMount(text);
-    if (!fields) {
-        return Refusal::kShape;
-    }
-    if (fields->options != kMountOptions) {
-        return Refusal::kOptions;
-    }
-    if (!isImage(fields->image)) {
-        return Refusal::kImage;
-    }
-    if (!isMountPoint(fields->directory)) {
-        return Refusal::kDirectory;
-    }
-    order = {lastPart(fields->image), lastPart(fields->directory)};
-    return Refusal::kNone;
+    const Words fields = fieldsOf(text, "-m ? -Z ? ?  b ? ?");
+    require(fields[0] == "0660", "the mode is not 0660");
+    require(fields[1] == "*", "the label is not *");
+    const auto number = loopNumber(fields[4]);
+    require(number && fields[3] == std::to_string(kLoopMajor) &&
+                fields[2] == "/dev/loop" + std::to_string(*number),
+            "not the node of a loop device from 0 to 249");
+    return *number;
 }
 
-Refusal judgeNode(std::string_view text, NodeOrder& order)
+std::string judgeUnmount(std::string_view text)
 {
-    const auto fields = parseNode(text);
-    if (!fields) {
-        return Refusal::kShape;
-    }
-    if (fields->mode != "0660") {
-        return Refusal::kMode;
-    }
-    if (fields->label != "*") {
-        return Refusal::kLabel;
-    }
-    const auto number = loopNumber(fields->minor);
-    if (!number || fields->major != std::to_string(kLoopMajor) ||
-        fields->node != "/dev/loop" + std::to_string(*number)) {
-        return Refusal::kNode;
-    }
-    order = {*number};
-    return Refusal::kNone;
-}
-
-Refusal judgeUnmount(std::string_view text, UnmountOrder& order)
-{
-    if (!isMountPoint(text)) {
-        return Refusal::kDirectory;
-    }
-    order = {lastPart(text)};
-    return Refusal::kNone;
+    require(isMountPoint(text), kNoMountPoint);
+    return lastPart(text);
 }
 
 }  // namespace quillon::privileged

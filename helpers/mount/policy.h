@@ -7,6 +7,9 @@
 /// What the helper does at all. Pure: it looks at texts, not at the file system. What it lets pass
 /// is only names and a number, to be looked up in fixed directories, so that nothing else of a
 /// request ever reaches a system call.
+///
+/// Each function takes a text as the client sent it and throws a Failure with EACCES, which names
+/// the reason, when the request is refused. NAME is one or more of A-Z a-z 0-9.
 namespace quillon::privileged {
 
 inline constexpr const char* kImageDirectory = "/opt/usr/apps/appbinarymanager";
@@ -14,43 +17,19 @@ inline constexpr const char* kMountDirectory = "/opt/usr/apps/appbinarymanager/e
 inline constexpr unsigned kLoopMajor = 7;
 inline constexpr unsigned kLoopNodes = 250;  ///< numbers run from 0 up to, not including, this
 
-/// Why a request is refused.
-enum class Refusal {
-    kNone,
-    kShape,      ///< not the text of such a request at all
-    kOptions,    ///< other mount options than ro,loop,nodev,nosuid
-    kImage,      ///< not an image NAME.img directly in the package directory
-    kDirectory,  ///< not a directory NAME directly in the directory for mounts
-    kMode,       ///< another mode than 0660
-    kLabel,      ///< another label than "*"
-    kNode,       ///< not the block device /dev/loopN 7 N with N below 250
-};
-
-/// One line for the log.
-const char* describe(Refusal refusal);
-
-/// NAME in all of these: one or more of A-Z a-z 0-9.
 struct MountOrder
 {
     std::string image;      ///< file name in kImageDirectory: NAME.img
     std::string directory;  ///< directory name in kMountDirectory: NAME
 };
 
-struct NodeOrder
-{
-    unsigned number = 0;  ///< below kLoopNodes
-};
+MountOrder judgeMount(std::string_view text);
 
-struct UnmountOrder
-{
-    std::string directory;  ///< directory name in kMountDirectory: NAME
-};
+/// @return the number of the loop device
+unsigned judgeNode(std::string_view text);
 
-/// @param text        as the client sent it
-/// @param[out] order  what to do when the answer is Refusal::kNone, untouched otherwise
-Refusal judgeMount(std::string_view text, MountOrder& order);
-Refusal judgeNode(std::string_view text, NodeOrder& order);
-Refusal judgeUnmount(std::string_view text, UnmountOrder& order);
+/// @return the directory name in kMountDirectory: NAME
+std::string judgeUnmount(std::string_view text);
 
 }  // namespace quillon::privileged
 

@@ -5,8 +5,16 @@ namespace quillon::test {
 namespace {
 
 using privileged::Kind;
-using privileged::Refusal;
 using Texts = std::vector<std::string>;
+
+const std::string kBadShape = "not the text of such a request";
+const std::string kBadOptions = "the mount options are not ro,loop,nodev,nosuid";
+const std::string kBadImage = "the source is not an image NAME.img in the package directory";
+const std::string kBadDirectory =
+    "the mount point is not a directory NAME in emps/ of the package directory";
+const std::string kBadMode = "the mode is not 0660";
+const std::string kBadLabel = "the label is not *";
+const std::string kBadNode = "not the node of a loop device from 0 to 249";
 
 const std::string kPackages = "/opt/usr/apps/appbinarymanager/";
 const std::string kMounts = kPackages + "emps/";
@@ -277,7 +285,8 @@ Texts wrongNodeShapes()
             goodUnmount()};
 }
 
-void add(std::vector<HostileRequest>& all, Kind kind, const Texts& texts, Refusal expected)
+void add(std::vector<HostileRequest>& all, Kind kind, const Texts& texts,
+         const std::string& expected)
 {
     for (const std::string& text : texts) {
         all.push_back({kind, text, expected});
@@ -286,40 +295,40 @@ void add(std::vector<HostileRequest>& all, Kind kind, const Texts& texts, Refusa
 
 void addMounts(std::vector<HostileRequest>& all)
 {
-    add(all, Kind::kMount, wrongMountShapes(), Refusal::kShape);
+    add(all, Kind::kMount, wrongMountShapes(), kBadShape);
     for (const std::string& options : wrongOptions()) {
-        all.push_back({Kind::kMount, mountText(options, kImage, kDirectory), Refusal::kOptions});
+        all.push_back({Kind::kMount, mountText(options, kImage, kDirectory), kBadOptions});
     }
     for (const std::string& image : wrongImages()) {
-        all.push_back({Kind::kMount, mountText(kOptions, image, kDirectory), Refusal::kImage});
+        all.push_back({Kind::kMount, mountText(kOptions, image, kDirectory), kBadImage});
     }
     for (const std::string& directory : wrongDirectories()) {
-        all.push_back({Kind::kMount, mountText(kOptions, kImage, directory), Refusal::kDirectory});
+        all.push_back({Kind::kMount, mountText(kOptions, kImage, directory), kBadDirectory});
     }
-    all.push_back({Kind::kMount, mountText(kOptions, kDirectory, kImage), Refusal::kImage});
+    all.push_back({Kind::kMount, mountText(kOptions, kDirectory, kImage), kBadImage});
 }
 
 void addNodes(std::vector<HostileRequest>& all)
 {
-    add(all, Kind::kNode, wrongNodeShapes(), Refusal::kShape);
+    add(all, Kind::kNode, wrongNodeShapes(), kBadShape);
     for (const char* mode : {"660", "00660", "0666", "0777", "4660", "06600", "u=rw", "0", "-1"}) {
         all.push_back(
-            {Kind::kNode, std::string("-m ") + mode + " -Z * /dev/loop8  b 7 8", Refusal::kMode});
+            {Kind::kNode, std::string("-m ") + mode + " -Z * /dev/loop8  b 7 8", kBadMode});
     }
     for (const char* label : {"_", "^", "**", "*:*", "System", "?", "\"*\""}) {
-        all.push_back({Kind::kNode, std::string("-m 0660 -Z ") + label + " /dev/loop8  b 7 8",
-                       Refusal::kLabel});
+        all.push_back(
+            {Kind::kNode, std::string("-m 0660 -Z ") + label + " /dev/loop8  b 7 8", kBadLabel});
     }
     for (const char* number :
          {"250", "251", "255", "256", "999",     "1048576", "4294967304", "18446744073709551624",
           "-1",  "-0",  "+8",  "08",  "008",     "0x8",     "8.0",        "8e0",
           "8a",  "a",   "*",   "8/",  "control", "8p1"}) {
-        all.push_back({Kind::kNode, nodeText(std::string("/dev/loop") + number, "7", number),
-                       Refusal::kNode});
+        all.push_back(
+            {Kind::kNode, nodeText(std::string("/dev/loop") + number, "7", number), kBadNode});
     }
     for (const char* major :
          {"8", "0", "1", "07", "+7", "-7", "77", "0x7", "263", "7.0", "seven"}) {
-        all.push_back({Kind::kNode, nodeText("/dev/loop8", major, "8"), Refusal::kNode});
+        all.push_back({Kind::kNode, nodeText("/dev/loop8", major, "8"), kBadNode});
     }
     for (const char* node :
          {"/dev/sda8",   "/dev/mem8",     "/dev/loop",    "/dev/loop9",        "/dev/loop88",
@@ -327,10 +336,10 @@ void addNodes(std::vector<HostileRequest>& all)
           "/dev/loop/8", "loop8",         "dev/loop8",    "//dev/loop8",       "/tmp/loop8",
           "/DEV/loop8",  "/dev/Loop8",    "/dev/loop8x",  "/dev/loop-control", "/dev/null",
           "/etc/loop8",  "/dev/shm/loop8"}) {
-        all.push_back({Kind::kNode, nodeText(node, "7", "8"), Refusal::kNode});
+        all.push_back({Kind::kNode, nodeText(node, "7", "8"), kBadNode});
     }
-    all.push_back({Kind::kNode, nodeText("/dev/loop8", "7", "9"), Refusal::kNode});
-    all.push_back({Kind::kNode, nodeText("/dev/loop8", "8", "7"), Refusal::kNode});
+    all.push_back({Kind::kNode, nodeText("/dev/loop8", "7", "9"), kBadNode});
+    all.push_back({Kind::kNode, nodeText("/dev/loop8", "8", "7"), kBadNode});
 }
 
 }  // namespace
@@ -340,13 +349,13 @@ std::vector<HostileRequest> hostileRequests()
     std::vector<HostileRequest> all;
     addMounts(all);
     addNodes(all);
-    add(all, Kind::kUnmount, wrongDirectories(), Refusal::kDirectory);
+    add(all, Kind::kUnmount, wrongDirectories(), kBadDirectory);
     add(all, Kind::kUnmount,
         {"", " ", " " + kDirectory, kDirectory + " ", kDirectory + "\n", kDirectory + "\t",
          "-l " + kDirectory, "-f " + kDirectory, kDirectory + " " + kDirectory, "-a", "/dev/loop0",
          kImage, goodMount(), goodNode(), kMounts + "\xc3\xa4", std::string(1023, 'a'),
          std::string(1023, '/')},
-        Refusal::kDirectory);
+        kBadDirectory);
     return all;
 }
 

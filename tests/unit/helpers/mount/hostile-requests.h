@@ -4,7 +4,6 @@
 #include <string>
 #include <vector>
 
-#include "helpers/mount/policy.h"
 #include "platform/protocols/mount-protocol.h"
 
 namespace quillon::test {
@@ -15,7 +14,7 @@ struct HostileRequest
 {
     privileged::Kind kind;
     std::string text;
-    privileged::Refusal expected;
+    std::string expected;  ///< the reason, for people
 };
 
 /// More than 200 of them, each text once a kind.
