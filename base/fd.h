@@ -45,12 +45,20 @@ private:
     int fd_;
 };
 
-struct FileCloser
+/// Gives a handle back with the function that belongs to its type:
+/// `std::unique_ptr<BIO, ReleaseWith<&BIO_free_all>>`.
+template <auto release>
+struct ReleaseWith
 {
-    void operator()(std::FILE* file) const { static_cast<void>(std::fclose(file)); }
+    template <typename Handle>
+    void operator()(Handle* handle) const
+    {
+        static_cast<void>(release(handle));
+    }
 };
+
 /// An open stream; empty when opening failed.
-using UniqueFile = std::unique_ptr<std::FILE, FileCloser>;
+using UniqueFile = std::unique_ptr<std::FILE, ReleaseWith<&std::fclose>>;
 
 }  // namespace quillon
 

@@ -7,30 +7,17 @@
 #include <cstdlib>
 #include <memory>
 
+#include "base/fd.h"
+
 /// Owners of everything that must be given back: each gives its handle back exactly once.
 namespace quillon {
 
-struct CipherContextFreer
-{
-    void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_free(context); }
-};
-/// An OpenSSL cipher context.
-using UniqueCipherContext = std::unique_ptr<EVP_CIPHER_CTX, CipherContextFreer>;
+using UniqueCipherContext = std::unique_ptr<EVP_CIPHER_CTX, ReleaseWith<&EVP_CIPHER_CTX_free>>;
+using UniqueDigestContext = std::unique_ptr<EVP_MD_CTX, ReleaseWith<&EVP_MD_CTX_free>>;
 
-struct DigestContextFreer
-{
-    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-};
-/// An OpenSSL digest context.
-using UniqueDigestContext = std::unique_ptr<EVP_MD_CTX, DigestContextFreer>;
-
-struct MemoryFreer
-{
-    void operator()(void* memory) const { std::free(memory); }
-};
 /// Memory from malloc, calloc or a platform call that asks for free().
 template <typename T>
-using UniqueMemory = std::unique_ptr<T, MemoryFreer>;
+using UniqueMemory = std::unique_ptr<T, ReleaseWith<&std::free>>;
 
 struct LibraryCloser
 {

@@ -23,12 +23,8 @@ using std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kLongestWait(5);
 
-struct CloseBus
-{
-    // Without flushing, which would wait for a bus that takes nothing.
-    void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
-};
-using UniqueBus = std::unique_ptr<sd_bus, CloseBus>;
+// Closed without flushing, which would wait for a bus that takes nothing.
+using UniqueBus = std::unique_ptr<sd_bus, ReleaseWith<&sd_bus_close_unref>>;
 
 // Asked for one by one: logind puts one question to polkit a call, so that a user who may have each
 // of them is refused all of them together.

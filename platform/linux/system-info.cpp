@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "platform/log/formatted-text.h"
+#include "base/fd.h"
 #include "platform/log/platform-log.h"
 
 namespace quillon {
@@ -14,11 +14,7 @@ namespace {
 
 constexpr int kSoftwareVersion = 128;
 
-struct GFree
-{
-    void operator()(char* text) const { g_free(text); }
-};
-using UniqueText = std::unique_ptr<char, GFree>;
+using UniqueText = std::unique_ptr<char, ReleaseWith<&g_free>>;
 
 // The image's own name and version where the image builder wrote them, the distribution's
 // otherwise.

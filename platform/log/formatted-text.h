@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <memory>
 
+#include "base/fd.h"
+
 namespace quillon {
 
 /// A printf-formatted text of any length that lives as long as the object.
@@ -36,13 +38,8 @@ public:
     std::size_t length() const { return length_; }
 
 private:
-    struct Free
-    {
-        void operator()(char* memory) const { std::free(memory); }
-    };
-
     char shortText_[512];
-    std::unique_ptr<char, Free> longText_;
+    std::unique_ptr<char, ReleaseWith<&std::free>> longText_;
     char* text_ = shortText_;
     std::size_t length_ = 0;
 };

@@ -11,7 +11,7 @@
 
 namespace quillon {
 
-using UniqueCertificate = std::unique_ptr<X509, OpensslRelease<&X509_free>>;
+using UniqueCertificate = std::unique_ptr<X509, ReleaseWith<&X509_free>>;
 using Certificates = std::vector<UniqueCertificate>;
 
 /// Reads the certificates of a PEM file, in their order; other things in the file are passed over.

@@ -35,11 +35,11 @@ void releaseStack(STACK_OF(X509) * stack)
     sk_X509_free(stack);
 }
 
-using UniqueCms = std::unique_ptr<CMS_ContentInfo, OpensslRelease<&releaseWiped>>;
-using UniqueStore = std::unique_ptr<X509_STORE, OpensslRelease<&X509_STORE_free>>;
-using UniqueObject = std::unique_ptr<ASN1_OBJECT, OpensslRelease<&ASN1_OBJECT_free>>;
-using UniqueUsages = std::unique_ptr<EXTENDED_KEY_USAGE, OpensslRelease<&EXTENDED_KEY_USAGE_free>>;
-using UniqueStack = std::unique_ptr<STACK_OF(X509), OpensslRelease<&releaseStack>>;
+using UniqueCms = std::unique_ptr<CMS_ContentInfo, ReleaseWith<&releaseWiped>>;
+using UniqueStore = std::unique_ptr<X509_STORE, ReleaseWith<&X509_STORE_free>>;
+using UniqueObject = std::unique_ptr<ASN1_OBJECT, ReleaseWith<&ASN1_OBJECT_free>>;
+using UniqueUsages = std::unique_ptr<EXTENDED_KEY_USAGE, ReleaseWith<&EXTENDED_KEY_USAGE_free>>;
+using UniqueStack = std::unique_ptr<STACK_OF(X509), ReleaseWith<&releaseStack>>;
 
 ImageError notAPackage(const std::string& reason)
 {

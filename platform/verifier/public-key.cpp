@@ -17,10 +17,10 @@ namespace {
 constexpr std::size_t kLargestKeyFile = 65536;
 constexpr int kKeyBits = 4096;
 
-struct OpensslFree
+void releaseDer(unsigned char* der)
 {
-    void operator()(unsigned char* memory) const { OPENSSL_free(memory); }
-};
+    OPENSSL_free(der);
+}
 
 }  // namespace
 
@@ -55,7 +55,7 @@ KeyId keyIdOf(const EVP_PKEY* key)
 {
     unsigned char* der = nullptr;
     const int length = i2d_PUBKEY(key, &der);
-    const std::unique_ptr<unsigned char, OpensslFree> owner(der);
+    const std::unique_ptr<unsigned char, ReleaseWith<&releaseDer>> owner(der);
     if (length <= 0) {
         throw ImageError(ImageFault::kKey, "key cannot be encoded");
     }

@@ -15,8 +15,8 @@ constexpr int kSerialBits = 127;
 constexpr char kNeverExpires[] = "99991231235959Z";
 const unsigned char kName[] = "Quillon provisioning";
 
-using UniqueNumber = std::unique_ptr<BIGNUM, OpensslRelease<&BN_free>>;
-using UniqueExtension = std::unique_ptr<X509_EXTENSION, OpensslRelease<&X509_EXTENSION_free>>;
+using UniqueNumber = std::unique_ptr<BIGNUM, ReleaseWith<&BN_free>>;
+using UniqueExtension = std::unique_ptr<X509_EXTENSION, ReleaseWith<&X509_EXTENSION_free>>;
 
 /// Two keys' certificates have the same name, so their numbers have to differ.
 bool setRandomNumber(X509* certificate)
