@@ -112,7 +112,7 @@ TEST_F(PowerLock, EndsByItselfWithItsTimeAndNotBefore)
     EXPECT_GE(steady_clock::now() - start, milliseconds(700));
     EXPECT_LT(steady_clock::now() - start, seconds(5));
     EXPECT_THAT(captured.lines(),
-                ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM I power-locks.cpp: "),
+                ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM I power.cpp: "),
                                   HasSubstr("the power lock 2 was not given back in its time"))));
     EXPECT_EQ(device_power_unlock_state(kType), 0);
 }
