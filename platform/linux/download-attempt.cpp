@@ -1,13 +1,12 @@
 #include "platform/linux/download-attempt.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
 #include <string_view>
 #include <utility>
-
-#include "platform/linux/download-reply.h"
 
 namespace quillon {
 
@@ -16,16 +15,6 @@ namespace {
 constexpr int kMostRedirections = 5;
 constexpr std::size_t kMostDropped = 65536;
 constexpr long kSlowestBytesPerSecond = 100;
-
-struct EndTransfer
-{
-    void operator()(CURL* transfer) const { curl_easy_cleanup(transfer); }
-};
-
-struct FreeList
-{
-    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
-};
 
 bool isSecure(std::string_view address)
 {
@@ -58,24 +47,80 @@ bool isFinal(CURLcode code)
     }
 }
 
+// Of the head of the reply that a transfer is just receiving, or has received last:
+
+long statusOf(CURL* transfer)
+{
+    long status = 0;
+    curl_easy_getinfo(transfer, CURLINFO_RESPONSE_CODE, &status);
+    return status;
+}
+
+/// @return an absolute address; empty when nothing is redirected
+std::string redirectionOf(CURL* transfer)
+{
+    const char* address = nullptr;
+    curl_easy_getinfo(transfer, CURLINFO_REDIRECT_URL, &address);
+    return address == nullptr ? "" : address;
+}
+
+std::string headerOf(CURL* transfer, const char* name)
+{
+    constexpr int kLastRequest = -1;
+    curl_header* found = nullptr;
+    const CURLHcode result =
+        curl_easy_header(transfer, name, 0, CURLH_HEADER, kLastRequest, &found);
+    return result == CURLHE_OK ? found->value : "";
+}
+
+std::string validatorOf(CURL* transfer)
+{
+    const std::string tag = headerOf(transfer, "ETag");
+    // A weak tag, W/"…", may stay the same while the bytes change.
+    return !tag.empty() && tag.front() == '"' ? tag : headerOf(transfer, "Last-Modified");
+}
+
+/// @return -1 when none is stated
+std::int64_t bodySizeOf(CURL* transfer)
+{
+    curl_off_t size = -1;
+    curl_easy_getinfo(transfer, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &size);
+    return size;
+}
+
+/// @return the size of the whole file, when the body is all of it from that byte on; 0 for any
+/// other
+///         range, or none
+std::uint64_t wholeSizeOf(CURL* transfer, std::uint64_t offset)
+{
+    const std::string value = headerOf(transfer, "Content-Range");
+    const std::size_t slash = value.find('/');
+    const std::uint64_t size =
+        slash == value.npos ? 0 : std::strtoull(value.c_str() + slash + 1, nullptr, 10);
+    // Compared as a whole, so that nothing else in it can be misread.
+    const std::string wanted = "bytes " + std::to_string(offset) + "-" + std::to_string(size - 1) +
+                               "/" + std::to_string(size);
+    return size > offset && value == wanted ? size : 0;
+}
+
 }  // namespace
 
-AttemptResult DownloadAttempt::run(std::string address)
+DownloadStatus DownloadAttempt::run(std::string address)
 {
     for (int redirections = 0; redirections <= kMostRedirections; ++redirections) {
-        const AttemptResult result = request(address);
+        const DownloadStatus result = request(address);
         if (redirection_.empty()) {
             return result;
         }
         if (!mayLead(address, redirection_)) {
-            return end(AttemptResult::kRefused, "the server redirects to another protocol");
+            return end(kRefused, "the server redirects to another protocol");
         }
         address = redirection_;
     }
-    return end(AttemptResult::kRefused, "the server redirects too often");
+    return end(kRefused, "the server redirects too often");
 }
 
-AttemptResult DownloadAttempt::request(const std::string& address)
+DownloadStatus DownloadAttempt::request(const std::string& address)
 {
     offset_ = part_.validator().empty() ? 0 : part_.size();
     wholeSize_ = 0;
@@ -84,9 +129,9 @@ AttemptResult DownloadAttempt::request(const std::string& address)
     redirection_.clear();
     error_[0] = '\0';
 
-    const std::unique_ptr<CURL, EndTransfer> transfer(curl_easy_init());
+    const std::unique_ptr<CURL, ReleaseWith<&curl_easy_cleanup>> transfer(curl_easy_init());
     if (transfer == nullptr) {
-        return end(AttemptResult::kFailed, "no transfer can be made");
+        return end(kDownloadFailed, "no transfer can be made");
     }
     transfer_ = transfer.get();
     return resultOf(perform(address));
@@ -119,7 +164,7 @@ CURLcode DownloadAttempt::perform(const std::string& address)
     curl_easy_setopt(transfer_, CURLOPT_XFERINFOFUNCTION, onProgress);
     curl_easy_setopt(transfer_, CURLOPT_XFERINFODATA, this);
 
-    std::unique_ptr<curl_slist, FreeList> headers;
+    std::unique_ptr<curl_slist, ReleaseWith<&curl_slist_free_all>> headers;
     if (offset_ > 0) {
         const std::string range = std::to_string(offset_) + "-";
         const std::string condition = "If-Range: " + part_.validator();
@@ -133,16 +178,16 @@ CURLcode DownloadAttempt::perform(const std::string& address)
     return curl_easy_perform(transfer_);
 }
 
-AttemptResult DownloadAttempt::resultOf(CURLcode code)
+DownloadStatus DownloadAttempt::resultOf(CURLcode code)
 {
     if (cancel_.requested()) {
-        return end(AttemptResult::kCancelled, "the process ends");
+        return end(kCancelled, "the process ends");
     }
     if (code == CURLE_OK && body_ == Body::kNotSeen) {
         takeHead();
     }
     if (body_ == Body::kDropped) {
-        redirection_ = DownloadReply(transfer_).redirectAddress();
+        redirection_ = redirectionOf(transfer_);
         return result_;
     }
     if (code == CURLE_OK) {
@@ -150,23 +195,21 @@ AttemptResult DownloadAttempt::resultOf(CURLcode code)
     }
     const std::string text = error_[0] != '\0' ? error_ : curl_easy_strerror(code);
     if (code == CURLE_OUT_OF_MEMORY) {
-        return end(AttemptResult::kFailed, text);
+        return end(kDownloadFailed, text);
     }
-    return end(isFinal(code) ? AttemptResult::kRefused : AttemptResult::kBrokeOff, text);
+    return end(isFinal(code) ? kRefused : kUnreachable, text);
 }
 
-AttemptResult DownloadAttempt::checkSize()
+DownloadStatus DownloadAttempt::checkSize()
 {
     if (part_.size() == 0) {
-        return end(AttemptResult::kRefused, "the package is empty");
+        return end(kRefused, "the package is empty");
     }
     if (wholeSize_ == 0 || part_.size() == wholeSize_) {
-        return AttemptResult::kComplete;
+        return kDownloaded;
     }
-    if (part_.size() > wholeSize_ && !part_.restart("")) {
-        return end(AttemptResult::kNotStored, std::strerror(errno));
-    }
-    return end(AttemptResult::kBrokeOff, "the server sent another number of bytes than it said");
+    const char* reason = "the server sent another number of bytes than it said";
+    return part_.size() > wholeSize_ ? startOver(reason) : end(kUnreachable, reason);
 }
 
 std::size_t DownloadAttempt::onBody(char* data, std::size_t /*one*/, std::size_t size, void* self)
@@ -176,7 +219,7 @@ std::size_t DownloadAttempt::onBody(char* data, std::size_t /*one*/, std::size_t
         attempt->takeBytes(data, size);
     } catch (const std::bad_alloc&) {
         attempt->body_ = Body::kDropped;
-        attempt->result_ = AttemptResult::kFailed;
+        attempt->result_ = kDownloadFailed;
         attempt->reason_.clear();
     }
     // A short body that is of no use, such as an error page, is received to the end: only then does
@@ -199,11 +242,11 @@ void DownloadAttempt::takeBytes(const char* data, std::size_t size)
         return;
     }
     if (size > settings_.sizeLimit - part_.size()) {
-        end(AttemptResult::kTooLarge, "the package is larger than the size limit");
+        end(kTooLarge, "the package is larger than the size limit");
         return;
     }
     if (!part_.append(data, size)) {
-        end(AttemptResult::kNotStored, std::strerror(errno));
+        end(kNotStored, std::strerror(errno));
     }
 }
 
@@ -212,7 +255,7 @@ void DownloadAttempt::takeHead()
     constexpr long kOk = 200;
     constexpr long kPartialContent = 206;
     constexpr long kRangeNotSatisfiable = 416;
-    const long status = DownloadReply(transfer_).status();
+    const long status = statusOf(transfer_);
     if (status == kOk) {
         takeWholeFile();
         return;
@@ -223,26 +266,26 @@ void DownloadAttempt::takeHead()
     }
     const std::string answer = "the server answers " + std::to_string(status);
     if (status == kRangeNotSatisfiable && offset_ > 0) {
-        part_.restart("") ? end(AttemptResult::kBrokeOff, answer)
-                          : end(AttemptResult::kNotStored, std::strerror(errno));
+        startOver(answer);
         return;
     }
-    end(isTemporary(status) ? AttemptResult::kBrokeOff : AttemptResult::kRefused, answer);
+    end(isTemporary(status) ? kUnreachable : kRefused, answer);
 }
 
 void DownloadAttempt::takeWholeFile()
 {
-    const DownloadReply reply(transfer_);
-    if (!reply.tellsItsEnd()) {
-        end(AttemptResult::kRefused, "the server does not tell where the package ends");
+    const std::int64_t size = bodySizeOf(transfer_);
+    // The end of a connection could be that of the package, or a dropped one.
+    if (size < 0 && headerOf(transfer_, "Transfer-Encoding").empty()) {
+        end(kRefused, "the server does not tell where the package ends");
         return;
     }
-    if (reply.bodySize() > static_cast<std::int64_t>(settings_.sizeLimit)) {
-        end(AttemptResult::kTooLarge, "the package is larger than the size limit");
+    if (size > static_cast<std::int64_t>(settings_.sizeLimit)) {
+        end(kTooLarge, "the package is larger than the size limit");
         return;
     }
-    if (!part_.restart(reply.validator())) {
-        end(AttemptResult::kNotStored, std::strerror(errno));
+    if (!part_.restart(validatorOf(transfer_))) {
+        end(kNotStored, std::strerror(errno));
         return;
     }
     body_ = Body::kKept;
@@ -250,23 +293,27 @@ void DownloadAttempt::takeWholeFile()
 
 void DownloadAttempt::takeRest()
 {
-    const DownloadReply reply(transfer_);
-    const std::string validator = reply.validator();
-    const std::uint64_t size = reply.wholeSize(offset_);
+    const std::string validator = validatorOf(transfer_);
+    const std::uint64_t size = wholeSizeOf(transfer_, offset_);
     if (size == 0 || (!validator.empty() && validator != part_.validator())) {
-        part_.restart("") ? end(AttemptResult::kBrokeOff, "the server sent another part than asked")
-                          : end(AttemptResult::kNotStored, std::strerror(errno));
+        startOver("the server sent another part than asked");
         return;
     }
     if (size > settings_.sizeLimit) {
-        end(AttemptResult::kTooLarge, "the package is larger than the size limit");
+        end(kTooLarge, "the package is larger than the size limit");
         return;
     }
     wholeSize_ = size;
     body_ = Body::kKept;
 }
 
-AttemptResult DownloadAttempt::end(AttemptResult result, std::string reason)
+/// What has arrived is of no use to the next attempt.
+DownloadStatus DownloadAttempt::startOver(const std::string& reason)
+{
+    return part_.restart("") ? end(kUnreachable, reason) : end(kNotStored, std::strerror(errno));
+}
+
+DownloadStatus DownloadAttempt::end(DownloadStatus result, std::string reason)
 {
     body_ = Body::kDropped;
     result_ = result;

@@ -13,14 +13,17 @@
 
 namespace quillon {
 
-enum class AttemptResult {
-    kComplete,   ///< the part holds the whole package
-    kBrokeOff,   ///< worth another attempt
-    kRefused,    ///< another attempt would end in the same way
-    kTooLarge,   ///< larger than the size limit
-    kNotStored,  ///< the part could not be written
-    kFailed,     ///< memory or the transfer library failed
-    kCancelled,
+/// How a download or one attempt at it ends: the status values of ABM_DownloadAppBinary's callback,
+/// and one that is never told.
+enum DownloadStatus : int {
+    kDownloaded = 0,
+    kDownloadFailed = -1,  ///< memory or another means of this process ran out
+    kUnreachable = -2,     ///< it broke off; the next attempt goes on where this ended
+    kRefused = -3,         ///< the server does not give the package, or is not to be trusted
+    kTooLarge = -4,        ///< larger than the size limit
+    kNotStored = -5,       ///< the packages' directory cannot be written
+    kBusy = -6,            ///< another process is downloading this package
+    kCancelled = -100,     ///< the process ends
 };
 
 /// One attempt to fetch what a part still lacks: a request, and those that redirections lead to.
@@ -35,8 +38,8 @@ public:
     {
     }
 
-    AttemptResult run(std::string address);
-    /// Why run() did not end with kComplete, for people.
+    DownloadStatus run(std::string address);
+    /// Why run() did not end with kDownloaded, for people.
     const std::string& reason() const { return reason_; }
 
 private:
@@ -45,15 +48,16 @@ private:
     static std::size_t onBody(char* data, std::size_t one, std::size_t size, void* self);
     static int onProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t);
 
-    AttemptResult request(const std::string& address);
+    DownloadStatus request(const std::string& address);
     CURLcode perform(const std::string& address);
     void takeHead();
     void takeWholeFile();
     void takeRest();
     void takeBytes(const char* data, std::size_t size);
-    AttemptResult resultOf(CURLcode code);
-    AttemptResult checkSize();
-    AttemptResult end(AttemptResult result, std::string reason);
+    DownloadStatus resultOf(CURLcode code);
+    DownloadStatus checkSize();
+    DownloadStatus startOver(const std::string& reason);
+    DownloadStatus end(DownloadStatus result, std::string reason);
 
     const DownloadSettings& settings_;
     DownloadPart& part_;
@@ -66,7 +70,7 @@ private:
     Body body_ = Body::kNotSeen;        // what becomes of the reply's body
     std::string redirection_;           // where the reply leads, or empty
     char error_[CURL_ERROR_SIZE] = "";  // the transfer library's own words
-    AttemptResult result_ = AttemptResult::kComplete;
+    DownloadStatus result_ = kDownloaded;
     std::string reason_;
 };
 

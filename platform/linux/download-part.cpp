@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <sstream>
 #include <utility>
 
 #include "base/regular-file.h"
@@ -21,30 +20,24 @@ constexpr char kDirectory[] = "/opt/usr/apps/appbinarymanager";
 constexpr char kBootId[] = "/proc/sys/kernel/random/boot_id";
 constexpr std::size_t kLargestNote = 16384;
 
-bool readText(const std::string& path, std::string& text)
+/// @return empty when it cannot be read
+std::string readText(const std::string& path)
 {
     UniqueFd fd;
     struct stat opened = {};
     SecretBytes bytes;
     if (openRegularFile(path.c_str(), O_NOFOLLOW, fd, opened) != FileResult::kOk ||
         readToEnd(fd.get(), kLargestNote, bytes) != FileResult::kOk) {
-        return false;
+        return "";
     }
-    text.assign(bytes.begin(), bytes.end());
-    return true;
+    return {bytes.begin(), bytes.end()};
 }
 
 // Names this run of the machine; empty when the system does not tell.
 std::string bootId()
 {
-    std::string text;
-    readText(kBootId, text);
+    const std::string text = readText(kBootId);
     return text.substr(0, text.find('\n'));
-}
-
-std::string notePath(const std::string& name)
-{
-    return std::string(kDirectory).append("/").append(name);
 }
 
 }  // namespace
@@ -127,19 +120,14 @@ bool DownloadPart::isStillAtItsPath() const
 
 std::string DownloadPart::notedValidator() const
 {
-    std::string text;
-    if (!readText(notePath(noteName_), text)) {
-        return {};
+    const std::string boot = bootId();
+    const std::string head = address_ + "\n" + boot + "\n";
+    const std::string note = readText(std::string(kDirectory).append("/").append(noteName_));
+    if (boot.empty() || note.compare(0, head.size(), head) != 0) {
+        return "";
     }
-    std::istringstream lines(text);
-    std::string address;
-    std::string boot;
-    std::string validator;
-    std::getline(lines, address);
-    std::getline(lines, boot);
-    std::getline(lines, validator);
-    const std::string presentBoot = bootId();
-    return address == address_ && !presentBoot.empty() && boot == presentBoot ? validator : "";
+    const std::string validator = note.substr(head.size());
+    return validator.substr(0, validator.find('\n'));
 }
 
 bool DownloadPart::writeNote() const

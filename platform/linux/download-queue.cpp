@@ -39,9 +39,8 @@ DownloadQueue::~DownloadQueue()
 {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        ending_ = true;
+        cancel_.request();
     }
-    cancel_.request();
     added_.notify_all();
     if (worker_.joinable()) {
         worker_.join();
@@ -56,16 +55,13 @@ void DownloadQueue::add(const std::string& identifier, const DownloadSettings& s
     auto request = std::find_if(requests_.begin(), requests_.end(), [&](const Request& waiting) {
         return waiting.identifier == identifier;
     });
-    std::vector<DownloadListener> listeners;
-    if (listener.callback != nullptr) {
-        listeners.push_back(listener);
-    }
     if (request == requests_.end()) {
-        requests_.push_back({identifier, settings, std::move(listeners)});
+        request = requests_.insert(request, Request{identifier, settings, {}});
         added_.notify_one();
-        return;
     }
-    request->listeners.insert(request->listeners.end(), listeners.begin(), listeners.end());
+    if (listener.callback != nullptr) {
+        request->listeners.push_back(listener);
+    }
 }
 
 void DownloadQueue::startWorker()
@@ -93,14 +89,14 @@ void DownloadQueue::work()
 DownloadQueue::Request* DownloadQueue::next()
 {
     std::unique_lock<std::mutex> lock(mutex_);
-    added_.wait(lock, [this] { return ending_ || !requests_.empty(); });
-    return ending_ ? nullptr : &requests_.front();
+    added_.wait(lock, [this] { return cancel_.requested() || !requests_.empty(); });
+    return cancel_.requested() ? nullptr : &requests_.front();
 }
 
 void DownloadQueue::tellEnd(int status)
 {
     std::unique_lock<std::mutex> lock(mutex_);
-    if (ending_) {
+    if (cancel_.requested()) {
         return;
     }
     const Request ended = std::move(requests_.front());

@@ -54,7 +54,6 @@ private:
     std::mutex mutex_;
     std::condition_variable added_;
     std::deque<Request> requests_;  // the first one is being fetched
-    bool ending_ = false;
     DownloadCancel cancel_;
     std::thread worker_;
 };

@@ -48,36 +48,15 @@ bool isDirectoryAddress(std::string_view text)
     return text.back() == '/';
 }
 
-bool toNumber(std::string_view text, std::uint64_t least, std::uint64_t most, std::uint64_t& number)
+/// @param number  of a type that has room for the most
+template <typename Number>
+bool toNumber(std::string_view text, std::uint64_t least, std::uint64_t most, Number& number)
 {
     std::uint64_t value = 0;
     const char* end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, value);
-    if (error != std::errc() || stop != end || value < least || value > most) {
-        return false;
-    }
-    number = value;
-    return true;
-}
-
-bool toSeconds(std::string_view text, std::uint64_t least, std::chrono::seconds& time)
-{
-    std::uint64_t number = 0;
-    if (!toNumber(text, least, kLongestTime, number)) {
-        return false;
-    }
-    time = std::chrono::seconds(number);
-    return true;
-}
-
-bool setAttempts(std::string_view text, unsigned& attempts)
-{
-    std::uint64_t number = 0;
-    if (!toNumber(text, 1, kMostAttempts, number)) {
-        return false;
-    }
-    attempts = static_cast<unsigned>(number);
-    return true;
+    number = static_cast<Number>(value);
+    return error == std::errc() && stop == end && value >= least && value <= most;
 }
 
 bool set(DownloadSettings& settings, std::string_view key, std::string_view value)
@@ -94,15 +73,15 @@ bool set(DownloadSettings& settings, std::string_view key, std::string_view valu
         return toNumber(value, 1, kLargestPackage, settings.sizeLimit);
     }
     if (key == "connect-timeout") {
-        return toSeconds(value, 1, settings.connectTimeout);
+        return toNumber(value, 1, kLongestTime, settings.connectTimeout);
     }
     if (key == "stall-timeout") {
-        return toSeconds(value, 1, settings.stallTimeout);
+        return toNumber(value, 1, kLongestTime, settings.stallTimeout);
     }
     if (key == "retry-pause") {
-        return toSeconds(value, 0, settings.retryPause);
+        return toNumber(value, 0, kLongestTime, settings.retryPause);
     }
-    return key == "attempts" && setAttempts(value, settings.attempts);
+    return key == "attempts" && toNumber(value, 1, kMostAttempts, settings.attempts);
 }
 
 bool takeLine(DownloadSettings& settings, std::string_view line)

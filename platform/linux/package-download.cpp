@@ -4,7 +4,6 @@
 #include <exception>
 #include <optional>
 
-#include "platform/linux/download-attempt.h"
 #include "platform/linux/download-part.h"
 #include "platform/log/platform-log.h"
 
@@ -13,26 +12,6 @@ namespace quillon {
 namespace {
 
 using std::chrono::seconds;
-
-DownloadStatus statusOf(AttemptResult result)
-{
-    switch (result) {
-        case AttemptResult::kComplete:
-            return kDownloaded;
-        case AttemptResult::kBrokeOff:
-            return kUnreachable;
-        case AttemptResult::kRefused:
-            return kRefused;
-        case AttemptResult::kTooLarge:
-            return kTooLarge;
-        case AttemptResult::kNotStored:
-            return kNotStored;
-        case AttemptResult::kCancelled:
-            return kCancelled;
-        default:
-            return kDownloadFailed;
-    }
-}
 
 seconds pauseAfter(unsigned attempt, seconds first)
 {
@@ -79,17 +58,17 @@ DownloadStatus fetch(const std::string& identifier, const DownloadSettings& sett
     }
     for (unsigned number = 1;; ++number) {
         DownloadAttempt attempt(settings, part, cancel);
-        const AttemptResult result = attempt.run(settings.address + identifier + ".img");
-        if (result == AttemptResult::kComplete) {
+        const DownloadStatus result = attempt.run(settings.address + identifier + ".img");
+        if (result == kDownloaded) {
             return place(name, part);
         }
-        if (result == AttemptResult::kCancelled) {
+        if (result == kCancelled) {
             return kCancelled;
         }
-        if (result != AttemptResult::kBrokeOff) {
+        if (result != kUnreachable) {
             PLATFORM_LOGE("package %s cannot be downloaded: %s", name, attempt.reason().c_str());
             part.discard();
-            return statusOf(result);
+            return result;
         }
         if (number == settings.attempts) {
             PLATFORM_LOGE("package %s cannot be downloaded, given up after %u attempts: %s", name,

@@ -3,22 +3,11 @@
 
 #include <string>
 
+#include "platform/linux/download-attempt.h"
 #include "platform/linux/download-cancel.h"
 #include "platform/linux/download-settings.h"
 
 namespace quillon {
-
-/// The status values of ABM_DownloadAppBinary's callback, and one that is never told.
-enum DownloadStatus : int {
-    kDownloaded = 0,
-    kDownloadFailed = -1,  ///< memory or another means of this process ran out
-    kUnreachable = -2,     ///< every attempt broke off; the next request goes on where this ended
-    kRefused = -3,         ///< the server does not give the package, or is not to be trusted
-    kTooLarge = -4,        ///< larger than the size limit
-    kNotStored = -5,       ///< the packages' directory cannot be written
-    kBusy = -6,            ///< another process is downloading this package
-    kCancelled = -100,     ///< the process ends
-};
 
 /// Fetches a package to "/opt/usr/apps/appbinarymanager/<identifier>.img".
 ///
