@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <initializer_list>
+#include <iterator>
 
 // The fields name the place that the message comes from, not the call in this file.
 #define SD_JOURNAL_SUPPRESS_LOCATION
@@ -39,11 +39,6 @@ bool hasJournal()
     return found;
 }
 
-iovec pieceOf(const FormattedText& field)
-{
-    return {const_cast<char*>(field.text()), field.length()};
-}
-
 }  // namespace
 
 bool sendToJournal(const LogMessage& message)
@@ -51,34 +46,25 @@ bool sendToJournal(const LogMessage& message)
     if (!hasJournal()) {
         return false;
     }
-    FormattedText text;
-    FormattedText severity;
-    FormattedText tag;
-    text.format("MESSAGE=%s", message.text);
-    severity.format("PRIORITY=%d", message.severity);
-    tag.format("SYSLOG_IDENTIFIER=%s", message.tag);
-    iovec fields[7] = {pieceOf(text), pieceOf(severity), pieceOf(tag)};
-    int count = 3;
-
-    FormattedText file;
-    FormattedText function;
-    FormattedText line;
+    FormattedText fields[7];
+    int count = 0;
+    fields[count++].format("MESSAGE=%s", message.text);
+    fields[count++].format("PRIORITY=%d", message.severity);
+    fields[count++].format("SYSLOG_IDENTIFIER=%s", message.tag);
     if (message.file != nullptr) {
-        file.format("CODE_FILE=%s", message.file);
-        function.format("CODE_FUNC=%s", message.function);
-        line.format("CODE_LINE=%d", message.line);
-        for (const FormattedText* field : {&file, &function, &line}) {
-            fields[count++] = pieceOf(*field);
-        }
+        fields[count++].format("CODE_FILE=%s", message.file);
+        fields[count++].format("CODE_FUNC=%s", message.function);
+        fields[count++].format("CODE_LINE=%d", message.line);
     }
-    FormattedText id;
-    const char* known =
-        message.severity <= kError ? messageId(message.tag, message.format) : nullptr;
-    if (known != nullptr) {
-        id.format("MESSAGE_ID=%s", known);
-        fields[count++] = pieceOf(id);
+    const char* id = message.severity <= kError ? messageId(message.tag, message.format) : nullptr;
+    if (id != nullptr) {
+        fields[count++].format("MESSAGE_ID=%s", id);
     }
-    return sd_journal_sendv(fields, count) >= 0;
+    iovec pieces[std::size(fields)] = {};
+    for (int i = 0; i < count; ++i) {
+        pieces[i] = {const_cast<char*>(fields[i].text()), fields[i].length()};
+    }
+    return sd_journal_sendv(pieces, count) >= 0;
 }
 
 }  // namespace quillon

@@ -8,9 +8,9 @@
 #include <cstring>
 #include <mutex>
 
+#include "base/replace-file.h"
 #include "platform/log/formatted-text.h"
 #include "platform/log/journal.h"
-#include "platform/log/log-message.h"
 
 namespace quillon {
 namespace {
@@ -43,36 +43,17 @@ const char* orUnknown(const char* text)
     return text != nullptr ? text : "?";
 }
 
-bool writeWhole(int file, const char* bytes, std::size_t size)
-{
-    while (size > 0) {
-        const ssize_t written = write(file, bytes, size);
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written < 0) {
-            return false;
-        }
-        bytes += written;
-        size -= static_cast<std::size_t>(written);
-    }
-    return true;
-}
-
 /// Whoever set JOURNAL_STREAM reads the severity from a prefix; people read the letter.
 void formatLine(const LogMessage& message, FormattedText& line)
 {
-    const bool forPeople = std::getenv("JOURNAL_STREAM") == nullptr;
-    if (forPeople && message.file != nullptr) {
-        line.format("%s %c %s: %s(%d) > %s\n", message.tag, message.letter, message.file,
-                    message.function, message.line, message.text);
-    } else if (forPeople) {
-        line.format("%s %c %s\n", message.tag, message.letter, message.text);
-    } else if (message.file != nullptr) {
-        line.format("<%d>%s: %s: %s(%d) > %s\n", message.severity, message.tag, message.file,
-                    message.function, message.line, message.text);
+    FormattedText place;
+    if (message.file != nullptr) {
+        place.format("%s: %s(%d) > ", message.file, message.function, message.line);
+    }
+    if (std::getenv("JOURNAL_STREAM") == nullptr) {
+        line.format("%s %c %s%s\n", message.tag, message.letter, place.text(), message.text);
     } else {
-        line.format("<%d>%s: %s\n", message.severity, message.tag, message.text);
+        line.format("<%d>%s: %s%s\n", message.severity, message.tag, place.text(), message.text);
     }
 }
 
@@ -86,7 +67,7 @@ bool sendToStandardError(const LogMessage& message)
     // A pipe takes longer lines in pieces, which another thread's line could come between.
     static std::mutex oneLineAtATime;
     const std::lock_guard<std::mutex> lock(oneLineAtATime);
-    return writeWhole(STDERR_FILENO, line.text(), line.length());
+    return writeAll(STDERR_FILENO, line.text(), line.length());
 }
 
 }  // namespace

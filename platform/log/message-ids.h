@@ -9,8 +9,8 @@ namespace quillon {
 struct ExplainedMessage
 {
     const char* id;          ///< 32 lowercase hexadecimal digits, the same for ever
-    const char* tag;         ///< the part of the program that says it
     const char* formats[4];  ///< its wordings without the place in the code; unused ones are null
+    const char* tag = "FWUPDATE";  ///< the part of the program that says it: mostly the service
 };
 
 extern const ExplainedMessage kExplainedMessages[];
