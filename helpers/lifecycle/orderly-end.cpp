@@ -2,7 +2,9 @@
 
 #include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,13 +12,14 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <set>
 #include <string>
+#include <string_view>
 #include <system_error>
 
 #include "base/fd.h"
-#include "helpers/lifecycle/notify-watchdog.h"
 #include "helpers/lifecycle/own-queues.h"
 #include "helpers/lifecycle/taken-name.h"
 #include "helpers/lifecycle/unit-failure.h"
@@ -37,6 +40,30 @@ void takeMarkerAway(const std::string& marker)
         say(Priority::kError, error.what());
         static_cast<void>(std::remove(marker.c_str()));
     }
+}
+
+/// Sends WATCHDOG=1 to the service manager that NOTIFY_SOCKET names, as sd_notify(3) describes it.
+/// Ignores failures. Does without libsystemd, since this program is also built for devices that
+/// have none.
+void notifyWatchdog()
+{
+    constexpr std::string_view kState = "WATCHDOG=1";
+    const char* variable = std::getenv("NOTIFY_SOCKET");
+    const std::string_view name = variable != nullptr ? variable : "";
+    sockaddr_un address = {};
+    if (name.empty() || (name[0] != '/' && name[0] != '@') ||
+        name.size() >= sizeof address.sun_path) {
+        return;
+    }
+    address.sun_family = AF_UNIX;
+    name.copy(address.sun_path, name.size());
+    if (name[0] == '@') {
+        address.sun_path[0] = '\0';
+    }
+    const UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+    static_cast<void>(sendto(fd.get(), kState.data(), kState.size(), MSG_NOSIGNAL,
+                             reinterpret_cast<const sockaddr*>(&address), size));
 }
 
 using Threads = std::set<std::string>;
@@ -122,14 +149,14 @@ void endAndWait(const std::string& lifeMarker, pid_t process, std::chrono::milli
     takeMarkerAway(lifeMarker);
     // By number: older C libraries have no function for it.
     const UniqueFd handle(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
-    if (handle.get() == -1 && errno == ESRCH) {
+    if (!handle && errno == ESRCH) {
         return;
     }
     static_cast<void>(kill(process, SIGCONT));  // a stopped process does not end
     for (;;) {
         pollfd ended = {handle.get(), POLLIN, 0};
         const int events = poll(&ended, 1, kPauseMilliseconds);
-        const bool isGone = handle.get() == -1 && kill(process, 0) != 0 && errno == ESRCH;
+        const bool isGone = !handle && kill(process, 0) != 0 && errno == ESRCH;
         if (events > 0 || isGone) {
             return;
         }

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "base/fd.h"
 #include "fw-update-mqdata.h"
 #include "helpers/lifecycle/unit-failure.h"
 
@@ -20,33 +21,20 @@ namespace {
 constexpr mode_t kEverybodys = 0666;
 constexpr mode_t kGroups = 0660;
 
-class Queue
+// Linux keeps queues as descriptors, and the C library closes them as such.
+UniqueFd openQueue(const char* name, int mode)
 {
-public:
-    explicit Queue(mqd_t queue) : queue_(queue) {}
-    ~Queue()
-    {
-        if (queue_ != -1) {
-            static_cast<void>(mq_close(queue_));
-        }
-    }
-    Queue(const Queue&) = delete;
-    Queue& operator=(const Queue&) = delete;
+    return UniqueFd(mq_open(name, mode | O_NONBLOCK | O_CLOEXEC));
+}
 
-    mqd_t get() const { return queue_; }
-
-private:
-    mqd_t queue_;
-};
-
-bool has(const Queue& queue, const QueueAccess& access)
+bool has(const UniqueFd& queue, const QueueAccess& access)
 {
     struct stat status = {};
-    return queue.get() != -1 && fstat(queue.get(), &status) == 0 && status.st_uid == access.owner &&
+    return queue && fstat(queue.get(), &status) == 0 && status.st_uid == access.owner &&
            status.st_gid == access.group && (status.st_mode & ACCESSPERMS) == access.mode;
 }
 
-bool hasOurShape(const Queue& queue)
+bool hasOurShape(const UniqueFd& queue)
 {
     mq_attr attributes = {};
     return mq_getattr(queue.get(), &attributes) == 0 &&
@@ -56,7 +44,7 @@ bool hasOurShape(const Queue& queue)
 
 void provide(const char* name, const QueueAccess& access)
 {
-    const Queue present(mq_open(name, O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    const UniqueFd present = openQueue(name, O_RDWR);
     if (has(present, access) && hasOurShape(present)) {
         return;
     }
@@ -69,11 +57,12 @@ void provide(const char* name, const QueueAccess& access)
             failWithErrno(what);
         }
         // Nobody gets at it before it is whose it shall be.
-        const Queue made(mq_open(name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600, &attributes));
-        if (made.get() == -1 && errno == EEXIST) {
+        const UniqueFd made(
+            mq_open(name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600, &attributes));
+        if (!made && errno == EEXIST) {
             continue;
         }
-        if (made.get() == -1 || fchown(made.get(), access.owner, access.group) != 0 ||
+        if (!made || fchown(made.get(), access.owner, access.group) != 0 ||
             fchmod(made.get(), access.mode) != 0) {
             failWithErrno(what);
         }
@@ -94,7 +83,7 @@ struct Command
 void takeStopsOut()
 {
     constexpr int kMostStops = 10 * FW_MQ_MAX_MESSAGES;  // everybody may go on sending them
-    const Queue queue(mq_open(FW_MQ_SERVICE_QUEUE, O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    const UniqueFd queue = openQueue(FW_MQ_SERVICE_QUEUE, O_RDWR);
     std::vector<Command> kept;
     int stops = 0;
     while (kept.size() < FW_MQ_MAX_MESSAGES && stops < kMostStops) {
@@ -113,10 +102,10 @@ void takeStopsOut()
     }
     std::size_t lost = 0;
     for (const Command& command : kept) {
-        lost += mq_send(queue.get(), reinterpret_cast<const char*>(&command.record), command.size,
-                        command.priority) != 0
-                    ? 1
-                    : 0;
+        if (mq_send(queue.get(), reinterpret_cast<const char*>(&command.record), command.size,
+                    command.priority) != 0) {
+            ++lost;
+        }
     }
     if (stops > 0) {
         say(Priority::kInfo, "threw away a stop command that the last service has not read");
@@ -149,10 +138,9 @@ void provideQueues(const QueueAccess& access)
 void removeGroupQueues()
 {
     for (const char* name : {FW_MQ_SERVICE_QUEUE, FW_MQ_CONTROL_QUEUE}) {
-        const Queue queue(mq_open(name, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        const UniqueFd queue = openQueue(name, O_RDONLY);
         struct stat status = {};
-        if (queue.get() != -1 && fstat(queue.get(), &status) == 0 &&
-            has(queue, groupQueues(status.st_gid))) {
+        if (queue && fstat(queue.get(), &status) == 0 && has(queue, groupQueues(status.st_gid))) {
             static_cast<void>(mq_unlink(name));
         }
     }
@@ -160,15 +148,15 @@ void removeGroupQueues()
 
 bool isReplyQueueFull()
 {
-    const Queue replies(mq_open(FW_MQ_CONTROL_QUEUE, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const UniqueFd replies = openQueue(FW_MQ_CONTROL_QUEUE, O_RDONLY);
     mq_attr attributes = {};
-    return replies.get() != -1 && mq_getattr(replies.get(), &attributes) == 0 &&
+    return replies && mq_getattr(replies.get(), &attributes) == 0 &&
            attributes.mq_curmsgs >= attributes.mq_maxmsg;
 }
 
 void emptyReplyQueue()
 {
-    const Queue replies(mq_open(FW_MQ_CONTROL_QUEUE, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const UniqueFd replies = openQueue(FW_MQ_CONTROL_QUEUE, O_RDONLY);
     MQData record = {};
     // At most what fits, since everybody may go on filling it.
     for (int i = 0; i < FW_MQ_MAX_MESSAGES; ++i) {

@@ -30,9 +30,7 @@ public:
 
     ~PrivateDirectory()
     {
-        if (unlink(entry().c_str()) != 0 && errno == EISDIR) {
-            static_cast<void>(rmdir(entry().c_str()));
-        }
+        static_cast<void>(std::remove(entry().c_str()));
         if (rmdir(path_.c_str()) != 0) {
             say(Priority::kWarning, "what somebody had put in the way lies in " + path_ + " now");
         }

@@ -1,30 +1,24 @@
 #include "helpers/lifecycle/trusted-places.h"
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstring>
-#include <memory>
+#include <filesystem>
 #include <set>
+#include <system_error>
 
 namespace quillon::unit {
 
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr int kMostLinks = 40;
 constexpr mode_t kGroupAndOthersWrite = 0022;
-
-struct DirectoryCloser
-{
-    void operator()(DIR* directory) const { closedir(directory); }
-};
 
 bool isPlain(unsigned char character)
 {
@@ -81,22 +75,17 @@ private:
 
     void inspectEntriesOf(const std::string& path)
     {
-        const std::unique_ptr<DIR, DirectoryCloser> directory(opendir(path.c_str()));
-        if (!directory) {
-            complain(path, std::string("cannot be read: ") + std::strerror(errno),
-                     "run this as root");
-            return;
-        }
-        while (const dirent* entry = readdir(directory.get())) {
-            const std::string name = entry->d_name;
-            if (name == "." || name == "..") {
-                continue;
-            }
-            const std::string child = std::string(path).append("/").append(name);
+        std::error_code error;
+        for (fs::directory_iterator entry(path, error), end; !error && entry != end;
+             entry.increment(error)) {
+            const std::string child = entry->path();
             static_cast<void>(resolve(child));
             if (isDirectory(child)) {
                 inspectEntriesOf(child);
             }
+        }
+        if (error) {
+            complain(path, "cannot be read: " + error.message(), "run this as root");
         }
     }
 
@@ -127,7 +116,8 @@ private:
                 done = path;
                 continue;
             }
-            const std::string target = targetOf(path);
+            std::error_code error;
+            const std::string target = fs::read_symlink(path, error);
             if (target.empty() || ++links > kMostLinks) {
                 complain(path, "is a link that leads nowhere", "rm " + quoted(path));
                 return "";
@@ -144,13 +134,6 @@ private:
         std::string step = rest.substr(0, end);
         rest.erase(0, end + 1);
         return step;
-    }
-
-    static std::string targetOf(const std::string& path)
-    {
-        char target[PATH_MAX];
-        const ssize_t length = readlink(path.c_str(), target, sizeof target);
-        return length > 0 ? std::string(target, static_cast<std::size_t>(length)) : "";
     }
 
     std::string complainUnlessMissing(const std::string& path)
