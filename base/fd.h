@@ -45,6 +45,19 @@ private:
     int fd_;
 };
 
+/// Makes a system call, and again as long as signals interrupt it.
+/// @return what the call returns; below 0 with its errno
+template <typename Call>
+auto uninterrupted(Call call)
+{
+    for (;;) {
+        const auto result = call();
+        if (result >= 0 || errno != EINTR) {
+            return result;
+        }
+    }
+}
+
 /// Gives a handle back with the function that belongs to its type:
 /// `std::unique_ptr<BIO, ReleaseWith<&BIO_free_all>>`.
 template <auto release>

@@ -33,27 +33,20 @@ struct Ends
     UniqueFd theirs;
 };
 
-bool makePipe(Ends& ends)
+/// @return no ends, with errno telling why, when there is none to be had
+Ends makePipe()
 {
     int pair[2] = {-1, -1};
-    if (pipe2(pair, O_CLOEXEC) != 0) {
-        return false;
-    }
-    ends.ours = UniqueFd(pair[0]);
-    ends.theirs = UniqueFd(pair[1]);
-    return true;
+    const bool isMade = pipe2(pair, O_CLOEXEC) == 0;
+    return isMade ? Ends{UniqueFd(pair[0]), UniqueFd(pair[1])} : Ends();
 }
 
 /// Not a pipe: a program that does not read its input must not cost this process a SIGPIPE.
-bool makeSocketPair(Ends& ends)
+Ends makeSocketPair()
 {
     int pair[2] = {-1, -1};
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) {
-        return false;
-    }
-    ends.ours = UniqueFd(pair[0]);
-    ends.theirs = UniqueFd(pair[1]);
-    return true;
+    const bool isMade = socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) == 0;
+    return isMade ? Ends{UniqueFd(pair[0]), UniqueFd(pair[1])} : Ends();
 }
 
 /// @param texts  have to outlive what is returned
@@ -112,13 +105,12 @@ private:
 
 int FilterProgram::start()
 {
-    Ends input;
-    Ends output;
-    Ends complaints;
     // In this order, no end that is still needed has the number of a standard stream by the time
     // that stream is put in place, also in a process that has none of them.
-    if (!makeSocketPair(input) || (call_.outputLimit && !makePipe(output)) ||
-        !makePipe(complaints)) {
+    Ends input = makeSocketPair();
+    Ends output = call_.outputLimit ? makePipe() : Ends();
+    Ends complaints = makePipe();
+    if (!input.ours || (call_.outputLimit && !output.ours) || !complaints.ours) {
         return errno;
     }
     posix_spawn_file_actions_t actions = {};
@@ -261,8 +253,7 @@ bool FilterProgram::waitForEnd()
 
 void FilterProgram::await()
 {
-    while (waitpid(child_, &status_, 0) < 0 && errno == EINTR) {
-    }
+    uninterrupted([this] { return waitpid(child_, &status_, 0); });
     child_ = -1;
 }
 

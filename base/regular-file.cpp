@@ -9,6 +9,25 @@
 namespace quillon {
 namespace {
 
+/// @return how many bytes there were, at most size; -1 with errno telling why
+ssize_t readUpTo(int fd, void* data, std::size_t size)
+{
+    auto* const bytes = static_cast<char*>(data);
+    std::size_t filled = 0;
+    while (filled < size) {
+        const ssize_t count =
+            uninterrupted([&] { return read(fd, bytes + filled, size - filled); });
+        if (count < 0) {
+            return -1;
+        }
+        if (count == 0) {
+            break;
+        }
+        filled += static_cast<std::size_t>(count);
+    }
+    return static_cast<ssize_t>(filled);
+}
+
 bool sameTime(const timespec& a, const timespec& b)
 {
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
@@ -62,24 +81,14 @@ FileResult readToEnd(int fd, std::size_t limit, SecretBytes& bytes)
     // One byte more than allowed, to see that there is more. The size that fstat tells is not
     // trusted: the file may be growing.
     SecretBytes buffer(limit + 1);
-    std::size_t filled = 0;
-    while (filled < buffer.size()) {
-        const ssize_t count = read(fd, buffer.data() + filled, buffer.size() - filled);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
-            return FileResult::kFailed;
-        }
-        if (count == 0) {
-            break;
-        }
-        filled += static_cast<std::size_t>(count);
+    const ssize_t filled = readUpTo(fd, buffer.data(), buffer.size());
+    if (filled < 0) {
+        return FileResult::kFailed;
     }
-    if (filled > limit) {
+    buffer.resize(static_cast<std::size_t>(filled));
+    if (buffer.size() > limit) {
         return FileResult::kTooLarge;
     }
-    buffer.resize(filled);
     bytes = std::move(buffer);
     return FileResult::kOk;
 }
@@ -93,18 +102,8 @@ std::optional<std::string> readRegularFile(const std::string& path, std::size_t 
         return std::nullopt;
     }
     std::string content(static_cast<std::size_t>(opened.st_size), '\0');
-    std::size_t filled = 0;
-    while (filled < content.size()) {
-        const ssize_t n = read(fd.get(), &content[filled], content.size() - filled);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return std::nullopt;
-        }
-        filled += static_cast<std::size_t>(n);
-    }
-    return content;
+    const bool isWhole = readUpTo(fd.get(), content.data(), content.size()) == opened.st_size;
+    return isWhole ? std::optional(std::move(content)) : std::nullopt;
 }
 
 bool isStillSameFile(const std::string& path, const struct stat& opened)

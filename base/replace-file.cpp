@@ -25,10 +25,7 @@ bool writeAll(int fd, const void* data, std::size_t size)
 {
     const auto* next = static_cast<const char*>(data);
     while (size > 0) {
-        const ssize_t count = write(fd, next, size);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
+        const ssize_t count = uninterrupted([&] { return write(fd, next, size); });
         if (count < 0) {
             return false;
         }

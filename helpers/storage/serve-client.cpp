@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <string>
 
+#include "base/fd.h"
 #include "base/secret-bytes.h"
 #include "helpers/shared/failure.h"
 #include "platform/log/platform-log.h"
@@ -23,10 +24,7 @@ bool waitForRequest(int connection)
     using std::chrono::milliseconds;
     pollfd waiting = {connection, POLLIN, 0};
     const auto longest = std::chrono::duration_cast<milliseconds>(kLongestSilence).count();
-    int ready = -1;
-    do {
-        ready = poll(&waiting, 1, static_cast<int>(longest));
-    } while (ready < 0 && errno == EINTR);
+    const int ready = uninterrupted([&] { return poll(&waiting, 1, static_cast<int>(longest)); });
     if (ready < 0) {
         failWithErrno("poll");
     }
@@ -37,10 +35,8 @@ bool waitForRequest(int connection)
 SecretBytes receivePacket(int connection)
 {
     SecretBytes packet(kLargestRequest);
-    ssize_t size = -1;
-    do {
-        size = recv(connection, packet.data(), packet.size(), MSG_TRUNC | MSG_DONTWAIT);
-    } while (size < 0 && errno == EINTR);
+    const ssize_t size = uninterrupted(
+        [&] { return recv(connection, packet.data(), packet.size(), MSG_TRUNC | MSG_DONTWAIT); });
     const bool fits = size > 0 && static_cast<std::size_t>(size) <= packet.size();
     packet.resize(fits ? static_cast<std::size_t>(size) : 0);
     return packet;

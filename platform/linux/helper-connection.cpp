@@ -31,10 +31,8 @@ bool HelperConnection::limitWaiting(int option) const
 template <typename Step>
 ssize_t HelperConnection::beforeDeadline(int option, Step step)
 {
-    ssize_t result = -1;
-    do {
-        result = limitWaiting(option) ? step() : -1;
-    } while (result < 0 && errno == EINTR);
+    const ssize_t result =
+        uninterrupted([&]() -> ssize_t { return limitWaiting(option) ? step() : -1; });
     if (result < 0 && errno == EAGAIN) {
         patience_.lose();
         errno = ETIMEDOUT;

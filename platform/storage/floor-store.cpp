@@ -21,11 +21,6 @@ const std::string kPath = QUILLON_SECURITY_FLOORS;
 constexpr mode_t kDirectoryMode = 0755;
 constexpr mode_t kFileMode = 0644;
 
-std::string directoryOf(const std::string& path)
-{
-    return path.substr(0, path.rfind('/'));
-}
-
 /// Made readable for the service also where this process makes files for itself alone.
 bool provideDirectory(const std::string& directory)
 {
@@ -38,11 +33,8 @@ UniqueFd lockOf(const std::string& directory)
 {
     UniqueFd lock(
         open((directory + "/.lock").c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-    int result = -1;
-    do {
-        result = lock ? flock(lock.get(), LOCK_EX) : -1;
-    } while (result != 0 && errno == EINTR);
-    return result == 0 ? std::move(lock) : UniqueFd();
+    const bool isHeld = lock && uninterrupted([&] { return flock(lock.get(), LOCK_EX); }) == 0;
+    return isHeld ? std::move(lock) : UniqueFd();
 }
 
 /// @return nothing when they cannot be read.
@@ -78,7 +70,7 @@ FloorResult raiseStoredFloors(const std::string& package, const Floors& floors)
     if (floors.empty()) {
         return FloorResult::kUnchanged;
     }
-    const std::string directory = directoryOf(kPath);
+    const std::string directory = kPath.substr(0, kPath.rfind('/'));
     const UniqueFd lock = provideDirectory(directory) ? lockOf(directory) : UniqueFd();
     if (!lock) {
         PLATFORM_LOGE("%s cannot be made and locked: %m", directory.c_str());

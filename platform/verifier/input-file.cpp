@@ -36,10 +36,8 @@ InputFile::InputFile(const std::string& path) : path_(path)
 void InputFile::readAt(std::uint64_t offset, unsigned char* buffer, std::size_t length) const
 {
     while (length > 0) {
-        const ssize_t count = pread(fd_.get(), buffer, length, static_cast<off_t>(offset));
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
+        const ssize_t count = uninterrupted(
+            [&] { return pread(fd_.get(), buffer, length, static_cast<off_t>(offset)); });
         if (count < 0) {
             refuse(path_, std::strerror(errno));
         }
