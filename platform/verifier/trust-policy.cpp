@@ -5,8 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <functional>
-#include <initializer_list>
-#include <string_view>
+#include <sstream>
 #include <vector>
 
 #include "platform/verifier/hex-text.h"
@@ -24,13 +23,9 @@ constexpr char kImageSuffix[] = ".bin";
 /// @return empty, or what is wrong about it and how it should be.
 using Taker = std::function<std::string(const std::string& name, const std::string& value)>;
 
-std::string joined(std::initializer_list<std::string_view> parts)
+std::string quoted(const std::string& text)
 {
-    std::string text;
-    for (const std::string_view part : parts) {
-        text.append(part);
-    }
-    return text;
+    return '"' + text + '"';
 }
 
 std::string trimmed(const std::string& text)
@@ -68,29 +63,33 @@ std::string takeLine(const std::string& line, std::vector<std::string>& seen, co
     }
     const std::string name = trimmed(line.substr(0, sign));
     if (std::find(seen.begin(), seen.end(), name) != seen.end()) {
-        return joined({"\"", name, "\" for the second time; remove one of the lines"});
+        return quoted(name) + " for the second time; remove one of the lines";
     }
     seen.push_back(name);
     return take(name, trimmed(line.substr(sign + 1)));
 }
 
+/// Takes nothing when there is no such file.
 void readSettings(const std::string& path, const Taker& take)
 {
-    const std::string text = readText(path);
+    if (isMissing(path)) {
+        return;
+    }
+    std::istringstream lines(readText(path));
     std::vector<std::string> seen;
-    std::size_t start = 0;
-    for (int number = 1; start < text.size(); ++number) {
-        const std::size_t end = std::min(text.find('\n', start), text.size());
-        const std::string line = trimmed(text.substr(start, end - start));
-        start = end + 1;
+    int number = 0;
+    for (std::string line; std::getline(lines, line);) {
+        ++number;
+        line = trimmed(line);
         const bool isComment = line.empty() || line.front() == '#';
         if (isComment && line.find('\r') == std::string::npos) {
             continue;
         }
         const std::string defect = takeLine(line, seen, take);
         if (!defect.empty()) {
-            throw ImageError(ImageFault::kFile,
-                             joined({path, ":", std::to_string(number), ": ", defect}));
+            std::string fault = path;
+            fault.append(":").append(std::to_string(number)).append(": ").append(defect);
+            throw ImageError(ImageFault::kFile, fault);
         }
     }
 }
@@ -99,7 +98,7 @@ std::string takeSwitch(const std::string& value, const char* on, const char* off
 {
     to = value == on;
     return to || value == off ? ""
-                              : joined({"\"", value, "\" has to be \"", on, "\" or \"", off, "\""});
+                              : quoted(value) + " has to be " + quoted(on) + " or " + quoted(off);
 }
 
 bool isFloor(const std::string& name)
@@ -111,22 +110,11 @@ std::string takeFloor(const std::string& name, const std::string& value, Floors&
 {
     const std::string module = name.substr(sizeof kFloorPrefix - 1);
     if (!isModuleName(module)) {
-        return joined({"\"", module, "\" has to be a module's name, of ASCII letters and digits"});
+        return quoted(module) + " has to be a module's name, of ASCII letters and digits";
     }
     return parseFloor(value, floors[module])
                ? ""
-               : joined({"\"", value, "\" has to be a number from 0 to 4294967295"});
-}
-
-std::string takeModel(const std::string& value, std::string& model)
-{
-    model = value;
-    return isModelName(value) ? "" : "a model has 1 to 64 printable ASCII characters";
-}
-
-std::string quoted(const CheckValue& value)
-{
-    return hexText(value.data(), value.size());
+               : quoted(value) + " has to be a number from 0 to 4294967295";
 }
 
 void requireCheckValue(const CheckValue& found, const std::string& wanted, const char* what,
@@ -134,9 +122,10 @@ void requireCheckValue(const CheckValue& found, const std::string& wanted, const
 {
     const CheckValue right = checkValueOf(wanted);
     if (found != right) {
-        throw notSigned(path,
-                        joined({"made for another ", what, ": the check value of its name is ",
-                                quoted(found), ", that of \"", wanted, "\" is ", quoted(right)}));
+        throw notSigned(path, std::string("made for another ") + what +
+                                  ": the check value of its name is " +
+                                  hexText(found.data(), found.size()) + ", that of " +
+                                  quoted(wanted) + " is " + hexText(right.data(), right.size()));
     }
 }
 
@@ -152,9 +141,6 @@ TrustPolicy loadTrustPolicy(const std::string& path)
 {
     TrustPolicy policy;
     policy.place = path;
-    if (isMissing(path)) {
-        return policy;
-    }
     readSettings(path, [&policy](const std::string& name, const std::string& value) -> std::string {
         if (name == "format-1") {
             return takeSwitch(value, "accepted", "refused", policy.acceptsFormat1);
@@ -163,13 +149,14 @@ TrustPolicy loadTrustPolicy(const std::string& path)
             return takeSwitch(value, "required", "optional", policy.requiresProvisioningPurpose);
         }
         if (name == "model") {
-            return takeModel(value, policy.model);
+            policy.model = value;
+            return isModelName(value) ? "" : "a model has 1 to 64 printable ASCII characters";
         }
         if (isFloor(name)) {
             return takeFloor(name, value, policy.floors);
         }
-        return joined({"unknown setting \"", name,
-                       "\"; there are format-1, model, provisioning-purpose and floor.MODULE"});
+        return "unknown setting " + quoted(name) +
+               "; there are format-1, model, provisioning-purpose and floor.MODULE";
     });
     return policy;
 }
@@ -177,13 +164,9 @@ TrustPolicy loadTrustPolicy(const std::string& path)
 Floors loadFloors(const std::string& path)
 {
     Floors floors;
-    if (isMissing(path)) {
-        return floors;
-    }
     readSettings(path, [&floors](const std::string& name, const std::string& value) {
-        return isFloor(name)
-                   ? takeFloor(name, value, floors)
-                   : joined({"unknown setting \"", name, "\"; there is floor.MODULE only"});
+        return isFloor(name) ? takeFloor(name, value, floors)
+                             : "unknown setting " + quoted(name) + "; there is floor.MODULE only";
     });
     return floors;
 }
@@ -206,22 +189,20 @@ ImagePurpose requireAllowed(const ImageTrailer& trailer, const std::string& path
     const std::uint32_t floor = floorOf(policy.floors, module);
     const auto requireFloor = [&](bool isReached, const std::string& what) {
         if (!isReached) {
-            throw notSigned(path, joined({"too old: ", what, ", and the module's floor is ",
-                                          std::to_string(floor)}));
+            throw notSigned(
+                path, "too old: " + what + ", and the module's floor is " + std::to_string(floor));
         }
     };
     if (trailer.format == 1) {
         if (!policy.acceptsFormat1) {
-            throw notSigned(path,
-                            joined({"trailer has format 1, which ", policy.place, " refuses"}));
+            throw notSigned(path, "trailer has format 1, which " + policy.place + " refuses");
         }
         requireFloor(floor == 0, "trailer of format 1 has no security counter");
         return {};
     }
     if (policy.model.empty()) {
-        throw notSigned(path, joined({"trailer has an unknown format: 2 needs the device's model, "
-                                      "which ",
-                                      policy.place, " does not name"}));
+        throw notSigned(path, "trailer has an unknown format: 2 needs the device's model, which " +
+                                  policy.place + " does not name");
     }
     if (module.empty()) {
         throw notSigned(path, "made for one module, and this file's name is not that of a module");
