@@ -4,8 +4,8 @@
 #include <openssl/pem.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <iterator>
+#include <system_error>
 
 #include "platform/verifier/image-error.h"
 #include "platform/verifier/input-file.h"
@@ -15,23 +15,6 @@ namespace quillon {
 namespace {
 
 constexpr std::size_t kLargestFile = 65536;
-
-std::vector<std::string> pemFilesIn(const std::string& directory)
-{
-    std::vector<std::string> files;
-    std::error_code error;
-    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
-         entry.increment(error)) {
-        if (entry->path().extension() == ".pem") {
-            files.push_back(entry->path().string());
-        }
-    }
-    if (error && error != std::errc::no_such_file_or_directory) {
-        throw ImageError(ImageFault::kFile, directory + ": cannot be read: " + error.message());
-    }
-    std::sort(files.begin(), files.end());
-    return files;
-}
 
 }  // namespace
 
@@ -60,8 +43,13 @@ Certificates loadCertificateFile(const std::string& path)
 Certificates loadCertificates(const std::string& directory,
                               const std::function<void(const std::string&)>& complain)
 {
+    std::error_code problem;
+    const std::vector<std::string> paths = pemFilesIn(directory, problem);
+    if (problem && problem != std::errc::no_such_file_or_directory) {
+        throw ImageError(ImageFault::kFile, directory + ": cannot be read: " + problem.message());
+    }
     Certificates all;
-    for (const std::string& path : pemFilesIn(directory)) {
+    for (const std::string& path : paths) {
         try {
             Certificates some = loadCertificateFile(path);
             std::move(some.begin(), some.end(), std::back_inserter(all));

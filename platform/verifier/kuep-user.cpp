@@ -16,6 +16,7 @@
 #include "platform/verifier/trust-policy.h"
 #include "platform/verifier/trusted-keys.h"
 
+namespace quillon {
 namespace {
 
 constexpr char kName[] = "libkUEPUser";
@@ -44,29 +45,27 @@ void complain(const std::string& message)
 }
 
 /// What the device says now, in its own file and by the floors that packages have raised.
-quillon::TrustPolicy presentPolicy(const std::string& path)
+TrustPolicy presentPolicy(const std::string& path)
 {
     try {
-        quillon::TrustPolicy policy = quillon::loadTrustPolicy(QUILLON_TRUST_POLICY);
-        quillon::raiseFloors(policy.floors, quillon::loadFloors(QUILLON_SECURITY_FLOORS));
+        TrustPolicy policy = loadTrustPolicy(QUILLON_TRUST_POLICY);
+        raiseFloors(policy.floors, loadFloors(QUILLON_SECURITY_FLOORS));
         return policy;
-    } catch (const quillon::ImageError& error) {
-        throw quillon::notSigned(path, std::string("no image is trusted: ") + error.what());
+    } catch (const ImageError& error) {
+        throw notSigned(path, std::string("no image is trusted: ") + error.what());
     }
 }
 
-void requireTrusted(const quillon::ImageTrailer& trailer, const std::string& path,
-                    const std::function<quillon::ContentDigest()>& digest)
+void requireTrusted(const ImageTrailer& trailer, const std::string& path,
+                    const std::function<ContentDigest()>& digest)
 {
-    const quillon::ImagePurpose purpose =
-        quillon::requireAllowed(trailer, path, presentPolicy(path));
-    quillon::requireTrustedSignature(trailer, path, purpose, digest, QUILLON_TRUSTED_KEYS,
-                                     &complain);
+    const ImagePurpose purpose = requireAllowed(trailer, path, presentPolicy(path));
+    requireTrustedSignature(trailer, path, purpose, digest, QUILLON_TRUSTED_KEYS, &complain);
 }
 
 void requireSigned(const std::string& path)
 {
-    const quillon::SignedFile file(path);
+    const SignedFile file(path);
     requireTrusted(file.trailer(), path, [&file] { return file.contentDigest(); });
 }
 
@@ -74,18 +73,17 @@ void requireSigned(const unsigned char* sha256, const unsigned char* trailer, in
                    const std::string& path)
 {
     if (sha256 == nullptr || trailer == nullptr || path.empty()) {
-        throw quillon::notSigned(path, "the question lacks a digest, a trailer or a name");
+        throw notSigned(path, "the question lacks a digest, a trailer or a name");
     }
-    if (trailerSize != static_cast<int>(quillon::kTrailerSize)) {
-        throw quillon::notSigned(path, "trailer has " + std::to_string(trailerSize) +
-                                           " bytes instead of " +
-                                           std::to_string(quillon::kTrailerSize));
+    if (trailerSize != static_cast<int>(kTrailerSize)) {
+        throw notSigned(path, "trailer has " + std::to_string(trailerSize) + " bytes instead of " +
+                                  std::to_string(kTrailerSize));
     }
-    quillon::TrailerBytes bytes{};
+    TrailerBytes bytes{};
     std::copy_n(trailer, bytes.size(), bytes.begin());
-    quillon::ContentDigest digest{};
+    ContentDigest digest{};
     std::copy_n(sha256, digest.size(), digest.begin());
-    requireTrusted(quillon::parseTrailer(bytes, path), path, [&digest] { return digest; });
+    requireTrusted(parseTrailer(bytes, path), path, [&digest] { return digest; });
 }
 
 std::string textOf(const char* text)
@@ -103,7 +101,7 @@ int answer(const char* caller, Check check)
         try {
             check();
             return 1;
-        } catch (const quillon::ImageError& error) {
+        } catch (const ImageError& error) {
             const std::string asker = textOf(caller);
             complain(error.what() + (asker.empty() ? asker : " (asked by " + asker + ")"));
             return 0;
@@ -116,14 +114,17 @@ int answer(const char* caller, Check check)
 }
 
 }  // namespace
+}  // namespace quillon
 
 int verifyFile(void* /*reserved*/, const char* path, const char* caller)
 {
+    using namespace quillon;
     return answer(caller, [&] { requireSigned(textOf(path)); });
 }
 
 int verifyDigest(void* /*reserved*/, const unsigned char* sha256, const unsigned char* trailer,
                  int trailer_size, const char* path, const char* caller)
 {
+    using namespace quillon;
     return answer(caller, [&] { requireSigned(sha256, trailer, trailer_size, textOf(path)); });
 }

@@ -6,6 +6,7 @@
 #include <openssl/x509.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <memory>
 
 #include "platform/verifier/image-error.h"
@@ -27,6 +28,19 @@ void releaseDer(unsigned char* der)
 int refusePassPhrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*user*/)
 {
     return -1;
+}
+
+std::vector<std::string> pemFilesIn(const std::string& directory, std::error_code& error)
+{
+    std::vector<std::string> files;
+    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+         entry.increment(error)) {
+        if (entry->path().extension() == ".pem") {
+            files.push_back(entry->path());
+        }
+    }
+    std::sort(files.begin(), files.end());
+    return files;
 }
 
 bool isRsa4096(const EVP_PKEY* key)

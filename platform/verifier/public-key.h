@@ -2,6 +2,8 @@
 #define QUILLON_PLATFORM_VERIFIER_PUBLIC_KEY_H
 
 #include <string>
+#include <system_error>
+#include <vector>
 
 #include "platform/verifier/image-trailer.h"
 #include "platform/verifier/openssl-handle.h"
@@ -13,6 +15,10 @@ namespace quillon {
 /// @throws ImageError : ImageFault::kFile when the file cannot be read, ImageFault::kKey when it
 ///         holds no RSA-4096 public key.
 UniqueKey loadPublicKey(const std::string& path);
+
+/// @return the paths of the files "*.pem" in a directory, in the order of their names; none with an
+///         error when it cannot be read.
+std::vector<std::string> pemFilesIn(const std::string& directory, std::error_code& error);
 
 /// @return whether a key is an RSA key of 4096 bits.
 bool isRsa4096(const EVP_PKEY* key);

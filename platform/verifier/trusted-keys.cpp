@@ -1,8 +1,7 @@
 #include "platform/verifier/trusted-keys.h"
 
-#include <algorithm>
-#include <filesystem>
 #include <optional>
+#include <system_error>
 #include <vector>
 
 #include "platform/verifier/image-error.h"
@@ -11,24 +10,6 @@
 
 namespace quillon {
 namespace {
-
-std::vector<std::string> keyFilesIn(const std::string& directory, const std::string& signedPath)
-{
-    std::vector<std::string> files;
-    std::error_code error;
-    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
-         entry.increment(error)) {
-        if (entry->path().extension() == ".pem") {
-            files.push_back(entry->path().string());
-        }
-    }
-    if (error) {
-        throw notSigned(signedPath,
-                        "trusted keys in " + directory + " cannot be read: " + error.message());
-    }
-    std::sort(files.begin(), files.end());
-    return files;
-}
 
 /// @return null for a key file that is of no use.
 UniqueKey loadUsableKey(const std::string& path,
@@ -50,9 +31,15 @@ std::string requireTrustedSignature(const ImageTrailer& trailer, const std::stri
                                     const std::string& directory,
                                     const std::function<void(const std::string&)>& complain)
 {
+    std::error_code problem;
+    const std::vector<std::string> keyPaths = pemFilesIn(directory, problem);
+    if (problem) {
+        throw notSigned(path,
+                        "trusted keys in " + directory + " cannot be read: " + problem.message());
+    }
     std::optional<ContentDigest> content;
     std::optional<ImageError> refusal;
-    for (const std::string& keyPath : keyFilesIn(directory, path)) {
+    for (const std::string& keyPath : keyPaths) {
         const UniqueKey key = loadUsableKey(keyPath, complain);
         if (!key || !namesKey(trailer, keyIdOf(key.get()))) {
             continue;
