@@ -6,17 +6,75 @@
 #include <sys/vfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstring>
 #include <string>
 
-#include "helpers/mount/directories.h"
+#include "base/fd.h"
 #include "helpers/mount/loop-devices.h"
 #include "helpers/shared/failure.h"
 
 namespace quillon::privileged {
 
 namespace {
+
+/// A path that names the open file itself, whatever becomes of its name.
+std::string pathOf(const UniqueFd& file)
+{
+    return "/proc/self/fd/" + std::to_string(file.get());
+}
+
+/// Opens the directory of that name, without "/", as O_PATH. A link is refused with ENOTDIR.
+UniqueFd openDirectoryIn(int parent, const std::string& name)
+{
+    UniqueFd directory(openat(parent, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!directory) {
+        failWithErrno("directory " + name);
+    }
+    return directory;
+}
+
+/// The same for an absolute path without "." and "..": no link is followed anywhere on the way.
+/// What is mounted on the way, or on the directory itself, is entered.
+UniqueFd openDirectory(const std::string& path)
+{
+    // Name by name, since one open() would follow the links on the way. openat2() could refuse
+    // them, yet the C library has no call for it, and a link would be no ENOTDIR.
+    UniqueFd directory = openDirectoryIn(AT_FDCWD, "/");
+    for (std::size_t start = 1; start < path.size();) {
+        const std::size_t end = std::min(path.find('/', start), path.size());
+        directory = openDirectoryIn(directory.get(), path.substr(start, end - start));
+        start = end + 1;
+    }
+    return directory;
+}
+
+/// Opens a regular file with a single name for reading and leaves anything else untouched: a link,
+/// a device or a FIFO is refused with EINVAL, a hard link with EMLINK, a file on which somebody
+/// holds a write lease with EWOULDBLOCK.
+UniqueFd openImageIn(int parent, const std::string& name)
+{
+    // O_PATH looks without opening: a device or a FIFO does not notice.
+    const UniqueFd found(openat(parent, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status = {};
+    if (!found || fstat(found.get(), &status) != 0) {
+        failWithErrno(name);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        throw Failure(EINVAL, name + " is not a regular file");
+    }
+    if (status.st_nlink != 1) {
+        throw Failure(EMLINK, name + " has a second name, maybe outside of the package directory");
+    }
+    // O_NONBLOCK, since a lease that somebody holds on the file would have us wait for its end.
+    UniqueFd image(open(pathOf(found).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!image) {
+        failWithErrno(name);
+    }
+    return image;
+}
 
 bool holds(const UniqueFd& file, off_t offset, std::string_view bytes)
 {
