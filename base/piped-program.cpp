@@ -72,17 +72,12 @@ public:
     FilterProgram(const FilterProgram&) = delete;
     FilterProgram& operator=(const FilterProgram&) = delete;
 
-    /// @return an error number, 0 when it runs
+    ProgramEnd run(const SecretBytes& input, SecretBytes& output);
+
+private:
     int start();
     bool transfer(const SecretBytes& input);
     bool waitForEnd();
-
-    int status() const { return status_; }
-    SecretBytes takeOutput() { return std::move(output_); }
-    const std::string& complaint() const { return complaint_; }
-    bool hasTooMuch() const { return tooMuch_; }
-
-private:
     bool hasEnded() const;
     void await();
     void sendSome(const SecretBytes& input);
@@ -103,6 +98,7 @@ private:
     bool tooMuch_ = false;
 };
 
+/// @return an error number, 0 when it runs
 int FilterProgram::start()
 {
     // In this order, no end that is still needed has the number of a standard stream by the time
@@ -275,29 +271,32 @@ std::string describe(int status)
                              : " ended in an unknown way";
 }
 
+ProgramEnd FilterProgram::run(const SecretBytes& input, SecretBytes& output)
+{
+    const std::string& path = call_.path;
+    if (const int error = start()) {
+        return {path + " cannot be started: " + std::strerror(error), ""};
+    }
+    const bool done = transfer(input) && waitForEnd();
+    if (tooMuch_) {
+        return {path + " writes more than " + std::to_string(*call_.outputLimit) + " bytes", ""};
+    }
+    if (!done) {
+        const auto longest = call_.longest.value_or(std::chrono::milliseconds::zero());
+        return {path + " is not done after " + std::to_string(longest.count()) + " ms", complaint_};
+    }
+    if (status_ != 0) {
+        return {path + describe(status_), complaint_};
+    }
+    output = std::move(output_);
+    return {"", complaint_};
+}
+
 }  // namespace
 
 ProgramEnd runPiped(const ProgramCall& call, const SecretBytes& input, SecretBytes& output)
 {
-    FilterProgram program(call);
-    if (const int error = program.start()) {
-        return {call.path + " cannot be started: " + std::strerror(error), ""};
-    }
-    const bool done = program.transfer(input) && program.waitForEnd();
-    if (program.hasTooMuch()) {
-        return {call.path + " writes more than " + std::to_string(*call.outputLimit) + " bytes",
-                ""};
-    }
-    if (!done) {
-        const auto longest = call.longest.value_or(std::chrono::milliseconds::zero());
-        return {call.path + " is not done after " + std::to_string(longest.count()) + " ms",
-                program.complaint()};
-    }
-    if (program.status() != 0) {
-        return {call.path + describe(program.status()), program.complaint()};
-    }
-    output = program.takeOutput();
-    return {"", program.complaint()};
+    return FilterProgram(call).run(input, output);
 }
 
 }  // namespace quillon
