@@ -4,6 +4,7 @@
 #include <optional>
 #include <vector>
 
+#include "base/alphanumeric.h"
 #include "helpers/shared/failure.h"
 
 namespace quillon::privileged {
@@ -63,17 +64,6 @@ Words fieldsOf(std::string_view text, std::string_view pattern)
     return fields;
 }
 
-// Not isalnum(), which asks the locale.
-bool isLetterOrDigit(char c)
-{
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
-}
-
-bool isName(std::string_view text)
-{
-    return !text.empty() && std::all_of(text.begin(), text.end(), isLetterOrDigit);
-}
-
 /// What stands behind "directory/"; empty when the path does not begin with it.
 std::string_view entryOf(std::string_view directory, std::string_view path)
 {
@@ -86,12 +76,12 @@ bool isImage(std::string_view path)
 {
     const std::string_view entry = entryOf(kImageDirectory, path);
     const std::size_t stem = entry.size() - std::min(entry.size(), kImageSuffix.size());
-    return entry.substr(stem) == kImageSuffix && isName(entry.substr(0, stem));
+    return entry.substr(stem) == kImageSuffix && isAlphanumeric(entry.substr(0, stem));
 }
 
 bool isMountPoint(std::string_view path)
 {
-    return isName(entryOf(kMountDirectory, path));
+    return isAlphanumeric(entryOf(kMountDirectory, path));
 }
 
 std::string lastPart(std::string_view path)

@@ -4,8 +4,9 @@
 #include <grp.h>
 #include <pwd.h>
 
-#include <cstdlib>
+#include <charconv>
 #include <iostream>
+#include <system_error>
 
 namespace quillon {
 
@@ -15,10 +16,12 @@ constexpr int kWrongUsage = 2;
 
 std::optional<unsigned> numberOf(const std::string& text)
 {
-    constexpr unsigned long kNobody = static_cast<uid_t>(-1);
-    const bool isNumber = !text.empty() && text.find_first_not_of("0123456789") == text.npos;
-    const unsigned long number = isNumber ? std::strtoul(text.c_str(), nullptr, 10) : kNobody;
-    return number < kNobody ? std::optional(static_cast<unsigned>(number)) : std::nullopt;
+    constexpr unsigned kNobody = static_cast<uid_t>(-1);
+    unsigned number = kNobody;
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, number);
+    const bool isNumber = error == std::errc() && stop == end && number != kNobody;
+    return isNumber ? std::optional(number) : std::nullopt;
 }
 
 std::optional<uid_t> userNamed(const std::string& name)

@@ -1,8 +1,8 @@
 #include "platform/app-binary-manager.h"
 
-#include <algorithm>
 #include <exception>
 
+#include "base/alphanumeric.h"
 #include "platform/linux/download-queue.h"
 #include "platform/linux/download-settings.h"
 #include "platform/log/platform-log.h"
@@ -10,17 +10,6 @@
 namespace {
 
 constexpr std::size_t kLongestIdentifier = 127;
-
-bool isLetterOrDigit(char c)
-{
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
-}
-
-bool isIdentifier(const std::string& text)
-{
-    return !text.empty() && text.size() <= kLongestIdentifier &&
-           std::all_of(text.begin(), text.end(), isLetterOrDigit);
-}
 
 quillon::DownloadQueue& downloads()
 {
@@ -36,7 +25,7 @@ bool ABM_DownloadAppBinary(void (*callback)(const std::string& identifier, int s
                                             void* user_data),
                            void* user_data, const std::string& identifier)
 {
-    if (!isIdentifier(identifier)) {
+    if (!quillon::isAlphanumeric(identifier) || identifier.size() > kLongestIdentifier) {
         PLATFORM_LOGE("the identifier of a package is 1 to %zu letters and digits",
                       kLongestIdentifier);
         return false;

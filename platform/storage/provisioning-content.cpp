@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <string>
 
+#include "base/alphanumeric.h"
+
 namespace quillon {
 
 namespace {
@@ -15,8 +17,7 @@ constexpr std::string_view kFloorLabel = "floor ";
 
 bool isNameCharacter(char c)
 {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' ||
-           c == '_' || c == '-';
+    return isLetterOrDigit(c) || c == '.' || c == '_' || c == '-';
 }
 
 bool isNameOfSealedFile(std::string_view name)

@@ -1,7 +1,10 @@
 #include "platform/verifier/security-floors.h"
 
 #include <algorithm>
-#include <limits>
+#include <charconv>
+#include <system_error>
+
+#include "base/alphanumeric.h"
 
 namespace quillon {
 namespace {
@@ -10,29 +13,18 @@ namespace {
 constexpr std::size_t kLongestModule = 124;
 constexpr std::size_t kMostDigits = 10;
 
-bool isLetterOrDigit(unsigned char character)
-{
-    return (character >= '0' && character <= '9') || (character >= 'A' && character <= 'Z') ||
-           (character >= 'a' && character <= 'z');
-}
-
 }  // namespace
 
 bool isModuleName(const std::string& text)
 {
-    return !text.empty() && text.size() <= kLongestModule &&
-           std::all_of(text.begin(), text.end(), isLetterOrDigit);
+    return isAlphanumeric(text) && text.size() <= kLongestModule;
 }
 
 bool parseFloor(const std::string& text, std::uint32_t& floor)
 {
-    if (text.empty() || text.size() > kMostDigits ||
-        text.find_first_not_of("0123456789") != std::string::npos) {
-        return false;
-    }
-    const unsigned long long number = std::stoull(text);
-    floor = static_cast<std::uint32_t>(number);
-    return number <= std::numeric_limits<std::uint32_t>::max();
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, floor);
+    return error == std::errc() && stop == end && text.size() <= kMostDigits;
 }
 
 void raiseFloors(Floors& floors, const Floors& others)
