@@ -31,18 +31,12 @@ bool raiseAgain(const char* name)
     UniqueFd fd;
     struct stat status = {};
     const FileResult opened = openRegularFile(name, O_NOFOLLOW, fd, status);
-    if (opened == FileResult::kNotRegular) {
+    const bool isForeign = opened == FileResult::kOk && status.st_uid != geteuid();
+    if (opened == FileResult::kNotRegular || isForeign) {
         errno = EEXIST;
         return false;
     }
-    if (opened != FileResult::kOk) {
-        return false;
-    }
-    if (status.st_uid != geteuid()) {
-        errno = EEXIST;
-        return false;
-    }
-    return futimens(fd.get(), nullptr) == 0;
+    return opened == FileResult::kOk && futimens(fd.get(), nullptr) == 0;
 }
 
 bool isKeptFree(const char* name)

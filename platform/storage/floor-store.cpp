@@ -21,13 +21,6 @@ const std::string kPath = QUILLON_SECURITY_FLOORS;
 constexpr mode_t kDirectoryMode = 0755;
 constexpr mode_t kFileMode = 0644;
 
-/// Made readable for the service also where this process makes files for itself alone.
-bool provideDirectory(const std::string& directory)
-{
-    return makeDirectories(directory, kDirectoryMode) &&
-           chmod(directory.c_str(), kDirectoryMode) == 0;
-}
-
 /// Held until it is closed. In a file that others cannot open, so that they cannot hold it.
 UniqueFd lockOf(const std::string& directory)
 {
@@ -71,7 +64,10 @@ FloorResult raiseStoredFloors(const std::string& package, const Floors& floors)
         return FloorResult::kUnchanged;
     }
     const std::string directory = kPath.substr(0, kPath.rfind('/'));
-    const UniqueFd lock = provideDirectory(directory) ? lockOf(directory) : UniqueFd();
+    // Readable for the service also where this process makes files for itself alone.
+    const bool isThere =
+        makeDirectories(directory, kDirectoryMode) && chmod(directory.c_str(), kDirectoryMode) == 0;
+    const UniqueFd lock = isThere ? lockOf(directory) : UniqueFd();
     if (!lock) {
         PLATFORM_LOGE("%s cannot be made and locked: %m", directory.c_str());
         return FloorResult::kFailed;
