@@ -52,10 +52,9 @@ DownloadPart::DownloadPart(std::string identifier, std::string address)
 
 PartResult DownloadPart::open()
 {
-    if (!makeDirectories(kDirectory, 0755)) {
-        return PartResult::kFailed;
+    if (makeDirectories(kDirectory, 0755)) {
+        directory_ = UniqueFd(::open(kDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     }
-    directory_ = UniqueFd(::open(kDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory_) {
         return PartResult::kFailed;
     }

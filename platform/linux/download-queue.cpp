@@ -51,7 +51,10 @@ void DownloadQueue::add(const std::string& identifier, const DownloadSettings& s
                         DownloadListener listener)
 {
     const std::lock_guard<std::mutex> lock(mutex_);
-    startWorker();
+    if (!worker_.joinable()) {
+        const SignalsBlocked blocked;
+        worker_ = std::thread(&DownloadQueue::work, this);
+    }
     auto request = std::find_if(requests_.begin(), requests_.end(), [&](const Request& waiting) {
         return waiting.identifier == identifier;
     });
@@ -62,15 +65,6 @@ void DownloadQueue::add(const std::string& identifier, const DownloadSettings& s
     if (listener.callback != nullptr) {
         request->listeners.push_back(listener);
     }
-}
-
-void DownloadQueue::startWorker()
-{
-    if (worker_.joinable()) {
-        return;
-    }
-    const SignalsBlocked blocked;
-    worker_ = std::thread(&DownloadQueue::work, this);
 }
 
 void DownloadQueue::work()

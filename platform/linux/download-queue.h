@@ -46,7 +46,6 @@ private:
         std::vector<DownloadListener> listeners;
     };
 
-    void startWorker();
     void work();
     Request* next();
     void tellEnd(int status);

@@ -29,14 +29,14 @@ int read(const char* item, SecretBytes& bytes)
 
 unsigned char* makeBuffer(const SecretBytes& bytes)
 {
-    auto* memory = static_cast<unsigned char*>(std::malloc(sizeof(BufferHead) + bytes.size()));
-    if (memory == nullptr) {
+    auto* head = static_cast<BufferHead*>(std::malloc(sizeof(BufferHead) + bytes.size()));
+    if (head == nullptr) {
         throw std::bad_alloc();
     }
-    const BufferHead head = {bytes.size()};
-    std::memcpy(memory, &head, sizeof head);
-    std::memcpy(memory + sizeof head, bytes.data(), bytes.size());
-    return memory + sizeof head;
+    head->size = bytes.size();
+    void* data = head + 1;
+    std::memcpy(data, bytes.data(), bytes.size());
+    return static_cast<unsigned char*>(data);
 }
 
 }  // namespace
@@ -83,9 +83,7 @@ void ss_free_buffer(unsigned char* data)
     if (data == nullptr) {
         return;
     }
-    unsigned char* memory = data - sizeof(BufferHead);
-    BufferHead head = {};
-    std::memcpy(&head, memory, sizeof head);
-    explicit_bzero(memory, sizeof head + head.size);
+    void* memory = data - sizeof(BufferHead);
+    explicit_bzero(memory, sizeof(BufferHead) + static_cast<BufferHead*>(memory)->size);
     std::free(memory);
 }

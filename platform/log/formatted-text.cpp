@@ -1,5 +1,6 @@
 #include "platform/log/formatted-text.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -48,13 +49,11 @@ void FormattedText::makeOneLine()
     if (length_ == 0) {
         return;
     }
+    const auto isControl = [](unsigned char byte) {
+        return (byte < ' ' && byte != '\t') || byte == 0x7f;
+    };
     char* last = text_ + length_ - 1;
-    for (char* at = text_; at != last; ++at) {
-        const auto byte = static_cast<unsigned char>(*at);
-        if ((byte < ' ' && byte != '\t') || byte == 0x7f) {
-            *at = ' ';
-        }
-    }
+    std::replace_if(text_, last, isControl, ' ');
     *last = '\n';
 }
 
