@@ -24,9 +24,9 @@ QUESTIONS_IN_A_ROW = 500
 SLOW_STICK = "/opt/media/USBDriveA9/"  # as long as the other sticks', see Service.use_stick()
 PASSES = 10  # over all numbers of modules, so that a slow minute of the machine does not meet one of them alone
 MEMORY_MODULES = 10
-FILES = ("bin/quillon-service", "bench/do-nothing", "lib/libquillon-platform.so.0", "lib/libkUEPUser.so",
-         "bin/quillon-privileged", "bin/quillon-storage", "bin/quillon-unit", "bin/quillonctl",
-         "bin/quillon-image", "bin/quillon-device")
+FILES = ("bin/quillon-service", "bench/do-nothing", "lib/libquillon-platform.so.0",
+         "lib/quillon/libquillon-download.so", "lib/libkUEPUser.so", "bin/quillon-privileged",
+         "bin/quillon-storage", "bin/quillon-unit", "bin/quillonctl", "bin/quillon-image", "bin/quillon-device")
 Plan = argparse.Namespace  # the options of `bench.py speed`: build, base, quick, rounds, long_rounds, only, largest
 
 def mebibytes(size: int) -> str:

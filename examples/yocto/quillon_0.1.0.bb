@@ -49,6 +49,7 @@ FILES:quillon-service = " \
 "
 FILES:quillon-platform-linux = " \
     ${libdir}/libquillon-platform.so.* \
+    ${libdir}/quillon \
     /usr/lib/libkUEPUser.so \
     ${libexecdir}/quillon/quillon-privileged \
     ${libexecdir}/quillon/quillon-storage \

@@ -1,20 +1,34 @@
 #include "platform/app-binary-manager.h"
 
-#include <exception>
+#include <dlfcn.h>
 
-#include "base/alphanumeric.h"
-#include "platform/linux/download-queue.h"
-#include "platform/linux/download-settings.h"
+#include <atomic>
+
+#include "base/once.h"
+#include "platform/linux/download-entry.h"
 #include "platform/log/platform-log.h"
 
 namespace {
 
-constexpr std::size_t kLongestIdentifier = 127;
+using Download = decltype(&quillon_download_package);
 
-quillon::DownloadQueue& downloads()
+/// The library lies in the directory "quillon" beside this one, wherever that is.
+/// @return null, logged once, when it is not there or cannot be loaded.
+Download openDownload()
 {
-    static quillon::DownloadQueue queue;
-    return queue;
+    Dl_info self = {};
+    dladdr(reinterpret_cast<void*>(&appbinaryManager::ABM_DownloadAppBinary), &self);
+    const std::string path = self.dli_fname != nullptr ? self.dli_fname : "";
+    void* library = dlopen(
+        (path.substr(0, path.rfind('/') + 1) + "quillon/libquillon-download.so").c_str(), RTLD_NOW);
+    if (library == nullptr) {
+        static quillon::Once said;
+        if (said.first()) {
+            PLATFORM_LOGI("there is no package download: %s", dlerror());
+        }
+        return nullptr;
+    }
+    return reinterpret_cast<Download>(dlsym(library, "quillon_download_package"));
 }
 
 }  // namespace
@@ -25,22 +39,12 @@ bool ABM_DownloadAppBinary(void (*callback)(const std::string& identifier, int s
                                             void* user_data),
                            void* user_data, const std::string& identifier)
 {
-    if (!quillon::isAlphanumeric(identifier) || identifier.size() > kLongestIdentifier) {
-        PLATFORM_LOGE("the identifier of a package is 1 to %zu letters and digits",
-                      kLongestIdentifier);
-        return false;
+    static std::atomic<Download> download{nullptr};
+    if (download == nullptr) {
+        download = openDownload();
     }
-    try {
-        quillon::DownloadSettings settings;
-        if (!quillon::readDownloadSettings(settings)) {
-            return false;
-        }
-        downloads().add(identifier, settings, {callback, user_data});
-        return true;
-    } catch (const std::exception& error) {
-        PLATFORM_LOGE("package %s cannot be downloaded: %s", identifier.c_str(), error.what());
-        return false;
-    }
+    const Download found = download;
+    return found != nullptr && found(callback, user_data, identifier);
 }
 
 }  // namespace appbinaryManager

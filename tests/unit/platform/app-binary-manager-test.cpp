@@ -1,7 +1,9 @@
 #include "platform/app-binary-manager.h"
 
 #include <gmock/gmock.h>
+#include <link.h>
 
+#include <cstring>
 #include <stdexcept>
 
 #include "download-fixture.h"
@@ -17,6 +19,14 @@ using testing::IsEmpty;
 using testing::Pair;
 using testing::StartsWith;
 using testing::UnorderedElementsAre;
+
+bool hasLoaded(const char* library)
+{
+    const auto isIt = [](dl_phdr_info* loaded, std::size_t /*size*/, void* name) {
+        return std::strstr(loaded->dlpi_name, static_cast<const char*>(name)) != nullptr ? 1 : 0;
+    };
+    return dl_iterate_phdr(isIt, const_cast<char*>(library)) != 0;
+}
 
 class PackageDownload : public DownloadFixture
 {
@@ -42,6 +52,13 @@ TEST_F(PackageDownload, PutsThePackageIntoTheDirectoryAndTellsSo)
     EXPECT_THAT(captured.lines(),
                 ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM I package-download.cpp: "),
                                   HasSubstr("package alpha1 is there, 300000 bytes"))));
+}
+
+TEST_F(PackageDownload, LoadsItsLibrariesWhenTheFirstPackageIsAskedFor)
+{
+    EXPECT_FALSE(hasLoaded("libcurl"));
+    EXPECT_EQ(download(""), 1);
+    EXPECT_TRUE(hasLoaded("libcurl"));
 }
 
 TEST_F(PackageDownload, ReplacesAnOlderPackage)
@@ -207,7 +224,7 @@ TEST_F(PackageDownload, IsRefusedForWhatIsNoIdentifier)
         captured.clear();
         EXPECT_EQ(download(text), 1) << text;
         EXPECT_THAT(captured.lines(),
-                    ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM E app-binary-manager.cpp: "),
+                    ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM E download-entry.cpp: "),
                                       HasSubstr("1 to 127 letters and digits"))))
             << text;
     }

@@ -28,7 +28,7 @@ TEST(NoPackageDownload, IsRefusedAndSaysOnceThatThereIsNone)
     EXPECT_FALSE(appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, ""));
     EXPECT_FALSE(called);
     EXPECT_THAT(captured.lines(),
-                ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM I app-binary-manager-none.cpp: "),
+                ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM I app-binary-manager.cpp: "),
                                   HasSubstr("no package download"))));
 }
 
