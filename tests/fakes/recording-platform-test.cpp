@@ -4,6 +4,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <mqueue.h>
 #include <semaphore.h>
 #include <sys/prctl.h>
@@ -33,12 +34,6 @@
 
 namespace quillon::fakes {
 namespace {
-
-using ::testing::AllOf;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::StartsWith;
 
 constexpr char kPrefixed[] = "%s: %s(%d) > text %d";
 
@@ -72,7 +67,7 @@ TEST(RecordingLog, ALineWithItsTraceIsOneEntry)
     log(2, "FWUPDATE", 1);
     trace("FWUPDATE", 1);
 
-    EXPECT_THAT(timeline(), ElementsAre(LogFrom("function", ERROR, "text 1")));
+    expectSteps({LogFrom("function", ERROR, "text 1")});
     EXPECT_EQ(wholeTimeline().size(), 2U);
     EXPECT_EQ(mismatches(), "");
 }
@@ -81,7 +76,7 @@ TEST(RecordingLog, ALineWithoutItsTraceIsAMismatch)
 {
     log(2, "FWUPDATE", 1);
 
-    EXPECT_THAT(mismatches(), HasSubstr("without the same trace"));
+    expectText(mismatches(), like("*without the same trace*"));
 }
 
 TEST(RecordingLog, ATraceThatSaysSomethingElseIsAMismatch)
@@ -89,45 +84,45 @@ TEST(RecordingLog, ATraceThatSaysSomethingElseIsAMismatch)
     log(2, "FWUPDATE", 1);
     trace("FWUPDATE", 2);
 
-    EXPECT_THAT(mismatches(), HasSubstr("without the same trace"));
+    expectText(mismatches(), like("*without the same trace*"));
 }
 
 TEST(RecordingLog, ATraceOfItsOwnIsAMismatch)
 {
     trace("FWUPDATE", 1);
 
-    EXPECT_THAT(mismatches(), HasSubstr("without its log line"));
+    expectText(mismatches(), like("*without its log line*"));
 }
 
 TEST(RecordingLog, AnotherBufferOrTagIsAMismatch)
 {
     log(1, "FWUPDATE", 1);
     trace("FWUPDATE", 1);
-    EXPECT_THAT(mismatches(), HasSubstr("buffer 1"));
+    expectText(mismatches(), like("*buffer 1*"));
 
     clear();
     log(2, "OTHER", 1);
     trace("FWUPDATE", 1);
-    EXPECT_THAT(mismatches(), HasSubstr("tag OTHER"));
+    expectText(mismatches(), like("*tag OTHER*"));
 
     clear();
     log(2, "FWUPDATE", 1);
     trace("OTHER", 1);
-    EXPECT_THAT(mismatches(), HasSubstr("without the same trace"));
+    expectText(mismatches(), like("*without the same trace*"));
 }
 
 TEST(RecordingLog, AnotherPrefixIsAMismatch)
 {
     __dlog_print(2, ERROR, "FWUPDATE", "plain");
 
-    EXPECT_THAT(mismatches(), HasSubstr("without the prefix: plain"));
+    expectText(mismatches(), like("*without the prefix: plain*"));
 }
 
 TEST(RecordingLog, AFileThatIsNoBaseNameIsAMismatch)
 {
     __dlog_print(2, ERROR, "FWUPDATE", kPrefixed, "/src/file.cpp", "function", 7, 1);
 
-    EXPECT_THAT(mismatches(), HasSubstr("not a base name"));
+    expectText(mismatches(), like("*not a base name*"));
 }
 
 TEST(RecordingLog, LinesOfOtherThreadsMayComeBetweenALineAndItsTrace)
@@ -139,7 +134,7 @@ TEST(RecordingLog, LinesOfOtherThreadsMayComeBetweenALineAndItsTrace)
     }).join();
     trace("FWUPDATE", 1);
 
-    EXPECT_THAT(timeline(), ElementsAre(Log(ERROR, "text 1"), Log(ERROR, "text 2")));
+    expectSteps({Log(ERROR, "text 1"), Log(ERROR, "text 2")});
 }
 
 TEST(RecordingPlatform, AnswersTheQueueFirstAndThenLastingly)
@@ -154,9 +149,8 @@ TEST(RecordingPlatform, AnswersTheQueueFirstAndThenLastingly)
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(LwipcEventDone("/a"), 3);
 
-    EXPECT_THAT(callTexts(),
-                ElementsAre("LwipcEventDone(\"/a\") = 1", "LwipcEventDone(\"/a\") = 2",
-                            "LwipcEventDone(\"/a\") = 2", "LwipcEventDone(\"/a\") = 3"));
+    expectTexts(callTexts(), {"LwipcEventDone(\"/a\") = 1", "LwipcEventDone(\"/a\") = 2",
+                              "LwipcEventDone(\"/a\") = 2", "LwipcEventDone(\"/a\") = 3"});
 }
 
 TEST(RecordingPlatform, ReadsTheItemsOfTheSecureStorage)
@@ -172,10 +166,10 @@ TEST(RecordingPlatform, ReadsTheItemsOfTheSecureStorage)
 
     EXPECT_EQ(Bytes(data, data + size), (Bytes{1, 2, 3}));
     ss_free_buffer(data);
-    EXPECT_THAT(callTexts(), ElementsAre("ss_init_credential(1, 2, 3, 4, 5, 1, 0) = 0",
-                                         "ss_read(0, 0, \"other\", credential, 33) = 5",
-                                         "ss_read(0, 0, \"quillon\", credential, 33) = 0",
-                                         "ss_free_buffer(data)"));
+    expectTexts(callTexts(),
+                {"ss_init_credential(1, 2, 3, 4, 5, 1, 0) = 0",
+                 "ss_read(0, 0, \"other\", credential, 33) = 5",
+                 "ss_read(0, 0, \"quillon\", credential, 33) = 0", "ss_free_buffer(data)"});
 }
 
 TEST(RecordingPlatform, ARequestWhoseBufferOrResultIsNotPreparedIsAMismatch)
@@ -188,14 +182,14 @@ TEST(RecordingPlatform, ARequestWhoseBufferOrResultIsNotPreparedIsAMismatch)
     EXPECT_EQ(mismatches(), "");
 
     PS_Mount("-o a\0b", 7, 0, &result);
-    EXPECT_THAT(mismatches(), HasSubstr("PS_Mount with a buffer"));
+    expectText(mismatches(), like("*PS_Mount with a buffer*"));
     clear();
     PS_Mknod("-m a", 4, 0, &result);
-    EXPECT_THAT(mismatches(), HasSubstr("PS_Mknod with a buffer"));
+    expectText(mismatches(), like("*PS_Mknod with a buffer*"));
     clear();
     result = 1;
     PS_Umount("/mnt", 4, 0, &result);
-    EXPECT_THAT(mismatches(), HasSubstr("PS_Umount with a result"));
+    expectText(mismatches(), like("*PS_Umount with a result*"));
 }
 
 TEST(RecordingPlatform, TellsWhatADownloadIsAskedWith)
@@ -204,8 +198,8 @@ TEST(RecordingPlatform, TellsWhatADownloadIsAskedWith)
     appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, "alphaemp");
     appbinaryManager::ABM_DownloadAppBinary([](const std::string&, int, void*) {}, &data, "b");
 
-    EXPECT_THAT(callTexts(), ElementsAre("ABM_DownloadAppBinary(null, null, \"alphaemp\") = true",
-                                         "ABM_DownloadAppBinary(callback, data, \"b\") = true"));
+    expectTexts(callTexts(), {"ABM_DownloadAppBinary(null, null, \"alphaemp\") = true",
+                              "ABM_DownloadAppBinary(callback, data, \"b\") = true"});
 }
 
 TEST(RecordingCalls, AreRecordedOnlyWhenAskedFor)
@@ -215,7 +209,7 @@ TEST(RecordingCalls, AreRecordedOnlyWhenAskedFor)
     recordCalls({"usleep"});
     usleep(2);
 
-    EXPECT_THAT(callTexts(), ElementsAre("usleep(2) = 0"));
+    expectTexts(callTexts(), {"usleep(2) = 0"});
     EXPECT_THROW(recordCalls({"sleep"}), std::invalid_argument);
 }
 
@@ -255,18 +249,17 @@ TEST(RecordingCalls, ReachTheRealFunctions)
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(std::remove("/tmp/nothing"), -1);
 
-    EXPECT_THAT(
-        callTexts(),
-        ElementsAre("mq_open(\"/test\", O_RDWR|O_CREAT, 0600, flags 0 maxmsg 2 msgsize 8 curmsgs "
-                    "0) = ok",
-                    "mq_send(\"/test\", 8, 0) = 0", "mq_receive(\"/test\", 8, null) = 8",
-                    "mq_close(\"/test\") = 0", "mq_unlink(\"/test\") = 0",
-                    "sem_open(\"/test\", O_CREAT, 0600, 1) = ok", "sem_wait(\"/test\") = 0",
-                    "sem_post(\"/test\") = 0", "sem_close(\"/test\") = 0",
-                    "prctl(PR_SET_NAME, \"tester\") = 0", HasSubstr("prctl("),
-                    "realpath(\"/tmp/..\") = \"/\"", "access(\"/tmp/nothing\", F_OK) = -1",
-                    "setxattr(\"/tmp/nothing\", \"name\", \"value\\0\", 6, 0) = -1",
-                    "remove(\"/tmp/nothing\") = -1"));
+    expectTexts(callTexts(),
+                {"mq_open(\"/test\", O_RDWR|O_CREAT, 0600, flags 0 maxmsg 2 msgsize 8 curmsgs "
+                 "0) = ok",
+                 "mq_send(\"/test\", 8, 0) = 0", "mq_receive(\"/test\", 8, null) = 8",
+                 "mq_close(\"/test\") = 0", "mq_unlink(\"/test\") = 0",
+                 "sem_open(\"/test\", O_CREAT, 0600, 1) = ok", "sem_wait(\"/test\") = 0",
+                 "sem_post(\"/test\") = 0", "sem_close(\"/test\") = 0",
+                 "prctl(PR_SET_NAME, \"tester\") = 0", like("*prctl(*"),
+                 "realpath(\"/tmp/..\") = \"/\"", "access(\"/tmp/nothing\", F_OK) = -1",
+                 "setxattr(\"/tmp/nothing\", \"name\", \"value\\0\", 6, 0) = -1",
+                 "remove(\"/tmp/nothing\") = -1"});
 }
 
 TEST(RecordingCalls, FailWhenTheyAreToldTo)
@@ -305,12 +298,11 @@ TEST(RecordingCalls, AFileAndADirectoryMayStandInForOthers)
     std::ifstream table("/proc/mounts");
     EXPECT_TRUE(std::getline(table, line));
     EXPECT_EQ(line, "first line");
-    EXPECT_THAT(namesIn("/dev"), ElementsAre("table"));
+    expectTexts(namesIn("/dev"), {"table"});
     EXPECT_EQ(mkdir("/dev/nothing/below", 0775), -1);
 
-    EXPECT_THAT(callTexts(),
-                ElementsAre("fopen64(\"/proc/mounts\", \"r\") = ok", "opendir(\"/dev\") = ok",
-                            "mkdir(\"/dev/nothing/below\", 0775) = -1"));
+    expectTexts(callTexts(), {"fopen64(\"/proc/mounts\", \"r\") = ok", "opendir(\"/dev\") = ok",
+                              "mkdir(\"/dev/nothing/below\", 0775) = -1"});
 }
 
 TEST(RecordingCalls, OpeningAFileOrADirectoryMayFail)
@@ -331,8 +323,8 @@ TEST(RecordingCalls, AThreadMayBeRefused)
     EXPECT_THROW(std::thread([] {}), std::system_error);
     std::thread([] {}).detach();
 
-    EXPECT_THAT(callTexts(), ElementsAre("pthread_create() = 11", "pthread_create() = 0",
-                                         "pthread_detach() = 0"));
+    expectTexts(callTexts(),
+                {"pthread_create() = 11", "pthread_create() = 0", "pthread_detach() = 0"});
 }
 
 TEST(RecordingCalls, ADetachMayWaitForTheEndOfTheThread)
@@ -345,7 +337,7 @@ TEST(RecordingCalls, ADetachMayWaitForTheEndOfTheThread)
         note("ended");
     }).detach();
 
-    EXPECT_THAT(callTexts(), ElementsAre("ended", "pthread_detach() = 0"));
+    expectTexts(callTexts(), {"ended", "pthread_detach() = 0"});
 }
 
 TEST(RecordingCalls, ATimedWaitCanBeAwaited)
@@ -363,10 +355,8 @@ TEST(RecordingCalls, ATimedWaitCanBeAwaited)
     EXPECT_EQ(changed.wait_for(lock, std::chrono::seconds(20)), std::cv_status::no_timeout);
 
     other.join();
-    EXPECT_THAT(
-        callTexts(),
-        ElementsAre("is waited for", AllOf(StartsWith("pthread_cond_clockwait(CLOCK_MONOTONIC, "),
-                                           ::testing::EndsWith(") = 0"))));
+    expectTexts(callTexts(),
+                {"is waited for", like("pthread_cond_clockwait(CLOCK_MONOTONIC, *) = 0")});
 }
 
 TEST(RecordingCalls, SomethingMayHappenBeforeATimedWait)
@@ -383,8 +373,7 @@ TEST(RecordingCalls, SomethingMayHappenBeforeATimedWait)
     EXPECT_EQ(changed.wait_for(lock, std::chrono::milliseconds(1)), std::cv_status::timeout);
     EXPECT_EQ(changed.wait_for(lock, std::chrono::milliseconds(1)), std::cv_status::timeout);
 
-    EXPECT_THAT(callTexts(), ElementsAre("not waiting yet", ::testing::EndsWith(") = 110"),
-                                         ::testing::EndsWith(") = 110")));
+    expectTexts(callTexts(), {"not waiting yet", like("*) = 110"), like("*) = 110")});
 }
 
 TEST(RecordingCalls, ATimedWaitMayBeWokenByNobody)
@@ -398,8 +387,7 @@ TEST(RecordingCalls, ATimedWaitMayBeWokenByNobody)
 
     EXPECT_EQ(changed.wait_for(lock, std::chrono::seconds(20)), std::cv_status::no_timeout);
 
-    EXPECT_THAT(callTexts(),
-                ElementsAre("pthread_cond_clockwait(CLOCK_MONOTONIC, 25.000000007) = 0"));
+    expectTexts(callTexts(), {"pthread_cond_clockwait(CLOCK_MONOTONIC, 25.000000007) = 0"});
 }
 
 TEST(RecordingCalls, TheStatusOfALinkMayBeRefused)
@@ -413,8 +401,7 @@ TEST(RecordingCalls, TheStatusOfALinkMayBeRefused)
     EXPECT_EQ(lstat("/proc/self", &status), 0);
     EXPECT_TRUE(S_ISLNK(status.st_mode));
 
-    EXPECT_THAT(callTexts(),
-                ElementsAre("lstat(\"/proc/self\") = -1", "lstat(\"/proc/self\") = 0"));
+    expectTexts(callTexts(), {"lstat(\"/proc/self\") = -1", "lstat(\"/proc/self\") = 0"});
 }
 
 TEST(RecordingCalls, TheClockMayBeTheTestsOwn)

@@ -1,8 +1,8 @@
 /// A platform for tests: it supplies every platform call, does next to nothing, and keeps one
 /// ordered timeline of the calls, the log lines and what the test plug-ins were asked.
 ///
-/// Link quillon-recording-platform; the matchers for the timeline are in "fakes/timeline.h".
-/// Everything here may be called from any thread.
+/// Link quillon-recording-platform; what a test expects of the timeline is said with
+/// "fakes/timeline.h". Everything here may be called from any thread.
 ///
 /// It also stands in front of some functions of the C library and hands each call on to the real
 /// one. Those enter the timeline only after recordCalls(), and fail only after failCall().

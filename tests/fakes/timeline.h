@@ -1,92 +1,100 @@
-/// Matchers for the recording platform's timeline:
+/// What a test expects of the recording platform's timeline:
 ///
-///     EXPECT_THAT(timeline(), ElementsAre(Log(ERROR, "Error: ckey  is nullptr")));
-///     EXPECT_THAT(timeline(), Contains(Call(HasSubstr("usleep("))));
+///     expectSteps({Log(ERROR, "Error: ckey  is nullptr")});
+///     expectStep(Call(like("usleep(*")));
 ///
-/// Each takes the whole text or a matcher for it.
+/// Link quillon-timeline. A failure is shown as support/texts.h says.
 #ifndef QUILLON_TESTS_FAKES_TIMELINE_H
 #define QUILLON_TESTS_FAKES_TIMELINE_H
 
-#include <gmock/gmock.h>
-
+#include <cstddef>
+#include <iosfwd>
 #include <string>
 #include <vector>
 
 #include "fakes/recording-platform.h"
+#include "support/texts.h"
 
 namespace quillon::fakes {
 
-using EntryMatcher = ::testing::Matcher<Entry>;
-using TextMatcher = ::testing::Matcher<std::string>;
+using test::expectNoText;
+using test::expectText;
+using test::expectTexts;
+using test::expectTextsInAnyOrder;
+using test::like;
+using test::TextRule;
 
-/// A log line.
-inline EntryMatcher Log(int priority, const TextMatcher& text)
+/// What an entry of the timeline must be.
+class Step
 {
-    return ::testing::AllOf(::testing::Field("kind", &Entry::kind, Kind::Log),
-                            ::testing::Field("priority", &Entry::priority, priority),
-                            ::testing::Field("text", &Entry::text, text));
-}
+public:
+    /// @param priority  of a log line; 0 for any
+    /// @param function  of a log line; empty for any
+    Step(Kind kind, int priority, std::string function, TextRule text);
+
+    bool accepts(const Entry& entry) const;
+
+private:
+    friend std::ostream& operator<<(std::ostream& out, const Step& step);
+
+    Kind kind_;
+    int priority_;
+    std::string function_;
+    TextRule text_;
+};
+
+/// What is expected, in order.
+using Steps = std::vector<Step>;
+
+Steps operator+(Steps left, const Steps& right);
+
+/// A log line, of any priority if none is given.
+Step Log(int priority, TextRule text);
+Step Log(TextRule text);
 
 /// A log line out of that function.
-inline EntryMatcher LogFrom(const std::string& function, int priority, const TextMatcher& text)
-{
-    return ::testing::AllOf(Log(priority, text),
-                            ::testing::Field("function", &Entry::function, function));
-}
+Step LogFrom(std::string function, int priority, TextRule text);
 
 /// A call of the platform or of the C library.
-inline EntryMatcher Call(const TextMatcher& text)
-{
-    return ::testing::AllOf(::testing::Field("kind", &Entry::kind, Kind::Call),
-                            ::testing::Field("text", &Entry::text, text));
-}
+Step Call(TextRule text);
 
 /// A call of a test plug-in or of the test verifier.
-inline EntryMatcher Plugin(const TextMatcher& text)
-{
-    return ::testing::AllOf(::testing::Field("kind", &Entry::kind, Kind::Plugin),
-                            ::testing::Field("text", &Entry::text, text));
-}
+Step Plugin(TextRule text);
 
-/// Matches a list that ends with these elements.
-template <typename... Matchers>
-auto EndsWith(const Matchers&... matchers)
-{
-    return ::testing::ResultOf(
-        "the last elements",
-        [](const std::vector<Entry>& entries) {
-            const std::size_t count = sizeof...(Matchers);
-            const std::size_t from = entries.size() > count ? entries.size() - count : 0;
-            return std::vector<Entry>(entries.begin() + static_cast<std::ptrdiff_t>(from),
-                                      entries.end());
-        },
-        ::testing::ElementsAre(matchers...));
-}
+/// @name Expectations
+/// Each adds a failure at the caller's line when it is not met; leave file and line alone.
+/// Without `seen`, the whole timeline is looked at.
+/// @{
+
+/// These entries and no others.
+void expectSteps(const Steps& expected, const char* file = __builtin_FILE(),
+                 int line = __builtin_LINE());
+void expectSteps(const std::vector<Entry>& seen, const Steps& expected,
+                 const char* file = __builtin_FILE(), int line = __builtin_LINE());
+
+/// These at the end.
+void expectLastSteps(const Steps& expected, const char* file = __builtin_FILE(),
+                     int line = __builtin_LINE());
+
+/// This one somewhere, or nowhere.
+void expectStep(const Step& expected, const char* file = __builtin_FILE(),
+                int line = __builtin_LINE());
+void expectStep(const std::vector<Entry>& seen, const Step& expected,
+                const char* file = __builtin_FILE(), int line = __builtin_LINE());
+void expectNoStep(const Step& refused, const char* file = __builtin_FILE(),
+                  int line = __builtin_LINE());
+void expectNoStep(const std::vector<Entry>& seen, const Step& refused,
+                  const char* file = __builtin_FILE(), int line = __builtin_LINE());
+/// @}
+
+/// How many entries are such a step.
+std::size_t countSteps(const Step& step);
 
 /// The texts of one kind of entries.
-inline std::vector<std::string> textsOf(Kind kind)
-{
-    std::vector<std::string> texts;
-    for (const Entry& entry : timeline()) {
-        if (entry.kind == kind) {
-            texts.push_back(entry.text);
-        }
-    }
-    return texts;
-}
-
-inline std::vector<std::string> logTexts()
-{
-    return textsOf(Kind::Log);
-}
-inline std::vector<std::string> callTexts()
-{
-    return textsOf(Kind::Call);
-}
-inline std::vector<std::string> pluginTexts()
-{
-    return textsOf(Kind::Plugin);
-}
+std::vector<std::string> textsOf(Kind kind);
+std::vector<std::string> logTexts();
+std::vector<std::string> callTexts();
+std::vector<std::string> pluginTexts();
 
 }  // namespace quillon::fakes
 

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <semaphore.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -12,8 +13,6 @@
 #include "fw-update-common.h"
 
 using namespace quillon::fakes;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 namespace {
 
@@ -65,7 +64,7 @@ TEST_F(Semaphore, IsMadeFreeAndForTheOwnerOnly)
     struct stat status = {};
     ASSERT_EQ(stat(kFile, &status), 0);
     EXPECT_EQ(status.st_mode & 07777U, 0600U);
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 TEST_F(Semaphore, ThatIsThereKeepsItsValue)
@@ -124,8 +123,7 @@ TEST_F(Semaphore, ThatCannotBeHadIsNullAndLogged)
 
     EXPECT_EQ(common.create_semaphore(), nullptr);
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(LogFrom("create_semaphore", ERROR, "Parent\t: [sem_open] Failed\n")));
+    expectSteps({LogFrom("create_semaphore", ERROR, "Parent\t: [sem_open] Failed\n")});
 }
 
 TEST_F(Semaphore, DestroyOpensItClosesItAndLeavesTheName)
@@ -134,8 +132,8 @@ TEST_F(Semaphore, DestroyOpensItClosesItAndLeavesTheName)
 
     common.destroy_semaphore();
 
-    EXPECT_THAT(callTexts(), ElementsAre("sem_open(\"/SEM_UPDATE_CONTROL\", O_CREAT, 0600, 1) = ok",
-                                         "sem_close(\"/SEM_UPDATE_CONTROL\") = 0"));
+    expectTexts(callTexts(), {"sem_open(\"/SEM_UPDATE_CONTROL\", O_CREAT, 0600, 1) = ok",
+                              "sem_close(\"/SEM_UPDATE_CONTROL\") = 0"});
     EXPECT_EQ(access(kFile, F_OK), 0);
     sem_t* semaphore = sem_open("/SEM_UPDATE_CONTROL", O_CREAT, 0600, kNeverUsed);
     ASSERT_NE(semaphore, SEM_FAILED);
@@ -149,6 +147,5 @@ TEST_F(Semaphore, DestroyOfOneThatCannotBeHadIsLoggedAndClosesNothing)
 
     common.destroy_semaphore();
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(LogFrom("destroy_semaphore", ERROR, "Parent\t: [sem_open] Failed\n")));
+    expectSteps({LogFrom("destroy_semaphore", ERROR, "Parent\t: [sem_open] Failed\n")});
 }

@@ -17,7 +17,6 @@ namespace quillon::test {
 namespace {
 
 using namespace fakes;
-using ::testing::IsEmpty;
 
 class LoopDeviceCount : public DeviceTest
 {
@@ -38,7 +37,7 @@ TEST_F(LoopDeviceCount, MountsAreTheLinesThatBeginWithALoopDevice)
         "/dev/loop /mnt/e ext4 ro 0 0\n");
 
     EXPECT_EQ(countMountedLoopDevices(), 3);
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 TEST_F(LoopDeviceCount, TheLastLineCountsWithoutItsEndAsWell)
@@ -62,7 +61,7 @@ TEST_F(LoopDeviceCount, AnEmptyOrMissingTableHasNoMounts)
 
     openInstead("/proc/mounts", "/opt/media/nothing");
     EXPECT_EQ(countMountedLoopDevices(), 0);
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 TEST_F(LoopDeviceCount, NodesAreTheDevicesWhoseNameBeginsWithLoop)
@@ -76,7 +75,7 @@ TEST_F(LoopDeviceCount, NodesAreTheDevicesWhoseNameBeginsWithLoop)
     }
 
     EXPECT_EQ(countPresentLoopDevices(), 6);
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 TEST_F(LoopDeviceCount, TheControlDeviceIsNoNode)
@@ -183,7 +182,7 @@ TEST_F(KindOfPath, AFileIsARegularFileOrALinkToOne)
           "/opt/media/pipe", "/dev/null", "/opt/media/nothing", "/opt/media/file/below", ""}) {
         EXPECT_FALSE(IsFile(path)) << path;
     }
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 TEST_F(KindOfPath, ADirectoryIsADirectoryOrALinkToOne)
@@ -196,7 +195,7 @@ TEST_F(KindOfPath, ADirectoryIsADirectoryOrALinkToOne)
           "/opt/media/pipe", "/dev/null", "/opt/media/nothing", "/opt/media/file/below", ""}) {
         EXPECT_FALSE(IsDir(path)) << path;
     }
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 }  // namespace

@@ -13,8 +13,6 @@ namespace quillon::test {
 namespace {
 
 using namespace fakes;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 const std::string kMountPoint = "/opt/media/mounted";  // 18 characters
 
@@ -28,11 +26,11 @@ protected:
         return FWMountManager::getInstance()->UMount(directory);
     }
 
-    static EntryMatcher said(int priority, const std::string& text)
+    static Step said(int priority, const std::string& text)
     {
         return LogFrom("UMount", priority, text);
     }
-    static EntryMatcher answered(int retVal, int result)
+    static Step answered(int retVal, int result)
     {
         return Call("PS_Umount(\"/opt/media/mounted\", 18, 0, " + std::to_string(result) +
                     ") = " + std::to_string(retVal));
@@ -43,9 +41,7 @@ TEST_F(UnmountDirectory, AsksWithThePathAndItsLength)
 {
     EXPECT_EQ(unmount(kMountPoint), 0);
 
-    EXPECT_THAT(
-        timeline(),
-        ElementsAre(answered(0, 0), said(INFO, "Umount dir[/opt/media/mounted] successfully.")));
+    expectSteps({answered(0, 0), said(INFO, "Umount dir[/opt/media/mounted] successfully.")});
 }
 
 TEST_F(UnmountDirectory, LeavesTheMountPointInPlace)
@@ -61,7 +57,7 @@ TEST_F(UnmountDirectory, RefusesAnEmptyPath)
 
     EXPECT_EQ(unmount(""), -1);
 
-    EXPECT_THAT(timeline(), ElementsAre(said(ERROR, "Input umount dir is empty.")));
+    expectSteps({said(ERROR, "Input umount dir is empty.")});
 }
 
 TEST_F(UnmountDirectory, RefusesWhatIsNoDirectory)
@@ -71,8 +67,8 @@ TEST_F(UnmountDirectory, RefusesWhatIsNoDirectory)
     EXPECT_EQ(unmount("/opt/media/file"), -1);
     EXPECT_EQ(unmount("/opt/media/nothing"), -1);
 
-    EXPECT_THAT(timeline(), ElementsAre(said(ERROR, "Umount dir[/opt/media/file] is invalid."),
-                                        said(ERROR, "Umount dir[/opt/media/nothing] is invalid.")));
+    expectSteps({said(ERROR, "Umount dir[/opt/media/file] is invalid."),
+                 said(ERROR, "Umount dir[/opt/media/nothing] is invalid.")});
 }
 
 TEST_F(UnmountDirectory, FollowsALinkToADirectoryAndAsksForItByTheLinksName)
@@ -81,7 +77,7 @@ TEST_F(UnmountDirectory, FollowsALinkToADirectoryAndAsksForItByTheLinksName)
 
     EXPECT_EQ(unmount("/opt/media/link"), 0);
 
-    EXPECT_THAT(callTexts(), ElementsAre("PS_Umount(\"/opt/media/link\", 15, 0, 0) = 0"));
+    expectTexts(callTexts(), {"PS_Umount(\"/opt/media/link\", 15, 0, 0) = 0"});
 }
 
 TEST_F(UnmountDirectory, APathLongerThanARequestIsHandedOnWhole)
@@ -95,7 +91,7 @@ TEST_F(UnmountDirectory, APathLongerThanARequestIsHandedOnWhole)
 
     EXPECT_EQ(unmount(directory), 0);
 
-    EXPECT_THAT(callTexts(), ElementsAre("PS_Umount(\"" + directory + "\", 1216, 0, 0) = 0"));
+    expectTexts(callTexts(), {"PS_Umount(\"" + directory + "\", 1216, 0, 0) = 0"});
 }
 
 TEST_F(UnmountDirectory, FailsUnlessBothValuesAreZero)
@@ -107,11 +103,10 @@ TEST_F(UnmountDirectory, FailsUnlessBothValuesAreZero)
 
         EXPECT_EQ(unmount(kMountPoint), -1);
 
-        EXPECT_THAT(timeline(),
-                    ElementsAre(answered(retVal, result),
-                                said(ERROR, "Error(iRet1=" + std::to_string(retVal) +
-                                                ", iRet2=" + std::to_string(result) +
-                                                ") while unmounitng [/opt/media/mounted]")));
+        expectSteps(
+            {answered(retVal, result), said(ERROR, "Error(iRet1=" + std::to_string(retVal) +
+                                                       ", iRet2=" + std::to_string(result) +
+                                                       ") while unmounitng [/opt/media/mounted]")});
     }
 }
 
@@ -123,9 +118,9 @@ TEST_F(UnmountDirectory, AnExceptionOnTheWayIsAFailureThatIsLogged)
 
     EXPECT_EQ(unmount(kMountPoint), -1);
 
-    EXPECT_THAT(timeline(), ElementsAre(said(ERROR,
-                                             "Failed to umount[/opt/media/mounted], "
-                                             "error[no privileged service].")));
+    expectSteps({said(ERROR,
+                      "Failed to umount[/opt/media/mounted], "
+                      "error[no privileged service].")});
 }
 
 TEST_F(UnmountDirectory, WhatIsNoStandardExceptionReachesTheCaller)
@@ -134,7 +129,7 @@ TEST_F(UnmountDirectory, WhatIsNoStandardExceptionReachesTheCaller)
 
     EXPECT_THROW(unmount(kMountPoint), int);
 
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 }  // namespace

@@ -6,8 +6,6 @@
 
 using namespace quillon::fakes;
 using namespace quillon::test;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 namespace {
 
@@ -50,10 +48,10 @@ TEST_F(MQueueClose, OwnerClosesAndRemovesOneQueueAfterTheOther)
 
     EXPECT_TRUE(manager->onDestroy());
 
-    EXPECT_THAT(timeline(), ElementsAre(Call("mq_close(\"/fwupdateservice_usb\") = 0"),
-                                        Call("mq_unlink(\"/fwupdateservice_usb\") = 0"),
-                                        Call("mq_close(\"/fwupdatecontrol_usb\") = 0"),
-                                        Call("mq_unlink(\"/fwupdatecontrol_usb\") = 0")));
+    expectSteps({Call("mq_close(\"/fwupdateservice_usb\") = 0"),
+                 Call("mq_unlink(\"/fwupdateservice_usb\") = 0"),
+                 Call("mq_close(\"/fwupdatecontrol_usb\") = 0"),
+                 Call("mq_unlink(\"/fwupdatecontrol_usb\") = 0")});
     EXPECT_FALSE(queueIsThere("/fwupdateservice_usb"));
     EXPECT_FALSE(queueIsThere("/fwupdatecontrol_usb"));
 }
@@ -66,8 +64,8 @@ TEST_F(MQueueClose, UserClosesTheQueuesAndLeavesThemToTheOwner)
 
     EXPECT_TRUE(manager->onDestroy());
 
-    EXPECT_THAT(timeline(), ElementsAre(Call("mq_close(\"/fwupdateservice_usb\") = 0"),
-                                        Call("mq_close(\"/fwupdatecontrol_usb\") = 0")));
+    expectSteps({Call("mq_close(\"/fwupdateservice_usb\") = 0"),
+                 Call("mq_close(\"/fwupdatecontrol_usb\") = 0")});
     EXPECT_TRUE(queuesAreThere());
 }
 
@@ -88,7 +86,7 @@ TEST_F(MQueueClose, QueuesThatWereNeverOpenedAreLeftAlone)
 
     EXPECT_TRUE(manager->onDestroy());
 
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
     EXPECT_TRUE(queuesAreThere());
 }
 
@@ -100,8 +98,8 @@ TEST_F(MQueueClose, QueueThatCouldNotBeOpenedIsLeftAlone)
 
     EXPECT_TRUE(manager->onDestroy());
 
-    EXPECT_THAT(timeline(), ElementsAre(Call("mq_close(\"/fwupdateservice_usb\") = 0"),
-                                        Call("mq_unlink(\"/fwupdateservice_usb\") = 0")));
+    expectSteps({Call("mq_close(\"/fwupdateservice_usb\") = 0"),
+                 Call("mq_unlink(\"/fwupdateservice_usb\") = 0")});
 }
 
 TEST_F(MQueueClose, NamesAreRemovedEvenWhenClosingFails)

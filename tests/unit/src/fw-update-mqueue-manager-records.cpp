@@ -9,7 +9,6 @@
 
 using namespace quillon::fakes;
 using namespace quillon::test;
-using ::testing::ElementsAre;
 
 namespace {
 
@@ -71,7 +70,7 @@ TEST_F(MQueueRecords, IntoTheServiceTravelWhole)
 
     EXPECT_EQ(client.commands().receive(), record);
     EXPECT_EQ(client.replies().waiting(), 0);
-    EXPECT_THAT(callTexts(), ElementsAre("mq_send(\"/fwupdateservice_usb\", 284, 0) = 0"));
+    expectTexts(callTexts(), {"mq_send(\"/fwupdateservice_usb\", 284, 0) = 0"});
 }
 
 TEST_F(MQueueRecords, OutOfTheServiceTravelWhole)
@@ -80,7 +79,7 @@ TEST_F(MQueueRecords, OutOfTheServiceTravelWhole)
 
     EXPECT_EQ(client.replies().receive(), record);
     EXPECT_EQ(client.commands().waiting(), 0);
-    EXPECT_THAT(callTexts(), ElementsAre("mq_send(\"/fwupdatecontrol_usb\", 284, 0) = 0"));
+    expectTexts(callTexts(), {"mq_send(\"/fwupdatecontrol_usb\", 284, 0) = 0"});
 }
 
 TEST_F(MQueueRecords, FromTheClientAreTakenOutOfTheServiceQueue)
@@ -90,7 +89,7 @@ TEST_F(MQueueRecords, FromTheClientAreTakenOutOfTheServiceQueue)
     EXPECT_EQ(manager->receiveFormControl(asData(received)), 284);
 
     EXPECT_EQ(received, record);
-    EXPECT_THAT(callTexts(), ElementsAre("mq_receive(\"/fwupdateservice_usb\", 284, null) = 284"));
+    expectTexts(callTexts(), {"mq_receive(\"/fwupdateservice_usb\", 284, null) = 284"});
 }
 
 TEST_F(MQueueRecords, FromTheServiceAreTakenOutOfTheControlQueue)
@@ -100,7 +99,7 @@ TEST_F(MQueueRecords, FromTheServiceAreTakenOutOfTheControlQueue)
     EXPECT_EQ(manager->receiveFormService(asData(received)), 284);
 
     EXPECT_EQ(received, record);
-    EXPECT_THAT(callTexts(), ElementsAre("mq_receive(\"/fwupdatecontrol_usb\", 284, null) = 284"));
+    expectTexts(callTexts(), {"mq_receive(\"/fwupdatecontrol_usb\", 284, null) = 284"});
 }
 
 TEST_F(MQueueRecords, TravelOverAnyQueue)
@@ -109,8 +108,8 @@ TEST_F(MQueueRecords, TravelOverAnyQueue)
     EXPECT_EQ(manager->receive(client.replies().descriptor(), asData(received)), 284);
 
     EXPECT_EQ(received, record);
-    EXPECT_THAT(callTexts(), ElementsAre("mq_send(\"/fwupdatecontrol_usb\", 284, 0) = 0",
-                                         "mq_receive(\"/fwupdatecontrol_usb\", 284, null) = 284"));
+    expectTexts(callTexts(), {"mq_send(\"/fwupdatecontrol_usb\", 284, 0) = 0",
+                              "mq_receive(\"/fwupdatecontrol_usb\", 284, null) = 284"});
 }
 
 TEST_F(MQueueRecords, ArriveInTheOrderInWhichTheyWereSent)

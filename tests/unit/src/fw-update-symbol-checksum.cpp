@@ -8,8 +8,6 @@ namespace quillon::test {
 namespace {
 
 using namespace fakes;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 constexpr char kPath[] = "/opt/media/alpha.bin";
 
@@ -29,22 +27,21 @@ TEST_F(BinaryChecksum, HasItsCheckValues)
 {
     EXPECT_EQ(checksumOf(bytesOf("123456789")), 0x6A50465CUL);
     EXPECT_EQ(checksumOf({0x01}), 0x01B23CA3UL);
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 TEST_F(BinaryChecksum, OfAnEmptyFileIsZeroWithoutAMessage)
 {
     EXPECT_EQ(checksumOf({}), 0UL);
 
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 TEST_F(BinaryChecksum, OfAMissingFileIsZeroWithAMessage)
 {
     EXPECT_EQ(module.getBinaryCRC32("/opt/media/none.bin"), 0UL);
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(LogFrom("getBinaryCRC32", ERROR, "Error: binary file is NULL\n")));
+    expectSteps({LogFrom("getBinaryCRC32", ERROR, "Error: binary file is NULL\n")});
 }
 
 TEST_F(BinaryChecksum, ReadsInBlocksUntilNothingComes)
@@ -54,8 +51,8 @@ TEST_F(BinaryChecksum, ReadsInBlocksUntilNothingComes)
 
     EXPECT_EQ(checksumOf(bytes), imageChecksum(0, bytes.data(), bytes.size()));
 
-    EXPECT_THAT(callTexts(), ElementsAre("fread(1, 32768) = 32768", "fread(1, 32768) = 32768",
-                                         "fread(1, 32768) = 1", "fread(1, 32768) = 0"));
+    expectTexts(callTexts(), {"fread(1, 32768) = 32768", "fread(1, 32768) = 32768",
+                              "fread(1, 32768) = 1", "fread(1, 32768) = 0"});
 }
 
 TEST_F(BinaryChecksum, OfRandomLengthsIsThatOfTheBytes)
@@ -70,7 +67,7 @@ TEST_F(BinaryChecksum, AReadErrorEndsTheFile)
 {
     EXPECT_EQ(module.getBinaryCRC32("/opt/media"), 0UL) << "a directory opens but cannot be read";
 
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 TEST_F(BinaryChecksum, ClosesTheFile)

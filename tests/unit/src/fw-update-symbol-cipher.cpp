@@ -16,8 +16,6 @@ namespace quillon::test {
 namespace {
 
 using namespace fakes;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 constexpr int kDecipher = 0;
 constexpr int kEncipher = 1;
@@ -104,10 +102,10 @@ TEST_F(CipherAll, ATrailerSplitAcrossTwoReadsIsNeverFed)
 
         EXPECT_EQ(result(), noise(size - 1));
         const std::string rest = std::to_string(size + kTrailerSize - 10240);
-        EXPECT_THAT(callTexts(), ElementsAre("fread(1, 10240) = 10240",
-                                             "EVP_CipherUpdate(" + std::to_string(size) + ") = 1",
-                                             "fread(1, 10240) = " + rest))
-            << size;
+        SCOPED_TRACE(size);
+        expectTexts(callTexts(), {"fread(1, 10240) = 10240",
+                                  "EVP_CipherUpdate(" + std::to_string(size) + ") = 1",
+                                  "fread(1, 10240) = " + rest});
     }
 }
 
@@ -121,9 +119,9 @@ TEST_F(CipherAll, ATrailerThatBeginsWithAReadIsReadAndNotFed)
     ASSERT_TRUE(run(cipher + trailer));
 
     EXPECT_EQ(result(), plain);
-    EXPECT_THAT(callTexts(), ElementsAre("fread(1, 10240) = 10240", "EVP_CipherUpdate(10240) = 1",
-                                         "fread(1, 10240) = 10240", "EVP_CipherUpdate(10240) = 1",
-                                         "fread(1, 10240) = 534"));
+    expectTexts(callTexts(), {"fread(1, 10240) = 10240", "EVP_CipherUpdate(10240) = 1",
+                              "fread(1, 10240) = 10240", "EVP_CipherUpdate(10240) = 1",
+                              "fread(1, 10240) = 534"});
 }
 
 TEST_F(CipherAll, AStreamThatEndsWithAReadIsReadOnceMore)
@@ -134,7 +132,7 @@ TEST_F(CipherAll, AStreamThatEndsWithAReadIsReadOnceMore)
     ASSERT_TRUE(run(plain + trailer, kEncipher));
 
     EXPECT_EQ(result(), encipher(plain, kKeyText, Image::iv()));
-    EXPECT_THAT(callTexts(), ElementsAre("fread(1, 10240) = 10240", "fread(1, 10240) = 0"));
+    expectTexts(callTexts(), {"fread(1, 10240) = 10240", "fread(1, 10240) = 0"});
 }
 
 TEST_F(CipherAll, OnlyTheFirst32CharactersOfTheKeyTextCount)
@@ -161,7 +159,7 @@ TEST_F(CipherAll, AWrongKeyGivesSomethingMeaninglessAndPossiblyShorter)
 
     EXPECT_EQ(result(), expected);
     EXPECT_EQ(outlen, 96) << "the padding of the last block is wrong";
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 TEST_F(CipherAll, ACipherTextOfBrokenBlocksGivesItsWholeBlocks)
@@ -190,7 +188,7 @@ TEST_F(CipherAll, AStreamShorterThanTheTrailerGivesNothing)
 
         ASSERT_EQ(outlen, 0) << size;
     }
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 TEST_F(CipherAll, EncipheringNextToNothingStaysWithinTheBuffer)
@@ -214,7 +212,7 @@ TEST_F(CipherAll, ACountBelowTheStreamsLengthBoundsWhatIsFed)
     ASSERT_TRUE(run(cipher + noise(30000), kDecipher, 32 + kTrailerSize));
 
     EXPECT_EQ(result(), plain);
-    EXPECT_THAT(callTexts(), ElementsAre("EVP_CipherUpdate(32) = 1"));
+    expectTexts(callTexts(), {"EVP_CipherUpdate(32) = 1"});
 }
 
 TEST_F(CipherAll, ACountAboveTheStreamsLengthFeedsTheWholeStream)
@@ -258,7 +256,7 @@ TEST_F(CipherAll, WithoutMemoryForTheOutputThereIsNoResult)
 
     EXPECT_EQ(outlen, kUntouched);
     EXPECT_EQ(cipher_buf_all, nullptr);
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 TEST_F(CipherAll, WithoutMemoryForTheInputThereIsNoResult)
@@ -272,7 +270,7 @@ TEST_F(CipherAll, WithoutMemoryForTheInputThereIsNoResult)
     EXPECT_FALSE(run(noise(1000)));
 
     EXPECT_EQ(outlen, kUntouched);
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 }  // namespace

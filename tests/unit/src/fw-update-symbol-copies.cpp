@@ -11,8 +11,6 @@ namespace quillon::test {
 namespace {
 
 using namespace fakes;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 constexpr char kOpened[] = "dlopen(\"/usr/fwupdate/controls/alpha.so\", RTLD_NOW) = ok";
 constexpr char kClosed[] = "dlclose(\"/usr/fwupdate/controls/alpha.so\") = 0";
@@ -38,7 +36,7 @@ TEST_F(SymbolCopies, ARecordClosesItsLibraryWhenItIsDestroyed)
 {
     loadedAlpha().reset();
 
-    EXPECT_THAT(callTexts(), ElementsAre(kOpened, kClosed));
+    expectTexts(callTexts(), {kOpened, kClosed});
 }
 
 TEST_F(SymbolCopies, ARecordThatWasNeverLoadedClosesNothing)
@@ -46,7 +44,7 @@ TEST_F(SymbolCopies, ARecordThatWasNeverLoadedClosesNothing)
     {
         const FWUpdateSymbol module("alpha");
     }
-    EXPECT_THAT(callTexts(), IsEmpty());
+    expectTexts(callTexts(), {});
 }
 
 TEST_F(SymbolCopies, ALibraryThatCouldNotBeOpenedIsNeverClosed)
@@ -56,8 +54,7 @@ TEST_F(SymbolCopies, ALibraryThatCouldNotBeOpenedIsNeverClosed)
         FWUpdateSymbol module("junk");
         EXPECT_EQ(module.loadSymbol("junk"), -1);
     }
-    EXPECT_THAT(callTexts(),
-                ElementsAre("dlopen(\"/usr/fwupdate/controls/junk.so\", RTLD_NOW) = failed"));
+    expectTexts(callTexts(), {"dlopen(\"/usr/fwupdate/controls/junk.so\", RTLD_NOW) = failed"});
 }
 
 TEST_F(SymbolCopies, TheLibraryStaysOpenForACopyAndIsClosedOnce)
@@ -66,14 +63,14 @@ TEST_F(SymbolCopies, TheLibraryStaysOpenForACopyAndIsClosedOnce)
     auto copy = std::make_unique<FWUpdateSymbol>(*original);
 
     original.reset();
-    EXPECT_THAT(callTexts(), ElementsAre(kOpened));
+    expectTexts(callTexts(), {kOpened});
     int seconds = 0;
     EXPECT_EQ(copy->getExpectedTime(&seconds), 0);
     EXPECT_EQ(seconds, 30);
     EXPECT_EQ(copy->getFirmwareName(), "alpha");
 
     copy.reset();
-    EXPECT_THAT(callTexts(), ElementsAre(kOpened, kClosed));
+    expectTexts(callTexts(), {kOpened, kClosed});
 }
 
 TEST_F(SymbolCopies, AGrowingSequenceOfRecordsKeepsTheLibrariesOpen)
@@ -83,12 +80,12 @@ TEST_F(SymbolCopies, AGrowingSequenceOfRecordsKeepsTheLibrariesOpen)
     modules.reserve(modules.capacity() + 1);
     modules.emplace_back("another");
 
-    EXPECT_THAT(callTexts(), ElementsAre(kOpened));
+    expectTexts(callTexts(), {kOpened});
     int need = 0;
     EXPECT_EQ(modules.front().checkVersion("2.0", &need), 0);
 
     modules.clear();
-    EXPECT_THAT(callTexts(), ElementsAre(kOpened, kClosed));
+    expectTexts(callTexts(), {kOpened, kClosed});
 }
 
 TEST_F(SymbolCopies, AssigningOverTheLastRecordClosesItsLibrary)
@@ -97,7 +94,7 @@ TEST_F(SymbolCopies, AssigningOverTheLastRecordClosesItsLibrary)
 
     *module = FWUpdateSymbol("another");
 
-    EXPECT_THAT(callTexts(), ElementsAre(kOpened, kClosed));
+    expectTexts(callTexts(), {kOpened, kClosed});
     EXPECT_EQ(module->getLibName(), "another");
 }
 
@@ -108,9 +105,8 @@ TEST_F(SymbolCopies, ASecondLoadClosesTheLibraryOfTheFirst)
 
     EXPECT_EQ(module->loadSymbol("beta"), 0);
 
-    EXPECT_THAT(
-        callTexts(),
-        ElementsAre(kOpened, "dlopen(\"/usr/fwupdate/controls/beta.so\", RTLD_NOW) = ok", kClosed));
+    expectTexts(callTexts(),
+                {kOpened, "dlopen(\"/usr/fwupdate/controls/beta.so\", RTLD_NOW) = ok", kClosed});
     EXPECT_EQ(module->getFirmwareName(), "beta");
 }
 

@@ -14,10 +14,6 @@ namespace quillon::test {
 namespace {
 
 using namespace fakes;
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
-using ::testing::IsEmpty;
 
 class UpdateDecision : public OfferedFirmware
 {
@@ -28,10 +24,7 @@ protected:
     /// From the module's package.
     int decideOnPackage() { return OfferedFirmware::decide(CALLER_SERVICE, argument); }
 
-    static EntryMatcher said(const std::string& text)
-    {
-        return LogFrom("isNeedUpdate", ERROR, text);
-    }
+    static Step said(const std::string& text) { return LogFrom("isNeedUpdate", ERROR, text); }
 
     /// The steps of a plug-in that is asked for the active version.
     Steps saidNotNeeded(const std::string& version) const
@@ -59,8 +52,8 @@ protected:
 
     const std::string imagePath = std::string(kSystemDirectory) + "/tunerA1.bin";
     const std::string informationPath = std::string(kSystemDirectory) + "/info.json";
-    const EntryMatcher tried = said("tunerA1 Firmware isNeedUpdateModules Try(tuner)");
-    const EntryMatcher checked = plugin("checkVersion(\"2.0\", need 0)");
+    const Step tried = said("tunerA1 Firmware isNeedUpdateModules Try(tuner)");
+    const Step checked = plugin("checkVersion(\"2.0\", need 0)");
 };
 
 TEST_F(UpdateDecision, ComesFromThePluginOnceTheImageIsSound)
@@ -71,12 +64,11 @@ TEST_F(UpdateDecision, ComesFromThePluginOnceTheImageIsSound)
 
     EXPECT_EQ(decide(), 1);
 
-    const EntryMatcher imageLookedAt = Call("stat(\"" + imagePath + "\") = 0");
-    const EntryMatcher informationLookedAt = Call("stat(\"" + informationPath + "\") = 0");
-    EXPECT_THAT(timeline(),
-                ElementsAre(tried, contextSet(4), imageLookedAt, informationLookedAt,
-                            informationLookedAt, imageLookedAt, Call("fread(1, 32768) = 9"),
-                            Call("fread(1, 32768) = 0"), imageLookedAt, checked));
+    const Step imageLookedAt = Call("stat(\"" + imagePath + "\") = 0");
+    const Step informationLookedAt = Call("stat(\"" + informationPath + "\") = 0");
+    expectSteps({tried, contextSet(4), imageLookedAt, informationLookedAt, informationLookedAt,
+                 imageLookedAt, Call("fread(1, 32768) = 9"), Call("fread(1, 32768) = 0"),
+                 imageLookedAt, checked});
     expectDecision(true, 90);
 }
 
@@ -88,8 +80,7 @@ TEST_F(UpdateDecision, TellsTheRunningVersionWhenNoUpdateIsNeeded)
 
     EXPECT_EQ(decide(), 0);
 
-    EXPECT_THAT(timeline(),
-                ElementsAreArray(Steps{tried, contextSet(4), checked} + saidNotNeeded("1.7")));
+    expectSteps(Steps{tried, contextSet(4), checked} + saidNotNeeded("1.7"));
     expectDecision(false, 30);
 }
 
@@ -103,7 +94,7 @@ TEST_F(UpdateDecision, IsHandedOnAsThePluginSaysIt)
 
         EXPECT_EQ(decide(), need);
 
-        EXPECT_THAT(timeline(), ElementsAre(tried, contextSet(4), checked));
+        expectSteps({tried, contextSet(4), checked});
         expectDecision(true, 90);
     }
 }
@@ -118,8 +109,7 @@ TEST_F(UpdateDecision, ANegativeNeedCountsAsNeededAndIsLoggedAsNotNeeded)
 
         EXPECT_EQ(decide(), need);
 
-        EXPECT_THAT(timeline(),
-                    ElementsAreArray(Steps{tried, contextSet(4), checked} + saidNotNeeded("1.0")));
+        expectSteps(Steps{tried, contextSet(4), checked} + saidNotNeeded("1.0"));
         expectDecision(true, 90);
     }
 }
@@ -141,10 +131,9 @@ TEST_F(UpdateDecision, AFailedVersionCheckLeavesTheAnswerAtNotNeeded)
 
     EXPECT_EQ(decide(), 0);
 
-    EXPECT_THAT(timeline(),
-                ElementsAreArray(Steps{tried, contextSet(4), checked,
-                                       said("Error: tunerA1 Firmware CheckVersion Fail")} +
-                                 saidNotNeeded("1.0")));
+    expectSteps(
+        Steps{tried, contextSet(4), checked, said("Error: tunerA1 Firmware CheckVersion Fail")} +
+        saidNotNeeded("1.0"));
     expectDecision(false, 90);
 }
 
@@ -155,8 +144,7 @@ TEST_F(UpdateDecision, AFailedVersionCheckMayStillHaveAnAnswer)
 
     EXPECT_EQ(decide(), 1);
 
-    EXPECT_THAT(timeline(), ElementsAre(tried, contextSet(4), checked,
-                                        said("Error: tunerA1 Firmware CheckVersion Fail")));
+    expectSteps({tried, contextSet(4), checked, said("Error: tunerA1 Firmware CheckVersion Fail")});
     expectDecision(true, 90);
 }
 
@@ -178,9 +166,8 @@ TEST_F(UpdateDecision, AMissingImageIsNamed)
 
     EXPECT_EQ(decide(), -1);
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(tried, contextSet(4),
-                            said("Error: Firmware binary file no exist (" + imagePath + ")")));
+    expectSteps(
+        {tried, contextSet(4), said("Error: Firmware binary file no exist (" + imagePath + ")")});
 }
 
 TEST_F(UpdateDecision, AMissingInformationFileIsNamed)
@@ -191,9 +178,8 @@ TEST_F(UpdateDecision, AMissingInformationFileIsNamed)
 
     EXPECT_EQ(decide(), -1);
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(tried, contextSet(4),
-                            said("Error: Firmware json file no exist (" + informationPath + ")")));
+    expectSteps({tried, contextSet(4),
+                 said("Error: Firmware json file no exist (" + informationPath + ")")});
 }
 
 TEST_F(UpdateDecision, OfTwoMissingFilesTheImageIsNamed)
@@ -202,9 +188,8 @@ TEST_F(UpdateDecision, OfTwoMissingFilesTheImageIsNamed)
 
     EXPECT_EQ(decide(), -1);
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(tried, contextSet(4),
-                            said("Error: Firmware binary file no exist (" + imagePath + ")")));
+    expectSteps(
+        {tried, contextSet(4), said("Error: Firmware binary file no exist (" + imagePath + ")")});
 }
 
 TEST_F(UpdateDecision, AMissingImageIsNamedEvenBesideABrokenInformationFile)
@@ -215,9 +200,8 @@ TEST_F(UpdateDecision, AMissingImageIsNamedEvenBesideABrokenInformationFile)
 
     EXPECT_EQ(decide(), -1);
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(tried, contextSet(4),
-                            said("Error: Firmware binary file no exist (" + imagePath + ")")));
+    expectSteps(
+        {tried, contextSet(4), said("Error: Firmware binary file no exist (" + imagePath + ")")});
 }
 
 TEST_F(UpdateDecision, ABrokenInformationFileIsAFailure)
@@ -227,11 +211,10 @@ TEST_F(UpdateDecision, ABrokenInformationFileIsAFailure)
 
     EXPECT_EQ(decide(), -1);
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(tried, contextSet(4),
-                            LogFrom("loadInformation", ERROR,
-                                    "Error: json loadInformation fail.(" + informationPath + ")\n"),
-                            said("Error: json information load fail")));
+    expectSteps({tried, contextSet(4),
+                 LogFrom("loadInformation", ERROR,
+                         "Error: json loadInformation fail.(" + informationPath + ")\n"),
+                 said("Error: json information load fail")});
 }
 
 TEST_F(UpdateDecision, ADamagedImageIsRefusedBeforeThePluginIsAskedForIt)
@@ -241,8 +224,7 @@ TEST_F(UpdateDecision, ADamagedImageIsRefusedBeforeThePluginIsAskedForIt)
 
     EXPECT_EQ(decide(), -1);
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(tried, contextSet(4), said("Error: tunerA1 Firmware CRC32 different")));
+    expectSteps({tried, contextSet(4), said("Error: tunerA1 Firmware CRC32 different")});
 }
 
 TEST_F(UpdateDecision, EveryBitOfTheChecksumCounts)
@@ -335,8 +317,7 @@ TEST_F(UpdateDecision, AnInformationFileThatSaysNothingHasItsDefaults)
 
     EXPECT_EQ(decide(), 1);
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(tried, contextSet(4), plugin("checkVersion(\"0000\", need 0)")));
+    expectSteps({tried, contextSet(4), plugin("checkVersion(\"0000\", need 0)")});
     expectDecision(true, 300);
 }
 
@@ -348,8 +329,7 @@ TEST_F(UpdateDecision, ARunningVersionMayFillItsBufferWithoutATerminator)
 
     EXPECT_EQ(decide(), 0);
 
-    EXPECT_THAT(timeline(),
-                ElementsAreArray(Steps{tried, contextSet(4), checked} + saidNotNeeded(version)));
+    expectSteps(Steps{tried, contextSet(4), checked} + saidNotNeeded(version));
 }
 
 TEST_F(UpdateDecision, APluginThatTellsNoRunningVersionHasAnEmptyOne)
@@ -359,8 +339,7 @@ TEST_F(UpdateDecision, APluginThatTellsNoRunningVersionHasAnEmptyOne)
 
     EXPECT_EQ(decide(), 0);
 
-    EXPECT_THAT(timeline(),
-                ElementsAreArray(Steps{tried, contextSet(4), checked} + saidNotNeeded("")));
+    expectSteps(Steps{tried, contextSet(4), checked} + saidNotNeeded(""));
 }
 
 TEST_F(UpdateDecision, TheRunningVersionCountsEvenWhenItsEntryFails)
@@ -370,8 +349,7 @@ TEST_F(UpdateDecision, TheRunningVersionCountsEvenWhenItsEntryFails)
 
     EXPECT_EQ(decide(), 0);
 
-    EXPECT_THAT(timeline(),
-                ElementsAreArray(Steps{tried, contextSet(4), checked} + saidNotNeeded("1.7")));
+    expectSteps(Steps{tried, contextSet(4), checked} + saidNotNeeded("1.7"));
 }
 
 TEST_F(UpdateDecision, AModuleThatIsNotLoadedIsCheckedAllTheSame)
@@ -382,10 +360,8 @@ TEST_F(UpdateDecision, AModuleThatIsNotLoadedIsCheckedAllTheSame)
 
     EXPECT_EQ(decide(), 0);
 
-    EXPECT_THAT(
-        timeline(),
-        ElementsAre(tried, contextSet(4), checked, plugin("setContext(\"tuner\", 2, \"\")"),
-                    plugin("getActiveVersion()"), said("Error:  not need update, version is 1.0")));
+    expectSteps({tried, contextSet(4), checked, plugin("setContext(\"tuner\", 2, \"\")"),
+                 plugin("getActiveVersion()"), said("Error:  not need update, version is 1.0")});
     expectDecision(false, 90);
 }
 
@@ -398,9 +374,8 @@ TEST_F(UpdateDecision, AProcessModuleHasNoPackage)
 
     EXPECT_EQ(process.isNeedUpdate(CALLER_SERVICE, argument), -1);
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(said(" Firmware isNeedUpdateModules Try(EXT-tool)"),
-                            LogFrom("mountEMPImage", ERROR, "Error: file no exist ()")));
+    expectSteps({said(" Firmware isNeedUpdateModules Try(EXT-tool)"),
+                 LogFrom("mountEMPImage", ERROR, "Error: file no exist ()")});
 }
 
 TEST_F(UpdateDecision, APackageIsMountedFirstAndStaysMounted)
@@ -413,9 +388,8 @@ TEST_F(UpdateDecision, APackageIsMountedFirstAndStaysMounted)
 
         EXPECT_EQ(decideOnPackage(), need);
 
-        EXPECT_THAT(timeline(),
-                    ElementsAreArray(Steps{tried} + mountedAnew + Steps{contextSet(2), checked} +
-                                     (need == 1 ? Steps{} : saidNotNeeded("1.0"))));
+        expectSteps(Steps{tried} + mountedAnew + Steps{contextSet(2), checked} +
+                    (need == 1 ? Steps{} : saidNotNeeded("1.0")));
         EXPECT_TRUE(isThere(kPackage));
     }
 }
@@ -427,10 +401,8 @@ TEST_F(UpdateDecision, APackageStaysMountedWhenWhatItHoldsIsNotSound)
 
     EXPECT_EQ(decideOnPackage(), -1);
 
-    EXPECT_THAT(
-        timeline(),
-        ElementsAreArray(Steps{tried} + mountedAnew +
-                         Steps{contextSet(2), said("Error: tunerA1 Firmware CRC32 different")}));
+    expectSteps(Steps{tried} + mountedAnew +
+                Steps{contextSet(2), said("Error: tunerA1 Firmware CRC32 different")});
 }
 
 TEST_F(UpdateDecision, ThePluginIsNotAskedWhenThePackageCannotBeMounted)
@@ -439,9 +411,8 @@ TEST_F(UpdateDecision, ThePluginIsNotAskedWhenThePackageCannotBeMounted)
 
     EXPECT_EQ(decideOnPackage(), -1);
 
-    EXPECT_THAT(timeline(), ElementsAre(tried, LogFrom("mountEMPImage", ERROR,
-                                                       "Error: file no exist (" +
-                                                           std::string(kPackage) + ")")));
+    expectSteps({tried, LogFrom("mountEMPImage", ERROR,
+                                "Error: file no exist (" + std::string(kPackage) + ")")});
 }
 
 TEST_F(UpdateDecision, NothingIsMountedForAnyOtherSource)
@@ -456,7 +427,7 @@ TEST_F(UpdateDecision, NothingIsMountedForAnyOtherSource)
         EXPECT_EQ(OfferedFirmware::decide(caller, argument), 1) << caller;
     }
 
-    EXPECT_THAT(callTexts(), IsEmpty());
+    expectTexts(callTexts(), {});
 }
 
 TEST_F(UpdateDecision, WithoutAStickTheImageHasNoPath)
@@ -465,10 +436,9 @@ TEST_F(UpdateDecision, WithoutAStickTheImageHasNoPath)
 
     EXPECT_EQ(OfferedFirmware::decide(CALLER_STICK, argument), -1);
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(tried, contextSet(0),
-                            LogFrom("getBinaryPath", ERROR, "Error: Usb mount path Not found."),
-                            said("Error: Firmware binary file no exist ()")));
+    expectSteps({tried, contextSet(0),
+                 LogFrom("getBinaryPath", ERROR, "Error: Usb mount path Not found."),
+                 said("Error: Firmware binary file no exist ()")});
 }
 
 TEST_F(UpdateDecision, EveryCallerHasItsSource)
@@ -488,16 +458,16 @@ TEST_F(UpdateDecision, EveryCallerHasItsSource)
 
         EXPECT_EQ(OfferedFirmware::decide(static_cast<CallerTypes>(caller), argument), 1) << caller;
 
-        EXPECT_THAT(pluginTexts(), ElementsAre("tuner.setContext(\"tuner\", " +
-                                                   std::to_string(caller) + ", \"argument\")",
-                                               "tuner.checkVersion(\"" + source + "\", need 0)"))
-            << caller;
+        SCOPED_TRACE(caller);
+        expectTexts(pluginTexts(),
+                    {"tuner.setContext(\"tuner\", " + std::to_string(caller) + ", \"argument\")",
+                     "tuner.checkVersion(\"" + source + "\", need 0)"});
     }
     char usb[] = "USB";
     clear();
     EXPECT_EQ(OfferedFirmware::decide(CALLER_ARGUMENT, usb), 1);
-    EXPECT_THAT(pluginTexts(), ElementsAre("tuner.setContext(\"tuner\", 1, \"USB\")",
-                                           "tuner.checkVersion(\"stick\", need 0)"));
+    expectTexts(pluginTexts(), {"tuner.setContext(\"tuner\", 1, \"USB\")",
+                                "tuner.checkVersion(\"stick\", need 0)"});
 }
 
 TEST_F(UpdateDecision, OnlyCallerOneNeedsAnArgument)
@@ -512,12 +482,11 @@ TEST_F(UpdateDecision, OnlyCallerOneNeedsAnArgument)
 
         EXPECT_EQ(OfferedFirmware::decide(static_cast<CallerTypes>(caller), nullptr), 1) << caller;
 
-        EXPECT_THAT(pluginTexts(),
-                    Contains("tuner.setContext(\"tuner\", " + std::to_string(caller) + ", null)"));
+        expectStep(Plugin("tuner.setContext(\"tuner\", " + std::to_string(caller) + ", null)"));
     }
     clear();
     EXPECT_THROW(module.isNeedUpdate(CALLER_ARGUMENT, nullptr), std::logic_error);
-    EXPECT_THAT(timeline(), ElementsAre(tried));
+    expectSteps({tried});
 }
 
 TEST_F(UpdateDecision, ARecordWithoutItsEntriesRaises)
@@ -526,7 +495,7 @@ TEST_F(UpdateDecision, ARecordWithoutItsEntriesRaises)
 
     EXPECT_THROW(module.isNeedUpdate(CALLER_SYSTEM, argument), std::bad_function_call);
 
-    EXPECT_THAT(timeline(), ElementsAre(said(" Firmware isNeedUpdateModules Try(tuner)")));
+    expectSteps({said(" Firmware isNeedUpdateModules Try(tuner)")});
 }
 
 }  // namespace

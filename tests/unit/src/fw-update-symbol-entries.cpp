@@ -10,8 +10,6 @@ namespace quillon::test {
 namespace {
 
 using namespace fakes;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 class PluginEntries : public DeviceTest
 {
@@ -54,7 +52,7 @@ TEST_F(PluginEntries, ThatAreOptionalAndMissingAnswerMinusOne)
     EXPECT_EQ(module.doUpdate_decryption(nullptr, 0), -1);
     EXPECT_EQ(module.getExpectedTime(&number), -1);
     EXPECT_EQ(module.getUpdateProgress(&progress), -1);
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 TEST_F(PluginEntries, SetContextHandsOverTheLibraryNameTheCallerAndTheArgument)
@@ -64,8 +62,8 @@ TEST_F(PluginEntries, SetContextHandsOverTheLibraryNameTheCallerAndTheArgument)
     EXPECT_EQ(module.setContext(CALLER_ARGUMENT, argument), 5);
     EXPECT_EQ(module.setContext(CALLER_SYSTEM_3, nullptr), 5);
 
-    EXPECT_THAT(timeline(), ElementsAre(Plugin("alpha.setContext(\"alpha\", 1, \"USB\")"),
-                                        Plugin("alpha.setContext(\"alpha\", 7, null)")));
+    expectSteps({Plugin("alpha.setContext(\"alpha\", 1, \"USB\")"),
+                 Plugin("alpha.setContext(\"alpha\", 7, null)")});
 }
 
 TEST_F(PluginEntries, GetActiveVersionSetsTheServicesOwnContextFirst)
@@ -76,9 +74,9 @@ TEST_F(PluginEntries, GetActiveVersionSetsTheServicesOwnContextFirst)
     EXPECT_EQ(module.getActiveVersion(text), 3);
 
     EXPECT_STREQ(text, "1.7");
-    EXPECT_THAT(timeline(), ElementsAre(Plugin("alpha.setContext(\"alpha\", 0, \"USB\")"),
-                                        Plugin("alpha.setContext(\"alpha\", 2, \"\")"),
-                                        Plugin("alpha.getActiveVersion()")));
+    expectSteps({Plugin("alpha.setContext(\"alpha\", 0, \"USB\")"),
+                 Plugin("alpha.setContext(\"alpha\", 2, \"\")"),
+                 Plugin("alpha.getActiveVersion()")});
 }
 
 TEST_F(PluginEntries, CheckVersionHandsOverTheTextAndBringsTheAnswerBack)
@@ -89,7 +87,7 @@ TEST_F(PluginEntries, CheckVersionHandsOverTheTextAndBringsTheAnswerBack)
     EXPECT_EQ(module.checkVersion("3.1", &number), 6);
 
     EXPECT_EQ(number, 4);
-    EXPECT_THAT(timeline(), ElementsAre(Plugin("alpha.checkVersion(\"3.1\", need 17)")));
+    expectSteps({Plugin("alpha.checkVersion(\"3.1\", need 17)")});
 }
 
 TEST_F(PluginEntries, DoUpdateHandsOverPathAndValueWhateverTheExtraArgument)
@@ -99,8 +97,8 @@ TEST_F(PluginEntries, DoUpdateHandsOverPathAndValueWhateverTheExtraArgument)
     EXPECT_EQ(module.doUpdate("/image", 0xFFFFFFFFUL, 0), -8);
     EXPECT_EQ(module.doUpdate("/image", 1, 0xFFFFFFFFU), -8);
 
-    EXPECT_THAT(timeline(), ElementsAre(Plugin("alpha.doUpdate(\"/image\", 4294967295)"),
-                                        Plugin("alpha.doUpdate(\"/image\", 1)")));
+    expectSteps({Plugin("alpha.doUpdate(\"/image\", 4294967295)"),
+                 Plugin("alpha.doUpdate(\"/image\", 1)")});
 }
 
 TEST_F(PluginEntries, AllUpdateDoneBringsTheResultBack)
@@ -109,7 +107,7 @@ TEST_F(PluginEntries, AllUpdateDoneBringsTheResultBack)
 
     EXPECT_EQ(module.allUpdateDone(), 9);
 
-    EXPECT_THAT(timeline(), ElementsAre(Plugin("alpha.allUpdateDone()")));
+    expectSteps({Plugin("alpha.allUpdateDone()")});
 }
 
 TEST_F(PluginEntries, DoUpdateDecryptionHandsOverTheBytesAndBringsTheResultBack)
@@ -119,8 +117,8 @@ TEST_F(PluginEntries, DoUpdateDecryptionHandsOverTheBytesAndBringsTheResultBack)
 
     EXPECT_EQ(module.doUpdate_decryption(bytes.data(), 100), 12);
 
-    EXPECT_THAT(payloadsOf("alpha"), ElementsAre(bytes));
-    EXPECT_THAT(timeline(), ElementsAre(Plugin("alpha.doUpdate_decryption(100 bytes)")));
+    EXPECT_EQ(payloadsOf("alpha"), std::vector<Bytes>{bytes});
+    expectSteps({Plugin("alpha.doUpdate_decryption(100 bytes)")});
 }
 
 TEST_F(PluginEntries, GetExpectedTimeBringsSecondsAndResultBack)
@@ -153,7 +151,7 @@ TEST_F(PluginEntries, AModuleThatFailedToLoadIsAskedForProgressButNotForTimeOrUp
     EXPECT_EQ(module.doUpdate_decryption(nullptr, 0), -1);
 
     EXPECT_EQ(progress, 7U);
-    EXPECT_THAT(pluginTexts(), ElementsAre("alpha.getUpdateProgress()", "alpha.allUpdateDone()"));
+    expectTexts(pluginTexts(), {"alpha.getUpdateProgress()", "alpha.allUpdateDone()"});
 }
 
 TEST_F(PluginEntries, AnExceptionOutOfAPluginReachesTheCaller)

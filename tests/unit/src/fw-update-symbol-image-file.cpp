@@ -17,8 +17,6 @@ namespace quillon::test {
 namespace {
 
 using namespace fakes;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 constexpr char kImage[] = "/opt/media/USBDriveA/alpha.bin";
 
@@ -38,11 +36,9 @@ protected:
     {
         EXPECT_EQ(estimate(), -1);
         EXPECT_EQ(update(), -1);
-        EXPECT_THAT(timeline(),
-                    ElementsAre(LogFrom("getNeedUpdateList", ERROR,
-                                        "Error: /opt/media/USBDriveA/alpha.bin open fail"),
-                                LogFrom("updateUSB", ERROR,
-                                        "Error: /opt/media/USBDriveA/alpha.bin file open")));
+        expectSteps(
+            {LogFrom("getNeedUpdateList", ERROR, "Error: /opt/media/USBDriveA/alpha.bin open fail"),
+             LogFrom("updateUSB", ERROR, "Error: /opt/media/USBDriveA/alpha.bin file open")});
     }
 
     // What the verifier's answer hides from the caller is done while it reads.
@@ -58,18 +54,15 @@ protected:
     {
         stick.addImage("alpha", image);
         EXPECT_EQ(estimate(), -1);
-        EXPECT_THAT(timeline(),
-                    ElementsAre(verified, saidSigned,
-                                LogFrom("getNeedUpdateList", ERROR,
-                                        "Error: /opt/media/USBDriveA/alpha.bin is NOT signed ")));
+        expectSteps({verified, saidSigned,
+                     LogFrom("getNeedUpdateList", ERROR,
+                             "Error: /opt/media/USBDriveA/alpha.bin is NOT signed ")});
         clear();
         stick.addImage("alpha", image);
         EXPECT_EQ(update(), -1);
-        EXPECT_THAT(
-            timeline(),
-            ElementsAre(verified, saidSigned,
-                        LogFrom("updateUSB", ERROR,
-                                "Error: /opt/media/USBDriveA/alpha.bin file is NOT signed ")));
+        expectSteps({verified, saidSigned,
+                     LogFrom("updateUSB", ERROR,
+                             "Error: /opt/media/USBDriveA/alpha.bin file is NOT signed ")});
     }
 
     const Bytes image = Image().payload(bytesOf("as verified")).bytes();
@@ -133,7 +126,7 @@ TEST_F(ImageFile, ALinkToARegularFileIsAnImage)
     EXPECT_EQ(estimate(), 1);
     EXPECT_EQ(update(), 0);
 
-    EXPECT_THAT(payloadsOf("alpha"), ElementsAre(bytesOf("as verified")));
+    EXPECT_EQ(payloadsOf("alpha"), std::vector<Bytes>{bytesOf("as verified")});
 }
 
 TEST_F(ImageFile, ALinkToAFifoIsNoImage)
@@ -153,7 +146,7 @@ TEST_F(ImageFile, ExchangedForAnotherDuringVerificationCountsAsNotSigned)
 
     expectBothToRefuse();
 
-    EXPECT_THAT(payloadsOf("alpha"), IsEmpty());
+    EXPECT_TRUE(payloadsOf("alpha").empty());
 }
 
 TEST_F(ImageFile, RewrittenInPlaceDuringVerificationCountsAsNotSigned)
@@ -226,11 +219,10 @@ TEST_F(ImageFile, OfMoreThanTwoGigabytesCannotBeDeciphered)
     EXPECT_EQ(estimate(), -1);
     EXPECT_EQ(update(), -1);
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(verified, saidSigned, contextSet,
-                            LogFrom("getNeedUpdateList", ERROR, "Error: Decryption data is null"),
-                            verified, saidSigned, contextSet,
-                            LogFrom("updateUSB", ERROR, "Error: Decryption data is null")));
+    expectSteps({verified, saidSigned, contextSet,
+                 LogFrom("getNeedUpdateList", ERROR, "Error: Decryption data is null"), verified,
+                 saidSigned, contextSet,
+                 LogFrom("updateUSB", ERROR, "Error: Decryption data is null")});
 }
 
 TEST_F(ImageFile, EveryTruncationLeavesTheModuleServing)

@@ -14,13 +14,6 @@
 
 using namespace quillon::fakes;
 using namespace quillon::test;
-using ::testing::AllOf;
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::EndsWith;
-using ::testing::HasSubstr;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 namespace {
 
@@ -93,13 +86,11 @@ TEST_F(LateUpdate, PostsTheSemaphoreOnceThenLogsThenThrows)
 
     expectTimeOut("alpha");
 
-    EXPECT_THAT(ownTimeline(),
-                ElementsAre(Log(ERROR, "alpha update time 0 ms"),
-                            Call("sem_wait(\"/SEM_UPDATE_CONTROL\") = 0"),
-                            Call(AllOf(StartsWith("pthread_cond_clockwait(CLOCK_MONOTONIC, "),
-                                       EndsWith(") = 110"))),
-                            Call("sem_post(\"/SEM_UPDATE_CONTROL\") = 0"),
-                            LogFrom("update_timeout_wrapper", ERROR, "alpha update timeout")));
+    expectSteps(ownTimeline(), {Log(ERROR, "alpha update time 0 ms"),
+                                Call("sem_wait(\"/SEM_UPDATE_CONTROL\") = 0"),
+                                Call(like("pthread_cond_clockwait(CLOCK_MONOTONIC, *) = 110")),
+                                Call("sem_post(\"/SEM_UPDATE_CONTROL\") = 0"),
+                                LogFrom("update_timeout_wrapper", ERROR, "alpha update timeout")});
     EXPECT_EQ(semaphoreValue(), 1);
     gate.open();
     awaitEndOf("alpha");
@@ -112,11 +103,11 @@ TEST_F(LateUpdate, IsNotStopped)
     start();
 
     expectTimeOut("alpha");
-    EXPECT_THAT(logTexts(), Not(Contains(succeeded("alpha"))));
+    expectNoStep(Log(succeeded("alpha")));
 
     gate.open();
     awaitEndOf("alpha");
-    EXPECT_THAT(logTexts(), Contains(succeeded("alpha")));
+    expectStep(Log(succeeded("alpha")));
 }
 
 TEST_F(LateUpdate, MayBeOneThatEndedBeforeTheWaitBegan)
@@ -128,9 +119,9 @@ TEST_F(LateUpdate, MayBeOneThatEndedBeforeTheWaitBegan)
 
     expectTimeOut("alpha");
 
-    EXPECT_THAT(logTexts(), ElementsAre("alpha update time 0 ms", "alpha Firmware Update Try",
-                                        "========== [ alpha update start ] ==========",
-                                        succeeded("alpha"), "alpha update timeout"));
+    expectTexts(logTexts(), {"alpha update time 0 ms", "alpha Firmware Update Try",
+                             "========== [ alpha update start ] ==========", succeeded("alpha"),
+                             "alpha update timeout"});
     EXPECT_EQ(semaphoreValue(), 1);
 }
 
@@ -167,7 +158,7 @@ TEST_F(LateUpdate, MayStillThrow)
 
     gate.open();
     awaitEndOf("alpha");
-    EXPECT_THAT(logTexts(), Not(Contains(succeeded("alpha"))));
+    expectNoStep(Log(succeeded("alpha")));
 }
 
 TEST_F(LateUpdate, OutlivesTwoLaterUpdatesAndTheRegistry)
@@ -182,13 +173,13 @@ TEST_F(LateUpdate, OutlivesTwoLaterUpdatesAndTheRegistry)
     EXPECT_EQ(update_timeout_wrapper(module("bravo"), 30, CALLER_SYSTEM, noText), 0);
     EXPECT_EQ(update_timeout_wrapper(module("bravo"), 30, CALLER_SYSTEM, noText), 0);
     manager->onDestroy();
-    EXPECT_THAT(callTexts(), Not(Contains(closed("alpha"))));
-    EXPECT_THAT(askedFor("doUpdate"), ElementsAre("bravo", "bravo"));
+    expectNoStep(Call(closed("alpha")));
+    expectTexts(askedFor("doUpdate"), {"bravo", "bravo"});
 
     gate.open();
     awaitText(closed("alpha"));
-    EXPECT_THAT(logTexts(), Contains(succeeded("alpha")));
-    EXPECT_THAT(askedFor("doUpdate"), ElementsAre("bravo", "bravo", "alpha"));
+    expectStep(Log(succeeded("alpha")));
+    expectTexts(askedFor("doUpdate"), {"bravo", "bravo", "alpha"});
 }
 
 TEST_F(LateUpdate, UsesATextOfItsOwn)
@@ -205,9 +196,8 @@ TEST_F(LateUpdate, UsesATextOfItsOwn)
 
     gate.open();
     awaitEndOf("alpha");
-    EXPECT_THAT(
-        pluginTexts(),
-        Contains("alpha.setContext(\"alpha\", 1, \"a text that is longer than the small ones\")"));
+    expectStep(
+        Plugin("alpha.setContext(\"alpha\", 1, \"a text that is longer than the small ones\")"));
 }
 
 TEST_F(LateUpdate, KeepsTheUpdatesOfThisProcessThatComeAfterItWaiting)
@@ -219,11 +209,11 @@ TEST_F(LateUpdate, KeepsTheUpdatesOfThisProcessThatComeAfterItWaiting)
     expectTimeOut("alpha");
     expectTimeOut("bravo");
 
-    EXPECT_THAT(askedFor("setContext"), ElementsAre("alpha"));
+    expectTexts(askedFor("setContext"), {"alpha"});
     gate.open();
     awaitEndOf("alpha");
     awaitText(closed("bravo"));
-    EXPECT_THAT(askedFor("doUpdate"), ElementsAre("alpha", "bravo"));
+    expectTexts(askedFor("doUpdate"), {"alpha", "bravo"});
 }
 
 TEST_F(LateUpdate, ThatEndsLetsTheNextOneOfThisProcessPass)
@@ -236,5 +226,5 @@ TEST_F(LateUpdate, ThatEndsLetsTheNextOneOfThisProcessPass)
 
     EXPECT_EQ(manager->update_timeout_wrapper(module("bravo"), 30, CALLER_SYSTEM, noText), 0);
 
-    EXPECT_THAT(askedFor("doUpdate"), ElementsAre("alpha", "bravo"));
+    expectTexts(askedFor("doUpdate"), {"alpha", "bravo"});
 }

@@ -15,10 +15,6 @@
 
 using namespace quillon::fakes;
 using namespace quillon::test;
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::Not;
 
 namespace {
 
@@ -77,11 +73,11 @@ TEST_F(GuardSemaphore, HeldByAnotherProcessIsWaitedForBeforeTheUpdate)
     auto guarded = std::async(std::launch::async, [this] { return guard(); });
     awaitText("alpha update time 30 ms");
     EXPECT_EQ(guarded.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
-    EXPECT_THAT(pluginTexts(), IsEmpty());
+    expectTexts(pluginTexts(), {});
     ASSERT_EQ(inAnotherProcess(sem_post), 0);
 
     EXPECT_EQ(guarded.get(), 0);
-    EXPECT_THAT(askedFor("doUpdate"), ElementsAre("alpha"));
+    expectTexts(askedFor("doUpdate"), {"alpha"});
     EXPECT_EQ(semaphoreValue(), 1);
 }
 
@@ -113,12 +109,12 @@ TEST_F(GuardSemaphore, LetsOneGuardAtATimePassInOneProcess)
     auto second = std::async(std::launch::async, [this] { return guard("bravo"); });
     awaitText("bravo update time 30 ms");
     EXPECT_EQ(second.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
-    EXPECT_THAT(logTexts(), Not(Contains("bravo Firmware Update Try")));
+    expectNoStep(Log("bravo Firmware Update Try"));
     gate.open();
 
     EXPECT_EQ(first.get(), 0);
     EXPECT_EQ(second.get(), 0);
-    EXPECT_THAT(askedFor("doUpdate"), ElementsAre("alpha", "bravo"));
+    expectTexts(askedFor("doUpdate"), {"alpha", "bravo"});
 }
 
 TEST_F(GuardSemaphore, ThatCannotBeHadMeansNoUpdate)
@@ -129,8 +125,8 @@ TEST_F(GuardSemaphore, ThatCannotBeHadMeansNoUpdate)
 
     EXPECT_EQ(guard(), -1);
 
-    EXPECT_THAT(timeline(), ElementsAre(Log(ERROR, "alpha update time 30 ms"),
-                                        Log(ERROR, "Parent\t: [sem_open] Failed\n")));
+    expectSteps(
+        {Log(ERROR, "alpha update time 30 ms"), Log(ERROR, "Parent\t: [sem_open] Failed\n")});
 }
 
 TEST_F(GuardSemaphore, WhoseWaitFailsIsNotLookedAt)
@@ -141,7 +137,7 @@ TEST_F(GuardSemaphore, WhoseWaitFailsIsNotLookedAt)
 
     EXPECT_EQ(guard(), 0);
 
-    EXPECT_THAT(callTexts(), ElementsAre("sem_wait(\"/SEM_UPDATE_CONTROL\") = -1", kPosted));
+    expectTexts(callTexts(), {"sem_wait(\"/SEM_UPDATE_CONTROL\") = -1", kPosted});
 }
 
 TEST_F(GuardSemaphore, IsFreeAgainWhenTheWorkerCannotBeStarted)
@@ -156,8 +152,8 @@ TEST_F(GuardSemaphore, IsFreeAgainWhenTheWorkerCannotBeStarted)
         EXPECT_EQ(error.code().value(), EAGAIN);
     }
 
-    EXPECT_THAT(timeline(), ElementsAre(Log(ERROR, "alpha update time 30 ms"), Call(kWaited),
-                                        Call("pthread_create() = 11"), Call(kPosted)));
+    expectSteps({Log(ERROR, "alpha update time 30 ms"), Call(kWaited),
+                 Call("pthread_create() = 11"), Call(kPosted)});
     EXPECT_EQ(semaphoreValue(), 1);
     EXPECT_EQ(guard(), 0);
 }
@@ -169,5 +165,5 @@ TEST_F(GuardSemaphore, IsPostedOnceWhenTheUpdateFails)
 
     EXPECT_EQ(guard(), -1);
 
-    EXPECT_THAT(callTexts(), ElementsAre(kWaited, kPosted));
+    expectTexts(callTexts(), {kWaited, kPosted});
 }

@@ -11,10 +11,6 @@
 
 using namespace quillon::fakes;
 using namespace quillon::test;
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
-using ::testing::IsEmpty;
 
 namespace {
 
@@ -156,8 +152,8 @@ TEST_F(Items, AreMadeWithoutACheck)
 
     manager->getFwItems(items);
 
-    EXPECT_THAT(timeline(), ElementsAre(Plugin("alpha.setContext(\"alpha\", 2, \"\")"),
-                                        Plugin("alpha.getActiveVersion()")));
+    expectSteps(
+        {Plugin("alpha.setContext(\"alpha\", 2, \"\")"), Plugin("alpha.getActiveVersion()")});
 }
 
 TEST_F(Items, OfNoModulesAreNone)
@@ -167,7 +163,7 @@ TEST_F(Items, OfNoModulesAreNone)
     EXPECT_EQ(manager->getFwItems(items), 0);
     EXPECT_EQ(manager->getUpdateFwItems(items, CALLER_SYSTEM, noText), 0);
 
-    EXPECT_THAT(items, IsEmpty());
+    EXPECT_TRUE(items.empty());
 }
 
 TEST_F(Items, FollowThoseThatAreThere)
@@ -179,7 +175,7 @@ TEST_F(Items, FollowThoseThatAreThere)
     EXPECT_EQ(manager->getFwItems(items), 0);
     EXPECT_EQ(manager->getUpdateFwItems(items, CALLER_SYSTEM, noText), 0);
 
-    EXPECT_THAT(libNames(), ElementsAre("earlier", "alpha", "alpha"));
+    expectTexts(libNames(), {"earlier", "alpha", "alpha"});
 }
 
 TEST_F(Items, CutALibraryNameThatDoesNotFit)
@@ -239,7 +235,7 @@ TEST_F(Items, EndWithAnErrorAtAModuleThatIsNotLoaded)
 
     EXPECT_THROW(manager->getFwItems(items), std::bad_function_call);
 
-    EXPECT_THAT(items, IsEmpty());
+    EXPECT_TRUE(items.empty());
 }
 
 TEST_F(Items, ToUpdateAreThoseWhoseCheckSaysOne)
@@ -248,13 +244,13 @@ TEST_F(Items, ToUpdateAreThoseWhoseCheckSaysOne)
     device.changeModule(names[1], Module().upToDate());
 
     EXPECT_EQ(manager->getUpdateFwItems(items, CALLER_SYSTEM, noText), 0);
-    EXPECT_THAT(libNames(), ElementsAre(names[0], names[2]));
+    expectTexts(libNames(), {names[0], names[2]});
 
     device.changeModule(names[0], Module().needs(2));
     device.changeModule(names[2], Module().needs(-1));
     items.clear();
     EXPECT_EQ(manager->getUpdateFwItems(items, CALLER_SYSTEM, noText), 0);
-    EXPECT_THAT(libNames(), IsEmpty());
+    expectTexts(libNames(), {});
 }
 
 TEST_F(Items, ToUpdateAreCheckedForTheCaller)
@@ -265,10 +261,10 @@ TEST_F(Items, ToUpdateAreCheckedForTheCaller)
 
     EXPECT_EQ(manager->getUpdateFwItems(items, CALLER_SYSTEM_2, text), 0);
 
-    EXPECT_THAT(pluginTexts(),
-                ElementsAre("alpha.setContext(\"alpha\", 6, \"some text\")",
-                            "alpha.checkVersion(\"2.0\", need 0)",
-                            "alpha.setContext(\"alpha\", 2, \"\")", "alpha.getActiveVersion()"));
+    expectTexts(
+        pluginTexts(),
+        {"alpha.setContext(\"alpha\", 6, \"some text\")", "alpha.checkVersion(\"2.0\", need 0)",
+         "alpha.setContext(\"alpha\", 2, \"\")", "alpha.getActiveVersion()"});
     ASSERT_EQ(items.size(), 1U);
     EXPECT_STREQ(items.front().version, "1.7");
     EXPECT_STREQ(items.front().firmwareName, "alpha");
@@ -282,5 +278,5 @@ TEST_F(Items, ToUpdateLeaveOutAModuleWithNothingOnOffer)
 
     EXPECT_EQ(manager->getUpdateFwItems(items, CALLER_SERVICE, noText), 0);
 
-    EXPECT_THAT(items, IsEmpty());
+    EXPECT_TRUE(items.empty());
 }

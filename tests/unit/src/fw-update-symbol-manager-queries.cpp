@@ -10,9 +10,6 @@
 
 using namespace quillon::fakes;
 using namespace quillon::test;
-using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
-using ::testing::IsEmpty;
 
 namespace {
 
@@ -68,8 +65,8 @@ TEST_F(Queries, TellVersionAndFirmwareName)
 
     EXPECT_STREQ(version.data(), "1.7");
     EXPECT_STREQ(firmwareName.data(), "tuner");
-    EXPECT_THAT(timeline(), ElementsAre(Plugin("alpha.setContext(\"alpha\", 2, \"\")"),
-                                        Plugin("alpha.getActiveVersion()")));
+    expectSteps(
+        {Plugin("alpha.setContext(\"alpha\", 2, \"\")"), Plugin("alpha.getActiveVersion()")});
 }
 
 TEST_F(Queries, NeverWriteBehindThe127BytesOfTheName)
@@ -118,7 +115,7 @@ TEST_F(Queries, ForTheVersionOfAnUnknownModuleWriteNothing)
 
     EXPECT_EQ(version, versionBefore);
     EXPECT_EQ(firmwareName, nameBefore);
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 TEST_F(Queries, ForAVersionAskOnlyTheFirstOfTwoModules)
@@ -128,7 +125,7 @@ TEST_F(Queries, ForAVersionAskOnlyTheFirstOfTwoModules)
     EXPECT_EQ(askVersion("alpha"), 0);
 
     EXPECT_STREQ(firmwareName.data(), "first");
-    EXPECT_THAT(askedFor("getActiveVersion"), ElementsAre("alpha"));
+    expectTexts(askedFor("getActiveVersion"), {"alpha"});
 }
 
 TEST_F(Queries, FindAModuleBehindOthers)
@@ -157,7 +154,7 @@ TEST_F(Queries, TellTheProgress)
     EXPECT_EQ(manager->getFirmwareUpdateProgress("alpha", &progress), 3);
 
     EXPECT_EQ(progress, 44U);
-    EXPECT_THAT(timeline(), ElementsAre(Plugin("alpha.getUpdateProgress()")));
+    expectSteps({Plugin("alpha.getUpdateProgress()")});
 }
 
 TEST_F(Queries, ForTheProgressOfAnUnknownModuleWriteNothing)
@@ -170,7 +167,7 @@ TEST_F(Queries, ForTheProgressOfAnUnknownModuleWriteNothing)
     }
 
     EXPECT_EQ(progress, 7U);
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 TEST_F(Queries, ForAProgressAskOnlyTheFirstOfTwoModules)
@@ -180,7 +177,7 @@ TEST_F(Queries, ForAProgressAskOnlyTheFirstOfTwoModules)
 
     EXPECT_EQ(manager->getFirmwareUpdateProgress("alpha", &progress), 0);
 
-    EXPECT_THAT(askedFor("getUpdateProgress"), ElementsAre("alpha"));
+    expectTexts(askedFor("getUpdateProgress"), {"alpha"});
 }
 
 TEST_F(Queries, ForTheProgressOfAModuleThatTellsNoneFail)
@@ -228,10 +225,9 @@ TEST_F(DownloadAll, AsksForEveryPackageInOrder)
 
     EXPECT_EQ(manager->downloadEMPAll(), 0);
 
-    EXPECT_THAT(logTexts(),
-                ElementsAre("Error: EMP ABM_DownloadAppBinary fail.(" + names[0] + "emp)",
-                            "Request (" + names[1] + "emp) emp download",
-                            "Request (" + names[2] + "emp) emp download"));
+    expectTexts(logTexts(), {"Error: EMP ABM_DownloadAppBinary fail.(" + names[0] + "emp)",
+                             "Request (" + names[1] + "emp) emp download",
+                             "Request (" + names[2] + "emp) emp download"});
     EXPECT_EQ(callTexts().size(), 3U);
 }
 
@@ -242,5 +238,5 @@ TEST_F(DownloadAll, PassesOverModulesThatAreNotLoaded)
 
     EXPECT_EQ(manager->downloadEMPAll(), 0);
 
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }

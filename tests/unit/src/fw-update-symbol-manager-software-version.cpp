@@ -2,7 +2,6 @@
 
 using namespace quillon::fakes;
 using namespace quillon::test;
-using ::testing::ElementsAre;
 
 namespace {
 
@@ -35,9 +34,9 @@ TEST_P(SoftwareVersionValue, IsKeptUpToItsLastDash)
 
     EXPECT_EQ(manager->getSWVersionString(), 0);
 
-    EXPECT_THAT(timeline(), ElementsAre(Call("system_info_get_value_string(128) = 0"),
-                                        LogFrom("getSWVersionString", INFO,
-                                                std::string("SWModel : ") + GetParam().model)));
+    expectSteps(
+        {Call("system_info_get_value_string(128) = 0"),
+         LogFrom("getSWVersionString", INFO, std::string("SWModel : ") + GetParam().model)});
 }
 
 INSTANTIATE_TEST_SUITE_P(Values, SoftwareVersionValue,
@@ -52,11 +51,9 @@ TEST_F(SoftwareVersion, WithoutADashIsAFailure)
 
     EXPECT_EQ(manager->getSWVersionString(), -1);
 
-    EXPECT_THAT(
-        timeline(),
-        ElementsAre(Call("system_info_get_value_string(128) = 0"),
-                    LogFrom("getSWVersionString", ERROR,
-                            "getSWVersionString: Wrong string format - lack of dash: MODEL 1")));
+    expectSteps({Call("system_info_get_value_string(128) = 0"),
+                 LogFrom("getSWVersionString", ERROR,
+                         "getSWVersionString: Wrong string format - lack of dash: MODEL 1")});
 }
 
 TEST_F(SoftwareVersion, OfNoCharactersIsAFailure)
@@ -65,8 +62,7 @@ TEST_F(SoftwareVersion, OfNoCharactersIsAFailure)
 
     EXPECT_EQ(manager->getSWVersionString(), -1);
 
-    EXPECT_THAT(logTexts(),
-                ElementsAre("getSWVersionString: Wrong string format - lack of dash: "));
+    expectTexts(logTexts(), {"getSWVersionString: Wrong string format - lack of dash: "});
 }
 
 TEST_F(SoftwareVersion, ThatThePlatformDoesNotTellIsAFailure)
@@ -76,11 +72,10 @@ TEST_F(SoftwareVersion, ThatThePlatformDoesNotTellIsAFailure)
     EXPECT_EQ(manager->getSWVersionString(), -1);
     EXPECT_EQ(manager->getSWVersionString(), -1);
 
-    EXPECT_THAT(timeline(), ElementsAre(Call("system_info_get_value_string(128) = -1"),
-                                        LogFrom("getSWVersionString", ERROR,
-                                                "Unable to read SW version from system-info"),
-                                        Call("system_info_get_value_string(128) = 7"),
-                                        Log(ERROR, "Unable to read SW version from system-info")));
+    expectSteps({Call("system_info_get_value_string(128) = -1"),
+                 LogFrom("getSWVersionString", ERROR, "Unable to read SW version from system-info"),
+                 Call("system_info_get_value_string(128) = 7"),
+                 Log(ERROR, "Unable to read SW version from system-info")});
 }
 
 TEST_F(SoftwareVersion, ThatIsMissingDoesNotStopTheStart)
@@ -89,9 +84,9 @@ TEST_F(SoftwareVersion, ThatIsMissingDoesNotStopTheStart)
 
     EXPECT_TRUE(manager->getIsReady(true));
 
-    EXPECT_THAT(timeline(), ElementsAre(Call("system_info_get_value_string(128) = -1"),
-                                        Log(ERROR, "Unable to read SW version from system-info"),
-                                        LogFrom("onCreate", ERROR, kNoVersion)));
+    expectSteps({Call("system_info_get_value_string(128) = -1"),
+                 Log(ERROR, "Unable to read SW version from system-info"),
+                 LogFrom("onCreate", ERROR, kNoVersion)});
 }
 
 TEST_F(SoftwareVersion, ThatIsMalformedDoesNotStopTheStart)
@@ -100,7 +95,6 @@ TEST_F(SoftwareVersion, ThatIsMalformedDoesNotStopTheStart)
 
     EXPECT_TRUE(manager->getIsReady(true));
 
-    EXPECT_THAT(
-        logTexts(),
-        ElementsAre("getSWVersionString: Wrong string format - lack of dash: MODEL", kNoVersion));
+    expectTexts(logTexts(),
+                {"getSWVersionString: Wrong string format - lack of dash: MODEL", kNoVersion});
 }

@@ -15,10 +15,6 @@
 
 using namespace quillon::fakes;
 using namespace quillon::test;
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
-using ::testing::IsEmpty;
 
 namespace {
 
@@ -88,11 +84,10 @@ TEST_F(UpdateList, HoldsALineForEachModuleToUpdate)
 
     EXPECT_EQ(textOf(kUpdateList),
               names[0] + " " + names[0] + "emp\n" + names[2] + " " + names[2] + "emp\n");
-    EXPECT_THAT(timeline(),
-                Contains(LogFrom("writeFirmwareUpdateList", ERROR,
-                                 "Need Update [" + names[0] + "][" + names[0] + "emp]")));
-    EXPECT_THAT(logTexts().back(), "Need Update [" + names[2] + "][" + names[2] + "emp]");
-    EXPECT_THAT(askedFor("checkVersion"), ElementsAreArray(names));
+    expectStep(LogFrom("writeFirmwareUpdateList", ERROR,
+                       "Need Update [" + names[0] + "][" + names[0] + "emp]"));
+    EXPECT_EQ(logTexts().back(), "Need Update [" + names[2] + "][" + names[2] + "emp]");
+    EXPECT_EQ(askedFor("checkVersion"), names);
 }
 
 TEST_F(UpdateList, AsksForTheServiceAndMarksTheModules)
@@ -102,8 +97,8 @@ TEST_F(UpdateList, AsksForTheServiceAndMarksTheModules)
 
     EXPECT_EQ(write(), 1);
 
-    EXPECT_THAT(pluginTexts(), ElementsAre("alpha.setContext(\"alpha\", 2, \"\")",
-                                           "alpha.checkVersion(\"2.0\", need 0)"));
+    expectTexts(pluginTexts(),
+                {"alpha.setContext(\"alpha\", 2, \"\")", "alpha.checkVersion(\"2.0\", need 0)"});
     EXPECT_TRUE(module("alpha").getNeedUpdate());
     EXPECT_EQ(module("alpha").getExpectedUpdateTime(), 33);
 }
@@ -137,7 +132,7 @@ TEST_F(UpdateList, OfNoModulesIsEmpty)
     EXPECT_EQ(write(), 0);
 
     EXPECT_EQ(textOf(kUpdateList), "");
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 TEST_F(UpdateList, CountsOnlyTheNeedOne)
@@ -162,7 +157,7 @@ TEST_F(UpdateList, NamesTheLibraryAndThePackage)
     EXPECT_EQ(write(), 1);
 
     EXPECT_EQ(textOf(kUpdateList), "alpha tunerempA1\n");
-    EXPECT_THAT(logTexts(), Contains("Need Update [alpha][tunerempA1]"));
+    expectStep(Log("Need Update [alpha][tunerempA1]"));
 }
 
 TEST_F(UpdateList, IsWrittenAnewByEachPass)
@@ -210,9 +205,8 @@ TEST_F(UpdateList, BehindALinkIsRefusedBeforeAnyModuleIsAsked)
 
     EXPECT_EQ(write(), -1);
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(LogFrom("check_race_condition", ERROR, "symbolic link is detected\n"),
-                            LogFrom("writeFirmwareUpdateList", ERROR, kUnsafe)));
+    expectSteps({LogFrom("check_race_condition", ERROR, "symbolic link is detected\n"),
+                 LogFrom("writeFirmwareUpdateList", ERROR, kUnsafe)});
     EXPECT_EQ(textOf(kVictim), "untouched");
     EXPECT_EQ(std::filesystem::read_symlink(kUpdateList), kVictim);
 }
@@ -224,7 +218,7 @@ TEST_F(UpdateList, BehindALinkToNothingIsRefused)
 
     EXPECT_EQ(write(), -1);
 
-    EXPECT_THAT(logTexts(), ElementsAre("symbolic link is detected\n", kUnsafe));
+    expectTexts(logTexts(), {"symbolic link is detected\n", kUnsafe});
     EXPECT_FALSE(std::filesystem::exists(kVictim));
 }
 
@@ -238,7 +232,7 @@ TEST_F(UpdateList, BehindALinkThatAppearsAfterTheLookIsNotWritten)
     EXPECT_EQ(write(), 1);
 
     EXPECT_EQ(textOf(kVictim), "untouched");
-    EXPECT_THAT(logTexts().back(), "Need Update [alpha][alphaemp]");
+    EXPECT_EQ(logTexts().back(), "Need Update [alpha][alphaemp]");
 }
 
 TEST_F(UpdateList, WhosePathCannotBeLookedAtIsRefused)
@@ -250,9 +244,9 @@ TEST_F(UpdateList, WhosePathCannotBeLookedAtIsRefused)
 
     EXPECT_EQ(write(), -1);
 
-    EXPECT_THAT(timeline(), ElementsAre(Call("lstat(\"/tmp/fwupdate-off-list.txt\") = -1"),
-                                        LogFrom("check_race_condition", ERROR, "lstat error\n"),
-                                        LogFrom("writeFirmwareUpdateList", ERROR, kUnsafe)));
+    expectSteps({Call("lstat(\"/tmp/fwupdate-off-list.txt\") = -1"),
+                 LogFrom("check_race_condition", ERROR, "lstat error\n"),
+                 LogFrom("writeFirmwareUpdateList", ERROR, kUnsafe)});
     EXPECT_EQ(textOf(kUpdateList), "untouched");
 }
 
@@ -263,7 +257,7 @@ TEST_F(UpdateList, ThatCannotBeOpenedIsNotReported)
 
     EXPECT_EQ(write(), 1);
 
-    EXPECT_THAT(logTexts().back(), "Need Update [alpha][alphaemp]");
+    EXPECT_EQ(logTexts().back(), "Need Update [alpha][alphaemp]");
     EXPECT_TRUE(std::filesystem::is_directory(kUpdateList));
     EXPECT_TRUE(module("alpha").getNeedUpdate());
 }
@@ -278,7 +272,7 @@ TEST_F(UpdateList, ThatIsASecondNameOfAnotherFileIsNotWritten)
     EXPECT_EQ(write(), 1);
 
     EXPECT_EQ(textOf(victim), "untouched");
-    EXPECT_THAT(logTexts().back(), "Need Update [alpha][alphaemp]");
+    EXPECT_EQ(logTexts().back(), "Need Update [alpha][alphaemp]");
 }
 
 TEST_F(UpdateList, IsNotWrittenIntoAPipeThatHasAReader)
@@ -311,7 +305,7 @@ TEST_F(UpdateList, StoppedBeforeTheFirstModuleIsEmpty)
 
     EXPECT_EQ(write(), -1);
 
-    EXPECT_THAT(timeline(), ElementsAre(LogFrom("writeFirmwareUpdateList", ERROR, kStopped)));
+    expectSteps({LogFrom("writeFirmwareUpdateList", ERROR, kStopped)});
     EXPECT_EQ(textOf(kUpdateList), "");
 }
 
@@ -327,10 +321,10 @@ TEST_F(UpdateList, StoppedBetweenTwoModulesKeepsItsLines)
 
     EXPECT_EQ(write(), -1);
 
-    EXPECT_THAT(logTexts().back(), kStopped);
+    EXPECT_EQ(logTexts().back(), kStopped);
     EXPECT_EQ(textOf(kUpdateList),
               names[0] + " " + names[0] + "emp\n" + names[1] + " " + names[1] + "emp\n");
-    EXPECT_THAT(askedFor("checkVersion"), ElementsAre(names[0], names[1]));
+    expectTexts(askedFor("checkVersion"), {names[0], names[1]});
 }
 
 TEST_F(UpdateList, HoldsEachLineBeforeTheNextModuleIsAsked)
@@ -390,11 +384,10 @@ TEST_F(UpdatingIsOver, IsToldToEveryModuleInOrder)
 
     EXPECT_EQ(manager->allDoUpdateDone(), 0);
 
-    EXPECT_THAT(timeline(), ElementsAre(LogFrom("allDoUpdateDone", ERROR, "Try allDoUpdateDone"),
-                                        Plugin(names[0] + ".allUpdateDone()"),
-                                        Plugin(names[1] + ".allUpdateDone()"),
-                                        Plugin(names[2] + ".allUpdateDone()"),
-                                        LogFrom("allDoUpdateDone", ERROR, "allDoUpdateDone Done")));
+    expectSteps({LogFrom("allDoUpdateDone", ERROR, "Try allDoUpdateDone"),
+                 Plugin(names[0] + ".allUpdateDone()"), Plugin(names[1] + ".allUpdateDone()"),
+                 Plugin(names[2] + ".allUpdateDone()"),
+                 LogFrom("allDoUpdateDone", ERROR, "allDoUpdateDone Done")});
 }
 
 TEST_F(UpdatingIsOver, IsNothingToModulesThatDoNotListen)
@@ -405,6 +398,5 @@ TEST_F(UpdatingIsOver, IsNothingToModulesThatDoNotListen)
 
     EXPECT_EQ(manager->allDoUpdateDone(), 0);
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(Log(ERROR, "Try allDoUpdateDone"), Log(ERROR, "allDoUpdateDone Done")));
+    expectSteps({Log(ERROR, "Try allDoUpdateDone"), Log(ERROR, "allDoUpdateDone Done")});
 }

@@ -5,13 +5,6 @@
 
 using namespace quillon::fakes;
 using namespace quillon::test;
-using ::testing::Contains;
-using ::testing::Each;
-using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 namespace {
 
@@ -98,7 +91,7 @@ TEST_F(UsbEstimate, OfNoModulesIsZeroAndNothingToDo)
     EXPECT_EQ(estimate(), -1);
 
     EXPECT_EQ(total, 0);
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 TEST_F(UsbEstimate, IsTheSumOfWhatTheModulesToUpdateTake)
@@ -117,9 +110,8 @@ TEST_F(UsbEstimate, IsTheSumOfWhatTheModulesToUpdateTake)
             expected.push_back(neededLine(name, name == "alpha" ? 30 : 45));
         }
     }
-    EXPECT_THAT(linesThatBegin("Need Update"), ElementsAreArray(expected));
-    EXPECT_THAT(timeline(),
-                Contains(LogFrom("getFirmwareUpdateTime", ERROR, neededLine("alpha", 30))));
+    EXPECT_EQ(linesThatBegin("Need Update"), expected);
+    expectStep(LogFrom("getFirmwareUpdateTime", ERROR, neededLine("alpha", 30)));
 }
 
 TEST_F(UsbEstimate, AsksEveryModuleInTheOrderOfTheRegistry)
@@ -147,7 +139,7 @@ TEST_F(UsbEstimate, OfModulesThatAreUpToDateIsZeroAndNothingToDo)
     EXPECT_EQ(estimate(), -1);
 
     EXPECT_EQ(total, 0);
-    EXPECT_THAT(linesThatBegin("Need Update"), IsEmpty());
+    expectTexts(linesThatBegin("Need Update"), {});
 }
 
 TEST_F(UsbEstimate, CountsOnlyTheNeedOne)
@@ -182,7 +174,7 @@ TEST_F(UsbEstimate, OfZeroSecondsIsASuccess)
     EXPECT_EQ(estimate(), 0);
 
     EXPECT_EQ(total, 0);
-    EXPECT_THAT(linesThatBegin("Need Update"), ElementsAre(neededLine("alpha", 0)));
+    expectTexts(linesThatBegin("Need Update"), {neededLine("alpha", 0)});
 }
 
 TEST_F(UsbEstimate, AddsNegativeTimesAsTheyAre)
@@ -229,8 +221,8 @@ TEST_F(UsbEstimate, HandsKeyAndPathToTheModules)
     manager->getFirmwareUpdateTime(key, nullptr, total);
     manager->getFirmwareUpdateTime(key, "/elsewhere/", total);
 
-    EXPECT_THAT(logTexts(), ElementsAre("Error: ckey  is nullptr", "Error: image_path is nullptr",
-                                        "Error: /elsewhere/alpha.bin open fail"));
+    expectTexts(logTexts(), {"Error: ckey  is nullptr", "Error: image_path is nullptr",
+                             "Error: /elsewhere/alpha.bin open fail"});
 }
 
 TEST_F(UsbRun, OverNoModulesFails)
@@ -239,7 +231,7 @@ TEST_F(UsbRun, OverNoModulesFails)
 
     EXPECT_EQ(run(), -1);
 
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 TEST_F(UsbRun, UpdatesTheMarkedModulesInTheOrderOfTheRegistry)
@@ -251,7 +243,7 @@ TEST_F(UsbRun, UpdatesTheMarkedModulesInTheOrderOfTheRegistry)
 
     EXPECT_EQ(updatedModules(), names);
     for (const std::string& name : names) {
-        EXPECT_THAT(payloadsOf(name), ElementsAre(bytesOf("payload")));
+        EXPECT_EQ(payloadsOf(name), std::vector<Bytes>{bytesOf("payload")});
     }
 }
 
@@ -261,7 +253,7 @@ TEST_F(UsbRun, WithoutAnEstimateFindsNothingToDo)
 
     EXPECT_EQ(run(), -1);
 
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 TEST_F(UsbRun, WithoutAnEstimateGoesByTheMarksOfTheLastCheck)
@@ -282,7 +274,7 @@ TEST_F(UsbRun, WithoutAnEstimateGoesByTheMarksOfTheLastCheck)
 
     EXPECT_EQ(run(), 0);
 
-    EXPECT_THAT(updatedModules(), ElementsAre("alpha"));
+    expectTexts(updatedModules(), {"alpha"});
 }
 
 TEST_F(UsbRun, LeavesModulesAloneThatAreUpToDate)
@@ -294,8 +286,8 @@ TEST_F(UsbRun, LeavesModulesAloneThatAreUpToDate)
 
     EXPECT_EQ(run(), 0);
 
-    EXPECT_THAT(updatedModules(), ElementsAre(names[0], names[2]));
-    EXPECT_THAT(pluginTexts(), Each(Not(StartsWith(names[1] + "."))));
+    expectTexts(updatedModules(), {names[0], names[2]});
+    expectNoStep(Plugin(like(names[1] + ".*")));
 }
 
 TEST_F(UsbRun, GoesByTheMarksOfTheLastEstimate)
@@ -308,7 +300,7 @@ TEST_F(UsbRun, GoesByTheMarksOfTheLastEstimate)
 
     EXPECT_EQ(run(), 0);
 
-    EXPECT_THAT(updatedModules(), ElementsAre(names[1], names[2]));
+    expectTexts(updatedModules(), {names[1], names[2]});
 }
 
 TEST_F(UsbRun, StopsAtTheFirstFailure)
@@ -320,10 +312,9 @@ TEST_F(UsbRun, StopsAtTheFirstFailure)
 
     EXPECT_EQ(run(), -1);
 
-    EXPECT_THAT(updatedModules(), ElementsAre(names[0], names[1]));
-    EXPECT_THAT(timeline(),
-                EndsWith(LogFrom("doUpdateUSB", ERROR, "update fail [" + names[1] + "]")));
-    EXPECT_THAT(pluginTexts(), Each(Not(StartsWith(names[2] + "."))));
+    expectTexts(updatedModules(), {names[0], names[1]});
+    expectLastSteps({LogFrom("doUpdateUSB", ERROR, "update fail [" + names[1] + "]")});
+    expectNoStep(Plugin(like(names[2] + ".*")));
 }
 
 TEST_F(UsbRun, PassesOverAnyOtherCodeOfAModule)
@@ -336,7 +327,7 @@ TEST_F(UsbRun, PassesOverAnyOtherCodeOfAModule)
     EXPECT_EQ(run(), 0);
 
     EXPECT_EQ(updatedModules(), names);
-    EXPECT_THAT(linesThatBegin("update fail"), IsEmpty());
+    expectTexts(linesThatBegin("update fail"), {});
 }
 
 TEST_F(UsbRun, EndsWithTheCodeOfTheLastModule)
@@ -370,7 +361,6 @@ TEST_F(UsbRun, HandsKeyAndPathToTheModules)
     EXPECT_EQ(manager->doUpdateUSB(key, "/elsewhere/"), -1);
     EXPECT_EQ(manager->doUpdateUSB(nullptr, "/elsewhere/"), -1);
 
-    EXPECT_THAT(logTexts(),
-                ElementsAre("Error: /elsewhere/alpha.bin file open", "update fail [alpha]",
-                            "Error: ckey  is nullptr", "update fail [alpha]"));
+    expectTexts(logTexts(), {"Error: /elsewhere/alpha.bin file open", "update fail [alpha]",
+                             "Error: ckey  is nullptr", "update fail [alpha]"});
 }

@@ -11,9 +11,6 @@ namespace quillon::test {
 namespace {
 
 using namespace fakes;
-using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
-using ::testing::IsEmpty;
 
 class Packages : public OfferedFirmware
 {
@@ -27,11 +24,11 @@ protected:
         makeDirectory(kMountPoint);
     }
 
-    const EntryMatcher saidMountFailed =
+    const Step saidMountFailed =
         LogFrom("mountEMPImage", ERROR, "Error: Firmware EMP Mount Fail.(tunerempA1)");
-    const EntryMatcher saidUnmountFailed =
+    const Step saidUnmountFailed =
         LogFrom("unmountEMPImage", ERROR, "Error: Firmware EMP UMount Fail.(tunerempA1)");
-    const EntryMatcher saidNoMountPoint =
+    const Step saidNoMountPoint =
         LogFrom("UMount", ERROR, "Umount dir[" + std::string(kMountPoint) + "] is invalid.");
 };
 
@@ -39,9 +36,8 @@ TEST_F(Packages, TheDownloadIsRequestedUnderThePackagesName)
 {
     EXPECT_TRUE(module.downloadEMP());
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(Call("ABM_DownloadAppBinary(null, null, \"tunerempA1\") = true"),
-                            LogFrom("downloadEMP", INFO, "Request (tunerempA1) emp download")));
+    expectSteps({Call("ABM_DownloadAppBinary(null, null, \"tunerempA1\") = true"),
+                 LogFrom("downloadEMP", INFO, "Request (tunerempA1) emp download")});
 }
 
 TEST_F(Packages, ARefusedDownloadIsAFailure)
@@ -50,10 +46,9 @@ TEST_F(Packages, ARefusedDownloadIsAFailure)
 
     EXPECT_FALSE(module.downloadEMP());
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(Call("ABM_DownloadAppBinary(null, null, \"tunerempA1\") = false"),
-                            LogFrom("downloadEMP", ERROR,
-                                    "Error: EMP ABM_DownloadAppBinary fail.(tunerempA1)")));
+    expectSteps(
+        {Call("ABM_DownloadAppBinary(null, null, \"tunerempA1\") = false"),
+         LogFrom("downloadEMP", ERROR, "Error: EMP ABM_DownloadAppBinary fail.(tunerempA1)")});
 }
 
 TEST_F(Packages, NothingIsDownloadedForAModuleThatIsNotLoaded)
@@ -67,7 +62,7 @@ TEST_F(Packages, NothingIsDownloadedForAModuleThatIsNotLoaded)
     EXPECT_FALSE(process.downloadEMP());
     EXPECT_FALSE(never.downloadEMP());
 
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 TEST_F(Packages, AMountBeginsWithAnUnmount)
@@ -76,7 +71,7 @@ TEST_F(Packages, AMountBeginsWithAnUnmount)
 
     EXPECT_TRUE(module.mountEMPImage());
 
-    EXPECT_THAT(timeline(), ElementsAreArray(mountedAnew));
+    expectSteps(mountedAnew);
 }
 
 TEST_F(Packages, TheFirstMountMakesItsMountPoint)
@@ -86,10 +81,8 @@ TEST_F(Packages, TheFirstMountMakesItsMountPoint)
 
     EXPECT_TRUE(module.mountEMPImage());
 
-    EXPECT_THAT(
-        timeline(),
-        ElementsAre(saidNoMountPoint, Call("mkdir(\"" + std::string(kMountPoint) + "\", 0775) = 0"),
-                    announced, mountCall(0)));
+    expectSteps({saidNoMountPoint, Call("mkdir(\"" + std::string(kMountPoint) + "\", 0775) = 0"),
+                 announced, mountCall(0)});
 }
 
 TEST_F(Packages, AMountAfterAMountUnmountsFirst)
@@ -110,9 +103,7 @@ TEST_F(Packages, AMountAfterAMountUnmountsFirst)
     EXPECT_TRUE(module.mountEMPImage());
 
     EXPECT_EQ(mounts, 1);
-    EXPECT_THAT(timeline(),
-                ElementsAreArray(Steps{umountCall(-1), saidNotUnmounted, announced, mountCall(0)} +
-                                 mountedAnew));
+    expectSteps(Steps{umountCall(-1), saidNotUnmounted, announced, mountCall(0)} + mountedAnew);
 }
 
 TEST_F(Packages, APackageThatIsNotThereIsNotMounted)
@@ -121,9 +112,8 @@ TEST_F(Packages, APackageThatIsNotThereIsNotMounted)
 
     EXPECT_FALSE(module.mountEMPImage());
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(LogFrom("mountEMPImage", ERROR,
-                                    "Error: file no exist (" + std::string(kPackage) + ")")));
+    expectSteps(
+        {LogFrom("mountEMPImage", ERROR, "Error: file no exist (" + std::string(kPackage) + ")")});
 }
 
 TEST_F(Packages, AProcessModuleHasNoPackageToMount)
@@ -135,8 +125,7 @@ TEST_F(Packages, AProcessModuleHasNoPackageToMount)
 
     EXPECT_FALSE(process.mountEMPImage());
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(LogFrom("mountEMPImage", ERROR, "Error: file no exist ()")));
+    expectSteps({LogFrom("mountEMPImage", ERROR, "Error: file no exist ()")});
 }
 
 TEST_F(Packages, APackageIsNotMountedForAModuleThatIsNoLongerLoaded)
@@ -148,9 +137,8 @@ TEST_F(Packages, APackageIsNotMountedForAModuleThatIsNoLongerLoaded)
 
     EXPECT_FALSE(module.mountEMPImage());
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(LogFrom("mountEMPImage", ERROR,
-                                    "Error: file no exist (" + std::string(kPackage) + ")")));
+    expectSteps(
+        {LogFrom("mountEMPImage", ERROR, "Error: file no exist (" + std::string(kPackage) + ")")});
 }
 
 TEST_F(Packages, AFailedMountSaysWhichPackageAndLeavesItUnmounted)
@@ -161,13 +149,12 @@ TEST_F(Packages, AFailedMountSaysWhichPackageAndLeavesItUnmounted)
 
     EXPECT_FALSE(module.mountEMPImage());
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(umountCall(0), saidUnmounted, announced, mountCall(-1),
-                            LogFrom("loop_mount", INFO,
-                                    "Fail PS_Mount: file:[" + std::string(kPackage) + "], dest:[" +
-                                        kMountPoint + "], retVal:[-1], result:[0]"),
-                            LogFrom("loop_mount", INFO, "loop count is 1, mount count is 0"),
-                            saidMountFailed));
+    expectSteps({umountCall(0), saidUnmounted, announced, mountCall(-1),
+                 LogFrom("loop_mount", INFO,
+                         "Fail PS_Mount: file:[" + std::string(kPackage) + "], dest:[" +
+                             kMountPoint + "], retVal:[-1], result:[0]"),
+                 LogFrom("loop_mount", INFO, "loop count is 1, mount count is 0"),
+                 saidMountFailed});
 }
 
 TEST_F(Packages, ADirectoryInThePlaceOfThePackageCannotBeMounted)
@@ -177,11 +164,9 @@ TEST_F(Packages, ADirectoryInThePlaceOfThePackageCannotBeMounted)
 
     EXPECT_FALSE(module.mountEMPImage());
 
-    EXPECT_THAT(
-        timeline(),
-        ElementsAre(umountCall(0), saidUnmounted,
-                    LogFrom("Mount", ERROR, "srcFile[" + std::string(kPackage) + "] is not exist."),
-                    saidMountFailed));
+    expectSteps({umountCall(0), saidUnmounted,
+                 LogFrom("Mount", ERROR, "srcFile[" + std::string(kPackage) + "] is not exist."),
+                 saidMountFailed});
 }
 
 TEST_F(Packages, DevicesThatCannotBeListedAreTheCallersTrouble)
@@ -199,7 +184,7 @@ TEST_F(Packages, AnUnmountIsLoggedAsAnErrorEvenWhenItSucceeds)
 
     EXPECT_TRUE(module.unmountEMPImage());
 
-    EXPECT_THAT(timeline(), ElementsAreArray(unmounted));
+    expectSteps(unmounted);
 }
 
 TEST_F(Packages, AFailedUnmountIsAFailure)
@@ -209,14 +194,14 @@ TEST_F(Packages, AFailedUnmountIsAFailure)
 
     EXPECT_FALSE(module.unmountEMPImage());
 
-    EXPECT_THAT(timeline(), ElementsAre(umountCall(-1), saidNotUnmounted, saidUnmountFailed));
+    expectSteps({umountCall(-1), saidNotUnmounted, saidUnmountFailed});
 }
 
 TEST_F(Packages, APackageThatNeverWasMountedCannotBeUnmounted)
 {
     EXPECT_FALSE(module.unmountEMPImage());
 
-    EXPECT_THAT(timeline(), ElementsAre(saidNoMountPoint, saidUnmountFailed));
+    expectSteps({saidNoMountPoint, saidUnmountFailed});
 }
 
 TEST_F(Packages, UnmountingAsksEvenForAModuleThatIsNotLoaded)
@@ -226,12 +211,10 @@ TEST_F(Packages, UnmountingAsksEvenForAModuleThatIsNotLoaded)
 
     EXPECT_TRUE(never.unmountEMPImage());
 
-    EXPECT_THAT(
-        timeline(),
-        ElementsAre(Call("PS_Umount(\"/opt/usr/apps/appbinarymanager/emps/\", 36, 0, 0) = 0"),
-                    LogFrom("UMount", INFO,
-                            "Umount dir[/opt/usr/apps/appbinarymanager/emps/] successfully."),
-                    LogFrom("unmountEMPImage", ERROR, "EMP UMount Success ")));
+    expectSteps(
+        {Call("PS_Umount(\"/opt/usr/apps/appbinarymanager/emps/\", 36, 0, 0) = 0"),
+         LogFrom("UMount", INFO, "Umount dir[/opt/usr/apps/appbinarymanager/emps/] successfully."),
+         LogFrom("unmountEMPImage", ERROR, "EMP UMount Success ")});
 }
 
 TEST_F(Packages, AnUnmountLeavesPackageAndMountPointInPlace)

@@ -10,8 +10,6 @@ namespace quillon::test {
 namespace {
 
 using namespace fakes;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 UPDATE_TYPE typeFor(int caller, const char* argument)
 {
@@ -81,7 +79,7 @@ TEST_F(ModulePaths, OnAStickLieInTheDirectoriesOfTheFirmwareName)
 
     EXPECT_EQ(module.getInformationPath(UPDATE_USB), "/opt/media/USBDriveA/tunerA1/info.json");
     EXPECT_EQ(module.getBinaryPath(UPDATE_USB), "/opt/media/USBDriveA/tunerA1/tunerA1.bin");
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 TEST_F(ModulePaths, InThePackageLieInTheDirectoryOfThePackageName)
@@ -120,10 +118,8 @@ TEST_F(ModulePaths, OnAStickAreEmptyAndReportedWhenThereIsNoStick)
     EXPECT_EQ(module.getInformationPath(UPDATE_USB), "");
     EXPECT_EQ(module.getBinaryPath(UPDATE_USB), "");
 
-    EXPECT_THAT(
-        timeline(),
-        ElementsAre(LogFrom("getInformationPath", ERROR, "Error: Usb mount path Not found."),
-                    LogFrom("getBinaryPath", ERROR, "Error: Usb mount path Not found.")));
+    expectSteps({LogFrom("getInformationPath", ERROR, "Error: Usb mount path Not found."),
+                 LogFrom("getBinaryPath", ERROR, "Error: Usb mount path Not found.")});
 }
 
 TEST_F(ModulePaths, FollowTheStickIntoANumberedSlot)
@@ -178,7 +174,7 @@ TEST_F(ModulePaths, AStickUnderAnotherNumberIsNotFoundAndTheAnswerNotTouched)
     EXPECT_FALSE(module.getUsbMountPath(stick));
 
     EXPECT_EQ(stick, "as before");
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 TEST_F(ModulePaths, AFileInThePlaceOfAStickIsNone)

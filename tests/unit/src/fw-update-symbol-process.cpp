@@ -15,7 +15,6 @@ namespace quillon::test {
 namespace {
 
 using namespace fakes;
-using ::testing::ElementsAre;
 
 class ProcessModule : public OfferedFirmware
 {
@@ -30,13 +29,13 @@ protected:
 
     int run() { return process.runProcess(CALLER_SERVICE, argument); }
 
-    static EntryMatcher said(const std::string& text) { return LogFrom("runProcess", ERROR, text); }
+    static Step said(const std::string& text) { return LogFrom("runProcess", ERROR, text); }
 
     FWUpdateSymbol process{"EXT-tool"};
 
-    const EntryMatcher tried = said(" Firmware runProcess Try");
-    const EntryMatcher contextSet = Plugin("EXT-tool.setContext(\"EXT-tool\", 2, \"argument\")");
-    const EntryMatcher updated = Plugin("EXT-tool.doUpdate(\"EXT-tool\", 0)");
+    const Step tried = said(" Firmware runProcess Try");
+    const Step contextSet = Plugin("EXT-tool.setContext(\"EXT-tool\", 2, \"argument\")");
+    const Step updated = Plugin("EXT-tool.doUpdate(\"EXT-tool\", 0)");
 };
 
 TEST_F(ProcessModule, RunsItsUpdateWithTheLibrarysName)
@@ -47,8 +46,7 @@ TEST_F(ProcessModule, RunsItsUpdateWithTheLibrarysName)
 
     EXPECT_EQ(run(), 0);
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(tried, Call("prctl(PR_SET_NAME, \"\") = 0"), contextSet, updated));
+    expectSteps({tried, Call("prctl(PR_SET_NAME, \"\") = 0"), contextSet, updated});
 }
 
 TEST_F(ProcessModule, TakesTheFirmwaresNameForTheThreadAndTheLibrarysForTheUpdate)
@@ -58,10 +56,9 @@ TEST_F(ProcessModule, TakesTheFirmwaresNameForTheThreadAndTheLibrarysForTheUpdat
 
     EXPECT_EQ(module.runProcess(CALLER_SHARED, argument), 0);
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(said("tunerA1 Firmware runProcess Try"),
-                            Call("prctl(PR_SET_NAME, \"tunerA1\") = 0"),
-                            OfferedFirmware::contextSet(5), plugin("doUpdate(\"tuner\", 0)")));
+    expectSteps({said("tunerA1 Firmware runProcess Try"),
+                 Call("prctl(PR_SET_NAME, \"tunerA1\") = 0"), OfferedFirmware::contextSet(5),
+                 plugin("doUpdate(\"tuner\", 0)")});
 }
 
 TEST_F(ProcessModule, NamesTheCallingThreadAndNoOther)
@@ -87,7 +84,7 @@ TEST_F(ProcessModule, SaysNothingWhenItsContextIsRefused)
 
     EXPECT_EQ(run(), -1);
 
-    EXPECT_THAT(timeline(), ElementsAre(tried, contextSet));
+    expectSteps({tried, contextSet});
 }
 
 TEST_F(ProcessModule, FailsWithItsOwnCodeReplacedAndErrnoTold)
@@ -99,9 +96,9 @@ TEST_F(ProcessModule, FailsWithItsOwnCodeReplacedAndErrnoTold)
 
         EXPECT_EQ(run(), -1);
 
-        EXPECT_THAT(timeline(), ElementsAre(tried, contextSet, updated,
-                                            said("Error: EXT-tool runProcess Fail (28:No space "
-                                                 "left on device)")));
+        expectSteps({tried, contextSet, updated,
+                     said("Error: EXT-tool runProcess Fail (28:No space "
+                          "left on device)")});
     }
 }
 
@@ -111,7 +108,7 @@ TEST_F(ProcessModule, AFailureNamesTheLibraryAndNotTheFirmware)
 
     EXPECT_EQ(module.runProcess(CALLER_SERVICE, argument), -1);
 
-    EXPECT_THAT(timeline(), EndsWith(said("Error: tuner runProcess Fail (5:Input/output error)")));
+    expectLastSteps({said("Error: tuner runProcess Fail (5:Input/output error)")});
 }
 
 TEST_F(ProcessModule, NeitherMountsNorChecksForAnyCaller)
@@ -123,10 +120,10 @@ TEST_F(ProcessModule, NeitherMountsNorChecksForAnyCaller)
 
         EXPECT_EQ(process.runProcess(static_cast<CallerTypes>(caller), nullptr), 0);
 
-        EXPECT_THAT(timeline(), ElementsAre(tried,
-                                            Plugin("EXT-tool.setContext(\"EXT-tool\", " +
-                                                   std::to_string(caller) + ", null)"),
-                                            updated));
+        expectSteps(
+            {tried,
+             Plugin("EXT-tool.setContext(\"EXT-tool\", " + std::to_string(caller) + ", null)"),
+             updated});
     }
     EXPECT_TRUE(isThere(kPackage));
 }
@@ -147,12 +144,12 @@ TEST_F(ProcessModule, LeavesTheDecisionAlone)
 TEST_F(ProcessModule, AMissingEntryRaises)
 {
     EXPECT_THROW(run(), std::bad_function_call);
-    EXPECT_THAT(timeline(), ElementsAre(tried));
+    expectSteps({tried});
 
     ASSERT_EQ(installProcess(Module().lacking("doUpdate")), -1);
     EXPECT_THROW(run(), std::bad_function_call);
 
-    EXPECT_THAT(timeline(), ElementsAre(tried, contextSet));
+    expectSteps({tried, contextSet});
 }
 
 TEST_F(ProcessModule, AnExceptionOutOfThePluginLetsTheNextOneRun)
@@ -185,9 +182,8 @@ TEST_F(ProcessModule, WaitsWhileAnotherIsRunning)
     EXPECT_EQ(run(), 0);
     first.join();
 
-    EXPECT_THAT(timeline(), EndsWith(plugin("doUpdate(\"tuner\", 0)"), tried,
-                                     Call("prctl(PR_SET_NAME, \"\") = 0"),
-                                     Call("the first one returns"), contextSet, updated));
+    expectLastSteps({plugin("doUpdate(\"tuner\", 0)"), tried, Call("prctl(PR_SET_NAME, \"\") = 0"),
+                     Call("the first one returns"), contextSet, updated});
 }
 
 TEST_F(ProcessModule, RunsWhileAFirmwareIsBeingInstalled)

@@ -8,16 +8,11 @@ namespace quillon::test {
 namespace {
 
 using namespace fakes;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 class NeedUpdateList : public UsbImages
 {
 protected:
-    static EntryMatcher said(const std::string& text)
-    {
-        return LogFrom("getNeedUpdateList", ERROR, text);
-    }
+    static Step said(const std::string& text) { return LogFrom("getNeedUpdateList", ERROR, text); }
 
     // An earlier decision, to be replaced or kept.
     void decideEarlier()
@@ -34,8 +29,8 @@ protected:
         EXPECT_EQ(module.getExpectedUpdateTime(), seconds);
     }
 
-    const EntryMatcher checked = Plugin("alpha.checkVersion(\"2.0\", need -1)");
-    const EntryMatcher askedForTime = Plugin("alpha.getExpectedTime(0)");
+    const Step checked = Plugin("alpha.checkVersion(\"2.0\", need -1)");
+    const Step askedForTime = Plugin("alpha.getExpectedTime(0)");
 };
 
 TEST_F(NeedUpdateList, VerifiesDeciphersAndAsksInThisOrder)
@@ -45,7 +40,7 @@ TEST_F(NeedUpdateList, VerifiesDeciphersAndAsksInThisOrder)
 
     EXPECT_EQ(estimate(), 1);
 
-    EXPECT_THAT(timeline(), ElementsAre(verified, saidSigned, contextSet, checked, askedForTime));
+    expectSteps({verified, saidSigned, contextSet, checked, askedForTime});
     expectDecision(true, 30);
 }
 
@@ -56,8 +51,7 @@ TEST_F(NeedUpdateList, RefusesANullKey)
     EXPECT_EQ(module.getNeedUpdateList(nullptr, stick.path()), -1);
     EXPECT_EQ(module.getNeedUpdateList(nullptr, nullptr), -1);
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(said("Error: ckey  is nullptr"), said("Error: ckey  is nullptr")));
+    expectSteps({said("Error: ckey  is nullptr"), said("Error: ckey  is nullptr")});
 }
 
 TEST_F(NeedUpdateList, RefusesANullPath)
@@ -66,7 +60,7 @@ TEST_F(NeedUpdateList, RefusesANullPath)
 
     EXPECT_EQ(module.getNeedUpdateList(key, nullptr), -1);
 
-    EXPECT_THAT(timeline(), ElementsAre(said("Error: image_path is nullptr")));
+    expectSteps({said("Error: image_path is nullptr")});
 }
 
 TEST_F(NeedUpdateList, RefusesAMissingImageAndKeepsTheDecision)
@@ -76,7 +70,7 @@ TEST_F(NeedUpdateList, RefusesAMissingImageAndKeepsTheDecision)
 
     EXPECT_EQ(module.getNeedUpdateList(key, "/opt/media"), -1);
 
-    EXPECT_THAT(timeline(), ElementsAre(said("Error: /opt/mediaalpha.bin open fail")));
+    expectSteps({said("Error: /opt/mediaalpha.bin open fail")});
     expectDecision(true, 30);
 }
 
@@ -89,9 +83,8 @@ TEST_F(NeedUpdateList, RefusesAnUnsignedImageBeforeDecipheringIt)
 
     EXPECT_EQ(estimate(), -1);
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(refused, saidNotSigned,
-                            said("Error: /opt/media/USBDriveA/alpha.bin is NOT signed ")));
+    expectSteps(
+        {refused, saidNotSigned, said("Error: /opt/media/USBDriveA/alpha.bin is NOT signed ")});
     expectDecision(false, 0);
 }
 
@@ -121,9 +114,8 @@ TEST_F(NeedUpdateList, RefusesAnImageShorterThanItsIv)
 
         EXPECT_EQ(estimate(), -1);
 
-        EXPECT_THAT(timeline(),
-                    ElementsAre(verified, saidSigned, contextSet, said("Error: iv is worng")))
-            << size;
+        SCOPED_TRACE(size);
+        expectSteps({verified, saidSigned, contextSet, said("Error: iv is worng")});
     }
 }
 
@@ -139,8 +131,7 @@ TEST_F(NeedUpdateList, SaysSoWhenTheImageCannotBeDeciphered)
 
     EXPECT_EQ(estimate(), -1);
 
-    EXPECT_THAT(timeline(), ElementsAre(verified, saidSigned, contextSet,
-                                        said("Error: Decryption data is null")));
+    expectSteps({verified, saidSigned, contextSet, said("Error: Decryption data is null")});
 }
 
 TEST_F(NeedUpdateList, FeedsSixteenBytesOfTheTrailerAsWell)
@@ -152,10 +143,9 @@ TEST_F(NeedUpdateList, FeedsSixteenBytesOfTheTrailerAsWell)
 
     EXPECT_EQ(estimate(), 1);
 
-    EXPECT_THAT(
-        callTexts(),
-        ElementsAre("EVP_CipherInit(0) = 1",
-                    "EVP_CipherUpdate(" + std::to_string(image.size() - kTrailerSize) + ") = 1"));
+    expectTexts(callTexts(),
+                {"EVP_CipherInit(0) = 1",
+                 "EVP_CipherUpdate(" + std::to_string(image.size() - kTrailerSize) + ") = 1"});
 }
 
 TEST_F(NeedUpdateList, FailsWhenThePluginCannotCheckTheVersion)
@@ -166,8 +156,8 @@ TEST_F(NeedUpdateList, FailsWhenThePluginCannotCheckTheVersion)
 
     EXPECT_EQ(estimate(), -1);
 
-    EXPECT_THAT(timeline(), ElementsAre(verified, saidSigned, contextSet, checked,
-                                        said("Error: alpha Firmware CheckVersion Fail")));
+    expectSteps({verified, saidSigned, contextSet, checked,
+                 said("Error: alpha Firmware CheckVersion Fail")});
     expectDecision(true, 30);
 }
 
@@ -179,7 +169,7 @@ TEST_F(NeedUpdateList, ClearsTheMarkWhenNoUpdateIsNeeded)
 
     EXPECT_EQ(estimate(), 0);
 
-    EXPECT_THAT(timeline(), ElementsAre(verified, saidSigned, contextSet, checked, askedForTime));
+    expectSteps({verified, saidSigned, contextSet, checked, askedForTime});
     expectDecision(false, 5);
 }
 
@@ -213,8 +203,8 @@ TEST_F(NeedUpdateList, APluginWithoutExpectedTimeNeedsNoUpdateEvenWhenItDoes)
 
     EXPECT_EQ(estimate(), 0);
 
-    EXPECT_THAT(timeline(), ElementsAre(verified, saidSigned, contextSet, checked,
-                                        said("Error: alpha getExpectedTime Fail")));
+    expectSteps(
+        {verified, saidSigned, contextSet, checked, said("Error: alpha getExpectedTime Fail")});
     expectDecision(false, 0);
 }
 
@@ -227,7 +217,7 @@ TEST_F(NeedUpdateList, AFailingExpectedTimeKeepsTheDecision)
 
     EXPECT_EQ(estimate(), 0);
 
-    EXPECT_THAT(timeline(), EndsWith(askedForTime, said("Error: alpha getExpectedTime Fail")));
+    expectLastSteps({askedForTime, said("Error: alpha getExpectedTime Fail")});
     expectDecision(true, 30);
 }
 
@@ -249,8 +239,7 @@ TEST_F(NeedUpdateList, AModuleThatIsNotLoadedCannotTellTheTime)
 
     EXPECT_EQ(estimate(), 0);
 
-    EXPECT_THAT(timeline(),
-                EndsWith(contextSet, checked, said("Error: tunerEMP getExpectedTime Fail")));
+    expectLastSteps({contextSet, checked, said("Error: tunerEMP getExpectedTime Fail")});
     expectDecision(false, 0);
 }
 
@@ -260,12 +249,12 @@ TEST_F(NeedUpdateList, ARecordWithoutItsRequiredEntriesFailsWithoutRaising)
 
     EXPECT_EQ(estimate(), -1);
 
-    EXPECT_THAT(timeline(), ElementsAre(Plugin("verifyFile(null, \"/opt/media/USBDriveA/.bin\", "
-                                               "\"UserCaller\") = 1"),
-                                        Log(ERROR,
-                                            "[uep][UserCaller] the file is signed successfully : "
-                                            "/opt/media/USBDriveA/.bin\n"),
-                                        said("Error: alpha has no plug-in")));
+    expectSteps({Plugin("verifyFile(null, \"/opt/media/USBDriveA/.bin\", "
+                        "\"UserCaller\") = 1"),
+                 Log(ERROR,
+                     "[uep][UserCaller] the file is signed successfully : "
+                     "/opt/media/USBDriveA/.bin\n"),
+                 said("Error: alpha has no plug-in")});
 }
 
 TEST_F(NeedUpdateList, ARecordThatLacksOneRequiredEntryFailsWithoutTouchingThePlugin)
@@ -275,8 +264,8 @@ TEST_F(NeedUpdateList, ARecordThatLacksOneRequiredEntryFailsWithoutTouchingThePl
 
     EXPECT_EQ(estimate(), -1);
 
-    EXPECT_THAT(pluginTexts(), ElementsAre("verifyFile(null, \"/opt/media/USBDriveA/.bin\", "
-                                           "\"UserCaller\") = 1"));
+    expectTexts(pluginTexts(), {"verifyFile(null, \"/opt/media/USBDriveA/.bin\", "
+                                "\"UserCaller\") = 1"});
 }
 
 TEST_F(NeedUpdateList, AnEntryAtTheAddressNullFailsWithoutTouchingThePlugin)
@@ -286,7 +275,7 @@ TEST_F(NeedUpdateList, AnEntryAtTheAddressNullFailsWithoutTouchingThePlugin)
 
     EXPECT_EQ(estimate(), -1);
 
-    EXPECT_THAT(timeline(), ElementsAre(verified, saidSigned, said("Error: alpha has no plug-in")));
+    expectSteps({verified, saidSigned, said("Error: alpha has no plug-in")});
 }
 
 TEST_F(NeedUpdateList, ClosesTheImageBeforeThePluginIsAsked)
@@ -365,8 +354,7 @@ TEST_F(NeedUpdateList, AVersionThatFillsTheHeaderIsTerminatedBehindIt)
 
     EXPECT_EQ(estimate(), 1);
 
-    EXPECT_THAT(pluginTexts(),
-                ::testing::Contains("alpha.checkVersion(\"" + version + "\", need -1)"));
+    expectStep(Plugin("alpha.checkVersion(\"" + version + "\", need -1)"));
 }
 
 TEST_F(NeedUpdateList, InstallsNothing)
@@ -376,7 +364,7 @@ TEST_F(NeedUpdateList, InstallsNothing)
 
     EXPECT_EQ(estimate(), 1);
 
-    EXPECT_THAT(payloadsOf("alpha"), IsEmpty());
+    EXPECT_TRUE(payloadsOf("alpha").empty());
 }
 
 TEST_F(NeedUpdateList, AnExceptionOutOfThePluginReachesTheCallerWithTheImageClosed)

@@ -67,14 +67,7 @@ private:
     std::string information_;
 };
 
-/// What is expected, in the order in which it is to happen.
-using Steps = std::vector<fakes::EntryMatcher>;
-
-inline Steps operator+(Steps left, const Steps& right)
-{
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
+using fakes::Steps;
 
 /// A device with one module, whose three names all differ: library "tuner", package "tunerempA1",
 /// firmware "tunerA1". Its package can be mounted; what would be inside then is in its mount point
@@ -127,21 +120,18 @@ protected:
         return result;
     }
 
-    static fakes::EntryMatcher plugin(const std::string& call)
-    {
-        return fakes::Plugin("tuner." + call);
-    }
+    static fakes::Step plugin(const std::string& call) { return fakes::Plugin("tuner." + call); }
     /// The caller of most tests brings the text "argument".
-    static fakes::EntryMatcher contextSet(int caller)
+    static fakes::Step contextSet(int caller)
     {
         return plugin("setContext(\"tuner\", " + std::to_string(caller) + ", \"argument\")");
     }
-    static fakes::EntryMatcher umountCall(int retVal)
+    static fakes::Step umountCall(int retVal)
     {
         return fakes::Call("PS_Umount(\"" + std::string(kMountPoint) +
                            "\", 46, 0, 0) = " + std::to_string(retVal));
     }
-    static fakes::EntryMatcher mountCall(int retVal)
+    static fakes::Step mountCall(int retVal)
     {
         return fakes::Call("PS_Mount(\"-o ro,loop,nodev,nosuid " + std::string(kPackage) + " " +
                            kMountPoint + "\", 1024, 0, 0) = " + std::to_string(retVal));
@@ -151,12 +141,12 @@ protected:
     const LoopDevices loops;
     FWUpdateSymbol module{"tuner"};
 
-    const fakes::EntryMatcher saidUnmounted = fakes::LogFrom(
+    const fakes::Step saidUnmounted = fakes::LogFrom(
         "UMount", fakes::INFO, "Umount dir[" + std::string(kMountPoint) + "] successfully.");
-    const fakes::EntryMatcher saidNotUnmounted = fakes::LogFrom(
+    const fakes::Step saidNotUnmounted = fakes::LogFrom(
         "UMount", fakes::ERROR,
         "Error(iRet1=-1, iRet2=0) while unmounitng [" + std::string(kMountPoint) + "]");
-    const fakes::EntryMatcher announced = fakes::LogFrom(
+    const fakes::Step announced = fakes::LogFrom(
         "loop_mount", fakes::INFO,
         "PsMntCmd:[-o ro,loop,nodev,nosuid " + std::string(kPackage) + " " + kMountPoint + "]");
     const Steps mountedAnew = {umountCall(0), saidUnmounted, announced, mountCall(0)};

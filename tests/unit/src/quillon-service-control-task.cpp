@@ -5,14 +5,10 @@
 
 using namespace quillon::fakes;
 using namespace quillon::test;
-using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 namespace {
 
-EntryMatcher Said(int priority, const std::string& text)
+Step Said(int priority, const std::string& text)
 {
     return LogFrom("firmware_control_task", priority, text);
 }
@@ -33,7 +29,7 @@ TEST_F(ControlTask, SaysThatNothingIsRunning)
 
     EXPECT_EQ(client.ask(6), reply(-5, 0));
 
-    EXPECT_THAT(timeline(), ElementsAre(Said(ERROR, "Service is not being updated.")));
+    expectSteps({Said(ERROR, "Service is not being updated.")});
 }
 
 TEST_F(ControlTask, DoesNotAnswerCodesThatItDoesNotHandle)
@@ -46,9 +42,9 @@ TEST_F(ControlTask, DoesNotAnswerCodesThatItDoesNotHandle)
     }
 
     EXPECT_TRUE(client.everythingIsUnanswered());
-    std::vector<EntryMatcher> lines(codes.size(), Said(DEBUG, "default\n"));
+    Steps lines(codes.size(), Said(DEBUG, "default\n"));
     lines.push_back(Said(ERROR, "Service is not being updated."));
-    EXPECT_THAT(timeline(), ElementsAreArray(lines));
+    expectSteps(lines);
 }
 
 TEST_F(ControlTask, IgnoresEverythingInARecordButCommandAndPath)
@@ -85,7 +81,7 @@ TEST_F(ControlTask, EndsOnTheStopCommandWithoutAReply)
 
     EXPECT_EQ(result(), 0);
     EXPECT_EQ(client.replies().waiting(), 0);
-    EXPECT_THAT(timeline(), ElementsAre(Said(ERROR, "firmware_control_task thread stop\n")));
+    expectSteps({Said(ERROR, "firmware_control_task thread stop\n")});
 }
 
 TEST_F(ControlTask, LeavesWhatComesAfterTheStopCommandInTheQueue)
@@ -111,7 +107,7 @@ TEST_F(ControlTask, NeverServesAgainOnceStopped)
     EXPECT_EQ(firmware_control_task(), 0);
 
     EXPECT_EQ(client.commands().waiting(), 1);
-    EXPECT_THAT(timeline(), ElementsAre(Said(ERROR, "firmware_control_task thread stop\n")));
+    expectSteps({Said(ERROR, "firmware_control_task thread stop\n")});
 }
 
 TEST_F(ControlTask, PausesAfterEachFailedReceiveAndGoesOn)
@@ -123,11 +119,10 @@ TEST_F(ControlTask, PausesAfterEachFailedReceiveAndGoesOn)
 
     EXPECT_EQ(client.ask(6), reply(-5));
     const std::string failure = "mq_receive(\"/fwupdateservice_usb\", 284, null) = -1";
-    EXPECT_THAT(timeline(),
-                ElementsAre(Call(failure), Call("usleep(10000) = 0"), Call(failure),
-                            Call("usleep(10000) = 0"), Call(failure), Call("usleep(10000) = 0"),
-                            Call("mq_receive(\"/fwupdateservice_usb\", 284, null) = 284"),
-                            Said(ERROR, "Service is not being updated.")));
+    expectSteps({Call(failure), Call("usleep(10000) = 0"), Call(failure), Call("usleep(10000) = 0"),
+                 Call(failure), Call("usleep(10000) = 0"),
+                 Call("mq_receive(\"/fwupdateservice_usb\", 284, null) = 284"),
+                 Said(ERROR, "Service is not being updated.")});
 }
 
 TEST_F(ControlTask, GoesOnWhenAReplyCannotBeSent)
@@ -142,11 +137,11 @@ TEST_F(ControlTask, GoesOnWhenAReplyCannotBeSent)
 
     EXPECT_EQ(result(), 0);
     EXPECT_EQ(client.replies().waiting(), 1);
-    EXPECT_THAT(timeline(), ElementsAre(Said(ERROR, "Service is not being updated."),
-                                        Call("mq_send(\"/fwupdatecontrol_usb\", 284, 0) = -1"),
-                                        Said(ERROR, "Service is not being updated."),
-                                        Call("mq_send(\"/fwupdatecontrol_usb\", 284, 0) = 0"),
-                                        Said(ERROR, "firmware_control_task thread stop\n")));
+    expectSteps({Said(ERROR, "Service is not being updated."),
+                 Call("mq_send(\"/fwupdatecontrol_usb\", 284, 0) = -1"),
+                 Said(ERROR, "Service is not being updated."),
+                 Call("mq_send(\"/fwupdatecontrol_usb\", 284, 0) = 0"),
+                 Said(ERROR, "firmware_control_task thread stop\n")});
 }
 
 TEST_F(ControlTask, TakesAShortMessageForARecordThatEndsInZeros)
@@ -190,7 +185,7 @@ TEST_F(ControlTaskTime, IsARefusalWithTheValueWhenNothingNeedsTheUpdate)
 
     EXPECT_EQ(client.ask(7), reply(-1, 0));
 
-    EXPECT_THAT(logTexts(), ::testing::Each(Not(HasSubstr("decrption"))));
+    expectNoStep(Log(like("*decrption*")));
 }
 
 TEST_F(ControlTaskTime, WithoutAKeyIsARefusal)
@@ -201,7 +196,7 @@ TEST_F(ControlTaskTime, WithoutAKeyIsARefusal)
 
     EXPECT_EQ(client.ask(7), reply(-1, 0));
 
-    EXPECT_THAT(timeline(), ElementsAre(Said(ERROR, "decrption key is invalid")));
+    expectSteps({Said(ERROR, "decrption key is invalid")});
 }
 
 TEST_F(ControlTaskTime, WithAnEmptyKeyIsARefusal)
@@ -212,7 +207,7 @@ TEST_F(ControlTaskTime, WithAnEmptyKeyIsARefusal)
 
     EXPECT_EQ(client.ask(7), reply(-1, 0));
 
-    EXPECT_THAT(timeline(), ElementsAre(Said(ERROR, "decrption key is invalid")));
+    expectSteps({Said(ERROR, "decrption key is invalid")});
 }
 
 TEST_F(ControlTaskTime, IsLookedUpInTheDirectoryThatTheClientSet)
@@ -224,7 +219,7 @@ TEST_F(ControlTaskTime, IsLookedUpInTheDirectoryThatTheClientSet)
 
     EXPECT_EQ(client.ask(7), reply(-1, 0));
 
-    EXPECT_THAT(logTexts(), ElementsAre("Error: /somewhere/alpha.bin open fail"));
+    expectTexts(logTexts(), {"Error: /somewhere/alpha.bin open fail"});
 }
 
 TEST_F(ControlTaskTime, IsAnsweredDuringARunAsWell)
@@ -249,5 +244,5 @@ TEST_F(ControlTaskTime, ThatRaisesEndsTheTask)
     ASSERT_EQ(task.wait_until(patience()), std::future_status::ready);
     EXPECT_THROW(task.get(), std::runtime_error);
     EXPECT_EQ(client.replies().waiting(), 0);
-    EXPECT_THAT(logTexts(), Not(::testing::Contains("firmware_control_task thread stop\n")));
+    expectNoStep(Log("firmware_control_task thread stop\n"));
 }

@@ -4,7 +4,6 @@
 
 using namespace quillon::fakes;
 using namespace quillon::test;
-using ::testing::IsEmpty;
 
 namespace {
 
@@ -37,7 +36,7 @@ TEST_F(ImagePath, IsStoredWithoutAWord)
     EXPECT_EQ(client.ask(pathCommand("/opt/media/USBDriveA/")), reply(0));
 
     EXPECT_EQ(stored(), "/opt/media/USBDriveA/");
-    EXPECT_THAT(timeline(), IsEmpty());
+    expectSteps({});
 }
 
 TEST_F(ImagePath, KeepsTheFirst127CharactersOfALongOne)

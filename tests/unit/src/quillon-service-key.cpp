@@ -1,3 +1,4 @@
+#include <gtest/gtest.h>
 #include <malloc.h>
 
 #include <cerrno>
@@ -10,10 +11,6 @@
 #include "quillon-service.h"
 
 using namespace quillon::fakes;
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 namespace {
 
@@ -107,10 +104,10 @@ TEST_F(Key, IsPublishedAsLowercaseHexadecimalText)
 
     EXPECT_EQ(keyText(), "a9aaabacadaeafb0b1b2b3b4b5b6b7b8b9babbbcbdbebfc0c1c2c3c4c5c6c7c8");
     EXPECT_EQ(dec_key_size, 64U);
-    EXPECT_THAT(timeline(), ElementsAre(Call(kInit), Call(read(0)),
-                                        LogFrom("ss_read_and_use_securestorage_code", ERROR,
-                                                "decryption key load success. key_size : 32"),
-                                        Call("ss_free_buffer(data)")));
+    expectSteps({Call(kInit), Call(read(0)),
+                 LogFrom("ss_read_and_use_securestorage_code", ERROR,
+                         "decryption key load success. key_size : 32"),
+                 Call("ss_free_buffer(data)")});
 }
 
 TEST_F(Key, BytesBelowSixteenHaveALeadingZero)
@@ -147,7 +144,7 @@ TEST_F(Key, NeverReachesTheLog)
 
     for (const Entry& entry : wholeTimeline()) {
         for (std::size_t at = 0; at + 4 <= keyText().size(); at += 2) {
-            EXPECT_THAT(entry.text, Not(HasSubstr(keyText().substr(at, 4))));
+            expectNoText(entry.text, like("*" + keyText().substr(at, 4) + "*"));
         }
     }
 }
@@ -165,14 +162,11 @@ TEST_F(Key, MissingItemIsInstalledAndReadOnTheSecondCall)
     EXPECT_EQ(ss_read_and_use_securestorage_code(), 0);
 
     EXPECT_EQ(dec_key_size, 64U);
-    EXPECT_THAT(
-        timeline(),
-        ElementsAre(Call(kInit), Call(read(5)),
-                    LogFrom("ss_read_and_use_securestorage_code", ERROR, kMissing),
-                    Call(install(0)),
-                    LogFrom("sdp_install_securestorage_code", ERROR, installed(0)), Call(kInit),
-                    Call(read(0)), Log(ERROR, "decryption key load success. key_size : 32"),
-                    Call("ss_free_buffer(data)")));
+    expectSteps({Call(kInit), Call(read(5)),
+                 LogFrom("ss_read_and_use_securestorage_code", ERROR, kMissing), Call(install(0)),
+                 LogFrom("sdp_install_securestorage_code", ERROR, installed(0)), Call(kInit),
+                 Call(read(0)), Log(ERROR, "decryption key load success. key_size : 32"),
+                 Call("ss_free_buffer(data)")});
 }
 
 TEST_F(Key, MissingItemAndFailingInstallAreReportedEachTime)
@@ -184,10 +178,9 @@ TEST_F(Key, MissingItemAndFailingInstallAreReportedEachTime)
 
     EXPECT_EQ(dec_key, nullptr);
     EXPECT_EQ(dec_key_size, 0U);
-    EXPECT_THAT(timeline(),
-                ElementsAre(Call(kInit), Call(read(5)), Log(ERROR, kMissing), Call(install(9)),
-                            Log(ERROR, notInstalled(9)), Call(kInit), Call(read(5)),
-                            Log(ERROR, kMissing), Call(install(9)), Log(ERROR, notInstalled(9))));
+    expectSteps({Call(kInit), Call(read(5)), Log(ERROR, kMissing), Call(install(9)),
+                 Log(ERROR, notInstalled(9)), Call(kInit), Call(read(5)), Log(ERROR, kMissing),
+                 Call(install(9)), Log(ERROR, notInstalled(9))});
 }
 
 TEST_F(Key, AnyOtherStorageErrorIsHandedBackWithoutInstalling)
@@ -200,10 +193,9 @@ TEST_F(Key, AnyOtherStorageErrorIsHandedBackWithoutInstalling)
 
         EXPECT_EQ(dec_key, nullptr);
         EXPECT_EQ(dec_key_size, 0U);
-        EXPECT_THAT(timeline(),
-                    ElementsAre(Call(kInit), Call(read(code)),
-                                LogFrom("ss_read_and_use_securestorage_code", ERROR,
-                                        "Error: ss_read error " + std::to_string(code))));
+        expectSteps({Call(kInit), Call(read(code)),
+                     LogFrom("ss_read_and_use_securestorage_code", ERROR,
+                             "Error: ss_read error " + std::to_string(code))});
     }
 }
 
@@ -214,8 +206,8 @@ TEST_F(Key, InstallCountsZeroAndTwoAsInstalled)
     EXPECT_EQ(sdp_install_securestorage_code(), 0);
     EXPECT_EQ(sdp_install_securestorage_code(), 0);
 
-    EXPECT_THAT(timeline(), ElementsAre(Call(install(0)), Log(ERROR, installed(0)),
-                                        Call(install(2)), Log(ERROR, installed(2))));
+    expectSteps(
+        {Call(install(0)), Log(ERROR, installed(0)), Call(install(2)), Log(ERROR, installed(2))});
 }
 
 TEST_F(Key, FailedInstallHandsItsCodeBackWithoutBitOne)
@@ -229,8 +221,8 @@ TEST_F(Key, FailedInstallHandsItsCodeBackWithoutBitOne)
     EXPECT_EQ(sdp_install_securestorage_code(), 5);
     EXPECT_EQ(sdp_install_securestorage_code(), -3);
 
-    EXPECT_THAT(logTexts(), ElementsAre(notInstalled(1), notInstalled(3), notInstalled(4),
-                                        notInstalled(6), notInstalled(7), notInstalled(-1)));
+    expectTexts(logTexts(), {notInstalled(1), notInstalled(3), notInstalled(4), notInstalled(6),
+                             notInstalled(7), notInstalled(-1)});
 }
 
 TEST_F(Key, WithoutMemoryIsAnErrorAndTheStorageGetsItsBufferBack)
@@ -245,11 +237,11 @@ TEST_F(Key, WithoutMemoryIsAnErrorAndTheStorageGetsItsBufferBack)
 
     EXPECT_EQ(dec_key, nullptr);
     EXPECT_EQ(dec_key_size, 0U);
-    EXPECT_THAT(timeline(), ElementsAre(Call(kInit), Call(read(0)),
-                                        Log(ERROR, "decryption key load success. key_size : 200"),
-                                        Call("ss_free_buffer(data)"),
-                                        LogFrom("ss_read_and_use_securestorage_code", ERROR,
-                                                "Error: no memory for the decryption key")));
+    expectSteps({Call(kInit), Call(read(0)),
+                 Log(ERROR, "decryption key load success. key_size : 200"),
+                 Call("ss_free_buffer(data)"),
+                 LogFrom("ss_read_and_use_securestorage_code", ERROR,
+                         "Error: no memory for the decryption key")});
 }
 
 TEST_F(ShortKey, OfSixteenBytesFillsTheCipherKeyExactly)
@@ -314,5 +306,5 @@ TEST_F(ShortKey, OfNoBytesCountsAsNoKey)
     EXPECT_EQ(ss_read_and_use_securestorage_code(), 0);
 
     EXPECT_EQ(dec_key_size, 0U);
-    EXPECT_THAT(logTexts(), Contains("decryption key load success. key_size : 0"));
+    expectStep(Log("decryption key load success. key_size : 0"));
 }

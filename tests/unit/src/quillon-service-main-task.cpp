@@ -12,9 +12,6 @@
 
 using namespace quillon::fakes;
 using namespace quillon::test;
-using ::testing::Each;
-using ::testing::ElementsAre;
-using ::testing::Eq;
 
 namespace {
 
@@ -90,12 +87,10 @@ TEST_F(MainTask, EndsAtOnceWhenTheWatchdogRefuses)
 
     EXPECT_EQ(firmware_main_task(), -1);
 
-    EXPECT_THAT(
-        timeline(),
-        ElementsAre(Call(kRegister + std::string("-1")),
-                    LogFrom("firmware_main_task", ERROR,
-                            "Error: [fwupdate-daemon] smart_deadlock_register_watchdog_service "
-                            "fail!\n")));
+    expectSteps({Call(kRegister + std::string("-1")),
+                 LogFrom("firmware_main_task", ERROR,
+                         "Error: [fwupdate-daemon] smart_deadlock_register_watchdog_service "
+                         "fail!\n")});
     EXPECT_EQ(g_main_loop, nullptr);
     EXPECT_EQ(client.commands().waiting(), 0);
 }
@@ -114,7 +109,7 @@ TEST_F(MainTask, ArmsATimerOfTenSecondsAndWaits)
     start();
 
     EXPECT_EQ(task.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
-    EXPECT_THAT(timeline(), ElementsAre(Call(kRegister + std::string("0")), Call(kTimer)));
+    expectSteps({Call(kRegister + std::string("0")), Call(kTimer)});
     quitMainLoop();
     EXPECT_EQ(result(), 0);
     EXPECT_EQ(g_main_loop, nullptr);
@@ -134,8 +129,8 @@ TEST_F(MainTask, LivesOnWhileTheMarkerIsThere)
     }
     EXPECT_GE(callTexts().size(), 3U);
     EXPECT_EQ(task.wait_until(shortWhile()), std::future_status::timeout);
-    EXPECT_THAT(callTexts(), Each(Eq(kNotify)));
-    EXPECT_THAT(logTexts(), Each(Eq("notify_callback")));
+    EXPECT_EQ(countSteps(Call(kNotify)), callTexts().size());
+    EXPECT_EQ(countSteps(Log("notify_callback")), logTexts().size());
     EXPECT_EQ(client.commands().waiting(), 0);
 
     removeMarker();
@@ -154,12 +149,10 @@ TEST_F(MainTask, StopsItselfAndTheControlTaskWhenTheMarkerIsGone)
     EXPECT_EQ(g_main_loop, nullptr);
     EXPECT_EQ(client.commands().waiting(), 1);
     EXPECT_EQ(client.commands().receive(), stopRecord());
-    EXPECT_THAT(
-        timeline(),
-        ElementsAre(LogFrom("notify_callback", DEBUG, "notify_callback"), Call(kNotify),
-                    Call("mq_send(\"/fwupdateservice_usb\", 284, 0) = 0"),
-                    LogFrom("notify_callback", ERROR, "check_main_loop_stop thread stop"),
-                    LogFrom("firmware_main_task", ERROR, "firmware_main_task thread stop\n")));
+    expectSteps({LogFrom("notify_callback", DEBUG, "notify_callback"), Call(kNotify),
+                 Call("mq_send(\"/fwupdateservice_usb\", 284, 0) = 0"),
+                 LogFrom("notify_callback", ERROR, "check_main_loop_stop thread stop"),
+                 LogFrom("firmware_main_task", ERROR, "firmware_main_task thread stop\n")});
 }
 
 TEST_F(MainTask, EndsEvenWhenTheStopRecordCannotBeSent)
@@ -172,8 +165,8 @@ TEST_F(MainTask, EndsEvenWhenTheStopRecordCannotBeSent)
 
     EXPECT_EQ(result(), 0);
     EXPECT_EQ(client.commands().waiting(), 0);
-    EXPECT_THAT(logTexts(), ElementsAre("notify_callback", "check_main_loop_stop thread stop",
-                                        "firmware_main_task thread stop\n"));
+    expectTexts(logTexts(), {"notify_callback", "check_main_loop_stop thread stop",
+                             "firmware_main_task thread stop\n"});
 }
 
 TEST_F(MainTaskTick, FeedsTheWatchdogAndNothingElseWhileTheMarkerIsThere)
@@ -182,8 +175,7 @@ TEST_F(MainTaskTick, FeedsTheWatchdogAndNothingElseWhileTheMarkerIsThere)
 
     EXPECT_EQ(notify_callback(nullptr), TRUE);
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(LogFrom("notify_callback", DEBUG, "notify_callback"), Call(kNotify)));
+    expectSteps({LogFrom("notify_callback", DEBUG, "notify_callback"), Call(kNotify)});
     EXPECT_EQ(client.commands().waiting(), 0);
 }
 
@@ -203,7 +195,7 @@ TEST_F(MainTaskTick, LooksForTheMarkerByStat)
 
     notify_callback(nullptr);
 
-    EXPECT_THAT(callTexts(), ElementsAre(kNotify, "stat(\"/tmp/fw_update_ready_usb\") = 0"));
+    expectTexts(callTexts(), {kNotify, "stat(\"/tmp/fw_update_ready_usb\") = 0"});
 }
 
 TEST_F(MainTaskTick, DoesNotCareWhatTheWatchdogAnswers)
@@ -213,7 +205,7 @@ TEST_F(MainTaskTick, DoesNotCareWhatTheWatchdogAnswers)
 
     EXPECT_EQ(notify_callback(nullptr), TRUE);
 
-    EXPECT_THAT(logTexts(), ElementsAre("notify_callback"));
+    expectTexts(logTexts(), {"notify_callback"});
 }
 
 TEST_F(MainTaskTick, KeepsItsTimerAndTellsTheControlTaskToStop)
@@ -222,5 +214,5 @@ TEST_F(MainTaskTick, KeepsItsTimerAndTellsTheControlTaskToStop)
 
     EXPECT_EQ(client.commands().receive(), stopRecord());
     EXPECT_EQ(client.replies().waiting(), 0);
-    EXPECT_THAT(logTexts(), ElementsAre("notify_callback", "check_main_loop_stop thread stop"));
+    expectTexts(logTexts(), {"notify_callback", "check_main_loop_stop thread stop"});
 }

@@ -5,13 +5,12 @@
 
 using namespace quillon::fakes;
 using namespace quillon::test;
-using ::testing::ElementsAre;
 
 namespace {
 
 constexpr timespec kStart = {1000, 0};
 
-EntryMatcher Status(int seconds, int percent, int status)
+Step Status(int seconds, int percent, int status)
 {
     return LogFrom("firmware_control_task", INFO,
                    "time : " + std::to_string(seconds) +
@@ -73,7 +72,7 @@ TEST_F(Progress, IsHalfWayAfterHalfTheExpectedTime)
 
     EXPECT_EQ(askAt(after(kStart, 30)), reply(1, 50));
 
-    EXPECT_THAT(timeline(), ElementsAre(Status(30, 50, 0)));
+    expectSteps({Status(30, 50, 0)});
 }
 
 TEST_F(Progress, NeverExceeds99WhileTheUpdateRuns)
@@ -84,7 +83,7 @@ TEST_F(Progress, NeverExceeds99WhileTheUpdateRuns)
     EXPECT_EQ(askAt(after(kStart, 60)), reply(1, 99));
     EXPECT_EQ(askAt(after(kStart, 70)), reply(1, 99));
 
-    EXPECT_THAT(timeline(), ElementsAre(Status(59, 98, 0), Status(60, 99, 0), Status(70, 99, 0)));
+    expectSteps({Status(59, 98, 0), Status(60, 99, 0), Status(70, 99, 0)});
 }
 
 TEST_F(Progress, CountsWholeSeconds)
@@ -96,7 +95,7 @@ TEST_F(Progress, CountsWholeSeconds)
     EXPECT_EQ(askAt({1001, 999998000}), reply(1, 0));
     EXPECT_EQ(askAt({1001, 999999000}), reply(1, 10));
 
-    EXPECT_THAT(timeline(), ElementsAre(Status(0, 0, 0), Status(0, 0, 0), Status(1, 10, 0)));
+    expectSteps({Status(0, 0, 0), Status(0, 0, 0), Status(1, 10, 0)});
 }
 
 TEST_F(Progress, IsRightBeyondTheSecondsOf32Bits)
@@ -123,7 +122,7 @@ TEST_F(Progress, OfADoneUpdateIs100WhateverTheTime)
 
     EXPECT_EQ(outcome(), reply(2, 100));
 
-    EXPECT_THAT(timeline(), EndsWith(Status(6, 10, 100)));
+    expectLastSteps({Status(6, 10, 100)});
     EXPECT_EQ(client.ask(6), reply(-5));
 }
 
@@ -138,7 +137,7 @@ TEST_F(Progress, OfAFailedUpdateStaysWhereTheTimeStood)
 
     EXPECT_EQ(askAt(after(kStart, 15)), reply(-4, 25));
 
-    EXPECT_THAT(timeline(), ElementsAre(Status(15, 25, -1)));
+    expectSteps({Status(15, 25, -1)});
     EXPECT_EQ(client.ask(6), reply(-5));
 }
 
@@ -148,7 +147,7 @@ TEST_F(Progress, IsZeroWithoutAnExpectedTime)
 
     EXPECT_EQ(askAt(after(kStart, 30)), reply(1, 0));
 
-    EXPECT_THAT(timeline(), ElementsAre(Status(30, 0, 0)));
+    expectSteps({Status(30, 0, 0)});
     gate->open();
     EXPECT_EQ(outcome(), reply(2, 100));
 }

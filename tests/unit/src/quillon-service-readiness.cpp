@@ -1,3 +1,4 @@
+#include <gtest/gtest.h>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -7,8 +8,6 @@
 #include "quillon-service.h"
 
 using namespace quillon::fakes;
-using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
 
 namespace {
 
@@ -61,10 +60,8 @@ TEST_F(Readiness, IsAnnouncedByOneEvent)
 {
     EXPECT_EQ(set_service_running_done(), 0);
 
-    EXPECT_THAT(timeline(),
-                ElementsAre(LogFrom("set_service_running_done", INFO, "control task is ready."),
-                            Call(kRaised),
-                            LogFrom("set_service_running_done", INFO, "lwipc control is ready.")));
+    expectSteps({LogFrom("set_service_running_done", INFO, "control task is ready."), Call(kRaised),
+                 LogFrom("set_service_running_done", INFO, "lwipc control is ready.")});
 }
 
 TEST_P(ReadinessRetries, FirstRetryComesAtOnceAndEachFurtherOneTenMillisecondsLater)
@@ -74,7 +71,7 @@ TEST_P(ReadinessRetries, FirstRetryComesAtOnceAndEachFurtherOneTenMillisecondsLa
 
     EXPECT_EQ(set_service_running_done(), expected.result);
 
-    std::vector<EntryMatcher> steps = {Log(INFO, "control task is ready.")};
+    Steps steps = {Log(INFO, "control task is ready.")};
     int sleeps = 0;
     for (int call = 1; call <= expected.calls; ++call) {
         const bool refused = call <= expected.failures;
@@ -92,7 +89,7 @@ TEST_P(ReadinessRetries, FirstRetryComesAtOnceAndEachFurtherOneTenMillisecondsLa
                                 "Error: LwipcEventDone /tmp/.fw_service_ready_usb failed: " +
                                     std::string(std::strerror(EAGAIN)) + "\n"));
     }
-    EXPECT_THAT(timeline(), ElementsAreArray(steps));
+    expectSteps(steps);
 }
 
 INSTANTIATE_TEST_SUITE_P(Failures, ReadinessRetries,
@@ -110,9 +107,9 @@ TEST_F(Readiness, AnyOtherAnswerThanZeroIsARefusal)
 
     EXPECT_EQ(set_service_running_done(), 0);
 
-    EXPECT_THAT(callTexts(),
-                ElementsAre("LwipcEventDone(\"/tmp/.fw_service_ready_usb\") = 1",
-                            "LwipcEventDone(\"/tmp/.fw_service_ready_usb\") = 7", kSleep, kRaised));
+    expectTexts(callTexts(),
+                {"LwipcEventDone(\"/tmp/.fw_service_ready_usb\") = 1",
+                 "LwipcEventDone(\"/tmp/.fw_service_ready_usb\") = 7", kSleep, kRaised});
 }
 
 TEST_F(Readiness, FailureNamesTheReasonOfTheLastAttempt)
@@ -122,7 +119,7 @@ TEST_F(Readiness, FailureNamesTheReasonOfTheLastAttempt)
 
     EXPECT_EQ(set_service_running_done(), -1);
 
-    EXPECT_THAT(logTexts(), ElementsAre("control task is ready.",
-                                        "Error: LwipcEventDone /tmp/.fw_service_ready_usb failed: "
-                                        "No space left on device\n"));
+    expectTexts(logTexts(), {"control task is ready.",
+                             "Error: LwipcEventDone /tmp/.fw_service_ready_usb failed: "
+                             "No space left on device\n"});
 }

@@ -7,8 +7,6 @@
 
 using namespace quillon::fakes;
 using namespace quillon::test;
-using ::testing::Contains;
-using ::testing::Not;
 
 namespace {
 
@@ -56,11 +54,10 @@ TEST_F(Shutdown, FollowsTheRemovalOfTheLifeMarker)
     tickOften();
 
     EXPECT_EQ(result(), 0);
-    EXPECT_THAT(logTexts(), Contains("check_main_loop_stop thread stop"));
-    EXPECT_THAT(logTexts(), Contains("firmware_control_task thread stop\n"));
-    EXPECT_THAT(logTexts(), Contains("firmware_main_task thread stop\n"));
-    EXPECT_THAT(timeline(),
-                EndsWith(Call("remove(\"/tmp/fw_update_ready_usb\") = -1"), Call(kUnregistered)));
+    expectStep(Log("check_main_loop_stop thread stop"));
+    expectStep(Log("firmware_control_task thread stop\n"));
+    expectStep(Log("firmware_main_task thread stop\n"));
+    expectLastSteps({Call("remove(\"/tmp/fw_update_ready_usb\") = -1"), Call(kUnregistered)});
 }
 
 TEST_F(Shutdown, WaitsForTheMarkerAfterAClientHasStoppedTheControlTask)
@@ -92,8 +89,7 @@ TEST_F(Shutdown, WaitsForTheControlTaskAfterTheMainTaskHasEnded)
     Client().send(4);
     EXPECT_EQ(result(), 0);
     EXPECT_FALSE(isThere(kLifeMarker));
-    EXPECT_THAT(timeline(),
-                EndsWith(Call("remove(\"/tmp/fw_update_ready_usb\") = 0"), Call(kUnregistered)));
+    expectLastSteps({Call("remove(\"/tmp/fw_update_ready_usb\") = 0"), Call(kUnregistered)});
 }
 
 TEST_F(Shutdown, NeedsOnlyTheStopCommandWhenTheWatchdogHasRefused)
@@ -108,9 +104,10 @@ TEST_F(Shutdown, NeedsOnlyTheStopCommandWhenTheWatchdogHasRefused)
     Client().send(4);
 
     EXPECT_EQ(result(), 0);
-    EXPECT_THAT(logTexts(), Contains("Error: [fwupdate-daemon] "
-                                     "smart_deadlock_register_watchdog_service fail!\n"));
-    EXPECT_THAT(logTexts(), Not(Contains("notify_callback")));
+    expectStep(
+        Log("Error: [fwupdate-daemon] "
+            "smart_deadlock_register_watchdog_service fail!\n"));
+    expectNoStep(Log("notify_callback"));
 }
 
 TEST_F(Shutdown, FollowsAnExceptionOfTheControlTask)
@@ -121,14 +118,13 @@ TEST_F(Shutdown, FollowsAnExceptionOfTheControlTask)
     estimate();
 
     ASSERT_TRUE(waitForLine("Error: control_task exception checkVersion"));
-    EXPECT_THAT(timeline(), Contains(LogFrom("quillon_service_main", ERROR,
-                                             "Error: control_task exception checkVersion")));
+    expectStep(
+        LogFrom("quillon_service_main", ERROR, "Error: control_task exception checkVersion"));
     EXPECT_TRUE(isRunning());
     removeMarker();
     tickOften();
     EXPECT_EQ(result(), 0);
-    EXPECT_THAT(timeline(),
-                EndsWith(Call("remove(\"/tmp/fw_update_ready_usb\") = -1"), Call(kUnregistered)));
+    expectLastSteps({Call("remove(\"/tmp/fw_update_ready_usb\") = -1"), Call(kUnregistered)});
 }
 
 TEST_F(Shutdown, FollowsAnExceptionOfTheMainTask)
@@ -137,15 +133,14 @@ TEST_F(Shutdown, FollowsAnExceptionOfTheMainTask)
     service = std::async(std::launch::async, quillon_service_main);
     ASSERT_TRUE(waitForLine("set_service_running_done Done"));
     EXPECT_TRUE(isRunning());
-    EXPECT_THAT(logTexts(), Not(Contains("Error: main_task exception no watchdog")));
+    expectNoStep(Log("Error: main_task exception no watchdog"));
 
     Client().send(4);
 
     EXPECT_EQ(result(), 0);
-    EXPECT_THAT(
-        timeline(),
-        EndsWith(LogFrom("quillon_service_main", ERROR, "Error: main_task exception no watchdog"),
-                 Call("remove(\"/tmp/fw_update_ready_usb\") = 0"), Call(kUnregistered)));
+    expectLastSteps(
+        {LogFrom("quillon_service_main", ERROR, "Error: main_task exception no watchdog"),
+         Call("remove(\"/tmp/fw_update_ready_usb\") = 0"), Call(kUnregistered)});
 }
 
 TEST_F(Shutdown, DoesNotCareWhetherCleaningUpSucceeds)

@@ -9,17 +9,11 @@
 using namespace quillon::fakes;
 using namespace quillon::test;
 
-using ::testing::Contains;
-using ::testing::Each;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::Not;
-
 namespace {
 
 std::atomic<bool> threadsFail{false};
 
-EntryMatcher Said(int priority, const std::string& text)
+Step Said(int priority, const std::string& text)
 {
     return LogFrom("firmware_control_task", priority, text);
 }
@@ -84,7 +78,7 @@ TEST_F(UpdateCommands, UpdateRunsFromEstimateToDone)
 
     EXPECT_EQ(outcome(), reply(2, 100));
     EXPECT_EQ(client.ask(6), reply(-5));
-    EXPECT_THAT(payloadsOf("alpha"), ElementsAre(bytesOf("payload")));
+    EXPECT_EQ(payloadsOf("alpha"), std::vector<Bytes>{bytesOf("payload")});
 }
 
 TEST_F(UpdateCommands, ClockIsReadBetweenEstimateAndUpdate)
@@ -108,8 +102,8 @@ TEST_F(UpdateCommands, ClockIsReadBetweenEstimateAndUpdate)
         }
     }
     ASSERT_GE(steps.size(), 3U);
-    EXPECT_THAT(std::vector<std::string>(steps.begin(), steps.begin() + 2),
-                ElementsAre("Need Update [alpha] [10]", "clock_gettime(CLOCK_MONOTONIC) = 0"));
+    expectTexts(std::vector<std::string>(steps.begin(), steps.begin() + 2),
+                {"Need Update [alpha] [10]", "clock_gettime(CLOCK_MONOTONIC) = 0"});
 }
 
 TEST_F(UpdateCommands, UpdateWorksOnAThreadOfItsOwn)
@@ -146,7 +140,7 @@ TEST_F(UpdateCommands, SecondStartDuringAnUpdateIsRefused)
 
     EXPECT_EQ(client.ask(1), reply(-1));
 
-    EXPECT_THAT(timeline(), ElementsAre(Said(ERROR, "Service is being updated.")));
+    expectSteps({Said(ERROR, "Service is being updated.")});
     gate->open();
     EXPECT_EQ(outcome(), reply(2, 100));
     EXPECT_EQ(payloadsOf("alpha").size(), 1U);
@@ -190,8 +184,8 @@ TEST_F(UpdateCommands, StartWithoutAKeyIsDropped)
     client.send(1);
 
     EXPECT_TRUE(client.everythingIsUnanswered());
-    EXPECT_THAT(timeline(), ElementsAre(Said(ERROR, "Error: decrption key is invalid"),
-                                        Said(ERROR, "Service is not being updated.")));
+    expectSteps({Said(ERROR, "Error: decrption key is invalid"),
+                 Said(ERROR, "Service is not being updated.")});
 }
 
 TEST_F(UpdateCommands, StartWithAnEmptyKeyIsDropped)
@@ -203,8 +197,8 @@ TEST_F(UpdateCommands, StartWithAnEmptyKeyIsDropped)
     client.send(1);
 
     EXPECT_TRUE(client.everythingIsUnanswered());
-    EXPECT_THAT(timeline(), ElementsAre(Said(ERROR, "Error: decrption key is invalid"),
-                                        Said(ERROR, "Service is not being updated.")));
+    expectSteps({Said(ERROR, "Error: decrption key is invalid"),
+                 Said(ERROR, "Service is not being updated.")});
 }
 
 TEST_F(UpdateCommands, StartWithNothingToUpdateIsDropped)
@@ -215,8 +209,8 @@ TEST_F(UpdateCommands, StartWithNothingToUpdateIsDropped)
     client.send(1);
 
     EXPECT_TRUE(client.everythingIsUnanswered());
-    EXPECT_THAT(timeline(), EndsWith(Said(ERROR, "Error: update task getFirmwareUpdateTime fail"),
-                                     Said(ERROR, "Service is not being updated.")));
+    expectLastSteps({Said(ERROR, "Error: update task getFirmwareUpdateTime fail"),
+                     Said(ERROR, "Service is not being updated.")});
 }
 
 TEST_F(UpdateCommands, StartIsAcceptedOnceThereIsSomethingToUpdate)
@@ -299,7 +293,7 @@ TEST_F(UpdateCommands, StopWaitsForTheRunningUpdate)
     EXPECT_TRUE(isRunning());
     gate->open();
     EXPECT_EQ(result(), 0);
-    EXPECT_THAT(logTexts(), Contains("========== [ alpha update succeeded ] =========="));
+    expectStep(Log("========== [ alpha update succeeded ] =========="));
 }
 
 TEST_F(UpdateCommands, ExceptionOfAModuleIsAFailedUpdate)
@@ -323,7 +317,7 @@ TEST_F(UpdateCommands, UpdateThatGetsNoThreadIsAFailedOne)
     threadsFail = false;
 
     EXPECT_EQ(client.ask(6), reply(-4, 0));
-    EXPECT_THAT(logTexts(), Contains(HasSubstr("Error: update task cannot be started: ")));
+    expectStep(Log(like("*Error: update task cannot be started: *")));
     EXPECT_EQ(client.ask(1), reply(0));
     EXPECT_EQ(outcome(), reply(2, 100));
 }
@@ -337,8 +331,8 @@ TEST_F(UpdateTask, SetsOneHundredWhenDone)
 
     EXPECT_EQ(progress, 100);
     EXPECT_TRUE(isUpdating);
-    EXPECT_THAT(payloadsOf("alpha"), ElementsAre(bytesOf("payload")));
-    EXPECT_THAT(timeline(), Each(Not(LogFrom("firmware_update_task", ERROR, ::testing::_))));
+    EXPECT_EQ(payloadsOf("alpha"), std::vector<Bytes>{bytesOf("payload")});
+    expectNoStep(LogFrom("firmware_update_task", ERROR, like("*")));
 }
 
 TEST_F(UpdateTask, CountsAModulesOwnCodeAsDone)
@@ -361,9 +355,8 @@ TEST_F(UpdateTask, SetsMinusOneWhenTheRunFails)
 
     EXPECT_EQ(progress, -1);
     EXPECT_FALSE(isUpdating);
-    EXPECT_THAT(timeline(),
-                EndsWith(LogFrom("doUpdateUSB", ERROR, "update fail [alpha]"),
-                         LogFrom("firmware_update_task", ERROR, "Error: doUpdateUSB fail")));
+    expectLastSteps({LogFrom("doUpdateUSB", ERROR, "update fail [alpha]"),
+                     LogFrom("firmware_update_task", ERROR, "Error: doUpdateUSB fail")});
 }
 
 TEST_F(UpdateTask, SetsMinusOneWhenThereIsNothingToUpdate)
@@ -371,8 +364,7 @@ TEST_F(UpdateTask, SetsMinusOneWhenThereIsNothingToUpdate)
     EXPECT_EQ(firmware_update_task(isUpdating, progress), 0);
 
     EXPECT_EQ(progress, -1);
-    EXPECT_THAT(timeline(),
-                ElementsAre(LogFrom("firmware_update_task", ERROR, "Error: doUpdateUSB fail")));
+    expectSteps({LogFrom("firmware_update_task", ERROR, "Error: doUpdateUSB fail")});
 }
 
 TEST_F(UpdateTask, NeedsAKey)
@@ -384,8 +376,7 @@ TEST_F(UpdateTask, NeedsAKey)
     EXPECT_EQ(firmware_update_task(isUpdating, progress), 0);
 
     EXPECT_EQ(progress, -1);
-    EXPECT_THAT(timeline(), ElementsAre(LogFrom("firmware_update_task", ERROR,
-                                                "Error: decrption key is invalid")));
+    expectSteps({LogFrom("firmware_update_task", ERROR, "Error: decrption key is invalid")});
 }
 
 TEST_F(UpdateTask, NeedsAKeyThatIsNotEmpty)
@@ -397,8 +388,7 @@ TEST_F(UpdateTask, NeedsAKeyThatIsNotEmpty)
     EXPECT_EQ(firmware_update_task(isUpdating, progress), 0);
 
     EXPECT_EQ(progress, -1);
-    EXPECT_THAT(timeline(), ElementsAre(LogFrom("firmware_update_task", ERROR,
-                                                "Error: decrption key is invalid")));
+    expectSteps({LogFrom("firmware_update_task", ERROR, "Error: decrption key is invalid")});
 }
 
 TEST_F(UpdateTask, TakesAnExceptionForAFailure)
@@ -409,10 +399,9 @@ TEST_F(UpdateTask, TakesAnExceptionForAFailure)
     EXPECT_EQ(firmware_update_task(isUpdating, progress), 0);
 
     EXPECT_EQ(progress, -1);
-    EXPECT_THAT(timeline(),
-                EndsWith(LogFrom("firmware_update_task", ERROR,
-                                 "Error: update task exception doUpdate_decryption"),
-                         LogFrom("firmware_update_task", ERROR, "Error: doUpdateUSB fail")));
+    expectLastSteps(
+        {LogFrom("firmware_update_task", ERROR, "Error: update task exception doUpdate_decryption"),
+         LogFrom("firmware_update_task", ERROR, "Error: doUpdateUSB fail")});
 }
 
 TEST_F(UpdateTask, TakesAnExceptionOfAnyKindForAFailure)
@@ -423,8 +412,7 @@ TEST_F(UpdateTask, TakesAnExceptionOfAnyKindForAFailure)
     EXPECT_EQ(firmware_update_task(isUpdating, progress), 0);
 
     EXPECT_EQ(progress, -1);
-    EXPECT_THAT(timeline(),
-                EndsWith(LogFrom("firmware_update_task", ERROR,
-                                 "Error: update task exception of an unknown kind"),
-                         LogFrom("firmware_update_task", ERROR, "Error: doUpdateUSB fail")));
+    expectLastSteps(
+        {LogFrom("firmware_update_task", ERROR, "Error: update task exception of an unknown kind"),
+         LogFrom("firmware_update_task", ERROR, "Error: doUpdateUSB fail")});
 }

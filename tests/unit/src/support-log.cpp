@@ -11,7 +11,6 @@ namespace quillon::test {
 namespace {
 
 using namespace fakes;
-using ::testing::ElementsAre;
 
 class LogStatement : public DeviceTest
 {
@@ -41,7 +40,7 @@ TEST_F(LogStatement, HasThreePriorities)
     FW_LOGI("info");
     FW_LOGE("error");
 
-    EXPECT_THAT(timeline(), ElementsAre(Log(3, "debug"), Log(4, "info"), Log(6, "error")));
+    expectSteps({Log(3, "debug"), Log(4, "info"), Log(6, "error")});
 }
 
 TEST_F(LogStatement, EvaluatesItsArgumentsOnce)
@@ -51,7 +50,7 @@ TEST_F(LogStatement, EvaluatesItsArgumentsOnce)
     FW_LOGI("%d", ++count);
 
     EXPECT_EQ(count, 1);
-    EXPECT_THAT(logTexts(), ElementsAre("1"));
+    expectTexts(logTexts(), {"1"});
 }
 
 // The recording platform spoils errno each time.

@@ -43,19 +43,18 @@ protected:
     const Stick stick = device.stick();
     FWUpdateSymbol module{"alpha"};
 
-    const fakes::EntryMatcher verified =
+    const fakes::Step verified =
         fakes::Plugin("verifyFile(null, \"/opt/media/USBDriveA/alpha.bin\", \"UserCaller\") = 1");
-    const fakes::EntryMatcher saidSigned =
+    const fakes::Step saidSigned =
         fakes::LogFrom("uep_verify", fakes::ERROR,
                        "[uep][UserCaller] the file is signed successfully : "
                        "/opt/media/USBDriveA/alpha.bin\n");
-    const fakes::EntryMatcher refused =
+    const fakes::Step refused =
         fakes::Plugin("verifyFile(null, \"/opt/media/USBDriveA/alpha.bin\", \"UserCaller\") = 0");
-    const fakes::EntryMatcher saidNotSigned =
-        fakes::LogFrom("uep_verify", fakes::ERROR,
-                       "[uep][UserCaller] the file is NOT signed!! : "
-                       "/opt/media/USBDriveA/alpha.bin\n");
-    const fakes::EntryMatcher contextSet = fakes::Plugin("alpha.setContext(\"alpha\", 3, \"\")");
+    const fakes::Step saidNotSigned = fakes::LogFrom("uep_verify", fakes::ERROR,
+                                                     "[uep][UserCaller] the file is NOT signed!! : "
+                                                     "/opt/media/USBDriveA/alpha.bin\n");
+    const fakes::Step contextSet = fakes::Plugin("alpha.setContext(\"alpha\", 3, \"\")");
 };
 
 }  // namespace quillon::test
