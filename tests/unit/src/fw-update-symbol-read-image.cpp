@@ -107,7 +107,6 @@ TEST_F(ReadImage, IsAskedAboutOnceItIsReadAndBeforeItsVersionIs)
     EXPECT_EQ(estimate(), 1);
     EXPECT_EQ(update(), 0);
 
-    const Step checked = Plugin("alpha.checkVersion(\"2.0\", need -1)");
     expectSteps({verified, saidSigned, contextSet, digestAccepted, checked,
                  Plugin("alpha.getExpectedTime(0)"), verified, saidSigned, contextSet,
                  digestAccepted, checked,

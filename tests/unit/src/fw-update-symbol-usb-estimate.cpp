@@ -14,22 +14,6 @@ class NeedUpdateList : public UsbImages
 protected:
     static Step said(const std::string& text) { return LogFrom("getNeedUpdateList", ERROR, text); }
 
-    // An earlier decision, to be replaced or kept.
-    void decideEarlier()
-    {
-        device.changeModule("alpha", Module().needsUpdate().takesSeconds(30));
-        stick.addImage("alpha", Image());
-        ASSERT_EQ(estimate(), 1);
-        clear();
-    }
-
-    void expectDecision(bool need, int seconds)
-    {
-        EXPECT_EQ(module.getNeedUpdate(), need);
-        EXPECT_EQ(module.getExpectedUpdateTime(), seconds);
-    }
-
-    const Step checked = Plugin("alpha.checkVersion(\"2.0\", need -1)");
     const Step askedForTime = Plugin("alpha.getExpectedTime(0)");
 };
 
@@ -44,96 +28,6 @@ TEST_F(NeedUpdateList, VerifiesDeciphersAndAsksInThisOrder)
     expectDecision(true, 30);
 }
 
-TEST_F(NeedUpdateList, RefusesANullKey)
-{
-    install(Module().needsUpdate());
-
-    EXPECT_EQ(module.getNeedUpdateList(nullptr, stick.path()), -1);
-    EXPECT_EQ(module.getNeedUpdateList(nullptr, nullptr), -1);
-
-    expectSteps({said("Error: ckey  is nullptr"), said("Error: ckey  is nullptr")});
-}
-
-TEST_F(NeedUpdateList, RefusesANullPath)
-{
-    install(Module().needsUpdate());
-
-    EXPECT_EQ(module.getNeedUpdateList(key, nullptr), -1);
-
-    expectSteps({said("Error: image_path is nullptr")});
-}
-
-TEST_F(NeedUpdateList, RefusesAMissingImageAndKeepsTheDecision)
-{
-    install(Module());
-    decideEarlier();
-
-    EXPECT_EQ(module.getNeedUpdateList(key, "/opt/media"), -1);
-
-    expectSteps({said("Error: /opt/mediaalpha.bin open fail")});
-    expectDecision(true, 30);
-}
-
-TEST_F(NeedUpdateList, RefusesAnUnsignedImageBeforeDecipheringIt)
-{
-    install(Module().needsUpdate());
-    stick.addImage("alpha", Image());
-    device.verifierSays(0);
-    recordCalls({"EVP_CipherInit", "EVP_CipherUpdate", "fread"});
-
-    EXPECT_EQ(estimate(), -1);
-
-    expectSteps(
-        {refused, saidNotSigned, said("Error: /opt/media/USBDriveA/alpha.bin is NOT signed ")});
-    expectDecision(false, 0);
-}
-
-TEST_F(NeedUpdateList, TakesAnyAnswerOfTheVerifierButZeroForSigned)
-{
-    install(Module().needsUpdate());
-    stick.addImage("alpha", Image());
-    device.verifierSays(-1);
-
-    EXPECT_EQ(estimate(), 1);
-}
-
-TEST_F(NeedUpdateList, GoesOnWhateverSetContextAnswers)
-{
-    install(Module().needsUpdate().returning("setContext", -1));
-    stick.addImage("alpha", Image());
-
-    EXPECT_EQ(estimate(), 1);
-}
-
-TEST_F(NeedUpdateList, RefusesAnImageShorterThanItsIv)
-{
-    install(Module().needsUpdate());
-    for (const std::size_t size : {0U, 1U, 15U}) {
-        stick.addImage("alpha", Image().cutTo(size));
-        clear();
-
-        EXPECT_EQ(estimate(), -1);
-
-        SCOPED_TRACE(size);
-        expectSteps({verified, saidSigned, contextSet, said("Error: iv is worng")});
-    }
-}
-
-TEST_F(NeedUpdateList, SaysSoWhenTheImageCannotBeDeciphered)
-{
-    if (!canFailAllocations()) {
-        GTEST_SKIP() << "the sanitizer's allocator cannot be made to fail";
-    }
-    install(Module().needsUpdate());
-    const Bytes image = Image().payload(noise(12345)).bytes();
-    stick.addImage("alpha", image);
-    failAllocation(image.size());
-
-    EXPECT_EQ(estimate(), -1);
-
-    expectSteps({verified, saidSigned, contextSet, said("Error: Decryption data is null")});
-}
-
 TEST_F(NeedUpdateList, FeedsSixteenBytesOfTheTrailerAsWell)
 {
     install(Module().needsUpdate());
@@ -146,19 +40,6 @@ TEST_F(NeedUpdateList, FeedsSixteenBytesOfTheTrailerAsWell)
     expectTexts(callTexts(),
                 {"EVP_CipherInit(0) = 1",
                  "EVP_CipherUpdate(" + std::to_string(image.size() - kTrailerSize) + ") = 1"});
-}
-
-TEST_F(NeedUpdateList, FailsWhenThePluginCannotCheckTheVersion)
-{
-    install(Module());
-    decideEarlier();
-    device.changeModule("alpha", Module().upToDate().returning("checkVersion", 2));
-
-    EXPECT_EQ(estimate(), -1);
-
-    expectSteps({verified, saidSigned, contextSet, checked,
-                 said("Error: alpha Firmware CheckVersion Fail")});
-    expectDecision(true, 30);
 }
 
 TEST_F(NeedUpdateList, ClearsTheMarkWhenNoUpdateIsNeeded)
@@ -243,73 +124,6 @@ TEST_F(NeedUpdateList, AModuleThatIsNotLoadedCannotTellTheTime)
     expectDecision(false, 0);
 }
 
-TEST_F(NeedUpdateList, ARecordWithoutItsRequiredEntriesFailsWithoutRaising)
-{
-    stick.addImage("", Image());
-
-    EXPECT_EQ(estimate(), -1);
-
-    expectSteps({Plugin("verifyFile(null, \"/opt/media/USBDriveA/.bin\", "
-                        "\"UserCaller\") = 1"),
-                 Log(ERROR,
-                     "[uep][UserCaller] the file is signed successfully : "
-                     "/opt/media/USBDriveA/.bin\n"),
-                 said("Error: alpha has no plug-in")});
-}
-
-TEST_F(NeedUpdateList, ARecordThatLacksOneRequiredEntryFailsWithoutTouchingThePlugin)
-{
-    ASSERT_EQ(install(Module().needsUpdate().lacking("checkVersion")), -1);
-    stick.addImage("", Image());
-
-    EXPECT_EQ(estimate(), -1);
-
-    expectTexts(pluginTexts(), {"verifyFile(null, \"/opt/media/USBDriveA/.bin\", "
-                                "\"UserCaller\") = 1"});
-}
-
-TEST_F(NeedUpdateList, AnEntryAtTheAddressNullFailsWithoutTouchingThePlugin)
-{
-    ASSERT_EQ(install(Module().withNull("checkVersion")), 0);
-    stick.addImage("alpha", Image());
-
-    EXPECT_EQ(estimate(), -1);
-
-    expectSteps({verified, saidSigned, said("Error: alpha has no plug-in")});
-}
-
-TEST_F(NeedUpdateList, ClosesTheImageBeforeThePluginIsAsked)
-{
-    const int before = openDescriptors();
-    int whileChecking = 0;
-    install(Module().onCheckVersion([&whileChecking](const char*, int* need) {
-        whileChecking = openDescriptors();
-        *need = 1;
-        return 0;
-    }));
-    stick.addImage("alpha", Image());
-
-    EXPECT_EQ(estimate(), 1);
-
-    EXPECT_EQ(whileChecking, before);
-}
-
-TEST_F(NeedUpdateList, OpensTheImageBeforeItIsVerified)
-{
-    const int before = openDescriptors();
-    int whileVerifying = 0;
-    install(Module().needsUpdate());
-    stick.addImage("alpha", Image());
-    platform().verifyFile.always([&whileVerifying](const char*) {
-        whileVerifying = openDescriptors();
-        return 1;
-    });
-
-    EXPECT_EQ(estimate(), 1);
-
-    EXPECT_EQ(whileVerifying, before + 1);
-}
-
 TEST_F(NeedUpdateList, APlainTextShorterThanTheHeaderIsFilledUp)
 {
     std::string seen = "nothing";
@@ -346,17 +160,6 @@ TEST_F(NeedUpdateList, AnImageOfAnIvAloneHasAnEmptyVersion)
     EXPECT_EQ(header, Bytes(kHeaderSize)) << "nothing but zeros, to the end of the header";
 }
 
-TEST_F(NeedUpdateList, AVersionThatFillsTheHeaderIsTerminatedBehindIt)
-{
-    install(Module().needsUpdate());
-    const std::string version(64, 'v');
-    stick.addImage("alpha", Image().version(version).payload(bytesOf("payload")));
-
-    EXPECT_EQ(estimate(), 1);
-
-    expectStep(Plugin("alpha.checkVersion(\"" + version + "\", need -1)"));
-}
-
 TEST_F(NeedUpdateList, InstallsNothing)
 {
     install(Module().needsUpdate());
@@ -365,18 +168,6 @@ TEST_F(NeedUpdateList, InstallsNothing)
     EXPECT_EQ(estimate(), 1);
 
     EXPECT_TRUE(payloadsOf("alpha").empty());
-}
-
-TEST_F(NeedUpdateList, AnExceptionOutOfThePluginReachesTheCallerWithTheImageClosed)
-{
-    install(Module());
-    device.changeModule("alpha", Module().throwing("setContext"));
-    stick.addImage("alpha", Image());
-    const int before = openDescriptors();
-
-    EXPECT_THROW(module.getNeedUpdateList(key, stick.path()), std::runtime_error);
-
-    EXPECT_EQ(openDescriptors(), before);
 }
 
 }  // namespace

@@ -40,6 +40,21 @@ protected:
         return result;
     }
 
+    /// An earlier decision, to be replaced or kept: an update is needed and takes 30 s.
+    void decideEarlier()
+    {
+        device.changeModule("alpha", Module().needsUpdate().takesSeconds(30));
+        stick.addImage("alpha", Image());
+        ASSERT_EQ(estimate(), 1);
+        fakes::clear();
+    }
+
+    void expectDecision(bool need, int seconds)
+    {
+        EXPECT_EQ(module.getNeedUpdate(), need);
+        EXPECT_EQ(module.getExpectedUpdateTime(), seconds);
+    }
+
     const Stick stick = device.stick();
     FWUpdateSymbol module{"alpha"};
 
@@ -54,6 +69,7 @@ protected:
     const fakes::Step saidNotSigned = fakes::LogFrom("uep_verify", fakes::ERROR,
                                                      "[uep][UserCaller] the file is NOT signed!! : "
                                                      "/opt/media/USBDriveA/alpha.bin\n");
+    const fakes::Step checked = fakes::Plugin("alpha.checkVersion(\"2.0\", need -1)");
     const fakes::Step contextSet = fakes::Plugin("alpha.setContext(\"alpha\", 3, \"\")");
 };
 
