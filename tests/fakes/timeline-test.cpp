@@ -91,6 +91,20 @@ TEST(ExpectedTexts, MayBeInAnyOrder)
     EXPECT_NE(failureOf([] { expectTextsInAnyOrder({"b", "a", "a"}, {"a", "b", "b"}); }).text, "");
 }
 
+TEST(ExpectedTexts, OneMayBeAskedForOrRefusedAmongThem)
+{
+    EXPECT_EQ(failureOf([] { test::expectTextAmong({"a", "b"}, like("b*")); }).text, "");
+    EXPECT_EQ(failureOf([] { test::expectNoTextAmong({"a", "b"}, "c"); }).text, "");
+    EXPECT_EQ(failureOf([] {
+                  test::expectTextAmong({"a", "b"}, "c");
+              }).text,
+              "Failed\n  missing:  \"c\"\n  seen:\n            \"a\"\n            \"b\"");
+    EXPECT_EQ(failureOf([] { test::expectNoTextAmong({"a"}, like("*")); }).text,
+              "Failed\n  not to be: like \"*\"\n  seen:\n            \"a\"");
+    EXPECT_EQ(failureOf([] { test::expectTextAmong({}, like("*")); }).text,
+              "Failed\n  missing:  like \"*\"\n  seen:\n            nothing");
+}
+
 TEST(ExpectedSteps, AreTheWholeTimeline)
 {
     say(ERROR, "line");

@@ -32,6 +32,21 @@ bool isLike(std::string_view text, std::string_view pattern)
     return at != std::string_view::npos && isLike(text.substr(at), pattern);
 }
 
+bool isAmong(const std::vector<std::string>& seen, const TextRule& rule)
+{
+    return std::any_of(seen.begin(), seen.end(),
+                       [&rule](const std::string& text) { return rule.accepts(text); });
+}
+
+std::string listed(const std::vector<std::string>& texts)
+{
+    std::string list = texts.empty() ? "\n            nothing" : "";
+    for (const std::string& text : texts) {
+        list += "\n            " + shownText(text);
+    }
+    return list;
+}
+
 }  // namespace
 
 TextRule::TextRule(const char* whole) : text_(whole)
@@ -76,6 +91,24 @@ void expectNoText(const std::string& seen, const TextRule& refused, const char* 
     if (refused.accepts(seen)) {
         ADD_FAILURE_AT(file, line)
             << "  not to be: " << refused.description() << "\n  seen:      " << shownText(seen);
+    }
+}
+
+void expectTextAmong(const std::vector<std::string>& seen, const TextRule& expected,
+                     const char* file, int line)
+{
+    if (!isAmong(seen, expected)) {
+        ADD_FAILURE_AT(file, line)
+            << "  missing:  " << expected.description() << "\n  seen:" << listed(seen);
+    }
+}
+
+void expectNoTextAmong(const std::vector<std::string>& seen, const TextRule& refused,
+                       const char* file, int line)
+{
+    if (isAmong(seen, refused)) {
+        ADD_FAILURE_AT(file, line)
+            << "  not to be: " << refused.description() << "\n  seen:" << listed(seen);
     }
 }
 

@@ -48,6 +48,11 @@ void expectText(const std::string& seen, const TextRule& expected,
 /// The text is no such one.
 void expectNoText(const std::string& seen, const TextRule& refused,
                   const char* file = __builtin_FILE(), int line = __builtin_LINE());
+/// One of the texts is such a one, or none is.
+void expectTextAmong(const std::vector<std::string>& seen, const TextRule& expected,
+                     const char* file = __builtin_FILE(), int line = __builtin_LINE());
+void expectNoTextAmong(const std::vector<std::string>& seen, const TextRule& refused,
+                       const char* file = __builtin_FILE(), int line = __builtin_LINE());
 /// These texts and no others.
 void expectTexts(const std::vector<std::string>& seen, const std::vector<TextRule>& expected,
                  const char* file = __builtin_FILE(), int line = __builtin_LINE());

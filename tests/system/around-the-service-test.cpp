@@ -1,4 +1,7 @@
 // What quillon.service runs around the daemon, against users who have nothing to do with it.
+
+#include <gmock/gmock.h>
+
 #include <fcntl.h>
 #include <grp.h>
 #include <mqueue.h>
@@ -16,13 +19,13 @@
 
 #include "platform/events.h"
 #include "support/open-way.h"
+#include "support/texts.h"
 #include "system/system-test.h"
 
 namespace quillon::test {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::HasSubstr;
 using ::testing::Optional;
 
 constexpr uid_t kStranger = 1234;
@@ -146,7 +149,7 @@ TEST_F(AroundTheService, ControlLayersTakeTurnsWhateverAStrangerHasMadeFirst)
         const Result prepared = prepare();
 
         ASSERT_EQ(prepared.status, 0) << prepared.said;
-        EXPECT_THAT(prepared.said, HasSubstr("made it anew"));
+        expectText(prepared.said, like("*made it anew*"));
         EXPECT_TRUE(asServiceUser(canTakeTurn));
         EXPECT_TRUE(asUser(0, 0, {}, canTakeTurn)) << "root";
     }
@@ -222,7 +225,7 @@ TEST_F(AroundTheService, AnEndWithStatus0ThatWasNotItsOwnIsAFailure)
     const Result tidied = unit("tidy", kEndedByItself);
 
     EXPECT_EQ(tidied.status, 1);
-    EXPECT_THAT(tidied.said, HasSubstr("a module has called exit()"));
+    expectText(tidied.said, like("*a module has called exit()*"));
     EXPECT_FALSE(fs::exists(kLifeMarker));
 }
 
@@ -246,7 +249,7 @@ TEST_F(AroundTheService, AStoppedServiceHasEndedInOrder)
     ASSERT_NO_FATAL_FAILURE(daemon.startAndWait());
     const Result ended = unit("end " + std::to_string(daemon.pid()));
     ASSERT_EQ(ended.status, 0) << ended.said;
-    EXPECT_THAT(daemon.waitForEnd(std::chrono::seconds(10)), Optional(0));
+    EXPECT_EQ(daemon.waitForEnd(std::chrono::seconds(10)), 0);
 
     EXPECT_EQ(unit("tidy", kEndedByItself).status, 0);
 }
@@ -332,7 +335,7 @@ TEST_F(QueueGroup, ThatDoesNotExistIsSaidAndNothingIsOpened)
     const Result prepared = prepare("--queue-group no-such-group ");
 
     EXPECT_EQ(prepared.status, 1);
-    EXPECT_THAT(prepared.said, HasSubstr("groupadd --system no-such-group"));
+    expectText(prepared.said, like("*groupadd --system no-such-group*"));
     EXPECT_FALSE(asStranger(canSend));
 }
 

@@ -1,6 +1,7 @@
 // Two control layers and an update from a stick at the same time: at most one guarded update runs
 // on the device, whoever makes it. The modules themselves tell when they flash.
 
+#include <gmock/gmock.h>
 #include <filesystem>
 #include <fstream>
 #include <sstream>

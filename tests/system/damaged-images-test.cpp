@@ -1,3 +1,5 @@
+#include <gmock/gmock.h>
+
 #include <openssl/evp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -13,6 +15,7 @@
 
 #include "platform/verifier/public-key.h"
 #include "platform/verifier/signed-file.h"
+#include "support/texts.h"
 #include "system/system-test.h"
 #include "unit/verifier/test-keys.h"
 
@@ -23,9 +26,6 @@ namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using ::testing::AnyOf;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::Optional;
 
 constexpr std::uintmax_t kThreeGibibytes = 3ULL << 30U;
 
@@ -344,7 +344,7 @@ protected:
 
     void expectItStillServes()
     {
-        EXPECT_THAT(linesOf("/tmp/quillon-test-alpha.log", "doUpdate_decryption(-"), IsEmpty());
+        expectTexts(linesOf("/tmp/quillon-test-alpha.log", "doUpdate_decryption(-"), {});
         fs::remove_all(imagePath("alpha"));
         put(image);
         EXPECT_EQ(tryIt(), MQ_RESULT_DONE);
@@ -391,7 +391,7 @@ TEST_F(UnverifiedImages, OfThreeGibibytesAreTooLarge)
     put("");
     fs::resize_file(imagePath("alpha"), kThreeGibibytes);
     EXPECT_EQ(tryIt(), MQ_RESULT_FAILED);
-    EXPECT_THAT(daemon.logLinesWith("Error: Decryption data is null"), ::testing::SizeIs(2));
+    EXPECT_EQ(daemon.logLinesWith("Error: Decryption data is null").size(), 2U);
     expectItStillServes();
 }
 

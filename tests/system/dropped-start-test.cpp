@@ -1,16 +1,15 @@
 // The stick goes between the client's estimate and the one that the service makes at its first
 // start.
+
 #include <quillon/client.h>
 
 #include <filesystem>
 
+#include "support/texts.h"
 #include "system/system-test.h"
 
 namespace quillon::test {
 namespace {
-
-using testing::AllOf;
-using testing::HasSubstr;
 
 class DroppedStart : public SystemTest
 {
@@ -28,8 +27,10 @@ TEST_F(DroppedStart, ForAStickThatWasTakenOutIsAnErrorAtOnce)
 
     const Error error = client.start();
     EXPECT_EQ(error.code, ErrorCode::kNoReply);
-    EXPECT_THAT(error.text, AllOf(HasSubstr("started nothing"), HasSubstr("taken out"),
-                                  HasSubstr("image key"), HasSubstr("put the stick back")));
+    expectText(error.text, like("*started nothing*"));
+    expectText(error.text, like("*taken out*"));
+    expectText(error.text, like("*image key*"));
+    expectText(error.text, like("*put the stick back*"));
     EXPECT_EQ(client.progress().value.state, Progress::kIdle);
 
     std::filesystem::create_directories(kStick);

@@ -7,15 +7,13 @@
 #include <filesystem>
 #include <fstream>
 
+#include "support/texts.h"
 #include "system/control-layer.h"
 
 namespace quillon::test {
 namespace {
 
 namespace fs = std::filesystem;
-
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 constexpr const char* kAnswer = "Only SIGKILL ends it at once.";
 const std::vector<std::string> kUpdateAlpha = {"modules", "update", "alpha", "--source", "system"};
@@ -60,7 +58,7 @@ TEST_F(HeldOffSignals, DoNotEndAnUpdate)
     goOn();
 
     EXPECT_EQ(layer.wait(), 0) << layer.output();
-    EXPECT_THAT(layer.output(), HasSubstr("alpha  1.0      updated\n"));
+    expectText(layer.output(), like("*alpha  1.0      updated\n*"));
     EXPECT_EQ(semaphoreValue(), 1);
 }
 
@@ -104,8 +102,8 @@ TEST_P(HeldOffSignalsBesideAThread, LetTheUpdateEndAndBeginNoOther)
         goOn();
 
         EXPECT_EQ(layer.wait(), 130);
-        EXPECT_THAT(layer.output(), HasSubstr("  updated\n"));
-        EXPECT_THAT(layer.output(), HasSubstr("  not begun: interrupted\n"));
+        expectText(layer.output(), like("*  updated\n*"));
+        expectText(layer.output(), like("*  not begun: interrupted\n*"));
     }
 }
 
@@ -124,7 +122,7 @@ TEST_F(HeldOffSignals, EndTheProgramWhileAModuleIsLoadedForEver)
         layer.send(signal);
 
         EXPECT_EQ(layer.wait(), 130);
-        EXPECT_THAT(layer.output(), HasSubstr("quillonctl: interrupted; nothing was updated\n"));
+        expectText(layer.output(), like("*quillonctl: interrupted; nothing was updated\n*"));
     }
 }
 
@@ -176,8 +174,8 @@ TEST_F(HeldOffSignals, EndTheProgramWhenAllUpdatesAreOverAndAModuleDoesNotTakeTh
         layer.send(SIGTERM);
 
         EXPECT_EQ(layer.wait(), 130);
-        EXPECT_THAT(layer.output(), Not(HasSubstr("cannot be interrupted safely")));
-        EXPECT_THAT(layer.output(), HasSubstr("quillonctl: interrupted; what was begun is over\n"));
+        expectNoText(layer.output(), like("*cannot be interrupted safely*"));
+        expectText(layer.output(), like("*quillonctl: interrupted; what was begun is over\n*"));
         EXPECT_EQ(semaphoreValue(), 1);
     }
 }
@@ -198,8 +196,8 @@ TEST_F(HeldOffSignals, OfACrashThatComeFromOutsideDoNotEndAnUpdate)
     goOn();
 
     EXPECT_EQ(layer.wait(), 0) << layer.output();
-    EXPECT_THAT(layer.output(), HasSubstr("alpha  1.0      updated\n"));
-    EXPECT_THAT(layer.output(), Not(HasSubstr("has crashed")));
+    expectText(layer.output(), like("*alpha  1.0      updated\n*"));
+    expectNoText(layer.output(), like("*has crashed*"));
     EXPECT_EQ(semaphoreValue(), 1);
 }
 
@@ -279,9 +277,9 @@ TEST_F(HeldOffSignals, LetTheUpdateEndAndBeginNoOther)
 
     EXPECT_EQ(layer.wait(), 130);
     EXPECT_NE(wasAsked("alpha", "doUpdate("), wasAsked("beta", "doUpdate("));
-    EXPECT_THAT(layer.output(), HasSubstr("  updated\n"));
-    EXPECT_THAT(layer.output(), HasSubstr("  not begun: interrupted\n"));
-    EXPECT_THAT(layer.output(), HasSubstr("quillonctl: interrupted; not every update was begun\n"));
+    expectText(layer.output(), like("*  updated\n*"));
+    expectText(layer.output(), like("*  not begun: interrupted\n*"));
+    expectText(layer.output(), like("*quillonctl: interrupted; not every update was begun\n*"));
     EXPECT_TRUE(hasEnded("alpha")) << "all are told that the run is over";
 }
 
@@ -297,7 +295,7 @@ TEST_F(HeldOffSignals, EndTheWaitingForAnotherControlLayer)
         layer.send(signal);
 
         EXPECT_EQ(layer.wait(), 130) << signal;
-        EXPECT_THAT(layer.output(), HasSubstr("quillonctl: interrupted; nothing was updated\n"));
+        expectText(layer.output(), like("*quillonctl: interrupted; nothing was updated\n*"));
     }
 
     EXPECT_EQ(semaphoreValue(), 0) << "it is the test's";
@@ -319,7 +317,7 @@ TEST_F(HeldOffSignals, EndACheckWhileAModuleDoesNotAnswer)
         layer.send(SIGINT);
 
         EXPECT_EQ(layer.wait(), 130);
-        EXPECT_THAT(layer.output(), HasSubstr("quillonctl: interrupted; nothing was updated\n"));
+        expectText(layer.output(), like("*quillonctl: interrupted; nothing was updated\n*"));
     }
     EXPECT_NE(semaphoreValue(), 0);
 }

@@ -1,13 +1,12 @@
 // The daemon is killed while quillonctl waits for it.
+
+#include "support/texts.h"
 #include "system/system-test.h"
 #include "unit/tools/ctl-program.h"
 #include "unit/verifier/test-keys.h"
 
 namespace quillon::test {
 namespace {
-
-using testing::AllOf;
-using testing::HasSubstr;
 
 constexpr uid_t kNobody = 65534;
 
@@ -41,8 +40,8 @@ TEST_F(LostService, EndsTheWaitOfQuillonctlAndLeavesTheChannelToOthers)
 
         const CtlResult result = waiting.finish();
         EXPECT_EQ(result.exitCode, 9);
-        EXPECT_THAT(result.err, AllOf(HasSubstr("the update service ended while the command"),
-                                      HasSubstr("start it again")));
+        expectText(result.err, like("*the update service ended while the command*"));
+        expectText(result.err, like("*start it again*"));
 
         ASSERT_NO_FATAL_FAILURE(daemon.startAndWait());
         const CtlResult next = runCtl({"progress"}, user);

@@ -4,14 +4,11 @@
 
 #include <filesystem>
 
+#include "support/texts.h"
 #include "system/control-layer.h"
 
 namespace quillon::test {
 namespace {
-
-using ::testing::EndsWith;
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 using ModuleEndsProgram = ControlLayer;
 
@@ -64,7 +61,7 @@ TEST_F(ModuleEndsProgram, AlsoWhereThatCannotBeToldAsUsual)
     BackgroundLayer layer({"modules", "update", "alpha", "--source", "system"});
 
     EXPECT_EQ(layer.wait(), 6);
-    EXPECT_THAT(layer.output(), HasSubstr("quillonctl: a module has ended the program\n"));
+    expectText(layer.output(), like("*quillonctl: a module has ended the program\n*"));
     EXPECT_EQ(semaphoreValue(), 1);
 }
 
@@ -82,7 +79,7 @@ TEST_P(ModuleEndsProgramTwice, AsOnceAlsoWhileTheFirstEndIsBeingTold)
         BackgroundLayer layer({"modules", "update", "alpha", "--source", "system"});
 
         EXPECT_EQ(layer.wait(), 6) << layer.output();
-        EXPECT_THAT(layer.output(), HasSubstr("has ended the program\n"));
+        expectText(layer.output(), like("*has ended the program\n*"));
         EXPECT_EQ(semaphoreValue(), 1);
     }
 }
@@ -117,8 +114,8 @@ TEST_F(ModuleEndsProgram, NotByTheExitOfItsChild)
         const ModulesResult result = runModules({"update", "alpha", "--source", "system"});
 
         EXPECT_EQ(result.exitCode, 0);
-        EXPECT_THAT(result.out, EndsWith("alpha  1.0      updated\n"));
-        EXPECT_THAT(result.err, Not(HasSubstr("has ended the program")));
+        expectText(result.out, like("*alpha  1.0      updated\n"));
+        expectNoText(result.err, like("*has ended the program*"));
         EXPECT_EQ(semaphoreValue(), 1);
     }
 }
@@ -129,7 +126,7 @@ TEST_F(ModuleEndsProgram, ByACrashLeavesNothingLocked)
     BackgroundLayer layer({"modules", "update", "alpha", "--source", "system"});
 
     EXPECT_EQ(layer.wait(), -SIGABRT);
-    EXPECT_THAT(layer.output(), HasSubstr("a module has crashed in its update"));
+    expectText(layer.output(), like("*a module has crashed in its update*"));
     EXPECT_EQ(semaphoreValue(), 1);
     installGuided("alpha", "");
     EXPECT_EQ(json({"update", "alpha", "--source", "system"})["exitCode"], 0);
@@ -144,7 +141,7 @@ TEST_F(ModuleEndsProgram, ByACrashWithSignalsBlockedLeavesNothingLocked)
     BackgroundLayer layer({"modules", "update", "alpha", "--source", "system"});
 
     EXPECT_EQ(layer.wait(), -SIGSEGV);
-    EXPECT_THAT(layer.output(), HasSubstr("a module has crashed in its update"));
+    expectText(layer.output(), like("*a module has crashed in its update*"));
     EXPECT_EQ(semaphoreValue(), 1);
 }
 
@@ -157,7 +154,7 @@ TEST_F(ModuleEndsProgram, ByAnOverflownStackLeavesNothingLocked)
     BackgroundLayer layer({"modules", "update", "alpha", "--source", "system"});
 
     EXPECT_EQ(layer.wait(), -SIGSEGV);
-    EXPECT_THAT(layer.output(), HasSubstr("a module has crashed in its update"));
+    expectText(layer.output(), like("*a module has crashed in its update*"));
     EXPECT_EQ(semaphoreValue(), 1);
 }
 

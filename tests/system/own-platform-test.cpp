@@ -1,6 +1,8 @@
 // The real service on a device's own platform library, examples/platform: linked to it, or with it
 // preloaded.
 
+#include <gmock/gmock.h>
+
 #include <cstdlib>
 #include <filesystem>
 
@@ -15,8 +17,6 @@ using ::testing::Each;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
-using ::testing::Optional;
-using ::testing::SizeIs;
 
 class OwnPlatformUpdate : public SystemTest
 {
@@ -39,7 +39,7 @@ TEST_F(OwnPlatformUpdate, BringsEveryModuleItsPayloadFromTheStick)
     startDaemon();
     EXPECT_EQ(update(), MQ_RESULT_DONE);
     expectAllUpdatedTo("2.0");
-    EXPECT_THAT(daemon.logLinesWith("decryption key load success"), SizeIs(1));
+    EXPECT_EQ(daemon.logLinesWith("decryption key load success").size(), 1U);
 }
 
 TEST_F(OwnPlatformUpdate, LogsThroughTheDevicesOwnLogOnly)
@@ -55,14 +55,14 @@ TEST_F(OwnPlatformUpdate, RefusesToUpdateWithoutAKey)
     fs::remove_all(DEVICE_KEYS);
     startDaemon();
     EXPECT_EQ(update(), MQ_RESULT_REFUSED);
-    EXPECT_THAT(daemon.logLinesWith("this device installs no provisioning packages"), SizeIs(2));
+    EXPECT_EQ(daemon.logLinesWith("this device installs no provisioning packages").size(), 2U);
 }
 
 TEST_F(OwnPlatformUpdate, EndsInOrderWhenItsLifeMarkerIsGone)
 {
     startDaemon();
     channel.reset();
-    EXPECT_THAT(daemon.stop(), Optional(0));
+    EXPECT_EQ(daemon.stop(), 0);
 }
 
 }  // namespace

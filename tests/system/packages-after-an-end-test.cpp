@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "support/texts.h"
 #include "system/control-layer.h"
 #include "system/daemon.h"
 #include "system/privileged-helper.h"
@@ -16,10 +17,6 @@ namespace quillon::test {
 namespace {
 
 namespace fs = std::filesystem;
-
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 
 constexpr const char* kUpdateList = "/tmp/fwupdate-off-list.txt";
 
@@ -65,9 +62,9 @@ TEST_F(PackagesAfterAnEnd, ByAModuleAreAsAfterAFailure)
     const Json::Value document = modulesDocument({"update", "--all"}, 6);
 
     EXPECT_EQ(document["text"], "the module alpha has ended the program");
-    EXPECT_THAT(mountedPackages(), IsEmpty());
+    expectTexts(mountedPackages(), {});
     EXPECT_TRUE(fs::exists(imageOf("alphaemp")));
-    EXPECT_THAT(powerLog(), ElementsAre("lock 2 for 35000 ms", "unlock 2"));
+    expectTexts(powerLog(), {"lock 2 for 35000 ms", "unlock 2"});
     EXPECT_FALSE(fs::exists(kUpdateList));
     EXPECT_EQ(semaphoreValue(), 1);
 }
@@ -80,12 +77,12 @@ TEST_F(PackagesAfterAnEnd, ByAnInterruptionOfABlockedCheckAreNotMounted)
         fs::remove("/tmp/quillon-test-alpha.log");
         BackgroundLayer layer(arguments);
         ASSERT_TRUE(comesTrue([] { return wasAsked("alpha", "checkVersion("); }));
-        EXPECT_THAT(mountedPackages(), testing::SizeIs(1));
+        EXPECT_EQ(mountedPackages().size(), 1U);
 
         layer.send(SIGINT);
 
         EXPECT_EQ(layer.wait(), 130);
-        EXPECT_THAT(mountedPackages(), IsEmpty());
+        expectTexts(mountedPackages(), {});
     }
 }
 
@@ -98,8 +95,8 @@ TEST_F(PackagesAfterAnEnd, ByAnInterruptionWhenTheUpdateIsOverAreNotMounted)
     layer.send(SIGINT);
 
     EXPECT_EQ(layer.wait(), 130) << layer.output();
-    EXPECT_THAT(mountedPackages(), IsEmpty());
-    EXPECT_THAT(powerLog(), ElementsAre("lock 2 for 35000 ms", "unlock 2"));
+    expectTexts(mountedPackages(), {});
+    expectTexts(powerLog(), {"lock 2 for 35000 ms", "unlock 2"});
     EXPECT_FALSE(fs::exists(kUpdateList));
     EXPECT_EQ(semaphoreValue(), 1);
 }
@@ -114,8 +111,8 @@ TEST_F(PackagesAfterAnEnd, WhileItWaitsForAnotherOneAreAsIfItHadNotBegun)
     layer.send(SIGINT);
 
     EXPECT_EQ(layer.wait(), 130);
-    EXPECT_THAT(mountedPackages(), IsEmpty());
-    EXPECT_THAT(powerLog(), ElementsAre("lock 2 for 35000 ms", "unlock 2"));
+    expectTexts(mountedPackages(), {});
+    expectTexts(powerLog(), {"lock 2 for 35000 ms", "unlock 2"});
     EXPECT_FALSE(fs::exists(kUpdateList));
     EXPECT_TRUE(fs::exists(imageOf("alphaemp")));
 }
@@ -128,9 +125,9 @@ TEST_F(PackagesAfterAnEnd, AreNotLookedForWithAnUpdateListThatCannotBeWritten)
 
     for (const std::vector<std::string>& arguments :
          {std::vector<std::string>{"check"}, {"update", "--all"}}) {
-        EXPECT_THAT(modulesDocument(arguments, 9)["text"].asString(),
-                    HasSubstr("the update list cannot be written whole"));
-        EXPECT_THAT(mountedPackages(), IsEmpty());
+        expectText(modulesDocument(arguments, 9)["text"].asString(),
+                   like("*the update list cannot be written whole*"));
+        expectTexts(mountedPackages(), {});
     }
     ::umount("/tmp");
 }

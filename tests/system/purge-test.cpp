@@ -1,5 +1,6 @@
 // What purging the service's package takes away, and what it leaves alone.
-#include <gmock/gmock.h>
+
+#include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,11 +10,10 @@
 #include <filesystem>
 #include <fstream>
 
+#include "support/texts.h"
 #include "system/privileged-helper.h"
 
 using namespace quillon::test;
-using testing::IsEmpty;
-using testing::SizeIs;
 namespace fs = std::filesystem;
 
 namespace {
@@ -74,7 +74,7 @@ protected:
 
     static void expectForeignMountStays()
     {
-        EXPECT_THAT(mounts(kElsewhere), SizeIs(1)) << "it was no package's mount";
+        EXPECT_EQ(mounts(kElsewhere).size(), 1U) << "it was no package's mount";
     }
 
 private:
@@ -91,7 +91,7 @@ TEST_F(Purge, LeavesNoPackageNeitherMountedNorOnTheDisk)
 
     purge();
 
-    EXPECT_THAT(mounts(mountPointOf(name)), IsEmpty());
+    expectTexts(mounts(mountPointOf(name)), {});
     EXPECT_FALSE(fs::exists(imageOf(name)));
     expectForeignMountStays();
 }
@@ -155,7 +155,7 @@ TEST_F(Purge, LeavesAMountThatIsNoPackages)
 
     purge();
 
-    EXPECT_THAT(mounts(mountPointOf(name)), SizeIs(2));
+    EXPECT_EQ(mounts(mountPointOf(name)).size(), 2U);
 }
 
 TEST_F(Purge, TakesTheImageKeyAway)

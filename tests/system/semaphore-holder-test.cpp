@@ -3,14 +3,12 @@
 #include <fcntl.h>
 #include <semaphore.h>
 
+#include "support/texts.h"
 #include "support/threaded-process.h"
 #include "system/control-layer.h"
 
 namespace quillon::test {
 namespace {
-
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 using SemaphoreHolder = ControlLayer;
 
@@ -27,12 +25,12 @@ TEST_F(SemaphoreHolder, IsAProcessWhoseMainThreadHasEnded)
     ASSERT_TRUE(holder.isAtWork());
     const std::string who = "may be held by process " + std::to_string(holder.process()) + " (";
 
-    EXPECT_THAT(json({"unlock"}, 8)["text"].asString(), HasSubstr(who));
+    expectText(json({"unlock"}, 8)["text"].asString(), like("*" + std::string(who) + "*"));
     EXPECT_EQ(semaphoreValue(), 0);
     const BackgroundLayer waiting({"modules", "update", "alpha", "--source", "system"});
     EXPECT_TRUE(waiting.says("The update semaphore ")) << waiting.output();
-    EXPECT_THAT(waiting.output(), HasSubstr(who));
-    EXPECT_THAT(waiting.output(), Not(HasSubstr("unlock")));
+    expectText(waiting.output(), like("*" + std::string(who) + "*"));
+    expectNoText(waiting.output(), like("*unlock*"));
 }
 
 }  // namespace

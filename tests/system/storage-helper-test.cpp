@@ -15,14 +15,13 @@
 #include "base/fd.h"
 #include "platform/secure-storage.h"
 #include "support/open-way.h"
+#include "support/texts.h"
 #include "tools/quillon-image/provisioning-package.h"
 #include "unit/storage/listener.h"
 #include "unit/verifier/test-keys.h"
 
 namespace fs = std::filesystem;
 using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::Not;
 
 namespace quillon::test {
 namespace {
@@ -140,8 +139,8 @@ TEST_F(StorageHelper, ReadsForRoot)
         EXPECT_EQ(readItem("missing"), "result 5");
     }
     EXPECT_THAT(statuses(), ElementsAre(0, 0));
-    EXPECT_THAT(readAll(kLog), HasSubstr("asked for quillon: 0"));
-    EXPECT_THAT(readAll(kLog), Not(HasSubstr("kkkk")));
+    expectText(readAll(kLog), like("*asked for quillon: 0*"));
+    expectNoText(readAll(kLog), like("*kkkk*"));
 }
 
 TEST_F(StorageHelper, ProvisionsAUserWhoCanReachNothingByHimself)
@@ -188,14 +187,14 @@ TEST_F(StorageHelper, TurnsEverybodyElseAwayWhateverTheSocketsMode)
         EXPECT_EQ(read, 0);
     }
     EXPECT_THAT(statuses(), ElementsAre(0));
-    EXPECT_THAT(readAll(kLog), HasSubstr("refused: user 1234 may not ask"));
+    expectText(readAll(kLog), like("*refused: user 1234 may not ask*"));
 }
 
 TEST_F(StorageHelper, RefusesToRunByHandOrForAnotherKindOfSocket)
 {
     const UniqueFd nothing(open("/dev/null", O_RDWR | O_CLOEXEC));
     EXPECT_EQ(runHelper(nothing.get(), {}), 1);
-    EXPECT_THAT(readAll(kLog), HasSubstr("standard input is not a client's connection"));
+    expectText(readAll(kLog), like("*standard input is not a client's connection*"));
     const int refusal = openWayTo(QUILLON_STORAGE_PROGRAM) ? 1 : 126;
     EXPECT_THAT(asUser([&nothing] { return runHelper(nothing.get(), {}); }),
                 testing::AnyOf(refusal, 99));
@@ -217,10 +216,10 @@ TEST_F(StorageHelper, InstallsAPackageForRootByHand)
 
     writeAll(package, "noise");
     EXPECT_EQ(install(), 1);
-    EXPECT_THAT(readAll(kLog), HasSubstr(package + " is not a provisioning package"));
+    expectText(readAll(kLog), like("*" + package + " is not a provisioning package*"));
     fs::remove(package);
     EXPECT_EQ(install(), 1);
-    EXPECT_THAT(readAll(kLog), HasSubstr(package + ": cannot be read: No such file"));
+    expectText(readAll(kLog), like("*" + package + ": cannot be read: No such file*"));
     EXPECT_THAT(asUser(install), testing::AnyOf(1, 99, 126));
     fs::remove_all(fs::path(QUILLON_SECURITY_FLOORS).parent_path());
 }
@@ -244,18 +243,18 @@ TEST_F(StorageHelper, TakesNoOptionsThatMakeNoSense)
 TEST_F(StorageHelper, HasAManualPageWithEveryOption)
 {
     ASSERT_EQ(runHelper(-1, {"--version"}), 0);
-    EXPECT_THAT(readAll(kOutput), testing::StartsWith("quillon-storage "));
+    expectText(readAll(kOutput), like("quillon-storage *"));
     ASSERT_EQ(runHelper(-1, {"--help"}), 0);
     const std::string help = readAll(kOutput);
     const std::string manual = readAll(MANUAL_PAGE);
     const std::regex option("--([a-z]+)");
     int options = 0;
     for (std::sregex_iterator match(help.begin(), help.end(), option), end; match != end; ++match) {
-        EXPECT_THAT(manual, HasSubstr(" , Fl -" + (*match)[1].str()));
+        expectText(manual, like("* , Fl -" + (*match)[1].str() + "*"));
         ++options;
     }
     EXPECT_GE(options, 4);
-    EXPECT_THAT(manual, HasSubstr(QUILLON_STORAGE_SOCKET));
+    expectText(manual, like("*" + std::string(QUILLON_STORAGE_SOCKET) + "*"));
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #ifndef QUILLON_TESTS_SYSTEM_SYSTEM_TEST_H
 #define QUILLON_TESTS_SYSTEM_SYSTEM_TEST_H
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <map>

@@ -1,12 +1,9 @@
+#include "support/texts.h"
 #include "system/system-test.h"
 #include "system/tracer.h"
 
 namespace quillon::test {
 namespace {
-
-using ::testing::Contains;
-using ::testing::HasSubstr;
-using ::testing::SizeIs;
 
 /// The shipped daemon under a debugger that knows nothing but the probe.
 class Trace : public SystemTest
@@ -36,7 +33,7 @@ protected:
 
 TEST_F(Trace, ShowsThePlaceAndTheTextOfALogLineAsSixArguments)
 {
-    EXPECT_THAT(tracer.probes(), HasSubstr("quillon  log"));
+    expectText(tracer.probes(), like("*quillon  log*"));
     ASSERT_TRUE(channel->ask(MQ_COMMAND_PROGRESS));
 
     const std::string text = "Service is not being updated.";
@@ -46,15 +43,14 @@ TEST_F(Trace, ShowsThePlaceAndTheTextOfALogLineAsSixArguments)
     const std::string hit = "6|FWUPDATE|quillon-service.cpp|firmware_control_task|" +
                             line.substr(number, line.find(')') - number) + "|" + text + "|";
     EXPECT_TRUE(eventually([&] { return !tracer.hits().empty(); }, std::chrono::seconds(20)));
-    EXPECT_THAT(tracer.hits(), Contains(hit));
+    expectTextAmong(tracer.hits(), hit);
 }
 
 TEST_F(Trace, ShowsTheMessageAsItIsFormatted)
 {
     estimate();
     EXPECT_TRUE(eventually([&] { return tracer.hits().size() >= 3; }, std::chrono::seconds(20)));
-    EXPECT_THAT(tracer.hits(),
-                Contains(HasSubstr("|Error: /opt/media/USBDriveA/tuner.bin open fail|")));
+    expectTextAmong(tracer.hits(), like("*|Error: /opt/media/USBDriveA/tuner.bin open fail|*"));
 }
 
 TEST_F(Trace, LeavesTheServiceServingWhenTheTracerHasGone)
@@ -65,8 +61,8 @@ TEST_F(Trace, LeavesTheServiceServingWhenTheTracerHasGone)
 
     putImagesForAll("2.0");
     EXPECT_EQ(update(), MQ_RESULT_DONE);
-    EXPECT_THAT(linesOf("/proc/" + std::to_string(daemon.pid()) + "/status", "TracerPid:\t0"),
-                SizeIs(1));
+    EXPECT_EQ(linesOf("/proc/" + std::to_string(daemon.pid()) + "/status", "TracerPid:\t0").size(),
+              1U);
     EXPECT_EQ(daemon.stop(), 0);
 }
 

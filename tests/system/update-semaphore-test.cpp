@@ -1,6 +1,8 @@
 // The update semaphore that a dead control layer has left behind: the others say so, and
 // "quillonctl modules unlock" releases it when nobody alive could hold it.
 
+#include <gmock/gmock.h>
+
 #include <fcntl.h>
 #include <sched.h>
 #include <semaphore.h>
@@ -17,6 +19,7 @@
 
 #include "base/fd.h"
 #include "support/open-way.h"
+#include "support/texts.h"
 #include "system/control-layer.h"
 #include "system/privileged-helper.h"
 
@@ -24,9 +27,6 @@ namespace quillon::test {
 namespace {
 
 namespace fs = std::filesystem;
-
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 const std::vector<std::string> kUpdateAlpha = {"modules", "update", "alpha", "--source", "system"};
 const std::vector<std::string> kUnlock = {"modules", "unlock"};
@@ -76,12 +76,11 @@ TEST_F(UpdateSemaphore, IsNotReleasedWhileItsHolderLives)
 
     EXPECT_EQ(unlock.exitCode, 8);
     EXPECT_EQ(unlock.out, "");
-    EXPECT_THAT(unlock.err,
-                HasSubstr("it may be held by process " + std::to_string(layer.process()) +
-                          " (quillonctl modules update "
-                          "alpha --source system)\n"));
-    EXPECT_THAT(json({"unlock"}, 8)["text"].asString(),
-                HasSubstr("process " + std::to_string(layer.process())));
+    expectText(unlock.err, like("*it may be held by process " + std::to_string(layer.process()) +
+                                " (quillonctl modules update "
+                                "alpha --source system)\n*"));
+    expectText(json({"unlock"}, 8)["text"].asString(),
+               like("*process " + std::to_string(layer.process()) + "*"));
     goOn();
     EXPECT_EQ(layer.wait(), 0);
     EXPECT_EQ(semaphoreValue(), 1);
@@ -94,10 +93,10 @@ TEST_F(UpdateSemaphore, OfAnotherKindOfControlLayerIsNotReleasedWhileThatLives)
     ASSERT_EQ(::sem_wait(semaphore), 0);
     const std::string self = "may be held by process " + std::to_string(::getpid()) + " (";
 
-    EXPECT_THAT(json({"unlock"}, 8)["text"].asString(), HasSubstr(self));
+    expectText(json({"unlock"}, 8)["text"].asString(), like("*" + std::string(self) + "*"));
     BackgroundLayer layer(kUpdateAlpha);
     EXPECT_TRUE(layer.says("The update semaphore " + self));
-    EXPECT_THAT(layer.output(), Not(HasSubstr("unlock")));
+    expectNoText(layer.output(), like("*unlock*"));
 
     ::sem_post(semaphore);
     EXPECT_EQ(layer.wait(), 0);
@@ -191,7 +190,7 @@ TEST_F(UpdateSemaphore, IsNotReleasedByWhoCannotSeeEverybody)
 
     const int asOrdinaryUser = asUser(kUser, {kUser}, [] {
         const ModulesResult unlock = runModules({"unlock"});
-        EXPECT_THAT(unlock.err, HasSubstr("cannot be told by this user; root can release it"));
+        expectText(unlock.err, like("*cannot be told by this user; root can release it*"));
         return HasFailure() ? 255 : unlock.exitCode;
     });
 
@@ -233,7 +232,7 @@ TEST_F(UpdateSemaphore, IsNotReleasedWhileAnotherContainersProcessHasTheHoldersN
     const ModulesResult unlock = runModules({"unlock"});
 
     EXPECT_EQ(unlock.exitCode, 8);
-    EXPECT_THAT(unlock.err, HasSubstr("it may be held by a quillonctl whose process number is"));
+    expectText(unlock.err, like("*it may be held by a quillonctl whose process number is*"));
     goOn();
     EXPECT_EQ(layer.wait(), 0);
     EXPECT_EQ(semaphoreValue(), 1);
@@ -261,8 +260,7 @@ TEST_F(UpdateSemaphore, IsNotCalledFreeWhileSomebodyKeepsItsLock)
     ASSERT_EQ(runModules({"update", "alpha", "--source", "system"}).exitCode, 0);
     const OthersLock holders(2, 1, F_WRLCK);
 
-    EXPECT_THAT(json({"unlock"}, 8)["text"].asString(),
-                HasSubstr("it may be held by a quillonctl"));
+    expectText(json({"unlock"}, 8)["text"].asString(), like("*it may be held by a quillonctl*"));
     EXPECT_EQ(semaphoreValue(), 1);
 }
 
@@ -293,8 +291,8 @@ TEST_F(UpdateSemaphore, ThatIsRefusedAfterAModuleHasClosedAllFilesLetsNoOtherUpd
         goOn();
 
         EXPECT_EQ(layer.wait(), 9) << layer.output();
-        EXPECT_THAT(layer.output(), HasSubstr("file cannot be locked any more: "));
-        EXPECT_THAT(layer.output(), HasSubstr("; a module may have closed it"));
+        expectText(layer.output(), like("*file cannot be locked any more: *"));
+        expectText(layer.output(), like("*; a module may have closed it*"));
         EXPECT_NE(wasAsked("alpha", "doUpdate("), wasAsked("beta", "doUpdate("));
         fs::remove("/dev/shm/second");
         EXPECT_EQ(semaphoreValue(), 1);
@@ -356,8 +354,8 @@ TEST_F(UpdateSemaphore, IsNotReleasedFromAHolderThatHasAnotherRoot)
         if (!holder.isThere()) {
             GTEST_SKIP() << "here nobody can change its root";
         }
-        EXPECT_THAT(json({"unlock"}, 8)["text"].asString(),
-                    HasSubstr("process " + std::to_string(holder.process()) + " ("));
+        expectText(json({"unlock"}, 8)["text"].asString(),
+                   like("*process " + std::to_string(holder.process()) + " (*"));
     }
     EXPECT_EQ(json({"unlock"})["released"], true);
 }
@@ -387,7 +385,7 @@ TEST_F(UpdateSemaphore, IsNotReleasedPastAStoppedWaiterWhichIsNamed)
     stopped.send(SIGSTOP);
     const std::string who = ": process " + std::to_string(stopped.process()) + " (quillonctl ";
 
-    EXPECT_THAT(json({"unlock"}, 8)["text"].asString(), HasSubstr("end it first" + who));
+    expectText(json({"unlock"}, 8)["text"].asString(), like("*end it first" + who + "*"));
     BackgroundLayer other(kUpdateAlpha);
     EXPECT_TRUE(other.says("let it go on or end it" + who)) << other.output();
 }
@@ -400,7 +398,7 @@ TEST_F(UpdateSemaphore, IsRefusedWhereItsFileIsNotWhatTheLibraryMakes)
         for (const auto& verb : {kUnlock, kUpdateAlpha}) {
             const ModulesResult result = runModules({verb.begin() + 1, verb.end()});
             EXPECT_EQ(result.exitCode, 9);
-            EXPECT_THAT(result.err, HasSubstr(fault + "; root can remove it"));
+            expectText(result.err, like("*" + fault + "; root can remove it*"));
         }
     };
 

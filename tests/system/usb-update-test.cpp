@@ -1,8 +1,11 @@
+#include <gmock/gmock.h>
+
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
 
 #include "quillon/client.h"
+#include "support/texts.h"
 #include "system/system-test.h"
 #include "unit/verifier/test-keys.h"
 
@@ -16,7 +19,6 @@ using ::testing::AllOf;
 using ::testing::Ge;
 using ::testing::IsEmpty;
 using ::testing::Le;
-using ::testing::Lt;
 using ::testing::SizeIs;
 
 /// The modules in the daemon's order, which is that of its module directory.
@@ -122,7 +124,7 @@ TEST_F(UsbUpdate, RefusesImagesThatWereSignedBySomebodyElse)
 
     EXPECT_EQ(estimate().result, MQ_RESULT_REFUSED);
     EXPECT_EQ(start(), std::nullopt);
-    EXPECT_THAT(daemon.logLinesWith(".bin is NOT signed "), SizeIs(6));
+    EXPECT_EQ(daemon.logLinesWith(".bin is NOT signed ").size(), 6U);
     for (const std::string& name : allModules()) {
         EXPECT_EQ(flashed(name), "as delivered");
     }
@@ -142,8 +144,8 @@ TEST_F(UsbUpdate, StopsAtTheFirstModuleThatFailsAndLeavesTheRestUntouched)
 
     EXPECT_EQ(flashed(order[0]), payloadOf(order[0]));
     EXPECT_EQ(flashed(order[2]), "as delivered");
-    EXPECT_THAT(daemon.logLinesWith("update fail [" + order[1] + "]"), SizeIs(1));
-    EXPECT_THAT(daemon.logLinesWith("[ " + order[2] + " update start ]"), IsEmpty());
+    EXPECT_EQ(daemon.logLinesWith("update fail [" + order[1] + "]").size(), 1U);
+    expectTexts(daemon.logLinesWith("[ " + order[2] + " update start ]"), {});
 }
 
 TEST_F(UsbUpdate, ReportsTimeAsPercentWhileItRuns)
@@ -216,7 +218,7 @@ TEST_F(UsbUpdate, RefusesAnotherStartUntilTheEndWasReported)
     const auto refused = channel->ask(MQ_COMMAND_START);
     ASSERT_TRUE(refused);
     EXPECT_EQ(refused->result, MQ_RESULT_REFUSED);
-    EXPECT_THAT(daemon.logLinesWith("Service is being updated."), SizeIs(1));
+    EXPECT_EQ(daemon.logLinesWith("Service is being updated.").size(), 1U);
     EXPECT_EQ(waitForRun().result, MQ_RESULT_DONE);
 }
 
@@ -264,8 +266,9 @@ TEST_F(UsbUpdate, ANewDirectoryDuringARunHoldsForTheModulesStillToCome)
     EXPECT_EQ(waitForRun().result, MQ_RESULT_FAILED);
     EXPECT_EQ(flashed(order[0]), payloadOf(order[0]));
     EXPECT_EQ(flashed(order[1]), "as delivered");
-    EXPECT_THAT(daemon.logLinesWith("Error: /opt/media/USBDriveB/" + order[1] + ".bin file open"),
-                SizeIs(1));
+    EXPECT_EQ(
+        daemon.logLinesWith("Error: /opt/media/USBDriveB/" + order[1] + ".bin file open").size(),
+        1U);
 }
 
 TEST_F(UsbUpdate, ALongDirectoryShowsThroughAShorterOneThatFollows)
@@ -274,7 +277,7 @@ TEST_F(UsbUpdate, ALongDirectoryShowsThroughAShorterOneThatFollows)
     ASSERT_TRUE(channel->setPath("/opt/X/"));
     estimate();
 
-    EXPECT_THAT(daemon.logLinesWith("Error: /opt/X/dia/USBDriveA/tuner.bin open fail"), SizeIs(1));
+    EXPECT_EQ(daemon.logLinesWith("Error: /opt/X/dia/USBDriveA/tuner.bin open fail").size(), 1U);
 }
 
 TEST_F(UsbUpdate, TakesAtMost127CharactersOfADirectory)
@@ -284,8 +287,8 @@ TEST_F(UsbUpdate, TakesAtMost127CharactersOfADirectory)
     ASSERT_TRUE(channel->setPath(path));
     estimate();
 
-    EXPECT_THAT(daemon.logLinesWith("Error: " + path.substr(0, 127) + "tuner.bin open fail"),
-                SizeIs(1));
+    EXPECT_EQ(daemon.logLinesWith("Error: " + path.substr(0, 127) + "tuner.bin open fail").size(),
+              1U);
 }
 
 class ClientUpdate : public UsbUpdate

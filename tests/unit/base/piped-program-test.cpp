@@ -1,8 +1,8 @@
 #include "base/piped-program.h"
 #include "base/fd.h"
 #include "base/secret-bytes.h"
+#include "support/texts.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -11,11 +11,12 @@
 #include <thread>
 
 using namespace std::chrono_literals;
-using testing::EndsWith;
-using testing::StartsWith;
 
 namespace quillon {
 namespace {
+
+using quillon::test::expectText;
+using quillon::test::like;
 
 class PipedProgram : public testing::Test
 {
@@ -109,16 +110,16 @@ TEST_F(PipedProgram, SaysWhyItFailed)
               "/bin/sh failed with status 3: first\nsecond\n");
     EXPECT_EQ(output(), "old");
     EXPECT_EQ(run("kill -9 $$"), "/bin/sh was ended by signal 9");
-    EXPECT_THAT(run({"/no/such/program", {"program"}, {}, {}, 100, 20s}),
-                EndsWith("/no/such/program cannot be started: No such file or directory"));
+    expectText(run({"/no/such/program", {"program"}, {}, {}, 100, 20s}),
+               like("*/no/such/program cannot be started: No such file or directory"));
 }
 
 TEST_F(PipedProgram, HasItsComplaintsCutDownToTheLast)
 {
     const std::string reason =
         run("head -c 100000 /dev/zero | tr '\\0' x >&2; echo at last >&2; exit 1");
-    EXPECT_THAT(reason, StartsWith("/bin/sh failed with status 1: xxx"));
-    EXPECT_THAT(reason, EndsWith("xxxat last\n"));
+    expectText(reason, like("/bin/sh failed with status 1: xxx*"));
+    expectText(reason, like("*xxxat last\n"));
     EXPECT_LT(reason.size(), 500U);
 }
 

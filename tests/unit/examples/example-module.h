@@ -2,7 +2,6 @@
 #define QUILLON_TESTS_UNIT_EXAMPLES_EXAMPLE_MODULE_H
 
 #include <dlfcn.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>

@@ -7,18 +7,18 @@
 #include <stdexcept>
 
 #include "download-fixture.h"
+#include "support/texts.h"
 
 namespace {
 
+using quillon::test::expectTextAmong;
+using quillon::test::expectTexts;
+using quillon::test::expectTextsInAnyOrder;
+using quillon::test::like;
+
 using appbinaryManager::ABM_DownloadAppBinary;
-using testing::AllOf;
-using testing::Contains;
 using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Pair;
-using testing::StartsWith;
-using testing::UnorderedElementsAre;
 
 bool hasLoaded(const char* library)
 {
@@ -45,13 +45,13 @@ TEST_F(PackageDownload, PutsThePackageIntoTheDirectoryAndTellsSo)
     EXPECT_EQ(download("alpha1"), 0);
 
     EXPECT_TRUE(contentsOf(pathOf("alpha1.img")) == package);
-    EXPECT_THAT(namesInDirectory(), ElementsAre("alpha1.img"));
+    expectTexts(namesInDirectory(), {"alpha1.img"});
     ASSERT_EQ(server.requests().size(), 1U);
     EXPECT_EQ(server.requests().front().path, "/packages/alpha1.img");
     EXPECT_EQ(server.requests().front().header("Range"), "");
-    EXPECT_THAT(captured.lines(),
-                ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM I package-download.cpp: "),
-                                  HasSubstr("package alpha1 is there, 300000 bytes"))));
+    expectTexts(
+        captured.lines(),
+        {like("QUILLON-PLATFORM I package-download.cpp: *package alpha1 is there, 300000 bytes*")});
 }
 
 TEST_F(PackageDownload, LoadsItsLibrariesWhenTheFirstPackageIsAskedFor)
@@ -97,7 +97,7 @@ TEST_F(PackageDownload, NeedsNoCallback)
     EXPECT_TRUE(ABM_DownloadAppBinary(nullptr, nullptr, "alpha"));
     EXPECT_EQ(download("beta"), 0);  // comes after the first one
 
-    EXPECT_THAT(namesInDirectory(), UnorderedElementsAre("alpha.img", "beta.img"));
+    expectTextsInAnyOrder(namesInDirectory(), {"alpha.img", "beta.img"});
 }
 
 TEST_F(PackageDownload, FetchesPackagesOneAfterAnother)
@@ -187,7 +187,7 @@ TEST_F(PackageDownload, OutlivesACallbackThatThrows)
     EXPECT_TRUE(ABM_DownloadAppBinary(&throwing, nullptr, "alpha"));
     EXPECT_EQ(download("beta"), 0);
 
-    EXPECT_THAT(captured.lines(), Contains(HasSubstr("a careless listener")));
+    expectTextAmong(captured.lines(), like("*a careless listener*"));
 }
 
 void askForBeta(const std::string& /*identifier*/, int /*status*/, void* told)
@@ -223,14 +223,13 @@ TEST_F(PackageDownload, IsRefusedForWhatIsNoIdentifier)
           std::string("alpha\n"), longest + "a"}) {
         captured.clear();
         EXPECT_EQ(download(text), 1) << text;
-        EXPECT_THAT(captured.lines(),
-                    ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM E download-entry.cpp: "),
-                                      HasSubstr("1 to 127 letters and digits"))))
-            << text;
+        SCOPED_TRACE(text);
+        expectTexts(captured.lines(),
+                    {like("QUILLON-PLATFORM E download-entry.cpp: *1 to 127 letters and digits*")});
     }
-    EXPECT_THAT(server.requests(), IsEmpty());
+    EXPECT_TRUE(server.requests().empty());
     EXPECT_EQ(download(longest), 0);
-    EXPECT_THAT(namesInDirectory(), ElementsAre(longest + ".img"));
+    expectTexts(namesInDirectory(), {longest + ".img"});
 }
 
 }  // namespace

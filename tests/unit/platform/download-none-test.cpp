@@ -1,17 +1,15 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 
 #include "captured-stderr.h"
 #include "platform/app-binary-manager.h"
+#include "support/texts.h"
 
 namespace {
 
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::StartsWith;
+using quillon::test::expectTexts;
+using quillon::test::like;
 
 bool called = false;
 
@@ -27,9 +25,8 @@ TEST(NoPackageDownload, IsRefusedAndSaysOnceThatThereIsNone)
     EXPECT_FALSE(appbinaryManager::ABM_DownloadAppBinary(onDownloaded, nullptr, "package"));
     EXPECT_FALSE(appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, ""));
     EXPECT_FALSE(called);
-    EXPECT_THAT(captured.lines(),
-                ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM I app-binary-manager.cpp: "),
-                                  HasSubstr("no package download"))));
+    expectTexts(captured.lines(),
+                {like("QUILLON-PLATFORM I app-binary-manager.cpp: *no package download*")});
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -9,15 +9,16 @@
 #include "download-fixture.h"
 #include "other-process.h"
 #include "platform/app-binary-manager.h"
+#include "support/texts.h"
 
 namespace {
+
+using quillon::test::expectTexts;
+using quillon::test::expectTextsInAnyOrder;
 
 namespace fs = std::filesystem;
 using appbinaryManager::ABM_DownloadAppBinary;
 using std::chrono::steady_clock;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::UnorderedElementsAre;
 
 int requestAndWaitForWord(OtherProcess& self)
 {
@@ -68,7 +69,7 @@ TEST_F(DownloadDeathTest, EndsInOrderInTheMiddleOfADownload)
     EXPECT_EQ(other.waitForEnd(), 0);
 
     EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(5));
-    EXPECT_THAT(namesInDirectory(), UnorderedElementsAre(".alpha.part", ".alpha.resume"));
+    expectTextsInAnyOrder(namesInDirectory(), {".alpha.part", ".alpha.resume"});
 }
 
 TEST_F(DownloadDeathTest, EndsInOrderInAPauseBetweenTwoAttempts)
@@ -127,7 +128,7 @@ TEST_F(DownloadDeathTest, LeavesAPartToTheNextProcessWhenItIsKilled)
 
     EXPECT_EQ(server.requests().back().header("Range"), "bytes=100000-");
     EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == package);
-    EXPECT_THAT(namesInDirectory(), ElementsAre("alpha.img"));
+    expectTexts(namesInDirectory(), {"alpha.img"});
 }
 
 TEST_F(DownloadDeathTest, DoesNotFetchWhatAnotherProcessIsFetching)
@@ -172,7 +173,7 @@ TEST_F(DownloadDeathTest, FailsInADirectoryThatItMayNotWrite)
     EXPECT_EQ(other.waitForEnd(), 5);
 
     fs::permissions(kDirectory, fs::perms(0755));
-    EXPECT_THAT(server.requests(), IsEmpty());
+    EXPECT_TRUE(server.requests().empty());
 }
 
 }  // namespace

@@ -1,15 +1,13 @@
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "download-fixture.h"
+#include "support/texts.h"
 
 namespace {
 
-using testing::AllOf;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::StartsWith;
+using quillon::test::expectTextAmong;
+using quillon::test::expectTexts;
+using quillon::test::like;
 
 class DownloadRefusal : public DownloadFixture
 {
@@ -17,10 +15,11 @@ protected:
     /// Expects one error line with that reason, and nothing left in the directory.
     void expectRefusal(const std::string& reason)
     {
-        EXPECT_THAT(captured.lines(),
-                    ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM E package-download.cpp: "),
-                                      HasSubstr("package alpha cannot be downloaded: " + reason))));
-        EXPECT_THAT(namesInDirectory(), IsEmpty());
+        expectTexts(
+            captured.lines(),
+            {like("QUILLON-PLATFORM E package-download.cpp: *package alpha cannot be downloaded: " +
+                  reason + "*")});
+        expectTexts(namesInDirectory(), {});
         captured.clear();
     }
 
@@ -142,8 +141,8 @@ TEST_F(DownloadRefusal, OfARestThatGoesBeyondTheLimit)
 
     EXPECT_EQ(download("alpha"), -4);
 
-    EXPECT_THAT(captured.lines(), Contains(HasSubstr("larger than the size limit")));
-    EXPECT_THAT(namesInDirectory(), IsEmpty());
+    expectTextAmong(captured.lines(), like("*larger than the size limit*"));
+    expectTexts(namesInDirectory(), {});
 }
 
 TEST_F(DownloadRefusal, DoesNotMeetAPackageOfJustTheLimit)
@@ -190,7 +189,7 @@ TEST_F(DownloadRefusal, OfABodyShorterThanAnnounced)
     EXPECT_EQ(download("alpha"), -2);
 
     EXPECT_EQ(server.requests().size(), 3U);
-    EXPECT_THAT(captured.lines(), Contains(HasSubstr("given up after 3 attempts")));
+    expectTextAmong(captured.lines(), like("*given up after 3 attempts*"));
 }
 
 TEST_F(DownloadRefusal, OfWhatComesAfterTheAnnouncedSize)

@@ -1,14 +1,16 @@
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <chrono>
 
 #include "download-fixture.h"
+#include "support/texts.h"
 
 namespace {
 
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
+using quillon::test::expectTextAmong;
+using quillon::test::expectTexts;
+using quillon::test::expectTextsInAnyOrder;
+using quillon::test::like;
 
 constexpr std::size_t kSize = 200000;
 constexpr std::size_t kDrop = 70000;
@@ -36,7 +38,7 @@ protected:
     void expectPackage() const
     {
         EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == package);
-        EXPECT_THAT(namesInDirectory(), ElementsAre("alpha.img"));
+        expectTexts(namesInDirectory(), {"alpha.img"});
     }
 };
 
@@ -54,7 +56,7 @@ TEST_F(DownloadResume, AsksOnlyForTheRestAfterADrop)
     ASSERT_EQ(server.requests().size(), 2U);
     EXPECT_EQ(server.requests()[1].header("Range"), "bytes=70000-");
     EXPECT_EQ(server.requests()[1].header("If-Range"), "\"one\"");
-    EXPECT_THAT(captured.lines(), Contains(HasSubstr("next attempt in 0 s")));
+    expectTextAmong(captured.lines(), like("*next attempt in 0 s*"));
 }
 
 TEST_F(DownloadResume, GoesOnAfterManyDrops)
@@ -313,7 +315,7 @@ TEST_F(DownloadResume, GivesAServerUpThatNeverAnswers)
     EXPECT_EQ(download("alpha"), -2);
 
     EXPECT_EQ(server.requests().size(), 2U);
-    EXPECT_THAT(captured.lines(), Contains(HasSubstr("given up after 2 attempts")));
+    expectTextAmong(captured.lines(), like("*given up after 2 attempts*"));
 }
 
 TEST_F(DownloadResume, GivesUpWhereNobodyListens)
@@ -326,7 +328,7 @@ TEST_F(DownloadResume, GivesUpWhereNobodyListens)
     configureFor(address, "attempts = 2\n");
 
     EXPECT_EQ(download("alpha"), -2);
-    EXPECT_THAT(captured.lines(), Contains(HasSubstr("given up after 2 attempts")));
+    expectTextAmong(captured.lines(), like("*given up after 2 attempts*"));
 }
 
 TEST_F(DownloadResume, IsTakenUpByTheNextRequest)
@@ -344,7 +346,7 @@ TEST_F(DownloadResume, IsTakenUpByTheNextRequest)
     configureFor(server.address(), "attempts = 2\n");
 
     EXPECT_EQ(download("alpha"), -2);
-    EXPECT_THAT(namesInDirectory(), testing::UnorderedElementsAre(".alpha.part", ".alpha.resume"));
+    expectTextsInAnyOrder(namesInDirectory(), {".alpha.part", ".alpha.resume"});
     broken = false;
     EXPECT_EQ(download("alpha"), 0);
 

@@ -1,6 +1,5 @@
 #include "platform/events.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -15,12 +14,13 @@
 
 #include "notify-socket.h"
 #include "platform/linux/event-placeholder.h"
+#include "support/texts.h"
 
 namespace {
 
+using quillon::test::expectTexts;
+
 namespace fs = std::filesystem;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 constexpr char kReady[] = "/tmp/.fw_service_ready_usb";
 constexpr char kOther[] = "/tmp/.ignore_resume";
@@ -189,14 +189,14 @@ TEST_F(Event, OfReadinessIsAlsoToldToTheServiceManager)
     NotifySocket manager("/tmp/quillon-notify");
     EXPECT_EQ(LwipcEventDone(kReady), 0);
     EXPECT_TRUE(fs::exists(kReady));
-    EXPECT_THAT(manager.received(), ElementsAre("READY=1"));
+    expectTexts(manager.received(), {"READY=1"});
 }
 
 TEST_F(Event, OfAnotherNameIsNotToldToTheServiceManager)
 {
     NotifySocket manager("/tmp/quillon-notify");
     EXPECT_EQ(LwipcEventDone(kOther), 0);
-    EXPECT_THAT(manager.received(), IsEmpty());
+    expectTexts(manager.received(), {});
 }
 
 TEST_F(Event, OfReadinessWorksWithoutAServiceManager)
@@ -210,7 +210,7 @@ TEST_F(Event, OfReadinessReachesTheServiceManagerEvenWhenTheFileIsInTheWay)
     NotifySocket manager("/tmp/quillon-notify");
     fs::create_symlink(kVictim, kReady);
     expectRefused(kReady, EEXIST);
-    EXPECT_THAT(manager.received(), ElementsAre("READY=1"));
+    expectTexts(manager.received(), {"READY=1"});
 }
 
 TEST_F(Event, OfReadinessFailsWhenTheServiceManagerCannotBeTold)

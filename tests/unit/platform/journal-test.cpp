@@ -20,7 +20,6 @@ using testing::AllOf;
 using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
 using testing::UnorderedElementsAre;
@@ -130,7 +129,7 @@ TEST_F(LogToTheJournal, FallsBackToStandardErrorWhereThereIsNone)
 {
     journal.present = false;
     LOG(6, "T", "message");
-    EXPECT_THAT(journal.messages, IsEmpty());
+    EXPECT_TRUE(journal.messages.empty());
     EXPECT_EQ(captured.text(), "T E message\n");
 }
 

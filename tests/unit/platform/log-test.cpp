@@ -1,6 +1,5 @@
 #include "platform/log.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -12,13 +11,14 @@
 
 #include "captured-stderr.h"
 #include "fake-journal.h"
+#include "support/texts.h"
 
 // __extension__ because "%m" is the C library's own, which -Wpedantic minds.
 #define LOG(...) __extension__ __dlog_print(2, __VA_ARGS__)
 
 namespace {
 
-using testing::ElementsAre;
+using quillon::test::expectTexts;
 
 class LogOnStandardError : public testing::Test
 {
@@ -48,9 +48,8 @@ TEST_F(LogOnStandardError, GivesEachPriorityItsLetter)
     for (int priority = 2; priority <= 8; ++priority) {
         LOG(priority, "T", "message");
     }
-    EXPECT_THAT(captured.lines(),
-                ElementsAre("T V message", "T D message", "T I message", "T W message",
-                            "T E message", "T F message", "T ? message"));
+    expectTexts(captured.lines(), {"T V message", "T D message", "T I message", "T W message",
+                                   "T E message", "T F message", "T ? message"});
 }
 
 TEST_F(LogOnStandardError, GivesTheSeverityAsAPrefixToWhoeverReadsItForTheJournal)
@@ -59,10 +58,10 @@ TEST_F(LogOnStandardError, GivesTheSeverityAsAPrefixToWhoeverReadsItForTheJourna
     for (int priority = 2; priority <= 8; ++priority) {
         LOG(priority, "T", "%s: %s(%d) > m", "f.cpp", "g", 1);
     }
-    EXPECT_THAT(captured.lines(), ElementsAre("<7>T: f.cpp: g(1) > m", "<7>T: f.cpp: g(1) > m",
-                                              "<6>T: f.cpp: g(1) > m", "<4>T: f.cpp: g(1) > m",
-                                              "<3>T: f.cpp: g(1) > m", "<2>T: f.cpp: g(1) > m",
-                                              "<6>T: f.cpp: g(1) > m"));
+    expectTexts(captured.lines(),
+                {"<7>T: f.cpp: g(1) > m", "<7>T: f.cpp: g(1) > m", "<6>T: f.cpp: g(1) > m",
+                 "<4>T: f.cpp: g(1) > m", "<3>T: f.cpp: g(1) > m", "<2>T: f.cpp: g(1) > m",
+                 "<6>T: f.cpp: g(1) > m"});
 }
 
 TEST_F(LogOnStandardError, WritesOneLineForAMessageThatEndsWithNewlines)

@@ -15,19 +15,19 @@
 
 #include "captured-stderr.h"
 #include "fake-logind.h"
+#include "support/texts.h"
 #include "system-bus.h"
 
 namespace {
+
+using quillon::test::expectTexts;
+using quillon::test::like;
 
 namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::SizeIs;
-using testing::StartsWith;
 
 constexpr int kType = 2;
 constexpr int kLong = 600000;
@@ -44,9 +44,9 @@ void expectNoLock(const CapturedStderr& captured, const std::string& reason)
     const auto start = steady_clock::now();
     EXPECT_EQ(device_power_lock_state(kType, kLong), -1);
     EXPECT_LT(steady_clock::now() - start, seconds(7));
-    EXPECT_THAT(captured.lines(),
-                ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM E inhibitor.cpp: "),
-                                  HasSubstr("the update runs without one: " + reason))));
+    expectTexts(
+        captured.lines(),
+        {like("QUILLON-PLATFORM E inhibitor.cpp: *the update runs without one: " + reason + "*")});
     EXPECT_EQ(device_power_unlock_state(kType), 0);
 }
 
@@ -83,7 +83,7 @@ TEST_F(PowerLock, BlocksShutdownSleepAndIdleness)
         EXPECT_EQ(asked.why, "The firmware of the device's components is being updated");
         EXPECT_EQ(asked.mode, "block");
     }
-    EXPECT_THAT(blocked, ElementsAre("shutdown", "sleep", "idle"));
+    expectTexts(blocked, {"shutdown", "sleep", "idle"});
     EXPECT_TRUE(logind.isHeld(0));
     EXPECT_EQ(captured.text(), "");
 }
@@ -111,9 +111,8 @@ TEST_F(PowerLock, EndsByItselfWithItsTimeAndNotBefore)
 
     EXPECT_GE(steady_clock::now() - start, milliseconds(700));
     EXPECT_LT(steady_clock::now() - start, seconds(5));
-    EXPECT_THAT(captured.lines(),
-                ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM I power.cpp: "),
-                                  HasSubstr("the power lock 2 was not given back in its time"))));
+    expectTexts(captured.lines(), {like("QUILLON-PLATFORM I power.cpp: *the power lock 2 was "
+                                        "not given back in its time*")});
     EXPECT_EQ(device_power_unlock_state(kType), 0);
 }
 
@@ -226,11 +225,10 @@ TEST_F(PowerLock, OfNoTimeIsRefusedAndLeavesTheHeldOne)
     for (const int time : {0, -1, INT_MIN}) {
         captured.clear();
         EXPECT_EQ(device_power_lock_state(kType, time), -1);
-        EXPECT_THAT(captured.lines(),
-                    ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM E power.cpp: "),
-                                      HasSubstr("a power lock of " + std::to_string(time)))));
+        expectTexts(captured.lines(), {like("QUILLON-PLATFORM E power.cpp: *a power lock of " +
+                                            std::to_string(time) + "*")});
     }
-    EXPECT_THAT(logind.asked(), SizeIs(FakeLogind::kInhibitorsALock));
+    EXPECT_EQ(logind.asked().size(), FakeLogind::kInhibitorsALock);
     EXPECT_TRUE(logind.isHeld(0));
 }
 
@@ -257,7 +255,7 @@ TEST_F(PowerLock, FailsInTimeWhenLogindDoesNotAnswer)
 {
     const FakeLogind logind(FakeLogind::Manner::kKeepSilent);
     expectNoLock(captured, "Connection timed out");
-    EXPECT_THAT(logind.asked(), SizeIs(FakeLogind::kInhibitorsALock));
+    EXPECT_EQ(logind.asked().size(), FakeLogind::kInhibitorsALock);
 }
 
 TEST_F(PowerLock, FailsWhereThereIsNoLogind)

@@ -1,7 +1,6 @@
 #include "platform/privileged.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -20,19 +19,17 @@
 
 #include "captured-stderr.h"
 #include "platform/protocols/mount-protocol.h"
+#include "support/texts.h"
 
 namespace {
+
+using quillon::test::expectTexts;
+using quillon::test::like;
 
 using quillon::privileged::Answer;
 using quillon::privileged::Kind;
 using quillon::privileged::kTextSize;
 using quillon::privileged::Request;
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::SizeIs;
-using testing::StartsWith;
 
 constexpr int kBufferSize = 1024;
 
@@ -143,10 +140,9 @@ TEST(PrivilegedClient, FailsAndSaysOnceThatThereIsNoHelper)
     }
     EXPECT_EQ(PS_Mknod("x", 2, 0, &result), -1);
     EXPECT_EQ(PS_Umount("x", 1, 0, &result), -1);
-    EXPECT_THAT(captured.lines(),
-                ElementsAre(AllOf(StartsWith("QUILLON-PLATFORM E privileged.cpp: "),
-                                  HasSubstr("PS_Mount: no privileged helper at "
-                                            "/run/quillon/privileged.sock: No such file"))));
+    expectTexts(captured.lines(),
+                {like("QUILLON-PLATFORM E privileged.cpp: *PS_Mount: no privileged helper at "
+                      "/run/quillon/privileged.sock: No such file*")});
 }
 
 TEST(PrivilegedClient, HandsEachTextOverAsItIs)
@@ -160,7 +156,7 @@ TEST(PrivilegedClient, HandsEachTextOverAsItIs)
     EXPECT_EQ(result, 0);
     EXPECT_EQ(PS_Mknod(buffer, kBufferSize, 0, &result), 0);
     EXPECT_EQ(PS_Umount("/some/place", 11, 0, &result), 0);
-    EXPECT_THAT(helper.requests(), ElementsAre("1 -o a b c", "2 " + node, "3 /some/place"));
+    expectTexts(helper.requests(), {"1 -o a b c", "2 " + node, "3 /some/place"});
 }
 
 TEST(PrivilegedClient, TakesNoMoreOfADirectoryThanItsLength)
@@ -169,7 +165,7 @@ TEST(PrivilegedClient, TakesNoMoreOfADirectoryThanItsLength)
     int result = -5;
     EXPECT_EQ(PS_Umount("/some/place", 5, 0, &result), 0);
     EXPECT_EQ(PS_Umount("/some", 1000, 0, &result), 0);
-    EXPECT_THAT(helper.requests(), ElementsAre("3 /some", "3 /some"));
+    expectTexts(helper.requests(), {"3 /some", "3 /some"});
 }
 
 TEST(PrivilegedClient, ReportsTheHelpersRefusalAsTheResult)
@@ -220,9 +216,9 @@ TEST(PrivilegedClient, SendsNothingThatIsNoText)
     expectRefused(PS_Umount("x", 0, 0, &result));
     expectRefused(PS_Umount("x", -3, 0, &result));
     expectRefused(PS_Umount(tooLong.c_str(), sizeOf(tooLong) - 1, 0, &result));
-    EXPECT_THAT(helper.requests(), IsEmpty());
+    expectTexts(helper.requests(), {});
     EXPECT_EQ(PS_Mount(longest.c_str(), sizeOf(longest), 0, &result), 0);
-    EXPECT_THAT(helper.requests(), ElementsAre("1 " + longest));
+    expectTexts(helper.requests(), {"1 " + longest});
 }
 
 TEST(PrivilegedClient, BelievesNoAnswerOfAnotherShape)
@@ -290,7 +286,7 @@ TEST(PrivilegedClient, GivesEachThreadItsOwnAnswer)
     for (std::thread& thread : threads) {
         thread.join();
     }
-    EXPECT_THAT(helper.requests(), SizeIs(400));
+    EXPECT_EQ(helper.requests().size(), 400U);
 }
 
 TEST(PrivilegedClient, LeavesNoDescriptorOpen)

@@ -1,7 +1,7 @@
 // Security floors that packages bring, and what the device's policy wants of a package's signer.
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -16,16 +16,13 @@
 #include "platform/verifier/image-error.h"
 #include "platform/verifier/trust-policy.h"
 #include "provisioned-device.h"
+#include "support/texts.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace quillon;
 using namespace quillon::test;
-using testing::AllOf;
-using testing::Contains;
-using testing::HasSubstr;
-using testing::IsEmpty;
 
 constexpr int kAlreadyInstalled = 2;
 constexpr int kMalformed = 4;
@@ -66,8 +63,9 @@ TEST_F(Floor, OfAPackageIsKeptWhereAllCanReadIt)
     EXPECT_EQ(readFile(kFloors), "floor.camera = 2\nfloor.tuner = 7\n");
     EXPECT_EQ(modeOf(kFloors), 0644U);
     EXPECT_EQ(modeOf(kFloors.parent_path()), 0755U);
-    EXPECT_THAT(captured.lines(), Contains(HasSubstr("raised the security floor of tuner to 7")));
-    EXPECT_THAT(namesInDirectory(), IsEmpty()) << "there was no item in it";
+    expectTextAmong(captured.lines(), like("*raised the security floor of tuner to 7*"));
+    SCOPED_TRACE("there was no item in it");
+    expectTexts(namesInDirectory(), {});
 }
 
 TEST_F(Floor, ComesAlongWithAnItem)
@@ -88,9 +86,9 @@ TEST_F(Floor, IsRaisedAndNeverLowered)
 
     EXPECT_EQ(installFloors("floor tuner 6\nfloor camera 3\n"), 0);
     EXPECT_EQ(readFile(kFloors), "floor.camera = 3\nfloor.tuner = 7\n");
-    EXPECT_THAT(captured.lines(),
-                Contains(HasSubstr("has the security floor 6 for tuner, which stays at 7: none is "
-                                   "lowered")));
+    expectTextAmong(captured.lines(),
+                    like("*has the security floor 6 for tuner, which stays at 7: none is "
+                         "lowered*"));
 
     EXPECT_EQ(installFloors("floor tuner 0\n"), kAlreadyInstalled);
     EXPECT_EQ(readFile(kFloors), "floor.camera = 3\nfloor.tuner = 7\n");
@@ -108,7 +106,7 @@ TEST_F(Floor, ThatTheFileHasNoRoomForIsRefusedAndTrustsNoLess)
     EXPECT_EQ(installFloors(many), kStorageFailed);
 
     EXPECT_EQ(readFile(kFloors), before);
-    EXPECT_THAT(captured.lines(), Contains(HasSubstr("brings too many security floors")));
+    expectTextAmong(captured.lines(), like("*brings too many security floors*"));
     EXPECT_EQ(installFloors("floor tuner 8\n"), 0) << "the next package is taken";
 }
 
@@ -139,8 +137,8 @@ TEST_F(Floor, ThatCannotBeStoredKeepsTheItemOut)
 
     EXPECT_EQ(installContent("QUILLON-PROVISION 1\nitem quillon\nfloor tuner 7\n\nkey"),
               kStorageFailed);
-    EXPECT_THAT(captured.lines(), Contains(HasSubstr("trust cannot be made and locked")));
-    EXPECT_THAT(namesInDirectory(), IsEmpty());
+    expectTextAmong(captured.lines(), like("*trust cannot be made and locked*"));
+    expectTexts(namesInDirectory(), {});
 }
 
 TEST_F(Floor, IsNotPutInPlaceOfFloorsThatCannotBeUnderstood)
@@ -149,9 +147,9 @@ TEST_F(Floor, IsNotPutInPlaceOfFloorsThatCannotBeUnderstood)
     writeFile(kFloors, "floor.tuner = seven\n");
 
     EXPECT_EQ(installFloors("floor tuner 8\n"), kStorageFailed);
-    EXPECT_THAT(captured.lines(),
-                Contains(AllOf(HasSubstr("security floors cannot be raised: "),
-                               HasSubstr("floors:1: \"seven\" has to be a number"))));
+    expectTextAmong(
+        captured.lines(),
+        like("*security floors cannot be raised: *floors:1: \"seven\" has to be a number*"));
     EXPECT_EQ(readFile(kFloors), "floor.tuner = seven\n");
 }
 
@@ -218,16 +216,16 @@ TEST_F(Purpose, ThatIsRequiredHasToBeInTheSignersCertificate)
 {
     writeFile(QUILLON_TRUST_POLICY, "provisioning-purpose = required\n");
     EXPECT_EQ(install(package("quillon", "key")), kNotTrusted);
-    EXPECT_THAT(captured.text(),
-                HasSubstr("its signer's certificate is not for provisioning: it lacks the "
-                          "extended key usage 2.25.321772490656420471694796864872059128122"));
+    expectText(captured.text(),
+               like("*its signer's certificate is not for provisioning: it lacks the "
+                    "extended key usage 2.25.321772490656420471694796864872059128122*"));
 
     for (const char* purpose : {"serverAuth", "anyExtendedKeyUsage", "emailProtection,1.2.3.4"}) {
         const Maker other = makerFor(purpose);
         trustMaker(other);
         EXPECT_EQ(install(packageBy(other, "quillon", "key")), kNotTrusted) << purpose;
     }
-    EXPECT_THAT(namesInDirectory(), IsEmpty());
+    expectTexts(namesInDirectory(), {});
 
     const Maker right = makerFor(kProvisioningPurpose);
     trustMaker(right);
@@ -262,8 +260,8 @@ TEST_F(Purpose, OfAPolicyThatCannotBeUnderstoodTrustsNobody)
     writeFile(QUILLON_TRUST_POLICY, "provisioning-purpose = maybe\n");
 
     EXPECT_EQ(install(package("quillon", "key")), kNobodyTrusted);
-    EXPECT_THAT(captured.text(), HasSubstr("trust.conf:1: \"maybe\" has to be"));
-    EXPECT_THAT(namesInDirectory(), IsEmpty());
+    expectText(captured.text(), like("*trust.conf:1: \"maybe\" has to be*"));
+    expectTexts(namesInDirectory(), {});
 }
 
 }  // namespace

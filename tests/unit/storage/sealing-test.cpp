@@ -1,7 +1,6 @@
 // Items at rest: sealed by the real systemd-creds, and what happens when it is not what it should
 // be.
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -11,13 +10,9 @@
 #include "platform/storage/item-store.h"
 #include "platform/storage/provisioning-content.h"
 #include "sealing-program.h"
+#include "support/texts.h"
 
 namespace fs = std::filesystem;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
-using testing::UnorderedElementsAre;
 
 namespace quillon::test {
 namespace {
@@ -52,9 +47,8 @@ protected:
     void expectNotUnsealed(const std::string& name, const std::string& reason)
     {
         EXPECT_EQ(read(name), "result 7");
-        EXPECT_THAT(captured.lines(),
-                    ElementsAre(testing::AllOf(HasSubstr(name + ".cred cannot be unsealed: "),
-                                               HasSubstr(reason))));
+        expectTexts(captured.lines(),
+                    {like("*" + name + ".cred cannot be unsealed: *" + reason + "*")});
     }
 };
 
@@ -73,9 +67,9 @@ protected:
 TEST_F(RealSealing, KeepsAnItemThatNobodyReadsOffTheDisk)
 {
     ASSERT_EQ(store("quillon", kKey), kStoreOk);
-    EXPECT_THAT(namesInDirectory(), ElementsAre("quillon.cred"));
+    expectTexts(namesInDirectory(), {"quillon.cred"});
     EXPECT_EQ(fs::status(pathOf("quillon.cred")).permissions(), fs::perms(0600));
-    EXPECT_THAT(readFile(pathOf("quillon.cred")), Not(HasSubstr("all sorts")));
+    expectNoText(readFile(pathOf("quillon.cred")), like("*all sorts*"));
     EXPECT_EQ(read("quillon"), kKey);
 }
 
@@ -123,7 +117,7 @@ TEST_F(RealSealing, ReplacesAnUnsealedItem)
     writeFile(pathOf("quillon"), "old key");
     EXPECT_EQ(read("quillon"), "old key");
     ASSERT_EQ(store("quillon", kKey), kStoreOk);
-    EXPECT_THAT(namesInDirectory(), ElementsAre("quillon.cred"));
+    expectTexts(namesInDirectory(), {"quillon.cred"});
     EXPECT_EQ(read("quillon"), kKey);
 }
 
@@ -167,9 +161,9 @@ TEST_F(Sealing, WithoutItsProgramKeepsItemsUnsealedAndSaysSoOnce)
 {
     ASSERT_EQ(store("quillon", kKey), kStoreOk);
     ASSERT_EQ(store("other", kKey), kStoreOk);
-    EXPECT_THAT(captured.lines(), ElementsAre(HasSubstr("no /run/quillon/systemd-creds: items are "
-                                                        "stored unsealed")));
-    EXPECT_THAT(namesInDirectory(), UnorderedElementsAre("quillon", "other"));
+    expectTexts(captured.lines(), {like("*no /run/quillon/systemd-creds: items are "
+                                        "stored unsealed*")});
+    expectTextsInAnyOrder(namesInDirectory(), {"quillon", "other"});
     EXPECT_EQ(read("quillon"), kKey);
 }
 
@@ -180,7 +174,7 @@ TEST_F(Sealing, WithoutItsProgramNeitherReadsNorHidesASealedItem)
     writeFile(pathOf("quillon"), kKey);
     expectNotUnsealed("quillon", "cannot be started: No such file");
     EXPECT_EQ(store("quillon", kKey), kStoreFailed);
-    EXPECT_THAT(captured.text(), HasSubstr("quillon.cred is sealed and would hide"));
+    expectText(captured.text(), like("*quillon.cred is sealed and would hide*"));
     EXPECT_EQ(readFile(pathOf("quillon.cred")), "sealed");
 }
 
@@ -189,10 +183,9 @@ TEST_F(Sealing, NeverFallsBackToAnUnsealedItemWhenItFails)
     putSealingScript("cat > /dev/null; echo no key >&2; echo none >&2; exit 1");
     captured.clear();
     EXPECT_EQ(store("quillon", kKey), kStoreFailed);
-    EXPECT_THAT(captured.lines(),
-                ElementsAre(HasSubstr("quillon cannot be sealed: /run/quillon/systemd-creds "
-                                      "failed with status 1: no key;none")));
-    EXPECT_THAT(namesInDirectory(), IsEmpty());
+    expectTexts(captured.lines(), {like("*quillon cannot be sealed: /run/quillon/systemd-creds "
+                                        "failed with status 1: no key;none*")});
+    expectTexts(namesInDirectory(), {});
 }
 
 TEST_F(Sealing, DoesNotWaitForEver)
@@ -200,7 +193,7 @@ TEST_F(Sealing, DoesNotWaitForEver)
     putSealingScript("sleep 60");
     captured.clear();
     EXPECT_EQ(store("quillon", kKey), kStoreFailed);
-    EXPECT_THAT(captured.lines(), ElementsAre(HasSubstr("is not done after 3000 ms")));
+    expectTexts(captured.lines(), {like("*is not done after 3000 ms*")});
     makeDirectory();
     writeFile(pathOf("quillon.cred"), "sealed");
     expectNotUnsealed("quillon", "is not done after 3000 ms");

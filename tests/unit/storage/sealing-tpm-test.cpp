@@ -1,6 +1,5 @@
 // Items sealed with a TPM, which swtpm plays.
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -15,10 +14,9 @@
 #include "item-directory.h"
 #include "platform/storage/item-store.h"
 #include "sealing-program.h"
+#include "support/texts.h"
 
 namespace fs = std::filesystem;
-using testing::ElementsAre;
-using testing::HasSubstr;
 
 namespace quillon::test {
 namespace {
@@ -94,7 +92,7 @@ TEST_F(TpmSealing, KeepsAnItemThatNeedsThatTpm)
     const SecretBytes key(32, 'k');
     SecretBytes bytes;
     ASSERT_EQ(storeItem("quillon", key), kStoreOk) << captured.text();
-    EXPECT_THAT(namesInDirectory(), ElementsAre("quillon.cred"));
+    expectTexts(namesInDirectory(), {"quillon.cred"});
     ASSERT_EQ(readItem("quillon", bytes), kStoreOk) << captured.text();
     EXPECT_EQ(bytes, key);
 
@@ -104,7 +102,7 @@ TEST_F(TpmSealing, KeepsAnItemThatNeedsThatTpm)
     startTpm();  // another one
     captured.clear();
     EXPECT_EQ(readItem("quillon", bytes), kStoreSealed);
-    EXPECT_THAT(captured.text(), HasSubstr("cannot be unsealed"));
+    expectText(captured.text(), like("*cannot be unsealed*"));
 }
 
 }  // namespace

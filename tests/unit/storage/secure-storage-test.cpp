@@ -12,10 +12,14 @@
 #include <vector>
 
 #include "item-directory.h"
+#include "support/texts.h"
 
 namespace fs = std::filesystem;
 
 namespace {
+
+using quillon::test::expectTexts;
+using quillon::test::like;
 
 struct Wiped
 {
@@ -50,10 +54,6 @@ extern "C" void __explicit_bzero_chk(void* memory, size_t size, size_t /*room*/)
 
 namespace {
 
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::StartsWith;
-
 constexpr int kBadArgument = 1;
 constexpr int kNotAFile = 3;
 constexpr int kExposed = 4;
@@ -85,8 +85,7 @@ protected:
         EXPECT_EQ(read(item), result);
         EXPECT_EQ(data, &untouched);
         EXPECT_EQ(size, 77U);
-        EXPECT_THAT(captured.lines(), ElementsAre(testing::AllOf(StartsWith("QUILLON-PLATFORM E "),
-                                                                 HasSubstr(reason))));
+        expectTexts(captured.lines(), {like(std::string("QUILLON-PLATFORM E *") + reason + "*")});
         data = nullptr;
     }
 
@@ -228,8 +227,8 @@ TEST(Credential, IsFilledWhole)
     ss_credential credential;
     std::memset(&credential, 0xff, sizeof credential);
     EXPECT_EQ(ss_init_credential(&credential, 1, 2, 3, 4, 0xffffffff, 6, -7), 0);
-    EXPECT_THAT(credential.words, ElementsAre(1U, 2U, 3U, 4U, 0xffffffffU));
-    EXPECT_THAT(credential.flags, ElementsAre(6, -7));
+    EXPECT_THAT(credential.words, testing::ElementsAre(1U, 2U, 3U, 4U, 0xffffffffU));
+    EXPECT_THAT(credential.flags, testing::ElementsAre(6, -7));
     EXPECT_THAT(credential.reserved, testing::Each(0));
 }
 

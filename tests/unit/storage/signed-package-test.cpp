@@ -11,8 +11,7 @@
 #include "makers.h"
 #include "platform/storage/provisioning-content.h"
 #include "platform/verifier/image-error.h"
-
-using testing::HasSubstr;
+#include "support/texts.h"
 
 namespace quillon::test {
 namespace {
@@ -39,7 +38,7 @@ protected:
             ADD_FAILURE() << "opened; expected: " << reason;
         } catch (const ImageError& error) {
             EXPECT_EQ(error.fault(), fault) << error.what();
-            EXPECT_THAT(error.what(), HasSubstr(reason));
+            expectText(error.what(), like("*" + std::string(reason) + "*"));
         }
     }
 

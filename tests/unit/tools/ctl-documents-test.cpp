@@ -1,5 +1,5 @@
 // The manual page and the completion know what the program knows.
-#include <gmock/gmock.h>
+
 #include <gtest/gtest.h>
 
 #include <array>
@@ -10,11 +10,6 @@
 #include <sstream>
 
 #include "unit/tools/ctl-program.h"
-
-using testing::ContainerEq;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::UnorderedElementsAre;
 
 namespace {
 
@@ -115,21 +110,19 @@ Words complete(const std::vector<std::string>& line)
 
 TEST(CtlHelp, ListsVerbsAndOptions)
 {
-    EXPECT_THAT(verbsOfHelp(),
-                UnorderedElementsAre("update", "estimate", "progress", "stop", "modules"));
-    EXPECT_THAT(optionsOfHelp(),
-                UnorderedElementsAre("--help", "--version", "--json", "--quiet", "--timeout"));
-    EXPECT_THAT(verbsOfModules(), UnorderedElementsAre("list", "check", "update", "version",
-                                                       "progress", "download", "unlock"));
-    EXPECT_THAT(optionsOfModules(), UnorderedElementsAre("--help", "--source", "--all"));
+    EXPECT_EQ(verbsOfHelp(), (Words{"update", "estimate", "progress", "stop", "modules"}));
+    EXPECT_EQ(optionsOfHelp(), (Words{"--help", "--version", "--json", "--quiet", "--timeout"}));
+    EXPECT_EQ(verbsOfModules(),
+              (Words{"list", "check", "update", "version", "progress", "download", "unlock"}));
+    EXPECT_EQ(optionsOfModules(), (Words{"--help", "--source", "--all"}));
 }
 
 TEST(CtlManual, DescribesEveryVerbAndNoOther)
 {
-    EXPECT_THAT(allMatches(contentOf(kManual), "^\\.It Cm ([a-z]+)"), ContainerEq(verbsOfHelp()));
-    EXPECT_THAT(
+    EXPECT_EQ(allMatches(contentOf(kManual), "^\\.It Cm ([a-z]+)"), verbsOfHelp());
+    EXPECT_EQ(
         allMatches(between(contentOf(kManual), ".Cm modules\nare:", ".El"), "^\\.It Sy ([a-z]+)"),
-        ContainerEq(verbsOfModules()));
+        verbsOfModules());
 }
 
 TEST(CtlManual, DescribesEveryOptionAndNoOther)
@@ -138,7 +131,7 @@ TEST(CtlManual, DescribesEveryOptionAndNoOther)
     for (const std::string& word : allMatches(contentOf(kManual), "^\\.It .*Fl -([a-z-]+)")) {
         options.insert("--" + word);
     }
-    EXPECT_THAT(options, ContainerEq(optionsOfHelp() + optionsOfModules()));
+    EXPECT_EQ(options, optionsOfHelp() + optionsOfModules());
 }
 
 TEST(CtlManual, ListsEveryEventOfItsVerbs)
@@ -149,38 +142,37 @@ TEST(CtlManual, ListsEveryEventOfItsVerbs)
     const Words listed = allMatches(between(contentOf(kManual), ".Sh JSON OUTPUT", ".It modules\n"),
                                     "^\\.It ([a-z-]+)$");
 
-    EXPECT_THAT(listed, ContainerEq(events));
+    EXPECT_EQ(listed, events);
 }
 
 TEST(CtlManual, ListsTheExitCodesOfTheHelp)
 {
     const std::string codes = between(help(), "Exit codes:", "\n\n");
 
-    EXPECT_THAT(
-        allMatches(between(contentOf(kManual), ".Sh EXIT STATUS", ".Sh"), "^\\.It ([0-9]+)"),
-        ContainerEq(allMatches(codes, "\\b([0-9]+) ")));
+    EXPECT_EQ(allMatches(between(contentOf(kManual), ".Sh EXIT STATUS", ".Sh"), "^\\.It ([0-9]+)"),
+              allMatches(codes, "\\b([0-9]+) "));
 }
 
 TEST(CtlCompletion, OffersEveryVerb)
 {
-    EXPECT_THAT(complete({"quillonctl", ""}), ContainerEq(verbsOfHelp()));
-    EXPECT_THAT(complete({"quillonctl", "--timeout", "3", "es"}), ElementsAre("estimate"));
+    EXPECT_EQ(complete({"quillonctl", ""}), verbsOfHelp());
+    EXPECT_EQ(complete({"quillonctl", "--timeout", "3", "es"}), (Words{"estimate"}));
 }
 
 TEST(CtlCompletion, OffersEveryOptionAnywhere)
 {
-    EXPECT_THAT(complete({"quillonctl", "-"}), ContainerEq(optionsOfHelp()));
-    EXPECT_THAT(complete({"quillonctl", "progress", "-"}), ContainerEq(optionsOfHelp()));
+    EXPECT_EQ(complete({"quillonctl", "-"}), optionsOfHelp());
+    EXPECT_EQ(complete({"quillonctl", "progress", "-"}), optionsOfHelp());
 }
 
 TEST(CtlCompletion, KnowsTheVerbsOfModulesAndWhatTheyTake)
 {
-    EXPECT_THAT(complete({"quillonctl", "modules", ""}), ContainerEq(verbsOfModules()));
-    EXPECT_THAT(complete({"quillonctl", "modules", "update", "-"}),
-                ContainerEq(optionsOfHelp() + optionsOfModules()));
-    EXPECT_THAT(complete({"quillonctl", "modules", "list", "-"}), ContainerEq(optionsOfHelp()));
-    EXPECT_THAT(complete({"quillonctl", "modules", "check", "--source", ""}),
-                UnorderedElementsAre("usb", "package", "system", "shared"));
+    EXPECT_EQ(complete({"quillonctl", "modules", ""}), verbsOfModules());
+    EXPECT_EQ(complete({"quillonctl", "modules", "update", "-"}),
+              optionsOfHelp() + optionsOfModules());
+    EXPECT_EQ(complete({"quillonctl", "modules", "list", "-"}), optionsOfHelp());
+    EXPECT_EQ(complete({"quillonctl", "modules", "check", "--source", ""}),
+              (Words{"usb", "package", "system", "shared"}));
 }
 
 TEST(CtlCompletion, OffersTheNamesOfTheModulesThatAreInstalled)
@@ -188,15 +180,15 @@ TEST(CtlCompletion, OffersTheNamesOfTheModulesThatAreInstalled)
     std::ofstream("/usr/fwupdate/controls/tuner.so").close();
     std::ofstream("/usr/fwupdate/controls/README").close();
 
-    EXPECT_THAT(complete({"quillonctl", "modules", "version", ""}), ElementsAre("tuner"));
-    EXPECT_THAT(complete({"quillonctl", "modules", "update", "--source", "usb", "t"}),
-                ElementsAre("tuner"));
+    EXPECT_EQ(complete({"quillonctl", "modules", "version", ""}), (Words{"tuner"}));
+    EXPECT_EQ(complete({"quillonctl", "modules", "update", "--source", "usb", "t"}),
+              (Words{"tuner"}));
 }
 
 TEST(CtlCompletion, OffersDirectoriesToTheVerbsThatTakeOne)
 {
-    EXPECT_THAT(complete({"quillonctl", "update", "/us"}), Contains("/usr"));
-    EXPECT_THAT(complete({"quillonctl", "estimate", "/us"}), Contains("/usr"));
-    EXPECT_THAT(complete({"quillonctl", "progress", "/us"}), testing::IsEmpty());
-    EXPECT_THAT(complete({"quillonctl", "--timeout", ""}), testing::IsEmpty());
+    EXPECT_EQ(complete({"quillonctl", "update", "/us"}).count("/usr"), 1U);
+    EXPECT_EQ(complete({"quillonctl", "estimate", "/us"}).count("/usr"), 1U);
+    EXPECT_TRUE(complete({"quillonctl", "progress", "/us"}).empty());
+    EXPECT_TRUE(complete({"quillonctl", "--timeout", ""}).empty());
 }

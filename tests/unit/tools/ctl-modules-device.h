@@ -2,7 +2,6 @@
 #ifndef QUILLON_TESTS_UNIT_TOOLS_CTL_MODULES_DEVICE_H
 #define QUILLON_TESTS_UNIT_TOOLS_CTL_MODULES_DEVICE_H
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/value.h>
 

@@ -1,12 +1,16 @@
 // quillonctl modules list, version, progress and download: the real program with test plug-ins.
+
+#include <gmock/gmock.h>
+
 #include <filesystem>
 
+#include "support/texts.h"
 #include "unit/tools/ctl-modules-device.h"
 
-using testing::AllOf;
 using testing::ContainsRegex;
-using testing::HasSubstr;
-using testing::StartsWith;
+
+using quillon::test::expectText;
+using quillon::test::like;
 
 class CtlModulesList : public CtlModules
 {
@@ -48,9 +52,9 @@ TEST_F(CtlModulesList, IsATableForPeople)
 
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_EQ(result.err, "");
-    EXPECT_THAT(result.out, StartsWith("NAME    RUNNING  STATE\n"));
-    EXPECT_THAT(result.out, HasSubstr("alpha   1.0      no package\n"));
-    EXPECT_THAT(result.out, HasSubstr("broken  -        unusable: it does not load: "));
+    expectText(result.out, like("NAME    RUNNING  STATE\n*"));
+    expectText(result.out, like("*alpha   1.0      no package\n*"));
+    expectText(result.out, like("*broken  -        unusable: it does not load: *"));
 }
 
 TEST_F(CtlModulesList, SaysWhenAPackageIsHere)
@@ -61,7 +65,7 @@ TEST_F(CtlModulesList, SaysWhenAPackageIsHere)
                             "/opt/usr/apps/appbinarymanager/alphaemp.img");
 
     EXPECT_EQ(of("alpha", json({"list"}))["downloaded"], true);
-    EXPECT_THAT(runModules({"list"}).out, HasSubstr("alpha  1.0      package is here\n"));
+    expectText(runModules({"list"}).out, like("*alpha  1.0      package is here\n*"));
 }
 
 TEST_F(CtlModulesList, WithoutModulesSaysSo)
@@ -89,8 +93,7 @@ TEST_F(CtlModulesList, ShowsAModuleThatDoesNotLoadWithTheLinkersReason)
 {
     installFile("broken", "this is no library");
 
-    EXPECT_THAT(reasonOf("broken"),
-                AllOf(StartsWith("it does not load: "), HasSubstr("broken.so")));
+    expectText(reasonOf("broken"), like("it does not load: *broken.so*"));
 }
 
 TEST_F(CtlModulesList, ShowsWhichRequiredEntryIsMissing)
@@ -147,7 +150,7 @@ TEST_F(CtlModulesList, LetsNoPlugInBreakTheTable)
 {
     install("alpha", "version=1\x1b[2Jx\n");
 
-    EXPECT_THAT(runModules({"list"}).out, HasSubstr("alpha  1?[2Jx"));
+    expectText(runModules({"list"}).out, like("*alpha  1?[2Jx*"));
 }
 
 TEST_F(CtlModulesList, VersionIsTheVersionAlone)
@@ -212,7 +215,7 @@ TEST_F(CtlModulesList, DownloadThatThePlatformDoesNotAcceptExitsWith14)
     const ModulesResult result = runModules({"download"});
 
     EXPECT_EQ(result.exitCode, 14);
-    EXPECT_THAT(result.out, StartsWith("Downloading 1 package\nalpha: not downloaded, "));
+    expectText(result.out, like("Downloading 1 package\nalpha: not downloaded, *"));
     EXPECT_EQ(result.err, "quillonctl: not downloaded: alpha\n");
 }
 

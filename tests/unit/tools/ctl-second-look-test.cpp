@@ -1,5 +1,6 @@
 // After an update quillonctl has the service look at the stick once more, so that no module stays
 // marked as needing an update.
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -8,16 +9,17 @@
 
 #include <fstream>
 
+#include "support/texts.h"
 #include "unit/client/fake-service.h"
 #include "unit/tools/ctl-program.h"
 
-using testing::AllOf;
 using testing::ElementsAre;
-using testing::EndsWith;
-using testing::HasSubstr;
 using testing::Not;
 
 namespace {
+
+using quillon::test::expectText;
+using quillon::test::like;
 
 constexpr const char* kStick = "/tmp/stick";
 constexpr const char* kImage = "/tmp/stick/lamp.bin";
@@ -43,7 +45,7 @@ TEST_F(CtlSecondLook, ThatFindsNothingLeftSaysNoMore)
     const CtlResult result = runCtl({"update", kStick});
 
     EXPECT_EQ(result.exitCode, 0);
-    EXPECT_THAT(result.out, EndsWith("\nLooking once more at the stick\n"));
+    expectText(result.out, like("*\nLooking once more at the stick\n"));
     EXPECT_EQ(result.err, "");
 }
 
@@ -54,9 +56,9 @@ TEST_F(CtlSecondLook, ThatFindsTheModuleStillInNeedSaysWhatHelps)
     const CtlResult result = runCtl({"update", kStick});
 
     EXPECT_EQ(result.exitCode, 0);
-    EXPECT_THAT(result.err, AllOf(HasSubstr("still needs an update"),
-                                  HasSubstr("run \"quillonctl update /tmp/stick\""),
-                                  HasSubstr("restart the update service")));
+    expectText(result.err, like("*still needs an update*"));
+    expectText(result.err, like("*run \"quillonctl update /tmp/stick\"*"));
+    expectText(result.err, like("*restart the update service*"));
 }
 
 TEST_F(CtlSecondLook, AtAStickThatIsGoneSaysWhatHelps)
@@ -70,9 +72,9 @@ TEST_F(CtlSecondLook, AtAStickThatIsGoneSaysWhatHelps)
     const CtlResult result = runCtl({"update", kStick});
 
     EXPECT_EQ(result.exitCode, 6);
-    EXPECT_THAT(result.err, AllOf(HasSubstr("the stick was taken out"),
-                                  HasSubstr("put it back and run \"quillonctl estimate /tmp/stick"),
-                                  HasSubstr("restart the update service")));
+    expectText(result.err, like("*the stick was taken out*"));
+    expectText(result.err, like("*put it back and run \"quillonctl estimate /tmp/stick*"));
+    expectText(result.err, like("*restart the update service*"));
 }
 
 TEST_F(CtlSecondLook, ThatFailsLeavesTheResultOfTheUpdateAlone)
@@ -87,8 +89,8 @@ TEST_F(CtlSecondLook, ThatFailsLeavesTheResultOfTheUpdateAlone)
     const CtlResult result = runCtl({"--timeout", "0.5", "update", kStick});
 
     EXPECT_EQ(result.exitCode, 0);
-    EXPECT_THAT(result.err, AllOf(HasSubstr("cannot look once more at the stick: no reply"),
-                                  HasSubstr("run \"quillonctl estimate /tmp/stick\"")));
+    expectText(result.err, like("*cannot look once more at the stick: no reply*"));
+    expectText(result.err, like("*run \"quillonctl estimate /tmp/stick\"*"));
 }
 
 TEST_F(CtlSecondLook, IsToldAsJson)
@@ -119,7 +121,7 @@ TEST_F(CtlSecondLook, FollowsTheEndThatTheVerbProgressIsTold)
 
     EXPECT_EQ(result.exitCode, 6);
     EXPECT_EQ(result.out, "The update failed\nLooking once more at the stick\n");
-    EXPECT_THAT(result.err, HasSubstr("had been taken out already"));
+    expectText(result.err, like("*had been taken out already*"));
     EXPECT_THAT(service.commands(), ElementsAre(MQ_COMMAND_PROGRESS, MQ_COMMAND_TIME));
 }
 
@@ -129,7 +131,7 @@ TEST_F(CtlSecondLook, AfterAnEarlierUpdateDoesNotSendAwayFromTheNextOne)
     service.answerEstimateAfterRun(MQ_RESULT_ACCEPTED, 10);
     service.serve();
 
-    EXPECT_THAT(runCtl({"estimate", kStick}).err, HasSubstr("; update from it next, or restart"));
+    expectText(runCtl({"estimate", kStick}).err, like("*; update from it next, or restart*"));
 }
 
 TEST_F(CtlSecondLook, DoesNotDisturbAnUpdateThatRuns)
@@ -163,5 +165,5 @@ TEST_F(CtlSecondLook, CanBeInterrupted)
     const CtlResult result = program.finish();
 
     EXPECT_EQ(result.exitCode, 130);
-    EXPECT_THAT(result.err, HasSubstr("interrupted; the update had ended before"));
+    expectText(result.err, like("*interrupted; the update had ended before*"));
 }

@@ -1,15 +1,15 @@
 #ifndef QUILLON_TESTS_UNIT_TOOLS_IMAGE_FILES_H
 #define QUILLON_TESTS_UNIT_TOOLS_IMAGE_FILES_H
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <set>
 #include <string>
+#include <vector>
 
 #include "platform/verifier/image-error.h"
 #include "unit/verifier/test-keys.h"
@@ -48,12 +48,14 @@ protected:
         return content;
     }
 
-    std::set<std::string> names() const
+    /// Of the files, in order.
+    std::vector<std::string> names() const
     {
-        std::set<std::string> found;
+        std::vector<std::string> found;
         for (const auto& entry : std::filesystem::directory_iterator(directory)) {
-            found.insert(entry.path().filename().string());
+            found.push_back(entry.path().filename().string());
         }
+        std::sort(found.begin(), found.end());
         return found;
     }
 

@@ -5,9 +5,8 @@
 #include "platform/verifier/image-trailer.h"
 #include "platform/verifier/openssl-handle.h"
 #include "platform/verifier/signed-file.h"
+#include "support/texts.h"
 #include "unit/tools/image-files.h"
-
-using ::testing::HasSubstr;
 
 namespace quillon::test {
 namespace {
@@ -171,7 +170,7 @@ TEST_F(ImageFormat, ASizeThatNoImageCanHaveIsNamed)
         std::filesystem::resize_file(image, size);
         std::string line;
         EXPECT_EQ(faultOf([&] { inspectStickImage(image); }, &line), ImageFault::kFormat) << size;
-        EXPECT_THAT(line, HasSubstr(reason));
+        expectText(line, like("*" + std::string(reason) + "*"));
     };
     faultAt(0, "are too few");
     faultAt(16 + 16 + 534 - 1, "are too few");
@@ -209,7 +208,7 @@ TEST_F(ImageFormat, AWrongKeyIsToldApartAndLeavesNoFile)
                   ImageFault::kKey);
         ASSERT_EQ(faultOf([&] { readStickImageVersion(image, wrong); }), ImageFault::kKey);
     }
-    EXPECT_THAT(names(), ::testing::ElementsAre("payload", "tuner.bin"));
+    expectTexts(names(), {"payload", "tuner.bin"});
 }
 
 TEST_F(ImageFormat, ADamagedLastBlockIsFoundByItsPadding)
@@ -222,7 +221,7 @@ TEST_F(ImageFormat, ADamagedLastBlockIsFoundByItsPadding)
     std::string line;
     EXPECT_EQ(faultOf([&] { extractStickImage(image, key, directory + "out"); }, &line),
               ImageFault::kKey);
-    EXPECT_THAT(line, HasSubstr("wrong padding"));
+    expectText(line, like("*wrong padding*"));
 }
 
 TEST_F(ImageFormat, AFailedBuildKeepsTheEarlierImage)
@@ -235,7 +234,7 @@ TEST_F(ImageFormat, AFailedBuildKeepsTheEarlierImage)
               }),
               ImageFault::kFile);
     EXPECT_EQ(readAll(image), before);
-    EXPECT_THAT(names(), ::testing::ElementsAre("payload", "tuner.bin"));
+    expectTexts(names(), {"payload", "tuner.bin"});
 }
 
 TEST_F(ImageFormat, APayloadThatWouldPassTwoGiBIsRefusedBeforeAnythingIsWritten)
@@ -245,7 +244,7 @@ TEST_F(ImageFormat, APayloadThatWouldPassTwoGiBIsRefusedBeforeAnythingIsWritten)
 
     EXPECT_EQ(faultOf([&] { buildStickImage("2.0", payload, key, signingKey.get(), image); }),
               ImageFault::kFormat);
-    EXPECT_THAT(names(), ::testing::ElementsAre("payload"));
+    expectTexts(names(), {"payload"});
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The format needs nothing of ours: the commands of docs/image-format.md, taken from that page,
 // make images that we read, and read ours.
 
+#include <gmock/gmock.h>
 #include <vector>
 
 #include "unit/tools/image-files.h"

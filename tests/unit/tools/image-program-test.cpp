@@ -1,15 +1,16 @@
 // The program: its verbs, exit codes, its one line for each refusal, and its manual.
 
+#include <gmock/gmock.h>
+
 #include <json/json.h>
 
 #include <algorithm>
 #include <sstream>
 
+#include "support/texts.h"
 #include "unit/tools/image-files.h"
 
-using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
-using ::testing::StartsWith;
 
 namespace quillon::test {
 namespace {
@@ -36,8 +37,10 @@ protected:
     {
         EXPECT_EQ(run(arguments), code) << arguments;
         EXPECT_EQ(out, "") << arguments;
-        EXPECT_THAT(err, StartsWith("quillon-image: ")) << arguments;
-        EXPECT_THAT(err, HasSubstr(reason)) << arguments;
+        SCOPED_TRACE(arguments);
+        expectText(err, like("quillon-image: *"));
+        SCOPED_TRACE(arguments);
+        expectText(err, like("*" + std::string(reason) + "*"));
         EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
     }
 
@@ -107,7 +110,7 @@ TEST_F(ImageProgram, InfoTellsTheVersionToTheHolderOfTheKeyOnly)
     EXPECT_EQ(json()["version"], "2.0");
 
     ASSERT_EQ(run("info tuner.bin --key $KEYS/image-key.bin"), 0) << err;
-    EXPECT_THAT(out, HasSubstr("version: 2.0\n"));
+    expectText(out, like("*version: 2.0\n*"));
 }
 
 TEST_F(ImageProgram, VerifyNamesTheKeyOfTheDirectory)
@@ -197,7 +200,7 @@ TEST_F(ImageProgram, TellsItsVersionAndHelp)
     EXPECT_EQ(run("--version"), 0);
     EXPECT_EQ(out, "quillon-image " QUILLON_VERSION "\n");
     EXPECT_EQ(run("--help"), 0);
-    EXPECT_THAT(out, HasSubstr("Exit codes: 0 done; 2 wrong command line;"));
+    expectText(out, like("*Exit codes: 0 done; 2 wrong command line;*"));
 }
 
 TEST_F(ImageProgram, HasEveryVerbAndOptionInItsManual)
@@ -205,12 +208,12 @@ TEST_F(ImageProgram, HasEveryVerbAndOptionInItsManual)
     const std::string manual = readAll(MANUAL_PAGE);
     for (const char* verb :
          {"keygen", "build", "package", "provision", "info", "verify", "extract"}) {
-        EXPECT_THAT(manual, HasSubstr(std::string(".Cm ") + verb));
+        expectText(manual, like("*" + std::string(".Cm ") + verb + "*"));
         ASSERT_EQ(run(std::string(verb) + " --help"), 0);
         std::istringstream words(out);
         for (std::string word; words >> word;) {
             if (word.rfind("--", 0) == 0) {
-                EXPECT_THAT(manual, HasSubstr("Fl -" + word.substr(2, word.find(',') - 2)));
+                expectText(manual, like("*Fl -" + word.substr(2, word.find(',') - 2) + "*"));
             }
         }
     }

@@ -1,10 +1,7 @@
 // Images for one module of one model, made and checked on the command line.
 
+#include "support/texts.h"
 #include "unit/tools/image-files.h"
-
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 namespace quillon::test {
 namespace {
@@ -45,9 +42,11 @@ TEST_F(ImagePurposeProgram, IsBuiltToldAndVerified)
     ASSERT_EQ(buildForTheTuner(), 0) << err;
 
     EXPECT_EQ(shell(IMAGE_PROGRAM " info " + image), 0);
-    EXPECT_THAT(out, AllOf(HasSubstr("trailerFormat: 2\n"), HasSubstr("securityCounter: 5\n"),
-                           HasSubstr("moduleCheck: fc7a\n"), HasSubstr("modelCheck: 5b15\n"),
-                           HasSubstr("signatureAlgorithm: RSA-4096 PSS SHA-512\n")));
+    expectText(out, like("*trailerFormat: 2\n*"));
+    expectText(out, like("*securityCounter: 5\n*"));
+    expectText(out, like("*moduleCheck: fc7a\n*"));
+    expectText(out, like("*modelCheck: 5b15\n*"));
+    expectText(out, like("*signatureAlgorithm: RSA-4096 PSS SHA-512\n*"));
     EXPECT_EQ(verify("--model 'TV 2024' --floor 5 " + image), 0) << err;
 
     std::filesystem::create_directory(directory + "keys");
@@ -63,15 +62,15 @@ TEST_F(ImagePurposeProgram, IsRefusedForAnythingElse)
     ASSERT_EQ(buildForTheTuner(), 0) << err;
 
     EXPECT_EQ(verify("--model 'TV 2025' " + image), 5);
-    EXPECT_THAT(err, HasSubstr("made for another model"));
+    expectText(err, like("*made for another model*"));
     EXPECT_EQ(verify("--model 'TV 2024' --floor 6 " + image), 5);
-    EXPECT_THAT(err, HasSubstr("its security counter is 5, and the module's floor is 6"));
+    expectText(err, like("*its security counter is 5, and the module's floor is 6*"));
     EXPECT_EQ(verify(image), 5);
-    EXPECT_THAT(err, HasSubstr("2 needs the device's model, which --model does not name"));
+    expectText(err, like("*2 needs the device's model, which --model does not name*"));
 
     std::filesystem::rename(image, directory + "camera.bin");
     EXPECT_EQ(verify("--model 'TV 2024' " + directory + "camera.bin"), 5);
-    EXPECT_THAT(err, HasSubstr("made for another module"));
+    expectText(err, like("*made for another module*"));
 }
 
 TEST_F(ImagePurposeProgram, OfFormat1HasNoCounterToHoldToAFloor)
@@ -79,7 +78,8 @@ TEST_F(ImagePurposeProgram, OfFormat1HasNoCounterToHoldToAFloor)
     ASSERT_EQ(build("--output " + image), 0) << err;
 
     EXPECT_EQ(shell(IMAGE_PROGRAM " info " + image), 0);
-    EXPECT_THAT(out, AllOf(HasSubstr("trailerFormat: 1\n"), Not(HasSubstr("securityCounter"))));
+    expectText(out, like("*trailerFormat: 1\n*"));
+    expectNoText(out, like("*securityCounter*"));
     EXPECT_EQ(verify("--model 'TV 2024' " + image), 0) << err;
     EXPECT_EQ(verify("--floor 1 " + image), 5);
 }

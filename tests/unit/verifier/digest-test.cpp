@@ -1,12 +1,14 @@
 // The second entry: the question whether a digest and a trailer belong together.
 
+#include <gmock/gmock.h>
+
 #include <openssl/err.h>
 #include <openssl/evp.h>
 
+#include "support/texts.h"
 #include "unit/verifier/verifier-test.h"
 
 using ::testing::HasSubstr;
-using ::testing::StartsWith;
 
 namespace quillon::test {
 namespace {
@@ -80,13 +82,13 @@ TEST_F(Digest, IsRefusedWithTheTrailerOfAnotherImage)
 
     EXPECT_EQ(
         verifyRead(content.substr(0, content.size() - 534) + other.substr(other.size() - 534)), 0);
-    EXPECT_THAT(said, HasSubstr("not signed: signature does not match the content"));
+    expectText(said, like("*not signed: signature does not match the content*"));
 }
 
 TEST_F(Digest, IsRefusedWithWhatIsNoTrailer)
 {
     EXPECT_EQ(verifyRead(std::string(600, 'x')), 0);
-    EXPECT_THAT(said, HasSubstr("not signed: trailer has no signature (bad magic)"));
+    expectText(said, like("*not signed: trailer has no signature (bad magic)*"));
 }
 
 TEST_F(Digest, IsRefusedWithATrailerOfAWrongSize)
@@ -95,7 +97,7 @@ TEST_F(Digest, IsRefusedWithATrailerOfAWrongSize)
     const std::string trailer = content.substr(content.size() - 534);
 
     EXPECT_EQ(ask(data(digest), data(trailer), 533, image.c_str()), 0);
-    EXPECT_THAT(said, HasSubstr("not signed: trailer has 533 bytes instead of 534"));
+    expectText(said, like("*not signed: trailer has 533 bytes instead of 534*"));
     EXPECT_EQ(ask(data(digest), data(trailer), 535, image.c_str()), 0);
     EXPECT_EQ(ask(data(digest), data(trailer), 0, image.c_str()), 0);
     EXPECT_EQ(ask(data(digest), data(trailer), -1, image.c_str()), 0);
@@ -124,8 +126,7 @@ TEST_F(Digest, SignedByAnotherMakerIsRefused)
     makeImage(image, "b", "2.0", "payload");
 
     EXPECT_EQ(verifyRead(readAll(image)), 0);
-    EXPECT_THAT(said,
-                StartsWith("libkUEPUser: " + image + ": not signed: no trusted key with the id "));
+    expectText(said, like("libkUEPUser: " + image + ": not signed: no trusted key with the id *"));
 }
 
 TEST_F(Digest, IsRefusedWithoutTheTrustedKeys)

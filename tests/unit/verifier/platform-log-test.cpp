@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "platform/log.h"
+#include "support/texts.h"
 #include "unit/verifier/verifier-test.h"
 
 namespace {
@@ -38,9 +39,9 @@ TEST_F(PlatformLog, ReceivesTheReasonAsAnErrorInsteadOfStandardError)
     EXPECT_EQ(verify(stick), 0);
 
     EXPECT_EQ(said, "");
-    EXPECT_THAT(recorded, ::testing::ElementsAre("2 6 libkUEPUser libkUEPUser: " + stick +
-                                                 ": cannot be read: is a directory (asked by "
-                                                 "UserCaller)"));
+    expectTexts(recorded, {"2 6 libkUEPUser libkUEPUser: " + stick +
+                           ": cannot be read: is a directory (asked by "
+                           "UserCaller)"});
 }
 
 }  // namespace

@@ -1,9 +1,7 @@
 // Which content and trailer the verifier accepts.
 
+#include "support/texts.h"
 #include "unit/verifier/verifier-test.h"
-
-using ::testing::HasSubstr;
-using ::testing::StartsWith;
 
 namespace quillon::test {
 namespace {
@@ -29,8 +27,7 @@ TEST_F(Signature, OfAnotherMakerIsRefused)
     makeImage(image, "b", "2.0", "payload");
 
     EXPECT_EQ(verify(image), 0);
-    EXPECT_THAT(said,
-                StartsWith("libkUEPUser: " + image + ": not signed: no trusted key with the id "));
+    expectText(said, like("libkUEPUser: " + image + ": not signed: no trusted key with the id *"));
 }
 
 TEST_F(Signature, OfAnotherMakerUnderATrustedKeysIdIsRefused)
@@ -54,7 +51,8 @@ TEST_F(Signature, IsRefusedAtEveryTruncationOfTheImage)
     for (std::size_t length = 0; length < content.size(); ++length) {
         writeAll(image, content.substr(0, length));
         EXPECT_EQ(verify(image), 0) << length;
-        EXPECT_THAT(said, HasSubstr("not signed: ")) << length;
+        SCOPED_TRACE(length);
+        expectText(said, like("*not signed: *"));
     }
 }
 
@@ -86,13 +84,12 @@ TEST_F(Signature, EachPartOfTheTrailerHeaderHasItsOwnReason)
         EXPECT_EQ(verify(image), 0);
         return said;
     };
-    EXPECT_THAT(reasonOf(withByte(content, 534, 'q')),
-                HasSubstr("not signed: trailer has no signature (bad magic)"));
-    EXPECT_THAT(reasonOf(withByte(content, 526, '\2')), HasSubstr("trailer has an unknown format"));
-    EXPECT_THAT(reasonOf(withByte(content, 524, '\2')),
-                HasSubstr("trailer has an unknown algorithm"));
-    EXPECT_THAT(reasonOf(withByte(content, 522, '\1')),
-                HasSubstr("trailer has a wrong signature length"));
+    expectText(reasonOf(withByte(content, 534, 'q')),
+               like("*not signed: trailer has no signature (bad magic)*"));
+    expectText(reasonOf(withByte(content, 526, '\2')), like("*trailer has an unknown format*"));
+    expectText(reasonOf(withByte(content, 524, '\2')), like("*trailer has an unknown algorithm*"));
+    expectText(reasonOf(withByte(content, 522, '\1')),
+               like("*trailer has a wrong signature length*"));
 }
 
 TEST_F(Signature, OfAContentIsWorthNothingWithoutTheContent)
@@ -100,7 +97,7 @@ TEST_F(Signature, OfAContentIsWorthNothingWithoutTheContent)
     writeAll(image, content.substr(content.size() - 534));
 
     EXPECT_EQ(verify(image), 0);
-    EXPECT_THAT(said, HasSubstr("signature does not match the content"));
+    expectText(said, like("*signature does not match the content*"));
 }
 
 TEST_F(Signature, IsNotFoundInAFileShorterThanATrailer)
@@ -108,7 +105,7 @@ TEST_F(Signature, IsNotFoundInAFileShorterThanATrailer)
     writeAll(image, content.substr(content.size() - 533));
 
     EXPECT_EQ(verify(image), 0);
-    EXPECT_THAT(said, HasSubstr("not signed: too short for a signature trailer"));
+    expectText(said, like("*not signed: too short for a signature trailer*"));
 }
 
 TEST_F(Signature, IsNotLookedForInAFileThatIsLongerThanAnyImage)
@@ -119,7 +116,7 @@ TEST_F(Signature, IsNotLookedForInAFileThatIsLongerThanAnyImage)
     std::ofstream(image, std::ios::app | std::ios::binary) << content.substr(content.size() - 534);
 
     EXPECT_EQ(verify(image), 0);
-    EXPECT_THAT(said, HasSubstr("not signed: longer than 2147483647 bytes, the most"));
+    expectText(said, like("*not signed: longer than 2147483647 bytes, the most*"));
 }
 
 TEST_F(Signature, CoversAContentOfManyReads)

@@ -6,10 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "support/texts.h"
 #include "unit/verifier/verifier-test.h"
-
-using ::testing::HasSubstr;
-using ::testing::StartsWith;
 
 namespace quillon::test {
 namespace {
@@ -61,7 +59,7 @@ TEST_F(TrustedKeys, AnEmptyDirectoryTrustsNobody)
     std::filesystem::remove(std::string(kTrustedKeys) + "a.pem");
 
     EXPECT_EQ(verify(image), 0);
-    EXPECT_THAT(said, HasSubstr("not signed: no trusted key with the id "));
+    expectText(said, like("*not signed: no trusted key with the id *"));
 }
 
 TEST_F(TrustedKeys, AMissingDirectoryTrustsNobody)
@@ -97,7 +95,7 @@ TEST_F(TrustedKeys, AShorterRsaKeyIsPassedOver)
     putKey("0.pem", publicKeyText(UniqueKey(EVP_RSA_gen(2048))));
 
     EXPECT_EQ(verify(image), 1);
-    EXPECT_THAT(said, HasSubstr("0.pem: not an RSA key of 4096 bits"));
+    expectText(said, like("*0.pem: not an RSA key of 4096 bits*"));
 }
 
 TEST_F(TrustedKeys, AKeyOfAnotherKindIsPassedOver)
@@ -105,7 +103,7 @@ TEST_F(TrustedKeys, AKeyOfAnotherKindIsPassedOver)
     putKey("0.pem", publicKeyText(UniqueKey(EVP_EC_gen("P-256"))));
 
     EXPECT_EQ(verify(image), 1);
-    EXPECT_THAT(said, HasSubstr("0.pem: not an RSA key of 4096 bits"));
+    expectText(said, like("*0.pem: not an RSA key of 4096 bits*"));
 }
 
 TEST_F(TrustedKeys, AFifoADirectoryAndAGiantArePassedOver)
@@ -115,9 +113,9 @@ TEST_F(TrustedKeys, AFifoADirectoryAndAGiantArePassedOver)
     putKey("2.pem", std::string(100000, '-'));
 
     EXPECT_EQ(verify(image), 1);
-    EXPECT_THAT(said, HasSubstr("0.pem: cannot be read: not a regular file"));
-    EXPECT_THAT(said, HasSubstr("1.pem: cannot be read: is a directory"));
-    EXPECT_THAT(said, HasSubstr("2.pem: cannot be read: longer than 65536 bytes"));
+    expectText(said, like("*0.pem: cannot be read: not a regular file*"));
+    expectText(said, like("*1.pem: cannot be read: is a directory*"));
+    expectText(said, like("*2.pem: cannot be read: longer than 65536 bytes*"));
 }
 
 TEST_F(TrustedKeys, AnEncipheredPemNeverAsksForAPassPhrase)
@@ -128,7 +126,7 @@ TEST_F(TrustedKeys, AnEncipheredPemNeverAsksForAPassPhrase)
            "-----END PUBLIC KEY-----\n");
 
     EXPECT_EQ(verify(image), 1);
-    EXPECT_THAT(said, HasSubstr("0.pem: not a public key in PEM form"));
+    expectText(said, like("*0.pem: not a public key in PEM form*"));
 }
 
 TEST_F(TrustedKeys, TroubleLeavesTheProcesssOpensslErrorsAsTheyWere)

@@ -1,7 +1,6 @@
 #include "helpers/lifecycle/orderly-end.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <mqueue.h>
 #include <signal.h>
@@ -20,14 +19,16 @@
 #include <thread>
 
 #include "helpers/lifecycle/own-queues.h"
+#include "support/texts.h"
 #include "unit/platform/notify-socket.h"
 
 namespace {
 
+using quillon::test::expectTextAmong;
+using quillon::test::expectTexts;
+
 using namespace std::chrono_literals;
 using quillon::unit::endAndWait;
-using testing::Contains;
-using testing::IsEmpty;
 
 constexpr char kMarker[] = "/tmp/fw_update_ready_usb";
 
@@ -179,7 +180,7 @@ TEST_F(OrderlyEnd, TellsTheWatchdogThatAnEndingServiceIsAlive)
 
     endAndWait(kMarker, service.id());
 
-    EXPECT_THAT(manager.received(), Contains("WATCHDOG=1"));
+    expectTextAmong(manager.received(), "WATCHDOG=1");
 }
 
 TEST_F(OrderlyEnd, LeavesAServiceThatHangsToTheWatchdog)
@@ -189,7 +190,7 @@ TEST_F(OrderlyEnd, LeavesAServiceThatHangsToTheWatchdog)
 
     endAndWait(kMarker, service.id());
 
-    EXPECT_THAT(manager.received(), IsEmpty());
+    expectTexts(manager.received(), {});
 }
 
 int countOf(NotifySocket& manager)

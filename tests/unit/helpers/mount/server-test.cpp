@@ -2,7 +2,6 @@
 #include "base/fd.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -18,13 +17,14 @@
 #include <vector>
 
 #include "helpers/mount/listening-socket.h"
+#include "support/texts.h"
 
 using namespace quillon;
 using namespace quillon::privileged;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace {
+
+using quillon::test::expectTexts;
 
 constexpr const char* kPath = "/run/quillon/server-test.sock";
 constexpr int kHandled = 77;
@@ -121,7 +121,7 @@ TEST_F(PrivilegedServer, DoesNothingForAClientThatDoesNotWaitAnyMore)
         ASSERT_EQ(send(impatient.get(), &late, sizeof late, 0), ssize_t(sizeof late));
     }
     EXPECT_EQ(ask(client(), request(Kind::kUnmount, "last")), kHandled);
-    EXPECT_THAT(end(), ElementsAre(std::string("1") + kSlow, "3last"));
+    expectTexts(end(), {std::string("1") + kSlow, "3last"});
 }
 
 TEST_F(PrivilegedServer, AnswersEveryRequestOfAConnection)
@@ -130,7 +130,7 @@ TEST_F(PrivilegedServer, AnswersEveryRequestOfAConnection)
     EXPECT_EQ(ask(connection, request(Kind::kMount, "a")), kHandled);
     EXPECT_EQ(ask(connection, request(Kind::kNode, "b")), kHandled);
     EXPECT_EQ(ask(connection, request(Kind::kUnmount, "c")), kHandled);
-    EXPECT_THAT(end(), ElementsAre("1a", "2b", "3c"));
+    expectTexts(end(), {"1a", "2b", "3c"});
 }
 
 TEST_F(PrivilegedServer, LetsNobodyWaitForASilentClient)
@@ -177,7 +177,7 @@ TEST_F(PrivilegedServer, EndsTheConnectionOfWhoeverMayNotAsk)
         GTEST_SKIP() << "there is only one user here";
     }
     EXPECT_EQ(status, 0);
-    EXPECT_THAT(end(), IsEmpty());
+    expectTexts(end(), {});
 }
 
 TEST_F(PrivilegedServer, EndsASilentConnectionAfterSomeTime)
@@ -211,7 +211,7 @@ TEST_F(PrivilegedServer, HandlesNoPacketOfAnotherSize)
     std::vector<char> longer(sizeof good + 1, '\0');
     std::memcpy(longer.data(), &good, sizeof good);
     EXPECT_EQ(ask(client(), longer.data(), longer.size()), -1);
-    EXPECT_THAT(end(), IsEmpty());
+    expectTexts(end(), {});
 }
 
 TEST_F(PrivilegedServer, HandlesNoOtherVersionOrKind)
@@ -222,14 +222,14 @@ TEST_F(PrivilegedServer, HandlesNoOtherVersionOrKind)
     for (const std::uint32_t kind : {0U, 4U, 0xffffffffU}) {
         EXPECT_EQ(ask(client(), request(static_cast<Kind>(kind), "a")), -1) << kind;
     }
-    EXPECT_THAT(end(), IsEmpty());
+    expectTexts(end(), {});
 }
 
 TEST_F(PrivilegedServer, HandlesNoTextWithoutAnEndOrWithSomethingBehindIt)
 {
     EXPECT_EQ(ask(client(), request(Kind::kMount, std::string(kTextSize, 'a'))), -1);
     EXPECT_EQ(ask(client(), request(Kind::kMount, std::string("a\0b", 3))), -1);
-    EXPECT_THAT(end(), IsEmpty());
+    expectTexts(end(), {});
 }
 
 TEST_F(PrivilegedServer, OutlivesClientsThatGoWithoutTheirAnswer)
