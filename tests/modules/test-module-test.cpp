@@ -5,13 +5,12 @@
 
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 
 #include "fw-update-plugin.h"
 #include "platform/verifier.h"
+#include "support/files.h"
 
 namespace quillon::test {
 namespace {
@@ -23,18 +22,6 @@ void* openCopy(const std::string& library, const std::string& path)
     fs::create_directories(fs::path(path).parent_path());
     fs::copy_file(fs::read_symlink("/proc/self/exe").parent_path() / "modules" / library, path);
     return dlopen(path.c_str(), RTLD_NOW);
-}
-
-void writeSettings(const std::string& name, const std::string& text)
-{
-    fs::create_directories("/etc/quillon-test");
-    std::ofstream("/etc/quillon-test/" + name + ".conf") << text;
-}
-
-std::string contentsOf(const std::string& path)
-{
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 class TestModule : public ::testing::Test
@@ -77,17 +64,17 @@ TEST_F(TestModule, HasItsDefaultsAndLogsItsCalls)
     EXPECT_EQ(entry<decltype(getExpectedTime)>("getExpectedTime")(&seconds), 0);
     EXPECT_EQ(seconds, 10);
 
-    EXPECT_EQ(contentsOf("/tmp/quillon-test-alpha.log"),
+    EXPECT_EQ(readAll("/tmp/quillon-test-alpha.log"),
               "alpha.setContext(\"alpha\", 2, \"\")\nalpha.getEMPID()\nalpha.getActiveVersion()\n"
               "alpha.checkVersion(\"2.0\", need -1)\nalpha.getExpectedTime(0)\n");
 }
 
 TEST_F(TestModule, DoesWhatItsFileSays)
 {
-    writeSettings("alpha",
-                  "empid=tunerempA1\nversion=1.7\nneed=1\nseconds=33\nprogress=44\n"
-                  "capture=/tmp/payload\ndoUpdate_decryption.result=-5\n"
-                  "doUpdate_decryption.errno=28\ncheckVersion.result=3\n");
+    writeFile("/etc/quillon-test/alpha.conf",
+              "empid=tunerempA1\nversion=1.7\nneed=1\nseconds=33\nprogress=44\n"
+              "capture=/tmp/payload\ndoUpdate_decryption.result=-5\n"
+              "doUpdate_decryption.errno=28\ncheckVersion.result=3\n");
     char text[FW_PLUGIN_TEXT_SIZE] = {};
     int number = 0;
     unsigned int progress = 0;
@@ -105,12 +92,13 @@ TEST_F(TestModule, DoesWhatItsFileSays)
     EXPECT_EQ(progress, 44U);
     EXPECT_EQ(entry<decltype(doUpdate_decryption)>("doUpdate_decryption")(payload, 3), -5);
     EXPECT_EQ(errno, ENOSPC);
-    EXPECT_EQ(contentsOf("/tmp/payload"), "abc");
+    EXPECT_EQ(readAll("/tmp/payload"), "abc");
 }
 
 TEST_F(TestModule, MayRaise)
 {
-    writeSettings("alpha", "allUpdateDone.effect=throw\ndoUpdate.effect=throw-unknown\n");
+    writeFile("/etc/quillon-test/alpha.conf",
+              "allUpdateDone.effect=throw\ndoUpdate.effect=throw-unknown\n");
 
     EXPECT_THROW(entry<decltype(allUpdateDone)>("allUpdateDone")(), std::runtime_error);
     EXPECT_THROW(entry<decltype(doUpdate)>("doUpdate")("path", 0), int);
@@ -118,7 +106,7 @@ TEST_F(TestModule, MayRaise)
 
 TEST_F(TestModule, MayCrash)
 {
-    writeSettings("alpha", "doUpdate.effect=crash\n");
+    writeFile("/etc/quillon-test/alpha.conf", "doUpdate.effect=crash\n");
 
     EXPECT_DEATH(entry<decltype(doUpdate)>("doUpdate")("path", 0), "");
 }
@@ -131,7 +119,7 @@ TEST(TestVerifier, AnswersWhatItsFileSays)
     ASSERT_NE(verify, nullptr);
 
     EXPECT_EQ(verify(nullptr, "/image", "UserCaller"), 1);
-    writeSettings("verifier", "0\n");
+    writeFile("/etc/quillon-test/verifier.conf", "0\n");
     EXPECT_EQ(verify(nullptr, "/image", "UserCaller"), 0);
 }
 

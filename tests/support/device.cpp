@@ -36,19 +36,7 @@ fakes::ModuleBehaviour namedBehaviour(const std::string& name, const Module& mod
 
 void writeFile(const std::string& path, const Bytes& bytes)
 {
-    makeDirectory(fs::path(path).parent_path());
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    file.write(reinterpret_cast<const char*>(bytes.data()),
-               static_cast<std::streamsize>(bytes.size()));
-    file.close();
-    if (!file) {
-        throw std::runtime_error("cannot write " + path);
-    }
-}
-
-void writeFile(const std::string& path, const std::string& text)
-{
-    writeFile(path, bytesOf(text));
+    writeFile(path, std::string(bytes.begin(), bytes.end()));
 }
 
 Bytes readFile(const std::string& path)

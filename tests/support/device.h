@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "support/files.h"
 #include "support/image.h"
 #include "support/module.h"
 
@@ -10,7 +11,6 @@ namespace quillon::test {
 
 /// Writes a file, its directories included. Raises std::runtime_error on failure.
 void writeFile(const std::string& path, const Bytes& bytes);
-void writeFile(const std::string& path, const std::string& text);
 
 /// The whole file. Raises std::runtime_error when it cannot be read.
 Bytes readFile(const std::string& path);

@@ -15,10 +15,10 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <sstream>
 
 #include "platform/events.h"
 #include "support/open-way.h"
+#include "support/process.h"
 #include "support/texts.h"
 #include "system/system-test.h"
 
@@ -36,23 +36,11 @@ constexpr const char* kResumeEvent = "/tmp/.ignore_resume";
 constexpr const char* kUpdateList = "/tmp/fwupdate-off-list.txt";
 constexpr const char* kPrecious = "/tmp/precious";
 
-struct Result
-{
-    int status = -1;
-    std::string said;
-};
-
 /// The real quillon-unit, with the environment's additions in front: "NAME=value NAME=value".
 Result unit(const std::string& arguments, const std::string& environment = "")
 {
-    const std::string log = "/var/lib/quillon/unit.log";
-    fs::create_directories(fs::path(log).parent_path());
-    const std::string command = "env -u JOURNAL_STREAM " + environment +
-                                " " QUILLON_UNIT_PROGRAM " " + arguments + " >" + log + " 2>&1";
-    const int status = std::system(command.c_str());
-    std::ostringstream said;
-    said << std::ifstream(log).rdbuf();
-    return {WEXITSTATUS(status), said.str()};
+    return runInShell("env -u JOURNAL_STREAM " + environment + " " QUILLON_UNIT_PROGRAM " " +
+                      arguments);
 }
 
 Result prepare(const std::string& options = "")
@@ -66,15 +54,7 @@ constexpr const char* kEndedByItself = "SERVICE_RESULT=success EXIT_CODE=exited 
 bool asUser(uid_t user, gid_t group, const std::vector<gid_t>& others,
             const std::function<bool()>& body)
 {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        const bool isUser = ::setgroups(others.size(), others.data()) == 0 &&
-                            ::setgid(group) == 0 && ::setuid(user) == 0;
-        ::_exit(isUser && body() ? 0 : 1);
-    }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return status == 0;
+    return inChildAs(user, group, others, [&body] { return body() ? 0 : 1; }) == 0;
 }
 
 bool asStranger(const std::function<bool()>& body)
@@ -148,8 +128,8 @@ TEST_F(AroundTheService, ControlLayersTakeTurnsWhateverAStrangerHasMadeFirst)
 
         const Result prepared = prepare();
 
-        ASSERT_EQ(prepared.status, 0) << prepared.said;
-        expectText(prepared.said, like("*made it anew*"));
+        ASSERT_EQ(prepared.status, 0) << prepared.err;
+        expectText(prepared.err, like("*made it anew*"));
         EXPECT_TRUE(asServiceUser(canTakeTurn));
         EXPECT_TRUE(asUser(0, 0, {}, canTakeTurn)) << "root";
     }
@@ -169,7 +149,7 @@ TEST_F(AroundTheService, ClientsTakeTurnsWhateverAStrangerHasMadeFirst)
 
         const Result prepared = prepare();
 
-        ASSERT_EQ(prepared.status, 0) << prepared.said;
+        ASSERT_EQ(prepared.status, 0) << prepared.err;
         EXPECT_TRUE(asServiceUser(canLockClients));
         EXPECT_TRUE(asUser(kStranger + 1, kStranger + 1, {}, canLockClients));
     }
@@ -225,7 +205,7 @@ TEST_F(AroundTheService, AnEndWithStatus0ThatWasNotItsOwnIsAFailure)
     const Result tidied = unit("tidy", kEndedByItself);
 
     EXPECT_EQ(tidied.status, 1);
-    expectText(tidied.said, like("*a module has called exit()*"));
+    expectText(tidied.err, like("*a module has called exit()*"));
     EXPECT_FALSE(fs::exists(kLifeMarker));
 }
 
@@ -248,7 +228,7 @@ TEST_F(AroundTheService, AStoppedServiceHasEndedInOrder)
 {
     ASSERT_NO_FATAL_FAILURE(daemon.startAndWait());
     const Result ended = unit("end " + std::to_string(daemon.pid()));
-    ASSERT_EQ(ended.status, 0) << ended.said;
+    ASSERT_EQ(ended.status, 0) << ended.err;
     EXPECT_EQ(daemon.waitForEnd(std::chrono::seconds(10)), 0);
 
     EXPECT_EQ(unit("tidy", kEndedByItself).status, 0);
@@ -317,7 +297,7 @@ TEST_F(QueueGroup, AloneSendsCommandsAndReadsReplies)
 
     const Result prepared = prepare("--queue-group " + std::string(kQueueGroup) + " ");
 
-    ASSERT_EQ(prepared.status, 0) << prepared.said;
+    ASSERT_EQ(prepared.status, 0) << prepared.err;
     expectOnlyMembers();
 }
 
@@ -326,7 +306,7 @@ TEST_F(QueueGroup, ComesFromTheEnvironmentAsWell)
     const std::string variable = "QUILLON_QUEUE_GROUP=" + std::string(kQueueGroup);
     const Result prepared = unit(std::string("prepare ") + kUser, variable);
 
-    ASSERT_EQ(prepared.status, 0) << prepared.said;
+    ASSERT_EQ(prepared.status, 0) << prepared.err;
     expectOnlyMembers();
 }
 
@@ -335,7 +315,7 @@ TEST_F(QueueGroup, ThatDoesNotExistIsSaidAndNothingIsOpened)
     const Result prepared = prepare("--queue-group no-such-group ");
 
     EXPECT_EQ(prepared.status, 1);
-    expectText(prepared.said, like("*groupadd --system no-such-group*"));
+    expectText(prepared.err, like("*groupadd --system no-such-group*"));
     EXPECT_FALSE(asStranger(canSend));
 }
 

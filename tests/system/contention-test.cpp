@@ -50,11 +50,11 @@ protected:
             putImage(name, "2.0", name);
             const std::string directory = "/lib/firmware/ext/" + name + "/";
             fs::create_directories(directory);
-            writeAll(directory + name + ".bin", name);
+            writeFile(directory + name + ".bin", name);
             const unsigned int crc =
                 imageChecksum(0, reinterpret_cast<const unsigned char*>(name.data()), name.size());
-            writeAll(directory + "info.json",
-                     R"({"version":"2.0","crc":)" + std::to_string(crc) + R"(,"expected_time":1})");
+            writeFile(directory + "info.json", R"({"version":"2.0","crc":)" + std::to_string(crc) +
+                                                   R"(,"expected_time":1})");
         }
     }
 

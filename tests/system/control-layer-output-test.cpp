@@ -1,8 +1,8 @@
 // Output that does not arrive, and texts from outside that are too long or steer the terminal.
 
 #include <filesystem>
-#include <fstream>
 
+#include "support/files.h"
 #include "support/texts.h"
 #include "system/control-layer.h"
 
@@ -18,10 +18,10 @@ protected:
         install("alpha", "need=1\n");
         offer("alpha");
         const std::string path = "/lib/firmware/ext/alpha/info.json";
-        std::string text((std::istreambuf_iterator<char>(std::ifstream(path).rdbuf())), {});
+        std::string text = readAll(path);
         text.replace(text.find("2.0"), 3, version);
         text.replace(text.find(":3}"), 3, ":" + seconds + "}");
-        std::ofstream(path) << text;
+        writeFile(path, text);
     }
 };
 

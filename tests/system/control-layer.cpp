@@ -1,4 +1,7 @@
 #include "system/control-layer.h"
+#include "support/files.h"
+#include "support/process.h"
+#include "support/wait.h"
 
 #include <fcntl.h>
 #include <pty.h>
@@ -7,18 +10,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <thread>
 
 namespace quillon::test {
 namespace {
 
 constexpr const char* kSemaphore = "/SEM_UPDATE_CONTROL";
-constexpr int kPolls = 6000;
 
 int codeOf(int status)
 {
@@ -78,7 +78,7 @@ std::string BackgroundLayer::output() const
 
 bool BackgroundLayer::says(const std::string& text) const
 {
-    return comesTrue([&] { return output().find(text) != std::string::npos; });
+    return eventually([&] { return output().find(text) != std::string::npos; });
 }
 
 void BackgroundLayer::send(int signal) const
@@ -107,17 +107,6 @@ int BackgroundLayer::wait()
     return codeOf(status);
 }
 
-bool comesTrue(const std::function<bool()>& condition)
-{
-    for (int i = 0; i < kPolls; ++i) {
-        if (condition()) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-}
-
 bool wasAsked(const std::string& module, const std::string& call)
 {
     for (const std::string& made : callsOfModule(module)) {
@@ -133,7 +122,7 @@ void ControlLayer::installGuided(const std::string& name, const std::string& wha
     install(name);
     std::filesystem::copy_file(GUIDED_MODULE, "/usr/fwupdate/controls/" + name + ".so",
                                std::filesystem::copy_options::overwrite_existing);
-    std::ofstream("/etc/quillon-test/" + name + ".conf") << what;
+    writeFile("/etc/quillon-test/" + name + ".conf", what);
     offer(name, 60);
 }
 
@@ -144,12 +133,12 @@ void ControlLayer::installWaiting(const std::string& name)
 
 void ControlLayer::goOn()
 {
-    std::ofstream{"/tmp/quillon-test-go"};
+    writeFile("/tmp/quillon-test-go", "");
 }
 
 bool ControlLayer::isFlashing(const std::string& name)
 {
-    return comesTrue([&] { return wasAsked(name, "doUpdate("); });
+    return eventually([&] { return wasAsked(name, "doUpdate("); });
 }
 
 int semaphoreValue()
@@ -166,14 +155,11 @@ int semaphoreValue()
 
 void leaveSemaphoreBehind()
 {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        sem_t* semaphore = ::sem_open(kSemaphore, O_CREAT, 0600, 1);
-        ::_exit(semaphore != SEM_FAILED && ::sem_wait(semaphore) == 0 ? 0 : 1);
-    }
-    int status = -1;
-    ::waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(inChild([] {
+                  sem_t* semaphore = ::sem_open(kSemaphore, O_CREAT, 0600, 1);
+                  return semaphore != SEM_FAILED && ::sem_wait(semaphore) == 0 ? 0 : 1;
+              }),
+              0);
 }
 
 int runShell(const std::string& line)

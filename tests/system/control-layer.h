@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "support/wait.h"
 #include "unit/tools/ctl-modules-device.h"
 
 namespace quillon::test {
@@ -39,9 +40,6 @@ private:
     int terminal_ = -1;
     std::string path_;
 };
-
-/// @return false when the condition has not come true within a minute
-bool comesTrue(const std::function<bool()>& condition);
 
 /// Whether the module has been asked to do something: the beginning of a call.
 bool wasAsked(const std::string& module, const std::string& call);

@@ -2,34 +2,19 @@
 #define QUILLON_TESTS_SYSTEM_DAEMON_H
 
 #include <sys/types.h>
-#include <time.h>
 
 #include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "support/wait.h"
+
 namespace quillon::test {
 
 constexpr const char* kLabellingReady = "/tmp/smack_early_ready";
 constexpr const char* kLifeMarker = "/tmp/fw_update_ready_usb";
 constexpr const char* kReadyEvent = "/tmp/.fw_service_ready_usb";
-
-/// Polls a condition every few milliseconds.
-/// @return whether it came true in time
-template <typename Condition>
-bool eventually(Condition condition, std::chrono::milliseconds timeout)
-{
-    const auto end = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= end) {
-            return false;
-        }
-        timespec pause{0, 2000000};
-        nanosleep(&pause, nullptr);
-    }
-    return true;
-}
 
 /// The lines of a file that contain a text, all for an empty one; none when there is no such file.
 std::vector<std::string> linesOf(const std::string& path, const std::string& text);

@@ -103,7 +103,7 @@ protected:
     }
 
     /// Puts any bytes where the module's image belongs.
-    static void put(const std::string& content) { writeAll(imagePath(kModule), content); }
+    static void put(const std::string& content) { writeFile(imagePath(kModule), content); }
 
     /// That what is on the stick is refused by an estimate and by an update, and changes nothing.
     void expectRefused(const std::string& what)
@@ -244,7 +244,7 @@ TEST_F(DamagedImages, AreRefusedWhereTheyAreNoRegularFile)
 TEST_F(DamagedImages, AreTakenThroughALinkToAGoodOne)
 {
     put("");
-    writeAll("/opt/media/elsewhere.bin", image);
+    writeFile("/opt/media/elsewhere.bin", image);
     fs::remove(imagePath(kModule));
     fs::create_symlink("/opt/media/elsewhere.bin", imagePath(kModule));
     EXPECT_EQ(update(), MQ_RESULT_DONE);
@@ -284,7 +284,7 @@ TEST_F(DamagedImages, NeverGetInByBeingSwappedWhileTheyAreVerified)
     const std::string evil = enciphered("9.0" + std::string(61, '\0') + evilPayload);
     putImage(kModule, "3.0", randomBytes(2000000, 6));
     fs::rename(imagePath(kModule), std::string(kStick) + "good");
-    writeAll(std::string(kStick) + "evil", evil + image.substr(image.size() - kTrailerSize));
+    writeFile(std::string(kStick) + "evil", evil + image.substr(image.size() - kTrailerSize));
 
     std::atomic<bool> stopped{false};
     std::thread attacker([&] {
@@ -305,7 +305,7 @@ TEST_F(DamagedImages, NeverGetInByBeingSwappedWhileTheyAreVerified)
         }
         EXPECT_NE(version(kModule), "9.0");
         EXPECT_NE(flashed(kModule), evilPayload);
-        writeAll("/var/lib/quillon/examples/tuner/version", "1.0");
+        writeFile("/var/lib/quillon/examples/tuner/version", "1.0");
     }
     stopped = true;
     attacker.join();
@@ -330,7 +330,7 @@ protected:
         startDaemon();
     }
 
-    static void put(const std::string& content) { writeAll(imagePath("alpha"), content); }
+    static void put(const std::string& content) { writeFile(imagePath("alpha"), content); }
 
     /// Estimate and update, whatever comes of them.
     int tryIt()

@@ -28,7 +28,7 @@ protected:
     /// taken only after the update would end the program.
     static bool hasAnswered(const BackgroundLayer& layer, int requests)
     {
-        return comesTrue([&] {
+        return eventually([&] {
             const std::string text = layer.output();
             int answers = 0;
             for (std::size_t at = text.find(kAnswer); at != std::string::npos;
@@ -117,7 +117,7 @@ TEST_F(HeldOffSignals, EndTheProgramWhileAModuleIsLoadedForEver)
     for (const int signal : {SIGINT, SIGQUIT}) {
         fs::remove("/tmp/quillon-test-alpha.log");
         BackgroundLayer layer(kUpdateAlpha);
-        ASSERT_TRUE(comesTrue([] { return wasAsked("alpha", "load("); }));
+        ASSERT_TRUE(eventually([] { return wasAsked("alpha", "load("); }));
 
         layer.send(signal);
 
@@ -140,7 +140,7 @@ TEST_F(HeldOffSignals, EndEveryVerbThoughAModuleHasBlockedThemAndIsLoadedForEver
             std::vector<std::string> arguments = {"modules"};
             arguments.insert(arguments.end(), verb.begin(), verb.end());
             BackgroundLayer layer(arguments);
-            ASSERT_TRUE(comesTrue([] { return wasAsked("alpha", "load("); }));
+            ASSERT_TRUE(eventually([] { return wasAsked("alpha", "load("); }));
 
             layer.send(signal);
 
@@ -155,7 +155,7 @@ TEST_F(HeldOffSignals, EndACheckThoughAModuleHasBlockedThem)
     for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP}) {
         fs::remove("/tmp/quillon-test-alpha.log");
         BackgroundLayer layer({"modules", "check", "--source", "system"});
-        ASSERT_TRUE(comesTrue([] { return wasAsked("alpha", "checkVersion("); }));
+        ASSERT_TRUE(eventually([] { return wasAsked("alpha", "checkVersion("); }));
 
         layer.send(signal);
 
@@ -169,7 +169,7 @@ TEST_F(HeldOffSignals, EndTheProgramWhenAllUpdatesAreOverAndAModuleDoesNotTakeTh
     for (const std::vector<std::string>& arguments : {kUpdateAlpha, kUpdateAll}) {
         fs::remove("/tmp/quillon-test-alpha.log");
         BackgroundLayer layer(arguments);
-        ASSERT_TRUE(comesTrue([] { return wasAsked("alpha", "allUpdateDone("); }));
+        ASSERT_TRUE(eventually([] { return wasAsked("alpha", "allUpdateDone("); }));
 
         layer.send(SIGTERM);
 
@@ -210,7 +210,7 @@ TEST_F(HeldOffSignals, OfACrashEndWhatUpdatesNothing)
     for (const int signal : {SIGABRT, SIGSEGV}) {
         fs::remove("/tmp/quillon-test-alpha.log");
         BackgroundLayer layer({"modules", "check", "--source", "system"});
-        ASSERT_TRUE(comesTrue([] { return wasAsked("alpha", "checkVersion("); }));
+        ASSERT_TRUE(eventually([] { return wasAsked("alpha", "checkVersion("); }));
 
         layer.send(signal);
 
@@ -269,7 +269,7 @@ TEST_F(HeldOffSignals, LetTheUpdateEndAndBeginNoOther)
     }
     BackgroundLayer layer(kUpdateAll);
     ASSERT_TRUE(
-        comesTrue([] { return wasAsked("alpha", "doUpdate(") || wasAsked("beta", "doUpdate("); }));
+        eventually([] { return wasAsked("alpha", "doUpdate(") || wasAsked("beta", "doUpdate("); }));
 
     layer.send(SIGINT);
     ASSERT_TRUE(layer.says("no other one is begun after it"));
@@ -312,7 +312,7 @@ TEST_F(HeldOffSignals, EndACheckWhileAModuleDoesNotAnswer)
           kUpdateAlpha}) {
         fs::remove("/tmp/quillon-test-alpha.log");
         BackgroundLayer layer(arguments);
-        ASSERT_TRUE(comesTrue([] { return wasAsked("alpha", "checkVersion("); }));
+        ASSERT_TRUE(eventually([] { return wasAsked("alpha", "checkVersion("); }));
 
         layer.send(SIGINT);
 

@@ -3,13 +3,12 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
+#include "support/process.h"
 #include "support/texts.h"
 #include "unit/verifier/test-keys.h"
 
@@ -59,19 +58,17 @@ protected:
         fs::create_symlink(SOURCE_DIRECTORY "/examples/module-template/package",
                            directory + "lamp/package");
         fs::create_symlink(fs::path(keyPath("a", kImageKeyFile)).parent_path(), directory + "keys");
-        writeAll(directory + "try.sh", blockWith(readAll(SOURCE_DIRECTORY "/docs/integration.md"),
-                                                 "What the factory does."));
+        writeFile(directory + "try.sh", blockWith(readAll(SOURCE_DIRECTORY "/docs/integration.md"),
+                                                  "What the factory does."));
     }
 
     void TearDown() override { fs::remove_all(directory); }
 
     int shell(const std::string& command)
     {
-        const std::string line =
-            "cd '" + directory + "' && {\n" + command + "\n} >output 2>&1 </dev/null";
-        const int status = std::system(line.c_str());
-        output = readAll(directory + "output");
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        const Result result = runInShell("cd '" + directory + "' && {\n" + command + "\n} 2>&1");
+        output = result.out;
+        return result.status;
     }
 
     std::string directory;
@@ -100,7 +97,7 @@ TEST_F(IntegrationPage, ItsInitScriptStartsTheServiceAndEndsItInOrder)
         ASSERT_THAT(script, HasSubstr(place));
         script = replaced(script, place, directory + fs::path(place).filename().string());
     }
-    writeAll(directory + "quillon", script);
+    writeFile(directory + "quillon", script);
     fs::create_directories(DEVICE_KEYS);
     fs::copy_file(directory + "keys/image-key.bin", kKeyFile);
 

@@ -42,7 +42,7 @@ TEST_F(LateUpdate, IsNoneWhenOnlyThePlugInDoesNotTellHowFarItIs)
 {
     installGuided("alpha", "hang-in-getUpdateProgress wait-in-doUpdate");
     BackgroundLayer layer({"--json", "modules", "update", "alpha", "--source", "system"});
-    ASSERT_TRUE(comesTrue([] { return wasAsked("alpha", "getUpdateProgress("); }));
+    ASSERT_TRUE(eventually([] { return wasAsked("alpha", "getUpdateProgress("); }));
 
     goOn();
 

@@ -48,7 +48,7 @@ TEST_F(LostService, EndsTheWaitOfQuillonctlAndLeavesTheChannelToOthers)
         EXPECT_EQ(next.exitCode, 0) << next.err;
         EXPECT_EQ(next.out, "No update is running\n");
         daemon.kill();
-        writeAll("/tmp/quillon-test-stuck.log", "");
+        writeFile("/tmp/quillon-test-stuck.log", "");
     }
 }
 

@@ -9,9 +9,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 
 #include "support/open-way.h"
+#include "support/process.h"
 #include "support/texts.h"
 #include "system/privileged-helper.h"
 #include "system/system-test.h"
@@ -54,7 +54,7 @@ protected:
                            const std::string& version = "2.0", const std::string& type = "squashfs")
     {
         const std::string payload = "/var/lib/quillon/privileged-test/" + module + ".payload";
-        writeAll(payload, payloadOf(module));
+        writeFile(payload, payloadOf(module));
         run(std::string(QUILLON_IMAGE_PROGRAM) + " package --name " + module + "emp --version " +
             version + " --payload " + payload + " --expected-time " +
             std::to_string(expectedSeconds) + " --type " + type + " --output " +
@@ -229,7 +229,7 @@ TEST_F(PackageUpdate, SaysWhatKeepsAPackageFromBeingUsed)
 {
     Modules::installTestModule("alpha", "need=1\n");
     Modules::installTestModule("beta", "need=1\n");
-    writeAll(imageOf("alphaemp"), std::string(8192, 'x'));
+    writeFile(imageOf("alphaemp"), std::string(8192, 'x'));
     fs::create_directories(mountPointOf("betaemp"));
     addSquashfs("betaemp");
 
@@ -281,7 +281,7 @@ TEST_F(PackageUpdate, ByAnOrdinaryUserBesideADaemonOfThatUserNeedsTheHelperOnly)
     addPackage("tuner", 1);
     std::ofstream{kLabellingReady};
     // The package directory and what the modules flash into are that user's; nothing else is.
-    ASSERT_EQ(std::system("chown -R 1234:2345 /opt/usr/apps/appbinarymanager /var/lib/quillon"), 0);
+    ASSERT_TRUE(succeeds("chown -R 1234:2345 /opt/usr/apps/appbinarymanager /var/lib/quillon"));
 
     constexpr int kNotReady = 100;
     const int exitCode = asUser(kUser, {kGroup}, [] {

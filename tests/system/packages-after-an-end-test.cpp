@@ -40,7 +40,7 @@ protected:
         fs::create_directories("/etc/quillon-test");
         std::ofstream("/etc/quillon-test/" + name + ".conf") << settings;
         const std::string payload = "/var/lib/quillon/privileged-test/" + name + ".payload";
-        writeAll(payload, name);
+        writeFile(payload, name);
         run(std::string(QUILLON_IMAGE_PROGRAM) + " package --name " + name +
             "emp --version 2.0 --payload " + payload +
             " --expected-time 30 --type squashfs "
@@ -76,7 +76,7 @@ TEST_F(PackagesAfterAnEnd, ByAnInterruptionOfABlockedCheckAreNotMounted)
          {std::vector<std::string>{"modules", "check"}, {"modules", "update", "--all"}}) {
         fs::remove("/tmp/quillon-test-alpha.log");
         BackgroundLayer layer(arguments);
-        ASSERT_TRUE(comesTrue([] { return wasAsked("alpha", "checkVersion("); }));
+        ASSERT_TRUE(eventually([] { return wasAsked("alpha", "checkVersion("); }));
         EXPECT_EQ(mountedPackages().size(), 1U);
 
         layer.send(SIGINT);
@@ -90,7 +90,7 @@ TEST_F(PackagesAfterAnEnd, ByAnInterruptionWhenTheUpdateIsOverAreNotMounted)
 {
     addModule("alpha", "hang-in-allUpdateDone", GUIDED_MODULE);
     BackgroundLayer layer({"modules", "update", "--all"});
-    ASSERT_TRUE(comesTrue([] { return wasAsked("alpha", "allUpdateDone("); }));
+    ASSERT_TRUE(eventually([] { return wasAsked("alpha", "allUpdateDone("); }));
 
     layer.send(SIGINT);
 

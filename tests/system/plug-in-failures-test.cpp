@@ -91,7 +91,7 @@ TEST_F(PlugInFailures, AModuleThatNeedsNoTimeIsUpdatedAtZeroPercent)
 TEST_F(PlugInFailures, AMissingModuleLibraryDoesNotKeepTheOthersFromBeingUpdated)
 {
     install("");
-    writeAll(std::string(kModules) + "broken.so", "no library at all");
+    writeFile(std::string(kModules) + "broken.so", "no library at all");
     startDaemon();
     EXPECT_EQ(daemon.logLinesWith("Error: dlsym libfile: /usr/fwupdate/controls/broken.so").size(),
               1U);

@@ -18,10 +18,11 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <regex>
 #include <thread>
 
+#include "support/files.h"
+#include "support/process.h"
 #include "support/texts.h"
 #include "system/daemon.h"
 #include "unit/helpers/mount/hostile-requests.h"
@@ -92,10 +93,7 @@ void removeLoopNodes()
 
 std::string helpText()
 {
-    const std::string path = "/var/lib/quillon/privileged-test/help";
-    EXPECT_EQ(std::system((QUILLON_PRIVILEGED_PROGRAM " --help >" + path).c_str()), 0);
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
+    return outputOf(QUILLON_PRIVILEGED_PROGRAM " --help");
 }
 
 }  // namespace
@@ -750,8 +748,7 @@ TEST_F(PrivilegedHelper, NeedsRoot)
 
 TEST_F(PrivilegedHelper, HasAManualPageWithEveryOption)
 {
-    std::ifstream page(MANUAL_PAGE);
-    const std::string manual(std::istreambuf_iterator<char>(page), {});
+    const std::string manual = readAll(MANUAL_PAGE);
     const std::string help = helpText();
     const std::regex option("--([a-z]+)");
     int options = 0;

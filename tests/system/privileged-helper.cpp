@@ -15,10 +15,11 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
-#include <sstream>
 #include <thread>
 
 #include "platform/privileged.h"
+#include "support/files.h"
+#include "support/process.h"
 #include "system/daemon.h"
 
 namespace fs = std::filesystem;
@@ -44,14 +45,6 @@ int connectToHelper()
     return -1;
 }
 
-std::string contentOfFile(const std::string& path)
-{
-    std::ifstream file(path);
-    std::ostringstream content;
-    content << file.rdbuf();  // no exception for a loop device that is freed meanwhile
-    return content.str();
-}
-
 std::string oneFileDirectory(const std::string& name, const std::string& content)
 {
     const std::string directory = std::string(kLogDirectory) + "content-" + name;
@@ -60,27 +53,22 @@ std::string oneFileDirectory(const std::string& name, const std::string& content
     return directory;
 }
 
-bool runs(const std::string& command)
-{
-    return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
-}
-
 /// Asks the machine, not the helper. @return why not; empty when it can
 std::string whyNoLoopMounts()
 {
-    if (!runs("command -v mksquashfs") || !runs("command -v mke2fs")) {
+    if (!succeeds("command -v mksquashfs") || !succeeds("command -v mke2fs")) {
         return "mksquashfs or mke2fs is missing";
     }
     const std::string place = std::string(kLogDirectory) + "probe";
     const std::string image = place + ".img";
     fs::create_directories(place);
-    if (!runs("mksquashfs " + place + " " + image + " -quiet")) {
+    if (!succeeds("mksquashfs " + place + " " + image + " -quiet")) {
         return "mksquashfs failed";
     }
     // More than once, since the machine's loop devices are shared with the tests that run beside.
     for (int attempt = 0; attempt < 20; ++attempt) {
-        if (runs("mount -o ro,loop " + image + " " + place)) {
-            return runs("umount " + place) ? "" : "the probe could not be unmounted";
+        if (succeeds("mount -o ro,loop " + image + " " + place)) {
+            return succeeds("umount " + place) ? "" : "the probe could not be unmounted";
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
@@ -150,7 +138,7 @@ int Helper::end()
 
 std::string Helper::log() const
 {
-    return contentOfFile(logPath_);
+    return readAll(logPath_);
 }
 
 std::ostream& operator<<(std::ostream& out, const Outcome& outcome)
@@ -210,15 +198,7 @@ std::optional<int> askBare(privileged::Kind kind, const std::string& text)
 
 int asUser(uid_t user, const std::vector<gid_t>& groups, const std::function<int()>& body)
 {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        const bool changed = ::setgroups(groups.size() - 1, groups.data() + 1) == 0 &&
-                             ::setgid(groups.front()) == 0 && ::setuid(user) == 0;
-        ::_exit(changed ? body() : 255);
-    }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return WEXITSTATUS(status);
+    return inChildAs(user, groups.front(), {groups.begin() + 1, groups.end()}, body);
 }
 
 void PrivilegedHelper::SetUp()
@@ -253,7 +233,7 @@ void PrivilegedHelper::addExt4(const std::string& name, const std::string& conte
 
 std::string PrivilegedHelper::contentOf(const std::string& directory)
 {
-    return contentOfFile(mountPointOf(directory) + "/name");
+    return readAll(mountPointOf(directory) + "/name");
 }
 
 std::string PrivilegedHelper::unique(const std::string& name)
@@ -281,7 +261,7 @@ std::size_t PrivilegedHelper::loopDevicesOf(const std::string& name)
 {
     std::size_t count = 0;
     for (const fs::directory_entry& device : fs::directory_iterator("/sys/block")) {
-        const std::string file = contentOfFile(device.path().string() + "/loop/backing_file");
+        const std::string file = readAll(device.path().string() + "/loop/backing_file");
         count += file.find("/" + name + ".img") != std::string::npos ? 1 : 0;
     }
     return count;
@@ -289,7 +269,7 @@ std::size_t PrivilegedHelper::loopDevicesOf(const std::string& name)
 
 void PrivilegedHelper::run(const std::string& command)
 {
-    ASSERT_TRUE(runs(command)) << command;
+    ASSERT_TRUE(succeeds(command)) << command;
 }
 
 void PackageMount::SetUp()

@@ -5,11 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 
+#include "support/files.h"
+#include "support/process.h"
 #include "support/texts.h"
 #include "system/privileged-helper.h"
 
@@ -56,15 +57,13 @@ protected:
 
     static void putProgram(const std::string& name, const std::string& script)
     {
-        fs::create_directories(kPrograms);
-        std::ofstream(kPrograms + name) << "#!/bin/sh\n" << script << "\n";
-        fs::permissions(kPrograms + name, fs::perms(0755));
+        writeScript(kPrograms + name, script);
     }
 
     static void purge()
     {
         const std::string path = std::string("PATH=") + kPrograms + ":$PATH ";
-        EXPECT_EQ(std::system((path + "sh " POSTRM " purge").c_str()), 0);
+        EXPECT_TRUE(succeeds(path + "sh " POSTRM " purge"));
     }
 
     static void mountByHand(const std::string& name, const std::string& directory)
@@ -123,7 +122,7 @@ TEST_F(Purge, UnmountsNothingBehindALinkInTheDirectoriesPlace)
 
 TEST_F(Purge, UnmountsNothingElseHoweverFastAMemberIs)
 {
-    if (std::system("setpriv --reuid 1234 --regid 2345 --clear-groups true") != 0) {
+    if (!succeeds("setpriv --reuid 1234 --regid 2345 --clear-groups true")) {
         GTEST_SKIP() << "there are no other users here";
     }
     const std::string name = unique("alpha");

@@ -70,7 +70,7 @@ TEST_F(StartAndStop, WaitsForTheLabellingBeforeItServes)
     EXPECT_FALSE(daemon.becomesReady(milliseconds(700)));
     EXPECT_FALSE(fs::exists(kQueueFiles[0]));
 
-    writeAll(kLabellingReady, "");
+    writeFile(kLabellingReady, "");
     EXPECT_TRUE(daemon.becomesReady());
     EXPECT_TRUE(fs::exists(kQueueFiles[0]));
 }

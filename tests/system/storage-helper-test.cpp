@@ -3,18 +3,19 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <mutex>
 #include <regex>
 
 #include "base/fd.h"
 #include "platform/secure-storage.h"
 #include "support/open-way.h"
+#include "support/process.h"
 #include "support/texts.h"
 #include "tools/quillon-image/provisioning-package.h"
 #include "unit/storage/listener.h"
@@ -51,9 +52,7 @@ int runHelper(int connection, const std::vector<std::string>& options)
         execv(QUILLON_STORAGE_PROGRAM, arguments.data());
         _exit(126);
     }
-    int status = -1;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return statusOf(child);
 }
 
 /// @return the item; the result of a failure
@@ -72,17 +71,10 @@ std::string readItem(const char* item)
     return text;
 }
 
-/// @return what work returns in a process of another user, 99 when there is no other user here
-template <typename Work>
-int asUser(Work work)
+/// @return what work returns in a process of another user, 126 when there is no other user here
+int asUser(const std::function<int()>& work)
 {
-    const pid_t child = fork();
-    if (child == 0) {
-        _exit(setgid(kGroup) == 0 && setuid(kUser) == 0 ? work() : 99);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return inChildAs(kUser, kGroup, {}, work);
 }
 
 class StorageHelper : public testing::Test
@@ -105,7 +97,7 @@ protected:
 
     void store(const std::string& item, const std::string& bytes)
     {
-        writeAll(std::string(kDirectory) + "/" + item, bytes);
+        writeFile(std::string(kDirectory) + "/" + item, bytes);
         fs::permissions(std::string(kDirectory) + "/" + item, fs::perms(0600));
     }
 
@@ -171,7 +163,8 @@ TEST_F(StorageHelper, ServesAGroupByItsOption)
     store("quillon", "key");
     const Listener listener(helperWith({"-g", std::to_string(kGroup)}));
     fs::permissions(QUILLON_STORAGE_SOCKET, fs::perms(0666));
-    EXPECT_THAT(asUser([] { return readItem("quillon") == "key" ? 0 : 1; }), testing::AnyOf(0, 99));
+    EXPECT_THAT(asUser([] { return readItem("quillon") == "key" ? 0 : 1; }),
+                testing::AnyOf(0, 126));
 }
 
 TEST_F(StorageHelper, TurnsEverybodyElseAwayWhateverTheSocketsMode)
@@ -197,7 +190,7 @@ TEST_F(StorageHelper, RefusesToRunByHandOrForAnotherKindOfSocket)
     expectText(readAll(kLog), like("*standard input is not a client's connection*"));
     const int refusal = openWayTo(QUILLON_STORAGE_PROGRAM) ? 1 : 126;
     EXPECT_THAT(asUser([&nothing] { return runHelper(nothing.get(), {}); }),
-                testing::AnyOf(refusal, 99));
+                testing::AnyOf(refusal, 126));
 }
 
 TEST_F(StorageHelper, InstallsAPackageForRootByHand)
@@ -208,19 +201,19 @@ TEST_F(StorageHelper, InstallsAPackageForRootByHand)
     const UniqueKey key = loadPrivateKey(keyPath("a", kProvisioningKeyFile));
     const Certificates certificates =
         loadCertificateFile(keyPath("a", kProvisioningCertificateFile));
-    writeAll(package, encodeProvisioningPackage("", "", key.get(), certificates, {{"tuner", 7}}));
+    writeFile(package, encodeProvisioningPackage("", "", key.get(), certificates, {{"tuner", 7}}));
 
     EXPECT_EQ(install(), 0) << readAll(kLog);
     EXPECT_EQ(readAll(QUILLON_SECURITY_FLOORS), "floor.tuner = 7\n");
     EXPECT_EQ(install(), 0) << "once more: nothing is left to do";
 
-    writeAll(package, "noise");
+    writeFile(package, "noise");
     EXPECT_EQ(install(), 1);
     expectText(readAll(kLog), like("*" + package + " is not a provisioning package*"));
     fs::remove(package);
     EXPECT_EQ(install(), 1);
     expectText(readAll(kLog), like("*" + package + ": cannot be read: No such file*"));
-    EXPECT_THAT(asUser(install), testing::AnyOf(1, 99, 126));
+    EXPECT_THAT(asUser(install), testing::AnyOf(1, 126));
     fs::remove_all(fs::path(QUILLON_SECURITY_FLOORS).parent_path());
 }
 

@@ -27,7 +27,7 @@ std::string moduleDirectory(const std::string& name)
 
 void SystemTest::SetUp()
 {
-    writeAll(kLabellingReady, "");
+    writeFile(kLabellingReady, "");
     storeKey("a");
     trust("a");
     fs::copy_file(VERIFIER_LIBRARY, kVerifier, fs::copy_options::overwrite_existing);
@@ -56,8 +56,8 @@ void SystemTest::installModule(const std::string& name)
                   fs::copy_options::overwrite_existing);
     setModule(name, 0, 5);
     fs::create_directories(moduleDirectory(name));
-    writeAll(moduleDirectory(name) + "version", "1.0");
-    writeAll(moduleDirectory(name) + "firmware.bin", "as delivered");
+    writeFile(moduleDirectory(name) + "version", "1.0");
+    writeFile(moduleDirectory(name) + "firmware.bin", "as delivered");
 }
 
 void SystemTest::removeModule(const std::string& name)
@@ -73,15 +73,15 @@ void SystemTest::installTestModule(const std::string& name, const std::string& s
         fs::remove("/tmp/quillon-test-" + name + ".log");
     }
     fs::create_directories(kTestSettings);
-    writeAll(kTestSettings + name + ".conf", settings);
+    writeFile(kTestSettings + name + ".conf", settings);
 }
 
 void SystemTest::setModule(const std::string& name, long bytesPerSecond, int expectedSeconds)
 {
     fs::create_directories(kSettings);
-    writeAll(kSettings + name + ".conf", "speed=" + std::to_string(bytesPerSecond) +
-                                             "\nexpected_time=" + std::to_string(expectedSeconds) +
-                                             "\n");
+    writeFile(kSettings + name + ".conf", "speed=" + std::to_string(bytesPerSecond) +
+                                              "\nexpected_time=" + std::to_string(expectedSeconds) +
+                                              "\n");
 }
 
 std::string SystemTest::flashed(const std::string& name)

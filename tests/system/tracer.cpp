@@ -6,10 +6,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <fstream>
-#include <iterator>
 
+#include "support/files.h"
+#include "support/process.h"
 #include "system/daemon.h"
 
 namespace quillon::test {
@@ -57,7 +57,7 @@ bool has(const std::string& text, const char* part)
 
 bool Tracer::installed()
 {
-    return std::system("command -v gdb >/dev/null") == 0;
+    return succeeds("command -v gdb");
 }
 
 std::string Tracer::attachTo(pid_t process)
@@ -114,8 +114,7 @@ bool Tracer::runs()
 
 std::string Tracer::output() const
 {
-    std::ifstream file(kOutput);
-    return {std::istreambuf_iterator<char>(file), {}};
+    return readAll(kOutput);
 }
 
 }  // namespace quillon::test

@@ -1,11 +1,10 @@
 // A stick that cannot be read any more in the middle of an image.
 
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 
+#include "support/process.h"
 #include "system/system-test.h"
 #include "unit/verifier/test-keys.h"
 
@@ -15,11 +14,6 @@ namespace quillon::test {
 namespace {
 
 constexpr const char* kFileSystem = "/var/lib/quillon/stick.img";
-
-bool run(const std::string& command)
-{
-    return WEXITSTATUS(std::system((command + " >/dev/null 2>&1").c_str())) == 0;
-}
 
 /// A mounted stick whose medium ends in the middle of the module's image. The test's own verifier
 /// is not asked: reading an image is the service's own affair.
@@ -37,16 +31,16 @@ protected:
         const std::string content = "/var/lib/quillon/stick";
         fs::create_directory(content);
         makeImage(content + "/alpha.bin", "a", "2.0", randomBytes(4U << 20U, 3));
-        ASSERT_TRUE(
-            run("mke2fs -q -t ext4 -O ^has_journal -d " + content + " " + kFileSystem + " 8M"));
-        if (!run(std::string("mount -o loop,ro ") + kFileSystem + " " + kStick)) {
+        ASSERT_TRUE(succeeds("mke2fs -q -t ext4 -O ^has_journal -d " + content + " " + kFileSystem +
+                             " 8M"));
+        if (!succeeds(std::string("mount -o loop,ro ") + kFileSystem + " " + kStick)) {
             GTEST_SKIP() << "root may not mount loop devices here";
         }
     }
     void TearDown() override
     {
         SystemTest::TearDown();
-        static_cast<void>(run(std::string("umount ") + kStick));
+        static_cast<void>(succeeds(std::string("umount ") + kStick));
     }
 };
 
@@ -71,8 +65,8 @@ TEST_F(UnreadableImages, EndARunThatHasBeenEstimatedBefore)
     ASSERT_EQ(start(), MQ_RESULT_ACCEPTED);
     ASSERT_EQ(waitForRun().result, MQ_RESULT_DONE);
     fs::remove("/var/lib/quillon/alpha.payload");
-    ASSERT_TRUE(run(std::string("umount ") + kStick + " && mount -o loop,ro " + kFileSystem + " " +
-                    kStick));
+    ASSERT_TRUE(succeeds(std::string("umount ") + kStick + " && mount -o loop,ro " + kFileSystem +
+                         " " + kStick));
     ASSERT_EQ(truncate(kFileSystem, 4U << 20U), 0);
 
     ASSERT_EQ(start(), MQ_RESULT_ACCEPTED);

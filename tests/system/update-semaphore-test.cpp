@@ -285,7 +285,7 @@ TEST_F(UpdateSemaphore, ThatIsRefusedAfterAModuleHasClosedAllFilesLetsNoOtherUpd
             fs::remove(std::string("/tmp/quillon-test-") + file);
         }
         BackgroundLayer layer({option, "modules", "update", "--all", "--source", "system"});
-        ASSERT_TRUE(comesTrue(
+        ASSERT_TRUE(eventually(
             [] { return wasAsked("alpha", "doUpdate(") || wasAsked("beta", "doUpdate("); }));
         fs::create_hard_link("/dev/shm/sem.SEM_UPDATE_CONTROL", "/dev/shm/second");
         goOn();

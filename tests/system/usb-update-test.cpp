@@ -37,7 +37,7 @@ void breakModule(const std::string& name)
 {
     const std::string directory = "/var/lib/quillon/examples/" + name;
     fs::remove_all(directory);
-    writeAll(directory, "broken");
+    writeFile(directory, "broken");
 }
 
 class UsbUpdate : public SystemTest
@@ -190,7 +190,7 @@ TEST_F(UsbUpdate, StopsAtNinetyNinePercentWhenItTakesLongerThanExpected)
         EXPECT_TRUE(reply && reply->result == MQ_RESULT_RUNNING && reply->value <= 99);
         return !reply || reply->result != MQ_RESULT_RUNNING || reply->value == 99;
     };
-    EXPECT_TRUE(eventually(reachesNinetyNine, seconds(10)));
+    EXPECT_TRUE(eventually(reachesNinetyNine));
     EXPECT_EQ(waitForRun().result, MQ_RESULT_DONE);
 }
 

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "base/fd.h"
+#include "support/process.h"
 #include "support/threaded-process.h"
 
 namespace quillon {
@@ -71,15 +72,10 @@ TEST_F(Mappings, EndWithTheProcess)
 
 TEST_F(Mappings, OfAnotherUserAreHidden)
 {
-    const pid_t process = fork();
-    if (process == 0) {
-        const pid_t parent = getppid();
-        const bool isOther = setgid(1234) == 0 && setuid(1234) == 0;
-        _exit(!isOther ? 2 : of(parent) == Mapping::kHidden ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(process, &status, 0), process);
-    if (WEXITSTATUS(status) == 2) {
+    const pid_t parent = getpid();
+    const int status = test::inChildAs(
+        1234, 1234, {}, [this, parent] { return of(parent) == Mapping::kHidden ? 0 : 1; });
+    if (status == 126) {
         GTEST_SKIP() << "there are no other users here";
     }
     EXPECT_EQ(status, 0);

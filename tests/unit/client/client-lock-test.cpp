@@ -7,8 +7,8 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <sstream>
 
+#include "support/files.h"
 #include "unit/client/client-matchers.h"
 
 using namespace quillon;
@@ -17,15 +17,9 @@ using testing::HasSubstr;
 
 namespace {
 
-constexpr unsigned int kNobody = 65534;
+using quillon::test::readAll;
 
-std::string contentOf(const std::string& path)
-{
-    std::ifstream file(path);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
+constexpr unsigned int kNobody = 65534;
 
 }  // namespace
 
@@ -61,7 +55,7 @@ TEST_F(ClientLockPlace, WithAHardLinkToAForeignFileIsRefusedAndTheFileUntouched)
 
     EXPECT_THAT(acquire(), isRefused("another name"));
     EXPECT_FALSE(lock.isHeld());
-    EXPECT_EQ(contentOf(foreign), "not ours");
+    EXPECT_EQ(readAll(foreign), "not ours");
 }
 
 TEST_F(ClientLockPlace, WithASymbolicLinkIsRefusedAndNothingMade)
@@ -96,7 +90,7 @@ TEST_F(ClientLockPlace, WithAFileThatOnlyItsOwnerMayUseIsRefusedToOthers)
 
     EXPECT_THAT(acquire(), isRefused("Permission denied"));
     EXPECT_EQ(seteuid(0), 0);
-    EXPECT_EQ(contentOf(path), "mine");
+    EXPECT_EQ(readAll(path), "mine");
 }
 
 TEST_F(ClientLockPlace, NamesTheOwnerWhoMayRemoveWhatIsInTheWay)
@@ -114,7 +108,7 @@ TEST_F(ClientLockPlace, WithAFileThatIsAlreadyThereIsTaken)
     std::ofstream(path).close();
 
     EXPECT_THAT(acquire(), Succeeded());
-    EXPECT_EQ(contentOf(path), std::to_string(getpid()) + "\n");
+    EXPECT_EQ(readAll(path), std::to_string(getpid()) + "\n");
 }
 
 TEST_F(ClientLockPlace, InADirectoryThatIsMissingCannotBeUsed)

@@ -1,4 +1,5 @@
 #include "unit/client/fake-service.h"
+#include "support/wait.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,6 +10,8 @@
 #include <stdexcept>
 
 namespace {
+
+using quillon::test::eventually;
 
 mqd_t makeQueue(const char* name, long messageSize)
 {
@@ -198,15 +201,11 @@ std::vector<int> FakeService::commands() const
 
 bool FakeService::waitFor(int command, std::size_t count) const
 {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (std::chrono::steady_clock::now() < end) {
+    return eventually([&] {
         const std::vector<int> codes = commands();
-        if (std::count(codes.begin(), codes.end(), command) >= static_cast<std::ptrdiff_t>(count)) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return false;
+        return std::count(codes.begin(), codes.end(), command) >=
+               static_cast<std::ptrdiff_t>(count);
+    });
 }
 
 std::string FakeService::directory() const

@@ -2,9 +2,9 @@
 
 #include <gmock/gmock.h>
 
-#include <array>
-#include <cstdio>
+#include <sstream>
 
+#include "support/process.h"
 #include "support/texts.h"
 #include "unit/examples/example-module.h"
 
@@ -19,14 +19,10 @@ std::vector<std::string> exportedBy(const std::string& library)
 {
     const std::string command = std::string(NM_PROGRAM) + " -D --defined-only '" + library + "'";
     std::vector<std::string> symbols;
-    FILE* pipe = popen(command.c_str(), "r");
-    std::array<char, 512> line{};
-    while (pipe != nullptr && std::fgets(line.data(), line.size(), pipe) != nullptr) {
-        const std::string text = line.data();
-        const std::size_t name = text.rfind(' ') + 1;
-        symbols.push_back(text.substr(name, text.size() - name - 1));
+    std::istringstream lines(outputOf(command));
+    for (std::string line; std::getline(lines, line);) {
+        symbols.push_back(line.substr(line.rfind(' ') + 1));
     }
-    pclose(pipe);
     return symbols;
 }
 

@@ -5,12 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <type_traits>
 
 #include "fw-update-plugin.h"
+#include "support/files.h"
 
 namespace quillon::test {
 
@@ -49,17 +48,9 @@ public:
         return reinterpret_cast<Entry*>(dlsym(_handle, symbol));
     }
 
-    void configure(const std::string& lines) const
-    {
-        std::filesystem::create_directories("/etc/quillon/examples");
-        std::ofstream(settings) << lines;
-    }
+    void configure(const std::string& lines) const { writeFile(settings, lines); }
 
-    std::string file(const std::string& fileName) const
-    {
-        std::ifstream source(state + fileName, std::ios::binary);
-        return {std::istreambuf_iterator<char>(source), std::istreambuf_iterator<char>()};
-    }
+    std::string file(const std::string& fileName) const { return readAll(state + fileName); }
 
     const std::string name;
     const std::string state;  ///< the directory of its files, ends in "/"

@@ -5,8 +5,10 @@
 
 #include <cerrno>
 #include <chrono>
+#include <fstream>
 #include <thread>
 
+#include "support/wait.h"
 #include "unit/examples/example-module.h"
 
 namespace quillon::test {
@@ -24,9 +26,7 @@ protected:
         module.configure("speed=" + std::to_string(payload.size() / 2) + "\n");
         EXPECT_EQ(offer("2.0"), 0);
         std::thread update([this, payload] { EXPECT_EQ(flash(payload), 0); });
-        while (progress() < 10) {
-            std::this_thread::sleep_for(milliseconds(5));
-        }
+        waitFor("a tenth of the update", [this] { return progress() >= 10; });
         return update;
     }
 };

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <set>
 #include <sstream>
 #include <string>
@@ -20,6 +19,8 @@
 #include "platform/secure-storage.h"
 #include "platform/system-info.h"
 #include "platform/watchdog.h"
+#include "support/files.h"
+#include "support/process.h"
 #include "support/texts.h"
 #include "unit/platform/captured-stderr.h"
 #include "unit/platform/running-library.h"
@@ -28,6 +29,8 @@ namespace {
 
 using quillon::test::expectTexts;
 using quillon::test::like;
+using quillon::test::outputOf;
+using quillon::test::writeFile;
 
 namespace fs = std::filesystem;
 using ::testing::IsEmpty;
@@ -47,12 +50,6 @@ std::set<std::string> symbols(const std::string& which, const std::string& file)
         names.insert(line.substr(0, line.find_first_of(" (@")));
     }
     return names;
-}
-
-void write(const std::string& path, const std::string& text)
-{
-    fs::create_directories(fs::path(path).parent_path());
-    std::ofstream(path, std::ios::binary) << text;
 }
 
 /// What ss_read gives; its result where that is not 0.
@@ -118,7 +115,7 @@ TEST_F(OwnPlatform, WritesEachMessageAsOneLineWhateverItHolds)
 TEST_F(OwnPlatform, ReadsTheKeyFromItsFile)
 {
     const std::string key("\0\x01key\xff", 6);
-    write(kKey, key);
+    writeFile(kKey, key);
     EXPECT_EQ(readItem("quillon"), key);
     expectTexts(log.lines(), {});
 }
@@ -131,9 +128,9 @@ TEST_F(OwnPlatform, AnswersFiveOnlyWhereThereIsNoSuchItem)
 
 TEST_F(OwnPlatform, RefusesWhatIsNoFileWithAKey)
 {
-    write(DEVICE_KEYS "/elsewhere", "key");
-    write(DEVICE_KEYS "/empty", "");
-    write(DEVICE_KEYS "/large", std::string(4097, 'x'));
+    writeFile(DEVICE_KEYS "/elsewhere", "key");
+    writeFile(DEVICE_KEYS "/empty", "");
+    writeFile(DEVICE_KEYS "/large", std::string(4097, 'x'));
     fs::create_directory(DEVICE_KEYS "/directory");
     fs::create_symlink("elsewhere", DEVICE_KEYS "/link");
     ASSERT_EQ(mkfifo(DEVICE_KEYS "/fifo", 0600), 0);
@@ -146,7 +143,7 @@ TEST_F(OwnPlatform, RefusesWhatIsNoFileWithAKey)
 TEST_F(OwnPlatform, ReadsTheLargestItemWhole)
 {
     const std::string largest(4096, 'k');
-    write(kKey, largest);
+    writeFile(kKey, largest);
     EXPECT_EQ(readItem("quillon"), largest);
 }
 
@@ -160,7 +157,7 @@ TEST_F(OwnPlatform, InstallsNoProvisioningPackagesAndSaysSo)
 
 TEST_F(OwnPlatform, RaisesAnEventAsANewFileThatHasNothingToDoWithWhatWasThere)
 {
-    write(DEVICE_KEYS "/victim", "untouched");
+    writeFile(DEVICE_KEYS "/victim", "untouched");
     fs::create_symlink(DEVICE_KEYS "/victim", kEvent);
     EXPECT_EQ(LwipcEventDone(kEvent), 0);
     EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(kEvent)));
@@ -183,7 +180,7 @@ TEST_F(OwnPlatform, TakesTheSoftwareVersionFromTheFirstLineOfItsFile)
 {
     char* value = nullptr;
     EXPECT_NE(system_info_get_value_string(128, &value), 0) << "there is no file yet";
-    write(DEVICE_VERSION_FILE, "BOARD-3.1\nbuilt today\n");
+    writeFile(DEVICE_VERSION_FILE, "BOARD-3.1\nbuilt today\n");
     ASSERT_EQ(system_info_get_value_string(128, &value), 0);
     EXPECT_STREQ(value, "BOARD-3.1");
     std::free(value);

@@ -1,10 +1,11 @@
 // Updates from a package: the payload is a file, told together with its checksum.
 
 #include <cerrno>
-#include <chrono>
 #include <cstdlib>
+#include <fstream>
 #include <thread>
 
+#include "support/wait.h"
 #include "unit/examples/example-module.h"
 
 namespace quillon::test {
@@ -128,9 +129,7 @@ TEST_P(Package, IsWatchedWhileItIsInstalled)
     ASSERT_EQ(offer("2.0"), 0);
     std::thread installation([this] { EXPECT_EQ(update(0), 0); });
 
-    while (progress() < 10) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    waitFor("a tenth of the update", [this] { return progress() >= 10; });
     EXPECT_LT(progress(), 100U);
     EXPECT_EQ(activeVersion(), "0");
     EXPECT_EQ(update(0), -1) << "one at a time";

@@ -4,15 +4,15 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
+#include "support/files.h"
+#include "support/process.h"
 #include "support/texts.h"
 
 using ::testing::SizeIs;
@@ -21,12 +21,6 @@ namespace quillon::test {
 namespace {
 
 namespace fs = std::filesystem;
-
-std::string readAll(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
 
 /// @return the blocks of one language on a page.
 std::vector<std::string> blocksOf(const std::string& page, const std::string& language)
@@ -65,11 +59,9 @@ protected:
 
     int shell(const std::string& command)
     {
-        const std::string line =
-            "cd '" + directory + "' && {\n" + command + "\n} >output 2>&1 </dev/null";
-        const int status = std::system(line.c_str());
-        output = readAll(directory + "output");
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        const Result result = runInShell("cd '" + directory + "' && {\n" + command + "\n} 2>&1");
+        output = result.out;
+        return result.status;
     }
 
     std::string directory;

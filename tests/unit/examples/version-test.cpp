@@ -1,6 +1,7 @@
 // Which versions the examples want, and how long they say that it takes.
 
 #include <cerrno>
+#include <fstream>
 
 #include "unit/examples/example-module.h"
 

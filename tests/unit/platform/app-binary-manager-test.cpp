@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "download-fixture.h"
+#include "support/files.h"
 #include "support/texts.h"
 
 namespace {
@@ -15,6 +16,8 @@ using quillon::test::expectTextAmong;
 using quillon::test::expectTexts;
 using quillon::test::expectTextsInAnyOrder;
 using quillon::test::like;
+using quillon::test::readAll;
+using quillon::test::writeFile;
 
 using appbinaryManager::ABM_DownloadAppBinary;
 using testing::ElementsAre;
@@ -44,7 +47,7 @@ TEST_F(PackageDownload, PutsThePackageIntoTheDirectoryAndTellsSo)
 
     EXPECT_EQ(download("alpha1"), 0);
 
-    EXPECT_TRUE(contentsOf(pathOf("alpha1.img")) == package);
+    EXPECT_TRUE(readAll(pathOf("alpha1.img")) == package);
     expectTexts(namesInDirectory(), {"alpha1.img"});
     ASSERT_EQ(server.requests().size(), 1U);
     EXPECT_EQ(server.requests().front().path, "/packages/alpha1.img");
@@ -71,7 +74,7 @@ TEST_F(PackageDownload, ReplacesAnOlderPackage)
 
     EXPECT_EQ(download("alpha"), 0);
 
-    EXPECT_EQ(contentsOf(pathOf("alpha.img")), "newer");
+    EXPECT_EQ(readAll(pathOf("alpha.img")), "newer");
 }
 
 TEST_F(PackageDownload, LeavesAnOlderPackageAloneWhenItFails)
@@ -84,7 +87,7 @@ TEST_F(PackageDownload, LeavesAnOlderPackageAloneWhenItFails)
 
     EXPECT_EQ(download("alpha"), -2);
 
-    EXPECT_EQ(contentsOf(pathOf("alpha.img")), "the older one");
+    EXPECT_EQ(readAll(pathOf("alpha.img")), "the older one");
 }
 
 TEST_F(PackageDownload, NeedsNoCallback)
@@ -113,7 +116,7 @@ TEST_F(PackageDownload, FetchesPackagesOneAfterAnother)
     }
 
     EXPECT_THAT(told.waitFor(3), ElementsAre(Pair("alpha", 0), Pair("beta", 0), Pair("gamma", 0)));
-    EXPECT_EQ(contentsOf(pathOf("beta.img")), "package /beta.img");
+    EXPECT_EQ(readAll(pathOf("beta.img")), "package /beta.img");
 }
 
 TEST_F(PackageDownload, OneThatFailsDoesNotStopTheNext)

@@ -3,11 +3,12 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <random>
-#include <sstream>
 
 #include "platform/app-binary-manager.h"
+#include "support/files.h"
+
+using quillon::test::writeFile;
 
 namespace fs = std::filesystem;
 
@@ -75,18 +76,6 @@ int DownloadFixture::download(const std::string& identifier)
     }
     EXPECT_EQ(ends.front().first, identifier);
     return ends.front().second;
-}
-
-std::string DownloadFixture::contentsOf(const std::string& path)
-{
-    std::ostringstream bytes;
-    bytes << std::ifstream(path, std::ios::binary).rdbuf();
-    return bytes.str();
-}
-
-void DownloadFixture::writeFile(const std::string& path, const std::string& bytes)
-{
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
 std::vector<std::string> DownloadFixture::namesInDirectory()

@@ -50,8 +50,6 @@ protected:
     static int download(const std::string& identifier);
 
     static std::string pathOf(const std::string& name) { return kDirectory + ("/" + name); }
-    static std::string contentsOf(const std::string& path);
-    static void writeFile(const std::string& path, const std::string& bytes);
     /// Names of all that lies in the packages' directory, but for the directory for mounts.
     static std::vector<std::string> namesInDirectory();
 

@@ -9,12 +9,17 @@
 
 #include "download-fixture.h"
 #include "running-library.h"
+#include "support/files.h"
+#include "support/process.h"
 #include "support/texts.h"
 
 namespace {
 
 using quillon::test::expectTexts;
 using quillon::test::like;
+using quillon::test::outputOf;
+using quillon::test::readAll;
+using quillon::test::writeFile;
 
 namespace fs = std::filesystem;
 
@@ -97,7 +102,7 @@ TEST_F(DownloadHttps, TrustsTheAuthoritiesThatTheSettingsName)
 
     EXPECT_EQ(download("alpha"), 0);
 
-    EXPECT_EQ(contentsOf(pathOf("alpha.img")), "package");
+    EXPECT_EQ(readAll(pathOf("alpha.img")), "package");
 }
 
 TEST_F(DownloadHttps, TrustsNoServerThatNobodyVouchesFor)
@@ -180,7 +185,7 @@ TEST_F(DownloadHttps, IsWherePlainHttpMayLeadTo)
 
     EXPECT_EQ(download("alpha"), 0);
 
-    EXPECT_EQ(contentsOf(pathOf("alpha.img")), "package");
+    EXPECT_EQ(readAll(pathOf("alpha.img")), "package");
 }
 
 }  // namespace

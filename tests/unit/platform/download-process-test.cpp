@@ -9,12 +9,16 @@
 #include "download-fixture.h"
 #include "other-process.h"
 #include "platform/app-binary-manager.h"
+#include "support/files.h"
 #include "support/texts.h"
+#include "support/wait.h"
 
 namespace {
 
 using quillon::test::expectTexts;
 using quillon::test::expectTextsInAnyOrder;
+using quillon::test::readAll;
+using quillon::test::waitFor;
 
 namespace fs = std::filesystem;
 using appbinaryManager::ABM_DownloadAppBinary;
@@ -45,13 +49,11 @@ protected:
 
     static void waitForPart(std::uintmax_t size)
     {
-        const auto deadline = steady_clock::now() + std::chrono::seconds(10);
-        std::error_code ignored;
-        while (!fs::exists(pathOf(".alpha.part")) ||
-               fs::file_size(pathOf(".alpha.part"), ignored) != size) {
-            ASSERT_LT(steady_clock::now(), deadline);
-            usleep(10000);
-        }
+        ASSERT_TRUE(waitFor("the part of the package", [size] {
+            std::error_code ignored;
+            return fs::exists(pathOf(".alpha.part")) &&
+                   fs::file_size(pathOf(".alpha.part"), ignored) == size;
+        }));
     }
 };
 
@@ -127,7 +129,7 @@ TEST_F(DownloadDeathTest, LeavesAPartToTheNextProcessWhenItIsKilled)
     EXPECT_EQ(next.waitForEnd(), 0);
 
     EXPECT_EQ(server.requests().back().header("Range"), "bytes=100000-");
-    EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == package);
+    EXPECT_TRUE(readAll(pathOf("alpha.img")) == package);
     expectTexts(namesInDirectory(), {"alpha.img"});
 }
 

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "download-fixture.h"
+#include "support/files.h"
 #include "support/texts.h"
 
 namespace {
@@ -8,6 +9,8 @@ namespace {
 using quillon::test::expectTextAmong;
 using quillon::test::expectTexts;
 using quillon::test::like;
+using quillon::test::readAll;
+using quillon::test::writeFile;
 
 class DownloadRefusal : public DownloadFixture
 {
@@ -165,7 +168,7 @@ TEST_F(DownloadRefusal, DoesNotMeetAPackageInChunks)
 
     EXPECT_EQ(download("alpha"), 0);
 
-    EXPECT_EQ(contentsOf(pathOf("alpha.img")), "package of chunks");
+    EXPECT_EQ(readAll(pathOf("alpha.img")), "package of chunks");
 }
 
 TEST_F(DownloadRefusal, OfChunksWithoutTheLastOne)
@@ -176,7 +179,7 @@ TEST_F(DownloadRefusal, OfChunksWithoutTheLastOne)
     configureFor(server.address(), "attempts = 2\n");
 
     EXPECT_EQ(download("alpha"), -2);
-    EXPECT_EQ(contentsOf(pathOf("alpha.img")), "");
+    EXPECT_EQ(readAll(pathOf("alpha.img")), "");
 }
 
 TEST_F(DownloadRefusal, OfABodyShorterThanAnnounced)
@@ -201,7 +204,7 @@ TEST_F(DownloadRefusal, OfWhatComesAfterTheAnnouncedSize)
 
     EXPECT_EQ(download("alpha"), 0);
 
-    EXPECT_EQ(contentsOf(pathOf("alpha.img")), "package");
+    EXPECT_EQ(readAll(pathOf("alpha.img")), "package");
 }
 
 TEST_F(DownloadRefusal, OfWhatIsNoHttp)
@@ -266,7 +269,7 @@ TEST_F(DownloadRefusal, DoesNotMeetASensibleRedirection)
 
         EXPECT_EQ(download("alpha"), 0) << status;
 
-        EXPECT_EQ(contentsOf(pathOf("alpha.img")), "package");
+        EXPECT_EQ(readAll(pathOf("alpha.img")), "package");
         ASSERT_EQ(server.requests().size(), 2U);
         EXPECT_EQ(server.requests()[1].path, "/elsewhere/alpha");
     }

@@ -3,6 +3,7 @@
 #include <chrono>
 
 #include "download-fixture.h"
+#include "support/files.h"
 #include "support/texts.h"
 
 namespace {
@@ -11,6 +12,8 @@ using quillon::test::expectTextAmong;
 using quillon::test::expectTexts;
 using quillon::test::expectTextsInAnyOrder;
 using quillon::test::like;
+using quillon::test::readAll;
+using quillon::test::writeFile;
 
 constexpr std::size_t kSize = 200000;
 constexpr std::size_t kDrop = 70000;
@@ -37,7 +40,7 @@ protected:
 
     void expectPackage() const
     {
-        EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == package);
+        EXPECT_TRUE(readAll(pathOf("alpha.img")) == package);
         expectTexts(namesInDirectory(), {"alpha.img"});
     }
 };
@@ -146,7 +149,7 @@ TEST_F(DownloadResume, StartsAnewWhenTheFileHasChangedMeanwhile)
 
         EXPECT_EQ(download("alpha"), 0);
 
-        EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == newer) << size;
+        EXPECT_TRUE(readAll(pathOf("alpha.img")) == newer) << size;
     }
 }
 
@@ -169,7 +172,7 @@ TEST_F(DownloadResume, NeverMixesPartsOfTwoStates)
 
     EXPECT_EQ(download("alpha"), 0);
 
-    EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == newer);
+    EXPECT_TRUE(readAll(pathOf("alpha.img")) == newer);
     ASSERT_EQ(server.requests().size(), 3U);
     EXPECT_EQ(server.requests()[2].header("Range"), "");
 }
@@ -198,7 +201,7 @@ TEST_F(DownloadResume, StartsAnewWhenAnotherRangeComesThanTheOneAskedFor)
 
         EXPECT_EQ(download("alpha"), 0) << range;
 
-        EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == package) << range;
+        EXPECT_TRUE(readAll(pathOf("alpha.img")) == package) << range;
         EXPECT_EQ(server.requests().size(), 3U) << range;
     }
 }

@@ -6,6 +6,7 @@
 #include <regex>
 
 #include "download-fixture.h"
+#include "support/files.h"
 #include "support/texts.h"
 
 namespace {
@@ -13,6 +14,7 @@ namespace {
 using quillon::test::expectNoText;
 using quillon::test::expectTexts;
 using quillon::test::like;
+using quillon::test::readAll;
 
 class DownloadSettings : public DownloadFixture
 {
@@ -65,7 +67,7 @@ TEST_F(DownloadSettings, OfTheExampleAreRight)
     const LocalHttpServer server([&](const HttpRequest& request, HttpConnection& connection) {
         sendPackage(request, connection, "package");
     });
-    std::string example = contentsOf(QUILLON_EXAMPLE_DOWNLOADS_CONF);
+    std::string example = readAll(QUILLON_EXAMPLE_DOWNLOADS_CONF);
     example = std::regex_replace(example, std::regex("#(\\S+ = )"), "$1");
     EXPECT_THAT(example, testing::ContainsRegex("\nstall-timeout = "));
     example = std::regex_replace(example, std::regex("https://\\S+"), server.address());

@@ -9,6 +9,7 @@
 #include <filesystem>
 
 #include "download-fixture.h"
+#include "support/files.h"
 #include "support/texts.h"
 
 namespace {
@@ -16,6 +17,8 @@ namespace {
 using quillon::test::expectTexts;
 using quillon::test::expectTextsInAnyOrder;
 using quillon::test::like;
+using quillon::test::readAll;
+using quillon::test::writeFile;
 
 namespace fs = std::filesystem;
 
@@ -52,8 +55,8 @@ TEST_F(DownloadStorage, RemovesALinkInThePartsPlaceAndDoesNotFollowIt)
 
     EXPECT_EQ(download("alpha"), 0);
 
-    EXPECT_EQ(contentsOf(pathOf("victim")), "somebody's file");
-    EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == package);
+    EXPECT_EQ(readAll(pathOf("victim")), "somebody's file");
+    EXPECT_TRUE(readAll(pathOf("alpha.img")) == package);
     EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(pathOf("alpha.img"))));
     expectTextsInAnyOrder(namesInDirectory(), {"alpha.img", "victim"});
 }
@@ -65,8 +68,8 @@ TEST_F(DownloadStorage, DoesNotWriteIntoAFileThatHasAnotherNameToo)
 
     EXPECT_EQ(download("alpha"), 0);
 
-    EXPECT_EQ(contentsOf(pathOf("victim")), "somebody's file");
-    EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == package);
+    EXPECT_EQ(readAll(pathOf("victim")), "somebody's file");
+    EXPECT_TRUE(readAll(pathOf("alpha.img")) == package);
 }
 
 TEST_F(DownloadStorage, RemovesAFifoInThePartsPlaceAndDoesNotWaitForIt)
@@ -75,7 +78,7 @@ TEST_F(DownloadStorage, RemovesAFifoInThePartsPlaceAndDoesNotWaitForIt)
 
     EXPECT_EQ(download("alpha"), 0);
 
-    EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == package);
+    EXPECT_TRUE(readAll(pathOf("alpha.img")) == package);
 }
 
 TEST_F(DownloadStorage, ReplacesALinkInThePackagesPlaceAndDoesNotFollowIt)
@@ -85,15 +88,15 @@ TEST_F(DownloadStorage, ReplacesALinkInThePackagesPlaceAndDoesNotFollowIt)
 
     EXPECT_EQ(download("alpha"), 0);
 
-    EXPECT_EQ(contentsOf(pathOf("victim")), "somebody's file");
+    EXPECT_EQ(readAll(pathOf("victim")), "somebody's file");
     EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(pathOf("alpha.img"))));
-    EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == package);
+    EXPECT_TRUE(readAll(pathOf("alpha.img")) == package);
 }
 
 TEST_F(DownloadStorage, DoesNotFollowALinkInTheNotesPlace)
 {
     const std::string note =
-        server.address() + "\n" + contentsOf("/proc/sys/kernel/random/boot_id") + "\"one\"\n";
+        server.address() + "\n" + readAll("/proc/sys/kernel/random/boot_id") + "\"one\"\n";
     writeFile(pathOf("victim"), note);
     fs::create_symlink("victim", pathOf(".alpha.resume"));
     writeFile(pathOf(".alpha.part"), "old");
@@ -101,8 +104,8 @@ TEST_F(DownloadStorage, DoesNotFollowALinkInTheNotesPlace)
     EXPECT_EQ(download("alpha"), 0);
 
     EXPECT_EQ(server.requests().front().header("Range"), "");
-    EXPECT_EQ(contentsOf(pathOf("victim")), note);
-    EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == package);
+    EXPECT_EQ(readAll(pathOf("victim")), note);
+    EXPECT_TRUE(readAll(pathOf("alpha.img")) == package);
     expectTextsInAnyOrder(namesInDirectory(), {"alpha.img", "victim"});
 }
 
@@ -143,13 +146,13 @@ TEST_F(DownloadStorage, LeavesAPartAloneThatAnotherProcessIsWriting)
     ASSERT_EQ(flock(fd, LOCK_EX), 0);
 
     EXPECT_EQ(download("alpha"), -6);
-    EXPECT_EQ(contentsOf(pathOf(".alpha.part")), "from another process");
+    EXPECT_EQ(readAll(pathOf(".alpha.part")), "from another process");
     expectTexts(captured.lines(), {like("*another process is downloading it*")});
     EXPECT_TRUE(server.requests().empty());
 
     close(fd);
     EXPECT_EQ(download("alpha"), 0);
-    EXPECT_TRUE(contentsOf(pathOf("alpha.img")) == package);
+    EXPECT_TRUE(readAll(pathOf("alpha.img")) == package);
 }
 
 }  // namespace

@@ -2,41 +2,31 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "notify-socket.h"
 #include "platform/linux/event-placeholder.h"
+#include "support/files.h"
+#include "support/process.h"
 #include "support/texts.h"
 
 namespace {
 
 using quillon::test::expectTexts;
+using quillon::test::inChildAs;
+using quillon::test::readAll;
+using quillon::test::writeFile;
 
 namespace fs = std::filesystem;
 
 constexpr char kReady[] = "/tmp/.fw_service_ready_usb";
 constexpr char kOther[] = "/tmp/.ignore_resume";
 constexpr char kVictim[] = "/tmp/victim";
-
-void write(const std::string& path, const std::string& text)
-{
-    std::ofstream(path) << text;
-}
-
-std::string read(const std::string& path)
-{
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
 
 std::size_t namesBeginningWith(const std::string& path)
 {
@@ -91,19 +81,19 @@ TEST_F(Event, CanBeRaisedAgainAndGetsANewTimeStamp)
 
 TEST_F(Event, NeverTouchesTheContentsOfAFileThatIsThere)
 {
-    write(kOther, "precious");
+    writeFile(kOther, "precious");
     EXPECT_EQ(LwipcEventDone(kOther), 0);
-    EXPECT_EQ(read(kOther), "precious");
+    EXPECT_EQ(readAll(kOther), "precious");
 }
 
 TEST_F(Event, FollowsNoLinkToAFile)
 {
-    write(kVictim, "precious");
+    writeFile(kVictim, "precious");
     fs::last_write_time(kVictim, fs::file_time_type::clock::now() - std::chrono::hours(1));
     const auto before = fs::last_write_time(kVictim);
     fs::create_symlink(kVictim, kOther);
     expectRefused(kOther, EEXIST);
-    EXPECT_EQ(read(kVictim), "precious");
+    EXPECT_EQ(readAll(kVictim), "precious");
     EXPECT_EQ(fs::last_write_time(kVictim), before);
     EXPECT_TRUE(fs::is_symlink(kOther));
 }
@@ -117,12 +107,12 @@ TEST_F(Event, CreatesNothingThroughADanglingLink)
 
 TEST_F(Event, LeavesSomebodyElsesFileAlone)
 {
-    write(kOther, "theirs");
+    writeFile(kOther, "theirs");
     if (chown(kOther, 1, 1) != 0) {
         GTEST_SKIP() << "needs the right to give a file away";
     }
     expectRefused(kOther, EEXIST);
-    EXPECT_EQ(read(kOther), "theirs");
+    EXPECT_EQ(readAll(kOther), "theirs");
 }
 
 TEST_F(Event, TakesThePlaceThatIsKeptForIt)
@@ -142,15 +132,9 @@ TEST_F(Event, TakesThePlaceThatIsKeptForIt)
 TEST_F(Event, LeavesThePlaceThatIsKeptForSomebodyElse)
 {
     fs::create_symlink(quillon::kEventPlaceholder, kOther);
-    const pid_t stranger = fork();
-    if (stranger == 0) {
-        const bool isRefused = setgid(1234) == 0 && setuid(1234) == 0 &&
-                               LwipcEventDone(kOther) == -1 && errno == EEXIST;
-        _exit(isRefused ? 0 : getuid() != 1234 ? 77 : 1);
-    }
-    int status = 0;
-    waitpid(stranger, &status, 0);
-    if (WEXITSTATUS(status) == 77) {
+    const int status = inChildAs(
+        1234, 1234, {}, [] { return LwipcEventDone(kOther) == -1 && errno == EEXIST ? 0 : 1; });
+    if (status == 126) {
         GTEST_SKIP() << "there are no other users here";
     }
     EXPECT_EQ(status, 0);

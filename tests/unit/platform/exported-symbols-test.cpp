@@ -6,11 +6,13 @@
 #include <vector>
 
 #include "running-library.h"
+#include "support/process.h"
 #include "support/texts.h"
 
 namespace {
 
 using quillon::test::expectTextsInAnyOrder;
+using quillon::test::outputOf;
 
 std::vector<std::string> exportedSymbols()
 {

@@ -1,4 +1,5 @@
 #include "fake-logind.h"
+#include "support/wait.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -6,10 +7,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 
 namespace {
+
+using quillon::test::waitFor;
 
 constexpr std::uint64_t kTick = 20000;  // microseconds
 
@@ -140,11 +142,7 @@ void FakeLogind::waitForPartsReleased() const
 {
     const std::lock_guard<std::mutex> guard(mutex_);
     ASSERT_FALSE(pipes_.empty()) << "no inhibitor was given";
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (countHeld(0, pipes_.size()) > 0) {
-        ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "a part is not released";
-        usleep(kTick);
-    }
+    waitFor("every part's release", [this] { return countHeld(0, pipes_.size()) == 0; });
 }
 
 bool FakeLogind::isHeld(std::size_t lock) const
@@ -156,10 +154,6 @@ bool FakeLogind::isHeld(std::size_t lock) const
 
 void FakeLogind::waitForRelease(std::size_t lock) const
 {
-    using std::chrono::steady_clock;
-    const auto deadline = steady_clock::now() + std::chrono::seconds(10);
-    while (countHeld(lock) > 0) {
-        ASSERT_LT(steady_clock::now(), deadline) << "lock " << lock << " is not released";
-        usleep(kTick);
-    }
+    waitFor("the release of lock " + std::to_string(lock),
+            [this, lock] { return countHeld(lock) == 0; });
 }

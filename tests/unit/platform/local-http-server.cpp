@@ -1,4 +1,5 @@
 #include "local-http-server.h"
+#include "support/wait.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -8,7 +9,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
@@ -115,12 +115,8 @@ std::vector<HttpRequest> LocalHttpServer::requests() const
 
 void LocalHttpServer::waitForRequests(std::size_t count) const
 {
-    using std::chrono::steady_clock;
-    const auto deadline = steady_clock::now() + std::chrono::seconds(10);
-    while (requests().size() < count) {
-        ASSERT_LT(steady_clock::now(), deadline) << "request " << count << " does not come";
-        std::this_thread::sleep_for(std::chrono::milliseconds(kTick));
-    }
+    quillon::test::waitFor("request " + std::to_string(count),
+                           [this, count] { return requests().size() >= count; });
 }
 
 void LocalHttpServer::accept()

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <map>
 #include <regex>
@@ -14,6 +13,8 @@
 
 #include "platform/log/message-ids.h"
 #include "running-library.h"
+#include "support/files.h"
+#include "support/process.h"
 #include "support/texts.h"
 
 namespace fs = std::filesystem;
@@ -22,19 +23,15 @@ namespace {
 
 using quillon::test::expectText;
 using quillon::test::like;
+using quillon::test::outputOf;
+using quillon::test::readAll;
+using quillon::test::succeeds;
 
 using quillon::ExplainedMessage;
 using quillon::messageId;
 
 const std::string kSources = QUILLON_SOURCE_DIRECTORY "/";
 const std::string kCatalogue = kSources + "packaging/systemd/quillon.catalog";
-
-std::string contentsOf(const fs::path& path)
-{
-    std::ifstream file(path);
-    EXPECT_TRUE(file) << path;
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 std::vector<ExplainedMessage> explainedMessages()
 {
@@ -73,7 +70,7 @@ std::set<std::string> formatsIn(const std::string& directory, const std::string&
         if (file.path().extension() != ".cpp") {
             continue;
         }
-        const std::string code = contentsOf(file.path());
+        const std::string code = readAll(file.path());
         for (std::sregex_iterator found(code.begin(), code.end(), call), end; found != end;
              ++found) {
             const std::string literals = (*found)[1];
@@ -98,7 +95,7 @@ struct Entry
 std::vector<Entry> catalogue()
 {
     std::vector<Entry> entries;
-    std::istringstream lines(contentsOf(kCatalogue));
+    std::istringstream lines(readAll(kCatalogue));
     bool inBody = false;
     for (std::string line; std::getline(lines, line);) {
         if (line.rfind("-- ", 0) == 0) {
@@ -193,7 +190,7 @@ TEST(MessageCatalogue, ReferToManualPagesThatExist)
 
 TEST(MessageCatalogue, IsTakenByTheJournalWithoutComplaint)
 {
-    if (std::system("command -v journalctl >/dev/null") != 0) {
+    if (!succeeds("command -v journalctl")) {
         GTEST_SKIP() << "there is no journalctl on this machine";
     }
     const fs::path root = fs::temp_directory_path() / "quillon-message-catalogue";

@@ -16,12 +16,14 @@
 #include "captured-stderr.h"
 #include "fake-logind.h"
 #include "support/texts.h"
+#include "support/wait.h"
 #include "system-bus.h"
 
 namespace {
 
 using quillon::test::expectTexts;
 using quillon::test::like;
+using quillon::test::waitFor;
 
 namespace fs = std::filesystem;
 using std::chrono::milliseconds;
@@ -190,10 +192,7 @@ TEST_F(PowerLock, HasAThreadOnlyWhileItIsHeld)
     EXPECT_EQ(threadsOfThisProcess(), before + 1);
     device_power_unlock_state(kType);
     device_power_unlock_state(kType + 1);
-    const auto deadline = steady_clock::now() + seconds(10);
-    while (threadsOfThisProcess() > before && steady_clock::now() < deadline) {
-        usleep(10000);
-    }
+    waitFor("the thread's end", [before] { return threadsOfThisProcess() <= before; });
     EXPECT_EQ(threadsOfThisProcess(), before);
 }
 

@@ -13,7 +13,4 @@ struct RunningLibrary
 
 RunningLibrary runningLibrary();
 
-/// What a shell command prints; fails the test when the command fails.
-std::string outputOf(const std::string& command);
-
 #endif

@@ -1,4 +1,6 @@
 #include "system-bus.h"
+#include "support/files.h"
+#include "support/process.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -8,7 +10,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 
 namespace fs = std::filesystem;
 
@@ -31,7 +32,7 @@ constexpr char kConfiguration[] = R"(<busconfig>
 bool SystemBus::canStart()
 {
     // NOLINTNEXTLINE(cert-env33-c): looks only whether there is such a program
-    return std::system("command -v dbus-daemon >/dev/null") == 0;
+    return quillon::test::succeeds("command -v dbus-daemon");
 }
 
 SystemBus::SystemBus()
@@ -46,7 +47,7 @@ SystemBus::SystemBus()
     std::string configuration = kConfiguration;
     configuration.replace(configuration.find("SOCKET"), 6, socket);
     const std::string file = directory_ + "/bus.conf";
-    std::ofstream(file) << configuration;
+    quillon::test::writeFile(file, configuration);
 
     int ready[2] = {-1, -1};
     EXPECT_EQ(pipe(ready), 0);

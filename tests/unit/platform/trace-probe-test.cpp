@@ -8,8 +8,11 @@
 
 #include "platform/trace.h"
 #include "running-library.h"
+#include "support/process.h"
 
 namespace {
+
+using quillon::test::outputOf;
 
 // What tracing tools read about the probe.
 std::string probeNote()

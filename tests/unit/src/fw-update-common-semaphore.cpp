@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <semaphore.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,10 +10,13 @@
 
 #include "fakes/timeline.h"
 #include "fw-update-common.h"
+#include "support/process.h"
 
 using namespace quillon::fakes;
 
 namespace {
+
+using quillon::test::inChild;
 
 constexpr const char* kFile = "/dev/shm/sem.SEM_UPDATE_CONTROL";
 constexpr unsigned int kNeverUsed = 9;  // initial value that a semaphore which is there ignores
@@ -24,19 +26,6 @@ int valueOf(sem_t* semaphore)
     int value = -1;
     sem_getvalue(semaphore, &value);
     return value;
-}
-
-/// What a child process of its own makes of the device: its exit status.
-template <typename Work>
-int inAnotherProcess(Work work)
-{
-    const pid_t child = fork();
-    if (child == 0) {
-        _exit(work());
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 class Semaphore : public ::testing::Test
@@ -80,7 +69,7 @@ TEST_F(Semaphore, ThatIsThereKeepsItsValue)
 
 TEST_F(Semaphore, HeldByAnotherProcessIsOpenedAtOnceAndBlocksUntilThePost)
 {
-    ASSERT_EQ(inAnotherProcess([] {
+    ASSERT_EQ(inChild([] {
                   sem_t* mine = sem_open("/SEM_UPDATE_CONTROL", O_CREAT, 0600, 1);
                   return mine != SEM_FAILED && sem_wait(mine) == 0 ? 0 : 1;
               }),
@@ -92,7 +81,7 @@ TEST_F(Semaphore, HeldByAnotherProcessIsOpenedAtOnceAndBlocksUntilThePost)
     EXPECT_EQ(valueOf(semaphore), 0);
     auto waiter = std::async(std::launch::async, [semaphore] { return sem_wait(semaphore); });
     EXPECT_EQ(waiter.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
-    ASSERT_EQ(inAnotherProcess([] {
+    ASSERT_EQ(inChild([] {
                   return sem_post(sem_open("/SEM_UPDATE_CONTROL", O_CREAT, 0600, kNeverUsed)) == 0
                              ? 0
                              : 1;
@@ -103,7 +92,7 @@ TEST_F(Semaphore, HeldByAnotherProcessIsOpenedAtOnceAndBlocksUntilThePost)
 
 TEST_F(Semaphore, OutlivesTheProcessThatMadeIt)
 {
-    ASSERT_EQ(inAnotherProcess([] {
+    ASSERT_EQ(inChild([] {
                   sem_t* mine = FWUpdateCommon::getInstance().create_semaphore();
                   const bool made = mine != nullptr && sem_wait(mine) == 0;
                   FWUpdateCommon::getInstance().destroy_semaphore();

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "fw-update-symbol-manager-runs.h"
+#include "support/wait.h"
 
 using namespace quillon::fakes;
 using namespace quillon::test;
@@ -140,9 +141,7 @@ TEST_F(LateUpdate, MayBeOneThatSignalsWhenTheGuardIsAboutToWait)
     // The guard has its lock by then, which must not hold up the worker.
     beforeTimedWait([&mayEnd, threads] {
         mayEnd = true;
-        for (int i = 0; i < 20000 && threadsOfThisProcess() > threads; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
+        waitFor("the worker's end", [threads] { return threadsOfThisProcess() <= threads; });
         EXPECT_EQ(threadsOfThisProcess(), threads);
     });
 

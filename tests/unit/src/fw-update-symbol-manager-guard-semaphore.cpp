@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <semaphore.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,6 +11,7 @@
 #include <system_error>
 
 #include "fw-update-symbol-manager-runs.h"
+#include "support/process.h"
 
 using namespace quillon::fakes;
 using namespace quillon::test;
@@ -24,13 +24,8 @@ constexpr const char* kPosted = "sem_post(\"/SEM_UPDATE_CONTROL\") = 0";
 /// What a child process of its own makes of the semaphore: its exit status.
 int inAnotherProcess(int (*work)(sem_t*))
 {
-    const pid_t child = fork();
-    if (child == 0) {
-        _exit(work(sem_open("/SEM_UPDATE_CONTROL", O_CREAT, 0600, 1)) == 0 ? 0 : 1);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return inChild(
+        [work] { return work(sem_open("/SEM_UPDATE_CONTROL", O_CREAT, 0600, 1)) == 0 ? 0 : 1; });
 }
 
 class GuardSemaphore : public RunTest

@@ -22,12 +22,6 @@ constexpr const char* kUnsafe = "fail check_race_condition\n";
 constexpr const char* kStopped = "Task is not running, writeFirmwareUpdateList stop";
 constexpr const char* kVictim = "/opt/media/victim";
 
-std::string textOf(const std::string& path)
-{
-    const Bytes bytes = readFile(path);
-    return std::string(bytes.begin(), bytes.end());
-}
-
 /// The flags of the descriptor that is open on a path; -1 when there is none.
 int descriptorFlags(const std::string& path)
 {
@@ -82,7 +76,7 @@ TEST_F(UpdateList, HoldsALineForEachModuleToUpdate)
 
     EXPECT_EQ(write(), 2);
 
-    EXPECT_EQ(textOf(kUpdateList),
+    EXPECT_EQ(readAll(kUpdateList),
               names[0] + " " + names[0] + "emp\n" + names[2] + " " + names[2] + "emp\n");
     expectStep(LogFrom("writeFirmwareUpdateList", ERROR,
                        "Need Update [" + names[0] + "][" + names[0] + "emp]"));
@@ -122,7 +116,7 @@ TEST_F(UpdateList, OfNothingToUpdateIsEmpty)
 
     EXPECT_EQ(write(), 0);
 
-    EXPECT_EQ(textOf(kUpdateList), "");
+    EXPECT_EQ(readAll(kUpdateList), "");
 }
 
 TEST_F(UpdateList, OfNoModulesIsEmpty)
@@ -131,7 +125,7 @@ TEST_F(UpdateList, OfNoModulesIsEmpty)
 
     EXPECT_EQ(write(), 0);
 
-    EXPECT_EQ(textOf(kUpdateList), "");
+    EXPECT_EQ(readAll(kUpdateList), "");
     expectSteps({});
 }
 
@@ -145,7 +139,7 @@ TEST_F(UpdateList, CountsOnlyTheNeedOne)
 
     EXPECT_EQ(write(), 0);
 
-    EXPECT_EQ(textOf(kUpdateList), "");
+    EXPECT_EQ(readAll(kUpdateList), "");
 }
 
 TEST_F(UpdateList, NamesTheLibraryAndThePackage)
@@ -156,7 +150,7 @@ TEST_F(UpdateList, NamesTheLibraryAndThePackage)
 
     EXPECT_EQ(write(), 1);
 
-    EXPECT_EQ(textOf(kUpdateList), "alpha tunerempA1\n");
+    EXPECT_EQ(readAll(kUpdateList), "alpha tunerempA1\n");
     expectStep(Log("Need Update [alpha][tunerempA1]"));
 }
 
@@ -169,7 +163,7 @@ TEST_F(UpdateList, IsWrittenAnewByEachPass)
 
     EXPECT_EQ(write(), 1);
 
-    EXPECT_EQ(textOf(kUpdateList), names[2] + " " + names[2] + "emp\n");
+    EXPECT_EQ(readAll(kUpdateList), names[2] + " " + names[2] + "emp\n");
 }
 
 TEST_F(UpdateList, MayBeReadByOtherPrograms)
@@ -207,7 +201,7 @@ TEST_F(UpdateList, BehindALinkIsRefusedBeforeAnyModuleIsAsked)
 
     expectSteps({LogFrom("check_race_condition", ERROR, "symbolic link is detected\n"),
                  LogFrom("writeFirmwareUpdateList", ERROR, kUnsafe)});
-    EXPECT_EQ(textOf(kVictim), "untouched");
+    EXPECT_EQ(readAll(kVictim), "untouched");
     EXPECT_EQ(std::filesystem::read_symlink(kUpdateList), kVictim);
 }
 
@@ -231,7 +225,7 @@ TEST_F(UpdateList, BehindALinkThatAppearsAfterTheLookIsNotWritten)
 
     EXPECT_EQ(write(), 1);
 
-    EXPECT_EQ(textOf(kVictim), "untouched");
+    EXPECT_EQ(readAll(kVictim), "untouched");
     EXPECT_EQ(logTexts().back(), "Need Update [alpha][alphaemp]");
 }
 
@@ -247,7 +241,7 @@ TEST_F(UpdateList, WhosePathCannotBeLookedAtIsRefused)
     expectSteps({Call("lstat(\"/tmp/fwupdate-off-list.txt\") = -1"),
                  LogFrom("check_race_condition", ERROR, "lstat error\n"),
                  LogFrom("writeFirmwareUpdateList", ERROR, kUnsafe)});
-    EXPECT_EQ(textOf(kUpdateList), "untouched");
+    EXPECT_EQ(readAll(kUpdateList), "untouched");
 }
 
 TEST_F(UpdateList, ThatCannotBeOpenedIsNotReported)
@@ -271,7 +265,7 @@ TEST_F(UpdateList, ThatIsASecondNameOfAnotherFileIsNotWritten)
 
     EXPECT_EQ(write(), 1);
 
-    EXPECT_EQ(textOf(victim), "untouched");
+    EXPECT_EQ(readAll(victim), "untouched");
     EXPECT_EQ(logTexts().back(), "Need Update [alpha][alphaemp]");
 }
 
@@ -306,7 +300,7 @@ TEST_F(UpdateList, StoppedBeforeTheFirstModuleIsEmpty)
     EXPECT_EQ(write(), -1);
 
     expectSteps({LogFrom("writeFirmwareUpdateList", ERROR, kStopped)});
-    EXPECT_EQ(textOf(kUpdateList), "");
+    EXPECT_EQ(readAll(kUpdateList), "");
 }
 
 TEST_F(UpdateList, StoppedBetweenTwoModulesKeepsItsLines)
@@ -322,7 +316,7 @@ TEST_F(UpdateList, StoppedBetweenTwoModulesKeepsItsLines)
     EXPECT_EQ(write(), -1);
 
     EXPECT_EQ(logTexts().back(), kStopped);
-    EXPECT_EQ(textOf(kUpdateList),
+    EXPECT_EQ(readAll(kUpdateList),
               names[0] + " " + names[0] + "emp\n" + names[1] + " " + names[1] + "emp\n");
     expectTexts(askedFor("checkVersion"), {names[0], names[1]});
 }
@@ -333,7 +327,7 @@ TEST_F(UpdateList, HoldsEachLineBeforeTheNextModuleIsAsked)
     std::string seen;
     device.changeModule(names[1],
                         Module().onCheckVersion([&seen](const char* /*version*/, int* need) {
-                            seen = textOf(kUpdateList);
+                            seen = readAll(kUpdateList);
                             *need = 1;
                             return 0;
                         }));
@@ -353,7 +347,7 @@ TEST_F(UpdateList, StoppedAfterTheLastModuleIsWhole)
 
     EXPECT_EQ(write(), 1);
 
-    EXPECT_EQ(textOf(kUpdateList), "alpha alphaemp\n");
+    EXPECT_EQ(readAll(kUpdateList), "alpha alphaemp\n");
 }
 
 TEST_F(UpdateList, OfNoModulesIsNotStopped)

@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <random>
 #include <string>
@@ -14,6 +12,7 @@
 #include "support/checksum-folding.h"
 #include "support/checksum-slicing.h"
 #include "support/checksum-wide-folding.h"
+#include "support/files.h"
 #include "support/image.h"
 
 namespace quillon::test {
@@ -158,9 +157,7 @@ INSTANTIATE_TEST_SUITE_P(Ways, ChecksumKernel,
 
 bool processorHas(const std::string& feature)
 {
-    std::ifstream processor("/proc/cpuinfo");
-    const std::string text{std::istreambuf_iterator<char>(processor), {}};
-    return text.find(" " + feature) != std::string::npos;
+    return readAll("/proc/cpuinfo").find(" " + feature) != std::string::npos;
 }
 
 TEST(ImageChecksum, FoldsWhereTheProcessorCan)

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "support/advised-memory.h"
+#include "support/wait.h"
 
 namespace quillon::test {
 namespace {
@@ -82,16 +83,12 @@ protected:
         return text;
     }
 
-    /// @return whether the memory from begin_ + first to begin_ + end is there within ten seconds
+    /// @return whether the memory from begin_ + first to begin_ + end is there within a minute
     bool getsThere(std::size_t first, std::size_t end) const
     {
-        for (int turn = 0; turn < 1000; ++turn) {
-            if (pages(end / kPage).find('.', first / kPage) == std::string::npos) {
-                return true;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return false;
+        return test::eventually([this, first, end] {
+            return pages(end / kPage).find('.', first / kPage) == std::string::npos;
+        });
     }
 
     char* begin_;

@@ -10,13 +10,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <filesystem>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "base/fd.h"
+#include "support/wait.h"
 
 namespace quillon::test {
 namespace {
@@ -69,11 +68,7 @@ protected:
 
     static void awaitCached(const std::string& path, std::size_t bytes)
     {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-        while (cached(path) < bytes) {
-            ASSERT_LT(std::chrono::steady_clock::now(), end) << path << " stays on the medium";
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
+        waitFor(path + " in the page cache", [&] { return cached(path) >= bytes; });
     }
 
     static constexpr std::size_t kSize = 4 * kMiB;

@@ -7,8 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <iterator>
 #include <thread>
 
 #include "base/fd.h"
@@ -16,6 +14,7 @@
 #include "platform/verifier/image-error.h"
 #include "platform/verifier/trust-policy.h"
 #include "provisioned-device.h"
+#include "support/files.h"
 #include "support/texts.h"
 
 namespace {
@@ -60,7 +59,7 @@ TEST_F(Floor, OfAPackageIsKeptWhereAllCanReadIt)
     umask(0077);
     EXPECT_EQ(installFloors("floor tuner 7\nfloor camera 2\n"), 0);
 
-    EXPECT_EQ(readFile(kFloors), "floor.camera = 2\nfloor.tuner = 7\n");
+    EXPECT_EQ(readAll(kFloors), "floor.camera = 2\nfloor.tuner = 7\n");
     EXPECT_EQ(modeOf(kFloors), 0644U);
     EXPECT_EQ(modeOf(kFloors.parent_path()), 0755U);
     expectTextAmong(captured.lines(), like("*raised the security floor of tuner to 7*"));
@@ -71,8 +70,8 @@ TEST_F(Floor, OfAPackageIsKeptWhereAllCanReadIt)
 TEST_F(Floor, ComesAlongWithAnItem)
 {
     EXPECT_EQ(installContent("QUILLON-PROVISION 1\nitem quillon\nfloor tuner 7\n\nkey"), 0);
-    EXPECT_EQ(readFile(pathOf("quillon")), "key");
-    EXPECT_EQ(readFile(kFloors), "floor.tuner = 7\n");
+    EXPECT_EQ(readAll(pathOf("quillon")), "key");
+    EXPECT_EQ(readAll(kFloors), "floor.tuner = 7\n");
 
     EXPECT_EQ(installContent("QUILLON-PROVISION 1\nitem quillon\nfloor tuner 8\n\nkey"), 0)
         << "the item is there already, the floor is news";
@@ -85,19 +84,19 @@ TEST_F(Floor, IsRaisedAndNeverLowered)
     ASSERT_EQ(installFloors("floor tuner 7\nfloor camera 2\n"), 0);
 
     EXPECT_EQ(installFloors("floor tuner 6\nfloor camera 3\n"), 0);
-    EXPECT_EQ(readFile(kFloors), "floor.camera = 3\nfloor.tuner = 7\n");
+    EXPECT_EQ(readAll(kFloors), "floor.camera = 3\nfloor.tuner = 7\n");
     expectTextAmong(captured.lines(),
                     like("*has the security floor 6 for tuner, which stays at 7: none is "
                          "lowered*"));
 
     EXPECT_EQ(installFloors("floor tuner 0\n"), kAlreadyInstalled);
-    EXPECT_EQ(readFile(kFloors), "floor.camera = 3\nfloor.tuner = 7\n");
+    EXPECT_EQ(readAll(kFloors), "floor.camera = 3\nfloor.tuner = 7\n");
 }
 
 TEST_F(Floor, ThatTheFileHasNoRoomForIsRefusedAndTrustsNoLess)
 {
     ASSERT_EQ(installFloors("floor tuner 7\n"), 0);
-    const std::string before = readFile(kFloors);
+    const std::string before = readAll(kFloors);
     std::string many;
     for (int i = 0; i < 3000; ++i) {
         many += "floor module" + std::to_string(i) + "ofaverylongname 4294967295\n";
@@ -105,7 +104,7 @@ TEST_F(Floor, ThatTheFileHasNoRoomForIsRefusedAndTrustsNoLess)
 
     EXPECT_EQ(installFloors(many), kStorageFailed);
 
-    EXPECT_EQ(readFile(kFloors), before);
+    EXPECT_EQ(readAll(kFloors), before);
     expectTextAmong(captured.lines(), like("*brings too many security floors*"));
     EXPECT_EQ(installFloors("floor tuner 8\n"), 0) << "the next package is taken";
 }
@@ -150,7 +149,7 @@ TEST_F(Floor, IsNotPutInPlaceOfFloorsThatCannotBeUnderstood)
     expectTextAmong(
         captured.lines(),
         like("*security floors cannot be raised: *floors:1: \"seven\" has to be a number*"));
-    EXPECT_EQ(readFile(kFloors), "floor.tuner = seven\n");
+    EXPECT_EQ(readAll(kFloors), "floor.tuner = seven\n");
 }
 
 /// Waits until a process waits for a lock, or has ended.
@@ -161,9 +160,7 @@ bool comesToWaitForALock(pid_t process)
     siginfo_t ended = {};
     while (waitid(P_PID, static_cast<id_t>(process), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
            ended.si_pid == 0) {
-        std::ifstream locks("/proc/locks");
-        const std::string text{std::istreambuf_iterator<char>(locks), {}};
-        if (text.find(waiting) != std::string::npos) {
+        if (readAll("/proc/locks").find(waiting) != std::string::npos) {
             return true;
         }
         std::this_thread::yield();
@@ -189,7 +186,7 @@ TEST_F(Floor, IsNotLostToAnotherPackageAtTheSameTime)
     int status = -1;
     ASSERT_EQ(waitpid(other, &status, 0), other);
     EXPECT_EQ(status, 0);
-    EXPECT_EQ(readFile(kFloors), "floor.camera = 2\nfloor.panel = 1\nfloor.tuner = 7\n");
+    EXPECT_EQ(readAll(kFloors), "floor.camera = 2\nfloor.panel = 1\nfloor.tuner = 7\n");
 }
 
 class Purpose : public Floor

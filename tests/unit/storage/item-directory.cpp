@@ -1,11 +1,10 @@
 #include "item-directory.h"
+#include "support/files.h"
 
 #include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 namespace fs = std::filesystem;
 
@@ -33,15 +32,8 @@ void ItemDirectory::makeDirectory()
 
 void ItemDirectory::writeFile(const std::string& path, const std::string& bytes, mode_t mode)
 {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+    quillon::test::writeFile(path, bytes);
     ASSERT_EQ(chmod(path.c_str(), mode), 0);
-}
-
-std::string ItemDirectory::readFile(const std::string& path)
-{
-    std::ostringstream bytes;
-    bytes << std::ifstream(path, std::ios::binary).rdbuf();
-    return bytes.str();
 }
 
 std::vector<std::string> ItemDirectory::namesInDirectory()

@@ -22,7 +22,6 @@ protected:
     static void makeDirectory();
     static std::string pathOf(const std::string& item) { return kDirectory + ("/" + item); }
     static void writeFile(const std::string& path, const std::string& bytes, mode_t mode = 0600);
-    static std::string readFile(const std::string& path);
     static std::vector<std::string> namesInDirectory();
 
     CapturedStderr captured;

@@ -13,6 +13,7 @@
 
 #include "platform/secure-storage.h"
 #include "provisioned-device.h"
+#include "support/files.h"
 #include "support/texts.h"
 
 namespace {
@@ -72,7 +73,7 @@ TEST_F(Provisioning, PlacesThePayloadIntoTheStorage)
     umask(0);
     EXPECT_EQ(install(package("quillon", kKey)), 0);
     expectTexts(namesInDirectory(), {"quillon"});
-    EXPECT_EQ(readFile(pathOf("quillon")), kKey);
+    EXPECT_EQ(readAll(pathOf("quillon")), kKey);
     EXPECT_EQ(fs::status(pathOf("quillon")).permissions(), fs::perms(0600));
     EXPECT_EQ(fs::status(kDirectory).permissions(), fs::perms(0700));
     expectTextAmong(captured.lines(), like(std::string("QUILLON-PLATFORM I *") + kPackage +
@@ -120,7 +121,7 @@ TEST_F(Provisioning, ReplacesOtherBytes)
 {
     ASSERT_EQ(install(package("quillon", "old key")), 0);
     EXPECT_EQ(install(package("quillon", kKey)), 0);
-    EXPECT_EQ(readFile(pathOf("quillon")), kKey);
+    EXPECT_EQ(readAll(pathOf("quillon")), kKey);
 }
 
 TEST_F(Provisioning, ClosesAnItemThatOthersCouldRead)
@@ -137,7 +138,7 @@ TEST_F(Provisioning, ReplacesALinkInsteadOfFollowingIt)
     writeFile("/tmp/quillon-victim", "precious");
     fs::create_symlink("/tmp/quillon-victim", pathOf("quillon"));
     EXPECT_EQ(install(package("quillon", kKey)), 0);
-    EXPECT_EQ(readFile("/tmp/quillon-victim"), "precious");
+    EXPECT_EQ(readAll("/tmp/quillon-victim"), "precious");
     EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(pathOf("quillon"))));
     fs::remove("/tmp/quillon-victim");
 }
@@ -292,7 +293,7 @@ TEST_F(Provisioning, LeavesTheOldItemAndNothingElseWhenTheDiskRefuses)
 
     EXPECT_EQ(result, kStorageFailed);
     expectTexts(namesInDirectory(), {"quillon"});
-    EXPECT_EQ(readFile(pathOf("quillon")), "old key");
+    EXPECT_EQ(readAll(pathOf("quillon")), "old key");
 }
 
 TEST_F(Provisioning, LeavesNothingBehindWhenADirectoryIsInTheItemsPlace)

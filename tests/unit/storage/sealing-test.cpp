@@ -10,6 +10,7 @@
 #include "platform/storage/item-store.h"
 #include "platform/storage/provisioning-content.h"
 #include "sealing-program.h"
+#include "support/files.h"
 #include "support/texts.h"
 
 namespace fs = std::filesystem;
@@ -69,7 +70,7 @@ TEST_F(RealSealing, KeepsAnItemThatNobodyReadsOffTheDisk)
     ASSERT_EQ(store("quillon", kKey), kStoreOk);
     expectTexts(namesInDirectory(), {"quillon.cred"});
     EXPECT_EQ(fs::status(pathOf("quillon.cred")).permissions(), fs::perms(0600));
-    expectNoText(readFile(pathOf("quillon.cred")), like("*all sorts*"));
+    expectNoText(readAll(pathOf("quillon.cred")), like("*all sorts*"));
     EXPECT_EQ(read("quillon"), kKey);
 }
 
@@ -91,7 +92,7 @@ TEST_F(RealSealing, BindsAnItemToItsName)
 TEST_F(RealSealing, NoticesDamage)
 {
     ASSERT_EQ(store("quillon", kKey), kStoreOk);
-    const std::string sealed = readFile(pathOf("quillon.cred"));
+    const std::string sealed = readAll(pathOf("quillon.cred"));
     for (const std::size_t at : {std::size_t(0), sealed.size() / 2, sealed.size() - 8}) {
         std::string damaged = sealed;
         damaged[at] = damaged[at] == 'A' ? 'B' : 'A';
@@ -150,9 +151,9 @@ TEST_F(Sealing, AsksForTheBestKeyThatThereIs)
 {
     putSealingScript("cat > /run/quillon/input; echo \"$0 $@\"; env | grep -v '^PWD='; true");
     ASSERT_EQ(store("quillon", kKey), kStoreOk);
-    EXPECT_EQ(readFile(pathOf("quillon.cred")),
+    EXPECT_EQ(readAll(pathOf("quillon.cred")),
               "/run/quillon/systemd-creds encrypt --with-key=auto --name=quillon - -\n");
-    EXPECT_EQ(readFile("/run/quillon/input"), kKey);
+    EXPECT_EQ(readAll("/run/quillon/input"), kKey);
     EXPECT_EQ(read("quillon"), "/run/quillon/systemd-creds decrypt --name=quillon - -\n");
     fs::remove("/run/quillon/input");
 }
@@ -175,7 +176,7 @@ TEST_F(Sealing, WithoutItsProgramNeitherReadsNorHidesASealedItem)
     expectNotUnsealed("quillon", "cannot be started: No such file");
     EXPECT_EQ(store("quillon", kKey), kStoreFailed);
     expectText(captured.text(), like("*quillon.cred is sealed and would hide*"));
-    EXPECT_EQ(readFile(pathOf("quillon.cred")), "sealed");
+    EXPECT_EQ(readAll(pathOf("quillon.cred")), "sealed");
 }
 
 TEST_F(Sealing, NeverFallsBackToAnUnsealedItemWhenItFails)

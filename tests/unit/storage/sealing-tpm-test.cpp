@@ -5,16 +5,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <thread>
 
 #include "base/secret-bytes.h"
 #include "item-directory.h"
 #include "platform/storage/item-store.h"
 #include "sealing-program.h"
 #include "support/texts.h"
+#include "support/wait.h"
 
 namespace fs = std::filesystem;
 
@@ -69,9 +68,7 @@ protected:
         arguments.push_back(nullptr);
         ASSERT_EQ(posix_spawn(&tpm_, "/usr/bin/swtpm", nullptr, nullptr, arguments.data(), environ),
                   0);
-        for (int look = 0; look < 500 && !fs::exists(kSocket); ++look) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        waitFor("the TPM's socket", [] { return fs::exists(kSocket); });
     }
 
     void endTpm()

@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -16,6 +15,8 @@
 #include "item-directory.h"
 #include "makers.h"
 #include "platform/protocols/storage-protocol.h"
+#include "support/files.h"
+#include "support/process.h"
 #include "support/texts.h"
 
 namespace fs = std::filesystem;
@@ -83,13 +84,7 @@ protected:
     template <typename Work>
     static int asNobody(Work work)
     {
-        const pid_t child = fork();
-        if (child == 0) {
-            _exit(setgid(kNobody) == 0 && setuid(kNobody) == 0 ? work() : 99);
-        }
-        int status = -1;
-        waitpid(child, &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return inChildAs(kNobody, kNobody, {}, work);
     }
 
     static bool canBeNobody()
@@ -129,7 +124,7 @@ TEST_F(ServeClient, InstallsWhatAMakerHasSigned)
     const std::string package = packageBy(maker, "quillon", "key");
     const SecretBytes request = storage::encodeInstall({package.begin(), package.end()});
     EXPECT_EQ(resultOf(request), 0);
-    EXPECT_EQ(readFile(pathOf("quillon")), "key");
+    EXPECT_EQ(readAll(pathOf("quillon")), "key");
     EXPECT_EQ(resultOf(request), 2);
 }
 

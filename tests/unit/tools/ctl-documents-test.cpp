@@ -2,29 +2,24 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cstdio>
 #include <fstream>
 #include <regex>
 #include <set>
 #include <sstream>
 
+#include "support/files.h"
+#include "support/process.h"
 #include "unit/tools/ctl-program.h"
 
 namespace {
+
+using quillon::test::outputOf;
+using quillon::test::readAll;
 
 using Words = std::set<std::string>;
 
 constexpr const char* kManual = QUILLON_SOURCE_DIR "/docs/man/quillonctl.1";
 constexpr const char* kCompletion = QUILLON_SOURCE_DIR "/tools/quillonctl/completion";
-
-std::string contentOf(const char* path)
-{
-    std::ifstream file(path);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
 
 /// @return every match of the expression's only group
 Words allMatches(const std::string& text, const char* expression)
@@ -93,16 +88,12 @@ Words complete(const std::vector<std::string>& line)
     const std::string command =
         "exec bash --norc -c '" + std::regex_replace(script, std::regex("'"), "'\\''") + "'";
     Words words;
-    FILE* output = popen(command.c_str(), "r");
-    std::array<char, 256> buffer{};
-    while (output != nullptr && fgets(buffer.data(), buffer.size(), output) != nullptr) {
-        std::string word = buffer.data();
-        word.pop_back();
+    std::istringstream lines(outputOf(command));
+    for (std::string word; std::getline(lines, word);) {
         if (!word.empty()) {
             words.insert(word);
         }
     }
-    EXPECT_EQ(pclose(output), 0);
     return words;
 }
 
@@ -119,16 +110,16 @@ TEST(CtlHelp, ListsVerbsAndOptions)
 
 TEST(CtlManual, DescribesEveryVerbAndNoOther)
 {
-    EXPECT_EQ(allMatches(contentOf(kManual), "^\\.It Cm ([a-z]+)"), verbsOfHelp());
+    EXPECT_EQ(allMatches(readAll(kManual), "^\\.It Cm ([a-z]+)"), verbsOfHelp());
     EXPECT_EQ(
-        allMatches(between(contentOf(kManual), ".Cm modules\nare:", ".El"), "^\\.It Sy ([a-z]+)"),
+        allMatches(between(readAll(kManual), ".Cm modules\nare:", ".El"), "^\\.It Sy ([a-z]+)"),
         verbsOfModules());
 }
 
 TEST(CtlManual, DescribesEveryOptionAndNoOther)
 {
     Words options;
-    for (const std::string& word : allMatches(contentOf(kManual), "^\\.It .*Fl -([a-z-]+)")) {
+    for (const std::string& word : allMatches(readAll(kManual), "^\\.It .*Fl -([a-z-]+)")) {
         options.insert("--" + word);
     }
     EXPECT_EQ(options, optionsOfHelp() + optionsOfModules());
@@ -136,10 +127,10 @@ TEST(CtlManual, DescribesEveryOptionAndNoOther)
 
 TEST(CtlManual, ListsEveryEventOfItsVerbs)
 {
-    const std::string source = contentOf(QUILLON_SOURCE_DIR "/tools/quillonctl/json-report.cpp");
+    const std::string source = readAll(QUILLON_SOURCE_DIR "/tools/quillonctl/json-report.cpp");
     const Words events = allMatches(source, "Event\\(\"([a-z-]+)\"") +
                          allMatches(source, "eventObject\\(\"([a-z-]+)\"");
-    const Words listed = allMatches(between(contentOf(kManual), ".Sh JSON OUTPUT", ".It modules\n"),
+    const Words listed = allMatches(between(readAll(kManual), ".Sh JSON OUTPUT", ".It modules\n"),
                                     "^\\.It ([a-z-]+)$");
 
     EXPECT_EQ(listed, events);
@@ -149,7 +140,7 @@ TEST(CtlManual, ListsTheExitCodesOfTheHelp)
 {
     const std::string codes = between(help(), "Exit codes:", "\n\n");
 
-    EXPECT_EQ(allMatches(between(contentOf(kManual), ".Sh EXIT STATUS", ".Sh"), "^\\.It ([0-9]+)"),
+    EXPECT_EQ(allMatches(between(readAll(kManual), ".Sh EXIT STATUS", ".Sh"), "^\\.It ([0-9]+)"),
               allMatches(codes, "\\b([0-9]+) "));
 }
 

@@ -7,9 +7,9 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include "support/texts.h"
+#include "support/wait.h"
 #include "unit/tools/ctl-modules-device.h"
 
 namespace fs = std::filesystem;
@@ -18,6 +18,7 @@ using quillon::test::expectNoTextAmong;
 using quillon::test::expectText;
 using quillon::test::expectTextAmong;
 using quillon::test::like;
+using quillon::test::waitFor;
 
 class CtlModulesCheck : public CtlModules
 {
@@ -213,9 +214,7 @@ TEST_F(CtlModulesCheck, StopsBeforeTheNextModuleWhenItIsInterrupted)
         }
         return count;
     };
-    for (int i = 0; i < 1000 && asked() == 0; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    waitFor("the first check", [&asked] { return asked() > 0; });
     program.sendSignal(SIGINT);
 
     const ModulesResult result = splitLog(program.finish());

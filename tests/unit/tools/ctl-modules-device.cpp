@@ -8,19 +8,16 @@
 #include <sstream>
 
 #include "support/checksum.h"
+#include "support/files.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
+using quillon::test::writeFile;
+
 constexpr const char* kModuleDirectory = "/usr/fwupdate/controls/";
 constexpr const char* kSettingsDirectory = "/etc/quillon-test/";
-
-void writeText(const std::string& path, const std::string& text)
-{
-    fs::create_directories(fs::path(path).parent_path());
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
 
 void putImage(const std::string& directory, const std::string& name, int seconds,
               unsigned int change)
@@ -30,8 +27,8 @@ void putImage(const std::string& directory, const std::string& name, int seconds
         quillon::imageChecksum(0, reinterpret_cast<const unsigned char*>(payload.data()),
                                payload.size()) ^
         change;
-    writeText(directory + name + "/" + name + ".bin", payload);
-    writeText(directory + name + "/info.json", R"({"version":"2.0","crc":)" + std::to_string(crc) +
+    writeFile(directory + name + "/" + name + ".bin", payload);
+    writeFile(directory + name + "/info.json", R"({"version":"2.0","crc":)" + std::to_string(crc) +
                                                    R"(,"expected_time":)" +
                                                    std::to_string(seconds) + "}");
 }
@@ -48,7 +45,7 @@ void CtlModules::install(const std::string& name, const std::string& settings,
                          const std::string& library)
 {
     // An update that is over at once may escape the registry, which then takes it for late.
-    writeText(kSettingsDirectory + name + ".conf", "doUpdate.delay_ms=100\n" + settings);
+    writeFile(kSettingsDirectory + name + ".conf", "doUpdate.delay_ms=100\n" + settings);
     fs::create_directories(kModuleDirectory);
     fs::copy_file(std::string(TEST_MODULES) + "/" + library + ".so",
                   kModuleDirectory + name + ".so", fs::copy_options::overwrite_existing);
@@ -56,7 +53,7 @@ void CtlModules::install(const std::string& name, const std::string& settings,
 
 void CtlModules::installFile(const std::string& name, const std::string& content)
 {
-    writeText(kModuleDirectory + name + ".so", content);
+    writeFile(kModuleDirectory + name + ".so", content);
 }
 
 void CtlModules::offer(const std::string& name, int seconds, const std::string& directory)

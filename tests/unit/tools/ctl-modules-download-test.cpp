@@ -2,8 +2,8 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 
+#include "support/files.h"
 #include "support/texts.h"
 #include "unit/platform/local-http-server.h"
 #include "unit/tools/ctl-modules-device.h"
@@ -12,6 +12,7 @@ namespace {
 
 using quillon::test::expectText;
 using quillon::test::like;
+using quillon::test::readAll;
 
 constexpr const char* kConfiguration = "/etc/quillon/downloads.conf";
 constexpr const char* kPackage = "/opt/usr/apps/appbinarymanager/alphaemp.img";
@@ -51,8 +52,7 @@ TEST_F(CtlModulesDownload, WaitsUntilThePackagesAreThere)
     EXPECT_EQ(result.exitCode, 0) << result.log;
     EXPECT_EQ(result.out, "Downloading 1 package\nalpha: downloaded\n");
     EXPECT_EQ(result.err, "");
-    std::ifstream file(kPackage);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), "the package of alpha");
+    EXPECT_EQ(readAll(kPackage), "the package of alpha");
 }
 
 TEST_F(CtlModulesDownload, TellsWhichPackageDidNotComeAndExitsWith14)

@@ -9,11 +9,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <thread>
 
 #include "support/texts.h"
+#include "support/wait.h"
 #include "unit/tools/ctl-modules-device.h"
 
 using testing::ContainsRegex;
@@ -22,6 +24,7 @@ using quillon::test::expectNoTextAmong;
 using quillon::test::expectText;
 using quillon::test::expectTextAmong;
 using quillon::test::like;
+using quillon::test::waitFor;
 
 class CtlModulesUpdate : public CtlModules
 {
@@ -33,15 +36,12 @@ protected:
 
     static bool waitForCall(const std::string& name, const std::string& call)
     {
-        for (int i = 0; i < 4000; ++i) {
-            for (const std::string& made : callsOf(name)) {
-                if (made.rfind(call, 0) == 0) {
-                    return true;
-                }
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        return false;
+        return waitFor(name + "." + call, [&] {
+            const std::vector<std::string> calls = callsOf(name);
+            return std::any_of(calls.begin(), calls.end(), [&call](const std::string& made) {
+                return made.rfind(call, 0) == 0;
+            });
+        });
     }
 
     sem_t* openSemaphore()

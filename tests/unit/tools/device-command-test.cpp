@@ -4,10 +4,9 @@
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <regex>
 
+#include "support/files.h"
 #include "support/texts.h"
 #include "unit/tools/device-program.h"
 
@@ -214,8 +213,7 @@ TEST(DeviceCommand, LeavesTheOutputOfTheCommandToTheCommand)
 
 TEST(DeviceCommand, HasEachWordOfItsHelpInTheManualPage)
 {
-    std::ifstream page(MANUAL_PAGE);
-    const std::string manual(std::istreambuf_iterator<char>(page), {});
+    const std::string manual = readAll(MANUAL_PAGE);
     const std::string help = runDevice({"--help"}).out;
     const std::regex word("--([a-z]+[a-z-]*)|QUILLON_[A-Z_]+");
 

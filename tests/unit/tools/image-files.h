@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -12,6 +11,7 @@
 #include <vector>
 
 #include "platform/verifier/image-error.h"
+#include "support/process.h"
 #include "unit/verifier/test-keys.h"
 
 namespace quillon::test {
@@ -30,15 +30,13 @@ protected:
     void TearDown() override { std::filesystem::remove_all(directory); }
 
     /// Runs a shell command; what it writes goes to `out` and `err`.
-    /// @return its exit code, or -1 when a signal ended it.
+    /// @return its exit code, or minus the signal that ended it.
     int shell(const std::string& command)
     {
-        const std::string redirected =
-            "{ " + command + "\n} >'" + directory + "out' 2>'" + directory + "err' </dev/null";
-        const int status = std::system(redirected.c_str());
-        out = take("out");
-        err = take("err");
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        Result result = runInShell(command);
+        out = std::move(result.out);
+        err = std::move(result.err);
+        return result.status;
     }
 
     std::string take(const std::string& name)

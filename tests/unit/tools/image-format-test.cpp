@@ -25,7 +25,7 @@ protected:
 
     void build(const std::string& version, const std::string& content)
     {
-        writeAll(payload, content);
+        writeFile(payload, content);
         buildStickImage(version, payload, key, signingKey.get(), image);
     }
 
@@ -166,7 +166,7 @@ TEST_F(ImageFormat, AModuleNameHasLettersAndDigitsOnly)
 TEST_F(ImageFormat, ASizeThatNoImageCanHaveIsNamed)
 {
     const auto faultAt = [&](std::uintmax_t size, const char* reason) {
-        writeAll(image, "");
+        writeFile(image, "");
         std::filesystem::resize_file(image, size);
         std::string line;
         EXPECT_EQ(faultOf([&] { inspectStickImage(image); }, &line), ImageFault::kFormat) << size;
@@ -181,7 +181,7 @@ TEST_F(ImageFormat, ASizeThatNoImageCanHaveIsNamed)
 
 TEST_F(ImageFormat, APossibleSizeWithoutATrailerIsNoSignature)
 {
-    writeAll(image, std::string(16 + 80 + 534, 'x'));
+    writeFile(image, std::string(16 + 80 + 534, 'x'));
 
     EXPECT_EQ(faultOf([&] { inspectStickImage(image); }), ImageFault::kSignature);
 }
@@ -191,8 +191,8 @@ TEST_F(ImageFormat, APlaintextWithoutAWholeHeaderIsNoImage)
     // The second block of a header's ciphertext, cut out, deciphers to less than a header.
     build("2.0", "");
     const std::string content = readAll(image);
-    writeAll(image, content.substr(64, 16) + content.substr(80, 16) +
-                        content.substr(content.size() - 534));
+    writeFile(image, content.substr(64, 16) + content.substr(80, 16) +
+                         content.substr(content.size() - 534));
 
     EXPECT_EQ(faultOf([&] { extractStickImage(image, key, directory + "out"); }),
               ImageFault::kFormat);
@@ -216,7 +216,7 @@ TEST_F(ImageFormat, ADamagedLastBlockIsFoundByItsPadding)
     build("2.0", std::string(100, 'x'));
     std::string content = readAll(image);
     content[content.size() - 534 - 17] ^= 1;  // flips the same bit of the last padding byte
-    writeAll(image, content);
+    writeFile(image, content);
 
     std::string line;
     EXPECT_EQ(faultOf([&] { extractStickImage(image, key, directory + "out"); }, &line),
@@ -239,7 +239,7 @@ TEST_F(ImageFormat, AFailedBuildKeepsTheEarlierImage)
 
 TEST_F(ImageFormat, APayloadThatWouldPassTwoGiBIsRefusedBeforeAnythingIsWritten)
 {
-    writeAll(payload, "");
+    writeFile(payload, "");
     std::filesystem::resize_file(payload, 0x7FFFFFFFULL - 600);
 
     EXPECT_EQ(faultOf([&] { buildStickImage("2.0", payload, key, signingKey.get(), image); }),

@@ -86,7 +86,7 @@ TEST_F(ImageKeys, APackageNeedsAUsableNameAndPayload)
 
 TEST_F(ImageKeys, ThatAreThereAreNotReplacedUnasked)
 {
-    writeAll(directory + "00000066.bin", "precious");
+    writeFile(directory + "00000066.bin", "precious");
 
     std::string line;
     EXPECT_EQ(faultOf([&] { createKeys(directory, false); }, &line), ImageFault::kFile);
@@ -102,7 +102,7 @@ TEST_F(ImageKeys, ThatAreThereAreNotReplacedUnasked)
 
 TEST_F(ImageKeys, ADirectoryThatCannotBeMadeIsNamed)
 {
-    writeAll(directory + "file", "");
+    writeFile(directory + "file", "");
 
     std::string line;
     EXPECT_EQ(faultOf([&] { createKeys(directory + "file/keys", false); }, &line),

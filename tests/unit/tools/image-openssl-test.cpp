@@ -41,7 +41,7 @@ protected:
         checkFormat2Commands = start + blocks[3];
 
         std::filesystem::create_symlink(QUILLON_TEST_KEYS "/a", directory + "keys");
-        writeAll(directory + "payload", "firmware of the tuner\n");
+        writeFile(directory + "payload", "firmware of the tuner\n");
     }
 
     std::string makeCommands;

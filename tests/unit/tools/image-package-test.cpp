@@ -26,7 +26,7 @@ protected:
     void SetUp() override
     {
         ImageFiles::SetUp();
-        writeAll(directory + "payload", "firmware");
+        writeFile(directory + "payload", "firmware");
     }
 
     int run(const std::string& arguments, const std::string& before = "")
@@ -60,7 +60,7 @@ protected:
     {
         std::filesystem::create_directories(directory + "bin");
         const std::string path = directory + "bin/" + name;
-        writeAll(path, "#!/bin/sh\n" + script + "\n");
+        writeFile(path, "#!/bin/sh\n" + script + "\n");
         std::filesystem::permissions(path, std::filesystem::perms::owner_all);
     }
 
@@ -123,7 +123,7 @@ protected:
         for (std::size_t i = 0; i < size; ++i) {
             bytes[i] = static_cast<char>(i * 31 + i / 4096);
         }
-        writeAll(directory + "payload", bytes);
+        writeFile(directory + "payload", bytes);
         return bytes;
     }
 };
@@ -160,7 +160,7 @@ TEST_P(PackageOfType, HoldsThePayloadByteForByteUnderTheFirmwareName)
 
 TEST_P(PackageOfType, BearsTheServicesOwnChecksum)
 {
-    writeAll(directory + "payload", "123456789");
+    writeFile(directory + "payload", "123456789");
     ASSERT_EQ(build("--output out.img"), 0) << err;
     EXPECT_EQ(informationOf("out.img")["crc"].asUInt(), 0x6A50465CU);
 }
@@ -232,7 +232,7 @@ TEST_P(PackageOfType, LeavesNothingElseBehind)
 
 TEST_P(PackageOfType, TakesAnEarlierOnesPlace)
 {
-    writeAll(directory + "tunerempA1.img", std::string(4000000, 'x'));
+    writeFile(directory + "tunerempA1.img", std::string(4000000, 'x'));
     ASSERT_EQ(build(""), 0) << err;
     EXPECT_EQ(contentOf("tunerempA1.img", "tunerA1.bin"), "firmware");
 }
@@ -287,7 +287,7 @@ TEST_F(PackageProgram, IsAnExt4FileSystemThatE2fsckFindsClean)
     if (!hasProgram("mke2fs") || !hasProgram("debugfs") || !hasProgram("e2fsck")) {
         GTEST_SKIP() << "mke2fs, debugfs or e2fsck is not installed";
     }
-    writeAll(directory + "payload", std::string(5000000, 'x'));
+    writeFile(directory + "payload", std::string(5000000, 'x'));
     ASSERT_EQ(package("--type ext4 --output out.img"), 0) << err;
     EXPECT_EQ(shell(kToolPath + ("e2fsck -fn '" + directory + "out.img'")), 0) << out << err;
 }
@@ -343,7 +343,7 @@ TEST_F(PackageProgram, SaysWhichPackageBringsAMissingProgram)
 TEST_F(PackageProgram, GivesTheReasonOfAProgramThatFails)
 {
     replaceProgram("mksquashfs", "echo working; echo 'no space' >&2; echo 'FATAL' >&2; exit 3");
-    writeAll(directory + "tuneremp.img", "earlier");
+    writeFile(directory + "tuneremp.img", "earlier");
     expectRefusal(kGood, 3, "bin/mksquashfs failed with status 3: no space; FATAL\n",
                   "PATH='" + directory + "bin:/bin:/usr/bin'");
     EXPECT_EQ(readAll(directory + "tuneremp.img"), "earlier");
@@ -395,7 +395,7 @@ TEST_F(PackageProgram, IsNotConfusedByAStickImageThatBearsItsMark)
 {
     makeImage(directory + "tuner.bin", "a", "2.0", std::string(5000, 'x'));
     std::string image = readAll(directory + "tuner.bin");
-    writeAll(directory + "tuner.bin", image.replace(0, 4, "hsqs").replace(1080, 2, "\x53\xEF"));
+    writeFile(directory + "tuner.bin", image.replace(0, 4, "hsqs").replace(1080, 2, "\x53\xEF"));
 
     ASSERT_EQ(run("info tuner.bin --json"), 0) << err;
     EXPECT_EQ(parsed(out)["image"], "tuner.bin");

@@ -22,7 +22,7 @@ protected:
     {
         ImageFiles::SetUp();
         image = directory + "tuner.bin";
-        writeAll(directory + "payload", "firmware");
+        writeFile(directory + "payload", "firmware");
         makeImage(image, "a", "2.0", "firmware");
     }
 
@@ -155,8 +155,8 @@ TEST_F(ImageProgram, AFileThatCannotBeReadOrWrittenIsCode3)
 
 TEST_F(ImageProgram, AFileThatIsNoStickImageIsCode4)
 {
-    writeAll(directory + "odd", std::string(1001, 'x'));
-    writeAll(directory + "short", "x");
+    writeFile(directory + "odd", std::string(1001, 'x'));
+    writeFile(directory + "short", "x");
     for (const char* verb : {"info", "verify --trusted .",
                              "extract --key $KEYS/image-key.bin "
                              "--output out.bin"}) {
@@ -168,9 +168,9 @@ TEST_F(ImageProgram, AFileThatIsNoStickImageIsCode4)
 TEST_F(ImageProgram, AMissingOrWrongSignatureIsCode5)
 {
     const std::string content = readAll(image);
-    writeAll(directory + "unsigned",
-             content.substr(0, content.size() - 534) + std::string(534, 'x'));
-    writeAll(directory + "damaged", 'x' + content.substr(1));
+    writeFile(directory + "unsigned",
+              content.substr(0, content.size() - 534) + std::string(534, 'x'));
+    writeFile(directory + "damaged", 'x' + content.substr(1));
 
     expectRefusal("info unsigned", 5, "not signed: trailer has no signature (bad magic)");
     expectRefusal("verify unsigned --public $KEYS/signing-key.pub.pem", 5, "bad magic");
@@ -182,7 +182,7 @@ TEST_F(ImageProgram, AMissingOrWrongSignatureIsCode5)
 
 TEST_F(ImageProgram, AWrongOrUnusableKeyIsCode6)
 {
-    writeAll(directory + "short-key", "fifteen bytes..");
+    writeFile(directory + "short-key", "fifteen bytes..");
     expectRefusal("info tuner.bin --key $OTHER/image-key.bin", 6, "tuner.bin: wrong image key");
     expectRefusal("extract tuner.bin --key $OTHER/image-key.bin --output out.bin", 6,
                   "tuner.bin: wrong image key");

@@ -20,7 +20,7 @@ protected:
     void SetUp() override
     {
         ImageFiles::SetUp();
-        writeAll(directory + "item", "0123456789abcdef");
+        writeFile(directory + "item", "0123456789abcdef");
         std::filesystem::create_directory(directory + "trusted");
         std::filesystem::copy(keyPath("a", kProvisioningCertificateFile),
                               directory + "trusted/a.pem");
@@ -99,9 +99,9 @@ TEST_F(ImageProvision, RefusesAKeyThatIsNotTheCertificates)
 TEST_F(ImageProvision, RefusesAnItemThatCannotBe)
 {
     expectRefusal(std::string(kProvision) + "--item ../x", 2, "no name for a storage item");
-    writeAll(directory + "item", "");
+    writeFile(directory + "item", "");
     expectRefusal(kProvision, 2, "a storage item has 1 to 65536 bytes");
-    writeAll(directory + "item", std::string(65537, 'x'));
+    writeFile(directory + "item", std::string(65537, 'x'));
     expectRefusal(kProvision, 3, "item: cannot be read: longer than 65536 bytes");
 }
 
@@ -113,7 +113,7 @@ TEST_F(ImageProvision, VerifyRefusesWhatADeviceRefuses)
     expectRefusal("verify item --certificates trusted", 4, "item: not a provisioning package");
     expectRefusal("verify missing --certificates trusted", 3, "missing: cannot be read");
     package[package.find("0123456789abcdef")] = 'X';
-    writeAll(directory + "changed", package);
+    writeFile(directory + "changed", package);
     expectRefusal("verify changed --certificates trusted", 5,
                   "changed: not signed by anyone trusted");
     std::filesystem::rename(directory + "trusted/a.pem", directory + "a.txt");

@@ -13,7 +13,7 @@ protected:
     {
         ImageFiles::SetUp();
         image = directory + "tuner.bin";
-        writeAll(directory + "payload", "firmware of the tuner");
+        writeFile(directory + "payload", "firmware of the tuner");
     }
 
     int build(const std::string& options)

@@ -60,7 +60,7 @@ protected:
         steps = stepsOf(readAll(TRUST_PAGE));
         ASSERT_THAT(steps, SizeIs(kSteps));
         for (const char* payload : {"tuner-2.0", "tuner-2.1", "tuner-2.2", "tuner-2.3"}) {
-            writeAll(directory + payload, payload);
+            writeFile(directory + payload, payload);
         }
         library = dlopen(VERIFIER_LIBRARY, RTLD_LAZY);
         ASSERT_NE(library, nullptr) << dlerror();

@@ -150,7 +150,7 @@ TEST_F(Digest, IsCheckedWithTheKeysThatAreThereNow)
 
 TEST_F(Digest, TroubleLeavesTheProcesssOpensslErrorsAsTheyWere)
 {
-    writeAll(std::string(kTrustedKeys) + "0.pem", "no key at all");
+    writeFile(std::string(kTrustedKeys) + "0.pem", "no key at all");
     const std::string exchanged = 'x' + content;
 
     ERR_clear_error();

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <ctime>
+#include <fstream>
 
 #include "support/texts.h"
 #include "unit/verifier/verifier-test.h"
@@ -72,7 +73,7 @@ TEST_F(FileKinds, ANullPathOrCallerIsSurvived)
 
 TEST_F(FileKinds, AHugeFileWithoutATrailerIsRefusedWithoutBeingRead)
 {
-    writeAll(image, "");
+    writeFile(image, "");
     std::filesystem::resize_file(image, kThreeGiB);
 
     const std::clock_t before = std::clock();
@@ -84,7 +85,7 @@ TEST_F(FileKinds, AHugeFileWithoutATrailerIsRefusedWithoutBeingRead)
 TEST_F(FileKinds, AHugeFileIsReadInConstantMemory)
 {
     const std::string trailer = content.substr(content.size() - 534);
-    writeAll(image, "");
+    writeFile(image, "");
     std::filesystem::resize_file(image, kThreeGiB / 16);
     std::ofstream(image, std::ios::binary | std::ios::app) << trailer;
 

@@ -129,7 +129,7 @@ TEST_F(Purpose, InAFileOfNoModulesNameIsRefused)
 {
     const std::string reason = "made for one module, and this file's name is not that of a module";
     for (const char* name : {"tuner", "tuner.img", ".bin", "tuner.bin.bin", "tu-ner.bin"}) {
-        writeAll(stick + name, content);
+        writeFile(stick + name, content);
         EXPECT_EQ(verify(stick + name), 0) << name;
         SCOPED_TRACE(name);
         expectText(said, like("*" + std::string(reason) + "*"));
@@ -156,13 +156,13 @@ TEST_F(Purpose, IsRefusedWithAHeaderThatWasMadeToFit)
 
     trailerAt(18) = static_cast<char>(lie.moduleCheck[0]);
     trailerAt(19) = static_cast<char>(lie.moduleCheck[1]);
-    writeAll(camera, content);
+    writeFile(camera, content);
     EXPECT_EQ(verify(camera), 0) << "the module";
     EXPECT_THAT(said, refusal);
 
     content = original;
     trailerAt(10) = 6;
-    writeAll(image, content);
+    writeFile(image, content);
     putPolicy("model = TV2024\nfloor.tuner = 6\n");
     EXPECT_EQ(verify(image), 0) << "the counter";
     EXPECT_THAT(said, refusal);
@@ -171,7 +171,7 @@ TEST_F(Purpose, IsRefusedWithAHeaderThatWasMadeToFit)
     lie.modelCheck = checkValueOf("TV2025");
     trailerAt(20) = static_cast<char>(lie.modelCheck[0]);
     trailerAt(21) = static_cast<char>(lie.modelCheck[1]);
-    writeAll(image, content);
+    writeFile(image, content);
     putPolicy("model = TV2025\n");
     EXPECT_EQ(verify(image), 0) << "the model";
     EXPECT_THAT(said, refusal);
@@ -193,7 +193,7 @@ TEST_F(Purpose, IsRefusedForATextOfTheSameCheckValue)
 {
     const auto refusal = HasSubstr("signature does not match the content, module and model");
     const std::string twin = stick + twinOf("tuner") + ".bin";
-    writeAll(twin, content);
+    writeFile(twin, content);
     EXPECT_EQ(verify(twin), 0) << "the module";
     EXPECT_THAT(said, refusal);
 
@@ -233,7 +233,7 @@ TEST_F(Purpose, OfAnotherMakerUnderATrustedKeysIdIsRefused)
     for (std::size_t i = 14; i < 18; ++i) {
         trailerAt(i) = ofA[ofA.size() - 534 + i];
     }
-    writeAll(image, content);
+    writeFile(image, content);
     EXPECT_EQ(verify(image), 0);
     expectText(said, like("*signature does not match the content, module and model*"));
 }

@@ -2,13 +2,13 @@
 
 #include <malloc.h>
 
-#include <array>
 #include <atomic>
-#include <cstdio>
 #include <memory>
+#include <sstream>
 #include <thread>
 #include <vector>
 
+#include "support/process.h"
 #include "support/texts.h"
 #include "unit/verifier/verifier-test.h"
 
@@ -63,13 +63,10 @@ std::string exportedSymbols()
 {
     const std::string command = std::string(NM_PROGRAM) + " -D --defined-only " VERIFIER_LIBRARY;
     std::string output;
-    FILE* pipe = popen(command.c_str(), "r");
-    std::array<char, 256> line{};
-    while (pipe != nullptr && std::fgets(line.data(), line.size(), pipe) != nullptr) {
-        const std::string symbol = line.data();
-        output += symbol.substr(symbol.find(' ') + 1);  // behind the address
+    std::istringstream lines(outputOf(command));
+    for (std::string symbol; std::getline(lines, symbol);) {
+        output += symbol.substr(symbol.find(' ') + 1) + "\n";  // behind the address
     }
-    pclose(pipe);
     return output;
 }
 

@@ -1,5 +1,7 @@
 // Which content and trailer the verifier accepts.
 
+#include <fstream>
+
 #include "support/texts.h"
 #include "unit/verifier/verifier-test.h"
 
@@ -36,9 +38,9 @@ TEST_F(Signature, OfAnotherMakerUnderATrustedKeysIdIsRefused)
     makeImage(image, "b", "2.0", "payload");
     const std::string foreign = readAll(image);
     // b's content and signature, a's key id.
-    writeAll(image, foreign.substr(0, foreign.size() - 520) +
-                        content.substr(content.size() - 520, 8) +
-                        foreign.substr(foreign.size() - 512));
+    writeFile(image, foreign.substr(0, foreign.size() - 520) +
+                         content.substr(content.size() - 520, 8) +
+                         foreign.substr(foreign.size() - 512));
 
     EXPECT_EQ(verify(image), 0);
     EXPECT_EQ(said, "libkUEPUser: " + image +
@@ -49,7 +51,7 @@ TEST_F(Signature, OfAnotherMakerUnderATrustedKeysIdIsRefused)
 TEST_F(Signature, IsRefusedAtEveryTruncationOfTheImage)
 {
     for (std::size_t length = 0; length < content.size(); ++length) {
-        writeAll(image, content.substr(0, length));
+        writeFile(image, content.substr(0, length));
         EXPECT_EQ(verify(image), 0) << length;
         SCOPED_TRACE(length);
         expectText(said, like("*not signed: *"));
@@ -58,10 +60,10 @@ TEST_F(Signature, IsRefusedAtEveryTruncationOfTheImage)
 
 TEST_F(Signature, IsRefusedWithBytesAddedInFrontOrBehind)
 {
-    writeAll(image, content + '\0');
+    writeFile(image, content + '\0');
     EXPECT_EQ(verify(image), 0);
 
-    writeAll(image, '\0' + content);
+    writeFile(image, '\0' + content);
     EXPECT_EQ(verify(image), 0);
 }
 
@@ -71,7 +73,7 @@ TEST_F(Signature, IsRefusedWithAnySingleBitFlipped)
         for (unsigned bit = 0; bit < 8; ++bit) {
             std::string damaged = content;
             damaged[i] = static_cast<char>(static_cast<unsigned char>(damaged[i]) ^ (1U << bit));
-            writeAll(image, damaged);
+            writeFile(image, damaged);
             ASSERT_EQ(verify(image), 0) << "byte " << i << " bit " << bit;
         }
     }
@@ -80,7 +82,7 @@ TEST_F(Signature, IsRefusedWithAnySingleBitFlipped)
 TEST_F(Signature, EachPartOfTheTrailerHeaderHasItsOwnReason)
 {
     const auto reasonOf = [&](const std::string& damaged) {
-        writeAll(image, damaged);
+        writeFile(image, damaged);
         EXPECT_EQ(verify(image), 0);
         return said;
     };
@@ -94,7 +96,7 @@ TEST_F(Signature, EachPartOfTheTrailerHeaderHasItsOwnReason)
 
 TEST_F(Signature, OfAContentIsWorthNothingWithoutTheContent)
 {
-    writeAll(image, content.substr(content.size() - 534));
+    writeFile(image, content.substr(content.size() - 534));
 
     EXPECT_EQ(verify(image), 0);
     expectText(said, like("*signature does not match the content*"));
@@ -102,7 +104,7 @@ TEST_F(Signature, OfAContentIsWorthNothingWithoutTheContent)
 
 TEST_F(Signature, IsNotFoundInAFileShorterThanATrailer)
 {
-    writeAll(image, content.substr(content.size() - 533));
+    writeFile(image, content.substr(content.size() - 533));
 
     EXPECT_EQ(verify(image), 0);
     expectText(said, like("*not signed: too short for a signature trailer*"));
@@ -111,7 +113,7 @@ TEST_F(Signature, IsNotFoundInAFileShorterThanATrailer)
 TEST_F(Signature, IsNotLookedForInAFileThatIsLongerThanAnyImage)
 {
     // A hole costs nothing to make, and years to read.
-    writeAll(image, content);
+    writeFile(image, content);
     std::filesystem::resize_file(image, (std::uintmax_t{1} << 40U) - 534);
     std::ofstream(image, std::ios::app | std::ios::binary) << content.substr(content.size() - 534);
 
@@ -126,7 +128,7 @@ TEST_F(Signature, CoversAContentOfManyReads)
 
     std::string damaged = readAll(image);
     damaged[200000] = static_cast<char>(damaged[200000] + 1);
-    writeAll(image, damaged);
+    writeFile(image, damaged);
     EXPECT_EQ(verify(image), 0);
 }
 

@@ -3,11 +3,10 @@
 #define QUILLON_TESTS_UNIT_VERIFIER_TEST_KEYS_H
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <string>
 
+#include "support/files.h"
 #include "tools/quillon-image/keys.h"
 #include "tools/quillon-image/stick-image.h"
 
@@ -21,30 +20,16 @@ inline std::string keyPath(const std::string& maker, const std::string& file)
     return std::string(QUILLON_TEST_KEYS) + "/" + maker + "/" + file;
 }
 
-inline std::string readAll(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-inline void writeAll(const std::string& path, const std::string& content)
-{
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-}
-
 /// Gives the device a trust policy.
 inline void putPolicy(const std::string& text)
 {
-    std::filesystem::create_directories(std::filesystem::path(QUILLON_TRUST_POLICY).parent_path());
-    writeAll(QUILLON_TRUST_POLICY, text);
+    writeFile(QUILLON_TRUST_POLICY, text);
 }
 
 /// Gives the device the floors that packages have raised.
 inline void putFloors(const std::string& text)
 {
-    std::filesystem::create_directories(
-        std::filesystem::path(QUILLON_SECURITY_FLOORS).parent_path());
-    writeAll(QUILLON_SECURITY_FLOORS, text);
+    writeFile(QUILLON_SECURITY_FLOORS, text);
 }
 
 /// Makes the device trust a maker's signatures.
@@ -70,7 +55,7 @@ inline void makeImage(const std::string& path, const std::string& maker, const s
                       const std::optional<ImagePurpose>& purpose = std::nullopt)
 {
     const std::string payloadPath = path + ".payload";
-    writeAll(payloadPath, payload);
+    writeFile(payloadPath, payload);
     buildStickImage(version, payloadPath, loadImageKey(keyPath(maker, kImageKeyFile)),
                     loadSigningKey(keyPath(maker, kSigningKeyFile)).get(), path, purpose);
     std::filesystem::remove(payloadPath);

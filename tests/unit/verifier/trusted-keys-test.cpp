@@ -23,7 +23,7 @@ protected:
 
     void putKey(const std::string& name, const std::string& text)
     {
-        writeAll(kTrustedKeys + name, text);
+        writeFile(kTrustedKeys + name, text);
     }
 };
 
@@ -132,7 +132,7 @@ TEST_F(TrustedKeys, AnEncipheredPemNeverAsksForAPassPhrase)
 TEST_F(TrustedKeys, TroubleLeavesTheProcesssOpensslErrorsAsTheyWere)
 {
     putKey("0.pem", "no key at all");
-    writeAll(image, '\0' + content);
+    writeFile(image, '\0' + content);
 
     ERR_clear_error();
     EXPECT_EQ(verify(image), 0);

@@ -20,12 +20,14 @@
 
 #include "helpers/lifecycle/own-queues.h"
 #include "support/texts.h"
+#include "support/wait.h"
 #include "unit/platform/notify-socket.h"
 
 namespace {
 
 using quillon::test::expectTextAmong;
 using quillon::test::expectTexts;
+using quillon::test::waitFor;
 
 using namespace std::chrono_literals;
 using quillon::unit::endAndWait;
@@ -73,17 +75,15 @@ private:
 
 void waitForTheMarkerToGo()
 {
-    while (isMarked()) {
-        usleep(10000);
-    }
+    waitFor("the marker's end", [] { return !isMarked(); });
 }
 
 void waitForThreads(pid_t process, std::ptrdiff_t count)
 {
     const std::string threads = "/proc/" + std::to_string(process) + "/task";
-    while (std::distance(std::filesystem::directory_iterator(threads), {}) < count) {
-        usleep(10000);
-    }
+    waitFor("the threads", [&] {
+        return std::distance(std::filesystem::directory_iterator(threads), {}) >= count;
+    });
 }
 
 class OrderlyEnd : public testing::Test

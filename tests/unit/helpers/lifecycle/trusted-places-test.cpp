@@ -1,6 +1,7 @@
 // Who can change what a device trusts.
 
 #include "helpers/lifecycle/trusted-places.h"
+#include "support/process.h"
 #include "support/texts.h"
 
 #include <gmock/gmock.h>
@@ -8,7 +9,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -19,6 +19,7 @@ namespace {
 using quillon::test::expectTexts;
 using quillon::test::expectTextsInAnyOrder;
 using quillon::test::like;
+using quillon::test::succeeds;
 
 namespace fs = std::filesystem;
 using namespace quillon::unit;
@@ -58,7 +59,7 @@ protected:
         const std::string mark = "; mend it: ";
         for (const std::string& line : lines) {
             const std::string command = line.substr(line.find(mark) + mark.size());
-            EXPECT_EQ(std::system(("bash -c \"" + command + "\"").c_str()), 0) << command;
+            EXPECT_TRUE(succeeds("bash -c \"" + command + "\"")) << command;
         }
         return faultsOf({place});
     }

@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,6 +16,7 @@
 #include <vector>
 
 #include "helpers/mount/listening-socket.h"
+#include "support/process.h"
 #include "support/texts.h"
 
 using namespace quillon;
@@ -25,6 +25,7 @@ using namespace quillon::privileged;
 namespace {
 
 using quillon::test::expectTexts;
+using quillon::test::inChildAs;
 
 constexpr const char* kPath = "/run/quillon/server-test.sock";
 constexpr int kHandled = 77;
@@ -160,20 +161,13 @@ TEST_F(PrivilegedServer, GivesThePlaceOfWhoeverIsSilentLongestToANewClient)
 
 TEST_F(PrivilegedServer, EndsTheConnectionOfWhoeverMayNotAsk)
 {
-    constexpr int kNoOtherUser = 2;
     ASSERT_EQ(chmod(kPath, 0666), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-        if (setuid(1234) != 0) {
-            _exit(kNoOtherUser);
-        }
+    const int status = inChildAs(1234, 1234, {}, [] {
         const UniqueFd connection = client();
         const int first = ask(connection, request(Kind::kMount, "a"));
-        _exit(first == EPERM && answer(connection) == -1 ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    if (WIFEXITED(status) && WEXITSTATUS(status) == kNoOtherUser) {
+        return first == EPERM && answer(connection) == -1 ? 0 : 1;
+    });
+    if (status == 126) {
         GTEST_SKIP() << "there is only one user here";
     }
     EXPECT_EQ(status, 0);
