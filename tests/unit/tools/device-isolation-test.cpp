@@ -317,9 +317,11 @@ TEST(DeviceOfAnOrdinaryUser, WorksThroughAUserNamespace)
         GTEST_SKIP() << "this machine does not allow user namespaces";
     }
     const SharedProgram program;
-    const std::string script = forEach("d", kDirectories, "touch $d/file || exit 1") +
-                               "touch /usr/lib/libkUEPUser.so /tmp/x /var/tmp/x /run/lock/x && "
-                               "echo $QUILLON_DEVICE $(id -u)";
+    // What already is in /tmp is the machine's, which may hold any name.
+    const std::string script =
+        forEach("d", kDirectories, "touch $d/file || exit 1") +
+        forEach("d", "/tmp /var/tmp /run/lock", "mktemp $d/XXXXXXXXXX >/dev/null || exit 1") +
+        "touch /usr/lib/libkUEPUser.so && echo $QUILLON_DEVICE $(id -u)";
     // Where that user may be: the directory of the build may lie below one that is closed.
     Words words = {"env", "--chdir=/", program.path(), "run", "--", "sh", "-c", script};
     if (::geteuid() == 0) {
