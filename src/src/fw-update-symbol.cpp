@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -48,6 +49,8 @@ constexpr std::size_t kInformationLimit = 1U << 20U;  // bytes; a real one has s
 /// The longest text that a plug-in may write, terminated even if the plug-in forgets to.
 using PluginText = std::array<char, FW_PLUGIN_TEXT_SIZE + 1>;
 
+constexpr int kChildStatus = 127;  // of a child that could not become another program
+
 constexpr const char* kVerifierEntry = "verifyFile";
 constexpr const char* kDigestEntry = "verifyDigest";
 constexpr const char* kVerifierCaller = "UserCaller";
@@ -86,6 +89,33 @@ std::optional<std::string> linkerError()
 {
     const char* error = dlerror();
     return error != nullptr ? std::optional<std::string>(error) : std::nullopt;
+}
+
+/// Ends a child that was forked while it stands.
+class EndOfChildren
+{
+public:
+    EndOfChildren() = default;
+    ~EndOfChildren()
+    {
+        if (getpid() != process_) {
+            _exit(kChildStatus);
+        }
+    }
+    EndOfChildren(const EndOfChildren&) = delete;
+    EndOfChildren& operator=(const EndOfChildren&) = delete;
+
+private:
+    pid_t process_ = getpid();
+};
+
+/// Calls what a plug-in or the verifier brings along. A child that it forks and lets come out of
+/// the call would go on as a second service, and ends instead.
+template <typename Entry, typename... Arguments>
+auto callLibrary(const Entry& entry, Arguments... arguments)
+{
+    const EndOfChildren children;
+    return entry(arguments...);
 }
 
 /// Looks an entry up in a library and binds it; an entry that is not there leaves the slot empty.
@@ -213,8 +243,8 @@ bool isDigestSigned(quillon::ReadWitness& witness, const char* directory,
     quillon::Sha256 digest{};
     quillon::ImageTrailerBytes trailer{};
     return witness.testify(digest, trailer) &&
-           verify(nullptr, digest.data(), trailer.data(), kTrailerSize,
-                  ownImagePath(directory, firmwareName).c_str(), kVerifierCaller) != 0;
+           callLibrary(verify, nullptr, digest.data(), trailer.data(), kTrailerSize,
+                       ownImagePath(directory, firmwareName).c_str(), kVerifierCaller) != 0;
 }
 
 quillon::ReadWitness::Digest wantedDigest()
@@ -252,7 +282,7 @@ int uep_verify(const char* path)
     if (s_kuep_verifier.load() == nullptr) {
         // Without a verifier every image counts as signed: such a device relies on the
         // cipher alone.
-        void* handle = dlopen(quillon::paths::kVerifierLibrary, RTLD_LAZY);
+        void* handle = callLibrary(dlopen, quillon::paths::kVerifierLibrary, RTLD_LAZY);
         if (handle == nullptr) {
             FW_LOGE("[uep][%s] pHandle Error: %s\n", kVerifierCaller,
                     linkerError().value_or("").c_str());
@@ -264,7 +294,7 @@ int uep_verify(const char* path)
         if (error || entry == nullptr) {
             FW_LOGE("[uep][%s] dlsym Error: %s\n", kVerifierCaller,
                     error.value_or("the entry is null").c_str());
-            dlclose(handle);
+            callLibrary(dlclose, handle);
             return 1;
         }
         digestVerifier.store(
@@ -274,7 +304,7 @@ int uep_verify(const char* path)
         s_kuep_verifier.store(entry);
     }
 
-    const int result = s_kuep_verifier.load()(nullptr, path, kVerifierCaller);
+    const int result = callLibrary(s_kuep_verifier.load(), nullptr, path, kVerifierCaller);
     if (result != 0) {
         FW_LOGE("[uep][%s] the file is signed successfully : %s\n", kVerifierCaller, path);
     } else {
@@ -308,7 +338,7 @@ int FWUpdateSymbol::loadSymbol(const std::string& name)
         libName_ = std::make_shared<const std::string>(name);
     }
 
-    void* handle = dlopen(resolved.data(), RTLD_NOW);
+    void* handle = callLibrary(dlopen, resolved.data(), RTLD_NOW);
     if (handle == nullptr) {
         const std::string error = linkerError().value_or("");
         FW_LOGE("Error: dlsym libfile: %s error: %s\n", path.c_str(), error.c_str());
@@ -316,7 +346,9 @@ int FWUpdateSymbol::loadSymbol(const std::string& name)
     }
     unbind();  // nothing may point into a library of an earlier load, which is closed now
     // The plug-in may have kept the name that it was told: it outlives the library.
-    library_.reset(handle, [name = libName_](void* library) { quillon::LibraryCloser()(library); });
+    library_.reset(handle, [name = libName_](void* library) {
+        callLibrary(quillon::LibraryCloser(), library);
+    });
     if (!library_) {
         return -1;
     }
@@ -403,7 +435,7 @@ void FWUpdateSymbol::unbind()
 int FWUpdateSymbol::getEMPID(std::string& out)
 {
     PluginText buffer{};
-    getEMPID_(buffer.data());
+    callLibrary(getEMPID_, buffer.data());
     buffer.back() = '\0';
     out = buffer.data();
 
@@ -423,23 +455,23 @@ int FWUpdateSymbol::getEMPID(std::string& out)
 
 int FWUpdateSymbol::setContext(CallerTypes caller, char* arg)
 {
-    return setContext_(libName_->c_str(), caller, arg);
+    return callLibrary(setContext_, libName_->c_str(), caller, arg);
 }
 
 int FWUpdateSymbol::getActiveVersion(char* buffer)
 {
     setContext(CALLER_SERVICE, quillon::emptyText());
-    return getActiveVersion_(buffer);
+    return callLibrary(getActiveVersion_, buffer);
 }
 
 int FWUpdateSymbol::checkVersion(const char* version, int* need)
 {
-    return checkVersion_(version, need);
+    return callLibrary(checkVersion_, version, need);
 }
 
 int FWUpdateSymbol::doUpdate(const char* path, unsigned long value, unsigned int /*extra*/)
 {
-    return doUpdate_(path, value);
+    return callLibrary(doUpdate_, path, value);
 }
 
 int FWUpdateSymbol::allUpdateDone()
@@ -447,7 +479,7 @@ int FWUpdateSymbol::allUpdateDone()
     if (!allUpdateDone_) {
         return -1;
     }
-    return allUpdateDone_();
+    return callLibrary(allUpdateDone_);
 }
 
 int FWUpdateSymbol::doUpdate_decryption(const unsigned char* data, int length)
@@ -455,7 +487,7 @@ int FWUpdateSymbol::doUpdate_decryption(const unsigned char* data, int length)
     if (!isLoaded_ || !doUpdate_decryption_) {
         return -1;
     }
-    return doUpdate_decryption_(data, length);
+    return callLibrary(doUpdate_decryption_, data, length);
 }
 
 int FWUpdateSymbol::getExpectedTime(int* seconds)
@@ -463,7 +495,7 @@ int FWUpdateSymbol::getExpectedTime(int* seconds)
     if (!isLoaded_ || !getExpectedTime_) {
         return -1;
     }
-    return getExpectedTime_(seconds);
+    return callLibrary(getExpectedTime_, seconds);
 }
 
 int FWUpdateSymbol::getUpdateProgress(unsigned int* progress)
@@ -471,7 +503,7 @@ int FWUpdateSymbol::getUpdateProgress(unsigned int* progress)
     if (!getUpdateProgress_) {
         return -1;
     }
-    return getUpdateProgress_(progress);
+    return callLibrary(getUpdateProgress_, progress);
 }
 
 bool FWUpdateSymbol::isLoaded() const

@@ -16,7 +16,9 @@ enum class Effect {
     Hang,          ///< never returns
     Crash,         ///< aborts the process
     Exit,          ///< ends the process with status 0
-    ChildExits     ///< forks a child that calls exit(0), waits for it, and returns
+    ChildExits,    ///< forks a child that calls exit(0), waits for it, and returns
+    ChildReturns,  ///< forks a child that returns as well, and tells how it ended
+    ChildThrows    ///< forks a child that raises std::runtime_error, and tells how it ended
 };
 
 /// How one entry behaves. The delay comes first, then the effect, then errno and the result.

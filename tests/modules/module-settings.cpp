@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -45,6 +46,12 @@ Effect toEffect(const std::string& text)
     }
     if (text == "child-exits") {
         return Effect::ChildExits;
+    }
+    if (text == "child-returns") {
+        return Effect::ChildReturns;
+    }
+    if (text == "child-throws") {
+        return Effect::ChildThrows;
     }
     return text == "crash" ? Effect::Crash : Effect::None;
 }
@@ -136,6 +143,18 @@ void tell(const std::string& call)
     } else {
         appendToFile("/tmp/quillon-test-" + ownName() + ".log", text + "\n");
     }
+}
+
+bool forkChild()
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        return true;
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    tell("child(" + std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1) + ")");
+    return false;
 }
 
 void tellPayload(const unsigned char* data, int length)

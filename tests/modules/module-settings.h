@@ -21,6 +21,10 @@ fakes::ModuleBehaviour ownBehaviour();
 /// Tells of a call: `entry(arguments)`.
 void tell(const std::string& call);
 
+/// Forks a child, waits for its end, and tells that with its exit status: "child(127)".
+/// @return true in the child
+bool forkChild();
+
 /// Hands a payload to the test.
 void tellPayload(const unsigned char* data, int length);
 

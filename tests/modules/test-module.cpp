@@ -22,6 +22,7 @@ namespace {
 using quillon::fakes::Effect;
 using quillon::fakes::EntryBehaviour;
 using quillon::fakes::ModuleBehaviour;
+using quillon::test_module::forkChild;
 using quillon::test_module::ownBehaviour;
 using quillon::test_module::tell;
 
@@ -63,6 +64,14 @@ int finish(const ModuleBehaviour& behaviour, const char* name)
             waitpid(child, nullptr, 0);
             break;
         }
+        case Effect::ChildReturns:
+            forkChild();
+            break;
+        case Effect::ChildThrows:
+            if (forkChild()) {
+                throw std::runtime_error(name);
+            }
+            break;
         case Effect::None:
             break;
     }

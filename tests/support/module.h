@@ -114,6 +114,12 @@ public:
         library_ = "null-" + entry;
         return *this;
     }
+    /// Forks a child that returns while it is loaded, and another one while it is unloaded.
+    Module& forkingAtLoad()
+    {
+        library_ = "forks-at-load";
+        return *this;
+    }
 
     const std::string& library() const { return library_; }
     const fakes::ModuleBehaviour& behaviour() const { return behaviour_; }

@@ -11,6 +11,7 @@
 //   overflow-in-ENTRY  overflows its stack
 //   fork-in-ENTRY    forks a process, which exits
 //   fork-at-once-in-ENTRY  forks a process, which exits by _exit
+//   return-in-ENTRY  forks a process, which returns
 //   stay-in-ENTRY    forks a process, which waits until there is a file /tmp/quillon-test-go
 //   kill-in-ENTRY    forks a process, ends it with SIGTERM, and tells in /tmp/quillon-test-child
 //                    what signal ended it
@@ -177,8 +178,11 @@ void act(const std::string& word, const std::string& moment)
         ::waitpid(child, &status, 0);
         std::ofstream("/tmp/quillon-test-child") << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
     }
-    if (is("fork") || is("fork-at-once")) {
+    if (is("fork") || is("fork-at-once") || is("return")) {
         const pid_t child = ::fork();
+        if (child == 0 && is("return")) {
+            return;
+        }
         if (child == 0) {
             is("fork") ? std::exit(0) : ::_exit(0);
         }

@@ -6,6 +6,7 @@
 
 #include "support/texts.h"
 #include "system/control-layer.h"
+#include "system/daemon.h"
 
 namespace quillon::test {
 namespace {
@@ -106,9 +107,9 @@ TEST_F(ModuleEndsProgram, NotByKeepingItFromEnding)
     EXPECT_EQ(json({"check", "--source", "usb"}, 7)["event"], "modules-check");
 }
 
-TEST_F(ModuleEndsProgram, NotByTheExitOfItsChild)
+TEST_F(ModuleEndsProgram, NotByTheEndOfItsChild)
 {
-    for (const std::string way : {"fork", "fork-at-once"}) {
+    for (const std::string way : {"fork", "fork-at-once", "return"}) {
         installGuided("alpha", way + "-in-doUpdate");
 
         const ModulesResult result = runModules({"update", "alpha", "--source", "system"});
@@ -117,6 +118,22 @@ TEST_F(ModuleEndsProgram, NotByTheExitOfItsChild)
         expectText(result.out, like("*alpha  1.0      updated\n"));
         expectNoText(result.err, like("*has ended the program*"));
         EXPECT_EQ(semaphoreValue(), 1);
+    }
+}
+
+TEST_F(ModuleEndsProgram, NotByAChildThatGoesOnAsASecondControlLayer)
+{
+    for (const std::string moment : {"load", "setContext", "checkVersion", "allUpdateDone"}) {
+        std::filesystem::remove("/tmp/quillon-test-alpha.log");
+        installGuided("alpha", "return-in-" + moment);
+
+        const ModulesResult result = runModules({"update", "alpha", "--source", "system"});
+
+        EXPECT_EQ(result.exitCode, 0) << moment;
+        EXPECT_EQ(linesOf("/tmp/quillon-test-alpha.log", "alpha.doUpdate(").size(), 1U) << moment;
+        EXPECT_EQ(linesOf("/tmp/quillon-test-alpha.log", "alpha.allUpdateDone(").size(), 1U)
+            << moment;
+        EXPECT_EQ(semaphoreValue(), 1) << moment;
     }
 }
 

@@ -1,3 +1,5 @@
+#include <filesystem>
+
 #include "support/texts.h"
 #include "system/system-test.h"
 #include "unit/verifier/test-keys.h"
@@ -23,6 +25,18 @@ protected:
     static void install(const std::string& settings)
     {
         installTestModule("alpha", "need=1\nseconds=5\n" + settings);
+    }
+
+    /// How many processes of this device run the service's program.
+    static int services()
+    {
+        const auto program = std::filesystem::canonical(QUILLON_SERVICE_PROGRAM);
+        int count = 0;
+        for (const auto& process : std::filesystem::directory_iterator("/proc")) {
+            std::error_code error;
+            count += std::filesystem::read_symlink(process.path() / "exe", error) == program;
+        }
+        return count;
     }
 };
 
@@ -65,6 +79,21 @@ TEST_F(PlugInFailures, AChildThatCallsExitDoesNotTakeTheQueuesAway)
 
     EXPECT_NO_THROW(Channel()) << "a client that comes now";
     EXPECT_EQ(estimate().result, MQ_RESULT_ACCEPTED);
+    EXPECT_EQ(daemon.stop(), 0);
+}
+
+TEST_F(PlugInFailures, AChildThatComesOutOfAnEntryIsNoSecondService)
+{
+    for (const std::string effect : {"child-returns", "child-throws"}) {
+        install("checkVersion.effect=" + effect + "\n");
+        if (!daemon.isRunning()) {
+            startDaemon();
+        }
+
+        EXPECT_EQ(estimate().result, MQ_RESULT_ACCEPTED) << effect;
+        EXPECT_EQ(services(), 1) << effect;
+    }
+    EXPECT_EQ(linesOf("/tmp/quillon-test-alpha.log", "alpha.child(127)").size(), 2U);
     EXPECT_EQ(daemon.stop(), 0);
 }
 
