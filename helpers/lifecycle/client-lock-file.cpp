@@ -35,6 +35,16 @@ bool isMade(const std::string& path)
     return true;
 }
 
+/// What keeps a file from becoming the lock; empty when nothing does. Whoever can rename a file to
+/// this name may not be one who can read it.
+std::string faultOf(const struct stat& status)
+{
+    if (status.st_nlink != 1) {
+        return "has a second name";
+    }
+    return (status.st_mode & ALLPERMS) == kMode ? "" : "has another mode than 0666";
+}
+
 }  // namespace
 
 void provideClientLock(const std::string& path)
@@ -49,14 +59,15 @@ void provideClientLock(const std::string& path)
     struct stat status = {};
     const bool isFile =
         file.get() != -1 && fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode);
-    if (isFile && status.st_nlink == 1) {
+    const std::string fault = isFile ? faultOf(status) : "is no file";
+    if (fault.empty()) {
         openToEverybody(file, path);
         return;
     }
     if (isFile && flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
-        say(Priority::kWarning, "the clients' lock " + path +
-                                    " has a second name, and stays, since somebody holds it; "
-                                    "restart the service once nobody does");
+        say(Priority::kWarning, "the clients' lock " + path + " " + fault +
+                                    ", and stays, since somebody holds it; restart the service "
+                                    "once nobody does");
         return;
     }
     putFile(path, 0, 0, kMode);

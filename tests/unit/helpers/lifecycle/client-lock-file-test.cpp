@@ -30,6 +30,12 @@ struct stat statusOf(const char* path)
     return status;
 }
 
+bool isAt(const char* path, int file)
+{
+    struct stat status = {};
+    return fstat(file, &status) == 0 && status.st_ino == statusOf(path).st_ino;
+}
+
 bool lock(int file)
 {
     return flock(file, LOCK_EX | LOCK_NB) == 0;
@@ -71,26 +77,43 @@ TEST_F(ClientLockFile, ThatAClientHasMadeStaysWithItsLock)
     provide();
 
     expectUsable();
-    EXPECT_EQ(statusOf(kLock).st_ino, [&] {
-        struct stat status = {};
-        fstat(client, &status);
-        return status.st_ino;
-    }());
+    EXPECT_TRUE(isAt(kLock, client));
     EXPECT_FALSE(lock(open(kLock, O_RDWR | O_CLOEXEC))) << "two clients at a time";
 }
 
-TEST_F(ClientLockFile, ThatIsClosedToOthersIsOpenedAndKeepsItsLock)
+TEST_F(ClientLockFile, ThatIsClosedToOthersIsReplacedOnceNobodyHoldsItAndNeverOpened)
 {
-    const int client = open(kLock, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    std::ofstream(kLock) << "precious";
+    chmod(kLock, 0600);
+    const int client = open(kLock, O_RDWR | O_CLOEXEC);
+    ASSERT_TRUE(lock(client));
+
+    provide();
+    EXPECT_TRUE(isAt(kLock, client)) << "two clients at a time";
+    EXPECT_EQ(statusOf(kLock).st_mode & 0777U, 0600U) << "a file of somebody's was opened";
+    flock(client, LOCK_UN);
+    provide();
+
+    expectUsable();
+    EXPECT_FALSE(isAt(kLock, client));
+    struct stat status = {};
+    fstat(client, &status);
+    EXPECT_EQ(status.st_mode & 0777U, 0600U) << "a file of somebody's was opened";
+}
+
+TEST_F(ClientLockFile, ThatIsOpenToEverybodyBecomesRootsAndKeepsItsLock)
+{
+    const int client = open(kLock, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     if (fchown(client, 1234, 1234) != 0) {
         GTEST_SKIP() << "there are no other users here";
     }
     ASSERT_TRUE(lock(client));
+    ASSERT_EQ(write(client, "17\n", 3), 3) << "as clients do";
 
     provide();
 
     expectUsable();
-    EXPECT_FALSE(lock(open(kLock, O_RDWR | O_CLOEXEC))) << "two clients at a time";
+    EXPECT_TRUE(isAt(kLock, client)) << "two clients at a time";
 }
 
 TEST_F(ClientLockFile, WithASecondNameIsReplacedOnceNobodyHoldsIt)
