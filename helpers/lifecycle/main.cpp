@@ -46,7 +46,8 @@ constexpr const char* kHelp =
     "                    $QUILLON_QUEUE_GROUP, only its members may use the queues\n"
     "  end PROCESS       remove the life marker and wait until the daemon has ended\n"
     "  tidy              remove the life marker and the readiness event; fail if the daemon\n"
-    "                    has ended with status 0 but has left its life marker\n"
+    "                    has ended with status 0, or by a signal that counts as success,\n"
+    "                    but has left its life marker\n"
     "  require-verifier  fail if the signature verifier cannot be loaded\n"
     "  require-trust     fail if a user other than root can change what the device trusts:\n"
     "                    keys, certificates, policy, floors, verifier and modules\n"
@@ -134,33 +135,49 @@ bool isInEnvironment(const char* name, std::string_view value)
     return found != nullptr && found == value;
 }
 
-/// Whether the service manager has seen the daemon end with status 0 although it had not come to
-/// its own end: it takes its marker away as its last act, and `end` puts a link there before that.
-bool hasBeenEndedFromInside()
+bool isFile(const char* path)
 {
     struct stat status = {};
-    return isInEnvironment("EXIT_CODE", "exited") && isInEnvironment("EXIT_STATUS", "0") &&
-           lstat(paths::kLifeMarker, &status) == 0 && S_ISREG(status.st_mode);
+    return lstat(path, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+/// How the daemon has ended if the service manager takes that for a success although the daemon had
+/// not come to its own end: it takes its marker away as its last act, and `end` puts a link there
+/// before that. Empty after every other end.
+std::string endFromInside()
+{
+    if (!isInEnvironment("SERVICE_RESULT", "success") || !isFile(paths::kLifeMarker)) {
+        return "";
+    }
+    if (isInEnvironment("EXIT_CODE", "exited")) {
+        return "with status 0, but not by its own end: a module has called exit()";
+    }
+    // One that is stopped before it is ready gets a signal instead of `end`.
+    const char* signal = std::getenv("EXIT_STATUS");
+    if (isInEnvironment("EXIT_CODE", "killed") && signal != nullptr && isFile(paths::kReadyEvent)) {
+        return std::string("by the signal SIG") + signal +
+               ", but was not stopped: unless root has sent that, a module has";
+    }
+    return "";
 }
 
 /// @return kFailed also when the service manager is to start the daemon again
 int tidy()
 {
-    const bool isUnwanted = hasBeenEndedFromInside();
+    const std::string unwanted = endFromInside();
     clear(paths::kReadyEvent);
     clear(paths::kLifeMarker);
     // Commands outlive a crash.
     const char* result = std::getenv("SERVICE_RESULT");
-    if (!isUnwanted && (result == nullptr || isInEnvironment("SERVICE_RESULT", "success"))) {
+    if (unwanted.empty() && (result == nullptr || isInEnvironment("SERVICE_RESULT", "success"))) {
         removeGroupQueues();
     }
-    if (!isUnwanted) {
+    if (unwanted.empty()) {
         return 0;
     }
-    say(Priority::kError,
-        "the service ended with status 0, but not by its own end: a module has called exit(). Look "
-        "in the journal for the module that was at work last, and take it out of the modules' "
-        "directory or mend it");
+    say(Priority::kError, "the service ended " + unwanted +
+                              ". Look in the journal for the module that was at work last, and "
+                              "take it out of the modules' directory or mend it");
     return kFailed;
 }
 

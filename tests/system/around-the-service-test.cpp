@@ -209,6 +209,28 @@ TEST_F(AroundTheService, AnEndWithStatus0ThatWasNotItsOwnIsAFailure)
     EXPECT_FALSE(fs::exists(kLifeMarker));
 }
 
+TEST_F(AroundTheService, AnEndByASignalThatCountsAsSuccessIsAFailureUnlessItWasAskedFor)
+{
+    for (const std::string signal : {"TERM", "INT", "HUP", "PIPE"}) {
+        const std::string ended = "SERVICE_RESULT=success EXIT_CODE=killed EXIT_STATUS=" + signal;
+        ASSERT_EQ(prepare().status, 0);
+        EXPECT_EQ(unit("tidy", ended).status, 0) << "a stop before it was ready";
+
+        ASSERT_NO_FATAL_FAILURE(daemon.startAndWait());
+        daemon.kill();
+        const Result tidied = unit("tidy", ended);
+        EXPECT_EQ(tidied.status, 1);
+        expectText(tidied.err, like("*by the signal SIG" + signal + ", but was not stopped*"));
+        EXPECT_FALSE(fs::exists(kLifeMarker));
+
+        ASSERT_NO_FATAL_FAILURE(daemon.startAndWait());
+        fs::remove(kLifeMarker);
+        fs::create_symlink("/nonexistent/quillon-is-stopping", kLifeMarker);  // as a stop does
+        daemon.kill();
+        EXPECT_EQ(unit("tidy", ended).status, 0) << "while it was being stopped";
+    }
+}
+
 TEST_F(AroundTheService, EveryOtherEndIsNoFailureOfTheTidying)
 {
     ASSERT_EQ(prepare().status, 0);
