@@ -28,29 +28,38 @@ bool isOfFile(const std::string& line, const struct stat& file)
            inode == file.st_ino && makedev(major, minor) == file.st_dev;
 }
 
-/// @return nothing when the thread has no memory any more, or never had: it has ended, or is one of
-///         the kernel's. That tells nothing about the other threads of its process.
+bool hasEnded(int error)
+{
+    return error == ENOENT || error == ESRCH;
+}
+
+/// @return as mappingIn
 std::optional<Mapping> mappingOfThread(const fs::path& directory, const struct stat& file)
 {
     errno = 0;
     std::ifstream maps(directory / "maps");
     if (!maps) {
-        const bool hasEnded = errno == ENOENT || errno == ESRCH;
-        return hasEnded ? std::nullopt : std::optional(Mapping::kHidden);
+        return hasEnded(errno) ? std::nullopt : std::optional(Mapping::kHidden);
     }
+    return mappingIn(maps, file);
+}
+
+}  // namespace
+
+std::optional<Mapping> mappingIn(std::istream& maps, const struct stat& file)
+{
     bool isEmpty = true;
+    errno = 0;
     for (std::string line; std::getline(maps, line); isEmpty = false) {
         if (isOfFile(line, file)) {
             return Mapping::kHas;
         }
     }
     if (maps.bad()) {
-        return Mapping::kHidden;
+        return hasEnded(errno) ? std::nullopt : std::optional(Mapping::kHidden);
     }
     return isEmpty ? std::nullopt : std::optional(Mapping::kNone);
 }
-
-}  // namespace
 
 Mapping mappingOf(pid_t process, const struct stat& file)
 {

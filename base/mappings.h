@@ -4,6 +4,9 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <istream>
+#include <optional>
+
 namespace quillon {
 
 enum class Mapping {
@@ -17,6 +20,12 @@ enum class Mapping {
 /// @param file  what fstat tells about the file
 /// Thread: any. Throws std::bad_alloc.
 Mapping mappingOf(pid_t process, const struct stat& file);
+
+/// The same in an opened /proc/PID/task/TID/maps.
+/// @return nothing when the thread has no memory any more, or never had: it has ended, maybe since
+///         the file was opened, or is one of the kernel's. That tells nothing about the other
+///         threads of its process.
+std::optional<Mapping> mappingIn(std::istream& maps, const struct stat& file);
 
 }  // namespace quillon
 

@@ -7,6 +7,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fstream>
+#include <optional>
+#include <string>
+
 #include "base/fd.h"
 #include "support/process.h"
 #include "support/threaded-process.h"
@@ -32,9 +36,10 @@ protected:
 
     Mapping of(pid_t process) const { return mappingOf(process, status_); }
 
+    struct stat status_ = {};
+
 private:
     UniqueFd file_{open("/dev/shm", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600)};
-    struct stat status_ = {};
 };
 
 TEST_F(Mappings, AreSeenInAProcess)
@@ -68,6 +73,27 @@ TEST_F(Mappings, EndWithTheProcess)
 
     ASSERT_EQ(waitpid(process, nullptr, 0), process);
     EXPECT_EQ(of(process), Mapping::kNone);
+}
+
+TEST_F(Mappings, EndWithTheProcessWhileTheyAreRead)
+{
+    for (int i = 0; i < 1000; ++i) {  // more than the kernel hands out at once
+        const int access = i % 2 == 0 ? PROT_READ : PROT_NONE;
+        ASSERT_NE(mmap(nullptr, 1, access, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0), MAP_FAILED);
+    }
+    const pid_t process = fork();
+    if (process == 0) {
+        for (;;) {
+            pause();
+        }
+    }
+    std::ifstream maps("/proc/" + std::to_string(process) + "/maps");
+    std::string line;
+    ASSERT_TRUE(std::getline(maps, line));
+    ASSERT_EQ(kill(process, SIGKILL), 0);
+    ASSERT_EQ(waitpid(process, nullptr, 0), process);
+
+    EXPECT_EQ(mappingIn(maps, status_), std::nullopt);
 }
 
 TEST_F(Mappings, OfAnotherUserAreHidden)
