@@ -81,8 +81,9 @@ std::string userOf(const struct stat& semaphore, uid_t owner)
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
         std::string number = entry.path().filename();
         const auto process = static_cast<pid_t>(std::strtol(number.c_str(), nullptr, 10));
-        if (process > 0 && mappingOf(process, semaphore) != Mapping::kNone &&
-            isOf(entry.path(), owner)) {
+        // The owner first: the mappings of another user's processes may take long to read.
+        if (process > 0 && isOf(entry.path(), owner) &&
+            mappingOf(process, semaphore) != Mapping::kNone) {
             return number;
         }
     }
