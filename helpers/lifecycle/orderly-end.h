@@ -13,7 +13,9 @@ namespace quillon::unit {
 /// thrown away, since the service would wait for ever for somebody to read them.
 ///
 /// Meanwhile the watchdog is told that the service is alive, from the moment that one of its
-/// threads has ended: as long as an update runs, and then for as long as `patience`.
+/// threads has ended: as long as an update runs, and then for as long as `patience`. A thread that
+/// a module has left running counts as an update, since the two look alike and an update must not
+/// be killed.
 ///
 /// Whatever goes wrong is said and does not end the waiting: who returns early lets the service be
 /// killed in the middle of an update.
