@@ -60,6 +60,13 @@ int openOrCreate(const std::string& path)
     }
 }
 
+bool isAt(const std::string& path, const struct stat& opened)
+{
+    struct stat status = {};
+    return lstat(path.c_str(), &status) == 0 && status.st_dev == opened.st_dev &&
+           status.st_ino == opened.st_ino;
+}
+
 Error busy(int file)
 {
     char text[32] = {};
@@ -105,7 +112,8 @@ Error ClientLock::acquire(const std::string& path, const Deadline& deadline)
                                       ? "it is another name of a file that has more than one"
                                       : kNotRegular);
         }
-        if (flock(file.get(), LOCK_EX | LOCK_NB) == 0) {
+        // What was replaced meanwhile is not what others lock.
+        if (flock(file.get(), LOCK_EX | LOCK_NB) == 0 && isAt(path, status)) {
             file_ = std::move(file);
             owner_ = getpid();
             writeHolder(file_.get());

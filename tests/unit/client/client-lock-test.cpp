@@ -4,9 +4,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <fstream>
+#include <functional>
+#include <utility>
 
 #include "support/files.h"
 #include "unit/client/client-matchers.h"
@@ -21,7 +25,18 @@ using quillon::test::readAll;
 
 constexpr unsigned int kNobody = 65534;
 
+std::function<void()> g_beforeLock;
+
 }  // namespace
+
+/// In front of the system's, so that a test can come between opening and locking, once.
+extern "C" int flock(int file, int operation) noexcept
+{
+    if (const auto act = std::exchange(g_beforeLock, nullptr)) {
+        act();
+    }
+    return static_cast<int>(syscall(SYS_flock, file, operation));
+}
 
 class ClientLockPlace : public testing::Test
 {
@@ -108,6 +123,17 @@ TEST_F(ClientLockPlace, WithAFileThatIsAlreadyThereIsTaken)
     std::ofstream(path).close();
 
     EXPECT_THAT(acquire(), Succeeded());
+    EXPECT_EQ(readAll(path), std::to_string(getpid()) + "\n");
+}
+
+TEST_F(ClientLockPlace, WithAFileThatIsReplacedWhileItIsTakenIsTakenAnew)
+{
+    std::ofstream(path).close();
+    std::ofstream(foreign).close();
+    g_beforeLock = [&] { rename(foreign.c_str(), path.c_str()); };
+
+    EXPECT_THAT(lock.acquire(path, Deadline(std::chrono::minutes(1))), Succeeded());
+
     EXPECT_EQ(readAll(path), std::to_string(getpid()) + "\n");
 }
 
