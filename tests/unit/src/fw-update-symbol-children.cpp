@@ -1,5 +1,6 @@
-// Children that a plug-in forks and lets come out of its entry.
+// Children that a plug-in or the verifier forks and lets come out of its entry.
 
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <functional>
@@ -83,6 +84,25 @@ INSTANTIATE_TEST_SUITE_P(OfEachEntry, PluginChildren,
                              return std::get<0>(test.param).name +
                                     std::string(throws ? "Throwing" : "Returning");
                          });
+
+using VerifierChildren = DeviceTest;
+
+TEST_F(VerifierChildren, EndWhereTheyComeOutOfIt)
+{
+    device.addVerifier();
+    int status = -1;
+    platform().verifyFile.always([&](const char* /*path*/) {
+        const pid_t child = fork();
+        if (child != 0) {
+            waitpid(child, &status, 0);
+        }
+        return 1;
+    });
+
+    callAsOne([] { uep_verify("/image"); });
+
+    EXPECT_EQ(WEXITSTATUS(status), 127);
+}
 
 using PluginChildrenOfLoading = DeviceTest;
 
