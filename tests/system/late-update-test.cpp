@@ -1,5 +1,10 @@
 // An update is followed by the thread on which it runs, whatever the module does to the process.
 
+#include <signal.h>
+
+#include <filesystem>
+#include <fstream>
+
 #include "support/texts.h"
 #include "system/control-layer.h"
 
@@ -36,6 +41,21 @@ TEST_F(LateUpdate, IsWaitedForThoughNoFileCanBeOpened)
         GTEST_SKIP() << "a sanitizer opens files of its own";
     }
     isWaitedFor("nofile");
+}
+
+TEST_F(LateUpdate, CannotBeInterruptedThoughItsThreadHasNotStartedYet)
+{
+    installGuided("alpha", "load-in-checkVersion");
+    offer("alpha", 4294967294);  // the registry allows it no time
+    std::ofstream("/etc/quillon-test/slow.conf") << "wait-in-load";
+    std::filesystem::copy_file(GUIDED_MODULE, "/var/tmp/slow.so");
+    BackgroundLayer layer(kUpdateAlpha);
+    ASSERT_TRUE(layer.says("The time of alpha is over, but it is still being updated"))
+        << layer.output();
+
+    layer.send(SIGINT);
+
+    EXPECT_EQ(layer.wait(), 13) << layer.output();
 }
 
 TEST_F(LateUpdate, IsNoneWhenOnlyThePlugInDoesNotTellHowFarItIs)

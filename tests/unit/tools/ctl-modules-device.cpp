@@ -19,7 +19,7 @@ using quillon::test::writeFile;
 constexpr const char* kModuleDirectory = "/usr/fwupdate/controls/";
 constexpr const char* kSettingsDirectory = "/etc/quillon-test/";
 
-void putImage(const std::string& directory, const std::string& name, int seconds,
+void putImage(const std::string& directory, const std::string& name, std::int64_t seconds,
               unsigned int change)
 {
     const std::string payload = "payload of " + name;
@@ -56,7 +56,7 @@ void CtlModules::installFile(const std::string& name, const std::string& content
     writeFile(kModuleDirectory + name + ".so", content);
 }
 
-void CtlModules::offer(const std::string& name, int seconds, const std::string& directory)
+void CtlModules::offer(const std::string& name, std::int64_t seconds, const std::string& directory)
 {
     putImage(directory, name, seconds, 0);
 }

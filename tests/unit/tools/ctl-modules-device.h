@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <json/value.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -45,7 +46,7 @@ protected:
     static void installFile(const std::string& name, const std::string& content);
 
     /// Offers version 2.0 to the module, for an update of so many expected seconds.
-    static void offer(const std::string& name, int seconds = 3,
+    static void offer(const std::string& name, std::int64_t seconds = 3,
                       const std::string& directory = "/lib/firmware/ext/");
     static void offerWithWrongChecksum(const std::string& name);
 

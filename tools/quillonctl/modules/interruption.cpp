@@ -57,7 +57,7 @@ bool change(State from, State to)
 struct Updates
 {
     std::mutex mutex;
-    bool isAboutToBegin = false;
+    int starting = 0;  // begun, but their thread has not been heard of
     int running = 0;
 };
 Updates g_updates;
@@ -146,7 +146,7 @@ void leaveSignalsToChild()
 /// With the updates locked.
 void openWhenNoneUpdates()
 {
-    if (g_updates.isAboutToBegin || g_updates.running > 0 ||
+    if (g_updates.starting > 0 || g_updates.running > 0 ||
         !change(State::kUpdating, g_afterUpdates)) {
         return;
     }
@@ -239,7 +239,7 @@ void beginUpdating()
 {
     mayBeginUpdating();
     const std::lock_guard<std::mutex> lock(g_updates.mutex);
-    g_updates.isAboutToBegin = true;
+    ++g_updates.starting;
     g_state = State::kUpdating;
     for (const int signal : {SIGINT, SIGQUIT, SIGHUP}) {
         onSignal(signal, SIG_IGN);
@@ -254,7 +254,7 @@ void didNotBeginUpdating()
 void updateStarted()
 {
     const std::lock_guard<std::mutex> lock(g_updates.mutex);
-    g_updates.isAboutToBegin = false;
+    --g_updates.starting;
     ++g_updates.running;
 }
 
@@ -265,10 +265,16 @@ void updateEnded()
     openWhenNoneUpdates();
 }
 
+void updateDidNotStart()
+{
+    const std::lock_guard<std::mutex> lock(g_updates.mutex);
+    --g_updates.starting;
+    openWhenNoneUpdates();
+}
+
 void endUpdating()
 {
     const std::lock_guard<std::mutex> lock(g_updates.mutex);
-    g_updates.isAboutToBegin = false;
     openWhenNoneUpdates();
 }
 

@@ -48,9 +48,12 @@ void didNotBeginUpdating();
 void beginUpdating();
 /// That thread flashes from now on.
 void updateStarted();
+/// That thread could not be started.
+void updateDidNotStart();
 /// That thread does not flash any more.
 void updateEnded();
-/// None is about to begin any more. The process may end again when no thread flashes.
+/// The process may end again when no thread flashes and none is still to start: one that was given
+/// up may begin to flash long afterwards.
 void endUpdating();
 /// @}
 

@@ -54,7 +54,9 @@ void ModuleEvents::hear(const ModuleNews& news)
             module.check = finding;
             break;
         case ModuleEvent::kStarted:
-            module.run = ModuleRun{std::chrono::steady_clock::now(), std::nullopt, false};
+            // The guard may have stopped waiting before.
+            module.run =
+                ModuleRun{std::chrono::steady_clock::now(), std::nullopt, module.isUpdating()};
             break;
         case ModuleEvent::kEnded:
             module.run->end = finding;
@@ -62,10 +64,12 @@ void ModuleEvents::hear(const ModuleNews& news)
             hasEnded_.notify_all();
             break;
         case ModuleEvent::kLate:
-            // The guard may have missed the end of an update that was over at once.
-            if (module.run) {
-                module.run->isLate = !module.run->end;
+            // The guard may have missed the end of an update that was over at once. One that has
+            // not been heard of is still to start.
+            if (!module.run) {
+                module.run = ModuleRun{std::chrono::steady_clock::now(), std::nullopt, true};
             }
+            module.run->isLate = !module.run->end;
             break;
     }
 }

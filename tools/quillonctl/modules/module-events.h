@@ -34,7 +34,8 @@ struct ModuleHistory
 {
     ModuleFinding loading;         ///< what loading it came to
     ModuleFinding check;           ///< what its latest check came to
-    std::optional<ModuleRun> run;  ///< its latest update; nothing when none has begun
+    std::optional<ModuleRun> run;  ///< its latest update, from the start of its thread or the end
+                                   ///< of its time on, whichever comes first
 
     bool isUpdating() const { return run && !run->end; }
 };

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <optional>
 #include <thread>
 #include <utility>
@@ -210,6 +211,11 @@ bool UpdateSlot::giveBack()
 void UpdateSlot::post()
 {
     static_cast<void>(giveBack());
+    // The registry posts it while it handles an exception only where it could not start a thread.
+    if (std::current_exception() != nullptr) {
+        updateDidNotStart();
+        return;
+    }
     endUpdating();
 }
 
