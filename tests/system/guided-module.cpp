@@ -7,6 +7,7 @@
 //   exit-twice-in-ENTRY   ends it on two threads
 //   _exit-twice-in-ENTRY  ends it by _exit on two threads
 //   crash-in-ENTRY   crashes
+//   throw-in-ENTRY   raises an exception
 //   fault-in-ENTRY   writes where nothing is
 //   overflow-in-ENTRY  overflows its stack
 //   fork-in-ENTRY    forks a process, which exits
@@ -46,6 +47,7 @@
 #include <fstream>
 #include <iterator>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -162,6 +164,9 @@ void act(const std::string& word, const std::string& moment)
     if (is("_exit-twice")) {
         std::thread([] { ::_exit(0); }).detach();
         ::_exit(0);
+    }
+    if (is("throw")) {
+        throw std::runtime_error("broken");
     }
     if (is("fault")) {
         volatile int* volatile nowhere = nullptr;

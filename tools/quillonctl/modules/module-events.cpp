@@ -1,6 +1,7 @@
 #include "tools/quillonctl/modules/module-events.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "tools/quillonctl/modules/foreign-end.h"
 #include "tools/quillonctl/modules/interruption.h"
@@ -46,6 +47,10 @@ void ModuleEvents::hear(const ModuleNews& news)
     switch (news.event) {
         case ModuleEvent::kLoaded:
             module.loading = finding;
+            module.locksLoader = !loadingRaised_.empty();
+            if (module.locksLoader) {
+                module.loading.detail = std::exchange(loadingRaised_, {});
+            }
             break;
         case ModuleEvent::kChecking:
             module.check = {};
@@ -72,6 +77,12 @@ void ModuleEvents::hear(const ModuleNews& news)
             module.run->isLate = !module.run->end;
             break;
     }
+}
+
+void ModuleEvents::loadingRaised(const std::string& what)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    loadingRaised_ = what;
 }
 
 ModuleHistory ModuleEvents::of(const std::string& libName) const

@@ -33,6 +33,7 @@ struct ModuleRun
 struct ModuleHistory
 {
     ModuleFinding loading;         ///< what loading it came to
+    bool locksLoader = false;      ///< its static initialization has raised an exception
     ModuleFinding check;           ///< what its latest check came to
     std::optional<ModuleRun> run;  ///< its latest update, from the start of its thread or the end
                                    ///< of its time on, whichever comes first
@@ -50,6 +51,10 @@ public:
 
     void hear(const ModuleNews& news) override;
 
+    /// The static initialization of the module that is being loaded has raised an exception.
+    /// @param what  a phrase
+    void loadingRaised(const std::string& what);
+
     ModuleHistory of(const std::string& libName) const;
 
     /// Waits until the module's update is over, if one is running, but not beyond `end`.
@@ -61,6 +66,7 @@ private:
     mutable std::mutex mutex_;
     mutable std::condition_variable hasEnded_;
     std::map<std::string, ModuleHistory> modules_;
+    std::string loadingRaised_;  // until the registry has told which module it was
 };
 
 /// A reason as a phrase for people: "its package cannot be mounted".

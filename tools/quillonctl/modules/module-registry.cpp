@@ -4,6 +4,22 @@
 
 #include "tools/quillonctl/modules/module-events.h"
 
+extern "C" {
+void* __real_dlopen(const char* file, int mode);
+
+// The system keeps a library whose initialization has raised an exception, and opens it another
+// time as if it were whole.
+__attribute__((used)) void* __wrap_dlopen(const char* file, int mode)
+{
+    void* library = nullptr;
+    const std::string raised = quillon::raisedBy([&] { library = __real_dlopen(file, mode); });
+    if (!raised.empty()) {
+        quillon::ModuleEvents::instance().loadingRaised(raised);
+    }
+    return library;
+}
+}
+
 namespace quillon {
 
 namespace {
@@ -13,7 +29,8 @@ using Text = std::array<char, FW_PLUGIN_TEXT_SIZE + 1>;
 void loadTheRest(FWUpdateSymbolManager& manager)
 {
     for (FWUpdateSymbol& module : manager.modules()) {
-        if (kindOf(module) == ModuleKind::kUnusable) {
+        const bool isRefused = ModuleEvents::instance().of(module.getLibName()).loading.result != 0;
+        if (!isRefused && kindOf(module) == ModuleKind::kUnusable) {
             const int result = resultOf([&] { return module.loadSymbol(module.getLibName()); });
             tell(ModuleEvent::kLoaded, module, result);
         }
@@ -45,6 +62,16 @@ bool openRegistry()
 std::string defectOf(const FWUpdateSymbol& module)
 {
     return phraseOf(ModuleEvents::instance().of(module.getLibName()).loading);
+}
+
+std::optional<std::string> moduleThatLocksLoader()
+{
+    for (const FWUpdateSymbol& module : FWUpdateSymbolManager::getInstance()->modules()) {
+        if (ModuleEvents::instance().of(module.getLibName()).locksLoader) {
+            return module.getLibName();
+        }
+    }
+    return std::nullopt;
 }
 
 std::optional<std::string> runningVersion(const FWUpdateSymbol& module)

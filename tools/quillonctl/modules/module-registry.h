@@ -27,6 +27,11 @@ bool openRegistry();
 /// Why the module is unusable, a phrase: "it has no entry doUpdate" for instance.
 std::string defectOf(const FWUpdateSymbol& module);
 
+/// The module whose static initialization has raised an exception. The dynamic linker then stays
+/// locked by the main thread: a thread that updates would wait for it for ever.
+/// @return nothing when there is none
+std::optional<std::string> moduleThatLocksLoader();
+
 /// What a module's plug-in says is running.
 /// @return nothing when the module is unusable or its plug-in does not tell
 std::optional<std::string> runningVersion(const FWUpdateSymbol& module);

@@ -268,6 +268,13 @@ ExitCode ModuleVerbs::check(const ModuleSource& source)
 /// The registry does not tell a missing semaphore from a failed update.
 void ModuleVerbs::prepareUpdates()
 {
+    if (const auto name = moduleThatLocksLoader()) {
+        throw Failure{kExitUnusableModule,
+                      "nothing can be updated: the module " + *name +
+                          " has raised an exception while it was loaded, and no update could start "
+                          "beside it; move it out of " +
+                          paths::kModules};
+    }
     isUpdating_ = true;
     UpdateSlot::instance().open();
     holdOffSignals();
