@@ -19,7 +19,7 @@
 //   wait-in-ENTRY    waits until there is a file /tmp/quillon-test-go
 //   hang-in-ENTRY    does not return
 //   block-in-ENTRY   blocks all signals on its thread
-//   linger-in-ENTRY  keeps the program from ending
+//   linger-in-ENTRY  keeps the program from ending, and no alarm clock rings
 //   tool-in-ENTRY    starts a program that waits so, and tells in /tmp/quillon-test-child how it
 //                    ended
 //   rename-in-ENTRY  gives its thread another name
@@ -104,7 +104,10 @@ void act(const std::string& word, const std::string& moment)
         ::pthread_sigmask(SIG_SETMASK, &all, nullptr);
     }
     if (is("linger")) {
-        std::atexit(hang);
+        std::atexit([] {
+            ::alarm(0);
+            hang();
+        });
     }
     if (is("stay") && ::fork() == 0) {
         waitToGoOn();

@@ -172,6 +172,7 @@ TEST_F(HeldOffSignals, EndTheProgramWhenAllUpdatesAreOverAndAModuleDoesNotTakeTh
         ASSERT_TRUE(eventually([] { return wasAsked("alpha", "allUpdateDone("); }));
 
         layer.send(SIGTERM);
+        layer.send(SIGINT);  // both at once is what a supervisor sends
 
         EXPECT_EQ(layer.wait(), 130);
         expectNoText(layer.output(), like("*cannot be interrupted safely*"));

@@ -87,6 +87,15 @@ TEST_P(ModuleEndsProgramTwice, AsOnceAlsoWhileTheFirstEndIsBeingTold)
 
 INSTANTIATE_TEST_SUITE_P(Way, ModuleEndsProgramTwice, testing::Values("exit-twice", "_exit-twice"));
 
+TEST_F(ModuleEndsProgram, ByExitAlsoWhereItsOwnExitHandlerDoesNotReturn)
+{
+    installGuided("alpha", "linger-in-load exit-in-doUpdate");
+
+    EXPECT_EQ(json({"update", "alpha", "--source", "system"}, 6)["text"],
+              "the module alpha has ended the program");
+    EXPECT_EQ(semaphoreValue(), 1);
+}
+
 TEST_F(ModuleEndsProgram, AndIsNamedThoughItsFileIsALink)
 {
     installGuided("alpha", "exit-in-doUpdate");

@@ -1,6 +1,7 @@
 #include "tools/quillonctl/modules/foreign-end.h"
 
 #include <dlfcn.h>
+#include <semaphore.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <unwind.h>
@@ -8,13 +9,16 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
+#include <thread>
 #include <utility>
 
 #include "base/handles.h"
+#include "base/signals-blocked.h"
 #include "src/src/fw-update-symbol-manager.h"
 #include "src/support/paths.h"
 #include "tools/quillonctl/exit-codes.h"
@@ -29,7 +33,7 @@ namespace {
 constexpr const char* kCrashed = "\nquillonctl: a module has crashed in its update\n";
 constexpr const char* kEnded = "\nquillonctl: a module has ended the program\n";
 /// So long the end that a module has brought about may take to be told.
-constexpr unsigned int kSecondsToTell = 5;
+constexpr std::chrono::seconds kTimeToTell(5);
 /// So many threads may exit at the same moment.
 constexpr int kExitsAtOnce = 8;
 constexpr std::array<int, 7> kCrashes = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGSYS, SIGTRAP};
@@ -44,6 +48,7 @@ enum class End {
 std::atomic<End> g_end{End::kNone};
 std::atomic<int> g_ownCode{0};
 pid_t g_process = 0;
+sem_t g_ending;  // posted when five seconds are left
 
 /// A module that ends a process which is ending already does not change its code.
 int codeOfEnd(int code)
@@ -76,24 +81,17 @@ void say(const char* text)
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text, std::strlen(text));
 }
 
-void onStuckEnd(int /*signal*/)
+/// A thread of its own: a module can take any signal away, and it may end the program in a handler,
+/// in which what is needed to tell of it may be locked.
+void endWhenStuck()
 {
-    if (g_end == End::kOurs) {
-        endAtOnce(g_ownCode);
+    while (sem_wait(&g_ending) != 0) {
     }
+    std::this_thread::sleep_for(kTimeToTell);
+    endIfOurs();
     static_cast<void>(UpdateSlot::instance().giveBack());
     say(kEnded);
     endAtOnce(holdsOffSignals() ? kExitUpdateFailed : kExitUnusableModule);
-}
-
-/// A module may end the program in a signal handler, in which what is needed to tell of it may be
-/// locked. What it has left to be done at the program's end may take for ever.
-void endSoon()
-{
-    onSignal(SIGALRM, onStuckEnd);
-    const sigset_t signals = signalSet({SIGALRM});
-    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
-    alarm(kSecondsToTell);
 }
 
 bool change(End from, End to)
@@ -109,7 +107,7 @@ void onForeignEnd()
     if (!change(End::kNone, End::kBeingTold)) {
         waitForTheEnd();
     }
-    endSoon();
+    sem_post(&g_ending);
     static_cast<void>(UpdateSlot::instance().giveBack());
     std::string who = "a module";
     _Unwind_Backtrace(lookAtCaller, &who);
@@ -163,6 +161,13 @@ int changeMask(int how, const sigset_t* signals, sigset_t* before)
     return change(how, &bearable, before);
 }
 
+using Exit = void (*)(int);
+
+// The system's. Looked up before there are threads: a process that one of them forks may exit while
+// the dynamic linker is locked.
+const auto g_exit = reinterpret_cast<Exit>(dlsym(RTLD_NEXT, "exit"));
+const auto g_quickExit = reinterpret_cast<Exit>(dlsym(RTLD_NEXT, "quick_exit"));
+
 /// Another one, as a sanitizer's, stays.
 class AlternateStack
 {
@@ -205,6 +210,11 @@ void watchForForeignEnd(std::function<void(const std::string& who)> onEnd)
     g_onEnd = std::move(onEnd);
     UpdateSlot::instance();  // must not be destroyed before the end has been looked at
     bearStackOverflow();
+    sem_init(&g_ending, 0, 0);
+    {
+        const SignalsBlocked blocked;
+        std::thread(endWhenStuck).detach();
+    }
     for (int i = 0; i < kExitsAtOnce; ++i) {
         static_cast<void>(std::atexit(onExit));
         static_cast<void>(std::at_quick_exit(onForeignEnd));
@@ -227,7 +237,15 @@ void endIsOurs(int code)
         waitForTheEnd();
     }
     if (g_process != 0) {
-        endSoon();
+        sem_post(&g_ending);
+    }
+}
+
+void endIfOurs()
+{
+    if (g_end == End::kOurs) {
+        static_cast<void>(UpdateSlot::instance().giveBack());
+        endAtOnce(g_ownCode);
     }
 }
 
@@ -260,6 +278,21 @@ __attribute__((used, visibility("default"))) void _exit(int code)
 {
     quillon::onForeignEnd();
     quillon::endAtOnce(quillon::codeOfEnd(code));
+}
+
+// What the module has left to be done at the program's end would come before the program's own.
+__attribute__((used, visibility("default"))) void exit(int code) noexcept
+{
+    quillon::onForeignEnd();
+    quillon::g_exit(quillon::codeOfEnd(code));
+    quillon::waitForTheEnd();
+}
+
+__attribute__((used, visibility("default"))) void quick_exit(int code) noexcept
+{
+    quillon::onForeignEnd();
+    quillon::g_quickExit(quillon::codeOfEnd(code));
+    quillon::waitForTheEnd();
 }
 
 // A crash whose signal is blocked would end the program unnoticed.

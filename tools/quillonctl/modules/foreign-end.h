@@ -8,10 +8,11 @@
 namespace quillon {
 
 /// From now on an exit() or _exit() that is not the program's own calls `onEnd`, on the thread that
-/// made it, which must end the process; where it does not within five seconds, the process ends
-/// with kExitUpdateFailed or kExitUnusableModule. A crash gives the update semaphore back, says so,
-/// and stays a crash; what another process sends is none while signals are held off. Neither
-/// concerns the processes that a module forks. A system call that ends the process goes unnoticed.
+/// made it, before anything that was left to be done at the program's end; `onEnd` must end the
+/// process; where it does not within five seconds, the process ends with kExitUpdateFailed or
+/// kExitUnusableModule. A crash gives the update semaphore back, says so, and stays a crash; what
+/// another process sends is none while signals are held off. Neither concerns the processes that a
+/// module forks. A system call that ends the process goes unnoticed.
 ///
 /// To be called once, after the registry's only object was made and before a module is loaded.
 /// @param onEnd  gets who it was: "the module tuner", or "a module" when that cannot be told
@@ -20,6 +21,9 @@ void watchForForeignEnd(std::function<void(const std::string& who)> onEnd);
 /// What ends the process from now on is the program's own; where a module keeps it from ending, it
 /// ends with that code five seconds later. Does not return when a module is ending it already.
 void endIsOurs(int code);
+
+/// Ends the process with that code at once if endIsOurs() was called. Safe in a signal handler.
+void endIfOurs();
 
 /// Keeps the calling thread until another one ends the process.
 [[noreturn]] void waitForTheEnd();

@@ -75,10 +75,9 @@ void request(int /*signal*/)
         [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, kHeld, std::strlen(kHeld));
     } else if (!g_hasWoken.exchange(true)) {
         sem_post(&g_wake);
-    } else if (state == State::kOwnEnd || change(State::kOpen, State::kAbandoning) ||
-               g_state.load() == State::kAbandoning) {
-        static_cast<void>(UpdateSlot::instance().giveBack());
-        endAtOnce(kExitInterrupted);
+    }
+    if (state == State::kOwnEnd) {
+        endIfOurs();
     }
     errno = callersErrno;
 }
@@ -107,10 +106,14 @@ void endWhenTheMainThreadDoesNot(const std::function<void()>& abandon)
             std::this_thread::sleep_for(kPoll);
         }
         if (change(State::kOpen, State::kAbandoning)) {
+            endIsOurs(kExitInterrupted);
             abandon();
             endAtOnce(kExitInterrupted);
         }
-        if (g_state.load() == State::kUpdating) {
+        const State state = g_state.load();
+        if (state == State::kOwnEnd) {
+            endIsOurs(kExitInterrupted);  // whoever reads its output may not go on
+        } else if (state == State::kUpdating) {
             g_hasWoken = false;
         }
     }

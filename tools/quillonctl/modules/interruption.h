@@ -12,8 +12,9 @@ namespace quillon {
 
 /// From now on the first request clears the flag, for the main thread to see. A plug-in may keep
 /// that thread for ever, so half a second later the process ends with kExitInterrupted from another
-/// one, unless an update has begun or takeOverTheEnd() was called. A second request ends it at
-/// once.
+/// one, unless an update has begun. It ends five seconds later at the latest, also after
+/// takeOverTheEnd(). Further requests change nothing, but for one during those five seconds of the
+/// main thread, which ends the process at once.
 ///
 /// @param abandon  tidies up before such an end; runs on a thread of its own
 void watchForRequests(std::function<void()> abandon);
