@@ -15,6 +15,7 @@ namespace quillon {
 /// module forks. A system call that ends the process goes unnoticed.
 ///
 /// To be called once, after the registry's only object was made and before a module is loaded.
+/// Throws std::system_error when no thread can be started.
 /// @param onEnd  gets who it was: "the module tuner", or "a module" when that cannot be told
 void watchForForeignEnd(std::function<void(const std::string& who)> onEnd);
 

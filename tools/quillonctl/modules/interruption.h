@@ -16,6 +16,7 @@ namespace quillon {
 /// takeOverTheEnd(). Further requests change nothing, but for one during those five seconds of the
 /// main thread, which ends the process at once.
 ///
+/// Throws std::system_error when no thread can be started.
 /// @param abandon  tidies up before such an end; runs on a thread of its own
 void watchForRequests(std::function<void()> abandon);
 

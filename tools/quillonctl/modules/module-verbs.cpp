@@ -8,6 +8,7 @@
 #include <future>
 #include <map>
 #include <memory>
+#include <system_error>
 
 #include "platform/app-binary-manager.h"
 #include "platform/power.h"
@@ -213,12 +214,17 @@ void ModuleVerbs::endBecauseOf(const std::string& who)
 
 void ModuleVerbs::open(bool isUpdate)
 {
-    watchForRequests([this] { abandonOnRequest(); });
-    if (isUpdate) {
-        keepKeyboardFromModules();
+    try {
+        watchForRequests([this] { abandonOnRequest(); });
+        if (isUpdate) {
+            keepKeyboardFromModules();
+        }
+        static_cast<void>(FWUpdateSymbolManager::getInstance());
+        watchForForeignEnd([this](const std::string& who) { endBecauseOf(who); });
+    } catch (const std::system_error& error) {
+        throw Failure{kExitSystem, "no thread can be started: " + error.code().message() +
+                                       "; end other programs of this user or raise its limit"};
     }
-    static_cast<void>(FWUpdateSymbolManager::getInstance());
-    watchForForeignEnd([this](const std::string& who) { endBecauseOf(who); });
     if (!openRegistry()) {
         throw Failure{kExitSystem,
                       std::string("the module directory cannot be read: ") + paths::kModules};

@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 #include "base/signals-blocked.h"
@@ -75,7 +76,11 @@ UpdateWatch::UpdateWatch(const std::vector<const FWUpdateSymbol*>& modules, Modu
         watching->report.waitingForOthers(holders);
     });
     const SignalsBlocked blocked;
-    std::thread([watching = watching_] { watching->loop(); }).detach();
+    try {
+        std::thread([watching = watching_] { watching->loop(); }).detach();
+    } catch (const std::system_error&) {
+        watching_->hasEnded = true;  // nothing is shown then
+    }
 }
 
 UpdateWatch::~UpdateWatch()
