@@ -264,6 +264,19 @@ TEST_F(UpdateSemaphore, IsNotCalledFreeWhileSomebodyKeepsItsLock)
     EXPECT_EQ(semaphoreValue(), 1);
 }
 
+TEST_F(UpdateSemaphore, IsNotSaidToBeHeldByAStrangerWhoHasTheHoldersNumber)
+{
+    goOn();
+    ASSERT_EQ(runModules({"update", "alpha", "--source", "system"}).exitCode, 0);
+    const OthersLock held(2, 1, F_WRLCK);
+    const OthersLock number(2 + ::getpid(), 1, F_WRLCK);
+
+    const std::string text = json({"unlock"}, 8)["text"].asString();
+
+    expectText(text, like("*held by a quillonctl whose process number is not known*"));
+    expectNoText(text, like("*process " + std::to_string(::getpid()) + "*"));
+}
+
 TEST_F(UpdateSemaphore, IsWaitedForAgainAfterAModuleHasClosedAllFiles)
 {
     installGuided("alpha", "close-in-doUpdate");

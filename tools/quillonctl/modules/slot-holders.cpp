@@ -63,6 +63,19 @@ bool isStopped(const fs::path& directory)
            (text.compare(name, 3, ") T") == 0 || text.compare(name, 3, ") t") == 0);
 }
 
+/// One that this user may not look into, of another container, or that has ended and left its lock
+/// to somebody. Its number may be a stranger's by now.
+SlotHolder unseenHolder(const SlotLocks& locks)
+{
+    const pid_t holder = locks.holder();
+    const bool isStranger = access(("/proc/" + std::to_string(holder)).c_str(), F_OK) == 0 &&
+                            mappingOf(holder, locks.file()) == Mapping::kNone;
+    if (holder == 0 || isStranger) {
+        return {};
+    }
+    return {holder, commandOf(holder)};
+}
+
 }  // namespace
 
 SlotHolders findSlotHolders(const SlotLocks& locks)
@@ -91,16 +104,8 @@ SlotHolders findSlotHolders(const SlotLocks& locks)
         }
     }
     holders.isComplete = holders.isComplete && !error;
-    // One that this user may not look into, of another container, or that has ended and left its
-    // lock to its children.
-    const pid_t holder = locks.isHeld() ? locks.holder() : 0;
-    const bool isKnown =
-        std::any_of(holders.alive.begin(), holders.alive.end(),
-                    [&](const SlotHolder& alive) { return alive.process == holder; });
-    if (holder != 0 && !isKnown) {
-        holders.alive.push_back({holder, commandOf(holder)});
-    } else if (holders.alive.empty() && locks.isHeld()) {
-        holders.alive.push_back({});
+    if (holders.alive.empty() && locks.isHeld()) {
+        holders.alive.push_back(unseenHolder(locks));
     }
     return holders;
 }
