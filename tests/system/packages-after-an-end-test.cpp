@@ -69,6 +69,19 @@ TEST_F(PackagesAfterAnEnd, ByAModuleAreAsAfterAFailure)
     EXPECT_EQ(semaphoreValue(), 1);
 }
 
+TEST_F(PackagesAfterAnEnd, AreSaidToStayMountedWhereNoFileCanBeOpened)
+{
+    if (QUILLON_SANITIZED != 0) {
+        GTEST_SKIP() << "a sanitizer opens files of its own";
+    }
+    addModule("alpha", "nofile-in-doUpdate throw-in-doUpdate", GUIDED_MODULE);
+
+    const ModulesResult result = runModules({"update", "alpha"});
+
+    EXPECT_EQ(result.exitCode, 6);
+    expectText(result.err, like("*the package of alpha stays mounted*"));
+}
+
 TEST_F(PackagesAfterAnEnd, ByAnInterruptionOfABlockedCheckAreNotMounted)
 {
     addModule("alpha", "need=1\ncheckVersion.effect=hang\n");

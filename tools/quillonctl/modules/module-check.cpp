@@ -66,6 +66,7 @@ std::vector<ModuleCheck> checkOneByOne(const ModuleSource& source)
     return checks;
 }
 
+/// Also true when that cannot be told: descriptors may be used up.
 bool isPackageMounted(const FWUpdateSymbol& module)
 {
     // A package's name is letters and digits, so nothing of it is escaped in the table.
@@ -79,7 +80,7 @@ bool isPackageMounted(const FWUpdateSymbol& module)
             return true;
         }
     }
-    return false;
+    return !table.is_open() || table.bad();
 }
 
 }  // namespace
