@@ -62,6 +62,19 @@ TEST_F(HeldOffSignals, DoNotEndAnUpdate)
     EXPECT_EQ(semaphoreValue(), 1);
 }
 
+TEST_F(HeldOffSignals, DoNotEndAnUpdateThoughTheModuleHasResetThemBefore)
+{
+    installGuided("alpha", "default-in-load wait-in-doUpdate");
+    BackgroundLayer layer(kUpdateAlpha);
+    ASSERT_TRUE(isFlashing("alpha"));
+
+    layer.send(SIGTERM);
+    ASSERT_TRUE(hasAnswered(layer, 1)) << layer.output();
+    goOn();
+
+    EXPECT_EQ(layer.wait(), 0) << layer.output();
+}
+
 TEST_F(HeldOffSignals, OfTheTerminalDoNotEndTheProgramThatAModuleUpdatesWith)
 {
     installGuided("alpha", "tool-in-doUpdate");

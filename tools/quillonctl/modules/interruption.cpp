@@ -247,6 +247,7 @@ void beginUpdating()
     for (const int signal : {SIGINT, SIGQUIT, SIGHUP}) {
         onSignal(signal, SIG_IGN);
     }
+    onSignal(SIGTERM, request);  // a module may have changed it since
 }
 
 void didNotBeginUpdating()
