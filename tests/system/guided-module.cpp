@@ -27,6 +27,7 @@
 //   thread-in-ENTRY  starts a thread that never ends
 //   load-in-ENTRY    has another thread load /var/tmp/slow.so, a copy of this module, and waits
 //                    until that is being loaded: meanwhile no thread of the program can start
+//   end-thread-in-ENTRY  ends its thread
 //   mute-in-ENTRY    keeps everybody from writing to standard error
 //   nofile-in-ENTRY  takes the right to open files from it
 //   close-in-ENTRY   closes all its files but the standard ones
@@ -126,6 +127,9 @@ void act(const std::string& word, const std::string& moment)
     if (is("thread")) {
         ::dlopen(libraryPath().c_str(), RTLD_NOW | RTLD_NODELETE);  // its code must stay
         std::thread(hang).detach();
+    }
+    if (is("end-thread")) {
+        ::pthread_exit(nullptr);
     }
     if (is("load")) {
         std::thread([] { ::dlopen("/var/tmp/slow.so", RTLD_NOW | RTLD_NODELETE); }).detach();

@@ -2,6 +2,10 @@
 #ifndef QUILLON_QUILLONCTL_MODULE_REGISTRY_H
 #define QUILLON_QUILLONCTL_MODULE_REGISTRY_H
 
+#include <cxxabi.h>
+#include <unistd.h>
+
+#include <cstdlib>
 #include <exception>
 #include <optional>
 #include <string>
@@ -41,6 +45,7 @@ std::optional<std::string> runningVersion(const FWUpdateSymbol& module);
 std::optional<unsigned int> updateProgress(const std::string& libName);
 
 /// Makes a call that reaches plug-ins, or files that they brought.
+/// A plug-in that ends its thread ends it where that is not the main one.
 /// @return what was raised, as a phrase for people; empty when nothing was
 template <typename Call>
 std::string raisedBy(Call call)
@@ -50,6 +55,11 @@ std::string raisedBy(Call call)
         return {};
     } catch (const std::exception& error) {
         return std::string("an exception was raised: ") + error.what();
+    } catch (const abi::__forced_unwind&) {
+        if (gettid() == getpid()) {
+            std::abort();  // what is left of the process would never end
+        }
+        throw;
     } catch (...) {
         return "an exception was raised";
     }
