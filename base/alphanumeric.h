@@ -1,5 +1,4 @@
-#ifndef QUILLON_BASE_ALPHANUMERIC_H
-#define QUILLON_BASE_ALPHANUMERIC_H
+#pragma once
 
 #include <algorithm>
 #include <string_view>
@@ -19,5 +18,3 @@ inline bool isAlphanumeric(std::string_view text)
 }
 
 }  // namespace quillon
-
-#endif

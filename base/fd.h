@@ -1,5 +1,4 @@
-#ifndef QUILLON_BASE_FD_H
-#define QUILLON_BASE_FD_H
+#pragma once
 
 #include <unistd.h>
 
@@ -74,5 +73,3 @@ struct ReleaseWith
 using UniqueFile = std::unique_ptr<std::FILE, ReleaseWith<&std::fclose>>;
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_BASE_HANDLES_H
-#define QUILLON_BASE_HANDLES_H
+#pragma once
 
 #include <dlfcn.h>
 #include <openssl/evp.h>
@@ -32,5 +31,3 @@ struct LibraryCloser
 using SharedLibrary = std::shared_ptr<void>;
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_BASE_MAPPINGS_H
-#define QUILLON_BASE_MAPPINGS_H
+#pragma once
 
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -28,5 +27,3 @@ Mapping mappingOf(pid_t process, const struct stat& file);
 std::optional<Mapping> mappingIn(std::istream& maps, const struct stat& file);
 
 }  // namespace quillon
-
-#endif

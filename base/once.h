@@ -1,5 +1,4 @@
-#ifndef QUILLON_BASE_ONCE_H
-#define QUILLON_BASE_ONCE_H
+#pragma once
 
 #include <atomic>
 
@@ -17,5 +16,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_BASE_PIPED_PROGRAM_H
-#define QUILLON_BASE_PIPED_PROGRAM_H
+#pragma once
 
 #include <chrono>
 #include <cstddef>
@@ -43,5 +42,3 @@ struct ProgramEnd
 ProgramEnd runPiped(const ProgramCall& call, const SecretBytes& input, SecretBytes& output);
 
 }  // namespace quillon
-
-#endif

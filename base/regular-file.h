@@ -1,5 +1,4 @@
-#ifndef QUILLON_BASE_REGULAR_FILE_H
-#define QUILLON_BASE_REGULAR_FILE_H
+#pragma once
 
 #include <sys/stat.h>
 
@@ -46,5 +45,3 @@ std::optional<std::string> readRegularFile(const std::string& path, std::size_t 
 bool isStillSameFile(const std::string& path, const struct stat& opened);
 
 }  // namespace quillon
-
-#endif

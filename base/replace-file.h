@@ -1,5 +1,4 @@
-#ifndef QUILLON_BASE_REPLACE_FILE_H
-#define QUILLON_BASE_REPLACE_FILE_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -33,5 +32,3 @@ bool replaceFile(const std::string& directory, const std::string& name, const Se
                  mode_t mode = 0600);
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_BASE_SECRET_BYTES_H
-#define QUILLON_BASE_SECRET_BYTES_H
+#pragma once
 
 #include <cstddef>
 #include <cstring>
@@ -31,5 +30,3 @@ struct WipingAllocator
 using SecretBytes = std::vector<unsigned char, WipingAllocator<unsigned char>>;
 
 }  // namespace quillon
-
-#endif

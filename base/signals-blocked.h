@@ -1,5 +1,4 @@
-#ifndef QUILLON_BASE_SIGNALS_BLOCKED_H
-#define QUILLON_BASE_SIGNALS_BLOCKED_H
+#pragma once
 
 #include <csignal>
 
@@ -25,5 +24,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

@@ -1,6 +1,5 @@
 /// One client at a time on a machine.
-#ifndef QUILLON_CLIENT_CLIENT_LOCK_H
-#define QUILLON_CLIENT_CLIENT_LOCK_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -44,5 +43,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

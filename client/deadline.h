@@ -1,6 +1,5 @@
 /// A point in time that waits end at.
-#ifndef QUILLON_CLIENT_DEADLINE_H
-#define QUILLON_CLIENT_DEADLINE_H
+#pragma once
 
 #include <time.h>
 
@@ -39,5 +38,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

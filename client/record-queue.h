@@ -1,6 +1,5 @@
 /// One of the two message queues, from the client's end.
-#ifndef QUILLON_CLIENT_RECORD_QUEUE_H
-#define QUILLON_CLIENT_RECORD_QUEUE_H
+#pragma once
 
 #include <fw-update-mqdata.h>
 
@@ -56,5 +55,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

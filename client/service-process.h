@@ -1,6 +1,5 @@
 /// The process behind the queues.
-#ifndef QUILLON_CLIENT_SERVICE_PROCESS_H
-#define QUILLON_CLIENT_SERVICE_PROCESS_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -40,5 +39,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

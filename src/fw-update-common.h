@@ -1,5 +1,4 @@
-#ifndef QUILLON_FW_UPDATE_COMMON_H
-#define QUILLON_FW_UPDATE_COMMON_H
+#pragma once
 
 #include <semaphore.h>
 
@@ -29,5 +28,3 @@ public:
 private:
     FWUpdateCommon() = default;
 };
-
-#endif

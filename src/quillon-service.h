@@ -1,5 +1,4 @@
-#ifndef QUILLON_SERVICE_H
-#define QUILLON_SERVICE_H
+#pragma once
 
 #include <glib.h>
 
@@ -60,5 +59,3 @@ int firmware_control_task();
 /// to -1 when failed; accessed atomically
 /// @return 0. An exception out of a plug-in counts as a failed update.
 int firmware_update_task(bool& isUpdating, int& progress);
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_HELPERS_LIFECYCLE_CLIENT_LOCK_FILE_H
-#define QUILLON_HELPERS_LIFECYCLE_CLIENT_LOCK_FILE_H
+#pragma once
 
 #include <string>
 
@@ -16,5 +15,3 @@ namespace quillon::unit {
 void provideClientLock(const std::string& path);
 
 }  // namespace quillon::unit
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_HELPERS_LIFECYCLE_ORDERLY_END_H
-#define QUILLON_HELPERS_LIFECYCLE_ORDERLY_END_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -27,5 +26,3 @@ void endAndWait(const std::string& lifeMarker, pid_t process,
                 std::chrono::milliseconds patience = std::chrono::minutes(1));
 
 }  // namespace quillon::unit
-
-#endif

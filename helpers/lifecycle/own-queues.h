@@ -1,5 +1,4 @@
-#ifndef QUILLON_HELPERS_LIFECYCLE_OWN_QUEUES_H
-#define QUILLON_HELPERS_LIFECYCLE_OWN_QUEUES_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -38,5 +37,3 @@ bool isReplyQueueFull();
 void emptyReplyQueue();
 
 }  // namespace quillon::unit
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_HELPERS_LIFECYCLE_TAKEN_NAME_H
-#define QUILLON_HELPERS_LIFECYCLE_TAKEN_NAME_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -27,5 +26,3 @@ void putDeadLink(const std::string& path, const std::string& target, uid_t owner
 void clear(const std::string& path);
 
 }  // namespace quillon::unit
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_HELPERS_LIFECYCLE_TRUSTED_PLACES_H
-#define QUILLON_HELPERS_LIFECYCLE_TRUSTED_PLACES_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -16,5 +15,3 @@ namespace quillon::unit {
 std::vector<std::string> faultsOf(const std::vector<std::string>& places);
 
 }  // namespace quillon::unit
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_HELPERS_LIFECYCLE_UNIT_FAILURE_H
-#define QUILLON_HELPERS_LIFECYCLE_UNIT_FAILURE_H
+#pragma once
 
 #include <cerrno>
 #include <cstdlib>
@@ -28,5 +27,3 @@ inline void say(Priority priority, const std::string& text)
 }
 
 }  // namespace quillon::unit
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_HELPERS_LIFECYCLE_UPDATE_SEMAPHORE_H
-#define QUILLON_HELPERS_LIFECYCLE_UPDATE_SEMAPHORE_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -18,5 +17,3 @@ namespace quillon::unit {
 void provideSemaphore(uid_t owner, gid_t group);
 
 }  // namespace quillon::unit
-
-#endif

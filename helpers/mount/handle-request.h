@@ -1,5 +1,4 @@
-#ifndef QUILLON_HELPERS_MOUNT_HANDLE_REQUEST_H
-#define QUILLON_HELPERS_MOUNT_HANDLE_REQUEST_H
+#pragma once
 
 #include <string_view>
 
@@ -13,5 +12,3 @@ namespace quillon::privileged {
 int handleRequest(Kind kind, std::string_view text);
 
 }  // namespace quillon::privileged
-
-#endif

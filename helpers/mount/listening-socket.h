@@ -1,5 +1,4 @@
-#ifndef QUILLON_HELPERS_MOUNT_LISTENING_SOCKET_H
-#define QUILLON_HELPERS_MOUNT_LISTENING_SOCKET_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -40,5 +39,3 @@ private:
 };
 
 }  // namespace quillon::privileged
-
-#endif

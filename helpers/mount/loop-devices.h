@@ -1,5 +1,4 @@
-#ifndef QUILLON_HELPERS_MOUNT_LOOP_DEVICES_H
-#define QUILLON_HELPERS_MOUNT_LOOP_DEVICES_H
+#pragma once
 
 #include <string>
 
@@ -27,5 +26,3 @@ LoopDevice attachLoopDevice(const UniqueFd& image);
 void makeLoopNode(unsigned number);
 
 }  // namespace quillon::privileged
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_HELPERS_MOUNT_MOUNT_LOG_H
-#define QUILLON_HELPERS_MOUNT_MOUNT_LOG_H
+#pragma once
 
 #include "platform/log.h"
 
@@ -9,5 +8,3 @@
                  static_cast<const char*>(__func__), __LINE__, __VA_ARGS__)
 #define PRIVILEGED_LOGI(message, ...) PRIVILEGED_LOG(4, message, __VA_ARGS__)
 #define PRIVILEGED_LOGE(message, ...) PRIVILEGED_LOG(6, message, __VA_ARGS__)
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_HELPERS_MOUNT_PACKAGE_MOUNTS_H
-#define QUILLON_HELPERS_MOUNT_PACKAGE_MOUNTS_H
+#pragma once
 
 #include <string>
 
@@ -20,5 +19,3 @@ void mountPackage(const MountOrder& order);
 void unmountPackage(const std::string& directory);
 
 }  // namespace quillon::privileged
-
-#endif

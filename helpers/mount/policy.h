@@ -1,5 +1,4 @@
-#ifndef QUILLON_HELPERS_MOUNT_POLICY_H
-#define QUILLON_HELPERS_MOUNT_POLICY_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -32,5 +31,3 @@ unsigned judgeNode(std::string_view text);
 std::string judgeUnmount(std::string_view text);
 
 }  // namespace quillon::privileged
-
-#endif

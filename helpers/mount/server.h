@@ -1,5 +1,4 @@
-#ifndef QUILLON_HELPERS_MOUNT_SERVER_H
-#define QUILLON_HELPERS_MOUNT_SERVER_H
+#pragma once
 
 #include <chrono>
 #include <functional>
@@ -54,5 +53,3 @@ private:
 };
 
 }  // namespace quillon::privileged
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_HELPERS_SHARED_CALLER_OPTIONS_H
-#define QUILLON_HELPERS_SHARED_CALLER_OPTIONS_H
+#pragma once
 
 #include <optional>
 #include <string>
@@ -20,5 +19,3 @@ std::optional<int> parseCallerOptions(int argc, char** argv, const char* program
 int complain(const char* program, int status, const std::string& line);
 
 }  // namespace quillon
-
-#endif

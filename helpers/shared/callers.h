@@ -1,5 +1,4 @@
-#ifndef QUILLON_HELPERS_SHARED_CALLERS_H
-#define QUILLON_HELPERS_SHARED_CALLERS_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -29,5 +28,3 @@ struct Callers
 bool mayAsk(const Callers& callers, const Peer& peer);
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_HELPERS_SHARED_FAILURE_H
-#define QUILLON_HELPERS_SHARED_FAILURE_H
+#pragma once
 
 #include <cerrno>
 #include <cstring>
@@ -29,5 +28,3 @@ private:
 }
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_HELPERS_STORAGE_SERVE_CLIENT_H
-#define QUILLON_HELPERS_STORAGE_SERVE_CLIENT_H
+#pragma once
 
 #include <chrono>
 
@@ -18,5 +17,3 @@ inline constexpr std::chrono::seconds kLongestSilence(5);
 void serveClient(int connection, const Callers& callers);
 
 }  // namespace quillon::storage
-
-#endif

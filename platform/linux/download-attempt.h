@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_LINUX_DOWNLOAD_ATTEMPT_H
-#define QUILLON_PLATFORM_LINUX_DOWNLOAD_ATTEMPT_H
+#pragma once
 
 #include <curl/curl.h>
 
@@ -75,5 +74,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_LINUX_DOWNLOAD_CANCEL_H
-#define QUILLON_PLATFORM_LINUX_DOWNLOAD_CANCEL_H
+#pragma once
 
 #include <chrono>
 #include <condition_variable>
@@ -39,5 +38,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

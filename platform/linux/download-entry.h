@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_LINUX_DOWNLOAD_ENTRY_H
-#define QUILLON_PLATFORM_LINUX_DOWNLOAD_ENTRY_H
+#pragma once
 
 #include <string>
 
@@ -10,5 +9,3 @@
 extern "C" bool quillon_download_package(void (*callback)(const std::string& identifier, int status,
                                                           void* user_data),
                                          void* user_data, const std::string& identifier);
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_LINUX_DOWNLOAD_PART_H
-#define QUILLON_PLATFORM_LINUX_DOWNLOAD_PART_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -65,5 +64,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_LINUX_DOWNLOAD_QUEUE_H
-#define QUILLON_PLATFORM_LINUX_DOWNLOAD_QUEUE_H
+#pragma once
 
 #include <condition_variable>
 #include <deque>
@@ -58,5 +57,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

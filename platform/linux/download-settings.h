@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_LINUX_DOWNLOAD_SETTINGS_H
-#define QUILLON_PLATFORM_LINUX_DOWNLOAD_SETTINGS_H
+#pragma once
 
 #include <chrono>
 #include <cstdint>
@@ -30,5 +29,3 @@ struct DownloadSettings
 bool readDownloadSettings(DownloadSettings& settings);
 
 }  // namespace quillon
-
-#endif

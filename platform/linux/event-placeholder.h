@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_LINUX_EVENT_PLACEHOLDER_H
-#define QUILLON_PLATFORM_LINUX_EVENT_PLACEHOLDER_H
+#pragma once
 
 namespace quillon {
 
@@ -10,5 +9,3 @@ namespace quillon {
 inline constexpr char kEventPlaceholder[] = "/nonexistent/quillon-event-is-not-raised";
 
 }  // namespace quillon
-
-#endif

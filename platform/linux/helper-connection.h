@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_LINUX_HELPER_CONNECTION_H
-#define QUILLON_PLATFORM_LINUX_HELPER_CONNECTION_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -72,5 +71,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

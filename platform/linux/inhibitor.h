@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_LINUX_INHIBITOR_H
-#define QUILLON_PLATFORM_LINUX_INHIBITOR_H
+#pragma once
 
 #include <array>
 #include <optional>
@@ -19,5 +18,3 @@ using Inhibitor = std::array<UniqueFd, 3>;
 std::optional<Inhibitor> takeInhibitor();
 
 }  // namespace quillon
-
-#endif

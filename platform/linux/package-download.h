@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_LINUX_PACKAGE_DOWNLOAD_H
-#define QUILLON_PLATFORM_LINUX_PACKAGE_DOWNLOAD_H
+#pragma once
 
 #include <string>
 
@@ -19,5 +18,3 @@ DownloadStatus downloadPackage(const std::string& identifier, const DownloadSett
                                DownloadCancel& cancel) noexcept;
 
 }  // namespace quillon
-
-#endif

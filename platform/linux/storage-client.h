@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_LINUX_STORAGE_CLIENT_H
-#define QUILLON_PLATFORM_LINUX_STORAGE_CLIENT_H
+#pragma once
 
 #include <optional>
 #include <string_view>
@@ -21,5 +20,3 @@ std::optional<int> readThroughHelper(std::string_view item, SecretBytes& bytes);
 std::optional<int> installThroughHelper(const SecretBytes& package);
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_LOG_FORMATTED_TEXT_H
-#define QUILLON_PLATFORM_LOG_FORMATTED_TEXT_H
+#pragma once
 
 #include <cstdarg>
 #include <cstddef>
@@ -45,5 +44,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_LOG_JOURNAL_H
-#define QUILLON_PLATFORM_LOG_JOURNAL_H
+#pragma once
 
 namespace quillon {
 
@@ -23,5 +22,3 @@ struct LogMessage
 bool sendToJournal(const LogMessage& message);
 
 }  // namespace quillon
-
-#endif

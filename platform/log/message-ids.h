@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_LOG_MESSAGE_IDS_H
-#define QUILLON_PLATFORM_LOG_MESSAGE_IDS_H
+#pragma once
 
 #include <cstddef>
 
@@ -24,5 +23,3 @@ extern const std::size_t kExplainedMessageCount;
 const char* messageId(const char* tag, const char* format);
 
 }  // namespace quillon
-
-#endif

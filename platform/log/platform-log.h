@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_LOG_PLATFORM_LOG_H
-#define QUILLON_PLATFORM_LOG_PLATFORM_LOG_H
+#pragma once
 
 #include <cerrno>
 #include <cstdio>
@@ -42,5 +41,3 @@ void logPlatform(int priority, const char* file, const char* function, int line,
 }
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_PROTOCOLS_MOUNT_PROTOCOL_H
-#define QUILLON_PLATFORM_PROTOCOLS_MOUNT_PROTOCOL_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -37,5 +36,3 @@ struct Answer
 static_assert(sizeof(Request) == 8 + kTextSize && sizeof(Answer) == 8, "no padding travels");
 
 }  // namespace quillon::privileged
-
-#endif

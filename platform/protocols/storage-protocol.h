@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_PROTOCOLS_STORAGE_PROTOCOL_H
-#define QUILLON_PLATFORM_PROTOCOLS_STORAGE_PROTOCOL_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -66,5 +65,3 @@ std::optional<Request> parseRequest(const SecretBytes& packet);
 std::optional<Answer> parseAnswer(Kind kind, const SecretBytes& packet);
 
 }  // namespace quillon::storage
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_STORAGE_FLOOR_STORE_H
-#define QUILLON_PLATFORM_STORAGE_FLOOR_STORE_H
+#pragma once
 
 #include <string>
 
@@ -21,5 +20,3 @@ enum class FloorResult {
 FloorResult raiseStoredFloors(const std::string& package, const Floors& floors);
 
 }  // namespace quillon
-
-#endif

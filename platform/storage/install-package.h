@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_STORAGE_INSTALL_PACKAGE_H
-#define QUILLON_PLATFORM_STORAGE_INSTALL_PACKAGE_H
+#pragma once
 
 #include <string>
 
@@ -26,5 +25,3 @@ enum InstallResult : int {
 InstallResult installPackage(const std::string& name, const SecretBytes& package);
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_STORAGE_ITEM_STORE_H
-#define QUILLON_PLATFORM_STORAGE_ITEM_STORE_H
+#pragma once
 
 #include <string_view>
 
@@ -35,5 +34,3 @@ StoreResult readItem(std::string_view name, SecretBytes& bytes);
 StoreResult storeItem(std::string_view name, const SecretBytes& bytes);
 
 }  // namespace quillon
-
-#endif

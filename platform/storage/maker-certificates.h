@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_STORAGE_MAKER_CERTIFICATES_H
-#define QUILLON_PLATFORM_STORAGE_MAKER_CERTIFICATES_H
+#pragma once
 
 #include <openssl/x509.h>
 
@@ -29,5 +28,3 @@ Certificates loadCertificates(const std::string& directory,
                               const std::function<void(const std::string&)>& complain);
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_STORAGE_PROVISIONING_CONTENT_H
-#define QUILLON_PLATFORM_STORAGE_PROVISIONING_CONTENT_H
+#pragma once
 
 #include <cstddef>
 #include <string_view>
@@ -43,5 +42,3 @@ const char* parseProvisioningContent(std::string_view bytes, ProvisioningContent
 SecretBytes encodeProvisioningContent(const ProvisioningContent& content);
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_STORAGE_SEALING_H
-#define QUILLON_PLATFORM_STORAGE_SEALING_H
+#pragma once
 
 #include <string>
 
@@ -24,5 +23,3 @@ std::string seal(const std::string& item, const SecretBytes& plain, SecretBytes&
 std::string unseal(const std::string& item, const SecretBytes& sealed, SecretBytes& plain);
 
 }  // namespace quillon
-
-#endif

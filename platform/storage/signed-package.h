@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_STORAGE_SIGNED_PACKAGE_H
-#define QUILLON_PLATFORM_STORAGE_SIGNED_PACKAGE_H
+#pragma once
 
 #include <openssl/evp.h>
 
@@ -49,5 +48,3 @@ std::string makeSignedPackage(const SecretBytes& content, EVP_PKEY* key,
                               const Certificates& certificates);
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_VERIFIER_HEX_TEXT_H
-#define QUILLON_PLATFORM_VERIFIER_HEX_TEXT_H
+#pragma once
 
 #include <cstddef>
 #include <string>
@@ -20,5 +19,3 @@ inline std::string hexText(const unsigned char* bytes, std::size_t count)
 }
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_VERIFIER_IMAGE_ERROR_H
-#define QUILLON_PLATFORM_VERIFIER_IMAGE_ERROR_H
+#pragma once
 
 #include <stdexcept>
 #include <string>
@@ -38,5 +37,3 @@ inline ImageError notSigned(const std::string& path, const std::string& reason)
 }
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_VERIFIER_IMAGE_SIGNATURE_H
-#define QUILLON_PLATFORM_VERIFIER_IMAGE_SIGNATURE_H
+#pragma once
 
 #include <openssl/evp.h>
 
@@ -53,5 +52,3 @@ void requireSignature(const ImageTrailer& trailer, const ContentDigest& content,
                       const ImagePurpose& purpose, EVP_PKEY* key, const std::string& path);
 
 }  // namespace quillon
-
-#endif

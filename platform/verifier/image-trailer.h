@@ -28,8 +28,7 @@
 /// keeps a signature of one format from ever being one of the other.
 ///
 /// Numbers are little-endian.
-#ifndef QUILLON_PLATFORM_VERIFIER_IMAGE_TRAILER_H
-#define QUILLON_PLATFORM_VERIFIER_IMAGE_TRAILER_H
+#pragma once
 
 #include <array>
 #include <cstddef>
@@ -76,5 +75,3 @@ std::string keyIdText(const ImageTrailer& trailer);
 std::string toText(const KeyId& keyId);
 
 }  // namespace quillon
-
-#endif

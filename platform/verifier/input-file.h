@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_VERIFIER_INPUT_FILE_H
-#define QUILLON_PLATFORM_VERIFIER_INPUT_FILE_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -38,5 +37,3 @@ private:
 std::string readSmallFile(const std::string& path, std::size_t limit);
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_VERIFIER_OPENSSL_HANDLE_H
-#define QUILLON_PLATFORM_VERIFIER_OPENSSL_HANDLE_H
+#pragma once
 
 #include <openssl/bio.h>
 #include <openssl/evp.h>
@@ -17,5 +16,3 @@ using UniqueCipher = std::unique_ptr<EVP_CIPHER_CTX, ReleaseWith<&EVP_CIPHER_CTX
 using UniqueBio = std::unique_ptr<BIO, ReleaseWith<&BIO_free_all>>;
 
 }  // namespace quillon
-
-#endif

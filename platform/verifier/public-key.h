@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_VERIFIER_PUBLIC_KEY_H
-#define QUILLON_PLATFORM_VERIFIER_PUBLIC_KEY_H
+#pragma once
 
 #include <string>
 #include <system_error>
@@ -32,5 +31,3 @@ KeyId keyIdOf(const EVP_PKEY* key);
 int refusePassPhrase(char* buffer, int size, int writing, void* user);
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_VERIFIER_SECURITY_FLOORS_H
-#define QUILLON_PLATFORM_VERIFIER_SECURITY_FLOORS_H
+#pragma once
 
 #include <cstdint>
 #include <map>
@@ -24,5 +23,3 @@ void raiseFloors(Floors& floors, const Floors& others);
 std::string floorsText(const Floors& floors);
 
 }  // namespace quillon
-
-#endif

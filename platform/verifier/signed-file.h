@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_VERIFIER_SIGNED_FILE_H
-#define QUILLON_PLATFORM_VERIFIER_SIGNED_FILE_H
+#pragma once
 
 #include <string>
 
@@ -35,5 +34,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_VERIFIER_TRUST_POLICY_H
-#define QUILLON_PLATFORM_VERIFIER_TRUST_POLICY_H
+#pragma once
 
 #include <cstddef>
 #include <string>
@@ -51,5 +50,3 @@ ImagePurpose requireAllowed(const ImageTrailer& trailer, const std::string& path
                             const TrustPolicy& policy);
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_PLATFORM_VERIFIER_TRUSTED_KEYS_H
-#define QUILLON_PLATFORM_VERIFIER_TRUSTED_KEYS_H
+#pragma once
 
 #include <functional>
 #include <string>
@@ -26,5 +25,3 @@ std::string requireTrustedSignature(const ImageTrailer& trailer, const std::stri
                                     const std::function<void(const std::string&)>& complain);
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_FW_UPDATE_MOUNT_MANAGER_H
-#define QUILLON_FW_UPDATE_MOUNT_MANAGER_H
+#pragma once
 
 #include <string>
 
@@ -50,5 +49,3 @@ public:
 private:
     FWMountManager() = default;
 };
-
-#endif

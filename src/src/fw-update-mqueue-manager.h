@@ -1,5 +1,4 @@
-#ifndef QUILLON_FW_UPDATE_MQUEUE_MANAGER_H
-#define QUILLON_FW_UPDATE_MQUEUE_MANAGER_H
+#pragma once
 
 #include <mqueue.h>
 
@@ -82,5 +81,3 @@ private:
     mqd_t controlQueue_ = -1;
     pid_t creator_ = 0;  ///< process that opened them
 };
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_FW_UPDATE_SYMBOL_MANAGER_H
-#define QUILLON_FW_UPDATE_SYMBOL_MANAGER_H
+#pragma once
 
 #include <list>
 #include <string>
@@ -167,5 +166,3 @@ private:
     std::vector<FWUpdateSymbol> modules_;
     std::string swVersion_;
 };
-
-#endif

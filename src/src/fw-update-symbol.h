@@ -1,5 +1,4 @@
-#ifndef QUILLON_FW_UPDATE_SYMBOL_H
-#define QUILLON_FW_UPDATE_SYMBOL_H
+#pragma once
 
 #include <cstdint>
 #include <cstdio>
@@ -245,5 +244,3 @@ private:
 
     int symbolType_ = 0;
 };
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_SUPPORT_CHECKSUM_DISTANCE_H
-#define QUILLON_SUPPORT_CHECKSUM_DISTANCE_H
+#pragma once
 
 #include <cstdint>
 
@@ -33,5 +32,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_SUPPORT_CHECKSUM_FOLDING_H
-#define QUILLON_SUPPORT_CHECKSUM_FOLDING_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -18,5 +17,3 @@ bool canFoldChecksum();
 std::uint32_t checksumByFolding(std::uint32_t crc, const unsigned char* data, std::size_t size);
 
 }  // namespace quillon
-
-#endif

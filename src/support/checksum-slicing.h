@@ -1,5 +1,4 @@
-#ifndef QUILLON_SUPPORT_CHECKSUM_SLICING_H
-#define QUILLON_SUPPORT_CHECKSUM_SLICING_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -19,5 +18,3 @@ constexpr std::uint32_t kChecksumPolynomial = 0x01B23CA3U;
 std::uint32_t checksumBySlicing(std::uint32_t crc, const unsigned char* data, std::size_t size);
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_SUPPORT_CHECKSUM_H
-#define QUILLON_SUPPORT_CHECKSUM_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -19,5 +18,3 @@ namespace quillon {
 std::uint32_t imageChecksum(std::uint32_t crc, const unsigned char* data, std::size_t size);
 
 }  // namespace quillon
-
-#endif

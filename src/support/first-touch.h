@@ -1,5 +1,4 @@
-#ifndef QUILLON_SUPPORT_FIRST_TOUCH_H
-#define QUILLON_SUPPORT_FIRST_TOUCH_H
+#pragma once
 
 #include <atomic>
 #include <cstddef>
@@ -15,7 +14,8 @@ namespace quillon {
 /// memory (8 MiB and more) ahead of the writer. The contents, the owner and the way to release the
 /// memory stay as they are.
 ///
-/// What the kernel cannot do, or has no memory or thread for, is left out. Source: madvise(2), MADV_HUGEPAGE and MADV_POPULATE_WRITE. Thread: any. Keeps errno.
+/// What the kernel cannot do, or has no memory or thread for, is left out. Source: madvise(2),
+/// MADV_HUGEPAGE and MADV_POPULATE_WRITE. Thread: any. Keeps errno.
 class EasedFirstTouch
 {
 public:
@@ -35,5 +35,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_SUPPORT_LOG_H
-#define QUILLON_SUPPORT_LOG_H
+#pragma once
 
 #include <cerrno>
 #include <cstdio>
@@ -64,5 +63,3 @@ void write(int priority, const char* file, const char* function, int line, const
 }
 
 }  // namespace quillon::log
-
-#endif

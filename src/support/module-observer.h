@@ -1,5 +1,4 @@
-#ifndef QUILLON_SUPPORT_MODULE_OBSERVER_H
-#define QUILLON_SUPPORT_MODULE_OBSERVER_H
+#pragma once
 
 #include <atomic>
 #include <string>
@@ -110,5 +109,3 @@ void tell(ModuleEvent event, const Module& module, int result = 0)
 }
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_SUPPORT_PATHS_H
-#define QUILLON_SUPPORT_PATHS_H
+#pragma once
 
 /// Where things are on the device. All of them are fixed: there is no configuration file.
 /// Directories end in "/", since names are appended to them as they are; the numbered stick's does
@@ -27,5 +26,3 @@ inline constexpr const char* kMountTable = "/proc/mounts";
 inline constexpr const char* kDevices = "/dev";
 
 }  // namespace quillon::paths
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_SUPPORT_PROCESSORS_H
-#define QUILLON_SUPPORT_PROCESSORS_H
+#pragma once
 
 #include <sched.h>
 
@@ -14,5 +13,3 @@ inline bool hasAnotherProcessor()
 }
 
 }  // namespace quillon
-
-#endif

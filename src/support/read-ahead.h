@@ -1,5 +1,4 @@
-#ifndef QUILLON_SUPPORT_READ_AHEAD_H
-#define QUILLON_SUPPORT_READ_AHEAD_H
+#pragma once
 
 #include <condition_variable>
 #include <cstddef>
@@ -55,5 +54,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_SUPPORT_READ_WITNESS_H
-#define QUILLON_SUPPORT_READ_WITNESS_H
+#pragma once
 
 #include <array>
 #include <cstddef>
@@ -73,5 +72,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_SUPPORT_SHARED_VALUE_H
-#define QUILLON_SUPPORT_SHARED_VALUE_H
+#pragma once
 
 #include <atomic>
 
@@ -29,5 +28,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_SUPPORT_TEXT_H
-#define QUILLON_SUPPORT_TEXT_H
+#pragma once
 
 #include <cctype>
 #include <string>
@@ -27,5 +26,3 @@ inline char* emptyText()
 }
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_SUPPORT_UNSEEN_MEMORY_H
-#define QUILLON_SUPPORT_UNSEEN_MEMORY_H
+#pragma once
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -48,5 +47,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_FAKES_MODULE_BEHAVIOUR_H
-#define QUILLON_TESTS_FAKES_MODULE_BEHAVIOUR_H
+#pragma once
 
 #include <functional>
 #include <map>
@@ -56,5 +55,3 @@ struct ModuleBehaviour
 };
 
 }  // namespace quillon::fakes
-
-#endif

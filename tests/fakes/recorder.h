@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_FAKES_RECORDER_H
-#define QUILLON_TESTS_FAKES_RECORDER_H
+#pragma once
 
 #include <string>
 
@@ -18,5 +17,3 @@ std::string quoted(const char* text);
 std::string quoted(const char* text, std::size_t size);
 
 }  // namespace quillon::fakes
-
-#endif

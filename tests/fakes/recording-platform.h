@@ -6,8 +6,7 @@
 ///
 /// It also stands in front of some functions of the C library and hands each call on to the real
 /// one. Those enter the timeline only after recordCalls(), and fail only after failCall().
-#ifndef QUILLON_TESTS_FAKES_RECORDING_PLATFORM_H
-#define QUILLON_TESTS_FAKES_RECORDING_PLATFORM_H
+#pragma once
 
 #include <chrono>
 #include <cstdint>
@@ -238,5 +237,3 @@ int answerDigestVerifier(void* reserved, const unsigned char* sha256, const unsi
 /// @}
 
 }  // namespace quillon::fakes
-
-#endif

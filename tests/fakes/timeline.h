@@ -4,8 +4,7 @@
 ///     expectStep(Call(like("usleep(*")));
 ///
 /// Link quillon-timeline. A failure is shown as support/texts.h says.
-#ifndef QUILLON_TESTS_FAKES_TIMELINE_H
-#define QUILLON_TESTS_FAKES_TIMELINE_H
+#pragma once
 
 #include <cstddef>
 #include <iosfwd>
@@ -97,5 +96,3 @@ std::vector<std::string> callTexts();
 std::vector<std::string> pluginTexts();
 
 }  // namespace quillon::fakes
-
-#endif

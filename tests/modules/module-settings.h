@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_MODULES_MODULE_SETTINGS_H
-#define QUILLON_TESTS_MODULES_MODULE_SETTINGS_H
+#pragma once
 
 #include <string>
 
@@ -29,5 +28,3 @@ bool forkChild();
 void tellPayload(const unsigned char* data, int length);
 
 }  // namespace quillon::test_module
-
-#endif

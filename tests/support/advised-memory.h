@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_SUPPORT_ADVISED_MEMORY_H
-#define QUILLON_TESTS_SUPPORT_ADVISED_MEMORY_H
+#pragma once
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -49,5 +48,3 @@ inline std::size_t residentPages(const void* address, std::size_t size)
 }
 
 }  // namespace quillon::test
-
-#endif

@@ -1,6 +1,5 @@
 /// Behind the expectations of lists: one comparison and one way of showing it.
-#ifndef QUILLON_TESTS_SUPPORT_COMPARED_LINES_H
-#define QUILLON_TESTS_SUPPORT_COMPARED_LINES_H
+#pragma once
 
 #include <cstddef>
 #include <string>
@@ -34,5 +33,3 @@ std::vector<ComparedLine> compared(const std::vector<Seen>& seen, const std::vec
 }
 
 }  // namespace quillon::test
-
-#endif

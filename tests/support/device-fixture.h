@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_SUPPORT_DEVICE_FIXTURE_H
-#define QUILLON_TESTS_SUPPORT_DEVICE_FIXTURE_H
+#pragma once
 
 #include <gtest/gtest.h>
 
@@ -22,5 +21,3 @@ protected:
 };
 
 }  // namespace quillon::test
-
-#endif

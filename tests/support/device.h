@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_SUPPORT_DEVICE_H
-#define QUILLON_TESTS_SUPPORT_DEVICE_H
+#pragma once
 
 #include <string>
 
@@ -64,5 +63,3 @@ public:
 };
 
 }  // namespace quillon::test
-
-#endif

@@ -1,6 +1,5 @@
 /// Files as whole texts.
-#ifndef QUILLON_TESTS_SUPPORT_FILES_H
-#define QUILLON_TESTS_SUPPORT_FILES_H
+#pragma once
 
 #include <string>
 
@@ -17,5 +16,3 @@ void writeFile(const std::string& path, const std::string& text);
 void writeScript(const std::string& path, const std::string& script);
 
 }  // namespace quillon::test
-
-#endif

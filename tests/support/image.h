@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_SUPPORT_IMAGE_H
-#define QUILLON_TESTS_SUPPORT_IMAGE_H
+#pragma once
 
 #include <cstddef>
 #include <optional>
@@ -65,5 +64,3 @@ private:
 };
 
 }  // namespace quillon::test
-
-#endif

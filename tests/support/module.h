@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_SUPPORT_MODULE_H
-#define QUILLON_TESTS_SUPPORT_MODULE_H
+#pragma once
 
 #include <functional>
 #include <string>
@@ -132,5 +131,3 @@ private:
 };
 
 }  // namespace quillon::test
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_SUPPORT_OPEN_WAY_H
-#define QUILLON_TESTS_SUPPORT_OPEN_WAY_H
+#pragma once
 
 #include <fcntl.h>
 #include <sys/mount.h>
@@ -51,5 +50,3 @@ inline bool openWayTo(const std::filesystem::path& path)
 }
 
 }  // namespace quillon::test
-
-#endif  // QUILLON_TESTS_SUPPORT_OPEN_WAY_H

@@ -1,6 +1,5 @@
 /// Other programs and processes, run beside a test.
-#ifndef QUILLON_TESTS_SUPPORT_PROCESS_H
-#define QUILLON_TESTS_SUPPORT_PROCESS_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -76,5 +75,3 @@ int inChildAs(uid_t user, gid_t group, const std::vector<gid_t>& others,
 int statusOf(pid_t child);
 
 }  // namespace quillon::test
-
-#endif

@@ -8,8 +8,7 @@
 /// from the first that differs on what was expected stands above what was seen.
 ///
 /// Link quillon-test-tools.
-#ifndef QUILLON_TESTS_SUPPORT_TEXTS_H
-#define QUILLON_TESTS_SUPPORT_TEXTS_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -61,5 +60,3 @@ void expectTextsInAnyOrder(std::vector<std::string> seen, const std::vector<Text
 /// @}
 
 }  // namespace quillon::test
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_SUPPORT_THREADED_PROCESS_H
-#define QUILLON_TESTS_SUPPORT_THREADED_PROCESS_H
+#pragma once
 
 #include <signal.h>
 #include <sys/syscall.h>
@@ -64,5 +63,3 @@ private:
 };
 
 }  // namespace quillon::test
-
-#endif

@@ -1,7 +1,6 @@
 /// Waiting for what another thread or process does. Never for a time: a limit only ends a test that
 /// has failed, so it is generous.
-#ifndef QUILLON_TESTS_SUPPORT_WAIT_H
-#define QUILLON_TESTS_SUPPORT_WAIT_H
+#pragma once
 
 #include <chrono>
 #include <functional>
@@ -24,5 +23,3 @@ bool waitFor(const std::string& what, const std::function<bool()>& condition,
              int line = __builtin_LINE());
 
 }  // namespace quillon::test
-
-#endif

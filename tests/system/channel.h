@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_SYSTEM_CHANNEL_H
-#define QUILLON_TESTS_SYSTEM_CHANNEL_H
+#pragma once
 
 #include <mqueue.h>
 
@@ -52,5 +51,3 @@ private:
 };
 
 }  // namespace quillon::test
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_SYSTEM_CONTROL_LAYER_H
-#define QUILLON_TESTS_SYSTEM_CONTROL_LAYER_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -69,5 +68,3 @@ void leaveSemaphoreBehind();
 int runShell(const std::string& line);
 
 }  // namespace quillon::test
-
-#endif

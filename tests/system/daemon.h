@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_SYSTEM_DAEMON_H
-#define QUILLON_TESTS_SYSTEM_DAEMON_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -89,5 +88,3 @@ private:
 };
 
 }  // namespace quillon::test
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_SYSTEM_PRIVILEGED_HELPER_H
-#define QUILLON_TESTS_SYSTEM_PRIVILEGED_HELPER_H
+#pragma once
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
@@ -118,5 +117,3 @@ protected:
 };
 
 }  // namespace quillon::test
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_SYSTEM_SYSTEM_TEST_H
-#define QUILLON_TESTS_SYSTEM_SYSTEM_TEST_H
+#pragma once
 
 #include <gtest/gtest.h>
 
@@ -92,5 +91,3 @@ private:
 };
 
 }  // namespace quillon::test
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_SYSTEM_TRACER_H
-#define QUILLON_TESTS_SYSTEM_TRACER_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -42,5 +41,3 @@ private:
 };
 
 }  // namespace quillon::test
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TOOLS_QUILLON_DEVICE_DEVICE_DEV_H
-#define QUILLON_TOOLS_QUILLON_DEVICE_DEVICE_DEV_H
+#pragma once
 
 namespace quillon::device {
 
@@ -11,5 +10,3 @@ namespace quillon::device {
 void fillDev(int hostDev);
 
 }  // namespace quillon::device
-
-#endif  // QUILLON_TOOLS_QUILLON_DEVICE_DEVICE_DEV_H

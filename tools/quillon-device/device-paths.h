@@ -1,5 +1,4 @@
-#ifndef QUILLON_TOOLS_QUILLON_DEVICE_DEVICE_PATHS_H
-#define QUILLON_TOOLS_QUILLON_DEVICE_DEVICE_PATHS_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -46,5 +45,3 @@ bool isOnTheWay(const std::string& directory, const std::vector<std::string>& pa
 std::string resolved(const std::string& path);
 
 }  // namespace quillon::device
-
-#endif  // QUILLON_TOOLS_QUILLON_DEVICE_DEVICE_PATHS_H

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TOOLS_QUILLON_DEVICE_IN_PLACE_H
-#define QUILLON_TOOLS_QUILLON_DEVICE_IN_PLACE_H
+#pragma once
 
 #include <string>
 
@@ -23,5 +22,3 @@ int runInPlace(const Command& command);
 std::string obstacleInPlace();
 
 }  // namespace quillon::device
-
-#endif  // QUILLON_TOOLS_QUILLON_DEVICE_IN_PLACE_H

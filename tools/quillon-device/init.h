@@ -1,5 +1,4 @@
-#ifndef QUILLON_TOOLS_QUILLON_DEVICE_INIT_H
-#define QUILLON_TOOLS_QUILLON_DEVICE_INIT_H
+#pragma once
 
 #include <csignal>
 #include <string>
@@ -51,5 +50,3 @@ int runAsChild(const Command& command, const char* way, bool dieWithMe);
 int waitFor(pid_t child);
 
 }  // namespace quillon::device
-
-#endif  // QUILLON_TOOLS_QUILLON_DEVICE_INIT_H

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TOOLS_QUILLON_DEVICE_ISOLATION_H
-#define QUILLON_TOOLS_QUILLON_DEVICE_ISOLATION_H
+#pragma once
 
 #include <optional>
 #include <string>
@@ -28,5 +27,3 @@ const char* nameOf(Way way);
 std::optional<int> runIsolated(Way way, const Command& command, std::string& reason);
 
 }  // namespace quillon::device
-
-#endif  // QUILLON_TOOLS_QUILLON_DEVICE_ISOLATION_H

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TOOLS_QUILLON_DEVICE_LAYERS_H
-#define QUILLON_TOOLS_QUILLON_DEVICE_LAYERS_H
+#pragma once
 
 #include <string>
 
@@ -15,5 +14,3 @@ namespace quillon::device {
 void mountPrivateDirectories(const std::string& workingDirectory, const std::string& stage);
 
 }  // namespace quillon::device
-
-#endif  // QUILLON_TOOLS_QUILLON_DEVICE_LAYERS_H

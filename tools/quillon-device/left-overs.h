@@ -1,5 +1,4 @@
-#ifndef QUILLON_TOOLS_QUILLON_DEVICE_LEFT_OVERS_H
-#define QUILLON_TOOLS_QUILLON_DEVICE_LEFT_OVERS_H
+#pragma once
 
 namespace quillon::device {
 
@@ -18,5 +17,3 @@ void killForgottenProcesses();
 void removeQueues();
 
 }  // namespace quillon::device
-
-#endif  // QUILLON_TOOLS_QUILLON_DEVICE_LEFT_OVERS_H

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TOOLS_QUILLON_DEVICE_MIRROR_H
-#define QUILLON_TOOLS_QUILLON_DEVICE_MIRROR_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -20,5 +19,3 @@ void mirrorDirectory(const std::string& host, const std::string& mirror,
                      const std::vector<std::string>& hidden);
 
 }  // namespace quillon::device
-
-#endif  // QUILLON_TOOLS_QUILLON_DEVICE_MIRROR_H

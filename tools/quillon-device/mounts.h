@@ -1,5 +1,4 @@
-#ifndef QUILLON_TOOLS_QUILLON_DEVICE_MOUNTS_H
-#define QUILLON_TOOLS_QUILLON_DEVICE_MOUNTS_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -42,5 +41,3 @@ void makeReadOnly(const std::string& point);
 void makeDirectoryLike(const std::string& path, const std::string& model);
 
 }  // namespace quillon::device
-
-#endif  // QUILLON_TOOLS_QUILLON_DEVICE_MOUNTS_H

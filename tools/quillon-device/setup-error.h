@@ -1,5 +1,4 @@
-#ifndef QUILLON_TOOLS_QUILLON_DEVICE_SETUP_ERROR_H
-#define QUILLON_TOOLS_QUILLON_DEVICE_SETUP_ERROR_H
+#pragma once
 
 #include <cerrno>
 #include <cstring>
@@ -31,5 +30,3 @@ inline void complain(const std::string& line)
 }
 
 }  // namespace quillon::device
-
-#endif  // QUILLON_TOOLS_QUILLON_DEVICE_SETUP_ERROR_H

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TOOLS_QUILLON_IMAGE_ATOMIC_FILE_H
-#define QUILLON_TOOLS_QUILLON_IMAGE_ATOMIC_FILE_H
+#pragma once
 
 #include <cstddef>
 #include <string>
@@ -43,5 +42,3 @@ private:
 void writeFile(const std::string& path, const std::string& content, Audience audience);
 
 }  // namespace quillon
-
-#endif

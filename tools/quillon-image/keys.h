@@ -1,5 +1,4 @@
-#ifndef QUILLON_TOOLS_QUILLON_IMAGE_KEYS_H
-#define QUILLON_TOOLS_QUILLON_IMAGE_KEYS_H
+#pragma once
 
 #include <array>
 #include <string>
@@ -49,5 +48,3 @@ constexpr char kProvisioningPackageFile[] = "00000066.bin";  ///< brings the ite
 void createKeys(const std::string& directory, bool replace);
 
 }  // namespace quillon
-
-#endif

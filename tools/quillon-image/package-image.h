@@ -5,8 +5,7 @@
 ///
 /// The firmware name is the package's name without its first "emp": "tunerempA1" holds
 /// "tunerA1.bin". A device has the image as NAME.img and mounts it read-only.
-#ifndef QUILLON_TOOLS_QUILLON_IMAGE_PACKAGE_IMAGE_H
-#define QUILLON_TOOLS_QUILLON_IMAGE_PACKAGE_IMAGE_H
+#pragma once
 
 #include <cstdint>
 #include <optional>
@@ -50,5 +49,3 @@ std::uint32_t buildPackage(const PackageContent& content, PackageType type,
 std::optional<PackageType> packageTypeOf(const std::string& path);
 
 }  // namespace quillon
-
-#endif

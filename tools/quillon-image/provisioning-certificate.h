@@ -1,5 +1,4 @@
-#ifndef QUILLON_TOOLS_QUILLON_IMAGE_PROVISIONING_CERTIFICATE_H
-#define QUILLON_TOOLS_QUILLON_IMAGE_PROVISIONING_CERTIFICATE_H
+#pragma once
 
 #include "platform/storage/maker-certificates.h"
 #include "platform/verifier/openssl-handle.h"
@@ -13,5 +12,3 @@ namespace quillon {
 UniqueCertificate createProvisioningCertificate(EVP_PKEY* key);
 
 }  // namespace quillon
-
-#endif

@@ -1,7 +1,6 @@
 /// The package that brings one secure-storage item to a device, signed by its maker
 /// (provisioning-content.h, signed-package.h).
-#ifndef QUILLON_TOOLS_QUILLON_IMAGE_PROVISIONING_PACKAGE_H
-#define QUILLON_TOOLS_QUILLON_IMAGE_PROVISIONING_PACKAGE_H
+#pragma once
 
 #include <cstddef>
 #include <functional>
@@ -49,5 +48,3 @@ ProvisioningPackageInfo verifyProvisioningPackage(
     const std::function<void(const std::string&)>& complain);
 
 }  // namespace quillon
-
-#endif

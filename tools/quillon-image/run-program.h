@@ -1,5 +1,4 @@
-#ifndef QUILLON_TOOLS_QUILLON_IMAGE_RUN_PROGRAM_H
-#define QUILLON_TOOLS_QUILLON_IMAGE_RUN_PROGRAM_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -28,5 +27,3 @@ void runProgram(const Program& program, const std::vector<std::string>& argument
                 const std::string& directory, const std::vector<std::string>& variables);
 
 }  // namespace quillon
-
-#endif

@@ -6,8 +6,7 @@
 ///                                  64 bytes  version text, NUL-terminated and NUL-padded
 ///                                  the rest  payload
 ///     size - 534   534           signature trailer (image-trailer.h)
-#ifndef QUILLON_TOOLS_QUILLON_IMAGE_STICK_IMAGE_H
-#define QUILLON_TOOLS_QUILLON_IMAGE_STICK_IMAGE_H
+#pragma once
 
 #include <array>
 #include <cstdint>
@@ -95,5 +94,3 @@ std::string verifyStickImageByDirectory(const std::string& path, const std::stri
                                         const TrustPolicy& policy = {});
 
 }  // namespace quillon
-
-#endif

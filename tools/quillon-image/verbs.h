@@ -1,5 +1,4 @@
-#ifndef QUILLON_TOOLS_QUILLON_IMAGE_VERBS_H
-#define QUILLON_TOOLS_QUILLON_IMAGE_VERBS_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -90,5 +89,3 @@ void verify(const VerifyOptions& options);
 void extract(const ExtractOptions& options);
 
 }  // namespace quillon
-
-#endif

@@ -1,6 +1,5 @@
 /// How quillonctl ends. Scripts rely on these numbers; quillonctl(1) documents them.
-#ifndef QUILLON_QUILLONCTL_EXIT_CODES_H
-#define QUILLON_QUILLONCTL_EXIT_CODES_H
+#pragma once
 
 #include <string>
 
@@ -32,5 +31,3 @@ struct Failure
 };
 
 }  // namespace quillon
-
-#endif

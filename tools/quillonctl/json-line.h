@@ -1,5 +1,4 @@
-#ifndef QUILLON_TOOLS_QUILLONCTL_JSON_LINE_H
-#define QUILLON_TOOLS_QUILLONCTL_JSON_LINE_H
+#pragma once
 
 #include <json/value.h>
 
@@ -21,5 +20,3 @@ Json::Value jsonObject(const JsonMembers& members);
 void writeEvent(const char* event, const JsonMembers& members = {});
 
 }  // namespace quillon
-
-#endif

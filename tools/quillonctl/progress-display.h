@@ -1,6 +1,5 @@
 /// The progress of an update as text, and the terminal that shows it.
-#ifndef QUILLON_QUILLONCTL_PROGRESS_DISPLAY_H
-#define QUILLON_QUILLONCTL_PROGRESS_DISPLAY_H
+#pragma once
 
 #include <string>
 
@@ -43,5 +42,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

@@ -1,6 +1,5 @@
 /// What quillonctl has to say, apart from how it is written.
-#ifndef QUILLON_QUILLONCTL_REPORT_H
-#define QUILLON_QUILLONCTL_REPORT_H
+#pragma once
 
 #include <quillon/client.h>
 
@@ -56,5 +55,3 @@ std::unique_ptr<Report> makeTextReport(bool quiet, bool onTerminal);
 std::unique_ptr<Report> makeJsonReport();
 
 }  // namespace quillon
-
-#endif

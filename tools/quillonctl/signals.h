@@ -1,5 +1,4 @@
-#ifndef QUILLON_TOOLS_QUILLONCTL_SIGNALS_H
-#define QUILLON_TOOLS_QUILLONCTL_SIGNALS_H
+#pragma once
 
 #include <signal.h>
 
@@ -37,5 +36,3 @@ inline sigset_t signalSet(std::initializer_list<int> signals)
 }
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TOOLS_QUILLONCTL_STANDARD_FILES_H
-#define QUILLON_TOOLS_QUILLONCTL_STANDARD_FILES_H
+#pragma once
 
 namespace quillon {
 
@@ -16,5 +15,3 @@ void prepareStandardFiles();
 int closeOutput(int code);
 
 }  // namespace quillon
-
-#endif

@@ -1,6 +1,5 @@
 /// What quillonctl can do, one function a verb.
-#ifndef QUILLON_QUILLONCTL_VERBS_H
-#define QUILLON_QUILLONCTL_VERBS_H
+#pragma once
 
 #include <quillon/client.h>
 
@@ -50,5 +49,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

@@ -1,6 +1,5 @@
 /// How a client's errors read in expectations.
-#ifndef QUILLON_TESTS_UNIT_CLIENT_CLIENT_MATCHERS_H
-#define QUILLON_TESTS_UNIT_CLIENT_CLIENT_MATCHERS_H
+#pragma once
 
 #include <gmock/gmock.h>
 #include <quillon/client.h>
@@ -25,5 +24,3 @@ MATCHER_P2(FailedWith, code, text, "is an error with that code and text")
 }
 
 }  // namespace quillon
-
-#endif

@@ -1,6 +1,5 @@
 /// An update service for client tests: the real two queues, answered by a thread to a script.
-#ifndef QUILLON_TESTS_UNIT_CLIENT_FAKE_SERVICE_H
-#define QUILLON_TESTS_UNIT_CLIENT_FAKE_SERVICE_H
+#pragma once
 
 #include <fw-update-mqdata.h>
 #include <mqueue.h>
@@ -109,5 +108,3 @@ private:
     char path_[128] = {};
     std::vector<Received> received_;
 };
-
-#endif

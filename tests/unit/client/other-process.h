@@ -1,6 +1,5 @@
 /// Processes beside a test's own.
-#ifndef QUILLON_TESTS_UNIT_CLIENT_OTHER_PROCESS_H
-#define QUILLON_TESTS_UNIT_CLIENT_OTHER_PROCESS_H
+#pragma once
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -56,5 +55,3 @@ private:
     int pipe_[2] = {-1, -1};
     pid_t pid_ = -1;
 };
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_UNIT_EXAMPLES_EXAMPLE_MODULE_H
-#define QUILLON_TESTS_UNIT_EXAMPLES_EXAMPLE_MODULE_H
+#pragma once
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -106,5 +105,3 @@ inline std::string nameOf(const ::testing::TestParamInfo<const char*>& info)
 }
 
 }  // namespace quillon::test
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_UNIT_PLATFORM_CAPTURED_STDERR_H
-#define QUILLON_TESTS_UNIT_PLATFORM_CAPTURED_STDERR_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -24,5 +23,3 @@ private:
     int file_;
     int original_;
 };
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_UNIT_PLATFORM_DOWNLOAD_FIXTURE_H
-#define QUILLON_TESTS_UNIT_PLATFORM_DOWNLOAD_FIXTURE_H
+#pragma once
 
 #include <gtest/gtest.h>
 
@@ -66,5 +65,3 @@ protected:
 private:
     static void emptyDirectory();
 };
-
-#endif

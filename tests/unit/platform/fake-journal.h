@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_UNIT_PLATFORM_FAKE_JOURNAL_H
-#define QUILLON_TESTS_UNIT_PLATFORM_FAKE_JOURNAL_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -15,5 +14,3 @@ struct FakeJournal
 };
 
 FakeJournal& fakeJournal();
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_UNIT_PLATFORM_FAKE_LOGIND_H
-#define QUILLON_TESTS_UNIT_PLATFORM_FAKE_LOGIND_H
+#pragma once
 
 #include <systemd/sd-bus.h>
 
@@ -58,5 +57,3 @@ private:
     sd_bus* bus_ = nullptr;
     std::thread serving_;
 };
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_UNIT_PLATFORM_JOURNAL_SOCKET_H
-#define QUILLON_TESTS_UNIT_PLATFORM_JOURNAL_SOCKET_H
+#pragma once
 
 #include <condition_variable>
 #include <map>
@@ -45,5 +44,3 @@ private:
     std::vector<JournalEntry> entries_;
     std::thread reader_;
 };
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_UNIT_PLATFORM_LOCAL_HTTP_SERVER_H
-#define QUILLON_TESTS_UNIT_PLATFORM_LOCAL_HTTP_SERVER_H
+#pragma once
 
 #include <atomic>
 #include <functional>
@@ -70,5 +69,3 @@ private:
 
 /// "HTTP/1.1 STATUS\r\n", each of the lines, and the empty line that ends a head.
 std::string httpHead(const std::string& status, const std::vector<std::string>& lines);
-
-#endif

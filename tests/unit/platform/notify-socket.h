@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_UNIT_PLATFORM_NOTIFY_SOCKET_H
-#define QUILLON_TESTS_UNIT_PLATFORM_NOTIFY_SOCKET_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -21,5 +20,3 @@ private:
     std::string name_;
     int fd_;
 };
-
-#endif

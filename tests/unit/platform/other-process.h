@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_UNIT_PLATFORM_OTHER_PROCESS_H
-#define QUILLON_TESTS_UNIT_PLATFORM_OTHER_PROCESS_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -31,5 +30,3 @@ private:
     int pipe_[2] = {-1, -1};
     pid_t child_ = -1;
 };
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_UNIT_PLATFORM_RUNNING_LIBRARY_H
-#define QUILLON_TESTS_UNIT_PLATFORM_RUNNING_LIBRARY_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -12,5 +11,3 @@ struct RunningLibrary
 };
 
 RunningLibrary runningLibrary();
-
-#endif

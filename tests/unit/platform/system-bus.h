@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_UNIT_PLATFORM_SYSTEM_BUS_H
-#define QUILLON_TESTS_UNIT_PLATFORM_SYSTEM_BUS_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -21,5 +20,3 @@ private:
     std::string directory_;
     pid_t daemon_ = -1;
 };
-
-#endif

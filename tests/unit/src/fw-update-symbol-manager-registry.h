@@ -1,6 +1,5 @@
 /// The module registry for a test, seen from outside: it shows nothing of itself but its work.
-#ifndef QUILLON_TESTS_UNIT_SRC_FW_UPDATE_SYMBOL_MANAGER_REGISTRY_H
-#define QUILLON_TESTS_UNIT_SRC_FW_UPDATE_SYMBOL_MANAGER_REGISTRY_H
+#pragma once
 
 #include <dirent.h>
 
@@ -58,5 +57,3 @@ protected:
 };
 
 }  // namespace quillon::test
-
-#endif

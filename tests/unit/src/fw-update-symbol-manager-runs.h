@@ -1,6 +1,5 @@
 /// Runs of the control layer over the registry: modules with something on offer for them.
-#ifndef QUILLON_TESTS_UNIT_SRC_FW_UPDATE_SYMBOL_MANAGER_RUNS_H
-#define QUILLON_TESTS_UNIT_SRC_FW_UPDATE_SYMBOL_MANAGER_RUNS_H
+#pragma once
 
 #include <semaphore.h>
 
@@ -178,5 +177,3 @@ private:
 };
 
 }  // namespace quillon::test
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_UNIT_SRC_LOOP_DEVICES_H
-#define QUILLON_TESTS_UNIT_SRC_LOOP_DEVICES_H
+#pragma once
 
 #include <string>
 
@@ -50,5 +49,3 @@ public:
 };
 
 }  // namespace quillon::test
-
-#endif

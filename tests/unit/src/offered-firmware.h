@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_UNIT_SRC_OFFERED_FIRMWARE_H
-#define QUILLON_TESTS_UNIT_SRC_OFFERED_FIRMWARE_H
+#pragma once
 
 #include <unistd.h>
 
@@ -162,5 +161,3 @@ private:
 };
 
 }  // namespace quillon::test
-
-#endif

@@ -1,7 +1,6 @@
 /// The service's two queues for a test, and a control client at their other end. Once made, neither
 /// leaves anything in the recording platform's timeline.
-#ifndef QUILLON_TESTS_UNIT_SRC_QUILLON_SERVICE_CLIENT_H
-#define QUILLON_TESTS_UNIT_SRC_QUILLON_SERVICE_CLIENT_H
+#pragma once
 
 #include <fcntl.h>
 #include <glib.h>
@@ -186,5 +185,3 @@ private:
 };
 
 }  // namespace quillon::test
-
-#endif

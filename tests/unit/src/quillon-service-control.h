@@ -1,6 +1,5 @@
 /// The control task on a device with queues, a client and a key.
-#ifndef QUILLON_TESTS_UNIT_SRC_QUILLON_SERVICE_CONTROL_H
-#define QUILLON_TESTS_UNIT_SRC_QUILLON_SERVICE_CONTROL_H
+#pragma once
 
 #include <chrono>
 #include <condition_variable>
@@ -155,5 +154,3 @@ private:
 };
 
 }  // namespace quillon::test
-
-#endif

@@ -1,6 +1,5 @@
 /// The whole service in the test's process, from the first line of its main to the last.
-#ifndef QUILLON_TESTS_UNIT_SRC_QUILLON_SERVICE_PROCESS_H
-#define QUILLON_TESTS_UNIT_SRC_QUILLON_SERVICE_PROCESS_H
+#pragma once
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -105,5 +104,3 @@ protected:
 };
 
 }  // namespace quillon::test
-
-#endif

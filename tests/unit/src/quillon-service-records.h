@@ -1,7 +1,6 @@
 /// Records of the control channel as the tests expect them: byte for byte, at the offsets that
 /// clients rely on.
-#ifndef QUILLON_TESTS_UNIT_SRC_QUILLON_SERVICE_RECORDS_H
-#define QUILLON_TESTS_UNIT_SRC_QUILLON_SERVICE_RECORDS_H
+#pragma once
 
 #include <algorithm>
 #include <array>
@@ -88,5 +87,3 @@ inline Record stopRecord()
 }
 
 }  // namespace quillon::test
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_UNIT_SRC_USB_IMAGES_H
-#define QUILLON_TESTS_UNIT_SRC_USB_IMAGES_H
+#pragma once
 
 #include <string>
 
@@ -74,5 +73,3 @@ protected:
 };
 
 }  // namespace quillon::test
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_UNIT_STORAGE_ITEM_DIRECTORY_H
-#define QUILLON_TESTS_UNIT_STORAGE_ITEM_DIRECTORY_H
+#pragma once
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
@@ -26,5 +25,3 @@ protected:
 
     CapturedStderr captured;
 };
-
-#endif

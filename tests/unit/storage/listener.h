@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_UNIT_STORAGE_LISTENER_H
-#define QUILLON_TESTS_UNIT_STORAGE_LISTENER_H
+#pragma once
 
 #include <functional>
 #include <thread>
@@ -31,5 +30,3 @@ private:
 void leaveStaleSocket();
 
 }  // namespace quillon::test
-
-#endif

@@ -1,6 +1,5 @@
 /// Makers of provisioning packages, honest and otherwise.
-#ifndef QUILLON_TESTS_UNIT_STORAGE_MAKERS_H
-#define QUILLON_TESTS_UNIT_STORAGE_MAKERS_H
+#pragma once
 
 #include <openssl/cms.h>
 
@@ -58,5 +57,3 @@ std::string packageBy(const Maker& maker, const std::string& item, const std::st
 Certificates trusting(const std::vector<const Maker*>& makers);
 
 }  // namespace quillon::test
-
-#endif

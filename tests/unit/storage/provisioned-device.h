@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_UNIT_STORAGE_PROVISIONED_DEVICE_H
-#define QUILLON_TESTS_UNIT_STORAGE_PROVISIONED_DEVICE_H
+#pragma once
 
 #include <filesystem>
 #include <string>
@@ -52,5 +51,3 @@ protected:
 };
 
 }  // namespace quillon::test
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_UNIT_STORAGE_SEALING_PROGRAM_H
-#define QUILLON_TESTS_UNIT_STORAGE_SEALING_PROGRAM_H
+#pragma once
 
 #include <string>
 
@@ -20,5 +19,3 @@ bool putRealSealing(const std::string& withKey = "host", const std::string& tpmD
 void removeSealingProgram();
 
 }  // namespace quillon::test
-
-#endif

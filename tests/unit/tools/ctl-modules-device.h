@@ -1,6 +1,5 @@
 /// A device with modules whose every answer the test decides, for the real control layer.
-#ifndef QUILLON_TESTS_UNIT_TOOLS_CTL_MODULES_DEVICE_H
-#define QUILLON_TESTS_UNIT_TOOLS_CTL_MODULES_DEVICE_H
+#pragma once
 
 #include <gtest/gtest.h>
 #include <json/value.h>
@@ -60,5 +59,3 @@ protected:
     }
     static std::vector<std::string> callsOf(const std::string& name) { return callsOfModule(name); }
 };
-
-#endif

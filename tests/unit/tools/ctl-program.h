@@ -1,6 +1,5 @@
 /// Runs the real quillonctl.
-#ifndef QUILLON_TESTS_UNIT_TOOLS_CTL_PROGRAM_H
-#define QUILLON_TESTS_UNIT_TOOLS_CTL_PROGRAM_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -42,5 +41,3 @@ CtlResult runCtl(const std::vector<std::string>& arguments, uid_t user = 0);
 /// @return everything that arrived at the terminal in `out`
 CtlResult runCtlOnTerminal(const std::vector<std::string>& arguments, unsigned short columns,
                            const char* terminal = "xterm");
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_UNIT_TOOLS_DEVICE_PROGRAM_H
-#define QUILLON_TESTS_UNIT_TOOLS_DEVICE_PROGRAM_H
+#pragma once
 
 #include <string>
 
@@ -29,5 +28,3 @@ bool vanish(const std::string& word);
 std::string uniqueWord();
 
 }  // namespace quillon::test
-
-#endif  // QUILLON_TESTS_UNIT_TOOLS_DEVICE_PROGRAM_H

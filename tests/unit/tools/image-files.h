@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_UNIT_TOOLS_IMAGE_FILES_H
-#define QUILLON_TESTS_UNIT_TOOLS_IMAGE_FILES_H
+#pragma once
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -86,5 +85,3 @@ ImageFault faultOf(Work work, std::string* line = nullptr)
 }
 
 }  // namespace quillon::test
-
-#endif

@@ -1,6 +1,5 @@
 /// Keys and images for tests. Two makers exist, "a" and "b", each with keys of its own.
-#ifndef QUILLON_TESTS_UNIT_VERIFIER_TEST_KEYS_H
-#define QUILLON_TESTS_UNIT_VERIFIER_TEST_KEYS_H
+#pragma once
 
 #include <filesystem>
 #include <optional>
@@ -62,5 +61,3 @@ inline void makeImage(const std::string& path, const std::string& maker, const s
 }
 
 }  // namespace quillon::test
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_UNIT_VERIFIER_VERIFIER_TEST_H
-#define QUILLON_TESTS_UNIT_VERIFIER_VERIFIER_TEST_H
+#pragma once
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -58,5 +57,3 @@ protected:
 };
 
 }  // namespace quillon::test
-
-#endif

@@ -1,6 +1,5 @@
 /// Modules that end the program, which is not theirs.
-#ifndef QUILLON_QUILLONCTL_FOREIGN_END_H
-#define QUILLON_QUILLONCTL_FOREIGN_END_H
+#pragma once
 
 #include <functional>
 #include <string>
@@ -36,5 +35,3 @@ void endIfOurs();
 void bearStackOverflow();
 
 }  // namespace quillon
-
-#endif

@@ -3,8 +3,7 @@
 /// SIGINT, SIGTERM, SIGQUIT and SIGHUP ask the program to end. Where nothing is being flashed they
 /// end it; what is being flashed is finished first, and no other update is begun. SIGHUP does not
 /// even do that once an update has begun: a terminal that goes away changes nothing.
-#ifndef QUILLON_QUILLONCTL_INTERRUPTION_H
-#define QUILLON_QUILLONCTL_INTERRUPTION_H
+#pragma once
 
 #include <functional>
 
@@ -60,5 +59,3 @@ void endUpdating();
 /// @}
 
 }  // namespace quillon
-
-#endif

@@ -1,6 +1,5 @@
 /// Which modules need an update.
-#ifndef QUILLON_QUILLONCTL_MODULE_CHECK_H
-#define QUILLON_QUILLONCTL_MODULE_CHECK_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -52,5 +51,3 @@ bool releasePackage(FWUpdateSymbol& module);
 void releasePackages(const ModuleSource& source);
 
 }  // namespace quillon
-
-#endif

@@ -1,6 +1,5 @@
 /// What the registry tells of its modules, kept for the program's reports.
-#ifndef QUILLON_QUILLONCTL_MODULE_EVENTS_H
-#define QUILLON_QUILLONCTL_MODULE_EVENTS_H
+#pragma once
 
 #include <chrono>
 #include <condition_variable>
@@ -73,5 +72,3 @@ private:
 std::string phraseOf(const ModuleFinding& finding);
 
 }  // namespace quillon
-
-#endif

@@ -1,6 +1,5 @@
 /// The registry of this process, as far as broken modules go beyond what it bears by itself.
-#ifndef QUILLON_QUILLONCTL_MODULE_REGISTRY_H
-#define QUILLON_QUILLONCTL_MODULE_REGISTRY_H
+#pragma once
 
 #include <cxxabi.h>
 #include <unistd.h>
@@ -80,5 +79,3 @@ int resultOf(Call call)
 }
 
 }  // namespace quillon
-
-#endif

@@ -1,6 +1,5 @@
 /// What the control layer has to say, apart from how it is written.
-#ifndef QUILLON_QUILLONCTL_MODULE_REPORT_H
-#define QUILLON_QUILLONCTL_MODULE_REPORT_H
+#pragma once
 
 #include <memory>
 #include <string>
@@ -100,5 +99,3 @@ std::unique_ptr<ModuleReport> makeModuleTextReport(bool quiet, bool onTerminal);
 std::unique_ptr<ModuleReport> makeModuleJsonReport();
 
 }  // namespace quillon
-
-#endif

@@ -1,6 +1,5 @@
 /// Where the control layer looks for updates.
-#ifndef QUILLON_QUILLONCTL_MODULE_SOURCE_H
-#define QUILLON_QUILLONCTL_MODULE_SOURCE_H
+#pragma once
 
 #include <string>
 
@@ -34,5 +33,3 @@ inline const ModuleSource* findModuleSource(const std::string& name)
 }
 
 }  // namespace quillon
-
-#endif

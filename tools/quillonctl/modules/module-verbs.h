@@ -1,6 +1,5 @@
 /// What the control layer can do, one function a verb.
-#ifndef QUILLON_QUILLONCTL_MODULE_VERBS_H
-#define QUILLON_QUILLONCTL_MODULE_VERBS_H
+#pragma once
 
 #include <atomic>
 #include <chrono>
@@ -68,5 +67,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

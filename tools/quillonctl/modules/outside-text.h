@@ -1,6 +1,5 @@
 /// Texts that come from modules, images and other processes, made fit to be shown.
-#ifndef QUILLON_QUILLONCTL_OUTSIDE_TEXT_H
-#define QUILLON_QUILLONCTL_OUTSIDE_TEXT_H
+#pragma once
 
 #include <cstddef>
 #include <string>
@@ -18,5 +17,3 @@ std::size_t countCharacters(const std::string& text);
 std::string cut(const std::string& text, std::size_t characters);
 
 }  // namespace quillon
-
-#endif

@@ -1,6 +1,5 @@
 /// Who could hold the update semaphore.
-#ifndef QUILLON_QUILLONCTL_SLOT_HOLDERS_H
-#define QUILLON_QUILLONCTL_SLOT_HOLDERS_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -34,5 +33,3 @@ SlotHolders findSlotHolders(const SlotLocks& locks);
 std::string describe(const std::vector<SlotHolder>& holders);
 
 }  // namespace quillon
-
-#endif

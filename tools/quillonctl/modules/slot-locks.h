@@ -1,6 +1,5 @@
 /// The record locks by which control layers tell each other what they do with the update semaphore.
-#ifndef QUILLON_QUILLONCTL_SLOT_LOCKS_H
-#define QUILLON_QUILLONCTL_SLOT_LOCKS_H
+#pragma once
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -80,5 +79,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

@@ -1,6 +1,5 @@
 /// The update semaphore as this program uses it.
-#ifndef QUILLON_QUILLONCTL_UPDATE_SLOT_H
-#define QUILLON_QUILLONCTL_UPDATE_SLOT_H
+#pragma once
 
 #include <semaphore.h>
 
@@ -79,5 +78,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

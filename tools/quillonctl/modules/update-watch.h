@@ -1,6 +1,5 @@
 /// Follows updates while the registry makes them.
-#ifndef QUILLON_QUILLONCTL_UPDATE_WATCH_H
-#define QUILLON_QUILLONCTL_UPDATE_WATCH_H
+#pragma once
 
 #include <chrono>
 #include <memory>
@@ -43,5 +42,3 @@ private:
 };
 
 }  // namespace quillon
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef QUILLON_TESTS_UNIT_PRIVILEGED_HOSTILE_REQUESTS_H
-#define QUILLON_TESTS_UNIT_PRIVILEGED_HOSTILE_REQUESTS_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -26,5 +25,3 @@ std::string goodNode();
 std::string goodUnmount();
 
 }  // namespace quillon::test
-
-#endif
