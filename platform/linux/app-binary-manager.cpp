@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include <atomic>
+#include <exception>
 
 #include "base/once.h"
 #include "platform/linux/download-entry.h"
@@ -12,23 +13,24 @@ namespace {
 
 using Download = decltype(&quillon_download_package);
 
-/// The library lies in the directory "quillon" beside this one, wherever that is.
-/// @return null, logged once, when it is not there or cannot be loaded.
+/// Opens the library in the directory "quillon" beside this one, wherever that is.
+/// @return null, logged once, when it is not there or cannot be loaded. Throws std::bad_alloc.
 Download openDownload()
 {
+    // A function that this library exports may have its address in the program.
     Dl_info self = {};
-    dladdr(reinterpret_cast<void*>(&appbinaryManager::ABM_DownloadAppBinary), &self);
+    dladdr(reinterpret_cast<void*>(&openDownload), &self);
     const std::string path = self.dli_fname != nullptr ? self.dli_fname : "";
-    void* library = dlopen(
-        (path.substr(0, path.rfind('/') + 1) + "quillon/libquillon-download.so").c_str(), RTLD_NOW);
-    if (library == nullptr) {
-        static quillon::Once said;
-        if (said.first()) {
-            PLATFORM_LOGI("there is no package download: %s", dlerror());
-        }
-        return nullptr;
+    const std::string place = path.substr(0, path.rfind('/') + 1);
+    dlerror();
+    void* library = dlopen((place + "quillon/libquillon-download.so").c_str(), RTLD_NOW);
+    void* entry = library != nullptr ? dlsym(library, "quillon_download_package") : nullptr;
+    static quillon::Once said;
+    if (entry == nullptr && said.first()) {
+        const char* reason = dlerror();
+        PLATFORM_LOGE("there is no package download: %s", reason != nullptr ? reason : "no entry");
     }
-    return reinterpret_cast<Download>(dlsym(library, "quillon_download_package"));
+    return reinterpret_cast<Download>(entry);
 }
 
 }  // namespace
@@ -40,11 +42,16 @@ bool ABM_DownloadAppBinary(void (*callback)(const std::string& identifier, int s
                            void* user_data, const std::string& identifier)
 {
     static std::atomic<Download> download{nullptr};
-    if (download == nullptr) {
-        download = openDownload();
+    try {
+        if (download == nullptr) {
+            download = openDownload();
+        }
+        const Download found = download;
+        return found != nullptr && found(callback, user_data, identifier);
+    } catch (const std::exception& error) {
+        PLATFORM_LOGE("package %s cannot be downloaded: %s", identifier.c_str(), error.what());
+        return false;
     }
-    const Download found = download;
-    return found != nullptr && found(callback, user_data, identifier);
 }
 
 }  // namespace appbinaryManager

@@ -26,7 +26,7 @@ TEST(NoPackageDownload, IsRefusedAndSaysOnceThatThereIsNone)
     EXPECT_FALSE(appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, ""));
     EXPECT_FALSE(called);
     expectTexts(captured.lines(),
-                {like("QUILLON-PLATFORM I app-binary-manager.cpp: *no package download*")});
+                {like("QUILLON-PLATFORM E app-binary-manager.cpp: *no package download*")});
 }
 
 }  // namespace
