@@ -58,12 +58,15 @@ void DownloadQueue::add(const std::string& identifier, const DownloadSettings& s
     auto request = std::find_if(requests_.begin(), requests_.end(), [&](const Request& waiting) {
         return waiting.identifier == identifier;
     });
-    if (request == requests_.end()) {
-        request = requests_.insert(request, Request{identifier, settings, {}});
-        added_.notify_one();
-    }
+    std::vector<DownloadListener> listeners;
     if (listener.callback != nullptr) {
-        request->listeners.push_back(listener);
+        listeners.push_back(listener);
+    }
+    if (request == requests_.end()) {
+        requests_.push_back({identifier, settings, std::move(listeners)});
+        added_.notify_one();
+    } else {
+        request->listeners.insert(request->listeners.end(), listeners.begin(), listeners.end());
     }
 }
 
