@@ -36,11 +36,19 @@ TEST_F(BrokenLoading, KeepsUpdatesFromBeginningAndSaysHowToMendThat)
     for (const std::string what : {"beta", "--all"}) {
         EXPECT_EQ(json({"update", what, "--source", "system"}, 11)["text"],
                   "nothing can be updated: the module alpha has raised an exception while it was "
-                  "loaded, and no update could start beside it; move it out of "
+                  "loaded, and no thread could work beside it; move it out of "
                   "/usr/fwupdate/controls/");
     }
     EXPECT_FALSE(wasAsked("beta", "doUpdate("));
     EXPECT_EQ(semaphoreValue(), -1);
+}
+
+TEST_F(BrokenLoading, KeepsDownloadsFromBeginning)
+{
+    EXPECT_EQ(json({"download"}, 11)["text"],
+              "nothing can be downloaded: the module alpha has raised an exception while it was "
+              "loaded, and no thread could work beside it; move it out of "
+              "/usr/fwupdate/controls/");
 }
 
 }  // namespace

@@ -271,16 +271,23 @@ ExitCode ModuleVerbs::check(const ModuleSource& source)
     return isAnyNeeded ? kExitSuccess : kExitNothingToUpdate;
 }
 
-/// The registry does not tell a missing semaphore from a failed update.
-void ModuleVerbs::prepareUpdates()
+/// Refuses to start threads while the dynamic linker's lock is held for ever.
+/// @param task  what the verb does, as a participle
+void ModuleVerbs::requireFreeLoader(const std::string& task)
 {
     if (const auto name = moduleThatLocksLoader()) {
         throw Failure{kExitUnusableModule,
-                      "nothing can be updated: the module " + *name +
-                          " has raised an exception while it was loaded, and no update could start "
+                      "nothing can be " + task + ": the module " + *name +
+                          " has raised an exception while it was loaded, and no thread could work "
                           "beside it; move it out of " +
                           paths::kModules};
     }
+}
+
+/// The registry does not tell a missing semaphore from a failed update.
+void ModuleVerbs::prepareUpdates()
+{
+    requireFreeLoader("updated");
     isUpdating_ = true;
     UpdateSlot::instance().open();
     holdOffSignals();
@@ -503,6 +510,7 @@ ExitCode ModuleVerbs::progress(const std::string& name)
 ExitCode ModuleVerbs::download()
 {
     open();
+    requireFreeLoader("downloaded");
     std::vector<const FWUpdateSymbol*> modules;
     for (const FWUpdateSymbol& module : manager().modules()) {
         if (kindOf(module) == ModuleKind::kFirmware) {

@@ -47,6 +47,7 @@ private:
     void abandon();
     void abandonOnRequest();
     [[noreturn]] void endBecauseOf(const std::string& who);
+    void requireFreeLoader(const std::string& task);
     void prepareUpdates();
     std::vector<ModuleCheck> checkAll(const ModuleSource& source);
     std::vector<ModuleUpdate> runMarked();
