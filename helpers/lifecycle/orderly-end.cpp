@@ -18,6 +18,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <vector>
 
 #include "base/fd.h"
 #include "helpers/lifecycle/own-queues.h"
@@ -80,12 +81,25 @@ Threads threadsOf(pid_t process)
     return threads;
 }
 
+/// The threads that a service has all its life: those with the lowest numbers. What an estimate or
+/// an update starts comes later and ends earlier.
+Threads lastingThreadsOf(pid_t process)
+{
+    const auto isShorterOrLess = [](const std::string& a, const std::string& b) {
+        return a.size() != b.size() ? a.size() < b.size() : a < b;
+    };
+    const Threads all = threadsOf(process);
+    std::vector<std::string> oldest(std::min(all.size(), kThreadsWithoutUpdate));
+    std::partial_sort_copy(all.begin(), all.end(), oldest.begin(), oldest.end(), isShorterOrLess);
+    return {oldest.begin(), oldest.end()};
+}
+
 /// Looks after the service while it ends.
 class Attendance
 {
 public:
     Attendance(pid_t process, std::chrono::milliseconds patience)
-        : process_(process), patience_(patience), threadsBefore_(threadsOf(process))
+        : process_(process), patience_(patience), lasting_(lastingThreadsOf(process))
     {
     }
 
@@ -122,15 +136,15 @@ private:
     using Clock = std::chrono::steady_clock;
 
     /// The service no longer tells the watchdog that it is alive once it has seen that the marker
-    /// is gone. A thread has ended then, which tells it from a service that hangs.
+    /// is gone. A lasting thread has ended then, which tells it from a service that hangs.
     bool hasBegunToEnd(const Threads& now) const
     {
-        return !std::includes(now.begin(), now.end(), threadsBefore_.begin(), threadsBefore_.end());
+        return !std::includes(now.begin(), now.end(), lasting_.begin(), lasting_.end());
     }
 
     pid_t process_;
     std::chrono::milliseconds patience_;
-    Threads threadsBefore_;
+    Threads lasting_;
     Threads threadsSeen_;
     Clock::time_point lastProgress_;
     int fullLooks_ = 0;
