@@ -13,11 +13,12 @@
 #include <utility>
 
 #include "base/regular-file.h"
+#include "base/signals-blocked.h"
 
 namespace quillon {
 namespace {
 
-constexpr std::int64_t kPiece = 128 << 10;
+constexpr std::int64_t kPiece = 64 << 10;  // little for a thread's stack
 
 /// In bytes; 0 when the kernel does not say.
 std::int64_t availableMemory()
@@ -54,6 +55,7 @@ ReadAhead::ReadAhead(std::vector<std::string> paths, std::int64_t window)
         if (window_ == kQuarterOfMemory) {
             window_ = availableMemory() / 4;
         }
+        const SignalsBlocked blocked;
         thread_ = std::thread([this] { fetchAll(); });
     } catch (const std::exception&) {
         // Then each file is read when its turn comes.

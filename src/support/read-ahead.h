@@ -15,8 +15,8 @@ namespace quillon {
 ///
 /// A thread of the object's own reads them, piece by piece, as far as they are not there yet.
 /// Whoever reads the files notices nothing but the speed. What cannot be opened or read, or is no
-/// regular file, is passed over; without a thread nothing is read ahead. Keeps errno. Thread: one
-/// at a time.
+/// regular file, is passed over; without a thread nothing is read ahead. Holds the file open that
+/// it has begun with. Keeps errno. Thread: one at a time.
 class ReadAhead
 {
 public:
@@ -27,7 +27,7 @@ public:
     /// @param window  how many bytes it may get ahead of the file that is being read
     explicit ReadAhead(std::vector<std::string> paths, std::int64_t window = kQuarterOfMemory);
 
-    /// Waits for the thread, which is done after a piece of 128 KiB.
+    /// Waits for the thread, which is done after a piece of 64 KiB.
     ~ReadAhead();
     ReadAhead(const ReadAhead&) = delete;
     ReadAhead& operator=(const ReadAhead&) = delete;
