@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <thread>
+#include <utility>
 
 namespace quillon {
 
@@ -99,6 +100,7 @@ void writeHolder(int file)
 Error ClientLock::acquire(const std::string& path, const Deadline& deadline)
 {
     release();
+    bool isReplaced = false;
     while (true) {
         UniqueFd file(openOrCreate(path));
         if (!file) {
@@ -112,12 +114,15 @@ Error ClientLock::acquire(const std::string& path, const Deadline& deadline)
                                       ? "it is another name of a file that has more than one"
                                       : kNotRegular);
         }
-        // What was replaced meanwhile is not what others lock.
-        if (flock(file.get(), LOCK_EX | LOCK_NB) == 0 && isAt(path, status)) {
+        const bool isFree = flock(file.get(), LOCK_EX | LOCK_NB) == 0;
+        if (isFree && isAt(path, status)) {
             file_ = std::move(file);
             owner_ = getpid();
             writeHolder(file_.get());
             return {};
+        }
+        if (isFree && !std::exchange(isReplaced, true)) {
+            continue;  // it was replaced meanwhile: the new one is what others lock
         }
         Error error = busy(file.get());
         file.reset();
