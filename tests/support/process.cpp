@@ -20,6 +20,9 @@ namespace quillon::test {
 Process::Process(const Words& words)
     : out_(::memfd_create("out", MFD_CLOEXEC)), err_(::memfd_create("err", MFD_CLOEXEC))
 {
+    if (out_ < 0 || err_ < 0) {
+        throw std::runtime_error("no memory for a program's output");
+    }
     std::vector<char*> arguments;
     for (const std::string& word : words) {
         arguments.push_back(const_cast<char*>(word.c_str()));
@@ -67,7 +70,9 @@ int Process::wait()
 
 void Process::kill(int signal) const
 {
-    ::kill(pid_, signal);
+    if (pid_ > 0) {
+        ::kill(pid_, signal);
+    }
 }
 
 std::string Process::out() const
@@ -113,7 +118,7 @@ int inChild(const std::function<int()>& work)
 {
     const pid_t child = ::fork();
     if (child == 0) {
-        ::_exit(work());
+        ::_exit([&]() noexcept { return work(); }());
     }
     return statusOf(child);
 }
@@ -131,7 +136,12 @@ int inChildAs(uid_t user, gid_t group, const std::vector<gid_t>& others,
 int statusOf(pid_t child)
 {
     int status = 0;
-    while (::waitpid(child, &status, 0) == -1 && errno == EINTR) {
+    pid_t waited = 0;
+    do {
+        waited = ::waitpid(child, &status, 0);
+    } while (waited == -1 && errno == EINTR);
+    if (waited != child) {
+        throw std::runtime_error("there is no such child");
     }
     return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
 }
