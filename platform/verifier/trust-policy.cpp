@@ -76,6 +76,7 @@ void readSettings(const std::string& path, const Taker& take)
         return;
     }
     std::istringstream lines(readText(path));
+    lines.exceptions(std::ios::badbit);  // else a line that memory lacks for would be the last one
     std::vector<std::string> seen;
     int number = 0;
     for (std::string line; std::getline(lines, line);) {
