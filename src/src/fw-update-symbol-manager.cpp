@@ -135,14 +135,14 @@ int decided(const FWUpdateSymbol& module, Decide decide)
 
 /// The images that a run is about to read from a stick, one of each module; empty where it reads
 /// none.
-/// @param stick  may be null
+/// @param key, stick  without one of them nothing is read
 /// @param isRead  whether the module's is read
 template <typename IsRead>
-std::vector<std::string> imagesOn(const char* stick, const std::vector<FWUpdateSymbol>& modules,
-                                  IsRead isRead)
+std::vector<std::string> imagesOn(const unsigned char* key, const char* stick,
+                                  const std::vector<FWUpdateSymbol>& modules, IsRead isRead)
 {
     std::vector<std::string> images(modules.size());
-    if (stick != nullptr) {
+    if (key != nullptr && stick != nullptr) {
         std::transform(modules.begin(), modules.end(), images.begin(),
                        [&](const FWUpdateSymbol& one) {
                            return isRead(one) ? one.imageOn(stick) : std::string();
@@ -346,7 +346,8 @@ int FWUpdateSymbolManager::getFirmwareUpdateTime(const unsigned char* key, const
 
     int result = -1;
     int sum = 0;
-    quillon::ReadAhead images(imagesOn(path, modules_, [](const FWUpdateSymbol&) { return true; }));
+    quillon::ReadAhead images(
+        imagesOn(key, path, modules_, [](const FWUpdateSymbol&) { return true; }));
     for (std::size_t i = 0; i < modules_.size(); ++i) {
         FWUpdateSymbol& module = modules_[i];
         images.reach(i);
@@ -369,8 +370,8 @@ int FWUpdateSymbolManager::doUpdateUSB(const unsigned char* key, const char* pat
     }
 
     int result = -1;
-    quillon::ReadAhead images(
-        imagesOn(path, modules_, [](const FWUpdateSymbol& one) { return one.getNeedUpdate(); }));
+    quillon::ReadAhead images(imagesOn(
+        key, path, modules_, [](const FWUpdateSymbol& one) { return one.getNeedUpdate(); }));
     for (std::size_t i = 0; i < modules_.size(); ++i) {
         FWUpdateSymbol& module = modules_[i];
         if (!module.getNeedUpdate()) {

@@ -18,7 +18,10 @@
 namespace quillon {
 namespace {
 
-constexpr std::int64_t kPiece = 64 << 10;  // little for a thread's stack
+/// What a control group lets a process keep may be far less than what the machine has.
+constexpr std::int64_t kLargestWindow = 32 << 20;
+
+constexpr std::int64_t kPiece = 16 << 10;  // little for a thread's stack
 
 /// In bytes; 0 when the kernel does not say.
 std::int64_t availableMemory()
@@ -45,15 +48,15 @@ bool isCached(int file, std::int64_t position)
 ReadAhead::ReadAhead(std::vector<std::string> paths, std::int64_t window)
     : paths_(std::move(paths)), window_(window)
 {
-    if (std::all_of(paths_.begin(), paths_.end(),
-                    [](const std::string& path) { return path.empty(); })) {
+    if (std::count(paths_.begin(), paths_.end(), "") + 1 >=
+        static_cast<std::ptrdiff_t>(paths_.size())) {
         return;
     }
     const int callersErrno = errno;
     try {
         fetched_.resize(paths_.size());
         if (window_ == kQuarterOfMemory) {
-            window_ = availableMemory() / 4;
+            window_ = std::min(availableMemory() / 4, kLargestWindow);
         }
         const SignalsBlocked blocked;
         thread_ = std::thread([this] { fetchAll(); });
@@ -126,7 +129,7 @@ bool ReadAhead::awaitRoom(std::size_t index)
 {
     std::unique_lock<std::mutex> lock(mutex_);
     changed_.wait(lock, [&] { return isOver_ || index <= reached_ || ahead_ < window_; });
-    return !isOver_ && index >= reached_;
+    return !isOver_ && index > reached_;
 }
 
 void ReadAhead::count(std::size_t index, std::int64_t bytes)

@@ -13,21 +13,22 @@ namespace quillon {
 /// Brings files into the page cache in the order in which they are about to be read, so that a slow
 /// medium does not wait while one of them is verified, deciphered or flashed.
 ///
-/// A thread of the object's own reads them, piece by piece, as far as they are not there yet.
-/// Whoever reads the files notices nothing but the speed. What cannot be opened or read, or is no
-/// regular file, is passed over; without a thread nothing is read ahead. Holds the file open that
-/// it has begun with. Keeps errno. Thread: one at a time.
+/// A thread of the object's own reads those after the present one, piece by piece, as far as they
+/// are not there yet. Whoever reads the files notices nothing but the speed. What cannot be opened
+/// or read, or is no regular file, is passed over; without a thread, or with fewer than two files,
+/// nothing is read ahead. Holds the file open that it has begun with. Keeps errno. Thread: one at a
+/// time.
 class ReadAhead
 {
 public:
-    /// A quarter of what is available when reading begins.
+    /// A quarter of what is available when reading begins, 32 MiB at most.
     static constexpr std::int64_t kQuarterOfMemory = -1;
 
     /// @param paths  in the order of reading; empty ones are passed over
     /// @param window  how many bytes it may get ahead of the file that is being read
     explicit ReadAhead(std::vector<std::string> paths, std::int64_t window = kQuarterOfMemory);
 
-    /// Waits for the thread, which is done after a piece of 64 KiB.
+    /// Waits for the thread, which is done after a piece of 16 KiB, unless the medium hangs.
     ~ReadAhead();
     ReadAhead(const ReadAhead&) = delete;
     ReadAhead& operator=(const ReadAhead&) = delete;
@@ -48,7 +49,7 @@ private:
     std::size_t reached_ = 0;
     bool isOver_ = false;
     std::int64_t window_;
-    std::int64_t ahead_ = 0;             ///< bytes fetched of the files behind the one that is read
+    std::int64_t ahead_ = 0;             ///< bytes fetched of the files after the one that is read
     std::vector<std::int64_t> fetched_;  ///< bytes fetched of each file
     std::thread thread_;
 };
