@@ -21,6 +21,7 @@ void FormattedText::vformat(const char* format, va_list arguments)
         const auto size = static_cast<std::size_t>(wanted) + 1;
         longText_.reset(static_cast<char*>(std::malloc(size)));
         errno = errnoForPercentM;
+        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
         if (longText_ && std::vsnprintf(longText_.get(), size, format, again) >= 0) {
             text_ = longText_.get();
             length_ = std::strlen(text_);
