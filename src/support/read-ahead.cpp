@@ -2,11 +2,9 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <exception>
 #include <fstream>
@@ -21,7 +19,8 @@ namespace {
 /// What a control group lets a process keep may be far less than what the machine has.
 constexpr std::int64_t kLargestWindow = 32 << 20;
 
-constexpr std::int64_t kPiece = 16 << 10;  // little for a thread's stack
+/// A page, or a part of one. A byte of each is enough, and copies nothing worth mentioning.
+constexpr std::int64_t kPiece = 4096;
 
 /// In bytes; 0 when the kernel does not say.
 std::int64_t availableMemory()
@@ -33,14 +32,6 @@ std::int64_t availableMemory()
     std::int64_t kibibytes = 0;
     all >> kibibytes;
     return kibibytes * 1024;
-}
-
-/// Whether the kernel has that byte. A file system that cannot say so counts as having nothing.
-bool isCached(int file, std::int64_t position)
-{
-    char byte = 0;
-    const iovec into = {&byte, 1};
-    return preadv2(file, &into, 1, position, RWF_NOWAIT) == 1;
 }
 
 }  // namespace
@@ -112,15 +103,12 @@ void ReadAhead::fetch(std::size_t index)
     }
     // The kernel then asks for the next pieces while this one is under way.
     posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-    std::array<char, kPiece> piece;
     for (std::int64_t had = 0; had < opened.st_size && awaitRoom(index); had += kPiece) {
-        const std::int64_t wanted = std::min(kPiece, opened.st_size - had);
-        // What is there already is not copied once more.
-        if (!isCached(file.get(), had + wanted - 1) &&
-            pread(file.get(), piece.data(), static_cast<std::size_t>(wanted), had) != wanted) {
+        char byte = 0;
+        if (pread(file.get(), &byte, 1, had) != 1) {
             return;
         }
-        count(index, wanted);
+        count(index, kPiece);
     }
 }
 

@@ -13,11 +13,10 @@ namespace quillon {
 /// Brings files into the page cache in the order in which they are about to be read, so that a slow
 /// medium does not wait while one of them is verified, deciphered or flashed.
 ///
-/// A thread of the object's own reads those after the present one, piece by piece, as far as they
-/// are not there yet. Whoever reads the files notices nothing but the speed. What cannot be opened
-/// or read, or is no regular file, is passed over; without a thread, or with fewer than two files,
-/// nothing is read ahead. Holds the file open that it has begun with. Keeps errno. Thread: one at a
-/// time.
+/// A thread of the object's own reads those after the present one, page by page. Whoever reads the
+/// files notices nothing but the speed. What cannot be opened or read, or is no regular file, is
+/// passed over; without a thread, or with fewer than two files, nothing is read ahead. Holds the
+/// file open that it has begun with. Keeps errno. Thread: one at a time.
 class ReadAhead
 {
 public:
@@ -28,7 +27,7 @@ public:
     /// @param window  how many bytes it may get ahead of the file that is being read
     explicit ReadAhead(std::vector<std::string> paths, std::int64_t window = kQuarterOfMemory);
 
-    /// Waits for the thread, which is done after a piece of 16 KiB, unless the medium hangs.
+    /// Waits for the thread, which is done after a page, unless the medium hangs.
     ~ReadAhead();
     ReadAhead(const ReadAhead&) = delete;
     ReadAhead& operator=(const ReadAhead&) = delete;
