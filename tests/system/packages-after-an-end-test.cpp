@@ -133,8 +133,12 @@ TEST_F(PackagesAfterAnEnd, WhileItWaitsForAnotherOneAreAsIfItHadNotBegun)
 TEST_F(PackagesAfterAnEnd, AreNotLookedForWithAnUpdateListThatCannotBeWritten)
 {
     addModule("alpha", "need=1\n");
-    ASSERT_EQ(::mount("tmpfs", "/tmp", "tmpfs", 0, "size=4k"), 0);
-    std::ofstream("/tmp/full") << std::string(8192, 'x') << std::flush;
+    // The list alone is on a full file system: /tmp may have the programs.
+    ASSERT_EQ(::mount("tmpfs", "/mnt", "tmpfs", 0, "size=4k"), 0);
+    writeFile("/mnt/list", "");
+    std::ofstream("/mnt/full") << std::string(8192, 'x') << std::flush;
+    writeFile(kUpdateList, "");
+    ASSERT_EQ(::mount("/mnt/list", kUpdateList, nullptr, MS_BIND, nullptr), 0);
 
     for (const std::vector<std::string>& arguments :
          {std::vector<std::string>{"check"}, {"update", "--all"}}) {
@@ -142,7 +146,6 @@ TEST_F(PackagesAfterAnEnd, AreNotLookedForWithAnUpdateListThatCannotBeWritten)
                    like("*the update list cannot be written whole*"));
         expectTexts(mountedPackages(), {});
     }
-    ::umount("/tmp");
 }
 
 }  // namespace
