@@ -21,7 +21,9 @@
 #include "src/fw-update-mqueue-manager.h"
 #include "src/fw-update-symbol-manager.h"
 #include "support/log.h"
+#include "support/module-observer.h"
 #include "support/paths.h"
+#include "support/run-record.h"
 
 #ifndef QUILLON_CALLER_IDENTITY
 #define QUILLON_CALLER_IDENTITY 0, 0, 0, 0, 0
@@ -373,7 +375,8 @@ namespace {
 
 /// From the first line of main to a served control channel.
 /// @return false when the queues or the registry cannot be had; no task runs then.
-bool service_start(std::future<int>& mainTask, std::future<int>& controlTask)
+bool service_start(std::future<int>& mainTask, std::future<int>& controlTask,
+                   quillon::RunRecord& record)
 {
     if (ss_read_and_use_securestorage_code() == -1) {
         ss_read_and_use_securestorage_code();  // the package may just have brought the key
@@ -391,6 +394,7 @@ bool service_start(std::future<int>& mainTask, std::future<int>& controlTask)
         !FWUpdateSymbolManager::getInstance()->getIsReady(true)) {
         return false;
     }
+    record.serving(haveKey());
 
     mainTask = std::async(firmware_main_task);
     controlTask = std::async(firmware_control_task);
@@ -407,7 +411,12 @@ int main()
 {
     std::future<int> mainTask;
     std::future<int> controlTask;
-    if (!service_start(mainTask, controlTask)) {
+    // Never destroyed: a thread of a plug-in may outlive all tasks.
+    static auto& record = *new quillon::RunRecord(quillon::paths::kRunRecords);
+    if (record.isKept()) {
+        quillon::moduleObserver = &record;
+    }
+    if (!service_start(mainTask, controlTask, record)) {
         return -1;
     }
 

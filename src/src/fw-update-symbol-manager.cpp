@@ -38,6 +38,7 @@
 using quillon::blame;
 using quillon::ModuleEvent;
 using quillon::ModuleReason;
+using quillon::RunEvent;
 using quillon::tell;
 
 namespace {
@@ -306,6 +307,7 @@ bool FWUpdateSymbolManager::onCreate(bool skip)
     }
 
     for (FWUpdateSymbol& module : modules_) {
+        tell(ModuleEvent::kLoading, module);
         const int result = module.loadSymbol(module.getLibName());
         tell(ModuleEvent::kLoaded, module, result);
     }
@@ -339,6 +341,7 @@ int FWUpdateSymbolManager::getSWVersionString()
 int FWUpdateSymbolManager::getFirmwareUpdateTime(const unsigned char* key, const char* path,
                                                  int& total)
 {
+    quillon::ToldRun run(RunEvent::kEstimateBegan, RunEvent::kEstimateEnded, path);
     if (modules_.empty()) {
         total = 0;
         return -1;
@@ -360,11 +363,12 @@ int FWUpdateSymbolManager::getFirmwareUpdateTime(const unsigned char* key, const
         result = 0;
     }
     total = sum;
-    return result;
+    return run.endWith(result);
 }
 
 int FWUpdateSymbolManager::doUpdateUSB(const unsigned char* key, const char* path)
 {
+    quillon::ToldRun run(RunEvent::kUpdateBegan, RunEvent::kUpdateEnded, path);
     if (modules_.empty()) {
         return -1;
     }
@@ -386,7 +390,7 @@ int FWUpdateSymbolManager::doUpdateUSB(const unsigned char* key, const char* pat
             return -1;
         }
     }
-    return result;
+    return run.endWith(result);
 }
 
 int FWUpdateSymbolManager::doUpdateFirmwareAll(CallerTypes /*caller*/)

@@ -35,6 +35,7 @@
 using quillon::because;
 using quillon::blame;
 using quillon::ModuleReason;
+using quillon::offer;
 
 namespace {
 
@@ -934,6 +935,7 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* path)
     }
 
     int need = -1;
+    offer(header.data());
     if (checkVersion(header.data(), &need) != 0) {
         FW_LOGE("Error: %s Firmware CheckVersion Fail", firmwareName_.c_str());
         return because(ModuleReason::kCheckFailed);
@@ -1015,6 +1017,7 @@ int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* pat
     }
 
     int need = -1;
+    offer(header.data());
     if (checkVersion(header.data(), &need) != 0) {
         FW_LOGE("Error: %s Firmware CheckVersion Fail", firmwareName_.c_str());
         return because(ModuleReason::kCheckFailed);

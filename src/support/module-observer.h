@@ -9,6 +9,7 @@
 namespace quillon {
 
 enum class ModuleEvent {
+    kLoading,   ///< its library is about to be loaded
     kLoaded,    ///< result of loadSymbol
     kChecking,  ///< the module is about to be asked whether it needs an update
     kDecided,   ///< result: the need value, or -1
@@ -55,15 +56,33 @@ struct ModuleNews
     std::string libName;
     int result = 0;
     ModuleReason reason = ModuleReason::kNone;
-    std::string detail;  ///< empty where nothing else is said
+    std::string detail{};  ///< empty where nothing else is said
+    std::string
+        offered{};    ///< the version of the image that was looked at; empty if it came to none
+    int seconds = 0;  ///< how long its update is expected to take, as far as is known
 };
 
-/// hear() is called on the thread that checks or updates. It must not throw, and must not call the
-/// registry.
+enum class RunEvent {
+    kEstimateBegan,  ///< a stick is about to be looked at
+    kEstimateEnded,  ///< result of getFirmwareUpdateTime
+    kUpdateBegan,    ///< the marked modules are about to be updated from a stick
+    kUpdateEnded     ///< result of doUpdateUSB; -1 when an exception has ended it
+};
+
+struct RunNews
+{
+    RunEvent event;
+    std::string directory;
+    int result = 0;
+};
+
+/// Both are called on the thread that checks or updates. They must not throw nor call the registry,
+/// and keep errno.
 class ModuleObserver
 {
 public:
     virtual void hear(const ModuleNews& news) = 0;
+    virtual void hearRun(const RunNews& /*news*/) {}
 
 protected:
     ~ModuleObserver() = default;
@@ -76,6 +95,9 @@ inline std::atomic<ModuleObserver*> moduleObserver{nullptr};
 /// What this thread has last found wrong with a module.
 inline thread_local ModuleReason moduleReason = ModuleReason::kNone;
 inline thread_local std::string moduleReasonDetail;
+
+/// The version of the image that this thread has last looked at.
+inline thread_local std::string offeredVersion;
 
 /// Notes why the result is what it is.
 inline void blame(ModuleReason reason, const std::string& detail = {})
@@ -94,6 +116,14 @@ inline int because(ModuleReason reason, const std::string& detail = {})
     return -1;
 }
 
+/// Notes the version of the image that is being looked at.
+inline void offer(const char* version)
+{
+    if (moduleObserver.load(std::memory_order_relaxed) != nullptr) {
+        offeredVersion = version;
+    }
+}
+
 /// Tells the observer, with what this thread has noted since it was last told something.
 /// @param module  an FWUpdateSymbol
 template <typename Module>
@@ -105,7 +135,43 @@ void tell(ModuleEvent event, const Module& module, int result = 0)
     }
     const ModuleReason reason = std::exchange(moduleReason, ModuleReason::kNone);
     const std::string detail = std::exchange(moduleReasonDetail, {});
-    observer->hear({event, module.getLibName(), result, reason, detail});
+    const std::string offered = std::exchange(offeredVersion, {});
+    observer->hear({event, module.getLibName(), result, reason, detail, offered,
+                    module.getExpectedUpdateTime()});
 }
+
+/// Tells the observer that a run begins, and with the end of the object that it is over.
+class ToldRun
+{
+public:
+    /// @param directory  null is told as empty
+    ToldRun(RunEvent began, RunEvent ended, const char* directory)
+        : observer_(moduleObserver.load(std::memory_order_acquire)),
+          ended_(ended),
+          directory_(observer_ != nullptr && directory != nullptr ? directory : "")
+    {
+        if (observer_ != nullptr) {
+            observer_->hearRun({began, directory_});
+        }
+    }
+
+    ~ToldRun()
+    {
+        if (observer_ != nullptr) {
+            observer_->hearRun({ended_, directory_, result_});
+        }
+    }
+    ToldRun(const ToldRun&) = delete;
+    ToldRun& operator=(const ToldRun&) = delete;
+
+    /// @return result
+    int endWith(int result) { return result_ = result; }
+
+private:
+    ModuleObserver* const observer_;
+    const RunEvent ended_;
+    const std::string directory_;
+    int result_ = -1;
+};
 
 }  // namespace quillon

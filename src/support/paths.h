@@ -11,6 +11,8 @@ inline constexpr const char* kReadyEvent = "/tmp/.fw_service_ready_usb";
 inline constexpr const char* kIgnoreResumeEvent = "/tmp/.ignore_resume";
 inline constexpr const char* kUpdateList = "/tmp/fwupdate-off-list.txt";
 
+inline constexpr const char* kRunRecords = "/run/quillon/run/";
+
 inline constexpr const char* kProvisioningPackage = "/usr/share/sdp/quillon-key/00000066.bin";
 inline constexpr const char* kVerifierLibrary = "/usr/lib/libkUEPUser.so";
 

@@ -102,8 +102,9 @@ TEST_F(Observer, IsToldWhichModulesLoadAndWhyOthersDoNot)
     start();
 
     const std::vector<ModuleNews> told = witness.take();
-    EXPECT_THAT(told, ElementsAre(Told(ModuleEvent::kLoaded, "alpha", -1, ModuleReason::kNoEntry)));
-    EXPECT_EQ(told.front().detail, "checkVersion");
+    EXPECT_THAT(told, ElementsAre(Told(ModuleEvent::kLoading, "alpha", 0),
+                                  Told(ModuleEvent::kLoaded, "alpha", -1, ModuleReason::kNoEntry)));
+    EXPECT_EQ(told.back().detail, "checkVersion");
 }
 
 TEST_F(Observer, IsToldWhatTheLinkerSaysOfALibraryThatDoesNotLoad)
@@ -115,8 +116,9 @@ TEST_F(Observer, IsToldWhatTheLinkerSaysOfALibraryThatDoesNotLoad)
 
     const std::vector<ModuleNews> told = witness.take();
     EXPECT_THAT(told,
-                ElementsAre(Told(ModuleEvent::kLoaded, "alpha", -1, ModuleReason::kNotLoadable)));
-    fakes::expectText(told.front().detail, like("*alpha.so*"));
+                ElementsAre(Told(ModuleEvent::kLoading, "alpha", 0),
+                            Told(ModuleEvent::kLoaded, "alpha", -1, ModuleReason::kNotLoadable)));
+    fakes::expectText(told.back().detail, like("*alpha.so*"));
 }
 
 TEST_F(Observer, IsToldWhyAModuleNeedsNoUpdate)

@@ -45,6 +45,8 @@ void ModuleEvents::hear(const ModuleNews& news)
     const std::lock_guard<std::mutex> lock(mutex_);
     ModuleHistory& module = modules_[news.libName];
     switch (news.event) {
+        case ModuleEvent::kLoading:
+            break;
         case ModuleEvent::kLoaded:
             module.loading = finding;
             module.locksLoader = !loadingRaised_.empty();

@@ -1,0 +1,271 @@
+// What the service writes down of its start, its estimates and its updates, for other programs.
+
+#include "support/run-record.h"
+
+#include <fcntl.h>
+#include <json/json.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "fw-update-symbol-manager-registry.h"
+#include "support/files.h"
+#include "support/module-reason.h"
+#include "support/process.h"
+#include "support/texts.h"
+
+namespace quillon::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kRecords = "/run/records/";
+
+/// The lines of a record, each without the times and the process in it.
+std::vector<std::string> linesIn(const std::string& name)
+{
+    std::vector<std::string> lines;
+    std::istringstream text(readAll(kRecords + name));
+    for (std::string line; std::getline(text, line);) {
+        Json::Value value;
+        std::istringstream(line) >> value;
+        for (const char* changing : {"clock", "at", "pid"}) {
+            value.removeMember(changing);
+        }
+        Json::StreamWriterBuilder style;
+        style["indentation"] = "";
+        lines.push_back(Json::writeString(style, value));
+    }
+    return lines;
+}
+
+class RunRecords : public RegistryTest
+{
+protected:
+    RunRecords()
+    {
+        device.addVerifier();
+        fs::create_directories(kRecords);
+    }
+    ~RunRecords() override { moduleObserver = nullptr; }
+
+    RunRecord& observe()
+    {
+        auto* const record = new RunRecord(kRecords);  // outlives every thread, as the service's
+        moduleObserver = record;
+        return *record;
+    }
+
+    void start()
+    {
+        observe();
+        ASSERT_TRUE(manager->getIsReady(true));
+    }
+
+    void startWith(const Module& module)
+    {
+        device.addModule("alpha", module);
+        device.stick().addImage("alpha", Image().version("2.0"));
+        start();
+    }
+
+    int estimate() { return manager->getFirmwareUpdateTime(key, device.stick().path(), total); }
+    int update() { return manager->doUpdateUSB(key, device.stick().path()); }
+
+    const std::string began =
+        R"({"directory":")" + device.stick().directory() + R"(","event":"began"})";
+    int total = 0;
+};
+
+TEST_F(RunRecords, OfTheStartTellWhichModulesAreLoadedAndWhetherThereIsAKey)
+{
+    device.addModule("alpha", Module().lacking("checkVersion"));
+
+    RunRecord& record = observe();
+    ASSERT_TRUE(manager->getIsReady(true));
+    record.serving(true);
+
+    expectTexts(linesIn("start.jsonl"),
+                {R"({"event":"began"})", R"({"event":"loading","module":"alpha"})",
+                 R"({"detail":"checkVersion","event":"loaded","module":"alpha",)"
+                 R"("reason":"no-entry","result":-1,"seconds":0})",
+                 R"({"event":"serving","key":true})"});
+}
+
+TEST_F(RunRecords, OfAnEstimateTellWhatIsOfferedAndHowLongItTakes)
+{
+    startWith(Module().needsUpdate().takesSeconds(30));
+
+    EXPECT_EQ(estimate(), 0);
+
+    expectTexts(linesIn("estimate.jsonl"),
+                {began, R"({"event":"checking","module":"alpha"})",
+                 R"({"event":"decided","module":"alpha","offered":"2.0","result":1,"seconds":30})",
+                 R"({"event":"ended","result":0})"});
+}
+
+TEST_F(RunRecords, OfAnEstimateTellWhyAModuleIsNotUpdated)
+{
+    startWith(Module().upToDate().takesSeconds(30));
+    EXPECT_EQ(estimate(), -1);
+    expectTextAmong(linesIn("estimate.jsonl"), like(R"(*"reason":"up-to-date"*)"));
+
+    fs::remove(device.stick().imagePath("alpha"));
+    EXPECT_EQ(estimate(), -1);
+    expectTextAmong(linesIn("estimate.jsonl"), like(R"(*"reason":"no-image"*)"));
+    EXPECT_EQ(linesIn("estimate.jsonl").size(), 4U) << "the record of the estimate before is gone";
+}
+
+TEST_F(RunRecords, TellThatAVersionIsNoText)
+{
+    device.addModule("alpha", Module().returning("checkVersion", -1));
+    device.stick().addImage("alpha", Image().version("\x80\x01garbage"));
+    start();
+
+    estimate();
+
+    expectTextAmong(linesIn("estimate.jsonl"), like(R"(*"offered":null,"reason":"check-failed"*)"));
+}
+
+TEST_F(RunRecords, OfAnUpdateTellHowEachModuleFared)
+{
+    startWith(Module().needsUpdate().takesSeconds(30));
+    estimate();
+
+    EXPECT_EQ(update(), 0);
+
+    expectTexts(linesIn("update.jsonl"),
+                {began, R"({"event":"started","module":"alpha"})",
+                 R"({"event":"finished","module":"alpha","offered":"2.0","result":0,"seconds":30})",
+                 R"({"event":"ended","result":0})"});
+}
+
+TEST_F(RunRecords, OfAnUpdateThatFailsTellWhoHasFailed)
+{
+    startWith(Module().needsUpdate().takesSeconds(30).returning("doUpdate_decryption", 5));
+    estimate();
+
+    EXPECT_EQ(update(), 5);
+
+    expectTextAmong(linesIn("update.jsonl"),
+                    like(R"({"event":"finished",*"reason":"update-failed","result":5*)"));
+}
+
+TEST_F(RunRecords, OfAnUpdateThatRaisesAreEnded)
+{
+    startWith(Module().needsUpdate().throwing("doUpdate_decryption"));
+    estimate();
+
+    EXPECT_THROW(update(), std::exception);
+
+    expectText(linesIn("update.jsonl").back(), R"({"event":"ended","result":-1})");
+}
+
+TEST_F(RunRecords, NameTheModuleThatTheServiceHasDiedIn)
+{
+    startWith(Module().needsUpdate().with("checkVersion", fakes::Effect::Crash));
+
+    EXPECT_EQ(inChild([this] { return estimate(); }), -SIGABRT);
+
+    expectText(linesIn("estimate.jsonl").back(), R"({"event":"checking","module":"alpha"})");
+}
+
+TEST_F(RunRecords, OfAnEarlierStartStay)
+{
+    observe();
+    expectTexts(linesIn("earlier-start.jsonl"), {});
+    observe().serving(false);
+    observe();
+    expectText(linesIn("earlier-start.jsonl").back(), R"({"event":"serving","key":false})");
+}
+
+TEST_F(RunRecords, TellWhetherTheirServiceIsAlive)
+{
+    start();
+    const auto owner = [] {
+        const UniqueFd file(open((kRecords + std::string("start.jsonl")).c_str(), O_RDONLY));
+        struct flock asked = {};
+        asked.l_type = F_WRLCK;
+        return fcntl(file.get(), F_GETLK, &asked) == 0 && asked.l_type == F_WRLCK ? 1 : 0;
+    };
+    EXPECT_EQ(inChild(owner), 1);
+
+    EXPECT_EQ(inChild([this] {
+                  observe();
+                  return 0;
+              }),
+              0);
+    EXPECT_EQ(inChild(owner), 0) << "the one that has made the latest record has gone";
+}
+
+TEST_F(RunRecords, CanBeReadByEverybody)
+{
+    umask(0077);
+    start();
+    struct stat status = {};
+    ASSERT_EQ(stat((kRecords + std::string("start.jsonl")).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0644U);
+}
+
+TEST_F(RunRecords, FollowNoLink)
+{
+    writeFile("/run/victim", "untouched");
+    for (const char* name : {".start.new", "start.jsonl"}) {
+        fs::create_symlink("/run/victim", kRecords + std::string(name));
+    }
+
+    start();
+
+    EXPECT_EQ(readAll("/run/victim"), "untouched");
+    EXPECT_EQ(linesIn("start.jsonl").size(), 1U);
+}
+
+TEST_F(RunRecords, ThatCannotBeWrittenAreGivenUp)
+{
+    startWith(Module().needsUpdate().takesSeconds(30));
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit few = {200, RLIM_INFINITY};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &few), 0);
+
+    EXPECT_EQ(estimate(), 0);
+
+    EXPECT_EQ(total, 30);
+    EXPECT_EQ(readAll(kRecords + std::string("estimate.jsonl")).size(), 200U);
+}
+
+TEST_F(RunRecords, AreNotKeptWithoutTheirDirectory)
+{
+    fs::remove_all(kRecords);
+    EXPECT_FALSE(RunRecord(kRecords).isKept());
+    EXPECT_FALSE(fs::exists(kRecords));
+}
+
+TEST_F(RunRecords, LeaveErrnoAlone)
+{
+    RunRecord& record = observe();
+    fs::remove_all(kRecords);
+    errno = ETOOMANYREFS;
+    record.hearRun({RunEvent::kUpdateBegan, "/media/"});
+    record.hear({ModuleEvent::kStarted, "alpha"});
+    EXPECT_EQ(errno, ETOOMANYREFS);
+}
+
+TEST_F(RunRecords, HaveACodeForEveryReason)
+{
+    for (int reason = 0; reason <= static_cast<int>(ModuleReason::kException); ++reason) {
+        const auto one = static_cast<ModuleReason>(reason);
+        EXPECT_EQ(reasonOf(codeOf(one)), one) << codeOf(one);
+    }
+    EXPECT_EQ(reasonOf("no such code"), ModuleReason::kNone);
+}
+
+}  // namespace
+}  // namespace quillon::test
