@@ -56,14 +56,6 @@ bool isText(const std::string& version)
     return std::all_of(version.begin(), version.end(), [](char c) { return c >= ' ' && c <= '~'; });
 }
 
-/// With milliseconds.
-double secondsSinceBoot()
-{
-    timespec now{};
-    clock_gettime(CLOCK_BOOTTIME, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec / 1000000) / 1000;
-}
-
 /// @return whether all of the line has been written
 bool writeLine(const UniqueFd& file, const Json::Value& line)
 {
@@ -89,6 +81,13 @@ void unnoticed(Work work)
 }
 
 }  // namespace
+
+double secondsSinceBoot()
+{
+    timespec now{};
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec / 1000000) / 1000;
+}
 
 RunRecord::RunRecord(const std::string& directory)
     : directory_(open(directory.c_str(), O_DIRECTORY | O_RDONLY | O_CLOEXEC))
@@ -167,7 +166,9 @@ void RunRecord::begin(Record record, const std::string& stick)
     line["at"] = Json::Int64(time(nullptr));
     line["pid"] = getpid();
     if (!stick.empty()) {
-        line["directory"] = stick;
+        // Clients pad their paths with "/".
+        const std::size_t last = stick.find_last_not_of('/');
+        line["directory"] = stick.substr(0, last == std::string::npos ? 1 : last + 2);
     }
     add(record, "began", std::move(line));
     isKept_[record] = isKept_[record] && renameat(directory_.get(), kNewNames[record],

@@ -11,6 +11,9 @@ class Value;
 
 namespace quillon {
 
+/// The clock of records, with milliseconds. Thread: any.
+double secondsSinceBoot();
+
 /// Keeps records of what the service does, for programs that tell people of it: which modules have
 /// been loaded ("start.jsonl"), what the latest look at a stick has found ("estimate.jsonl"), and
 /// how far the latest update has come ("update.jsonl"). The names are the same below, in `Record`.

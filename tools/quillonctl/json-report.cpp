@@ -1,3 +1,4 @@
+#include "src/support/module-reason.h"
 #include "tools/quillonctl/json-line.h"
 #include "tools/quillonctl/report.h"
 
@@ -32,6 +33,29 @@ void writeStateEvent(const char* event, const Progress& progress)
     writeEvent(event, {{"state", nameOf(progress.state)}, {"percent", progress.percent}});
 }
 
+/// @param good  the result of a module that is not refused
+void writeModulesEvent(const char* event, const std::vector<RecordedModule>& modules, int good)
+{
+    Json::Value rows(Json::arrayValue);
+    for (const RecordedModule& module : modules) {
+        Json::Value row = jsonObject(
+            {{"name", module.name},
+             {"offered", module.offered.empty() ? Json::Value() : Json::Value(module.offered)}});
+        if (module.finding) {
+            const bool isRefused = module.finding->result != good;
+            row["result"] = module.finding->result;
+            row["expectedSeconds"] = module.expectedSeconds;
+            row["seconds"] = module.seconds;
+            if (isRefused) {
+                row["reason"] = codeOf(module.finding->reason);
+                row["text"] = phraseOf(*module.finding);
+            }
+        }
+        rows.append(row);
+    }
+    writeEvent(event, {{"modules", rows}});
+}
+
 class JsonReport final : public Report
 {
 public:
@@ -45,13 +69,23 @@ public:
         writeEvent("checking", {{"directory", directory}});
     }
 
-    void estimated(const Estimate& estimate) override
+    void estimated(const Estimate& estimate, bool /*isExplained*/) override
     {
         writeEvent("estimate",
                    {{"updateNeeded", estimate.updateNeeded}, {"seconds", estimate.seconds}});
     }
 
+    void looked(const std::vector<RecordedModule>& modules) override
+    {
+        writeModulesEvent("looked", modules, 1);
+    }
+
     void started() override { writeEvent("started"); }
+
+    void updating(const std::string& module) override
+    {
+        writeEvent("updating", {{"module", module}});
+    }
 
     void progressed(int percent, int secondsLeft) override
     {
@@ -62,6 +96,11 @@ public:
     }
 
     void finished(int seconds) override { writeEvent("finished", {{"seconds", seconds}}); }
+
+    void updated(const std::vector<RecordedModule>& modules) override
+    {
+        writeModulesEvent("updated", modules, 0);
+    }
 
     void lookingAgain() override { writeEvent("looking-again"); }
 

@@ -109,7 +109,9 @@ CLI::Option* takeModule(CLI::App* verb, Arguments& arguments)
 void addServiceVerbs(CLI::App& app, Arguments& arguments)
 {
     takeDirectory(app.add_subcommand("update", "Update from the images in a directory"), arguments);
-    takeDirectory(app.add_subcommand("estimate", "Say how long an update would take"), arguments);
+    takeDirectory(app.add_subcommand("check", "Say which modules need an update, and why not"),
+                  arguments);
+    takeDirectory(app.add_subcommand("estimate", "The same as check"), arguments);
     app.add_subcommand("progress", "Say how far the running update is");
     app.add_subcommand("stop", "Make the service take no more commands");
 }
@@ -150,8 +152,8 @@ ExitCode runServiceVerb(const std::string& verb, const Arguments& arguments)
             return verbs.update(arguments.directory,
                                 std::chrono::milliseconds(redraw ? 250 : 1000));
         }
-        if (verb == "estimate") {
-            return verbs.estimate(arguments.directory);
+        if (verb == "check" || verb == "estimate") {
+            return verbs.check(arguments.directory);
         }
         return verb == "stop" ? verbs.stop() : verbs.progress();
     } catch (const Failure& failure) {

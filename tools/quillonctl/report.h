@@ -5,8 +5,10 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "tools/quillonctl/exit-codes.h"
+#include "tools/quillonctl/recorded-run.h"
 
 namespace quillon {
 
@@ -28,12 +30,19 @@ public:
     /// An update that somebody else started had ended; no one had been told yet.
     virtual void earlierOutcome(const Progress& outcome) = 0;
     virtual void checking(const std::string& directory) = 0;
-    virtual void estimated(const Estimate& estimate) = 0;
+    /// What has been found in the stick's images; only where the service keeps records.
+    virtual void looked(const std::vector<RecordedModule>& modules) = 0;
+    /// @param isExplained  whether looked() has told why
+    virtual void estimated(const Estimate& estimate, bool isExplained) = 0;
     virtual void started() = 0;
+    /// The next module's update has begun; only where the service keeps records.
+    virtual void updating(const std::string& module) = 0;
     /// Called at every poll; says nothing where nothing has changed.
     /// @param secondsLeft  by the estimate; 0 when the update takes longer than that
     virtual void progressed(int percent, int secondsLeft) = 0;
     virtual void finished(int seconds) = 0;
+    /// How the modules have fared whose update was begun; only where the service keeps records.
+    virtual void updated(const std::vector<RecordedModule>& modules) = 0;
     /// The service is asked for one more estimate, since an update has ended.
     virtual void lookingAgain() = 0;
     /// @param advice  what it means and what is to be done; empty for Marks::kRenewed

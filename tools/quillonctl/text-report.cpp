@@ -1,7 +1,11 @@
+#include <cmath>
 #include <iostream>
+#include <utility>
 
+#include "tools/quillonctl/outside-text.h"
 #include "tools/quillonctl/progress-display.h"
 #include "tools/quillonctl/report.h"
+#include "tools/quillonctl/text-table.h"
 
 namespace quillon {
 
@@ -21,6 +25,26 @@ std::string describe(const Progress& progress)
     }
 }
 
+std::string describeLook(const RecordedModule& module)
+{
+    if (!module.finding) {
+        return "not over";
+    }
+    return module.finding->result == 1
+               ? "needs an update, about " + std::to_string(module.expectedSeconds) + " s"
+               : phraseOf(*module.finding);
+}
+
+std::string describeUpdate(const RecordedModule& module)
+{
+    if (!module.finding) {
+        return "not over";
+    }
+    return module.finding->result == 0
+               ? "updated in " + std::to_string(std::lround(module.seconds)) + " s"
+               : "failed: " + phraseOf(*module.finding);
+}
+
 class TextReport final : public Report
 {
 public:
@@ -34,15 +58,25 @@ public:
 
     void checking(const std::string& directory) override { line("Checking " + directory); }
 
-    void estimated(const Estimate& estimate) override
+    void estimated(const Estimate& estimate, bool isExplained) override
     {
-        line(estimate.updateNeeded
-                 ? "The update takes about " + std::to_string(estimate.seconds) + " s"
-                 : "Nothing to update: no image is newer, or none can be used; the service's log "
-                   "says why");
+        if (estimate.updateNeeded) {
+            line("The update takes about " + std::to_string(estimate.seconds) + " s");
+        } else {
+            line(isExplained ? "Nothing to update"
+                             : "Nothing to update: no image is newer, or none can be used; the "
+                               "service's log says why");
+        }
+    }
+
+    void looked(const std::vector<RecordedModule>& modules) override
+    {
+        table("STATE", modules, describeLook);
     }
 
     void started() override { line("The update has started"); }
+
+    void updating(const std::string& module) override { line("Updating " + printable(module)); }
 
     void progressed(int percent, int secondsLeft) override
     {
@@ -54,6 +88,11 @@ public:
     void finished(int seconds) override
     {
         line("The update finished after " + std::to_string(seconds) + " s");
+    }
+
+    void updated(const std::vector<RecordedModule>& modules) override
+    {
+        table("OUTCOME", modules, describeUpdate);
     }
 
     void lookingAgain() override { line("Looking once more at the stick"); }
@@ -80,6 +119,19 @@ private:
     {
         if (!quiet_) {
             std::cout << display_.end() << text << std::endl;
+        }
+    }
+
+    void table(const char* heading, const std::vector<RecordedModule>& modules,
+               std::string (*describe)(const RecordedModule& module))
+    {
+        std::vector<TableRow> rows = {{"NAME", "OFFERED", heading}};
+        for (const RecordedModule& module : modules) {
+            rows.push_back({module.name, module.offered.empty() ? "-" : module.offered,
+                            printable(describe(module))});
+        }
+        for (const std::string& text : aligned(std::move(rows))) {
+            line(text);
         }
     }
 

@@ -12,6 +12,7 @@
 #include <map>
 #include <thread>
 
+#include "tools/quillonctl/outside-text.h"
 #include "tools/quillonctl/signals.h"
 
 namespace quillon {
@@ -46,7 +47,7 @@ void onInterruptSay(const char* text)
 }
 
 /// Throws Failure when there is an error.
-void check(const Error& error)
+void exitOn(const Error& error)
 {
     static const std::map<ErrorCode, ExitCode> kExitCodes = {
         {ErrorCode::kBadArgument, kExitUsage},       {ErrorCode::kNoService, kExitNoService},
@@ -62,7 +63,7 @@ void check(const Error& error)
 template <typename T>
 T valueOf(const Result<T>& result)
 {
-    check(result.error);
+    exitOn(result.error);
     return result.value;
 }
 
@@ -134,6 +135,36 @@ Look judge(const Stick& stick, const Result<Estimate>& answer)
     return {Marks::kRenewed, {}};
 }
 
+/// @param look  what the service has recorded of an estimate that found nothing to do
+/// @return kExitSuccess when it is known that each module that has an image is up to date
+ExitCode nothingNeeded(const std::optional<RecordedRun>& look)
+{
+    bool isUpToDate = false;
+    for (const RecordedModule& module : look.value_or(RecordedRun()).modules) {
+        const ModuleReason reason =
+            module.finding ? module.finding->reason : ModuleReason::kException;
+        isUpToDate |= reason == ModuleReason::kUpToDate;
+        if (reason != ModuleReason::kUpToDate && reason != ModuleReason::kNoImage) {
+            return kExitNothingToUpdate;
+        }
+    }
+    return isUpToDate ? kExitSuccess : kExitNothingToUpdate;
+}
+
+/// @param run  without modules when nothing is recorded
+std::string whyFailed(const RecordedRun& run)
+{
+    const auto failed = std::find_if(
+        run.modules.begin(), run.modules.end(),
+        [](const RecordedModule& one) { return !one.finding || one.finding->result != 0; });
+    if (failed == run.modules.end()) {
+        return "the update failed; the update service's log says why";
+    }
+    return "the update failed at the module " + printable(failed->name) + ": " +
+           (failed->finding ? printable(phraseOf(*failed->finding)) : "an exception was raised") +
+           "; the update service's log says more";
+}
+
 int secondsSince(Clock::time_point start)
 {
     return static_cast<int>(
@@ -157,24 +188,59 @@ void Verbs::makeSureNothingRuns()
     }
 }
 
-Estimate Verbs::prepare(const std::string& directory, Stick& stick)
+/// Does what a verb does. When the service fails it in the middle of a module, the failure names
+/// the module.
+template <typename Work>
+ExitCode Verbs::namingModule(Work work)
+{
+    try {
+        return work();
+    } catch (Failure& failure) {
+        for (const char* name : {"estimate", "update"}) {
+            const std::optional<RecordedRun> run = readRecordedRun(name, since_);
+            if (since_ != 0 && run && !run->result && run->present() != nullptr) {
+                failure.text +=
+                    "; the service was at the module " + printable(run->present()->name);
+            }
+        }
+        throw;
+    }
+}
+
+Estimate Verbs::prepare(const std::string& directory, Stick& stick,
+                        std::optional<RecordedRun>& look)
 {
     stick.directory = resolved(directory);
-    check(client_.connect());
+    exitOn(client_.connect());
     makeSureNothingRuns();
-    check(client_.setDirectory(stick.directory));
+    exitOn(client_.setDirectory(stick.directory));
     report_.checking(stick.directory);
     stick.images = imagesIn(stick.directory);
+    since_ = secondsSinceBoot();
     const Estimate estimate = valueOf(client_.estimate());
-    report_.estimated(estimate);
+    look = readRecordedRun("estimate", since_);
+    if (look) {
+        report_.looked(look->modules);
+    }
+    report_.estimated(estimate, look.has_value());
     return estimate;
 }
 
 ExitCode Verbs::follow(int expectedSeconds, std::chrono::milliseconds pollInterval)
 {
     const Clock::time_point start = Clock::now();
+    std::string present;
     while (true) {
         const Progress progress = valueOf(client_.progress());
+        const RecordedRun recorded = readRecordedRun("update", since_).value_or(RecordedRun());
+        const RecordedModule* module = recorded.present();
+        if (progress.state == Progress::kRunning && module != nullptr && module->name != present) {
+            present = module->name;
+            report_.updating(present);
+        }
+        if (progress.state != Progress::kRunning && !recorded.modules.empty()) {
+            report_.updated(recorded.modules);
+        }
         switch (progress.state) {
             case Progress::kRunning:
                 // The service's percentage is measured against the first update of its life; only
@@ -186,8 +252,7 @@ ExitCode Verbs::follow(int expectedSeconds, std::chrono::milliseconds pollInterv
                 report_.finished(secondsSince(start));
                 return kExitSuccess;
             case Progress::kFailed:
-                report_.error(kExitUpdateFailed,
-                              "the update failed; the update service's log says why");
+                report_.error(kExitUpdateFailed, whyFailed(recorded));
                 return kExitUpdateFailed;
             default:
                 throw Failure{kExitSystem,
@@ -210,15 +275,22 @@ void Verbs::lookAgain(const Stick& stick)
 
 ExitCode Verbs::update(const std::string& directory, std::chrono::milliseconds pollInterval)
 {
+    return namingModule([&] { return run(directory, pollInterval); });
+}
+
+ExitCode Verbs::run(const std::string& directory, std::chrono::milliseconds pollInterval)
+{
     Stick stick;
-    const Estimate estimate = prepare(directory, stick);
+    std::optional<RecordedRun> look;
+    const Estimate estimate = prepare(directory, stick, look);
     if (!estimate.updateNeeded) {
-        return kExitNothingToUpdate;
+        return nothingNeeded(look);
     }
     onInterruptSay(
         "\nquillonctl: interrupted; if the update service has started the update, it goes on "
         "there\n");
-    check(client_.start());
+    since_ = secondsSinceBoot();
+    exitOn(client_.start());
     onInterruptSay(
         "\nquillonctl: interrupted; the update goes on in the update service, \"quillonctl "
         "progress\" tells how far it is\n");
@@ -229,15 +301,18 @@ ExitCode Verbs::update(const std::string& directory, std::chrono::milliseconds p
     return ended;
 }
 
-ExitCode Verbs::estimate(const std::string& directory)
+ExitCode Verbs::check(const std::string& directory)
 {
-    Stick stick;
-    return prepare(directory, stick).updateNeeded ? kExitSuccess : kExitNothingToUpdate;
+    return namingModule([&] {
+        Stick stick;
+        std::optional<RecordedRun> look;
+        return prepare(directory, stick, look).updateNeeded ? kExitSuccess : kExitNothingToUpdate;
+    });
 }
 
 ExitCode Verbs::progress()
 {
-    check(client_.connect());
+    exitOn(client_.connect());
     const Progress progress = valueOf(client_.progress());
     report_.state(progress);
     if (progress.state == Progress::kDone || progress.state == Progress::kFailed) {
@@ -249,8 +324,8 @@ ExitCode Verbs::progress()
 
 ExitCode Verbs::stop()
 {
-    check(client_.connect());
-    check(client_.stop());
+    exitOn(client_.connect());
+    exitOn(client_.stop());
     report_.stopped();
     return kExitSuccess;
 }

@@ -4,6 +4,7 @@
 #include <quillon/client.h>
 
 #include <chrono>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -30,22 +31,28 @@ public:
     /// service look at the stick once more, which changes nothing about the result.
     /// @param pollInterval  how often the service is asked how far it has come
     ExitCode update(const std::string& directory, std::chrono::milliseconds pollInterval);
-    /// Sets the directory and says how long an update would take.
-    ExitCode estimate(const std::string& directory);
+    /// Sets the directory and says which modules need an update, why others do not, and how long an
+    /// update would take.
+    ExitCode check(const std::string& directory);
     /// Says how far the update has come. When it has ended, looks at the stick once more.
     ExitCode progress();
     /// Asks the service to take no more commands.
     ExitCode stop();
 
 private:
+    template <typename Work>
+    ExitCode namingModule(Work work);
     /// @param[out] stick  as it is before the update
-    Estimate prepare(const std::string& directory, Stick& stick);
+    /// @param[out] look   what the service has recorded of the estimate, if anything
+    Estimate prepare(const std::string& directory, Stick& stick, std::optional<RecordedRun>& look);
+    ExitCode run(const std::string& directory, std::chrono::milliseconds pollInterval);
     void makeSureNothingRuns();
     ExitCode follow(int expectedSeconds, std::chrono::milliseconds pollInterval);
     void lookAgain(const Stick& stick);
 
     Client& client_;
     Report& report_;
+    double since_ = 0;  ///< what the service has recorded since then is ours
 };
 
 }  // namespace quillon

@@ -101,7 +101,7 @@ Words complete(const std::vector<std::string>& line)
 
 TEST(CtlHelp, ListsVerbsAndOptions)
 {
-    EXPECT_EQ(verbsOfHelp(), (Words{"update", "estimate", "progress", "stop", "modules"}));
+    EXPECT_EQ(verbsOfHelp(), (Words{"update", "check", "estimate", "progress", "stop", "modules"}));
     EXPECT_EQ(optionsOfHelp(), (Words{"--help", "--version", "--json", "--quiet", "--timeout"}));
     EXPECT_EQ(verbsOfModules(),
               (Words{"list", "check", "update", "version", "progress", "download", "unlock"}));

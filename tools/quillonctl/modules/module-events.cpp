@@ -1,29 +1,11 @@
 #include "tools/quillonctl/modules/module-events.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "tools/quillonctl/modules/foreign-end.h"
 #include "tools/quillonctl/modules/interruption.h"
 
 namespace quillon {
-
-namespace {
-
-bool isLetterOrDigit(char c)
-{
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
-
-std::string defectOfIdentifier(const std::string& identifier)
-{
-    return std::all_of(identifier.begin(), identifier.end(), isLetterOrDigit)
-               ? "its package identifier does not contain \"emp\": " + identifier
-               : "its package identifier has other characters than ASCII letters and digits: " +
-                     identifier;
-}
-
-}  // namespace
 
 ModuleEvents& ModuleEvents::instance()
 {
@@ -105,42 +87,6 @@ void ModuleEvents::awaitEnd(const std::string& libName,
 {
     std::unique_lock<std::mutex> lock(mutex_);
     hasEnded_.wait_until(lock, end, [&] { return !find(libName).isUpdating(); });
-}
-
-std::string phraseOf(const ModuleFinding& finding)
-{
-    static const std::map<ModuleReason, const char*> kPhrases = {
-        {ModuleReason::kNoName, "its file has no name"},
-        {ModuleReason::kNoLibrary, "its file is gone"},
-        {ModuleReason::kNoIdentifier, "its package identifier is empty"},
-        {ModuleReason::kNoPackage, "no package"},
-        {ModuleReason::kNotMounted, "its package cannot be mounted"},
-        {ModuleReason::kNoImage, "its image is missing"},
-        {ModuleReason::kNoInformation, "its information file is missing"},
-        {ModuleReason::kBadInformation, "its information file cannot be read"},
-        {ModuleReason::kBadChecksum, "its image does not match its checksum"},
-        {ModuleReason::kContextRefused, "its plug-in refused to be asked"},
-        {ModuleReason::kCheckFailed, "its plug-in could not check the version"},
-    };
-    switch (finding.reason) {
-        case ModuleReason::kNotLoadable:
-            return "it does not load: " + finding.detail;
-        case ModuleReason::kNoEntry:
-            return "it has no entry " + finding.detail;
-        case ModuleReason::kBadIdentifier:
-            return defectOfIdentifier(finding.detail);
-        case ModuleReason::kUpdateFailed:
-            return finding.result == -1
-                       ? "its plug-in could not update it"
-                       : "the module's own code is " + std::to_string(finding.result);
-        case ModuleReason::kException:
-            return finding.detail.empty() ? "an exception was raised"
-                                          : "an exception was raised: " + finding.detail;
-        default: {
-            const auto phrase = kPhrases.find(finding.reason);
-            return phrase != kPhrases.end() ? phrase->second : "the log says why";
-        }
-    }
 }
 
 }  // namespace quillon

@@ -9,16 +9,9 @@
 #include <string>
 
 #include "src/support/module-observer.h"
+#include "tools/quillonctl/module-finding.h"
 
 namespace quillon {
-
-/// A result and why it is so.
-struct ModuleFinding
-{
-    int result = 0;
-    ModuleReason reason = ModuleReason::kNone;
-    std::string detail;
-};
 
 /// One update of a module, as far as it has come.
 struct ModuleRun
@@ -67,8 +60,5 @@ private:
     std::map<std::string, ModuleHistory> modules_;
     std::string loadingRaised_;  // until the registry has told which module it was
 };
-
-/// A reason as a phrase for people: "its package cannot be mounted".
-std::string phraseOf(const ModuleFinding& finding);
 
 }  // namespace quillon

@@ -2,7 +2,7 @@
 
 #include "tools/quillonctl/json-line.h"
 #include "tools/quillonctl/modules/module-report.h"
-#include "tools/quillonctl/modules/outside-text.h"
+#include "tools/quillonctl/outside-text.h"
 
 namespace quillon {
 

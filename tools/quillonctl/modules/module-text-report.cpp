@@ -4,15 +4,15 @@
 #include <iostream>
 
 #include "tools/quillonctl/modules/module-report.h"
-#include "tools/quillonctl/modules/outside-text.h"
+#include "tools/quillonctl/outside-text.h"
 #include "tools/quillonctl/progress-display.h"
+#include "tools/quillonctl/text-table.h"
 
 namespace quillon {
 
 namespace {
 
 constexpr std::chrono::seconds kBetweenPlainLines(1);  // as for an update from a stick
-constexpr std::size_t kWidestColumn = 40;
 constexpr std::size_t kLongestLine = 1000;
 
 /// A text from outside on a line of its own.
@@ -103,7 +103,7 @@ public:
 
     void modules(const std::vector<ModuleEntry>& entries) override
     {
-        std::vector<Row> rows = {{"NAME", "RUNNING", "STATE"}};
+        std::vector<TableRow> rows = {{"NAME", "RUNNING", "STATE"}};
         for (const ModuleEntry& entry : entries) {
             rows.push_back({orDash(entry.name), orDash(entry.running), describe(entry)});
         }
@@ -112,7 +112,7 @@ public:
 
     void checked(const ModuleSource& /*source*/, const std::vector<ModuleCheck>& checks) override
     {
-        std::vector<Row> rows = {{"NAME", "RUNNING", "OFFERED", "STATE"}};
+        std::vector<TableRow> rows = {{"NAME", "RUNNING", "OFFERED", "STATE"}};
         for (const ModuleCheck& check : checks) {
             rows.push_back({orDash(check.name), orDash(check.running), orDash(check.offered),
                             describe(check)});
@@ -178,7 +178,7 @@ public:
     void updated(const ModuleSource& /*source*/, const std::vector<ModuleUpdate>& updates,
                  ExitCode code) override
     {
-        std::vector<Row> rows = {{"NAME", "RUNNING", "OUTCOME"}};
+        std::vector<TableRow> rows = {{"NAME", "RUNNING", "OUTCOME"}};
         std::string troubled;
         std::string whyNotBegun;
         for (const ModuleUpdate& update : updates) {
@@ -242,8 +242,6 @@ public:
     }
 
 private:
-    using Row = std::vector<std::string>;
-
     void line(const std::string& text)
     {
         if (!quiet_) {
@@ -252,26 +250,14 @@ private:
     }
 
     /// @param rows  the headings, and a row for each module
-    void table(std::vector<Row> rows)
+    void table(std::vector<TableRow> rows)
     {
         if (rows.size() == 1) {
             line("No modules are installed");
             return;
         }
-        std::vector<std::size_t> widths;
-        for (Row& row : rows) {
-            widths.resize(std::max(widths.size(), row.size()));
-            for (std::size_t i = 0; i + 1 < row.size(); ++i) {
-                row[i] = cut(printable(row[i]), kWidestColumn);
-                widths[i] = std::max(widths[i], countCharacters(row[i]));
-            }
-        }
-        for (const Row& row : rows) {
-            std::string text;
-            for (std::size_t i = 0; i + 1 < row.size(); ++i) {
-                text += row[i] + std::string(widths[i] - countCharacters(row[i]) + 2, ' ');
-            }
-            line(text + row.back());
+        for (const std::string& text : aligned(std::move(rows))) {
+            line(text);
         }
     }
 

@@ -10,8 +10,8 @@
 #include <system_error>
 
 #include "base/mappings.h"
-#include "tools/quillonctl/modules/outside-text.h"
 #include "tools/quillonctl/modules/slot-locks.h"
+#include "tools/quillonctl/outside-text.h"
 
 namespace quillon {
 

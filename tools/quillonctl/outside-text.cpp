@@ -1,4 +1,4 @@
-#include "tools/quillonctl/modules/outside-text.h"
+#include "tools/quillonctl/outside-text.h"
 
 #include <glib.h>
 

@@ -1,0 +1,90 @@
+#include "tools/quillonctl/recorded-run.h"
+
+#include <json/json.h>
+
+#include <algorithm>
+#include <exception>
+#include <sstream>
+
+#include "base/regular-file.h"
+#include "src/support/module-reason.h"
+#include "src/support/paths.h"
+
+namespace quillon {
+namespace {
+
+constexpr std::size_t kLargestRecord = 16U << 20U;
+
+/// The module's latest entry, a new one at need.
+RecordedModule& moduleOf(RecordedRun& run, const std::string& name)
+{
+    const auto found = std::find_if(run.modules.rbegin(), run.modules.rend(),
+                                    [&](const RecordedModule& one) { return one.name == name; });
+    if (found != run.modules.rend()) {
+        return *found;
+    }
+    run.modules.push_back({name, {}, {}, 0, 0});
+    return run.modules.back();
+}
+
+void take(const Json::Value& line, RecordedRun& run)
+{
+    const std::string event = line["event"].asString();
+    const double clock = line["clock"].asDouble();
+    if (event == "began") {
+        run.began = clock;
+        return;
+    }
+    if (event == "ended") {
+        run.result = line["result"].asInt();
+        return;
+    }
+    RecordedModule& module = moduleOf(run, line["module"].asString());
+    if (event == "checking" || event == "started") {
+        module.finding.reset();
+        module.seconds = -clock;
+    } else if (event == "decided" || event == "finished") {
+        module.finding = ModuleFinding{line["result"].asInt(), reasonOf(line["reason"].asString()),
+                                       line["detail"].asString()};
+        module.offered = line["offered"].asString();
+        module.expectedSeconds = line["seconds"].asInt();
+        module.seconds += clock;
+        // A key that does not fit leaves no text where the version is.
+        if (line.isMember("offered") && line["offered"].isNull()) {
+            module.finding->reason = ModuleReason::kNotDeciphered;
+        }
+    }
+}
+
+}  // namespace
+
+const RecordedModule* RecordedRun::present() const
+{
+    const auto found = std::find_if(modules.begin(), modules.end(), [](const RecordedModule& one) {
+        return !one.finding.has_value();
+    });
+    return found != modules.end() ? &*found : nullptr;
+}
+
+std::optional<RecordedRun> readRecordedRun(const std::string& name, double since)
+{
+    const std::optional<std::string> text =
+        readRegularFile(paths::kRunRecords + name + ".jsonl", kLargestRecord);
+    if (!text) {
+        return std::nullopt;
+    }
+    RecordedRun run;
+    std::istringstream lines(*text);
+    for (std::string line; std::getline(lines, line) && !lines.eof();) {
+        try {
+            Json::Value value;
+            std::istringstream(line) >> value;
+            take(value, run);
+        } catch (const std::exception&) {
+            return std::nullopt;  // no record of ours
+        }
+    }
+    return run.began >= since ? std::optional(run) : std::nullopt;
+}
+
+}  // namespace quillon

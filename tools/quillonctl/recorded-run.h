@@ -1,0 +1,38 @@
+/// What the service has recorded of an estimate or an update, see src/support/run-record.h.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "src/support/run-record.h"
+#include "tools/quillonctl/module-finding.h"
+
+namespace quillon {
+
+/// What became of a module.
+struct RecordedModule
+{
+    std::string name;
+    std::optional<ModuleFinding> finding;  ///< nothing as long as it is being worked on
+    std::string offered;                   ///< version; empty when not known
+    int expectedSeconds = 0;
+    double seconds = 0;  ///< how long it was worked on, once there is a finding
+};
+
+struct RecordedRun
+{
+    double began = 0;                     ///< seconds since boot
+    std::vector<RecordedModule> modules;  ///< in the order of the work
+    std::optional<int> result;            ///< nothing as long as it is running, or when cut off
+
+    /// The module that is being worked on, or was when the service died; null for none.
+    const RecordedModule* present() const;
+};
+
+/// @param name  "estimate" or "update"
+/// @param since  by secondsSinceBoot(): a run that began earlier is none of the caller's
+/// @return nothing when there is no such record
+std::optional<RecordedRun> readRecordedRun(const std::string& name, double since);
+
+}  // namespace quillon
