@@ -151,13 +151,19 @@ ExitCode nothingNeeded(const std::optional<RecordedRun>& look)
     return isUpToDate ? kExitSuccess : kExitNothingToUpdate;
 }
 
-/// @param run  without modules when nothing is recorded
-std::string whyFailed(const RecordedRun& run)
+/// The module that has failed, or that an exception has ended the run in; null where none is known.
+const RecordedModule* failedIn(const RecordedRun& run)
 {
     const auto failed = std::find_if(
         run.modules.begin(), run.modules.end(),
         [](const RecordedModule& one) { return !one.finding || one.finding->result != 0; });
-    if (failed == run.modules.end()) {
+    return failed != run.modules.end() ? &*failed : nullptr;
+}
+
+/// @param failed  null when nothing is recorded
+std::string whyFailed(const RecordedModule* failed)
+{
+    if (failed == nullptr) {
         return "the update failed; the update service's log says why";
     }
     return "the update failed at the module " + printable(failed->name) + ": " +
@@ -249,10 +255,14 @@ ExitCode Verbs::follow(int expectedSeconds, std::chrono::milliseconds pollInterv
                                    std::max(expectedSeconds - secondsSince(start), 0));
                 break;
             case Progress::kDone:
-                report_.finished(secondsSince(start));
-                return kExitSuccess;
+                // To the service, only the module's code -1 fails a run.
+                if (failedIn(recorded) == nullptr) {
+                    report_.finished(secondsSince(start));
+                    return kExitSuccess;
+                }
+                [[fallthrough]];
             case Progress::kFailed:
-                report_.error(kExitUpdateFailed, whyFailed(recorded));
+                report_.error(kExitUpdateFailed, whyFailed(failedIn(recorded)));
                 return kExitUpdateFailed;
             default:
                 throw Failure{kExitSystem,
