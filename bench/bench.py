@@ -105,22 +105,26 @@ def measure_speed(options: argparse.Namespace) -> int:
 def hold_counts(options: argparse.Namespace) -> int:
     """Instructions and allocations of the hot paths, held within 3 % of recorded counts."""
     if options.in_device:
-        print(json.dumps(gate.count(options.build)))
+        print(json.dumps(gate.count(options.build, options.emulated or options.build)))
         return 0
-    here, file = gate.this_toolchain(options.build), pathlib.Path(options.recorded)
+    here = gate.this_toolchain(options.emulated or options.build)
+    preset = os.path.basename(options.emulated)
+    file = pathlib.Path(options.recorded or SOURCES / f"bench/recorded-counts{preset and '-' + preset}.json")
     recorded = {"toolchain": here} if options.record else json.loads(file.read_text())
-    if skip := gate.reason_to_skip(recorded["toolchain"], here, pathlib.Path("/proc/cpuinfo").read_text()):
+    if skip := gate.reason_to_skip(recorded["toolchain"], here,
+                                   "" if options.emulated else pathlib.Path("/proc/cpuinfo").read_text()):
         print("bench-gate: skipped, " + skip)
         return 0
     counts = in_new_device(options)
     if options.record:
-        write_json(options.recorded, {"toolchain": here, "paths": counts})
-        print("bench-gate: recorded in " + options.recorded)
+        write_json(str(file), {"toolchain": here, "paths": counts})
+        print(f"bench-gate: recorded in {file}")
         return 0
     text, all_held = gate.hold(recorded["paths"], counts)
     print(text + ("bench-gate: all counts are within 3 % of the recorded ones" if all_held else
                   "bench-gate: counts are more than 3 % from the recorded ones. If the change is meant, for better or\n"
-                  "worse, record it together with the code that makes it:\n  make bench-gate GATE_ARGS=--record"))
+                  "worse, record it together with the code that makes it:\n  make bench-gate GATE_ARGS=--record"
+                  f"{preset and ' ARCH=' + preset}"))
     return 0 if all_held else MISSED
 
 def runs(text: str) -> int:
@@ -160,7 +164,8 @@ def main() -> int:
         "they are quick or partial ones")
     add("--check", action="store_true", help="exit with 3 when a goal is missed")
     add = verb("gate", hold_counts)
-    add("--recorded", default=str(SOURCES / "bench/recorded-counts.json"), help="the recorded counts")
+    add("--emulated", default="", help="count in this build for another machine; --build is one for ours")
+    add("--recorded", help="the recorded counts; default bench/recorded-counts.json, or those of the emulated preset")
     add("--record", action="store_true", help="write them instead")
     options = parser.parse_args()
     options.build = os.path.realpath(options.build)

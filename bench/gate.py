@@ -16,17 +16,24 @@ PINS = ("OPENSSL_ia32cap=0x0218020307808000:0x0", "LD_BIND_NOW=1", "LC_ALL=C", "
         "GLIBC_TUNABLES=glibc.cpu.hwcaps=-AVX,-AVX2,-AVX512F,-AVX512VL,-AVX512BW,-BMI1,-BMI2,-LZCNT,-MOVBE,-ERMS,"
         "-FSRM,-RTM,-SSE4_2,-XSAVE,-XSAVEC:glibc.cpu.x86_data_cache_size=0x8000"
         ":glibc.cpu.x86_shared_cache_size=0x100000:glibc.cpu.x86_non_temporal_threshold=0xc0000")
+# What an emulator takes for its processor: one that multiplies without carries, and one of 32 bits that cannot.
+EMULATED = {"qemu-aarch64": "cortex-a72", "qemu-arm": "cortex-a15"}
 
 def this_toolchain(build: str) -> dict[str, str]:
     """What counts depend on beside the code: they are held only where it is the recorded one."""
     tools = toolchain(build)
-    return tools | {"architecture": os.uname().machine, "C library": os.confstr("CS_GNU_LIBC_VERSION").split()[1],
-                    "compiler": re.sub(r"(\d+\.\d+).*", r"\1", tools["compiler"])}
+    tools["compiler"] = re.sub(r"(\d+\.\d+).*", r"\1", tools["compiler"])
+    if emulator := tools.pop("emulator"):
+        name, _, libraries = emulator.split(";")
+        features = pathlib.Path(libraries, "usr/include/features.h").read_text()
+        return tools | {"C library": f"2.{number_after('define.__GLIBC_MINOR__', features)}",
+                        "QEMU": re.findall(r"version (\d+\.\d+)", run(name, "--version").stdout)[0]}
+    return tools | {"C library": os.confstr("CS_GNU_LIBC_VERSION").split()[1]}
 
 def reason_to_skip(recorded: dict[str, str], here: dict[str, str], cpuinfo: str) -> str:
     """Why counts on this machine say nothing; empty when they do."""
-    if here["architecture"] != "x86_64":
-        return "counts are recorded for x86_64 only"
+    if here["architecture"] != "x86_64" and "QEMU" not in here:
+        return "counts are recorded for x86_64, and for others emulated (make bench-gate ARCH=arm64)"
     flags = re.search(r"^flags.*$", cpuinfo, re.MULTILINE)
     for flag in NEEDED:
         if flags and flag not in flags[0].split():
@@ -41,20 +48,24 @@ def number_after(word: str, text: str) -> int:
         return int(found[1])
     raise BenchError("no count: " + text[-1000:])
 
-def count(build: str) -> dict[str, dict[str, int]]:
-    """Counts all hot paths within a virtual device: by path "instructions" and "allocations"."""
+def count(tools: str, build: str) -> dict[str, dict[str, int]]:
+    """Counts all hot paths of a build within a virtual device: by path "instructions" and "allocations". The tools are
+    a build for this machine."""
     program, counts = build + "/bench/hot-paths", {}
+    counter = "valgrind --tool=callgrind --collect-atstart=no --callgrind-out-file=/dev/null".split()
+    emulator = list(filter(None, toolchain(build)["emulator"].split(";")))
+    if emulator:
+        counter = [*emulator, "-cpu", EMULATED[emulator[0]], "-plugin", tools + "/bench/guest-instructions.so"]
     device.boot()
     device.install_modules(build + "/bench/tiny-module.so", 10)
     pathlib.Path("/tmp/info.json").write_text('{"version": "1.2.3", "crc": 305419896, "expected_time": 30}')
-    with Workshop(build) as workshop:
+    with Workshop(tools) as workshop:
         stick = workshop.stick(1)
         workshop.put_image(stick, MIB, module=1)
         workshop.put_image(stick, 65536, module=2)
-        for path in run(program).stdout.splitlines():
+        for path in run(*emulator, program).stdout.splitlines():
             device.forget_earlier_service()
-            done = run("env", "-i", *PINS, "valgrind", "--tool=callgrind", "--collect-atstart=no",
-                       "--callgrind-out-file=/dev/null", program, path)
+            done = run("env", "-i", *PINS, *counter, program, path)
             counts[path] = {"instructions": number_after("Collected :", done.stderr),
                             "allocations": number_after("allocations", done.stdout)}
     return counts
@@ -69,4 +80,8 @@ def hold(recorded: dict, counted: dict) -> tuple[str, bool]:
             change = f"{(new / old - 1) * 100:+.1f} %" if old else "new" if new else ""
             text += f"{path:30}{kind:14}{old:12}{new:12}{change:>10}{'' if held else '  NOT HELD'}\n"
             all_held &= held
+    folding, slicing = (counted.get(f"checksum by {kernel}, 1 MiB", {}).get("instructions", 0)
+                        for kernel in ("folding", "slicing"))
+    if folding:
+        text += f"checksum by slicing: {slicing / folding:.1f} times as many instructions as by folding\n"
     return text, all_held
