@@ -14,16 +14,19 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <limits>
 #include <set>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <system_error>
-#include <vector>
 
 #include "base/fd.h"
 #include "helpers/lifecycle/own-queues.h"
 #include "helpers/lifecycle/taken-name.h"
 #include "helpers/lifecycle/unit-failure.h"
+#include "src/support/paths.h"
 
 namespace quillon::unit {
 
@@ -31,6 +34,7 @@ namespace {
 
 constexpr int kPauseMilliseconds = 500;
 constexpr std::size_t kThreadsWithoutUpdate = 2;  // the initial one and the control task
+constexpr double kSecondsToStartTasks = 5;
 constexpr int kFullLooks = 4;  // who reads replies at all does so within two seconds
 
 void takeMarkerAway(const std::string& marker)
@@ -81,17 +85,49 @@ Threads threadsOf(pid_t process)
     return threads;
 }
 
-/// The threads that a service has all its life: those with the lowest numbers. What an estimate or
-/// an update starts comes later and ends earlier.
+/// @return in seconds since boot; infinity when the service's record does not tell
+double servingSince()
+{
+    std::ifstream lines(paths::kRunRecords + std::string("start.jsonl"));
+    for (std::string line; std::getline(lines, line);) {
+        const std::size_t clock = line.find("\"clock\":");
+        if (line.find("\"event\":\"serving\"") != std::string::npos && clock != std::string::npos) {
+            return std::strtod(line.c_str() + clock + 8, nullptr);
+        }
+    }
+    return std::numeric_limits<double>::infinity();
+}
+
+/// @param status  a thread's /proc/PID/task/TID/stat
+/// @return in seconds since boot; 0 for a thread that is gone
+double startOf(const std::string& status)
+{
+    constexpr int kFieldsBetween = 19;  // from the name, which may hold anything, to field 22
+    std::ifstream file(status);
+    std::string text;
+    std::getline(file, text, '\0');
+    std::istringstream fields(text.substr(text.rfind(')') + 1));
+    for (int i = 0; i < kFieldsBetween; ++i) {
+        fields >> text;
+    }
+    double ticks = 0;
+    fields >> ticks;
+    return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+/// The threads that a service has all its life, and others that were there when it began to serve.
+/// What an estimate or an update starts comes later. Where the record does not tell when, all of
+/// them: rather is a service that hangs spared for long than one killed that updates.
 Threads lastingThreadsOf(pid_t process)
 {
-    const auto isShorterOrLess = [](const std::string& a, const std::string& b) {
-        return a.size() != b.size() ? a.size() < b.size() : a < b;
-    };
-    const Threads all = threadsOf(process);
-    std::vector<std::string> oldest(std::min(all.size(), kThreadsWithoutUpdate));
-    std::partial_sort_copy(all.begin(), all.end(), oldest.begin(), oldest.end(), isShorterOrLess);
-    return {oldest.begin(), oldest.end()};
+    const double serving = servingSince() + kSecondsToStartTasks;
+    Threads lasting;
+    for (const std::string& thread : threadsOf(process)) {
+        if (startOf("/proc/" + std::to_string(process) + "/task/" + thread + "/stat") <= serving) {
+            lasting.insert(thread);
+        }
+    }
+    return lasting;
 }
 
 /// Looks after the service while it ends.

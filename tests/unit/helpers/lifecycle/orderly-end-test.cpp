@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -19,6 +20,7 @@
 #include <thread>
 
 #include "helpers/lifecycle/own-queues.h"
+#include "support/files.h"
 #include "support/texts.h"
 #include "support/wait.h"
 #include "unit/platform/notify-socket.h"
@@ -28,6 +30,7 @@ namespace {
 using quillon::test::expectTextAmong;
 using quillon::test::expectTexts;
 using quillon::test::waitFor;
+using quillon::test::writeFile;
 
 using namespace std::chrono_literals;
 using quillon::unit::endAndWait;
@@ -219,11 +222,14 @@ TEST_F(OrderlyEnd, LeavesAServiceThatNeverEndsToTheWatchdogAfterAWhile)
     EXPECT_LE(countOf(manager), 3) << "and not up to its end";
 }
 
-TEST_F(OrderlyEnd, TellsTheWatchdogAsLongAsAnUpdateRuns)
+/// Ends a service whose update goes on until the watchdog has been told of it three times.
+/// @param older  runs as long as the service, in a thread that it starts before all others
+void expectToldOfTheUpdate(const std::function<void()>& older)
 {
     NotifySocket manager("/tmp/notify");
     constexpr char kUpdated[] = "/tmp/updated";
     const Process service([&] {
+        std::thread(older).detach();
         std::thread eventLoop(waitForTheMarkerToGo);
         std::thread update([&] {
             while (access(kUpdated, F_OK) != 0) {
@@ -233,6 +239,7 @@ TEST_F(OrderlyEnd, TellsTheWatchdogAsLongAsAnUpdateRuns)
         std::thread controlTask([&] { update.join(); });
         eventLoop.join();
         controlTask.join();
+        _exit(0);
     });
     waitForThreads(service.id(), 4);
     std::thread watchdog([&] {
@@ -246,6 +253,56 @@ TEST_F(OrderlyEnd, TellsTheWatchdogAsLongAsAnUpdateRuns)
 
     watchdog.join();
     EXPECT_TRUE(service.hasEnded());
+}
+
+TEST_F(OrderlyEnd, TellsTheWatchdogAsLongAsAnUpdateRuns)
+{
+    expectToldOfTheUpdate([] {});
+}
+
+TEST_F(OrderlyEnd, TellsTheWatchdogOfAnUpdateBesideAModulesOlderThread)
+{
+    expectToldOfTheUpdate([] { pause(); });
+}
+
+TEST_F(OrderlyEnd, OfAServiceThatHangsIsNotTakenFromTheEndOfAnEstimate)
+{
+    NotifySocket manager("/tmp/notify");
+    timespec now{};
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    writeFile("/run/quillon/run/start.jsonl",
+              "{\"clock\":1.5,\"event\":\"began\"}\n{\"clock\":" + std::to_string(now.tv_sec - 10) +
+                  ".25,\"event\":\"serving\",\"key\":true}\n");
+    const Process service([] {
+        std::thread estimate(waitForTheMarkerToGo);
+        std::thread eventLoop([] { std::this_thread::sleep_for(2s); });
+        estimate.join();
+        eventLoop.join();
+    });
+    waitForThreads(service.id(), 3);
+
+    endAndWait(kMarker, service.id());
+
+    expectTexts(manager.received(), {});
+}
+
+TEST_F(OrderlyEnd, IsTakenFromTheEndOfAThreadThatWasThereFromTheStart)
+{
+    NotifySocket manager("/tmp/notify");
+    const Process service([] {
+        std::thread eventLoop(waitForTheMarkerToGo);
+        eventLoop.join();
+        std::this_thread::sleep_for(1500ms);
+    });
+    waitForThreads(service.id(), 2);
+    timespec now{};
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    writeFile("/run/quillon/run/start.jsonl",
+              "{\"clock\":" + std::to_string(now.tv_sec) + ",\"event\":\"serving\"}\n");
+
+    endAndWait(kMarker, service.id());
+
+    expectTextAmong(manager.received(), "WATCHDOG=1");
 }
 
 }  // namespace
