@@ -2,12 +2,12 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysinfo.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <exception>
-#include <fstream>
 #include <utility>
 
 #include "base/regular-file.h"
@@ -22,16 +22,13 @@ constexpr std::int64_t kLargestWindow = 32 << 20;
 /// A page, or a part of one. A byte of each is enough, and copies nothing worth mentioning.
 constexpr std::int64_t kPiece = 4096;
 
-/// In bytes; 0 when the kernel does not say.
-std::int64_t availableMemory()
+/// A sixteenth of the machine's memory. The page cache gives its pages back when others need them,
+/// so what is free at present says little.
+std::int64_t shareOfMemory()
 {
-    std::ifstream all("/proc/meminfo");
-    std::string word;
-    while (all >> word && word != "MemAvailable:") {
-    }
-    std::int64_t kibibytes = 0;
-    all >> kibibytes;
-    return kibibytes * 1024;
+    struct sysinfo machine = {};
+    sysinfo(&machine);  // not from /proc, which the unit hides
+    return static_cast<std::int64_t>(machine.totalram) * machine.mem_unit / 16;
 }
 
 }  // namespace
@@ -46,8 +43,8 @@ ReadAhead::ReadAhead(std::vector<std::string> paths, std::int64_t window)
     const int callersErrno = errno;
     try {
         fetched_.resize(paths_.size());
-        if (window_ == kQuarterOfMemory) {
-            window_ = std::min(availableMemory() / 4, kLargestWindow);
+        if (window_ == kShareOfMemory) {
+            window_ = std::min(shareOfMemory(), kLargestWindow);
         }
         const SignalsBlocked blocked;
         thread_ = std::thread([this] { fetchAll(); });

@@ -20,12 +20,12 @@ namespace quillon {
 class ReadAhead
 {
 public:
-    /// A quarter of what is available when reading begins, 32 MiB at most.
-    static constexpr std::int64_t kQuarterOfMemory = -1;
+    /// A sixteenth of the machine's memory, 32 MiB at most.
+    static constexpr std::int64_t kShareOfMemory = -1;
 
     /// @param paths  in the order of reading; empty ones are passed over
     /// @param window  how many bytes it may get ahead of the file that is being read
-    explicit ReadAhead(std::vector<std::string> paths, std::int64_t window = kQuarterOfMemory);
+    explicit ReadAhead(std::vector<std::string> paths, std::int64_t window = kShareOfMemory);
 
     /// Waits for the thread, which is done after a page, unless the medium hangs.
     ~ReadAhead();

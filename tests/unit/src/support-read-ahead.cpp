@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -95,6 +96,16 @@ TEST_F(FilesAhead, AreReadUpToTheLastOne)
     awaitCached(paths_[1], kSize);
     awaitCached(paths_[2], kSize);
     EXPECT_EQ(cached(paths_[0]), 0U) << "whoever reads it does that";
+}
+
+TEST_F(FilesAhead, AreReadWhereNothingButProcessesIsSeenInProc)
+{
+    if (mount("proc", "/proc", "proc", 0, "subset=pid") != 0) {
+        GTEST_SKIP() << "no such file system can be mounted here";
+    }
+    ASSERT_FALSE(fs::exists("/proc/meminfo"));
+    const ReadAhead ahead(paths_);
+    awaitCached(paths_[2], kSize);
 }
 
 TEST_F(FilesAhead, StayOnTheMediumBehindTheWindow)
