@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <exception>
 #include <utility>
 
@@ -84,9 +85,12 @@ void unnoticed(Work work)
 
 double secondsSinceBoot()
 {
+    constexpr long kNanosecondsPerMillisecond = 1000000;
     timespec now{};
     clock_gettime(CLOCK_BOOTTIME, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec / 1000000) / 1000;
+    const std::int64_t milliseconds =
+        std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / kNanosecondsPerMillisecond;
+    return static_cast<double>(milliseconds) / 1000;
 }
 
 RunRecord::RunRecord(const std::string& directory)
