@@ -146,7 +146,7 @@ def main() -> int:
 
     add = verb("footprint", measure_footprint)
     add("--runs", type=runs, default=200, help="starts of each process; default %(default)s")
-    add("--modules", type=int, nargs="+", default=[1, 10, 100], help="numbers of modules; default %(default)s")
+    add("--modules", type=int, nargs="+", default=[1, 10, 100, 1000], help="numbers of modules; default %(default)s")
     add("--memory-runs", type=runs, default=5, help="processes whose memory is read; default %(default)s")
     add("--settle", type=int, default=11000, help="ms from READY to reading memory; default %(default)s")
     add("--json", help="also write the figures to this file, as JSON")
