@@ -1,4 +1,5 @@
 """The maker's side: images as they lie on a stick, verifiers, a slow stick, and another program's images."""
+import contextlib
 import importlib.util
 import mmap
 import os
@@ -8,6 +9,7 @@ import shutil
 import tempfile
 import threading
 import time
+from statistics import median
 
 import device
 from device import BenchError, Taken, run
@@ -81,14 +83,18 @@ class Workshop:
 
 class SlowMedium:
     """A directory shown at another place as if it lay on a slow stick, until the end of the `with` block: so many bytes
-    a second, one request after the other. What has been read once is in the page cache, as with a real stick."""
+    a second, one request after the other. What has been read once is in the page cache, as with a real stick. What
+    FUSE itself takes of a request's time counts for nothing: it is measured first, and each request begins earlier by
+    as much, but not before the one before it has ended."""
 
     def __init__(self, directory: str, place: str, bytes_per_second: float) -> None:
-        self.place, self._speed, self._bytes = place, bytes_per_second, mmap.mmap(-1, 8)
+        self.place, self._speed, self._bytes = place, bytes_per_second, mmap.mmap(-1, 16)
         os.makedirs(place, exist_ok=True)
         self._process = os.fork()
         if self._process == 0:
             try:
+                with contextlib.suppress(OSError):
+                    os.nice(-20)  # as what is no process at all
                 self._show(directory)
             finally:
                 os._exit(1)
@@ -96,6 +102,12 @@ class SlowMedium:
             if os.waitpid(self._process, os.WNOHANG)[0]:
                 raise BenchError(f"{directory} cannot be mounted at {place}")
             time.sleep(0.01)
+        taken = []
+        for _ in range(50):
+            began = time.monotonic_ns()
+            os.statvfs(place)
+            taken.append(time.monotonic_ns() - began - 1000000)
+        self._bytes[8:] = int(median(taken)).to_bytes(8, "little")
 
     def __enter__(self) -> "SlowMedium":
         return self
@@ -110,11 +122,11 @@ class SlowMedium:
 
     def busy(self) -> float:
         """The seconds that it was busy with what was read from it, and not from the page cache."""
-        return int.from_bytes(self._bytes[:], "little") / self._speed
+        return int.from_bytes(self._bytes[:8], "little") / self._speed
 
     def _show(self, directory: str) -> None:
         import fusepy
-        speed, count, free_at, total, turn = self._speed, self._bytes, 0.0, 0, threading.Lock()
+        speed, shared, free_at, total, opened, turn = self._speed, self._bytes, 0.0, 0, 0, threading.Lock()
 
         class Medium(fusepy.Operations):
             use_ns = True
@@ -126,24 +138,30 @@ class SlowMedium:
             def readdir(self, path, fh):
                 return [".", "..", *os.listdir(directory + path)]
 
+            def statfs(self, path):
+                time.sleep(0.001)
+                return {}
+
             def open(self, path, flags):
+                nonlocal opened
+                opened = 1
                 return os.open(directory + path, os.O_RDONLY)
 
             def read(self, path, size, offset, fh):
-                nonlocal free_at, total
-                arrived = time.monotonic()
+                nonlocal free_at, total, opened
+                arrived = time.monotonic() - int.from_bytes(shared[8:], "little") / 1e9 * (1 + opened)
                 data = os.pread(fh, size, offset)
                 with turn:
                     ends = free_at = max(free_at, arrived) + len(data) / speed
-                    total += len(data)
-                    count[:] = total.to_bytes(8, "little")
+                    total, opened = total + len(data), 0
+                    shared[:8] = total.to_bytes(8, "little")
                 time.sleep(max(0, ends - time.monotonic()))
                 return data
 
             def release(self, path, fh):
                 os.close(fh)
 
-        fusepy.FUSE(Medium(), self.place, foreground=True, kernel_cache=True)
+        fusepy.FUSE(Medium(), self.place, foreground=True, kernel_cache=True, attr_timeout=3600, entry_timeout=3600)
 
 class Swupdate:
     """A different program that does the same kind of work, as Debian packages it: it verifies a signature, deciphers
