@@ -137,6 +137,24 @@ def memory_of(smaps_rollup: str, status: str) -> dict[str, int]:
     return {"resident": kib["Rss"], "proportional": kib["Pss"], "anonymous": kib["Anonymous"],
             "unshared": kib["Private_Clean"] + kib["Private_Dirty"], "peak": kib["VmHWM"]}
 
+@contextlib.contextmanager
+def memory_group(limit: int) -> Iterator[bool]:
+    """Keeps us, and what we start meanwhile, in a control group below our own one, of so many bytes of memory. Gives
+    whether such a group can be made."""
+    groups = dict(line.split(":", 2)[1:] for line in pathlib.Path("/proc/self/cgroup").read_text().splitlines())
+    kind, bound = ("memory", "memory.limit_in_bytes") if "memory" in groups else ("", "memory.max")
+    ours = pathlib.Path("/sys/fs/cgroup", kind, groups.get(kind, "").lstrip("/"))
+    group, is_made = ours / f"quillon-bench-{os.getpid()}", False
+    with contextlib.ExitStack() as stack:
+        with contextlib.suppress(OSError):
+            group.mkdir()
+            stack.callback(group.rmdir)
+            (group / bound).write_text(str(limit))
+            (group / "cgroup.procs").write_text("0")
+            stack.callback((ours / "cgroup.procs").write_text, "0")
+            is_made = True
+        yield is_made
+
 class Started:
     """A program that was started to be measured; killed at the end of its `with` block. Its streams are /dev/null.
     It sees our environment, but of a service manager only a socket of ours for its readiness."""
