@@ -195,6 +195,11 @@ class Started:
         libc.clock_getcpuclockid(self.pid, ctypes.byref(clock))
         return time.clock_gettime(clock.value)
 
+    def sleeps(self) -> int:
+        """How often its threads have waited for something so far, and so were woken."""
+        return sum(int(re.search(r"^voluntary_ctxt_switches:\s*(\d+)", (thread / "status").read_text(), re.M)[1])
+                   for thread in pathlib.Path(f"/proc/{self.pid}/task").iterdir())
+
     def memory(self) -> dict[str, int]:
         """In KiB, as the kernel counts it; "peak" is the most that it has ever had resident."""
         return memory_of(*(pathlib.Path(f"/proc/{self.pid}/{file}").read_text()

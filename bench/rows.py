@@ -187,7 +187,7 @@ def measure_updates(plan: Plan, _: dict) -> list[Row]:
                 Row("the same, peak memory", "the image", "MiB beyond it", (peak - os.path.getsize(image)) / MIB,
                     "at most", 16, f"{peak / MIB:.1f} MiB in all"),
                 Row(f"ten more estimates of it, {name}", "resident memory after the first", "MiB more",
-                    estimates_in_a_row(build, sticks[0]) / MIB, "at most", 0.1, "read right after the last")]
+                    estimates_in_a_row(build, sticks[0]) / MIB, "at most", 0.05, "read right after the last")]
         rows += little_memory(workshop, workshop.stick(3))
 
         def updating(verifier: str) -> Taken:
@@ -303,6 +303,42 @@ def sizes(build: str) -> list[dict]:
             found.append({"file": os.path.basename(path), "bytes": os.path.getsize(stripped.name)})
     return found
 
+def idle_rows(plan: Plan) -> list[Row]:
+    """What an idle service does: its ticks, and what it holds meanwhile."""
+    seconds = 1 if plan.quick else 60
+    with Service(plan.build) as service:
+        time.sleep(0 if plan.quick else 11)  # one tick
+        before = service.sleeps()
+        time.sleep(seconds)
+        wakes, threads = service.sleeps() - before, len(os.listdir(f"/proc/{service.pid}/task"))
+        held = [os.readlink(entry) for entry in pathlib.Path(f"/proc/{service.pid}/fd").iterdir()]
+        timers = pathlib.Path(f"/proc/{service.pid}/timers").read_text().count("ID:")
+    timers, files = timers + sum("timerfd" in to for to in held), sum(to != "/dev/null" for to in held)
+    return [Row(f"idle, {seconds} s, {what}", against, unit, number, "at most", limit, detail)
+            for what, against, unit, number, limit, detail in (
+                ("wake-ups", "a tick each 10 s", "waits of all threads", wakes, math.ceil(seconds / 10) + 1, "voluntary switches"),
+                ("threads", "main, main loop, receiver", "threads", threads, 3, f"{timers} timers"),
+                ("descriptors", "two queues, the main loop's", "beside /dev/null", files, 3, ", ".join(sorted(held))))]
+
+def tool_rows(plan: Plan) -> list[Row]:
+    """The tool, where nothing is to do, beside a process that does nothing."""
+    tool, null = plan.build + "/bin/quillonctl", [(os.POSIX_SPAWN_OPEN, 1, "/dev/null", os.O_RDWR, 0)]
+    device.forget_earlier_service()
+
+    def from_start_to_end(*command: str) -> Callable[[], float]:
+        def taken() -> float:
+            began = time.monotonic()
+            os.waitpid(os.posix_spawn(command[0], command, {}, file_actions=null + [(os.POSIX_SPAWN_DUP2, 1, 2)]), 0)
+            return (time.monotonic() - began) * 1000
+        return taken
+
+    commands = {"`quillonctl progress`, no service": "progress", "`quillonctl --help`": "--help",
+                "`quillonctl`, refused command": "no-such-command"}
+    floor, *ours = medians(in_turns(plan.rounds * 4, from_start_to_end(plan.build + "/bench/do-nothing"), *(
+        from_start_to_end(tool, word) for word in commands.values())))
+    return [Row(name, "do-nothing process", "times its time", taken / floor, "at most", 1.5,
+                f"{taken:.2f} ms; floor {floor:.2f} ms") for name, taken in zip(commands, ours)]
+
 def measure_starts(plan: Plan, series: dict) -> list[Row]:
     """Start to READY and idle memory beside the do-nothing process. Series: "start" and "memory" of the footprint."""
     counts, settle = [1, 10, 100, 1000], 200 if plan.quick else 11000
@@ -323,9 +359,9 @@ def measure_starts(plan: Plan, series: dict) -> list[Row]:
                 ours[count], "at most", start_limit(floor[count]), f"floor {floor[count]:.2f} ms; limit × 1.3 + 1 ms")
             for count in counts] + [
         Row("growth of the start, 1 to 1000 modules", "the same of the do-nothing process", "µs a module",
-            growth(ours), "at most", growth(floor) * 1.3, f"floor {growth(floor):.1f} µs; "
-            f"beyond it {beyond:.1f} µs each up to 100, {later:.1f} µs each from there"),
-        Row("idle resident memory, 10 modules", "do-nothing process, modules opened", "MiB", resident[SERVICE],
+            growth(ours), "at most", growth(floor) + 20, f"floor {growth(floor):.1f} µs; "
+            f"beyond it {beyond:.1f} µs each up to 100, {later:.1f} µs each from there; limit + 20 µs"),
+        *idle_rows(plan), *tool_rows(plan), Row("idle resident memory, 10 modules", "do-nothing process, modules opened", "MiB", resident[SERVICE],
             "at most", resident[MODULES_FLOOR] + BEYOND_IDLE, f"floor {resident[MODULES_FLOOR]:.2f} MiB; "
             f"without modules {resident[FLOOR]:.2f} MiB; limit + {BEYOND_IDLE} MiB")]
 
@@ -345,12 +381,33 @@ def many_modules(build: str, count: int) -> dict:
         return json.loads(run(build + "/bench/many-modules", str(count)).stdout)
 
 def measure_many_modules(plan: Plan, _: dict) -> list[Row]:
-    """`update --all` over many modules."""
+    """`update --all` over many modules, and an estimate of images that are next to nothing."""
     count = 20 if plan.quick else 1000
+    with Workshop(plan.build) as workshop:
+        workshop.install("trivial")
+        device.install_modules(plan.build + "/bench/sink-module.so", count)
+        image = put_images(workshop, stick := workshop.stick(1), 1, count)
+        whole, alone = medians(in_turns(plan.long_rounds, lambda: estimate(plan.build, stick) * 1e6 / count,
+                                        lambda: kernel_time(plan.build, "decipher/service", image, count) * 1000))
     runs = [many_modules(plan.build, count) for _ in range(plan.long_rounds)]
     beyond = median(taken["seconds"] - taken["ownSeconds"] for taken in runs) * 1000 / count
     return [Row(f"`update --all`, {count} modules of 4 KiB", "sum of the modules' own times", "ms a module beyond it",
-                beyond, "at most", 1, f"modules' own {median(taken['ownSeconds'] for taken in runs):.3f} s")]
+                beyond, "at most", 1, f"modules' own {median(taken['ownSeconds'] for taken in runs):.3f} s"),
+            Row(f"estimate, {count} modules of 1 byte, trivial verifier", "deciphering each of the images alone",
+                "µs a module beyond it", whole - alone, "at most", 20, f"{whole:.1f} µs; deciphering {alone:.1f} µs")]
+
+def put_images(workshop: Workshop, stick: str, size: int, count: int) -> str:
+    """Puts the same image for so many modules onto a stick. Returns the path of the first."""
+    first = workshop.put_image(stick, size)
+    for number in range(2, count + 1):
+        shutil.copyfile(first, f"{stick}{module_name(number)}.bin")
+    return first
+
+def estimate(build: str, stick: str) -> float:
+    """The seconds of a service's first estimate."""
+    with Service(build) as service:
+        service.use_stick(stick)
+        return service.estimate().wall
 
 def bound_of(medium: float, processor: float, plugin: float) -> str:
     """The resource that was busy longest."""
@@ -429,10 +486,7 @@ def measure_bounds(plan: Plan, series: dict) -> list[Row]:
         for count in (1, 10, 100):
             device.install_modules(plan.build + "/bench/sink-module.so", count)
             sticks = [workshop.stick(1), workshop.stick(2)]
-            for stick, each in zip(sticks[::-1], (1, size)):
-                first = workshop.put_image(stick, each)
-                for number in range(2, count + 1):
-                    shutil.copyfile(first, f"{stick}{module_name(number)}.bin")
+            first, _ = (put_images(workshop, stick, each, count) for stick, each in zip(sticks, (size, 1)))
             settings = [setting for setting, (speed, *_) in SETTINGS.items() if count < 100 or not 0 < speed < 40e6]
             runs = [[bound_run(plan.build, setting, sticks, count * size) for setting in settings]
                     for _ in range(1 if plan.quick else 3)]
