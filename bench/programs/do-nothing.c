@@ -1,15 +1,12 @@
 /* The floor under the service: a process that is linked with the same libraries, says READY=1 and
    waits. With a directory as its argument it first opens the modules in it and looks their entries
-   up, as whoever loads modules has to. */
+   up, as whoever loads modules has to. Where nobody listens for its readiness, it ends at once. */
 #define _GNU_SOURCE
 #include <dirent.h>
 #include <dlfcn.h>
 #include <stddef.h>
 #include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/socket.h>
-#include <sys/un.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 static const char* const kEntries[] = {
@@ -39,26 +36,9 @@ static int openModulesIn(const char* directory)
     return allOpen && closedir(entries) == 0;
 }
 
-/* Says READY=1 at the socket NOTIFY_SOCKET, whose name begins with "@". @return 0 when it cannot */
-static int sayReady(void)
-{
-    const char* name = getenv("NOTIFY_SOCKET");
-    struct sockaddr_un address = {.sun_family = AF_UNIX};
-    if (name == NULL || strlen(name) > sizeof address.sun_path) {
-        return 0;
-    }
-    memcpy(address.sun_path + 1, name + 1, strlen(name) - 1);
-    const int file = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const size_t size = offsetof(struct sockaddr_un, sun_path) + strlen(name);
-    const ssize_t sent =
-        sendto(file, "READY=1", 7, MSG_NOSIGNAL, (const struct sockaddr*)&address, (socklen_t)size);
-    close(file);
-    return sent >= 0;
-}
-
 int main(int count, char* arguments[])
 {
-    if ((count > 1 && !openModulesIn(arguments[1])) || !sayReady()) {
+    if ((count > 1 && !openModulesIn(arguments[1])) || sd_notify(0, "READY=1") <= 0) {
         return 1;
     }
     for (;;) {

@@ -20,8 +20,7 @@ extern "C" __attribute__((visibility("default"))) void quillonBenchOwnTime(std::
     ownNanoseconds += nanoseconds;
 }
 
-/// What the linker makes every privileged call: a package is mounted as soon as it is asked for,
-/// since its files are there.
+/// What the linker makes every privileged call: a package's files are there already.
 extern "C" int quillonBenchMount(const char* /*request*/, int /*size*/, int /*reserved*/,
                                  int* result)
 {

@@ -36,23 +36,6 @@ static double microseconds(void)
     return (double)now.tv_sec * 1e6 + (double)now.tv_nsec / 1e3;
 }
 
-/* Asks so many times. @return 0 when that fails */
-static int isAsked(mqd_t in, mqd_t out, int count, double* times)
-{
-    const MQData question = {.command = MQ_COMMAND_PROGRESS, .kind = FW_MQ_KIND};
-    for (int i = 0; i < count; ++i) {
-        char reply[sizeof question];
-        const double asked = microseconds();
-        if (mq_send(in, (const char*)&question, sizeof question, 0) != 0 ||
-            mq_receive(out, reply, sizeof reply, NULL) == -1) {
-            perror("queues");
-            return 0;
-        }
-        times[i] = microseconds() - asked;
-    }
-    return 1;
-}
-
 int main(int count, char* arguments[])
 {
     if (count == 4 && strcmp(arguments[1], "echo") == 0) {
@@ -63,17 +46,24 @@ int main(int count, char* arguments[])
         return 2;
     }
     const int questions = atoi(arguments[3]);
-    const int turns = 2 * atoi(arguments[2]) + 2; /* the first two are not told */
-    double* times = calloc((size_t)turns * (size_t)questions, sizeof *times);
+    const int all = (2 * atoi(arguments[2]) + 2) * questions; /* two turns of them are not told */
+    double* times = calloc((size_t)all, sizeof *times);
     const mqd_t in[] = {openQueue(arguments[4]), openQueue(arguments[6])};
     const mqd_t out[] = {openQueue(arguments[5]), openQueue(arguments[7])};
-    for (int turn = 0; turn < turns; ++turn) {
-        if (!isAsked(in[turn % 2], out[turn % 2], questions, times + turn * questions)) {
+    for (int i = 0; i < all; ++i) {
+        const MQData question = {.command = MQ_COMMAND_PROGRESS, .kind = FW_MQ_KIND};
+        char reply[sizeof question];
+        const int pair = i / questions % 2;
+        const double asked = microseconds();
+        if (mq_send(in[pair], (const char*)&question, sizeof question, 0) != 0 ||
+            mq_receive(out[pair], reply, sizeof reply, NULL) == -1) {
+            perror("queues");
             return 1;
         }
+        times[i] = microseconds() - asked;
     }
     /* Not earlier, since whoever reads it would compete with the next turn for the processor. */
-    for (int i = 2 * questions; i < turns * questions; ++i) {
+    for (int i = 2 * questions; i < all; ++i) {
         printf("%d %.3f\n", i / questions % 2, times[i]);
     }
     free(times);

@@ -38,15 +38,13 @@ int getExpectedTime(int* seconds)
 
 int getUpdateProgress(unsigned int* progress)
 {
-    *progress = 0;
-    return 0;
+    return (int)(*progress = 0);
 }
 
 #ifndef TAKES_IMAGES
 int checkVersion(const char* version, int* need)
 {
-    *need = 0;
-    return 0;
+    return *need = 0;
 }
 
 int doUpdate(const char* path, unsigned long value)
