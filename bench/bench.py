@@ -90,7 +90,7 @@ def measure_speed(options: argparse.Namespace) -> int:
     is_whole = not (options.quick or options.only or options.base or options.commit)
     page = f"{options.publish}/performance.md" if options.publish and is_whole else ""
     document(page, "make bench")
-    if (page or options.svg) and importlib.util.find_spec("matplotlib") is None:
+    if page and importlib.util.find_spec("matplotlib") is None:
         raise BenchError("the charts need matplotlib: apt-get install python3-matplotlib")
     base = build_commit(options.commit) if options.commit else options.base
     results = in_new_device(options, *(["--base", os.path.realpath(base)] if base else []))
@@ -98,8 +98,8 @@ def measure_speed(options: argparse.Namespace) -> int:
     tell(options, results, (report.comparison if base else report.performance)(results), page, "make bench")
     if options.quick:
         print("a quick run only shows that all of it works: its figures say little", file=sys.stderr)
-    for picture in filter(None, (options.svg, page and f"{options.publish}/performance.svg")):
-        report.draw(results, picture)
+    if page:
+        report.draw(results, f"{options.publish}/performance.svg")
     return MISSED if options.check and not all(row["met"] for row in results.get("rows", ())) else 0
 
 def hold_counts(options: argparse.Namespace) -> int:
@@ -159,7 +159,6 @@ def main() -> int:
     add("--base", help="compare with this build directory instead")
     add("--commit", help="compare with this commit instead, built with this very bench")
     add("--json", help="also write all figures to this file, as JSON")
-    add("--svg", help="also draw the charts into this file")
     add("--publish", help="put tables and charts into performance.md and performance.svg in this directory, unless "
         "they are quick or partial ones")
     add("--check", action="store_true", help="exit with 3 when a goal is missed")

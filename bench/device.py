@@ -22,6 +22,7 @@ RECORD, KIND = struct.Struct("=iii256si12x"), 8
 IMAGE_KEY = "0123456789abcdef"
 PROCESSORS = sorted(os.sched_getaffinity(0))  # that we may run on
 LONGEST_START, LONGEST_ANSWER, BETWEEN_QUESTIONS = 30, 120, 0.005  # seconds; the last leaves the update its processor
+NULL = [(os.POSIX_SPAWN_OPEN, stream, "/dev/null", os.O_RDWR, 0) for stream in (0, 1, 2)]
 libc = ctypes.CDLL("librt.so.1", use_errno=True)
 
 class BenchError(Exception):
@@ -40,8 +41,7 @@ def require_device() -> None:
 def boot() -> None:
     """Brings the device to where the service finds what its start needs: a boot's markers and a key."""
     require_device()
-    for marker in ("/tmp/smack_early_ready", "/tmp/fw_update_ready_usb"):
-        pathlib.Path(marker).touch()
+    run("touch", "/tmp/smack_early_ready", "/tmp/fw_update_ready_usb")
     key = pathlib.Path("/var/lib/quillon/secure-storage/quillon")
     key.parent.mkdir(mode=0o700, parents=True, exist_ok=True)
     key.write_text(IMAGE_KEY)
@@ -56,8 +56,8 @@ def install_modules(module: str, count: int) -> None:
     require_device()
     for entry in os.listdir(MODULES):
         os.unlink(f"{MODULES}/{entry}")
-    for number in range(1, count + 1):
-        shutil.copyfile(module, f"{MODULES}/{module_name(number)}.so")
+    for name in map(module_name, range(1, count + 1)):
+        shutil.copyfile(module, f"{MODULES}/{name}.so")
 
 def forget_earlier_service() -> None:
     """Removes what a service that was killed has left: the next one starts as after a boot."""
@@ -111,9 +111,8 @@ def on_first_processor() -> Iterator[None]:
         os.sched_setaffinity(0, PROCESSORS)
 
 def warm_memory(size: int) -> None:
-    """Touches so many bytes of memory and gives them back. On a virtual machine a free page may be one that the
-    host has taken back, whose next touch costs six times as much as all of a deciphering. Whoever measures right
-    after this gets pages that the machine really has."""
+    """Touches so many bytes of memory and gives them back, so that whoever measures next gets pages that the machine
+    really has: one that the host has taken back costs six times as much as all of a deciphering."""
     with mmap.mmap(-1, size, mmap.MAP_PRIVATE | mmap.MAP_ANONYMOUS) as memory:
         memory.madvise(mmap.MADV_HUGEPAGE)
         memory[::mmap.PAGESIZE] = bytes(-(-size // mmap.PAGESIZE))
@@ -162,12 +161,11 @@ class Started:
     def __init__(self, *command: str) -> None:
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self._socket.bind("")  # the kernel chooses a name that is free and leaves no file
-        environment = {name: value for name, value in os.environ.items()
-                       if name not in ("WATCHDOG_USEC", "WATCHDOG_PID", "JOURNAL_STREAM")}
-        environment["NOTIFY_SOCKET"] = "@" + self._socket.getsockname()[1:].decode()
-        null = [(os.POSIX_SPAWN_OPEN, stream, "/dev/null", os.O_RDWR, 0) for stream in (0, 1, 2)]
+        environment = os.environ | {"NOTIFY_SOCKET": "@" + self._socket.getsockname()[1:].decode()}
+        for name in ("WATCHDOG_USEC", "WATCHDOG_PID", "JOURNAL_STREAM"):
+            environment.pop(name, None)
         self._started = time.monotonic()
-        self.pid = os.posix_spawn(command[0], command, environment, file_actions=null,
+        self.pid = os.posix_spawn(command[0], command, environment, file_actions=NULL,
                                   setsigdef=[signal.SIGPIPE, signal.SIGXFSZ])
 
     def __enter__(self):
@@ -195,7 +193,7 @@ class Started:
         libc.clock_getcpuclockid(self.pid, ctypes.byref(clock))
         return time.clock_gettime(clock.value)
 
-    def sleeps(self) -> int:
+    def waits(self) -> int:
         """How often its threads have waited for something so far, and so were woken."""
         return sum(int(re.search(r"^voluntary_ctxt_switches:\s*(\d+)", (thread / "status").read_text(), re.M)[1])
                    for thread in pathlib.Path(f"/proc/{self.pid}/task").iterdir())
@@ -215,8 +213,7 @@ class Service(Started):
         self._queues = [libc.mq_open(name.encode(), os.O_RDWR | os.O_CLOEXEC) for name in SERVICE_QUEUES]
 
     def __exit__(self, *_) -> None:
-        for queue in self._queues:
-            os.close(queue)  # on Linux a queue's handle is a file's
+        list(map(os.close, self._queues))  # on Linux a queue's handle is a file's
         super().__exit__()
 
     def ask(self, command: int, path: str = "") -> int:

@@ -88,8 +88,7 @@ def rounded(value: float) -> str:
     return f"{value:.{2 if abs(value) < 10 else 1 if abs(value) < 100 else 0}f}"
 
 def performance(results: dict) -> str:
-    """All tables of a run: the rows, and what deciphering consists of and what bounds many modules, where
-    that was measured."""
+    """All tables of a run: the rows, and where measured, the parts of deciphering and what bounds many modules."""
     rows = results["rows"]
     text = f"Measured on: {results['machine']}.\n\n" + table(
         "llrrl", ["work", "held against", "measured", "goal", ""],
@@ -152,8 +151,7 @@ def footprint(figures: dict) -> str:
             for modules, of in times.items()]))
 
 def with_figures(document: str, target: str, markdown: str) -> str:
-    """The document with what stands between its two marker lines replaced. The target of make that writes it is "make
-    bench" or "make footprint"."""
+    """The document with what stands between its two marker lines replaced; "make bench" and the like writes it."""
     begin, end = f"<!-- figures: begin ({target} writes them) -->\n", "<!-- figures: end -->\n"
     head, found, rest = document.partition(begin)
     _, also_found, tail = rest.partition(end)
@@ -166,8 +164,7 @@ def with_figures(document: str, target: str, markdown: str) -> str:
 Chart = NamedTuple("Chart", [("title", str), ("x", str), ("y", str), ("lines", dict[str, list[tuple[float, float]]])])
 
 def charts_of(results: dict) -> list[Chart]:
-    """Deciphering against the image's size, start and estimate against the number of modules, each with its
-    limit. What was not measured has no chart."""
+    """Those of what was measured: deciphering against the image's size, start and estimate against the modules."""
     sizes = [(point["bytes"] / MIB, point) for point in results.get("deciphering", [])]
     ours, floor = ([(start["modules"], start["time"]["median"]) for start in results.get("start", [])
                     if start["process"] == process] for process in (SERVICE, MODULES_FLOOR))
@@ -190,8 +187,7 @@ def charts_of(results: dict) -> list[Chart]:
     return [chart for chart in charts if any(chart.lines.values())]
 
 def draw(results: dict, path: str) -> None:
-    """Draws the charts side by side into an SVG file, the same each time for the same figures. Needs Debian's
-    python3-matplotlib."""
+    """Draws the charts side by side into an SVG file, the same each time for the same figures."""
     from matplotlib import pyplot, ticker
     charts = charts_of(results)
     with pyplot.rc_context(STYLE):

@@ -2,6 +2,7 @@
 within a booted device, returns its rows, and puts the series behind charts and tables into `series`."""
 import argparse
 import contextlib
+import functools
 import json
 import math
 import os
@@ -48,13 +49,13 @@ def milliseconds_in(output: str) -> float:
         raise BenchError(only.get("error_message", "a benchmark's unit is not ms"))
     return only["real_time"]
 
-def kernel_time(build: str, name: str, file: str, times: int = 0, program: str = "kernels") -> float:
+def kernel_time(build: str, name: str, file: str, times: int = 0) -> float:
     """Runs one benchmark over a file in a process of its own. Returns the milliseconds of an iteration; where no
     number of them is given, there are as many as make 256 MiB: a large file once, a small one often."""
     times = times or min(max(256 * MIB // os.path.getsize(file), 1), 64)
     warm_memory(max(256 * MIB, 2 * os.path.getsize(file)))
     with variable("QUILLON_BENCH_FILE", file), variable("QUILLON_BENCH_TIMES", times):
-        return milliseconds_in(run(f"{build}/bench/{program}", f"--benchmark_filter=^{name}/",
+        return milliseconds_in(run(build + "/bench/kernels", f"--benchmark_filter=^{name}/",
                                    "--benchmark_format=json").stdout)
 
 def on_one(work: Callable, *arguments):
@@ -106,16 +107,13 @@ def measure_kernels(plan: Plan, series: dict) -> list[Row]:
             zip(("whole", "reading", "memory", "cipher"), parts))
 
         file, work = workshop.payload(plan.largest), f"`getBinaryCRC32`, {mebibytes(plan.largest)}"
-        ours, reading, bytewise, sliced = medians(in_turns(
-            plan.rounds, alone("checksum/service", file), alone("checksum/reading-alone", file),
-            alone("checksum/bytewise", file), alone("checksum/service", file, 0, "kernels-sliced")))
-    return rows + [
-        Row(work, "a bytewise table", "times as fast", bytewise / ours, "at least", 15,
-            f"{ours:.2f} ms; bytewise {bytewise:.2f} ms"),
-        Row(work, "`fread` alone", "of its speed", reading / ours, "at least", 0.6,
-            f"{ours:.2f} ms; reading {reading:.2f} ms"),
-        Row(work + ", no carry-less multiply", "a bytewise table", "times as fast", bytewise / sliced,
-            "at least", 4.5, f"{sliced:.2f} ms; bytewise {bytewise:.2f} ms")]
+        ours, reading, bytewise, sliced = medians(in_turns(plan.rounds, *(
+            alone("checksum/" + kernel, file) for kernel in ("service", "reading-alone", "bytewise", "sliced"))))
+    return rows + [Row(work + more, against, figure, theirs / taken, "at least", limit, f"{taken:.2f} ms; "
+                       f"{name} {theirs:.2f} ms") for more, against, figure, taken, name, theirs, limit in (
+        ("", "a bytewise table", "times as fast", ours, "bytewise", bytewise, 15),
+        ("", "`fread` alone", "of its speed", ours, "reading", reading, 0.6),
+        (", no carry-less multiply", "a bytewise table", "times as fast", sliced, "bytewise", bytewise, 4.5))]
 
 def estimate_then_update(build: str, stick: str, size: int) -> tuple[float, int]:
     """The milliseconds of both over one image, with everything trivial but the service, and its peak memory."""
@@ -135,14 +133,11 @@ def update_into_file(build: str, sticks: list[str], size: int) -> Taken:
         return service.update()
 
 def estimates_in_a_row(build: str, stick: str) -> float:
-    """How many bytes more stay resident after ten more estimates."""
+    """How many MiB more stay resident after ten more estimates."""
     with Service(build) as service:
         service.use_stick(stick)
-        service.estimate()
-        before = service.memory()["resident"]
-        for _ in range(10):
-            service.estimate()
-        return (service.memory()["resident"] - before) * 1024
+        resident = [service.estimate() and service.memory()["resident"] for _ in range(11)]
+    return (resident[-1] - resident[0]) / 1024
 
 def little_memory(workshop: Workshop, stick: str) -> list[Row]:
     """Estimates and updates a large image where memory is small."""
@@ -156,7 +151,7 @@ def little_memory(workshop: Workshop, stick: str) -> list[Row]:
             _, peak = estimate_then_update(workshop.build, stick, LITTLE_IMAGE)
         except BenchError as error:
             peak, _ = math.inf, print(f"with {mebibytes(LITTLE_MEMORY)} of memory: {error}", file=sys.stderr)
-    return [Row(f"the same, {mebibytes(LITTLE_IMAGE)}, in a control group of {mebibytes(LITTLE_MEMORY)}",
+    return [Row(f"estimate then update, {mebibytes(LITTLE_IMAGE)}, in a control group of {mebibytes(LITTLE_MEMORY)}",
                 "the group's limit", "MiB resident at the peak", peak / MIB, "at most", LITTLE_MEMORY / MIB,
                 "estimate and update both succeed")]
 
@@ -187,7 +182,7 @@ def measure_updates(plan: Plan, _: dict) -> list[Row]:
                 Row("the same, peak memory", "the image", "MiB beyond it", (peak - os.path.getsize(image)) / MIB,
                     "at most", 16, f"{peak / MIB:.1f} MiB in all"),
                 Row(f"ten more estimates of it, {name}", "resident memory after the first", "MiB more",
-                    estimates_in_a_row(build, sticks[0]) / MIB, "at most", 0.05, "read right after the last")]
+                    estimates_in_a_row(build, sticks[0]), "at most", 0.05, "read right after the last")]
         rows += little_memory(workshop, workshop.stick(3))
 
         def updating(verifier: str) -> Taken:
@@ -256,36 +251,28 @@ def measure_footprint(build: str, modules: list[int], runs: int, memory_runs: in
     device.boot()
     floor, tiny = build + "/bench/do-nothing", build + "/bench/tiny-module.so"
     commands = {SERVICE: [build + "/bin/quillon-service"], FLOOR: [floor], MODULES_FLOOR: [floor, device.MODULES]}
-    order, counts = list(commands), list(modules)
     times: dict = {(number, process): [] for number in modules for process in commands}
-    memory: dict = {process: [] for process in commands}
+    counts = list(modules)
 
-    def start(process: str, settled: float = -1) -> float:
-        """Starts a process. With a time to settle, in ms, also reads its memory."""
+    def start(process: str) -> tuple[float, dict[str, int]]:
+        """Starts a process. Returns the milliseconds that took, and its memory if that is wanted."""
         device.forget_earlier_service()
         with Started(*commands[process]) as started:
             taken = started.wait_until_ready()
-            if settled >= 0:
-                time.sleep(settled / 1000)
-                memory[process].append(started.memory())
-            return taken
+            time.sleep(settle / 1000 if is_settling else 0)
+            return taken, started.memory() if is_settling else {}
 
+    is_settling, each = False, [functools.partial(start, process) for process in commands]
     for done in range(PASSES):
         rounds = runs * (done + 1) // PASSES - runs * done // PASSES
         for number in counts if rounds else ():
             device.install_modules(tiny, number)
-            for process in order:
-                start(process)  # what is read for the first time is in memory afterwards
-            for _ in range(rounds):
-                for process in order:
-                    times[number, process].append(start(process))
-                order.reverse()
+            for process, taken in zip(commands, in_turns(rounds, *each)):
+                times[number, process] += [ready for ready, _ in taken]
         counts.reverse()
     device.install_modules(tiny, MEMORY_MODULES)
-    for _ in range(memory_runs):
-        for process in order:
-            start(process, settle)
-        order.reverse()
+    is_settling = True
+    memory = {process: [held for _, held in taken] for process, taken in zip(commands, in_turns(memory_runs, *each))}
     starts = [{"modules": number, "process": process, "time": spread(taken)}
               for (number, process), taken in times.items()]
     return {"settle": settle, "start": starts, "memory": [
@@ -307,37 +294,33 @@ def idle_rows(plan: Plan) -> list[Row]:
     """What an idle service does: its ticks, and what it holds meanwhile."""
     seconds = 1 if plan.quick else 60
     with Service(plan.build) as service:
-        time.sleep(0 if plan.quick else 11)  # one tick
-        before = service.sleeps()
+        place = pathlib.Path(f"/proc/{service.pid}")
+        time.sleep(seconds / 6)  # one tick
+        before = service.waits()
         time.sleep(seconds)
-        wakes, threads = service.sleeps() - before, len(os.listdir(f"/proc/{service.pid}/task"))
-        held = [os.readlink(entry) for entry in pathlib.Path(f"/proc/{service.pid}/fd").iterdir()]
-        timers = pathlib.Path(f"/proc/{service.pid}/timers").read_text().count("ID:")
-    timers, files = timers + sum("timerfd" in to for to in held), sum(to != "/dev/null" for to in held)
-    return [Row(f"idle, {seconds} s, {what}", against, unit, number, "at most", limit, detail)
-            for what, against, unit, number, limit, detail in (
-                ("wake-ups", "a tick each 10 s", "waits of all threads", wakes, math.ceil(seconds / 10) + 1, "voluntary switches"),
-                ("threads", "main, main loop, receiver", "threads", threads, 3, f"{timers} timers"),
-                ("descriptors", "two queues, the main loop's", "beside /dev/null", files, 3, ", ".join(sorted(held))))]
+        waits, threads = service.waits() - before, len(os.listdir(place / "task"))
+        files = [to for to in map(os.readlink, (place / "fd").iterdir()) if to != "/dev/null"]
+        timers = (place / "timers").read_text().count("ID:") + sum("timerfd" in to for to in files)
+    return [Row("idle service, its wake-ups", "a tick each 10 s", f"in {seconds} s", waits, "at most",
+                seconds // 10 + 1, "voluntary switches of all threads"),
+            Row("the same, its threads", "those of `main`, loop and receiver", "threads", threads, "at most", 3,
+                f"{timers} timers"),
+            Row("the same, its descriptors", "two queues and the loop's own", "beside `/dev/null`", len(files),
+                "at most", 3, ", ".join(sorted(files)))]
 
 def tool_rows(plan: Plan) -> list[Row]:
     """The tool, where nothing is to do, beside a process that does nothing."""
-    tool, null = plan.build + "/bin/quillonctl", [(os.POSIX_SPAWN_OPEN, 1, "/dev/null", os.O_RDWR, 0)]
+    def taken(program: str, *words: str) -> float:
+        began = time.monotonic()
+        os.waitpid(os.posix_spawn(plan.build + program, (program, *words), {}, file_actions=device.NULL), 0)
+        return (time.monotonic() - began) * 1000
+
     device.forget_earlier_service()
-
-    def from_start_to_end(*command: str) -> Callable[[], float]:
-        def taken() -> float:
-            began = time.monotonic()
-            os.waitpid(os.posix_spawn(command[0], command, {}, file_actions=null + [(os.POSIX_SPAWN_DUP2, 1, 2)]), 0)
-            return (time.monotonic() - began) * 1000
-        return taken
-
-    commands = {"`quillonctl progress`, no service": "progress", "`quillonctl --help`": "--help",
-                "`quillonctl`, refused command": "no-such-command"}
-    floor, *ours = medians(in_turns(plan.rounds * 4, from_start_to_end(plan.build + "/bench/do-nothing"), *(
-        from_start_to_end(tool, word) for word in commands.values())))
-    return [Row(name, "do-nothing process", "times its time", taken / floor, "at most", 1.5,
-                f"{taken:.2f} ms; floor {floor:.2f} ms") for name, taken in zip(commands, ours)]
+    commands = {"progress`, no service": "progress", "--help`": "--help", "again`, a refused command": "again"}
+    floor, *ours = medians(in_turns(plan.rounds * 4, lambda: taken("/bench/do-nothing"), *(
+        lambda word=word: taken("/bin/quillonctl", word) for word in commands.values())))
+    return [Row("`quillonctl " + name, "do-nothing process", "times its time", time_taken / floor, "at most", 1.5,
+                f"{time_taken:.2f} ms; floor {floor:.2f} ms") for name, time_taken in zip(commands, ours)]
 
 def measure_starts(plan: Plan, series: dict) -> list[Row]:
     """Start to READY and idle memory beside the do-nothing process. Series: "start" and "memory" of the footprint."""
@@ -361,7 +344,8 @@ def measure_starts(plan: Plan, series: dict) -> list[Row]:
         Row("growth of the start, 1 to 1000 modules", "the same of the do-nothing process", "µs a module",
             growth(ours), "at most", growth(floor) + 20, f"floor {growth(floor):.1f} µs; "
             f"beyond it {beyond:.1f} µs each up to 100, {later:.1f} µs each from there; limit + 20 µs"),
-        *idle_rows(plan), *tool_rows(plan), Row("idle resident memory, 10 modules", "do-nothing process, modules opened", "MiB", resident[SERVICE],
+        *idle_rows(plan), *tool_rows(plan),
+        Row("idle resident memory, 10 modules", "do-nothing process, modules opened", "MiB", resident[SERVICE],
             "at most", resident[MODULES_FLOOR] + BEYOND_IDLE, f"floor {resident[MODULES_FLOOR]:.2f} MiB; "
             f"without modules {resident[FLOOR]:.2f} MiB; limit + {BEYOND_IDLE} MiB")]
 
@@ -460,17 +444,18 @@ def bound_run(build: str, setting: str, sticks: list[str], size: int) -> dict[st
 
 def bound_row(phase: str, count: int, setting: str, size: int, taken: dict[str, float], alone: float) -> list[Row]:
     """The row of a phase over so many images, so many bytes each, if that has a goal."""
-    speed, _, flash = HELD.get(setting, (0, False, 0))
-    name, reading = f"{phase}, {count} module{'s'[:count - 1]}, stick {setting}", speed and count * size / speed
-    if speed and phase == "estimate":
+    if setting not in HELD:
+        return []
+    speed, _, flash = HELD[setting]
+    name, reading = f"{phase}, {count} module{'s'[:count - 1]}, stick {setting}", count * size / speed
+    if phase == "estimate":
         return [Row(name, "the stick alone", "of the time the stick is busy", reading / taken["seconds"], "at least",
                     0.94 if count == 1 else 0.97, f"{taken['seconds']:.3f} s; stick {reading:.3f} s; to a program that "
                     f"only reads {alone:.3f} s")]
-    if speed and phase == "update" and count > 1:
-        longer = max(reading, count * size / flash)
-        return [Row(name, "the larger of reading and flashing", "times its time", taken["seconds"] / longer, "at most",
-                    1.1, f"{taken['seconds']:.3f} s; reading {reading:.3f} s, flashing {count * size / flash:.3f} s")]
-    return []
+    flashing = count * size / flash
+    return [Row(name, "the larger of reading and flashing", "times its time", taken["seconds"] / max(reading, flashing),
+                "at most", 1.1, f"{taken['seconds']:.3f} s; reading {reading:.3f} s, flashing {flashing:.3f} s")
+            ] if phase == "update" and count > 1 else []
 
 def measure_bounds(plan: Plan, series: dict) -> list[Row]:
     """What bounds estimates and updates of 1, 10 and 100 modules, the slowest stick's of 1 and 10: rows where there is
@@ -545,8 +530,8 @@ def compare_builds(plan: Plan) -> dict:
         device.install_modules(plan.build + "/bench/sink-module.so", 1)
         add(f"estimate then update, {mebibytes(size)}", "ms", lambda build: estimate_then_update(build, stick, size)[0])
         workshop.install("none")
-        for name, place in (("same CPU", 0), ("across CPUs", -1)):
-            add(f"command 6 round trip, {name}", "µs", lambda build: round_trip(build, device.PROCESSORS[place]))
+        for name, place in (("same CPU", device.PROCESSORS[0]), ("across CPUs", device.PROCESSORS[-1])):
+            add(f"command 6 round trip, {name}", "µs", lambda build: round_trip(build, place))
         for count in (1, 100, 1000):
             device.install_modules(plan.build + "/bench/tiny-module.so", count)
             add(f"start to READY, modules: {count}", "ms", start)

@@ -20,9 +20,8 @@ SWUPDATE_KEY, SWUPDATE_IV = "00112233445566778899aabbccddeeff" * 2, "01020304050
 SWUPDATE_TARGET = "/opt/media/swupdate-target"  # in memory, as the target of our service
 
 class Workshop:
-    """Makes images within a virtual device, in a directory below the build directory that the end of the `with` block
-    removes. That is on a disk's file system as a rule: a device's own directories are in memory, where reading a
-    file is slower than reading one that a disk's file system has cached."""
+    """Makes images within a virtual device, below the build directory, until the end of the `with` block. That is on a
+    disk's file system as a rule: a device's own directories are in memory, where reading a file is slower."""
 
     def __init__(self, build: str) -> None:
         device.require_device()
@@ -69,9 +68,8 @@ class Workshop:
         return image
 
     def install(self, verifier: str) -> None:
-        """Installs what the service's next start finds as its verifier: "none", where every image counts as signed;
-        "trivial", which says yes at once; "ours", with the workshop's key trusted; "by path", the same without its
-        entry for what was really read."""
+        """Installs a verifier for the next start: "none", where every image counts as signed; "trivial", which
+        says yes at once; "ours", with our key trusted; "by path", the same without its entry for what was read."""
         pathlib.Path(VERIFIER).unlink(missing_ok=True)
         if verifier == "trivial":
             shutil.copyfile(self.build + "/bench/trivial-verifier.so", VERIFIER)
@@ -102,12 +100,8 @@ class SlowMedium:
             if os.waitpid(self._process, os.WNOHANG)[0]:
                 raise BenchError(f"{directory} cannot be mounted at {place}")
             time.sleep(0.01)
-        taken = []
-        for _ in range(50):
-            began = time.monotonic_ns()
-            os.statvfs(place)
-            taken.append(time.monotonic_ns() - began - 1000000)
-        self._bytes[8:] = int(median(taken)).to_bytes(8, "little")
+        times = [(time.monotonic_ns(), os.statvfs(place), time.monotonic_ns()) for _ in range(50)]
+        self._bytes[8:] = int(median(end - begin for begin, _, end in times) - 1e6).to_bytes(8, "little")
 
     def __enter__(self) -> "SlowMedium":
         return self
@@ -130,23 +124,17 @@ class SlowMedium:
 
         class Medium(fusepy.Operations):
             use_ns = True
-
             def getattr(self, path, fh=None):
                 status = os.lstat(directory + path)
                 return {name: getattr(status, name) for name in ("st_mode", "st_nlink", "st_size")}
-
             def readdir(self, path, fh):
                 return [".", "..", *os.listdir(directory + path)]
-
             def statfs(self, path):
-                time.sleep(0.001)
-                return {}
-
+                return time.sleep(0.001) or {}
             def open(self, path, flags):
                 nonlocal opened
                 opened = 1
                 return os.open(directory + path, os.O_RDONLY)
-
             def read(self, path, size, offset, fh):
                 nonlocal free_at, total, opened
                 arrived = time.monotonic() - int.from_bytes(shared[8:], "little") / 1e9 * (1 + opened)
@@ -157,16 +145,14 @@ class SlowMedium:
                     shared[:8] = total.to_bytes(8, "little")
                 time.sleep(max(0, ends - time.monotonic()))
                 return data
-
             def release(self, path, fh):
                 os.close(fh)
 
         fusepy.FUSE(Medium(), self.place, foreground=True, kernel_cache=True, attr_timeout=3600, entry_timeout=3600)
 
 class Swupdate:
-    """A different program that does the same kind of work, as Debian packages it: it verifies a signature, deciphers
-    AES-256-CBC and writes a raw image into a file. Its image is a cpio archive of a description, the description's
-    CMS signature and the enciphered payload, whose SHA-256 the description tells."""
+    """A different program for the same work, as Debian packages it: it verifies a signature, deciphers AES-256-CBC and
+    writes a file. Its image is a cpio archive of a description, its CMS signature and the enciphered payload."""
 
     def __init__(self, payload: str, directory: str, while_reading: bool) -> None:
         """Makes an image in its own directory. While reading: a wrong image shows when it has been written; else the
@@ -195,9 +181,8 @@ class Swupdate:
         return all(shutil.which(program) for program in ("swupdate", "openssl", "cpio"))
 
     def install(self, warm: int) -> Taken:
-        """Installs the image into an empty target, on so many bytes of warm memory, and looks whether that is the
-        payload then. The wall time ends with its word that it was successful: it looks only once a second whether it
-        may end, and its exit status is 1 now and then after a success."""
+        """Installs the image into an empty target, on so many bytes of warm memory. The wall time ends with its word:
+        it looks only once a second whether it may end, and its exit status is 1 now and then after a success."""
         pathlib.Path(SWUPDATE_TARGET).write_bytes(b"")  # it writes into what is there
         device.warm_memory(warm)
         command = "swupdate -k sign.crt -K aes.key -H bench:1.0 -l 1 -i update.swu".split()
