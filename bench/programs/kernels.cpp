@@ -85,60 +85,45 @@ unsigned char* decipher(const UniqueFile& stream, std::size_t size, int& length)
                    : aes_256_cbc_all(stream.get(), kKey, iv.data(), 0, count, length);
 }
 
+/// Deciphers the file and keeps what comes out. @return whether something does
 template <bool isPlain>
-void deciphering(benchmark::State& state)
+bool decipherAll()
 {
     static std::vector<unsigned char*> kept;
-    // What a process does once, and slowly: the cipher's first use, and the key's.
-    std::array<char, 2 * kIv + kTrailer> bytes{};
     int length = 0;
-    std::free(decipher<isPlain>(UniqueFile(fmemopen(bytes.data(), bytes.size(), "rb")),
-                                bytes.size(), length));
-    for ([[maybe_unused]] auto iteration : state) {
-        kept.push_back(
-            decipher<isPlain>(open<isPlain>(), std::filesystem::file_size(file), length));
-        if (kept.back() == nullptr || length <= 0) {
-            state.SkipWithError("the file cannot be deciphered");
-            return;
-        }
-    }
+    kept.push_back(decipher<isPlain>(open<isPlain>(), std::filesystem::file_size(file), length));
+    return kept.back() != nullptr && length > 0;
 }
 
 // What deciphering consists of, each part alone: none of it can be left out.
 
 /// The first touch of as much memory, which the kernel has to hand out zeroed.
-void touchingMemory(benchmark::State& state)
+bool touchMemory()
 {
     constexpr std::size_t kHugePage = 2U << 20U;
     const std::size_t size = std::filesystem::file_size(file);
-    for ([[maybe_unused]] auto iteration : state) {
-        auto* memory = static_cast<unsigned char*>(
-            std::aligned_alloc(kHugePage, (size + kHugePage - 1) / kHugePage * kHugePage));
-        madvise(memory, size, MADV_HUGEPAGE);
-        for (std::size_t at = 0; at < size; at += 4096) {
-            memory[at] = 1;
-        }
-        benchmark::ClobberMemory();
-        std::free(memory);
+    const UniqueMemory<unsigned char> memory(static_cast<unsigned char*>(
+        std::aligned_alloc(kHugePage, (size + kHugePage - 1) / kHugePage * kHugePage)));
+    madvise(memory.get(), size, MADV_HUGEPAGE);
+    for (std::size_t at = 0; at < size; at += 4096) {
+        memory.get()[at] = 1;
     }
+    benchmark::ClobberMemory();
+    return true;
 }
 
 /// The cipher alone, over one block that stays in the processor's cache.
-void cipherAlone(benchmark::State& state)
+bool decipherOneBlock()
 {
     const std::size_t size = std::filesystem::file_size(file);
     const std::vector<unsigned char> input(kBlock);
     std::vector<unsigned char> output(kBlock + EVP_MAX_BLOCK_LENGTH);
     const UniqueCipherContext context(EVP_CIPHER_CTX_new());
-    EVP_CipherInit(context.get(), EVP_aes_256_cbc(), kKey, kKey, 0);
-    for ([[maybe_unused]] auto iteration : state) {
-        for (std::size_t done = 0; done < size; done += kBlock) {
-            int length = 0;
-            EVP_CipherUpdate(context.get(), output.data(), &length, input.data(),
-                             static_cast<int>(kBlock));
-        }
-        benchmark::ClobberMemory();
+    int length = EVP_CipherInit(context.get(), EVP_aes_256_cbc(), kKey, kKey, 0);
+    for (std::size_t done = 0; done < size; done += kBlock) {
+        EVP_CipherUpdate(context.get(), output.data(), &length, input.data(), kBlock);
     }
+    return length > 0;
 }
 
 /// Reads the file, opened as the service does or plainly, in blocks of such a size.
@@ -153,14 +138,13 @@ void passOver(Take take)
 }
 
 template <bool isPlain, std::size_t kSize>
-void reading(benchmark::State& state)
+bool readAll()
 {
-    for ([[maybe_unused]] auto iteration : state) {
-        passOver<isPlain, kSize>([](const unsigned char* data, std::size_t /*size*/) {
-            benchmark::DoNotOptimize(data);
-            benchmark::ClobberMemory();
-        });
-    }
+    passOver<isPlain, kSize>([](const unsigned char* data, std::size_t /*size*/) {
+        benchmark::DoNotOptimize(data);
+        benchmark::ClobberMemory();
+    });
+    return true;
 }
 
 /// The checksum of the file with one table, one byte a step.
@@ -187,43 +171,32 @@ std::uint32_t checksumBytewise()
 }
 
 /// The checksum as a processor gets it that does not multiply without carries.
-void checksumSliced(benchmark::State& state)
+std::uint32_t checksumSliced()
 {
-    for ([[maybe_unused]] auto iteration : state) {
-        std::uint32_t crc = 0;
-        passOver<false, kLargeBlock>([&crc](const unsigned char* data, std::size_t size) {
-            crc = checksumBySlicing(crc, data, size);
-        });
-        benchmark::DoNotOptimize(crc);
-    }
+    std::uint32_t crc = 0;
+    passOver<false, kLargeBlock>([&crc](const unsigned char* data, std::size_t size) {
+        crc = checksumBySlicing(crc, data, size);
+    });
+    return crc;
 }
 
-template <bool isPlain>
-void checksum(benchmark::State& state)
-{
-    FWUpdateSymbol module("bench");
-    for ([[maybe_unused]] auto iteration : state) {
-        benchmark::DoNotOptimize(isPlain ? checksumBytewise() : module.getBinaryCRC32(file));
-    }
-}
-
-void timed(benchmark::internal::Benchmark* benchmark)
+/// Adds work that is timed. What it returns is kept; where that is false, it could not be done.
+template <typename Work>
+void add(const char* name, Work work)
 {
     const char* times = std::getenv("QUILLON_BENCH_TIMES");
-    benchmark->Iterations(times == nullptr ? 1 : std::atoi(times))
-        ->Unit(benchmark::kMillisecond)
-        ->UseRealTime();
+    auto* added = benchmark::RegisterBenchmark(name, [work](benchmark::State& state) {
+        for ([[maybe_unused]] auto iteration : state) {
+            auto result = work();
+            benchmark::DoNotOptimize(result);
+            if (!result) {
+                state.SkipWithError("the work cannot be done with this file");
+            }
+        }
+    });
+    added->Iterations(times == nullptr ? 1 : std::atoi(times))->Unit(benchmark::kMillisecond);
+    added->UseRealTime();
 }
-
-BENCHMARK_TEMPLATE(deciphering, false)->Name("decipher/service")->Apply(timed);
-BENCHMARK_TEMPLATE(deciphering, true)->Name("decipher/plain")->Apply(timed);
-BENCHMARK_TEMPLATE(reading, false, kBlock)->Name("decipher/part-reading")->Apply(timed);
-BENCHMARK(touchingMemory)->Name("decipher/part-memory")->Apply(timed);
-BENCHMARK(cipherAlone)->Name("decipher/part-cipher")->Apply(timed);
-BENCHMARK_TEMPLATE(checksum, false)->Name("checksum/service")->Apply(timed);
-BENCHMARK_TEMPLATE(checksum, true)->Name("checksum/bytewise")->Apply(timed);
-BENCHMARK(checksumSliced)->Name("checksum/sliced")->Apply(timed);
-BENCHMARK_TEMPLATE(reading, true, kLargeBlock)->Name("checksum/reading-alone")->Apply(timed);
 
 bool givesTheSame()
 {
@@ -256,6 +229,16 @@ int main(int count, char* arguments[])
     if (benchmark::ReportUnrecognizedArguments(count, arguments)) {
         return 2;
     }
+    static_cast<void>(decipherOneBlock());  // what a process does once, and slowly
+    add("decipher/service", decipherAll<false>);
+    add("decipher/plain", decipherAll<true>);
+    add("decipher/part-reading", readAll<false, kBlock>);
+    add("decipher/part-memory", touchMemory);
+    add("decipher/part-cipher", decipherOneBlock);
+    add("checksum/service", [] { return FWUpdateSymbol("bench").getBinaryCRC32(file); });
+    add("checksum/bytewise", checksumBytewise);
+    add("checksum/sliced", checksumSliced);
+    add("checksum/reading-alone", readAll<true, kLargeBlock>);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;

@@ -9,11 +9,9 @@
 #define TAKES_IMAGES
 #include "tiny-module.c"
 
-#include <fcntl.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <time.h>
-#include <unistd.h>
 
 __attribute__((weak)) void quillonBenchOwnTime(int64_t nanoseconds);
 
@@ -32,14 +30,10 @@ static double numberIn(const char* variable)
 
 static int isWrittenTo(const char* path, const unsigned char* data, int length)
 {
-    const int file = open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    ssize_t count = 1;
-    while (file != -1 && count > 0 && length > 0) {
-        count = write(file, data, (size_t)length);
-        data += count;
-        length -= (int)count;
-    }
-    return file != -1 && close(file) == 0 && length == 0;
+    FILE* file = fopen(path, "wb");
+    const int isWritten = file != NULL && setvbuf(file, NULL, _IONBF, 0) == 0 &&
+                          fwrite(data, 1, (size_t)length, file) == (size_t)length;
+    return file != NULL && fclose(file) == 0 && isWritten;
 }
 
 int checkVersion(const char* version, int* need)
