@@ -2,21 +2,11 @@
 """What the service takes and how fast it is, each figure beside its limit. Everything is measured in a private
 virtual device, where this program starts itself again. Exit codes: 0 done; 1 something cannot be measured, read or
 written; 2 wrong command line; 3 a goal is missed, with --check, or a count is not held."""
-import argparse
-import importlib.util
-import json
-import os
-import pathlib
-import re
-import subprocess
-import sys
+import argparse, importlib.util, json, os, pathlib, re, subprocess, sys
 
 sys.dont_write_bytecode = True  # or it would lie among the sources
 
-import device
-import gate
-import report
-import rows
+import device, gate, report, rows
 from device import BenchError
 
 SOURCES = pathlib.Path(__file__).resolve().parent.parent
@@ -61,16 +51,13 @@ def measure_footprint(options: argparse.Namespace) -> int:
     return 0
 
 def build_commit(commit: str) -> str:
-    """Builds another commit with this very bench. Its sources and build are kept in build/compare/, so that comparing
-    with it again is quick. Returns its build directory."""
+    """Builds another commit with this very bench, in build/compare/, and keeps it. Returns its build directory."""
     found = device.run("git", "log", "-1", "--format=%H %h %s", commit, directory=str(SOURCES)).stdout
     name, title = found.strip().split(" ", 1)
     place = SOURCES / "build/compare" / name
     (place / "sources").mkdir(parents=True, exist_ok=True)
     script = """exec >log 2>&1; set -ex
         git -C "$0" archive "$1" | tar -x -C sources; rm -rf sources/bench; cp -R "$0/bench" sources
-        grep -q '^add_subdirectory(bench)' sources/CMakeLists.txt ||
-            sed -i '/^quillon_print_features/i add_subdirectory(bench)' sources/CMakeLists.txt
         cmake -S sources -B build -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF
         cmake --build build --target quillon-bench-subjects"""
     if subprocess.run(["sh", "-c", script, SOURCES, name], cwd=place, check=False).returncode != 0:
@@ -159,8 +146,7 @@ def main() -> int:
     add("--base", help="compare with this build directory instead")
     add("--commit", help="compare with this commit instead, built with this very bench")
     add("--json", help="also write all figures to this file, as JSON")
-    add("--publish", help="put tables and charts into performance.md and performance.svg in this directory, unless "
-        "they are quick or partial ones")
+    add("--publish", help="put tables and charts of a whole run into performance.md and .svg in this directory")
     add("--check", action="store_true", help="exit with 3 when a goal is missed")
     add = verb("gate", hold_counts)
     add("--emulated", default="", help="count in this build for another machine; --build is one for ours")

@@ -1,17 +1,5 @@
 """The virtual device that everything is measured in, the processes in it, and what they take."""
-import contextlib
-import ctypes
-import mmap
-import os
-import pathlib
-import re
-import select
-import shutil
-import signal
-import socket
-import struct
-import subprocess
-import time
+import contextlib, ctypes, mmap, os, pathlib, re, select, shutil, signal, socket, struct, subprocess, time
 from typing import Iterator, NamedTuple, Optional
 
 MODULES = "/usr/fwupdate/controls"
@@ -155,8 +143,7 @@ def memory_group(limit: int) -> Iterator[bool]:
         yield is_made
 
 class Started:
-    """A program that was started to be measured; killed at the end of its `with` block. Its streams are /dev/null.
-    It sees our environment, but of a service manager only a socket of ours for its readiness."""
+    """A program that was started to be measured, with our environment; killed at the end of its `with` block."""
 
     def __init__(self, *command: str) -> None:
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)

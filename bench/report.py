@@ -1,9 +1,5 @@
 """Figures: what is told about many runs, rows with their limits, tables, documents and charts."""
-import json
-import math
-import os
-import pathlib
-import re
+import json, math, os, pathlib, re
 from dataclasses import asdict, dataclass
 from statistics import median
 from typing import Any, Callable, Iterable, NamedTuple, Sequence
@@ -15,8 +11,7 @@ SERVICE, FLOOR, MODULES_FLOOR = "service", "floor", "modules-floor"
 LABELS = {SERVICE: "`quillon-service`", FLOOR: "floor", MODULES_FLOOR: "floor with the modules opened"}
 KINDS = ("resident", "proportional", "unshared", "anonymous")
 BEYOND_IDLE = 1.5  # MiB resident beside the floor with the modules opened
-# Colours that differ for people who see fewer of them. All, the texts' grey as well, can be read on white
-# and on black: whoever shows the picture does not always say which it is.
+# Colours that differ for people who see fewer of them. All can be read on white and on black.
 COLOURS, LIMIT, INK = ("#0a84c1", "#d1720b"), "#8a8a8a", "#747d88"
 STYLE = {"svg.hashsalt": "quillon", "svg.fonttype": "none", "font.family": "sans-serif", "font.size": 9,
          "axes.titleweight": "semibold"} | dict.fromkeys(
@@ -159,8 +154,7 @@ def with_figures(document: str, target: str, markdown: str) -> str:
         raise BenchError(f"the document has no lines {begin}and {end}in this order")
     return head + begin + "\n" + markdown + "\n" + end + tail
 
-# One chart with both axes logarithmic; a line's name leads to its points. The last line is the limit, which the others
-# are held against.
+# One chart with both axes logarithmic; a line's name leads to its points. The last line is the others' limit.
 Chart = NamedTuple("Chart", [("title", str), ("x", str), ("y", str), ("lines", dict[str, list[tuple[float, float]]])])
 
 def charts_of(results: dict) -> list[Chart]:

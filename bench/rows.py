@@ -1,16 +1,5 @@
-"""The groups of rows: what is measured, in which turns, and the limit that each figure is held to. Each group works
-within a booted device, returns its rows, and puts the series behind charts and tables into `series`."""
-import argparse
-import contextlib
-import functools
-import json
-import math
-import os
-import pathlib
-import shutil
-import sys
-import tempfile
-import time
+"""The groups of rows, each with its limits. They work in a booted device; what charts are made of goes to `series`."""
+import argparse, contextlib, functools, json, math, os, pathlib, shutil, sys, tempfile, time
 from statistics import median
 from typing import Callable
 
@@ -230,8 +219,7 @@ def measure_round_trips(plan: Plan, _: dict) -> list[Row]:
     """Questions to the running service beside a process that only echoes records."""
     rows, places = [], device.PROCESSORS
     device.install_modules(plan.build + "/bench/tiny-module.so", 1)
-    with Service(plan.build) as service, \
-            Started(plan.build + "/bench/queues", "echo", *ECHO_QUEUES) as echo:
+    with Service(plan.build) as service, Started(plan.build + "/bench/queues", "echo", *ECHO_QUEUES) as echo:
         for name, theirs in (("same CPU", places[0]), ("across CPUs", places[-1]))[:len(places)]:
             device.place_on(service.pid, theirs)
             device.place_on(echo.pid, theirs)
@@ -280,8 +268,7 @@ def measure_footprint(build: str, modules: list[int], runs: int, memory_runs: in
                                                            for kind in KINDS} for process, samples in memory.items()]}
 
 def sizes(build: str) -> list[dict]:
-    """The "file"s that are shipped, and the floor, with their "bytes" without symbols and debug information.
-    Files that the build does not have are left out."""
+    """The "file"s that are shipped, and the floor, with their "bytes" without symbols, as far as the build has them."""
     found = []
     with tempfile.NamedTemporaryFile() as stripped:
         for path in filter(os.path.exists, (f"{build}/{file}" for file in FILES)):
@@ -336,8 +323,7 @@ def measure_starts(plan: Plan, series: dict) -> list[Row]:
         return (starts[most] - starts[least]) * 1000 / (most - least)
 
     beyond, later = (growth(ours, *counts) - growth(floor, *counts) for counts in ((1, 100), (100, 1000)))
-    # Linear means that the thousandth module costs no more than the tenth to hundredth, beyond what
-    # opening it costs anyone: the dynamic linker's own share grows with the modules that are there.
+    # The dynamic linker's own share grows with the modules that are there.
     return [Row(f"start to READY, {count} module{'s'[:count - 1]}", "do-nothing process, modules opened", "ms",
                 ours[count], "at most", start_limit(floor[count]), f"floor {floor[count]:.2f} ms; limit × 1.3 + 1 ms")
             for count in counts] + [
@@ -359,8 +345,7 @@ def many_modules(build: str, count: int) -> dict:
         (mounted / f"{name}.bin").write_bytes(b"Q" * 4096)
         (mounted / "info.json").write_text('{"version": "2.0", "crc": 268304878, "expected_time": 1}')
         pathlib.Path(PACKAGES, name + "emp.img").touch()
-    # Each module takes a moment, as one that flashes does. A worker that ends before its guard listens
-    # would be waited for until its time is over.
+    # A worker that ends before its guard listens would be waited for until its time is over.
     with variable("QUILLON_BENCH_TAKES", 2000):
         return json.loads(run(build + "/bench/many-modules", str(count)).stdout)
 
@@ -400,7 +385,6 @@ def bound_of(medium: float, processor: float, plugin: float) -> str:
 
 # Where images are, and at how many bytes a second, 0 for the page cache; whether they are dropped before the update, as
 # where memory does not hold them; and the bytes a second of the modules' flash, 0 for any amount at once.
-# Those with goals are the last ones.
 HELD = {f"at {speed} MB/s, read for each phase, flash of 20 MB/s": (speed * 1e6, True, 20e6) for speed in (8, 40, 100)}
 SETTINGS = {"in the page cache": (0, False, 0), "at 40 MB/s, read once": (40e6, False, 0),
             "at 40 MB/s, read for each phase": (40e6, True, 0), "at 40 MB/s, flash of 20 MB/s": (40e6, False, 20e6),
@@ -458,9 +442,8 @@ def bound_row(phase: str, count: int, setting: str, size: int, taken: dict[str, 
             ] if phase == "update" and count > 1 else []
 
 def measure_bounds(plan: Plan, series: dict) -> list[Row]:
-    """What bounds estimates and updates of 1, 10 and 100 modules, the slowest stick's of 1 and 10: rows where there is
-    a goal. Series: "bounds", each with "setting", "modules", "phase", the "seconds" in all, those that "medium",
-    "processor" and "plugin" were busy, and the busiest, "bound"; "boundsImageBytes"."""
+    """What bounds estimates and updates of 1, 10 and 100 modules. Series: "bounds", each with "setting", "modules",
+    "phase", the "seconds" in all, those that each resource was busy, and the busiest, "bound"; "boundsImageBytes"."""
     if not SlowMedium.is_possible():
         print("no python3-fusepy or no /dev/fuse: what bounds many modules is left out", file=sys.stderr)
         return []
@@ -498,8 +481,7 @@ def measure(plan: Plan) -> dict:
     return results
 
 def compare_builds(plan: Plan) -> dict:
-    """Measures the plan's build and its base, made with this very bench, in turns. Returns "comparison": each "work"
-    with its "unit" and the medians of "base" and "here"; less is better."""
+    """Both builds in turns. Returns "comparison": each "work", its "unit", the medians of "base" and "here"."""
     pairs = []
 
     def add(work: str, unit: str, measure_build: Callable[[str], float]) -> None:

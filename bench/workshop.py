@@ -1,14 +1,6 @@
 """The maker's side: images as they lie on a stick, verifiers, a slow stick, and another program's images."""
-import contextlib
-import importlib.util
-import mmap
-import os
-import pathlib
+import contextlib, importlib.util, mmap, os, pathlib, shutil, tempfile, threading, time
 import random  # and not hashlib, since we must not share OpenSSL with the service: its memory is measured
-import shutil
-import tempfile
-import threading
-import time
 from statistics import median
 
 import device
@@ -155,8 +147,7 @@ class Swupdate:
     writes a file. Its image is a cpio archive of a description, its CMS signature and the enciphered payload."""
 
     def __init__(self, payload: str, directory: str, while_reading: bool) -> None:
-        """Makes an image in its own directory. While reading: a wrong image shows when it has been written; else the
-        target gets its first byte, as with our service, after all of the image has been verified."""
+        """Makes an image in its own directory. Not while reading: the target gets nothing before all is verified."""
         self.payload, self.directory = payload, directory
         os.makedirs(directory, exist_ok=True)
         pathlib.Path(directory, "aes.key").write_text(f"{SWUPDATE_KEY} {SWUPDATE_IV}\n")

@@ -1,12 +1,8 @@
-// The work inside of one process, timed by Google Benchmark: the service's own functions and what
-// they are held against. Everything works on the file in QUILLON_BENCH_FILE, QUILLON_BENCH_TIMES
-// times.
+// The service's own functions and what they are held against, timed by Google Benchmark over the
+// file in QUILLON_BENCH_FILE, QUILLON_BENCH_TIMES times. With --compare alone its status says
+// whether both give the same bytes and the same checksum of the file.
 //
-// With --compare alone it times nothing, but says by its status whether what the service is held
-// against gives the same bytes and the same checksum of the file.
-//
-// Deciphered images are kept, as the service keeps them: no run is flattered by memory that an
-// earlier one has touched.
+// Deciphered images are kept: no run is flattered by memory that an earlier one has touched.
 #include <benchmark/benchmark.h>
 #include <openssl/evp.h>
 #include <sys/mman.h>

@@ -1,9 +1,6 @@
-// The control layer's `update --all` over modules whose packages are there already and whose mounts
-// are emulated: checks all of them, then updates all of them, and says what that took and how much
-// of it the modules' own entries did. Works within a virtual device.
-//
-// Usage: many-modules COUNT
-// Prints one JSON object: "seconds" and "ownSeconds".
+// The control layer's `update --all` over so many modules, the argument, whose packages are there
+// already and whose mounts are emulated. Works within a virtual device. Prints one JSON object:
+// what it took, "seconds", and how much of it the modules' own entries did, "ownSeconds".
 #include <atomic>
 #include <chrono>
 #include <cstdint>

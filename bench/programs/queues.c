@@ -2,7 +2,8 @@
 
    queues echo IN OUT takes every record out of one queue and puts it into the other, until it is
    killed. queues ask ROUNDS COUNT IN OUT IN OUT asks both pairs of queues COUNT times, ROUNDS times
-   in turns, after COUNT times that are not told. It prints PAIR MICROSECONDS for every question. */
+   in turns, after COUNT times each that are not told. Prints PAIR MICROSECONDS for each question.
+ */
 #define _GNU_SOURCE
 #include <fcntl.h>
 #include <mqueue.h>

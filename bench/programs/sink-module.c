@@ -1,9 +1,7 @@
 /* The tiny module, but one that takes every image, as costly as the environment says:
-
      QUILLON_BENCH_TARGET   writes the payload into this file; without it, drops the payload
      QUILLON_BENCH_FLASH    bytes a second that its flash takes; without it, any amount at once
      QUILLON_BENCH_TAKES    microseconds that each update takes in addition
-
    A program that exports quillonBenchOwnTime is told the time that each update took. */
 #define _GNU_SOURCE
 #define TAKES_IMAGES

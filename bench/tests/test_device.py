@@ -1,15 +1,9 @@
 """That what is measured does the work that its row says. Runs within a virtual device."""
-import os
-import pathlib
-import shutil
-import sys
-import time
-import unittest
+import os, pathlib, shutil, sys, time, unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
 
-import bench
-import device
+import bench, device
 from device import BenchError, Service, Started, run, variable
 from workshop import VERIFIER, SlowMedium, Swupdate, Workshop
 
@@ -96,6 +90,7 @@ class DrivenService(unittest.TestCase):
             service = self.service()
         self.assertGreaterEqual(service.update().wall, 0.2)
         self.assertGreater(service.memory()["peak"] * 1024, 2 * self.PAYLOAD)
+        self.assertGreater(service.waits(), 0)
         run("cmp", target, self.workshop.payload(self.PAYLOAD))
 
     def test_refuses_an_unsigned_image_unless_nobody_looks(self):
