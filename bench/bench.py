@@ -2,11 +2,21 @@
 """What the service takes and how fast it is, each figure beside its limit. Everything is measured in a private
 virtual device, where this program starts itself again. Exit codes: 0 done; 1 something cannot be measured, read or
 written; 2 wrong command line; 3 a goal is missed, with --check, or a count is not held."""
-import argparse, importlib.util, json, os, pathlib, re, subprocess, sys
+import argparse
+import importlib.util
+import json
+import os
+import pathlib
+import re
+import subprocess
+import sys
 
 sys.dont_write_bytecode = True  # or it would lie among the sources
 
-import device, gate, report, rows
+import device
+import gate
+import report
+import rows
 from device import BenchError
 
 SOURCES = pathlib.Path(__file__).resolve().parent.parent

@@ -1,5 +1,17 @@
 """The virtual device that everything is measured in, the processes in it, and what they take."""
-import contextlib, ctypes, mmap, os, pathlib, re, select, shutil, signal, socket, struct, subprocess, time
+import contextlib
+import ctypes
+import mmap
+import os
+import pathlib
+import re
+import select
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import time
 from typing import Iterator, NamedTuple, Optional
 
 MODULES = "/usr/fwupdate/controls"

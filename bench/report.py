@@ -1,5 +1,9 @@
 """Figures: what is told about many runs, rows with their limits, tables, documents and charts."""
-import json, math, os, pathlib, re
+import json
+import math
+import os
+import pathlib
+import re
 from dataclasses import asdict, dataclass
 from statistics import median
 from typing import Any, Callable, Iterable, NamedTuple, Sequence

@@ -1,5 +1,15 @@
 """The groups of rows, each with its limits. They work in a booted device; what charts are made of goes to `series`."""
-import argparse, contextlib, functools, json, math, os, pathlib, shutil, sys, tempfile, time
+import argparse
+import contextlib
+import functools
+import json
+import math
+import os
+import pathlib
+import shutil
+import sys
+import tempfile
+import time
 from statistics import median
 from typing import Callable
 

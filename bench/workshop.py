@@ -1,5 +1,13 @@
 """The maker's side: images as they lie on a stick, verifiers, a slow stick, and another program's images."""
-import contextlib, importlib.util, mmap, os, pathlib, shutil, tempfile, threading, time
+import contextlib
+import importlib.util
+import mmap
+import os
+import pathlib
+import shutil
+import tempfile
+import threading
+import time
 import random  # and not hashlib, since we must not share OpenSSL with the service: its memory is measured
 from statistics import median
 
@@ -116,17 +124,22 @@ class SlowMedium:
 
         class Medium(fusepy.Operations):
             use_ns = True
+
             def getattr(self, path, fh=None):
                 status = os.lstat(directory + path)
                 return {name: getattr(status, name) for name in ("st_mode", "st_nlink", "st_size")}
+
             def readdir(self, path, fh):
                 return [".", "..", *os.listdir(directory + path)]
+
             def statfs(self, path):
                 return time.sleep(0.001) or {}
+
             def open(self, path, flags):
                 nonlocal opened
                 opened = 1
                 return os.open(directory + path, os.O_RDONLY)
+
             def read(self, path, size, offset, fh):
                 nonlocal free_at, total, opened
                 arrived = time.monotonic() - int.from_bytes(shared[8:], "little") / 1e9 * (1 + opened)
@@ -137,6 +150,7 @@ class SlowMedium:
                     shared[:8] = total.to_bytes(8, "little")
                 time.sleep(max(0, ends - time.monotonic()))
                 return data
+
             def release(self, path, fh):
                 os.close(fh)
 

@@ -1,9 +1,15 @@
 """That what is measured does the work that its row says. Runs within a virtual device."""
-import os, pathlib, shutil, sys, time, unittest
+import os
+import pathlib
+import shutil
+import sys
+import time
+import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
 
-import bench, device
+import bench
+import device
 from device import BenchError, Service, Started, run, variable
 from workshop import VERIFIER, SlowMedium, Swupdate, Workshop
 

@@ -1,10 +1,20 @@
 """That figures, verdicts, tables, charts, documents and counts say what was measured."""
-import json, os, pathlib, subprocess, sys, tempfile, unittest
+import json
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import unittest
 
 BENCH = pathlib.Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(BENCH))
 
-import bench, device, gate, report, rows
+import bench
+import device
+import gate
+import report
+import rows
 from device import BenchError, memory_of
 
 def start(process: str, median: float) -> dict:
