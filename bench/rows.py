@@ -181,7 +181,7 @@ def measure_updates(plan: Plan, _: dict) -> list[Row]:
                 Row("the same, peak memory", "the image", "MiB beyond it", (peak - os.path.getsize(image)) / MIB,
                     "at most", 16, f"{peak / MIB:.1f} MiB in all"),
                 Row(f"ten more estimates of it, {name}", "resident memory after the first", "MiB more",
-                    estimates_in_a_row(build, sticks[0]), "at most", 0.05, "read right after the last")]
+                    estimates_in_a_row(build, sticks[0]), "at most", 0.1, "its first and last page each time")]
         rows += little_memory(workshop, workshop.stick(3))
 
         def updating(verifier: str) -> Taken:
