@@ -2,12 +2,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
-#include <memory>
 #include <string>
 
 #include "tools/quillonctl/modules/foreign-end.h"
 #include "tools/quillonctl/modules/interruption.h"
 #include "tools/quillonctl/modules/module-verbs.h"
+#include "tools/quillonctl/output.h"
 #include "tools/quillonctl/progress-display.h"
 #include "tools/quillonctl/standard-files.h"
 #include "tools/quillonctl/verbs.h"
@@ -143,10 +143,9 @@ void addModuleVerbs(CLI::App& modules, Arguments& arguments)
 ExitCode runServiceVerb(const std::string& verb, const Arguments& arguments)
 {
     const bool redraw = canRedraw();
-    const std::unique_ptr<Report> report =
-        arguments.json ? makeJsonReport() : makeTextReport(arguments.quiet, redraw);
+    Output output(arguments.json, arguments.quiet, redraw);
     Client client(clientOptions(arguments));
-    Verbs verbs(client, *report);
+    Verbs verbs(client, output);
     try {
         if (verb == "update") {
             return verbs.update(arguments.directory,
@@ -157,7 +156,7 @@ ExitCode runServiceVerb(const std::string& verb, const Arguments& arguments)
         }
         return verb == "stop" ? verbs.stop() : verbs.progress();
     } catch (const Failure& failure) {
-        report->error(failure.code, failure.text);
+        output.error(failure.code, failure.text);
         return failure.code;
     }
 }
@@ -173,10 +172,10 @@ ExitCode runServiceVerb(const std::string& verb, const Arguments& arguments)
 /// Ends the process by itself when a plug-in is still at an update that has been given up.
 ExitCode runModuleVerb(const std::string& verb, const Arguments& arguments)
 {
-    const std::unique_ptr<ModuleReport> report =
-        arguments.json ? makeModuleJsonReport()
-                       : makeModuleTextReport(arguments.quiet, canRedraw());
-    ModuleVerbs verbs(*report, std::chrono::milliseconds(250));
+    const bool redraw = canRedraw();
+    Output output(arguments.json, arguments.quiet, redraw);
+    ModuleReport report(output, !redraw);
+    ModuleVerbs verbs(report, std::chrono::milliseconds(250));
     const ModuleSource& source = *findModuleSource(arguments.source);
     ExitCode code = kExitSuccess;
     try {
@@ -197,7 +196,7 @@ ExitCode runModuleVerb(const std::string& verb, const Arguments& arguments)
         }
     } catch (const Failure& failure) {
         takeOverTheEnd();
-        report->error(failure.code, failure.text);
+        report.error(failure.code, failure.text);
         code = failure.code;
     }
     takeOverTheEnd();

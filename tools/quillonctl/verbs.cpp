@@ -6,14 +6,18 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <map>
 #include <thread>
+#include <utility>
 
+#include "src/support/module-reason.h"
 #include "tools/quillonctl/outside-text.h"
 #include "tools/quillonctl/signals.h"
+#include "tools/quillonctl/text-table.h"
 
 namespace quillon {
 
@@ -95,10 +99,12 @@ std::set<std::string> imagesIn(const std::string& directory)
     return names;
 }
 
+/// What a second look at the stick, after the end of an update, has told of the modules that the
+/// service has marked as needing an update.
 struct Look
 {
-    Marks marks;
-    std::string advice;
+    const char* marks;   ///< what became of the marks, as --json says it
+    std::string advice;  ///< what it means and what is to be done; empty when no mark is left
 };
 
 /// @param stick   as it was before the update
@@ -107,7 +113,7 @@ Look judge(const Stick& stick, const Result<Estimate>& answer)
 {
     const bool known = !stick.directory.empty();
     if (answer.value.updateNeeded) {
-        return {Marks::kStillNeeded,
+        return {"still-needed",
                 "a module still needs an update from the stick; " +
                     (known ? "run \"quillonctl update " + stick.directory + "\" with it"
                            : std::string("update from it next")) +
@@ -118,21 +124,21 @@ Look judge(const Stick& stick, const Result<Estimate>& answer)
         " and run \"quillonctl estimate " + (known ? stick.directory : "DIR") +
         "\", or restart the update service: until then updates from other sticks may fail";
     if (answer.error) {
-        return {Marks::kUnknown, "cannot look once more at the stick: " + answer.error.text +
-                                     "; leave it in place" + remedy};
+        return {"unknown", "cannot look once more at the stick: " + answer.error.text +
+                               "; leave it in place" + remedy};
     }
     if (stick.images.empty()) {
-        return {Marks::kUnknown,
+        return {"unknown",
                 "if the update's stick had been taken out already, put it back" + remedy};
     }
     const std::set<std::string> now = imagesIn(stick.directory);
     if (!std::includes(now.begin(), now.end(), stick.images.begin(), stick.images.end())) {
-        return {Marks::kStickGone,
+        return {"stick-gone",
                 "the stick was taken out before the update service had looked at it once more; put "
                 "it back" +
                     remedy};
     }
-    return {Marks::kRenewed, {}};
+    return {"renewed", {}};
 }
 
 /// @param look  what the service has recorded of an estimate that found nothing to do
@@ -171,6 +177,98 @@ std::string whyFailed(const RecordedModule* failed)
            "; the update service's log says more";
 }
 
+const std::map<Progress::State, const char*> kStates = {
+    {Progress::kIdle, "idle"},
+    {Progress::kRunning, "running"},
+    {Progress::kDone, "done"},
+    {Progress::kFailed, "failed"},
+};
+
+JsonMembers membersOf(const Progress& progress)
+{
+    return {{"state", kStates.at(progress.state)}, {"percent", progress.percent}};
+}
+
+std::string describe(const Progress& progress)
+{
+    switch (progress.state) {
+        case Progress::kRunning:
+            return "The update is running, " + std::to_string(progress.percent) + " %";
+        case Progress::kDone:
+            return "The update finished";
+        case Progress::kFailed:
+            return "The update failed";
+        default:
+            return "No update is running";
+    }
+}
+
+std::string describeEstimate(const Estimate& estimate, bool isExplained)
+{
+    if (estimate.updateNeeded) {
+        return "The update takes about " + std::to_string(estimate.seconds) + " s";
+    }
+    return isExplained ? "Nothing to update"
+                       : "Nothing to update: no image is newer, or none can be used; the "
+                         "service's log says why";
+}
+
+std::string describeLook(const RecordedModule& module)
+{
+    if (!module.finding) {
+        return "not over";
+    }
+    return module.finding->result == 1
+               ? "needs an update, about " + std::to_string(module.expectedSeconds) + " s"
+               : phraseOf(*module.finding);
+}
+
+std::string describeUpdate(const RecordedModule& module)
+{
+    if (!module.finding) {
+        return "not over";
+    }
+    return module.finding->result == 0
+               ? "updated in " + std::to_string(std::lround(module.seconds)) + " s"
+               : "failed: " + phraseOf(*module.finding);
+}
+
+JsonMembers membersOf(const RecordedModule& module, int good)
+{
+    JsonMembers members = {
+        {"name", module.name},
+        {"offered", module.offered.empty() ? Json::Value() : Json::Value(module.offered)}};
+    if (module.finding) {
+        members["result"] = module.finding->result;
+        members["expectedSeconds"] = module.expectedSeconds;
+        members["seconds"] = module.seconds;
+    }
+    if (module.finding && module.finding->result != good) {
+        members["reason"] = codeOf(module.finding->reason);
+        members["text"] = phraseOf(*module.finding);
+    }
+    return members;
+}
+
+/// @param heading  of the column that `describe` fills
+/// @param good     the result of a module that is not refused
+void sayModules(Output& output, const char* event, const char* heading, int good,
+                const std::vector<RecordedModule>& modules,
+                std::string (*describe)(const RecordedModule& module))
+{
+    Json::Value objects(Json::arrayValue);
+    std::vector<TableRow> rows = {{"NAME", "OFFERED", heading}};
+    for (const RecordedModule& module : modules) {
+        objects.append(jsonObject(membersOf(module, good)));
+        rows.push_back({module.name, module.offered.empty() ? "-" : module.offered,
+                        printable(describe(module))});
+    }
+    output.event(event, {{"modules", objects}});
+    for (const std::string& line : aligned(std::move(rows))) {
+        output.line(line);
+    }
+}
+
 int secondsSince(Clock::time_point start)
 {
     return static_cast<int>(
@@ -189,7 +287,9 @@ void Verbs::makeSureNothingRuns()
                                                 std::to_string(progress.percent) + " %"};
     }
     if (progress.state != Progress::kIdle) {
-        report_.earlierOutcome(progress);
+        output_.say("earlier-update", membersOf(progress),
+                    progress.state == Progress::kDone ? "An earlier update had finished"
+                                                      : "An earlier update had failed");
         lookAgain({});  // the service still has the earlier update's directory
     }
 }
@@ -220,15 +320,17 @@ Estimate Verbs::prepare(const std::string& directory, Stick& stick,
     exitOn(client_.connect());
     makeSureNothingRuns();
     exitOn(client_.setDirectory(stick.directory));
-    report_.checking(stick.directory);
+    output_.say("checking", {{"directory", stick.directory}}, "Checking " + stick.directory);
     stick.images = imagesIn(stick.directory);
     since_ = secondsSinceBoot();
     const Estimate estimate = valueOf(client_.estimate());
     look = readRecordedRun("estimate", since_);
     if (look) {
-        report_.looked(look->modules);
+        sayModules(output_, "looked", "STATE", 1, look->modules, describeLook);
     }
-    report_.estimated(estimate, look.has_value());
+    output_.say("estimate",
+                {{"updateNeeded", estimate.updateNeeded}, {"seconds", estimate.seconds}},
+                describeEstimate(estimate, look.has_value()));
     return estimate;
 }
 
@@ -236,33 +338,40 @@ ExitCode Verbs::follow(int expectedSeconds, std::chrono::milliseconds pollInterv
 {
     const Clock::time_point start = Clock::now();
     std::string present;
+    int percentSaid = -1;
     while (true) {
         const Progress progress = valueOf(client_.progress());
+        const int passed = secondsSince(start);
+        const int left = std::max(expectedSeconds - passed, 0);
         const RecordedRun recorded = readRecordedRun("update", since_).value_or(RecordedRun());
         const RecordedModule* module = recorded.present();
         if (progress.state == Progress::kRunning && module != nullptr && module->name != present) {
             present = module->name;
-            report_.updating(present);
+            output_.say("updating", {{"module", present}}, "Updating " + printable(present));
         }
         if (progress.state != Progress::kRunning && !recorded.modules.empty()) {
-            report_.updated(recorded.modules);
+            sayModules(output_, "updated", "OUTCOME", 0, recorded.modules, describeUpdate);
         }
         switch (progress.state) {
             case Progress::kRunning:
                 // The service's percentage is measured against the first update of its life; only
                 // the estimate for this one tells how long it takes.
-                report_.progressed(progress.percent,
-                                   std::max(expectedSeconds - secondsSince(start), 0));
+                output_.progress(progress.percent, left);
+                if (std::exchange(percentSaid, progress.percent) != progress.percent) {
+                    output_.event("progress",
+                                  {{"percent", progress.percent}, {"secondsLeft", left}});
+                }
                 break;
             case Progress::kDone:
                 // To the service, only the module's code -1 fails a run.
                 if (failedIn(recorded) == nullptr) {
-                    report_.finished(secondsSince(start));
+                    output_.say("finished", {{"seconds", passed}},
+                                "The update finished after " + std::to_string(passed) + " s");
                     return kExitSuccess;
                 }
                 [[fallthrough]];
             case Progress::kFailed:
-                report_.error(kExitUpdateFailed, whyFailed(failedIn(recorded)));
+                output_.error(kExitUpdateFailed, whyFailed(failedIn(recorded)));
                 return kExitUpdateFailed;
             default:
                 throw Failure{kExitSystem,
@@ -278,9 +387,14 @@ ExitCode Verbs::follow(int expectedSeconds, std::chrono::milliseconds pollInterv
 /// when the next stick comes makes its update fail, unless there is an image for it, too.
 void Verbs::lookAgain(const Stick& stick)
 {
-    report_.lookingAgain();
+    output_.say("looking-again", {}, "Looking once more at the stick");
     const Look look = judge(stick, client_.estimate());
-    report_.lookedAgain(look.marks, look.advice);
+    if (look.advice.empty()) {
+        output_.event("looked-again", {{"marks", look.marks}});
+        return;
+    }
+    output_.event("looked-again", {{"marks", look.marks}, {"text", look.advice}});
+    output_.advice(look.advice);
 }
 
 ExitCode Verbs::update(const std::string& directory, std::chrono::milliseconds pollInterval)
@@ -304,7 +418,7 @@ ExitCode Verbs::run(const std::string& directory, std::chrono::milliseconds poll
     onInterruptSay(
         "\nquillonctl: interrupted; the update goes on in the update service, \"quillonctl "
         "progress\" tells how far it is\n");
-    report_.started();
+    output_.say("started", {}, "The update has started");
     const ExitCode ended = follow(estimate.seconds, pollInterval);
     onInterruptSay(kLookInterrupted);
     lookAgain(stick);
@@ -324,7 +438,7 @@ ExitCode Verbs::progress()
 {
     exitOn(client_.connect());
     const Progress progress = valueOf(client_.progress());
-    report_.state(progress);
+    output_.say("state", membersOf(progress), describe(progress));
     if (progress.state == Progress::kDone || progress.state == Progress::kFailed) {
         onInterruptSay(kLookInterrupted);
         lookAgain({});
@@ -336,7 +450,7 @@ ExitCode Verbs::stop()
 {
     exitOn(client_.connect());
     exitOn(client_.stop());
-    report_.stopped();
+    output_.say("stop-sent", {}, "The update service was asked to take no more commands");
     return kExitSuccess;
 }
 

@@ -9,7 +9,8 @@
 #include <string>
 
 #include "tools/quillonctl/exit-codes.h"
-#include "tools/quillonctl/report.h"
+#include "tools/quillonctl/output.h"
+#include "tools/quillonctl/recorded-run.h"
 
 namespace quillon {
 
@@ -19,13 +20,13 @@ struct Stick
     std::set<std::string> images;  ///< names; empty: unknown
 };
 
-/// Each verb connects the client, says everything through the report, and returns what the program
+/// Each verb connects the client, says everything through the output, and returns what the program
 /// exits with. Throws Failure.
 class Verbs
 {
 public:
     /// Both must outlive this object.
-    Verbs(Client& client, Report& report) : client_(client), report_(report) {}
+    Verbs(Client& client, Output& output) : client_(client), output_(output) {}
 
     /// Sets the directory, estimates, starts and follows the update to its end. Then it has the
     /// service look at the stick once more, which changes nothing about the result.
@@ -51,7 +52,7 @@ private:
     void lookAgain(const Stick& stick);
 
     Client& client_;
-    Report& report_;
+    Output& output_;
     double since_ = 0;  ///< what the service has recorded since then is ours
 };
 

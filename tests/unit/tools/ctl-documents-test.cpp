@@ -127,9 +127,10 @@ TEST(CtlManual, DescribesEveryOptionAndNoOther)
 
 TEST(CtlManual, ListsEveryEventOfItsVerbs)
 {
-    const std::string source = readAll(QUILLON_SOURCE_DIR "/tools/quillonctl/json-report.cpp");
-    const Words events = allMatches(source, "Event\\(\"([a-z-]+)\"") +
-                         allMatches(source, "eventObject\\(\"([a-z-]+)\"");
+    const std::string tool = QUILLON_SOURCE_DIR "/tools/quillonctl/";
+    const char* call = "(?:say|event|sayModules)\\(\\s*(?:output_, )?\"([a-z-]+)\"";
+    const Words events = allMatches(readAll(tool + "verbs.cpp"), call) +
+                         allMatches(readAll(tool + "output.cpp"), call);
     const Words listed = allMatches(between(readAll(kManual), ".Sh JSON OUTPUT", ".It modules\n"),
                                     "^\\.It ([a-z-]+)$");
 

@@ -1,13 +1,15 @@
-/// What the control layer has to say, apart from how it is written.
+/// What the control layer has to say.
 #pragma once
 
-#include <memory>
+#include <chrono>
+#include <cstddef>
 #include <string>
 #include <vector>
 
-#include "tools/quillonctl/exit-codes.h"
 #include "tools/quillonctl/modules/module-check.h"
 #include "tools/quillonctl/modules/slot-holders.h"
+#include "tools/quillonctl/output.h"
+#include "tools/quillonctl/text-table.h"
 
 namespace quillon {
 
@@ -49,53 +51,54 @@ struct ModuleDownload
 };
 
 /// One call for each thing that happens. While a run goes on its calls come from another thread,
-/// one at a time.
+/// one at a time. Programs get the verb's result, or the error that ended it, in one line; an
+/// update that has to wait writes a line before that. Texts from outside are made fit to be shown.
 class ModuleReport
 {
 public:
-    virtual ~ModuleReport() = default;
+    /// @param output  must outlive this object
+    /// @param isPaced  as it is for people whose terminal cannot redraw a line: progress is shown
+    ///                 once a second at most
+    ModuleReport(Output& output, bool isPaced) : output_(output), isPaced_(isPaced) {}
 
-    virtual void modules(const std::vector<ModuleEntry>& entries) = 0;
-    virtual void checked(const ModuleSource& source, const std::vector<ModuleCheck>& checks) = 0;
-    virtual void version(const ModuleEntry& entry) = 0;
-    virtual void progress(const std::string& name, unsigned int percent) = 0;
+    void modules(const std::vector<ModuleEntry>& entries);
+    void checked(const ModuleSource& source, const std::vector<ModuleCheck>& checks);
+    void version(const ModuleEntry& entry);
+    void progress(const std::string& name, unsigned int percent);
 
     /// @name During an update
     /// @{
     /// The semaphore is taken. Called again when something has changed.
     /// @param holders  who could have it; nobody: it has been left behind
-    virtual void waitingForOthers(const SlotHolders& holders) = 0;
-    virtual void updating(const std::string& name) = 0;
+    void waitingForOthers(const SlotHolders& holders);
+    void updating(const std::string& name);
     /// Called at every poll; says nothing where nothing has changed.
     /// @param secondsLeft  by the expected time; 0 when the update takes longer than that
-    virtual void progressed(int percent, int secondsLeft) = 0;
-    virtual void waitingForLate(const std::string& name) = 0;
+    void progressed(int percent, int secondsLeft);
+    void waitingForLate(const std::string& name);
     /// @}
 
     /// @param code  what the program exits with
-    virtual void updated(const ModuleSource& source, const std::vector<ModuleUpdate>& updates,
-                         ExitCode code) = 0;
-    virtual void downloading(std::size_t packages) = 0;
-    virtual void downloaded(const std::vector<ModuleDownload>& downloads, ExitCode code) = 0;
+    void updated(const ModuleSource& source, const std::vector<ModuleUpdate>& updates,
+                 ExitCode code);
+    void downloading(std::size_t packages);
+    void downloaded(const std::vector<ModuleDownload>& downloads, ExitCode code);
 
     /// @param released  false: nothing was locked
-    virtual void unlocked(bool released) = 0;
+    void unlocked(bool released);
 
     /// Something that went wrong beside the point.
-    virtual void warning(const std::string& text) = 0;
-    virtual void error(ExitCode code, const std::string& text) = 0;
+    void warning(const std::string& text);
+    void error(ExitCode code, const std::string& text);
+
+private:
+    void line(const std::string& text);
+    void table(std::vector<TableRow> rows);
+    void complainToPeople(const std::string& text);
+
+    Output& output_;
+    const bool isPaced_;
+    std::chrono::steady_clock::time_point nextProgress_;
 };
-
-/// Reports for people, on standard output, and errors and warnings on standard error. Each line is
-/// out before the call returns.
-/// @param quiet       say nothing but errors and warnings
-/// @param onTerminal  standard output is a terminal that can redraw a line
-std::unique_ptr<ModuleReport> makeModuleTextReport(bool quiet, bool onTerminal);
-
-/// Reports for programs: one JSON object, in one line, on standard output: the verb's result, or
-/// the error that ended it. An update that has to wait writes one for that before. Each has the
-/// member "event"; quillonctl(1) lists the events and their other members. Warnings go to standard
-/// error.
-std::unique_ptr<ModuleReport> makeModuleJsonReport();
 
 }  // namespace quillon

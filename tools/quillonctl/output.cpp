@@ -1,0 +1,73 @@
+#include "tools/quillonctl/output.h"
+
+#include <json/writer.h>
+
+#include <iostream>
+
+namespace quillon {
+
+Json::Value jsonObject(const JsonMembers& members)
+{
+    Json::Value object(Json::objectValue);
+    for (const auto& [name, value] : members) {
+        if (!value.isNull()) {
+            object[name] = value;
+        }
+    }
+    return object;
+}
+
+void Output::say(const char* name, const JsonMembers& members, const std::string& text)
+{
+    event(name, members);
+    line(text);
+}
+
+void Output::error(ExitCode code, const std::string& text)
+{
+    event("error", {{"exitCode", code}, {"text", text}});
+    if (!forPrograms_) {
+        complain(text);
+    }
+}
+
+void Output::event(const char* name, const JsonMembers& members)
+{
+    if (!forPrograms_) {
+        return;
+    }
+    Json::Value object = jsonObject(members);
+    object["event"] = name;
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    std::cout << Json::writeString(builder, object) << std::endl;
+}
+
+void Output::line(const std::string& text)
+{
+    if (!forPrograms_ && !quiet_) {
+        std::cout << display_.end() << text << std::endl;
+    }
+}
+
+void Output::advice(const std::string& text)
+{
+    if (!forPrograms_ && !quiet_) {
+        complain(text);
+    }
+}
+
+void Output::progress(int percent, int secondsLeft)
+{
+    if (!forPrograms_ && !quiet_) {
+        std::cout << display_.show(percent, secondsLeft, terminalWidth()) << std::flush;
+    }
+}
+
+void Output::complain(const std::string& text)
+{
+    std::cout << display_.end() << std::flush;
+    std::cerr << "quillonctl: " << text << std::endl;
+}
+
+}  // namespace quillon
