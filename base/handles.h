@@ -1,6 +1,7 @@
 #pragma once
 
 #include <dlfcn.h>
+#include <openssl/bio.h>
 #include <openssl/evp.h>
 
 #include <cstdlib>
@@ -11,6 +12,9 @@
 /// Owners of everything that must be given back: each gives its handle back exactly once.
 namespace quillon {
 
+using UniqueBio = std::unique_ptr<BIO, ReleaseWith<&BIO_free_all>>;
+using UniqueKey = std::unique_ptr<EVP_PKEY, ReleaseWith<&EVP_PKEY_free>>;
+using UniqueKeyContext = std::unique_ptr<EVP_PKEY_CTX, ReleaseWith<&EVP_PKEY_CTX_free>>;
 using UniqueCipherContext = std::unique_ptr<EVP_CIPHER_CTX, ReleaseWith<&EVP_CIPHER_CTX_free>>;
 using UniqueDigestContext = std::unique_ptr<EVP_MD_CTX, ReleaseWith<&EVP_MD_CTX_free>>;
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/verifier/openssl-handle.h"
+#include "base/handles.h"
 
 namespace quillon {
 

@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <vector>
 
+#include "base/handles.h"
 #include "platform/verifier/image-error.h"
-#include "platform/verifier/openssl-handle.h"
 #include "platform/verifier/public-key.h"
 
 namespace quillon {

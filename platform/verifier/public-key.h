@@ -4,8 +4,8 @@
 #include <system_error>
 #include <vector>
 
+#include "base/handles.h"
 #include "platform/verifier/image-trailer.h"
-#include "platform/verifier/openssl-handle.h"
 
 namespace quillon {
 

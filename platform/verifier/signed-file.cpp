@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <vector>
 
+#include "base/handles.h"
 #include "platform/verifier/image-error.h"
-#include "platform/verifier/openssl-handle.h"
 
 namespace quillon {
 namespace {
@@ -41,7 +41,7 @@ ContentDigest SignedFile::contentDigest() const
             throw notSigned(file_.path(), "signature cannot be checked");
         }
     };
-    const UniqueDigest digest(EVP_MD_CTX_new());
+    const UniqueDigestContext digest(EVP_MD_CTX_new());
     require(digest && EVP_DigestInit_ex(digest.get(), EVP_sha256(), nullptr) == 1);
 
     std::vector<unsigned char> chunk(kChunkSize);

@@ -4,8 +4,8 @@
 #include <system_error>
 #include <vector>
 
+#include "base/handles.h"
 #include "platform/verifier/image-error.h"
-#include "platform/verifier/openssl-handle.h"
 #include "platform/verifier/public-key.h"
 
 namespace quillon {

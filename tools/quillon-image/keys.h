@@ -3,7 +3,7 @@
 #include <array>
 #include <string>
 
-#include "platform/verifier/openssl-handle.h"
+#include "base/handles.h"
 
 namespace quillon {
 

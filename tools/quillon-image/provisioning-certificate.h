@@ -1,7 +1,7 @@
 #pragma once
 
+#include "base/handles.h"
 #include "platform/storage/maker-certificates.h"
-#include "platform/verifier/openssl-handle.h"
 
 namespace quillon {
 

@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
+#include "base/handles.h"
 #include "platform/storage/maker-certificates.h"
-#include "platform/verifier/openssl-handle.h"
 #include "platform/verifier/security-floors.h"
 
 namespace quillon {

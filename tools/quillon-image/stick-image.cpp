@@ -89,7 +89,7 @@ public:
     }
 
 private:
-    UniqueCipher context_;
+    UniqueCipherContext context_;
     Bytes output_;
 };
 
@@ -134,7 +134,7 @@ private:
     }
 
     AtomicFile file_;
-    UniqueDigest digest_;
+    UniqueDigestContext digest_;
     std::uint64_t size_ = 0;
 };
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "base/handles.h"
 #include "platform/storage/maker-certificates.h"
-#include "platform/verifier/openssl-handle.h"
 
 namespace quillon::test {
 

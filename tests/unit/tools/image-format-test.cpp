@@ -2,8 +2,8 @@
 
 #include <openssl/evp.h>
 
+#include "base/handles.h"
 #include "platform/verifier/image-trailer.h"
-#include "platform/verifier/openssl-handle.h"
 #include "platform/verifier/signed-file.h"
 #include "support/texts.h"
 #include "unit/tools/image-files.h"
@@ -42,7 +42,7 @@ std::string plaintextOf(const std::string& image, const std::string& keyText)
     const auto bytes = [](const std::string& text) {
         return reinterpret_cast<const unsigned char*>(text.data());
     };
-    const UniqueCipher context(EVP_CIPHER_CTX_new());
+    const UniqueCipherContext context(EVP_CIPHER_CTX_new());
     std::string plaintext(ciphertext.size() + 16, '\0');
     auto* output = reinterpret_cast<unsigned char*>(plaintext.data());
     int length = 0;
