@@ -3,8 +3,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 #include "base/regular-file.h"
 #include "platform/verifier/image-error.h"
@@ -48,6 +50,20 @@ void InputFile::readAt(std::uint64_t offset, unsigned char* buffer, std::size_t 
         buffer += read;
         offset += read;
         length -= read;
+    }
+}
+
+void InputFile::readPieces(
+    std::uint64_t offset, std::uint64_t end,
+    const std::function<void(const unsigned char* data, std::size_t length)>& consume) const
+{
+    std::vector<unsigned char> piece(65536);
+    while (offset < end) {
+        const auto length =
+            static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), end - offset));
+        readAt(offset, piece.data(), length);
+        consume(piece.data(), length);
+        offset += length;
     }
 }
 

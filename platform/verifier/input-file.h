@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "base/fd.h"
@@ -25,6 +26,11 @@ public:
 
     /// Reads exactly length bytes at an offset; an end of file before that is a failure.
     void readAt(std::uint64_t offset, unsigned char* buffer, std::size_t length) const;
+
+    /// Hands the bytes from offset to end to a consumer, 64 KiB at a time.
+    void readPieces(
+        std::uint64_t offset, std::uint64_t end,
+        const std::function<void(const unsigned char* data, std::size_t length)>& consume) const;
 
 private:
     std::string path_;

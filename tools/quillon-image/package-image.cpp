@@ -2,13 +2,11 @@
 
 #include <json/json.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <vector>
 
 #include "platform/verifier/image-error.h"
 #include "platform/verifier/input-file.h"
@@ -27,7 +25,6 @@ constexpr Program kDebugfs = {"debugfs", "e2fsprogs", true};
 
 constexpr char kNameMark[] = "emp";
 constexpr char kInformationFile[] = "info.json";
-constexpr std::size_t kChunkSize = 65536;
 
 constexpr std::uint64_t kExt4BlockSize = 4096;
 /// What the file system itself takes: a fixed part, with room for a last block group too small to
@@ -120,17 +117,12 @@ std::uint32_t copyPayload(const InputFile& payload, const std::string& target,
                           const HeldSignals& signals)
 {
     AtomicFile copy(target, Audience::kEveryone);
-    std::vector<unsigned char> chunk(kChunkSize);
     std::uint32_t crc = 0;
-    for (std::uint64_t offset = 0; offset < payload.size();) {
+    payload.readPieces(0, payload.size(), [&](const unsigned char* data, std::size_t length) {
         signals.requireNone();
-        const auto length =
-            static_cast<std::size_t>(std::min<std::uint64_t>(kChunkSize, payload.size() - offset));
-        payload.readAt(offset, chunk.data(), length);
-        crc = imageChecksum(crc, chunk.data(), length);
-        copy.write(chunk.data(), length);
-        offset += length;
-    }
+        crc = imageChecksum(crc, data, length);
+        copy.write(data, length);
+    });
     copy.commit();
     return crc;
 }

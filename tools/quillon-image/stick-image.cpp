@@ -17,7 +17,6 @@
 namespace quillon {
 namespace {
 
-constexpr std::size_t kChunkSize = 65536;
 constexpr std::size_t kSmallestImage = kInitialisationVectorSize + kCipherBlockSize + kTrailerSize;
 
 using Bytes = std::vector<unsigned char>;
@@ -138,20 +137,6 @@ private:
     std::uint64_t size_ = 0;
 };
 
-/// Hands a range of a file to a consumer, piece by piece.
-template <typename Consumer>
-void readInPieces(const InputFile& file, std::uint64_t offset, std::uint64_t end, Consumer consume)
-{
-    Bytes chunk(kChunkSize);
-    while (offset < end) {
-        const auto length =
-            static_cast<std::size_t>(std::min<std::uint64_t>(chunk.size(), end - offset));
-        file.readAt(offset, chunk.data(), length);
-        consume(chunk.data(), length);
-        offset += length;
-    }
-}
-
 void requirePossibleSize(const InputFile& file)
 {
     const std::string start =
@@ -239,7 +224,7 @@ void buildStickImage(const std::string& version, const std::string& payloadPath,
     SignedOutput output(outputPath);
     output.write(vector.data(), vector.size());
     output.write(cipher.update(header.data(), header.size()));
-    readInPieces(payload, 0, payload.size(), [&](const unsigned char* data, std::size_t length) {
+    payload.readPieces(0, payload.size(), [&](const unsigned char* data, std::size_t length) {
         output.write(cipher.update(data, length));
     });
     output.write(cipher.finish().value());
@@ -283,18 +268,18 @@ std::string extractStickImage(const std::string& path, const ImageKey& imageKey,
     Cipher cipher(imageKey, readVector(image), Cipher::kDecipher);
     AtomicFile payload(payloadPath, Audience::kOwnerOnly);
     std::string version;
-    readInPieces(image.file(), kInitialisationVectorSize, image.contentSize(),
-                 [&](const unsigned char* data, std::size_t length) {
-                     const Bytes& plaintext = cipher.update(data, length);
-                     std::size_t start = 0;
-                     // The first piece holds the whole version header, or there is none. A wrong
-                     // key is found before the long rest.
-                     if (version.empty() && plaintext.size() >= kVersionHeaderSize) {
-                         version = decodeVersion(plaintext, path);
-                         start = kVersionHeaderSize;
-                     }
-                     payload.write(plaintext.data() + start, plaintext.size() - start);
-                 });
+    image.file().readPieces(kInitialisationVectorSize, image.contentSize(),
+                            [&](const unsigned char* data, std::size_t length) {
+                                const Bytes& plaintext = cipher.update(data, length);
+                                std::size_t start = 0;
+                                // The first piece holds the whole version header, or there is none.
+                                // A wrong key is found before the long rest.
+                                if (version.empty() && plaintext.size() >= kVersionHeaderSize) {
+                                    version = decodeVersion(plaintext, path);
+                                    start = kVersionHeaderSize;
+                                }
+                                payload.write(plaintext.data() + start, plaintext.size() - start);
+                            });
     const std::optional<Bytes> lastBytes = cipher.finish();
     if (!lastBytes) {
         throw ImageError(ImageFault::kKey,
