@@ -8,7 +8,8 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include "base/once.h"
+#include <atomic>
+
 #include "helpers/mount/mount-log.h"
 #include "helpers/mount/policy.h"
 #include "helpers/shared/failure.h"
@@ -85,8 +86,8 @@ void makeLoopNode(unsigned number)
         unlink(node.c_str());
         throw failure;
     }
-    static Once said;
-    if (said.first()) {
+    static std::atomic_flag said = ATOMIC_FLAG_INIT;
+    if (!said.test_and_set()) {
         PRIVILEGED_LOGI("%s: no label, the kernel knows none there", node.c_str());
     }
 }

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <exception>
 
-#include "base/once.h"
 #include "platform/linux/download-entry.h"
 #include "platform/log/platform-log.h"
 
@@ -25,8 +24,8 @@ Download openDownload()
     dlerror();
     void* library = dlopen((place + "quillon/libquillon-download.so").c_str(), RTLD_NOW);
     void* entry = library != nullptr ? dlsym(library, "quillon_download_package") : nullptr;
-    static quillon::Once said;
-    if (entry == nullptr && said.first()) {
+    static std::atomic_flag said = ATOMIC_FLAG_INIT;
+    if (entry == nullptr && !said.test_and_set()) {
         const char* reason = dlerror();
         PLATFORM_LOGE("there is no package download: %s", reason != nullptr ? reason : "no entry");
     }

@@ -3,10 +3,10 @@
 #include <sys/types.h>
 #include <sys/un.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
-#include "base/once.h"
 #include "platform/linux/helper-connection.h"
 #include "platform/log/platform-log.h"
 #include "platform/protocols/mount-protocol.h"
@@ -44,8 +44,8 @@ bool ask(const char* call, const Request& request, Answer& answer)
     static quillon::HelperPatience patience;
     HelperConnection connection(patience);
     if (!connection.open(QUILLON_PRIVILEGED_SOCKET)) {
-        static quillon::Once said;
-        if (said.first()) {
+        static std::atomic_flag said = ATOMIC_FLAG_INIT;
+        if (!said.test_and_set()) {
             PLATFORM_LOGE("%s: no privileged helper at " QUILLON_PRIVILEGED_SOCKET ": %m", call);
         }
         return false;

@@ -5,11 +5,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <string>
 
 #include "base/fd.h"
-#include "base/once.h"
 #include "base/regular-file.h"
 #include "base/replace-file.h"
 #include "platform/log/platform-log.h"
@@ -103,8 +103,8 @@ StoreResult writeFile(const std::string& file, const SecretBytes& bytes)
 
 StoreResult storeRaw(const std::string& name, const SecretBytes& bytes)
 {
-    static Once said;
-    if (said.first()) {
+    static std::atomic_flag said = ATOMIC_FLAG_INIT;
+    if (!said.test_and_set()) {
         PLATFORM_LOGI("no " QUILLON_SYSTEMD_CREDS
                       ": items are stored unsealed, protected by their files' mode only");
     }
