@@ -1,6 +1,7 @@
 #include "platform/secure-storage.h"
 
-#include <cstddef>
+#include <malloc.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -14,12 +15,6 @@
 namespace quillon {
 namespace {
 
-// Stands in front of every buffer, since giving one back has to know how much to wipe.
-struct alignas(std::max_align_t) BufferHead
-{
-    std::size_t size;
-};
-
 /// The helper where there is one; it may be the only one with the right to the storage.
 int read(const char* item, SecretBytes& bytes)
 {
@@ -29,14 +24,12 @@ int read(const char* item, SecretBytes& bytes)
 
 unsigned char* makeBuffer(const SecretBytes& bytes)
 {
-    auto* head = static_cast<BufferHead*>(std::malloc(sizeof(BufferHead) + bytes.size()));
-    if (head == nullptr) {
+    auto* data = static_cast<unsigned char*>(std::malloc(bytes.size()));
+    if (data == nullptr) {
         throw std::bad_alloc();
     }
-    head->size = bytes.size();
-    void* data = head + 1;
     std::memcpy(data, bytes.data(), bytes.size());
-    return static_cast<unsigned char*>(data);
+    return data;
 }
 
 }  // namespace
@@ -79,11 +72,6 @@ int ss_read(unsigned char** data, size_t* size, int /*reserved0*/, int /*reserve
 
 void ss_free_buffer(unsigned char* data)
 {
-    using quillon::BufferHead;
-    if (data == nullptr) {
-        return;
-    }
-    void* memory = data - sizeof(BufferHead);
-    explicit_bzero(memory, sizeof(BufferHead) + static_cast<BufferHead*>(memory)->size);
-    std::free(memory);
+    explicit_bzero(data, malloc_usable_size(data));  // 0 for null
+    std::free(data);
 }
