@@ -1,8 +1,7 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <future>
 
 namespace quillon {
 
@@ -10,31 +9,20 @@ namespace quillon {
 class DownloadCancel
 {
 public:
-    void request()
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        requested_ = true;
-        changed_.notify_all();
-    }
-
-    bool requested() const
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        return requested_;
-    }
+    /// To be called once.
+    void request() { request_.set_value(); }
+    bool requested() const { return waitFor(std::chrono::seconds::zero()); }
 
     /// Waits for that time, or less when the request comes.
     /// @return requested()
-    bool waitFor(std::chrono::seconds time)
+    bool waitFor(std::chrono::seconds time) const
     {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, time, [this] { return requested_; });
+        return requested_.wait_for(time) == std::future_status::ready;
     }
 
 private:
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    bool requested_ = false;
+    std::promise<void> request_;
+    const std::future<void> requested_ = request_.get_future();
 };
 
 }  // namespace quillon
