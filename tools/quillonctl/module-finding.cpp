@@ -3,14 +3,11 @@
 #include <algorithm>
 #include <map>
 
+#include "base/alphanumeric.h"
+
 namespace quillon {
 
 namespace {
-
-bool isLetterOrDigit(char c)
-{
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
 
 std::string defectOfIdentifier(const std::string& identifier)
 {

@@ -51,11 +51,7 @@ constexpr milliseconds kShortWait(2);
 constexpr milliseconds kUsualWait(300);
 constexpr milliseconds kBetweenLooks(1000);
 
-struct CloseSemaphore
-{
-    void operator()(sem_t* semaphore) const { sem_close(semaphore); }
-};
-using UniqueSemaphore = std::unique_ptr<sem_t, CloseSemaphore>;
+using UniqueSemaphore = std::unique_ptr<sem_t, ReleaseWith<&sem_close>>;
 
 timespec after(milliseconds time)
 {
