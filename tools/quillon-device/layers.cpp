@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "tools/quillon-device/device-paths.h"
-#include "tools/quillon-device/mirror.h"
 #include "tools/quillon-device/mounts.h"
 #include "tools/quillon-device/setup-error.h"
 
@@ -40,6 +39,77 @@ std::vector<std::string> resolvedAll(std::vector<std::string> paths)
         path = resolved(path);
     }
     return paths;
+}
+
+bool staysWritable(const std::string& host, fs::perms mode)
+{
+    return isWithin(host, "/tmp") || (mode & fs::perms::others_write) != fs::perms::none;
+}
+
+void bindEntry(const std::string& host, const std::string& target, const fs::file_status& status)
+{
+    if (fs::is_directory(status)) {
+        makeDirectoryLike(target, host);
+    } else {
+        makeFile(target);
+    }
+    if (!bindTree(host, target)) {
+        std::error_code ignored;  // the entry went away meanwhile, as entries of /tmp do
+        fs::remove(target, ignored);
+        return;
+    }
+    if (!staysWritable(host, status.permissions())) {
+        makeReadOnly(target);
+    }
+}
+
+/// Builds in `mirror` what an overlay over `host` would show, for where there can be no overlay:
+/// the directory itself and those on the way to one of `directories` are made anew, their other
+/// entries are bound from the host. Bound entries are read-only outside of /tmp and of
+/// world-writable directories.
+/// @param mirror       made here; a place on a private file system
+/// @param directories  made as empty directories; those outside of `host` do not matter
+/// @param hidden       host entries that are not shown: a directory is empty, anything else absent
+void mirrorDirectory(const std::string& host, const std::string& mirror,
+                     const std::vector<std::string>& directories,
+                     const std::vector<std::string>& hidden);
+
+void mirrorEntry(const std::string& host, const std::string& target,
+                 const std::vector<std::string>& directories,
+                 const std::vector<std::string>& hidden)
+{
+    std::error_code gone;
+    const fs::file_status status = fs::symlink_status(host, gone);
+    if (std::find(hidden.begin(), hidden.end(), host) != hidden.end()) {
+        if (fs::is_directory(status)) {
+            makeDirectoryLike(target, host);
+        }
+    } else if (fs::is_symlink(status)) {
+        const fs::path goal = fs::read_symlink(host, gone);
+        if (!gone) {
+            fs::create_symlink(goal, target);
+        }
+    } else if (fs::is_directory(status) && isOnTheWay(host, directories)) {
+        mirrorDirectory(host, target, directories, hidden);
+    } else if (fs::exists(status)) {
+        bindEntry(host, target, status);
+    }
+}
+
+void mirrorDirectory(const std::string& host, const std::string& mirror,
+                     const std::vector<std::string>& directories,
+                     const std::vector<std::string>& hidden)
+{
+    makeDirectoryLike(mirror, host);
+    for (const fs::directory_entry& entry : fs::directory_iterator(host)) {
+        mirrorEntry(entry.path().string(), mirror + "/" + entry.path().filename().string(),
+                    directories, hidden);
+    }
+    for (const std::string& directory : directories) {
+        if (directory != host && isWithin(directory, host)) {
+            fs::create_directories(mirror + directory.substr(host.size()));
+        }
+    }
 }
 
 /// The layer that `path` belongs to; they are ordered from the outermost inwards.
