@@ -61,23 +61,6 @@ bool prepare(EVP_PKEY_CTX* context, const EVP_MD* digest)
     return useImagePadding(context, digest) && EVP_PKEY_CTX_set_signature_md(context, digest) == 1;
 }
 
-ImageTrailer sign(ImageTrailer trailer, const ContentDigest& content, const ImagePurpose& purpose,
-                  EVP_PKEY* key)
-{
-    trailer.keyId = keyIdOf(key);
-    const Bytes digest = signedDigest(trailer, content, purpose);
-    const UniqueKeyContext context(EVP_PKEY_CTX_new(key, nullptr));
-    std::size_t length = trailer.signature.size();
-    if (!context || EVP_PKEY_sign_init(context.get()) != 1 ||
-        !prepare(context.get(), digestOf(trailer)) ||
-        EVP_PKEY_sign(context.get(), trailer.signature.data(), &length, digest.data(),
-                      digest.size()) != 1 ||
-        length != trailer.signature.size()) {
-        throw ImageError(ImageFault::kKey, "signing key cannot sign");
-    }
-    return trailer;
-}
-
 }  // namespace
 
 bool isModelName(const std::string& text)
@@ -104,19 +87,28 @@ bool useImagePadding(EVP_PKEY_CTX* context, const EVP_MD* digest)
            EVP_PKEY_CTX_set_rsa_mgf1_md(context, digest) == 1;
 }
 
-ImageTrailer signImage(const ContentDigest& content, EVP_PKEY* key)
-{
-    return sign(ImageTrailer(), content, ImagePurpose(), key);
-}
-
-ImageTrailer signImage(const ContentDigest& content, const ImagePurpose& purpose, EVP_PKEY* key)
+ImageTrailer signImage(const ContentDigest& content, const std::optional<ImagePurpose>& purpose,
+                       EVP_PKEY* key)
 {
     ImageTrailer trailer;
-    trailer.format = 2;
-    trailer.counter = purpose.counter;
-    trailer.moduleCheck = checkValueOf(purpose.module);
-    trailer.modelCheck = checkValueOf(purpose.model);
-    return sign(trailer, content, purpose, key);
+    if (purpose) {
+        trailer.format = 2;
+        trailer.counter = purpose->counter;
+        trailer.moduleCheck = checkValueOf(purpose->module);
+        trailer.modelCheck = checkValueOf(purpose->model);
+    }
+    trailer.keyId = keyIdOf(key);
+    const Bytes digest = signedDigest(trailer, content, purpose.value_or(ImagePurpose()));
+    const UniqueKeyContext context(EVP_PKEY_CTX_new(key, nullptr));
+    std::size_t length = trailer.signature.size();
+    if (!context || EVP_PKEY_sign_init(context.get()) != 1 ||
+        !prepare(context.get(), digestOf(trailer)) ||
+        EVP_PKEY_sign(context.get(), trailer.signature.data(), &length, digest.data(),
+                      digest.size()) != 1 ||
+        length != trailer.signature.size()) {
+        throw ImageError(ImageFault::kKey, "signing key cannot sign");
+    }
+    return trailer;
 }
 
 void requireSignature(const ImageTrailer& trailer, const ContentDigest& content,

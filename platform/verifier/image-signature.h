@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "platform/verifier/image-trailer.h"
@@ -33,14 +34,11 @@ CheckValue checkValueOf(const std::string& text);
 /// @return whether OpenSSL took it.
 bool useImagePadding(EVP_PKEY_CTX* context, const EVP_MD* digest = EVP_sha256());
 
-/// Makes a trailer of format 1.
+/// Makes a trailer of format 2 for a purpose, without one of format 1.
 /// @param key  an RSA-4096 private key
 /// @throws ImageError with ImageFault::kKey when the key cannot sign.
-ImageTrailer signImage(const ContentDigest& content, EVP_PKEY* key);
-
-/// Makes a trailer of format 2.
-/// @throws ImageError with ImageFault::kKey when the key cannot sign.
-ImageTrailer signImage(const ContentDigest& content, const ImagePurpose& purpose, EVP_PKEY* key);
+ImageTrailer signImage(const ContentDigest& content, const std::optional<ImagePurpose>& purpose,
+                       EVP_PKEY* key);
 
 /// Checks a trailer's signature.
 /// @param path     the file that ends in the trailer, for the error's line only

@@ -118,8 +118,7 @@ public:
     {
         ContentDigest content{};
         require(EVP_DigestFinal_ex(digest_.get(), content.data(), nullptr) == 1);
-        const TrailerBytes bytes =
-            encodeTrailer(purpose ? signImage(content, *purpose, key) : signImage(content, key));
+        const TrailerBytes bytes = encodeTrailer(signImage(content, purpose, key));
         file_.write(bytes.data(), bytes.size());
         file_.commit();
     }
