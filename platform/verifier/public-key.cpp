@@ -1,7 +1,6 @@
 #include "platform/verifier/public-key.h"
 
 #include <openssl/crypto.h>
-#include <openssl/pem.h>
 #include <openssl/sha.h>
 #include <openssl/x509.h>
 
@@ -43,26 +42,32 @@ std::vector<std::string> pemFilesIn(const std::string& directory, std::error_cod
     return files;
 }
 
-bool isRsa4096(const EVP_PKEY* key)
-{
-    return EVP_PKEY_base_id(key) == EVP_PKEY_RSA && EVP_PKEY_bits(key) == kKeyBits;
-}
-
-UniqueKey loadPublicKey(const std::string& path)
+UniqueKey loadKey(const std::string& path, KeyReader* read, const char* fault)
 {
     const std::string text = readSmallFile(path, kLargestKeyFile);
     const UniqueBio source(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
     if (!source) {
         throw ImageError(ImageFault::kFile, path + ": cannot be read: out of memory");
     }
-    UniqueKey key(PEM_read_bio_PUBKEY(source.get(), nullptr, &refusePassPhrase, nullptr));
+    UniqueKey key(read(source.get(), nullptr, &refusePassPhrase, nullptr));
     if (!key) {
-        throw ImageError(ImageFault::kKey, path + ": not a public key in PEM form");
+        throw ImageError(ImageFault::kKey, path + ": " + fault);
     }
-    if (!isRsa4096(key.get())) {
+    return key;
+}
+
+UniqueKey loadRsa4096(const std::string& path, KeyReader* read, const char* fault)
+{
+    UniqueKey key = loadKey(path, read, fault);
+    if (EVP_PKEY_base_id(key.get()) != EVP_PKEY_RSA || EVP_PKEY_bits(key.get()) != kKeyBits) {
         throw ImageError(ImageFault::kKey, path + ": not an RSA key of 4096 bits");
     }
     return key;
+}
+
+UniqueKey loadPublicKey(const std::string& path)
+{
+    return loadRsa4096(path, &PEM_read_bio_PUBKEY, "not a public key in PEM form");
 }
 
 KeyId keyIdOf(const EVP_PKEY* key)

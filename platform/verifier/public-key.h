@@ -1,5 +1,7 @@
 #pragma once
 
+#include <openssl/pem.h>
+
 #include <string>
 #include <system_error>
 #include <vector>
@@ -8,6 +10,18 @@
 #include "platform/verifier/image-trailer.h"
 
 namespace quillon {
+
+/// PEM_read_bio_PUBKEY or PEM_read_bio_PrivateKey.
+using KeyReader = decltype(PEM_read_bio_PUBKEY);
+
+/// Reads a key file. A private key has no pass phrase.
+/// @param fault  what to say of a file that holds no such key
+/// @return the key, never null.
+/// @throws ImageError : ImageFault::kFile when the file cannot be read, ImageFault::kKey.
+UniqueKey loadKey(const std::string& path, KeyReader* read, const char* fault);
+
+/// As loadKey, and refuses other keys than RSA keys of 4096 bits.
+UniqueKey loadRsa4096(const std::string& path, KeyReader* read, const char* fault);
 
 /// Reads an RSA-4096 public key from a PEM file ("BEGIN PUBLIC KEY").
 /// @return the key, never null.
@@ -18,9 +32,6 @@ UniqueKey loadPublicKey(const std::string& path);
 /// @return the paths of the files "*.pem" in a directory, in the order of their names; none with an
 ///         error when it cannot be read.
 std::vector<std::string> pemFilesIn(const std::string& directory, std::error_code& error);
-
-/// @return whether a key is an RSA key of 4096 bits.
-bool isRsa4096(const EVP_PKEY* key);
 
 /// @return the id by which a trailer names this key.
 /// @throws ImageError with ImageFault::kKey when the key cannot be encoded.

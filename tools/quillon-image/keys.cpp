@@ -1,19 +1,21 @@
 #include "tools/quillon-image/keys.h"
 
+#include <openssl/bn.h>
 #include <openssl/ec.h>
 #include <openssl/pem.h>
 #include <openssl/rand.h>
 #include <openssl/rsa.h>
+#include <openssl/x509v3.h>
 
 #include <algorithm>
 #include <filesystem>
 
+#include "platform/storage/signed-package.h"
 #include "platform/verifier/hex-text.h"
 #include "platform/verifier/image-error.h"
 #include "platform/verifier/input-file.h"
 #include "platform/verifier/public-key.h"
 #include "tools/quillon-image/atomic-file.h"
-#include "tools/quillon-image/provisioning-certificate.h"
 #include "tools/quillon-image/provisioning-package.h"
 
 namespace quillon {
@@ -24,7 +26,17 @@ constexpr std::size_t kImageKeyItemSize = 32;
 constexpr std::size_t kUsedItemSize = 16;
 constexpr int kSigningKeyBits = 4096;
 constexpr char kImageKeyItem[] = "quillon";
+constexpr char kNoPrivateKey[] = "not a private key in PEM form without a pass phrase";
 constexpr int kProvisioningCurve = NID_X9_62_prime256v1;  // P-256
+
+// Of the provisioning certificate:
+constexpr long kVersion3 = 2;  // counted from 0
+constexpr int kSerialBits = 127;
+constexpr char kNeverExpires[] = "99991231235959Z";
+const unsigned char kCertificateName[] = "Quillon provisioning";
+
+using UniqueNumber = std::unique_ptr<BIGNUM, ReleaseWith<&BN_free>>;
+using UniqueExtension = std::unique_ptr<X509_EXTENSION, ReleaseWith<&X509_EXTENSION_free>>;
 
 [[noreturn]] void refuseToCreate(const char* what)
 {
@@ -73,6 +85,57 @@ std::string certificateText(X509* certificate)
 {
     return pemText("provisioning certificate",
                    [certificate](BIO* bio) { return PEM_write_bio_X509(bio, certificate); });
+}
+
+/// Two keys' certificates have the same name, so their numbers have to differ.
+bool setRandomNumber(X509* certificate)
+{
+    const UniqueNumber number(BN_new());
+    return number && BN_rand(number.get(), kSerialBits, BN_RAND_TOP_ONE, BN_RAND_BOTTOM_ANY) == 1 &&
+           BN_to_ASN1_INTEGER(number.get(), X509_get_serialNumber(certificate)) != nullptr;
+}
+
+bool setNames(X509* certificate)
+{
+    X509_NAME* name = X509_get_subject_name(certificate);
+    return X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, kCertificateName, -1, -1, 0) == 1 &&
+           X509_set_issuer_name(certificate, name) == 1;
+}
+
+bool setTimes(X509* certificate)
+{
+    return X509_gmtime_adj(X509_getm_notBefore(certificate), 0) != nullptr &&
+           ASN1_TIME_set_string(X509_getm_notAfter(certificate), kNeverExpires) == 1;
+}
+
+bool addExtension(X509* certificate, int id, const char* value)
+{
+    X509V3_CTX context;
+    X509V3_set_ctx_nodb(&context);
+    X509V3_set_ctx(&context, certificate, certificate, nullptr, nullptr, 0);
+    const UniqueExtension extension(X509V3_EXT_conf_nid(nullptr, &context, id, value));
+    return extension && X509_add_ext(certificate, extension.get(), -1) == 1;
+}
+
+/// Makes a certificate for a maker's provisioning key, signed by that key itself. It is good for
+/// signatures only, names the purpose of provisioning, does not vouch for other certificates and
+/// never expires.
+UniqueCertificate createProvisioningCertificate(EVP_PKEY* key)
+{
+    UniqueCertificate certificate(X509_new());
+    X509* made = certificate.get();
+    const bool done = made != nullptr && X509_set_version(made, kVersion3) == 1 &&
+                      setRandomNumber(made) && setNames(made) && setTimes(made) &&
+                      X509_set_pubkey(made, key) == 1 &&
+                      addExtension(made, NID_basic_constraints, "critical,CA:FALSE") &&
+                      addExtension(made, NID_key_usage, "critical,digitalSignature") &&
+                      addExtension(made, NID_ext_key_usage, kProvisioningPurpose) &&
+                      addExtension(made, NID_subject_key_identifier, "hash") &&
+                      X509_sign(made, key, EVP_sha256()) > 0;
+    if (!done) {
+        throw ImageError(ImageFault::kKey, "provisioning certificate cannot be made");
+    }
+    return certificate;
 }
 
 std::string createImageKeyItem()
@@ -135,26 +198,12 @@ ImageKey loadImageKey(const std::string& path)
 
 UniqueKey loadPrivateKey(const std::string& path)
 {
-    const std::string text = readSmallFile(path, kLargestFile);
-    const UniqueBio source(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
-    UniqueKey key;
-    if (source) {
-        key.reset(PEM_read_bio_PrivateKey(source.get(), nullptr, &refusePassPhrase, nullptr));
-    }
-    if (!key) {
-        throw ImageError(ImageFault::kKey,
-                         path + ": not a private key in PEM form without a pass phrase");
-    }
-    return key;
+    return loadKey(path, &PEM_read_bio_PrivateKey, kNoPrivateKey);
 }
 
 UniqueKey loadSigningKey(const std::string& path)
 {
-    UniqueKey key = loadPrivateKey(path);
-    if (!isRsa4096(key.get())) {
-        throw ImageError(ImageFault::kKey, path + ": not an RSA key of 4096 bits");
-    }
-    return key;
+    return loadRsa4096(path, &PEM_read_bio_PrivateKey, kNoPrivateKey);
 }
 
 void createKeys(const std::string& directory, bool replace)
