@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "base/fd.h"
+#include "base/signals-blocked.h"
 #include "helpers/mount/handle-request.h"
 #include "helpers/mount/listening-socket.h"
 #include "helpers/mount/mount-log.h"
@@ -39,10 +40,7 @@ constexpr const char* kHelp =
 /// Readable once we are told to end.
 UniqueFd endSignal()
 {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
+    const sigset_t signals = signalSet({SIGTERM, SIGINT});
     UniqueFd end;
     if (sigprocmask(SIG_BLOCK, &signals, nullptr) == 0) {
         end = UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC));

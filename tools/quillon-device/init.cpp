@@ -11,6 +11,7 @@
 #include <cstring>
 #include <optional>
 
+#include "base/signals-blocked.h"
 #include "tools/quillon-device/setup-error.h"
 
 namespace quillon::device {
@@ -19,12 +20,7 @@ namespace {
 
 sigset_t handledSignals()
 {
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int number : {SIGCHLD, SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2}) {
-        sigaddset(&set, number);
-    }
-    return set;
+    return signalSet({SIGCHLD, SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2});
 }
 
 void fixAddresses()

@@ -2,8 +2,6 @@
 
 #include <signal.h>
 
-#include <initializer_list>
-
 namespace quillon {
 
 using SignalHandler = void (*)(int);
@@ -23,16 +21,6 @@ inline SignalHandler handlerOf(int signal)
 {
     struct sigaction action = {};
     return sigaction(signal, nullptr, &action) == 0 ? action.sa_handler : SIG_ERR;
-}
-
-inline sigset_t signalSet(std::initializer_list<int> signals)
-{
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int signal : signals) {
-        sigaddset(&set, signal);
-    }
-    return set;
 }
 
 }  // namespace quillon
