@@ -40,8 +40,7 @@ Certificates loadCertificateFile(const std::string& path)
     return certificates;
 }
 
-Certificates loadCertificates(const std::string& directory,
-                              const std::function<void(const std::string&)>& complain)
+Certificates loadCertificates(const std::string& directory, const Complain& complain)
 {
     std::error_code problem;
     const std::vector<std::string> paths = pemFilesIn(directory, problem);

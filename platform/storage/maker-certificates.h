@@ -2,11 +2,11 @@
 
 #include <openssl/x509.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "base/handles.h"
+#include "platform/verifier/image-error.h"
 
 namespace quillon {
 
@@ -16,15 +16,12 @@ using Certificates = std::vector<UniqueCertificate>;
 /// Reads the certificates of a PEM file, in their order; other things in the file are passed over.
 /// @return at least one.
 /// @throws ImageError: ImageFault::kFile when the file cannot be read, ImageFault::kKey when there
-/// is
-///         no certificate in it or one that cannot be understood.
+///         is no certificate in it or one that cannot be understood.
 Certificates loadCertificateFile(const std::string& path);
 
 /// Reads the certificates of all files *.pem in a directory.
-/// @param complain  called with one line for each file that is of no use and is passed over
 /// @return none when the directory is missing or has none.
 /// @throws ImageError with ImageFault::kFile when the directory cannot be read.
-Certificates loadCertificates(const std::string& directory,
-                              const std::function<void(const std::string&)>& complain);
+Certificates loadCertificates(const std::string& directory, const Complain& complain);
 
 }  // namespace quillon

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <stdexcept>
 #include <string>
 
@@ -29,6 +30,10 @@ public:
 private:
     ImageFault fault_;
 };
+
+/// Called with one line for each file of a directory that is of no use and is passed over: such a
+/// file must not lock the good ones out.
+using Complain = std::function<void(const std::string& line)>;
 
 /// @return the error of a file that does not carry the signature that it should.
 inline ImageError notSigned(const std::string& path, const std::string& reason)

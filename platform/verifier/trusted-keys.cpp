@@ -12,8 +12,7 @@ namespace quillon {
 namespace {
 
 /// @return null for a key file that is of no use.
-UniqueKey loadUsableKey(const std::string& path,
-                        const std::function<void(const std::string&)>& complain)
+UniqueKey loadUsableKey(const std::string& path, const Complain& complain)
 {
     try {
         return loadPublicKey(path);
@@ -28,8 +27,7 @@ UniqueKey loadUsableKey(const std::string& path,
 std::string requireTrustedSignature(const ImageTrailer& trailer, const std::string& path,
                                     const ImagePurpose& purpose,
                                     const std::function<ContentDigest()>& digest,
-                                    const std::string& directory,
-                                    const std::function<void(const std::string&)>& complain)
+                                    const std::string& directory, const Complain& complain)
 {
     std::error_code problem;
     const std::vector<std::string> keyPaths = pemFilesIn(directory, problem);

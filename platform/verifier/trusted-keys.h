@@ -3,6 +3,7 @@
 #include <functional>
 #include <string>
 
+#include "platform/verifier/image-error.h"
 #include "platform/verifier/image-signature.h"
 
 namespace quillon {
@@ -14,14 +15,11 @@ namespace quillon {
 /// @param purpose   what a trailer of format 2 has to be made for
 /// @param digest    called once there is a key to check with, so that a file which nobody trusted
 ///                  signed is not read; what it throws comes through
-/// @param complain  called with one line for each key file that is of no use and is passed over:
-///                  such a file must not lock the good keys out
 /// @return path of the key that signed the content.
 /// @throws ImageError with ImageFault::kSignature when no key has the id or its signature is wrong.
 std::string requireTrustedSignature(const ImageTrailer& trailer, const std::string& path,
                                     const ImagePurpose& purpose,
                                     const std::function<ContentDigest()>& digest,
-                                    const std::string& directory,
-                                    const std::function<void(const std::string&)>& complain);
+                                    const std::string& directory, const Complain& complain);
 
 }  // namespace quillon

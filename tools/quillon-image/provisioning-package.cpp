@@ -47,9 +47,9 @@ std::optional<ProvisioningPackageInfo> inspectProvisioningPackage(const std::str
     }
 }
 
-ProvisioningPackageInfo verifyProvisioningPackage(
-    const std::string& path, const std::string& directory, bool wantsPurpose,
-    const std::function<void(const std::string&)>& complain)
+ProvisioningPackageInfo verifyProvisioningPackage(const std::string& path,
+                                                  const std::string& directory, bool wantsPurpose,
+                                                  const Complain& complain)
 {
     const std::string package = readSmallFile(path, kLargestPackage);
     const Certificates trusted = loadCertificates(directory, complain);

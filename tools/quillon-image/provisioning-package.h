@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstddef>
-#include <functional>
 #include <optional>
 #include <string>
 
@@ -40,11 +39,9 @@ std::optional<ProvisioningPackageInfo> inspectProvisioningPackage(const std::str
 /// Checks a package as a device does.
 /// @param directory    with the certificates (*.pem) that are trusted
 /// @param wantsPurpose  as of openSignedPackage
-/// @param complain      called with one line for each file in it that is of no use and is passed
-///                      over
 /// @throws ImageError: ImageFault::kFile, ImageFault::kFormat, ImageFault::kSignature.
-ProvisioningPackageInfo verifyProvisioningPackage(
-    const std::string& path, const std::string& directory, bool wantsPurpose,
-    const std::function<void(const std::string&)>& complain);
+ProvisioningPackageInfo verifyProvisioningPackage(const std::string& path,
+                                                  const std::string& directory, bool wantsPurpose,
+                                                  const Complain& complain);
 
 }  // namespace quillon

@@ -4,7 +4,6 @@
 #include <openssl/rand.h>
 
 #include <algorithm>
-#include <utility>
 #include <vector>
 
 #include "platform/verifier/image-error.h"
@@ -306,8 +305,7 @@ void verifyStickImage(const std::string& path, const std::string& publicKeyPath,
 }
 
 std::string verifyStickImageByDirectory(const std::string& path, const std::string& directory,
-                                        const std::function<void(const std::string&)>& complain,
-                                        const TrustPolicy& policy)
+                                        const Complain& complain, const TrustPolicy& policy)
 {
     const SignedFile image = openStickImage(path);
     return requireTrustedSignature(

@@ -10,10 +10,10 @@
 
 #include <array>
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 
+#include "platform/verifier/image-error.h"
 #include "platform/verifier/image-trailer.h"
 #include "platform/verifier/trust-policy.h"
 #include "tools/quillon-image/keys.h"
@@ -87,10 +87,8 @@ void verifyStickImage(const std::string& path, const std::string& publicKeyPath,
 /// Checks an image against a policy and its signature against the keys (*.pem) in a directory, as a
 /// device does.
 /// @return path of the key that signed it.
-/// @param complain  called with one line for each key file that is of no use and is passed over
 /// @throws ImageError as verifyStickImage.
 std::string verifyStickImageByDirectory(const std::string& path, const std::string& directory,
-                                        const std::function<void(const std::string&)>& complain,
-                                        const TrustPolicy& policy = {});
+                                        const Complain& complain, const TrustPolicy& policy = {});
 
 }  // namespace quillon
