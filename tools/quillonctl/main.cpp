@@ -1,7 +1,9 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <iostream>
+#include <map>
 #include <string>
 
 #include "tools/quillonctl/modules/foreign-end.h"
@@ -177,23 +179,20 @@ ExitCode runModuleVerb(const std::string& verb, const Arguments& arguments)
     ModuleReport report(output, !redraw);
     ModuleVerbs verbs(report, std::chrono::milliseconds(250));
     const ModuleSource& source = *findModuleSource(arguments.source);
+    const std::string& name = arguments.module;
+    const std::map<std::string, std::function<ExitCode()>> run = {
+        {"list", [&] { return verbs.list(); }},
+        {"check", [&] { return verbs.check(source); }},
+        {"update",
+         [&] { return arguments.all ? verbs.updateAll(source) : verbs.update(name, source); }},
+        {"version", [&] { return verbs.version(name); }},
+        {"progress", [&] { return verbs.progress(name); }},
+        {"unlock", [&] { return verbs.unlock(); }},
+        {"download", [&] { return verbs.download(); }},
+    };
     ExitCode code = kExitSuccess;
     try {
-        if (verb == "list") {
-            code = verbs.list();
-        } else if (verb == "check") {
-            code = verbs.check(source);
-        } else if (verb == "update") {
-            code = arguments.all ? verbs.updateAll(source) : verbs.update(arguments.module, source);
-        } else if (verb == "version") {
-            code = verbs.version(arguments.module);
-        } else if (verb == "progress") {
-            code = verbs.progress(arguments.module);
-        } else if (verb == "unlock") {
-            code = verbs.unlock();
-        } else {
-            code = verbs.download();
-        }
+        code = run.at(verb)();
     } catch (const Failure& failure) {
         takeOverTheEnd();
         report.error(failure.code, failure.text);
