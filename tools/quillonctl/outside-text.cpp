@@ -30,17 +30,13 @@ std::size_t lengthOf(unsigned char first)
     return first >= 0xF0 && first < 0xF5 ? 4 : 0;
 }
 
-/// @param length  bytes that it was written with
-bool isHarmless(gunichar character, std::size_t length)
+bool isHarmless(gunichar character)
 {
-    const bool isOverlong =
-        static_cast<std::size_t>(g_unichar_to_utf8(character, nullptr)) != length;
     const bool breaksLine = character == 0x2028 || character == 0x2029;
     const bool turns = character == 0x061C || character == 0x200E || character == 0x200F ||
                        (character >= 0x202A && character <= 0x202E) ||
                        (character >= 0x2066 && character <= 0x2069);
-    return g_unichar_validate(character) != FALSE && g_unichar_iscntrl(character) == FALSE &&
-           !isOverlong && !breaksLine && !turns;
+    return g_unichar_iscntrl(character) == FALSE && !breaksLine && !turns;
 }
 
 }  // namespace
@@ -56,7 +52,8 @@ std::string printable(const std::string& text)
             std::all_of(text.begin() + static_cast<std::ptrdiff_t>(at + 1),
                         text.begin() + static_cast<std::ptrdiff_t>(at + length), isContinuation);
         const std::size_t taken = isWhole ? length : 1;
-        if (isWhole && isHarmless(g_utf8_get_char(&text[at]), length)) {
+        if (isWhole && g_utf8_validate(&text[at], static_cast<gssize>(length), nullptr) != FALSE &&
+            isHarmless(g_utf8_get_char(&text[at]))) {
             shown.append(text, at, length);
         } else {
             shown += '?';
