@@ -89,8 +89,7 @@ std::int64_t bodySizeOf(CURL* transfer)
 }
 
 /// @return the size of the whole file, when the body is all of it from that byte on; 0 for any
-/// other
-///         range, or none
+///         other range, or none
 std::uint64_t wholeSizeOf(CURL* transfer, std::uint64_t offset)
 {
     const std::string value = headerOf(transfer, "Content-Range");

@@ -33,8 +33,7 @@ struct ModuleCheck
 /// published; the packages stay mounted.
 ///
 /// @return one for each module, in the registry's order. Throws Failure when the program is asked
-/// to
-///         end, and when the update list cannot be published.
+///         to end, and when the update list cannot be published.
 std::vector<ModuleCheck> checkModules(const ModuleSource& source);
 
 /// What the latest check of this module came to.
