@@ -38,17 +38,6 @@ bool takeLine(std::string_view& bytes, std::string_view label, std::string_view&
     return true;
 }
 
-/// @param line  "MODULE NUMBER"
-bool takeFloor(std::string_view line, Floors& floors)
-{
-    const std::size_t blank = line.find(' ');
-    const std::string module(line.substr(0, blank));
-    std::uint32_t floor = 0;
-    return blank != std::string_view::npos && isModuleName(module) &&
-           parseFloor(std::string(line.substr(blank + 1)), floor) &&
-           floors.emplace(module, floor).second;
-}
-
 }  // namespace
 
 bool isItemName(std::string_view name)
@@ -68,7 +57,7 @@ const char* parseProvisioningContent(std::string_view bytes, ProvisioningContent
         return "its second line has no valid name of an item";
     }
     while (takeLine(bytes, kFloorLabel, line)) {
-        if (!takeFloor(line, content.floors)) {
+        if (!addFloor(content.floors, std::string(line), ' ')) {
             return "a line is not \"floor MODULE NUMBER\" with a module's name, once for each "
                    "module";
         }

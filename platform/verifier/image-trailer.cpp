@@ -113,9 +113,4 @@ std::string keyIdText(const ImageTrailer& trailer)
     return hexText(trailer.keyId.data(), keyIdSize(trailer));
 }
 
-std::string toText(const KeyId& keyId)
-{
-    return hexText(keyId.data(), keyId.size());
-}
-
 }  // namespace quillon

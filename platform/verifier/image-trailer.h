@@ -71,7 +71,4 @@ bool namesKey(const ImageTrailer& trailer, const KeyId& keyId);
 /// @return what the trailer says about its key, in lowercase hexadecimal digits.
 std::string keyIdText(const ImageTrailer& trailer);
 
-/// @return the sixteen lowercase hexadecimal digits of a key id.
-std::string toText(const KeyId& keyId);
-
 }  // namespace quillon

@@ -27,6 +27,15 @@ bool parseFloor(const std::string& text, std::uint32_t& floor)
     return error == std::errc() && stop == end && text.size() <= kMostDigits;
 }
 
+bool addFloor(Floors& floors, const std::string& text, char separator)
+{
+    const std::size_t end = text.find(separator);
+    const std::string module = text.substr(0, end);
+    std::uint32_t floor = 0;
+    return end != std::string::npos && isModuleName(module) &&
+           parseFloor(text.substr(end + 1), floor) && floors.emplace(module, floor).second;
+}
+
 void raiseFloors(Floors& floors, const Floors& others)
 {
     for (const auto& [module, floor] : others) {

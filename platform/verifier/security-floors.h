@@ -16,6 +16,10 @@ bool isModuleName(const std::string& text);
 /// @return false for anything else.
 bool parseFloor(const std::string& text, std::uint32_t& floor);
 
+/// Adds the floor that a text "MODULE<separator>NUMBER" names.
+/// @return false for any other text, and for a module that has a floor already.
+bool addFloor(Floors& floors, const std::string& text, char separator);
+
 /// Raises floors to those of others that are higher; lowers none.
 void raiseFloors(Floors& floors, const Floors& others);
 

@@ -189,11 +189,6 @@ bool hasMark(const InputFile& file, std::uint64_t offset, const std::string& mar
 
 }  // namespace
 
-const char* toText(PackageType type)
-{
-    return type == PackageType::kSquashfs ? "squashfs" : "ext4";
-}
-
 std::string firmwareNameOf(const std::string& packageName)
 {
     const std::size_t mark = packageName.find(kNameMark);

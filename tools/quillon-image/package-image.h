@@ -15,9 +15,6 @@ namespace quillon {
 
 enum class PackageType { kSquashfs, kExt4 };
 
-/// @return the type's name as mount(8) knows it.
-const char* toText(PackageType type);
-
 /// What goes into a package.
 struct PackageContent
 {

@@ -64,7 +64,7 @@ Json::Value describePackage(const std::string& path, PackageType type)
     Json::Value entries;
     entries["package"] = path;
     entries["size"] = static_cast<Json::UInt64>(std::filesystem::file_size(path));
-    entries["type"] = toText(type);
+    entries["type"] = type == PackageType::kSquashfs ? "squashfs" : "ext4";
     return entries;
 }
 
@@ -88,11 +88,7 @@ Floors floorsOf(const std::vector<std::string>& words)
 {
     Floors floors;
     for (const std::string& word : words) {
-        const std::size_t sign = word.find('=');
-        const std::string module = word.substr(0, sign);
-        std::uint32_t floor = 0;
-        if (sign == std::string::npos || !isModuleName(module) ||
-            !parseFloor(word.substr(sign + 1), floor) || !floors.emplace(module, floor).second) {
+        if (!addFloor(floors, word, '=')) {
             throw ImageError(ImageFault::kUsage,
                              "'" + word + "' is not MODULE=NUMBER, once for each module");
         }
@@ -117,7 +113,8 @@ void keygen(const KeygenOptions& options)
     Json::Value entries;
     entries["signingKey"] = (directory / kSigningKeyFile).string();
     entries["publicKey"] = publicKey;
-    entries["keyId"] = toText(keyIdOf(loadPublicKey(publicKey).get()));
+    const KeyId keyId = keyIdOf(loadPublicKey(publicKey).get());
+    entries["keyId"] = hexText(keyId.data(), keyId.size());
     entries["imageKey"] = (directory / kImageKeyFile).string();
     entries["provisioningKey"] = (directory / kProvisioningKeyFile).string();
     entries["provisioningCertificate"] = (directory / kProvisioningCertificateFile).string();
