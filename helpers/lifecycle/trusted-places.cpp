@@ -57,32 +57,21 @@ class Inspection
 public:
     std::vector<std::string> takeFaults() { return std::move(faults_); }
 
-    void inspect(const std::string& place)
-    {
-        const std::string path = resolve(place);
-        if (isDirectory(path)) {
-            inspectEntriesOf(path);
-        }
-    }
+    void inspect(const std::string& place) { inspectEntriesOf(resolve(place)); }
 
 private:
-    /// @return false for a link to one.
-    static bool isDirectory(const std::string& path)
-    {
-        struct stat status = {};
-        return lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-    }
-
+    /// Nothing where there is no directory, or only a link to one.
     void inspectEntriesOf(const std::string& path)
     {
         std::error_code error;
+        if (!fs::is_directory(fs::symlink_status(path, error))) {
+            return;
+        }
         for (fs::directory_iterator entry(path, error), end; !error && entry != end;
              entry.increment(error)) {
             const std::string child = entry->path();
             static_cast<void>(resolve(child));
-            if (isDirectory(child)) {
-                inspectEntriesOf(child);
-            }
+            inspectEntriesOf(child);
         }
         if (error) {
             complain(path, "cannot be read: " + error.message(), "run this as root");
