@@ -28,7 +28,7 @@ constexpr int kPollsForTheGate = 400;
 constexpr int kPollsForOneName = 200;
 
 /// Both belong to the service's user: where it keeps its keys, and its home.
-constexpr std::array<const char*, 2> kServicesDirectories = {"/var/lib/quillon/secure-storage",
+constexpr std::array<const char*, 2> kServicesDirectories = {QUILLON_SECURE_STORAGE,
                                                              "/var/lib/quillon"};
 
 struct flock lockOf(short type, off_t byte, off_t length)
