@@ -2,7 +2,6 @@
 #include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <functional>

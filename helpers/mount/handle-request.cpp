@@ -1,7 +1,6 @@
 #include "helpers/mount/handle-request.h"
 
 #include <new>
-#include <string>
 
 #include "helpers/mount/loop-devices.h"
 #include "helpers/mount/mount-log.h"

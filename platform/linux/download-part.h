@@ -36,13 +36,12 @@ public:
     /// say, or when nothing can be taken up.
     const std::string& validator() const { return validator_; }
 
+    // Each of the next three returns false, with errno telling why, when it could not be done.
+
     /// Drops what has arrived, to begin with a file of that state.
-    /// @return false with errno telling why
     bool restart(const std::string& validator);
-    /// @return false with errno telling why
     bool append(const char* data, std::size_t size);
     /// Syncs the part and gives it the package's name in one step, replacing what was there.
-    /// @return false with errno telling why
     bool place();
     /// Removes part and note. Leaves errno as it was.
     void discard();

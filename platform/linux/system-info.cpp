@@ -3,7 +3,6 @@
 #include <glib.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 
 #include "base/fd.h"

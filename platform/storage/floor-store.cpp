@@ -4,8 +4,6 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
-#include <cerrno>
-
 #include "base/fd.h"
 #include "base/replace-file.h"
 #include "base/secret-bytes.h"
