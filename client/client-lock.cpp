@@ -68,11 +68,26 @@ bool isAt(const std::string& path, const struct stat& opened)
            status.st_ino == opened.st_ino;
 }
 
+/// Whether nothing keeps the file from being the lock. Everybody who can open the lock may give it
+/// a second name, so that alone is no fault. A file that was made for everybody is the lock, or one
+/// that everybody may lock anyway.
+bool isLock(const struct stat& status)
+{
+    return status.st_nlink == 1 || (status.st_mode & ALLPERMS) == kEveryonesFile;
+}
+
+/// A file with a second name may be somebody's data: it is only locked, neither read nor written.
+bool keepsHolder(int file)
+{
+    struct stat status = {};
+    return fstat(file, &status) == 0 && status.st_nlink == 1;
+}
+
 Error busy(int file)
 {
     char text[32] = {};
     long holder = 0;
-    if (pread(file, text, sizeof text - 1, 0) > 0) {
+    if (keepsHolder(file) && pread(file, text, sizeof text - 1, 0) > 0) {
         holder = std::strtol(text, nullptr, 10);
     }
     std::string who = "another client is using the update service";
@@ -84,12 +99,17 @@ Error busy(int file)
 
 void eraseHolder(int file)
 {
-    [[maybe_unused]] const int result = ftruncate(file, 0);
+    if (keepsHolder(file)) {
+        [[maybe_unused]] const int result = ftruncate(file, 0);
+    }
 }
 
 void writeHolder(int file)
 {
     // Only a help for people: the lock holds without it.
+    if (!keepsHolder(file)) {
+        return;
+    }
     const std::string text = std::to_string(getpid()) + "\n";
     eraseHolder(file);
     [[maybe_unused]] const ssize_t written = pwrite(file, text.data(), text.size(), 0);
@@ -106,13 +126,13 @@ Error ClientLock::acquire(const std::string& path, const Deadline& deadline)
         if (!file) {
             return cannotOpen(path, errno);
         }
-        // Anybody may have put anything here. Nothing is done to a file before it is known to be no
-        // other one's: a hard link would have us write into somebody's data.
+        // Anybody may have put anything here.
         struct stat status = {};
-        if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink > 1) {
-            return unusable(path, S_ISREG(status.st_mode)
-                                      ? "it is another name of a file that has more than one"
-                                      : kNotRegular);
+        if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+            return unusable(path, kNotRegular);
+        }
+        if (!isLock(status)) {
+            return unusable(path, "it is another name of a file that is not open to everybody");
         }
         const bool isFree = flock(file.get(), LOCK_EX | LOCK_NB) == 0;
         if (isFree && isAt(path, status)) {

@@ -22,8 +22,9 @@ public:
     ClientLock& operator=(const ClientLock&) = delete;
 
     /// Takes the lock on `path`, trying until the deadline has passed. The file is made when it is
-    /// missing, writable for everyone whatever the umask. What is no regular file, a symbolic or a
-    /// hard link to another file, and what may not be opened is refused and left as it is.
+    /// missing, writable for everyone whatever the umask. What is no regular file, a symbolic link,
+    /// and what may not be opened is refused and left as it is. A file with a second name is only
+    /// locked, neither read nor written, and refused unless its mode is 0666.
     /// @return kBusy with the holder's process id when it is known; kSystem, with who has to remove
     ///         what when something is in the way
     Error acquire(const std::string& path, const Deadline& deadline);

@@ -44,6 +44,7 @@ protected:
     ClientLockPlace() { unlink(path.c_str()); }
     ~ClientLockPlace() override
     {
+        unlink(foreign.c_str());
         unlink(path.c_str());
         rmdir(path.c_str());
     }
@@ -66,11 +67,53 @@ protected:
 TEST_F(ClientLockPlace, WithAHardLinkToAForeignFileIsRefusedAndTheFileUntouched)
 {
     std::ofstream(foreign) << "not ours";
+    ASSERT_EQ(chmod(foreign.c_str(), 0644), 0);
     ASSERT_EQ(link(foreign.c_str(), path.c_str()), 0);
 
     EXPECT_THAT(acquire(), isRefused("another name"));
     EXPECT_FALSE(lock.isHeld());
     EXPECT_EQ(readAll(foreign), "not ours");
+}
+
+TEST_F(ClientLockPlace, WithALockThatSomebodyHasGivenASecondNameIsTaken)
+{
+    ASSERT_THAT(acquire(), Succeeded());
+    lock.release();
+    ASSERT_EQ(link(path.c_str(), foreign.c_str()), 0);
+
+    ASSERT_THAT(acquire(), Succeeded());
+
+    ClientLock other;
+    EXPECT_THAT(other.acquire(path, Deadline(std::chrono::milliseconds(0))),
+                FailedWith(ErrorCode::kBusy, "another client is using the update service"));
+    lock.release();
+    EXPECT_THAT(other.acquire(path, Deadline(std::chrono::milliseconds(0))), Succeeded());
+}
+
+TEST_F(ClientLockPlace, WithAHardLinkToAFileThatIsOpenToEverybodyNeverTouchesWhatIsInIt)
+{
+    std::ofstream(foreign) << "12 not ours";
+    ASSERT_EQ(chmod(foreign.c_str(), 0666), 0);
+    ASSERT_EQ(link(foreign.c_str(), path.c_str()), 0);
+
+    ASSERT_THAT(acquire(), Succeeded());
+    EXPECT_EQ(readAll(foreign), "12 not ours");
+    ClientLock other;
+    EXPECT_THAT(other.acquire(path, Deadline(std::chrono::milliseconds(0))),
+                FailedWith(ErrorCode::kBusy, "another client is using the update service"));
+
+    lock.release();
+    EXPECT_EQ(readAll(foreign), "12 not ours");
+}
+
+TEST_F(ClientLockPlace, WithALockThatGetsASecondNameWhileItIsHeldIsGivenUp)
+{
+    ASSERT_THAT(acquire(), Succeeded());
+    ASSERT_EQ(link(path.c_str(), foreign.c_str()), 0);
+
+    lock.release();
+
+    EXPECT_THAT(acquire(), Succeeded());
 }
 
 TEST_F(ClientLockPlace, WithASymbolicLinkIsRefusedAndNothingMade)

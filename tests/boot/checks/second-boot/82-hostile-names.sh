@@ -32,3 +32,8 @@ if [ -e /dev/loop-control ]; then
     holds_payload tuner 2.0
 fi
 as_user nobody quillonctl progress || fail "another user's client cannot take its turn"
+
+as_user nobody ln "$lock" "$lock.second" || fail "a user may not link the lock: adapt this check"
+quillonctl progress || fail "the lock's second name locks root's client out"
+as_user nobody quillonctl progress || fail "the lock's second name locks another user's client out"
+rm -f "$lock.second"
