@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -30,17 +31,43 @@ namespace {
 /// killed.
 constexpr const char* kInUse = "in use";
 
+/// What somebody has put where the lock belongs stays as it is.
+[[noreturn]] void refuseLock(const std::string& path, const std::string& why)
+{
+    struct stat status = {};
+    const bool isThere = ::lstat(path.c_str(), &status) == 0;
+    throw SetupError("the lock " + path + " cannot be used: " + why +
+                     (isThere ? "; if no device runs in place, remove it as root or as user " +
+                                    std::to_string(status.st_uid)
+                              : ""));
+}
+
+/// What keeps a file from being the lock of this user; empty when nothing does.
+std::string faultOf(const struct stat& status)
+{
+    if (!S_ISREG(status.st_mode)) {
+        return "it is no regular file";
+    }
+    if (status.st_uid != ::geteuid()) {
+        return "it belongs to somebody else";
+    }
+    return status.st_nlink == 1 ? "" : "it is another name of a file that has more than one";
+}
+
 /// Holds the lock that lets one device at a time run in place. The file is its record as well.
 class InPlaceLock
 {
 public:
     explicit InPlaceLock(const sigset_t& signalMask)
     {
-        file_ = UniqueFd(::open(path_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-        struct stat info = {};
-        require(file_.get() >= 0 && ::fstat(file_.get(), &info) == 0, path_);
-        if (!S_ISREG(info.st_mode) || info.st_uid != ::geteuid()) {
-            throw SetupError(path_ + " belongs to somebody else");
+        constexpr int kFlags = O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+        file_ = UniqueFd(::open(path_.c_str(), kFlags, 0600));
+        struct stat status = {};
+        if (!file_ || ::fstat(file_.get(), &status) != 0) {
+            refuseLock(path_, errno == ELOOP ? "it is a symbolic link" : std::strerror(errno));
+        }
+        if (const std::string fault = faultOf(status); !fault.empty()) {
+            refuseLock(path_, fault);
         }
         // While we wait, a signal ends us as it would end anybody.
         sigset_t blocked;

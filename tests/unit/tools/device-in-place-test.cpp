@@ -180,6 +180,24 @@ TEST_F(DeviceInPlace, RemovesNothingThatOnlyAForgedRecordNames)
     EXPECT_EQ(result.out, "/home\n/opt/keep\n0\n") << result.err;
 }
 
+TEST_F(DeviceInPlace, RefusesWhatSomebodyHasPutInTheLocksPlaceAndKeepsIt)
+{
+    for (const std::string lay :
+         {"ln precious $LOCK", "ln -s precious $LOCK", "mkfifo -m 600 $LOCK", "mkdir $LOCK",
+          "setpriv --reuid 1234 --clear-groups touch $LOCK"}) {
+        const Result result = container(
+            "LOCK=quillon-device.lock; cd /run/lock && chmod 1777 . && umask 077 && "
+            "printf 'in use\nprecious\n' >precious && " +
+            lay + " || exit 77; $IN_PLACE echo ran; echo $?; cat precious");
+        if (result.status == 77) {
+            continue;  // there are no other users here
+        }
+
+        EXPECT_EQ(result.out, "125\nin use\nprecious\n") << lay;
+        expectText(result.err, like("*the lock /run/lock/quillon-device.lock * remove it as *"));
+    }
+}
+
 TEST_F(DeviceInPlace, DoesNotRunInsideADeviceInPlace)
 {
     const Result result =
