@@ -19,6 +19,7 @@
 //   wait-in-ENTRY    waits until there is a file /tmp/quillon-test-go
 //   hang-in-ENTRY    does not return
 //   block-in-ENTRY   blocks all signals on its thread
+//   request-in-ENTRY asks the program to end
 //   default-in-ENTRY lets SIGTERM do what it usually does
 //   linger-in-ENTRY  keeps the program from ending, and no alarm clock rings
 //   tool-in-ENTRY    starts a program that waits so, and tells in /tmp/quillon-test-child how it
@@ -104,6 +105,9 @@ void act(const std::string& word, const std::string& moment)
         sigset_t all;
         ::sigfillset(&all);
         ::pthread_sigmask(SIG_SETMASK, &all, nullptr);
+    }
+    if (is("request")) {
+        ::raise(SIGTERM);
     }
     if (is("default")) {
         ::signal(SIGTERM, SIG_DFL);

@@ -297,6 +297,49 @@ TEST_F(HeldOffSignals, LetTheUpdateEndAndBeginNoOther)
     EXPECT_TRUE(hasEnded("alpha")) << "all are told that the run is over";
 }
 
+TEST_F(HeldOffSignals, ThatComeBeforeAProcessModuleIsRunHaveItNotRun)
+{
+    installGuided("EXT-alpha", "request-in-load");
+
+    const ModulesResult result = runModules({"update", "EXT-alpha"});
+
+    EXPECT_EQ(result.exitCode, 130);
+    expectText(result.err, like("*quillonctl: interrupted; nothing was updated\n*"));
+    EXPECT_FALSE(wasAsked("EXT-alpha", "doUpdate("));
+}
+
+TEST_F(HeldOffSignals, ThatComeWhileModulesAreLoadedHaveNothingDoneWithThem)
+{
+    installGuided("alpha", "request-in-load");
+    for (const std::vector<std::string>& verb : {std::vector<std::string>{"list"},
+                                                 {"check", "--source", "system"},
+                                                 {"version", "alpha"},
+                                                 {"progress", "alpha"},
+                                                 {"download"},
+                                                 {"update", "alpha", "--source", "shared"},
+                                                 {"update", "--all", "--source", "system"}}) {
+        const ModulesResult result = runModules(verb);
+
+        EXPECT_EQ(result.exitCode, 130) << verb.front();
+        expectText(result.err, like("*quillonctl: interrupted; nothing was updated\n*"));
+        EXPECT_EQ(result.out, "") << verb.front();
+    }
+    EXPECT_FALSE(wasAsked("alpha", "doUpdate("));
+}
+
+TEST_F(HeldOffSignals, ThatComeWhileAModuleIsCheckedHaveItNotUpdated)
+{
+    installGuided("alpha", "request-in-checkVersion");
+    for (const std::vector<std::string>& arguments : {kUpdateAlpha, kUpdateAll}) {
+        BackgroundLayer layer(arguments);
+
+        EXPECT_EQ(layer.wait(), 130) << layer.output();
+        expectText(layer.output(), like("*quillonctl: interrupted; nothing was updated\n*"));
+    }
+    EXPECT_FALSE(wasAsked("alpha", "doUpdate("));
+    EXPECT_EQ(semaphoreValue(), 1);
+}
+
 TEST_F(HeldOffSignals, EndTheWaitingForAnotherControlLayer)
 {
     sem_t* semaphore = ::sem_open("/SEM_UPDATE_CONTROL", O_CREAT, 0600, 1);

@@ -69,8 +69,9 @@ void holdOff(int /*signal*/)
 void request(int /*signal*/)
 {
     const int callersErrno = errno;
-    const State state = g_state.load();
+    // In this order: beginUpdating() sees it, or it sees that an update has begun.
     __atomic_store_n(&g_running, false, __ATOMIC_SEQ_CST);
+    const State state = g_state.load();
     if (state == State::kUpdating) {
         [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, kHeld, std::strlen(kHeld));
     } else if (!g_hasWoken.exchange(true)) {
@@ -238,16 +239,21 @@ void mayBeginUpdating()
 // The programs that a module starts are on the same terminal. What it sends must not end them, so
 // they inherit that these signals are ignored. This process still gets them: what is blocked in all
 // threads is kept although it is ignored, until somebody waits for it.
-void beginUpdating()
+bool beginUpdating()
 {
     mayBeginUpdating();
     const std::lock_guard<std::mutex> lock(g_updates.mutex);
-    ++g_updates.starting;
     g_state = State::kUpdating;
+    if (isInterrupted()) {
+        openWhenNoneUpdates();
+        return false;
+    }
+    ++g_updates.starting;
     for (const int signal : {SIGINT, SIGQUIT, SIGHUP}) {
         onSignal(signal, SIG_IGN);
     }
     onSignal(SIGTERM, request);  // a module may have changed it since
+    return true;
 }
 
 void didNotBeginUpdating()

@@ -46,7 +46,8 @@ void mayBeginUpdating();
 void didNotBeginUpdating();
 /// An update is about to begin: requests are answered with a line that says what becomes of them.
 /// To be called before the thread that updates is started.
-void beginUpdating();
+/// @return false when there has been a request before: it must not begin, and counts as not begun
+bool beginUpdating();
 /// That thread flashes from now on.
 void updateStarted();
 /// That thread could not be started.

@@ -229,6 +229,9 @@ void ModuleVerbs::open(bool isUpdate)
         throw Failure{kExitSystem,
                       std::string("the module directory cannot be read: ") + paths::kModules};
     }
+    if (isInterrupted()) {
+        throw UpdateSlot::instance().interruption();
+    }
 }
 
 ExitCode ModuleVerbs::list()
@@ -391,10 +394,12 @@ std::vector<ModuleUpdate> ModuleVerbs::runOneByOne(const ModuleSource& source)
 ModuleUpdate ModuleVerbs::runProcess(FWUpdateSymbol& module, const ModuleSource& source)
 {
     const std::string name = module.getLibName();
+    if (!beginUpdating()) {
+        return notBegun(module);
+    }
     report_.updating(name);
     char noText[] = "";
     int result = -1;
-    beginUpdating();
     const std::string raised =
         raisedBy([&] { result = manager().doUpdateFirmware(name, source.caller, noText); });
     if (!raised.empty()) {

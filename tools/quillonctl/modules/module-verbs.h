@@ -40,7 +40,8 @@ public:
     bool hasLateUpdate() const { return hasLateUpdate_ || hasStuckWatch_; }
 
 private:
-    /// Finds and loads the modules; before that, watches for requests and for foreign ends.
+    /// Finds and loads the modules; before that, watches for requests and for foreign ends. A
+    /// request that comes meanwhile ends the verb.
     /// @param isUpdate  the keyboard's signals are kept from the modules
     void open(bool isUpdate = false);
     /// Tidies up before an end that comes from another thread than the one that goes on here.

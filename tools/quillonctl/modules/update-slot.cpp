@@ -183,12 +183,11 @@ void UpdateSlot::acquire()
         }
         nextLook = Clock::now() + kBetweenLooks;
     }
-    if (isInterrupted()) {
+    if (isInterrupted() || !beginUpdating()) {
         post();
         didNotBeginUpdating();
         throw UpdateInterrupted();
     }
-    beginUpdating();
     ++updatesBegun_;
 }
 
