@@ -256,7 +256,8 @@ TEST_F(PackageUpdate, IsNotTakenForNotNeededWhileThePackageIsInUse)
     const ModulesResult update = runModules({"update", "tuner"});
     EXPECT_EQ(update.exitCode, 6);
     expectText(update.out, like("*failed: its package cannot be mounted*"));
-    expectText(update.err, like("*warning: the package of tuner stays mounted*"));
+    expectText(update.err, like("*warning: the package of tuner stays mounted; *fuser -vm "
+                                "/opt/usr/apps/appbinarymanager/emps/tuneremp*"));
     EXPECT_EQ(mountedPackages().size(), 1U);
 
     ::close(inUse);

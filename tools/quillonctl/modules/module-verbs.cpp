@@ -304,7 +304,9 @@ void ModuleVerbs::release(FWUpdateSymbol& module, const ModuleSource& source)
         return;
     }
     if (!releasePackage(module)) {
-        report_.warning("the package of " + module.getLibName() + " stays mounted");
+        report_.warning("the package of " + module.getLibName() +
+                        " stays mounted; if it is in use, root learns by whom from: fuser -vm " +
+                        paths::kMountedPackages + module.getEMPName());
     }
 }
 

@@ -17,6 +17,11 @@ if as_service mount -o ro,loop "$packages/panelemp.img" /mnt 2>/dev/null; then
     fail "the service's user may mount"
 fi
 
+expect "the mount directory" "2770 root quillon" "$(stat -c '%a %U %G' "$packages/emps")"
+if as_user nobody ls "$packages/emps" 2>/dev/null; then
+    fail "a stranger could keep a mounted package busy"
+fi
+
 cursor=$(journal_now)
 as_service quillonctl modules update panel || fail "the update failed with status $?"
 holds_payload panel 5.0
