@@ -1,5 +1,7 @@
 #include "platform/linux/download-entry.h"
 
+#include <unistd.h>
+
 #include <exception>
 
 #include "base/alphanumeric.h"
@@ -11,10 +13,32 @@ namespace {
 
 constexpr std::size_t kLongestIdentifier = 127;
 
+/// The queue, which ends with the process that made it. A forked child that ends leaves it alone:
+/// it has no worker, and would wait for ever for the one that it saw waiting.
+class OwnQueue
+{
+public:
+    OwnQueue() = default;
+    ~OwnQueue()
+    {
+        if (owner_ == getpid()) {
+            delete queue_;
+        }
+    }
+    OwnQueue(const OwnQueue&) = delete;
+    OwnQueue& operator=(const OwnQueue&) = delete;
+
+    quillon::DownloadQueue& get() const { return *queue_; }
+
+private:
+    const pid_t owner_ = getpid();
+    quillon::DownloadQueue* const queue_ = new quillon::DownloadQueue;
+};
+
 quillon::DownloadQueue& downloads()
 {
-    static quillon::DownloadQueue queue;
-    return queue;
+    static const OwnQueue queue;
+    return queue.get();
 }
 
 }  // namespace

@@ -20,12 +20,13 @@ namespace {
 using std::chrono::steady_clock;
 
 /// The power locks that are held, at most one a type. Each ends with its time; a thread that sees
-/// to it runs only while a lock is held. Thread: any.
+/// to it runs only while a lock is held. The one object is never destroyed: the end of the process
+/// gives the locks back, and a forked child has no thread to wait for. Thread: any.
 class PowerLocks
 {
 public:
     PowerLocks() = default;
-    ~PowerLocks();
+    ~PowerLocks() = delete;
     PowerLocks(const PowerLocks&) = delete;
     PowerLocks& operator=(const PowerLocks&) = delete;
 
@@ -51,20 +52,7 @@ private:
     std::condition_variable changed_;
     std::map<int, Lock> locks_;
     bool timerRuns_ = false;
-    std::thread timer_;
 };
-
-PowerLocks::~PowerLocks()
-{
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        locks_.clear();
-    }
-    changed_.notify_all();
-    if (timer_.joinable()) {
-        timer_.join();
-    }
-}
 
 void PowerLocks::hold(int type, Inhibitor inhibitor, std::chrono::milliseconds time)
 {
@@ -88,11 +76,8 @@ void PowerLocks::startTimer()
     if (timerRuns_) {
         return;
     }
-    if (timer_.joinable()) {
-        timer_.join();  // it has said that it leaves and needs the mutex no more
-    }
     const SignalsBlocked blocked;
-    timer_ = std::thread(&PowerLocks::watchTime, this);
+    std::thread(&PowerLocks::watchTime, this).detach();
     timerRuns_ = true;
 }
 
@@ -126,7 +111,7 @@ void PowerLocks::dropEnded()
 
 PowerLocks& powerLocks()
 {
-    static PowerLocks locks;
+    static PowerLocks& locks = *new PowerLocks;
     return locks;
 }
 

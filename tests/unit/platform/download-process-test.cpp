@@ -109,6 +109,36 @@ TEST_F(DownloadDeathTest, EndsInOrderWithPackagesWaiting)
     EXPECT_EQ(server.requests().size(), 1U);
 }
 
+TEST_F(DownloadDeathTest, LetsAChildEndInAPauseBetweenTwoAttempts)
+{
+    OtherProcess other([](OtherProcess& self) {
+        const int result = requestAndWaitForWord(self);
+        return forkedChildEnds() ? result : 1;
+    });
+    const LocalHttpServer server([&](const HttpRequest&, HttpConnection& connection) {
+        sendBeginning(connection, package, kHalf);
+    });
+    configure("address = " + server.address() + "\nretry-pause = 60\n");
+    other.goOn();
+    waitForPart(kHalf);
+    other.goOn();
+    EXPECT_EQ(other.waitForEnd(), 0);
+}
+
+TEST_F(DownloadDeathTest, LetsAChildEndAfterADownload)
+{
+    OtherProcess other([](OtherProcess& self) {
+        const int result = downloadPackage(self);
+        return forkedChildEnds() ? result : 1;
+    });
+    const LocalHttpServer server([&](const HttpRequest& request, HttpConnection& connection) {
+        sendPackage(request, connection, package);
+    });
+    configure("address = " + server.address() + "\n");
+    other.goOn();
+    EXPECT_EQ(other.waitForEnd(), 0);
+}
+
 TEST_F(DownloadDeathTest, LeavesAPartToTheNextProcessWhenItIsKilled)
 {
     OtherProcess other(&requestAndWaitForWord);

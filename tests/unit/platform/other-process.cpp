@@ -5,8 +5,52 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
+
+#include "support/files.h"
+#include "support/wait.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+bool sleeps(const fs::path& thread)
+{
+    const std::string status = quillon::test::readAll(thread / "stat");
+    const std::size_t name = status.rfind(") ");
+    return name != status.npos && status[name + 2] == 'S';
+}
+
+bool othersSleep()
+{
+    const std::string own = std::to_string(gettid());
+    const fs::directory_iterator threads("/proc/self/task");
+    return std::all_of(begin(threads), end(threads), [&own](const fs::directory_entry& thread) {
+        return thread.path().filename() == own || sleeps(thread.path());
+    });
+}
+
+}  // namespace
+
+bool forkedChildEnds()
+{
+    quillon::test::eventually(&othersSleep);
+    const pid_t child = fork();
+    if (child == 0) {
+        std::exit(0);
+    }
+    int status = 0;
+    const bool hasEnded = quillon::test::eventually(
+        [&] { return waitpid(child, &status, WNOHANG) == child; }, std::chrono::seconds(20));
+    if (!hasEnded) {
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+    }
+    return hasEnded && !WIFSIGNALED(status);
+}
 
 OtherProcess::OtherProcess(const Work& work)
 {

@@ -4,6 +4,11 @@
 
 #include <functional>
 
+/// Waits until all other threads of this process sleep, then forks a child that ends in order, as
+/// that of a module whose exec has failed does.
+/// @return whether the child has come to its end; it is killed when it does not
+bool forkedChildEnds();
+
 /// A process beside the test's own. It has to be started before this one has threads.
 class OtherProcess
 {

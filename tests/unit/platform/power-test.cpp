@@ -15,6 +15,7 @@
 
 #include "captured-stderr.h"
 #include "fake-logind.h"
+#include "other-process.h"
 #include "support/texts.h"
 #include "support/wait.h"
 #include "system-bus.h"
@@ -215,6 +216,14 @@ TEST_F(PowerLock, MayBeTakenAndGivenBackByManyThreads)
     for (std::size_t number = 0; number < 100; ++number) {
         logind.waitForRelease(number);
     }
+}
+
+TEST_F(PowerLock, LetsAChildOfThisProcessEnd)
+{
+    const FakeLogind logind;
+    EXPECT_EQ(device_power_lock_state(kType, kLong), 0);
+    EXPECT_TRUE(forkedChildEnds());
+    EXPECT_TRUE(logind.isHeld(0));
 }
 
 TEST_F(PowerLock, OfNoTimeIsRefusedAndLeavesTheHeldOne)
