@@ -1,5 +1,7 @@
 #include "platform/linux/download-attempt.h"
 
+#include <strings.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +17,7 @@ namespace {
 constexpr int kMostRedirections = 5;
 constexpr std::size_t kMostDropped = 65536;
 constexpr long kSlowestBytesPerSecond = 100;
+constexpr char kBlanks[] = " \t";
 
 bool isSecure(std::string_view address)
 {
@@ -71,6 +74,25 @@ std::string headerOf(CURL* transfer, const char* name)
     const CURLHcode result =
         curl_easy_header(transfer, name, 0, CURLH_HEADER, kLastRequest, &found);
     return result == CURLHE_OK ? found->value : "";
+}
+
+/// Only a body in chunks tells its end by itself: any other coding, or an empty list of them,
+/// leaves it to the end of the connection.
+bool comesInChunks(CURL* transfer)
+{
+    constexpr int kLastRequest = -1;
+    std::string codings;
+    curl_header* found = nullptr;
+    for (std::size_t number = 0; curl_easy_header(transfer, "Transfer-Encoding", number,
+                                                  CURLH_HEADER, kLastRequest, &found) == CURLHE_OK;
+         ++number) {
+        codings = found->value;
+    }
+    const std::size_t end = codings.find_last_not_of(kBlanks) + 1;
+    const std::size_t comma = codings.rfind(',');
+    const std::size_t start = comma == codings.npos ? 0 : comma + 1;
+    const std::size_t last = codings.find_first_not_of(kBlanks, start);
+    return last < end && strcasecmp(codings.substr(last, end - last).c_str(), "chunked") == 0;
 }
 
 std::string validatorOf(CURL* transfer)
@@ -275,7 +297,7 @@ void DownloadAttempt::takeWholeFile()
 {
     const std::int64_t size = bodySizeOf(transfer_);
     // The end of a connection could be that of the package, or a dropped one.
-    if (size < 0 && headerOf(transfer_, "Transfer-Encoding").empty()) {
+    if (size < 0 && !comesInChunks(transfer_)) {
         end(kRefused, "the server does not tell where the package ends");
         return;
     }

@@ -98,6 +98,37 @@ TEST_F(DownloadRefusal, OfABodyWhoseEndOnlyTheConnectionWouldTell)
     expectRefusal("the server does not tell where the package ends");
 }
 
+TEST_F(DownloadRefusal, OfABodyInACodingThatDoesNotTellItsEnd)
+{
+    for (const char* coding : {"Transfer-Encoding:", "Transfer-Encoding: identity"}) {
+        const LocalHttpServer server([&](const HttpRequest&, HttpConnection& connection) {
+            connection.send(httpHead("200 OK", {coding}) + "is this all?");
+        });
+        configureFor(server.address());
+
+        EXPECT_EQ(download("alpha"), -3) << coding;
+
+        expectRefusal("the server does not tell where the package ends");
+    }
+}
+
+TEST_F(DownloadRefusal, OfABodyWhoseLastCodingIsNotChunked)
+{
+    for (const char* coding :
+         {"Transfer-Encoding: chunked, identity", "Transfer-Encoding: x-chunked",
+          "Transfer-Encoding: chunked,", "Transfer-Encoding: identity\r\nTransfer-Encoding: ",
+          "Transfer-Encoding: chunked\r\nTransfer-Encoding: identity"}) {
+        const LocalHttpServer server([&](const HttpRequest&, HttpConnection& connection) {
+            connection.send(httpHead("200 OK", {coding}) + "7\r\npackage\r\n0\r\n\r\n");
+        });
+        configureFor(server.address(), "attempts = 1\n");
+
+        EXPECT_NE(download("alpha"), 0) << coding;
+
+        EXPECT_EQ(readAll(pathOf("alpha.img")), "") << coding;
+    }
+}
+
 TEST_F(DownloadRefusal, OfAnAnnouncedSizeAboveTheLimit)
 {
     const LocalHttpServer server([&](const HttpRequest&, HttpConnection& connection) {
@@ -169,6 +200,20 @@ TEST_F(DownloadRefusal, DoesNotMeetAPackageInChunks)
     EXPECT_EQ(download("alpha"), 0);
 
     EXPECT_EQ(readAll(pathOf("alpha.img")), "package of chunks");
+}
+
+TEST_F(DownloadRefusal, DoesNotMeetChunksHoweverTheirNameIsWritten)
+{
+    for (const char* coding : {"Transfer-Encoding: Chunked", "transfer-encoding:  CHUNKED "}) {
+        const LocalHttpServer server([&](const HttpRequest&, HttpConnection& connection) {
+            connection.send(httpHead("200 OK", {coding}) + "7\r\npackage\r\n0\r\n\r\n");
+        });
+        configureFor(server.address());
+
+        EXPECT_EQ(download("alpha"), 0) << coding;
+
+        EXPECT_EQ(readAll(pathOf("alpha.img")), "package");
+    }
 }
 
 TEST_F(DownloadRefusal, OfChunksWithoutTheLastOne)
