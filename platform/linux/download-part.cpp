@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <string_view>
 #include <utility>
 
 #include "base/regular-file.h"
@@ -18,7 +20,11 @@ namespace {
 
 constexpr char kDirectory[] = "/opt/usr/apps/appbinarymanager";
 constexpr char kBootId[] = "/proc/sys/kernel/random/boot_id";
+constexpr char kOwnStatus[] = "/proc/self/status";
 constexpr std::size_t kLargestNote = 16384;
+constexpr mode_t kPartMode = 0600;
+constexpr mode_t kPackageMode = 0644;
+constexpr mode_t kUsualUmask = 022;
 
 /// @return empty when it cannot be read
 std::string readText(const std::string& path)
@@ -38,6 +44,19 @@ std::string bootId()
 {
     const std::string text = readText(kBootId);
     return text.substr(0, text.find('\n'));
+}
+
+/// The process's umask. Read where it is shown: asking the system for it sets another one, for all
+/// threads, until it is set back.
+mode_t presentUmask()
+{
+    constexpr std::string_view kTitle = "\nUmask:";
+    constexpr int kOctal = 8;
+    const std::string status = readText(kOwnStatus);
+    const std::size_t line = status.find(kTitle);
+    return line == status.npos ? kUsualUmask
+                               : static_cast<mode_t>(std::strtoul(
+                                     status.c_str() + line + kTitle.size(), nullptr, kOctal));
 }
 
 }  // namespace
@@ -79,9 +98,10 @@ PartResult DownloadPart::openLocked()
     // Another process may finish or drop the very part between two steps: then once more.
     constexpr int kRounds = 10;
     for (int round = 0; round < kRounds; ++round) {
-        file_ = UniqueFd(openat(
-            directory_.get(), partName_.c_str(),
-            O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644));
+        file_ = UniqueFd(
+            openat(directory_.get(), partName_.c_str(),
+                   O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY,
+                   kPartMode));
         struct stat status = {};
         if (file_ && fstat(file_.get(), &status) != 0) {
             return PartResult::kFailed;
@@ -102,7 +122,8 @@ PartResult DownloadPart::openLocked()
             return errno == EWOULDBLOCK ? PartResult::kBusy : PartResult::kFailed;
         }
         if (isStillAtItsPath()) {
-            return PartResult::kOk;
+            // Whoever may open a part may lock it, and keep everybody from going on with it.
+            return fchmod(file_.get(), kPartMode) == 0 ? PartResult::kOk : PartResult::kFailed;
         }
     }
     return PartResult::kBusy;
@@ -164,7 +185,7 @@ bool DownloadPart::place()
     if (unlinkat(directory_.get(), noteName_.c_str(), 0) != 0 && errno != ENOENT) {
         return false;
     }
-    return fsync(file_.get()) == 0 &&
+    return fsync(file_.get()) == 0 && fchmod(file_.get(), kPackageMode & ~presentUmask()) == 0 &&
            renameat(directory_.get(), partName_.c_str(), directory_.get(), packageName_.c_str()) ==
                0 &&
            fsync(directory_.get()) == 0;

@@ -13,10 +13,11 @@ enum class PartResult { kOk, kBusy, kFailed };
 /// The part of a package that has arrived so far, and its way to the package's own name.
 ///
 /// The part is the file ".<identifier>.part" in the packages' directory, locked while the object
-/// lives so that two processes do not write into one. Beside it, ".<identifier>.resume" notes which
-/// address and which state of the server's file the part belongs to. A link, a FIFO or anything
-/// else that stands in the part's place is removed, never written through.
-/// Thread: one object, one thread. Throws std::bad_alloc.
+/// lives so that two processes do not write into one, and for its owner alone so that nobody else
+/// locks it; only as a package do others read it, as the umask says. Beside it,
+/// ".<identifier>.resume" notes which address and which state of the server's file the part belongs
+/// to. A link, a FIFO or anything else that stands in the part's place is removed, never written
+/// through. Thread: one object, one thread. Throws std::bad_alloc.
 class DownloadPart
 {
 public:

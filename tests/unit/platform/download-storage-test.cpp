@@ -31,6 +31,13 @@ protected:
         configureFor(server.address());
     }
 
+    static mode_t modeOf(const std::string& name)
+    {
+        struct stat status = {};
+        EXPECT_EQ(stat(pathOf(name).c_str(), &status), 0);
+        return status.st_mode & 07777U;
+    }
+
     const std::string package = packageOf(200000);
     const LocalHttpServer server{[this](const HttpRequest& request, HttpConnection& connection) {
         sendPackage(request, connection, package);
@@ -38,14 +45,36 @@ protected:
     CapturedStderr captured;
 };
 
-TEST_F(DownloadStorage, LetsEveryoneReadAPackage)
+TEST_F(DownloadStorage, LetsThoseReadAPackageWhomTheUmaskLets)
 {
     const mode_t before = umask(022);
     EXPECT_EQ(download("alpha"), 0);
+    EXPECT_EQ(modeOf("alpha.img"), 0644U);
+    umask(027);
+    EXPECT_EQ(download("beta"), 0);
+    EXPECT_EQ(modeOf("beta.img"), 0640U);
     umask(before);
-    struct stat status = {};
-    ASSERT_EQ(stat(pathOf("alpha.img").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777U, 0644U);
+}
+
+// Who may open it may lock it, and then nobody can go on with it.
+TEST_F(DownloadStorage, LetsNobodyElseOpenAPart)
+{
+    const LocalHttpServer cutting([this](const HttpRequest&, HttpConnection& connection) {
+        sendBeginning(connection, package, 1000);
+    });
+    configureFor(cutting.address(), "attempts = 1\n");
+    const mode_t before = umask(022);
+    EXPECT_EQ(download("alpha"), -2);
+    EXPECT_EQ(modeOf(".alpha.part"), 0600U);
+
+    chmod(pathOf(".alpha.part").c_str(), 0644);
+    EXPECT_EQ(download("alpha"), -2);
+    EXPECT_EQ(modeOf(".alpha.part"), 0600U);
+
+    configureFor(server.address());
+    EXPECT_EQ(download("alpha"), 0);
+    EXPECT_EQ(modeOf("alpha.img"), 0644U);
+    umask(before);
 }
 
 TEST_F(DownloadStorage, RemovesALinkInThePartsPlaceAndDoesNotFollowIt)
