@@ -78,15 +78,26 @@ struct stat giveAway(const std::string& path, const Callers& callers)
     return status;
 }
 
-/// Keeps a second helper that starts now from taking our new socket for a stale one.
-UniqueFd lockDirectory(const std::string& directory)
+/// Keeps a second helper that starts now from taking our new socket for a stale one. In a file that
+/// others cannot open, so that they cannot hold it. It stays when the lock is given back: a helper
+/// that waits for it has it open.
+UniqueFd lockOf(const std::string& socketPath)
 {
+    const std::string directory = socketPath.substr(0, socketPath.rfind('/'));
     if (!makeDirectories(directory, 0755)) {
         failWithErrno(directory);
     }
-    UniqueFd lock(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!lock || flock(lock.get(), LOCK_EX) != 0) {
-        failWithErrno(directory);
+    const std::string path = socketPath + ".lock";
+    UniqueFd lock(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
+    struct stat status = {};
+    if (!lock || fstat(lock.get(), &status) != 0) {
+        failWithErrno(path);
+    }
+    if (!S_ISREG(status.st_mode) || status.st_uid != geteuid() || (status.st_mode & 0077U) != 0) {
+        throw Failure(EEXIST, path + " is no file for its owner alone; remove it");
+    }
+    if (uninterrupted([&] { return flock(lock.get(), LOCK_EX); }) != 0) {
+        failWithErrno(path);
     }
     return lock;
 }
@@ -114,7 +125,7 @@ OwnSocket::OwnSocket(const std::string& path, const Callers& callers)
     : path_(path), socket_(newSocket())
 {
     const sockaddr_un address = addressOf(path);
-    const UniqueFd lock = lockDirectory(path.substr(0, path.rfind('/')));
+    const UniqueFd lock = lockOf(path);
     removeStale(path, address);
     const mode_t callersMask = umask(0117);
     const int bound = bind(socket_.get(), generic(address), sizeof address);

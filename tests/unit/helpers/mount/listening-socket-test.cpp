@@ -1,7 +1,9 @@
 #include "helpers/mount/listening-socket.h"
 #include "base/fd.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -22,6 +24,7 @@ namespace fs = std::filesystem;
 namespace {
 
 const std::string kPath = "/run/quillon/listening-test.sock";
+const std::string kLock = kPath + ".lock";
 
 int codeOfNewSocket()
 {
@@ -103,6 +106,43 @@ TEST(OwnSocket, LeavesWhateverIsNoSocket)
     fs::create_symlink("/run/quillon/elsewhere", kPath);
     EXPECT_EQ(codeOfNewSocket(), EEXIST);
     EXPECT_TRUE(fs::is_symlink(kPath));
+    fs::remove(kPath);
+}
+
+TEST(OwnSocket, IsMadeWhileSomebodyLocksTheDirectory)
+{
+    fs::create_directories("/run/quillon");
+    const UniqueFd somebodys(open("/run/quillon", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_EQ(flock(somebodys.get(), LOCK_SH), 0);
+    alarm(60);  // instead of waiting for ever
+    EXPECT_EQ(codeOfNewSocket(), 0);
+    alarm(0);
+}
+
+TEST(OwnSocket, IsMadeUnderALockThatNobodyElseCanTake)
+{
+    umask(0);
+    EXPECT_EQ(codeOfNewSocket(), 0);
+    struct stat status = {};
+    ASSERT_EQ(lstat(kLock.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFREG | 0600));
+}
+
+TEST(OwnSocket, IsNotMadeWhereTheLockIsALinkOrOpenToOthers)
+{
+    fs::create_directories("/run/quillon");
+    fs::remove(kLock);
+    fs::create_symlink("/run/quillon/elsewhere", kLock);
+    EXPECT_EQ(codeOfNewSocket(), ELOOP);
+    EXPECT_FALSE(fs::exists("/run/quillon/elsewhere"));
+    fs::remove(kLock);
+    EXPECT_EQ(mkfifo(kLock.c_str(), 0600), 0);
+    EXPECT_EQ(codeOfNewSocket(), EEXIST);
+    fs::remove(kLock);
+    std::ofstream(kLock) << "somebody's";
+    fs::permissions(kLock, fs::perms(0644));
+    EXPECT_EQ(codeOfNewSocket(), EEXIST);
+    fs::remove(kLock);
 }
 
 TEST(InheritedSocket, IsNoneWithoutOrForAnotherProcess)
