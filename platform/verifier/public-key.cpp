@@ -1,12 +1,14 @@
 #include "platform/verifier/public-key.h"
 
+#include <dirent.h>
 #include <openssl/crypto.h>
 #include <openssl/sha.h>
 #include <openssl/x509.h>
 
 #include <algorithm>
-#include <filesystem>
+#include <cerrno>
 #include <memory>
+#include <string_view>
 
 #include "platform/verifier/image-error.h"
 #include "platform/verifier/input-file.h"
@@ -16,6 +18,17 @@ namespace {
 
 constexpr std::size_t kLargestKeyFile = 65536;
 constexpr int kKeyBits = 4096;
+
+struct CloseDirectory
+{
+    void operator()(DIR* directory) const { closedir(directory); }
+};
+
+bool isPemFile(std::string_view name)
+{
+    constexpr std::string_view kSuffix = ".pem";
+    return name.size() > kSuffix.size() && name.substr(name.size() - kSuffix.size()) == kSuffix;
+}
 
 void releaseDer(unsigned char* der)
 {
@@ -31,13 +44,22 @@ int refusePassPhrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*us
 
 std::vector<std::string> pemFilesIn(const std::string& directory, std::error_code& error)
 {
-    std::vector<std::string> files;
-    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
-         entry.increment(error)) {
-        if (entry->path().extension() == ".pem") {
-            files.push_back(entry->path());
-        }
+    // Not std::filesystem: its iterators with an error code end the process when memory runs out.
+    const std::unique_ptr<DIR, CloseDirectory> entries(opendir(directory.c_str()));
+    if (!entries) {
+        error.assign(errno, std::generic_category());
+        return {};
     }
+    const std::string prefix = directory.substr(0, directory.find_last_not_of('/') + 1) + "/";
+    std::vector<std::string> files;
+    errno = 0;
+    while (const dirent* entry = readdir(entries.get())) {
+        if (isPemFile(entry->d_name)) {
+            files.push_back(prefix + entry->d_name);
+        }
+        errno = 0;
+    }
+    error.assign(errno, std::generic_category());
     std::sort(files.begin(), files.end());
     return files;
 }

@@ -30,7 +30,7 @@ UniqueKey loadRsa4096(const std::string& path, KeyReader* read, const char* faul
 UniqueKey loadPublicKey(const std::string& path);
 
 /// @return the paths of the files "*.pem" in a directory, in the order of their names; none with an
-///         error when it cannot be read.
+///         error when it cannot be read. Throws std::bad_alloc.
 std::vector<std::string> pemFilesIn(const std::string& directory, std::error_code& error);
 
 /// @return the id by which a trailer names this key.

@@ -1,12 +1,16 @@
-// Reading the trust policy when memory runs out.
+// What the verifier does when memory runs out: nothing is signed then, and the process goes on.
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <new>
+#include <string>
+#include <system_error>
+#include <vector>
 
+#include "platform/verifier/public-key.h"
 #include "platform/verifier/trust-policy.h"
-#include "support/files.h"
+#include "unit/verifier/verifier-test.h"
 
 namespace {
 
@@ -80,6 +84,67 @@ TEST(UsedUpMemory, NeverCutsTheTrustPolicyShort)
         }
     }
     EXPECT_GT(failing, 5);
+}
+
+TEST(UsedUpMemory, NeverCutsTheListOfKeysShort)
+{
+    const std::string directory = "/tmp/keys";
+    std::filesystem::create_directories(directory);
+    for (const char* name : {"a-key-with-a-long-name.pem", "another-one.pem", "no-key", ".pem"}) {
+        writeFile(directory + "/" + name, "");
+    }
+    const std::vector<std::string> all = {directory + "/a-key-with-a-long-name.pem",
+                                          directory + "/another-one.pem"};
+    int failing = 0;
+    for (bool isDone = false; !isDone; ++failing) {
+        std::vector<std::string> found;
+        std::error_code error;
+        countdown = failing;
+        try {
+            found = pemFilesIn(directory + "/", error);
+            isDone = countdown >= 0;
+            countdown = -1;
+            EXPECT_TRUE(error || found == all) << "allocation " << failing;
+        } catch (const std::bad_alloc&) {
+            countdown = -1;
+        }
+    }
+    EXPECT_GT(failing, 2);
+}
+
+class UsedUpMemoryOfTheVerifier : public VerifierTest
+{
+protected:
+    /// Asks again and again, each time with another allocation that fails.
+    /// @return how often the image was signed, the last time with all memory that was needed
+    int countSigned()
+    {
+        ::testing::internal::CaptureStderr();
+        int signedImages = 0;
+        int failing = 0;
+        for (bool isDone = false; !isDone; ++failing) {
+            countdown = failing;
+            signedImages += entry(nullptr, image.c_str(), "UserCaller");
+            isDone = countdown >= 0;
+            countdown = -1;
+        }
+        ::testing::internal::GetCapturedStderr();
+        EXPECT_GT(failing, 20);
+        return signedImages;
+    }
+};
+
+TEST_F(UsedUpMemoryOfTheVerifier, MakesAnImageNotSigned)
+{
+    putPolicy("floor.amoduleofsomelength = 7\n");
+    EXPECT_EQ(countSigned(), 1);
+}
+
+TEST_F(UsedUpMemoryOfTheVerifier, NeverMakesAnImageSigned)
+{
+    std::filesystem::remove_all(kTrustedKeys);
+    trust("b");
+    EXPECT_EQ(countSigned(), 0);
 }
 
 }  // namespace
