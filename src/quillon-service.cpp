@@ -394,10 +394,9 @@ bool service_start(std::future<int>& mainTask, std::future<int>& controlTask,
         !FWUpdateSymbolManager::getInstance()->getIsReady(true)) {
         return false;
     }
-    record.serving(haveKey());
-
     mainTask = std::async(firmware_main_task);
     controlTask = std::async(firmware_control_task);
+    record.serving(haveKey());
 
     if (set_service_running_done() == 0) {
         FW_LOGI("set_service_running_done Done");

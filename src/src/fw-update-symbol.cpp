@@ -343,7 +343,7 @@ int FWUpdateSymbol::loadSymbol(const std::string& name)
     if (handle == nullptr) {
         const std::string error = linkerError().value_or("");
         FW_LOGE("Error: dlsym libfile: %s error: %s\n", path.c_str(), error.c_str());
-        blame(ModuleReason::kNotLoadable, error);
+        blame(ModuleReason::kNotLoadable, error.c_str());
     }
     unbind();  // nothing may point into a library of an earlier load, which is closed now
     // The plug-in may have kept the name that it was told: it outlives the library.
@@ -410,7 +410,7 @@ int FWUpdateSymbol::loadSymbol(const std::string& name)
     const std::size_t emp = firmwareName_.find("emp");
     if (emp == std::string::npos) {
         FW_LOGE("Error: EMPID is Wrong (%s)", firmwareName_.c_str());
-        return because(ModuleReason::kBadIdentifier, firmwareName_);
+        return because(ModuleReason::kBadIdentifier, firmwareName_.c_str());
     }
     firmwareName_.erase(emp, std::strlen("emp"));
     imagePath_ = quillon::paths::kPackages + empName_ + ".img";
@@ -449,7 +449,7 @@ int FWUpdateSymbol::getEMPID(std::string& out)
     });
     if (!allowed) {
         FW_LOGE("Error: use EMPID only English and numbers. %s", out.c_str());
-        return because(ModuleReason::kBadIdentifier, out);
+        return because(ModuleReason::kBadIdentifier, out.c_str());
     }
     return 0;
 }

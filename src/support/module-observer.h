@@ -1,6 +1,8 @@
 #pragma once
 
 #include <atomic>
+#include <cerrno>
+#include <exception>
 #include <string>
 #include <utility>
 
@@ -72,12 +74,12 @@ enum class RunEvent {
 struct RunNews
 {
     RunEvent event;
-    std::string directory;
+    const char* directory;  ///< as the client has set it; never null
     int result = 0;
 };
 
-/// Both are called on the thread that checks or updates. They must not throw nor call the registry,
-/// and keep errno.
+/// Both are called on the thread that checks or updates. They must not call the registry. What is
+/// derived from std::exception may leave them and is dropped; errno is kept for them.
 class ModuleObserver
 {
 public:
@@ -99,18 +101,32 @@ inline thread_local std::string moduleReasonDetail;
 /// The version of the image that this thread has last looked at.
 inline thread_local std::string offeredVersion;
 
+/// Does what is only for the observer: keeps errno, which log lines tell of, and lets no lack of
+/// memory out, which would fail what it is told of.
+template <typename Work>
+void unnoticed(Work work)
+{
+    const int callersErrno = errno;
+    try {
+        work();
+    } catch (const std::exception&) {
+        // Then the observer does not learn of it.
+    }
+    errno = callersErrno;
+}
+
 /// Notes why the result is what it is.
-inline void blame(ModuleReason reason, const std::string& detail = {})
+inline void blame(ModuleReason reason, const char* detail = "")
 {
     if (moduleObserver.load(std::memory_order_relaxed) != nullptr) {
         moduleReason = reason;
-        moduleReasonDetail = detail;
+        unnoticed([&] { moduleReasonDetail = detail; });
     }
 }
 
 /// Notes why a module is refused.
 /// @return -1
-inline int because(ModuleReason reason, const std::string& detail = {})
+inline int because(ModuleReason reason, const char* detail = "")
 {
     blame(reason, detail);
     return -1;
@@ -120,7 +136,7 @@ inline int because(ModuleReason reason, const std::string& detail = {})
 inline void offer(const char* version)
 {
     if (moduleObserver.load(std::memory_order_relaxed) != nullptr) {
-        offeredVersion = version;
+        unnoticed([&] { offeredVersion = version; });
     }
 }
 
@@ -133,32 +149,34 @@ void tell(ModuleEvent event, const Module& module, int result = 0)
     if (observer == nullptr) {
         return;
     }
-    const ModuleReason reason = std::exchange(moduleReason, ModuleReason::kNone);
-    const std::string detail = std::exchange(moduleReasonDetail, {});
-    const std::string offered = std::exchange(offeredVersion, {});
-    observer->hear({event, module.getLibName(), result, reason, detail, offered,
-                    module.getExpectedUpdateTime()});
+    unnoticed([&] {
+        const ModuleReason reason = std::exchange(moduleReason, ModuleReason::kNone);
+        std::string detail = std::exchange(moduleReasonDetail, {});
+        std::string offered = std::exchange(offeredVersion, {});
+        observer->hear({event, module.getLibName(), result, reason, std::move(detail),
+                        std::move(offered), module.getExpectedUpdateTime()});
+    });
 }
 
 /// Tells the observer that a run begins, and with the end of the object that it is over.
 class ToldRun
 {
 public:
-    /// @param directory  null is told as empty
+    /// @param directory  null is told as empty; must outlive this object
     ToldRun(RunEvent began, RunEvent ended, const char* directory)
         : observer_(moduleObserver.load(std::memory_order_acquire)),
           ended_(ended),
-          directory_(observer_ != nullptr && directory != nullptr ? directory : "")
+          directory_(directory != nullptr ? directory : "")
     {
         if (observer_ != nullptr) {
-            observer_->hearRun({began, directory_});
+            unnoticed([&] { observer_->hearRun({began, directory_}); });
         }
     }
 
     ~ToldRun()
     {
         if (observer_ != nullptr) {
-            observer_->hearRun({ended_, directory_, result_});
+            unnoticed([&] { observer_->hearRun({ended_, directory_, result_}); });
         }
     }
     ToldRun(const ToldRun&) = delete;
@@ -170,7 +188,7 @@ public:
 private:
     ModuleObserver* const observer_;
     const RunEvent ended_;
-    const std::string directory_;
+    const char* const directory_;
     int result_ = -1;
 };
 

@@ -1,17 +1,18 @@
 #include "support/run-record.h"
 
 #include <fcntl.h>
+#include <glib.h>
 #include <json/json.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdint>
-#include <exception>
+#include <cstdio>
 #include <utility>
 
+#include "base/fd.h"
 #include "base/replace-file.h"
 #include "support/module-reason.h"
 
@@ -54,31 +55,40 @@ Entry entryOf(ModuleEvent event)
 /// What deciphering with a wrong key leaves is hardly ever text.
 bool isText(const std::string& version)
 {
-    return std::all_of(version.begin(), version.end(), [](char c) { return c >= ' ' && c <= '~'; });
+    const auto isControl = [](char c) { return c >= '\0' && c < ' '; };
+    return g_utf8_validate(version.data(), static_cast<gssize>(version.size()), nullptr) != FALSE &&
+           std::none_of(version.begin(), version.end(), isControl);
 }
 
-/// @return whether all of the line has been written
-bool writeLine(const UniqueFd& file, const Json::Value& line)
+std::string textOf(const Json::Value& line)
 {
-    Json::StreamWriterBuilder style;
-    style["indentation"] = "";
-    style["precision"] = 3;
-    style["precisionType"] = "decimal";
-    const std::string text = Json::writeString(style, line) + '\n';
-    return writeAll(file.get(), text.data(), text.size());
+    static const Json::StreamWriterBuilder kStyle = [] {
+        Json::StreamWriterBuilder style;
+        style["indentation"] = "";
+        style["precision"] = 3;
+        style["precisionType"] = "decimal";
+        return style;
+    }();
+    return Json::writeString(kStyle, line) + '\n';
 }
 
-/// Keeps errno, which log lines tell of, and lets no lack of memory out.
-template <typename Work>
-void unnoticed(Work work)
+/// Adds to a file, which is open for no longer than that.
+/// @param flags  for open
+/// @return whether all of the text has been written
+bool append(const std::string& path, int flags, const std::string& text)
 {
-    const int callersErrno = errno;
-    try {
-        work();
-    } catch (const std::exception&) {
-        // Then this line is missing.
-    }
-    errno = callersErrno;
+    constexpr int kFlags = O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    const UniqueFd file(open(path.c_str(), kFlags | flags, kMode));
+    struct stat status = {};
+    return file && fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) &&
+           writeAll(file.get(), text.data(), text.size());
+}
+
+bool write(const std::string& path, int flags, const char* event, Json::Value line)
+{
+    line["event"] = event;
+    line["clock"] = secondsSinceBoot();
+    return append(path, flags, textOf(line));
 }
 
 }  // namespace
@@ -93,18 +103,15 @@ double secondsSinceBoot()
     return static_cast<double>(milliseconds) / 1000;
 }
 
-RunRecord::RunRecord(const std::string& directory)
-    : directory_(open(directory.c_str(), O_DIRECTORY | O_RDONLY | O_CLOEXEC))
+RunRecord::RunRecord(const std::string& directory) : directory_(directory)
 {
-    if (isKept()) {
-        unnoticed([this] {
-            renameat(directory_.get(), kNames[kStart], directory_.get(), kEarlierStart);
+    unnoticed([this] {
+        if (access(directory_.c_str(), F_OK) == 0) {
+            static_cast<void>(std::rename((directory_ + kNames[kStart]).c_str(),
+                                          (directory_ + kEarlierStart).c_str()));
             begin(kStart, "");
-            struct flock mine = {};
-            mine.l_type = F_WRLCK;
-            fcntl(files_[kStart].get(), F_SETLK, &mine);
-        });
-    }
+        }
+    });
 }
 
 void RunRecord::serving(bool hasKey)
@@ -161,11 +168,7 @@ void RunRecord::hearRun(const RunNews& news)
 /// @param stick  empty where there is none
 void RunRecord::begin(Record record, const std::string& stick)
 {
-    // A file left by a service that was killed just here, or a link somebody has put there.
-    unlinkat(directory_.get(), kNewNames[record], 0);
-    files_[record] = UniqueFd(openat(directory_.get(), kNewNames[record],
-                                     O_CREAT | O_EXCL | O_WRONLY | O_APPEND | O_CLOEXEC, kMode));
-    isKept_[record] = fchmod(files_[record].get(), kMode) == 0;  // whatever the umask
+    const std::string made = directory_ + kNewNames[record];
     Json::Value line;
     line["at"] = Json::Int64(time(nullptr));
     line["pid"] = getpid();
@@ -174,19 +177,19 @@ void RunRecord::begin(Record record, const std::string& stick)
         const std::size_t last = stick.find_last_not_of('/');
         line["directory"] = stick.substr(0, last == std::string::npos ? 1 : last + 2);
     }
-    add(record, "began", std::move(line));
-    isKept_[record] = isKept_[record] && renameat(directory_.get(), kNewNames[record],
-                                                  directory_.get(), kNames[record]) == 0;
+    isKept_[record] = false;
+    unlink(made.c_str());  // left by a service that was killed just here, or a link
+    isKept_[record] = write(made, O_CREAT | O_EXCL, "began", std::move(line)) &&
+                      chmod(made.c_str(), kMode) == 0 &&  // whatever the umask
+                      std::rename(made.c_str(), (directory_ + kNames[record]).c_str()) == 0;
 }
 
-/// Gives the record up when the line cannot be written: a line behind a part of one would be lost
-/// with it.
+/// Gives the record up when the line cannot be written: a reader must be able to rely on what lies
+/// before the end, and a line behind a part of one would be lost with it.
 void RunRecord::add(Record record, const char* event, Json::Value line)
 {
-    if (isKept_[record]) {
-        line["event"] = event;
-        line["clock"] = secondsSinceBoot();
-        isKept_[record] = writeLine(files_[record], line);
+    if (std::exchange(isKept_[record], false)) {
+        isKept_[record] = write(directory_ + kNames[record], 0, event, std::move(line));
     }
 }
 

@@ -2,7 +2,6 @@
 
 #include <string>
 
-#include "base/fd.h"
 #include "support/module-observer.h"
 
 namespace Json {
@@ -30,21 +29,21 @@ double secondsSinceBoot();
 ///
 /// "at" is the time of day in seconds since 1970. "reason", from codeOf(), and "detail" are there
 /// where there is one; "offered" is null for a version that is no text, as a wrong key leaves. A
-/// run that was cut off has no "ended". The service has a lock on "start.jsonl" as long as it lives
-/// (fcntl(2), F_SETLK).
+/// run that was cut off has no "ended".
 ///
-/// A file that cannot be made or written is given up; the service goes on without it. Thread: any;
-/// the lines of one file come from one thread at a time.
+/// No file stays open meanwhile: a module that closes a descriptor once too often must not have a
+/// record written into a file of its own. A file that cannot be made or written is given up; the
+/// service goes on without it. Thread: any; the lines of one file come from one thread at a time.
 class RunRecord final : public ModuleObserver
 {
 public:
     enum Record { kStart, kEstimate, kUpdate, kRecords };
 
     /// Makes the record of the start.
-    /// @param directory  must exist; where it does not, nothing is recorded
+    /// @param directory  with "/" at its end; must exist, or nothing is recorded
     explicit RunRecord(const std::string& directory);
 
-    bool isKept() const { return directory_.get() != -1; }
+    bool isKept() const { return isKept_[kStart]; }
 
     /// All modules are loaded, and commands are served from now on.
     /// @param hasKey  whether images can be deciphered
@@ -57,8 +56,7 @@ private:
     void begin(Record record, const std::string& stick);
     void add(Record record, const char* event, Json::Value line);
 
-    const UniqueFd directory_;
-    UniqueFd files_[kRecords];  ///< stay open: closing one would release its lock
+    const std::string directory_;
     bool isKept_[kRecords] = {};
 };
 

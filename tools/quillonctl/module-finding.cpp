@@ -37,7 +37,6 @@ std::string phraseOf(const ModuleFinding& finding)
         {ModuleReason::kNoPlugIn, "its plug-in is not loaded"},
         {ModuleReason::kTooShort, "its image is too short"},
         {ModuleReason::kNotDeciphered, "its image has another image key, or is damaged"},
-        {ModuleReason::kUpToDate, "up to date"},
         {ModuleReason::kNoDuration, "its plug-in does not say how long an update takes"},
         {ModuleReason::kContextRefused, "its plug-in refused to be asked"},
         {ModuleReason::kCheckFailed, "its plug-in could not check the version"},
@@ -53,6 +52,9 @@ std::string phraseOf(const ModuleFinding& finding)
             return finding.result == -1
                        ? "its plug-in could not update it"
                        : "the module's own code is " + std::to_string(finding.result);
+        case ModuleReason::kUpToDate:
+            return finding.result == -1 ? "its plug-in no longer takes the image for newer"
+                                        : "up to date";
         case ModuleReason::kException:
             return finding.detail.empty() ? "an exception was raised"
                                           : "an exception was raised: " + finding.detail;

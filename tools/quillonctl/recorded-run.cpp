@@ -3,6 +3,7 @@
 #include <json/json.h>
 
 #include <algorithm>
+#include <cmath>
 #include <exception>
 #include <sstream>
 
@@ -33,25 +34,26 @@ void take(const Json::Value& line, RecordedRun& run)
     const double clock = line["clock"].asDouble();
     if (event == "began") {
         run.began = clock;
-        return;
-    }
-    if (event == "ended") {
+        run.directory = line["directory"].asString();
+    } else if (event == "ended") {
         run.result = line["result"].asInt();
-        return;
-    }
-    RecordedModule& module = moduleOf(run, line["module"].asString());
-    if (event == "checking" || event == "started") {
+    } else if (event == "checking" || event == "started") {
+        RecordedModule& module = moduleOf(run, line["module"].asString());
         module.finding.reset();
         module.seconds = -clock;
     } else if (event == "decided" || event == "finished") {
+        RecordedModule& module = moduleOf(run, line["module"].asString());
         module.finding = ModuleFinding{line["result"].asInt(), reasonOf(line["reason"].asString()),
                                        line["detail"].asString()};
         module.offered = line["offered"].asString();
         module.expectedSeconds = line["seconds"].asInt();
-        module.seconds += clock;
-        // A key that does not fit leaves no text where the version is.
-        if (line.isMember("offered") && line["offered"].isNull()) {
-            module.finding->reason = ModuleReason::kNotDeciphered;
+        module.seconds = std::round((module.seconds + clock) * 1000) / 1000;
+        // A key that does not fit leaves no text where the version is, and a plug-in that is asked
+        // about it may say anything but yes.
+        ModuleReason& reason = module.finding->reason;
+        if (line.isMember("offered") && line["offered"].isNull() && module.finding->result != 1 &&
+            (reason == ModuleReason::kCheckFailed || reason == ModuleReason::kUpToDate)) {
+            reason = ModuleReason::kNotDeciphered;
         }
     }
 }
@@ -66,7 +68,8 @@ const RecordedModule* RecordedRun::present() const
     return found != modules.end() ? &*found : nullptr;
 }
 
-std::optional<RecordedRun> readRecordedRun(const std::string& name, double since)
+std::optional<RecordedRun> readRecordedRun(const std::string& name, const std::string& stick,
+                                           double since)
 {
     const std::optional<std::string> text =
         readRegularFile(paths::kRunRecords + name + ".jsonl", kLargestRecord);
@@ -84,7 +87,7 @@ std::optional<RecordedRun> readRecordedRun(const std::string& name, double since
             return std::nullopt;  // no record of ours
         }
     }
-    return run.began >= since ? std::optional(run) : std::nullopt;
+    return run.began >= since && run.directory == stick + "/" ? std::optional(run) : std::nullopt;
 }
 
 }  // namespace quillon

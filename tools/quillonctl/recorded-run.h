@@ -23,6 +23,7 @@ struct RecordedModule
 struct RecordedRun
 {
     double began = 0;                     ///< seconds since boot
+    std::string directory;                ///< the stick's, with "/" at its end
     std::vector<RecordedModule> modules;  ///< in the order of the work
     std::optional<int> result;            ///< nothing as long as it is running, or when cut off
 
@@ -31,8 +32,11 @@ struct RecordedRun
 };
 
 /// @param name  "estimate" or "update"
+/// @param stick  its directory without "/" at its end: a run from another one is none of the
+/// caller's
 /// @param since  by secondsSinceBoot(): a run that began earlier is none of the caller's
 /// @return nothing when there is no such record
-std::optional<RecordedRun> readRecordedRun(const std::string& name, double since);
+std::optional<RecordedRun> readRecordedRun(const std::string& name, const std::string& stick,
+                                           double since);
 
 }  // namespace quillon

@@ -162,8 +162,12 @@ const RecordedModule* failedIn(const RecordedRun& run)
 {
     const auto failed = std::find_if(
         run.modules.begin(), run.modules.end(),
-        [](const RecordedModule& one) { return !one.finding || one.finding->result != 0; });
-    return failed != run.modules.end() ? &*failed : nullptr;
+        [](const RecordedModule& one) { return one.finding && one.finding->result != 0; });
+    if (failed != run.modules.end()) {
+        return &*failed;
+    }
+    // Without its end, the record may lack what became of a module.
+    return run.result.value_or(0) != 0 ? run.present() : nullptr;
 }
 
 /// @param failed  null when nothing is recorded
@@ -294,6 +298,18 @@ void Verbs::makeSureNothingRuns()
     }
 }
 
+void Verbs::recordsBegin(const char* record, const std::string& stick)
+{
+    record_ = record;
+    stick_ = stick;
+    since_ = secondsSinceBoot();
+}
+
+std::optional<RecordedRun> Verbs::recorded() const
+{
+    return stick_.empty() ? std::nullopt : readRecordedRun(record_, stick_, since_);
+}
+
 /// Does what a verb does. When the service fails it in the middle of a module, the failure names
 /// the module.
 template <typename Work>
@@ -302,12 +318,9 @@ ExitCode Verbs::namingModule(Work work)
     try {
         return work();
     } catch (Failure& failure) {
-        for (const char* name : {"estimate", "update"}) {
-            const std::optional<RecordedRun> run = readRecordedRun(name, since_);
-            if (since_ != 0 && run && !run->result && run->present() != nullptr) {
-                failure.text +=
-                    "; the service was at the module " + printable(run->present()->name);
-            }
+        const std::optional<RecordedRun> run = recorded();
+        if (run && !run->result && run->present() != nullptr) {
+            failure.text += "; the service was at the module " + printable(run->present()->name);
         }
         throw;
     }
@@ -322,9 +335,12 @@ Estimate Verbs::prepare(const std::string& directory, Stick& stick,
     exitOn(client_.setDirectory(stick.directory));
     output_.say("checking", {{"directory", stick.directory}}, "Checking " + stick.directory);
     stick.images = imagesIn(stick.directory);
-    since_ = secondsSinceBoot();
+    recordsBegin("estimate", stick.directory);
     const Estimate estimate = valueOf(client_.estimate());
-    look = readRecordedRun("estimate", since_);
+    look = recorded();
+    if (look && !look->result) {
+        look.reset();  // it was given up, and may lack a refusal
+    }
     if (look) {
         sayModules(output_, "looked", "STATE", 1, look->modules, describeLook);
     }
@@ -343,14 +359,14 @@ ExitCode Verbs::follow(int expectedSeconds, std::chrono::milliseconds pollInterv
         const Progress progress = valueOf(client_.progress());
         const int passed = secondsSince(start);
         const int left = std::max(expectedSeconds - passed, 0);
-        const RecordedRun recorded = readRecordedRun("update", since_).value_or(RecordedRun());
-        const RecordedModule* module = recorded.present();
+        const RecordedRun update = recorded().value_or(RecordedRun());
+        const RecordedModule* module = update.present();
         if (progress.state == Progress::kRunning && module != nullptr && module->name != present) {
             present = module->name;
             output_.say("updating", {{"module", present}}, "Updating " + printable(present));
         }
-        if (progress.state != Progress::kRunning && !recorded.modules.empty()) {
-            sayModules(output_, "updated", "OUTCOME", 0, recorded.modules, describeUpdate);
+        if (progress.state != Progress::kRunning && !update.modules.empty()) {
+            sayModules(output_, "updated", "OUTCOME", 0, update.modules, describeUpdate);
         }
         switch (progress.state) {
             case Progress::kRunning:
@@ -364,14 +380,14 @@ ExitCode Verbs::follow(int expectedSeconds, std::chrono::milliseconds pollInterv
                 break;
             case Progress::kDone:
                 // To the service, only the module's code -1 fails a run.
-                if (failedIn(recorded) == nullptr) {
+                if (failedIn(update) == nullptr) {
                     output_.say("finished", {{"seconds", passed}},
                                 "The update finished after " + std::to_string(passed) + " s");
                     return kExitSuccess;
                 }
                 [[fallthrough]];
             case Progress::kFailed:
-                output_.error(kExitUpdateFailed, whyFailed(failedIn(recorded)));
+                output_.error(kExitUpdateFailed, whyFailed(failedIn(update)));
                 return kExitUpdateFailed;
             default:
                 throw Failure{kExitSystem,
@@ -413,7 +429,7 @@ ExitCode Verbs::run(const std::string& directory, std::chrono::milliseconds poll
     onInterruptSay(
         "\nquillonctl: interrupted; if the update service has started the update, it goes on "
         "there\n");
-    since_ = secondsSinceBoot();
+    recordsBegin("update", stick.directory);
     exitOn(client_.start());
     onInterruptSay(
         "\nquillonctl: interrupted; the update goes on in the update service, \"quillonctl "

@@ -50,10 +50,15 @@ private:
     void makeSureNothingRuns();
     ExitCode follow(int expectedSeconds, std::chrono::milliseconds pollInterval);
     void lookAgain(const Stick& stick);
+    void recordsBegin(const char* record, const std::string& stick);
+    std::optional<RecordedRun> recorded() const;
 
     Client& client_;
     Output& output_;
-    double since_ = 0;  ///< what the service has recorded since then is ours
+    // What the service records from now on of this is ours.
+    const char* record_ = "estimate";
+    std::string stick_;  ///< empty as long as nothing is asked of it
+    double since_ = 0;
 };
 
 }  // namespace quillon

@@ -12,16 +12,20 @@
 
 namespace {
 
-[[noreturn]] void execCtl(const std::vector<std::string>& arguments)
+/// Made before fork(): another thread may hold the allocator's lock then, for ever in the child.
+std::vector<char*> argumentsOf(const std::vector<std::string>& arguments)
 {
-    std::vector<std::string> words = {"quillonctl"};
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    argv.reserve(words.size() + 1);
-    for (std::string& word : words) {
-        argv.push_back(word.data());
+    static char name[] = "quillonctl";
+    std::vector<char*> argv = {name};
+    for (const std::string& word : arguments) {
+        argv.push_back(const_cast<char*>(word.c_str()));
     }
     argv.push_back(nullptr);
+    return argv;
+}
+
+[[noreturn]] void execCtl(const std::vector<char*>& argv)
+{
     execv(QUILLONCTL_PROGRAM, argv.data());
     _exit(127);
 }
@@ -53,6 +57,7 @@ CtlProgram::CtlProgram(const std::vector<std::string>& arguments, uid_t user)
     if (pipe(out) != 0 || pipe(err) != 0) {
         throw std::runtime_error("cannot make pipes");
     }
+    const std::vector<char*> argv = argumentsOf(arguments);
     pid_ = fork();
     if (pid_ == 0) {
         dup2(out[1], STDOUT_FILENO);
@@ -63,7 +68,7 @@ CtlProgram::CtlProgram(const std::vector<std::string>& arguments, uid_t user)
         if (user != 0 && setuid(user) != 0) {
             _exit(126);
         }
-        execCtl(arguments);
+        execCtl(argv);
     }
     close(out[1]);
     close(err[1]);
@@ -116,10 +121,11 @@ CtlResult runCtlOnTerminal(const std::vector<std::string>& arguments, unsigned s
     size.ws_col = columns;
     size.ws_row = 24;
     int master = -1;
+    const std::vector<char*> argv = argumentsOf(arguments);
     const pid_t pid = forkpty(&master, nullptr, nullptr, &size);
     if (pid == 0) {
         setenv("TERM", terminal, 1);
-        execCtl(arguments);
+        execCtl(argv);
     }
     if (pid < 0) {
         throw std::runtime_error("cannot make a terminal");

@@ -17,7 +17,9 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kStick = "/tmp/stick";
-constexpr const char* kBegan = "{\"event\":\"began\",\"clock\":1e9}\n";  // after any command
+// After any command.
+constexpr const char* kBegan =
+    "{\"event\":\"began\",\"clock\":1e9,\"directory\":\"/tmp/stick/\"}\n";
 constexpr const char* kEnded = "{\"event\":\"ended\",\"clock\":1e9,\"result\":0}\n";
 
 void record(const std::string& name, const std::string& lines)
@@ -161,10 +163,30 @@ TEST_F(CtlRecordedRun, NamesTheModuleThatTheServiceDiedIn)
 
 TEST_F(CtlRecordedRun, OfSomebodyElseIsNotShown)
 {
-    record("estimate", "{\"event\":\"began\",\"clock\":0.001}\n" +
-                           decided("lamp", R"("result":1,"seconds":30)") + kEnded);
+    service.serve();
+    for (const char* began :
+         {"{\"event\":\"began\",\"clock\":0.001,\"directory\":\"/tmp/stick/\"}\n",
+          "{\"event\":\"began\",\"clock\":1e9,\"directory\":\"/tmp/stick2/\"}\n"}) {
+        record("estimate", began + decided("lamp", R"("result":1,"seconds":30)") + kEnded);
+        expectNoText(runCtl({"check", kStick}).out, like("*NAME*"));
+    }
+}
 
-    expectNoText(runWith({"check", kStick}).out, like("*NAME*"));
+TEST_F(CtlRecordedRun, ThatWasGivenUpTurnsNoResultRound)
+{
+    nothingNeeded();
+    record("estimate", kBegan + decided("horn", R"("result":0,"reason":"up-to-date")"));
+    const CtlResult look = runWith({"update", kStick});
+    EXPECT_EQ(look.exitCode, 7) << "a refusal may be missing";
+    expectText(look.out, like("*the service's log says why\n"));
+}
+
+TEST_F(CtlRecordedRun, ThatWasGivenUpFailsNoUpdate)
+{
+    service.answerAfterStart({{MQ_RESULT_DONE, 100}});
+    record("update", kBegan + finished("lamp", R"("result":0)") +
+                         "{\"event\":\"started\",\"clock\":1e9,\"module\":\"horn\"}\n");
+    EXPECT_EQ(runWith({"update", kStick}).exitCode, 0);
 }
 
 TEST_F(CtlRecordedRun, ThatIsDamagedIsNotShown)
@@ -181,9 +203,10 @@ TEST_F(CtlRecordedRun, ThatIsDamagedIsNotShown)
 
 TEST_F(CtlRecordedRun, WithoutTheEndOfItsLastLineIsReadUpToThere)
 {
-    record("estimate", kBegan + decided("lamp", R"("result":1,"seconds":30)") + "{\"event\":\"che");
+    service.answerAfterStart({{MQ_RESULT_DONE, 100}});
+    record("update", kBegan + finished("lamp", R"("result":0)") + "{\"event\":\"fini");
 
-    expectText(runWith({"check", kStick}).out, like("*\nlamp  -        needs an update*"));
+    expectText(runWith({"update", kStick}).out, like("*\nlamp  -        updated in 12 s\n*"));
 }
 
 TEST_F(CtlRecordedRun, IsToldToProgramsAsWell)

@@ -54,12 +54,14 @@ std::string raisedBy(Call call)
         return {};
     } catch (const std::exception& error) {
         return std::string("an exception was raised: ") + error.what();
-    } catch (const abi::__forced_unwind&) {
-        if (gettid() == getpid()) {
-            std::abort();  // what is left of the process would never end
-        }
-        throw;
     } catch (...) {
+        // The one that cannot be had is the C library's: a plug-in ended the thread.
+        if (std::current_exception() == nullptr) {
+            if (gettid() == getpid()) {
+                std::abort();  // what is left of the process would never end
+            }
+            throw;
+        }
         return "an exception was raised";
     }
 }
