@@ -1,8 +1,10 @@
 #include "helpers/lifecycle/orderly-end.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -23,6 +25,8 @@
 #include <system_error>
 
 #include "base/fd.h"
+#include "base/regular-file.h"
+#include "base/secret-bytes.h"
 #include "helpers/lifecycle/own-queues.h"
 #include "helpers/lifecycle/taken-name.h"
 #include "helpers/lifecycle/unit-failure.h"
@@ -34,7 +38,7 @@ namespace {
 
 constexpr int kPauseMilliseconds = 500;
 constexpr std::size_t kThreadsWithoutUpdate = 2;  // the initial one and the control task
-constexpr double kSecondsToStartTasks = 5;
+constexpr std::size_t kLargestRecord = 4U << 20U;
 constexpr int kFullLooks = 4;  // who reads replies at all does so within two seconds
 
 void takeMarkerAway(const std::string& marker)
@@ -88,7 +92,16 @@ Threads threadsOf(pid_t process)
 /// @return in seconds since boot; infinity when the service's record does not tell
 double servingSince()
 {
-    std::ifstream lines(paths::kRunRecords + std::string("start.jsonl"));
+    // The service's user may have put anything there.
+    const std::string path = paths::kRunRecords + std::string("start.jsonl");
+    UniqueFd file;
+    struct stat opened = {};
+    SecretBytes record;
+    if (openRegularFile(path.c_str(), O_NOFOLLOW, file, opened) != FileResult::kOk ||
+        readToEnd(file.get(), kLargestRecord, record) != FileResult::kOk) {
+        return std::numeric_limits<double>::infinity();
+    }
+    std::istringstream lines(std::string(record.begin(), record.end()));
     for (std::string line; std::getline(lines, line);) {
         const std::size_t clock = line.find("\"clock\":");
         if (line.find("\"event\":\"serving\"") != std::string::npos && clock != std::string::npos) {
@@ -120,7 +133,7 @@ double startOf(const std::string& status)
 /// them: rather is a service that hangs spared for long than one killed that updates.
 Threads lastingThreadsOf(pid_t process)
 {
-    const double serving = servingSince() + kSecondsToStartTasks;
+    const double serving = servingSince();
     Threads lasting;
     for (const std::string& thread : threadsOf(process)) {
         if (startOf("/proc/" + std::to_string(process) + "/task/" + thread + "/stat") <= serving) {
