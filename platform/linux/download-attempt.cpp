@@ -17,7 +17,6 @@ namespace {
 constexpr int kMostRedirections = 5;
 constexpr std::size_t kMostDropped = 65536;
 constexpr long kSlowestBytesPerSecond = 100;
-constexpr char kBlanks[] = " \t";
 
 bool isSecure(std::string_view address)
 {
@@ -76,23 +75,15 @@ std::string headerOf(CURL* transfer, const char* name)
     return result == CURLHE_OK ? found->value : "";
 }
 
-/// Only a body in chunks tells its end by itself: any other coding, or an empty list of them,
-/// leaves it to the end of the connection.
+/// Only a body in chunks tells its end by itself. No other coding was asked for, and where one is
+/// named as well, libcurl may still read the body up to the end of the connection.
 bool comesInChunks(CURL* transfer)
 {
     constexpr int kLastRequest = -1;
-    std::string codings;
     curl_header* found = nullptr;
-    for (std::size_t number = 0; curl_easy_header(transfer, "Transfer-Encoding", number,
-                                                  CURLH_HEADER, kLastRequest, &found) == CURLHE_OK;
-         ++number) {
-        codings = found->value;
-    }
-    const std::size_t end = codings.find_last_not_of(kBlanks) + 1;
-    const std::size_t comma = codings.rfind(',');
-    const std::size_t start = comma == codings.npos ? 0 : comma + 1;
-    const std::size_t last = codings.find_first_not_of(kBlanks, start);
-    return last < end && strcasecmp(codings.substr(last, end - last).c_str(), "chunked") == 0;
+    return curl_easy_header(transfer, "Transfer-Encoding", 0, CURLH_HEADER, kLastRequest, &found) ==
+               CURLHE_OK &&
+           found->amount == 1 && strcasecmp(found->value, "chunked") == 0;
 }
 
 std::string validatorOf(CURL* transfer)

@@ -106,8 +106,10 @@ PartResult DownloadPart::openLocked()
         if (file_ && fstat(file_.get(), &status) != 0) {
             return PartResult::kFailed;
         }
-        // A second name would let the package write into somebody's other file.
-        const bool foreign = file_ ? !S_ISREG(status.st_mode) || status.st_nlink > 1
+        // A second name would let the package write into somebody's other file. Whoever else may
+        // open a part may lock it, and keep everybody from going on with it.
+        const bool foreign = file_ ? !S_ISREG(status.st_mode) || status.st_nlink > 1 ||
+                                         (status.st_mode & ~(S_IFMT | kPartMode)) != 0
                                    : errno == ELOOP || errno == ENXIO;
         if (foreign) {
             if (unlinkat(directory_.get(), partName_.c_str(), 0) != 0 && errno != ENOENT) {
@@ -122,8 +124,7 @@ PartResult DownloadPart::openLocked()
             return errno == EWOULDBLOCK ? PartResult::kBusy : PartResult::kFailed;
         }
         if (isStillAtItsPath()) {
-            // Whoever may open a part may lock it, and keep everybody from going on with it.
-            return fchmod(file_.get(), kPartMode) == 0 ? PartResult::kOk : PartResult::kFailed;
+            return PartResult::kOk;
         }
     }
     return PartResult::kBusy;

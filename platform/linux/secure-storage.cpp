@@ -72,6 +72,8 @@ int ss_read(unsigned char** data, size_t* size, int /*reserved0*/, int /*reserve
 
 void ss_free_buffer(unsigned char* data)
 {
-    explicit_bzero(data, malloc_usable_size(data));  // 0 for null
+    if (data != nullptr) {
+        explicit_bzero(data, malloc_usable_size(data));
+    }
     std::free(data);
 }

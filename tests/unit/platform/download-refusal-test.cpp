@@ -116,7 +116,8 @@ TEST_F(DownloadRefusal, OfABodyWhoseLastCodingIsNotChunked)
 {
     for (const char* coding :
          {"Transfer-Encoding: chunked, identity", "Transfer-Encoding: x-chunked",
-          "Transfer-Encoding: chunked,", "Transfer-Encoding: identity\r\nTransfer-Encoding: ",
+          "Transfer-Encoding: chunked,", "Transfer-Encoding: identity,\r\n chunked",
+          "Transfer-Encoding: identity\r\nTransfer-Encoding: ",
           "Transfer-Encoding: chunked\r\nTransfer-Encoding: identity"}) {
         const LocalHttpServer server([&](const HttpRequest&, HttpConnection& connection) {
             connection.send(httpHead("200 OK", {coding}) + "7\r\npackage\r\n0\r\n\r\n");

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <filesystem>
 
+#include "base/fd.h"
 #include "download-fixture.h"
 #include "support/files.h"
 #include "support/texts.h"
@@ -171,6 +172,7 @@ TEST_F(DownloadStorage, FailsWhenTheDiskTakesNoMore)
 TEST_F(DownloadStorage, LeavesAPartAloneThatAnotherProcessIsWriting)
 {
     writeFile(pathOf(".alpha.part"), "from another process");
+    ASSERT_EQ(chmod(pathOf(".alpha.part").c_str(), 0600), 0);
     const int fd = open(pathOf(".alpha.part").c_str(), O_RDWR | O_CLOEXEC);
     ASSERT_EQ(flock(fd, LOCK_EX), 0);
 
@@ -180,6 +182,17 @@ TEST_F(DownloadStorage, LeavesAPartAloneThatAnotherProcessIsWriting)
     EXPECT_TRUE(server.requests().empty());
 
     close(fd);
+    EXPECT_EQ(download("alpha"), 0);
+    EXPECT_TRUE(readAll(pathOf("alpha.img")) == package);
+}
+
+TEST_F(DownloadStorage, IsNotHeldUpByAPartThatOthersMayLock)
+{
+    writeFile(pathOf(".alpha.part"), "of nobody knows whom");
+    ASSERT_EQ(chmod(pathOf(".alpha.part").c_str(), 0644), 0);
+    const quillon::UniqueFd locked(open(pathOf(".alpha.part").c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(flock(locked.get(), LOCK_SH), 0);
+
     EXPECT_EQ(download("alpha"), 0);
     EXPECT_TRUE(readAll(pathOf("alpha.img")) == package);
 }
