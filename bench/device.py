@@ -44,6 +44,7 @@ def boot() -> None:
     run("touch", "/tmp/smack_early_ready", "/tmp/fw_update_ready_usb")
     key = pathlib.Path("/var/lib/quillon/secure-storage/quillon")
     key.parent.mkdir(mode=0o700, parents=True, exist_ok=True)
+    pathlib.Path("/run/quillon/run").mkdir(parents=True, exist_ok=True)  # where the unit has records kept
     key.write_text(IMAGE_KEY)
     key.chmod(0o600)
 
