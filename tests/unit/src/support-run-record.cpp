@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <list>
+#include <new>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -205,6 +206,23 @@ TEST_F(RunRecords, KeepNoDescriptorThatAModuleCouldClose)
 
     EXPECT_EQ(descriptors(), before);
     EXPECT_EQ(linesIn("update.jsonl").size(), 4U);
+}
+
+TEST_F(RunRecords, FailNothingWhenMemoryRunsOut)
+{
+    struct OutOfMemory final : ModuleObserver
+    {
+        void hear(const ModuleNews& /*news*/) override { throw std::bad_alloc(); }
+        void hearRun(const RunNews& /*news*/) override { throw std::bad_alloc(); }
+    } observer;
+    device.addModule("alpha", Module().needsUpdate().takesSeconds(30));
+    device.stick().addImage("alpha", Image());
+    moduleObserver = &observer;
+
+    ASSERT_TRUE(manager->getIsReady(true));
+    EXPECT_EQ(estimate(), 0);
+    EXPECT_EQ(update(), 0);
+    moduleObserver = nullptr;
 }
 
 TEST_F(RunRecords, CanBeReadByEverybody)

@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -286,6 +287,24 @@ TEST_F(OrderlyEnd, OfAServiceThatHangsIsNotTakenFromTheEndOfAnEstimate)
     expectTexts(manager.received(), {});
 }
 
+TEST_F(OrderlyEnd, WaitsForNothingThatIsInTheRecordsPlace)
+{
+    const std::string record = "/run/quillon/run/start.jsonl";
+    std::filesystem::create_directories("/run/quillon/run");
+    const auto endOne = [] {
+        const Process service(waitForTheMarkerToGo);
+        std::ofstream{kMarker};
+        endAndWait(kMarker, service.id());
+        EXPECT_TRUE(service.hasEnded());
+        ASSERT_EQ(std::remove(kMarker), 0);
+    };
+    ASSERT_EQ(mkfifo(record.c_str(), 0644), 0);
+    endOne();
+    std::filesystem::remove(record);
+    std::filesystem::create_symlink("/dev/zero", record);
+    endOne();
+}
+
 TEST_F(OrderlyEnd, IsTakenFromTheEndOfAThreadThatWasThereFromTheStart)
 {
     NotifySocket manager("/tmp/notify");
@@ -298,7 +317,7 @@ TEST_F(OrderlyEnd, IsTakenFromTheEndOfAThreadThatWasThereFromTheStart)
     timespec now{};
     clock_gettime(CLOCK_BOOTTIME, &now);
     writeFile("/run/quillon/run/start.jsonl",
-              "{\"clock\":" + std::to_string(now.tv_sec) + ",\"event\":\"serving\"}\n");
+              "{\"clock\":" + std::to_string(now.tv_sec + 1) + ",\"event\":\"serving\"}\n");
 
     endAndWait(kMarker, service.id());
 
