@@ -106,7 +106,8 @@ double secondsSinceBoot()
 RunRecord::RunRecord(const std::string& directory) : directory_(directory)
 {
     unnoticed([this] {
-        if (access(directory_.c_str(), F_OK) == 0) {
+        struct stat status = {};
+        if (fstatat(AT_FDCWD, directory_.c_str(), &status, 0) == 0) {
             static_cast<void>(std::rename((directory_ + kNames[kStart]).c_str(),
                                           (directory_ + kEarlierStart).c_str()));
             begin(kStart, "");
