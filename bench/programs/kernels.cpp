@@ -176,23 +176,44 @@ std::uint32_t checksumSliced()
     return crc;
 }
 
-/// Adds work that is timed. What it returns is kept; where that is false, it could not be done.
-template <typename Work>
-void add(const char* name, Work work)
+unsigned long checksumOfTheService()
+{
+    return FWUpdateSymbol("bench").getBinaryCRC32(file);
+}
+
+/// What the work returns is kept; where that is false, it could not be done.
+template <auto work>
+void timed(benchmark::State& state)
+{
+    for ([[maybe_unused]] auto iteration : state) {
+        auto result = work();
+        benchmark::DoNotOptimize(result);
+        if (!result) {
+            state.SkipWithError("the work cannot be done with this file");
+        }
+    }
+}
+
+void asOftenAsWanted(benchmark::internal::Benchmark* benchmark)
 {
     const char* times = std::getenv("QUILLON_BENCH_TIMES");
-    auto* added = benchmark::RegisterBenchmark(name, [work](benchmark::State& state) {
-        for ([[maybe_unused]] auto iteration : state) {
-            auto result = work();
-            benchmark::DoNotOptimize(result);
-            if (!result) {
-                state.SkipWithError("the work cannot be done with this file");
-            }
-        }
-    });
-    added->Iterations(times == nullptr ? 1 : std::atoi(times))->Unit(benchmark::kMillisecond);
-    added->UseRealTime();
+    benchmark->Iterations(times == nullptr ? 1 : std::atoi(times))
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime();
 }
+
+#define QUILLON_TIMED(name, ...) \
+    BENCHMARK_TEMPLATE(timed, __VA_ARGS__)->Name(name)->Apply(asOftenAsWanted)
+
+QUILLON_TIMED("decipher/service", decipherAll<false>);
+QUILLON_TIMED("decipher/plain", decipherAll<true>);
+QUILLON_TIMED("decipher/part-reading", readAll<false, kBlock>);
+QUILLON_TIMED("decipher/part-memory", touchMemory);
+QUILLON_TIMED("decipher/part-cipher", decipherOneBlock);
+QUILLON_TIMED("checksum/service", checksumOfTheService);
+QUILLON_TIMED("checksum/bytewise", checksumBytewise);
+QUILLON_TIMED("checksum/sliced", checksumSliced);
+QUILLON_TIMED("checksum/reading-alone", readAll<true, kLargeBlock>);
 
 bool givesTheSame()
 {
@@ -226,15 +247,6 @@ int main(int count, char* arguments[])
         return 2;
     }
     static_cast<void>(decipherOneBlock());  // what a process does once, and slowly
-    add("decipher/service", decipherAll<false>);
-    add("decipher/plain", decipherAll<true>);
-    add("decipher/part-reading", readAll<false, kBlock>);
-    add("decipher/part-memory", touchMemory);
-    add("decipher/part-cipher", decipherOneBlock);
-    add("checksum/service", [] { return FWUpdateSymbol("bench").getBinaryCRC32(file); });
-    add("checksum/bytewise", checksumBytewise);
-    add("checksum/sliced", checksumSliced);
-    add("checksum/reading-alone", readAll<true, kLargeBlock>);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;
