@@ -348,7 +348,8 @@ TEST_F(CtlVerbs, InterruptingAnUpdateSaysThatItGoesOnAndExitsWith130)
     service.answerAfterStart(runOf(1000));
     service.serve();
     CtlProgram program({"update", kStick});
-    ASSERT_TRUE(service.waitFor(MQ_COMMAND_PROGRESS, 2));
+    // One before the start, one that belongs to it, and the first of the run.
+    ASSERT_TRUE(service.waitFor(MQ_COMMAND_PROGRESS, 3));
     program.sendSignal(SIGINT);
 
     const CtlResult result = program.finish();
