@@ -55,7 +55,7 @@ Entry entryOf(ModuleEvent event)
 /// What deciphering with a wrong key leaves is hardly ever text.
 bool isText(const std::string& version)
 {
-    const auto isControl = [](char c) { return c >= '\0' && c < ' '; };
+    const auto isControl = [](char c) { return static_cast<unsigned char>(c) < ' '; };
     return g_utf8_validate(version.data(), static_cast<gssize>(version.size()), nullptr) != FALSE &&
            std::none_of(version.begin(), version.end(), isControl);
 }
