@@ -58,10 +58,9 @@ struct ModuleNews
     std::string libName;
     int result = 0;
     ModuleReason reason = ModuleReason::kNone;
-    std::string detail{};  ///< empty where nothing else is said
-    std::string
-        offered{};    ///< the version of the image that was looked at; empty if it came to none
-    int seconds = 0;  ///< how long its update is expected to take, as far as is known
+    std::string detail{};   ///< empty where nothing else is said
+    std::string offered{};  ///< version of the image that was looked at; empty if none was
+    int seconds = 0;        ///< how long its update is expected to take, as far as is known
 };
 
 enum class RunEvent {
@@ -78,8 +77,9 @@ struct RunNews
     int result = 0;
 };
 
-/// Both are called on the thread that checks or updates. They must not call the registry. What is
-/// derived from std::exception may leave them and is dropped; errno is kept for them.
+/// Both are called on the thread that checks or updates. They must not call the registry. They may
+/// change errno, and throw what is derived from std::exception: whoever tells them restores the one
+/// and drops the other.
 class ModuleObserver
 {
 public:
@@ -101,8 +101,8 @@ inline thread_local std::string moduleReasonDetail;
 /// The version of the image that this thread has last looked at.
 inline thread_local std::string offeredVersion;
 
-/// Does what is only for the observer: keeps errno, which log lines tell of, and lets no lack of
-/// memory out, which would fail what it is told of.
+/// Does work for the observer without an effect on the run: restores errno, which log lines print,
+/// and drops exceptions, as when memory runs out.
 template <typename Work>
 void unnoticed(Work work)
 {

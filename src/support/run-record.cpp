@@ -126,43 +126,39 @@ void RunRecord::serving(bool hasKey)
 
 void RunRecord::hear(const ModuleNews& news)
 {
-    unnoticed([&] {
-        const Entry entry = entryOf(news.event);
-        Json::Value line;
-        line["module"] = news.libName;
-        if (entry.hasResult) {
-            line["result"] = news.result;
-            line["seconds"] = news.seconds;
-        }
-        if (news.reason != ModuleReason::kNone) {
-            line["reason"] = codeOf(news.reason);
-        }
-        if (!news.detail.empty()) {
-            line["detail"] = news.detail;
-        }
-        if (!news.offered.empty()) {
-            line["offered"] = isText(news.offered) ? Json::Value(news.offered) : Json::Value();
-        }
-        add(entry.record, entry.event, std::move(line));
-    });
+    const Entry entry = entryOf(news.event);
+    Json::Value line;
+    line["module"] = news.libName;
+    if (entry.hasResult) {
+        line["result"] = news.result;
+        line["seconds"] = news.seconds;
+    }
+    if (news.reason != ModuleReason::kNone) {
+        line["reason"] = codeOf(news.reason);
+    }
+    if (!news.detail.empty()) {
+        line["detail"] = news.detail;
+    }
+    if (!news.offered.empty()) {
+        line["offered"] = isText(news.offered) ? Json::Value(news.offered) : Json::Value();
+    }
+    add(entry.record, entry.event, std::move(line));
 }
 
 void RunRecord::hearRun(const RunNews& news)
 {
-    unnoticed([&] {
-        Json::Value line;
-        switch (news.event) {
-            case RunEvent::kEstimateBegan:
-                return begin(kEstimate, news.directory);
-            case RunEvent::kUpdateBegan:
-                return begin(kUpdate, news.directory);
-            case RunEvent::kEstimateEnded:
-            case RunEvent::kUpdateEnded:
-                line["result"] = news.result;
-                return add(news.event == RunEvent::kUpdateEnded ? kUpdate : kEstimate, "ended",
-                           std::move(line));
-        }
-    });
+    Json::Value line;
+    line["result"] = news.result;
+    switch (news.event) {
+        case RunEvent::kEstimateBegan:
+            return begin(kEstimate, news.directory);
+        case RunEvent::kEstimateEnded:
+            return add(kEstimate, "ended", std::move(line));
+        case RunEvent::kUpdateBegan:
+            return begin(kUpdate, news.directory);
+        case RunEvent::kUpdateEnded:
+            return add(kUpdate, "ended", std::move(line));
+    }
 }
 
 /// Replaces the record.
@@ -185,8 +181,7 @@ void RunRecord::begin(Record record, const std::string& stick)
                       std::rename(made.c_str(), (directory_ + kNames[record]).c_str()) == 0;
 }
 
-/// Gives the record up when the line cannot be written: a reader must be able to rely on what lies
-/// before the end, and a line behind a part of one would be lost with it.
+/// Gives the record up when a line cannot be written, so that a record with an end lacks none.
 void RunRecord::add(Record record, const char* event, Json::Value line)
 {
     if (std::exchange(isKept_[record], false)) {

@@ -15,7 +15,7 @@ double secondsSinceBoot();
 
 /// Keeps records of what the service does, for programs that tell people of it: which modules have
 /// been loaded ("start.jsonl"), what the latest look at a stick has found ("estimate.jsonl"), and
-/// how far the latest update has come ("update.jsonl"). The names are the same below, in `Record`.
+/// how far the latest update has come ("update.jsonl").
 ///
 /// Each file has a JSON object a line. The first is written before anything of its kind is done,
 /// and replaces the file of the time before in one step. Each further one is written when it
@@ -31,9 +31,10 @@ double secondsSinceBoot();
 /// where there is one; "offered" is null for a version that is no text, as a wrong key leaves. A
 /// run that was cut off has no "ended".
 ///
-/// No file stays open meanwhile: a module that closes a descriptor once too often must not have a
-/// record written into a file of its own. A file that cannot be made or written is given up; the
-/// service goes on without it. Thread: any; the lines of one file come from one thread at a time.
+/// A file is open only while a line is written: a module that closes a descriptor twice must not
+/// have a record written into a file of its own. A file that cannot be made or written is given up,
+/// and the service goes on without it. Thread: any; the lines of one file come from one thread at a
+/// time.
 class RunRecord final : public ModuleObserver
 {
 public:

@@ -272,8 +272,11 @@ TEST_F(RunRecords, LeaveErrnoAlone)
     RunRecord& record = observe();
     fs::remove_all(kRecords);
     errno = ETOOMANYREFS;
-    record.hearRun({RunEvent::kUpdateBegan, "/media/"});
-    record.hear({ModuleEvent::kStarted, "alpha"});
+    {
+        const ToldRun run(RunEvent::kUpdateBegan, RunEvent::kUpdateEnded, "/media/");
+        tell(ModuleEvent::kStarted, FWUpdateSymbol("alpha"));
+        record.serving(true);
+    }
     EXPECT_EQ(errno, ETOOMANYREFS);
 }
 
