@@ -129,8 +129,8 @@ double startOf(const std::string& status)
 }
 
 /// The threads that a service has all its life, and others that were there when it began to serve.
-/// What an estimate or an update starts comes later. Where the record does not tell when, all of
-/// them: rather is a service that hangs spared for long than one killed that updates.
+/// Threads of an estimate or an update start later. Without that time all threads count: to spare
+/// a service that hangs does less harm than to kill one that updates.
 Threads lastingThreadsOf(pid_t process)
 {
     const double serving = servingSince();

@@ -11,11 +11,11 @@ namespace quillon::unit {
 /// has ended, however long its running update takes. Unread replies that fill their queue are
 /// thrown away, since the service would wait for ever for somebody to read them.
 ///
-/// Meanwhile the watchdog is told that the service is alive, from the moment that one of the
-/// threads has ended that it had when it began to serve, by its record of the start; without the
-/// record, any of them. It is told so as long as an update runs, and then for as long as
-/// `patience`. A thread that a module has left running counts as an update, since the two look
-/// alike and an update must not be killed.
+/// Meanwhile the watchdog is told that the service is alive. That begins when a thread ends that
+/// the service had when it began to serve, a time that its record of the start tells; without the
+/// record, when any thread ends. It goes on as long as an update runs, and then for `patience`. A
+/// thread that a module has left running counts as an update, since the two look alike and an
+/// update must not be killed.
 ///
 /// Whatever goes wrong is said and does not end the waiting: who returns early lets the service be
 /// killed in the middle of an update.

@@ -37,6 +37,7 @@ using namespace std::chrono_literals;
 using quillon::unit::endAndWait;
 
 constexpr char kMarker[] = "/tmp/fw_update_ready_usb";
+constexpr char kRecord[] = "/run/quillon/run/start.jsonl";
 
 bool isMarked()
 {
@@ -172,19 +173,36 @@ TEST_F(OrderlyEnd, ThrowsRepliesAwayThatNobodyReads)
     EXPECT_TRUE(service.hasEnded());
 }
 
+/// Notes that the service has begun to serve, so many seconds from now.
+void recordServing(int fromNow)
+{
+    timespec now{};
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    writeFile(kRecord, "{\"clock\":1.5,\"event\":\"began\"}\n{\"clock\":" +
+                           std::to_string(now.tv_sec + fromNow) +
+                           ".25,\"event\":\"serving\",\"key\":true}\n");
+}
+
 TEST_F(OrderlyEnd, TellsTheWatchdogThatAnEndingServiceIsAlive)
 {
-    NotifySocket manager("/tmp/notify");
-    const Process service([] {
-        std::thread eventLoop(waitForTheMarkerToGo);
-        eventLoop.join();
-        std::this_thread::sleep_for(1500ms);
-    });
-    waitForThreads(service.id(), 2);
+    for (const bool isRecorded : {false, true}) {
+        std::ofstream{kMarker};
+        NotifySocket manager("/tmp/notify" + std::to_string(isRecorded));
+        const Process service([] {
+            std::thread eventLoop(waitForTheMarkerToGo);
+            eventLoop.join();
+            std::this_thread::sleep_for(1500ms);
+        });
+        waitForThreads(service.id(), 2);
+        if (isRecorded) {
+            recordServing(1);
+        }
 
-    endAndWait(kMarker, service.id());
+        endAndWait(kMarker, service.id());
 
-    expectTextAmong(manager.received(), "WATCHDOG=1");
+        expectTextAmong(manager.received(), "WATCHDOG=1");
+        ASSERT_EQ(std::remove(kMarker), 0);
+    }
 }
 
 TEST_F(OrderlyEnd, LeavesAServiceThatHangsToTheWatchdog)
@@ -269,11 +287,7 @@ TEST_F(OrderlyEnd, TellsTheWatchdogOfAnUpdateBesideAModulesOlderThread)
 TEST_F(OrderlyEnd, OfAServiceThatHangsIsNotTakenFromTheEndOfAnEstimate)
 {
     NotifySocket manager("/tmp/notify");
-    timespec now{};
-    clock_gettime(CLOCK_BOOTTIME, &now);
-    writeFile("/run/quillon/run/start.jsonl",
-              "{\"clock\":1.5,\"event\":\"began\"}\n{\"clock\":" + std::to_string(now.tv_sec - 10) +
-                  ".25,\"event\":\"serving\",\"key\":true}\n");
+    recordServing(-10);
     const Process service([] {
         std::thread estimate(waitForTheMarkerToGo);
         std::thread eventLoop([] { std::this_thread::sleep_for(2s); });
@@ -289,39 +303,19 @@ TEST_F(OrderlyEnd, OfAServiceThatHangsIsNotTakenFromTheEndOfAnEstimate)
 
 TEST_F(OrderlyEnd, WaitsForNothingThatIsInTheRecordsPlace)
 {
-    const std::string record = "/run/quillon/run/start.jsonl";
     std::filesystem::create_directories("/run/quillon/run");
     const auto endOne = [] {
-        const Process service(waitForTheMarkerToGo);
         std::ofstream{kMarker};
+        const Process service(waitForTheMarkerToGo);
         endAndWait(kMarker, service.id());
         EXPECT_TRUE(service.hasEnded());
         ASSERT_EQ(std::remove(kMarker), 0);
     };
-    ASSERT_EQ(mkfifo(record.c_str(), 0644), 0);
+    ASSERT_EQ(mkfifo(kRecord, 0644), 0);
     endOne();
-    std::filesystem::remove(record);
-    std::filesystem::create_symlink("/dev/zero", record);
+    std::filesystem::remove(kRecord);
+    std::filesystem::create_symlink("/dev/zero", kRecord);
     endOne();
-}
-
-TEST_F(OrderlyEnd, IsTakenFromTheEndOfAThreadThatWasThereFromTheStart)
-{
-    NotifySocket manager("/tmp/notify");
-    const Process service([] {
-        std::thread eventLoop(waitForTheMarkerToGo);
-        eventLoop.join();
-        std::this_thread::sleep_for(1500ms);
-    });
-    waitForThreads(service.id(), 2);
-    timespec now{};
-    clock_gettime(CLOCK_BOOTTIME, &now);
-    writeFile("/run/quillon/run/start.jsonl",
-              "{\"clock\":" + std::to_string(now.tv_sec + 1) + ",\"event\":\"serving\"}\n");
-
-    endAndWait(kMarker, service.id());
-
-    expectTextAmong(manager.received(), "WATCHDOG=1");
 }
 
 }  // namespace
