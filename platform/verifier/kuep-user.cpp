@@ -113,10 +113,10 @@ int answer(const char* caller, Check check)
     }
 }
 
-/// Finds this library once. The dynamic linker needs memory to find a preloaded library for the
-/// first time only; the service finds it when it has an image to check, and would take the image
-/// for signed if it could not.
-__attribute__((constructor)) void beFound()
+/// Opens this library once, while there is memory. The dynamic linker allocates when a preloaded
+/// library is opened for the first time. The service does that when it has an image to check, and
+/// takes the image for signed if it fails.
+__attribute__((constructor)) void openOnce()
 {
     Dl_info own = {};
     if (dladdr(kName, &own) != 0) {

@@ -19,7 +19,7 @@ namespace {
 /// What a control group lets a process keep may be far less than what the machine has.
 constexpr std::int64_t kLargestWindow = 32 << 20;
 
-/// A page, or a part of one. A byte of each is enough, and copies nothing worth mentioning.
+/// A page, or a part of one: reading a byte of it brings all of it into the page cache.
 constexpr std::int64_t kPiece = 4096;
 
 /// A sixteenth of the machine's memory. The page cache gives its pages back when others need them,

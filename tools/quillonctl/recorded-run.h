@@ -31,10 +31,9 @@ struct RecordedRun
     const RecordedModule* present() const;
 };
 
-/// @param name  "estimate" or "update"
-/// @param stick  its directory without "/" at its end: a run from another one is none of the
-/// caller's
-/// @param since  by secondsSinceBoot(): a run that began earlier is none of the caller's
+/// @param name   "estimate" or "update"
+/// @param stick  the directory that the run must be from, without "/" at its end
+/// @param since  the run must have begun then or later, by secondsSinceBoot()
 /// @return nothing when there is no such record
 std::optional<RecordedRun> readRecordedRun(const std::string& name, const std::string& stick,
                                            double since);

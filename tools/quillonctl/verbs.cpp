@@ -220,7 +220,7 @@ std::string describeEstimate(const Estimate& estimate, bool isExplained)
 std::string describeLook(const RecordedModule& module)
 {
     if (!module.finding) {
-        return "not over";
+        return "unfinished";
     }
     return module.finding->result == 1
                ? "needs an update, about " + std::to_string(module.expectedSeconds) + " s"
@@ -230,7 +230,7 @@ std::string describeLook(const RecordedModule& module)
 std::string describeUpdate(const RecordedModule& module)
 {
     if (!module.finding) {
-        return "not over";
+        return "unfinished";
     }
     return module.finding->result == 0
                ? "updated in " + std::to_string(std::lround(module.seconds)) + " s"
@@ -310,8 +310,8 @@ std::optional<RecordedRun> Verbs::recorded() const
     return stick_.empty() ? std::nullopt : readRecordedRun(record_, stick_, since_);
 }
 
-/// Does what a verb does. When the service fails it in the middle of a module, the failure names
-/// the module.
+/// Adds to a failure the module that the service was at.
+/// @param work  what the verb does
 template <typename Work>
 ExitCode Verbs::namingModule(Work work)
 {
@@ -339,7 +339,7 @@ Estimate Verbs::prepare(const std::string& directory, Stick& stick,
     const Estimate estimate = valueOf(client_.estimate());
     look = recorded();
     if (look && !look->result) {
-        look.reset();  // it was given up, and may lack a refusal
+        look.reset();  // it has no end, so it may lack a refusal
     }
     if (look) {
         sayModules(output_, "looked", "STATE", 1, look->modules, describeLook);

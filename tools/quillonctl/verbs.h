@@ -50,14 +50,15 @@ private:
     void makeSureNothingRuns();
     ExitCode follow(int expectedSeconds, std::chrono::milliseconds pollInterval);
     void lookAgain(const Stick& stick);
+    /// To be called right before the service is asked.
     void recordsBegin(const char* record, const std::string& stick);
     std::optional<RecordedRun> recorded() const;
 
     Client& client_;
     Output& output_;
-    // What the service records from now on of this is ours.
+    // Which of the service's records is about what was asked here.
     const char* record_ = "estimate";
-    std::string stick_;  ///< empty as long as nothing is asked of it
+    std::string stick_;  ///< empty before anything was asked
     double since_ = 0;
 };
 
