@@ -91,8 +91,13 @@ SlotHolders findSlotHolders(const SlotLocks& locks)
         if (process <= 0 || process == getpid()) {
             continue;
         }
-        const Mapping mapping = mappingOf(process, locks.file());
-        if (mapping == Mapping::kHas && !locks.onlyTakesPart(process)) {
+        Mapping mapping = mappingOf(process, locks.file());
+        const bool onlyTakesPart = locks.onlyTakesPart(process);
+        if (mapping == Mapping::kHas && !onlyTakesPart) {
+            // One that has just ended is without its mapping and its lock.
+            mapping = mappingOf(process, locks.file());
+        }
+        if (mapping == Mapping::kHas && !onlyTakesPart) {
             holders.alive.push_back({process, commandOf(process)});
         } else if (mapping == Mapping::kHas) {
             holders.waiting.push_back({process, commandOf(process)});
