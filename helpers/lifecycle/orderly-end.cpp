@@ -27,6 +27,7 @@
 #include "base/fd.h"
 #include "base/regular-file.h"
 #include "base/secret-bytes.h"
+#include "base/task-start.h"
 #include "helpers/lifecycle/own-queues.h"
 #include "helpers/lifecycle/taken-name.h"
 #include "helpers/lifecycle/unit-failure.h"
@@ -111,23 +112,6 @@ double servingSince()
     return std::numeric_limits<double>::infinity();
 }
 
-/// @param status  a thread's /proc/PID/task/TID/stat
-/// @return in seconds since boot; 0 for a thread that is gone
-double startOf(const std::string& status)
-{
-    constexpr int kFieldsBetween = 19;  // from the name, which may hold anything, to field 22
-    std::ifstream file(status);
-    std::string text;
-    std::getline(file, text, '\0');
-    std::istringstream fields(text.substr(text.rfind(')') + 1));
-    for (int i = 0; i < kFieldsBetween; ++i) {
-        fields >> text;
-    }
-    double ticks = 0;
-    fields >> ticks;
-    return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
-
 /// The threads that a service has all its life, and others that were there when it began to serve.
 /// Threads of an estimate or an update start later. Without that time all threads count: to spare
 /// a service that hangs does less harm than to kill one that updates.
@@ -136,7 +120,7 @@ Threads lastingThreadsOf(pid_t process)
     const double serving = servingSince();
     Threads lasting;
     for (const std::string& thread : threadsOf(process)) {
-        if (startOf("/proc/" + std::to_string(process) + "/task/" + thread + "/stat") <= serving) {
+        if (startOfTask("/proc/" + std::to_string(process) + "/task/" + thread) <= serving) {
             lasting.insert(thread);
         }
     }
