@@ -45,6 +45,7 @@ struct Arguments
     std::string module;
     std::string source = "package";  ///< of modules
     bool all = false;                ///< modules
+    bool follow = false;             ///< the progress, to its end
 };
 
 ClientOptions clientOptions(const Arguments& arguments)
@@ -114,7 +115,8 @@ void addServiceVerbs(CLI::App& app, Arguments& arguments)
     takeDirectory(app.add_subcommand("check", "Say which modules need an update, and why not"),
                   arguments);
     takeDirectory(app.add_subcommand("estimate", "The same as check"), arguments);
-    app.add_subcommand("progress", "Say how far the running update is");
+    app.add_subcommand("progress", "Say how far the running update is")
+        ->add_flag("--follow", arguments.follow, "Follow it to its end, beside other clients");
     app.add_subcommand("stop", "Make the service take no more commands");
 }
 
@@ -148,10 +150,13 @@ ExitCode runServiceVerb(const std::string& verb, const Arguments& arguments)
     Output output(arguments.json, arguments.quiet, redraw);
     Client client(clientOptions(arguments));
     Verbs verbs(client, output);
+    const std::chrono::milliseconds pollInterval(redraw ? 250 : 1000);
     try {
         if (verb == "update") {
-            return verbs.update(arguments.directory,
-                                std::chrono::milliseconds(redraw ? 250 : 1000));
+            return verbs.update(arguments.directory, pollInterval);
+        }
+        if (arguments.follow) {
+            return verbs.progressToTheEnd(pollInterval);
         }
         if (verb == "check" || verb == "estimate") {
             return verbs.check(arguments.directory);

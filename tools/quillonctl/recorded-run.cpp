@@ -24,7 +24,7 @@ RecordedModule& moduleOf(RecordedRun& run, const std::string& name)
     if (found != run.modules.rend()) {
         return *found;
     }
-    run.modules.push_back({name, {}, {}, 0, 0});
+    run.modules.push_back({name, {}, {}, 0, 0, 0});
     return run.modules.back();
 }
 
@@ -34,20 +34,22 @@ void take(const Json::Value& line, RecordedRun& run)
     const double clock = line["clock"].asDouble();
     if (event == "began") {
         run.began = clock;
+        run.service = line["pid"].asInt();
         run.directory = line["directory"].asString();
     } else if (event == "ended") {
         run.result = line["result"].asInt();
+        run.ended = clock;
     } else if (event == "checking" || event == "started") {
         RecordedModule& module = moduleOf(run, line["module"].asString());
         module.finding.reset();
-        module.seconds = -clock;
+        module.began = clock;
     } else if (event == "decided" || event == "finished") {
         RecordedModule& module = moduleOf(run, line["module"].asString());
         module.finding = ModuleFinding{line["result"].asInt(), reasonOf(line["reason"].asString()),
                                        line["detail"].asString()};
         module.offered = line["offered"].asString();
         module.expectedSeconds = line["seconds"].asInt();
-        module.seconds = std::round((module.seconds + clock) * 1000) / 1000;
+        module.seconds = std::round((clock - module.began) * 1000) / 1000;
         // A key that does not fit leaves no text where the version is, and a plug-in that is asked
         // about it may say anything but yes.
         ModuleReason& reason = module.finding->reason;
@@ -68,8 +70,7 @@ const RecordedModule* RecordedRun::present() const
     return found != modules.end() ? &*found : nullptr;
 }
 
-std::optional<RecordedRun> readRecordedRun(const std::string& name, const std::string& stick,
-                                           double since)
+std::optional<RecordedRun> readRecordedRun(const std::string& name)
 {
     const std::optional<std::string> text =
         readRegularFile(paths::kRunRecords + name + ".jsonl", kLargestRecord);
@@ -87,7 +88,14 @@ std::optional<RecordedRun> readRecordedRun(const std::string& name, const std::s
             return std::nullopt;  // no record of ours
         }
     }
-    return run.began >= since && run.directory == stick + "/" ? std::optional(run) : std::nullopt;
+    return run;
+}
+
+std::optional<RecordedRun> readRecordedRun(const std::string& name, const std::string& stick,
+                                           double since)
+{
+    std::optional<RecordedRun> run = readRecordedRun(name);
+    return run && run->began >= since && run->directory == stick + "/" ? run : std::nullopt;
 }
 
 }  // namespace quillon

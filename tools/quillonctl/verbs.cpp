@@ -14,10 +14,10 @@
 #include <thread>
 #include <utility>
 
-#include "src/support/module-reason.h"
+#include "tools/quillonctl/follow.h"
 #include "tools/quillonctl/outside-text.h"
+#include "tools/quillonctl/run-report.h"
 #include "tools/quillonctl/signals.h"
-#include "tools/quillonctl/text-table.h"
 
 namespace quillon {
 
@@ -141,46 +141,6 @@ Look judge(const Stick& stick, const Result<Estimate>& answer)
     return {"renewed", {}};
 }
 
-/// @param look  what the service has recorded of an estimate that found nothing to do
-/// @return kExitSuccess when it is known that each module that has an image is up to date
-ExitCode nothingNeeded(const std::optional<RecordedRun>& look)
-{
-    bool isUpToDate = false;
-    for (const RecordedModule& module : look.value_or(RecordedRun()).modules) {
-        const ModuleReason reason =
-            module.finding ? module.finding->reason : ModuleReason::kException;
-        isUpToDate |= reason == ModuleReason::kUpToDate;
-        if (reason != ModuleReason::kUpToDate && reason != ModuleReason::kNoImage) {
-            return kExitNothingToUpdate;
-        }
-    }
-    return isUpToDate ? kExitSuccess : kExitNothingToUpdate;
-}
-
-/// The module that has failed, or that an exception has ended the run in; null where none is known.
-const RecordedModule* failedIn(const RecordedRun& run)
-{
-    const auto failed = std::find_if(
-        run.modules.begin(), run.modules.end(),
-        [](const RecordedModule& one) { return one.finding && one.finding->result != 0; });
-    if (failed != run.modules.end()) {
-        return &*failed;
-    }
-    // Without its end, the record may lack what became of a module.
-    return run.result.value_or(0) != 0 ? run.present() : nullptr;
-}
-
-/// @param failed  null when nothing is recorded
-std::string whyFailed(const RecordedModule* failed)
-{
-    if (failed == nullptr) {
-        return "the update failed; the update service's log says why";
-    }
-    return "the update failed at the module " + printable(failed->name) + ": " +
-           (failed->finding ? printable(phraseOf(*failed->finding)) : "an exception was raised") +
-           "; the update service's log says more";
-}
-
 const std::map<Progress::State, const char*> kStates = {
     {Progress::kIdle, "idle"},
     {Progress::kRunning, "running"},
@@ -215,62 +175,6 @@ std::string describeEstimate(const Estimate& estimate, bool isExplained)
     return isExplained ? "Nothing to update"
                        : "Nothing to update: no image is newer, or none can be used; the "
                          "service's log says why";
-}
-
-std::string describeLook(const RecordedModule& module)
-{
-    if (!module.finding) {
-        return "unfinished";
-    }
-    return module.finding->result == 1
-               ? "needs an update, about " + std::to_string(module.expectedSeconds) + " s"
-               : phraseOf(*module.finding);
-}
-
-std::string describeUpdate(const RecordedModule& module)
-{
-    if (!module.finding) {
-        return "unfinished";
-    }
-    return module.finding->result == 0
-               ? "updated in " + std::to_string(std::lround(module.seconds)) + " s"
-               : "failed: " + phraseOf(*module.finding);
-}
-
-JsonMembers membersOf(const RecordedModule& module, int good)
-{
-    JsonMembers members = {
-        {"name", module.name},
-        {"offered", module.offered.empty() ? Json::Value() : Json::Value(module.offered)}};
-    if (module.finding) {
-        members["result"] = module.finding->result;
-        members["expectedSeconds"] = module.expectedSeconds;
-        members["seconds"] = module.seconds;
-    }
-    if (module.finding && module.finding->result != good) {
-        members["reason"] = codeOf(module.finding->reason);
-        members["text"] = phraseOf(*module.finding);
-    }
-    return members;
-}
-
-/// @param heading  of the column that `describe` fills
-/// @param good     the result of a module that is not refused
-void sayModules(Output& output, const char* event, const char* heading, int good,
-                const std::vector<RecordedModule>& modules,
-                std::string (*describe)(const RecordedModule& module))
-{
-    Json::Value objects(Json::arrayValue);
-    std::vector<TableRow> rows = {{"NAME", "OFFERED", heading}};
-    for (const RecordedModule& module : modules) {
-        objects.append(jsonObject(membersOf(module, good)));
-        rows.push_back({module.name, module.offered.empty() ? "-" : module.offered,
-                        printable(describe(module))});
-    }
-    output.event(event, {{"modules", objects}});
-    for (const std::string& line : aligned(std::move(rows))) {
-        output.line(line);
-    }
 }
 
 int secondsSince(Clock::time_point start)
@@ -342,7 +246,7 @@ Estimate Verbs::prepare(const std::string& directory, Stick& stick,
         look.reset();  // it has no end, so it may lack a refusal
     }
     if (look) {
-        sayModules(output_, "looked", "STATE", 1, look->modules, describeLook);
+        sayLook(output_, *look);
     }
     output_.say("estimate",
                 {{"updateNeeded", estimate.updateNeeded}, {"seconds", estimate.seconds}},
@@ -353,42 +257,20 @@ Estimate Verbs::prepare(const std::string& directory, Stick& stick,
 ExitCode Verbs::follow(int expectedSeconds, std::chrono::milliseconds pollInterval)
 {
     const Clock::time_point start = Clock::now();
-    std::string present;
-    int percentSaid = -1;
+    UpdateReport report(output_);
     while (true) {
         const Progress progress = valueOf(client_.progress());
         const int passed = secondsSince(start);
-        const int left = std::max(expectedSeconds - passed, 0);
         const RecordedRun update = recorded().value_or(RecordedRun());
-        const RecordedModule* module = update.present();
-        if (progress.state == Progress::kRunning && module != nullptr && module->name != present) {
-            present = module->name;
-            output_.say("updating", {{"module", present}}, "Updating " + printable(present));
-        }
-        if (progress.state != Progress::kRunning && !update.modules.empty()) {
-            sayModules(output_, "updated", "OUTCOME", 0, update.modules, describeUpdate);
-        }
         switch (progress.state) {
             case Progress::kRunning:
                 // The service's percentage is measured against the first update of its life; only
                 // the estimate for this one tells how long it takes.
-                output_.progress(progress.percent, left);
-                if (std::exchange(percentSaid, progress.percent) != progress.percent) {
-                    output_.event("progress",
-                                  {{"percent", progress.percent}, {"secondsLeft", left}});
-                }
+                report.running(update, progress.percent, std::max(expectedSeconds - passed, 0));
                 break;
             case Progress::kDone:
-                // To the service, only the module's code -1 fails a run.
-                if (failedIn(update) == nullptr) {
-                    output_.say("finished", {{"seconds", passed}},
-                                "The update finished after " + std::to_string(passed) + " s");
-                    return kExitSuccess;
-                }
-                [[fallthrough]];
             case Progress::kFailed:
-                output_.error(kExitUpdateFailed, whyFailed(failedIn(update)));
-                return kExitUpdateFailed;
+                return report.ended(update, progress.state == Progress::kDone, passed);
             default:
                 throw Failure{kExitSystem,
                               "the update service no longer knows of the update: it was restarted, "
@@ -460,6 +342,12 @@ ExitCode Verbs::progress()
         lookAgain({});
     }
     return progress.state == Progress::kFailed ? kExitUpdateFailed : kExitSuccess;
+}
+
+ExitCode Verbs::progressToTheEnd(std::chrono::milliseconds pollInterval)
+{
+    onInterruptSay("\nquillonctl: interrupted; the update goes on in the update service\n");
+    return followUpdate(output_, pollInterval);
 }
 
 ExitCode Verbs::stop()

@@ -37,6 +37,9 @@ public:
     ExitCode check(const std::string& directory);
     /// Says how far the update has come. When it has ended, looks at the stick once more.
     ExitCode progress();
+    /// Follows the running update to its end by the service's records. Asks the service nothing.
+    /// @param pollInterval  how often the records are read
+    ExitCode progressToTheEnd(std::chrono::milliseconds pollInterval);
     /// Asks the service to take no more commands.
     ExitCode stop();
 

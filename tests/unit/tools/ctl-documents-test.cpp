@@ -65,6 +65,12 @@ Words verbsOfModules()
     return allMatches(between(text, "\nSubcommands:\n", "\n\n") + "\n", "^  ([a-z]+) ");
 }
 
+Words optionsOfProgress()
+{
+    const std::string text = runCtl({"progress", "--help"}).out;
+    return allMatches(between(text, "\nOptions:", "\n\n"), "^ .*?(--[a-z-]+)");
+}
+
 Words operator+(Words left, const Words& right)
 {
     left.insert(right.begin(), right.end());
@@ -122,15 +128,17 @@ TEST(CtlManual, DescribesEveryOptionAndNoOther)
     for (const std::string& word : allMatches(readAll(kManual), "^\\.It .*Fl -([a-z-]+)")) {
         options.insert("--" + word);
     }
-    EXPECT_EQ(options, optionsOfHelp() + optionsOfModules());
+    EXPECT_EQ(options, optionsOfHelp() + optionsOfProgress() + optionsOfModules());
 }
 
 TEST(CtlManual, ListsEveryEventOfItsVerbs)
 {
     const std::string tool = QUILLON_SOURCE_DIR "/tools/quillonctl/";
-    const char* call = "(?:say|event|sayModules)\\(\\s*(?:output_, )?\"([a-z-]+)\"";
-    const Words events = allMatches(readAll(tool + "verbs.cpp"), call) +
-                         allMatches(readAll(tool + "output.cpp"), call);
+    const char* call = "(?:say|event|sayModules)\\(\\s*(?:output_?, )?\"([a-z-]+)\"";
+    Words events;
+    for (const char* file : {"follow.cpp", "output.cpp", "run-report.cpp", "verbs.cpp"}) {
+        events = events + allMatches(readAll(tool + file), call);
+    }
     const Words listed = allMatches(between(readAll(kManual), ".Sh JSON OUTPUT", ".It modules\n"),
                                     "^\\.It ([a-z-]+)$");
 
@@ -154,7 +162,8 @@ TEST(CtlCompletion, OffersEveryVerb)
 TEST(CtlCompletion, OffersEveryOptionAnywhere)
 {
     EXPECT_EQ(complete({"quillonctl", "-"}), optionsOfHelp());
-    EXPECT_EQ(complete({"quillonctl", "progress", "-"}), optionsOfHelp());
+    EXPECT_EQ(complete({"quillonctl", "stop", "-"}), optionsOfHelp());
+    EXPECT_EQ(complete({"quillonctl", "progress", "-"}), optionsOfHelp() + Words{"--follow"});
 }
 
 TEST(CtlCompletion, KnowsTheVerbsOfModulesAndWhatTheyTake)

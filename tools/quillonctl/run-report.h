@@ -1,0 +1,43 @@
+/// What quillonctl says of the service's records.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "tools/quillonctl/exit-codes.h"
+#include "tools/quillonctl/output.h"
+#include "tools/quillonctl/recorded-run.h"
+
+namespace quillon {
+
+/// @param look  what the service has recorded of an estimate that found nothing to do
+/// @return kExitSuccess when it is known that each module that has an image is up to date
+ExitCode nothingNeeded(const std::optional<RecordedRun>& look);
+
+/// Says for each module what the estimate has found.
+void sayLook(Output& output, const RecordedRun& look);
+
+/// Says how an update goes. The records have no modules where the service keeps none.
+class UpdateReport
+{
+public:
+    /// @param output  must outlive this object
+    explicit UpdateReport(Output& output) : output_(output) {}
+
+    /// To be called at every poll: says which module's update has begun, and how far it is.
+    /// @param secondsLeft  0 when the update takes longer than expected
+    void running(const RecordedRun& update, int percent, int secondsLeft);
+
+    /// Says how each module has fared, and the update.
+    /// @param isDone   what the service tells of it
+    /// @param seconds  how long it took
+    /// @return kExitSuccess or kExitUpdateFailed
+    ExitCode ended(const RecordedRun& update, bool isDone, int seconds);
+
+private:
+    Output& output_;
+    std::string module_;
+    int percent_ = -1;
+};
+
+}  // namespace quillon
