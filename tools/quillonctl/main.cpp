@@ -1,10 +1,11 @@
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
-#include <iostream>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "tools/quillonctl/modules/foreign-end.h"
 #include "tools/quillonctl/modules/interruption.h"
@@ -12,6 +13,7 @@
 #include "tools/quillonctl/output.h"
 #include "tools/quillonctl/progress-display.h"
 #include "tools/quillonctl/standard-files.h"
+#include "tools/quillonctl/usage-mistake.h"
 #include "tools/quillonctl/verbs.h"
 
 namespace {
@@ -230,7 +232,8 @@ int runCommandLine(int argc, char** argv)
         if (error.get_exit_code() == 0) {
             return app.exit(error);  // --help and --version
         }
-        std::cerr << "quillonctl: " << error.what() << " (see quillonctl --help)" << std::endl;
+        const bool json = std::count(argv, argv + argc, std::string_view("--json")) > 0;
+        Output(json, false, false).error(kExitUsage, describeMistake(app, error));
         return kExitUsage;
     }
     if (modules.parsed()) {

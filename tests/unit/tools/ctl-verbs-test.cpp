@@ -101,7 +101,6 @@ TEST(CtlUsage, ErrorsAreOneLineAndExitWith2)
         {"--timeout", "3s", "progress"},
         {"--timeout", "", "progress"},
         {"--timeout", "nan", "progress"},
-        {"--json", "--quiet", "progress"},
         {"progress", "stop"},
     };
     for (const auto& arguments : wrong) {
@@ -109,6 +108,37 @@ TEST(CtlUsage, ErrorsAreOneLineAndExitWith2)
         EXPECT_EQ(result.exitCode, 2) << testing::PrintToString(arguments);
         EXPECT_EQ(result.out, "") << testing::PrintToString(arguments);
         EXPECT_THAT(result.err, testing::MatchesRegex("quillonctl: [^\n]+\n"));
+    }
+}
+
+TEST(CtlUsage, OfAnUnknownWordAsksForTheNearestOne)
+{
+    const std::map<std::vector<std::string>, std::string> mistakes = {
+        {{"chek", "/tmp"}, R"(unknown verb "chek"; did you mean "check"?)"},
+        {{"modules", "lst"}, R"(unknown verb "lst"; did you mean "list"?)"},
+        {{"nonsense"}, R"(unknown verb "nonsense")"},
+        {{"n\33x"}, R"(unknown verb "n?x")"},
+        {{""}, R"(unknown verb "")"},
+        {{"progress", "--folow"}, R"(unknown option "--folow"; did you mean "--follow"?)"},
+        {{"modules", "update", "--al"}, R"(unknown option "--al"; did you mean "--all"?)"},
+        {{"progress", "stop"}, R"(unexpected argument "stop")"},
+        {{"modules"}, "a verb is required"},
+        {{}, "a verb is required"},
+    };
+    for (const auto& [arguments, text] : mistakes) {
+        EXPECT_EQ(runCtl(arguments).err, "quillonctl: " + text + " (see quillonctl --help)\n");
+    }
+}
+
+TEST(CtlUsage, IsToldToProgramsInJson)
+{
+    for (const std::vector<std::string>& wrong : std::vector<std::vector<std::string>>{
+             {"--json", "chek"}, {"chek", "--json"}, {"--json", "--quiet", "progress"}}) {
+        const CtlResult result = runCtl(wrong);
+        EXPECT_EQ(result.exitCode, 2);
+        EXPECT_EQ(result.err, "");
+        EXPECT_THAT(result.out, testing::MatchesRegex(
+                                    "[{]\"event\":\"error\",\"exitCode\":2,\"text\":\".+\"[}]\n"));
     }
 }
 
