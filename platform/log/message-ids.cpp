@@ -1,5 +1,6 @@
 #include "platform/log/message-ids.h"
 
+#include <algorithm>
 #include <cstring>
 #include <iterator>
 
@@ -7,6 +8,7 @@ namespace quillon {
 
 namespace {
 
+constexpr char kService[] = "FWUPDATE";
 constexpr char kPlatform[] = "QUILLON-PLATFORM";
 constexpr char kHelper[] = "QUILLON-PRIVILEGED";
 
@@ -115,6 +117,39 @@ const ExplainedMessage kExplainedMessages[] = {
 
 const std::size_t kExplainedMessageCount = std::size(kExplainedMessages);
 
+const char kStepId[] = "3eb66f01c87e4e87a24691b677c6041f";
+
+const char* const kStepFormats[] = {
+    "[%s, ret=%d ], install ok",
+    "decryption key load success. key_size : %zu",
+    "En/Decryption Service EXT skip [%s]",
+    "firmware_main_task thread stop\n",
+    "firmware_control_task thread stop\n",
+    "Service is not being updated.",
+    "[uep][%s] the file is signed successfully : %s\n",
+    "Need Update [%s] [%d]",
+    "Need Update [%s][%s]",
+    "There is no update item",
+    "Not Update Symbol [%s]",
+    "%s update time %d ms",
+    "%s Firmware Expected Time Check Done",
+    "%s Firmware isNeedUpdateModules Try(%s)",
+    "%s Firmware Update Try",
+    "%s Firmware runProcess Try",
+    "========== [ %s update start ] ==========",
+    "========== [ %s update succeeded ] ==========",
+    "EMP UMount Success %s",
+    "Try doUpdateFirmwareAll",
+    "about total update time is %d ms, Lock the power during about that time.",
+    "device_power_lock_state done",
+    "device_power_unlock_state",
+    "device_power_unlock_state done",
+    "Try allDoUpdateDone",
+    "allDoUpdateDone Done",
+};
+
+const std::size_t kStepFormatCount = std::size(kStepFormats);
+
 const char* messageId(const char* tag, const char* format)
 {
     for (const ExplainedMessage& message : kExplainedMessages) {
@@ -125,7 +160,10 @@ const char* messageId(const char* tag, const char* format)
             }
         }
     }
-    return nullptr;
+    const auto isFormat = [&](const char* step) { return std::strcmp(step, format) == 0; };
+    const bool isStep = std::strcmp(tag, kService) == 0 &&
+                        std::any_of(std::begin(kStepFormats), std::end(kStepFormats), isFormat);
+    return isStep ? kStepId : nullptr;
 }
 
 }  // namespace quillon

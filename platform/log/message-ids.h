@@ -15,6 +15,12 @@ struct ExplainedMessage
 extern const ExplainedMessage kExplainedMessages[];
 extern const std::size_t kExplainedMessageCount;
 
+/// What the service says at the error priority of steps that have succeeded. They share an entry of
+/// the catalogue, which says so.
+extern const char kStepId[];
+extern const char* const kStepFormats[];
+extern const std::size_t kStepFormatCount;
+
 /// The MESSAGE_ID of an error, found by its literal format.
 /// @param tag     as given to the log
 /// @param format  as given to the log, without the place in the code

@@ -47,6 +47,11 @@ std::vector<std::string> formatsOf(const ExplainedMessage& message)
     return formats;
 }
 
+std::vector<std::string> stepFormats()
+{
+    return {quillon::kStepFormats, quillon::kStepFormats + quillon::kStepFormatCount};
+}
+
 std::string unescaped(const std::string& literal)
 {
     const std::map<char, char> escapes = {{'n', '\n'}, {'t', '\t'}, {'"', '"'}, {'\\', '\\'}};
@@ -121,6 +126,20 @@ TEST(MessageCatalogue, KnowsAMessageByItsTagAndFormat)
     EXPECT_EQ(messageId("TUNER", "Error: %s has no plug-in"), nullptr);
     EXPECT_EQ(messageId("FWUPDATE", "Error: %s has no plug-in "), nullptr);
     EXPECT_EQ(messageId("FWUPDATE", "%s"), nullptr);
+    EXPECT_STREQ(messageId("FWUPDATE", "Try allDoUpdateDone"), quillon::kStepId);
+    EXPECT_EQ(messageId("TUNER", "Try allDoUpdateDone"), nullptr);
+}
+
+TEST(MessageCatalogue, ExplainsEachErrorOfTheServiceThatDoesNotCallItselfOne)
+{
+    const std::regex calledAnError(
+        "Error|[Ff]ail|error|is empty|is not exist|is NOT signed|^%s$|"
+        "Task is not running|no memory");
+    for (const std::string& format : formatsIn("src", "FW_LOGE")) {
+        EXPECT_TRUE(messageId("FWUPDATE", format.c_str()) != nullptr ||
+                    std::regex_search(format, calledAnError))
+            << format;
+    }
 }
 
 TEST(MessageCatalogue, HasOnlyFormatsOfErrorsThatStandInTheSources)
@@ -137,12 +156,18 @@ TEST(MessageCatalogue, HasOnlyFormatsOfErrorsThatStandInTheSources)
             EXPECT_THAT(sources.at(message.tag), testing::Contains(format)) << message.id;
         }
     }
+    for (const std::string& format : stepFormats()) {
+        EXPECT_THAT(sources.at("FWUPDATE"), testing::Contains(format));
+    }
 }
 
 TEST(MessageCatalogue, GivesEachIdAndEachFormatOneMeaning)
 {
-    std::set<std::string> ids;
+    std::set<std::string> ids = {quillon::kStepId};
     std::set<std::pair<std::string, std::string>> formats;
+    for (const std::string& format : stepFormats()) {
+        EXPECT_TRUE(formats.emplace("FWUPDATE", format).second) << format;
+    }
     for (const ExplainedMessage& message : explainedMessages()) {
         EXPECT_TRUE(ids.insert(message.id).second) << message.id;
         EXPECT_THAT(message.id, testing::MatchesRegex("[0-9a-f]{32}"));
@@ -154,7 +179,7 @@ TEST(MessageCatalogue, GivesEachIdAndEachFormatOneMeaning)
 
 TEST(MessageCatalogue, ExplainsEachIdOnceAndNoOther)
 {
-    std::vector<std::string> known;
+    std::vector<std::string> known = {quillon::kStepId};
     for (const ExplainedMessage& message : explainedMessages()) {
         known.emplace_back(message.id);
     }
@@ -203,7 +228,7 @@ TEST(MessageCatalogue, IsTakenByTheJournalWithoutComplaint)
     EXPECT_EQ(outputOf(journalctl + "--update-catalog 2>&1"), "");
     const std::string list = outputOf(journalctl + "--list-catalog");
     EXPECT_EQ(static_cast<std::size_t>(std::count(list.begin(), list.end(), '\n')),
-              quillon::kExplainedMessageCount);
+              quillon::kExplainedMessageCount + 1);
     expectText(list, like("*ec4a0f0ed54b49f5908233a5c0780b3d Quillon: *"));
     fs::remove_all(root);
 }

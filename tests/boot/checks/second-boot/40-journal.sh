@@ -31,3 +31,12 @@ if grep -E '@[A-Z_]+@' "$device_directory/explained.txt"; then
     fail "a field of the explanation was not filled in"
 fi
 figure "$(sed -n 's/.*\(Subject: .*\)/\1/p' "$device_directory/explained.txt")"
+
+# A step that has succeeded says so, and the tick's lines are not kept.
+step=$(journalctl --catalog --boot --no-pager --lines=1 -t FWUPDATE --grep='key load success') ||
+    fail "there is no such step"
+echo "$step" | grep -q 'Subject: A step of the service, and no error' ||
+    fail "the catalogue does not explain the step"
+if journalctl --boot --no-pager --quiet --lines=1 CODE_FUNC=notify_callback -p debug..debug | grep .; then
+    fail "debug lines are kept"
+fi
