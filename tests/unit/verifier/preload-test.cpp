@@ -1,6 +1,8 @@
 // The drop-in verifier-required.conf: a process that demands the verifier has it loaded before it
 // runs out of descriptors and memory.
 
+#include <regex>
+
 #include "support/paths.h"
 #include "support/texts.h"
 #include "unit/tools/image-files.h"
@@ -31,23 +33,25 @@ protected:
                      " " LOAD_WITH_NOTHING_LEFT " " + paths::kVerifierLibrary);
     }
 
-    /// @return the value of the drop-in's one line "Environment=", empty without such a line.
+    /// @return what the drop-in starts the service with, empty where that is nothing.
     static std::string environmentOfTheDropIn()
     {
-        const std::string key = "\nEnvironment=";
+        std::smatch start;
         const std::string text = readAll(VERIFIER_REQUIRED_DROP_IN);
-        const std::size_t at = text.find(key);
-        if (at == std::string::npos) {
-            return "";
-        }
-        const std::size_t start = at + key.size();
-        return text.substr(start, text.find('\n', start) - start);
+        const std::regex line("\nExecStart=\nExecStart=/usr/bin/env (\\S+) \\S+/quillon-service\n");
+        return std::regex_search(text, start, line) ? start[1].str() : "";
     }
 };
 
 TEST_F(Preload, NamesTheVerifierWhereTheServiceLooksForIt)
 {
     EXPECT_EQ(environmentOfTheDropIn(), std::string("LD_PRELOAD=") + paths::kVerifierLibrary);
+}
+
+/// Its owner and mode are looked at by programs of root's, which would run its code before.
+TEST_F(Preload, IsForTheServiceAlone)
+{
+    expectNoText(readAll(VERIFIER_REQUIRED_DROP_IN), "Environment=");
 }
 
 TEST_F(Preload, LetsTheVerifierBeFoundWithNeitherDescriptorNorMemory)

@@ -22,6 +22,11 @@ trap put_back EXIT
 install -D -m 644 "$drop_in" "$directory/verifier-required.conf"
 systemctl daemon-reload
 begin_with_service
+systemctl restart quillon.service
+wait_until 20 is_ready || fail "the service is not ready with the drop-in"
+main=$(systemctl show --property=MainPID --value quillon.service)
+expect "the name of the main process" quillon-service "$(cat "/proc/$main/comm")"
+grep -q " $verifier\$" "/proc/$main/maps" || fail "the verifier is not loaded at the start"
 systemctl stop quillon.service
 mv "$verifier" "$verifier.away"
 cursor=$(journal_now)
