@@ -93,11 +93,12 @@ FileResult readToEnd(int fd, std::size_t limit, SecretBytes& bytes)
     return FileResult::kOk;
 }
 
-std::optional<std::string> readRegularFile(const std::string& path, std::size_t limit)
+std::optional<std::string> readRegularFile(const std::string& path, std::size_t limit,
+                                           int extraFlags)
 {
     UniqueFd fd;
     struct stat opened = {};
-    if (openRegularFile(path.c_str(), 0, fd, opened) != FileResult::kOk ||
+    if (openRegularFile(path.c_str(), extraFlags, fd, opened) != FileResult::kOk ||
         opened.st_size > static_cast<off_t>(limit)) {
         return std::nullopt;
     }

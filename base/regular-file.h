@@ -35,10 +35,12 @@ UniqueFile openRegularStream(const std::string& path, struct stat& opened);
 FileResult readToEnd(int fd, std::size_t limit, SecretBytes& bytes);
 
 /// Reads a small file whole.
-/// @param limit  in bytes
+/// @param limit       in bytes
+/// @param extraFlags  more flags for open, for example O_NOFOLLOW
 /// @return nothing when there is no such regular file, it cannot be read, or it is larger.
 /// Throws std::bad_alloc.
-std::optional<std::string> readRegularFile(const std::string& path, std::size_t limit);
+std::optional<std::string> readRegularFile(const std::string& path, std::size_t limit,
+                                           int extraFlags = 0);
 
 /// Whether a path still names that very file, unchanged: device, inode, size, and the times of the
 /// last change of its contents and of its inode.

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <exception>
 #include <functional>
 #include <iostream>
 #include <memory>
@@ -255,7 +256,7 @@ int main(int argc, char** argv)
 {
     try {
         return run(std::vector<std::string>(argv + 1, argv + argc));
-    } catch (const std::system_error& error) {
+    } catch (const std::exception& error) {
         say(Priority::kError, error.what());
         return kFailed;
     }

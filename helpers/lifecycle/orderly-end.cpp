@@ -18,6 +18,8 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
+#include <new>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <string>
@@ -26,7 +28,6 @@
 
 #include "base/fd.h"
 #include "base/regular-file.h"
-#include "base/secret-bytes.h"
 #include "base/task-start.h"
 #include "helpers/lifecycle/own-queues.h"
 #include "helpers/lifecycle/taken-name.h"
@@ -94,15 +95,9 @@ Threads threadsOf(pid_t process)
 double servingSince()
 {
     // The service's user may have put anything there.
-    const std::string path = paths::kRunRecords + std::string("start.jsonl");
-    UniqueFd file;
-    struct stat opened = {};
-    SecretBytes record;
-    if (openRegularFile(path.c_str(), O_NOFOLLOW, file, opened) != FileResult::kOk ||
-        readToEnd(file.get(), kLargestRecord, record) != FileResult::kOk) {
-        return std::numeric_limits<double>::infinity();
-    }
-    std::istringstream lines(std::string(record.begin(), record.end()));
+    const std::optional<std::string> record = readRegularFile(
+        paths::kRunRecords + std::string("start.jsonl"), kLargestRecord, O_NOFOLLOW);
+    std::istringstream lines(record.value_or(""));
     for (std::string line; std::getline(lines, line);) {
         const std::size_t clock = line.find("\"clock\":");
         if (line.find("\"event\":\"serving\"") != std::string::npos && clock != std::string::npos) {
@@ -132,12 +127,29 @@ class Attendance
 {
 public:
     Attendance(pid_t process, std::chrono::milliseconds patience)
-        : process_(process), patience_(patience), lasting_(lastingThreadsOf(process))
+        : process_(process), patience_(patience)
     {
+        try {
+            lasting_ = lastingThreadsOf(process);
+        } catch (const std::bad_alloc&) {
+            isEnding_ = true;  // as above: rather is a service that hangs spared
+        }
     }
 
     /// To be called every kPauseMilliseconds.
     void look()
+    {
+        try {
+            lookAtThreads();
+        } catch (const std::bad_alloc&) {
+            notifyWatchdog();  // the next look may have memory
+        }
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    void lookAtThreads()
     {
         fullLooks_ = isReplyQueueFull() ? fullLooks_ + 1 : 0;
         if (fullLooks_ >= kFullLooks) {
@@ -164,9 +176,6 @@ public:
             notifyWatchdog();
         }
     }
-
-private:
-    using Clock = std::chrono::steady_clock;
 
     /// The service no longer tells the watchdog that it is alive once it has seen that the marker
     /// is gone. A lasting thread has ended then, which tells it from a service that hangs.

@@ -1,11 +1,13 @@
 #include "tools/quillonctl/recorded-run.h"
 
+#include <fcntl.h>
 #include <json/json.h>
 
 #include <algorithm>
 #include <cmath>
 #include <exception>
 #include <sstream>
+#include <unordered_map>
 
 #include "base/regular-file.h"
 #include "src/support/module-reason.h"
@@ -16,19 +18,20 @@ namespace {
 
 constexpr std::size_t kLargestRecord = 16U << 20U;
 
-/// The module's latest entry, a new one at need.
-RecordedModule& moduleOf(RecordedRun& run, const std::string& name)
+/// Where each module is in RecordedRun::modules.
+using Places = std::unordered_map<std::string, std::size_t>;
+
+/// The module's entry, a new one at need.
+RecordedModule& moduleOf(RecordedRun& run, Places& places, const std::string& name)
 {
-    const auto found = std::find_if(run.modules.rbegin(), run.modules.rend(),
-                                    [&](const RecordedModule& one) { return one.name == name; });
-    if (found != run.modules.rend()) {
-        return *found;
+    const auto [place, isNew] = places.try_emplace(name, run.modules.size());
+    if (isNew) {
+        run.modules.push_back({name, {}, {}, 0, 0, 0});
     }
-    run.modules.push_back({name, {}, {}, 0, 0, 0});
-    return run.modules.back();
+    return run.modules[place->second];
 }
 
-void take(const Json::Value& line, RecordedRun& run)
+void take(const Json::Value& line, RecordedRun& run, Places& places)
 {
     const std::string event = line["event"].asString();
     const double clock = line["clock"].asDouble();
@@ -40,11 +43,11 @@ void take(const Json::Value& line, RecordedRun& run)
         run.result = line["result"].asInt();
         run.ended = clock;
     } else if (event == "checking" || event == "started") {
-        RecordedModule& module = moduleOf(run, line["module"].asString());
+        RecordedModule& module = moduleOf(run, places, line["module"].asString());
         module.finding.reset();
         module.began = clock;
     } else if (event == "decided" || event == "finished") {
-        RecordedModule& module = moduleOf(run, line["module"].asString());
+        RecordedModule& module = moduleOf(run, places, line["module"].asString());
         module.finding = ModuleFinding{line["result"].asInt(), reasonOf(line["reason"].asString()),
                                        line["detail"].asString()};
         module.offered = line["offered"].asString();
@@ -73,17 +76,18 @@ const RecordedModule* RecordedRun::present() const
 std::optional<RecordedRun> readRecordedRun(const std::string& name)
 {
     const std::optional<std::string> text =
-        readRegularFile(paths::kRunRecords + name + ".jsonl", kLargestRecord);
+        readRegularFile(paths::kRunRecords + name + ".jsonl", kLargestRecord, O_NOFOLLOW);
     if (!text) {
         return std::nullopt;
     }
     RecordedRun run;
+    Places places;
     std::istringstream lines(*text);
     for (std::string line; std::getline(lines, line) && !lines.eof();) {
         try {
             Json::Value value;
             std::istringstream(line) >> value;
-            take(value, run);
+            take(value, run, places);
         } catch (const std::exception&) {
             return std::nullopt;  // no record of ours
         }

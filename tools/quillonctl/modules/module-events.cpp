@@ -48,6 +48,9 @@ void ModuleEvents::hear(const ModuleNews& news)
                 ModuleRun{std::chrono::steady_clock::now(), std::nullopt, module.isUpdating()};
             break;
         case ModuleEvent::kEnded:
+            if (!module.run) {
+                module.run.emplace();  // there was no memory to hear of its start
+            }
             module.run->end = finding;
             updateEnded();
             hasEnded_.notify_all();
