@@ -90,7 +90,7 @@ check: test lint sanitize
 check-all:
 	@$(MAKE) test lint ANALYZER=deep
 	@$(MAKE) sanitize cross TSAN_TESTS= CROSS_TESTS= \
-	    CMAKE_ARGS="$(CMAKE_ARGS) -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON"
+	    CMAKE_ARGS="$(CMAKE_ARGS) -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON -DQUILLON_SANITIZE_TESTS=ON"
 
 footprint:
 	@packaging/install-dependencies
