@@ -15,6 +15,7 @@
 #include "base/fd.h"
 #include "base/replace-file.h"
 #include "support/module-reason.h"
+#include "support/record-file.h"
 
 namespace quillon {
 namespace {
@@ -23,6 +24,7 @@ constexpr const char* kNames[] = {"start.jsonl", "estimate.jsonl", "update.jsonl
 constexpr const char* kNewNames[] = {".start.new", ".estimate.new", ".update.new"};
 constexpr const char* kEarlierStart = "earlier-start.jsonl";
 constexpr mode_t kMode = 0644;
+constexpr std::size_t kLongestDetail = 4096;
 
 /// Where and under which name a module's event is recorded.
 struct Entry
@@ -30,25 +32,26 @@ struct Entry
     RunRecord::Record record;
     const char* event;
     bool hasResult;
+    bool hasSeconds;
 };
 
 Entry entryOf(ModuleEvent event)
 {
     switch (event) {
         case ModuleEvent::kLoading:
-            return {RunRecord::kStart, "loading", false};
+            return {RunRecord::kStart, "loading", false, false};
         case ModuleEvent::kLoaded:
-            return {RunRecord::kStart, "loaded", true};
+            return {RunRecord::kStart, "loaded", true, true};
         case ModuleEvent::kChecking:
-            return {RunRecord::kEstimate, "checking", false};
+            return {RunRecord::kEstimate, "checking", false, false};
         case ModuleEvent::kDecided:
-            return {RunRecord::kEstimate, "decided", true};
+            return {RunRecord::kEstimate, "decided", true, true};
         case ModuleEvent::kStarted:
-            return {RunRecord::kUpdate, "started", false};
+            return {RunRecord::kUpdate, "started", false, true};
         case ModuleEvent::kEnded:
-            return {RunRecord::kUpdate, "finished", true};
+            return {RunRecord::kUpdate, "finished", true, true};
         default:
-            return {RunRecord::kUpdate, "late", false};
+            return {RunRecord::kUpdate, "late", false, false};
     }
 }
 
@@ -60,35 +63,23 @@ bool isText(const std::string& version)
            std::none_of(version.begin(), version.end(), isControl);
 }
 
-std::string textOf(const Json::Value& line)
+Json::Value lineAbout(const char* event)
 {
-    static const Json::StreamWriterBuilder kStyle = [] {
-        Json::StreamWriterBuilder style;
-        style["indentation"] = "";
-        style["precision"] = 3;
-        style["precisionType"] = "decimal";
-        return style;
-    }();
-    return Json::writeString(kStyle, line) + '\n';
+    Json::Value line;
+    line["event"] = event;
+    line["clock"] = secondsSinceBoot();
+    return line;
 }
 
 /// Adds to a file, which is open for no longer than that.
 /// @param flags  for open
-/// @return whether all of the text has been written
-bool append(const std::string& path, int flags, const std::string& text)
+/// @return whether all of the line has been written
+bool append(const std::string& path, int flags, const Json::Value& line)
 {
-    constexpr int kFlags = O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    const UniqueFd file(open(path.c_str(), kFlags | flags, kMode));
     struct stat status = {};
-    return file && fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) &&
-           writeAll(file.get(), text.data(), text.size());
-}
-
-bool write(const std::string& path, int flags, const char* event, Json::Value line)
-{
-    line["event"] = event;
-    line["clock"] = secondsSinceBoot();
-    return append(path, flags, textOf(line));
+    const UniqueFd file = openForLines(path, O_WRONLY | flags, status);
+    const std::string text = lineOf(line);
+    return file && writeAll(file.get(), text.data(), text.size());
 }
 
 }  // namespace
@@ -103,7 +94,8 @@ double secondsSinceBoot()
     return static_cast<double>(milliseconds) / 1000;
 }
 
-RunRecord::RunRecord(const std::string& directory) : directory_(directory)
+RunRecord::RunRecord(const std::string& directory, const std::string& history)
+    : directory_(directory), history_(history)
 {
     unnoticed([this] {
         struct stat status = {};
@@ -118,46 +110,49 @@ RunRecord::RunRecord(const std::string& directory) : directory_(directory)
 void RunRecord::serving(bool hasKey)
 {
     unnoticed([&] {
-        Json::Value line;
+        Json::Value line = lineAbout("serving");
         line["key"] = hasKey;
-        add(kStart, "serving", line);
+        add(kStart, line);
     });
 }
 
 void RunRecord::hear(const ModuleNews& news)
 {
     const Entry entry = entryOf(news.event);
-    Json::Value line;
+    Json::Value line = lineAbout(entry.event);
     line["module"] = news.libName;
     if (entry.hasResult) {
         line["result"] = news.result;
+    }
+    if (entry.hasSeconds) {
         line["seconds"] = news.seconds;
     }
     if (news.reason != ModuleReason::kNone) {
         line["reason"] = codeOf(news.reason);
     }
     if (!news.detail.empty()) {
-        line["detail"] = news.detail;
+        line["detail"] = news.detail.substr(0, kLongestDetail);
     }
     if (!news.offered.empty()) {
         line["offered"] = isText(news.offered) ? Json::Value(news.offered) : Json::Value();
     }
-    add(entry.record, entry.event, std::move(line));
+    rememberOffer(news.event, line);
+    add(entry.record, line);
 }
 
 void RunRecord::hearRun(const RunNews& news)
 {
-    Json::Value line;
-    line["result"] = news.result;
+    Json::Value ended = lineAbout("ended");
+    ended["result"] = news.result;
     switch (news.event) {
         case RunEvent::kEstimateBegan:
             return begin(kEstimate, news.directory);
         case RunEvent::kEstimateEnded:
-            return add(kEstimate, "ended", std::move(line));
+            return add(kEstimate, ended);
         case RunEvent::kUpdateBegan:
             return begin(kUpdate, news.directory);
         case RunEvent::kUpdateEnded:
-            return add(kUpdate, "ended", std::move(line));
+            return add(kUpdate, ended);
     }
 }
 
@@ -166,7 +161,7 @@ void RunRecord::hearRun(const RunNews& news)
 void RunRecord::begin(Record record, const std::string& stick)
 {
     const std::string made = directory_ + kNewNames[record];
-    Json::Value line;
+    Json::Value line = lineAbout("began");
     line["at"] = Json::Int64(time(nullptr));
     line["pid"] = getpid();
     if (!stick.empty()) {
@@ -176,16 +171,35 @@ void RunRecord::begin(Record record, const std::string& stick)
     }
     isKept_[record] = false;
     unlink(made.c_str());  // left by a service that was killed just here, or a link
-    isKept_[record] = write(made, O_CREAT | O_EXCL, "began", std::move(line)) &&
+    isKept_[record] = append(made, O_CREAT | O_EXCL, line) &&
                       chmod(made.c_str(), kMode) == 0 &&  // whatever the umask
                       std::rename(made.c_str(), (directory_ + kNames[record]).c_str()) == 0;
+    if (record == kUpdate) {
+        history_.begin(line);
+    }
 }
 
 /// Gives the record up when a line cannot be written, so that a record with an end lacks none.
-void RunRecord::add(Record record, const char* event, Json::Value line)
+void RunRecord::add(Record record, const Json::Value& line)
 {
     if (std::exchange(isKept_[record], false)) {
-        isKept_[record] = write(directory_ + kNames[record], 0, event, std::move(line));
+        isKept_[record] = append(directory_ + kNames[record], 0, line);
+    }
+    if (record == kUpdate) {
+        history_.add(line);
+    }
+}
+
+/// Takes the version from a look's line, and gives it to that of an update which has begun: the
+/// update itself finds it only later, and may be cut off before.
+void RunRecord::rememberOffer(ModuleEvent event, Json::Value& line)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    Json::Value& offer = offers_[line["module"].asString()];
+    if (event == ModuleEvent::kDecided) {
+        offer = line.get("offered", Json::Value());
+    } else if (event == ModuleEvent::kStarted && !offer.isNull()) {
+        line["offered"] = offer;
     }
 }
 

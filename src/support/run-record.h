@@ -1,12 +1,14 @@
 #pragma once
 
+#include <json/value.h>
+
+#include <map>
+#include <mutex>
 #include <string>
 
 #include "support/module-observer.h"
-
-namespace Json {
-class Value;
-}
+#include "support/paths.h"
+#include "support/run-history.h"
 
 namespace quillon {
 
@@ -27,9 +29,12 @@ double secondsSinceBoot();
 ///     {"event":"decided","clock":12.9,"module":"tuner","result":1,"offered":"2.0","seconds":30}
 ///     {"event":"ended","clock":13.0,"result":0}
 ///
-/// "at" is the time of day in seconds since 1970. "reason", from codeOf(), and "detail" are there
-/// where there is one; "offered" is null for a version that is no text, as a wrong key leaves. A
-/// run that was cut off has no "ended".
+/// "at" is the time of day in seconds since 1970. "reason", from codeOf(), and "detail", cut to
+/// 4096 bytes, are there where there is one; "offered" is null for a version that is no text, as a
+/// wrong key leaves. A module's "started" has what the latest look at a stick has found. A run that
+/// was cut off has no "ended".
+///
+/// The lines of an update are added to the history as well.
 ///
 /// A file is open only while a line is written: a module that closes a descriptor twice must not
 /// have a record written into a file of its own. A file that cannot be made or written is given up,
@@ -41,10 +46,13 @@ public:
     enum Record { kStart, kEstimate, kUpdate, kRecords };
 
     /// Makes the record of the start.
-    /// @param directory  with "/" at its end; must exist, or nothing is recorded
-    explicit RunRecord(const std::string& directory);
+    /// @param directory  with "/" at its end; must exist, or nothing is recorded there
+    /// @param history    the same of the history
+    explicit RunRecord(const std::string& directory,
+                       const std::string& history = paths::kRunHistory);
 
-    bool isKept() const { return isKept_[kStart]; }
+    /// Whether there is anything to be told of.
+    bool isKept() const { return isKept_[kStart] || history_.hasDirectory(); }
 
     /// All modules are loaded, and commands are served from now on.
     /// @param hasKey  whether images can be deciphered
@@ -55,10 +63,14 @@ public:
 
 private:
     void begin(Record record, const std::string& stick);
-    void add(Record record, const char* event, Json::Value line);
+    void add(Record record, const Json::Value& line);
+    void rememberOffer(ModuleEvent event, Json::Value& line);
 
     const std::string directory_;
     bool isKept_[kRecords] = {};
+    RunHistory history_;
+    std::mutex mutex_;
+    std::map<std::string, Json::Value> offers_;  ///< versions that looks have found; with mutex_
 };
 
 }  // namespace quillon

@@ -80,6 +80,11 @@ protected:
     int estimate() { return manager->getFirmwareUpdateTime(key, device.stick().path(), total); }
     int update() { return manager->doUpdateUSB(key, device.stick().path()); }
 
+    static void tellOf(RunRecord& record, const std::string& detail)
+    {
+        record.hear({ModuleEvent::kLoaded, "alpha", -1, ModuleReason::kNotLoadable, detail});
+    }
+
     std::list<RunRecord> records_;
     const std::string began =
         R"({"directory":")" + device.stick().directory() + R"(","event":"began"})";
@@ -125,6 +130,15 @@ TEST_F(RunRecords, OfAnEstimateTellWhyAModuleIsNotUpdated)
     EXPECT_EQ(linesIn("estimate.jsonl").size(), 4U) << "the record of the estimate before is gone";
 }
 
+TEST_F(RunRecords, CutALongDetail)
+{
+    tellOf(observe(), std::string(100000, 'x'));
+
+    const std::size_t size = readAll(kRecords + std::string("start.jsonl")).size();
+    EXPECT_GT(size, 4096U);
+    EXPECT_LT(size, 5000U);
+}
+
 TEST_F(RunRecords, TellThatAVersionIsNoText)
 {
     device.addModule("alpha", Module().returning("checkVersion", -1));
@@ -145,7 +159,7 @@ TEST_F(RunRecords, OfAnUpdateTellHowEachModuleFared)
     EXPECT_EQ(update(), 0);
 
     expectTexts(linesIn("update.jsonl"),
-                {began, R"({"event":"started","module":"alpha"})",
+                {began, R"({"event":"started","module":"alpha","offered":"2.0","seconds":30})",
                  R"({"event":"finished","module":"alpha","offered":"2.0","result":0,"seconds":30})",
                  R"({"event":"ended","result":0})"});
 }

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <string>
+
+namespace Json {
+class Value;
+}
+
+namespace quillon {
+
+/// The names of the history in its directory: the lines of late, and those before them.
+inline constexpr const char* kHistory = "history.jsonl";
+inline constexpr const char* kEarlierHistory = "earlier-history.jsonl";
+
+/// Keeps the lines of all updates, see RunRecord, over restarts and power cuts: each one is added
+/// to "history.jsonl" and brought to the disk, so when the power fails in a module, the last line
+/// names the module. A line that was cut is ended before the next run's first. That one has
+/// "lost": true where the lines before it lack an end since they could not be written.
+///
+/// A run begins a new file when there is 1 MiB in the old one, which becomes the only earlier one.
+/// No file grows beyond 2 MiB.
+///
+/// A run whose lines cannot be written is given up, and the next one is tried. After a disk that
+/// needs more than two seconds for a line, the lines of that run are written but not waited for.
+///
+/// Thread: one at a time. Throws std::bad_alloc.
+class RunHistory
+{
+public:
+    /// @param directory    with "/" at its end; without it, nothing is kept and nothing is made
+    /// @param longestSync  seconds after which the disk counts as slow
+    explicit RunHistory(const std::string& directory, double longestSync = 2)
+        : directory_(directory), longestSync_(longestSync)
+    {
+    }
+
+    bool hasDirectory() const;
+
+    /// Adds the first line of a run.
+    void begin(Json::Value line);
+    /// Adds another one, up to its end.
+    void add(const Json::Value& line);
+
+private:
+    bool startFile() const;
+    bool append(const std::string& text);
+
+    const std::string directory_;
+    const double longestSync_;
+    bool isKept_ = false;  ///< a run has begun, and all its lines are written
+    bool isLost_ = false;  ///< the lines of the latest run in the file lack its end
+    bool isSlow_ = false;  ///< the disk, in this run
+};
+
+}  // namespace quillon
