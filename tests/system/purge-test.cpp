@@ -157,6 +157,19 @@ TEST_F(Purge, LeavesAMountThatIsNoPackages)
     EXPECT_EQ(mounts(mountPointOf(name)).size(), 2U);
 }
 
+TEST_F(Purge, TakesAwayWhatTheServiceHasKept)
+{
+    for (const char* name : {"modules", "examples", "history"}) {
+        fs::create_directories(std::string("/var/lib/quillon/") + name);
+    }
+
+    purge();
+
+    for (const char* name : {"modules", "examples", "history"}) {
+        EXPECT_FALSE(fs::exists(std::string("/var/lib/quillon/") + name)) << name;
+    }
+}
+
 TEST_F(Purge, TakesTheImageKeyAway)
 {
     fs::create_directories(fs::path(kProvisioning).parent_path());
