@@ -1,9 +1,6 @@
 #include "tools/quillonctl/follow.h"
 
-#include <signal.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <filesystem>
 #include <map>
@@ -11,7 +8,6 @@
 #include <string>
 #include <thread>
 
-#include "base/task-start.h"
 #include "src/support/paths.h"
 #include "tools/quillonctl/outside-text.h"
 #include "tools/quillonctl/recorded-run.h"
@@ -19,16 +15,6 @@
 
 namespace quillon {
 namespace {
-
-/// Whether the service that has recorded the run is no more.
-bool hasServiceEnded(const RecordedRun& run)
-{
-    if (kill(run.service, 0) != 0 && errno == ESRCH) {
-        return true;
-    }
-    // Its number may be another process's by now.
-    return startOfTask("/proc/" + std::to_string(run.service)) > run.began;
-}
 
 bool isRunning(const RecordedRun& run)
 {

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "tools/quillonctl/history.h"
 #include "tools/quillonctl/modules/foreign-end.h"
 #include "tools/quillonctl/modules/interruption.h"
 #include "tools/quillonctl/modules/module-verbs.h"
@@ -48,6 +49,7 @@ struct Arguments
     std::string source = "package";  ///< of modules
     bool all = false;                ///< modules
     bool follow = false;             ///< the progress, to its end
+    HistoryRequest history;
 };
 
 ClientOptions clientOptions(const Arguments& arguments)
@@ -122,6 +124,25 @@ void addServiceVerbs(CLI::App& app, Arguments& arguments)
     app.add_subcommand("stop", "Make the service take no more commands");
 }
 
+std::string checkSince(const std::string& text)
+{
+    return momentOf(text, 0)
+               ? std::string()
+               : "takes a date like 2026-11-23, with a time like \"2026-11-23 04:10\", "
+                 "or 30d or 12h, not \"" +
+                     text + "\"";
+}
+
+void addHistoryVerb(CLI::App& app, HistoryRequest& request)
+{
+    CLI::App* verb = app.add_subcommand("history", "List the updates that the service has kept");
+    verb->add_option("--since", request.since, "List what began then or later")
+        ->check(checkSince)
+        ->option_text("WHEN");
+    verb->add_option("--plot", request.plot, "Draw expected beside actual times, as SVG")
+        ->option_text("FILE");
+}
+
 void addModuleVerbs(CLI::App& modules, Arguments& arguments)
 {
     modules.require_subcommand(1);
@@ -154,6 +175,9 @@ ExitCode runServiceVerb(const std::string& verb, const Arguments& arguments)
     Verbs verbs(client, output);
     const std::chrono::milliseconds pollInterval(redraw ? 250 : 1000);
     try {
+        if (verb == "history") {
+            return showHistory(output, arguments.history);
+        }
         if (verb == "update") {
             return verbs.update(arguments.directory, pollInterval);
         }
@@ -222,6 +246,7 @@ int runCommandLine(int argc, char** argv)
     app.require_subcommand(1);
     addOptions(app, arguments);
     addServiceVerbs(app, arguments);
+    addHistoryVerb(app, arguments.history);
     CLI::App& modules =
         *app.add_subcommand("modules", "Look at the firmware modules and update them");
     addModuleVerbs(modules, arguments);

@@ -2,14 +2,17 @@
 
 #include <fcntl.h>
 #include <json/json.h>
+#include <signal.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <exception>
 #include <sstream>
-#include <unordered_map>
+#include <stdexcept>
 
 #include "base/regular-file.h"
+#include "base/task-start.h"
 #include "src/support/module-reason.h"
 #include "src/support/paths.h"
 
@@ -18,52 +21,81 @@ namespace {
 
 constexpr std::size_t kLargestRecord = 16U << 20U;
 
-/// Where each module is in RecordedRun::modules.
-using Places = std::unordered_map<std::string, std::size_t>;
-
-/// The module's entry, a new one at need.
-RecordedModule& moduleOf(RecordedRun& run, Places& places, const std::string& name)
+/// Throws std::exception for a number that no clock shows.
+void requireTime(double seconds)
 {
-    const auto [place, isNew] = places.try_emplace(name, run.modules.size());
-    if (isNew) {
-        run.modules.push_back({name, {}, {}, 0, 0, 0});
+    constexpr double kLongest = 1e12;
+    if (!(seconds >= 0 && seconds <= kLongest)) {
+        throw std::out_of_range("a time");
     }
-    return run.modules[place->second];
 }
 
-void take(const Json::Value& line, RecordedRun& run, Places& places)
+}  // namespace
+
+Json::Value parsedLine(const std::string& line)
+{
+    Json::Value value;
+    std::istringstream(line) >> value;
+    if (!value.isObject()) {
+        throw std::invalid_argument("no object");
+    }
+    return value;
+}
+
+void RunLines::take(const Json::Value& line)
 {
     const std::string event = line["event"].asString();
     const double clock = line["clock"].asDouble();
+    requireTime(clock);
+    // The module's entry; at need a new one, which begins now.
+    const auto module = [&]() -> RecordedModule& {
+        const std::string name = line["module"].asString();
+        const auto [place, isNew] = places_.try_emplace(name, run.modules.size());
+        if (isNew) {
+            run.modules.push_back({name, {}, {}, 0, clock, 0});
+        }
+        return run.modules[place->second];
+    };
     if (event == "began") {
         run.began = clock;
+        run.at = line["at"].asInt64();
+        requireTime(static_cast<double>(run.at));
         run.service = line["pid"].asInt();
         run.directory = line["directory"].asString();
     } else if (event == "ended") {
         run.result = line["result"].asInt();
         run.ended = clock;
     } else if (event == "checking" || event == "started") {
-        RecordedModule& module = moduleOf(run, places, line["module"].asString());
-        module.finding.reset();
-        module.began = clock;
+        RecordedModule& begun = module();
+        begun.finding.reset();
+        begun.offered = line["offered"].asString();
+        begun.expectedSeconds = line["seconds"].asInt();
+        begun.began = clock;
     } else if (event == "decided" || event == "finished") {
-        RecordedModule& module = moduleOf(run, places, line["module"].asString());
-        module.finding = ModuleFinding{line["result"].asInt(), reasonOf(line["reason"].asString()),
-                                       line["detail"].asString()};
-        module.offered = line["offered"].asString();
-        module.expectedSeconds = line["seconds"].asInt();
-        module.seconds = std::round((clock - module.began) * 1000) / 1000;
+        RecordedModule& done = module();
+        done.finding = ModuleFinding{line["result"].asInt(), reasonOf(line["reason"].asString()),
+                                     line["detail"].asString()};
+        done.offered = line["offered"].asString();
+        done.expectedSeconds = line["seconds"].asInt();
+        done.seconds = std::round((clock - done.began) * 1000) / 1000;
         // A key that does not fit leaves no text where the version is, and a plug-in that is asked
         // about it may say anything but yes.
-        ModuleReason& reason = module.finding->reason;
-        if (line.isMember("offered") && line["offered"].isNull() && module.finding->result != 1 &&
+        ModuleReason& reason = done.finding->reason;
+        if (line.isMember("offered") && line["offered"].isNull() && done.finding->result != 1 &&
             (reason == ModuleReason::kCheckFailed || reason == ModuleReason::kUpToDate)) {
             reason = ModuleReason::kNotDeciphered;
         }
     }
 }
 
-}  // namespace
+bool hasServiceEnded(const RecordedRun& run)
+{
+    if (kill(run.service, 0) != 0 && errno == ESRCH) {
+        return true;
+    }
+    // Its number may be another process's by now.
+    return startOfTask("/proc/" + std::to_string(run.service)) > run.began;
+}
 
 const RecordedModule* RecordedRun::present() const
 {
@@ -80,19 +112,16 @@ std::optional<RecordedRun> readRecordedRun(const std::string& name)
     if (!text) {
         return std::nullopt;
     }
-    RecordedRun run;
-    Places places;
+    RunLines record;
     std::istringstream lines(*text);
     for (std::string line; std::getline(lines, line) && !lines.eof();) {
         try {
-            Json::Value value;
-            std::istringstream(line) >> value;
-            take(value, run, places);
+            record.take(parsedLine(line));
         } catch (const std::exception&) {
             return std::nullopt;  // no record of ours
         }
     }
-    return run;
+    return record.run;
 }
 
 std::optional<RecordedRun> readRecordedRun(const std::string& name, const std::string& stick,

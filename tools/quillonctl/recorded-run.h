@@ -1,10 +1,14 @@
 /// What the service has recorded of an estimate or an update, see src/support/run-record.h.
 #pragma once
 
+#include <json/value.h>
 #include <sys/types.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "src/support/run-record.h"
@@ -26,6 +30,7 @@ struct RecordedModule
 struct RecordedRun
 {
     double began = 0;                     ///< seconds since boot
+    std::int64_t at = 0;                  ///< the time of day then, in seconds since 1970
     pid_t service = 0;                    ///< the process that has recorded it
     std::string directory;                ///< the stick's, with "/" at its end
     std::vector<RecordedModule> modules;  ///< in the order of the work
@@ -35,6 +40,25 @@ struct RecordedRun
     /// The module that is being worked on, or was when the service died; null for none.
     const RecordedModule* present() const;
 };
+
+/// Puts a run together from the lines of its record.
+class RunLines
+{
+public:
+    /// Throws std::exception for what the service does not write; the run may have changed then.
+    void take(const Json::Value& line);
+
+    RecordedRun run;
+
+private:
+    std::unordered_map<std::string, std::size_t> places_;  ///< of modules, in the run's
+};
+
+/// @return the JSON object in a line. Throws std::exception for anything else.
+Json::Value parsedLine(const std::string& line);
+
+/// Whether the service that has recorded the run, since the last start of the device, is no more.
+bool hasServiceEnded(const RecordedRun& run);
 
 /// @param name  "estimate" or "update"
 /// @return nothing when there is no such record

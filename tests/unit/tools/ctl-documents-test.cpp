@@ -53,10 +53,20 @@ Words optionsOfHelp()
     return allMatches(between(help(), "\nOptions:", "\nSubcommands:"), "^ .*?(--[a-z-]+)");
 }
 
+Words optionsOf(std::vector<std::string> verb)
+{
+    verb.emplace_back("--help");
+    return allMatches(between(runCtl(verb).out, "\nOptions:", "\n\n"), "^ .*?(--[a-z-]+)");
+}
+
 Words optionsOfModules()
 {
-    const std::string text = runCtl({"modules", "update", "--help"}).out;
-    return allMatches(between(text, "\nOptions:", "\n\n"), "^ .*?(--[a-z-]+)");
+    return optionsOf({"modules", "update"});
+}
+
+Words optionsOfHistory()
+{
+    return optionsOf({"history"});
 }
 
 Words verbsOfModules()
@@ -107,11 +117,13 @@ Words complete(const std::vector<std::string>& line)
 
 TEST(CtlHelp, ListsVerbsAndOptions)
 {
-    EXPECT_EQ(verbsOfHelp(), (Words{"update", "check", "estimate", "progress", "stop", "modules"}));
+    EXPECT_EQ(verbsOfHelp(),
+              (Words{"update", "check", "estimate", "progress", "stop", "history", "modules"}));
     EXPECT_EQ(optionsOfHelp(), (Words{"--help", "--version", "--json", "--quiet", "--timeout"}));
     EXPECT_EQ(verbsOfModules(),
               (Words{"list", "check", "update", "version", "progress", "download", "unlock"}));
     EXPECT_EQ(optionsOfModules(), (Words{"--help", "--source", "--all"}));
+    EXPECT_EQ(optionsOfHistory(), (Words{"--help", "--since", "--plot"}));
 }
 
 TEST(CtlManual, DescribesEveryVerbAndNoOther)
@@ -128,7 +140,8 @@ TEST(CtlManual, DescribesEveryOptionAndNoOther)
     for (const std::string& word : allMatches(readAll(kManual), "^\\.It .*Fl -([a-z-]+)")) {
         options.insert("--" + word);
     }
-    EXPECT_EQ(options, optionsOfHelp() + optionsOfProgress() + optionsOfModules());
+    EXPECT_EQ(options,
+              optionsOfHelp() + optionsOfProgress() + optionsOfModules() + optionsOfHistory());
 }
 
 TEST(CtlManual, ListsEveryEventOfItsVerbs)
@@ -136,7 +149,8 @@ TEST(CtlManual, ListsEveryEventOfItsVerbs)
     const std::string tool = QUILLON_SOURCE_DIR "/tools/quillonctl/";
     const char* call = "(?:say|event|sayModules)\\(\\s*(?:output_?, )?\"([a-z-]+)\"";
     Words events;
-    for (const char* file : {"follow.cpp", "output.cpp", "run-report.cpp", "verbs.cpp"}) {
+    for (const char* file :
+         {"follow.cpp", "history.cpp", "output.cpp", "run-report.cpp", "verbs.cpp"}) {
         events = events + allMatches(readAll(tool + file), call);
     }
     const Words listed = allMatches(between(readAll(kManual), ".Sh JSON OUTPUT", ".It modules\n"),
@@ -174,6 +188,14 @@ TEST(CtlCompletion, KnowsTheVerbsOfModulesAndWhatTheyTake)
     EXPECT_EQ(complete({"quillonctl", "modules", "list", "-"}), optionsOfHelp());
     EXPECT_EQ(complete({"quillonctl", "modules", "check", "--source", ""}),
               (Words{"usb", "package", "system", "shared"}));
+}
+
+TEST(CtlCompletion, KnowsWhatTheHistoryTakes)
+{
+    EXPECT_EQ(complete({"quillonctl", "history", "-"}), optionsOfHelp() + optionsOfHistory());
+    EXPECT_TRUE(complete({"quillonctl", "history", "--since", ""}).empty());
+    EXPECT_EQ(complete({"quillonctl", "history", "--plot", "/us"}).count("/usr"), 1U);
+    EXPECT_EQ(complete({"quillonctl", "--plot", "stop", "his"}), (Words{"history"}));
 }
 
 TEST(CtlCompletion, OffersTheNamesOfTheModulesThatAreInstalled)

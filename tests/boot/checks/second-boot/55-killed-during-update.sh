@@ -24,6 +24,8 @@ wait "$update" || status=$?
 cat "$device_directory/update.log"
 [ "$status" != 0 ] || fail "quillonctl takes a killed update for a finished one"
 expect "the version" 1.0 "$(cat "$(flashed tuner)/version")"
+quillonctl history | grep -q ' tuner  *2\.0 .* cut off$' ||
+    fail "the history does not tell of it: $(quillonctl history)"
 
 echo 'speed=3000000' >/etc/quillon/examples/tuner.conf
 quillonctl_status update "$stick"

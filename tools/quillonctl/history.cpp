@@ -1,0 +1,302 @@
+#include "tools/quillonctl/history.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <ctime>
+#include <limits>
+#include <map>
+#include <sstream>
+#include <utility>
+
+#include "base/regular-file.h"
+#include "src/support/module-reason.h"
+#include "src/support/paths.h"
+#include "src/support/run-history.h"
+#include "tools/quillonctl/history-plot.h"
+#include "tools/quillonctl/outside-text.h"
+#include "tools/quillonctl/text-table.h"
+
+namespace quillon {
+namespace {
+
+constexpr std::size_t kLargestHistory = 4U << 20U;
+constexpr const char* kDate = "%Y-%m-%d";
+constexpr const char* kDateAndTime = "%Y-%m-%d %H:%M";
+
+const std::map<PastOutcome, const char*> kOutcomes = {{PastOutcome::kUpdated, "updated"},
+                                                      {PastOutcome::kFailed, "failed"},
+                                                      {PastOutcome::kCutOff, "cut-off"},
+                                                      {PastOutcome::kNotRecorded, "not-recorded"},
+                                                      {PastOutcome::kRunning, "running"}};
+
+struct KeptRun
+{
+    RunLines lines;
+    bool isLost = false;  ///< it went on without being recorded
+};
+
+std::string formatted(const std::tm& time, const char* format)
+{
+    char text[64] = "";
+    const std::size_t length = std::strftime(text, sizeof text, format, &time);
+    return std::string(text, length);
+}
+
+std::optional<std::int64_t> calendarMoment(const std::string& text, const char* format)
+{
+    std::tm time = {};
+    time.tm_isdst = -1;
+    if (strptime(text.c_str(), format, &time) == nullptr) {
+        return std::nullopt;
+    }
+    const std::int64_t moment = std::mktime(&time);
+    // strptime takes much that is not spelled so, and mktime days that no month has.
+    return formatted(time, format) == text ? std::optional(moment) : std::nullopt;
+}
+
+std::optional<std::int64_t> momentAgo(const std::string& text, std::int64_t now)
+{
+    constexpr std::size_t kMostDigits = 6;
+    static const std::map<char, std::int64_t> kUnits = {{'h', 3600}, {'d', 86400}};
+    const std::size_t digits = text.find_first_not_of("0123456789");
+    if (digits == 0 || digits > kMostDigits || digits + 1 != text.size()) {
+        return std::nullopt;
+    }
+    const auto unit = kUnits.find(text.back());
+    return unit != kUnits.end() ? std::optional(now - std::stol(text) * unit->second)
+                                : std::nullopt;
+}
+
+/// @return empty where there is no such file
+std::string readGeneration(const char* name)
+{
+    const std::string path = paths::kRunHistory + std::string(name);
+    UniqueFd file;
+    struct stat opened = {};
+    SecretBytes bytes;
+    FileResult result = openRegularFile(path.c_str(), O_NOFOLLOW, file, opened);
+    if (result == FileResult::kOk) {
+        result = readToEnd(file.get(), kLargestHistory, bytes);
+    }
+    switch (result) {
+        case FileResult::kOk:
+            return std::string(bytes.begin(), bytes.end());
+        case FileResult::kMissing:
+            return {};
+        case FileResult::kFailed:
+            throw Failure{kExitSystem,
+                          "cannot read " + path + ": " + std::strerror(errno) +
+                              (errno == EACCES ? "; run this as root, or as a member of the group "
+                                                 "of its directory"
+                                               : "")};
+        default:
+            throw Failure{kExitSystem,
+                          path + " is not the service's history: it is " +
+                              (result == FileResult::kTooLarge ? "too large" : "no regular file") +
+                              "; remove it, and the service begins a new one"};
+    }
+}
+
+/// Passes over what is no line of ours, as a power cut may leave.
+void takeGeneration(const std::string& text, std::vector<KeptRun>& runs)
+{
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line) && !lines.eof();) {
+        try {
+            const Json::Value value = parsedLine(line);
+            if (value["event"] != "began") {
+                if (!runs.empty()) {
+                    runs.back().lines.take(value);
+                }
+                continue;
+            }
+            RunLines begun;
+            begun.take(value);
+            if (!runs.empty()) {
+                runs.back().isLost = value["lost"].asBool();
+            }
+            runs.push_back({std::move(begun)});
+        } catch (const std::exception&) {
+            continue;
+        }
+    }
+}
+
+/// The service's own record tells: it is gone after a start of the device, when another process may
+/// have the number of the service that was cut off.
+bool isRunning(const RecordedRun& run)
+{
+    const std::optional<RecordedRun> present = readRecordedRun("update");
+    return present && present->began == run.began && present->at == run.at &&
+           present->service == run.service && !present->result && run.service > 0 &&
+           !hasServiceEnded(run);
+}
+
+PastOutcome outcomeOf(const RecordedModule& module, PastOutcome unfinished)
+{
+    if (!module.finding) {
+        return unfinished;
+    }
+    return module.finding->result == 0 ? PastOutcome::kUpdated : PastOutcome::kFailed;
+}
+
+/// @param unfinished  what became of a module without an end
+void addUpdates(const RecordedRun& run, PastOutcome unfinished, std::vector<PastUpdate>& updates)
+{
+    for (RecordedModule module : run.modules) {
+        if (!module.finding && run.result.value_or(0) != 0) {
+            module.finding = ModuleFinding{-1, ModuleReason::kException, {}};
+        }
+        const PastOutcome outcome = outcomeOf(module, unfinished);
+        const auto passed = static_cast<std::int64_t>(module.began - run.began);
+        updates.push_back({run.at + passed, run.directory, std::move(module), outcome});
+    }
+    if (!run.result && run.present() == nullptr) {
+        updates.push_back({run.at, run.directory, {}, unfinished});
+    }
+}
+
+std::string seconds(double value)
+{
+    return std::to_string(std::llround(value)) + " s";
+}
+
+TableRow rowOf(const PastUpdate& update)
+{
+    const RecordedModule& module = update.module;
+    return {localTime(update.at),
+            module.name.empty() ? "-" : module.name,
+            module.offered.empty() ? "-" : module.offered,
+            module.expectedSeconds > 0 ? seconds(module.expectedSeconds) : "-",
+            module.finding ? seconds(module.seconds) : "-",
+            resultOf(update)};
+}
+
+JsonMembers membersOf(const PastUpdate& update)
+{
+    const RecordedModule& module = update.module;
+    JsonMembers members = {{"at", Json::Int64(update.at)},
+                           {"directory", update.directory},
+                           {"outcome", kOutcomes.at(update.outcome)}};
+    if (!module.name.empty()) {
+        members["module"] = module.name;
+        members["expectedSeconds"] = module.expectedSeconds;
+    }
+    if (!module.offered.empty()) {
+        members["offered"] = module.offered;
+    }
+    if (module.finding) {
+        members["result"] = module.finding->result;
+        members["seconds"] = module.seconds;
+    }
+    if (update.outcome == PastOutcome::kFailed) {
+        members["reason"] = codeOf(module.finding->reason);
+        members["text"] = phraseOf(*module.finding);
+    }
+    return members;
+}
+
+void sayUpdates(Output& output, const std::vector<PastUpdate>& updates)
+{
+    std::vector<TableRow> rows = {{"WHEN", "MODULE", "OFFERED", "EXPECTED", "TOOK", "RESULT"}};
+    for (const PastUpdate& update : updates) {
+        output.event("past-update", membersOf(update));
+        rows.push_back(rowOf(update));
+    }
+    for (const std::string& line : aligned(std::move(rows))) {
+        output.line(line);
+    }
+}
+
+}  // namespace
+
+std::optional<std::int64_t> momentOf(const std::string& text, std::int64_t now)
+{
+    if (const auto ago = momentAgo(text, now)) {
+        return ago;
+    }
+    const auto moment = calendarMoment(text, kDateAndTime);
+    return moment ? moment : calendarMoment(text, kDate);
+}
+
+std::string localTime(std::int64_t at)
+{
+    const auto moment = static_cast<std::time_t>(at);
+    std::tm time = {};
+    const bool isReached = moment == at && localtime_r(&moment, &time) != nullptr;
+    return isReached ? formatted(time, kDateAndTime) : "-";
+}
+
+std::string resultOf(const PastUpdate& update)
+{
+    switch (update.outcome) {
+        case PastOutcome::kUpdated:
+            return "updated";
+        case PastOutcome::kFailed:
+            return "failed: " + printable(phraseOf(*update.module.finding));
+        case PastOutcome::kNotRecorded:
+            return "not recorded";
+        case PastOutcome::kRunning:
+            return "running";
+        default:
+            return "cut off";
+    }
+}
+
+std::optional<std::vector<PastUpdate>> readHistory()
+{
+    const std::string earlier = readGeneration(kEarlierHistory);
+    const std::string late = readGeneration(kHistory);
+    struct stat status = {};
+    if (earlier.empty() && late.empty() && stat(paths::kRunHistory, &status) != 0) {
+        return std::nullopt;
+    }
+    std::vector<KeptRun> runs;
+    takeGeneration(earlier, runs);
+    takeGeneration(late, runs);
+
+    std::vector<PastUpdate> updates;
+    for (const KeptRun& kept : runs) {
+        const bool isLatest = &kept == &runs.back();
+        const PastOutcome unfinished = kept.isLost ? PastOutcome::kNotRecorded
+                                       : isLatest && isRunning(kept.lines.run)
+                                           ? PastOutcome::kRunning
+                                           : PastOutcome::kCutOff;
+        addUpdates(kept.lines.run, unfinished, updates);
+    }
+    return updates;
+}
+
+ExitCode showHistory(Output& output, const HistoryRequest& request)
+{
+    std::optional<std::vector<PastUpdate>> updates = readHistory();
+    if (!updates) {
+        output.line(std::string("No update is recorded: the service keeps its history only if the "
+                                "directory ") +
+                    paths::kRunHistory + " exists");
+        return kExitSuccess;
+    }
+    const std::int64_t since = momentOf(request.since, std::time(nullptr))
+                                   .value_or(std::numeric_limits<std::int64_t>::min());
+    updates->erase(std::remove_if(updates->begin(), updates->end(),
+                                  [&](const PastUpdate& one) { return one.at < since; }),
+                   updates->end());
+    if (updates->empty()) {
+        output.line(request.since.empty() ? "No update is recorded"
+                                          : "No update is recorded since " + localTime(since));
+        return kExitSuccess;
+    }
+    sayUpdates(output, *updates);
+    if (request.plot) {
+        writePlot(*request.plot, *updates);
+        output.say("plotted", {{"file", *request.plot}}, "Plotted to " + *request.plot);
+    }
+    return kExitSuccess;
+}
+
+}  // namespace quillon
