@@ -77,14 +77,20 @@ struct RunNews
     int result = 0;
 };
 
-/// Both are called on the thread that checks or updates. They must not call the registry. They may
-/// change errno, and throw what is derived from std::exception: whoever tells them restores the one
-/// and drops the other.
+/// All are called on the thread that checks or updates. They must not call the registry. They may
+/// change errno, and the first two may throw what is derived from std::exception: whoever tells
+/// them restores the one and drops the other.
 class ModuleObserver
 {
 public:
     virtual void hear(const ModuleNews& news) = 0;
     virtual void hearRun(const RunNews& /*news*/) {}
+
+    /// An event could not be told, or not be heard to the end: as a rule memory has run out.
+    /// @{
+    virtual void miss(ModuleEvent /*event*/) noexcept {}
+    virtual void missRun(RunEvent /*event*/) noexcept {}
+    /// @}
 
 protected:
     ~ModuleObserver() = default;
@@ -103,16 +109,20 @@ inline thread_local std::string offeredVersion;
 
 /// Does work for the observer without an effect on the run: restores errno, which log lines print,
 /// and drops exceptions, as when memory runs out.
+/// @return whether it was done to its end
 template <typename Work>
-void unnoticed(Work work)
+bool unnoticed(Work work)
 {
     const int callersErrno = errno;
+    bool isDone = false;
     try {
         work();
+        isDone = true;
     } catch (const std::exception&) {
         // Then the observer does not learn of it.
     }
     errno = callersErrno;
+    return isDone;
 }
 
 /// Notes why the result is what it is.
@@ -149,13 +159,16 @@ void tell(ModuleEvent event, const Module& module, int result = 0)
     if (observer == nullptr) {
         return;
     }
-    unnoticed([&] {
+    const bool isHeard = unnoticed([&] {
         const ModuleReason reason = std::exchange(moduleReason, ModuleReason::kNone);
         std::string detail = std::exchange(moduleReasonDetail, {});
         std::string offered = std::exchange(offeredVersion, {});
         observer->hear({event, module.getLibName(), result, reason, std::move(detail),
                         std::move(offered), module.getExpectedUpdateTime()});
     });
+    if (!isHeard) {
+        observer->miss(event);
+    }
 }
 
 /// Tells the observer that a run begins, and with the end of the object that it is over.
@@ -168,17 +181,10 @@ public:
           ended_(ended),
           directory_(directory != nullptr ? directory : "")
     {
-        if (observer_ != nullptr) {
-            unnoticed([&] { observer_->hearRun({began, directory_}); });
-        }
+        tellRun({began, directory_});
     }
 
-    ~ToldRun()
-    {
-        if (observer_ != nullptr) {
-            unnoticed([&] { observer_->hearRun({ended_, directory_, result_}); });
-        }
-    }
+    ~ToldRun() { tellRun({ended_, directory_, result_}); }
     ToldRun(const ToldRun&) = delete;
     ToldRun& operator=(const ToldRun&) = delete;
 
@@ -186,6 +192,13 @@ public:
     int endWith(int result) { return result_ = result; }
 
 private:
+    void tellRun(const RunNews& news)
+    {
+        if (observer_ != nullptr && !unnoticed([&] { observer_->hearRun(news); })) {
+            observer_->missRun(news.event);
+        }
+    }
+
     ModuleObserver* const observer_;
     const RunEvent ended_;
     const char* const directory_;

@@ -56,6 +56,12 @@ void RunHistory::add(const Json::Value& line)
     isLost_ = !isKept_;
 }
 
+void RunHistory::giveUp() noexcept
+{
+    isLost_ = isLost_ || isKept_;
+    isKept_ = false;
+}
+
 /// Sees to it that there is a file with room in it, which ends in a line's end.
 bool RunHistory::startFile() const
 {

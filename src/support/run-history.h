@@ -40,6 +40,8 @@ public:
     void begin(Json::Value line);
     /// Adds another one, up to its end.
     void add(const Json::Value& line);
+    /// A line of the run is missing.
+    void giveUp() noexcept;
 
 private:
     bool startFile() const;

@@ -156,6 +156,25 @@ void RunRecord::hearRun(const RunNews& news)
     }
 }
 
+void RunRecord::miss(ModuleEvent event) noexcept
+{
+    giveUp(entryOf(event).record);
+}
+
+void RunRecord::missRun(RunEvent event) noexcept
+{
+    const bool isEstimate = event == RunEvent::kEstimateBegan || event == RunEvent::kEstimateEnded;
+    giveUp(isEstimate ? kEstimate : kUpdate);
+}
+
+void RunRecord::giveUp(Record record) noexcept
+{
+    isKept_[record] = false;
+    if (record == kUpdate) {
+        history_.giveUp();
+    }
+}
+
 /// Replaces the record.
 /// @param stick  empty where there is none
 void RunRecord::begin(Record record, const std::string& stick)

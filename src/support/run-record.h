@@ -60,8 +60,11 @@ public:
 
     void hear(const ModuleNews& news) override;
     void hearRun(const RunNews& news) override;
+    void miss(ModuleEvent event) noexcept override;
+    void missRun(RunEvent event) noexcept override;
 
 private:
+    void giveUp(Record record) noexcept;
     void begin(Record record, const std::string& stick);
     void add(Record record, const Json::Value& line);
     void rememberOffer(ModuleEvent event, Json::Value& line);

@@ -156,6 +156,16 @@ TEST_F(RunHistories, GrowNoFurtherInOneRun)
     EXPECT_LE(fs::file_size(kFile), 2U << 20U);
 }
 
+TEST_F(RunHistories, ThatMissALineTellTheNextRunSo)
+{
+    history.begin(line("began"));
+    history.giveUp();
+    history.add(line("ended"));
+    history.begin(line("began"));
+
+    expectTexts(linesOf(kFile), {R"({"event":"began"})", R"({"event":"began","lost":true})"});
+}
+
 TEST_F(RunHistories, MakeNoDirectory)
 {
     fs::remove_all(kDirectory);

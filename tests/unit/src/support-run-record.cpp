@@ -228,6 +228,10 @@ TEST_F(RunRecords, FailNothingWhenMemoryRunsOut)
     {
         void hear(const ModuleNews& /*news*/) override { throw std::bad_alloc(); }
         void hearRun(const RunNews& /*news*/) override { throw std::bad_alloc(); }
+        void miss(ModuleEvent /*event*/) noexcept override { ++missed; }
+        void missRun(RunEvent /*event*/) noexcept override { ++missedOfRuns; }
+        int missed = 0;
+        int missedOfRuns = 0;
     } observer;
     device.addModule("alpha", Module().needsUpdate().takesSeconds(30));
     device.stick().addImage("alpha", Image());
@@ -237,6 +241,25 @@ TEST_F(RunRecords, FailNothingWhenMemoryRunsOut)
     EXPECT_EQ(estimate(), 0);
     EXPECT_EQ(update(), 0);
     moduleObserver = nullptr;
+    EXPECT_EQ(observer.missed, 6) << "loading, checking and updating, each its beginning and end";
+    EXPECT_EQ(observer.missedOfRuns, 4);
+}
+
+TEST_F(RunRecords, HaveNoEndAfterAnEventThatWasMissed)
+{
+    RunRecord& record = observe();
+    for (const auto& [name, missed] : std::map<std::string, ModuleEvent>{
+             {"estimate.jsonl", ModuleEvent::kDecided}, {"update.jsonl", ModuleEvent::kEnded}}) {
+        const bool isUpdate = missed == ModuleEvent::kEnded;
+        record.hearRun({isUpdate ? RunEvent::kUpdateBegan : RunEvent::kEstimateBegan, "/media/"});
+        record.miss(missed);
+        record.hearRun({isUpdate ? RunEvent::kUpdateEnded : RunEvent::kEstimateEnded, "/media/"});
+        EXPECT_EQ(linesIn(name).size(), 1U) << name;
+    }
+    record.hearRun({RunEvent::kUpdateBegan, "/media/"});
+    record.missRun(RunEvent::kUpdateBegan);
+    record.hearRun({RunEvent::kUpdateEnded, "/media/"});
+    EXPECT_EQ(linesIn("update.jsonl").size(), 1U);
 }
 
 TEST_F(RunRecords, CanBeReadByEverybody)
