@@ -79,7 +79,8 @@ for module in tuner panel camera clock; do
     printf 'speed=1000000\nexpected_time=3\n' >"/etc/quillon/examples/$module.conf"
 done
 
-say "The service starts"
+say "The service starts, and keeps records and a history"
+mkdir -p /run/quillon/run /var/lib/quillon/history
 touch /tmp/smack_early_ready /tmp/fw_update_ready_usb
 "$bin/quillon-service" >"$work/service.log" 2>&1 &
 daemon=$!
@@ -104,6 +105,9 @@ done
 say "Versions before"
 versions
 
+say "quillonctl check $stick: what would be updated, and why not"
+"$bin/quillonctl" check "$stick" || fail "the check failed"
+
 say "quillonctl update $stick"
 "$bin/quillonctl" update "$stick" || fail "the update failed"
 
@@ -116,6 +120,11 @@ for module in tuner panel camera; do
 done
 [ ! -e "$(flashed clock)/firmware.bin" ] || fail "the clock was flashed though it is up to date"
 echo "   clock    was left alone: it is up to date"
+
+say "quillonctl history"
+"$bin/quillonctl" history --plot "$work/history.svg" || fail "the history cannot be read"
+grep -q '</svg>' "$work/history.svg" || fail "the plot is not whole"
+echo "   drawn as well, expected beside actual times: $(wc -c <"$work/history.svg") bytes of SVG"
 
 say "The life marker is removed: the service ends by itself within 10 seconds"
 rm /tmp/fw_update_ready_usb
