@@ -27,6 +27,7 @@ namespace fs = std::filesystem;
 
 using Clock = std::chrono::steady_clock;
 
+constexpr const char* kFollowAdvice = "; \"quillonctl progress --follow\" shows a running update";
 constexpr const char* kLookInterrupted =
     "\nquillonctl: interrupted; the update had ended before, only the second look at the stick is "
     "cut short\n";
@@ -50,17 +51,34 @@ void onInterruptSay(const char* text)
     onSignal(SIGINT, handleInterrupt);
 }
 
+/// What a client's error ends the program with, and what the user may do then.
+struct ClientFailure
+{
+    ExitCode code;
+    const char* advice;
+};
+
 /// Throws Failure when there is an error.
 void exitOn(const Error& error)
 {
-    static const std::map<ErrorCode, ExitCode> kExitCodes = {
-        {ErrorCode::kBadArgument, kExitUsage},       {ErrorCode::kNoService, kExitNoService},
-        {ErrorCode::kNoReply, kExitNoReply},         {ErrorCode::kBusy, kExitBusy},
-        {ErrorCode::kRefused, kExitAlreadyUpdating},
+    static const std::map<ErrorCode, ClientFailure> kFailures = {
+        {ErrorCode::kBadArgument, {kExitUsage, ""}},
+        {ErrorCode::kNoService,
+         {kExitNoService,
+          "; start it: \"quillonctl doctor\" looks for what may keep it from starting"}},
+        {ErrorCode::kNoReply,
+         {kExitNoReply, "; \"quillonctl doctor\" looks for what may keep it busy"}},
+        {ErrorCode::kBusy,
+         {kExitBusy,
+          "; try again when it has finished: \"quillonctl progress --follow\" shows a running "
+          "update meanwhile"}},
+        {ErrorCode::kRefused, {kExitAlreadyUpdating, kFollowAdvice}},
     };
     if (error) {
-        const auto found = kExitCodes.find(error.code);
-        throw Failure{found != kExitCodes.end() ? found->second : kExitSystem, error.text};
+        const auto found = kFailures.find(error.code);
+        const ClientFailure failure =
+            found != kFailures.end() ? found->second : ClientFailure{kExitSystem, ""};
+        throw Failure{failure.code, error.text + failure.advice};
     }
 }
 
@@ -192,7 +210,8 @@ void Verbs::makeSureNothingRuns()
     const Progress progress = valueOf(client_.progress());
     if (progress.state == Progress::kRunning) {
         throw Failure{kExitAlreadyUpdating, "an update is running already, at " +
-                                                std::to_string(progress.percent) + " %"};
+                                                std::to_string(progress.percent) + " %" +
+                                                kFollowAdvice};
     }
     if (progress.state != Progress::kIdle) {
         output_.say("earlier-update", membersOf(progress),

@@ -297,7 +297,9 @@ TEST_F(CtlVerbs, UpdateLeavesARunningUpdateAloneAndExitsWith8)
     const CtlResult result = runCtl({"update", kStick});
 
     EXPECT_EQ(result.exitCode, 8);
-    EXPECT_EQ(result.err, "quillonctl: an update is running already, at 12 %\n");
+    EXPECT_EQ(result.err,
+              "quillonctl: an update is running already, at 12 %; \"quillonctl progress --follow\" "
+              "shows a running update\n");
     EXPECT_THAT(service.commands(), ElementsAre(MQ_COMMAND_PROGRESS));
 }
 
@@ -441,9 +443,11 @@ TEST_F(CtlVerbs, ErrorsAsJsonCarryTheExitCode)
 
     EXPECT_EQ(result.exitCode, 8);
     EXPECT_EQ(result.err, "");
-    EXPECT_EQ(result.out,
-              "{\"event\":\"error\",\"exitCode\":8,"
-              "\"text\":\"an update is running already, at 12 %\"}\n");
+    EXPECT_EQ(
+        result.out,
+        "{\"event\":\"error\",\"exitCode\":8,"
+        "\"text\":\"an update is running already, at 12 %; \\\"quillonctl progress --follow\\\" "
+        "shows a running update\"}\n");
 }
 
 TEST_F(CtlVerbs, JsonOnATerminalHasNoBar)
@@ -509,7 +513,10 @@ TEST_F(CtlVerbs, EstimateThatTakesTooLongExitsWith4)
     const CtlResult result = runCtl({"--timeout", "0.3", "estimate", kStick});
 
     EXPECT_EQ(result.exitCode, 4);
-    EXPECT_EQ(result.err, "quillonctl: no reply from the update service within 300 ms\n");
+    EXPECT_EQ(
+        result.err,
+        "quillonctl: no reply from the update service within 300 ms; \"quillonctl doctor\" looks "
+        "for what may keep it busy\n");
 }
 
 TEST_F(CtlVerbs, ProgressTellsEachState)
