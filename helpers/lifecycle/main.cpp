@@ -198,9 +198,7 @@ int requireVerifier()
 
 int requireTrust()
 {
-    const std::vector<std::string> faults =
-        faultsOf({QUILLON_TRUSTED_KEYS, QUILLON_PROVISIONING_CERTIFICATES, QUILLON_TRUST_POLICY,
-                  QUILLON_SECURITY_FLOORS, paths::kVerifierLibrary, paths::kModules});
+    const std::vector<std::string> faults = faultsOf(trustedPlaces());
     for (const std::string& fault : faults) {
         say(Priority::kError, fault);
     }

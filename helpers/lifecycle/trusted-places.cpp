@@ -10,6 +10,9 @@
 #include <filesystem>
 #include <set>
 #include <system_error>
+#include <utility>
+
+#include "src/support/paths.h"
 
 namespace quillon::unit {
 
@@ -25,25 +28,6 @@ bool isPlain(unsigned char character)
     return std::isalnum(character) != 0 || std::strchr("/._-+:@", character) != nullptr;
 }
 
-/// A path as a shell takes it, on one line whatever is in it.
-std::string quoted(const std::string& path)
-{
-    if (std::all_of(path.begin(), path.end(), isPlain)) {
-        return path;
-    }
-    std::string text = "$'";
-    for (const unsigned char character : path) {
-        if (isPlain(character) || character == ' ') {
-            text += static_cast<char>(character);
-            continue;
-        }
-        char escaped[5];
-        static_cast<void>(std::snprintf(escaped, sizeof escaped, "\\x%02x", character));
-        text += escaped;
-    }
-    return text + "'";
-}
-
 std::string octal(mode_t mode)
 {
     char text[8];
@@ -55,7 +39,7 @@ std::string octal(mode_t mode)
 class Inspection
 {
 public:
-    std::vector<std::string> takeFaults() { return std::move(faults_); }
+    std::vector<PlaceFault> takeFaults() { return std::move(faults_); }
 
     void inspect(const std::string& place) { inspectEntriesOf(resolve(place)); }
 
@@ -74,7 +58,7 @@ private:
             inspectEntriesOf(child);
         }
         if (error) {
-            complain(path, "cannot be read: " + error.message(), "run this as root");
+            complainOfHidden(path, "cannot be read: " + error.message());
         }
     }
 
@@ -128,8 +112,7 @@ private:
     std::string complainUnlessMissing(const std::string& path)
     {
         if (errno != ENOENT && errno != ENOTDIR) {
-            complain(path, std::string("cannot be examined: ") + std::strerror(errno),
-                     "run this as root");
+            complainOfHidden(path, std::string("cannot be examined: ") + std::strerror(errno));
         }
         return "";
     }
@@ -153,22 +136,60 @@ private:
 
     void complain(const std::string& path, const std::string& fault, const std::string& remedy)
     {
-        faults_.push_back(quoted(path) + " " + fault + "; mend it: " + remedy);
+        faults_.push_back({quoted(path) + " " + fault, remedy});
+    }
+
+    void complainOfHidden(const std::string& path, const std::string& fault)
+    {
+        faults_.push_back({quoted(path) + " " + fault, "run this as root", true});
     }
 
     std::set<std::string> seen_;
-    std::vector<std::string> faults_;
+    std::vector<PlaceFault> faults_;
 };
 
 }  // namespace
 
-std::vector<std::string> faultsOf(const std::vector<std::string>& places)
+std::string quoted(const std::string& path)
+{
+    if (std::all_of(path.begin(), path.end(), isPlain)) {
+        return path;
+    }
+    std::string text = "$'";
+    for (const unsigned char character : path) {
+        if (isPlain(character) || character == ' ') {
+            text += static_cast<char>(character);
+            continue;
+        }
+        char escaped[5];
+        static_cast<void>(std::snprintf(escaped, sizeof escaped, "\\x%02x", character));
+        text += escaped;
+    }
+    return text + "'";
+}
+
+std::vector<std::string> trustedPlaces()
+{
+    return {QUILLON_TRUSTED_KEYS,    QUILLON_PROVISIONING_CERTIFICATES, QUILLON_TRUST_POLICY,
+            QUILLON_SECURITY_FLOORS, paths::kVerifierLibrary,           paths::kModules};
+}
+
+std::vector<PlaceFault> inspectPlaces(const std::vector<std::string>& places)
 {
     Inspection inspection;
     for (const std::string& place : places) {
         inspection.inspect(place);
     }
     return inspection.takeFaults();
+}
+
+std::vector<std::string> faultsOf(const std::vector<std::string>& places)
+{
+    std::vector<std::string> lines;
+    for (const PlaceFault& fault : inspectPlaces(places)) {
+        lines.push_back(fault.text + "; mend it: " + fault.remedy);
+    }
+    return lines;
 }
 
 }  // namespace quillon::unit
