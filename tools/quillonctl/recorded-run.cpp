@@ -62,16 +62,19 @@ void RunLines::take(const Json::Value& line)
         requireTime(static_cast<double>(run.at));
         run.service = line["pid"].asInt();
         run.directory = line["directory"].asString();
-    } else if (event == "ended") {
+    } else if (event == "ended" || event == "serving") {
         run.result = line["result"].asInt();
         run.ended = clock;
-    } else if (event == "checking" || event == "started") {
+        if (line.isMember("key")) {
+            run.hasKey = line["key"].asBool();
+        }
+    } else if (event == "checking" || event == "started" || event == "loading") {
         RecordedModule& begun = module();
         begun.finding.reset();
         begun.offered = line["offered"].asString();
         begun.expectedSeconds = line["seconds"].asInt();
         begun.began = clock;
-    } else if (event == "decided" || event == "finished") {
+    } else if (event == "decided" || event == "finished" || event == "loaded") {
         RecordedModule& done = module();
         done.finding = ModuleFinding{line["result"].asInt(), reasonOf(line["reason"].asString()),
                                      line["detail"].asString()};

@@ -1,4 +1,5 @@
-/// What the service has recorded of an estimate or an update, see src/support/run-record.h.
+/// What the service has recorded of a start, an estimate or an update, see
+/// src/support/run-record.h.
 #pragma once
 
 #include <json/value.h>
@@ -36,6 +37,7 @@ struct RecordedRun
     std::vector<RecordedModule> modules;  ///< in the order of the work
     std::optional<int> result;            ///< nothing as long as it is running, or when cut off
     double ended = 0;                     ///< once there is a result
+    std::optional<bool> hasKey;           ///< of a start with a result: there is an image key
 
     /// The module that is being worked on, or was when the service died; null for none.
     const RecordedModule* present() const;
@@ -60,11 +62,11 @@ Json::Value parsedLine(const std::string& line);
 /// Whether the service that has recorded the run, since the last start of the device, is no more.
 bool hasServiceEnded(const RecordedRun& run);
 
-/// @param name  "estimate" or "update"
+/// @param name  "start", "earlier-start", "estimate" or "update"
 /// @return nothing when there is no such record
 std::optional<RecordedRun> readRecordedRun(const std::string& name);
 
-/// @param name   as above
+/// @param name   "estimate" or "update"
 /// @param stick  the directory that the run must be from, without "/" at its end
 /// @param since  the run must have begun then or later, by secondsSinceBoot()
 /// @return nothing when there is no such record

@@ -1,15 +1,14 @@
 #include "tools/quillonctl/modules/slot-locks.h"
 
-#include <pwd.h>
 #include <semaphore.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <thread>
+
+#include "tools/quillonctl/services-user.h"
 
 namespace quillon {
 
@@ -27,10 +26,6 @@ constexpr std::chrono::milliseconds kPoll(5);
 constexpr int kPollsForTheGate = 400;
 constexpr int kPollsForOneName = 200;
 
-/// Both belong to the service's user: where it keeps its keys, and its home.
-constexpr std::array<const char*, 2> kServicesDirectories = {QUILLON_SECURE_STORAGE,
-                                                             "/var/lib/quillon"};
-
 struct flock lockOf(short type, off_t byte, off_t length)
 {
     struct flock lock = {};
@@ -39,25 +34,6 @@ struct flock lockOf(short type, off_t byte, off_t length)
     lock.l_start = byte;
     lock.l_len = length;
     return lock;
-}
-
-std::string nameOf(uid_t user)
-{
-    const passwd* entry = getpwuid(user);
-    return entry == nullptr ? "user " + std::to_string(user) : entry->pw_name;
-}
-
-bool isServicesUser(uid_t user)
-{
-    if (const passwd* entry = getpwnam("quillon"); entry != nullptr && entry->pw_uid == user) {
-        return true;
-    }
-    return std::any_of(kServicesDirectories.begin(), kServicesDirectories.end(),
-                       [&](const char* directory) {
-                           struct stat status = {};
-                           return lstat(directory, &status) == 0 && S_ISDIR(status.st_mode) &&
-                                  status.st_uid == user;
-                       });
 }
 
 std::string refusal(const std::string& fault)
@@ -78,7 +54,7 @@ std::string whyNotOpened(int error)
     if (!S_ISREG(status.st_mode)) {
         return refusal("is no plain file");
     }
-    const std::string owner = nameOf(status.st_uid);
+    const std::string owner = nameOfUser(status.st_uid);
     return "it belongs to " + owner + ", so only " +
            (status.st_uid == 0 ? owner : owner + " and root") + " can use it";
 }
@@ -94,7 +70,7 @@ std::string faultOf(const struct stat& status)
     }
     if (status.st_uid != 0 && status.st_uid != geteuid() &&
         (geteuid() != 0 || !isServicesUser(status.st_uid))) {
-        return refusal("belongs to " + nameOf(status.st_uid));
+        return refusal("belongs to " + nameOfUser(status.st_uid));
     }
     return status.st_size == static_cast<off_t>(sizeof(sem_t)) ? "" : refusal("has the wrong size");
 }
