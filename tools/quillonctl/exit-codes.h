@@ -20,6 +20,8 @@ enum ExitCode : int {
     kExitNoAnswer = 12,
     kExitTimedOut = 13,
     kExitDownloadFailed = 14,
+    kExitFoundWarnings = 20,
+    kExitFoundErrors = 21,
     kExitInterrupted = 130
 };
 

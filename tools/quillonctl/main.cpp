@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "tools/quillonctl/doctor/doctor.h"
 #include "tools/quillonctl/history.h"
 #include "tools/quillonctl/modules/foreign-end.h"
 #include "tools/quillonctl/modules/interruption.h"
@@ -31,7 +32,8 @@ constexpr const char* kFooter =
     "5 another client is busy, 6 update failed, 7 nothing to update, 8 already\n"
     "updating, 9 connection lost or other system error, 10 unknown module,\n"
     "11 unusable module, 12 a module does not answer, 13 update timed out,\n"
-    "14 download failed, 130 interrupted";
+    "14 download failed, 20 doctor found warnings, 21 doctor found errors,\n"
+    "130 interrupted";
 
 constexpr const char* kModulesFooter =
     "The modules are worked on by this program itself, with the update service running or not.\n"
@@ -122,6 +124,7 @@ void addServiceVerbs(CLI::App& app, Arguments& arguments)
     app.add_subcommand("progress", "Say how far the running update is")
         ->add_flag("--follow", arguments.follow, "Follow it to its end, beside other clients");
     app.add_subcommand("stop", "Make the service take no more commands");
+    app.add_subcommand("doctor", "Say what would go wrong, and what to do about it");
 }
 
 std::string checkSince(const std::string& text)
@@ -263,6 +266,10 @@ int runCommandLine(int argc, char** argv)
     }
     if (modules.parsed()) {
         return runModuleVerb(modules.get_subcommands().front()->get_name(), arguments);
+    }
+    if (app.got_subcommand("doctor")) {
+        Output output(arguments.json, arguments.quiet, canRedraw());
+        return doctor::run(output);
     }
     return runServiceVerb(app.get_subcommands().front()->get_name(), arguments);
 }

@@ -117,8 +117,8 @@ Words complete(const std::vector<std::string>& line)
 
 TEST(CtlHelp, ListsVerbsAndOptions)
 {
-    EXPECT_EQ(verbsOfHelp(),
-              (Words{"update", "check", "estimate", "progress", "stop", "history", "modules"}));
+    EXPECT_EQ(verbsOfHelp(), (Words{"update", "check", "estimate", "progress", "stop", "history",
+                                    "doctor", "modules"}));
     EXPECT_EQ(optionsOfHelp(), (Words{"--help", "--version", "--json", "--quiet", "--timeout"}));
     EXPECT_EQ(verbsOfModules(),
               (Words{"list", "check", "update", "version", "progress", "download", "unlock"}));
@@ -149,8 +149,8 @@ TEST(CtlManual, ListsEveryEventOfItsVerbs)
     const std::string tool = QUILLON_SOURCE_DIR "/tools/quillonctl/";
     const char* call = "(?:say|event|sayModules)\\(\\s*(?:output_?, )?\"([a-z-]+)\"";
     Words events;
-    for (const char* file :
-         {"follow.cpp", "history.cpp", "output.cpp", "run-report.cpp", "verbs.cpp"}) {
+    for (const char* file : {"doctor/doctor.cpp", "follow.cpp", "history.cpp", "output.cpp",
+                             "run-report.cpp", "verbs.cpp"}) {
         events = events + allMatches(readAll(tool + file), call);
     }
     const Words listed = allMatches(between(readAll(kManual), ".Sh JSON OUTPUT", ".It modules\n"),

@@ -1,0 +1,71 @@
+/// A device on which doctor finds nothing, for tests to make faults on.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <json/value.h>
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "base/fd.h"
+#include "support/process.h"
+#include "unit/tools/ctl-program.h"
+
+/// Base of doctor's tests. They are skipped where "/" is not root's, as in a user namespace: then
+/// nothing can be trusted.
+class RootsMachine : public testing::Test
+{
+protected:
+    void SetUp() override;
+};
+
+/// What "quillonctl --json doctor" has written, an object a line.
+std::vector<Json::Value> findingsOf(const CtlResult& result);
+
+/// @return the finding with that code; null when there is none
+Json::Value findingIn(const std::vector<Json::Value>& findings, const std::string& code);
+
+/// Puts a record of the service's in place.
+/// @param lines  behind "began", which is made here
+/// @param process  0: one that is gone
+void putRecord(const std::string& name, pid_t process, const std::string& lines);
+
+/// Makes a queue anew.
+void putQueue(const char* name, mode_t mode = 0666, long places = 10, long size = 0);
+
+/// Puts a record without a command or a result into a queue.
+void sendTo(const char* name);
+
+/// Whom nothing on the device belongs to.
+constexpr uid_t kStranger = 1234;
+
+/// Gives a file to a stranger. Skips the test where there is only one user.
+#define GIVE_AWAY(path)                                \
+    if (lchown(path, kStranger, kStranger) != 0) {     \
+        GTEST_SKIP() << "there is only one user here"; \
+    }
+
+/// The service runs: a process of its name does, with its markers, queues and records. The keys are
+/// maker "a"'s, the module is a test plug-in "lamp", and somebody listens at the mounting helper's
+/// socket. The service's user is root.
+class DoctorsDevice
+{
+public:
+    DoctorsDevice();
+    ~DoctorsDevice() { endService(); }
+    DoctorsDevice(const DoctorsDevice&) = delete;
+    DoctorsDevice& operator=(const DoctorsDevice&) = delete;
+
+    pid_t service() const { return service_; }
+    void endService();
+    /// From now on the service's user is another one. @return false where there is only one user
+    static bool giveServiceToItsUser();
+    void stopListening() { listener_.reset(); }
+
+private:
+    void startService();
+
+    pid_t service_ = -1;
+    quillon::UniqueFd listener_;
+};

@@ -1,0 +1,263 @@
+// What quillonctl doctor says, to whom, and that it leaves everything as it is.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <mqueue.h>
+#include <semaphore.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <thread>
+
+#include "client/client-lock.h"
+#include "fw-update-mqdata.h"
+#include "platform/protocols/storage-protocol.h"
+#include "support/files.h"
+#include "unit/tools/ctl-doctor-device.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using quillon::test::outputOf;
+using quillon::test::writeFile;
+using testing::HasSubstr;
+
+using CtlDoctor = RootsMachine;
+
+TEST_F(CtlDoctor, FindsNothingOnAHealthyDevice)
+{
+    const DoctorsDevice device;
+
+    const CtlResult result = runCtl({"doctor"});
+
+    EXPECT_EQ(result.out, "Nothing found\n");
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.exitCode, 0);
+}
+
+TEST_F(CtlDoctor, SaysTheWorstFirstWithTheRemedyBelow)
+{
+    DoctorsDevice device;
+    fs::remove("/tmp/.fw_service_ready_usb");
+    mkfifo("/tmp/fwupdate-off-list.txt", 0600);
+
+    const CtlResult result = runCtl({"doctor"});
+
+    EXPECT_EQ(result.out,
+              "error: /tmp/fwupdate-off-list.txt belongs to root, or is no plain file: packages "
+              "cannot be checked, or others change the list\n"
+              "    systemctl restart quillon\n"
+              "warning: the service is ready, but the event /tmp/.fw_service_ready_usb is missing: "
+              "programs wait for it in vain\n"
+              "    systemctl restart quillon\n"
+              "1 error, 1 warning\n");
+    EXPECT_EQ(result.exitCode, 21);
+}
+
+TEST_F(CtlDoctor, EndsWithAnotherCodeForWarningsAlone)
+{
+    DoctorsDevice device;
+    fs::remove("/tmp/.fw_service_ready_usb");
+
+    EXPECT_EQ(runCtl({"doctor"}).exitCode, 20);
+    const CtlResult quiet = runCtl({"--quiet", "doctor"});
+    EXPECT_EQ(quiet.out + quiet.err, "");
+    EXPECT_EQ(quiet.exitCode, 20);
+}
+
+TEST_F(CtlDoctor, EndsWellWithNotesAlone)
+{
+    DoctorsDevice device;
+    device.endService();
+    fs::remove("/tmp/fw_update_ready_usb");
+    fs::remove("/tmp/.fw_service_ready_usb");
+
+    const CtlResult result = runCtl({"doctor"});
+
+    EXPECT_THAT(result.out, HasSubstr("note: the service does not run"));
+    EXPECT_THAT(result.out, HasSubstr("\n0 errors, 0 warnings\n"));
+    EXPECT_EQ(result.exitCode, 0);
+}
+
+TEST_F(CtlDoctor, CountsForProgramsAtTheEnd)
+{
+    DoctorsDevice device;
+    fs::remove("/tmp/.fw_service_ready_usb");
+
+    const auto lines = findingsOf(runCtl({"--json", "doctor"}));
+
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[0]["event"], "finding");
+    EXPECT_EQ(lines[0]["code"], "ready-missing");
+    EXPECT_EQ(lines[0]["severity"], "warning");
+    EXPECT_EQ(lines[0]["remedy"], "systemctl restart quillon");
+    EXPECT_EQ(lines[1]["event"], "examined");
+    EXPECT_EQ(lines[1]["errors"], 0);
+    EXPECT_EQ(lines[1]["warnings"], 1);
+    EXPECT_EQ(lines[1]["notes"], 0);
+}
+
+TEST_F(CtlDoctor, TellsAnOrdinaryUserWhatItCannotSee)
+{
+    DoctorsDevice device;
+    GIVE_AWAY("/run/quillon/run/start.jsonl");  // only to know whether there is another user
+    fs::remove("/run/quillon/run/start.jsonl");
+    ASSERT_EQ(chmod("/run/quillon/privileged.sock", 0600), 0);  // the group stays root's
+
+    const CtlResult result = runCtl({"--json", "doctor"}, kStranger);
+
+    const auto findings = findingsOf(result);
+    std::string texts;
+    for (const Json::Value& finding : findings) {
+        if (!finding.isMember("code")) {
+            continue;
+        }
+        EXPECT_EQ(finding["code"], "not-checked") << result.out;
+        EXPECT_EQ(finding["severity"], "note");
+        texts += finding["text"].asString() + "\n";
+    }
+    EXPECT_EQ(texts,
+              "not checked: the image key: needs root\n"
+              "not checked: who listens at /run/quillon/privileged.sock: needs root\n");
+    EXPECT_EQ(result.exitCode, 0);
+}
+
+TEST_F(CtlDoctor, LeavesQueuesFilesAndSemaphoreAsTheyAre)
+{
+    DoctorsDevice device;
+    sendTo(FW_MQ_SERVICE_QUEUE);
+    sendTo(FW_MQ_CONTROL_QUEUE);
+    ASSERT_EQ(quillon::test::inChild([] {
+                  return sem_open("/SEM_UPDATE_CONTROL", O_CREAT, 0600, 0) != SEM_FAILED ? 0 : 1;
+              }),
+              0);
+    const char* look =
+        "cat /dev/mqueue/*; cksum /dev/shm/*; "
+        "find /etc/quillon /var/lib/quillon /usr/fwupdate /opt/usr/apps /opt/usr/share /tmp/.fw* "
+        "/tmp/fw* /run/quillon /run/lock "
+        "/dev/shm /dev/mqueue -printf '%p %m %U %s %C@\\n' | sort";
+    const std::string before = outputOf(look);
+
+    EXPECT_NE(findingIn(findingsOf(runCtl({"--json", "doctor"})), "semaphore-stale"),
+              Json::Value());
+
+    EXPECT_EQ(outputOf(look), before);
+}
+
+TEST_F(CtlDoctor, TakesNoSemaphoreForStaleThatSomebodyHolds)
+{
+    DoctorsDevice device;
+    ASSERT_NE(sem_open("/SEM_UPDATE_CONTROL", O_CREAT, 0600, 0), SEM_FAILED);
+
+    EXPECT_EQ(runCtl({"doctor"}).out, "Nothing found\n");
+}
+
+TEST_F(CtlDoctor, TakesNoRepliesForUnreadThatAClientWaitsFor)
+{
+    DoctorsDevice device;
+    sendTo(FW_MQ_CONTROL_QUEUE);
+    const quillon::UniqueFd lock(
+        open(quillon::ClientLock::defaultPath().c_str(), O_RDWR | O_CREAT, 0666));
+    ASSERT_EQ(fchmod(lock.get(), 0666), 0);
+    ASSERT_EQ(flock(lock.get(), LOCK_EX), 0);
+
+    EXPECT_EQ(runCtl({"doctor"}).out, "Nothing found\n");
+}
+
+TEST_F(CtlDoctor, WaitsForNoFifoAndReadsNoEndlessRecord)
+{
+    DoctorsDevice device;
+    for (const char* path :
+         {"/run/quillon/run/update.jsonl", "/etc/quillon/trust.conf",
+          "/etc/quillon/trusted-keys/b.pem", "/etc/quillon/provisioning-certificates/b.pem",
+          "/usr/fwupdate/controls/b.so", "/dev/shm/sem.SEM_UPDATE_CONTROL"}) {
+        ASSERT_EQ(mkfifo(path, 0600), 0) << path;
+    }
+    fs::remove("/run/quillon/run/start.jsonl");
+    fs::create_symlink("/dev/zero", "/run/quillon/run/start.jsonl");
+
+    EXPECT_EQ(runCtl({"doctor"}).exitCode, 21);
+}
+
+TEST_F(CtlDoctor, SurvivesAVerifierThatDoesNot)
+{
+    DoctorsDevice device;
+    fs::copy_file(DOCTORS_BROKEN_VERIFIER, "/usr/lib/libkUEPUser.so",
+                  fs::copy_options::overwrite_existing);
+
+    const CtlResult result = runCtl({"--json", "doctor"});
+
+    EXPECT_EQ(findingIn(findingsOf(result), "verifier-unusable")["text"],
+              "the verifier cannot be used, and without it every image counts as signed: it ends "
+              "the process when it is loaded");
+}
+
+TEST_F(CtlDoctor, ShowsNoControlCharactersOfANameOnTheDevice)
+{
+    DoctorsDevice device;
+    putRecord("update", 0, "{\"event\":\"started\",\"module\":\"a\\u001b[2Jb\\nerror: c\"}\n");
+
+    EXPECT_THAT(runCtl({"doctor"}).out, HasSubstr("the update of a?[2Jb?error: c from"));
+}
+
+/// A storage helper that answers one request.
+class StorageHelper
+{
+public:
+    explicit StorageHelper(bool answers) : socket_(socket(AF_UNIX, SOCK_SEQPACKET, 0))
+    {
+        sockaddr_un address = {AF_UNIX, "/run/quillon/storage.sock"};
+        bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+        chmod(address.sun_path, 0600);
+        listen(socket_.get(), 4);
+        thread_ = std::thread([this, answers] {
+            const quillon::UniqueFd client(accept(socket_.get(), nullptr, nullptr));
+            quillon::SecretBytes packet(quillon::storage::kLargestRequest);
+            const ssize_t size = recv(client.get(), packet.data(), packet.size(), 0);
+            packet.resize(static_cast<std::size_t>(std::max(size, ssize_t{0})));
+            const auto request = quillon::storage::parseRequest(packet);
+            item = request ? std::string(request->item) : "";
+            const auto answer = quillon::storage::encodeAnswer(5, {});
+            if (answers) {
+                send(client.get(), answer.data(), answer.size(), MSG_NOSIGNAL);
+            }
+        });
+    }
+    ~StorageHelper() { thread_.join(); }
+    StorageHelper(const StorageHelper&) = delete;
+    StorageHelper& operator=(const StorageHelper&) = delete;
+
+    std::string item;
+
+private:
+    quillon::UniqueFd socket_;
+    std::thread thread_;
+};
+
+TEST_F(CtlDoctor, AsksTheStorageForAnItemThatNobodyHas)
+{
+    DoctorsDevice device;
+    std::string item;
+    {
+        StorageHelper helper(true);
+        EXPECT_EQ(runCtl({"doctor"}).out, "Nothing found\n");
+        item = helper.item;
+    }
+    EXPECT_EQ(item, "doctor");
+}
+
+TEST_F(CtlDoctor, FindsAStorageThatEndsTheConnection)
+{
+    DoctorsDevice device;
+    StorageHelper helper(false);
+
+    EXPECT_THAT(runCtl({"doctor"}).out,
+                HasSubstr("nobody answers at /run/quillon/storage.sock: it ends the connection"));
+}
+
+}  // namespace

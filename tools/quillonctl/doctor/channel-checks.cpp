@@ -1,0 +1,349 @@
+#include <fcntl.h>
+#include <mqueue.h>
+#include <poll.h>
+#include <semaphore.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "base/fd.h"
+#include "client/client-lock.h"
+#include "fw-update-mqdata.h"
+#include "src/support/paths.h"
+#include "tools/quillonctl/doctor/checks.h"
+#include "tools/quillonctl/modules/slot-holders.h"
+#include "tools/quillonctl/modules/slot-locks.h"
+#include "tools/quillonctl/recorded-run.h"
+#include "tools/quillonctl/services-user.h"
+
+#ifdef QUILLON_STORAGE_SOCKET
+#include "platform/protocols/storage-protocol.h"
+#endif
+
+namespace quillon::doctor {
+
+namespace {
+
+constexpr const char* kRestart = "systemctl restart quillon";
+constexpr const char* kSemaphoreFile = "/dev/shm/sem.SEM_UPDATE_CONTROL";
+constexpr mode_t kEverybodys = 0666;
+constexpr mode_t kGroups = 0660;
+constexpr mode_t kOwners = 0600;
+
+bool isPlain(const struct stat& status)
+{
+    return S_ISREG(status.st_mode) && status.st_nlink == 1;
+}
+
+/// Whether a client holds the lock that lets one at a time connect. By the kernel's list: to try
+/// the lock would keep a client waiting.
+bool isClientConnected()
+{
+    const auto lock = statusOf(ClientLock::defaultPath());
+    std::ifstream locks("/proc/locks");
+    for (std::string line; lock && std::getline(locks, line);) {
+        std::istringstream words(line);
+        std::string number;
+        std::string kind;
+        std::string way;
+        std::string access;
+        std::string process;
+        std::string file;
+        words >> number >> kind >> way >> access >> process >> file;
+        if (kind == "FLOCK" && file.substr(file.rfind(':') + 1) == std::to_string(lock->st_ino)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+Findings checkQueue(const Surroundings& around, const char* name, const char* what)
+{
+    const std::string path = std::string("/dev/mqueue") + name;
+    const std::string text = std::string("the queue of ") + what + ", " + path + ", ";
+    const UniqueFd queue(mq_open(name, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!queue && errno == EACCES) {
+        return {notChecked(path)};
+    }
+    struct stat status = {};
+    mq_attr attributes = {};
+    if (!queue || fstat(queue.get(), &status) != 0 || mq_getattr(queue.get(), &attributes) != 0) {
+        if (!around.service) {
+            return {};
+        }
+        return {error("queue-missing", text + "is missing, so no client gets through", kRestart)};
+    }
+    if (isStrangers(status)) {
+        return {
+            error("queue-owner",
+                  text + "belongs to " + nameOfUser(status.st_uid) + ", who reads what is in it",
+                  kRestart)};
+    }
+    const mode_t mode = status.st_mode & ACCESSPERMS;
+    if (mode != kEverybodys && (mode != kGroups || status.st_uid != 0)) {
+        return {error("queue-mode", text + "lets others in than everybody, or root and a group",
+                      kRestart)};
+    }
+    if (attributes.mq_msgsize != static_cast<long>(sizeof(MQData)) ||
+        attributes.mq_maxmsg != FW_MQ_MAX_MESSAGES) {
+        return {error("queue-shape",
+                      text + "has " + std::to_string(attributes.mq_maxmsg) + " places of " +
+                          std::to_string(attributes.mq_msgsize) + " bytes, not " +
+                          std::to_string(FW_MQ_MAX_MESSAGES) + " of " +
+                          std::to_string(sizeof(MQData)),
+                      kRestart)};
+    }
+    const std::string count = std::to_string(attributes.mq_curmsgs);
+    const bool isOfReplies = name == std::string(FW_MQ_CONTROL_QUEUE);
+    if (isOfReplies && attributes.mq_curmsgs > 0 && !isClientConnected()) {
+        return {warning("replies-unread",
+                        "replies wait that no client reads: " + count +
+                            "; the service waits once there are " +
+                            std::to_string(FW_MQ_MAX_MESSAGES),
+                        "quillonctl progress")};
+    }
+    if (!isOfReplies && attributes.mq_curmsgs > 0 && around.isServiceGone()) {
+        return {warning(
+            "commands-waiting",
+            "commands wait for the next start of the service, which carries them out: " + count,
+            "rm " + path + " if that is not wanted")};
+    }
+    return {};
+}
+
+#ifdef QUILLON_STORAGE_SOCKET
+
+constexpr int kAnswerMilliseconds = 10000;
+
+/// @return why nobody listens; empty when somebody does, nothing when this user may not ask
+std::optional<std::string> faultOfSocket(const char* path, const SecretBytes& request)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (std::strlen(path) >= sizeof address.sun_path) {
+        return "its path is too long";
+    }
+    std::string_view(path).copy(address.sun_path, sizeof address.sun_path - 1);
+    const UniqueFd connection(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) !=
+        0) {
+        return errno == EACCES ? std::nullopt : std::optional<std::string>(std::strerror(errno));
+    }
+    if (request.empty()) {
+        return "";
+    }
+    if (send(connection.get(), request.data(), request.size(), MSG_NOSIGNAL) < 0) {
+        return std::strerror(errno);
+    }
+    pollfd waiting = {connection.get(), POLLIN, 0};
+    if (uninterrupted([&] { return poll(&waiting, 1, kAnswerMilliseconds); }) <= 0) {
+        return "no answer within 10 seconds";
+    }
+    char answer[sizeof(storage::AnswerHead)] = {};
+    return recv(connection.get(), answer, sizeof answer, MSG_TRUNC) == sizeof answer
+               ? ""
+               : "it ends the connection without an answer";
+}
+
+/// @param request  what it answers without doing anything; empty: it is enough that it listens
+Findings checkHelper(Severity severity, const char* path, const std::string& unit,
+                     const std::string& effect, const SecretBytes& request)
+{
+    const auto status = statusOf(path);
+    const std::string remedy = "systemctl restart " + unit;
+    if (!status || !S_ISSOCK(status->st_mode)) {
+        return {{severity, "helper-missing",
+                 std::string("the socket ") + path + " is missing, so " + effect,
+                 "systemctl enable --now " + unit}};
+    }
+    if (isStrangers(*status) || (status->st_mode & S_IWOTH) != 0) {
+        return {{severity, "helper-owner",
+                 std::string("the socket ") + path + " belongs to " + nameOfUser(status->st_uid) +
+                     ", or is open to everybody",
+                 remedy}};
+    }
+    const std::optional<std::string> fault = faultOfSocket(path, request);
+    if (!fault) {
+        return {notChecked(std::string("who listens at ") + path)};
+    }
+    if (fault->empty()) {
+        return {};
+    }
+    return {{severity, "helper-silent",
+             std::string("nobody answers at ") + path + ": " + *fault + "; " + effect, remedy}};
+}
+
+#endif
+
+/// The value by the bytes of the file: who maps it would count as one who may hold it.
+/// @return -1 when it cannot be read
+int valueOfSemaphore()
+{
+    const UniqueFd file(open(kSemaphoreFile, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    sem_t semaphore = {};
+    int value = -1;
+    if (read(file.get(), &semaphore, sizeof semaphore) == static_cast<ssize_t>(sizeof semaphore)) {
+        static_cast<void>(sem_getvalue(&semaphore, &value));
+    }
+    return value;
+}
+
+}  // namespace
+
+Findings checkMarkers(const Surroundings& around)
+{
+    Findings findings;
+    for (const char* path : {paths::kLabellingReady, paths::kLifeMarker, paths::kReadyEvent,
+                             paths::kIgnoreResumeEvent}) {
+        const auto status = statusOf(path);
+        if (status && isStrangers(*status)) {
+            findings.push_back(error("marker-owner",
+                                     std::string(path) + " belongs to " +
+                                         nameOfUser(status->st_uid) +
+                                         ", who can end or hold up the service with it",
+                                     kRestart));
+        }
+    }
+    const auto life = statusOf(paths::kLifeMarker);
+    const bool isThere = life && S_ISREG(life->st_mode);
+    if (isThere && around.isServiceGone()) {
+        findings.push_back(
+            warning("marker-stale",
+                    std::string("the service does not run, but has left its marker ") +
+                        paths::kLifeMarker + ": it was killed, or a module has ended it",
+                    "journalctl -b -u quillon, then: systemctl restart quillon"));
+    }
+    if (!isThere && around.service) {
+        findings.push_back(warning("marker-missing",
+                                   std::string("the service is about to end, since its marker ") +
+                                       paths::kLifeMarker + " is gone",
+                                   kRestart));
+    }
+    if (!isThere && around.isServiceGone()) {
+        findings.push_back(note("service-not-running",
+                                "the service does not run: nothing can be updated from a stick",
+                                "systemctl start quillon"));
+    }
+    return findings;
+}
+
+Findings checkReadiness(const Surroundings& around)
+{
+    const auto event = statusOf(paths::kReadyEvent);
+    const bool isReady = event && S_ISREG(event->st_mode);
+    if (isReady && around.isServiceGone()) {
+        return {warning("ready-stale",
+                        std::string("the event ") + paths::kReadyEvent +
+                            " says that the service is ready, but it does not run",
+                        kRestart)};
+    }
+    const std::optional<RecordedRun> start = readRecordedRun("start");
+    const bool serves = start && start->result && around.service == start->service;
+    if (!isReady && serves && kHasStockPlatform) {
+        return {warning("ready-missing",
+                        std::string("the service is ready, but the event ") + paths::kReadyEvent +
+                            " is missing: programs wait for it in vain",
+                        kRestart)};
+    }
+    return {};
+}
+
+Findings checkQueues(const Surroundings& around)
+{
+    Findings findings = checkQueue(around, FW_MQ_SERVICE_QUEUE, "commands");
+    const Findings replies = checkQueue(around, FW_MQ_CONTROL_QUEUE, "replies");
+    findings.insert(findings.end(), replies.begin(), replies.end());
+    return findings;
+}
+
+Findings checkUpdateList(const Surroundings& /*around*/)
+{
+    const auto status = statusOf(paths::kUpdateList);
+    if (!status || (isPlain(*status) && !isStrangers(*status))) {
+        return {};
+    }
+    return {
+        error("update-list-blocked",
+              std::string(paths::kUpdateList) + " belongs to " + nameOfUser(status->st_uid) +
+                  ", or is no plain file: packages cannot be checked, or others change the list",
+              kRestart)};
+}
+
+Findings checkClientLock(const Surroundings& /*around*/)
+{
+    const std::string path = ClientLock::defaultPath();
+    const auto status = statusOf(path);
+    if (!status || (S_ISREG(status->st_mode) && (status->st_mode & ALLPERMS) == kEverybodys)) {
+        return {};
+    }
+    return {error("client-lock-blocked",
+                  "no client gets through, since " + path + ", of " + nameOfUser(status->st_uid) +
+                      ", is no file, or not open to everybody",
+                  kRestart)};
+}
+
+Findings checkSemaphore(const Surroundings& /*around*/)
+{
+    const auto status = statusOf(kSemaphoreFile);
+    if (!status) {
+        return {};
+    }
+    if (isPlain(*status) && !isStrangers(*status) && access(kSemaphoreFile, R_OK | W_OK) != 0) {
+        return {notChecked("the update semaphore")};
+    }
+    std::string trouble;
+    const std::unique_ptr<SlotLocks> locks = SlotLocks::open(trouble);
+    if (!trouble.empty()) {
+        return {
+            error("semaphore-unusable",
+                  "no module can be updated, since the update semaphore cannot be used: " + trouble,
+                  std::string("rm ") + kSemaphoreFile + ", as root, while nothing is updated")};
+    }
+    if ((status->st_mode & ALLPERMS) != kOwners) {
+        return {error("semaphore-open",
+                      std::string(kSemaphoreFile) +
+                          " is open to others than its owner, who can hold up "
+                          "every update",
+                      std::string("chmod 600 ") + kSemaphoreFile)};
+    }
+    if (!locks || valueOfSemaphore() != 0) {
+        return {};
+    }
+    const SlotHolders holders = findSlotHolders(*locks);
+    if (!holders.alive.empty()) {
+        return {};
+    }
+    if (!holders.isComplete) {
+        return {notChecked("who holds the update semaphore")};
+    }
+    return {error("semaphore-stale",
+                  "the update semaphore is locked and nobody alive holds it: every update waits",
+                  "quillonctl modules unlock")};
+}
+
+Findings checkHelpers(const Surroundings& around)
+{
+    Findings findings;
+#ifdef QUILLON_STORAGE_SOCKET
+    // A service of root's reads the storage itself.
+    if (around.servicesUser != 0 || statusOf(QUILLON_STORAGE_SOCKET)) {
+        findings = checkHelper(Severity::kError, QUILLON_STORAGE_SOCKET, "quillon-storage.socket",
+                               "the service gets no image key", storage::encodeRead("doctor"));
+    }
+    const Findings mounts =
+        checkHelper(Severity::kWarning, QUILLON_PRIVILEGED_SOCKET, "quillon-privileged.socket",
+                    "no package can be mounted", {});
+    findings.insert(findings.end(), mounts.begin(), mounts.end());
+#else
+    static_cast<void>(around);
+#endif
+    return findings;
+}
+
+}  // namespace quillon::doctor

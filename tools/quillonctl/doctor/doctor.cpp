@@ -1,0 +1,111 @@
+#include "tools/quillonctl/doctor/doctor.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include "tools/quillonctl/doctor/checks.h"
+#include "tools/quillonctl/outside-text.h"
+
+namespace quillon::doctor {
+
+namespace {
+
+using Check = Findings (*)(const Surroundings&);
+
+constexpr Check kChecks[] = {
+    checkVerifier,
+    checkTrustedPlaces,
+    checkKeys,
+    checkCertificates,
+    checkPolicy,
+    checkImageKey,
+    checkProvisioningPackage,
+    checkMarkers,
+    checkReadiness,
+    checkQueues,
+    checkUpdateList,
+    checkClientLock,
+    checkSemaphore,
+    checkHelpers,
+    checkModules,
+    checkStarts,
+    checkRuns,
+    checkMarks,
+    checkPackages,
+    checkDirectories,
+    checkSpace,
+    checkMounts,
+    checkClock,
+    checkUnit,
+};
+
+const char* nameOf(Severity severity)
+{
+    switch (severity) {
+        case Severity::kError:
+            return "error";
+        case Severity::kWarning:
+            return "warning";
+        default:
+            return "note";
+    }
+}
+
+std::string counted(int count, const std::string& what)
+{
+    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
+int countOf(const Findings& findings, Severity severity)
+{
+    return static_cast<int>(
+        std::count_if(findings.begin(), findings.end(),
+                      [&](const Finding& finding) { return finding.severity == severity; }));
+}
+
+void say(Output& output, const Finding& finding)
+{
+    const std::string severity = nameOf(finding.severity);
+    const std::string text = printable(finding.text);
+    const std::string remedy = printable(finding.remedy);
+    output.say("finding",
+               {{"severity", severity}, {"code", finding.code}, {"text", text}, {"remedy", remedy}},
+               severity + ": " + text + "\n    " + remedy);
+}
+
+}  // namespace
+
+Findings examine()
+{
+    const Surroundings around = lookAround();
+    Findings all;
+    for (const Check check : kChecks) {
+        Findings found = check(around);
+        std::move(found.begin(), found.end(), std::back_inserter(all));
+    }
+    std::stable_sort(all.begin(), all.end(), [](const Finding& left, const Finding& right) {
+        return left.severity > right.severity;
+    });
+    return all;
+}
+
+ExitCode run(Output& output)
+{
+    const Findings findings = examine();
+    for (const Finding& finding : findings) {
+        say(output, finding);
+    }
+    const int errors = countOf(findings, Severity::kError);
+    const int warnings = countOf(findings, Severity::kWarning);
+    output.say(
+        "examined",
+        {{"errors", errors}, {"warnings", warnings}, {"notes", countOf(findings, Severity::kNote)}},
+        findings.empty() ? "Nothing found"
+                         : counted(errors, "error") + ", " + counted(warnings, "warning"));
+    if (errors > 0) {
+        return kExitFoundErrors;
+    }
+    return warnings > 0 ? kExitFoundWarnings : kExitSuccess;
+}
+
+}  // namespace quillon::doctor

@@ -1,0 +1,179 @@
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "base/piped-program.h"
+#include "src/support/paths.h"
+#include "tools/quillonctl/doctor/checks.h"
+#include "tools/quillonctl/services-user.h"
+
+namespace quillon::doctor {
+
+namespace {
+
+constexpr const char* kSystemctl = "/usr/bin/systemctl";
+constexpr std::chrono::seconds kLongestSystemctl(10);
+constexpr std::size_t kMostOutput = 4096;
+constexpr std::time_t kStartOf2024 = 1704067200;
+constexpr std::uint64_t kMebibyte = 1U << 20U;
+
+/// What has to be writable, and how much room it wants.
+struct Place
+{
+    const char* path;
+    std::uint64_t least;  ///< bytes
+};
+
+constexpr Place kPlaces[] = {
+    {"/tmp", kMebibyte},
+    {"/run", kMebibyte / 4},
+    {"/dev/shm", kMebibyte / 16},
+    {"/var/lib/quillon", kMebibyte},
+    {paths::kPackages, 16 * kMebibyte},
+    {paths::kSharedFirmware, 16 * kMebibyte},
+};
+
+}  // namespace
+
+Findings checkDirectories(const Surroundings& around)
+{
+    Findings findings;
+    for (const char* path : {paths::kPackages, paths::kMountedPackages, paths::kSharedFirmware}) {
+        const auto status = statusOf(path);
+        const std::string remedy = "systemd-tmpfiles --create quillon.conf";
+        if (!status) {
+            if (errno == EACCES) {
+                findings.push_back(notChecked(path));
+            } else {
+                findings.push_back(
+                    warning("directory-unusable",
+                            std::string(path) + " is missing: no package can be used", remedy));
+            }
+        } else if (!mayServiceUse(around, *status, R_OK | W_OK | X_OK)) {
+            findings.push_back(warning("directory-unusable",
+                                       nameOfUser(around.servicesUser) + " cannot write to " + path,
+                                       remedy));
+        } else if (path == paths::kMountedPackages && (status->st_mode & S_IRWXO) != 0) {
+            findings.push_back(warning("packages-open",
+                                       std::string("every user can enter ") + path +
+                                           " and keep a package from being updated from",
+                                       remedy));
+        }
+    }
+    return findings;
+}
+
+Findings checkSpace(const Surroundings& /*around*/)
+{
+    Findings findings;
+    for (const Place& place : kPlaces) {
+        struct statvfs space = {};
+        if (statvfs(place.path, &space) != 0) {
+            continue;
+        }
+        const std::uint64_t free = std::uint64_t{space.f_bavail} * space.f_frsize;
+        if (free < place.least || (space.f_files > 0 && space.f_favail == 0)) {
+            findings.push_back(warning("space-low",
+                                       std::string(place.path) + " has room for " +
+                                           std::to_string(free / 1024) + " KiB and " +
+                                           std::to_string(space.f_favail) + " files",
+                                       std::string("df -h ") + place.path + ", and make room"));
+        }
+    }
+    return findings;
+}
+
+Findings checkMounts(const Surroundings& /*around*/)
+{
+    Findings findings;
+    for (const Place& place : kPlaces) {
+        struct statvfs file = {};
+        if (statvfs(place.path, &file) == 0 && (file.f_flag & ST_RDONLY) != 0) {
+            findings.push_back(error("read-only",
+                                     std::string(place.path) + " is on a read-only file system",
+                                     std::string("mount -o remount,rw ") + place.path +
+                                         ", or put a writable file system there"));
+        }
+    }
+    for (const char* path : {paths::kModules, paths::kVerifierLibrary}) {
+        struct statvfs file = {};
+        if (statvfs(path, &file) == 0 && (file.f_flag & ST_NOEXEC) != 0) {
+            findings.push_back(error("not-executable",
+                                     std::string(path) +
+                                         " is on a file system mounted with noexec, "
+                                         "so it cannot be loaded",
+                                     std::string("mount -o remount,exec ") + path));
+        }
+    }
+    return findings;
+}
+
+Findings checkClock(const Surroundings& around)
+{
+    if (around.now >= kStartOf2024) {
+        return {};
+    }
+    return {
+        warning("clock-wrong",
+                "the clock is before 2024: no server's certificate is valid then, and nothing is "
+                "downloaded",
+                "set the clock: timedatectl set-time \"YYYY-MM-DD hh:mm:ss\"")};
+}
+
+Findings judgeUnit(const std::string& properties)
+{
+    std::map<std::string, std::string> values;
+    std::istringstream lines(properties);
+    for (std::string line; std::getline(lines, line);) {
+        const std::size_t end = line.find('=');
+        if (end != std::string::npos) {
+            values[line.substr(0, end)] = line.substr(end + 1);
+        }
+    }
+    if (values["ActiveState"] != "failed") {
+        return {};
+    }
+    // systemd mostly leaves the reason of the last end there when it gives up.
+    const long restarts = std::strtol(values["NRestarts"].c_str(), nullptr, 10);
+    const long most = std::strtol(values["StartLimitBurst"].c_str(), nullptr, 10);
+    if (values["Result"] == "start-limit-hit" || (most > 0 && restarts >= most)) {
+        return {
+            error("start-limit",
+                  "systemd starts the service no more, since it failed too often (" +
+                      values["Result"] + ")",
+                  "see to the other findings, then run: systemctl reset-failed quillon; systemctl "
+                  "start quillon")};
+    }
+    return {error("unit-failed", "the unit has failed (" + values["Result"] + ")",
+                  "journalctl -b -u quillon tells why, then: systemctl restart quillon")};
+}
+
+Findings checkUnit(const Surroundings& /*around*/)
+{
+    std::string first;
+    std::ifstream("/proc/1/comm") >> first;
+    if (first != "systemd") {
+        return {};
+    }
+    ProgramCall call;
+    call.path = kSystemctl;
+    call.words = {"systemctl", "show", "quillon.service",
+                  "--property=ActiveState,Result,NRestarts,StartLimitBurst"};
+    call.outputLimit = kMostOutput;
+    call.longest = kLongestSystemctl;
+    SecretBytes output;
+    const ProgramEnd end = runPiped(call, {}, output);
+    if (!end.failure.empty()) {
+        return {note("not-checked", "not checked: the unit: " + end.failure,
+                     "systemctl status quillon")};
+    }
+    return judgeUnit({output.begin(), output.end()});
+}
+
+}  // namespace quillon::doctor

@@ -1,0 +1,217 @@
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <system_error>
+
+#include "helpers/lifecycle/trusted-places.h"
+#include "src/support/paths.h"
+#include "tools/quillonctl/doctor/checks.h"
+#include "tools/quillonctl/recorded-run.h"
+#include "tools/quillonctl/services-user.h"
+
+namespace quillon::doctor {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kMostLooks = 10000;
+
+std::string remedyAgainst(const std::string& module)
+{
+    return "take " + module + ".so out of " + paths::kModules +
+           " or mend it, then run: systemctl restart quillon";
+}
+
+bool isCutOff(const RecordedRun& record)
+{
+    return !record.result && hasServiceEnded(record);
+}
+
+/// @return empty when it was at no module
+std::string moduleAtWork(const RecordedRun& record)
+{
+    const RecordedModule* module = record.present();
+    return module != nullptr ? module->name : "";
+}
+
+Finding moduleEndedStart(Severity severity, const std::string& module, const char* which)
+{
+    return {severity, "module-ended-start",
+            "the module " + module + " took the service down while it was loaded, at the " + which,
+            remedyAgainst(module)};
+}
+
+/// @return whether there is an image of any module in the directory. One with very many files is
+/// not
+///         looked through.
+bool hasImages(const std::string& directory)
+{
+    std::error_code failure;
+    int looks = 0;
+    for (fs::directory_iterator entry(directory, failure), end; !failure && entry != end;
+         entry.increment(failure)) {
+        if (++looks > kMostLooks || entry->path().extension() == ".bin") {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+Findings checkModules(const Surroundings& around)
+{
+    std::error_code failure;
+    fs::directory_iterator entry(paths::kModules, failure);
+    if (failure == std::errc::permission_denied && !around.isRoot) {
+        return {notChecked(std::string("the modules in ") + paths::kModules)};
+    }
+    const auto directory = statusOf(paths::kModules);
+    if (failure || !directory) {
+        return {error("modules-unreadable",
+                      std::string(paths::kModules) + " cannot be read: " + failure.message(),
+                      std::string("install -d -m 755 ") + paths::kModules)};
+    }
+    if (!mayServiceUse(around, *directory, R_OK | X_OK)) {
+        return {error("modules-unreadable",
+                      nameOfUser(around.servicesUser) + " cannot read " + paths::kModules,
+                      std::string("chmod 755 ") + paths::kModules)};
+    }
+    Findings findings;
+    bool hasModule = false;
+    for (; !failure && entry != fs::directory_iterator(); entry.increment(failure)) {
+        const fs::path path = entry->path();
+        if (path.extension() != ".so") {
+            continue;
+        }
+        hasModule = true;
+        struct stat status = {};
+        if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode) ||
+            !mayServiceUse(around, status, R_OK)) {
+            findings.push_back(error(
+                "module-unreadable",
+                path.string() + " is no file that " + nameOfUser(around.servicesUser) + " can read",
+                "chmod 755 " + unit::quoted(path) + ", or remove it"));
+        }
+    }
+    if (!hasModule) {
+        findings.push_back(warning("modules-none",
+                                   std::string("there is no module *.so in ") + paths::kModules +
+                                       ": there is nothing to update",
+                                   "install the device's modules there"));
+    }
+    return findings;
+}
+
+Findings checkStarts(const Surroundings& /*around*/)
+{
+    const std::optional<RecordedRun> start = readRecordedRun("start");
+    if (!start) {
+        return {};
+    }
+    if (isCutOff(*start)) {
+        if (const std::string module = moduleAtWork(*start); !module.empty()) {
+            return {moduleEndedStart(Severity::kError, module, "last start")};
+        }
+        return {error("start-cut-off",
+                      "the service ended at its last start, before it took commands",
+                      "journalctl -b -u quillon tells why, then: systemctl restart quillon")};
+    }
+    Findings findings;
+    const std::optional<RecordedRun> earlier = readRecordedRun("earlier-start");
+    const std::string culprit = earlier && isCutOff(*earlier) ? moduleAtWork(*earlier) : "";
+    if (!culprit.empty()) {
+        findings.push_back(moduleEndedStart(Severity::kWarning, culprit, "start before the last"));
+    }
+    for (const RecordedModule& module : start->modules) {
+        if (module.finding && module.finding->result != 0) {
+            findings.push_back(warning("module-refused",
+                                       "the service does without the module " + module.name + ": " +
+                                           phraseOf(*module.finding),
+                                       remedyAgainst(module.name)));
+        }
+    }
+    return findings;
+}
+
+Findings checkRuns(const Surroundings& /*around*/)
+{
+    Findings findings;
+    const std::optional<RecordedRun> update = readRecordedRun("update");
+    if (update && isCutOff(*update)) {
+        const std::string module = moduleAtWork(*update);
+        findings.push_back(error(
+            "update-cut-off",
+            "the service ended during the update" + (module.empty() ? "" : " of " + module) +
+                " from " + update->directory + ": the component may hold an incomplete firmware",
+            "leave the device switched on and repeat the update from that stick: "
+            "quillonctl update DIR"));
+    }
+    const std::optional<RecordedRun> look = readRecordedRun("estimate");
+    if (look && isCutOff(*look)) {
+        const std::string module = moduleAtWork(*look);
+        findings.push_back(
+            warning("estimate-cut-off",
+                    "the service ended while it looked at " + look->directory +
+                        (module.empty() ? "" : ", at the module " + module),
+                    "journalctl -b -u quillon tells why; repeat it: quillonctl check DIR"));
+    }
+    return findings;
+}
+
+Findings checkMarks(const Surroundings& around)
+{
+    const std::optional<RecordedRun> look = readRecordedRun("estimate");
+    if (!look || !look->result || around.service != look->service || hasImages(look->directory)) {
+        return {};
+    }
+    std::string marked;
+    for (const RecordedModule& module : look->modules) {
+        if (module.finding && module.finding->result == 1) {
+            marked += (marked.empty() ? "" : ", ") + module.name;
+        }
+    }
+    if (marked.empty()) {
+        return {};
+    }
+    return {
+        warning("marks-stale",
+                "modules are still marked for the images in " + look->directory +
+                    ", which are gone, so an update without these modules fails: " + marked,
+                "plug that stick in and run: quillonctl check DIR; or: systemctl restart quillon")};
+}
+
+Findings checkPackages(const Surroundings& /*around*/)
+{
+    constexpr int kFieldOfPlace = 5;
+    std::set<std::string> mounted;
+    std::ifstream mounts("/proc/self/mountinfo");
+    for (std::string line; std::getline(mounts, line);) {
+        std::istringstream words(line);
+        std::string place;
+        for (int i = 0; i < kFieldOfPlace; ++i) {
+            words >> place;
+        }
+        if (place.rfind(paths::kMountedPackages, 0) == 0) {
+            mounted.insert(place);
+        }
+    }
+    if (mounted.empty() || isProgramRunning("quillonctl")) {
+        return {};
+    }
+    Findings findings;
+    for (const std::string& place : mounted) {
+        findings.push_back(warning(
+            "package-mounted", place + " is still mounted, and no quillonctl is at work",
+            "umount " + unit::quoted(place) + ", as root, unless another control layer uses it"));
+    }
+    return findings;
+}
+
+}  // namespace quillon::doctor

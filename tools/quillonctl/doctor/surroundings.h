@@ -1,0 +1,49 @@
+/// What all checks want to know of the device and of who asks.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <ctime>
+#include <optional>
+#include <string>
+
+#include "tools/quillonctl/doctor/finding.h"
+
+namespace quillon::doctor {
+
+/// A device's own platform may keep its key elsewhere, and raise events in another way.
+#ifdef QUILLON_STORAGE_SOCKET
+constexpr bool kHasStockPlatform = true;
+#else
+constexpr bool kHasStockPlatform = false;
+#endif
+
+struct Surroundings
+{
+    bool isRoot = false;
+    uid_t servicesUser = 0;
+    std::optional<pid_t> service;  ///< the running service
+    bool seesProcesses = true;     ///< false: the service may run unseen
+    std::time_t now = 0;
+
+    /// Nothing is known of a service that cannot be seen.
+    bool isServiceGone() const { return !service && seesProcesses; }
+};
+
+Surroundings lookAround();
+
+/// @return whether another process of root's or of the service's user has this name
+bool isProgramRunning(const std::string& name);
+
+/// lstat; nothing when there is nothing, or it cannot be seen.
+std::optional<struct stat> statusOf(const std::string& path);
+
+/// Whether neither root nor the service has made it.
+bool isStrangers(const struct stat& status);
+
+/// Whether the service's user has these rights by owner, group and mode.
+/// @param rights  of R_OK, W_OK, X_OK
+bool mayServiceUse(const Surroundings& around, const struct stat& status, unsigned rights);
+
+}  // namespace quillon::doctor
