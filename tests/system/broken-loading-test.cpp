@@ -28,7 +28,7 @@ TEST_F(BrokenLoading, IsListedWithTheReasonBesideTheOtherModules)
     EXPECT_EQ(of("gamma", list)["reason"], "an exception was raised: broken");
     EXPECT_EQ(of("beta", json({"check", "--source", "system"}))["decision"], "needed");
     EXPECT_EQ(json({"version", "beta"})["version"], "1.0");
-    EXPECT_EQ(callsOfModule("alpha"), std::vector<std::string>(3, "load()"));
+    EXPECT_EQ(callsOfModule("alpha"), std::vector<std::string>(2, "load()")) << "list and check";
 }
 
 TEST_F(BrokenLoading, KeepsUpdatesFromBeginningAndSaysHowToMendThat)

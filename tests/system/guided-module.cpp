@@ -9,6 +9,10 @@
 //   crash-in-ENTRY   crashes
 //   throw-in-ENTRY   raises an exception
 //   fault-in-ENTRY   writes where nothing is
+//   fault-beside-in-ENTRY  starts a thread, which does so once there is a file /tmp/quillon-test-go
+//   go-in-ENTRY      makes that file
+//   noise-in-ENTRY   prints a line
+//   long-in-getActiveVersion  tells a version of 5 MB
 //   overflow-in-ENTRY  overflows its stack
 //   fork-in-ENTRY    forks a process, which exits
 //   fork-at-once-in-ENTRY  forks a process, which exits by _exit
@@ -86,6 +90,14 @@ void waitToGoOn()
     while (::access("/tmp/quillon-test-go", F_OK) != 0) {
         ::usleep(1000);
     }
+}
+
+bool g_isLong = false;
+
+void fault()
+{
+    volatile int* volatile nowhere = nullptr;
+    *nowhere = 1;
 }
 
 int overflow(volatile int* caller)
@@ -184,8 +196,22 @@ void act(const std::string& word, const std::string& moment)
         throw std::runtime_error("broken");
     }
     if (is("fault")) {
-        volatile int* volatile nowhere = nullptr;
-        *nowhere = 1;
+        fault();
+    }
+    if (is("fault-beside")) {
+        std::thread([] {
+            waitToGoOn();
+            fault();
+        }).detach();
+    }
+    if (is("go")) {
+        std::ofstream("/tmp/quillon-test-go");
+    }
+    if (is("noise")) {
+        std::printf("noise of %s\n", ownName().c_str());
+    }
+    if (is("long")) {
+        g_isLong = true;
     }
     if (is("crash")) {
         std::abort();
@@ -245,13 +271,18 @@ ENTRY int setContext(const char* /*libraryName*/, CallerTypes /*caller*/, char* 
 
 ENTRY int getEMPID(char* buffer)
 {
+    actAt("getEMPID");
     std::strcpy(buffer, (ownName() + "emp").c_str());
     return 0;
 }
 
 ENTRY int getActiveVersion(char* buffer)
 {
+    actAt("getActiveVersion");
     std::strcpy(buffer, "1.0");
+    if (g_isLong) {
+        std::memset(buffer, 'x', 5'000'000);
+    }
     return 0;
 }
 

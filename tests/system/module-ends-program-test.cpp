@@ -32,12 +32,11 @@ TEST_F(ModuleEndsProgram, ByExitInAnUpdateExitsWith6AndLeavesNothingLocked)
 TEST_F(ModuleEndsProgram, ByExitElsewhereExitsWith11AndNamesTheModule)
 {
     install("beta");
-    installGuided("alpha", "exit-in-checkVersion");
-    EXPECT_EQ(json({"check", "--source", "system"}, 11)["text"],
-              "the module alpha has ended the program");
-
-    installGuided("alpha", "exit-in-setContext");
-    EXPECT_EQ(json({"list"}, 11)["text"], "the module alpha has ended the program");
+    for (const std::string entry : {"setContext", "getUpdateProgress"}) {
+        installGuided("alpha", "exit-in-" + entry);
+        EXPECT_EQ(json({"progress", "alpha"}, 11)["text"], "the module alpha has ended the program")
+            << entry;
+    }
 }
 
 TEST_F(ModuleEndsProgram, AtOnceAsByExit)
@@ -50,7 +49,8 @@ TEST_F(ModuleEndsProgram, AtOnceAsByExit)
 
         for (const std::string moment : {"-in-load", "-in-setContext"}) {
             installGuided("alpha", way + moment);
-            EXPECT_EQ(json({"list"}, 11)["text"], "the module alpha has ended the program")
+            EXPECT_EQ(json({"progress", "alpha"}, 11)["text"],
+                      "the module alpha has ended the program")
                 << way << moment;
         }
     }
@@ -112,6 +112,7 @@ TEST_F(ModuleEndsProgram, NotByKeepingItFromEnding)
 {
     installGuided("alpha", "linger-in-load");
 
+    EXPECT_EQ(json({"progress", "alpha"}, 12)["event"], "error");
     EXPECT_EQ(json({"list"})["modules"].size(), 1U);
     EXPECT_EQ(json({"check", "--source", "usb"}, 7)["event"], "modules-check");
 }

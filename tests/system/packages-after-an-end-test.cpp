@@ -99,6 +99,25 @@ TEST_F(PackagesAfterAnEnd, ByAnInterruptionOfABlockedCheckAreNotMounted)
     }
 }
 
+TEST_F(PackagesAfterAnEnd, OfAModuleThatBreaksDownInACheckAreNotMounted)
+{
+    addModule("alpha", "");
+    addModule("beta", "need=1\n");
+    for (const std::string effect : {"crash", "exit", "hang"}) {
+        if (effect == "crash" && QUILLON_SANITIZED != 0) {
+            continue;  // a sanitizer takes this crash itself
+        }
+        writeFile("/etc/quillon-test/alpha.conf", "need=1\ncheckVersion.effect=" + effect + "\n");
+
+        const Json::Value document = modulesDocument({"check", "--timeout", "3"});
+
+        EXPECT_EQ(moduleIn(document, "alpha")["decision"], "unusable") << effect;
+        EXPECT_EQ(moduleIn(document, "beta")["decision"], "needed") << effect;
+        expectTexts(mountedPackages(), {});
+        EXPECT_EQ(readAll(kUpdateList), "beta betaemp\n");
+    }
+}
+
 TEST_F(PackagesAfterAnEnd, ByAnInterruptionWhenTheUpdateIsOverAreNotMounted)
 {
     addModule("alpha", "hang-in-allUpdateDone", GUIDED_MODULE);

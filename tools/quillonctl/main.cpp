@@ -83,7 +83,7 @@ void addOptions(CLI::App& app, Arguments& arguments)
     app.add_flag("--quiet", arguments.quiet, "Say nothing but errors")->excludes(json);
     app.add_option("--timeout", arguments.timeout,
                    "Wait at most this long for each reply (default: 600 for the estimate and the "
-                   "start, otherwise 5)")
+                   "start, otherwise 5; of modules 600 for a check, otherwise 10)")
         ->check(checkTimeout)
         ->option_text("SECONDS");
 }
@@ -205,13 +205,23 @@ ExitCode runServiceVerb(const std::string& verb, const Arguments& arguments)
     endAtOnce(reported);
 }
 
+ModuleTimes moduleTimes(const Arguments& arguments)
+{
+    ModuleTimes times;
+    if (arguments.timeout > 0) {
+        times.query = std::chrono::milliseconds(static_cast<long>(arguments.timeout * 1000));
+        times.check = times.query;
+    }
+    return times;
+}
+
 /// Ends the process by itself when a plug-in is still at an update that has been given up.
 ExitCode runModuleVerb(const std::string& verb, const Arguments& arguments)
 {
     const bool redraw = canRedraw();
     Output output(arguments.json, arguments.quiet, redraw);
     ModuleReport report(output, !redraw);
-    ModuleVerbs verbs(report, std::chrono::milliseconds(250));
+    ModuleVerbs verbs(report, std::chrono::milliseconds(250), moduleTimes(arguments));
     const ModuleSource& source = *findModuleSource(arguments.source);
     const std::string& name = arguments.module;
     const std::map<std::string, std::function<ExitCode()>> run = {

@@ -17,12 +17,10 @@
 #include <thread>
 #include <utility>
 
-#include "base/handles.h"
 #include "base/signals-blocked.h"
-#include "src/src/fw-update-symbol-manager.h"
-#include "src/support/paths.h"
 #include "tools/quillonctl/exit-codes.h"
 #include "tools/quillonctl/modules/interruption.h"
+#include "tools/quillonctl/modules/module-events.h"
 #include "tools/quillonctl/modules/update-slot.h"
 #include "tools/quillonctl/signals.h"
 
@@ -40,6 +38,7 @@ constexpr std::array<int, 7> kCrashes = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABR
 constexpr std::size_t kAlternateStackSize = 65536;
 
 std::function<void(const std::string&)> g_onEnd;
+void (*g_onCrash)(int signal, const char* libName) = nullptr;
 enum class End {
     kNone,
     kBeingTold,  ///< a module has brought it about
@@ -64,16 +63,21 @@ _Unwind_Reason_Code lookAtCaller(_Unwind_Context* context, void* found)
     if (dladdr(address, &info) == 0 || info.dli_fname == nullptr) {
         return _URC_NO_REASON;
     }
-    for (const FWUpdateSymbol& module : FWUpdateSymbolManager::getInstance()->modules()) {
-        // The registry loads a module by its resolved path.
-        const std::string file = paths::kModules + module.getLibName() + ".so";
-        const UniqueMemory<char> path(realpath(file.c_str(), nullptr));
-        if (path && std::strcmp(path.get(), info.dli_fname) == 0) {
-            *static_cast<std::string*>(found) = "the module " + module.getLibName();
-            return _URC_END_OF_STACK;
-        }
+    const char* module = ModuleEvents::instance().moduleOf(info.dli_fname);
+    if (module == nullptr) {
+        return _URC_NO_REASON;
     }
-    return _URC_NO_REASON;
+    *static_cast<const char**>(found) = module;
+    return _URC_END_OF_STACK;
+}
+
+/// The module that has brought this thread here, or empty. Takes no memory, which may be locked or
+/// broken after a crash.
+const char* moduleOnStack()
+{
+    const char* module = "";
+    _Unwind_Backtrace(lookAtCaller, &module);
+    return module;
 }
 
 void say(const char* text)
@@ -109,9 +113,7 @@ void onForeignEnd()
     }
     sem_post(&g_ending);
     static_cast<void>(UpdateSlot::instance().giveBack());
-    std::string who = "a module";
-    _Unwind_Backtrace(lookAtCaller, &who);
-    g_onEnd(who);
+    g_onEnd(moduleOnStack());
 }
 
 /// The system calls each of these once, so there is always one more: a second thread that exits
@@ -132,7 +134,7 @@ bool isFromOutside(const siginfo_t& info)
     return isSent && info.si_pid != g_process;
 }
 
-void onCrash(int signal, siginfo_t* info, void* /*context*/)
+void crashed(int signal, siginfo_t* info, void* /*context*/)
 {
     if (getpid() == g_process) {
         if (isFromOutside(*info) && holdsOffSignals()) {
@@ -143,6 +145,10 @@ void onCrash(int signal, siginfo_t* info, void* /*context*/)
         }
     }
     onSignal(signal, SIG_DFL);
+    if (getpid() == g_process && g_onCrash != nullptr) {
+        g_onCrash(signal, "");
+        g_onCrash(signal, moduleOnStack());
+    }
     static_cast<void>(raise(signal));
 }
 
@@ -204,8 +210,10 @@ private:
 
 }  // namespace
 
-void watchForForeignEnd(std::function<void(const std::string& who)> onEnd)
+void watchForForeignEnd(std::function<void(const std::string& libName)> onEnd,
+                        void (*onCrash)(int signal, const char* libName))
 {
+    g_onCrash = onCrash;
     g_process = getpid();
     g_onEnd = std::move(onEnd);
     UpdateSlot::instance();  // must not be destroyed before the end has been looked at
@@ -224,7 +232,7 @@ void watchForForeignEnd(std::function<void(const std::string& who)> onEnd)
             continue;
         }
         struct sigaction action = {};
-        action.sa_sigaction = onCrash;
+        action.sa_sigaction = crashed;
         action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER | SA_RESTART;
         sigaction(signal, &action, nullptr);
     }

@@ -15,8 +15,11 @@ namespace quillon {
 ///
 /// To be called once, after the registry's only object was made and before a module is loaded.
 /// Throws std::system_error when no thread can be started.
-/// @param onEnd  gets who it was: "the module tuner", or "a module" when that cannot be told
-void watchForForeignEnd(std::function<void(const std::string& who)> onEnd);
+/// @param onEnd    gets which module it was, empty when that cannot be told
+/// @param onCrash  called in the signal's handler, before it is known which module it was, with an
+///                 empty name, and once more with what could be told; null for nobody
+void watchForForeignEnd(std::function<void(const std::string& libName)> onEnd,
+                        void (*onCrash)(int signal, const char* libName) = nullptr);
 
 /// What ends the process from now on is the program's own; where a module keeps it from ending, it
 /// ends with that code five seconds later. Does not return when a module is ending it already.

@@ -193,6 +193,12 @@ void watchForRequests(std::function<void()> abandon)
     }
 }
 
+Failure noThread(const std::system_error& error)
+{
+    return {kExitSystem, "no thread can be started: " + error.code().message() +
+                             "; end other programs of this user or raise its limit"};
+}
+
 bool& runningFlag()
 {
     return g_running;

@@ -6,6 +6,9 @@
 #pragma once
 
 #include <functional>
+#include <system_error>
+
+#include "tools/quillonctl/exit-codes.h"
 
 namespace quillon {
 
@@ -15,9 +18,12 @@ namespace quillon {
 /// takeOverTheEnd(). Further requests change nothing, but for one during those five seconds of the
 /// main thread, which ends the process at once.
 ///
-/// Throws std::system_error when no thread can be started.
+/// Throws std::system_error when no thread can be started, see noThread().
 /// @param abandon  tidies up before such an end; runs on a thread of its own
 void watchForRequests(std::function<void()> abandon);
+
+/// What a verb ends with then.
+Failure noThread(const std::system_error& error);
 
 /// The flag, true until then, in the shape that the registry takes it.
 bool& runningFlag();

@@ -1,12 +1,14 @@
 #include "tools/quillonctl/modules/module-check.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <optional>
 #include <set>
 #include <sstream>
 
 #include "base/regular-file.h"
+#include "src/src/fw-update-mount-manager.h"
 #include "src/support/paths.h"
 #include "tools/quillonctl/modules/interruption.h"
 #include "tools/quillonctl/modules/module-events.h"
@@ -67,10 +69,10 @@ std::vector<ModuleCheck> checkOneByOne(const ModuleSource& source)
 }
 
 /// Also true when that cannot be told: descriptors may be used up.
-bool isPackageMounted(const FWUpdateSymbol& module)
+bool isPackageMounted(const std::string& identifier)
 {
     // A package's name is letters and digits, so nothing of it is escaped in the table.
-    const std::string mountPoint = paths::kMountedPackages + module.getEMPName();
+    const std::string mountPoint = paths::kMountedPackages + identifier;
     std::ifstream table(paths::kMountTable);
     for (std::string line; std::getline(table, line);) {
         std::istringstream words(line);
@@ -81,6 +83,29 @@ bool isPackageMounted(const FWUpdateSymbol& module)
         }
     }
     return !table.is_open() || table.bad();
+}
+
+constexpr std::size_t kColumns = 8;
+
+ModuleChild::Row rowOf(const ModuleCheck& check)
+{
+    return {check.name,
+            std::to_string(static_cast<int>(check.decision)),
+            check.running,
+            check.offered,
+            std::to_string(check.seconds),
+            check.reason,
+            check.problem.code,
+            check.problem.text};
+}
+
+ModuleCheck checkOf(const ModuleChild::Row& row)
+{
+    constexpr int kLast = static_cast<int>(Decision::kUnusable);
+    const int decision = std::clamp(std::atoi(row[1].c_str()), 0, kLast);
+    const auto seconds = static_cast<std::uint32_t>(std::strtoul(row[4].c_str(), nullptr, 10));
+    return {row[0],          static_cast<Decision>(decision), row[2], row[3], seconds, row[5],
+            {row[6], row[7]}};
 }
 
 }  // namespace
@@ -160,6 +185,30 @@ std::vector<ModuleCheck> checkModules(const ModuleSource& source)
     return checks;
 }
 
+std::vector<ModuleCheck> checkModulesApart(ModuleChild& child, const ModuleSource& source)
+{
+    const ModuleChild::Rows rows = child.run(kColumns, [&] {
+        openRegistry();
+        ModuleChild::Rows checked;
+        try {
+            for (const ModuleCheck& check : checkModules(source)) {
+                checked.push_back(rowOf(check));
+            }
+        } catch (const Failure&) {
+            releasePackages(source);
+            throw;
+        }
+        releasePackages(source);
+        return checked;
+    });
+    std::vector<ModuleCheck> checks;
+    for (const ModuleChild::Row& row : rows) {
+        checks.push_back(checkOf(row));
+        child.correct(checks.back());
+    }
+    return checks;
+}
+
 bool isNoneUsable(const std::vector<ModuleCheck>& checks)
 {
     return !checks.empty() &&
@@ -170,7 +219,7 @@ bool isNoneUsable(const std::vector<ModuleCheck>& checks)
 
 bool releasePackage(FWUpdateSymbol& module)
 {
-    return !isPackageMounted(module) || module.unmountEMPImage();
+    return !isPackageMounted(module.getEMPName()) || module.unmountEMPImage();
 }
 
 void releasePackages(const ModuleSource& source)
@@ -181,6 +230,15 @@ void releasePackages(const ModuleSource& source)
     for (FWUpdateSymbol& module : allModules()) {
         if (kindOf(module) == ModuleKind::kFirmware) {
             releasePackage(module);
+        }
+    }
+}
+
+void releasePackages(const std::set<std::string>& identifiers)
+{
+    for (const std::string& identifier : identifiers) {
+        if (isPackageMounted(identifier)) {
+            FWMountManager::getInstance()->UMount(paths::kMountedPackages + identifier);
         }
     }
 }

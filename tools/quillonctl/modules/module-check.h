@@ -2,9 +2,11 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "tools/quillonctl/modules/module-child.h"
 #include "tools/quillonctl/modules/module-registry.h"
 #include "tools/quillonctl/modules/module-source.h"
 
@@ -27,6 +29,7 @@ struct ModuleCheck
     std::string offered;        ///< empty when there is none
     std::uint32_t seconds = 0;  ///< expected duration, of one that needs an update
     std::string reason;         ///< of all but kNeeded and kUpToDate, a phrase
+    ModuleProblem problem;      ///< its text is what is wrong beside the reason
 };
 
 /// Asks every module, and leaves the marks that a run goes by. For packages the update list is
@@ -35,6 +38,11 @@ struct ModuleCheck
 /// @return one for each module, in the registry's order. Throws Failure when the program is asked
 ///         to end, and when the update list cannot be published.
 std::vector<ModuleCheck> checkModules(const ModuleSource& source);
+
+/// As checkModules in a child of this process, which releases the packages again. A module that
+/// crashes, ends the child or does not answer in time is unusable.
+/// @param child  a new one; knows afterwards what may still be mounted
+std::vector<ModuleCheck> checkModulesApart(ModuleChild& child, const ModuleSource& source);
 
 /// What the latest check of this module came to.
 ModuleCheck describeCheck(FWUpdateSymbol& module, const ModuleSource& source);
@@ -48,5 +56,7 @@ bool releasePackage(FWUpdateSymbol& module);
 
 /// Unmounts what checks have mounted.
 void releasePackages(const ModuleSource& source);
+/// @param identifiers  of packages
+void releasePackages(const std::set<std::string>& identifiers);
 
 }  // namespace quillon

@@ -1,5 +1,6 @@
 #include "tools/quillonctl/modules/module-events.h"
 
+#include <string_view>
 #include <utility>
 
 #include "tools/quillonctl/modules/foreign-end.h"
@@ -23,13 +24,21 @@ void ModuleEvents::hear(const ModuleNews& news)
         bearStackOverflow();  // on the thread that updates
         updateStarted();
     }
+    if (news.event == ModuleEvent::kLoading || news.event == ModuleEvent::kChecking) {
+        isAt(news.libName,
+             news.event == ModuleEvent::kLoading ? ModuleStep::kLoading : ModuleStep::kChecking);
+    } else if (news.event == ModuleEvent::kLoaded || news.event == ModuleEvent::kDecided) {
+        isAt("", ModuleStep::kNone);
+    }
     const ModuleFinding finding{news.result, news.reason, news.detail};
     const std::lock_guard<std::mutex> lock(mutex_);
     ModuleHistory& module = modules_[news.libName];
     switch (news.event) {
         case ModuleEvent::kLoading:
+            loading_ = news.libName;
             break;
         case ModuleEvent::kLoaded:
+            loading_.clear();
             module.loading = finding;
             module.locksLoader = !loadingRaised_.empty();
             if (module.locksLoader) {
@@ -66,10 +75,32 @@ void ModuleEvents::hear(const ModuleNews& news)
     }
 }
 
+void ModuleEvents::isAt(const std::string& libName, ModuleStep step) const
+{
+    if (onStep_) {
+        onStep_(libName, step);
+    }
+}
+
 void ModuleEvents::loadingRaised(const std::string& what)
 {
     const std::lock_guard<std::mutex> lock(mutex_);
     loadingRaised_ = what;
+}
+
+bool ModuleEvents::mayLoad(const char* file)
+{
+    if (loading_.empty()) {
+        return true;
+    }
+    files_.emplace(file, loading_);
+    return leftOut_.count(loading_) == 0;
+}
+
+const char* ModuleEvents::moduleOf(const char* file) const
+{
+    const auto found = files_.find(std::string_view(file));
+    return found != files_.end() ? found->second.c_str() : nullptr;
 }
 
 ModuleHistory ModuleEvents::of(const std::string& libName) const

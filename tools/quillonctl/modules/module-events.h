@@ -3,10 +3,13 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
+#include <utility>
 
 #include "src/support/module-observer.h"
 #include "tools/quillonctl/module-finding.h"
@@ -33,6 +36,9 @@ struct ModuleHistory
     bool isUpdating() const { return run && !run->end; }
 };
 
+/// What a module is being asked.
+enum class ModuleStep { kNone, kLoading, kVersion, kChecking };
+
 /// Thread: any.
 class ModuleEvents final : public ModuleObserver
 {
@@ -47,6 +53,25 @@ public:
     /// @param what  a phrase
     void loadingRaised(const std::string& what);
 
+    /// @name Before modules are loaded, for those who look after this process
+    /// @{
+    using OnStep = std::function<void(const std::string& libName, ModuleStep step)>;
+    /// Has somebody told of every step, on the thread that asks, before the module is asked; and of
+    /// kNone without a name after it. Updates have no steps.
+    void follow(OnStep onStep) { onStep_ = std::move(onStep); }
+    /// The module will not be loaded, and counts as not loadable.
+    void leaveOut(const std::string& libName) { leftOut_.insert(libName); }
+    /// @}
+
+    void isAt(const std::string& libName, ModuleStep step) const;
+    /// A library is about to be loaded from that file.
+    /// @return false when it is that of a module to be left out
+    bool mayLoad(const char* file);
+    /// Safe in a signal handler.
+    /// @param file  as the dynamic linker was given it
+    /// @return null when no module has been loaded from there
+    const char* moduleOf(const char* file) const;
+
     ModuleHistory of(const std::string& libName) const;
 
     /// Waits until the module's update is over, if one is running, but not beyond `end`.
@@ -58,6 +83,10 @@ private:
     mutable std::mutex mutex_;
     mutable std::condition_variable hasEnded_;
     std::map<std::string, ModuleHistory> modules_;
+    OnStep onStep_;
+    std::set<std::string> leftOut_;
+    std::map<std::string, std::string, std::less<>> files_;
+    std::string loading_;        // the module that is being loaded; empty: none
     std::string loadingRaised_;  // until the registry has told which module it was
 };
 

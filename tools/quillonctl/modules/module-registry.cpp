@@ -1,7 +1,10 @@
 #include "tools/quillonctl/modules/module-registry.h"
 
 #include <array>
+#include <filesystem>
+#include <system_error>
 
+#include "src/support/paths.h"
 #include "tools/quillonctl/modules/module-events.h"
 
 extern "C" {
@@ -11,10 +14,14 @@ void* __real_dlopen(const char* file, int mode);
 // time as if it were whole.
 __attribute__((used)) void* __wrap_dlopen(const char* file, int mode)
 {
+    quillon::ModuleEvents& events = quillon::ModuleEvents::instance();
+    if (!events.mayLoad(file)) {
+        return nullptr;
+    }
     void* library = nullptr;
     const std::string raised = quillon::raisedBy([&] { library = __real_dlopen(file, mode); });
     if (!raised.empty()) {
-        quillon::ModuleEvents::instance().loadingRaised(raised);
+        events.loadingRaised(raised);
     }
     return library;
 }
@@ -31,6 +38,7 @@ void loadTheRest(FWUpdateSymbolManager& manager)
     for (FWUpdateSymbol& module : manager.modules()) {
         const bool isRefused = ModuleEvents::instance().of(module.getLibName()).loading.result != 0;
         if (!isRefused && kindOf(module) == ModuleKind::kUnusable) {
+            tell(ModuleEvent::kLoading, module);
             const int result = resultOf([&] { return module.loadSymbol(module.getLibName()); });
             tell(ModuleEvent::kLoaded, module, result);
         }
@@ -47,16 +55,26 @@ ModuleKind kindOf(const FWUpdateSymbol& module)
     return module.isLoaded() ? ModuleKind::kFirmware : ModuleKind::kUnusable;
 }
 
-bool openRegistry()
+void openRegistry(const std::string& only)
 {
     ModuleEvents::instance();
     FWUpdateSymbolManager& manager = *FWUpdateSymbolManager::getInstance();
+    if (!only.empty() && access(paths::kModules, R_OK | X_OK) == 0) {
+        std::error_code error;
+        const std::filesystem::path file = only + ".so";
+        if (!file.has_parent_path() && exists(symlink_status(paths::kModules / file, error))) {
+            manager.modules().emplace_back(only);
+            loadTheRest(manager);
+        }
+        return;
+    }
     bool ready = false;
     if (!raisedBy([&] { ready = manager.getIsReady(false); }).empty()) {
         loadTheRest(manager);
-        return true;
+    } else if (!ready) {
+        throw Failure{kExitSystem,
+                      std::string("the module directory cannot be read: ") + paths::kModules};
     }
-    return ready;
 }
 
 std::string defectOf(const FWUpdateSymbol& module)
@@ -82,10 +100,12 @@ std::optional<std::string> runningVersion(const FWUpdateSymbol& module)
     Text version{};
     Text firmwareName{};
     int result = -1;
+    ModuleEvents::instance().isAt(module.getLibName(), ModuleStep::kVersion);
     const std::string raised = raisedBy([&] {
         result = FWUpdateSymbolManager::getInstance()->getFirmwareVersion(
             module.getLibName(), version.data(), firmwareName.data());
     });
+    ModuleEvents::instance().isAt("", ModuleStep::kNone);
     version.back() = '\0';
     if (!raised.empty() || result != 0) {
         return std::nullopt;

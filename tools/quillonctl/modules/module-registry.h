@@ -11,6 +11,7 @@
 
 #include "src/src/fw-update-symbol-manager.h"
 #include "src/support/module-observer.h"
+#include "tools/quillonctl/exit-codes.h"
 
 namespace quillon {
 
@@ -24,8 +25,17 @@ ModuleKind kindOf(const FWUpdateSymbol& module);
 
 /// Finds and loads the device's modules, process modules among them. One that raises an exception
 /// meanwhile counts as not loaded and keeps no other from being loaded.
-/// @return false when the module directory cannot be read
-bool openRegistry();
+///
+/// Throws Failure when the module directory cannot be read.
+/// @param only  the name of the only module to find; empty for all
+void openRegistry(const std::string& only = {});
+
+/// Something that is wrong with a module.
+struct ModuleProblem
+{
+    std::string code;  ///< a word for programs; empty: nothing
+    std::string text;  ///< a phrase for people
+};
 
 /// Why the module is unusable, a phrase: "it has no entry doUpdate" for instance.
 std::string defectOf(const FWUpdateSymbol& module);

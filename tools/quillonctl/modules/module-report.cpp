@@ -47,12 +47,18 @@ Json::Value known(const std::string& text)
     return text.empty() ? Json::Value() : cut(text, kLongestText);
 }
 
+std::string joined(const std::string& text, const std::string& more)
+{
+    return text.empty() || more.empty() ? text + more : text + "; " + more;
+}
+
 JsonMembers membersOf(const ModuleEntry& entry)
 {
     JsonMembers members = {{"name", entry.name},
                            {"kind", kKinds.at(entry.kind)},
                            {"running", known(entry.running)},
-                           {"reason", known(entry.reason)}};
+                           {"reason", known(joined(entry.reason, entry.problem.text))},
+                           {"problem", known(entry.problem.code)}};
     if (entry.kind == ModuleKind::kFirmware) {
         members["firmware"] = entry.firmwareName;
         members["package"] = entry.package;
@@ -69,7 +75,8 @@ JsonMembers membersOf(const ModuleCheck& check)
             {"running", known(check.running)},
             {"offered", known(check.offered)},
             {"seconds", isNeeded ? check.seconds : Json::Value()},
-            {"reason", known(check.reason)}};
+            {"reason", known(joined(check.reason, check.problem.text))},
+            {"problem", known(check.problem.code)}};
 }
 
 JsonMembers membersOf(const ModuleUpdate& update)
@@ -116,7 +123,7 @@ std::string describe(const ModuleEntry& entry)
         case ModuleKind::kUnusable:
             return "unusable: " + entry.reason;
         default:
-            return entry.hasPackage ? "package is here" : "no package";
+            return joined(entry.hasPackage ? "package is here" : "no package", entry.problem.text);
     }
 }
 
@@ -198,8 +205,8 @@ void ModuleReport::checked(const ModuleSource& source, const std::vector<ModuleC
     output_.event("modules-check", {{"source", source.name}, {"modules", arrayOf(checks)}});
     std::vector<TableRow> rows = {{"NAME", "RUNNING", "OFFERED", "STATE"}};
     for (const ModuleCheck& check : checks) {
-        rows.push_back(
-            {orDash(check.name), orDash(check.running), orDash(check.offered), describe(check)});
+        rows.push_back({orDash(check.name), orDash(check.running), orDash(check.offered),
+                        joined(describe(check), check.problem.text)});
     }
     table(rows);
     if (isNoneUsable(checks)) {

@@ -7,22 +7,12 @@
 #include <vector>
 
 #include "tools/quillonctl/modules/module-check.h"
+#include "tools/quillonctl/modules/module-probe.h"
 #include "tools/quillonctl/modules/slot-holders.h"
 #include "tools/quillonctl/output.h"
 #include "tools/quillonctl/text-table.h"
 
 namespace quillon {
-
-struct ModuleEntry
-{
-    std::string name;
-    ModuleKind kind = ModuleKind::kUnusable;
-    std::string running;       ///< empty when not known
-    std::string firmwareName;  ///< of a firmware module
-    std::string package;       ///< identifier of its package, of a firmware module
-    bool hasPackage = false;   ///< whether the package has been downloaded
-    std::string reason;        ///< why it is unusable
-};
 
 enum class Outcome {
     kUpdated,

@@ -31,23 +31,6 @@ FWUpdateSymbolManager& manager()
     return *FWUpdateSymbolManager::getInstance();
 }
 
-ModuleEntry entryOf(FWUpdateSymbol& module)
-{
-    ModuleEntry entry;
-    entry.name = module.getLibName();
-    entry.kind = kindOf(module);
-    entry.running = runningVersion(module).value_or("");
-    if (entry.kind == ModuleKind::kFirmware) {
-        entry.firmwareName = module.getFirmwareName();
-        entry.package = module.getEMPName();
-        entry.hasPackage = module.getIMGExists();
-    }
-    if (entry.kind == ModuleKind::kUnusable) {
-        entry.reason = defectOf(module);
-    }
-    return entry;
-}
-
 bool isAny(const std::vector<ModuleUpdate>& updates, Outcome outcome)
 {
     return std::any_of(updates.begin(), updates.end(),
@@ -84,6 +67,16 @@ ModuleUpdate notBegun(const FWUpdateSymbol& module)
     return {module.getLibName(), Outcome::kNotBegun, "", UpdateSlot::instance().trouble()};
 }
 
+Failure noModule(const std::string& name)
+{
+    return {kExitUnknownModule, "there is no module " + name};
+}
+
+Failure unusable(const std::string& name, const std::string& reason)
+{
+    return {kExitUnusableModule, "the module " + name + " is unusable: " + reason};
+}
+
 FWUpdateSymbol& usableModule(const std::string& name)
 {
     for (FWUpdateSymbol& module : manager().modules()) {
@@ -91,12 +84,11 @@ FWUpdateSymbol& usableModule(const std::string& name)
             continue;
         }
         if (kindOf(module) == ModuleKind::kUnusable) {
-            throw Failure{kExitUnusableModule,
-                          "the module " + name + " is unusable: " + defectOf(module)};
+            throw unusable(name, defectOf(module));
         }
         return module;
     }
-    throw Failure{kExitUnknownModule, "there is no module " + name};
+    throw noModule(name);
 }
 
 void endDownload(const std::string& /*identifier*/, int status, void* user)
@@ -203,8 +195,9 @@ void ModuleVerbs::abandonOnRequest()
 }
 
 /// On whichever thread the module has called exit.
-void ModuleVerbs::endBecauseOf(const std::string& who)
+void ModuleVerbs::endBecauseOf(const std::string& libName)
 {
+    const std::string who = libName.empty() ? "a module" : "the module " + libName;
     const ExitCode code = isUpdating_ ? kExitUpdateFailed : kExitUnusableModule;
     report_.error(code, who + " has ended the program");
     abandon();
@@ -220,27 +213,44 @@ void ModuleVerbs::open(bool isUpdate)
             keepKeyboardFromModules();
         }
         static_cast<void>(FWUpdateSymbolManager::getInstance());
-        watchForForeignEnd([this](const std::string& who) { endBecauseOf(who); });
+        watchForForeignEnd([this](const std::string& libName) { endBecauseOf(libName); });
     } catch (const std::system_error& error) {
-        throw Failure{kExitSystem, "no thread can be started: " + error.code().message() +
-                                       "; end other programs of this user or raise its limit"};
+        throw noThread(error);
     }
-    if (!openRegistry()) {
-        throw Failure{kExitSystem,
-                      std::string("the module directory cannot be read: ") + paths::kModules};
-    }
+    openRegistry();
     if (isInterrupted()) {
         throw UpdateSlot::instance().interruption();
     }
 }
 
+template <typename Work>
+auto ModuleVerbs::apart(Work work)
+{
+    struct Afterwards
+    {
+        RequestsHeld held;
+        ~Afterwards()
+        {
+            try {
+                watchForRequests([] {});
+            } catch (const std::system_error&) {
+                // A request then ends the program as it ends any other.
+            }
+        }
+    };
+    auto result = [&] {
+        const Afterwards afterwards;
+        return work();
+    }();
+    if (isInterrupted()) {
+        throw UpdateSlot::instance().interruption();
+    }
+    return result;
+}
+
 ExitCode ModuleVerbs::list()
 {
-    open();
-    std::vector<ModuleEntry> entries;
-    for (FWUpdateSymbol& module : manager().modules()) {
-        entries.push_back(entryOf(module));
-    }
+    const std::vector<ModuleEntry> entries = apart([&] { return probeModules(times_); });
     takeOverTheEnd();
     report_.modules(entries);
     return kExitSuccess;
@@ -259,11 +269,17 @@ std::vector<ModuleCheck> ModuleVerbs::checkAll(const ModuleSource& source)
 
 ExitCode ModuleVerbs::check(const ModuleSource& source)
 {
-    open();
-    source_ = &source;
-    const std::vector<ModuleCheck> checks = checkAll(source);
+    ModuleChild child(times_);
+    std::vector<ModuleCheck> checks;
+    try {
+        checks = apart([&] { return checkModulesApart(child, source); });
+    } catch (const Failure&) {
+        takeOverTheEnd();
+        releasePackages(child.packages());
+        throw;
+    }
     takeOverTheEnd();
-    releasePackages(source);
+    releasePackages(child.packages());
     report_.checked(source, checks);
     if (isNoneUsable(checks)) {
         return kExitUnusableModule;
@@ -489,12 +505,20 @@ ExitCode ModuleVerbs::unlock()
 
 ExitCode ModuleVerbs::version(const std::string& name)
 {
-    open();
-    FWUpdateSymbol& module = usableModule(name);
-    if (!runningVersion(module)) {
+    std::vector<ModuleEntry> entries;
+    if (!name.empty()) {
+        entries = apart([&] { return probeModules(times_, name); });
+    }
+    if (entries.empty()) {
+        throw noModule(name);
+    }
+    const ModuleEntry& entry = entries.front();
+    if (entry.kind == ModuleKind::kUnusable) {
+        throw unusable(name, entry.reason);
+    }
+    if (entry.running.empty()) {
         throw Failure{kExitNoAnswer, "the module " + name + " does not tell its version"};
     }
-    const ModuleEntry entry = entryOf(module);
     takeOverTheEnd();
     report_.version(entry);
     return kExitSuccess;

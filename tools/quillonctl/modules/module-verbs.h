@@ -14,14 +14,17 @@ namespace quillon {
 
 /// Each verb finds and loads the device's modules, says everything through the report, and returns
 /// what the program exits with. A broken module is shown as such and never ends a verb that others
-/// can go on without. Throws Failure.
+/// can go on without; list, check and version load the modules in a child. Throws Failure.
+/// Thread: the process must have no other one.
 class ModuleVerbs
 {
 public:
     /// @param report        must outlive this object
     /// @param pollInterval  how often a running update is looked at
-    ModuleVerbs(ModuleReport& report, std::chrono::milliseconds pollInterval)
-        : report_(report), pollInterval_(pollInterval)
+    /// @param times         of list, check and version
+    ModuleVerbs(ModuleReport& report, std::chrono::milliseconds pollInterval,
+                const ModuleTimes& times)
+        : report_(report), pollInterval_(pollInterval), times_(times)
     {
     }
 
@@ -44,10 +47,13 @@ private:
     /// request that comes meanwhile ends the verb.
     /// @param isUpdate  the keyboard's signals are kept from the modules
     void open(bool isUpdate = false);
+    /// Does work that loads modules in children only, and is then prepared for requests.
+    template <typename Work>
+    auto apart(Work work);
     /// Tidies up before an end that comes from another thread than the one that goes on here.
     void abandon();
     void abandonOnRequest();
-    [[noreturn]] void endBecauseOf(const std::string& who);
+    [[noreturn]] void endBecauseOf(const std::string& libName);
     void requireFreeLoader(const std::string& task);
     void prepareUpdates();
     std::vector<ModuleCheck> checkAll(const ModuleSource& source);
@@ -61,6 +67,7 @@ private:
 
     ModuleReport& report_;
     const std::chrono::milliseconds pollInterval_;
+    const ModuleTimes times_;
     std::atomic<const ModuleSource*> source_{nullptr};  ///< whose packages may be mounted
     std::atomic<bool> hasPowerLock_{false};
     std::atomic<bool> isUpdating_{false};

@@ -1,0 +1,255 @@
+// Modules that crash, hang or end the program while they are only looked at.
+
+#include <signal.h>
+
+#include <filesystem>
+
+#include "support/texts.h"
+#include "system/control-layer.h"
+
+namespace quillon::test {
+namespace {
+
+/// What is done with a module before it is listed, and how that is told.
+struct Moment
+{
+    const char* name;
+    const char* told;
+};
+constexpr Moment kMoments[] = {{"load", " while it was loaded"},
+                               {"setContext", " while it was loaded"},
+                               {"getEMPID", " while it was loaded"},
+                               {"getActiveVersion", " when it was asked for its version"}};
+constexpr const char* kChecked = " when it was asked whether it needs an update";
+
+class BrokenQueries : public ControlLayer
+{
+protected:
+    void SetUp() override
+    {
+        if (QUILLON_SANITIZED != 0) {
+            GTEST_SKIP() << "a sanitizer takes crashes itself";
+        }
+        installGuided("beta", "");
+    }
+
+    /// Lists the modules, in which beta must be whole.
+    static Json::Value list()
+    {
+        Json::Value modules = json({"list", "--timeout", "3"});
+        EXPECT_EQ(of("beta", modules)["kind"], "firmware");
+        EXPECT_EQ(of("beta", modules)["running"], "1.0");
+        return modules;
+    }
+    static void expectUnusable(const Json::Value& module, const std::string& problem,
+                               const std::string& reason)
+    {
+        EXPECT_EQ(module["kind"], "unusable");
+        EXPECT_EQ(module["problem"], problem);
+        EXPECT_EQ(module["reason"], reason);
+        EXPECT_FALSE(module.isMember("running"));
+    }
+    /// Checks the modules, of which beta must need an update.
+    static Json::Value check()
+    {
+        Json::Value checks = json({"check", "--source", "system", "--timeout", "3"});
+        EXPECT_EQ(of("beta", checks)["decision"], "needed");
+        return checks;
+    }
+};
+
+TEST_F(BrokenQueries, ThatCrashNameTheModuleAndListTheOthers)
+{
+    for (const Moment& moment : kMoments) {
+        installGuided("alpha", std::string("fault-in-") + moment.name);
+
+        expectUnusable(of("alpha", list()), "crashed",
+                       std::string("it crashed") + moment.told + " (SIGSEGV)");
+    }
+    installGuided("alpha", "crash-in-load");
+    expectText(runModules({"list"}).out,
+               like("*alpha  -        unusable: it crashed while it was loaded (SIGABRT)\n*"));
+}
+
+TEST_F(BrokenQueries, ThatSendASignalToTheProgramAreAsACrash)
+{
+    installGuided("alpha", "request-in-load");
+
+    expectUnusable(of("alpha", list()), "crashed", "it crashed while it was loaded (SIGTERM)");
+}
+
+TEST_F(BrokenQueries, ThatHangNameTheModuleAndListTheOthers)
+{
+    for (const Moment& moment : kMoments) {
+        installGuided("alpha", std::string("hang-in-") + moment.name);
+
+        expectUnusable(of("alpha", list()), "hung", std::string("it hung") + moment.told);
+    }
+}
+
+TEST_F(BrokenQueries, ThatEndTheProgramNameTheModuleAndListTheOthers)
+{
+    for (const Moment& moment : kMoments) {
+        for (const std::string way : {"exit", "_exit"}) {
+            installGuided("alpha", way + "-in-" + moment.name);
+
+            expectUnusable(of("alpha", list()), "ended",
+                           std::string("it ended the program") + moment.told);
+        }
+    }
+}
+
+TEST_F(BrokenQueries, OfSeveralModulesNameEachOfThem)
+{
+    installGuided("alpha", "fault-in-load");
+    installGuided("gamma", "hang-in-getActiveVersion");
+    installGuided("delta", "exit-in-getEMPID");
+    installGuided("EXT-tool", "fault-in-getActiveVersion");
+
+    const Json::Value modules = list();
+
+    EXPECT_EQ(modules["modules"].size(), 5U);
+    EXPECT_EQ(of("alpha", modules)["problem"], "crashed");
+    EXPECT_EQ(of("gamma", modules)["problem"], "hung");
+    EXPECT_EQ(of("delta", modules)["problem"], "ended");
+    EXPECT_EQ(of("EXT-tool", modules)["problem"], "crashed");
+}
+
+TEST_F(BrokenQueries, OfACheckNameTheModuleAndCheckTheOthers)
+{
+    const auto expectProblem = [](const std::string& problem, const std::string& reason) {
+        const Json::Value alpha = of("alpha", check());
+        EXPECT_EQ(alpha["decision"], "unusable");
+        EXPECT_EQ(alpha["problem"], problem);
+        EXPECT_EQ(alpha["reason"], reason);
+    };
+    installGuided("alpha", "fault-in-checkVersion");
+    expectProblem("crashed", std::string("it crashed") + kChecked + " (SIGSEGV)");
+    installGuided("alpha", "exit-in-checkVersion");
+    expectProblem("ended", std::string("it ended the program") + kChecked);
+    installGuided("alpha", "hang-in-checkVersion");
+    expectProblem("hung", std::string("it hung") + kChecked);
+    installGuided("alpha", "fault-in-load");
+    expectProblem("crashed", "it crashed while it was loaded (SIGSEGV)");
+}
+
+TEST_F(BrokenQueries, OfTheOnlyModuleOfACheckExitWith11)
+{
+    std::filesystem::remove("/usr/fwupdate/controls/beta.so");
+    installGuided("alpha", "fault-in-checkVersion");
+
+    json({"check", "--source", "system"}, 11);
+}
+
+TEST_F(BrokenQueries, ForAVersionExitWith11)
+{
+    installGuided("alpha", "fault-in-getActiveVersion");
+
+    EXPECT_EQ(json({"version", "alpha"}, 11)["text"],
+              "the module alpha is unusable: it crashed when it was asked for its version "
+              "(SIGSEGV)");
+}
+
+TEST_F(BrokenQueries, AreNoneOfAnotherModulesVersion)
+{
+    installGuided("alpha", "fault-in-load");
+
+    EXPECT_EQ(json({"version", "beta"})["version"], "1.0");
+    EXPECT_FALSE(wasAsked("alpha", "load("));
+    for (const char* elsewhere : {"../controls/beta", "gamma", ""}) {
+        EXPECT_EQ(runModules({"version", elsewhere}).exitCode, 10) << elsewhere;
+    }
+}
+
+TEST_F(BrokenQueries, ByAThreadOfAModuleAreNotBlamedOnTheOneThatIsAsked)
+{
+    installGuided("alpha", "fault-beside-in-load");
+    installGuided("gamma", "go-in-getActiveVersion hang-in-getActiveVersion");
+    const auto expectBothNamed = [] {
+        const Json::Value modules = list();
+        expectUnusable(of("alpha", modules), "crashed", "it crashed (SIGSEGV)");
+        expectUnusable(of("gamma", modules), "hung", "it hung when it was asked for its version");
+    };
+    expectBothNamed();
+
+    std::filesystem::remove("/tmp/quillon-test-go");
+    const std::string file = "/usr/fwupdate/controls/alpha.so";
+    std::filesystem::copy_file(file, "/var/tmp/alpha.so");
+    std::filesystem::remove(file);
+    std::filesystem::create_symlink("/var/tmp/alpha.so", file);
+    expectBothNamed();
+}
+
+TEST_F(BrokenQueries, ByAVersionWithoutEndAreACrash)
+{
+    installGuided("alpha", "long-in-getActiveVersion");
+
+    EXPECT_EQ(of("alpha", list())["problem"], "crashed");
+}
+
+TEST_F(BrokenQueries, ThatLeaveAProcessBehindDoNotWaitForIt)
+{
+    for (const std::string after : {"", "fault-in-getActiveVersion", "exit-in-getActiveVersion"}) {
+        installGuided("alpha", "stay-in-load " + after);
+        BackgroundLayer layer({"modules", "list"});
+
+        EXPECT_EQ(layer.wait(), 0);
+        expectText(layer.output(), like("*beta   1.0      no package\n*"));
+    }
+    goOn();
+}
+
+TEST_F(BrokenQueries, ThatCloseAllFilesAreAnsweredAllTheSame)
+{
+    installGuided("alpha", "close-in-load close-in-getActiveVersion");
+
+    EXPECT_EQ(of("alpha", list())["running"], "1.0");
+}
+
+TEST_F(BrokenQueries, ThatPrintSomethingHaveItPrintedOnce)
+{
+    installGuided("alpha", "noise-in-load");
+
+    const std::string out = runModules({"list"}).out;
+
+    expectText(out, like("*alpha  1.0      no package\n*"));
+    EXPECT_NE(out.find("noise of alpha\n"), std::string::npos);
+    EXPECT_EQ(out.find("noise of alpha\n"), out.rfind("noise of alpha\n"));
+}
+
+/// Whether there is a process whose command line has that.
+bool isRunning(const std::string& pattern)
+{
+    return runShell("grep -aqs '" + pattern + "' /proc/[0-9]*/cmdline") == 0;
+}
+
+TEST_F(BrokenQueries, ThatHangAreEndedWithWhatTheModuleHasStarted)
+{
+    const std::string tool = "until test -e /tmp/quillon-test-g[o]";
+    installGuided("alpha", "tool-in-getActiveVersion");
+    BackgroundLayer layer({"modules", "list", "--timeout", "3"});
+    ASSERT_TRUE(eventually([&] { return isRunning(tool); }));
+
+    EXPECT_EQ(layer.wait(), 0);
+
+    EXPECT_TRUE(eventually([&] { return !isRunning(tool); }));
+}
+
+TEST_F(BrokenQueries, EndWithTheProgramHoweverThatIsEnded)
+{
+    for (const int signal : {SIGTERM, SIGKILL}) {
+        std::filesystem::remove("/tmp/quillon-test-alpha.log");
+        installGuided("alpha", "block-in-load hang-in-load");
+        BackgroundLayer layer({"modules", "list"});
+        ASSERT_TRUE(eventually([] { return wasAsked("alpha", "load("); }));
+        ASSERT_TRUE(isRunning("^quillonctl"));
+
+        layer.send(signal);
+
+        EXPECT_EQ(layer.wait(), signal == SIGKILL ? -SIGKILL : 130);
+        EXPECT_TRUE(eventually([] { return !isRunning("^quillonctl"); }));
+    }
+}
+
+}  // namespace
+}  // namespace quillon::test

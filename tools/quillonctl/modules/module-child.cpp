@@ -1,0 +1,419 @@
+#include "tools/quillonctl/modules/module-child.h"
+
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <new>
+#include <sstream>
+#include <system_error>
+#include <type_traits>
+
+#include "base/alphanumeric.h"
+#include "base/signals-blocked.h"
+#include "src/src/fw-update-symbol-manager.h"
+#include "src/support/paths.h"
+#include "tools/quillonctl/modules/foreign-end.h"
+#include "tools/quillonctl/modules/interruption.h"
+#include "tools/quillonctl/modules/module-events.h"
+#include "tools/quillonctl/modules/update-slot.h"
+#include "tools/quillonctl/signals.h"
+
+namespace quillon {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+
+/// How often the deadline is looked at, which the child moves.
+constexpr milliseconds kBetweenLooks(200);
+/// So long a process may take to end that has been killed.
+constexpr milliseconds kTimeToEnd(5000);
+constexpr std::size_t kLongestText = 20480;  // more than is ever shown, whatever the alphabet
+constexpr std::size_t kLongestName = 256;    // of a file, and the terminator
+constexpr const char* kUnreadable = "what the process with the modules has left cannot be read";
+
+/// What a child leaves behind, in memory: a module may close every file, and a process that it has
+/// forked keeps files open for as long as it likes.
+struct Shared
+{
+    std::atomic<std::int64_t> deadline;  ///< of the step, a monotonic time in ns; 0: of none
+    std::atomic<bool> isComplete;        ///< the result is here
+    std::atomic<int> crash;              ///< the signal
+    ModuleStep step;
+    char module[kLongestName];   ///< whose step it is
+    char culprit[kLongestName];  ///< who crashed or ended the process; empty: it cannot be told
+    std::size_t packagesSize;
+    char packages[std::size_t{1} << 16U];  ///< identifiers of what may be mounted, a line each
+    std::size_t resultSize;
+    char result[std::size_t{1} << 24U];
+};
+static_assert(std::is_trivially_default_constructible_v<Shared>, "its memory is all zero");
+
+struct Unmap
+{
+    void operator()(Shared* shared) const { munmap(shared, sizeof(Shared)); }
+};
+using SharedMemory = std::unique_ptr<Shared, Unmap>;
+
+Shared* g_shared = nullptr;  // in a child
+
+sigset_t heldSignals()
+{
+    sigset_t signals = signalSet({SIGINT, SIGQUIT, SIGTERM, SIGCHLD});
+    if (handlerOf(SIGHUP) != SIG_IGN) {  // nohup(1) ignores it
+        sigaddset(&signals, SIGHUP);
+    }
+    return signals;
+}
+
+std::int64_t now()
+{
+    return std::chrono::steady_clock::now().time_since_epoch() / nanoseconds(1);
+}
+
+SharedMemory makeShared()
+{
+    void* memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
+                        MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (memory == MAP_FAILED) {
+        throw Failure{kExitSystem, std::string("no memory: ") + std::strerror(errno)};
+    }
+    return SharedMemory(new (memory) Shared);
+}
+
+std::string packed(const std::vector<std::string>& texts)
+{
+    std::string whole;
+    for (const std::string& text : texts) {
+        const std::size_t size = text.size();
+        whole.append(reinterpret_cast<const char*>(&size), sizeof(size)) += text;
+    }
+    return whole;
+}
+
+std::vector<std::string> unpacked(const std::string& whole)
+{
+    std::vector<std::string> texts;
+    std::size_t size = 0;
+    for (std::size_t at = 0; at < whole.size(); at += size) {
+        if (whole.size() - at < sizeof(size)) {
+            throw Failure{kExitSystem, kUnreadable};
+        }
+        std::memcpy(&size, &whole[at], sizeof(size));
+        at += sizeof(size);
+        if (whole.size() - at < size) {
+            throw Failure{kExitSystem, kUnreadable};
+        }
+        texts.push_back(whole.substr(at, size));
+    }
+    return texts;
+}
+
+/// Safe in a signal handler.
+void setName(char (&field)[kLongestName], const char* name)
+{
+    const std::size_t length = std::min(std::strlen(name), kLongestName - 1);
+    std::memcpy(field, name, length);
+    field[length] = '\0';
+}
+
+std::string textOf(const char (&field)[kLongestName])
+{
+    return {field, strnlen(field, kLongestName)};
+}
+
+void noteCrash(int signal, const char* name)
+{
+    g_shared->crash = signal;
+    setName(g_shared->culprit, name);
+}
+
+/// Its package may be mounted from now on.
+void notePackageOf(const std::string& libName)
+{
+    for (const FWUpdateSymbol& module : FWUpdateSymbolManager::getInstance()->modules()) {
+        const std::string line = module.getEMPName() + "\n";
+        if (module.getLibName() == libName &&
+            line.size() <= sizeof(g_shared->packages) - g_shared->packagesSize) {
+            line.copy(g_shared->packages + g_shared->packagesSize, line.size());
+            g_shared->packagesSize += line.size();
+        }
+    }
+}
+
+void noteStep(const std::string& libName, ModuleStep step, const ModuleTimes& times)
+{
+    g_shared->deadline = 0;
+    g_shared->step = step;
+    setName(g_shared->module, libName.c_str());
+    if (step == ModuleStep::kChecking) {
+        notePackageOf(libName);
+    }
+    if (step != ModuleStep::kNone) {
+        const milliseconds time = step == ModuleStep::kChecking ? times.check : times.query;
+        g_shared->deadline = now() + nanoseconds(time).count();
+    }
+}
+
+/// @return what the parent gets: an exit code, and the rows or what went wrong
+std::vector<std::string> resultOf(const std::function<ModuleChild::Rows()>& work)
+{
+    try {
+        watchForForeignEnd(
+            [](const std::string& name) {
+                setName(g_shared->culprit, name.c_str());
+                endAtOnce(kExitUnusableModule);
+            },
+            noteCrash);
+        std::vector<std::string> rows;
+        for (ModuleChild::Row& row : work()) {
+            for (std::string& text : row) {
+                text.resize(std::min(text.size(), kLongestText));
+            }
+            rows.push_back(packed(row));
+        }
+        return {std::to_string(kExitSuccess), packed(rows)};
+    } catch (const Failure& failure) {
+        return {std::to_string(failure.code), failure.text};
+    } catch (const std::system_error& error) {
+        return {std::to_string(kExitSystem), noThread(error).text};
+    } catch (const std::exception& error) {
+        return {std::to_string(kExitSystem), error.what()};
+    }
+}
+
+[[noreturn]] void beChild(const std::function<ModuleChild::Rows()>& work, const ModuleTimes& times)
+{
+    // Not in the terminal's foreground: what is written or read there must not stop it.
+    onSignal(SIGTTOU, SIG_IGN);
+    onSignal(SIGTTIN, SIG_IGN);
+    RequestsHeld::release();
+    ModuleEvents::instance().follow(
+        [&](const std::string& libName, ModuleStep step) { noteStep(libName, step, times); });
+    std::string result = packed(resultOf(work));
+    noteStep("", ModuleStep::kNone, times);
+    if (result.size() > sizeof(g_shared->result)) {
+        result = packed({std::to_string(kExitSystem), "the modules say too much"});
+    }
+    result.copy(g_shared->result, result.size());
+    g_shared->resultSize = result.size();
+    g_shared->isComplete = true;
+    // A module may keep its output locked.
+    g_shared->deadline = now() + nanoseconds(times.query).count();
+    std::cout.flush();
+    static_cast<void>(std::fflush(nullptr));
+    endAtOnce(kExitSuccess);
+}
+
+pid_t start(const std::function<ModuleChild::Rows()>& work, const ModuleTimes& times,
+            Shared* shared)
+{
+    std::cout.flush();
+    static_cast<void>(std::fflush(nullptr));
+    const pid_t parent = getpid();
+    const pid_t child = fork();
+    if (child == -1) {
+        throw Failure{kExitSystem, std::string("no process can be started: ") +
+                                       std::strerror(errno) +
+                                       "; end other programs of this user or raise its limit"};
+    }
+    setpgid(child, child);  // in both: whoever comes first
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) {
+            endAtOnce(kExitSystem);
+        }
+        g_shared = shared;
+        beChild(work, times);
+    }
+    return child;
+}
+
+struct ChildEnd
+{
+    int status = 0;
+    int request = 0;              ///< the signal that asked for it
+    std::int64_t judgedHung = 0;  ///< the deadline that was over
+};
+
+/// Ends it with what the modules have started. One that cannot even be killed, as in a driver that
+/// does not return, is left alone.
+void endChild(pid_t child, ChildEnd& end, RequestsHeld& requests)
+{
+    if (kill(-child, SIGKILL) != 0) {
+        kill(child, SIGKILL);
+    }
+    const std::int64_t deadline = now() + nanoseconds(kTimeToEnd).count();
+    while (waitpid(child, &end.status, WNOHANG) == 0 && now() < deadline) {
+        requests.waitFor(kBetweenLooks);
+    }
+}
+
+ChildEnd waitFor(pid_t child, const Shared& shared, RequestsHeld& requests)
+{
+    ChildEnd end;
+    for (;;) {
+        const int signal = requests.waitFor(kBetweenLooks);
+        if (signal == SIGCHLD && waitpid(child, &end.status, WNOHANG) == child) {
+            return end;
+        }
+        end.request = signal == SIGCHLD ? 0 : signal;
+        const std::int64_t deadline = shared.deadline;
+        end.judgedHung = deadline != 0 && now() >= deadline ? deadline : 0;
+        if (end.request != 0 || end.judgedHung != 0) {
+            endChild(child, end, requests);
+            return end;
+        }
+    }
+}
+
+std::string nameOf(int signal)
+{
+    static const std::map<int, const char*> kNames = {
+        {SIGSEGV, "SIGSEGV"}, {SIGBUS, "SIGBUS"},   {SIGFPE, "SIGFPE"},   {SIGILL, "SIGILL"},
+        {SIGABRT, "SIGABRT"}, {SIGSYS, "SIGSYS"},   {SIGTRAP, "SIGTRAP"}, {SIGKILL, "SIGKILL"},
+        {SIGTERM, "SIGTERM"}, {SIGALRM, "SIGALRM"}, {SIGPIPE, "SIGPIPE"}};
+    const auto found = kNames.find(signal);
+    return found != kNames.end() ? found->second : "signal " + std::to_string(signal);
+}
+
+/// @param isAsked  whether it is the module whose step it was
+ModuleProblem judge(const ChildEnd& end, const Shared& shared, bool isAsked)
+{
+    std::string when;
+    if (isAsked && shared.step == ModuleStep::kLoading) {
+        when = " while it was loaded";
+    } else if (isAsked && shared.step == ModuleStep::kVersion) {
+        when = " when it was asked for its version";
+    } else if (isAsked && shared.step == ModuleStep::kChecking) {
+        when = " when it was asked whether it needs an update";
+    }
+    const int crash = shared.crash;
+    if (crash == 0 && end.judgedHung != 0) {
+        return {"hung", "it hung" + when};
+    }
+    if (crash != 0 || WIFSIGNALED(end.status)) {
+        return {"crashed", "it crashed" + when + " (" +
+                               nameOf(crash != 0 ? crash : WTERMSIG(end.status)) + ")"};
+    }
+    return {"ended", "it ended the program" + when};
+}
+
+std::string copyOf(const char* text, std::size_t size, std::size_t longest)
+{
+    return {text, std::min(size, longest)};
+}
+
+ModuleChild::Rows rowsOf(const Shared& shared, std::size_t columns)
+{
+    const std::vector<std::string> result =
+        unpacked(copyOf(shared.result, shared.resultSize, sizeof(shared.result)));
+    if (result.size() != 2) {
+        throw Failure{kExitSystem, kUnreadable};
+    }
+    const int code = std::atoi(result[0].c_str());
+    if (code != kExitSuccess) {
+        throw Failure{static_cast<ExitCode>(code), result[1]};
+    }
+    ModuleChild::Rows rows;
+    for (const std::string& row : unpacked(result[1])) {
+        rows.push_back(unpacked(row));
+        rows.back().resize(columns);
+    }
+    return rows;
+}
+
+}  // namespace
+
+RequestsHeld::RequestsHeld()
+{
+    if (handlerOf(SIGCHLD) == SIG_IGN) {
+        onSignal(SIGCHLD, SIG_DFL);  // else the system forgets how children end
+    }
+    const sigset_t signals = heldSignals();
+    pthread_sigmask(SIG_BLOCK, &signals, &before_);
+}
+
+RequestsHeld::~RequestsHeld()
+{
+    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+}
+
+int RequestsHeld::waitFor(milliseconds time)
+{
+    const sigset_t signals = heldSignals();
+    const timespec wait = {static_cast<time_t>(time.count() / 1000),
+                           static_cast<long>(time.count() % 1000 * 1'000'000)};
+    return std::max(sigtimedwait(&signals, nullptr, &wait), 0);
+}
+
+void RequestsHeld::putBack(int signal) const
+{
+    static_cast<void>(raise(signal));
+}
+
+void RequestsHeld::release()
+{
+    const sigset_t signals = heldSignals();
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
+ModuleChild::Rows ModuleChild::run(std::size_t columns, const std::function<Rows()>& work)
+{
+    RequestsHeld requests;
+    for (;;) {
+        const SharedMemory shared = makeShared();
+        const auto leavingOut = [&] {
+            for (const auto& [name, fallen] : fallen_) {
+                ModuleEvents::instance().leaveOut(name);
+            }
+            return work();
+        };
+        const ChildEnd end = waitFor(start(leavingOut, times_, shared.get()), *shared, requests);
+        if (shared->isComplete && end.request == 0) {
+            return rowsOf(*shared, columns);
+        }
+
+        std::istringstream packages(
+            copyOf(shared->packages, shared->packagesSize, sizeof(shared->packages)));
+        for (std::string package; std::getline(packages, package);) {
+            // The modules could write there as well.
+            if (std::all_of(package.begin(), package.end(), isLetterOrDigit)) {
+                packages_.insert(package);
+            }
+        }
+        if (end.request != 0) {
+            requests.putBack(end.request);
+            throw UpdateSlot::instance().interruption();
+        }
+        if (end.judgedHung != 0 && end.judgedHung != shared->deadline) {
+            continue;  // it answered at the very last moment
+        }
+        const std::string asked =
+            shared->step != ModuleStep::kNone ? textOf(shared->module) : std::string();
+        const std::string culprit = textOf(shared->culprit);
+        // A library that others need is there although it was left out as a module.
+        const std::string& name = culprit.empty() || fallen_.count(culprit) != 0 ? asked : culprit;
+        const ModuleProblem problem = judge(end, *shared, name == asked);
+        if (name.empty() || !fallen_.emplace(name, problem).second) {
+            throw Failure{
+                kExitSystem,
+                "one of the modules is broken, but it cannot be told which: " + problem.text +
+                    "; move them out of " + paths::kModules + " one by one"};
+        }
+    }
+}
+
+}  // namespace quillon

@@ -1,0 +1,93 @@
+/// Work with the modules in a process of its own, where a broken one hurts only itself.
+#pragma once
+
+#include <signal.h>
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tools/quillonctl/modules/module-registry.h"
+
+namespace quillon {
+
+/// So long a module may take for one answer.
+struct ModuleTimes
+{
+    /// Loading, and telling the version. A component on a slow bus answers within seconds.
+    std::chrono::milliseconds query = std::chrono::seconds(10);
+    /// A check reads the whole image before the plug-in is asked. The service gets as long for its
+    /// estimate, which does the same.
+    std::chrono::milliseconds check = std::chrono::seconds(600);
+};
+
+/// Holds back the signals that ask the program to end, on the calling thread, and the one that says
+/// that a child has ended. What has come meanwhile takes effect at its end.
+class RequestsHeld
+{
+public:
+    RequestsHeld();
+    ~RequestsHeld();
+    RequestsHeld(const RequestsHeld&) = delete;
+    RequestsHeld& operator=(const RequestsHeld&) = delete;
+
+    /// Waits for one of them.
+    /// @return the signal; 0 when the time is over
+    int waitFor(std::chrono::milliseconds time);
+    /// Makes a request that waitFor() has returned count again.
+    void putBack(int signal) const;
+
+    /// Undoes all of it, also that of those around it. For a child.
+    static void release();
+
+private:
+    sigset_t before_ = {};
+};
+
+/// Thread: the process must have no other one, and have loaded no module.
+class ModuleChild
+{
+public:
+    using Row = std::vector<std::string>;
+    using Rows = std::vector<Row>;
+
+    explicit ModuleChild(const ModuleTimes& times) : times_(times) {}
+
+    /// Does the work in a child. When a module crashes there, ends the process or does not answer
+    /// in time, that child is over, and the work begins anew in another one, which does not load
+    /// the module. Neither destructors nor exit handlers run in a child.
+    ///
+    /// A request to end the program ends the child; it takes effect afterwards.
+    /// @param columns  of every row that the work returns
+    /// @param work     what it raises as a Failure is raised here
+    /// @return what the work returns, each text cut to 20 KiB. Throws Failure, also for a request.
+    Rows run(std::size_t columns, const std::function<Rows()>& work);
+
+    /// Makes what the work has found about a module that ended a child, or did not answer, say so:
+    /// the problem is "crashed", "hung" or "ended".
+    /// @param item  a ModuleEntry or ModuleCheck
+    template <typename Item>
+    void correct(Item& item) const
+    {
+        const auto fallen = fallen_.find(item.name);
+        if (fallen != fallen_.end()) {
+            item = {};
+            item.name = fallen->first;
+            item.reason = fallen->second.text;
+            item.problem.code = fallen->second.code;
+        }
+    }
+    /// Identifiers of the packages that children who did not come to their end may have mounted.
+    const std::set<std::string>& packages() const { return packages_; }
+
+private:
+    const ModuleTimes times_;
+    std::map<std::string, ModuleProblem> fallen_;
+    std::set<std::string> packages_;
+};
+
+}  // namespace quillon
