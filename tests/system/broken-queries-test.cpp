@@ -251,5 +251,39 @@ TEST_F(BrokenQueries, EndWithTheProgramHoweverThatIsEnded)
     }
 }
 
+using SharedNames = CtlModules;
+
+TEST_F(SharedNames, AreToldOfBothModules)
+{
+    install("alpha", "empid=sharedemp\nneed=1\n");
+    install("beta", "empid=sharedemp\nneed=0\n");
+    install("gamma", "empid=g1emp\n");
+    install("delta", "empid=empg1\n");
+    install("whole");
+    offer("shared");
+
+    const Json::Value list = json({"list"});
+    const Json::Value check = json({"check", "--source", "system"});
+
+    for (const Json::Value& document : {list, check}) {
+        EXPECT_EQ(of("alpha", document)["problem"], "same-identifier");
+        EXPECT_EQ(of("alpha", document)["reason"], "it has the package identifier of beta");
+        EXPECT_EQ(of("beta", document)["problem"], "same-identifier");
+        EXPECT_EQ(of("beta", document)["reason"], "it has the package identifier of alpha");
+        EXPECT_EQ(of("gamma", document)["problem"], "same-name");
+        EXPECT_EQ(of("delta", document)["problem"], "same-name");
+        EXPECT_FALSE(of("whole", document).isMember("problem"));
+    }
+    EXPECT_EQ(of("alpha", list)["kind"], "firmware");
+    EXPECT_EQ(of("gamma", list)["reason"], "it has the firmware name of delta");
+    EXPECT_EQ(of("alpha", check)["decision"], "needed");
+    EXPECT_EQ(of("beta", check)["decision"], "up-to-date");
+    EXPECT_EQ(of("delta", check)["reason"], "no image; it has the firmware name of gamma");
+    expectText(runModules({"list"}).out,
+               like("*alpha  1.0      no package; it has the package identifier of beta\n*"));
+    expectText(runModules({"check", "--source", "system"}).out,
+               like("*needs an update, about 3 s; it has the package identifier of beta\n*"));
+}
+
 }  // namespace
 }  // namespace quillon::test

@@ -120,6 +120,7 @@ ModuleCheck describeCheck(FWUpdateSymbol& module, const ModuleSource& source)
         return check;
     }
     check.running = runningVersion(module).value_or("");
+    check.problem = sharedNameOf(module);
     if (kind == ModuleKind::kProcess) {
         check.decision = Decision::kByNameOnly;
         check.reason = "process module";

@@ -15,6 +15,7 @@ ModuleEntry entryOf(FWUpdateSymbol& module)
     entry.name = module.getLibName();
     entry.kind = kindOf(module);
     entry.running = runningVersion(module).value_or("");
+    entry.problem = sharedNameOf(module);
     if (entry.kind == ModuleKind::kFirmware) {
         entry.firmwareName = module.getFirmwareName();
         entry.package = module.getEMPName();

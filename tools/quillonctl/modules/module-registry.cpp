@@ -77,6 +77,26 @@ void openRegistry(const std::string& only)
     }
 }
 
+ModuleProblem sharedNameOf(const FWUpdateSymbol& module)
+{
+    if (kindOf(module) != ModuleKind::kFirmware) {
+        return {};
+    }
+    ModuleProblem problem;
+    for (const FWUpdateSymbol& other : FWUpdateSymbolManager::getInstance()->modules()) {
+        if (other.getLibName() == module.getLibName()) {
+            continue;
+        }
+        if (other.getEMPName() == module.getEMPName()) {
+            return {"same-identifier", "it has the package identifier of " + other.getLibName()};
+        }
+        if (other.getFirmwareName() == module.getFirmwareName()) {
+            problem = {"same-name", "it has the firmware name of " + other.getLibName()};
+        }
+    }
+    return problem;
+}
+
 std::string defectOf(const FWUpdateSymbol& module)
 {
     return phraseOf(ModuleEvents::instance().of(module.getLibName()).loading);

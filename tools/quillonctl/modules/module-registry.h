@@ -37,6 +37,10 @@ struct ModuleProblem
     std::string text;  ///< a phrase for people
 };
 
+/// Whether another module has the same package or firmware name: "same-identifier" or "same-name".
+/// What is offered to one is offered to both.
+ModuleProblem sharedNameOf(const FWUpdateSymbol& module);
+
 /// Why the module is unusable, a phrase: "it has no entry doUpdate" for instance.
 std::string defectOf(const FWUpdateSymbol& module);
 
