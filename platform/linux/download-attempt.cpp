@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +10,7 @@
 #include <new>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace quillon {
 
@@ -66,24 +68,39 @@ std::string redirectionOf(CURL* transfer)
     return address == nullptr ? "" : address;
 }
 
-std::string headerOf(CURL* transfer, const char* name)
+std::vector<std::string> headersOf(CURL* transfer, const char* name)
 {
     constexpr int kLastRequest = -1;
-    curl_header* found = nullptr;
-    const CURLHcode result =
-        curl_easy_header(transfer, name, 0, CURLH_HEADER, kLastRequest, &found);
-    return result == CURLHE_OK ? found->value : "";
+    std::vector<std::string> values;
+    for (curl_header* found = nullptr; curl_easy_header(transfer, name, values.size(), CURLH_HEADER,
+                                                        kLastRequest, &found) == CURLHE_OK;) {
+        values.emplace_back(found->value);
+    }
+    return values;
+}
+
+/// @return empty also when the reply has several of that name: which one is meant is not known
+std::string headerOf(CURL* transfer, const char* name)
+{
+    const std::vector<std::string> values = headersOf(transfer, name);
+    return values.size() == 1 ? values.front() : "";
 }
 
 /// Only a body in chunks tells its end by itself. No other coding was asked for, and where one is
 /// named as well, libcurl may still read the body up to the end of the connection.
 bool comesInChunks(CURL* transfer)
 {
-    constexpr int kLastRequest = -1;
-    curl_header* found = nullptr;
-    return curl_easy_header(transfer, "Transfer-Encoding", 0, CURLH_HEADER, kLastRequest, &found) ==
-               CURLHE_OK &&
-           found->amount == 1 && strcasecmp(found->value, "chunked") == 0;
+    return strcasecmp(headerOf(transfer, "Transfer-Encoding").c_str(), "chunked") == 0;
+}
+
+/// Whether the bytes of the body are not those of the package: libcurl undoes only what it asked
+/// for.
+bool isEncoded(CURL* transfer)
+{
+    const std::vector<std::string> codings = headersOf(transfer, "Content-Encoding");
+    return std::any_of(codings.begin(), codings.end(), [](const std::string& coding) {
+        return strcasecmp(coding.c_str(), "identity") != 0;
+    });
 }
 
 std::string validatorOf(CURL* transfer)
@@ -99,6 +116,17 @@ std::int64_t bodySizeOf(CURL* transfer)
     curl_off_t size = -1;
     curl_easy_getinfo(transfer, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &size);
     return size;
+}
+
+/// libcurl goes by the last size that is stated, and by the beginning of a list.
+bool isSizeAmbiguous(CURL* transfer)
+{
+    const std::int64_t size = bodySizeOf(transfer);
+    const std::vector<std::string> values = headersOf(transfer, "Content-Length");
+    return size >= 0 && std::any_of(values.begin(), values.end(),
+                                    [wanted = std::to_string(size)](const std::string& value) {
+                                        return value != wanted;
+                                    });
 }
 
 /// @return the size of the whole file, when the body is all of it from that byte on; 0 for any
@@ -268,12 +296,17 @@ void DownloadAttempt::takeHead()
     constexpr long kPartialContent = 206;
     constexpr long kRangeNotSatisfiable = 416;
     const long status = statusOf(transfer_);
-    if (status == kOk) {
-        takeWholeFile();
-        return;
-    }
-    if (status == kPartialContent && offset_ > 0) {
-        takeRest();
+    if (status == kOk || (status == kPartialContent && offset_ > 0)) {
+        if (isEncoded(transfer_)) {
+            end(kRefused,
+                "the server sends the package in a Content-Encoding, which was not asked for");
+            return;
+        }
+        if (isSizeAmbiguous(transfer_)) {
+            end(kRefused, "the server's Content-Length is ambiguous");
+            return;
+        }
+        status == kOk ? takeWholeFile() : takeRest();
         return;
     }
     const std::string answer = "the server answers " + std::to_string(status);

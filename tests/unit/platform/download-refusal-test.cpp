@@ -130,6 +130,107 @@ TEST_F(DownloadRefusal, OfABodyWhoseLastCodingIsNotChunked)
     }
 }
 
+TEST_F(DownloadRefusal, OfTwoAnnouncedSizes)
+{
+    const std::string package = packageOf(1000);
+    for (const char* sizes :
+         {"Content-Length: 1000\r\nContent-Length: 500",
+          "Content-Length: 500\r\nContent-Length: 1000", "Content-Length: 500, 1000"}) {
+        const LocalHttpServer server([&](const HttpRequest&, HttpConnection& connection) {
+            connection.send(httpHead("200 OK", {sizes}) + package);
+        });
+        configureFor(server.address());
+
+        EXPECT_EQ(download("alpha"), -3) << sizes;
+
+        expectRefusal("the server's Content-Length is ambiguous");
+    }
+}
+
+TEST_F(DownloadRefusal, OfARestWithTwoAnnouncedSizes)
+{
+    const std::string package = packageOf(1000);
+    const LocalHttpServer server([&](const HttpRequest& request, HttpConnection& connection) {
+        if (request.offset() == 0) {
+            sendBeginning(connection, package, 500);
+            return;
+        }
+        connection.send(httpHead("206 Partial Content",
+                                 {"Content-Length: 100", "Content-Length: 500", "ETag: \"one\"",
+                                  "Content-Range: bytes 500-999/1000"}) +
+                        package.substr(500));
+    });
+    configureFor(server.address());
+
+    EXPECT_EQ(download("alpha"), -3);
+
+    expectTextAmong(captured.lines(), like("*the server's Content-Length is ambiguous*"));
+    expectTexts(namesInDirectory(), {});
+}
+
+TEST_F(DownloadRefusal, DoesNotMeetASizeThatIsAnnouncedTwice)
+{
+    const LocalHttpServer server([&](const HttpRequest&, HttpConnection& connection) {
+        connection.send(httpHead("200 OK", {"Content-Length: 7", "Content-Length: 7"}) + "package");
+    });
+    configureFor(server.address());
+
+    EXPECT_EQ(download("alpha"), 0);
+
+    EXPECT_EQ(readAll(pathOf("alpha.img")), "package");
+}
+
+TEST_F(DownloadRefusal, OfAnEncodedPackage)
+{
+    for (const char* coding :
+         {"Content-Encoding: gzip", "Content-Encoding: x-unknown", "content-encoding:  GZIP, br",
+          "Content-Encoding: identity\r\nContent-Encoding: gzip"}) {
+        const LocalHttpServer server([&](const HttpRequest&, HttpConnection& connection) {
+            connection.send(httpHead("200 OK", {coding, "Content-Length: 7"}) + "package");
+        });
+        configureFor(server.address());
+
+        EXPECT_EQ(download("alpha"), -3) << coding;
+
+        expectRefusal(
+            "the server sends the package in a Content-Encoding, which was not asked for");
+    }
+}
+
+TEST_F(DownloadRefusal, OfAnEncodedRest)
+{
+    const std::string package = packageOf(1000);
+    const LocalHttpServer server([&](const HttpRequest& request, HttpConnection& connection) {
+        if (request.offset() == 0) {
+            sendBeginning(connection, package, 500);
+            return;
+        }
+        connection.send(httpHead("206 Partial Content",
+                                 {"Content-Length: 500", "Content-Encoding: gzip", "ETag: \"one\"",
+                                  "Content-Range: bytes 500-999/1000"}) +
+                        package.substr(500));
+    });
+    configureFor(server.address());
+
+    EXPECT_EQ(download("alpha"), -3);
+
+    expectTextAmong(captured.lines(), like("*in a Content-Encoding, which was not asked for*"));
+    expectTexts(namesInDirectory(), {});
+}
+
+TEST_F(DownloadRefusal, DoesNotMeetAPackageInTheEncodingIdentity)
+{
+    const LocalHttpServer server([&](const HttpRequest&, HttpConnection& connection) {
+        connection.send(httpHead("200 OK", {"Content-Encoding: identity", "Content-Length: 7"}) +
+                        "package");
+    });
+    configureFor(server.address());
+
+    EXPECT_EQ(download("alpha"), 0);
+
+    EXPECT_EQ(readAll(pathOf("alpha.img")), "package");
+}
+
 TEST_F(DownloadRefusal, OfAnAnnouncedSizeAboveTheLimit)
 {
     const LocalHttpServer server([&](const HttpRequest&, HttpConnection& connection) {

@@ -62,6 +62,27 @@ TEST_F(DownloadResume, AsksOnlyForTheRestAfterADrop)
     expectTextAmong(captured.lines(), like("*next attempt in 0 s*"));
 }
 
+TEST_F(DownloadResume, StartsOverWhenTheRestIsSaidToBeTwoParts)
+{
+    const LocalHttpServer server(dropFirst([&](const HttpRequest& request,
+                                               HttpConnection& connection) {
+        if (request.offset() == 0) {
+            sendPackage(request, connection, package);
+            return;
+        }
+        connection.send(httpHead("206 Partial Content", {"Content-Length: 130000", "ETag: \"one\"",
+                                                         "Content-Range: bytes 70000-199999/200000",
+                                                         "Content-Range: bytes 0-129999/200000"}) +
+                        package.substr(0, 130000));
+    }));
+    configureFor(server.address());
+
+    EXPECT_EQ(download("alpha"), 0);
+
+    expectPackage();
+    EXPECT_EQ(server.requests().size(), 3U);
+}
+
 TEST_F(DownloadResume, GoesOnAfterManyDrops)
 {
     const LocalHttpServer server([&](const HttpRequest& request, HttpConnection& connection) {
