@@ -69,6 +69,13 @@ DownloadPart::DownloadPart(std::string identifier, std::string address)
 {
 }
 
+DownloadPart::~DownloadPart()
+{
+    if (file_ && owner_ == getpid()) {
+        flock(file_.get(), LOCK_UN);
+    }
+}
+
 PartResult DownloadPart::open()
 {
     if (makeDirectories(kDirectory, 0755)) {
@@ -123,6 +130,7 @@ PartResult DownloadPart::openLocked()
         if (flock(file_.get(), LOCK_EX | LOCK_NB) != 0) {
             return errno == EWOULDBLOCK ? PartResult::kBusy : PartResult::kFailed;
         }
+        owner_ = getpid();
         if (isStillAtItsPath()) {
             return PartResult::kOk;
         }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -24,6 +26,11 @@ public:
     /// @param identifier  letters and digits, at most 127
     /// @param address     where the package comes from
     DownloadPart(std::string identifier, std::string address);
+    /// Unlocks the part, also for children that this process has forked off meanwhile. In such a
+    /// child itself it only closes the child's copy.
+    ~DownloadPart();
+    DownloadPart(const DownloadPart&) = delete;
+    DownloadPart& operator=(const DownloadPart&) = delete;
 
     /// Makes the directory when it is missing, and takes up what an earlier download left when its
     /// note is of this address and of this run of the machine: what was not synced before a power
@@ -61,6 +68,7 @@ private:
     std::uint64_t size_ = 0;
     UniqueFd directory_;
     UniqueFd file_;
+    pid_t owner_ = 0;  // of the lock
 };
 
 }  // namespace quillon

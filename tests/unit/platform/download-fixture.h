@@ -49,6 +49,12 @@ protected:
     static int download(const std::string& identifier);
 
     static std::string pathOf(const std::string& name) { return kDirectory + ("/" + name); }
+    /// Names of what this user's unfinished download of a package leaves in the directory.
+    static std::string partOf(const std::string& identifier) { return "." + identifier + ".part"; }
+    static std::string noteOf(const std::string& identifier)
+    {
+        return "." + identifier + ".resume";
+    }
     /// Names of all that lies in the packages' directory, but for the directory for mounts.
     static std::vector<std::string> namesInDirectory();
 

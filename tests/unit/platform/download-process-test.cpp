@@ -51,8 +51,8 @@ protected:
     {
         ASSERT_TRUE(waitFor("the part of the package", [size] {
             std::error_code ignored;
-            return fs::exists(pathOf(".alpha.part")) &&
-                   fs::file_size(pathOf(".alpha.part"), ignored) == size;
+            return fs::exists(pathOf(partOf("alpha"))) &&
+                   fs::file_size(pathOf(partOf("alpha")), ignored) == size;
         }));
     }
 };
@@ -71,7 +71,7 @@ TEST_F(DownloadDeathTest, EndsInOrderInTheMiddleOfADownload)
     EXPECT_EQ(other.waitForEnd(), 0);
 
     EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(5));
-    expectTextsInAnyOrder(namesInDirectory(), {".alpha.part", ".alpha.resume"});
+    expectTextsInAnyOrder(namesInDirectory(), {partOf("alpha"), noteOf("alpha")});
 }
 
 TEST_F(DownloadDeathTest, EndsInOrderInAPauseBetweenTwoAttempts)

@@ -370,7 +370,7 @@ TEST_F(DownloadResume, IsTakenUpByTheNextRequest)
     configureFor(server.address(), "attempts = 2\n");
 
     EXPECT_EQ(download("alpha"), -2);
-    expectTextsInAnyOrder(namesInDirectory(), {".alpha.part", ".alpha.resume"});
+    expectTextsInAnyOrder(namesInDirectory(), {partOf("alpha"), noteOf("alpha")});
     broken = false;
     EXPECT_EQ(download("alpha"), 0);
 
@@ -404,8 +404,8 @@ TEST_F(DownloadResume, IsNotTakenUpAfterTheMachineHasStartedAnew)
     });
     configureFor(server.address());
     // What was not synced before a power failure may read as zeros.
-    writeFile(pathOf(".alpha.part"), std::string(kDrop, '\0'));
-    writeFile(pathOf(".alpha.resume"),
+    writeFile(pathOf(partOf("alpha")), std::string(kDrop, '\0'));
+    writeFile(pathOf(noteOf("alpha")),
               server.address() + "\n00000000-0000-0000-0000-000000000000\n\"one\"\n");
 
     EXPECT_EQ(download("alpha"), 0);
@@ -423,8 +423,8 @@ TEST_F(DownloadResume, IsNotTakenUpWithADamagedNote)
     for (const std::string& note :
          {std::string(), std::string("\n\n\n"), server.address(), server.address() + "\n",
           std::string(20000, '\n'), std::string(1000, '\xff')}) {
-        writeFile(pathOf(".alpha.part"), std::string(kDrop, 'x'));
-        writeFile(pathOf(".alpha.resume"), note);
+        writeFile(pathOf(partOf("alpha")), std::string(kDrop, 'x'));
+        writeFile(pathOf(noteOf("alpha")), note);
         EXPECT_EQ(download("alpha"), 0);
         expectPackage();
     }

@@ -66,11 +66,11 @@ TEST_F(DownloadStorage, LetsNobodyElseOpenAPart)
     configureFor(cutting.address(), "attempts = 1\n");
     const mode_t before = umask(022);
     EXPECT_EQ(download("alpha"), -2);
-    EXPECT_EQ(modeOf(".alpha.part"), 0600U);
+    EXPECT_EQ(modeOf(partOf("alpha")), 0600U);
 
-    chmod(pathOf(".alpha.part").c_str(), 0644);
+    chmod(pathOf(partOf("alpha")).c_str(), 0644);
     EXPECT_EQ(download("alpha"), -2);
-    EXPECT_EQ(modeOf(".alpha.part"), 0600U);
+    EXPECT_EQ(modeOf(partOf("alpha")), 0600U);
 
     configureFor(server.address());
     EXPECT_EQ(download("alpha"), 0);
@@ -81,7 +81,7 @@ TEST_F(DownloadStorage, LetsNobodyElseOpenAPart)
 TEST_F(DownloadStorage, RemovesALinkInThePartsPlaceAndDoesNotFollowIt)
 {
     writeFile(pathOf("victim"), "somebody's file");
-    fs::create_symlink("victim", pathOf(".alpha.part"));
+    fs::create_symlink("victim", pathOf(partOf("alpha")));
 
     EXPECT_EQ(download("alpha"), 0);
 
@@ -94,7 +94,7 @@ TEST_F(DownloadStorage, RemovesALinkInThePartsPlaceAndDoesNotFollowIt)
 TEST_F(DownloadStorage, DoesNotWriteIntoAFileThatHasAnotherNameToo)
 {
     writeFile(pathOf("victim"), "somebody's file");
-    fs::create_hard_link(pathOf("victim"), pathOf(".alpha.part"));
+    fs::create_hard_link(pathOf("victim"), pathOf(partOf("alpha")));
 
     EXPECT_EQ(download("alpha"), 0);
 
@@ -104,7 +104,7 @@ TEST_F(DownloadStorage, DoesNotWriteIntoAFileThatHasAnotherNameToo)
 
 TEST_F(DownloadStorage, RemovesAFifoInThePartsPlaceAndDoesNotWaitForIt)
 {
-    ASSERT_EQ(mkfifo(pathOf(".alpha.part").c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo(pathOf(partOf("alpha")).c_str(), 0600), 0);
 
     EXPECT_EQ(download("alpha"), 0);
 
@@ -128,8 +128,8 @@ TEST_F(DownloadStorage, DoesNotFollowALinkInTheNotesPlace)
     const std::string note =
         server.address() + "\n" + readAll("/proc/sys/kernel/random/boot_id") + "\"one\"\n";
     writeFile(pathOf("victim"), note);
-    fs::create_symlink("victim", pathOf(".alpha.resume"));
-    writeFile(pathOf(".alpha.part"), "old");
+    fs::create_symlink("victim", pathOf(noteOf("alpha")));
+    writeFile(pathOf(partOf("alpha")), "old");
 
     EXPECT_EQ(download("alpha"), 0);
 
@@ -141,7 +141,7 @@ TEST_F(DownloadStorage, DoesNotFollowALinkInTheNotesPlace)
 
 TEST_F(DownloadStorage, FailsWhereADirectoryStandsInThePartsPlace)
 {
-    fs::create_directory(pathOf(".alpha.part"));
+    fs::create_directory(pathOf(partOf("alpha")));
     EXPECT_EQ(download("alpha"), -5);
     expectTexts(captured.lines(), {like("*package alpha cannot be stored: Is a directory*")});
     EXPECT_TRUE(server.requests().empty());
@@ -171,13 +171,13 @@ TEST_F(DownloadStorage, FailsWhenTheDiskTakesNoMore)
 
 TEST_F(DownloadStorage, LeavesAPartAloneThatAnotherProcessIsWriting)
 {
-    writeFile(pathOf(".alpha.part"), "from another process");
-    ASSERT_EQ(chmod(pathOf(".alpha.part").c_str(), 0600), 0);
-    const int fd = open(pathOf(".alpha.part").c_str(), O_RDWR | O_CLOEXEC);
+    writeFile(pathOf(partOf("alpha")), "from another process");
+    ASSERT_EQ(chmod(pathOf(partOf("alpha")).c_str(), 0600), 0);
+    const int fd = open(pathOf(partOf("alpha")).c_str(), O_RDWR | O_CLOEXEC);
     ASSERT_EQ(flock(fd, LOCK_EX), 0);
 
     EXPECT_EQ(download("alpha"), -6);
-    EXPECT_EQ(readAll(pathOf(".alpha.part")), "from another process");
+    EXPECT_EQ(readAll(pathOf(partOf("alpha"))), "from another process");
     expectTexts(captured.lines(), {like("*another process is downloading it*")});
     EXPECT_TRUE(server.requests().empty());
 
@@ -188,9 +188,9 @@ TEST_F(DownloadStorage, LeavesAPartAloneThatAnotherProcessIsWriting)
 
 TEST_F(DownloadStorage, IsNotHeldUpByAPartThatOthersMayLock)
 {
-    writeFile(pathOf(".alpha.part"), "of nobody knows whom");
-    ASSERT_EQ(chmod(pathOf(".alpha.part").c_str(), 0644), 0);
-    const quillon::UniqueFd locked(open(pathOf(".alpha.part").c_str(), O_RDONLY | O_CLOEXEC));
+    writeFile(pathOf(partOf("alpha")), "of nobody knows whom");
+    ASSERT_EQ(chmod(pathOf(partOf("alpha")).c_str(), 0644), 0);
+    const quillon::UniqueFd locked(open(pathOf(partOf("alpha")).c_str(), O_RDONLY | O_CLOEXEC));
     ASSERT_EQ(flock(locked.get(), LOCK_SH), 0);
 
     EXPECT_EQ(download("alpha"), 0);
