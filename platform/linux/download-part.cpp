@@ -190,21 +190,35 @@ bool DownloadPart::append(const char* data, std::size_t size)
 
 bool DownloadPart::place()
 {
+    if (fsync(file_.get()) != 0) {
+        return false;
+    }
+    if (!isStillAtItsPath()) {
+        errno = ESTALE;
+        return false;
+    }
     // Without its note, a part that stays behind is not taken up for another package.
     if (unlinkat(directory_.get(), noteName_.c_str(), 0) != 0 && errno != ENOENT) {
         return false;
     }
-    return fsync(file_.get()) == 0 && fchmod(file_.get(), kPackageMode & ~presentUmask()) == 0 &&
-           renameat(directory_.get(), partName_.c_str(), directory_.get(), packageName_.c_str()) ==
-               0 &&
-           fsync(directory_.get()) == 0;
+    if (renameat(directory_.get(), partName_.c_str(), directory_.get(), packageName_.c_str()) !=
+        0) {
+        return false;
+    }
+    // Only now, since another process takes a part that others can open for a foreign one. Should
+    // this one be killed here, its owner and the helper that mounts packages still read it. A file
+    // system without modes refuses, and needs none.
+    static_cast<void>(fchmod(file_.get(), kPackageMode & ~presentUmask()));
+    return fsync(directory_.get()) == 0;
 }
 
 void DownloadPart::discard()
 {
     const int reason = errno;
-    unlinkat(directory_.get(), noteName_.c_str(), 0);
-    unlinkat(directory_.get(), partName_.c_str(), 0);
+    if (isStillAtItsPath()) {
+        unlinkat(directory_.get(), noteName_.c_str(), 0);
+        unlinkat(directory_.get(), partName_.c_str(), 0);
+    }
     errno = reason;
 }
 

@@ -49,9 +49,11 @@ public:
     /// Drops what has arrived, to begin with a file of that state.
     bool restart(const std::string& validator);
     bool append(const char* data, std::size_t size);
-    /// Syncs the part and gives it the package's name in one step, replacing what was there.
+    /// Syncs the part and gives it the package's name in one step, replacing what was there. Fails
+    /// with ESTALE when the file at the part's path is another one by now.
     bool place();
-    /// Removes part and note. Leaves errno as it was.
+    /// Removes part and note, unless the file at the part's path is another one by now. Leaves
+    /// errno as it was.
     void discard();
 
 private:
