@@ -21,7 +21,7 @@ enum DownloadStatus : int {
     kRefused = -3,         ///< the server does not give the package, or is not to be trusted
     kTooLarge = -4,        ///< larger than the size limit
     kNotStored = -5,       ///< the packages' directory cannot be written
-    kBusy = -6,            ///< another process is downloading this package
+    kBusy = -6,            ///< another process of this user is downloading this package
     kCancelled = -100,     ///< the process ends
 };
 

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <string_view>
 #include <utility>
 
@@ -59,11 +60,28 @@ mode_t presentUmask()
                                      status.c_str() + line + kTitle.size(), nullptr, kOctal));
 }
 
+/// Whether the error is that of a link, a socket, or a file that is not for this user.
+bool mayNotBeOpened(int error)
+{
+    return error == ELOOP || error == ENXIO || error == EACCES;
+}
+
+bool isPrivate(const struct stat& status)
+{
+    return (status.st_mode & ALLPERMS & ~kPartMode) == 0;
+}
+
+std::string pathOf(const std::string& name)
+{
+    return std::string(kDirectory).append("/").append(name);
+}
+
 }  // namespace
 
 DownloadPart::DownloadPart(std::string identifier, std::string address)
-    : partName_("." + identifier + ".part"),
-      noteName_("." + identifier + ".resume"),
+    : user_(geteuid()),
+      partName_("." + identifier + "." + std::to_string(user_) + ".part"),
+      noteName_("." + identifier + "." + std::to_string(user_) + ".resume"),
       packageName_(std::move(identifier) + ".img"),
       address_(std::move(address))
 {
@@ -102,23 +120,23 @@ PartResult DownloadPart::open()
 
 PartResult DownloadPart::openLocked()
 {
-    // Another process may finish or drop the very part between two steps: then once more.
+    // Another process may finish, drop or begin the very part between two steps: then once more.
     constexpr int kRounds = 10;
+    constexpr int kFlags = O_RDWR | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+    bool wasForeign = false;
     for (int round = 0; round < kRounds; ++round) {
-        file_ = UniqueFd(
-            openat(directory_.get(), partName_.c_str(),
-                   O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY,
-                   kPartMode));
-        struct stat status = {};
-        if (file_ && fstat(file_.get(), &status) != 0) {
-            return PartResult::kFailed;
+        file_ = UniqueFd(openat(directory_.get(), partName_.c_str(), kFlags));
+        const bool isNew = !file_ && errno == ENOENT;
+        if (isNew) {
+            file_ = UniqueFd(
+                openat(directory_.get(), partName_.c_str(), kFlags | O_CREAT | O_EXCL, kPartMode));
+            if (!file_ && errno == EEXIST) {
+                continue;
+            }
         }
-        // A second name would let the package write into somebody's other file. Whoever else may
-        // open a part may lock it, and keep everybody from going on with it.
-        const bool foreign = file_ ? !S_ISREG(status.st_mode) || status.st_nlink > 1 ||
-                                         (status.st_mode & ~(S_IFMT | kPartMode)) != 0
-                                   : errno == ELOOP || errno == ENXIO;
-        if (foreign) {
+        // What was made just now is the user's, whatever owner and mode the file system shows.
+        wasForeign = !isNew && (file_ ? isForeign() : mayNotBeOpened(errno));
+        if (wasForeign) {
             if (unlinkat(directory_.get(), partName_.c_str(), 0) != 0 && errno != ENOENT) {
                 return PartResult::kFailed;
             }
@@ -135,7 +153,28 @@ PartResult DownloadPart::openLocked()
             return PartResult::kOk;
         }
     }
-    return PartResult::kBusy;
+    errno = ESTALE;
+    return wasForeign ? PartResult::kFailed : PartResult::kBusy;
+}
+
+/// Whether the open file is none that a download of this user has made.
+bool DownloadPart::isForeign() const
+{
+    struct stat status = {};
+    if (fstat(file_.get(), &status) != 0) {
+        return false;
+    }
+    // A second name would let the package write into somebody's other file.
+    if (!S_ISREG(status.st_mode) || status.st_nlink > 1 || status.st_uid != user_) {
+        return true;
+    }
+    if (isPrivate(status)) {
+        return false;
+    }
+    // Whoever else may open a part may lock it, and may have done so already. Only where modes
+    // cannot be set does that have to be borne.
+    return fchmod(file_.get(), kPartMode) == 0 && fstat(file_.get(), &status) == 0 &&
+           isPrivate(status);
 }
 
 bool DownloadPart::isStillAtItsPath() const
@@ -147,11 +186,33 @@ bool DownloadPart::isStillAtItsPath() const
            opened.st_dev == present.st_dev && opened.st_ino == present.st_ino;
 }
 
+std::string DownloadPart::failure() const
+{
+    const int reason = errno;
+    const std::string text = std::string(std::strerror(reason)) + ": ";
+    if (reason == EACCES) {
+        return text + "user " + std::to_string(user_) + " may not write to " + kDirectory;
+    }
+    if (reason == ESTALE) {
+        return text + "somebody removes or replaces " + pathOf(partName_);
+    }
+    for (const std::string& name : {partName_, packageName_}) {
+        struct stat status = {};
+        if ((reason == EISDIR || reason == EPERM) &&
+            fstatat(directory_.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+            (S_ISDIR(status.st_mode) || status.st_uid != user_)) {
+            return text + "remove " + pathOf(name) + " as root or as user " +
+                   std::to_string(status.st_uid) + ", who owns it";
+        }
+    }
+    return std::strerror(reason);
+}
+
 std::string DownloadPart::notedValidator() const
 {
     const std::string boot = bootId();
     const std::string head = address_ + "\n" + boot + "\n";
-    const std::string note = readText(std::string(kDirectory).append("/").append(noteName_));
+    const std::string note = readText(pathOf(noteName_));
     if (boot.empty() || note.compare(0, head.size(), head) != 0) {
         return "";
     }

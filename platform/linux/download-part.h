@@ -14,12 +14,16 @@ enum class PartResult { kOk, kBusy, kFailed };
 
 /// The part of a package that has arrived so far, and its way to the package's own name.
 ///
-/// The part is the file ".<identifier>.part" in the packages' directory, locked while the object
-/// lives so that two processes do not write into one, and for its owner alone so that nobody else
-/// locks it; only as a package do others read it, as the umask says. Beside it,
-/// ".<identifier>.resume" notes which address and which state of the server's file the part belongs
-/// to. A link, a FIFO or anything else that stands in the part's place is removed, never written
-/// through. Thread: one object, one thread. Throws std::bad_alloc.
+/// The part is the file ".<identifier>.<uid>.part" in the packages' directory, locked while the
+/// object lives so that two processes do not write into one, and for its owner alone so that nobody
+/// else locks it; only as a package do others read it, as the umask says. Each user has a part of
+/// their own, since nobody can go on with another one's. Beside it, ".<identifier>.<uid>.resume"
+/// notes which address and which state of the server's file the part belongs to.
+///
+/// A link, a FIFO, another user's file or anything else that stands in the part's place is removed,
+/// never written through. Where the file system has no modes, a part is taken as it is; where it
+/// shows another owner than the user, each download begins anew. Thread: one object, one thread.
+/// Throws std::bad_alloc.
 class DownloadPart
 {
 public:
@@ -35,7 +39,7 @@ public:
     /// Makes the directory when it is missing, and takes up what an earlier download left when its
     /// note is of this address and of this run of the machine: what was not synced before a power
     /// failure may be damaged.
-    /// @return kBusy when another process has the part; kFailed with errno telling why
+    /// @return kBusy when another process of this user has the part; kFailed with errno telling why
     PartResult open();
 
     /// How many bytes have arrived.
@@ -56,12 +60,18 @@ public:
     /// errno as it was.
     void discard();
 
+    /// Why open() or place() has failed, for people: what errno says and, where a file is in the
+    /// way, which one and who can remove it. To be asked at once, while errno still tells.
+    std::string failure() const;
+
 private:
     PartResult openLocked();
+    bool isForeign() const;
     bool isStillAtItsPath() const;
     std::string notedValidator() const;
     bool writeNote() const;
 
+    uid_t user_;
     std::string partName_;
     std::string noteName_;
     std::string packageName_;

@@ -31,7 +31,7 @@ std::optional<DownloadStatus> openPart(const char* name, DownloadPart& part)
             PLATFORM_LOGE("package %s: another process is downloading it", name);
             return kBusy;
         default:
-            PLATFORM_LOGE("package %s cannot be stored: %m", name);
+            PLATFORM_LOGE("package %s cannot be stored: %s", name, part.failure().c_str());
             return kNotStored;
     }
 }
@@ -39,7 +39,7 @@ std::optional<DownloadStatus> openPart(const char* name, DownloadPart& part)
 DownloadStatus place(const char* name, DownloadPart& part)
 {
     if (!part.place()) {
-        PLATFORM_LOGE("package %s cannot be stored: %m", name);
+        PLATFORM_LOGE("package %s cannot be stored: %s", name, part.failure().c_str());
         part.discard();
         return kNotStored;
     }

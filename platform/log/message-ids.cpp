@@ -95,7 +95,7 @@ const ExplainedMessage kExplainedMessages[] = {
     {"14a943d7f207426d9109082f204bf959",
      {"package %s cannot be downloaded, given up after %u attempts: %s"},
      kPlatform},
-    {"6b5a2ffcb1dd44338a9db19f84f66f23", {"package %s cannot be stored: %m"}, kPlatform},
+    {"6b5a2ffcb1dd44338a9db19f84f66f23", {"package %s cannot be stored: %s"}, kPlatform},
     {"f656616942794466bcf45c7a6a2e81b9",
      {"%s: line %d has an unknown key or a value that it cannot have", "%s has no address"},
      kPlatform},

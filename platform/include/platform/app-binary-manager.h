@@ -14,7 +14,7 @@ namespace appbinaryManager {
 ///                    status is 0 when the package is there, otherwise negative. On a stock Linux:
 ///                    -1 the manager failed, -2 every attempt broke off (the next request goes on
 ///                    where it ended), -3 refused or not to be trusted, -4 larger than allowed,
-///                    -5 not to be stored, -6 another process is downloading it
+///                    -5 not to be stored, -6 another process of this user is downloading it
 /// @param user_data   passed to the callback unchanged
 /// @param identifier  name of the package; on a stock Linux 1 to 127 letters and digits
 /// @return true when the request was accepted. Thread: any, the callback's too.

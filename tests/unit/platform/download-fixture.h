@@ -1,6 +1,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <condition_variable>
 #include <mutex>
@@ -50,10 +51,13 @@ protected:
 
     static std::string pathOf(const std::string& name) { return kDirectory + ("/" + name); }
     /// Names of what this user's unfinished download of a package leaves in the directory.
-    static std::string partOf(const std::string& identifier) { return "." + identifier + ".part"; }
+    static std::string partOf(const std::string& identifier)
+    {
+        return "." + identifier + "." + std::to_string(geteuid()) + ".part";
+    }
     static std::string noteOf(const std::string& identifier)
     {
-        return "." + identifier + ".resume";
+        return "." + identifier + "." + std::to_string(geteuid()) + ".resume";
     }
     /// Names of all that lies in the packages' directory, but for the directory for mounts.
     static std::vector<std::string> namesInDirectory();

@@ -143,7 +143,8 @@ TEST_F(DownloadStorage, FailsWhereADirectoryStandsInThePartsPlace)
 {
     fs::create_directory(pathOf(partOf("alpha")));
     EXPECT_EQ(download("alpha"), -5);
-    expectTexts(captured.lines(), {like("*package alpha cannot be stored: Is a directory*")});
+    expectTexts(captured.lines(), {like("*package alpha cannot be stored: Is a directory: remove " +
+                                        pathOf(partOf("alpha")) + " as root or as user*")});
     EXPECT_TRUE(server.requests().empty());
 }
 
@@ -151,7 +152,8 @@ TEST_F(DownloadStorage, FailsWhereADirectoryStandsInThePackagesPlace)
 {
     fs::create_directory(pathOf("alpha.img"));
     EXPECT_EQ(download("alpha"), -5);
-    expectTexts(captured.lines(), {like("*package alpha cannot be stored: *")});
+    expectTexts(captured.lines(), {like("*package alpha cannot be stored: Is a directory: remove " +
+                                        pathOf("alpha.img") + " as root or as user*")});
     expectTexts(namesInDirectory(), {"alpha.img"});
 }
 
