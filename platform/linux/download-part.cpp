@@ -157,7 +157,8 @@ PartResult DownloadPart::openLocked()
     return wasForeign ? PartResult::kFailed : PartResult::kBusy;
 }
 
-/// Whether the open file is none that a download of this user has made.
+/// Whether the open file stands in the part's place and is none that a download of this user has
+/// made.
 bool DownloadPart::isForeign() const
 {
     struct stat status = {};
@@ -165,16 +166,15 @@ bool DownloadPart::isForeign() const
         return false;
     }
     // A second name would let the package write into somebody's other file.
-    if (!S_ISREG(status.st_mode) || status.st_nlink > 1 || status.st_uid != user_) {
-        return true;
-    }
-    if (isPrivate(status)) {
+    const bool isOwn = S_ISREG(status.st_mode) && status.st_nlink == 1 && status.st_uid == user_;
+    // Since it was opened it may have become a package, and the next part be in its place.
+    if ((isOwn && isPrivate(status)) || !isStillAtItsPath()) {
         return false;
     }
     // Whoever else may open a part may lock it, and may have done so already. Only where modes
     // cannot be set does that have to be borne.
-    return fchmod(file_.get(), kPartMode) == 0 && fstat(file_.get(), &status) == 0 &&
-           isPrivate(status);
+    return !isOwn || (fchmod(file_.get(), kPartMode) == 0 && fstat(file_.get(), &status) == 0 &&
+                      isPrivate(status));
 }
 
 bool DownloadPart::isStillAtItsPath() const

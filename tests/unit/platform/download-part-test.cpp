@@ -1,5 +1,6 @@
 #include "platform/linux/download-part.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
@@ -13,7 +14,9 @@
 
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <optional>
+#include <utility>
 
 #include "base/fd.h"
 #include "download-fixture.h"
@@ -33,6 +36,22 @@ namespace fs = std::filesystem;
 
 constexpr char kAddress[] = "http://127.0.0.1/";
 constexpr uid_t kNobody = 65534;
+
+std::function<void()> g_beforeLooking;
+
+}  // namespace
+
+/// In front of the system's, so that a test can come between opening a part and looking at it,
+/// once.
+extern "C" int fstat(int file, struct stat* status) noexcept
+{
+    if (const auto act = std::exchange(g_beforeLooking, nullptr)) {
+        act();
+    }
+    return fstatat(file, "", status, AT_EMPTY_PATH);
+}
+
+namespace {
 
 /// A child that a module has forked off, and that lives on.
 class ForkedChild
@@ -175,6 +194,30 @@ TEST_F(DownloadPartDeathTest, DoesNotPlaceOrDiscardAFileThatHasTakenItsName)
     ASSERT_TRUE(append(second, " and the rest"));
     EXPECT_TRUE(second.place());
     EXPECT_EQ(readAll(pathOf("alpha.img")), "a part and the rest");
+}
+
+TEST_F(DownloadPartDeathTest, DoesNotTakeTheNextPartForThePackageThatThisOneHasBecome)
+{
+    const mode_t before = umask(022);
+    std::optional<DownloadPart> first(std::in_place, "alpha", kAddress);
+    ASSERT_EQ(first->open(), PartResult::kOk);
+    ASSERT_TRUE(append(*first, "package"));
+    DownloadPart third("alpha", kAddress);
+    g_beforeLooking = [&] {
+        EXPECT_TRUE(first->place());
+        first.reset();
+        EXPECT_EQ(third.open(), PartResult::kOk);
+        EXPECT_TRUE(append(third, "a part"));
+    };
+
+    DownloadPart second("alpha", kAddress);
+    EXPECT_EQ(second.open(), PartResult::kBusy);
+
+    EXPECT_EQ(readAll(pathOf(partOf("alpha"))), "a part");
+    struct stat status = {};
+    EXPECT_EQ(stat(pathOf("alpha.img").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & ALLPERMS, 0644U);
+    umask(before);
 }
 
 TEST_F(DownloadPartDeathTest, IsFreeAfterItsEndWhateverChildrenLive)
