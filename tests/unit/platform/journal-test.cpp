@@ -61,7 +61,7 @@ TEST_F(LogToTheJournal, GivesTheIdOfItsExplanationWithAnErrorThatTheCatalogueKno
 
 TEST_F(LogToTheJournal, GivesNoIdWithAnyOtherMessage)
 {
-    LOG(6, "FWUPDATE", "%s: %s(%d) > Try allDoUpdateDone", "f.cpp", "g", 1);
+    LOG(6, "FWUPDATE", "%s: %s(%d) > Try something else", "f.cpp", "g", 1);
     LOG(6, "TUNER", "%s: %s(%d) > Error: iv is worng", "tuner.cpp", "doUpdate", 1);
     LOG(6, "FWUPDATE", "%s", "Error: iv is worng");
     EXPECT_THAT(journal.messages, Each(Not(Contains(StartsWith("MESSAGE_ID=")))));
