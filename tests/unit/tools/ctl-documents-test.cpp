@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <set>
@@ -214,4 +215,27 @@ TEST(CtlCompletion, OffersDirectoriesToTheVerbsThatTakeOne)
     EXPECT_EQ(complete({"quillonctl", "estimate", "/us"}).count("/usr"), 1U);
     EXPECT_TRUE(complete({"quillonctl", "progress", "/us"}).empty());
     EXPECT_TRUE(complete({"quillonctl", "--timeout", ""}).empty());
+}
+
+TEST(CtlTroubleshooting, QuotesWhatTheProgramSays)
+{
+    std::string sources;
+    for (const char* room : {"client", "tools/quillonctl"}) {
+        for (const auto& file : std::filesystem::recursive_directory_iterator(
+                 std::string(QUILLON_SOURCE_DIR "/") + room)) {
+            sources += file.path().extension() == ".cpp" ? readAll(file.path()) : "";
+        }
+    }
+    sources = std::regex_replace(sources, std::regex("\"\\s+\""), "");  // literals in pieces
+    const std::string tables = between(readAll(QUILLON_SOURCE_DIR "/docs/troubleshooting.md"),
+                                       "## What quillonctl says", "\n## ");
+    const Words messages = allMatches(tables, "^\\| `([^`]+)` \\|");
+    EXPECT_GT(messages.size(), 30U);
+    for (const std::string& message : messages) {
+        const std::regex between("…");
+        for (std::sregex_token_iterator piece(message.begin(), message.end(), between, -1), end;
+             piece != end; ++piece) {
+            EXPECT_NE(sources.find(*piece), std::string::npos) << message;
+        }
+    }
 }
