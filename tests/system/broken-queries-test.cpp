@@ -20,6 +20,9 @@ constexpr Moment kMoments[] = {{"load", " while it was loaded"},
                                {"setContext", " while it was loaded"},
                                {"getEMPID", " while it was loaded"},
                                {"getActiveVersion", " when it was asked for its version"}};
+/// Seconds for each answer of a module, of which one hangs; and where none does.
+constexpr const char* kShort = "3";
+constexpr const char* kAmple = "60";
 constexpr const char* kChecked = " when it was asked whether it needs an update";
 
 class BrokenQueries : public ControlLayer
@@ -34,9 +37,10 @@ protected:
     }
 
     /// Lists the modules, in which beta must be whole.
-    static Json::Value list()
+    /// @param patience  seconds for each answer of a module
+    static Json::Value list(const std::string& patience = kAmple)
     {
-        Json::Value modules = json({"list", "--timeout", "3"});
+        Json::Value modules = json({"list", "--timeout", patience});
         EXPECT_EQ(of("beta", modules)["kind"], "firmware");
         EXPECT_EQ(of("beta", modules)["running"], "1.0");
         return modules;
@@ -50,9 +54,9 @@ protected:
         EXPECT_FALSE(module.isMember("running"));
     }
     /// Checks the modules, of which beta must need an update.
-    static Json::Value check()
+    static Json::Value check(const std::string& patience = kAmple)
     {
-        Json::Value checks = json({"check", "--source", "system", "--timeout", "3"});
+        Json::Value checks = json({"check", "--source", "system", "--timeout", patience});
         EXPECT_EQ(of("beta", checks)["decision"], "needed");
         return checks;
     }
@@ -83,7 +87,7 @@ TEST_F(BrokenQueries, ThatHangNameTheModuleAndListTheOthers)
     for (const Moment& moment : kMoments) {
         installGuided("alpha", std::string("hang-in-") + moment.name);
 
-        expectUnusable(of("alpha", list()), "hung", std::string("it hung") + moment.told);
+        expectUnusable(of("alpha", list(kShort)), "hung", std::string("it hung") + moment.told);
     }
 }
 
@@ -106,7 +110,7 @@ TEST_F(BrokenQueries, OfSeveralModulesNameEachOfThem)
     installGuided("delta", "exit-in-getEMPID");
     installGuided("EXT-tool", "fault-in-getActiveVersion");
 
-    const Json::Value modules = list();
+    const Json::Value modules = list(kShort);
 
     EXPECT_EQ(modules["modules"].size(), 5U);
     EXPECT_EQ(of("alpha", modules)["problem"], "crashed");
@@ -117,8 +121,9 @@ TEST_F(BrokenQueries, OfSeveralModulesNameEachOfThem)
 
 TEST_F(BrokenQueries, OfACheckNameTheModuleAndCheckTheOthers)
 {
-    const auto expectProblem = [](const std::string& problem, const std::string& reason) {
-        const Json::Value alpha = of("alpha", check());
+    const auto expectProblem = [](const std::string& problem, const std::string& reason,
+                                  const std::string& patience = kAmple) {
+        const Json::Value alpha = of("alpha", check(patience));
         EXPECT_EQ(alpha["decision"], "unusable");
         EXPECT_EQ(alpha["problem"], problem);
         EXPECT_EQ(alpha["reason"], reason);
@@ -128,7 +133,7 @@ TEST_F(BrokenQueries, OfACheckNameTheModuleAndCheckTheOthers)
     installGuided("alpha", "exit-in-checkVersion");
     expectProblem("ended", std::string("it ended the program") + kChecked);
     installGuided("alpha", "hang-in-checkVersion");
-    expectProblem("hung", std::string("it hung") + kChecked);
+    expectProblem("hung", std::string("it hung") + kChecked, kShort);
     installGuided("alpha", "fault-in-load");
     expectProblem("crashed", "it crashed while it was loaded (SIGSEGV)");
 }
@@ -166,7 +171,7 @@ TEST_F(BrokenQueries, ByAThreadOfAModuleAreNotBlamedOnTheOneThatIsAsked)
     installGuided("alpha", "fault-beside-in-load");
     installGuided("gamma", "go-in-getActiveVersion hang-in-getActiveVersion");
     const auto expectBothNamed = [] {
-        const Json::Value modules = list();
+        const Json::Value modules = list(kShort);
         expectUnusable(of("alpha", modules), "crashed", "it crashed (SIGSEGV)");
         expectUnusable(of("gamma", modules), "hung", "it hung when it was asked for its version");
     };
@@ -227,7 +232,7 @@ TEST_F(BrokenQueries, ThatHangAreEndedWithWhatTheModuleHasStarted)
 {
     const std::string tool = "until test -e /tmp/quillon-test-g[o]";
     installGuided("alpha", "tool-in-getActiveVersion");
-    BackgroundLayer layer({"modules", "list", "--timeout", "3"});
+    BackgroundLayer layer({"modules", "list", "--timeout", kShort});
     ASSERT_TRUE(eventually([&] { return isRunning(tool); }));
 
     EXPECT_EQ(layer.wait(), 0);
