@@ -86,7 +86,7 @@ public:
     virtual void hear(const ModuleNews& news) = 0;
     virtual void hearRun(const RunNews& /*news*/) {}
 
-    /// An event could not be told, or not be heard to the end: as a rule memory has run out.
+    /// An event was lost or only partly heard, usually because memory ran out.
     /// @{
     virtual void miss(ModuleEvent /*event*/) noexcept {}
     virtual void missRun(RunEvent /*event*/) noexcept {}

@@ -19,7 +19,7 @@ std::string lineOf(const Json::Value& object);
 /// Opens a file to add to it. It should be closed before a module is called: one that closes a
 /// descriptor twice must not have a line written into a file of its own.
 /// @param flags        O_WRONLY or O_RDWR, and more for open
-/// @param[out] opened  what the file is; anything where it is not opened
+/// @param[out] opened  what the file is; undefined if not opened
 /// @return none for what is not there, no regular file, or a link. Never throws.
 UniqueFd openForLines(const std::string& path, int flags, struct stat& opened);
 

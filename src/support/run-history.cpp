@@ -44,6 +44,7 @@ void RunHistory::begin(Json::Value line)
         line["lost"] = true;
     }
     isKept_ = append(lineOf(line));
+    isLost_ = !isKept_;  // it may be in the file all the same
 }
 
 void RunHistory::add(const Json::Value& line)

@@ -12,10 +12,9 @@ namespace quillon {
 inline constexpr const char* kHistory = "history.jsonl";
 inline constexpr const char* kEarlierHistory = "earlier-history.jsonl";
 
-/// Keeps the lines of all updates, see RunRecord, over restarts and power cuts: each one is added
-/// to "history.jsonl" and brought to the disk, so when the power fails in a module, the last line
-/// names the module. A line that was cut is ended before the next run's first. That one has
-/// "lost": true where the lines before it lack an end since they could not be written.
+/// Appends the lines of each update, see RunRecord, to "history.jsonl", and syncs each one: after a
+/// power cut in a module, the last line names the module. A new run first ends a line that was cut.
+/// If the run before could not be written to its end, the new run's first line has "lost": true.
 ///
 /// A run begins a new file when there is 1 MiB in the old one, which becomes the only earlier one.
 /// No file grows beyond 2 MiB.

@@ -184,7 +184,7 @@ void RunRecord::begin(Record record, const std::string& stick)
     line["at"] = Json::Int64(time(nullptr));
     line["pid"] = getpid();
     if (!stick.empty()) {
-        // Clients pad their paths with "/".
+        // A client may pad its path with "/".
         const std::size_t last = stick.find_last_not_of('/');
         line["directory"] = stick.substr(0, last == std::string::npos ? 1 : last + 2);
     }

@@ -47,7 +47,7 @@ public:
 
     /// Makes the record of the start.
     /// @param directory  with "/" at its end; must exist, or nothing is recorded there
-    /// @param history    the same of the history
+    /// @param history    as `directory`, for the history
     explicit RunRecord(const std::string& directory,
                        const std::string& history = paths::kRunHistory);
 

@@ -28,7 +28,7 @@ protected:
         for (const std::string& module : allModules()) {
             removeModule(module);
         }
-        installTestModule("alpha", std::string("need=1\nseconds=20\ncapture=") + kFlash + "\n");
+        installTestModule("alpha", std::string("need=1\nseconds=600\ncapture=") + kFlash + "\n");
         putImage("alpha", "2.0", "payload");
         startDaemon();
     }
@@ -79,6 +79,23 @@ TEST_F(FollowedUpdate, OfAServiceThatIsKilledNamesTheModule)
         expectText(program->output(), like("*quillonctl: *; *at the module alpha*\n"));
     }
     EXPECT_EQ(runCtl(kFollow).out, "No update is running\n");
+}
+
+TEST_F(FollowedUpdate, IsTimedByItsOwnRecordWhereTheEstimatesIsOfAnotherStick)
+{
+    BackgroundLayer update({"update", kStick});
+    ASSERT_TRUE(update.says("Updating alpha\n"));
+    writeFile("/run/quillon/run/estimate.jsonl",
+              "{\"event\":\"began\",\"clock\":1,\"directory\":\"/media/\"}\n");
+    BackgroundLayer viewer(kFollow);
+
+    EXPECT_TRUE(viewer.says(" s left)\n"));
+
+    std::filesystem::remove("/run/quillon/run/update.jsonl");
+    EXPECT_EQ(viewer.wait(), 9);
+    expectText(viewer.output(), like("*the record of the update is gone*"));
+    goOn();
+    EXPECT_EQ(update.wait(), 0);
 }
 
 TEST_F(FollowedUpdate, CannotBeShownWithoutRecords)

@@ -31,20 +31,22 @@ struct Pace
     int left() const { return static_cast<int>(std::ceil(total - done)); }
 };
 
-/// @param look  the estimate that the service makes when it starts an update
+/// @param look  the estimate that the service has made when it started the update
 Pace paceOf(const RecordedRun& look, const RecordedRun& update)
 {
     Pace pace;
     std::map<std::string, int> expected;
     for (const RecordedModule& module : look.modules) {
-        if (module.finding && module.finding->result == 1) {
-            expected[module.name] = module.expectedSeconds;
-            pace.total += module.expectedSeconds;
+        if (module.finding && module.finding->result == 1 && look.directory == update.directory) {
+            expected.try_emplace(module.name, module.expectedSeconds);
         }
     }
     for (const RecordedModule& module : update.modules) {
-        const double most = expected[module.name];
+        const double most = expected.try_emplace(module.name, module.expectedSeconds).first->second;
         pace.done += module.finding ? most : std::min(most, secondsSinceBoot() - module.began);
+    }
+    for (const auto& [name, seconds] : expected) {
+        pace.total += seconds;
     }
     return pace;
 }
@@ -61,12 +63,12 @@ std::optional<RecordedRun> readUpdate()
     return readRecordedRun("update");
 }
 
-[[noreturn]] void giveUp(const RecordedRun& update)
+[[noreturn]] void serviceEndedDuring(const RecordedRun& update)
 {
     const RecordedModule* module = update.present();
     throw Failure{
         kExitSystem,
-        "the update service has ended before the update" +
+        "the update service ended during the update" +
             (module != nullptr ? "; it was at the module " + printable(module->name) : "") +
             "; the update service's log says more"};
 }
@@ -92,11 +94,16 @@ ExitCode followUpdate(Output& output, std::chrono::milliseconds pollInterval)
         const bool isGone =
             hasServiceEnded(*update);  // before the last look at what it has written
         const std::optional<RecordedRun> latest = readUpdate();
-        if (latest && latest->began != began) {
+        if (!latest) {
+            throw Failure{kExitSystem,
+                          "the record of the update is gone; \"quillonctl progress\" "
+                          "asks the service"};
+        }
+        if (latest->began != began) {
             throw Failure{kExitSystem, "the update has ended, and the next one has begun"};
         }
-        if (!latest || (isGone && !latest->result)) {
-            giveUp(*update);
+        if (isGone && !latest->result) {
+            serviceEndedDuring(*update);
         }
         update = latest;
     }

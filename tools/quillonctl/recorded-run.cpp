@@ -93,7 +93,7 @@ void RunLines::take(const Json::Value& line)
 
 bool hasServiceEnded(const RecordedRun& run)
 {
-    if (kill(run.service, 0) != 0 && errno == ESRCH) {
+    if (run.service <= 0 || (kill(run.service, 0) != 0 && errno == ESRCH)) {
         return true;
     }
     // Its number may be another process's by now.

@@ -166,6 +166,16 @@ TEST_F(RunHistories, ThatMissALineTellTheNextRunSo)
     expectTexts(linesOf(kFile), {R"({"event":"began"})", R"({"event":"began","lost":true})"});
 }
 
+TEST_F(RunHistories, WhoseFirstLineFailsTellTheNextRunSo)
+{
+    disk.error = EIO;
+    history.begin(line("began"));
+    disk.error = 0;
+    history.begin(line("began"));
+
+    expectTexts(linesOf(kFile), {R"({"event":"began"})", R"({"event":"began","lost":true})"});
+}
+
 TEST_F(RunHistories, MakeNoDirectory)
 {
     fs::remove_all(kDirectory);
