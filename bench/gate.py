@@ -2,6 +2,7 @@
 import os
 import pathlib
 import re
+import statistics
 
 import device
 from device import BenchError, run
@@ -62,12 +63,16 @@ def count(tools: str, build: str) -> dict[str, dict[str, int]]:
     with Workshop(tools) as workshop:
         stick = workshop.stick(1)
         workshop.put_image(stick, MIB, module=1)
-        workshop.put_image(stick, 65536, module=2)
         for path in run(*emulator, program).stdout.splitlines():
-            device.forget_earlier_service()
-            done = run("env", "-i", *PINS, *counter, program, path)
-            counts[path] = {"instructions": number_after("Collected :", done.stderr),
-                            "allocations": number_after("allocations", done.stdout)}
+            counted = []
+            # The service deciphers a block beyond the image. One in 256 images happens to have a right padding there.
+            for _ in range(3 if path.startswith("estimate") else 1):
+                workshop.put_image(stick, 65536, module=2)
+                device.forget_earlier_service()
+                done = run("env", "-i", *PINS, *counter, program, path)
+                counted.append((number_after("allocations", done.stdout), number_after("Collected :", done.stderr)))
+            allocations, instructions = statistics.median_low(counted)
+            counts[path] = {"instructions": instructions, "allocations": allocations}
     return counts
 
 def hold(recorded: dict, counted: dict) -> tuple[str, bool]:
