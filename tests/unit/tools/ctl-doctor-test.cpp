@@ -197,6 +197,21 @@ TEST_F(CtlDoctor, SurvivesAVerifierThatDoesNot)
               "the process when it is loaded");
 }
 
+TEST_F(CtlDoctor, LoadsNoVerifierThatOthersCanPutInPlace)
+{
+    DoctorsDevice device;
+    fs::create_directory("/usr/lib/open");
+    fs::copy_file(DOCTORS_BROKEN_VERIFIER, "/usr/lib/open/verifier.so");
+    fs::permissions("/usr/lib/open", fs::perms::all);
+    fs::remove("/usr/lib/libkUEPUser.so");
+    fs::create_symlink("open/verifier.so", "/usr/lib/libkUEPUser.so");
+
+    const auto findings = findingsOf(runCtl({"--json", "doctor"}));
+
+    EXPECT_FALSE(findingIn(findings, "trusted-place-open").isNull());
+    EXPECT_EQ(findingIn(findings, "verifier-unusable"), Json::Value());
+}
+
 TEST_F(CtlDoctor, ShowsNoControlCharactersOfANameOnTheDevice)
 {
     DoctorsDevice device;

@@ -29,7 +29,6 @@ namespace quillon::doctor {
 namespace {
 
 constexpr int kLoadMilliseconds = 10000;
-constexpr mode_t kGroupAndOthersWrite = 0022;
 constexpr mode_t kGroupAndOthers = 0077;
 
 /// Loads the verifier in a process that may come to grief, and says why it is of no use.
@@ -183,8 +182,8 @@ Findings checkVerifier(const Surroundings& /*around*/)
                           " every image counts as signed",
                       remedy)};
     }
-    // Who could change it would have us run what they like.
-    if (status.st_uid != 0 || (status.st_mode & kGroupAndOthersWrite) != 0) {
+    // Who could change it, or a step on the way to it, would have us run what they like.
+    if (!unit::inspectPlaces({paths::kVerifierLibrary}).empty()) {
         return {};
     }
     const std::string fault = faultOfVerifier();
