@@ -1,9 +1,13 @@
 // What quillonctl doctor says of the real daemon.
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
 #include <filesystem>
+#include <regex>
+#include <set>
 
+#include "support/host-user.h"
 #include "system/system-test.h"
 #include "unit/tools/ctl-program.h"
 
@@ -12,7 +16,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::HasSubstr;
-using testing::Not;
 
 /// The example modules tuner, panel and camera.
 class DiagnosedService : public SystemTest
@@ -20,31 +23,44 @@ class DiagnosedService : public SystemTest
 protected:
     void SetUp() override
     {
+        umask(0022);
         SystemTest::SetUp();
         fs::create_directories("/run/quillon/run");
     }
 
     static std::string doctorSays() { return runCtl({"doctor"}).out; }
+
+    static std::set<std::string> codesThatDoctorFinds()
+    {
+        const std::string said = runCtl({"--json", "doctor"}).out;
+        const std::regex code("\"code\":\"([a-z-]+)\"");
+        std::set<std::string> codes;
+        for (std::sregex_iterator it(said.begin(), said.end(), code), end; it != end; ++it) {
+            codes.insert((*it)[1].str());
+        }
+        return codes;
+    }
 };
 
 TEST_F(DiagnosedService, HasNoFaultOfItsOwnWhileItRuns)
 {
+    struct stat root = {};
+    if (stat("/", &root) != 0 || root.st_uid != 0 || !forgetHostsUser("quillon")) {
+        GTEST_SKIP() << "\"/\" is not root's, or the service's user is this machine's";
+    }
     startDaemon();
 
-    const std::string said = doctorSays();
-
-    // The device lacks the helpers, and what tmpfiles makes.
-    for (const char* fault : {"marker", "event", "queue", "replies", "start", "module ", "key",
-                              "update semaphore", "does not run"}) {
-        EXPECT_THAT(said, Not(HasSubstr(fault)));
-    }
+    // The helpers do not run here, and the packages' directory is as anybody makes one.
+    std::set<std::string> codes = codesThatDoctorFinds();
+    codes.erase("helper-missing");
+    EXPECT_EQ(codes, std::set<std::string>{"packages-open"});
 }
 
 TEST_F(DiagnosedService, NamesTheModuleThatTookItDownWhenItStarted)
 {
     installTestModule("broken", "getEMPID.effect=crash\n");
     daemon.start();
-    ASSERT_TRUE(daemon.waitForEnd(std::chrono::seconds(30)));
+    ASSERT_TRUE(daemon.waitForEnd(kPatience));
 
     EXPECT_THAT(doctorSays(),
                 HasSubstr("error: the module broken took the service down while it was loaded, at "
@@ -62,7 +78,9 @@ TEST_F(DiagnosedService, NamesTheModuleThatItWasUpdatingWhenItWasKilled)
 {
     putImagesForAll("2.0");
     startDaemon();
-    setModule("tuner", 1, 60);
+    for (const std::string& name : allModules()) {
+        setModule(name, 1, 60);
+    }
     ASSERT_TRUE(start());
     ASSERT_TRUE(waitFor("the update of a module", [] {
         return !linesOf("/run/quillon/run/update.jsonl", "\"started\"").empty();

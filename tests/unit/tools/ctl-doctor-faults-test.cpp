@@ -98,7 +98,7 @@ std::vector<Fault> faults()
         {"trusted-place-open", "error", [](D&) { chmod("/etc/quillon/trusted-keys/a.pem", 0666); },
          "/etc/quillon/trusted-keys/a.pem can be written by others"},
         {"trusted-place-open", "error", [](D&) { giveAway("/usr/fwupdate/controls/lamp.so"); },
-         "lamp.so belongs to user 1234"},
+         "lamp.so belongs to user 61234"},
         {"keys-none", "error", [](D&) { fs::remove("/etc/quillon/trusted-keys/a.pem"); },
          "no image is installed"},
         {"key-unusable", "warning",
@@ -108,7 +108,7 @@ std::vector<Fault> faults()
              must(D::giveServiceToItsUser());
              chmod("/etc/quillon/trusted-keys/a.pem", 0600);
          },
-         "a.pem: user 990 cannot read it"},
+         "a.pem: user 61990 cannot read it"},
         {"certificate-unusable", "warning",
          [](D&) { writeFile("/etc/quillon/provisioning-certificates/b.pem", "none"); }, "b.pem"},
         {"certificate-expired", "note",
@@ -129,7 +129,7 @@ std::vector<Fault> faults()
              must(D::giveServiceToItsUser());
              chmod("/etc/quillon/trust.conf", 0600);
          },
-         "user 990 cannot read it"},
+         "user 61990 cannot read it"},
         {"service-without-key", "error",
          [](D& device) {
              putRecord("start", device.service(), "{\"event\":\"serving\",\"key\":false}\n");
@@ -150,7 +150,7 @@ std::vector<Fault> faults()
              must(D::giveServiceToItsUser());
              chmod(kPackage, 0600);
          },
-         "user 990 cannot read"},
+         "user 61990 cannot read"},
         {"provisioning-exposed", "warning",
          [](D&) {
              writeFile(kPackage, "package");
@@ -165,7 +165,7 @@ std::vector<Fault> faults()
          },
          "accepts no provisioning package"},
         {"marker-owner", "error", [](D&) { giveAway("/tmp/fw_update_ready_usb"); },
-         "fw_update_ready_usb belongs to user 1234"},
+         "fw_update_ready_usb belongs to user 61234"},
         {"marker-stale", "warning", [](D& device) { device.endService(); }, "has left its marker"},
         {"marker-missing", "warning", [](D&) { fs::remove("/tmp/fw_update_ready_usb"); },
          "about to end"},
@@ -184,7 +184,7 @@ std::vector<Fault> faults()
              const quillon::UniqueFd queue(mq_open(FW_MQ_SERVICE_QUEUE, O_RDONLY));
              must(fchown(queue.get(), kStranger, kStranger) == 0);
          },
-         "queue of commands, /dev/mqueue/fwupdateservice_usb, belongs to user 1234"},
+         "queue of commands, /dev/mqueue/fwupdateservice_usb, belongs to user 61234"},
         {"queue-mode", "error", [](D&) { putQueue(FW_MQ_SERVICE_QUEUE, 0622); }, "lets others in"},
         {"queue-shape", "error", [](D&) { putQueue(FW_MQ_SERVICE_QUEUE, 0666, 9); },
          "has 9 places"},
@@ -205,7 +205,7 @@ std::vector<Fault> faults()
              writeFile("/tmp/fwupdate-off-list.txt", "");
              giveAway("/tmp/fwupdate-off-list.txt");
          },
-         "belongs to user 1234"},
+         "belongs to user 61234"},
         {"client-lock-blocked", "error",
          [](D&) {
              const std::string lock = quillon::ClientLock::defaultPath();
@@ -220,7 +220,7 @@ std::vector<Fault> faults()
              putSemaphore(1);
              giveAway(kSemaphore);
          },
-         "belongs to user 1234"},
+         "belongs to user 61234"},
         {"semaphore-open", "error", [](D&) { putSemaphore(1, 0666); }, "open to others"},
         {"helper-missing", "warning", [](D&) { fs::remove("/run/quillon/privileged.sock"); },
          "no package can be mounted"},
@@ -237,7 +237,7 @@ std::vector<Fault> faults()
              must(D::giveServiceToItsUser());
              chmod(kModules, 0700);
          },
-         "user 990 cannot read"},
+         "user 61990 cannot read"},
         {"module-unreadable", "error",
          [](D&) { fs::create_symlink("nothing", "/usr/fwupdate/controls/dead.so"); }, "dead.so"},
         {"module-unreadable", "error",
@@ -303,7 +303,7 @@ std::vector<Fault> faults()
          },
          "sbox/ is missing"},
         {"directory-unusable", "warning", [](D&) { must(D::giveServiceToItsUser()); },
-         "user 990 cannot write to"},
+         "user 61990 cannot write to"},
         {"packages-open", "warning", [](D&) { chmod("/opt/usr/apps/appbinarymanager/emps", 0755); },
          "every user can enter"},
         {"space-low", "warning", [](D&) { mountMemory(kShared, 0, "size=64k"); }, "64 KiB"},

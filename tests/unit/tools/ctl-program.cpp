@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "support/open-way.h"
+
 namespace {
 
 /// Made before fork(): another thread may hold the allocator's lock then, for ever in the child.
@@ -112,6 +114,12 @@ CtlResult CtlProgram::finish()
 CtlResult runCtl(const std::vector<std::string>& arguments, uid_t user)
 {
     return CtlProgram(arguments, user).finish();
+}
+
+bool canRunCtlAs(uid_t user)
+{
+    return quillon::test::openWayTo(QUILLONCTL_PROGRAM) &&
+           runCtl({"--version"}, user).exitCode == 0;
 }
 
 CtlResult runCtlOnTerminal(const std::vector<std::string>& arguments, unsigned short columns,

@@ -36,6 +36,10 @@ private:
 /// Runs the program to its end with its outputs in pipes.
 CtlResult runCtl(const std::vector<std::string>& arguments, uid_t user = 0);
 
+/// Opens the way to the program on a private device of root's.
+/// @return whether that user can run it
+bool canRunCtlAs(uid_t user);
+
 /// Runs the program to its end on a terminal of its own.
 /// @param terminal  what TERM is set to
 /// @return everything that arrived at the terminal in `out`
