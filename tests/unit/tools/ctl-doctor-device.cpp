@@ -27,7 +27,6 @@ namespace fs = std::filesystem;
 using quillon::test::readAll;
 using quillon::test::writeFile;
 
-constexpr const char* kProgram = "/tmp/quillon-service";
 constexpr const char* kSocket = "/run/quillon/privileged.sock";
 constexpr pid_t kGone = 0x3ffffff;  // no process has such a number
 
@@ -114,6 +113,31 @@ void sendTo(const char* name)
     }
 }
 
+NamedProcess::NamedProcess(const std::string& name, uid_t user) : program_("/tmp/" + name)
+{
+    fs::copy_file("/bin/sleep", program_);
+    id_ = fork();
+    if (id_ == 0) {
+        if (user == 0 || setuid(user) == 0) {
+            execl(program_.c_str(), name.c_str(), "infinity", nullptr);
+        }
+        _exit(127);
+    }
+    const std::string seen = "/proc/" + std::to_string(id_) + "/comm";
+    if (!quillon::test::eventually([&] { return readAll(seen) == name + "\n"; })) {
+        kill(id_, SIGKILL);
+        waitpid(id_, nullptr, 0);
+        throw std::runtime_error(name + " does not start");
+    }
+}
+
+NamedProcess::~NamedProcess()
+{
+    kill(id_, SIGKILL);
+    waitpid(id_, nullptr, 0);
+    fs::remove(program_);
+}
+
 DoctorsDevice::DoctorsDevice()
 {
     umask(0022);
@@ -130,36 +154,11 @@ DoctorsDevice::DoctorsDevice()
     putQueue(FW_MQ_SERVICE_QUEUE);
     putQueue(FW_MQ_CONTROL_QUEUE);
     listener_ = listenAt(kSocket);
-    startService();
-    putRecord("start", service_,
+    service_.emplace("quillon-service");
+    putRecord("start", service(),
               "{\"event\":\"loading\",\"module\":\"lamp\"}\n"
               "{\"event\":\"loaded\",\"module\":\"lamp\",\"result\":0}\n"
               "{\"event\":\"serving\",\"key\":true}\n");
-}
-
-void DoctorsDevice::startService()
-{
-    fs::copy_file("/bin/sleep", kProgram);
-    service_ = fork();
-    if (service_ == 0) {
-        execl(kProgram, "quillon-service", "infinity", nullptr);
-        _exit(127);
-    }
-    const std::string name = "/proc/" + std::to_string(service_) + "/comm";
-    if (!quillon::test::eventually([&] { return readAll(name) == "quillon-service\n"; })) {
-        endService();
-        throw std::runtime_error("the service does not start");
-    }
-}
-
-void DoctorsDevice::endService()
-{
-    if (service_ > 0) {
-        kill(service_, SIGKILL);
-        waitpid(service_, nullptr, 0);
-        service_ = -1;
-    }
-    fs::remove(kProgram);
 }
 
 bool DoctorsDevice::giveServiceToItsUser()

@@ -5,6 +5,7 @@
 #include <json/value.h>
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,24 @@ void sendTo(const char* name);
 /// Whom nothing on the device belongs to, and who has no name on the host either.
 constexpr uid_t kStranger = 61234;
 
+/// A process that has this name and does nothing.
+class NamedProcess
+{
+public:
+    /// @param name  15 characters at most are seen
+    /// @param user  whom it runs as; taken by root alone
+    explicit NamedProcess(const std::string& name, uid_t user = 0);
+    ~NamedProcess();
+    NamedProcess(const NamedProcess&) = delete;
+    NamedProcess& operator=(const NamedProcess&) = delete;
+
+    pid_t id() const { return id_; }
+
+private:
+    std::string program_;
+    pid_t id_ = -1;
+};
+
 /// The service runs: a process of its name does, with its markers, queues and records. The keys are
 /// maker "a"'s, the module is a test plug-in "lamp", and somebody listens at the mounting helper's
 /// socket. The service's user is root.
@@ -47,19 +66,16 @@ class DoctorsDevice
 {
 public:
     DoctorsDevice();
-    ~DoctorsDevice() { endService(); }
     DoctorsDevice(const DoctorsDevice&) = delete;
     DoctorsDevice& operator=(const DoctorsDevice&) = delete;
 
-    pid_t service() const { return service_; }
-    void endService();
+    pid_t service() const { return service_->id(); }
+    void endService() { service_.reset(); }
     /// From now on the service's user is another one. @return false where there is only one user
     static bool giveServiceToItsUser();
     void stopListening() { listener_.reset(); }
 
 private:
-    void startService();
-
-    pid_t service_ = -1;
+    std::optional<NamedProcess> service_;
     quillon::UniqueFd listener_;
 };

@@ -6,12 +6,14 @@
 #include <semaphore.h>
 #include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <string>
 #include <vector>
 
 #include "client/client-lock.h"
@@ -28,6 +30,7 @@ using quillon::test::Listener;
 using quillon::test::outputOf;
 using quillon::test::writeFile;
 using testing::HasSubstr;
+using namespace std::string_literals;
 
 constexpr const char* kStorageSocket = "/run/quillon/storage.sock";
 
@@ -173,6 +176,31 @@ TEST_F(CtlDoctor, TakesNoRepliesForUnreadThatAClientWaitsFor)
     ASSERT_EQ(flock(lock.get(), LOCK_EX), 0);
 
     EXPECT_EQ(runCtl({"doctor"}).out, "Nothing found\n");
+}
+
+TEST_F(CtlDoctor, OffersNoUnmountWhileAnUpdateOfAnyUserIsAtWork)
+{
+    DoctorsDevice device;
+    const char* place = "/opt/usr/apps/appbinarymanager/emps/tuneremp";
+    fs::create_directory(place);
+    if (chown(place, kStranger, kStranger) != 0 || mount("none", place, "tmpfs", 0, "") != 0) {
+        GTEST_SKIP() << "there is only one user here, or nothing can be mounted";
+    }
+    const NamedProcess update("quillonctl", kStranger);
+
+    EXPECT_EQ(runCtl({"doctor"}).out, "Nothing found\n");
+}
+
+TEST_F(CtlDoctor, TakesNoProcessOfAnotherUserForTheService)
+{
+    if (!canRunCtlAs(kStranger)) {
+        GTEST_SKIP() << "nobody else can run a program here";
+    }
+    DoctorsDevice device;
+    device.endService();
+    const NamedProcess other("quillon-service", kStranger);
+
+    EXPECT_FALSE(findingIn(findingsOf(runCtl({"--json", "doctor"})), "marker-stale").isNull());
 }
 
 TEST_F(CtlDoctor, WaitsForNoFifoAndReadsNoEndlessRecord)

@@ -187,7 +187,7 @@ Findings checkMarks(const Surroundings& around)
                 "plug that stick in and run: quillonctl check DIR; or: systemctl restart quillon")};
 }
 
-Findings checkPackages(const Surroundings& /*around*/)
+Findings checkPackages(const Surroundings& around)
 {
     constexpr int kFieldOfPlace = 5;
     std::set<std::string> mounted;
@@ -204,6 +204,9 @@ Findings checkPackages(const Surroundings& /*around*/)
     }
     if (mounted.empty() || isProgramRunning("quillonctl")) {
         return {};
+    }
+    if (!around.seesProcesses) {
+        return {notChecked("who uses the mounted packages")};
     }
     Findings findings;
     for (const std::string& place : mounted) {

@@ -23,13 +23,15 @@ namespace fs = std::filesystem;
 /// As the kernel shows it: the first 15 characters of the program's name.
 constexpr const char* kService = "quillon-service";
 
-/// Whether a process of root's or of the service's user has this name, and is not of a container
-/// below this one, which has queues of its own.
-bool isProgram(const fs::path& process, const std::string& name)
+enum class Owner { kRootOrService, kAnybody };
+
+/// Whether a process has this name and such an owner, and is not of a container below this one,
+/// which has queues of its own.
+bool isProgram(const fs::path& process, const std::string& name, Owner owner)
 {
     std::ifstream status(process / "status");
     bool isCalledSo = false;
-    bool isOurs = false;
+    bool isOwners = owner == Owner::kAnybody;
     for (std::string line; std::getline(status, line);) {
         std::istringstream words(line);
         std::string key;
@@ -40,7 +42,7 @@ bool isProgram(const fs::path& process, const std::string& name)
             isCalledSo = first == name;
         } else if (key == "Uid:") {
             const auto user = static_cast<uid_t>(std::strtoul(second.c_str(), nullptr, 10));
-            isOurs = user == 0 || isServicesUser(user);
+            isOwners = isOwners || user == 0 || isServicesUser(user);
         }
         const bool isBelow = key == "NSpid:" && !second.empty();
         const bool hasEnded = key == "State:" && first == "Z";
@@ -48,17 +50,17 @@ bool isProgram(const fs::path& process, const std::string& name)
             return false;
         }
     }
-    return isOurs;
+    return isCalledSo && isOwners;
 }
 
-std::optional<pid_t> processOf(const std::string& name)
+std::optional<pid_t> processOf(const std::string& name, Owner owner)
 {
     std::error_code error;
     for (fs::directory_iterator entry("/proc", error), end; !error && entry != end;
          entry.increment(error)) {
         const std::string number = entry->path().filename();
         const auto process = static_cast<pid_t>(std::strtol(number.c_str(), nullptr, 10));
-        if (process > 0 && process != getpid() && isProgram(entry->path(), name)) {
+        if (process > 0 && process != getpid() && isProgram(entry->path(), name, owner)) {
             return process;
         }
     }
@@ -84,12 +86,13 @@ Surroundings lookAround()
 {
     // Where a mount option hides the processes of others, it hides this one as well.
     const bool seesProcesses = access("/proc/1", F_OK) == 0;
-    return {geteuid() == 0, servicesUser(), processOf(kService), seesProcesses, std::time(nullptr)};
+    return {geteuid() == 0, servicesUser(), processOf(kService, Owner::kRootOrService),
+            seesProcesses, std::time(nullptr)};
 }
 
 bool isProgramRunning(const std::string& name)
 {
-    return processOf(name).has_value();
+    return processOf(name, Owner::kAnybody).has_value();
 }
 
 std::optional<struct stat> statusOf(const std::string& path)

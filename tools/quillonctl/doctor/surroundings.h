@@ -33,7 +33,7 @@ struct Surroundings
 
 Surroundings lookAround();
 
-/// @return whether another process of root's or of the service's user has this name
+/// @return whether another process has this name, whoever's it is
 bool isProgramRunning(const std::string& name);
 
 /// lstat; nothing when there is nothing, or it cannot be seen.
