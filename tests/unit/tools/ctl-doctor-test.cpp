@@ -178,6 +178,32 @@ TEST_F(CtlDoctor, TakesNoRepliesForUnreadThatAClientWaitsFor)
     EXPECT_EQ(runCtl({"doctor"}).out, "Nothing found\n");
 }
 
+TEST_F(CtlDoctor, TakesNoLockOnAnotherFileSystemForAClients)
+{
+    DoctorsDevice device;
+    sendTo(FW_MQ_CONTROL_QUEUE);
+    const std::string lock = quillon::ClientLock::defaultPath();
+    fs::create_directory("/tmp/elsewhere");
+    for (const std::string& place : {fs::path(lock).parent_path().string(), "/tmp/elsewhere"s}) {
+        if (mount("none", place.c_str(), "tmpfs", 0, "mode=1777") != 0) {
+            GTEST_SKIP() << "nothing can be mounted here";
+        }
+    }
+    ASSERT_EQ(quillon::ClientLock::defaultPath(), lock);
+    writeFile(lock, "");
+    ASSERT_EQ(chmod(lock.c_str(), 0666), 0);
+    const quillon::UniqueFd other(open("/tmp/elsewhere/lock", O_RDWR | O_CREAT, 0600));
+    struct stat mine = {};
+    struct stat others = {};
+    ASSERT_EQ(stat(lock.c_str(), &mine) + fstat(other.get(), &others), 0);
+    if (mine.st_ino != others.st_ino) {
+        GTEST_SKIP() << "file systems number their files in one row here";
+    }
+    ASSERT_EQ(flock(other.get(), LOCK_EX), 0);
+
+    EXPECT_EQ(findingsOf(runCtl({"--json", "doctor"})).front()["code"], "replies-unread");
+}
+
 TEST_F(CtlDoctor, OffersNoUnmountWhileAnUpdateOfAnyUserIsAtWork)
 {
     DoctorsDevice device;

@@ -3,11 +3,14 @@
 #include <poll.h>
 #include <semaphore.h>
 #include <sys/socket.h>
+#include <sys/sysmacros.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -41,13 +44,26 @@ bool isPlain(const struct stat& status)
     return S_ISREG(status.st_mode) && status.st_nlink == 1;
 }
 
+/// A file as the kernel's list of locks names it: "00:2a:17", the device in hexadecimal.
+std::string fileInLocks(const struct stat& status)
+{
+    char text[64];
+    static_cast<void>(std::snprintf(text, sizeof text, "%02x:%02x:%ju", major(status.st_dev),
+                                    minor(status.st_dev), std::uintmax_t{status.st_ino}));
+    return text;
+}
+
 /// Whether a client holds the lock that lets one at a time connect. By the kernel's list: to try
 /// the lock would keep a client waiting.
 bool isClientConnected()
 {
-    const auto lock = statusOf(ClientLock::defaultPath());
+    const auto status = statusOf(ClientLock::defaultPath());
+    if (!status) {
+        return false;
+    }
+    const std::string lock = fileInLocks(*status);
     std::ifstream locks("/proc/locks");
-    for (std::string line; lock && std::getline(locks, line);) {
+    for (std::string line; std::getline(locks, line);) {
         std::istringstream words(line);
         std::string number;
         std::string kind;
@@ -56,7 +72,7 @@ bool isClientConnected()
         std::string process;
         std::string file;
         words >> number >> kind >> way >> access >> process >> file;
-        if (kind == "FLOCK" && file.substr(file.rfind(':') + 1) == std::to_string(lock->st_ino)) {
+        if (kind == "FLOCK" && file == lock) {
             return true;
         }
     }
