@@ -163,6 +163,5 @@ DoctorsDevice::DoctorsDevice()
 
 bool DoctorsDevice::giveServiceToItsUser()
 {
-    constexpr uid_t kItsUser = 61990;
     return chown("/var/lib/quillon", kItsUser, kItsUser) == 0;
 }

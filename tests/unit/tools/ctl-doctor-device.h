@@ -41,6 +41,9 @@ void sendTo(const char* name);
 /// Whom nothing on the device belongs to, and who has no name on the host either.
 constexpr uid_t kStranger = 61234;
 
+/// Whom a device gives its service to; without a name as well.
+constexpr uid_t kItsUser = 61990;
+
 /// A process that has this name and does nothing.
 class NamedProcess
 {

@@ -185,7 +185,17 @@ std::vector<Fault> faults()
              must(fchown(queue.get(), kStranger, kStranger) == 0);
          },
          "queue of commands, /dev/mqueue/fwupdateservice_usb, belongs to user 61234"},
-        {"queue-mode", "error", [](D&) { putQueue(FW_MQ_SERVICE_QUEUE, 0622); }, "lets others in"},
+        {"queue-mode", "error", [](D&) { putQueue(FW_MQ_SERVICE_QUEUE, 0622); },
+         "/dev/mqueue/fwupdateservice_usb, has the mode 0622 and belongs to root; it must have "
+         "0666, "
+         "or 0660 and belong to root"},
+        {"queue-mode", "error",
+         [](D&) {
+             must(D::giveServiceToItsUser());
+             const quillon::UniqueFd queue(mq_open(FW_MQ_CONTROL_QUEUE, O_RDONLY));
+             must(fchmod(queue.get(), 0660) == 0 && fchown(queue.get(), kItsUser, kItsUser) == 0);
+         },
+         "mode 0660 and belongs to user 61990"},
         {"queue-shape", "error", [](D&) { putQueue(FW_MQ_SERVICE_QUEUE, 0666, 9); },
          "has 9 places"},
         {"queue-shape", "error", [](D&) { putQueue(FW_MQ_CONTROL_QUEUE, 0666, 10, 64); },
@@ -379,6 +389,8 @@ TEST(CtlDoctorMachine, FaultsAreJudged)
         ASSERT_EQ(findings.size(), 1U) << code;
         EXPECT_STREQ(findings[0].code, code);
     }
+    EXPECT_EQ(faultsOfTheMachine()[2].second[0].text,
+              "systemd no longer starts the service: it failed too often (signal)");
     quillon::doctor::Surroundings now;
     now.now = std::time(nullptr);
     EXPECT_TRUE(checkClock(now).empty());

@@ -62,7 +62,7 @@ TEST_F(CtlDoctor, SaysTheWorstFirstWithTheRemedyBelow)
               "warning: the service is ready, but the event /tmp/.fw_service_ready_usb is missing: "
               "programs wait for it in vain\n"
               "    systemctl restart quillon\n"
-              "1 error, 1 warning\n");
+              "1 error, 1 warning, 0 notes\n");
     EXPECT_EQ(result.exitCode, 21);
 }
 
@@ -87,7 +87,7 @@ TEST_F(CtlDoctor, EndsWellWithNotesAlone)
     const CtlResult result = runCtl({"doctor"});
 
     EXPECT_THAT(result.out, HasSubstr("note: the service does not run"));
-    EXPECT_THAT(result.out, HasSubstr("\n0 errors, 0 warnings\n"));
+    EXPECT_THAT(result.out, HasSubstr("\n0 errors, 0 warnings, 1 note\n"));
     EXPECT_EQ(result.exitCode, 0);
 }
 

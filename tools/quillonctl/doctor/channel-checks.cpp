@@ -79,6 +79,13 @@ bool isClientConnected()
     return false;
 }
 
+std::string octal(mode_t mode)
+{
+    char text[8];
+    static_cast<void>(std::snprintf(text, sizeof text, "%04o", mode));
+    return text;
+}
+
 Findings checkQueue(const Surroundings& around, const char* name, const char* what)
 {
     const std::string path = std::string("/dev/mqueue") + name;
@@ -103,7 +110,10 @@ Findings checkQueue(const Surroundings& around, const char* name, const char* wh
     }
     const mode_t mode = status.st_mode & ACCESSPERMS;
     if (mode != kEverybodys && (mode != kGroups || status.st_uid != 0)) {
-        return {error("queue-mode", text + "lets others in than everybody, or root and a group",
+        return {error("queue-mode",
+                      text + "has the mode " + octal(mode) + " and belongs to " +
+                          nameOfUser(status.st_uid) +
+                          "; it must have 0666, or 0660 and belong to root",
                       kRestart)};
     }
     if (attributes.mq_msgsize != static_cast<long>(sizeof(MQData)) ||

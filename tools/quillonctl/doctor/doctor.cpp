@@ -97,11 +97,11 @@ ExitCode run(Output& output)
     }
     const int errors = countOf(findings, Severity::kError);
     const int warnings = countOf(findings, Severity::kWarning);
-    output.say(
-        "examined",
-        {{"errors", errors}, {"warnings", warnings}, {"notes", countOf(findings, Severity::kNote)}},
-        findings.empty() ? "Nothing found"
-                         : counted(errors, "error") + ", " + counted(warnings, "warning"));
+    const int notes = countOf(findings, Severity::kNote);
+    output.say("examined", {{"errors", errors}, {"warnings", warnings}, {"notes", notes}},
+               findings.empty() ? "Nothing found"
+                                : counted(errors, "error") + ", " + counted(warnings, "warning") +
+                                      ", " + counted(notes, "note"));
     if (errors > 0) {
         return kExitFoundErrors;
     }

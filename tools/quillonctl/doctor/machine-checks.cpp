@@ -143,12 +143,11 @@ Findings judgeUnit(const std::string& properties)
     const long restarts = std::strtol(values["NRestarts"].c_str(), nullptr, 10);
     const long most = std::strtol(values["StartLimitBurst"].c_str(), nullptr, 10);
     if (values["Result"] == "start-limit-hit" || (most > 0 && restarts >= most)) {
-        return {
-            error("start-limit",
-                  "systemd starts the service no more, since it failed too often (" +
-                      values["Result"] + ")",
-                  "see to the other findings, then run: systemctl reset-failed quillon; systemctl "
-                  "start quillon")};
+        return {error(
+            "start-limit",
+            "systemd no longer starts the service: it failed too often (" + values["Result"] + ")",
+            "see to the other findings, then run: systemctl reset-failed quillon; systemctl "
+            "start quillon")};
     }
     return {error("unit-failed", "the unit has failed (" + values["Result"] + ")",
                   "journalctl -b -u quillon tells why, then: systemctl restart quillon")};
