@@ -22,7 +22,6 @@
 #include "tools/quillonctl/doctor/checks.h"
 #include "tools/quillonctl/modules/slot-holders.h"
 #include "tools/quillonctl/modules/slot-locks.h"
-#include "tools/quillonctl/recorded-run.h"
 #include "tools/quillonctl/services-user.h"
 
 #ifdef QUILLON_STORAGE_SOCKET
@@ -269,7 +268,7 @@ Findings checkReadiness(const Surroundings& around)
                             " says that the service is ready, but it does not run",
                         kRestart)};
     }
-    const std::optional<RecordedRun> start = readRecordedRun("start");
+    const std::optional<RecordedRun>& start = around.start;
     const bool serves = start && start->result && around.service == start->service;
     if (!isReady && serves && kHasStockPlatform) {
         return {warning("ready-missing",
@@ -283,8 +282,7 @@ Findings checkReadiness(const Surroundings& around)
 Findings checkQueues(const Surroundings& around)
 {
     Findings findings = checkQueue(around, FW_MQ_SERVICE_QUEUE, "commands");
-    const Findings replies = checkQueue(around, FW_MQ_CONTROL_QUEUE, "replies");
-    findings.insert(findings.end(), replies.begin(), replies.end());
+    append(findings, checkQueue(around, FW_MQ_CONTROL_QUEUE, "replies"));
     return findings;
 }
 
@@ -362,10 +360,8 @@ Findings checkHelpers(const Surroundings& around)
         findings = checkHelper(Severity::kError, QUILLON_STORAGE_SOCKET, "quillon-storage.socket",
                                "the service gets no image key", storage::encodeRead("doctor"));
     }
-    const Findings mounts =
-        checkHelper(Severity::kWarning, QUILLON_PRIVILEGED_SOCKET, "quillon-privileged.socket",
-                    "no package can be mounted", {});
-    findings.insert(findings.end(), mounts.begin(), mounts.end());
+    append(findings, checkHelper(Severity::kWarning, QUILLON_PRIVILEGED_SOCKET,
+                                 "quillon-privileged.socket", "no package can be mounted", {}));
 #else
     static_cast<void>(around);
 #endif

@@ -49,8 +49,8 @@ Findings checkPackages(const Surroundings& around);
 /// @name The machine
 /// @{
 Findings checkDirectories(const Surroundings& around);
-Findings checkSpace(const Surroundings& around);
-Findings checkMounts(const Surroundings& around);
+/// Whether there is room to write, and what is loaded may be executed.
+Findings checkFileSystems(const Surroundings& around);
 Findings checkClock(const Surroundings& around);
 /// What systemd says of the unit; nothing where systemd is not process 1.
 Findings checkUnit(const Surroundings& around);

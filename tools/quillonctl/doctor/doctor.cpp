@@ -1,7 +1,6 @@
 #include "tools/quillonctl/doctor/doctor.h"
 
 #include <algorithm>
-#include <iterator>
 
 #include "tools/quillonctl/doctor/checks.h"
 #include "tools/quillonctl/outside-text.h"
@@ -33,8 +32,7 @@ constexpr Check kChecks[] = {
     checkMarks,
     checkPackages,
     checkDirectories,
-    checkSpace,
-    checkMounts,
+    checkFileSystems,
     checkClock,
     checkUnit,
 };
@@ -80,8 +78,7 @@ Findings examine()
     const Surroundings around = lookAround();
     Findings all;
     for (const Check check : kChecks) {
-        Findings found = check(around);
-        std::move(found.begin(), found.end(), std::back_inserter(all));
+        append(all, check(around));
     }
     std::stable_sort(all.begin(), all.end(), [](const Finding& left, const Finding& right) {
         return left.severity > right.severity;

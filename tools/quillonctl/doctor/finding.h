@@ -22,6 +22,11 @@ struct Finding
 
 using Findings = std::vector<Finding>;
 
+inline void append(Findings& findings, const Findings& more)
+{
+    findings.insert(findings.end(), more.begin(), more.end());
+}
+
 inline Finding error(const char* code, const std::string& text, const std::string& remedy)
 {
     return {Severity::kError, code, text, remedy};

@@ -69,36 +69,27 @@ Findings checkDirectories(const Surroundings& around)
     return findings;
 }
 
-Findings checkSpace(const Surroundings& /*around*/)
+Findings checkFileSystems(const Surroundings& /*around*/)
 {
     Findings findings;
     for (const Place& place : kPlaces) {
-        struct statvfs space = {};
-        if (statvfs(place.path, &space) != 0) {
+        struct statvfs system = {};
+        if (statvfs(place.path, &system) != 0) {
             continue;
         }
-        const std::uint64_t free = std::uint64_t{space.f_bavail} * space.f_frsize;
-        if (free < place.least || (space.f_files > 0 && space.f_favail == 0)) {
-            findings.push_back(warning("space-low",
-                                       std::string(place.path) + " has room for " +
-                                           std::to_string(free / 1024) + " KiB and " +
-                                           std::to_string(space.f_favail) + " files",
-                                       std::string("df -h ") + place.path + ", and make room"));
-        }
-    }
-    return findings;
-}
-
-Findings checkMounts(const Surroundings& /*around*/)
-{
-    Findings findings;
-    for (const Place& place : kPlaces) {
-        struct statvfs file = {};
-        if (statvfs(place.path, &file) == 0 && (file.f_flag & ST_RDONLY) != 0) {
+        if ((system.f_flag & ST_RDONLY) != 0) {
             findings.push_back(error("read-only",
                                      std::string(place.path) + " is on a read-only file system",
                                      std::string("mount -o remount,rw ") + place.path +
                                          ", or put a writable file system there"));
+        }
+        const std::uint64_t free = std::uint64_t{system.f_bavail} * system.f_frsize;
+        if (free < place.least || (system.f_files > 0 && system.f_favail == 0)) {
+            findings.push_back(warning("space-low",
+                                       std::string(place.path) + " has room for " +
+                                           std::to_string(free / 1024) + " KiB and " +
+                                           std::to_string(system.f_favail) + " files",
+                                       std::string("df -h ") + place.path + ", and make room"));
         }
     }
     for (const char* path : {paths::kModules, paths::kVerifierLibrary}) {

@@ -11,7 +11,6 @@
 #include "helpers/lifecycle/trusted-places.h"
 #include "src/support/paths.h"
 #include "tools/quillonctl/doctor/checks.h"
-#include "tools/quillonctl/recorded-run.h"
 #include "tools/quillonctl/services-user.h"
 
 namespace quillon::doctor {
@@ -109,9 +108,9 @@ Findings checkModules(const Surroundings& around)
     return findings;
 }
 
-Findings checkStarts(const Surroundings& /*around*/)
+Findings checkStarts(const Surroundings& around)
 {
-    const std::optional<RecordedRun> start = readRecordedRun("start");
+    const std::optional<RecordedRun>& start = around.start;
     if (!start) {
         return {};
     }
@@ -140,7 +139,7 @@ Findings checkStarts(const Surroundings& /*around*/)
     return findings;
 }
 
-Findings checkRuns(const Surroundings& /*around*/)
+Findings checkRuns(const Surroundings& around)
 {
     Findings findings;
     const std::optional<RecordedRun> update = readRecordedRun("update");
@@ -153,7 +152,7 @@ Findings checkRuns(const Surroundings& /*around*/)
             "leave the device switched on and repeat the update from that stick: "
             "quillonctl update DIR"));
     }
-    const std::optional<RecordedRun> look = readRecordedRun("estimate");
+    const std::optional<RecordedRun>& look = around.estimate;
     if (look && isCutOff(*look)) {
         const std::string module = moduleAtWork(*look);
         findings.push_back(
@@ -167,7 +166,7 @@ Findings checkRuns(const Surroundings& /*around*/)
 
 Findings checkMarks(const Surroundings& around)
 {
-    const std::optional<RecordedRun> look = readRecordedRun("estimate");
+    const std::optional<RecordedRun>& look = around.estimate;
     if (!look || !look->result || around.service != look->service || hasImages(look->directory)) {
         return {};
     }

@@ -86,8 +86,13 @@ Surroundings lookAround()
 {
     // Where a mount option hides the processes of others, it hides this one as well.
     const bool seesProcesses = access("/proc/1", F_OK) == 0;
-    return {geteuid() == 0, servicesUser(), processOf(kService, Owner::kRootOrService),
-            seesProcesses, std::time(nullptr)};
+    return {geteuid() == 0,
+            servicesUser(),
+            processOf(kService, Owner::kRootOrService),
+            seesProcesses,
+            std::time(nullptr),
+            readRecordedRun("start"),
+            readRecordedRun("estimate")};
 }
 
 bool isProgramRunning(const std::string& name)

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "tools/quillonctl/doctor/finding.h"
+#include "tools/quillonctl/recorded-run.h"
 
 namespace quillon::doctor {
 
@@ -26,6 +27,8 @@ struct Surroundings
     std::optional<pid_t> service;  ///< the running service
     bool seesProcesses = true;     ///< false: the service may run unseen
     std::time_t now = 0;
+    std::optional<RecordedRun> start;     ///< what the service has recorded of its last start
+    std::optional<RecordedRun> estimate;  ///< and of its last estimate
 
     /// Nothing is known of a service that cannot be seen.
     bool isServiceGone() const { return !service && seesProcesses; }

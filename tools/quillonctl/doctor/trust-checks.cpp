@@ -21,7 +21,6 @@
 #include "src/support/paths.h"
 #include "tools/quillonctl/doctor/checks.h"
 #include "tools/quillonctl/modules/foreign-end.h"
-#include "tools/quillonctl/recorded-run.h"
 #include "tools/quillonctl/services-user.h"
 
 namespace quillon::doctor {
@@ -247,7 +246,7 @@ Findings checkCertificates(const Surroundings& around)
         }
     };
     Findings findings = faultsOfFiles(around, files, "certificate-unusable", load, usable);
-    findings.insert(findings.end(), expired.begin(), expired.end());
+    append(findings, expired);
     return findings;
 }
 
@@ -288,7 +287,7 @@ Findings checkPolicy(const Surroundings& around)
 Findings checkImageKey(const Surroundings& around)
 {
     Findings findings;
-    const std::optional<RecordedRun> start = readRecordedRun("start");
+    const std::optional<RecordedRun>& start = around.start;
     const bool isOfService = start && around.service && start->service == *around.service;
     if (isOfService && start->hasKey == false) {
         findings.push_back(error("service-without-key",
@@ -306,8 +305,7 @@ Findings checkImageKey(const Surroundings& around)
         return findings;
     }
     if (!*isStored) {
-        const Findings faults = faultsOfProvisioning(around);
-        findings.insert(findings.end(), faults.begin(), faults.end());
+        append(findings, faultsOfProvisioning(around));
     }
     return findings;
 }
