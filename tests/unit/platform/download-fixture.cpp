@@ -23,7 +23,7 @@ void ToldEnds::callback(const std::string& identifier, int status, void* self)
 std::vector<ToldEnds::End> ToldEnds::waitFor(std::size_t count)
 {
     std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait_for(lock, std::chrono::seconds(30), [&] { return ends_.size() >= count; });
+    changed_.wait_for(lock, std::chrono::seconds(90), [&] { return ends_.size() >= count; });
     EXPECT_EQ(ends_.size(), count) << "downloads that have ended";
     return ends_;
 }
@@ -60,7 +60,7 @@ void DownloadFixture::configure(const std::string& text)
 
 void DownloadFixture::configureFor(const std::string& address, const std::string& more)
 {
-    configure("address = " + address + "\nretry-pause = 0\nstall-timeout = 1\n" + more);
+    configure("address = " + address + "\nretry-pause = 0\nstall-timeout = 60\n" + more);
 }
 
 int DownloadFixture::download(const std::string& identifier)

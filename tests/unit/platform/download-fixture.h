@@ -21,7 +21,7 @@ public:
     /// To be passed with `this` as user data.
     static void callback(const std::string& identifier, int status, void* self);
 
-    /// Waits until that many ends were told; fails the test after 30 seconds.
+    /// Waits until that many ends were told; fails the test after 90 seconds.
     std::vector<End> waitFor(std::size_t count);
 
 private:
@@ -42,8 +42,10 @@ protected:
 
     /// Writes the configuration file.
     static void configure(const std::string& text);
-    /// The same for that server, patient for one second only, and with more lines.
+    /// The same for that server, with a minute of patience, no pauses and more lines.
     static void configureFor(const std::string& address, const std::string& more = "");
+    /// A line for those whose server stands still.
+    static constexpr char kImpatience[] = "stall-timeout = 1\n";
 
     /// Requests a package and waits for its end.
     /// @return the status that the callback is told; 1 when the request is not accepted

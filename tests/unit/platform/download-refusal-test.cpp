@@ -237,7 +237,7 @@ TEST_F(DownloadRefusal, OfAnAnnouncedSizeAboveTheLimit)
         connection.send(httpHead("200 OK", {"Content-Length: 1001"}) + std::string(10, 'x'));
         connection.stall();
     });
-    configureFor(server.address(), "size-limit = 1000\n");
+    configureFor(server.address(), std::string("size-limit = 1000\n") + kImpatience);
 
     EXPECT_EQ(download("alpha"), -4);
 
@@ -273,7 +273,7 @@ TEST_F(DownloadRefusal, OfARestThatGoesBeyondTheLimit)
                         "x");
         connection.stall();
     });
-    configureFor(server.address(), "size-limit = 1000\n");
+    configureFor(server.address(), std::string("size-limit = 1000\n") + kImpatience);
 
     EXPECT_EQ(download("alpha"), -4);
 

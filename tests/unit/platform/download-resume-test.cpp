@@ -320,11 +320,11 @@ TEST_F(DownloadResume, GoesOnAfterAServerThatStandsStill)
         }
         sendPackage(request, connection, package);
     });
-    configureFor(server.address());
+    configureFor(server.address(), kImpatience);
 
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(download("alpha"), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
 
     expectPackage();
     EXPECT_EQ(server.requests()[1].header("Range"), "bytes=70000-");
@@ -334,10 +334,11 @@ TEST_F(DownloadResume, GivesAServerUpThatNeverAnswers)
 {
     const LocalHttpServer server(
         [&](const HttpRequest&, HttpConnection& connection) { connection.stall(); });
-    configureFor(server.address(), "attempts = 2\n");
+    configureFor(server.address(), std::string("attempts = 2\n") + kImpatience);
 
     EXPECT_EQ(download("alpha"), -2);
 
+    server.waitForRequests(2);
     EXPECT_EQ(server.requests().size(), 2U);
     expectTextAmong(captured.lines(), like("*given up after 2 attempts*"));
 }
