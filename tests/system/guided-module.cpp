@@ -26,8 +26,10 @@
 //   request-in-ENTRY asks the program to end
 //   default-in-ENTRY lets SIGTERM do what it usually does
 //   linger-in-ENTRY  keeps the program from ending, and no alarm clock rings
-//   tool-in-ENTRY    starts a program that waits so, and tells in /tmp/quillon-test-child how it
-//                    ended
+//   tool-in-ENTRY    starts a program that waits so, which tells its process identifier in
+//                    /tmp/quillon-test-pid; and tells in /tmp/quillon-test-child how it ended
+//   leave-in-ENTRY   takes its process out of its group, has it outlive the one that forked it, and
+//                    tells its process identifier in /tmp/quillon-test-pid
 //   rename-in-ENTRY  gives its thread another name
 //   thread-in-ENTRY  starts a thread that never ends
 //   load-in-ENTRY    has another thread load /var/tmp/slow.so, a copy of this module, and waits
@@ -44,6 +46,7 @@
 #include <dlfcn.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -172,8 +175,15 @@ void act(const std::string& word, const std::string& moment)
         }
     }
     if (is("tool")) {
-        const int status = std::system("until test -e /tmp/quillon-test-go; do sleep 0.01; done");
+        const int status = std::system(
+            "printf %s $$ >/tmp/quillon-test-pid\n"
+            "until test -e /tmp/quillon-test-go; do sleep 0.01; done");
         std::ofstream("/tmp/quillon-test-child") << status;
+    }
+    if (is("leave")) {
+        ::setpgid(0, ::getpgid(::getppid()));
+        ::prctl(PR_SET_PDEATHSIG, 0);
+        std::ofstream("/tmp/quillon-test-pid") << ::getpid();
     }
     if (is("exit")) {
         std::exit(0);

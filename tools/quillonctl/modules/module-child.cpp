@@ -252,9 +252,8 @@ struct ChildEnd
 /// does not return, is left alone.
 void endChild(pid_t child, ChildEnd& end, RequestsHeld& requests)
 {
-    if (kill(-child, SIGKILL) != 0) {
-        kill(child, SIGKILL);
-    }
+    kill(child, SIGKILL);  // it may have left its group
+    kill(-child, SIGKILL);
     const std::int64_t deadline = now() + nanoseconds(kTimeToEnd).count();
     while (waitpid(child, &end.status, WNOHANG) == 0 && now() < deadline) {
         requests.waitFor(kBetweenLooks);
