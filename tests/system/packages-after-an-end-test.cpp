@@ -110,7 +110,7 @@ TEST_F(PackagesAfterAnEnd, OfAModuleThatBreaksDownInACheckAreNotMounted)
         writeFile("/etc/quillon-test/alpha.conf", "need=1\ncheckVersion.effect=" + effect + "\n");
 
         const Json::Value document =
-            modulesDocument({"check", "--timeout", effect == "hang" ? "5" : "60"});
+            modulesDocument({"check", "--timeout", effect == "hang" ? "20" : "60"});
 
         EXPECT_EQ(moduleIn(document, "alpha")["decision"], "unusable") << effect;
         EXPECT_EQ(moduleIn(document, "beta")["decision"], "needed") << effect;
