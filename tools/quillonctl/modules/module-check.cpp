@@ -205,7 +205,7 @@ std::vector<ModuleCheck> checkModulesApart(ModuleChild& child, const ModuleSourc
     std::vector<ModuleCheck> checks;
     for (const ModuleChild::Row& row : rows) {
         checks.push_back(checkOf(row));
-        child.correct(checks.back());
+        child.markBroken(checks.back());
     }
     return checks;
 }

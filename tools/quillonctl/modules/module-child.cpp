@@ -93,6 +93,7 @@ SharedMemory makeShared()
     return SharedMemory(new (memory) Shared);
 }
 
+/// With sizes: a version that a package offers may hold any character.
 std::string packed(const std::vector<std::string>& texts)
 {
     std::string whole;
@@ -167,7 +168,7 @@ void noteStep(const std::string& libName, ModuleStep step, const ModuleTimes& ti
     }
 }
 
-/// @return what the parent gets: an exit code, and the rows or what went wrong
+/// @return what the parent gets: an exit code, and the texts of all rows or what went wrong
 std::vector<std::string> resultOf(const std::function<ModuleChild::Rows()>& work)
 {
     try {
@@ -177,14 +178,13 @@ std::vector<std::string> resultOf(const std::function<ModuleChild::Rows()>& work
                 endAtOnce(kExitUnusableModule);
             },
             noteCrash);
-        std::vector<std::string> rows;
-        for (ModuleChild::Row& row : work()) {
-            for (std::string& text : row) {
-                text.resize(std::min(text.size(), kLongestText));
+        std::vector<std::string> result = {std::to_string(kExitSuccess)};
+        for (const ModuleChild::Row& row : work()) {
+            for (const std::string& text : row) {
+                result.push_back(text.substr(0, kLongestText));
             }
-            rows.push_back(packed(row));
         }
-        return {std::to_string(kExitSuccess), packed(rows)};
+        return result;
     } catch (const Failure& failure) {
         return {std::to_string(failure.code), failure.text};
     } catch (const std::system_error& error) {
@@ -200,7 +200,7 @@ std::vector<std::string> resultOf(const std::function<ModuleChild::Rows()>& work
     onSignal(SIGTTOU, SIG_IGN);
     onSignal(SIGTTIN, SIG_IGN);
     RequestsHeld::release();
-    ModuleEvents::instance().follow(
+    ModuleEvents::instance().onSteps(
         [&](const std::string& libName, ModuleStep step) { noteStep(libName, step, times); });
     std::string result = packed(resultOf(work));
     noteStep("", ModuleStep::kNone, times);
@@ -291,14 +291,12 @@ std::string nameOf(int signal)
 /// @param isAsked  whether it is the module whose step it was
 ModuleProblem judge(const ChildEnd& end, const Shared& shared, bool isAsked)
 {
-    std::string when;
-    if (isAsked && shared.step == ModuleStep::kLoading) {
-        when = " while it was loaded";
-    } else if (isAsked && shared.step == ModuleStep::kVersion) {
-        when = " when it was asked for its version";
-    } else if (isAsked && shared.step == ModuleStep::kChecking) {
-        when = " when it was asked whether it needs an update";
-    }
+    static const std::map<ModuleStep, const char*> kMoments = {
+        {ModuleStep::kLoading, " while it was loaded"},
+        {ModuleStep::kVersion, " when it was asked for its version"},
+        {ModuleStep::kChecking, " when it was asked whether it needs an update"}};
+    const auto moment = kMoments.find(shared.step);
+    const std::string when = isAsked && moment != kMoments.end() ? moment->second : "";
     const int crash = shared.crash;
     if (crash == 0 && end.judgedHung != 0) {
         return {"hung", "it hung" + when};
@@ -317,19 +315,22 @@ std::string copyOf(const char* text, std::size_t size, std::size_t longest)
 
 ModuleChild::Rows rowsOf(const Shared& shared, std::size_t columns)
 {
-    const std::vector<std::string> result =
+    const std::vector<std::string> texts =
         unpacked(copyOf(shared.result, shared.resultSize, sizeof(shared.result)));
-    if (result.size() != 2) {
+    if (texts.empty()) {
         throw Failure{kExitSystem, kUnreadable};
     }
-    const int code = std::atoi(result[0].c_str());
+    const int code = std::atoi(texts.front().c_str());
     if (code != kExitSuccess) {
-        throw Failure{static_cast<ExitCode>(code), result[1]};
+        throw Failure{static_cast<ExitCode>(code), texts.back()};
+    }
+    if ((texts.size() - 1) % columns != 0) {
+        throw Failure{kExitSystem, kUnreadable};
     }
     ModuleChild::Rows rows;
-    for (const std::string& row : unpacked(result[1])) {
-        rows.push_back(unpacked(row));
-        rows.back().resize(columns);
+    const auto size = static_cast<std::ptrdiff_t>(columns);
+    for (auto row = texts.begin() + 1; row != texts.end(); row += size) {
+        rows.emplace_back(row, row + size);
     }
     return rows;
 }

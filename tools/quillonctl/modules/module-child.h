@@ -25,8 +25,8 @@ struct ModuleTimes
     std::chrono::milliseconds check = std::chrono::seconds(600);
 };
 
-/// Holds back the signals that ask the program to end, on the calling thread, and the one that says
-/// that a child has ended. What has come meanwhile takes effect at its end.
+/// Blocks SIGINT, SIGQUIT, SIGTERM, SIGHUP and SIGCHLD on the calling thread. Those that arrive
+/// take effect when it is destroyed.
 class RequestsHeld
 {
 public:
@@ -41,7 +41,7 @@ public:
     /// Makes a request that waitFor() has returned count again.
     void putBack(int signal) const;
 
-    /// Undoes all of it, also that of those around it. For a child.
+    /// Unblocks them, whatever objects exist. For a forked child.
     static void release();
 
 private:
@@ -71,7 +71,7 @@ public:
     /// the problem is "crashed", "hung" or "ended".
     /// @param item  a ModuleEntry or ModuleCheck
     template <typename Item>
-    void correct(Item& item) const
+    void markBroken(Item& item) const
     {
         const auto fallen = fallen_.find(item.name);
         if (fallen != fallen_.end()) {
@@ -81,7 +81,7 @@ public:
             item.problem.code = fallen->second.code;
         }
     }
-    /// Identifiers of the packages that children who did not come to their end may have mounted.
+    /// Packages that may still be mounted, of children that were ended early.
     const std::set<std::string>& packages() const { return packages_; }
 
 private:

@@ -58,7 +58,7 @@ public:
     using OnStep = std::function<void(const std::string& libName, ModuleStep step)>;
     /// Has somebody told of every step, on the thread that asks, before the module is asked; and of
     /// kNone without a name after it. Updates have no steps.
-    void follow(OnStep onStep) { onStep_ = std::move(onStep); }
+    void onSteps(OnStep onStep) { onStep_ = std::move(onStep); }
     /// The module will not be loaded, and counts as not loadable.
     void leaveOut(const std::string& libName) { leftOut_.insert(libName); }
     /// @}

@@ -62,7 +62,7 @@ std::vector<ModuleEntry> probeModules(const ModuleTimes& times, const std::strin
     std::vector<ModuleEntry> entries;
     for (const ModuleChild::Row& row : rows) {
         entries.push_back(entryOf(row));
-        child.correct(entries.back());
+        child.markBroken(entries.back());
     }
     return entries;
 }
