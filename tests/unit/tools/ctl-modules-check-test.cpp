@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "support/files.h"
 #include "support/texts.h"
 #include "support/wait.h"
 #include "unit/tools/ctl-modules-device.h"
@@ -18,7 +19,9 @@ using quillon::test::expectNoTextAmong;
 using quillon::test::expectText;
 using quillon::test::expectTextAmong;
 using quillon::test::like;
+using quillon::test::readAll;
 using quillon::test::waitFor;
+using quillon::test::writeFile;
 
 class CtlModulesCheck : public CtlModules
 {
@@ -43,6 +46,18 @@ TEST_F(CtlModulesCheck, TellsWhatIsRunningWhatIsOfferedAndHowLongItTakes)
     EXPECT_EQ(alpha["running"], "1.5");
     EXPECT_EQ(alpha["offered"], "2.0");
     EXPECT_EQ(alpha["seconds"], 12);
+}
+
+TEST_F(CtlModulesCheck, TellsTheWholeVersionThatIsOfferedWhateverItHolds)
+{
+    install("alpha", "need=0\n");
+    offer("alpha");
+    const std::string file = "/lib/firmware/ext/alpha/info.json";
+    std::string information = readAll(file);
+    information.replace(information.find("2.0"), 3, "2\\u0000x");
+    writeFile(file, information);
+
+    EXPECT_EQ(check("alpha", 7)["offered"].asString(), std::string("2\0x", 3));
 }
 
 TEST_F(CtlModulesCheck, IsATableWithASumForPeople)
