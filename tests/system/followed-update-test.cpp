@@ -89,7 +89,7 @@ TEST_F(FollowedUpdate, IsTimedByItsOwnRecordWhereTheEstimatesIsOfAnotherStick)
               "{\"event\":\"began\",\"clock\":1,\"directory\":\"/media/\"}\n");
     BackgroundLayer viewer(kFollow);
 
-    EXPECT_TRUE(viewer.says(" s left)\n"));
+    EXPECT_TRUE(viewer.says("(about 10 min left)\n"));
 
     std::filesystem::remove("/run/quillon/run/update.jsonl");
     EXPECT_EQ(viewer.wait(), 9);
