@@ -39,7 +39,8 @@ expect "what is left in /run and /tmp" "" \
 # The system's own records aside.
 find / -xdev \( -path /boot-test -o -path /proc -o -path /sys -o -path /run -o -path /tmp -o \
     -path /var/lib/dpkg -o -path /var/lib/apt -o -path /var/lib/systemd/credential.secret -o \
-    -path /var/lib/systemd/timers -o -path /var/cache -o -path /var/log -o -path '/var/tmp/systemd-private-*' \) -prune -o -print |
+    -path /var/lib/systemd/timers -o -path /var/backups -o -path /var/cache -o -path /var/log -o \
+    -path '/var/tmp/systemd-private-*' \) -prune -o -print |
     sort >"$device_directory/files-after"
 comm -13 "$device_directory/files-before" "$device_directory/files-after" >"$device_directory/files-new"
 expect "what is left on the disk" "" "$(head -n 40 "$device_directory/files-new")"
