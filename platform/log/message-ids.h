@@ -15,8 +15,8 @@ struct ExplainedMessage
 extern const ExplainedMessage kExplainedMessages[];
 extern const std::size_t kExplainedMessageCount;
 
-/// What the service says at the error priority of steps that have succeeded. They share an entry of
-/// the catalogue, which says so.
+/// Formats that the service logs at the error priority although the step has succeeded. They share
+/// one entry of the catalogue.
 extern const char kStepId[];
 extern const char* const kStepFormats[];
 extern const std::size_t kStepFormatCount;

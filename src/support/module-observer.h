@@ -78,8 +78,8 @@ struct RunNews
 };
 
 /// All are called on the thread that checks or updates. They must not call the registry. They may
-/// change errno, and the first two may throw what is derived from std::exception: whoever tells
-/// them restores the one and drops the other.
+/// change errno, and the first two may throw what is derived from std::exception: callers restore
+/// errno and drop exceptions.
 class ModuleObserver
 {
 public:

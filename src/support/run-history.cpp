@@ -63,7 +63,7 @@ void RunHistory::giveUp() noexcept
     isKept_ = false;
 }
 
-/// Sees to it that there is a file with room in it, which ends in a line's end.
+/// Makes sure that the file exists, has room, and ends with a line's end.
 bool RunHistory::startFile() const
 {
     const std::string path = directory_ + kHistory;

@@ -8,7 +8,7 @@ class Value;
 
 namespace quillon {
 
-/// The names of the history in its directory: the lines of late, and those before them.
+/// The history's files in its directory: the recent lines, and the ones before them.
 inline constexpr const char* kHistory = "history.jsonl";
 inline constexpr const char* kEarlierHistory = "earlier-history.jsonl";
 

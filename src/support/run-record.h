@@ -51,7 +51,7 @@ public:
     explicit RunRecord(const std::string& directory,
                        const std::string& history = paths::kRunHistory);
 
-    /// Whether there is anything to be told of.
+    /// Whether the observer has anything to write to.
     bool isKept() const { return isKept_[kStart] || history_.hasDirectory(); }
 
     /// All modules are loaded, and commands are served from now on.

@@ -57,7 +57,7 @@ std::string xml(const std::string& text, std::size_t characters)
         const auto escape = kEscapes.find(c);
         escaped += escape != kEscapes.end() ? escape->second : std::string(1, c);
     }
-    // These two are no characters of XML.
+    // XML cannot hold these two.
     for (const char* refused : {"\xEF\xBF\xBE", "\xEF\xBF\xBF"}) {
         for (std::size_t at = 0; (at = escaped.find(refused, at)) != std::string::npos;) {
             escaped.replace(at, 3, "?");

@@ -102,7 +102,7 @@ std::string readGeneration(const char* name)
     }
 }
 
-/// Passes over what is no line of ours, as a power cut may leave.
+/// Skips lines that the service did not write whole, as a power cut may leave them.
 void takeGeneration(const std::string& text, std::vector<KeptRun>& runs)
 {
     std::istringstream lines(text);
@@ -127,8 +127,8 @@ void takeGeneration(const std::string& text, std::vector<KeptRun>& runs)
     }
 }
 
-/// The service's own record tells: it is gone after a start of the device, when another process may
-/// have the number of the service that was cut off.
+/// Looks at the service's own record, which a reboot removes: after one, another process may have
+/// the number of the service that was cut off.
 bool isRunning(const RecordedRun& run)
 {
     const std::optional<RecordedRun> present = readRecordedRun("update");

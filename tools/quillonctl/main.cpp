@@ -83,7 +83,7 @@ void addOptions(CLI::App& app, Arguments& arguments)
     app.add_flag("--quiet", arguments.quiet, "Say nothing but errors")->excludes(json);
     app.add_option("--timeout", arguments.timeout,
                    "Wait at most this long for each reply (default: 600 for the estimate and the "
-                   "start, otherwise 5; of modules 600 for a check, otherwise 10)")
+                   "start, otherwise 5; with modules 600 for a check, otherwise 10)")
         ->check(checkTimeout)
         ->option_text("SECONDS");
 }

@@ -11,7 +11,7 @@
 namespace quillon {
 namespace {
 
-/// More wrong letters, and the word is more likely another one.
+/// With more wrong letters, another word was probably meant.
 constexpr std::size_t kMostWrong = 2;
 constexpr std::size_t kLongestWord = 60;
 

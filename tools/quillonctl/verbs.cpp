@@ -64,8 +64,7 @@ void exitOn(const Error& error)
     static const std::map<ErrorCode, ClientFailure> kFailures = {
         {ErrorCode::kBadArgument, {kExitUsage, ""}},
         {ErrorCode::kNoService,
-         {kExitNoService,
-          "; start it: \"quillonctl doctor\" looks for what may keep it from starting"}},
+         {kExitNoService, "; start it, or let \"quillonctl doctor\" say why it does not start"}},
         {ErrorCode::kNoReply,
          {kExitNoReply, "; \"quillonctl doctor\" looks for what may keep it busy"}},
         {ErrorCode::kBusy,

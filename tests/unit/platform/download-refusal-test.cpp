@@ -26,6 +26,27 @@ protected:
         captured.clear();
     }
 
+    /// Breaks a package off in its middle, and expects an answer with these lines for the rest of
+    /// it to be refused for that reason.
+    void expectRestRefused(std::vector<std::string> lines, const std::string& reason)
+    {
+        const std::string package = packageOf(1000);
+        lines.insert(lines.end(), {"ETag: \"one\"", "Content-Range: bytes 500-999/1000"});
+        const LocalHttpServer server([&](const HttpRequest& request, HttpConnection& connection) {
+            if (request.offset() == 0) {
+                sendBeginning(connection, package, 500);
+            } else {
+                connection.send(httpHead("206 Partial Content", lines) + package.substr(500));
+            }
+        });
+        configureFor(server.address());
+
+        EXPECT_EQ(download("alpha"), -3);
+
+        expectTextAmong(captured.lines(), like("*" + reason + "*"));
+        expectTexts(namesInDirectory(), {});
+    }
+
     CapturedStderr captured;
 };
 
@@ -149,23 +170,8 @@ TEST_F(DownloadRefusal, OfTwoAnnouncedSizes)
 
 TEST_F(DownloadRefusal, OfARestWithTwoAnnouncedSizes)
 {
-    const std::string package = packageOf(1000);
-    const LocalHttpServer server([&](const HttpRequest& request, HttpConnection& connection) {
-        if (request.offset() == 0) {
-            sendBeginning(connection, package, 500);
-            return;
-        }
-        connection.send(httpHead("206 Partial Content",
-                                 {"Content-Length: 100", "Content-Length: 500", "ETag: \"one\"",
-                                  "Content-Range: bytes 500-999/1000"}) +
-                        package.substr(500));
-    });
-    configureFor(server.address());
-
-    EXPECT_EQ(download("alpha"), -3);
-
-    expectTextAmong(captured.lines(), like("*the server's Content-Length is ambiguous*"));
-    expectTexts(namesInDirectory(), {});
+    expectRestRefused({"Content-Length: 100", "Content-Length: 500"},
+                      "the server's Content-Length is ambiguous");
 }
 
 TEST_F(DownloadRefusal, DoesNotMeetASizeThatIsAnnouncedTwice)
@@ -199,23 +205,8 @@ TEST_F(DownloadRefusal, OfAnEncodedPackage)
 
 TEST_F(DownloadRefusal, OfAnEncodedRest)
 {
-    const std::string package = packageOf(1000);
-    const LocalHttpServer server([&](const HttpRequest& request, HttpConnection& connection) {
-        if (request.offset() == 0) {
-            sendBeginning(connection, package, 500);
-            return;
-        }
-        connection.send(httpHead("206 Partial Content",
-                                 {"Content-Length: 500", "Content-Encoding: gzip", "ETag: \"one\"",
-                                  "Content-Range: bytes 500-999/1000"}) +
-                        package.substr(500));
-    });
-    configureFor(server.address());
-
-    EXPECT_EQ(download("alpha"), -3);
-
-    expectTextAmong(captured.lines(), like("*in a Content-Encoding, which was not asked for*"));
-    expectTexts(namesInDirectory(), {});
+    expectRestRefused({"Content-Length: 500", "Content-Encoding: gzip"},
+                      "in a Content-Encoding, which was not asked for");
 }
 
 TEST_F(DownloadRefusal, DoesNotMeetAPackageInTheEncodingIdentity)

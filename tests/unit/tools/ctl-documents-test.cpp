@@ -235,6 +235,9 @@ TEST(CtlTroubleshooting, QuotesWhatTheProgramSays)
         const std::regex between("…");
         for (std::sregex_token_iterator piece(message.begin(), message.end(), between, -1), end;
              piece != end; ++piece) {
+            if (piece->length() == 0) {
+                continue;  // the message begins or ends with one
+            }
             EXPECT_NE(sources.find(*piece), std::string::npos) << message;
         }
     }

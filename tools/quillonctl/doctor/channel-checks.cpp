@@ -206,7 +206,7 @@ Findings checkHelper(Severity severity, const char* path, const std::string& uni
 
 #endif
 
-/// The value by the bytes of the file: who maps it would count as one who may hold it.
+/// Reads the value from the file's bytes: a process that maps the file counts as a possible holder.
 /// @return -1 when it cannot be read
 int valueOfSemaphore()
 {

@@ -42,7 +42,7 @@ inline Finding note(const char* code, const std::string& text, const std::string
     return {Severity::kNote, code, text, remedy};
 }
 
-/// What only root can see is no reason to worry.
+/// Notes what this user cannot look at.
 /// @param what  the beginning of a sentence: "the image key"
 inline Finding notChecked(const std::string& what)
 {

@@ -46,9 +46,8 @@ Finding moduleEndedStart(Severity severity, const std::string& module, const cha
             remedyAgainst(module)};
 }
 
-/// @return whether there is an image of any module in the directory. One with very many files is
-/// not
-///         looked through.
+/// Gives up in a directory with very many files.
+/// @return whether there is an image of any module in the directory
 bool hasImages(const std::string& directory)
 {
     std::error_code failure;

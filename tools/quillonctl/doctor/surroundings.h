@@ -42,7 +42,7 @@ bool isProgramRunning(const std::string& name);
 /// lstat; nothing when there is nothing, or it cannot be seen.
 std::optional<struct stat> statusOf(const std::string& path);
 
-/// Whether neither root nor the service has made it.
+/// Whether somebody other than root and the service has made it.
 bool isStrangers(const struct stat& status);
 
 /// Whether the service's user has these rights by owner, group and mode.

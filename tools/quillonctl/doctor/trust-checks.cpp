@@ -30,7 +30,7 @@ namespace {
 constexpr int kLoadMilliseconds = 10000;
 constexpr mode_t kGroupAndOthers = 0077;
 
-/// Loads the verifier in a process that may come to grief, and says why it is of no use.
+/// Loads the verifier in a child, since it may crash, and says why it cannot be used.
 [[noreturn]] void tryVerifier(int answer)
 {
     prctl(PR_SET_DUMPABLE, 0);  // no core file
@@ -137,7 +137,7 @@ std::optional<bool> isKeyStored(Findings& findings)
     return isStored;
 }
 
-/// How the device comes to its key at the next start, when it has none.
+/// How the device gets its key at the next start if it has none.
 Findings faultsOfProvisioning(const Surroundings& around)
 {
     struct stat package = {};
@@ -181,7 +181,7 @@ Findings checkVerifier(const Surroundings& /*around*/)
                           " every image counts as signed",
                       remedy)};
     }
-    // Who could change it, or a step on the way to it, would have us run what they like.
+    // Whoever can change it, or a directory of its path, could run code in our name.
     if (!unit::inspectPlaces({paths::kVerifierLibrary}).empty()) {
         return {};
     }

@@ -71,8 +71,8 @@ _Unwind_Reason_Code lookAtCaller(_Unwind_Context* context, void* found)
     return _URC_END_OF_STACK;
 }
 
-/// The module that has brought this thread here, or empty. Takes no memory, which may be locked or
-/// broken after a crash.
+/// The module whose code this thread runs, or empty. Allocates nothing: after a crash, the heap may
+/// be locked or broken.
 const char* moduleOnStack()
 {
     const char* module = "";

@@ -36,9 +36,9 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 
-/// How often the deadline is looked at, which the child moves.
+/// How often the parent looks at the deadline. The child moves it.
 constexpr milliseconds kBetweenLooks(200);
-/// So long a process may take to end that has been killed.
+/// How long a killed process may take to end.
 constexpr milliseconds kTimeToEnd(5000);
 constexpr std::size_t kLongestText = 20480;  // more than is ever shown, whatever the alphabet
 constexpr std::size_t kLongestName = 256;    // of a file, and the terminator

@@ -15,7 +15,7 @@
 
 namespace quillon {
 
-/// So long a module may take for one answer.
+/// How long a module may take for one answer.
 struct ModuleTimes
 {
     /// Loading, and telling the version. A component on a slow bus answers within seconds.
@@ -67,8 +67,8 @@ public:
     /// @return what the work returns, each text cut to 20 KiB. Throws Failure, also for a request.
     Rows run(std::size_t columns, const std::function<Rows()>& work);
 
-    /// Makes what the work has found about a module that ended a child, or did not answer, say so:
-    /// the problem is "crashed", "hung" or "ended".
+    /// Replaces what the work has found about a module that ended a child or did not answer: its
+    /// problem is "crashed", "hung" or "ended".
     /// @param item  a ModuleEntry or ModuleCheck
     template <typename Item>
     void markBroken(Item& item) const

@@ -56,8 +56,8 @@ public:
     /// @name Before modules are loaded, for those who look after this process
     /// @{
     using OnStep = std::function<void(const std::string& libName, ModuleStep step)>;
-    /// Has somebody told of every step, on the thread that asks, before the module is asked; and of
-    /// kNone without a name after it. Updates have no steps.
+    /// Calls `onStep` on the thread that asks, before each question to a module, and with kNone and
+    /// no name after it. Updates have no steps.
     void onSteps(OnStep onStep) { onStep_ = std::move(onStep); }
     /// The module will not be loaded, and counts as not loadable.
     void leaveOut(const std::string& libName) { leftOut_.insert(libName); }

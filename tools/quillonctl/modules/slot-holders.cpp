@@ -94,7 +94,7 @@ SlotHolders findSlotHolders(const SlotLocks& locks)
         Mapping mapping = mappingOf(process, locks.file());
         const bool onlyTakesPart = locks.onlyTakesPart(process);
         if (mapping == Mapping::kHas && !onlyTakesPart) {
-            // One that has just ended is without its mapping and its lock.
+            // A process that ends loses its mapping before its lock.
             mapping = mappingOf(process, locks.file());
         }
         if (mapping == Mapping::kHas && !onlyTakesPart) {
