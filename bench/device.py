@@ -44,7 +44,11 @@ def boot() -> None:
     run("touch", "/tmp/smack_early_ready", "/tmp/fw_update_ready_usb")
     key = pathlib.Path("/var/lib/quillon/secure-storage/quillon")
     key.parent.mkdir(mode=0o700, parents=True, exist_ok=True)
-    pathlib.Path("/run/quillon/run").mkdir(parents=True, exist_ok=True)  # where the unit has records kept
+    records = pathlib.Path("/run/quillon/run")  # where the unit has records kept: in memory, as a machine's /run is
+    if not records.exists():
+        records.parent.mkdir(exist_ok=True)
+        pathlib.Path("/dev/shm/records").mkdir()
+        records.symlink_to("/dev/shm/records")
     key.write_text(IMAGE_KEY)
     key.chmod(0o600)
 

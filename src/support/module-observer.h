@@ -64,6 +64,7 @@ struct ModuleNews
 };
 
 enum class RunEvent {
+    kModulesLoaded,  ///< each module has been loaded or refused; result 0
     kEstimateBegan,  ///< a stick is about to be looked at
     kEstimateEnded,  ///< result of getFirmwareUpdateTime
     kUpdateBegan,    ///< the marked modules are about to be updated from a stick
@@ -73,7 +74,7 @@ enum class RunEvent {
 struct RunNews
 {
     RunEvent event;
-    const char* directory;  ///< as the client has set it; never null
+    const char* directory;  ///< as the client has set it; empty where there is none, never null
     int result = 0;
 };
 
@@ -171,6 +172,15 @@ void tell(ModuleEvent event, const Module& module, int result = 0)
     }
 }
 
+/// Tells the observer of a run.
+/// @param observer  null for none
+inline void tellRun(ModuleObserver* observer, const RunNews& news)
+{
+    if (observer != nullptr && !unnoticed([&] { observer->hearRun(news); })) {
+        observer->missRun(news.event);
+    }
+}
+
 /// Tells the observer that a run begins, and with the end of the object that it is over.
 class ToldRun
 {
@@ -181,10 +191,10 @@ public:
           ended_(ended),
           directory_(directory != nullptr ? directory : "")
     {
-        tellRun({began, directory_});
+        tellRun(observer_, {began, directory_});
     }
 
-    ~ToldRun() { tellRun({ended_, directory_, result_}); }
+    ~ToldRun() { tellRun(observer_, {ended_, directory_, result_}); }
     ToldRun(const ToldRun&) = delete;
     ToldRun& operator=(const ToldRun&) = delete;
 
@@ -192,13 +202,6 @@ public:
     int endWith(int result) { return result_ = result; }
 
 private:
-    void tellRun(const RunNews& news)
-    {
-        if (observer_ != nullptr && !unnoticed([&] { observer_->hearRun(news); })) {
-            observer_->missRun(news.event);
-        }
-    }
-
     ModuleObserver* const observer_;
     const RunEvent ended_;
     const char* const directory_;

@@ -3,6 +3,9 @@
 #include <fcntl.h>
 #include <json/json.h>
 
+#include <memory>
+#include <sstream>
+
 namespace quillon {
 namespace {
 
@@ -12,14 +15,18 @@ constexpr mode_t kMode = 0644;
 
 std::string lineOf(const Json::Value& object)
 {
-    static const Json::StreamWriterBuilder kStyle = [] {
+    // To make a writer costs more than to write a line.
+    static thread_local const std::unique_ptr<Json::StreamWriter> kWriter = [] {
         Json::StreamWriterBuilder style;
         style["indentation"] = "";
         style["precision"] = 3;
         style["precisionType"] = "decimal";
-        return style;
+        return std::unique_ptr<Json::StreamWriter>(style.newStreamWriter());
     }();
-    return Json::writeString(kStyle, object) + '\n';
+    std::ostringstream text;
+    kWriter->write(object, &text);
+    text << '\n';
+    return text.str();
 }
 
 UniqueFd openForLines(const std::string& path, int flags, struct stat& opened)

@@ -73,13 +73,12 @@ Json::Value lineAbout(const char* event)
 
 /// Adds to a file, which is open for no longer than that.
 /// @param flags  for open
-/// @return whether all of the line has been written
-bool append(const std::string& path, int flags, const Json::Value& line)
+/// @return whether all of the lines have been written
+bool append(const std::string& path, int flags, const std::string& lines)
 {
     struct stat status = {};
     const UniqueFd file = openForLines(path, O_WRONLY | flags, status);
-    const std::string text = lineOf(line);
-    return file && writeAll(file.get(), text.data(), text.size());
+    return file && writeAll(file.get(), lines.data(), lines.size());
 }
 
 }  // namespace
@@ -137,7 +136,11 @@ void RunRecord::hear(const ModuleNews& news)
         line["offered"] = isText(news.offered) ? Json::Value(news.offered) : Json::Value();
     }
     rememberOffer(news.event, line);
-    add(entry.record, line);
+    if (news.event == ModuleEvent::kLoaded || news.event == ModuleEvent::kDecided) {
+        held_[entry.record] = lineOf(line);
+    } else {
+        add(entry.record, line);
+    }
 }
 
 void RunRecord::hearRun(const RunNews& news)
@@ -145,6 +148,8 @@ void RunRecord::hearRun(const RunNews& news)
     Json::Value ended = lineAbout("ended");
     ended["result"] = news.result;
     switch (news.event) {
+        case RunEvent::kModulesLoaded:
+            return write(kStart, "");
         case RunEvent::kEstimateBegan:
             return begin(kEstimate, news.directory);
         case RunEvent::kEstimateEnded:
@@ -163,6 +168,9 @@ void RunRecord::miss(ModuleEvent event) noexcept
 
 void RunRecord::missRun(RunEvent event) noexcept
 {
+    if (event == RunEvent::kModulesLoaded) {
+        return giveUp(kStart);
+    }
     const bool isEstimate = event == RunEvent::kEstimateBegan || event == RunEvent::kEstimateEnded;
     giveUp(isEstimate ? kEstimate : kUpdate);
 }
@@ -189,8 +197,9 @@ void RunRecord::begin(Record record, const std::string& stick)
         line["directory"] = stick.substr(0, last == std::string::npos ? 1 : last + 2);
     }
     isKept_[record] = false;
+    held_[record].clear();
     unlink(made.c_str());  // left by a service that was killed just here, or a link
-    isKept_[record] = append(made, O_CREAT | O_EXCL, line) &&
+    isKept_[record] = append(made, O_CREAT | O_EXCL, lineOf(line)) &&
                       chmod(made.c_str(), kMode) == 0 &&  // whatever the umask
                       std::rename(made.c_str(), (directory_ + kNames[record]).c_str()) == 0;
     if (record == kUpdate) {
@@ -198,12 +207,19 @@ void RunRecord::begin(Record record, const std::string& stick)
     }
 }
 
-/// Gives the record up when a line cannot be written, so that a record with an end lacks none.
-void RunRecord::add(Record record, const Json::Value& line)
+/// Writes the line that has been held back, and a text after it. Gives the record up when that
+/// fails, so that a record with an end lacks no line.
+void RunRecord::write(Record record, const std::string& text)
 {
     if (std::exchange(isKept_[record], false)) {
-        isKept_[record] = append(directory_ + kNames[record], 0, line);
+        const std::string lines = std::exchange(held_[record], {}) + text;
+        isKept_[record] = append(directory_ + kNames[record], 0, lines);
     }
+}
+
+void RunRecord::add(Record record, const Json::Value& line)
+{
+    write(record, lineOf(line));
     if (record == kUpdate) {
         history_.add(line);
     }
@@ -213,11 +229,14 @@ void RunRecord::add(Record record, const Json::Value& line)
 /// update itself finds it only later, and may be cut off before.
 void RunRecord::rememberOffer(ModuleEvent event, Json::Value& line)
 {
+    if (event != ModuleEvent::kDecided && event != ModuleEvent::kStarted) {
+        return;
+    }
     const std::lock_guard<std::mutex> lock(mutex_);
     Json::Value& offer = offers_[line["module"].asString()];
     if (event == ModuleEvent::kDecided) {
         offer = line.get("offered", Json::Value());
-    } else if (event == ModuleEvent::kStarted && !offer.isNull()) {
+    } else if (!offer.isNull()) {
         line["offered"] = offer;
     }
 }

@@ -21,8 +21,9 @@ double secondsSinceBoot();
 ///
 /// Each file has a JSON object a line. The first is written before anything of its kind is done,
 /// and replaces the file of the time before in one step. Each further one is written when it
-/// happens, so when the service dies in a module, the last line names the module. A reader passes
-/// over a last line without its end. All have "event" and "clock", seconds since boot:
+/// happens, so when the service dies in a module, the last line names the module; only that a
+/// module is loaded or decided about is written together with what comes next. A reader passes over
+/// a last line without its end. All have "event" and "clock", seconds since boot:
 ///
 ///     {"event":"began","clock":12.5,"at":1763856000,"pid":321,"directory":"/media/stick/"}
 ///     {"event":"checking","clock":12.6,"module":"tuner"}
@@ -66,12 +67,14 @@ public:
 private:
     void giveUp(Record record) noexcept;
     void begin(Record record, const std::string& stick);
+    void write(Record record, const std::string& text);
     void add(Record record, const Json::Value& line);
     void rememberOffer(ModuleEvent event, Json::Value& line);
 
     const std::string directory_;
     bool isKept_[kRecords] = {};
     RunHistory history_;
+    std::string held_[kRecords];  ///< lines that are still to be written
     std::mutex mutex_;
     std::map<std::string, Json::Value> offers_;  ///< versions that looks have found; with mutex_
 };
