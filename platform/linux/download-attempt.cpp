@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <new>
 #include <string_view>
@@ -58,6 +57,11 @@ long statusOf(CURL* transfer)
     long status = 0;
     curl_easy_getinfo(transfer, CURLINFO_RESPONSE_CODE, &status);
     return status;
+}
+
+bool isRedirection(CURL* transfer)
+{
+    return statusOf(transfer) / 100 == 3;
 }
 
 /// @return an absolute address; empty when nothing is redirected
@@ -262,9 +266,12 @@ std::size_t DownloadAttempt::onBody(char* data, std::size_t /*one*/, std::size_t
         attempt->result_ = kDownloadFailed;
         attempt->reason_.clear();
     }
-    // A short body that is of no use, such as an error page, is received to the end: only then does
-    // the transfer library tell where a redirection leads.
-    return attempt->dropped_ > kMostDropped ? 0 : size;
+    // A body that is of no use, such as an error page, ends the transfer. A short one of a
+    // redirection is received to its end: only then does the transfer library tell where that
+    // leads.
+    const bool isOfNoUse = attempt->body_ == Body::kDropped &&
+                           (attempt->dropped_ > kMostDropped || !isRedirection(attempt->transfer_));
+    return isOfNoUse ? 0 : size;
 }
 
 int DownloadAttempt::onProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t)
@@ -286,7 +293,7 @@ void DownloadAttempt::takeBytes(const char* data, std::size_t size)
         return;
     }
     if (!part_.append(data, size)) {
-        end(kNotStored, std::strerror(errno));
+        end(kNotStored, part_.failure());
     }
 }
 
@@ -330,7 +337,7 @@ void DownloadAttempt::takeWholeFile()
         return;
     }
     if (!part_.restart(validatorOf(transfer_))) {
-        end(kNotStored, std::strerror(errno));
+        end(kNotStored, part_.failure());
         return;
     }
     body_ = Body::kKept;
@@ -355,7 +362,7 @@ void DownloadAttempt::takeRest()
 /// What has arrived is of no use to the next attempt.
 DownloadStatus DownloadAttempt::startOver(const std::string& reason)
 {
-    return part_.restart("") ? end(kUnreachable, reason) : end(kNotStored, std::strerror(errno));
+    return part_.restart("") ? end(kUnreachable, reason) : end(kNotStored, part_.failure());
 }
 
 DownloadStatus DownloadAttempt::end(DownloadStatus result, std::string reason)

@@ -27,13 +27,15 @@ constexpr mode_t kPartMode = 0600;
 constexpr mode_t kPackageMode = 0644;
 constexpr mode_t kUsualUmask = 022;
 
+/// @param[out] status  what the file is; undefined when it cannot be opened
 /// @return empty when it cannot be read
-std::string readText(const std::string& path)
+std::string readText(const std::string& path, struct stat* status = nullptr)
 {
     UniqueFd fd;
     struct stat opened = {};
     SecretBytes bytes;
-    if (openRegularFile(path.c_str(), O_NOFOLLOW, fd, opened) != FileResult::kOk ||
+    if (openRegularFile(path.c_str(), O_NOFOLLOW, fd, status != nullptr ? *status : opened) !=
+            FileResult::kOk ||
         readToEnd(fd.get(), kLargestNote, bytes) != FileResult::kOk) {
         return "";
     }
@@ -111,10 +113,6 @@ PartResult DownloadPart::open()
         return PartResult::kFailed;
     }
     size_ = static_cast<std::uint64_t>(status.st_size);
-    validator_ = notedValidator();
-    if (validator_.empty() && !restart("")) {
-        return PartResult::kFailed;
-    }
     return PartResult::kOk;
 }
 
@@ -137,7 +135,7 @@ PartResult DownloadPart::openLocked()
         // What was made just now is the user's, whatever owner and mode the file system shows.
         wasForeign = !isNew && (file_ ? isForeign() : mayNotBeOpened(errno));
         if (wasForeign) {
-            if (unlinkat(directory_.get(), partName_.c_str(), 0) != 0 && errno != ENOENT) {
+            if (!removeFile(partName_)) {
                 return PartResult::kFailed;
             }
             continue;
@@ -149,8 +147,16 @@ PartResult DownloadPart::openLocked()
             return errno == EWOULDBLOCK ? PartResult::kBusy : PartResult::kFailed;
         }
         owner_ = getpid();
-        if (isStillAtItsPath()) {
+        if (!isStillAtItsPath()) {
+            continue;
+        }
+        validator_ = isNew ? "" : notedValidator();
+        if (isNew || !validator_.empty()) {
             return PartResult::kOk;
+        }
+        // Who may write to the directory may have moved another file of this user's here.
+        if (!removeFile(partName_)) {
+            return PartResult::kFailed;
         }
     }
     errno = ESTALE;
@@ -196,7 +202,7 @@ std::string DownloadPart::failure() const
     if (reason == ESTALE) {
         return text + "somebody removes or replaces " + pathOf(partName_);
     }
-    for (const std::string& name : {partName_, packageName_}) {
+    for (const std::string& name : {partName_, noteName_, packageName_}) {
         struct stat status = {};
         if ((reason == EISDIR || reason == EPERM) &&
             fstatat(directory_.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
@@ -208,31 +214,50 @@ std::string DownloadPart::failure() const
     return std::strerror(reason);
 }
 
-std::string DownloadPart::notedValidator() const
+/// What every note of this part begins with; empty when that cannot be told.
+std::string DownloadPart::noteHead() const
 {
+    struct stat part = {};
     const std::string boot = bootId();
-    const std::string head = address_ + "\n" + boot + "\n";
-    const std::string note = readText(pathOf(noteName_));
-    if (boot.empty() || note.compare(0, head.size(), head) != 0) {
+    if (boot.empty() || fstat(file_.get(), &part) != 0) {
         return "";
     }
-    const std::string validator = note.substr(head.size());
+    return address_ + "\n" + boot + "\n" + std::to_string(part.st_dev) + " " +
+           std::to_string(part.st_ino) + "\n";
+}
+
+std::string DownloadPart::notedValidator() const
+{
+    struct stat part = {};
+    struct stat note = {};
+    const std::string head = noteHead();
+    const std::string text = readText(pathOf(noteName_), &note);
+    // Nobody else can have written the note. Where modes cannot be set, the part's has none either.
+    const bool isOwn = note.st_uid == user_ && note.st_nlink == 1 &&
+                       (isPrivate(note) || (fstat(file_.get(), &part) == 0 && !isPrivate(part)));
+    if (head.empty() || !isOwn || text.compare(0, head.size(), head) != 0) {
+        return "";
+    }
+    const std::string validator = text.substr(head.size());
     return validator.substr(0, validator.find('\n'));
 }
 
 bool DownloadPart::writeNote() const
 {
-    const std::string text = address_ + "\n" + bootId() + "\n" + validator_ + "\n";
+    const std::string text = noteHead() + validator_ + "\n";
     return replaceFile(kDirectory, noteName_, SecretBytes(text.begin(), text.end()));
+}
+
+/// @return also true when it is not there
+bool DownloadPart::removeFile(const std::string& name) const
+{
+    return unlinkat(directory_.get(), name.c_str(), 0) == 0 || errno == ENOENT;
 }
 
 bool DownloadPart::restart(const std::string& validator)
 {
     // The old note goes first, so that it never stands beside bytes of another state.
-    if (unlinkat(directory_.get(), noteName_.c_str(), 0) != 0 && errno != ENOENT) {
-        return false;
-    }
-    if (ftruncate(file_.get(), 0) != 0) {
+    if (!removeFile(noteName_) || ftruncate(file_.get(), 0) != 0) {
         return false;
     }
     size_ = 0;
@@ -259,7 +284,7 @@ bool DownloadPart::place()
         return false;
     }
     // Without its note, a part that stays behind is not taken up for another package.
-    if (unlinkat(directory_.get(), noteName_.c_str(), 0) != 0 && errno != ENOENT) {
+    if (!removeFile(noteName_)) {
         return false;
     }
     if (renameat(directory_.get(), partName_.c_str(), directory_.get(), packageName_.c_str()) !=

@@ -18,12 +18,13 @@ enum class PartResult { kOk, kBusy, kFailed };
 /// object lives so that two processes do not write into one, and for its owner alone so that nobody
 /// else locks it; only as a package do others read it, as the umask says. Each user has a part of
 /// their own, since nobody can go on with another one's. Beside it, ".<identifier>.<uid>.resume"
-/// notes which address and which state of the server's file the part belongs to.
+/// notes which file the part is, and which address and which state of the server's file it belongs
+/// to.
 ///
-/// A link, a FIFO, another user's file or anything else that stands in the part's place is removed,
-/// never written through. Where the file system has no modes, a part is taken as it is; where it
-/// shows another owner than the user, each download begins anew. Thread: one object, one thread.
-/// Throws std::bad_alloc.
+/// A link, a FIFO, another user's file, a file that the note does not name or anything else that
+/// stands in the part's place is removed, never written through and never gone on with. Where the
+/// file system has no modes, a part is taken as it is; where it shows another owner than the user,
+/// each download begins anew. Thread: one object, one thread. Throws std::bad_alloc.
 class DownloadPart
 {
 public:
@@ -36,9 +37,9 @@ public:
     DownloadPart(const DownloadPart&) = delete;
     DownloadPart& operator=(const DownloadPart&) = delete;
 
-    /// Makes the directory when it is missing, and takes up what an earlier download left when its
-    /// note is of this address and of this run of the machine: what was not synced before a power
-    /// failure may be damaged.
+    /// Makes the directory when it is missing, and takes up what an earlier download left when a
+    /// note of this user names it, this address and this run of the machine: what was not synced
+    /// before a power failure may be damaged.
     /// @return kBusy when another process of this user has the part; kFailed with errno telling why
     PartResult open();
 
@@ -60,16 +61,19 @@ public:
     /// errno as it was.
     void discard();
 
-    /// Why open() or place() has failed, for people: what errno says and, where a file is in the
-    /// way, which one and who can remove it. To be asked at once, while errno still tells.
+    /// Why open(), restart() or place() has failed, for people: what errno says and, where a file
+    /// is in the way, which one and who can remove it. To be asked at once, while errno still
+    /// tells.
     std::string failure() const;
 
 private:
     PartResult openLocked();
     bool isForeign() const;
     bool isStillAtItsPath() const;
+    std::string noteHead() const;
     std::string notedValidator() const;
     bool writeNote() const;
+    bool removeFile(const std::string& name) const;
 
     uid_t user_;
     std::string partName_;

@@ -94,6 +94,23 @@ protected:
         return part.append(text.data(), text.size());
     }
 
+    /// Leaves what a killed download leaves.
+    static void beginOne()
+    {
+        DownloadPart part("alpha", kAddress);
+        ASSERT_EQ(part.open(), PartResult::kOk);
+        ASSERT_TRUE(part.restart("\"one\"") && append(part, "package"));
+    }
+
+    static void expectNothingTakenUp()
+    {
+        DownloadPart part("alpha", kAddress);
+        ASSERT_EQ(part.open(), PartResult::kOk);
+        EXPECT_EQ(part.validator(), "");
+        EXPECT_EQ(part.size(), 0U);
+        EXPECT_EQ(readAll(pathOf(partOf("alpha"))), "");
+    }
+
 private:
     const uid_t user_ = geteuid();
     fs::perms permissions_ = fs::perms::none;
@@ -219,6 +236,45 @@ TEST_F(DownloadPartDeathTest, IsNotHeldUpByAFileThatAnotherUserHasLockedInItsPla
     EXPECT_EQ(part.size(), 0U);
 }
 
+// Who may write to the directory may move files of others into it.
+TEST_F(DownloadPartDeathTest, IsNoOtherFileThatSomebodyMovedToItsPlace)
+{
+    beginOne();
+    leaveFile("private", geteuid(), 0600);
+    fs::rename(pathOf("private"), pathOf(partOf("alpha")));
+
+    expectNothingTakenUp();
+}
+
+TEST_F(DownloadPartDeathTest, IsNotTakenUpByANoteThatSomebodyElseMayHaveWritten)
+{
+    beginOne();
+    ASSERT_EQ(chmod(pathOf(noteOf("alpha")).c_str(), 0620), 0);
+    expectNothingTakenUp();
+
+    beginOne();
+    fs::create_hard_link(pathOf(noteOf("alpha")), pathOf("other"));
+    expectNothingTakenUp();
+
+    beginOne();
+    if (chown(pathOf(noteOf("alpha")).c_str(), kNobody, kNobody) != 0) {
+        GTEST_SKIP() << "cannot give files away here";
+    }
+    expectNothingTakenUp();
+}
+
+TEST_F(DownloadPartDeathTest, NamesTheDirectoryInItsNotesPlace)
+{
+    fs::create_directory(pathOf(noteOf("alpha")));
+
+    DownloadPart part("alpha", kAddress);
+    ASSERT_EQ(part.open(), PartResult::kOk);
+    EXPECT_FALSE(part.restart("\"one\""));
+    EXPECT_EQ(part.failure(), "Is a directory: remove " + pathOf(noteOf("alpha")) +
+                                  " as root or as user " + std::to_string(geteuid()) +
+                                  ", who owns it");
+}
+
 TEST_F(DownloadPartDeathTest, OfOneUserDoesNotMeetThatOfAnother)
 {
     fs::permissions(kDirectory, fs::perms(0777));
@@ -307,11 +363,8 @@ TEST_F(DownloadPartDeathTest, IsTakenUpWhereTheFileSystemHasNoModes)
         GTEST_SKIP() << "cannot filter system calls here";
     }
     for (const int error : {0, EPERM}) {
-        {
-            DownloadPart part("alpha", kAddress);
-            ASSERT_EQ(part.open(), PartResult::kOk);
-            ASSERT_TRUE(part.restart("\"one\"") && append(part, "package"));
-        }
+        beginOne();
+        ASSERT_EQ(chmod(pathOf(noteOf("alpha")).c_str(), 0755), 0);
         ASSERT_EQ(chmod(pathOf(partOf("alpha")).c_str(), 0755), 0);
 
         EXPECT_EQ(inChild([error] {

@@ -80,6 +80,19 @@ TEST_F(DownloadRefusal, OfAnEndlessErrorPage)
     expectRefusal("the server answers 404");
 }
 
+TEST_F(DownloadRefusal, DoesNotWaitForTheRestOfAnErrorPage)
+{
+    const LocalHttpServer server([&](const HttpRequest&, HttpConnection& connection) {
+        connection.send(httpHead("404 Not Found", {"Content-Length: 1000"}) + "x");
+        connection.stall();
+    });
+    configureFor(server.address(), "stall-timeout = 3600\n");
+
+    EXPECT_EQ(download("alpha"), -3);
+
+    expectRefusal("the server answers 404");
+}
+
 TEST_F(DownloadRefusal, OfARedirectionWithAnEndlessPage)
 {
     const LocalHttpServer server([&](const HttpRequest&, HttpConnection& connection) {
@@ -228,7 +241,7 @@ TEST_F(DownloadRefusal, OfAnAnnouncedSizeAboveTheLimit)
         connection.send(httpHead("200 OK", {"Content-Length: 1001"}) + std::string(10, 'x'));
         connection.stall();
     });
-    configureFor(server.address(), std::string("size-limit = 1000\n") + kImpatience);
+    configureFor(server.address(), "size-limit = 1000\n");
 
     EXPECT_EQ(download("alpha"), -4);
 
@@ -264,7 +277,7 @@ TEST_F(DownloadRefusal, OfARestThatGoesBeyondTheLimit)
                         "x");
         connection.stall();
     });
-    configureFor(server.address(), std::string("size-limit = 1000\n") + kImpatience);
+    configureFor(server.address(), "size-limit = 1000\n");
 
     EXPECT_EQ(download("alpha"), -4);
 

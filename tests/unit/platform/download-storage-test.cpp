@@ -148,6 +148,15 @@ TEST_F(DownloadStorage, FailsWhereADirectoryStandsInThePartsPlace)
     EXPECT_TRUE(server.requests().empty());
 }
 
+TEST_F(DownloadStorage, FailsWhereADirectoryStandsInTheNotesPlace)
+{
+    fs::create_directory(pathOf(noteOf("alpha")));
+    EXPECT_EQ(download("alpha"), -5);
+    expectTexts(captured.lines(),
+                {like("*package alpha cannot be downloaded: Is a directory: remove " +
+                      pathOf(noteOf("alpha")) + " as root or as user*")});
+}
+
 TEST_F(DownloadStorage, FailsWhereADirectoryStandsInThePackagesPlace)
 {
     fs::create_directory(pathOf("alpha.img"));
