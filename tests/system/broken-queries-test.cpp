@@ -92,6 +92,15 @@ TEST_F(BrokenQueries, ThatHangNameTheModuleAndListTheOthers)
     }
 }
 
+TEST_F(BrokenQueries, ThatHangWhereNoModuleIsAskedDoNotHoldUpTheProgram)
+{
+    installGuided("alpha", "trap-in-getActiveVersion");
+
+    expectText(json({"list", "--timeout", kShort}, 9)["text"].asString(),
+               "one of the modules is broken, but it cannot be told which: it hung; move them out "
+               "of /usr/fwupdate/controls/ one by one");
+}
+
 TEST_F(BrokenQueries, ThatEndTheProgramNameTheModuleAndListTheOthers)
 {
     for (const Moment& moment : kMoments) {

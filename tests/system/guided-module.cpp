@@ -22,6 +22,7 @@
 //                    what signal ended it
 //   wait-in-ENTRY    waits until there is a file /tmp/quillon-test-go
 //   hang-in-ENTRY    does not return
+//   trap-in-ENTRY    hangs as soon as anybody looks whether a file is there
 //   block-in-ENTRY   blocks all signals on its thread
 //   request-in-ENTRY asks the program to end
 //   default-in-ENTRY lets SIGTERM do what it usually does
@@ -44,13 +45,18 @@
 // As the other test plug-ins it tells what it is asked in /tmp/quillon-test-NAME.log.
 
 #include <dlfcn.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -103,6 +109,30 @@ void fault()
     *nowhere = 1;
 }
 
+void trap()
+{
+    std::signal(SIGSYS, [](int) { hang(); });
+    // Which of the calls it is depends on the machine and its C library.
+    for (const unsigned int call : {
+#ifdef SYS_access
+             SYS_access,
+#endif
+#ifdef SYS_stat
+             SYS_stat,
+#endif
+             SYS_newfstatat, SYS_faccessat, SYS_faccessat2}) {
+        sock_filter filter[] = {
+            BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1),
+            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_TRAP),
+            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        };
+        const sock_fprog program = {std::size(filter), filter};
+        ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+        ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
+    }
+}
+
 int overflow(volatile int* caller)
 {
     volatile int more[1024];
@@ -132,6 +162,9 @@ void act(const std::string& word, const std::string& moment)
             ::alarm(0);
             hang();
         });
+    }
+    if (is("trap")) {
+        trap();
     }
     if (is("stay") && ::fork() == 0) {
         waitToGoOn();

@@ -48,7 +48,7 @@ constexpr const char* kUnreadable = "what the process with the modules has left 
 /// forked keeps files open for as long as it likes.
 struct Shared
 {
-    std::atomic<std::int64_t> deadline;  ///< of the step, a monotonic time in ns; 0: of none
+    std::atomic<std::int64_t> deadline;  ///< of the step, a monotonic time in ns
     std::atomic<bool> isComplete;        ///< the result is here
     std::atomic<int> crash;              ///< the signal
     ModuleStep step;
@@ -156,16 +156,17 @@ void notePackageOf(const std::string& libName)
 
 void noteStep(const std::string& libName, ModuleStep step, const ModuleTimes& times)
 {
-    g_shared->deadline = 0;
     g_shared->step = step;
     setName(g_shared->module, libName.c_str());
     if (step == ModuleStep::kChecking) {
         notePackageOf(libName);
     }
-    if (step != ModuleStep::kNone) {
-        const milliseconds time = step == ModuleStep::kChecking ? times.check : times.query;
-        g_shared->deadline = now() + nanoseconds(time).count();
-    }
+    // Between two steps as well, a thread or a signal handler of a module may hold up everything.
+    // Packages are unmounted there.
+    const bool isLong =
+        step == ModuleStep::kChecking || (step == ModuleStep::kNone && g_shared->packagesSize != 0);
+    const milliseconds time = isLong ? times.check : times.query;
+    g_shared->deadline = now() + nanoseconds(time).count();
 }
 
 /// @return what the parent gets: an exit code, and the texts of all rows or what went wrong
@@ -222,6 +223,7 @@ pid_t start(const std::function<ModuleChild::Rows()>& work, const ModuleTimes& t
 {
     std::cout.flush();
     static_cast<void>(std::fflush(nullptr));
+    shared->deadline = now() + nanoseconds(times.query).count();
     const pid_t parent = getpid();
     const pid_t child = fork();
     if (child == -1) {
@@ -270,7 +272,7 @@ ChildEnd waitFor(pid_t child, const Shared& shared, RequestsHeld& requests)
         }
         end.request = signal == SIGCHLD ? 0 : signal;
         const std::int64_t deadline = shared.deadline;
-        end.judgedHung = deadline != 0 && now() >= deadline ? deadline : 0;
+        end.judgedHung = now() >= deadline ? deadline : 0;
         if (end.request != 0 || end.judgedHung != 0) {
             endChild(child, end, requests);
             return end;
