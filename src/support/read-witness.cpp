@@ -2,15 +2,16 @@
 
 #include <algorithm>
 #include <exception>
-#include <new>
 
 #include "support/processors.h"
 
 namespace quillon {
 namespace {
 
-/// Of so many bytes the hash takes long enough to make a thread's start cheap beside it.
-constexpr std::size_t kPortion = 1U << 20U;
+constexpr std::size_t kPortion = 1U << 18U;
+
+/// The hash of so many bytes takes long enough to make a thread's start cheap beside it.
+constexpr std::int64_t kWorthAThread = 2U << 20U;
 
 }  // namespace
 
@@ -22,21 +23,40 @@ ReadWitness::ReadWitness(std::int64_t size, Digest digest)
     }
     context_.reset(EVP_MD_CTX_new());
     hasFailed_ = !context_ || EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) != 1;
-    if (content_ < static_cast<std::int64_t>(2 * kPortion) || !hasAnotherProcessor()) {
-        return;
-    }
-    try {
-        gathered_.reserve(kPortion);
-        handedOver_.reserve(kPortion);
-        usesThread_ = true;
-    } catch (const std::bad_alloc&) {
-        // Then it is hashed as it comes.
+    if (content_ >= kWorthAThread && hasAnotherProcessor()) {
+        startThread();
     }
 }
 
 ReadWitness::~ReadWitness()
 {
-    awaitThread();
+    endThread();
+}
+
+void ReadWitness::startThread()
+{
+    try {
+        for (Portion& portion : portions_) {
+            portion.reserve(kPortion);
+        }
+        thread_ = std::thread([this] { hashHandedOver(); });
+    } catch (const std::exception&) {
+        // No memory or no thread to be had: then the image is hashed as it is seen.
+    }
+}
+
+/// Waits until all that was handed over is hashed.
+void ReadWitness::endThread()
+{
+    if (!thread_.joinable()) {
+        return;
+    }
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        isOver_ = true;
+    }
+    changed_.notify_one();
+    thread_.join();
 }
 
 void ReadWitness::saw(const unsigned char* bytes, std::size_t count)
@@ -59,37 +79,44 @@ void ReadWitness::saw(const unsigned char* bytes, std::size_t count)
 
 void ReadWitness::hash(const unsigned char* bytes, std::size_t count)
 {
-    if (!usesThread_) {
+    if (!thread_.joinable()) {
         hasFailed_ = hasFailed_ || EVP_DigestUpdate(context_.get(), bytes, count) != 1;
         return;
     }
-    if (gathered_.size() + count > kPortion) {
+    if (portions_[handedOver_ % portions_.size()].size() + count > kPortion) {
         handOver();
     }
-    gathered_.insert(gathered_.end(), bytes, bytes + count);
+    Portion& gathered = portions_[handedOver_ % portions_.size()];
+    gathered.insert(gathered.end(), bytes, bytes + count);
 }
 
+/// What the thread does.
+void ReadWitness::hashHandedOver()
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+        changed_.wait(lock, [this] { return isOver_ || hashed_ != handedOver_; });
+        if (hashed_ == handedOver_) {
+            return;
+        }
+        lock.unlock();
+        Portion& portion = portions_[hashed_ % portions_.size()];
+        hasFailed_ =
+            hasFailed_ || EVP_DigestUpdate(context_.get(), portion.data(), portion.size()) != 1;
+        portion.clear();
+        lock.lock();
+        ++hashed_;
+        changed_.notify_one();
+    }
+}
+
+/// Goes on with the next portion, as soon as that is hashed.
 void ReadWitness::handOver()
 {
-    awaitThread();
-    handedOver_.swap(gathered_);
-    gathered_.clear();
-    const auto update = [this] {
-        hasFailed_ = hasFailed_ ||
-                     EVP_DigestUpdate(context_.get(), handedOver_.data(), handedOver_.size()) != 1;
-    };
-    try {
-        thread_ = std::async(std::launch::async, update);
-    } catch (const std::exception&) {
-        update();  // no thread to be had: then here
-    }
-}
-
-void ReadWitness::awaitThread()
-{
-    if (thread_.valid()) {
-        thread_.get();
-    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    ++handedOver_;
+    changed_.notify_one();
+    changed_.wait(lock, [this] { return handedOver_ - hashed_ < portions_.size(); });
 }
 
 bool ReadWitness::testify(Sha256& digest, ImageTrailerBytes& trailer)
@@ -97,9 +124,9 @@ bool ReadWitness::testify(Sha256& digest, ImageTrailerBytes& trailer)
     if (!context_ || content_ < 0 || !sawAll()) {
         return false;
     }
-    if (usesThread_) {
+    if (thread_.joinable()) {
         handOver();
-        awaitThread();
+        endThread();
     }
     trailer = trailer_;
     return !hasFailed_ && EVP_DigestFinal_ex(context_.get(), digest.data(), nullptr) == 1;

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <array>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <future>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 #include "base/handles.h"
@@ -30,13 +32,13 @@ public:
     /// @param size  of the image in bytes, trailer included, as it was opened
     ReadWitness(std::int64_t size, Digest digest);
 
-    /// Waits for the thread.
+    /// Ends the thread.
     ~ReadWitness();
     ReadWitness(const ReadWitness&) = delete;
     ReadWitness& operator=(const ReadWitness&) = delete;
 
     /// @param bytes  may be changed afterwards
-    /// @param count  1 MiB at most
+    /// @param count  64 KiB at most
     void saw(const unsigned char* bytes, std::size_t count);
 
     /// @return whether as many bytes were seen as the image had when it was opened; more count as
@@ -53,22 +55,29 @@ public:
     bool testify(Sha256& digest, ImageTrailerBytes& trailer);
 
 private:
+    using Portion = std::vector<unsigned char>;
+
+    void startThread();
+    void endThread();
     void hash(const unsigned char* bytes, std::size_t count);
+    void hashHandedOver();
     void handOver();
-    void awaitThread();
 
     const std::int64_t size_;
     const std::int64_t content_;  ///< bytes before the trailer; negative in an image without one
     std::int64_t seen_ = 0;
     ImageTrailerBytes trailer_{};
     UniqueDigestContext context_;
-    bool hasFailed_ = false;  ///< written by whoever hashes; the future orders the accesses
+    bool hasFailed_ = false;  ///< written by whoever hashes
 
-    // What is seen is gathered in the one, while the thread is busy with the other.
-    bool usesThread_ = false;
-    std::vector<unsigned char> gathered_;
-    std::vector<unsigned char> handedOver_;
-    std::future<void> thread_;
+    // What is seen is gathered in one portion, while the thread is busy with those before it.
+    std::array<Portion, 8> portions_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::size_t handedOver_ = 0;  ///< portions, changed with mutex_ by whoever shows the image
+    std::size_t hashed_ = 0;      ///< portions, changed with mutex_ by the thread
+    bool isOver_ = false;         ///< with mutex_
+    std::thread thread_;          ///< joinable only where there is one
 };
 
 }  // namespace quillon
