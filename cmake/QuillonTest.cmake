@@ -62,6 +62,10 @@ if(NOT TARGET quillon-machine-tests)
     add_custom_target(quillon-thread-tests)
 endif()
 
+# For another machine, a program consists of what `make cross` runs of it.
+option(QUILLON_MACHINE_TESTS_ONLY "build only those sources of a test program that have MACHINE suites"
+    ${CMAKE_CROSSCOMPILING})
+
 # quillon_add_test(<name> SOURCES <file>... [LIBRARIES <target>...] [LABELS <label>...]
 #                  [TIMEOUT <seconds>] [DEPENDS <target>...] [MACHINE <suite>...] [THREADED])
 # A GoogleTest program; each of its cases becomes one ctest test named <name>.<Suite>.<Case>. One that
@@ -86,6 +90,9 @@ function(quillon_add_test name)
             endif()
         endif()
     endforeach()
+    if(QUILLON_MACHINE_TESTS_ONLY AND arg_MACHINE)
+        quillon_keep_suites(arg_SOURCES ${arg_MACHINE})
+    endif()
     add_executable(${name} ${arg_SOURCES})
     quillon_precompile_test_headers(${name})
     target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} GTest::gmock GTest::gtest_main)
@@ -109,6 +116,20 @@ function(quillon_add_test name)
         quillon_discover(${name} "${of_machine}" ${arg_TIMEOUT} ${labels} machine)
     endif()
     quillon_discover(${name} "-${of_machine}" ${arg_TIMEOUT} ${labels})
+endfunction()
+
+# quillon_keep_suites(<variable> <suite>...)
+# Takes sources out of the list in the variable that have tests, but none of these suites.
+function(quillon_keep_suites variable)
+    list(JOIN ARGN "|" suites)
+    foreach(source IN LISTS ${variable})
+        file(STRINGS "${source}" tests REGEX "^(TYPED_)?TEST(_F|_P)?\\(")
+        file(STRINGS "${source}" kept REGEX "^(TYPED_)?TEST(_F|_P)?\\((${suites}),")
+        if(tests AND NOT kept)
+            list(REMOVE_ITEM ${variable} "${source}")
+        endif()
+    endforeach()
+    set(${variable} "${${variable}}" PARENT_SCOPE)
 endfunction()
 
 # One ctest test for each case that the filter lets through.
