@@ -17,7 +17,8 @@ enum class Effect {
     Exit,          ///< ends the process with status 0
     ChildExits,    ///< forks a child that calls exit(0), waits for it, and returns
     ChildReturns,  ///< forks a child that returns as well, and tells how it ended
-    ChildThrows    ///< forks a child that raises std::runtime_error, and tells how it ended
+    ChildThrows,   ///< forks a child that raises std::runtime_error, and tells how it ended
+    ChildStays     ///< forks a child that waits for the file /tmp/quillon-test-go, and goes on
 };
 
 /// How one entry behaves. The delay comes first, then the effect, then errno and the result.

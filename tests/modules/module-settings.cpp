@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <fstream>
 
@@ -24,6 +25,8 @@ namespace {
 using fakes::Effect;
 using fakes::EntryBehaviour;
 using fakes::ModuleBehaviour;
+
+std::atomic<bool> g_isUpdated{false};
 
 int toInt(const std::string& text)
 {
@@ -52,6 +55,9 @@ Effect toEffect(const std::string& text)
     }
     if (text == "child-throws") {
         return Effect::ChildThrows;
+    }
+    if (text == "child-stays") {
+        return Effect::ChildStays;
     }
     return text == "crash" ? Effect::Crash : Effect::None;
 }
@@ -93,6 +99,7 @@ ModuleBehaviour behaviourFromFile(const std::string& name)
 {
     ModuleBehaviour behaviour;
     behaviour.empid = name + "emp";
+    behaviour.activeVersion = g_isUpdated ? "2.0" : "1.0";
     std::ifstream file("/etc/quillon-test/" + name + ".conf");
     std::string line;
     while (std::getline(file, line)) {
@@ -133,6 +140,11 @@ ModuleBehaviour ownBehaviour()
         return *fakes::behaviourOf(ownName());
     }
     return behaviourFromFile(ownName());
+}
+
+void becomeUpdated()
+{
+    g_isUpdated = true;
 }
 
 void tell(const std::string& call)

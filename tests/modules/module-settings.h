@@ -17,6 +17,9 @@ std::string ownName();
 /// How this copy behaves right now.
 fakes::ModuleBehaviour ownBehaviour();
 
+/// From now on version 2.0 is running, unless the file says otherwise.
+void becomeUpdated();
+
 /// Tells of a call: `entry(arguments)`.
 void tell(const std::string& call);
 

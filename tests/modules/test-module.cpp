@@ -72,6 +72,14 @@ int finish(const ModuleBehaviour& behaviour, const char* name)
                 throw std::runtime_error(name);
             }
             break;
+        case Effect::ChildStays:
+            if (fork() == 0) {
+                while (access("/tmp/quillon-test-go", F_OK) != 0) {
+                    usleep(1000);
+                }
+                _exit(0);
+            }
+            break;
         case Effect::None:
             break;
     }
@@ -159,7 +167,11 @@ ENTRY int doUpdate(const char* path, unsigned long value)
     if (behaviour.onUpdate) {
         behaviour.onUpdate(path, value);
     }
-    return finish(behaviour, "doUpdate");
+    const int result = finish(behaviour, "doUpdate");
+    if (result == 0) {
+        quillon::test_module::becomeUpdated();
+    }
+    return result;
 }
 #endif
 

@@ -221,13 +221,23 @@ TEST_F(BrokenQueries, ThatCloseAllFilesAreAnsweredAllTheSame)
     EXPECT_EQ(of("alpha", list())["running"], "1.0");
 }
 
-TEST_F(BrokenQueries, ThatPrintSomethingHaveItPrintedOnce)
+TEST_F(BrokenQueries, ThatPrintSomethingDisturbNoListAndNoVersion)
+{
+    installGuided("alpha", "noise-in-load noise-in-getActiveVersion");
+
+    const CtlResult list = runCtl({"modules", "list"});
+
+    expectText(list.out, like("NAME *\nalpha  1.0      no package\n*"));
+    EXPECT_EQ(list.err, "");
+    EXPECT_EQ(runCtl({"modules", "version", "alpha"}).out, "1.0\n");
+}
+
+TEST_F(BrokenQueries, ThatPrintSomethingHaveItPrintedOnceInACheck)
 {
     installGuided("alpha", "noise-in-load");
 
-    const std::string out = runModules({"list"}).out;
+    const std::string out = runModules({"check", "--source", "system"}).out;
 
-    expectText(out, like("*alpha  1.0      no package\n*"));
     EXPECT_NE(out.find("noise of alpha\n"), std::string::npos);
     EXPECT_EQ(out.find("noise of alpha\n"), out.rfind("noise of alpha\n"));
 }

@@ -43,11 +43,12 @@ TEST_F(ExplainedUpdate, TellsWhichModulesWereUpdated)
     const CtlResult result = update();
 
     EXPECT_EQ(result.exitCode, 0);
-    expectText(result.out, like("*\ntuner   2.0      needs an update, about 5 s\n*"));
-    expectText(result.out, like("*OFFERED  OUTCOME\n*\ntuner   2.0      updated in * s\n*"));
+    expectText(result.out, like("*\ntuner   1.0      2.0      needs an update, about 5 s\n*"));
+    expectText(result.out, like("*BEFORE  AFTER  OFFERED  OUTCOME\n*\ntuner   1.0     2.0    2.0   "
+                                "   updated in * s\n*"));
 
     EXPECT_EQ(update().exitCode, 0) << "there is nothing left to do";
-    expectText(check().out, like("*\ntuner   2.0      up to date\n*Nothing to update\n"));
+    expectText(check().out, like("*\ntuner   2.0      2.0      up to date\n*Nothing to update\n"));
 }
 
 TEST_F(ExplainedUpdate, TellsOfEachImageWhyItIsRefused)
@@ -60,10 +61,10 @@ TEST_F(ExplainedUpdate, TellsOfEachImageWhyItIsRefused)
     const CtlResult result = check();
 
     EXPECT_EQ(result.exitCode, 7);
-    expectText(result.out, like("*\ntuner   -        its image is missing\n*"));
+    expectText(result.out, like("*\ntuner   1.0      -        its image is missing\n*"));
     for (const char* name : {"panel ", "camera"}) {
-        expectText(result.out,
-                   like("*\n" + std::string(name) + "  -        its image is not signed, or*"));
+        expectText(result.out, like("*\n" + std::string(name) +
+                                    "  1.0      -        its image is not signed, or*"));
     }
 }
 
@@ -73,7 +74,7 @@ TEST_F(ExplainedUpdate, TellsThatTheImageKeyIsAnotherOne)
     storeKey("b");
     startDaemon();
 
-    expectText(check().out, like("*\nalpha  -        its image has another image key*"));
+    expectText(check().out, like("*\nalpha  1.0      -        its image has another image key*"));
 }
 
 TEST_F(ExplainedUpdate, NamesTheModuleThatFailedWhateverItsCode)

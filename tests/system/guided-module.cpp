@@ -11,7 +11,7 @@
 //   fault-in-ENTRY   writes where nothing is
 //   fault-beside-in-ENTRY  starts a thread, which does so once there is a file /tmp/quillon-test-go
 //   go-in-ENTRY      makes that file
-//   noise-in-ENTRY   prints a line
+//   noise-in-ENTRY   prints a line, and one to standard error
 //   long-in-getActiveVersion  tells a version of 5 MB
 //   overflow-in-ENTRY  overflows its stack
 //   fork-in-ENTRY    forks a process, which exits
@@ -55,6 +55,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
@@ -102,6 +103,7 @@ void waitToGoOn()
 }
 
 bool g_isLong = false;
+std::atomic<bool> g_isUpdated{false};
 
 void fault()
 {
@@ -252,6 +254,7 @@ void act(const std::string& word, const std::string& moment)
     }
     if (is("noise")) {
         std::printf("noise of %s\n", ownName().c_str());
+        std::fprintf(stderr, "noise of %s\n", ownName().c_str());
     }
     if (is("long")) {
         g_isLong = true;
@@ -322,7 +325,7 @@ ENTRY int getEMPID(char* buffer)
 ENTRY int getActiveVersion(char* buffer)
 {
     actAt("getActiveVersion");
-    std::strcpy(buffer, "1.0");
+    std::strcpy(buffer, g_isUpdated ? "2.0" : "1.0");
     if (g_isLong) {
         std::memset(buffer, 'x', 5'000'000);
     }
@@ -340,6 +343,7 @@ ENTRY int doUpdate(const char* /*path*/, unsigned long /*value*/)
 {
     ::usleep(100000);  // one that is over at once may escape the registry
     actAt("doUpdate");
+    g_isUpdated = true;
     return 0;
 }
 

@@ -58,7 +58,7 @@ TEST_F(HeldOffSignals, DoNotEndAnUpdate)
     goOn();
 
     EXPECT_EQ(layer.wait(), 0) << layer.output();
-    expectText(layer.output(), like("*alpha  1.0      updated\n*"));
+    expectText(layer.output(), like("*alpha  2.0      updated\n*"));
     EXPECT_EQ(semaphoreValue(), 1);
 }
 
@@ -210,7 +210,7 @@ TEST_F(HeldOffSignals, OfACrashThatComeFromOutsideDoNotEndAnUpdate)
     goOn();
 
     EXPECT_EQ(layer.wait(), 0) << layer.output();
-    expectText(layer.output(), like("*alpha  1.0      updated\n*"));
+    expectText(layer.output(), like("*alpha  2.0      updated\n*"));
     expectNoText(layer.output(), like("*has crashed*"));
     EXPECT_EQ(semaphoreValue(), 1);
 }

@@ -125,7 +125,7 @@ TEST_F(ModuleEndsProgram, NotByTheEndOfItsChild)
         const ModulesResult result = runModules({"update", "alpha", "--source", "system"});
 
         EXPECT_EQ(result.exitCode, 0);
-        expectText(result.out, like("*alpha  1.0      updated\n"));
+        expectText(result.out, like("*alpha  2.0      updated\n"));
         expectNoText(result.err, like("*has ended the program*"));
         EXPECT_EQ(semaphoreValue(), 1);
     }

@@ -109,7 +109,7 @@ TEST_F(PackageUpdate, OfFiveModulesGoesThroughWhileOneHangsAndOneFails)
     }
     EXPECT_THAT(result.out, testing::ContainsRegex("\n" + failing +
                                                    " +1.0 +failed: the module's own code is 9"));
-    EXPECT_THAT(result.out, testing::ContainsRegex("\n" + hanging + " +1.0 +timed out: "));
+    EXPECT_THAT(result.out, testing::ContainsRegex("\n" + hanging + " +2.0 +timed out: "));
     expectText(result.log, like("*Error : " + hanging + " update timeout*"));
     EXPECT_TRUE(hasPackage(failing));
 

@@ -283,7 +283,7 @@ TEST_F(UpdateSemaphore, IsWaitedForAgainAfterAModuleHasClosedAllFiles)
     installGuided("beta", "close-in-doUpdate");
     BackgroundLayer layer({"modules", "update", "--all", "--source", "system"});
 
-    ASSERT_TRUE(layer.says("beta   1.0      updated")) << layer.output();
+    ASSERT_TRUE(layer.says("beta   2.0      updated")) << layer.output();
     EXPECT_EQ(layer.wait(), 0);
     EXPECT_EQ(semaphoreValue(), 1);
 }

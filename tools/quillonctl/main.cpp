@@ -11,6 +11,7 @@
 #include "tools/quillonctl/history.h"
 #include "tools/quillonctl/modules/foreign-end.h"
 #include "tools/quillonctl/modules/interruption.h"
+#include "tools/quillonctl/modules/module-probe.h"
 #include "tools/quillonctl/modules/module-verbs.h"
 #include "tools/quillonctl/output.h"
 #include "tools/quillonctl/progress-display.h"
@@ -170,12 +171,22 @@ void addModuleVerbs(CLI::App& modules, Arguments& arguments)
                            "Release the update semaphore that a dead program has left behind");
 }
 
+ModuleTimes moduleTimes(const Arguments& arguments)
+{
+    ModuleTimes times;
+    if (arguments.timeout > 0) {
+        times.query = std::chrono::milliseconds(static_cast<long>(arguments.timeout * 1000));
+        times.check = times.query;
+    }
+    return times;
+}
+
 ExitCode runServiceVerb(const std::string& verb, const Arguments& arguments)
 {
     const bool redraw = canRedraw();
     Output output(arguments.json, arguments.quiet, redraw);
     Client client(clientOptions(arguments));
-    Verbs verbs(client, output);
+    Verbs verbs(client, output, [&] { return askModules(moduleTimes(arguments)); });
     const std::chrono::milliseconds pollInterval(redraw ? 250 : 1000);
     try {
         if (verb == "history") {
@@ -203,16 +214,6 @@ ExitCode runServiceVerb(const std::string& verb, const Arguments& arguments)
     endIsOurs(reported);
     static_cast<void>(std::fflush(nullptr));
     endAtOnce(reported);
-}
-
-ModuleTimes moduleTimes(const Arguments& arguments)
-{
-    ModuleTimes times;
-    if (arguments.timeout > 0) {
-        times.query = std::chrono::milliseconds(static_cast<long>(arguments.timeout * 1000));
-        times.check = times.query;
-    }
-    return times;
 }
 
 /// Ends the process by itself when a plug-in is still at an update that has been given up.

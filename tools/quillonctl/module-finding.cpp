@@ -65,4 +65,20 @@ std::string phraseOf(const ModuleFinding& finding)
     }
 }
 
+std::string phraseOfSuccess(const std::string& before, const std::string& after,
+                            const std::string& offered)
+{
+    const bool isUnchanged = !after.empty() && after == before;
+    return isUnchanged && !offered.empty() && offered != after
+               ? "it still runs " + after + ", not " + offered
+               : "";
+}
+
+std::string warningOfSuccess(const std::string& module, const std::string& phrase)
+{
+    return "the module " + module + " answered that it was updated, but " + phrase +
+           "; restart the device, then \"quillonctl modules list\" tells what it runs; if that has "
+           "not changed, ask the module's maker";
+}
+
 }  // namespace quillon

@@ -17,4 +17,14 @@ struct ModuleFinding
 /// A reason as a phrase for people: "its package cannot be mounted".
 std::string phraseOf(const ModuleFinding& finding);
 
+/// What is strange about an update that the module says has succeeded, a phrase.
+/// @param before, after, offered  versions; empty where one is not known
+/// @return empty when nothing is
+std::string phraseOfSuccess(const std::string& before, const std::string& after,
+                            const std::string& offered);
+
+/// The same as a warning with its remedy.
+/// @param phrase  of phraseOfSuccess(), not empty
+std::string warningOfSuccess(const std::string& module, const std::string& phrase);
+
 }  // namespace quillon

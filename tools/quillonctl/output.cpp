@@ -31,6 +31,12 @@ void Output::error(ExitCode code, const std::string& text)
     }
 }
 
+void Output::warning(const std::string& text)
+{
+    event("warning", {{"text", text}});
+    complain("warning: " + text);
+}
+
 void Output::event(const char* name, const JsonMembers& members)
 {
     if (!forPrograms_) {

@@ -32,11 +32,15 @@ std::string describeUpdate(const RecordedModule& module)
                : "failed: " + phraseOf(*module.finding);
 }
 
+/// @return null, which is left out, when the text is not known
+Json::Value known(const std::string& text)
+{
+    return text.empty() ? Json::Value() : Json::Value(text);
+}
+
 JsonMembers membersOf(const RecordedModule& module, int good)
 {
-    JsonMembers members = {
-        {"name", module.name},
-        {"offered", module.offered.empty() ? Json::Value() : Json::Value(module.offered)}};
+    JsonMembers members = {{"name", module.name}, {"offered", known(module.offered)}};
     if (module.finding) {
         members["result"] = module.finding->result;
         members["expectedSeconds"] = module.expectedSeconds;
@@ -49,23 +53,66 @@ JsonMembers membersOf(const RecordedModule& module, int good)
     return members;
 }
 
-/// @param heading  of the column that `describe` fills
-/// @param good     the result of a module that is not refused
+/// The versions that the modules have told at one moment.
+struct Versions
+{
+    const char* heading;
+    const char* member;  ///< for programs
+    const ModuleAnswers* answers;
+};
+
+/// @param heading   of the column that `describe` fills
+/// @param good      the result of a module that is not refused
+/// @param versions  columns; what is wrong is told of the last one
 void sayModules(Output& output, const char* event, const char* heading, int good,
                 const std::vector<RecordedModule>& modules,
-                std::string (*describe)(const RecordedModule& module))
+                std::string (*describe)(const RecordedModule& module),
+                const std::vector<Versions>& versions)
 {
     Json::Value objects(Json::arrayValue);
-    std::vector<TableRow> rows = {{"NAME", "OFFERED", heading}};
+    std::vector<TableRow> rows = {{"NAME"}};
+    for (const Versions& column : versions) {
+        rows.front().emplace_back(column.heading);
+    }
+    rows.front().insert(rows.front().end(), {"OFFERED", heading});
     for (const RecordedModule& module : modules) {
-        objects.append(jsonObject(membersOf(module, good)));
-        rows.push_back({module.name, module.offered.empty() ? "-" : module.offered,
-                        printable(describe(module))});
+        JsonMembers members = membersOf(module, good);
+        TableRow row = {module.name};
+        ModuleAnswer answer;
+        for (const Versions& column : versions) {
+            const auto found = column.answers->find(module.name);
+            answer = found != column.answers->end() ? found->second : ModuleAnswer();
+            members[column.member] = known(answer.running);
+            row.push_back(orDash(answer.running));
+        }
+        members["problem"] = known(answer.problem);
+        row.push_back(orDash(module.offered));
+        row.push_back(printable(joined(describe(module), answer.reason)));
+        objects.append(jsonObject(members));
+        rows.push_back(std::move(row));
     }
     output.event(event, {{"modules", objects}});
     for (const std::string& line : aligned(std::move(rows))) {
         output.line(line);
     }
+}
+
+/// Marks those that have succeeded and still run their old version.
+/// @return a warning for each
+std::vector<std::string> markUnchanged(const RecordedRun& update, AnswersAround& answers)
+{
+    std::vector<std::string> warnings;
+    for (const RecordedModule& module : update.modules) {
+        ModuleAnswer& after = answers.after[module.name];
+        const std::string unchanged =
+            phraseOfSuccess(answers.before[module.name].running, after.running, module.offered);
+        if (module.finding && module.finding->result == 0 && !unchanged.empty()) {
+            after.problem = "unchanged";
+            after.reason = unchanged;
+            warnings.push_back(printable(warningOfSuccess(module.name, unchanged)));
+        }
+    }
+    return warnings;
 }
 
 /// The module that has failed, or that an exception has ended the run in; null where none is known.
@@ -108,9 +155,10 @@ ExitCode nothingNeeded(const std::optional<RecordedRun>& look)
     return isUpToDate ? kExitSuccess : kExitNothingToUpdate;
 }
 
-void sayLook(Output& output, const RecordedRun& look)
+void sayLook(Output& output, const RecordedRun& look, const ModuleAnswers& answers)
 {
-    sayModules(output, "looked", "STATE", 1, look.modules, describeLook);
+    sayModules(output, "looked", "STATE", 1, look.modules, describeLook,
+               {{"RUNNING", "running", &answers}});
 }
 
 void UpdateReport::running(const RecordedRun& update, int percent, int secondsLeft)
@@ -126,10 +174,20 @@ void UpdateReport::running(const RecordedRun& update, int percent, int secondsLe
     }
 }
 
-ExitCode UpdateReport::ended(const RecordedRun& update, bool isDone, int seconds)
+ExitCode UpdateReport::ended(const RecordedRun& update, bool isDone, int seconds,
+                             std::optional<AnswersAround> answers)
 {
+    std::vector<std::string> warnings;
+    std::vector<Versions> versions;
+    if (answers) {
+        warnings = markUnchanged(update, *answers);
+        versions = {{"BEFORE", "before", &answers->before}, {"AFTER", "after", &answers->after}};
+    }
     if (!update.modules.empty()) {
-        sayModules(output_, "updated", "OUTCOME", 0, update.modules, describeUpdate);
+        sayModules(output_, "updated", "OUTCOME", 0, update.modules, describeUpdate, versions);
+    }
+    for (const std::string& warning : warnings) {
+        output_.warning(warning);
     }
     // To the service, only a module's code -1 fails a run.
     const RecordedModule* failed = failedIn(update);

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "tools/quillonctl/exit-codes.h"
+#include "tools/quillonctl/module-answer.h"
 #include "tools/quillonctl/output.h"
 #include "tools/quillonctl/recorded-run.h"
 
@@ -15,7 +16,8 @@ namespace quillon {
 ExitCode nothingNeeded(const std::optional<RecordedRun>& look);
 
 /// Says for each module what the estimate has found.
-void sayLook(Output& output, const RecordedRun& look);
+/// @param answers  of the modules
+void sayLook(Output& output, const RecordedRun& look, const ModuleAnswers& answers);
 
 /// Says how an update goes. The records have no modules where the service keeps none.
 class UpdateReport
@@ -28,11 +30,14 @@ public:
     /// @param secondsLeft  0 when the update takes longer than expected
     void running(const RecordedRun& update, int percent, int secondsLeft);
 
-    /// Says how each module has fared, and the update.
+    /// Says how each module has fared, and the update. Warns of a module that has succeeded and
+    /// still runs its old version.
     /// @param isDone   what the service tells of it
     /// @param seconds  how long it took
+    /// @param answers  of the modules; nothing where they were not asked
     /// @return kExitSuccess or kExitUpdateFailed
-    ExitCode ended(const RecordedRun& update, bool isDone, int seconds);
+    ExitCode ended(const RecordedRun& update, bool isDone, int seconds,
+                   std::optional<AnswersAround> answers = {});
 
 private:
     Output& output_;

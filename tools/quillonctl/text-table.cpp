@@ -12,6 +12,16 @@ constexpr std::size_t kWidestColumn = 40;
 
 }  // namespace
 
+std::string orDash(const std::string& text)
+{
+    return text.empty() ? "-" : text;
+}
+
+std::string joined(const std::string& text, const std::string& more)
+{
+    return text.empty() || more.empty() ? text + more : text + "; " + more;
+}
+
 std::vector<std::string> aligned(std::vector<TableRow> rows)
 {
     std::vector<std::size_t> widths;

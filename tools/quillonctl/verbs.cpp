@@ -28,6 +28,8 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* kFollowAdvice = "; \"quillonctl progress --follow\" shows a running update";
+constexpr const char* kEndInterrupted =
+    "\nquillonctl: interrupted; the update had ended before, \"quillonctl history\" tells how\n";
 constexpr const char* kLookInterrupted =
     "\nquillonctl: interrupted; the update had ended before, only the second look at the stick is "
     "cut short\n";
@@ -248,6 +250,18 @@ ExitCode Verbs::namingModule(Work work)
     }
 }
 
+/// Modules are asked while nothing is flashed: this client is the only one, and no update runs.
+/// @return nothing where they cannot be asked
+ModuleAnswers Verbs::answers()
+{
+    try {
+        return ask_();
+    } catch (const Failure& failure) {
+        output_.advice("the running versions are not known: " + printable(failure.text));
+        return {};
+    }
+}
+
 Estimate Verbs::prepare(const std::string& directory, Stick& stick,
                         std::optional<RecordedRun>& look)
 {
@@ -264,7 +278,8 @@ Estimate Verbs::prepare(const std::string& directory, Stick& stick,
         look.reset();  // it has no end, so it may lack a refusal
     }
     if (look) {
-        sayLook(output_, *look);
+        before_ = answers();
+        sayLook(output_, *look, before_);
     }
     output_.say("estimate",
                 {{"updateNeeded", estimate.updateNeeded}, {"seconds", estimate.seconds}},
@@ -287,8 +302,14 @@ ExitCode Verbs::follow(int expectedSeconds, std::chrono::milliseconds pollInterv
                 report.running(update, progress.percent, std::max(expectedSeconds - passed, 0));
                 break;
             case Progress::kDone:
-            case Progress::kFailed:
-                return report.ended(update, progress.state == Progress::kDone, passed);
+            case Progress::kFailed: {
+                onInterruptSay(kEndInterrupted);
+                std::optional<AnswersAround> around;
+                if (!update.modules.empty()) {
+                    around = {before_, answers()};
+                }
+                return report.ended(update, progress.state == Progress::kDone, passed, around);
+            }
             default:
                 throw Failure{kExitSystem,
                               "the update service no longer knows of the update: it was restarted, "

@@ -7,8 +7,10 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "tools/quillonctl/exit-codes.h"
+#include "tools/quillonctl/module-answer.h"
 #include "tools/quillonctl/output.h"
 #include "tools/quillonctl/recorded-run.h"
 
@@ -25,15 +27,19 @@ struct Stick
 class Verbs
 {
 public:
-    /// Both must outlive this object.
-    Verbs(Client& client, Output& output) : client_(client), output_(output) {}
+    /// Client and output must outlive this object.
+    /// @param ask  called while the client is connected
+    Verbs(Client& client, Output& output, AskModules ask)
+        : client_(client), output_(output), ask_(std::move(ask))
+    {
+    }
 
     /// Sets the directory, estimates, starts and follows the update to its end. Then it has the
     /// service look at the stick once more, which changes nothing about the result.
     /// @param pollInterval  how often the service is asked how far it has come
     ExitCode update(const std::string& directory, std::chrono::milliseconds pollInterval);
-    /// Sets the directory and says which modules need an update, why others do not, and how long an
-    /// update would take.
+    /// Sets the directory and says which modules need an update, why others do not, what they run,
+    /// and how long an update would take.
     ExitCode check(const std::string& directory);
     /// Says how far the update has come. When it has ended, looks at the stick once more.
     ExitCode progress();
@@ -46,6 +52,7 @@ public:
 private:
     template <typename Work>
     ExitCode namingModule(Work work);
+    ModuleAnswers answers();
     /// @param[out] stick  as it is before the update
     /// @param[out] look   what the service has recorded of the estimate, if anything
     Estimate prepare(const std::string& directory, Stick& stick, std::optional<RecordedRun>& look);
@@ -59,6 +66,8 @@ private:
 
     Client& client_;
     Output& output_;
+    const AskModules ask_;
+    ModuleAnswers before_;  ///< what the modules have said before the update
     // Which of the service's records is about what was asked here.
     const char* record_ = "estimate";
     std::string stick_;  ///< empty before anything was asked

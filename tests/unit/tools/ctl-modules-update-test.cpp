@@ -20,6 +20,7 @@
 
 using testing::ContainsRegex;
 
+using quillon::test::expectNoText;
 using quillon::test::expectNoTextAmong;
 using quillon::test::expectText;
 using quillon::test::expectTextAmong;
@@ -63,7 +64,7 @@ TEST_F(CtlModulesUpdate, HandsTheImageToThePlugIn)
     EXPECT_EQ(document["source"], "system");
     EXPECT_EQ(document["exitCode"], 0);
     EXPECT_EQ(of("alpha", document)["outcome"], "updated");
-    EXPECT_EQ(of("alpha", document)["running"], "1.0");
+    EXPECT_EQ(of("alpha", document)["running"], "2.0");
     expectTextAmong(callsOf("alpha"), like("doUpdate(\"/lib/firmware/ext/alpha/alpha.bin\", *"));
     expectTextAmong(callsOf("alpha"), "setContext(\"alpha\", 4, \"\")");
 }
@@ -165,7 +166,7 @@ TEST_F(CtlModulesUpdate, ThatOverrunsItsTimeIsWaitedForAndExitsWith13)
     EXPECT_EQ(result.exitCode, 13);
     expectText(result.out, like("*The time of alpha is over, but it is still being updated*"));
     expectText(result.out,
-               like("*alpha  1.0      timed out: it was updated only after its time\n"));
+               like("*alpha  2.0      timed out: it was updated only after its time\n"));
     expectText(result.log, like("*alpha update timeout*"));
 }
 
@@ -302,4 +303,50 @@ TEST_F(CtlModulesUpdate, OfAllWithNothingToDoIsNoFailure)
     EXPECT_EQ(of("alpha", json({"update", "--all", "--source", "system"}))["outcome"],
               "not-needed");
     EXPECT_EQ(of("alpha", json({"update", "--all"}))["outcome"], "nothing-offered");
+}
+
+TEST_F(CtlModulesUpdate, ThatLeavesTheOldVersionRunningWarns)
+{
+    install("alpha", "need=1\nversion=1.0\n");
+    install("beta", "need=1\n");
+    for (const char* name : {"alpha", "beta"}) {
+        offer(name);
+    }
+
+    for (const std::string what : {"alpha", "--all"}) {
+        const ModulesResult result = runModules({"update", what, "--source", "system"});
+
+        EXPECT_EQ(result.exitCode, 0) << "the module says success";
+        expectText(result.out, like("*alpha  1.0      updated; it still runs 1.0, not 2.0\n*"));
+        expectText(
+            result.err,
+            like("quillonctl: warning: the module alpha answered that it was updated, but it "
+                 "still runs 1.0, not 2.0; restart the device, then \"quillonctl modules "
+                 "list\" tells what it runs; if that has not changed, ask the module's "
+                 "maker\n"));
+        expectNoText(result.err, like("*beta*"));
+    }
+}
+
+TEST_F(CtlModulesUpdate, ThatLeavesTheOldVersionRunningWarnsProgramsAsWell)
+{
+    install("alpha", "need=1\nversion=1.0\n");
+    offer("alpha");
+
+    const ModulesResult result = runModules({"update", "alpha", "--source", "system", "--json"});
+
+    expectText(result.out, like("{\"event\":\"warning\",\"text\":\"the module alpha *\"}\n"
+                                "{\"event\":\"modules-update\",*\"outcome\":\"updated\",*}\n"));
+    expectText(result.err, like("quillonctl: warning: the module alpha *"));
+}
+
+TEST_F(CtlModulesUpdate, ThatInstallsTheSameVersionOnceMoreDoesNotWarn)
+{
+    install("alpha", "need=1\nversion=2.0\n");
+    install("mute", "need=1\ngetActiveVersion.result=-1\n");
+    for (const char* name : {"alpha", "mute"}) {
+        offer(name);
+    }
+
+    EXPECT_EQ(runModules({"update", "--all", "--source", "system"}).err, "");
 }

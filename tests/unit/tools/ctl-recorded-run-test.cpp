@@ -9,42 +9,13 @@
 #include "support/texts.h"
 #include "unit/client/fake-service.h"
 #include "unit/tools/ctl-program.h"
+#include "unit/tools/ctl-records.h"
 
 using namespace quillon::test;
 
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr const char* kStick = "/tmp/stick";
-// After any command.
-constexpr const char* kBegan =
-    "{\"event\":\"began\",\"clock\":1e9,\"directory\":\"/tmp/stick/\"}\n";
-constexpr const char* kEnded = "{\"event\":\"ended\",\"clock\":1e9,\"result\":0}\n";
-
-void record(const std::string& name, const std::string& lines)
-{
-    writeFile("/run/quillon/run/" + name + ".jsonl", lines);
-}
-
-/// Two lines of a record, 12 s apart.
-std::string module(const std::string& before, const std::string& after, const std::string& name,
-                   const std::string& members)
-{
-    return "{\"event\":\"" + before + "\",\"clock\":1000000100,\"module\":\"" + name +
-           "\"}\n{\"event\":\"" + after + "\",\"clock\":1000000112,\"module\":\"" + name + "\"," +
-           members + "}\n";
-}
-
-std::string decided(const std::string& name, const std::string& members)
-{
-    return module("checking", "decided", name, members);
-}
-
-std::string finished(const std::string& name, const std::string& members)
-{
-    return module("started", "finished", name, members);
-}
 
 class CtlRecordedRun : public testing::Test
 {
@@ -72,15 +43,16 @@ TEST_F(CtlRecordedRun, OfACheckHasARowForEachModule)
     const CtlResult result = runWith({"check", kStick});
 
     EXPECT_EQ(result.exitCode, 0);
-    expectText(result.out,
-               like("Checking /tmp/stick\n"
-                    "NAME   OFFERED  STATE\n"
-                    "lamp   2.0      needs an update, about 30 s\n"
-                    "horn   1.0      up to date\n"
-                    "tuner  -        its image is missing\n"
-                    "panel  -        its image is not signed, or with a key that the device does "
-                    "not trust\n"
-                    "The update takes about * s\n"));
+    expectText(
+        result.out,
+        like("Checking /tmp/stick\n"
+             "NAME   RUNNING  OFFERED  STATE\n"
+             "lamp   -        2.0      needs an update, about 30 s\n"
+             "horn   -        1.0      up to date\n"
+             "tuner  -        -        its image is missing\n"
+             "panel  -        -        its image is not signed, or with a key that the device does "
+             "not trust\n"
+             "The update takes about * s\n"));
 }
 
 TEST_F(CtlRecordedRun, ThatIsUpToDateIsASuccessOfAnUpdateAndNothingElseIs)
@@ -109,7 +81,7 @@ TEST_F(CtlRecordedRun, OfAVersionThatIsNoTextTellsOfTheKey)
         kBegan + decided("lamp", R"("result":-1,"offered":null,"reason":"check-failed")") + kEnded);
 
     expectText(runWith({"check", kStick}).out,
-               like("*lamp  -        its image has another image key, or is damaged\n*"));
+               like("*lamp  -        -        its image has another image key, or is damaged\n*"));
 }
 
 TEST_F(CtlRecordedRun, OfAnUpdateTellsHowEachModuleFared)
@@ -120,7 +92,8 @@ TEST_F(CtlRecordedRun, OfAnUpdateTellsHowEachModuleFared)
     const CtlResult result = runWith({"update", kStick});
 
     EXPECT_EQ(result.exitCode, 0);
-    expectText(result.out, like("*\nNAME  OFFERED  OUTCOME\nlamp  2.0      updated in 12 s\n*"));
+    expectText(result.out, like("*\nNAME  BEFORE  AFTER  OFFERED  OUTCOME\n"
+                                "lamp  -       -      2.0      updated in 12 s\n*"));
 }
 
 TEST_F(CtlRecordedRun, OfAnUpdateNamesTheModuleThatIsBeingUpdated)
@@ -143,7 +116,8 @@ TEST_F(CtlRecordedRun, OfAnUpdateThatFailedNamesTheModuleAndTheReason)
     const CtlResult result = runWith({"update", kStick});
 
     EXPECT_EQ(result.exitCode, 6);
-    expectText(result.out, like("*\nhorn  -        failed: the module's own code is 5\n*"));
+    expectText(result.out,
+               like("*\nhorn  -       -      -        failed: the module's own code is 5\n*"));
     expectText(result.err,
                like("quillonctl: the update failed at the module horn: the module's own "
                     "code is 5; the update service's log says more\n*"));
@@ -206,7 +180,8 @@ TEST_F(CtlRecordedRun, WithoutTheEndOfItsLastLineIsReadUpToThere)
     service.answerAfterStart({{MQ_RESULT_DONE, 100}});
     record("update", kBegan + finished("lamp", R"("result":0)") + "{\"event\":\"fini");
 
-    expectText(runWith({"update", kStick}).out, like("*\nlamp  -        updated in 12 s\n*"));
+    expectText(runWith({"update", kStick}).out,
+               like("*\nlamp  -       -      -        updated in 12 s\n*"));
 }
 
 TEST_F(CtlRecordedRun, IsToldToProgramsAsWell)

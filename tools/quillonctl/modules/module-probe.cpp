@@ -1,13 +1,31 @@
 #include "tools/quillonctl/modules/module-probe.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdlib>
+
+#include "base/fd.h"
+#include "tools/quillonctl/outside-text.h"
+#include "tools/quillonctl/text-table.h"
 
 namespace quillon {
 
 namespace {
 
 constexpr std::size_t kColumns = 9;
+constexpr std::size_t kLongestReason = 1000;
+
+/// In the child. What a module prints is no part of a table, and a process that it leaves behind
+/// must not keep the client's lock.
+void shutOff()
+{
+    const UniqueFd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    dup2(nowhere.get(), STDOUT_FILENO);
+    dup2(nowhere.get(), STDERR_FILENO);
+    closefrom(STDERR_FILENO + 1);
+}
 
 ModuleEntry entryOf(FWUpdateSymbol& module)
 {
@@ -52,6 +70,7 @@ std::vector<ModuleEntry> probeModules(const ModuleTimes& times, const std::strin
 {
     ModuleChild child(times);
     const ModuleChild::Rows rows = child.run(kColumns, [&] {
+        shutOff();
         openRegistry(only);
         ModuleChild::Rows found;
         for (FWUpdateSymbol& module : FWUpdateSymbolManager::getInstance()->modules()) {
@@ -65,6 +84,16 @@ std::vector<ModuleEntry> probeModules(const ModuleTimes& times, const std::strin
         child.markBroken(entries.back());
     }
     return entries;
+}
+
+ModuleAnswers askModules(const ModuleTimes& times)
+{
+    ModuleAnswers answers;
+    for (const ModuleEntry& entry : probeModules(times)) {
+        const std::string reason = joined(entry.reason, entry.problem.text);
+        answers[entry.name] = {entry.running, entry.problem.code, cut(reason, kLongestReason)};
+    }
+    return answers;
 }
 
 }  // namespace quillon

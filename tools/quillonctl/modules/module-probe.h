@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/quillonctl/module-answer.h"
 #include "tools/quillonctl/modules/module-child.h"
 #include "tools/quillonctl/modules/module-registry.h"
 
@@ -22,7 +23,8 @@ struct ModuleEntry
 };
 
 /// Loads the modules in a child, and asks each for its version. One that crashes, ends the child or
-/// does not answer in time is unusable.
+/// does not answer in time is unusable. What they print is not shown, and what the process has open
+/// is closed in the child.
 ///
 /// Thread: the process must have no other one, and have loaded no module. Requests to end the
 /// program take effect at the end of the call.
@@ -30,5 +32,8 @@ struct ModuleEntry
 /// @return one for each module, in the registry's order; none when there is no such module. Throws
 ///         Failure.
 std::vector<ModuleEntry> probeModules(const ModuleTimes& times = {}, const std::string& only = {});
+
+/// What the modules say, by probeModules(). Throws Failure.
+ModuleAnswers askModules(const ModuleTimes& times);
 
 }  // namespace quillon

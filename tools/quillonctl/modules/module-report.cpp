@@ -4,6 +4,7 @@
 #include <map>
 #include <utility>
 
+#include "tools/quillonctl/module-finding.h"
 #include "tools/quillonctl/outside-text.h"
 
 namespace quillon {
@@ -45,11 +46,6 @@ const std::map<Outcome, const char*> kOutcomes = {
 Json::Value known(const std::string& text)
 {
     return text.empty() ? Json::Value() : cut(text, kLongestText);
-}
-
-std::string joined(const std::string& text, const std::string& more)
-{
-    return text.empty() || more.empty() ? text + more : text + "; " + more;
 }
 
 JsonMembers membersOf(const ModuleEntry& entry)
@@ -110,11 +106,6 @@ Json::Value arrayOf(const std::vector<Item>& items)
     return array;
 }
 
-std::string orDash(const std::string& text)
-{
-    return text.empty() ? "-" : text;
-}
-
 std::string describe(const ModuleEntry& entry)
 {
     switch (entry.kind) {
@@ -147,7 +138,7 @@ std::string describe(const ModuleUpdate& update)
 {
     switch (update.outcome) {
         case Outcome::kUpdated:
-            return "updated";
+            return joined("updated", update.reason);
         case Outcome::kNotNeeded:
             return "no update needed";
         case Outcome::kFailed:
@@ -280,6 +271,15 @@ void ModuleReport::waitingForLate(const std::string& name)
 void ModuleReport::updated(const ModuleSource& source, const std::vector<ModuleUpdate>& updates,
                            ExitCode code)
 {
+    for (const ModuleUpdate& update : updates) {
+        if (update.outcome == Outcome::kUpdated && !update.reason.empty()) {
+            warning(
+                warningOfSuccess(update.name, update.reason) +
+                (source.type == UPDATE_EMP
+                     ? "; its package was deleted, \"quillonctl modules download\" brings it back"
+                     : ""));
+        }
+    }
     output_.event("modules-update",
                   {{"source", source.name}, {"exitCode", code}, {"modules", arrayOf(updates)}});
     std::vector<TableRow> rows = {{"NAME", "RUNNING", "OUTCOME"}};
@@ -338,7 +338,7 @@ void ModuleReport::unlocked(bool released)
 void ModuleReport::warning(const std::string& text)
 {
     const std::size_t longest = output_.isForPrograms() ? kLongestText : kLongestLine;
-    output_.complain("warning: " + cut(printable(text), longest));
+    output_.warning(cut(printable(text), longest));
 }
 
 void ModuleReport::error(ExitCode code, const std::string& text)

@@ -30,7 +30,8 @@ struct ModuleUpdate
     std::string name;
     Outcome outcome = Outcome::kUnusable;
     std::string running;  ///< afterwards; empty when not known
-    std::string reason;   ///< a phrase; empty where the outcome says it all
+    std::string reason;   ///< a phrase; empty where the outcome says it all. Of an update that has
+                          ///< succeeded: what is strange about that
 };
 
 struct ModuleDownload
@@ -42,7 +43,8 @@ struct ModuleDownload
 
 /// One call for each thing that happens. While a run goes on its calls come from another thread,
 /// one at a time. Programs get the verb's result, or the error that ended it, in one line; an
-/// update that has to wait writes a line before that. Texts from outside are made fit to be shown.
+/// update that has to wait and warnings write lines before that. Texts from outside are made fit to
+/// be shown.
 class ModuleReport
 {
 public:

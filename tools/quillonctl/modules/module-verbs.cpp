@@ -139,7 +139,8 @@ std::string raisedByUpdate(Call call, bool& isInterrupted)
 }
 
 /// How the update of a module ended.
-ModuleUpdate outcomeOf(const FWUpdateSymbol& module)
+/// @param before  the version that it ran; empty when not known
+ModuleUpdate outcomeOf(const FWUpdateSymbol& module, const std::string& before)
 {
     const std::string name = module.getLibName();
     const ModuleHistory history = ModuleEvents::instance().of(name);
@@ -161,8 +162,11 @@ ModuleUpdate outcomeOf(const FWUpdateSymbol& module)
     if (!isInstalled) {
         return {name, Outcome::kFailed, running, phraseOf(end)};
     }
-    const bool wasNeeded = end.reason != ModuleReason::kUpToDate;
-    return {name, wasNeeded ? Outcome::kUpdated : Outcome::kNotNeeded, running, ""};
+    if (end.reason == ModuleReason::kUpToDate) {
+        return {name, Outcome::kNotNeeded, running, ""};
+    }
+    return {name, Outcome::kUpdated, running,
+            phraseOfSuccess(before, running, module.getInformation().version)};
 }
 
 /// Ends the registry's run, which has not come to its own end.
@@ -376,7 +380,7 @@ std::vector<ModuleUpdate> ModuleVerbs::runMarked()
         if (!module.getNeedUpdate()) {
             updates.push_back(withoutUpdate(checks[i]));
         } else if (begun-- > 0) {  // the registry goes in this order
-            updates.push_back(outcomeOf(module));
+            updates.push_back(outcomeOf(module, checks[i].running));
         } else {
             updates.push_back(notBegun(module));
         }
@@ -438,6 +442,7 @@ ModuleUpdate ModuleVerbs::updateOne(FWUpdateSymbol& module, const ModuleSource& 
     if (kindOf(module) == ModuleKind::kProcess) {
         return runProcess(module, source);
     }
+    const std::string before = runningVersion(module).value_or("");
     char noText[] = "";
     UpdateWatch watch({&module}, report_, pollInterval_);
     bool isInterrupted = false;
@@ -453,7 +458,7 @@ ModuleUpdate ModuleVerbs::updateOne(FWUpdateSymbol& module, const ModuleSource& 
     } else if (!raised.empty()) {
         update = {module.getLibName(), Outcome::kFailed, "", raised};
     } else if (module.getNeedUpdate()) {
-        update = outcomeOf(module);
+        update = outcomeOf(module, before);
     } else {
         update = withoutUpdate(describeCheck(module, source));
     }
