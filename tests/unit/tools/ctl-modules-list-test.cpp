@@ -2,10 +2,14 @@
 
 #include <gmock/gmock.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <filesystem>
 
 #include "support/texts.h"
 #include "unit/tools/ctl-modules-device.h"
+#include "unit/tools/ctl-records.h"
 
 using testing::ContainsRegex;
 
@@ -238,4 +242,95 @@ TEST_F(CtlModulesList, WrongUsageIsOneLineAndExitsWith2)
         EXPECT_EQ(result.out, "");
         EXPECT_THAT(result.err, ContainsRegex("^quillonctl: .* \\(see quillonctl --help\\)\n$"));
     }
+}
+
+/// Beside a service that has loaded "alpha", could not read "beta", and has not seen any other.
+class CtlModulesListBesideTheService : public CtlModules
+{
+protected:
+    static constexpr uid_t kStranger = 61234;
+
+    CtlModulesListBesideTheService()
+    {
+        install("alpha");
+        install("beta");
+        recordStart(getpid());
+    }
+
+    static void recordStart(pid_t service)
+    {
+        const std::string began = "{\"event\":\"began\",\"clock\":1e9,\"pid\":";
+        record("start", began + std::to_string(service) + "}\n" +
+                            recorded("loading", "loaded", "alpha", R"("result":0)") +
+                            recorded("loading", "loaded", "beta",
+                                     R"("result":-1,"reason":"not-loadable","detail":"denied")") +
+                            "{\"event\":\"serving\",\"clock\":1e9,\"result\":0}\n");
+    }
+};
+
+TEST_F(CtlModulesListBesideTheService, TellsWhichModulesTheServiceDoesWithout)
+{
+    install("gamma");
+    install("ext-tool");
+
+    const std::string out = runModules({"list"}).out;
+
+    expectText(out, like("*\nalpha     1.0      no package\n*"));
+    expectText(out, like("*\nbeta      1.0      unusable to the service: it does not load: denied; "
+                         "no package\n*"));
+    expectText(out, like("*\ngamma     1.0      no package; the service runs without it until its "
+                         "restart\n*"));
+    expectText(out, like("*\next-tool  1.0      process module\n*"));
+    const Json::Value document = json({"list"});
+    EXPECT_EQ(of("alpha", document)["service"], "loaded");
+    EXPECT_EQ(of("beta", document)["service"], "refused");
+    EXPECT_EQ(of("beta", document)["serviceReason"], "it does not load: denied");
+    EXPECT_EQ(of("gamma", document)["service"], "not-seen");
+    EXPECT_FALSE(of("ext-tool", document).isMember("service"));
+}
+
+TEST_F(CtlModulesListBesideTheService, TellsWhatOnlyTheServiceCanUse)
+{
+    install("alpha", "setContext.result=1\nsetContext.effect=throw\n");
+    std::filesystem::remove("/usr/fwupdate/controls/beta.so");
+
+    const std::string out = runModules({"list"}).out;
+
+    expectText(out,
+               like("*\nalpha  -        the service has loaded it; unusable here: an exception "
+                    "was raised: setContext\n*"));
+    expectText(out, like("*\nbeta   -        unusable to the service: it does not load: denied; "
+                         "unusable: this user does not see it in /usr/fwupdate/controls/\n*"));
+}
+
+TEST_F(CtlModulesListBesideTheService, TellsAStrangerWhatHeMayNotRead)
+{
+    if (!canRunCtlAs(kStranger)) {
+        GTEST_SKIP() << "there is only one user here";
+    }
+    chmod("/usr/fwupdate/controls/alpha.so", 0600);
+    chmod("/opt/usr/apps/appbinarymanager", 0700);
+
+    const CtlResult file = runCtl({"modules", "list"}, kStranger);
+    chmod("/usr/fwupdate/controls", 0700);
+    const CtlResult directory = runCtl({"modules", "list"}, kStranger);
+
+    EXPECT_EQ(file.exitCode, 0);
+    expectText(file.out,
+               like("*\nalpha  -        the service has loaded it; unusable here: it does "
+                    "not load: *Permission denied\n*"));
+    expectText(file.out, like("*\nbeta *; this user may not look for its package in "
+                              "/opt/usr/apps/appbinarymanager/\n*"));
+    EXPECT_EQ(directory.exitCode, 0);
+    expectText(directory.out,
+               like("*\nalpha  -        the service has loaded it; unusable here: this user does "
+                    "not see it in /usr/fwupdate/controls/\n*"));
+}
+
+TEST_F(CtlModulesListBesideTheService, TellsNothingOfOneThatIsNoMore)
+{
+    recordStart(0x3ffffff);
+
+    expectText(runModules({"list"}).out, like("*\nbeta   1.0      no package\n*"));
+    EXPECT_FALSE(of("beta", json({"list"})).isMember("service"));
 }

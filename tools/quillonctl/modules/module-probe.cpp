@@ -4,10 +4,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 
 #include "base/fd.h"
+#include "src/support/paths.h"
 #include "tools/quillonctl/outside-text.h"
+#include "tools/quillonctl/recorded-run.h"
 #include "tools/quillonctl/text-table.h"
 
 namespace quillon {
@@ -27,6 +30,11 @@ void shutOff()
     closefrom(STDERR_FILENO + 1);
 }
 
+bool mayNotEnter(const char* directory)
+{
+    return access(directory, X_OK) != 0 && errno == EACCES;
+}
+
 ModuleEntry entryOf(FWUpdateSymbol& module)
 {
     ModuleEntry entry;
@@ -37,7 +45,9 @@ ModuleEntry entryOf(FWUpdateSymbol& module)
     if (entry.kind == ModuleKind::kFirmware) {
         entry.firmwareName = module.getFirmwareName();
         entry.package = module.getEMPName();
-        entry.hasPackage = module.getIMGExists();
+        if (!mayNotEnter(paths::kPackages)) {
+            entry.hasPackage = module.getIMGExists();
+        }
     }
     if (entry.kind == ModuleKind::kUnusable) {
         entry.reason = defectOf(module);
@@ -47,10 +57,14 @@ ModuleEntry entryOf(FWUpdateSymbol& module)
 
 ModuleChild::Row rowOf(const ModuleEntry& entry)
 {
-    return {entry.name,        std::to_string(static_cast<int>(entry.kind)),
-            entry.running,     entry.firmwareName,
-            entry.package,     entry.hasPackage ? "1" : "0",
-            entry.reason,      entry.problem.code,
+    return {entry.name,
+            std::to_string(static_cast<int>(entry.kind)),
+            entry.running,
+            entry.firmwareName,
+            entry.package,
+            entry.hasPackage ? std::to_string(static_cast<int>(*entry.hasPackage)) : "",
+            entry.reason,
+            entry.problem.code,
             entry.problem.text};
 }
 
@@ -58,10 +72,25 @@ ModuleEntry entryOf(const ModuleChild::Row& row)
 {
     constexpr int kLast = static_cast<int>(ModuleKind::kUnusable);
     const int kind = std::clamp(std::atoi(row[1].c_str()), 0, kLast);
-    return {row[0], static_cast<ModuleKind>(kind),
-            row[2], row[3],
-            row[4], row[5] == "1",
-            row[6], {row[7], row[8]}};
+    ModuleEntry entry;
+    entry.name = row[0];
+    entry.kind = static_cast<ModuleKind>(kind);
+    entry.running = row[2];
+    entry.firmwareName = row[3];
+    entry.package = row[4];
+    if (!row[5].empty()) {
+        entry.hasPackage = row[5] == "1";
+    }
+    entry.reason = row[6];
+    entry.problem = {row[7], row[8]};
+    return entry;
+}
+
+/// What the service has recorded of its start; nothing unless it runs and has loaded its modules.
+std::optional<RecordedRun> servicesStart()
+{
+    std::optional<RecordedRun> start = readRecordedRun("start");
+    return start && start->result && !hasServiceEnded(*start) ? start : std::nullopt;
 }
 
 }  // namespace
@@ -82,6 +111,34 @@ std::vector<ModuleEntry> probeModules(const ModuleTimes& times, const std::strin
     for (const ModuleChild::Row& row : rows) {
         entries.push_back(entryOf(row));
         child.markBroken(entries.back());
+    }
+    return entries;
+}
+
+std::vector<ModuleEntry> listModules(const ModuleTimes& times)
+{
+    const std::optional<RecordedRun> start = servicesStart();
+    std::vector<ModuleEntry> entries;
+    if (!start || access(paths::kModules, R_OK | X_OK) == 0) {
+        entries = probeModules(times);
+    }
+    if (!start) {
+        return entries;
+    }
+    for (ModuleEntry& entry : entries) {
+        entry.service = entry.kind == ModuleKind::kFirmware ? "not-seen" : "";
+    }
+    for (const RecordedModule& module : start->modules) {
+        auto entry = std::find_if(entries.begin(), entries.end(),
+                                  [&](const ModuleEntry& one) { return one.name == module.name; });
+        if (entry == entries.end()) {
+            entry = entries.insert(entry, ModuleEntry());
+            entry->name = module.name;
+            entry->reason = std::string("this user does not see it in ") + paths::kModules;
+        }
+        const bool isLoaded = module.finding && module.finding->result == 0;
+        entry->service = isLoaded ? "loaded" : "refused";
+        entry->serviceReason = !isLoaded && module.finding ? phraseOf(*module.finding) : "";
     }
     return entries;
 }

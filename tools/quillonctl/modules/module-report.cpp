@@ -4,6 +4,7 @@
 #include <map>
 #include <utility>
 
+#include "src/support/paths.h"
 #include "tools/quillonctl/module-finding.h"
 #include "tools/quillonctl/outside-text.h"
 
@@ -54,11 +55,13 @@ JsonMembers membersOf(const ModuleEntry& entry)
                            {"kind", kKinds.at(entry.kind)},
                            {"running", known(entry.running)},
                            {"reason", known(joined(entry.reason, entry.problem.text))},
-                           {"problem", known(entry.problem.code)}};
+                           {"problem", known(entry.problem.code)},
+                           {"service", known(entry.service)},
+                           {"serviceReason", known(entry.serviceReason)}};
     if (entry.kind == ModuleKind::kFirmware) {
         members["firmware"] = entry.firmwareName;
         members["package"] = entry.package;
-        members["downloaded"] = entry.hasPackage;
+        members["downloaded"] = entry.hasPackage ? *entry.hasPackage : Json::Value();
     }
     return members;
 }
@@ -106,16 +109,38 @@ Json::Value arrayOf(const std::vector<Item>& items)
     return array;
 }
 
-std::string describe(const ModuleEntry& entry)
+std::string describePackage(const ModuleEntry& entry)
+{
+    if (!entry.hasPackage) {
+        return std::string("this user may not look for its package in ") + paths::kPackages;
+    }
+    return *entry.hasPackage ? "package is here" : "no package";
+}
+
+std::string describeHere(const ModuleEntry& entry)
 {
     switch (entry.kind) {
         case ModuleKind::kProcess:
             return "process module";
         case ModuleKind::kUnusable:
-            return "unusable: " + entry.reason;
+            return (entry.service == "loaded" ? "unusable here: " : "unusable: ") + entry.reason;
         default:
-            return joined(entry.hasPackage ? "package is here" : "no package", entry.problem.text);
+            return joined(describePackage(entry), entry.problem.text);
     }
+}
+
+std::string describe(const ModuleEntry& entry)
+{
+    const bool isUsable = entry.kind != ModuleKind::kUnusable;
+    if (entry.service == "loaded") {
+        return joined(isUsable ? "" : "the service has loaded it", describeHere(entry));
+    }
+    if (entry.service == "refused" && entry.serviceReason != entry.reason) {
+        return joined("unusable to the service: " + entry.serviceReason, describeHere(entry));
+    }
+    return joined(describeHere(entry), entry.service == "not-seen"
+                                           ? "the service runs without it until its restart"
+                                           : "");
 }
 
 std::string describe(const ModuleCheck& check)

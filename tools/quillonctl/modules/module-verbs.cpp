@@ -254,7 +254,7 @@ auto ModuleVerbs::apart(Work work)
 
 ExitCode ModuleVerbs::list()
 {
-    const std::vector<ModuleEntry> entries = apart([&] { return probeModules(times_); });
+    const std::vector<ModuleEntry> entries = apart([&] { return listModules(times_); });
     takeOverTheEnd();
     report_.modules(entries);
     return kExitSuccess;
