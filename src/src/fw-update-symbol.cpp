@@ -472,6 +472,7 @@ int FWUpdateSymbol::checkVersion(const char* version, int* need)
 
 int FWUpdateSymbol::doUpdate(const char* path, unsigned long value, unsigned int /*extra*/)
 {
+    quillon::tellFlashing(*libName_);
     return callLibrary(doUpdate_, path, value);
 }
 
@@ -488,6 +489,7 @@ int FWUpdateSymbol::doUpdate_decryption(const unsigned char* data, int length)
     if (!isLoaded_ || !doUpdate_decryption_) {
         return -1;
     }
+    quillon::tellFlashing(*libName_);
     return callLibrary(doUpdate_decryption_, data, length);
 }
 

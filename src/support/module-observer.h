@@ -16,6 +16,8 @@ enum class ModuleEvent {
     kChecking,  ///< the module is about to be asked whether it needs an update
     kDecided,   ///< result: the need value, or -1
     kStarted,   ///< its update begins; told on the thread that updates
+    kFlashing,  ///< its plug-in is about to be asked to install; told on the same thread, only if
+                ///< nothing before has ended the update, and without what has been noted so far
     kEnded,     ///< result of the update; told on the same thread, before the guard learns it
     kLate       ///< the guard has stopped waiting; kEnded may come before or after this
 };
@@ -169,6 +171,18 @@ void tell(ModuleEvent event, const Module& module, int result = 0)
     });
     if (!isHeard) {
         observer->miss(event);
+    }
+}
+
+/// Tells the observer of kFlashing. What this thread has noted waits for the end of the update.
+/// @param libName  of the module
+inline void tellFlashing(const std::string& libName)
+{
+    ModuleObserver* observer = moduleObserver.load(std::memory_order_acquire);
+    if (observer != nullptr && !unnoticed([&] {
+            observer->hear({ModuleEvent::kFlashing, libName});
+        })) {
+        observer->miss(ModuleEvent::kFlashing);
     }
 }
 

@@ -18,6 +18,8 @@ namespace {
 
 constexpr off_t kFull = 1L << 20;
 constexpr off_t kLargest = 2L << 20;
+constexpr off_t kLargestRefused = 64L << 10;
+constexpr std::size_t kMostInMemory = 32U << 10U;
 
 bool endsInALine(int file, off_t size)
 {
@@ -36,31 +38,66 @@ bool RunHistory::hasDirectory() const
 void RunHistory::begin(Json::Value line)
 {
     isSlow_ = false;
-    isKept_ = false;
-    if (!startFile()) {
-        return;
-    }
-    if (isLost_) {
-        line["lost"] = true;
-    }
-    isKept_ = append(lineOf(line));
-    isLost_ = !isKept_;  // it may be in the file all the same
+    isMissed_ = false;
+    first_ = std::move(line);
+    others_.clear();
+    place_ = Place::kMemory;
 }
 
 void RunHistory::add(const Json::Value& line)
 {
-    if (!std::exchange(isKept_, false)) {
+    if (place_ == Place::kMemory) {
+        others_ += lineOf(line);
+        if (others_.size() > kMostInMemory) {
+            keep();
+        }
+        return;
+    }
+    if (std::exchange(place_, Place::kNowhere) != Place::kFile) {
         return;
     }
     isLost_ = true;  // also where memory runs out
-    isKept_ = append(lineOf(line));
-    isLost_ = !isKept_;
+    place_ = append(lineOf(line)) ? Place::kFile : Place::kNowhere;
+    isLost_ = place_ != Place::kFile;
+}
+
+void RunHistory::end(const Json::Value& line)
+{
+    if (isMissed_) {
+        keep();
+    }
+    if (place_ == Place::kMemory && !others_.empty()) {
+        addRefused(lineOf(first_) + others_ + lineOf(line));
+    } else if (place_ == Place::kFile) {
+        add(line);
+    }
+    place_ = Place::kNowhere;
+}
+
+void RunHistory::keep()
+{
+    if (place_ != Place::kMemory) {
+        return;
+    }
+    place_ = Place::kNowhere;
+    if (!startFile()) {
+        return;
+    }
+    if (isLost_) {
+        first_["lost"] = true;
+    }
+    const bool isWritten = append(lineOf(first_) + others_);
+    isLost_ = !isWritten || isMissed_;  // it may be in the file all the same
+    place_ = isLost_ ? Place::kNowhere : Place::kFile;
 }
 
 void RunHistory::giveUp() noexcept
 {
-    isLost_ = isLost_ || isKept_;
-    isKept_ = false;
+    isMissed_ = place_ == Place::kMemory;
+    if (place_ == Place::kFile) {
+        isLost_ = true;
+        place_ = Place::kNowhere;
+    }
 }
 
 /// Makes sure that the file exists, has room, and ends with a line's end.
@@ -81,6 +118,22 @@ bool RunHistory::startFile() const
         syncDirectory(directory_);  // as far as the file system can
     }
     return endsInALine(file.get(), status.st_size) || writeAll(file.get(), "\n", 1);
+}
+
+/// Nothing here waits for the disk, or makes it busy with what is soon gone: many may come.
+void RunHistory::addRefused(const std::string& text) const
+{
+    const std::string path = directory_ + kRefusedRuns;
+    constexpr int kFlags = O_RDWR | O_CREAT;
+    struct stat status = {};
+    UniqueFd file = openForLines(path, kFlags, status);
+    if (file && status.st_size + static_cast<off_t>(text.size()) > kLargestRefused) {
+        unlink(path.c_str());  // once it is emptied instead, some file systems flush it
+        file = openForLines(path, kFlags, status);
+    }
+    if (file && (endsInALine(file.get(), status.st_size) || writeAll(file.get(), "\n", 1))) {
+        static_cast<void>(writeAll(file.get(), text.data(), text.size()));
+    }
 }
 
 bool RunHistory::append(const std::string& text)

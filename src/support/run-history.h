@@ -1,23 +1,32 @@
 #pragma once
 
-#include <string>
+#include <json/value.h>
 
-namespace Json {
-class Value;
-}
+#include <string>
 
 namespace quillon {
 
-/// The history's files in its directory: the recent lines, and the ones before them.
+/// The history's files in its directory: the recent lines, the ones before them, and the latest
+/// runs that were refused.
 inline constexpr const char* kHistory = "history.jsonl";
 inline constexpr const char* kEarlierHistory = "earlier-history.jsonl";
+inline constexpr const char* kRefusedRuns = "refused.jsonl";
 
-/// Appends the lines of each update, see RunRecord, to "history.jsonl", and syncs each one: after a
-/// power cut in a module, the last line names the module. A new run first ends a line that was cut.
-/// If the run before could not be written to its end, the new run's first line has "lost": true.
+/// Appends the lines of each update, see RunRecord, to "history.jsonl".
 ///
-/// A run begins a new file when there is 1 MiB in the old one, which becomes the only earlier one.
-/// No file grows beyond 2 MiB.
+/// Any user can make the service begin runs in which nothing can be installed. So the lines of a
+/// run stay in memory until its first plug-in is about to be asked to install, or until there are
+/// 32 KiB of them. Then they are written, and from then on each one at once, and synced: after a
+/// power cut in a module, the last line names the module. A run that ends before that is refused:
+/// it goes to "refused.jsonl" and is not synced, or nowhere if it has no module. A run in which the
+/// service dies before that leaves nothing.
+///
+/// A new run first ends a line that was cut. If the run before in "history.jsonl" could not be
+/// written to its end, the new run's first line has "lost": true.
+///
+/// A run begins a new "history.jsonl" when there is 1 MiB in the old one, which becomes the only
+/// earlier one. None grows beyond 2 MiB. Refused runs that no longer fit into 64 KiB begin a new
+/// file, and the old one is gone.
 ///
 /// A run whose lines cannot be written is given up, and the next one is tried. After a disk that
 /// needs more than two seconds for a line, the lines of that run are written but not waited for.
@@ -35,22 +44,34 @@ public:
 
     bool hasDirectory() const;
 
-    /// Adds the first line of a run.
+    /// @name The lines of a run: its first, others, and its last
+    /// @{
     void begin(Json::Value line);
-    /// Adds another one, up to its end.
     void add(const Json::Value& line);
-    /// A line of the run is missing.
+    void end(const Json::Value& line);
+    /// @}
+
+    /// A plug-in is about to be asked to install: brings the run's lines to the disk.
+    void keep();
+    /// A line of the run is missing. If nothing of it is written yet, what there is will be, at the
+    /// latest at its end.
     void giveUp() noexcept;
 
 private:
+    enum class Place { kNowhere, kMemory, kFile };
+
     bool startFile() const;
     bool append(const std::string& text);
+    void addRefused(const std::string& text) const;
 
     const std::string directory_;
     const double longestSync_;
-    bool isKept_ = false;  ///< a run has begun, and all its lines are written
-    bool isLost_ = false;  ///< the lines of the latest run in the file lack its end
-    bool isSlow_ = false;  ///< the disk, in this run
+    Place place_ = Place::kNowhere;  ///< where all lines of a run are that has begun
+    Json::Value first_;              ///< the first line of a run in memory
+    std::string others_;             ///< the others
+    bool isMissed_ = false;          ///< the lines in memory lack one
+    bool isLost_ = false;            ///< the lines of the latest run in the file lack its end
+    bool isSlow_ = false;            ///< the disk, in this run
 };
 
 }  // namespace quillon

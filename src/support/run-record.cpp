@@ -117,6 +117,9 @@ void RunRecord::serving(bool hasKey)
 
 void RunRecord::hear(const ModuleNews& news)
 {
+    if (news.event == ModuleEvent::kFlashing) {
+        return history_.keep();
+    }
     const Entry entry = entryOf(news.event);
     Json::Value line = lineAbout(entry.event);
     line["module"] = news.libName;
@@ -157,12 +160,16 @@ void RunRecord::hearRun(const RunNews& news)
         case RunEvent::kUpdateBegan:
             return begin(kUpdate, news.directory);
         case RunEvent::kUpdateEnded:
-            return add(kUpdate, ended);
+            write(kUpdate, lineOf(ended));
+            return history_.end(ended);
     }
 }
 
 void RunRecord::miss(ModuleEvent event) noexcept
 {
+    if (event == ModuleEvent::kFlashing) {
+        return history_.giveUp();
+    }
     giveUp(entryOf(event).record);
 }
 

@@ -35,7 +35,7 @@ double secondsSinceBoot();
 /// wrong key leaves. A module's "started" has what the latest look at a stick has found. A run that
 /// was cut off has no "ended".
 ///
-/// The lines of an update are added to the history as well.
+/// The lines of an update are given to the history as well, see RunHistory.
 ///
 /// A file is open only while a line is written: a module that closes a descriptor twice must not
 /// have a record written into a file of its own. A file that cannot be made or written is given up,

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <limits>
 #include <map>
 #include <sstream>
@@ -129,12 +130,35 @@ void takeGeneration(const std::string& text, std::vector<KeptRun>& runs)
 
 /// Looks at the service's own record, which a reboot removes: after one, another process may have
 /// the number of the service that was cut off.
-bool isRunning(const RecordedRun& run)
+std::optional<RecordedRun> runningUpdate()
 {
-    const std::optional<RecordedRun> present = readRecordedRun("update");
-    return present && present->began == run.began && present->at == run.at &&
-           present->service == run.service && !present->result && run.service > 0 &&
-           !hasServiceEnded(run);
+    std::optional<RecordedRun> run = readRecordedRun("update");
+    const bool isRunning = run && !run->result && run->service > 0 && !hasServiceEnded(*run);
+    return isRunning ? run : std::nullopt;
+}
+
+bool isSame(const RecordedRun& one, const RecordedRun& other)
+{
+    return one.began == other.began && one.at == other.at && one.service == other.service;
+}
+
+/// Sorts refused runs in by time. The others stay in their order, whatever the clock was set to.
+/// @param refused  those without an end are passed over: they were not written whole
+std::vector<KeptRun> merged(std::vector<KeptRun> runs, std::vector<KeptRun> refused)
+{
+    refused.erase(std::remove_if(refused.begin(), refused.end(),
+                                 [](const KeptRun& one) { return !one.lines.run.result; }),
+                  refused.end());
+    std::vector<KeptRun> all;
+    auto next = refused.begin();
+    for (KeptRun& run : runs) {
+        for (; next != refused.end() && next->lines.run.at < run.lines.run.at; ++next) {
+            all.push_back(std::move(*next));
+        }
+        all.push_back(std::move(run));
+    }
+    std::move(next, refused.end(), std::back_inserter(all));
+    return all;
 }
 
 PastOutcome outcomeOf(const RecordedModule& module, PastOutcome unfinished)
@@ -250,8 +274,11 @@ std::string resultOf(const PastUpdate& update)
 
 std::optional<std::vector<PastUpdate>> readHistory()
 {
+    // Comes last, and may not be in the history yet. Read first: it may end while this goes on.
+    const std::optional<RecordedRun> running = runningUpdate();
     const std::string earlier = readGeneration(kEarlierHistory);
     const std::string late = readGeneration(kHistory);
+    const std::string refused = readGeneration(kRefusedRuns);
     struct stat status = {};
     if (earlier.empty() && late.empty() && stat(paths::kRunHistory, &status) != 0) {
         return std::nullopt;
@@ -259,15 +286,18 @@ std::optional<std::vector<PastUpdate>> readHistory()
     std::vector<KeptRun> runs;
     takeGeneration(earlier, runs);
     takeGeneration(late, runs);
+    std::vector<KeptRun> refusedRuns;
+    takeGeneration(refused, refusedRuns);
 
     std::vector<PastUpdate> updates;
-    for (const KeptRun& kept : runs) {
-        const bool isLatest = &kept == &runs.back();
-        const PastOutcome unfinished = kept.isLost ? PastOutcome::kNotRecorded
-                                       : isLatest && isRunning(kept.lines.run)
-                                           ? PastOutcome::kRunning
-                                           : PastOutcome::kCutOff;
-        addUpdates(kept.lines.run, unfinished, updates);
+    for (const KeptRun& kept : merged(std::move(runs), std::move(refusedRuns))) {
+        if (!running || !isSame(*running, kept.lines.run)) {
+            addUpdates(kept.lines.run,
+                       kept.isLost ? PastOutcome::kNotRecorded : PastOutcome::kCutOff, updates);
+        }
+    }
+    if (running) {
+        addUpdates(*running, PastOutcome::kRunning, updates);
     }
     return updates;
 }

@@ -18,6 +18,7 @@ using namespace quillon::test;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::Field;
+using ::testing::UnorderedElementsAre;
 
 namespace {
 
@@ -204,9 +205,59 @@ TEST_F(Observer, IsToldOfAnUpdatesBeginningAndEndOnTheThreadThatUpdates)
     EXPECT_THAT(witness.take(), ElementsAre(Told(ModuleEvent::kChecking, "alpha", 0),
                                             Told(ModuleEvent::kDecided, "alpha", 1),
                                             Told(ModuleEvent::kStarted, "alpha", 0),
+                                            Told(ModuleEvent::kFlashing, "alpha", 0),
                                             Told(ModuleEvent::kEnded, "alpha", 0)));
     EXPECT_EQ(threads[2], threads[3]);
+    EXPECT_EQ(threads[2], threads[4]);
     EXPECT_NE(threads[2], std::this_thread::get_id());
+}
+
+TEST_F(Observer, IsToldBeforeThePluginIsAskedToFlashAndKeepsTheVersionForTheEnd)
+{
+    device.addVerifier();
+    const Stick stick = device.stick();
+    std::vector<ModuleNews> before;
+    device.addModule("alpha", Module().needsUpdate().onPayload(
+                                  [&](const unsigned char* /*data*/, int /*length*/) {
+                                      before = witness.take();
+                                  }));
+    stick.addImage("alpha", Image().version("2.0"));
+    startObserved();
+    int total = 0;
+    manager->getFirmwareUpdateTime(key, stick.path(), total);
+    witness.take();
+
+    EXPECT_EQ(manager->doUpdateUSB(key, stick.path()), 0);
+
+    EXPECT_THAT(before, ElementsAre(Told(ModuleEvent::kStarted, "alpha", 0),
+                                    Told(ModuleEvent::kFlashing, "alpha", 0)));
+    const std::vector<ModuleNews> after = witness.take();
+    EXPECT_THAT(after, ElementsAre(Told(ModuleEvent::kEnded, "alpha", 0)));
+    EXPECT_EQ(after.back().offered, "2.0");
+}
+
+TEST_F(Observer, IsToldOfNoFlashWhereThereIsNothingToFlash)
+{
+    device.addVerifier();
+    const Stick stick = device.stick();
+    device.addModule("alpha", Module().needsUpdate().lacking("doUpdate_decryption"));
+    stick.addImage("alpha", Image());
+    startObserved();
+    int total = 0;
+    manager->getFirmwareUpdateTime(key, stick.path(), total);
+    const auto update = [&] {
+        witness.take();
+        EXPECT_EQ(manager->doUpdateUSB(key, stick.path()), -1);
+        return witness.take();
+    };
+
+    EXPECT_THAT(update(),
+                ElementsAre(Told(ModuleEvent::kStarted, "alpha", 0),
+                            Told(ModuleEvent::kEnded, "alpha", -1, ModuleReason::kUpdateFailed)));
+    device.verifierSays(0);
+    EXPECT_THAT(update(),
+                ElementsAre(Told(ModuleEvent::kStarted, "alpha", 0),
+                            Told(ModuleEvent::kEnded, "alpha", -1, ModuleReason::kNotSigned)));
 }
 
 TEST_F(Observer, IsToldThePluginsOwnCode)
@@ -245,8 +296,10 @@ TEST_F(Observer, IsToldThatAnUpdateIsLateAndThenHowItEnds)
 
     EXPECT_THROW(manager->update_timeout_wrapper(module("alpha"), 0, CALLER_SYSTEM, noText),
                  std::runtime_error);
-    EXPECT_THAT(witness.take(), ElementsAre(Told(ModuleEvent::kStarted, "alpha", 0),
-                                            Told(ModuleEvent::kLate, "alpha", 0)));
+    ASSERT_TRUE(witness.waitFor(3));
+    EXPECT_THAT(witness.take(), UnorderedElementsAre(Told(ModuleEvent::kStarted, "alpha", 0),
+                                                     Told(ModuleEvent::kFlashing, "alpha", 0),
+                                                     Told(ModuleEvent::kLate, "alpha", 0)));
 
     gate.open();
     ASSERT_TRUE(witness.waitFor(1));

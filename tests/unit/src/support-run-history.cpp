@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <list>
 #include <sstream>
@@ -58,6 +59,7 @@ namespace fs = std::filesystem;
 constexpr const char* kDirectory = "/var/lib/quillon/history/";
 const std::string kFile = std::string(kDirectory) + "history.jsonl";
 const std::string kEarlierFile = std::string(kDirectory) + "earlier-history.jsonl";
+const std::string kRefusedFile = std::string(kDirectory) + "refused.jsonl";
 constexpr double kNeverSlow = 3600;
 
 Json::Value line(const std::string& event)
@@ -87,6 +89,14 @@ protected:
         fs::create_directories(kDirectory);
     }
 
+    /// A run whose lines so far are on the disk.
+    void beginKept(RunHistory& kept)
+    {
+        kept.begin(line("began"));
+        kept.keep();
+    }
+    void beginKept() { beginKept(history); }
+
     static void allowFilesOf(rlim_t bytes)
     {
         signal(SIGXFSZ, SIG_IGN);
@@ -99,17 +109,94 @@ protected:
 
 TEST_F(RunHistories, BringEachLineToTheDiskAtOnce)
 {
-    history.begin(line("began"));
+    beginKept();
     EXPECT_EQ(disk.synced, static_cast<off_t>(fs::file_size(kFile)));
     history.add(line("started"));
     EXPECT_EQ(disk.synced, static_cast<off_t>(fs::file_size(kFile)));
     EXPECT_EQ(disk.syncs, 2);
+    history.keep();
+    history.end(line("ended"));
+    EXPECT_EQ(disk.synced, static_cast<off_t>(fs::file_size(kFile)));
+    EXPECT_EQ(disk.syncs, 3);
+    EXPECT_FALSE(fs::exists(kRefusedFile));
+}
+
+TEST_F(RunHistories, ReachTheDiskOnlyWhenAFlashIsAboutToBegin)
+{
+    history.begin(line("began"));
+    history.add(line("started"));
+    EXPECT_TRUE(fs::is_empty(kDirectory));
+
+    history.keep();
+
+    expectTexts(linesOf(kFile), {R"({"event":"began"})", R"({"event":"started"})"});
+    EXPECT_EQ(disk.syncs, 1);
+}
+
+TEST_F(RunHistories, StayInMemoryUpToALimit)
+{
+    Json::Value large = line("finished");
+    large["detail"] = std::string(4096, 'x');
+    history.begin(line("began"));
+    for (int i = 0; i < 7; ++i) {
+        history.add(large);
+    }
+    EXPECT_FALSE(fs::exists(kFile));
+    history.add(large);
+    EXPECT_EQ(linesOf(kFile).size(), 9U);
+    EXPECT_EQ(disk.syncs, 1);
+}
+
+TEST_F(RunHistories, OfRefusedRunsEndALineThatWasCut)
+{
+    writeFile(kRefusedFile, R"({"event":"sta)");
+    history.begin(line("began"));
+    history.add(line("started"));
+    history.end(line("ended"));
+    expectTexts(linesOf(kRefusedFile), {R"({"event":"sta)", R"({"event":"began"})",
+                                        R"({"event":"started"})", R"({"event":"ended"})"});
+}
+
+TEST_F(RunHistories, OfRefusedRunsFollowNoLink)
+{
+    writeFile("/run/victim", "untouched");
+    fs::create_symlink("/run/victim", kRefusedFile);
+    history.begin(line("began"));
+    history.add(line("started"));
+    history.end(line("ended"));
+    EXPECT_EQ(readAll("/run/victim"), "untouched");
+}
+
+TEST_F(RunHistories, OfARunThatMissesALineAreKeptAtItsEnd)
+{
+    history.begin(line("began"));
+    history.giveUp();
+    history.add(line("finished"));
+    history.end(line("ended"));
+    beginKept();
+
+    expectTexts(linesOf(kFile), {R"({"event":"began"})", R"({"event":"finished"})",
+                                 R"({"event":"began","lost":true})"});
+    EXPECT_FALSE(fs::exists(kRefusedFile));
+}
+
+TEST_F(RunHistories, ThatMissALineTellTheNextRunThatIsKeptSo)
+{
+    beginKept();
+    history.giveUp();
+    history.begin(line("began"));
+    history.add(line("started"));
+    history.end(line("ended"));
+    beginKept();
+
+    expectTexts(linesOf(kFile), {R"({"event":"began"})", R"({"event":"began","lost":true})"});
 }
 
 TEST_F(RunHistories, GoOnWhereTheServiceBeforeHasEnded)
 {
-    history.begin(line("began"));
-    RunHistory(kDirectory, kNeverSlow).begin(line("began"));
+    beginKept();
+    RunHistory next(kDirectory, kNeverSlow);
+    beginKept(next);
 
     expectTexts(linesOf(kFile), {R"({"event":"began"})", R"({"event":"began"})"});
 }
@@ -118,7 +205,7 @@ TEST_F(RunHistories, EndALineThatWasCut)
 {
     writeFile(kFile, R"({"event":"sta)");
 
-    history.begin(line("began"));
+    beginKept();
 
     expectTexts(linesOf(kFile), {R"({"event":"sta)", R"({"event":"began"})"});
 }
@@ -128,7 +215,7 @@ TEST_F(RunHistories, BecomeTheEarlierOneWhenTheyAreFull)
     writeFile(kEarlierFile, "the one before\n");
     writeFile(kFile, std::string((1U << 20U) - 1, 'x') + '\n');
 
-    history.begin(line("began"));
+    beginKept();
 
     expectTexts(linesOf(kFile), {R"({"event":"began"})"});
     EXPECT_EQ(fs::file_size(kEarlierFile), 1U << 20U);
@@ -137,7 +224,7 @@ TEST_F(RunHistories, BecomeTheEarlierOneWhenTheyAreFull)
 TEST_F(RunHistories, StayWhereTheyAreUntilTheyAreFull)
 {
     writeFile(kFile, std::string((1U << 20U) - 2, 'x') + '\n');
-    history.begin(line("began"));
+    beginKept();
     EXPECT_FALSE(fs::exists(kEarlierFile));
     EXPECT_EQ(linesOf(kFile).size(), 2U);
 }
@@ -147,7 +234,7 @@ TEST_F(RunHistories, GrowNoFurtherInOneRun)
     Json::Value large = line("finished");
     large["detail"] = std::string(400000, 'x');
 
-    history.begin(line("began"));
+    beginKept();
     for (int i = 0; i < 10; ++i) {
         history.add(large);
     }
@@ -158,10 +245,10 @@ TEST_F(RunHistories, GrowNoFurtherInOneRun)
 
 TEST_F(RunHistories, ThatMissALineTellTheNextRunSo)
 {
-    history.begin(line("began"));
+    beginKept();
     history.giveUp();
-    history.add(line("ended"));
-    history.begin(line("began"));
+    history.end(line("ended"));
+    beginKept();
 
     expectTexts(linesOf(kFile), {R"({"event":"began"})", R"({"event":"began","lost":true})"});
 }
@@ -169,9 +256,9 @@ TEST_F(RunHistories, ThatMissALineTellTheNextRunSo)
 TEST_F(RunHistories, WhoseFirstLineFailsTellTheNextRunSo)
 {
     disk.error = EIO;
-    history.begin(line("began"));
+    beginKept();
     disk.error = 0;
-    history.begin(line("began"));
+    beginKept();
 
     expectTexts(linesOf(kFile), {R"({"event":"began"})", R"({"event":"began","lost":true})"});
 }
@@ -180,22 +267,25 @@ TEST_F(RunHistories, MakeNoDirectory)
 {
     fs::remove_all(kDirectory);
     EXPECT_FALSE(history.hasDirectory());
+    beginKept();
+    history.end(line("ended"));
     history.begin(line("began"));
-    history.add(line("ended"));
+    history.add(line("started"));
+    history.end(line("ended"));
     EXPECT_FALSE(fs::exists(kDirectory));
 }
 
 TEST_F(RunHistories, ThatCannotBeWrittenTellTheNextRunSo)
 {
-    history.begin(line("began"));
+    beginKept();
     EXPECT_EQ(inChild([this] {
                   allowFilesOf(fs::file_size(kFile) + 5);
                   history.add(line("started"));
-                  history.add(line("ended"));
+                  history.end(line("ended"));
                   allowFilesOf(RLIM_INFINITY);
-                  history.begin(line("began"));
-                  history.add(line("ended"));
-                  history.begin(line("began"));
+                  beginKept();
+                  history.end(line("ended"));
+                  beginKept();
                   return 0;
               }),
               0);
@@ -206,12 +296,12 @@ TEST_F(RunHistories, ThatCannotBeWrittenTellTheNextRunSo)
 
 TEST_F(RunHistories, AreGivenUpForARunWhenTheDiskFails)
 {
-    history.begin(line("began"));
+    beginKept();
     disk.error = EIO;
     history.add(line("started"));
     history.add(line("finished"));
     disk.error = 0;
-    history.add(line("ended"));
+    history.end(line("ended"));
 
     expectTexts(linesOf(kFile), {R"({"event":"began"})", R"({"event":"started"})"});
 }
@@ -219,13 +309,13 @@ TEST_F(RunHistories, AreGivenUpForARunWhenTheDiskFails)
 TEST_F(RunHistories, WaitForASlowDiskOnceInARun)
 {
     RunHistory slow(kDirectory, -1);
-    slow.begin(line("began"));
+    beginKept(slow);
     slow.add(line("started"));
-    slow.add(line("ended"));
+    slow.end(line("ended"));
     EXPECT_EQ(disk.syncs, 1);
     EXPECT_EQ(linesOf(kFile).size(), 3U);
 
-    slow.begin(line("began"));
+    beginKept(slow);
     EXPECT_EQ(disk.syncs, 2) << "it may be faster in the next run";
 }
 
@@ -235,17 +325,17 @@ TEST_F(RunHistories, FollowNoLinkAndWaitForNobody)
     for (const char* target : {"/run/victim", "/dev/full", "/dev/null"}) {
         fs::remove(kFile);
         fs::create_symlink(target, kFile);
-        history.begin(line("began"));
-        history.add(line("ended"));
+        beginKept();
+        history.end(line("ended"));
         EXPECT_TRUE(fs::is_symlink(kFile));
     }
     EXPECT_EQ(readAll("/run/victim"), "untouched");
 
     fs::remove(kFile);
     ASSERT_EQ(mkfifo(kFile.c_str(), 0666), 0);
-    history.begin(line("began"));
+    beginKept();
     const UniqueFd reader(open(kFile.c_str(), O_RDONLY | O_NONBLOCK));
-    history.begin(line("began"));
+    beginKept();
     char read = 0;
     EXPECT_EQ(::read(reader.get(), &read, 1), 0) << "nobody has written to it";
     EXPECT_EQ(disk.syncs, 0);
@@ -302,7 +392,7 @@ TEST_F(UpdateHistories, HoldEachModulesBeginAndEnd)
     EXPECT_FALSE(fs::exists(kFile)) << "of a look at a stick, nothing is kept";
     EXPECT_EQ(update(), 0);
 
-    EXPECT_EQ(disk.syncs, 4);
+    EXPECT_EQ(disk.syncs, 3);
     expectTexts(linesOf(kFile),
                 {like(R"({"at":*,"clock":*,"directory":*,"event":"began","pid":*})"),
                  like(R"({"clock":*,"event":"started","module":"alpha","offered":"2.0",)"
@@ -321,6 +411,23 @@ TEST_F(UpdateHistories, NameTheModuleThatWasBeingUpdatedAtTheEnd)
     EXPECT_EQ(inChild([this] { return update(); }), -SIGABRT);
 
     expectEnd({like(R"({*"event":"started","module":"alpha","offered":"2.0","seconds":30})")});
+}
+
+TEST_F(UpdateHistories, NameNoModuleThatWasNotFlashedYet)
+{
+    int asked = 0;
+    startWith(Module().onCheckVersion([&](const char* /*version*/, int* need) {
+        if (++asked == 2) {
+            abort();
+        }
+        *need = 1;
+        return 0;
+    }));
+    estimate();
+
+    EXPECT_EQ(inChild([this] { return update(); }), -SIGABRT);
+
+    EXPECT_TRUE(fs::is_empty(kDirectory));
 }
 
 TEST_F(UpdateHistories, TellWhyAnUpdateFailed)
@@ -354,7 +461,42 @@ TEST_F(UpdateHistories, FailNoUpdateWhenTheDiskFails)
     estimate();
     disk.error = EIO;
     EXPECT_EQ(update(), 0);
-    EXPECT_EQ(linesOf(kFile).size(), 1U);
+    EXPECT_EQ(linesOf(kFile).size(), 2U);
+}
+
+TEST_F(UpdateHistories, HoldNothingOfARunWithoutAModule)
+{
+    startWith(Module().needsUpdate());
+    for (int i = 0; i < 300; ++i) {
+        EXPECT_EQ(update(), -1);
+    }
+    EXPECT_TRUE(fs::is_empty(kDirectory));
+    EXPECT_EQ(disk.syncs, 0);
+}
+
+TEST_F(UpdateHistories, OutlastAFloodOfRefusedRuns)
+{
+    startWith(Module().needsUpdate());
+    estimate();
+    EXPECT_EQ(update(), 0);
+    const std::string updates = readAll(kFile);
+    disk = {};
+
+    fs::remove(device.stick().imagePath("alpha"));
+    for (int i = 0; i < 500; ++i) {
+        EXPECT_EQ(update(), -1);
+    }
+
+    EXPECT_TRUE(readAll(kFile) == updates);
+    EXPECT_FALSE(fs::exists(kEarlierFile));
+    EXPECT_EQ(disk.syncs, 0);
+    EXPECT_LE(readAll(kRefusedFile).size(), 64U << 10U);
+    const std::vector<std::string> refused = linesOf(kRefusedFile);
+    ASSERT_GE(refused.size(), 4U);
+    expectTexts({refused.end() - 4, refused.end()},
+                {like(R"({*"event":"began"*})"), like(R"({*"event":"started","module":"alpha"*})"),
+                 like(R"({*"event":"finished",*"reason":"no-image","result":-1*})"),
+                 like(R"({*"event":"ended","result":-1})")});
 }
 
 TEST_F(UpdateHistories, AreNotKeptWithoutTheirDirectory)

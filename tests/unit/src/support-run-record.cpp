@@ -244,7 +244,8 @@ TEST_F(RunRecords, FailNothingWhenMemoryRunsOut)
     EXPECT_EQ(estimate(), 0);
     EXPECT_EQ(update(), 0);
     moduleObserver = nullptr;
-    EXPECT_EQ(observer.missed, 6) << "loading, checking and updating, each its beginning and end";
+    EXPECT_EQ(observer.missed, 7) << "loading, checking and updating, each its beginning and end, "
+                                     "and that the plug-in is asked to update";
     EXPECT_EQ(observer.missedOfRuns, 5) << "the loading, and two runs, each its beginning and end";
 }
 

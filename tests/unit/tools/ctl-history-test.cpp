@@ -27,6 +27,7 @@ namespace fs = std::filesystem;
 
 const std::string kDirectory = "/var/lib/quillon/history/";
 const std::string kFile = kDirectory + "history.jsonl";
+const std::string kRefusedFile = kDirectory + "refused.jsonl";
 constexpr const char* kHeadings = "WHEN              MODULE  OFFERED  EXPECTED  TOOK  RESULT\n";
 
 constexpr const char* kEnded = "{\"event\":\"ended\",\"clock\":300,\"result\":0}\n";
@@ -97,6 +98,29 @@ TEST_F(CtlHistory, ShowsTheEarlierFileFirst)
     expectText(tableOf(began(1) + updated("horn") + kEnded), like("*lamp*\n*horn*\n"));
 }
 
+TEST_F(CtlHistory, ShowsRefusedUpdatesAmongTheOthers)
+{
+    const std::string refused = started("horn") + finished("horn", R"("result":-1)") + kEnded;
+    writeFile(kRefusedFile, began() + refused + began(3) + refused);
+    expectText(tableOf(began(1) + updated("lamp") + kEnded + began(2) + updated("lamp") + kEnded),
+               like("WHEN*\n2026-11-23*horn*failed*\n2026-11-24*lamp*updated\n"
+                    "2026-11-25*lamp*updated\n2026-11-26*horn*failed*\n"));
+    expectText(tableOf(""), like("WHEN*\n2026-11-23*horn*failed*\n2026-11-26*horn*failed*\n"));
+}
+
+TEST_F(CtlHistory, TakesNoRefusedUpdateForTheEndOfOneThatWasCutOff)
+{
+    writeFile(kRefusedFile,
+              finished("lamp") + kEnded + began(1, ",\"lost\":true") + updated("horn") + kEnded);
+    expectText(tableOf(began() + started("lamp")), like("*lamp*cut off\n*horn*updated\n"));
+}
+
+TEST_F(CtlHistory, PassesOverARefusedUpdateThatIsNotThereWhole)
+{
+    writeFile(kRefusedFile, began() + finished("horn") + began(1) + started("lamp"));
+    expectText(tableOf(""), "No update is recorded\n");
+}
+
 TEST_F(CtlHistory, TellsWhatWasCutOff)
 {
     expectText(
@@ -141,8 +165,10 @@ TEST_F(CtlHistory, TellsWhatIsRunningAsLongAsTheServiceLives)
     EXPECT_EQ(resultWith(running, running), "running\n");
     EXPECT_EQ(resultWith(runOf(ended, 1000), runOf(ended, 1000)), "cut off\n");
     EXPECT_EQ(resultWith(runOf(0, 1000), runOf(0, 1000)), "cut off\n");
-    EXPECT_EQ(resultWith(running, runOf(1, 1000)), "cut off\n") << "of another process";
-    EXPECT_EQ(resultWith(running, runOf(getpid(), 999)), "cut off\n") << "of another start";
+    const TextRule both = like("cut off\n*lamp*running\n");
+    expectText(resultWith(running, runOf(1, 1000)), both);        // of another process
+    expectText(resultWith(running, runOf(getpid(), 999)), both);  // of another start
+    EXPECT_EQ(resultWith(running, ""), "running\n") << "nothing of it is kept yet";
     const std::string reused = runOf(getpid(), 1000, "0.001");
     EXPECT_EQ(resultWith(reused, reused), "cut off\n") << "another process has its number";
     EXPECT_EQ(resultWith("", running), "cut off\n") << "the device was started since";

@@ -56,6 +56,8 @@ void ModuleEvents::hear(const ModuleNews& news)
             module.run =
                 ModuleRun{std::chrono::steady_clock::now(), std::nullopt, module.isUpdating()};
             break;
+        case ModuleEvent::kFlashing:
+            break;
         case ModuleEvent::kEnded:
             if (!module.run) {
                 module.run.emplace();  // there was no memory to hear of its start
