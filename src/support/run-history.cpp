@@ -56,9 +56,9 @@ void RunHistory::add(const Json::Value& line)
     if (std::exchange(place_, Place::kNowhere) != Place::kFile) {
         return;
     }
-    isLost_ = true;  // also where memory runs out
+    isLost_ = true;  // also where memory runs out, of which giveUp() learns
     place_ = append(lineOf(line)) ? Place::kFile : Place::kNowhere;
-    isLost_ = place_ != Place::kFile;
+    markLost(place_ != Place::kFile);
 }
 
 void RunHistory::end(const Json::Value& line)
@@ -83,20 +83,33 @@ void RunHistory::keep()
     if (!startFile()) {
         return;
     }
-    if (isLost_) {
+    struct stat status = {};
+    const bool wasLost = fstatat(AT_FDCWD, lostLines_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    if (wasLost) {
         first_["lost"] = true;
     }
     const bool isWritten = append(lineOf(first_) + others_);
-    isLost_ = !isWritten || isMissed_;  // it may be in the file all the same
+    if (isWritten && wasLost) {
+        unlink(lostLines_.c_str());
+    }
+    markLost(!isWritten || isMissed_);  // it may be in the file all the same
     place_ = isLost_ ? Place::kNowhere : Place::kFile;
 }
 
 void RunHistory::giveUp() noexcept
 {
     isMissed_ = place_ == Place::kMemory;
+    markLost(isLost_ || place_ == Place::kFile);
     if (place_ == Place::kFile) {
-        isLost_ = true;
         place_ = Place::kNowhere;
+    }
+}
+
+void RunHistory::markLost(bool isLost) noexcept
+{
+    isLost_ = isLost;
+    if (isLost && symlink("nowhere", lostLines_.c_str()) != 0) {
+        return;  // it may be there already
     }
 }
 

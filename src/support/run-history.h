@@ -12,6 +12,10 @@ inline constexpr const char* kHistory = "history.jsonl";
 inline constexpr const char* kEarlierHistory = "earlier-history.jsonl";
 inline constexpr const char* kRefusedRuns = "refused.jsonl";
 
+/// A link in the directory that leads nowhere, as long as the lines of the latest run in the file
+/// lack its end although the service went on. To make one takes no descriptor and hardly any room.
+inline constexpr const char* kLostLines = ".lost";
+
 /// Appends the lines of each update, see RunRecord, to "history.jsonl".
 ///
 /// Any user can make the service begin runs in which nothing can be installed. So the lines of a
@@ -22,7 +26,8 @@ inline constexpr const char* kRefusedRuns = "refused.jsonl";
 /// service dies before that leaves nothing.
 ///
 /// A new run first ends a line that was cut. If the run before in "history.jsonl" could not be
-/// written to its end, the new run's first line has "lost": true.
+/// written to its end, there is a link ".lost" until then, and the new run's first line has "lost":
+/// true.
 ///
 /// A run begins a new "history.jsonl" when there is 1 MiB in the old one, which becomes the only
 /// earlier one. None grows beyond 2 MiB. Refused runs that no longer fit into 64 KiB begin a new
@@ -38,7 +43,7 @@ public:
     /// @param directory    with "/" at its end; without it, nothing is kept and nothing is made
     /// @param longestSync  seconds after which the disk counts as slow
     explicit RunHistory(const std::string& directory, double longestSync = 2)
-        : directory_(directory), longestSync_(longestSync)
+        : directory_(directory), lostLines_(directory + kLostLines), longestSync_(longestSync)
     {
     }
 
@@ -64,14 +69,17 @@ private:
     bool append(const std::string& text);
     void addRefused(const std::string& text) const;
 
+    void markLost(bool isLost) noexcept;
+
     const std::string directory_;
+    const std::string lostLines_;
     const double longestSync_;
     Place place_ = Place::kNowhere;  ///< where all lines of a run are that has begun
     Json::Value first_;              ///< the first line of a run in memory
     std::string others_;             ///< the others
     bool isMissed_ = false;          ///< the lines in memory lack one
-    bool isLost_ = false;            ///< the lines of the latest run in the file lack its end
-    bool isSlow_ = false;            ///< the disk, in this run
+    bool isLost_ = false;  ///< an error is about to leave the lines in the file without an end
+    bool isSlow_ = false;  ///< the disk, in this run
 };
 
 }  // namespace quillon

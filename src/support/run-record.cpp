@@ -94,13 +94,16 @@ double secondsSinceBoot()
 }
 
 RunRecord::RunRecord(const std::string& directory, const std::string& history)
-    : directory_(directory), history_(history)
+    : directory_(directory),
+      paths_{directory + kNames[kStart], directory + kNames[kEstimate],
+             directory + kNames[kUpdate]},
+      history_(history)
 {
     unnoticed([this] {
         struct stat status = {};
         if (fstatat(AT_FDCWD, directory_.c_str(), &status, 0) == 0) {
-            static_cast<void>(std::rename((directory_ + kNames[kStart]).c_str(),
-                                          (directory_ + kEarlierStart).c_str()));
+            static_cast<void>(
+                std::rename(paths_[kStart].c_str(), (directory_ + kEarlierStart).c_str()));
             begin(kStart, "");
         }
     });
@@ -185,6 +188,7 @@ void RunRecord::missRun(RunEvent event) noexcept
 void RunRecord::giveUp(Record record) noexcept
 {
     isKept_[record] = false;
+    unlink(paths_[record].c_str());
     if (record == kUpdate) {
         history_.giveUp();
     }
@@ -208,7 +212,7 @@ void RunRecord::begin(Record record, const std::string& stick)
     unlink(made.c_str());  // left by a service that was killed just here, or a link
     isKept_[record] = append(made, O_CREAT | O_EXCL, lineOf(line)) &&
                       chmod(made.c_str(), kMode) == 0 &&  // whatever the umask
-                      std::rename(made.c_str(), (directory_ + kNames[record]).c_str()) == 0;
+                      std::rename(made.c_str(), paths_[record].c_str()) == 0;
     if (record == kUpdate) {
         history_.begin(line);
     }
@@ -220,7 +224,10 @@ void RunRecord::write(Record record, const std::string& text)
 {
     if (std::exchange(isKept_[record], false)) {
         const std::string lines = std::exchange(held_[record], {}) + text;
-        isKept_[record] = append(directory_ + kNames[record], 0, lines);
+        isKept_[record] = append(paths_[record], 0, lines);
+        if (!isKept_[record]) {
+            unlink(paths_[record].c_str());
+        }
     }
 }
 

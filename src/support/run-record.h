@@ -2,6 +2,7 @@
 
 #include <json/value.h>
 
+#include <array>
 #include <map>
 #include <mutex>
 #include <string>
@@ -38,9 +39,9 @@ double secondsSinceBoot();
 /// The lines of an update are given to the history as well, see RunHistory.
 ///
 /// A file is open only while a line is written: a module that closes a descriptor twice must not
-/// have a record written into a file of its own. A file that cannot be made or written is given up,
-/// and the service goes on without it. Thread: any; the lines of one file come from one thread at a
-/// time.
+/// have a record written into a file of its own. A file that cannot be made or written is removed,
+/// and the service goes on without it: what is there is always as far as the service. Thread: any;
+/// the lines of one file come from one thread at a time.
 class RunRecord final : public ModuleObserver
 {
 public:
@@ -72,6 +73,7 @@ private:
     void rememberOffer(ModuleEvent event, Json::Value& line);
 
     const std::string directory_;
+    const std::array<std::string, kRecords> paths_;
     bool isKept_[kRecords] = {};
     RunHistory history_;
     std::string held_[kRecords];  ///< lines that are still to be written

@@ -288,6 +288,10 @@ std::optional<std::vector<PastUpdate>> readHistory()
     takeGeneration(late, runs);
     std::vector<KeptRun> refusedRuns;
     takeGeneration(refused, refusedRuns);
+    const std::string lost = std::string(paths::kRunHistory) + kLostLines;
+    if (!runs.empty() && lstat(lost.c_str(), &status) == 0) {
+        runs.back().isLost = true;
+    }
 
     std::vector<PastUpdate> updates;
     for (const KeptRun& kept : merged(std::move(runs), std::move(refusedRuns))) {

@@ -263,6 +263,26 @@ TEST_F(RunHistories, WhoseFirstLineFailsTellTheNextRunSo)
     expectTexts(linesOf(kFile), {R"({"event":"began"})", R"({"event":"began","lost":true})"});
 }
 
+TEST_F(RunHistories, ThatMissALineTellThatToReadersAndToTheNextService)
+{
+    const std::string lost = kDirectory + std::string(kLostLines);
+    beginKept();
+    EXPECT_FALSE(fs::is_symlink(lost));
+    EXPECT_EQ(inChild([this] {
+                  allowFilesOf(fs::file_size(kFile) + 5);
+                  history.add(line("finished"));
+                  return 0;
+              }),
+              0);
+    EXPECT_TRUE(fs::is_symlink(lost));
+
+    RunHistory next(kDirectory, kNeverSlow);
+    beginKept(next);
+    EXPECT_FALSE(fs::is_symlink(lost));
+    expectTexts(linesOf(kFile),
+                {R"({"event":"began"})", R"({"eve)", R"({"event":"began","lost":true})"});
+}
+
 TEST_F(RunHistories, MakeNoDirectory)
 {
     fs::remove_all(kDirectory);

@@ -134,6 +134,11 @@ TEST_F(CtlHistory, TellsACutOffUpdateFromOneThatCouldNotBeRecorded)
 {
     expectText(tableOf(began() + started("lamp") + began(1, ",\"lost\":true") + kEnded),
                like("*lamp*  not recorded\n"));
+
+    const std::string latest = began() + started("horn") + began(1) + started("lamp");
+    expectText(tableOf(latest), like("*horn*  cut off\n*lamp*  cut off\n"));
+    std::filesystem::create_symlink("nowhere", kDirectory + std::string(".lost"));
+    expectText(tableOf(latest), like("*horn*  cut off\n*lamp*  not recorded\n"));
 }
 
 TEST_F(CtlHistory, TellsThatAnExceptionHasEndedAnUpdate)
