@@ -5,43 +5,19 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
-#include <set>
 #include <sstream>
 
 #include "support/files.h"
 #include "support/process.h"
 #include "unit/tools/ctl-program.h"
+#include "unit/tools/ctl-vocabulary.h"
 
 namespace {
 
 using quillon::test::outputOf;
 using quillon::test::readAll;
 
-using Words = std::set<std::string>;
-
-constexpr const char* kManual = QUILLON_SOURCE_DIR "/docs/man/quillonctl.1";
 constexpr const char* kCompletion = QUILLON_SOURCE_DIR "/tools/quillonctl/completion";
-
-/// @return every match of the expression's only group
-Words allMatches(const std::string& text, const char* expression)
-{
-    const std::regex regex(expression, std::regex::ECMAScript | std::regex::multiline);
-    Words words;
-    for (std::sregex_iterator it(text.begin(), text.end(), regex), end; it != end; ++it) {
-        words.insert((*it)[1].str());
-    }
-    return words;
-}
-
-std::string between(const std::string& text, const std::string& first, const std::string& last)
-{
-    const std::size_t begin = text.find(first);
-    if (begin == std::string::npos) {
-        return {};
-    }
-    return text.substr(begin + first.size(),
-                       text.find(last, begin + first.size()) - begin - first.size());
-}
 
 const std::string& help()
 {
@@ -70,12 +46,6 @@ Words optionsOfHistory()
     return optionsOf({"history"});
 }
 
-Words verbsOfModules()
-{
-    const std::string text = runCtl({"modules", "--help"}).out;
-    return allMatches(between(text, "\nSubcommands:\n", "\n\n") + "\n", "^  ([a-z]+) ");
-}
-
 Words optionsOfProgress()
 {
     const std::string text = runCtl({"progress", "--help"}).out;
@@ -86,11 +56,6 @@ Words operator+(Words left, const Words& right)
 {
     left.insert(right.begin(), right.end());
     return left;
-}
-
-Words verbsOfHelp()
-{
-    return allMatches(between(help(), "\nSubcommands:\n", "\n\n") + "\n", "^  ([a-z]+) ");
 }
 
 /// @param line  the command line; its last word, which may be empty, is completed
@@ -118,10 +83,10 @@ Words complete(const std::vector<std::string>& line)
 
 TEST(CtlHelp, ListsVerbsAndOptions)
 {
-    EXPECT_EQ(verbsOfHelp(), (Words{"update", "check", "estimate", "progress", "stop", "history",
-                                    "doctor", "modules"}));
+    EXPECT_EQ(verbsOf({}), (Words{"update", "check", "estimate", "progress", "stop", "history",
+                                  "doctor", "modules"}));
     EXPECT_EQ(optionsOfHelp(), (Words{"--help", "--version", "--json", "--quiet", "--timeout"}));
-    EXPECT_EQ(verbsOfModules(),
+    EXPECT_EQ(verbsOf({"modules"}),
               (Words{"list", "check", "update", "version", "progress", "download", "unlock"}));
     EXPECT_EQ(optionsOfModules(), (Words{"--help", "--source", "--all"}));
     EXPECT_EQ(optionsOfHistory(), (Words{"--help", "--since", "--plot"}));
@@ -129,16 +94,15 @@ TEST(CtlHelp, ListsVerbsAndOptions)
 
 TEST(CtlManual, DescribesEveryVerbAndNoOther)
 {
-    EXPECT_EQ(allMatches(readAll(kManual), "^\\.It Cm ([a-z]+)"), verbsOfHelp());
-    EXPECT_EQ(
-        allMatches(between(readAll(kManual), ".Cm modules\nare:", ".El"), "^\\.It Sy ([a-z]+)"),
-        verbsOfModules());
+    EXPECT_EQ(allMatches(manualPage(), "^\\.It Cm ([a-z]+)"), verbsOf({}));
+    EXPECT_EQ(allMatches(between(manualPage(), ".Cm modules\nare:", ".El"), "^\\.It Sy ([a-z]+)"),
+              verbsOf({"modules"}));
 }
 
 TEST(CtlManual, DescribesEveryOptionAndNoOther)
 {
     Words options;
-    for (const std::string& word : allMatches(readAll(kManual), "^\\.It .*Fl -([a-z-]+)")) {
+    for (const std::string& word : allMatches(manualPage(), "^\\.It .*Fl -([a-z-]+)")) {
         options.insert("--" + word);
     }
     EXPECT_EQ(options,
@@ -154,8 +118,8 @@ TEST(CtlManual, ListsEveryEventOfItsVerbs)
                              "run-report.cpp", "verbs.cpp"}) {
         events = events + allMatches(readAll(tool + file), call);
     }
-    const Words listed = allMatches(between(readAll(kManual), ".Sh JSON OUTPUT", ".It modules\n"),
-                                    "^\\.It ([a-z-]+)$");
+    const Words listed =
+        allMatches(between(manualPage(), ".Sh JSON OUTPUT", ".It modules\n"), "^\\.It ([a-z-]+)$");
 
     EXPECT_EQ(listed, events);
 }
@@ -164,13 +128,13 @@ TEST(CtlManual, ListsTheExitCodesOfTheHelp)
 {
     const std::string codes = between(help(), "Exit codes:", "\n\n");
 
-    EXPECT_EQ(allMatches(between(readAll(kManual), ".Sh EXIT STATUS", ".Sh"), "^\\.It ([0-9]+)"),
+    EXPECT_EQ(allMatches(between(manualPage(), ".Sh EXIT STATUS", ".Sh"), "^\\.It ([0-9]+)"),
               allMatches(codes, "\\b([0-9]+) "));
 }
 
 TEST(CtlCompletion, OffersEveryVerb)
 {
-    EXPECT_EQ(complete({"quillonctl", ""}), verbsOfHelp());
+    EXPECT_EQ(complete({"quillonctl", ""}), verbsOf({}));
     EXPECT_EQ(complete({"quillonctl", "--timeout", "3", "es"}), (Words{"estimate"}));
 }
 
@@ -183,7 +147,7 @@ TEST(CtlCompletion, OffersEveryOptionAnywhere)
 
 TEST(CtlCompletion, KnowsTheVerbsOfModulesAndWhatTheyTake)
 {
-    EXPECT_EQ(complete({"quillonctl", "modules", ""}), verbsOfModules());
+    EXPECT_EQ(complete({"quillonctl", "modules", ""}), verbsOf({"modules"}));
     EXPECT_EQ(complete({"quillonctl", "modules", "update", "-"}),
               optionsOfHelp() + optionsOfModules());
     EXPECT_EQ(complete({"quillonctl", "modules", "list", "-"}), optionsOfHelp());
