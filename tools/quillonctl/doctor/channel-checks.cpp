@@ -13,7 +13,6 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <sstream>
 
 #include "base/fd.h"
 #include "client/client-lock.h"
@@ -63,15 +62,8 @@ bool isClientConnected()
     const std::string lock = fileInLocks(*status);
     std::ifstream locks("/proc/locks");
     for (std::string line; std::getline(locks, line);) {
-        std::istringstream words(line);
-        std::string number;
-        std::string kind;
-        std::string way;
-        std::string access;
-        std::string process;
-        std::string file;
-        words >> number >> kind >> way >> access >> process >> file;
-        if (kind == "FLOCK" && file == lock) {
+        if (line.find(": FLOCK ") != std::string::npos &&
+            line.find(" " + lock + " ") != std::string::npos) {
             return true;
         }
     }

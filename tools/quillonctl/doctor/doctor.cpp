@@ -37,33 +37,16 @@ constexpr Check kChecks[] = {
     checkUnit,
 };
 
-const char* nameOf(Severity severity)
-{
-    switch (severity) {
-        case Severity::kError:
-            return "error";
-        case Severity::kWarning:
-            return "warning";
-        default:
-            return "note";
-    }
-}
+constexpr const char* kSeverities[] = {"note", "warning", "error"};
 
 std::string counted(int count, const std::string& what)
 {
     return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
-int countOf(const Findings& findings, Severity severity)
-{
-    return static_cast<int>(
-        std::count_if(findings.begin(), findings.end(),
-                      [&](const Finding& finding) { return finding.severity == severity; }));
-}
-
 void say(Output& output, const Finding& finding)
 {
-    const std::string severity = nameOf(finding.severity);
+    const std::string severity = kSeverities[static_cast<int>(finding.severity)];
     const std::string text = printable(finding.text);
     const std::string remedy = printable(finding.remedy);
     output.say("finding",
@@ -89,12 +72,12 @@ Findings examine()
 ExitCode run(Output& output)
 {
     const Findings findings = examine();
+    int counts[] = {0, 0, 0};
     for (const Finding& finding : findings) {
         say(output, finding);
+        ++counts[static_cast<int>(finding.severity)];
     }
-    const int errors = countOf(findings, Severity::kError);
-    const int warnings = countOf(findings, Severity::kWarning);
-    const int notes = countOf(findings, Severity::kNote);
+    const auto [notes, warnings, errors] = counts;
     output.say("examined", {{"errors", errors}, {"warnings", warnings}, {"notes", notes}},
                findings.empty() ? "Nothing found"
                                 : counted(errors, "error") + ", " + counted(warnings, "warning") +

@@ -80,12 +80,20 @@ std::string faultOfVerifier()
 }
 
 /// What is wrong with the files *.pem of a directory.
+/// @param what  the files are
 /// @param load  throws ImageError for a file that is of no use
-/// @param[out] usable  how many are of use
-Findings faultsOfFiles(const Surroundings& around, const std::vector<std::string>& files,
+/// @param[out] usable  how many are of use, at least one where this user may not look
+Findings faultsOfFiles(const Surroundings& around, const char* directory, const char* what,
                        const char* code, const std::function<void(const std::string&)>& load,
                        int& usable)
 {
+    std::error_code trouble;
+    const std::vector<std::string> files = pemFilesIn(directory, trouble);
+    if (trouble == std::errc::permission_denied) {
+        usable = 1;
+        return {notChecked(std::string("the ") + what + " in " + directory)};
+    }
+    usable = 0;
     Findings findings;
     for (const std::string& path : files) {
         struct stat status = {};
@@ -207,14 +215,9 @@ Findings checkTrustedPlaces(const Surroundings& /*around*/)
 
 Findings checkKeys(const Surroundings& around)
 {
-    std::error_code failure;
-    const std::vector<std::string> files = pemFilesIn(QUILLON_TRUSTED_KEYS, failure);
-    if (failure == std::errc::permission_denied) {
-        return {notChecked("the keys in " QUILLON_TRUSTED_KEYS)};
-    }
     int usable = 0;
     Findings findings = faultsOfFiles(
-        around, files, "key-unusable",
+        around, QUILLON_TRUSTED_KEYS, "keys", "key-unusable",
         [](const std::string& path) { static_cast<void>(loadPublicKey(path)); }, usable);
     if (usable == 0) {
         findings.push_back(error("keys-none",
@@ -227,11 +230,6 @@ Findings checkKeys(const Surroundings& around)
 
 Findings checkCertificates(const Surroundings& around)
 {
-    std::error_code failure;
-    const std::vector<std::string> files = pemFilesIn(QUILLON_PROVISIONING_CERTIFICATES, failure);
-    if (failure == std::errc::permission_denied) {
-        return {notChecked("the certificates in " QUILLON_PROVISIONING_CERTIFICATES)};
-    }
     int usable = 0;
     Findings expired;
     const auto load = [&](const std::string& path) {
@@ -245,7 +243,8 @@ Findings checkCertificates(const Surroundings& around)
             }
         }
     };
-    Findings findings = faultsOfFiles(around, files, "certificate-unusable", load, usable);
+    Findings findings = faultsOfFiles(around, QUILLON_PROVISIONING_CERTIFICATES, "certificates",
+                                      "certificate-unusable", load, usable);
     append(findings, expired);
     return findings;
 }
