@@ -322,19 +322,25 @@ std::vector<Fault> faults()
     };
 }
 
+/// @param properties  the service's, and of the units after it
+quillon::doctor::Findings judgedUnit(const std::string& properties)
+{
+    return quillon::doctor::judgeUnits("Id=quillon.service\n" + properties);
+}
+
 /// Faults of the machine that a test cannot make.
 std::vector<std::pair<const char*, quillon::doctor::Findings>> faultsOfTheMachine()
 {
     quillon::doctor::Surroundings in1970;
     return {
         {"clock-wrong", checkClock(in1970)},
-        {"start-limit", quillon::doctor::judgeUnit("ActiveState=failed\nResult=start-limit-hit\n")},
+        {"start-limit", judgedUnit("ActiveState=failed\nResult=start-limit-hit\n")},
         {"start-limit",
-         quillon::doctor::judgeUnit(
-             "Result=signal\nActiveState=failed\nNRestarts=10\nStartLimitBurst=10\n")},
+         judgedUnit("Result=signal\nActiveState=failed\nNRestarts=10\nStartLimitBurst=10\n")},
         {"unit-failed",
-         quillon::doctor::judgeUnit(
-             "Result=timeout\nActiveState=failed\nNRestarts=2\nStartLimitBurst=10\n")},
+         judgedUnit("Result=timeout\nActiveState=failed\nNRestarts=2\nStartLimitBurst=10\n")},
+        {"unit-masked", judgedUnit("LoadState=loaded\n\nId=quillon-storage.socket\n"
+                                   "LoadState=masked\nActiveState=failed\n")},
     };
 }
 
@@ -394,8 +400,9 @@ TEST(CtlDoctorMachine, FaultsAreJudged)
     quillon::doctor::Surroundings now;
     now.now = std::time(nullptr);
     EXPECT_TRUE(checkClock(now).empty());
+    EXPECT_TRUE(judgedUnit("Result=success\nActiveState=active\nNRestarts=12\n").empty());
     EXPECT_TRUE(
-        quillon::doctor::judgeUnit("Result=success\nActiveState=active\nNRestarts=12\n").empty());
+        judgedUnit("LoadState=loaded\n\nId=quillon-storage.socket\nLoadState=not-found\n").empty());
 }
 
 std::set<std::string> codesIn(const std::string& text, const char* expression)

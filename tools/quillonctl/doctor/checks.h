@@ -52,12 +52,12 @@ Findings checkDirectories(const Surroundings& around);
 /// Whether there is room to write, and what is loaded may be executed.
 Findings checkFileSystems(const Surroundings& around);
 Findings checkClock(const Surroundings& around);
-/// What systemd says of the unit; nothing where systemd is not process 1.
-Findings checkUnit(const Surroundings& around);
+/// What systemd says of the units; nothing where systemd is not process 1.
+Findings checkUnits(const Surroundings& around);
 /// @}
 
 /// What "systemctl show" says, put as findings.
-/// @param properties  lines "NAME=VALUE"
-Findings judgeUnit(const std::string& properties);
+/// @param properties  lines "NAME=VALUE", an empty one between two units
+Findings judgeUnits(const std::string& properties);
 
 }  // namespace quillon::doctor

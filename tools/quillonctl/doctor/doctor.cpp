@@ -25,6 +25,7 @@ constexpr Check kChecks[] = {
     checkUpdateList,
     checkClientLock,
     checkSemaphore,
+    checkUnits,  // a helper whose unit is masked does not start by its own remedy
     checkHelpers,
     checkModules,
     checkStarts,
@@ -34,7 +35,6 @@ constexpr Check kChecks[] = {
     checkDirectories,
     checkFileSystems,
     checkClock,
-    checkUnit,
 };
 
 constexpr const char* kSeverities[] = {"note", "warning", "error"};

@@ -18,6 +18,7 @@ namespace quillon::doctor {
 namespace {
 
 constexpr const char* kSystemctl = "/usr/bin/systemctl";
+constexpr const char* kService = "quillon.service";
 constexpr std::chrono::seconds kLongestSystemctl(10);
 constexpr std::size_t kMostOutput = 4096;
 constexpr std::time_t kStartOf2024 = 1704067200;
@@ -38,6 +39,33 @@ constexpr Place kPlaces[] = {
     {paths::kPackages, 16 * kMebibyte},
     {paths::kSharedFirmware, 16 * kMebibyte},
 };
+
+using UnitValues = std::map<std::string, std::string>;
+
+/// @param values  of one unit's properties; a failed helper is found at its socket
+Findings judgeUnit(UnitValues& values)
+{
+    const std::string& name = values["Id"];
+    if (values["LoadState"] == "masked") {
+        return {warning("unit-masked", "systemd does not start " + name + ", since it is masked",
+                        "systemctl unmask " + name + "; systemctl start " + name)};
+    }
+    if (name != kService || values["ActiveState"] != "failed") {
+        return {};
+    }
+    // systemd mostly leaves the reason of the last end there when it gives up.
+    const long restarts = std::strtol(values["NRestarts"].c_str(), nullptr, 10);
+    const long most = std::strtol(values["StartLimitBurst"].c_str(), nullptr, 10);
+    if (values["Result"] == "start-limit-hit" || (most > 0 && restarts >= most)) {
+        return {error(
+            "start-limit",
+            "systemd no longer starts the service: it failed too often (" + values["Result"] + ")",
+            "see to the other findings, then run: systemctl reset-failed quillon; systemctl "
+            "start quillon")};
+    }
+    return {error("unit-failed", "the unit has failed (" + values["Result"] + ")",
+                  "journalctl -b -u quillon tells why, then: systemctl restart quillon")};
+}
 
 }  // namespace
 
@@ -117,34 +145,24 @@ Findings checkClock(const Surroundings& around)
                 "set the clock: timedatectl set-time \"YYYY-MM-DD hh:mm:ss\"")};
 }
 
-Findings judgeUnit(const std::string& properties)
+Findings judgeUnits(const std::string& properties)
 {
-    std::map<std::string, std::string> values;
-    std::istringstream lines(properties);
+    Findings findings;
+    UnitValues values;
+    std::istringstream lines(properties + "\n\n");
     for (std::string line; std::getline(lines, line);) {
         const std::size_t end = line.find('=');
         if (end != std::string::npos) {
             values[line.substr(0, end)] = line.substr(end + 1);
+            continue;
         }
+        append(findings, judgeUnit(values));
+        values.clear();
     }
-    if (values["ActiveState"] != "failed") {
-        return {};
-    }
-    // systemd mostly leaves the reason of the last end there when it gives up.
-    const long restarts = std::strtol(values["NRestarts"].c_str(), nullptr, 10);
-    const long most = std::strtol(values["StartLimitBurst"].c_str(), nullptr, 10);
-    if (values["Result"] == "start-limit-hit" || (most > 0 && restarts >= most)) {
-        return {error(
-            "start-limit",
-            "systemd no longer starts the service: it failed too often (" + values["Result"] + ")",
-            "see to the other findings, then run: systemctl reset-failed quillon; systemctl "
-            "start quillon")};
-    }
-    return {error("unit-failed", "the unit has failed (" + values["Result"] + ")",
-                  "journalctl -b -u quillon tells why, then: systemctl restart quillon")};
+    return findings;
 }
 
-Findings checkUnit(const Surroundings& /*around*/)
+Findings checkUnits(const Surroundings& /*around*/)
 {
     std::string first;
     std::ifstream("/proc/1/comm") >> first;
@@ -153,17 +171,21 @@ Findings checkUnit(const Surroundings& /*around*/)
     }
     ProgramCall call;
     call.path = kSystemctl;
-    call.words = {"systemctl", "show", "quillon.service",
-                  "--property=ActiveState,Result,NRestarts,StartLimitBurst"};
+    call.words = {"systemctl",
+                  "show",
+                  "--property=Id,LoadState,ActiveState,Result,NRestarts,StartLimitBurst",
+                  kService,
+                  "quillon-storage.socket",
+                  "quillon-privileged.socket"};
     call.outputLimit = kMostOutput;
     call.longest = kLongestSystemctl;
     SecretBytes output;
     const ProgramEnd end = runPiped(call, {}, output);
     if (!end.failure.empty()) {
-        return {note("not-checked", "not checked: the unit: " + end.failure,
+        return {note("not-checked", "not checked: the units: " + end.failure,
                      "systemctl status quillon")};
     }
-    return judgeUnit({output.begin(), output.end()});
+    return judgeUnits({output.begin(), output.end()});
 }
 
 }  // namespace quillon::doctor
