@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "support/sanitizers.h"
 #include "support/texts.h"
 #include "system/control-layer.h"
 
@@ -196,9 +197,7 @@ TEST_F(HeldOffSignals, EndTheProgramWhenAllUpdatesAreOverAndAModuleDoesNotTakeTh
 
 TEST_F(HeldOffSignals, OfACrashThatComeFromOutsideDoNotEndAnUpdate)
 {
-    if (QUILLON_SANITIZED != 0) {
-        GTEST_SKIP() << "a sanitizer takes these signals itself";
-    }
+    leaveCrashesToPrograms();
     installWaiting("alpha");
     BackgroundLayer layer(kUpdateAlpha);
     ASSERT_TRUE(isFlashing("alpha"));
@@ -217,9 +216,7 @@ TEST_F(HeldOffSignals, OfACrashThatComeFromOutsideDoNotEndAnUpdate)
 
 TEST_F(HeldOffSignals, OfACrashEndWhatUpdatesNothing)
 {
-    if (QUILLON_SANITIZED != 0) {
-        GTEST_SKIP() << "a sanitizer takes these signals itself";
-    }
+    leaveCrashesToPrograms();
     installGuided("alpha", "wait-in-checkVersion");
     for (const int signal : {SIGABRT, SIGSEGV}) {
         fs::remove("/tmp/quillon-test-alpha.log");

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 
+#include "support/sanitizers.h"
 #include "support/texts.h"
 #include "system/control-layer.h"
 #include "system/daemon.h"
@@ -161,9 +162,7 @@ TEST_F(ModuleEndsProgram, ByACrashLeavesNothingLocked)
 
 TEST_F(ModuleEndsProgram, ByACrashWithSignalsBlockedLeavesNothingLocked)
 {
-    if (QUILLON_SANITIZED != 0) {
-        GTEST_SKIP() << "a sanitizer takes this crash itself";
-    }
+    leaveCrashesToPrograms();
     installGuided("alpha", "block-in-doUpdate fault-in-doUpdate");
     BackgroundLayer layer({"modules", "update", "alpha", "--source", "system"});
 
@@ -174,9 +173,7 @@ TEST_F(ModuleEndsProgram, ByACrashWithSignalsBlockedLeavesNothingLocked)
 
 TEST_F(ModuleEndsProgram, ByAnOverflownStackLeavesNothingLocked)
 {
-    if (QUILLON_SANITIZED != 0) {
-        GTEST_SKIP() << "a sanitizer takes this crash itself";
-    }
+    leaveCrashesToPrograms();
     installGuided("alpha", "overflow-in-doUpdate");
     BackgroundLayer layer({"modules", "update", "alpha", "--source", "system"});
 

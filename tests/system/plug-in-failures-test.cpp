@@ -1,5 +1,6 @@
 #include <filesystem>
 
+#include "support/sanitizers.h"
 #include "support/texts.h"
 #include "system/system-test.h"
 #include "unit/verifier/test-keys.h"
@@ -69,9 +70,7 @@ TEST_F(PlugInFailures, AnExceptionInAnEstimateEndsTheControlTaskAndTheProcessEnd
 
 TEST_F(PlugInFailures, AChildThatCallsExitDoesNotTakeTheQueuesAway)
 {
-    if (QUILLON_SANITIZED) {
-        GTEST_SKIP() << "a sanitizer takes the other threads' memory in the child for leaks";
-    }
+    lookForNoLeaks();
     install("doUpdate_decryption.effect=child-exits\n");
     startDaemon();
 
