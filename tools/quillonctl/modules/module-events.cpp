@@ -1,6 +1,5 @@
 #include "tools/quillonctl/modules/module-events.h"
 
-#include <string_view>
 #include <utility>
 
 #include "tools/quillonctl/modules/foreign-end.h"
@@ -95,14 +94,17 @@ bool ModuleEvents::mayLoad(const char* file)
     if (loading_.empty()) {
         return true;
     }
-    files_.emplace(file, loading_);
+    files_ = new LoadedFile{file, loading_, files_};
     return leftOut_.count(loading_) == 0;
 }
 
 const char* ModuleEvents::moduleOf(const char* file) const
 {
-    const auto found = files_.find(std::string_view(file));
-    return found != files_.end() ? found->second.c_str() : nullptr;
+    const LoadedFile* loaded = files_;
+    while (loaded != nullptr && loaded->path != file) {
+        loaded = loaded->next;
+    }
+    return loaded != nullptr ? loaded->module.c_str() : nullptr;
 }
 
 ModuleHistory ModuleEvents::of(const std::string& libName) const

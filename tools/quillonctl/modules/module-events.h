@@ -1,6 +1,7 @@
 /// What the registry tells of its modules, kept for the program's reports.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -67,7 +68,7 @@ public:
     /// A library is about to be loaded from that file.
     /// @return false when it is that of a module to be left out
     bool mayLoad(const char* file);
-    /// Safe in a signal handler.
+    /// Safe in a signal handler, also while another thread loads a module.
     /// @param file  as the dynamic linker was given it
     /// @return null when no module has been loaded from there
     const char* moduleOf(const char* file) const;
@@ -78,6 +79,13 @@ public:
     void awaitEnd(const std::string& libName, std::chrono::steady_clock::time_point end) const;
 
 private:
+    struct LoadedFile
+    {
+        const std::string path;
+        const std::string module;
+        const LoadedFile* next;
+    };
+
     ModuleHistory find(const std::string& libName) const;
 
     mutable std::mutex mutex_;
@@ -85,8 +93,8 @@ private:
     std::map<std::string, ModuleHistory> modules_;
     OnStep onStep_;
     std::set<std::string> leftOut_;
-    std::map<std::string, std::string, std::less<>> files_;
-    std::string loading_;        // the module that is being loaded; empty: none
+    std::atomic<const LoadedFile*> files_{nullptr};  // the latest first; none is ever removed
+    std::string loading_;                            // the module that is being loaded; empty: none
     std::string loadingRaised_;  // until the registry has told which module it was
 };
 
