@@ -234,7 +234,11 @@ std::vector<Fault> faults()
         {"semaphore-open", "error", [](D&) { putSemaphore(1, 0666); }, "open to others"},
         {"helper-missing", "warning", [](D&) { fs::remove("/run/quillon/privileged.sock"); },
          "no package can be mounted"},
-        {"helper-missing", "error", [](D&) { must(D::giveServiceToItsUser()); },
+        {"helper-missing", "error",
+         [](D& device) {
+             must(D::giveServiceToItsUser());
+             device.endService();
+         },
          "storage.sock is missing"},
         {"helper-owner", "warning", [](D&) { chmod("/run/quillon/privileged.sock", 0666); },
          "open to everybody"},

@@ -309,6 +309,16 @@ TEST_F(CtlDoctor, AsksTheStorageForAnItemThatNobodyHas)
     EXPECT_THAT(items, testing::ElementsAre("doctor"));
 }
 
+TEST_F(CtlDoctor, MissesNoStorageHelperOfAServiceThatRootHasStartedByHand)
+{
+    DoctorsDevice device;
+    if (!DoctorsDevice::giveServiceToItsUser()) {
+        GTEST_SKIP() << "there is only one user here";
+    }
+
+    EXPECT_EQ(findingIn(findingsOf(runCtl({"--json", "doctor"})), "helper-missing"), Json::Value());
+}
+
 TEST_F(CtlDoctor, FindsAStorageThatEndsTheConnection)
 {
     DoctorsDevice device;

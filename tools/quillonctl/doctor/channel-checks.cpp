@@ -347,8 +347,10 @@ Findings checkHelpers(const Surroundings& around)
 {
     Findings findings;
 #ifdef QUILLON_STORAGE_SOCKET
-    // A service of root's reads the storage itself.
-    if (around.servicesUser != 0 || statusOf(QUILLON_STORAGE_SOCKET)) {
+    // A service of root's, as one that was started by hand, reads the storage itself.
+    const auto process = statusOf("/proc/" + std::to_string(around.service.value_or(-1)));
+    const uid_t user = process ? process->st_uid : around.servicesUser;
+    if (user != 0 || statusOf(QUILLON_STORAGE_SOCKET)) {
         findings = checkHelper(Severity::kError, QUILLON_STORAGE_SOCKET, "quillon-storage.socket",
                                "the service gets no image key", storage::encodeRead("doctor"));
     }
