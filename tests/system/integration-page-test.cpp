@@ -106,6 +106,9 @@ TEST_F(IntegrationPage, ItsInitScriptStartsTheServiceAndEndsItInOrder)
                     "done; exit 1"),
               0);
     EXPECT_EQ(shell("build-device/bin/quillonctl progress"), 0) << output;
+    EXPECT_EQ(shell("build-device/bin/quillonctl progress --follow"), 0) << output;
+    EXPECT_EQ(shell("build-device/bin/quillonctl history"), 0);
+    EXPECT_EQ(output, "No update is recorded\n");
     EXPECT_EQ(shell("sh quillon stop"), 0) << output;
 
     expectText(readAll(directory + "quillon.log"), like("*firmware_control_task thread stop*"));
