@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -101,6 +102,9 @@ TEST_F(IntegrationPage, ItsInitScriptStartsTheServiceAndEndsItInOrder)
     fs::create_directories(DEVICE_KEYS);
     fs::copy_file(directory + "keys/image-key.bin", kKeyFile);
 
+    // As in a container whose first process does not look after those that have ended.
+    ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+
     ASSERT_EQ(shell("sh quillon start"), 0) << output;
     ASSERT_EQ(shell("for i in $(seq 100); do [ -e /tmp/.fw_service_ready_usb ] && exit; sleep 0.1; "
                     "done; exit 1"),
@@ -109,7 +113,7 @@ TEST_F(IntegrationPage, ItsInitScriptStartsTheServiceAndEndsItInOrder)
     EXPECT_EQ(shell("build-device/bin/quillonctl progress --follow"), 0) << output;
     EXPECT_EQ(shell("build-device/bin/quillonctl history"), 0);
     EXPECT_EQ(output, "No update is recorded\n");
-    EXPECT_EQ(shell("sh quillon stop"), 0) << output;
+    EXPECT_EQ(shell("timeout 60 sh quillon stop"), 0) << output;
 
     expectText(readAll(directory + "quillon.log"), like("*firmware_control_task thread stop*"));
     EXPECT_NE(shell("build-device/bin/quillonctl progress"), 0) << "the service has ended";
