@@ -18,6 +18,8 @@
 #include "helpers/lifecycle/client-lock-file.h"
 #include "helpers/lifecycle/orderly-end.h"
 #include "helpers/lifecycle/own-queues.h"
+#include "helpers/lifecycle/quarantine.h"
+#include "helpers/lifecycle/service-manager.h"
 #include "helpers/lifecycle/taken-name.h"
 #include "helpers/lifecycle/trusted-places.h"
 #include "helpers/lifecycle/unit-failure.h"
@@ -35,7 +37,7 @@ constexpr int kWrongUsage = 2;
 
 constexpr const char* kHelp =
     "usage: quillon-unit prepare [--queue-group GROUP] USER | end PROCESS | tidy |\n"
-    "                    require-verifier | require-trust\n"
+    "                    quarantine | require-verifier | require-trust\n"
     "\n"
     "quillon.service runs this program before and after the daemon. All commands except\n"
     "require-verifier need root.\n"
@@ -48,6 +50,8 @@ constexpr const char* kHelp =
     "  tidy              remove the life marker and the readiness event; fail if the daemon\n"
     "                    has ended with status 0, or by a signal that counts as success,\n"
     "                    but has left its life marker\n"
+    "  quarantine        if the daemon has failed while it loaded the same module at three\n"
+    "                    starts in a row, move that module away\n"
     "  require-verifier  fail if the signature verifier cannot be loaded\n"
     "  require-trust     fail if a user other than root can change what the device trusts:\n"
     "                    keys, certificates, policy, floors, verifier and modules\n"
@@ -117,6 +121,9 @@ int prepare(const std::string& queueGroup, const std::string& name)
                                      : openQueues(user->pw_uid, user->pw_gid));
     prepareForOthers(*user);
     putFile(paths::kLifeMarker, user->pw_uid, user->pw_gid);
+    if (const std::string trouble = troubleWithModules(); !trouble.empty()) {
+        tellServiceManager("STATUS=" + trouble);
+    }
     return 0;
 }
 
@@ -181,6 +188,13 @@ int tidy()
     return kFailed;
 }
 
+int quarantine()
+{
+    const char* result = std::getenv("SERVICE_RESULT");
+    judgeStart(result != nullptr && !isInEnvironment("SERVICE_RESULT", "success"));
+    return 0;
+}
+
 int requireVerifier()
 {
     const std::unique_ptr<void, LibraryCloser> library(
@@ -231,6 +245,9 @@ int run(const std::vector<std::string>& arguments)
     }
     if (verb == "tidy" && count == 1) {
         return tidy();
+    }
+    if (verb == "quarantine" && count == 1) {
+        return quarantine();
     }
     if (verb == "require-verifier" && count == 1) {
         return requireVerifier();

@@ -3,16 +3,13 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -23,13 +20,13 @@
 #include <set>
 #include <sstream>
 #include <string>
-#include <string_view>
 #include <system_error>
 
 #include "base/fd.h"
 #include "base/regular-file.h"
 #include "base/task-start.h"
 #include "helpers/lifecycle/own-queues.h"
+#include "helpers/lifecycle/service-manager.h"
 #include "helpers/lifecycle/taken-name.h"
 #include "helpers/lifecycle/unit-failure.h"
 #include "src/support/paths.h"
@@ -53,28 +50,9 @@ void takeMarkerAway(const std::string& marker)
     }
 }
 
-/// Sends WATCHDOG=1 to the service manager that NOTIFY_SOCKET names, as sd_notify(3) describes it.
-/// Ignores failures. Does without libsystemd, since this program is also built for devices that
-/// have none.
 void notifyWatchdog()
 {
-    constexpr std::string_view kState = "WATCHDOG=1";
-    const char* variable = std::getenv("NOTIFY_SOCKET");
-    const std::string_view name = variable != nullptr ? variable : "";
-    sockaddr_un address = {};
-    if (name.empty() || (name[0] != '/' && name[0] != '@') ||
-        name.size() >= sizeof address.sun_path) {
-        return;
-    }
-    address.sun_family = AF_UNIX;
-    name.copy(address.sun_path, name.size());
-    if (name[0] == '@') {
-        address.sun_path[0] = '\0';
-    }
-    const UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
-    static_cast<void>(sendto(fd.get(), kState.data(), kState.size(), MSG_NOSIGNAL,
-                             reinterpret_cast<const sockaddr*>(&address), size));
+    tellServiceManager("WATCHDOG=1");
 }
 
 using Threads = std::set<std::string>;

@@ -18,6 +18,7 @@ inline constexpr const char* kProvisioningPackage = "/usr/share/sdp/quillon-key/
 inline constexpr const char* kVerifierLibrary = "/usr/lib/libkUEPUser.so";
 
 inline constexpr const char* kModules = "/usr/fwupdate/controls/";
+inline constexpr const char* kQuarantine = "/usr/fwupdate/quarantine/";
 inline constexpr const char* kUsbStick = "/opt/media/USBDriveA/";
 inline constexpr const char* kNumberedUsbStick = "/opt/media/USBDriveA";
 inline constexpr const char* kPackages = "/opt/usr/apps/appbinarymanager/";
