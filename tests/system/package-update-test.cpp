@@ -233,9 +233,12 @@ TEST_F(PackageUpdate, SaysWhatKeepsAPackageFromBeingUsed)
     fs::create_directories(mountPointOf("betaemp"));
     addSquashfs("betaemp");
 
-    const Json::Value document = modulesDocument({"check"}, 7);
+    const Json::Value document = modulesDocument({"check"}, 9);
 
     EXPECT_EQ(moduleIn(document, "alpha")["reason"], "its package cannot be mounted");
+    expectText(moduleIn(document, "alpha")["remedy"].asString(),
+               like("the package alphaemp of alpha cannot be mounted; \"quillonctl doctor\" *"));
+    EXPECT_TRUE(moduleIn(document, "beta")["remedy"].isNull());
     EXPECT_EQ(moduleIn(document, "beta")["reason"], "its package has no image");
     expectTexts(mountedPackages(), {});
 }
@@ -250,7 +253,7 @@ TEST_F(PackageUpdate, IsNotTakenForNotNeededWhileThePackageIsInUse)
         ::open((mountPointOf("tuneremp") + "/info.json").c_str(), O_RDONLY | O_CLOEXEC);
     ASSERT_NE(inUse, -1);
 
-    const Json::Value checked = moduleIn(modulesDocument({"check"}, 7), "tuner");
+    const Json::Value checked = moduleIn(modulesDocument({"check"}, 9), "tuner");
     EXPECT_EQ(checked["decision"], "unsound");
     EXPECT_EQ(checked["reason"], "its package cannot be mounted");
     const ModulesResult update = runModules({"update", "tuner"});
@@ -311,6 +314,60 @@ TEST_F(PackageUpdate, WithoutThePrivilegedHelperFailsCleanly)
     EXPECT_EQ(moduleIn(document, "tuner")["reason"], "its package cannot be mounted");
     EXPECT_EQ(Modules::version("tuner"), "1.0");
     EXPECT_TRUE(hasPackage("tuner"));
+}
+
+TEST_F(PackageUpdate, ThatCannotBeMountedIsAnErrorWithThePackageAndTheNextCommand)
+{
+    ASSERT_EQ(helper.end(), 0);
+    Modules::installModule("tuner");
+    addPackage("tuner", 1);
+
+    const ModulesResult check = runModules({"check"});
+
+    EXPECT_EQ(check.exitCode, 9);
+    expectNoText(check.out, like("*No module needs*"));
+    const auto remedy = like(
+        "*quillonctl: the package tuneremp of tuner cannot be mounted; "
+        "\"quillonctl doctor\" *\"journalctl -b -t QUILLON-PRIVILEGED\" *\n");
+    expectText(check.err, remedy);
+    expectText(runModules({"update", "tuner"}).err, remedy);
+    expectText(runModules({"update", "--all"}).err, remedy);
+}
+
+TEST_F(PackageUpdate, OfAnotherModuleIsStillFoundBesideAPackageThatCannotBeMounted)
+{
+    Modules::installModule("tuner");
+    addPackage("tuner", 1);
+    Modules::installTestModule("alpha", "need=1\n");
+    writeFile(imageOf("alphaemp"), std::string(8192, 'x'));
+
+    const ModulesResult check = runModules({"check"});
+
+    EXPECT_EQ(check.exitCode, 0);
+    expectText(check.out, like("*\n1 module needs an update, about 1 s\n"));
+    expectText(check.err, like("quillonctl: the package alphaemp of alpha cannot be mounted; *"));
+}
+
+TEST_F(PackageUpdate, BesideAnotherOneNamesTheControlLayerThatIsUpdating)
+{
+    Modules::installTestModule("alpha", "need=1\ndoUpdate.effect=hang\n");
+    addPackage("alpha", 600);
+    const Process first({QUILLONCTL_PROGRAM, "modules", "update", "alpha"});
+    ASSERT_TRUE(first.says("Updating alpha\n")) << first.err();
+    const int inUse =
+        ::open((mountPointOf("alphaemp") + "/info.json").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_NE(inUse, -1);
+
+    const ModulesResult check = runModules({"check"});
+    const ModulesResult second = runModules({"update", "alpha"});
+
+    EXPECT_EQ(check.exitCode, 8);
+    expectText(check.out, like("*another control layer is updating: process * (*)*"));
+    expectText(check.err, like("quillonctl: the package alphaemp of alpha is in use; \"quillonctl "
+                               "progress --follow\" shows the other update, *\n"));
+    EXPECT_EQ(second.exitCode, 8);
+    expectText(second.out, like("*failed: another control layer is updating: *"));
+    ::close(inUse);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <optional>
 #include <set>
 #include <sstream>
+#include <utility>
 
 #include "base/regular-file.h"
 #include "src/src/fw-update-mount-manager.h"
@@ -85,7 +86,7 @@ bool isPackageMounted(const std::string& identifier)
     return !table.is_open() || table.bad();
 }
 
-constexpr std::size_t kColumns = 8;
+constexpr std::size_t kColumns = 10;
 
 ModuleChild::Row rowOf(const ModuleCheck& check)
 {
@@ -96,7 +97,9 @@ ModuleChild::Row rowOf(const ModuleCheck& check)
             std::to_string(check.seconds),
             check.reason,
             check.problem.code,
-            check.problem.text};
+            check.problem.text,
+            std::to_string(check.code),
+            check.remedy};
 }
 
 ModuleCheck checkOf(const ModuleChild::Row& row)
@@ -104,11 +107,36 @@ ModuleCheck checkOf(const ModuleChild::Row& row)
     constexpr int kLast = static_cast<int>(Decision::kUnusable);
     const int decision = std::clamp(std::atoi(row[1].c_str()), 0, kLast);
     const auto seconds = static_cast<std::uint32_t>(std::strtoul(row[4].c_str(), nullptr, 10));
-    return {row[0],          static_cast<Decision>(decision), row[2], row[3], seconds, row[5],
-            {row[6], row[7]}};
+    const auto code = static_cast<ExitCode>(std::atoi(row[8].c_str()));
+    return {row[0],
+            static_cast<Decision>(decision),
+            row[2],
+            row[3],
+            seconds,
+            row[5],
+            {row[6], row[7]},
+            code,
+            row[9]};
 }
 
 }  // namespace
+
+MountTrouble mountTroubleOf(const FWUpdateSymbol& module)
+{
+    const std::string package = "the package " + module.getEMPName() + " of " + module.getLibName();
+    const std::string updater =
+        isPackageMounted(module.getEMPName()) ? UpdateSlot::updater() : std::string();
+    if (!updater.empty()) {
+        return {kExitAlreadyUpdating, "another control layer is updating: " + updater,
+                package +
+                    " is in use; \"quillonctl progress --follow\" shows the other update, "
+                    "repeat the command after it"};
+    }
+    return {kExitSystem, phraseOf({-1, ModuleReason::kNotMounted, {}}),
+            package +
+                " cannot be mounted; \"quillonctl doctor\" looks at the mounting helper, and "
+                "\"journalctl -b -t QUILLON-PRIVILEGED\" tells why it has refused"};
+}
 
 ModuleCheck describeCheck(FWUpdateSymbol& module, const ModuleSource& source)
 {
@@ -143,7 +171,12 @@ ModuleCheck describeCheck(FWUpdateSymbol& module, const ModuleSource& source)
                          !module.file_exists(module.getInformationPath(source.type));
     check.decision = Decision::kUnsound;
     check.reason = phraseOf(finding);
-    if (finding.reason == ModuleReason::kNoPackage) {
+    if (finding.reason == ModuleReason::kNotMounted) {
+        MountTrouble trouble = mountTroubleOf(module);
+        check.code = trouble.code;
+        check.reason = std::move(trouble.reason);
+        check.remedy = std::move(trouble.remedy);
+    } else if (finding.reason == ModuleReason::kNoPackage) {
         check.decision = Decision::kNothingOffered;
     } else if (isEmpty && source.type == UPDATE_EMP) {
         check.reason = "its package has no image";
@@ -216,6 +249,16 @@ bool isNoneUsable(const std::vector<ModuleCheck>& checks)
            std::all_of(checks.begin(), checks.end(), [](const ModuleCheck& check) {
                return check.decision == Decision::kUnusable;
            });
+}
+
+ExitCode mountTroubleIn(const std::vector<ModuleCheck>& checks)
+{
+    for (const ModuleCheck& check : checks) {
+        if (check.code != kExitSuccess) {
+            return check.code;
+        }
+    }
+    return kExitSuccess;
 }
 
 bool releasePackage(FWUpdateSymbol& module)

@@ -25,12 +25,23 @@ struct ModuleCheck
 {
     std::string name;
     Decision decision = Decision::kUnusable;
-    std::string running;        ///< empty when not known
-    std::string offered;        ///< empty when there is none
-    std::uint32_t seconds = 0;  ///< expected duration, of one that needs an update
-    std::string reason;         ///< of all but kNeeded and kUpToDate, a phrase
-    ModuleProblem problem;      ///< its text is what is wrong beside the reason
+    std::string running;           ///< empty when not known
+    std::string offered;           ///< empty when there is none
+    std::uint32_t seconds = 0;     ///< expected duration, of one that needs an update
+    std::string reason;            ///< of all but kNeeded and kUpToDate, a phrase
+    ModuleProblem problem;         ///< its text is what is wrong beside the reason
+    ExitCode code = kExitSuccess;  ///< what a package that cannot be mounted ends a check with
+    std::string remedy;            ///< what to do about that package, a line; empty for nothing
 };
+
+/// Why a module's package cannot be mounted.
+struct MountTrouble
+{
+    ExitCode code = kExitSystem;  ///< kExitAlreadyUpdating: another control layer uses it
+    std::string reason;           ///< a phrase
+    std::string remedy;           ///< a line with the package, the module and the next command
+};
+MountTrouble mountTroubleOf(const FWUpdateSymbol& module);
 
 /// Asks every module, and leaves the marks that a run goes by. For packages the update list is
 /// published; the packages stay mounted.
@@ -49,6 +60,9 @@ ModuleCheck describeCheck(FWUpdateSymbol& module, const ModuleSource& source);
 
 /// Whether there are modules and each is unusable.
 bool isNoneUsable(const std::vector<ModuleCheck>& checks);
+
+/// @return the code of a package that cannot be mounted; kExitSuccess where each can
+ExitCode mountTroubleIn(const std::vector<ModuleCheck>& checks);
 
 /// Unmounts the module's package if it is mounted.
 /// @return false when it stays mounted

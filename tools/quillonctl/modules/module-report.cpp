@@ -75,7 +75,8 @@ JsonMembers membersOf(const ModuleCheck& check)
             {"offered", known(check.offered)},
             {"seconds", isNeeded ? check.seconds : Json::Value()},
             {"reason", known(joined(check.reason, check.problem.text))},
-            {"problem", known(check.problem.code)}};
+            {"problem", known(check.problem.code)},
+            {"remedy", known(check.remedy)}};
 }
 
 JsonMembers membersOf(const ModuleUpdate& update)
@@ -83,7 +84,8 @@ JsonMembers membersOf(const ModuleUpdate& update)
     return {{"name", update.name},
             {"outcome", kOutcomes.at(update.outcome)},
             {"running", known(update.running)},
-            {"reason", known(update.reason)}};
+            {"reason", known(update.reason)},
+            {"remedy", known(update.remedy)}};
 }
 
 JsonMembers membersOf(const ModuleDownload& download)
@@ -192,7 +194,8 @@ std::string describeNeed(const std::vector<ModuleCheck>& checks)
         }
     }
     if (count == 0) {
-        return "No module needs an update";
+        return mountTroubleIn(checks) != kExitSuccess ? "No other module needs an update"
+                                                      : "No module needs an update";
     }
     return (count == 1 ? "1 module needs" : std::to_string(count) + " modules need") +
            " an update, about " + std::to_string(seconds) + " s";
@@ -229,6 +232,9 @@ void ModuleReport::checked(const ModuleSource& source, const std::vector<ModuleC
         complainToPeople("no module could be checked, each is unusable");
     } else if (!checks.empty()) {
         line(describeNeed(checks));
+    }
+    for (const ModuleCheck& check : checks) {
+        complainOf(check.remedy);
     }
 }
 
@@ -323,6 +329,9 @@ void ModuleReport::updated(const ModuleSource& source, const std::vector<ModuleU
     if (!troubled.empty()) {
         complainToPeople("not updated as wanted:" + troubled);
     }
+    for (const ModuleUpdate& update : updates) {
+        complainOf(update.remedy);
+    }
     if (code == kExitInterrupted) {
         complainToPeople("interrupted; not every update was begun");
     }
@@ -376,6 +385,14 @@ void ModuleReport::complainToPeople(const std::string& text)
 {
     if (!output_.isForPrograms()) {
         output_.complain(fit(text));
+    }
+}
+
+/// @param remedy  empty for nothing
+void ModuleReport::complainOf(const std::string& remedy)
+{
+    if (!remedy.empty()) {
+        complainToPeople(remedy);
     }
 }
 

@@ -29,9 +29,11 @@ struct ModuleUpdate
 {
     std::string name;
     Outcome outcome = Outcome::kUnusable;
-    std::string running;  ///< afterwards; empty when not known
-    std::string reason;   ///< a phrase; empty where the outcome says it all. Of an update that has
-                          ///< succeeded: what is strange about that
+    std::string running;   ///< afterwards; empty when not known
+    std::string reason;    ///< a phrase; empty where the outcome says it all. Of an update that has
+                           ///< succeeded: what is strange about that
+    std::string remedy{};  ///< what to do about it, a line; empty for nothing
+    bool isForOthers = false;  ///< it failed because another control layer is updating
 };
 
 struct ModuleDownload
@@ -87,6 +89,7 @@ private:
     void line(const std::string& text);
     void table(std::vector<TableRow> rows);
     void complainToPeople(const std::string& text);
+    void complainOf(const std::string& remedy);
 
     Output& output_;
     const bool isPaced_;

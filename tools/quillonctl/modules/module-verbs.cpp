@@ -43,7 +43,11 @@ ExitCode exitCodeOf(const std::vector<ModuleUpdate>& updates)
         return UpdateSlot::instance().trouble().empty() ? kExitInterrupted : kExitSystem;
     }
     if (isAny(updates, Outcome::kFailed)) {
-        return kExitUpdateFailed;
+        const bool isForOthers =
+            std::all_of(updates.begin(), updates.end(), [](const ModuleUpdate& update) {
+                return update.outcome != Outcome::kFailed || update.isForOthers;
+            });
+        return isForOthers ? kExitAlreadyUpdating : kExitUpdateFailed;
     }
     return isAny(updates, Outcome::kTimedOut) ? kExitTimedOut : kExitSuccess;
 }
@@ -59,7 +63,8 @@ ModuleUpdate withoutUpdate(const ModuleCheck& check)
         {Decision::kByNameOnly, Outcome::kByNameOnly},
         {Decision::kUnusable, Outcome::kUnusable},
     };
-    return {check.name, kOutcomes.at(check.decision), check.running, check.reason};
+    return {check.name,   kOutcomes.at(check.decision),      check.running, check.reason,
+            check.remedy, check.code == kExitAlreadyUpdating};
 }
 
 ModuleUpdate notBegun(const FWUpdateSymbol& module)
@@ -158,6 +163,11 @@ ModuleUpdate outcomeOf(const FWUpdateSymbol& module, const std::string& before)
         return {name, Outcome::kTimedOut, running,
                 isInstalled ? "it was updated only after its time"
                             : "the update ended only after its time"};
+    }
+    if (end.reason == ModuleReason::kNotMounted) {
+        const MountTrouble trouble = mountTroubleOf(module);
+        return {name,           Outcome::kFailed, running,
+                trouble.reason, trouble.remedy,   trouble.code == kExitAlreadyUpdating};
     }
     if (!isInstalled) {
         return {name, Outcome::kFailed, running, phraseOf(end)};
@@ -291,7 +301,11 @@ ExitCode ModuleVerbs::check(const ModuleSource& source)
     const bool isAnyNeeded =
         std::any_of(checks.begin(), checks.end(),
                     [](const ModuleCheck& check) { return check.decision == Decision::kNeeded; });
-    return isAnyNeeded ? kExitSuccess : kExitNothingToUpdate;
+    if (isAnyNeeded) {
+        return kExitSuccess;
+    }
+    const ExitCode trouble = mountTroubleIn(checks);
+    return trouble != kExitSuccess ? trouble : kExitNothingToUpdate;
 }
 
 /// Refuses to start threads while the dynamic linker's lock is held for ever.

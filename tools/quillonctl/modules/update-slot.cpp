@@ -214,6 +214,17 @@ void UpdateSlot::post()
     endUpdating();
 }
 
+std::string UpdateSlot::updater()
+{
+    std::string trouble;
+    const std::unique_ptr<SlotLocks> locks = SlotLocks::open(trouble);
+    const UniqueSemaphore semaphore(locks ? sem_open(semName, 0) : SEM_FAILED);
+    int value = 1;
+    const bool isTaken =
+        semaphore.get() != SEM_FAILED && sem_getvalue(semaphore.get(), &value) == 0 && value <= 0;
+    return isTaken ? describe(findSlotHolders(*locks).alive) : "";
+}
+
 bool UpdateSlot::release()
 {
     std::string trouble;

@@ -52,6 +52,10 @@ public:
     /// @return whether it did
     bool giveBack();
 
+    /// Who updates at this moment, for people: "process 12 (quillonctl modules update tuner)".
+    /// @return empty when nobody alive does, or this user cannot tell
+    static std::string updater();
+
     /// Releases a semaphore whose holder is no more.
     /// @return false when nobody has it. Throws Failure when it stays locked.
     static bool release();
