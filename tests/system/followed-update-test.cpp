@@ -48,7 +48,7 @@ TEST_F(FollowedUpdate, IsShownToEverybodyAndAgainAfterAnInterruption)
     ASSERT_TRUE(second.says("{\"event\":\"updating\",\"module\":\"alpha\"}\n"));
     first.send(SIGINT);
     EXPECT_EQ(first.wait(), 130);
-    expectText(first.output(), like("*interrupted; the update goes on in the update service\n"));
+    expectText(first.output(), like("*interrupted; the update goes on\n"));
     BackgroundLayer again(kFollow);
     ASSERT_TRUE(again.says("Updating alpha\n"));
 
@@ -115,6 +115,162 @@ TEST_F(FollowedUpdate, IsNotTakenFromARecordWhoseProcessIsAnotherOneNow)
                   std::to_string(getpid()) + "}\n");
 
     EXPECT_EQ(runCtl(kFollow).out, "No update is running\n");
+}
+
+/// The module alpha, whose update by a control layer goes on until goOn() is called.
+class FollowedLayer : public ControlLayer
+{
+protected:
+    FollowedLayer()
+    {
+        std::filesystem::create_directories("/run/quillon/run");
+        installWaiting("alpha");
+    }
+
+    static std::vector<std::string> updateOf(const std::string& module)
+    {
+        return {"modules", "update", module, "--source", "system"};
+    }
+
+    static std::string recordOf(const BackgroundLayer& layer)
+    {
+        return "/run/quillon/run/modules/" + std::to_string(layer.process()) + "/update.jsonl";
+    }
+};
+
+TEST_F(FollowedLayer, IsShownToEverybodyAndAgainAfterAnInterruption)
+{
+    BackgroundLayer update(updateOf("alpha"));
+    ASSERT_TRUE(isFlashing("alpha"));
+    BackgroundLayer first(kFollow);
+    BackgroundLayer second({"--json", "progress", "--follow"});
+    const std::string process = std::to_string(update.process());
+    ASSERT_TRUE(first.says("The control layer of process " + process +
+                           " is updating modules, source system\nUpdating alpha\n"));
+    ASSERT_TRUE(second.says("{\"event\":\"following\",\"process\":" + process +
+                            ",\"source\":\"system\"}\n{\"event\":\"updating\",\"module\":"
+                            "\"alpha\"}\n"));
+    first.send(SIGINT);
+    EXPECT_EQ(first.wait(), 130);
+    BackgroundLayer again(kFollow);
+    ASSERT_TRUE(again.says("Updating alpha\n"));
+
+    goOn();
+
+    EXPECT_EQ(update.wait(), 0);
+    EXPECT_EQ(second.wait(), 0);
+    EXPECT_EQ(again.wait(), 0);
+    expectText(again.output(), like("*\nNAME   OFFERED  OUTCOME\nalpha  -        updated in * s\n"
+                                    "The update finished after * s\n"));
+    EXPECT_EQ(runCtl(kFollow).out, "No update is running\n");
+}
+
+TEST_F(FollowedLayer, OfEveryModuleTellsOfAllOfThem)
+{
+    install("beta", "need=1\n");
+    offer("beta", 60);
+    BackgroundLayer update({"modules", "update", "--all", "--source", "system"});
+    ASSERT_TRUE(isFlashing("alpha"));
+    BackgroundLayer viewer(kFollow);
+    ASSERT_TRUE(viewer.says("Updating alpha\n"));
+
+    goOn();
+
+    EXPECT_EQ(update.wait(), 0) << update.output();
+    EXPECT_EQ(viewer.wait(), 0);
+    for (const char* module : {"alpha", "beta"}) {
+        expectText(viewer.output(), like("*\n" + std::string(module) + "*updated in *"));
+    }
+}
+
+TEST_F(FollowedLayer, ThatIsKilledNamesTheModule)
+{
+    BackgroundLayer update(updateOf("alpha"));
+    ASSERT_TRUE(isFlashing("alpha"));
+    BackgroundLayer viewer(kFollow);
+    ASSERT_TRUE(viewer.says("Updating alpha\n"));
+
+    update.send(SIGKILL);
+
+    EXPECT_EQ(update.wait(), -SIGKILL);
+    EXPECT_EQ(viewer.wait(), 9);
+    expectText(viewer.output(),
+               like("*quillonctl: the control layer ended during the update; it was "
+                    "at the module alpha; the log says more\n"));
+    EXPECT_EQ(runCtl(kFollow).out, "No update is running\n");
+}
+
+TEST_F(FollowedLayer, ThatFailsNamesTheModuleAndTheReason)
+{
+    install("beta", "need=1\ndoUpdate.result=9\n");
+    offer("beta", 60);
+    BackgroundLayer update({"modules", "update", "--all", "--source", "system"});
+    ASSERT_TRUE(isFlashing("alpha"));
+    BackgroundLayer viewer(kFollow);
+    ASSERT_TRUE(viewer.says("Updating alpha\n"));
+
+    goOn();
+
+    EXPECT_EQ(update.wait(), 6) << update.output();
+    EXPECT_EQ(viewer.wait(), 6);
+    expectText(viewer.output(), like("*quillonctl: the update failed at the module beta: the "
+                                     "module's own code is 9; the log says more\n"));
+}
+
+TEST_F(FollowedLayer, ThatKeepsNoRecordIsNamed)
+{
+    writeFile("/run/quillon/run/modules", "in the way");
+    BackgroundLayer update(updateOf("alpha"));
+    ASSERT_TRUE(isFlashing("alpha"));
+
+    const CtlResult result = runCtl(kFollow);
+
+    EXPECT_EQ(result.exitCode, 9);
+    expectText(result.err,
+               like("quillonctl: another control layer is updating, and keeps no record "
+                    "to follow: process " +
+                    std::to_string(update.process()) + " (quillonctl modules update *\n"));
+    goOn();
+    EXPECT_EQ(update.wait(), 0);
+}
+
+TEST_F(FollowedLayer, LeavesItsRecordForAWhile)
+{
+    goOn();
+    BackgroundLayer earlier(updateOf("alpha"));
+    const std::string record = recordOf(earlier);
+    ASSERT_EQ(earlier.wait(), 0);
+    ASSERT_EQ(runModules({"update", "alpha", "--source", "system"}).exitCode, 0);
+    EXPECT_TRUE(std::filesystem::exists(record)) << "somebody may still be reading";
+    std::filesystem::last_write_time(
+        record, std::filesystem::file_time_type::clock::now() - std::chrono::minutes(2));
+
+    ASSERT_EQ(runModules({"update", "alpha", "--source", "system"}).exitCode, 0);
+
+    EXPECT_FALSE(std::filesystem::exists(record));
+}
+
+TEST_F(FollowedLayer, OfRootWritesWithTheRightsOfTheRecordsOwner)
+{
+    constexpr uid_t kOwner = 1234;
+    if (lchown("/run/quillon/run", kOwner, kOwner) != 0) {
+        GTEST_SKIP() << "there are no other users here";
+    }
+    goOn();
+    BackgroundLayer update(updateOf("alpha"));
+    const std::string record = recordOf(update);
+    ASSERT_EQ(update.wait(), 0);
+    struct stat status = {};
+    ASSERT_EQ(stat(record.c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, kOwner);
+    EXPECT_EQ(status.st_mode & 07777U, 0644U);
+
+    // What the owner puts there leads root nowhere.
+    std::filesystem::remove_all("/run/quillon/run/modules");
+    std::filesystem::create_directory("/var/tmp/roots");
+    std::filesystem::create_symlink("/var/tmp/roots", "/run/quillon/run/modules");
+    ASSERT_EQ(runModules({"update", "alpha", "--source", "system"}).exitCode, 0);
+    EXPECT_TRUE(std::filesystem::is_empty("/var/tmp/roots"));
 }
 
 }  // namespace

@@ -6,7 +6,10 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "src/support/paths.h"
 #include "tools/quillonctl/outside-text.h"
@@ -15,6 +18,8 @@
 
 namespace quillon {
 namespace {
+
+namespace fs = std::filesystem;
 
 bool isRunning(const RecordedRun& run)
 {
@@ -51,49 +56,79 @@ Pace paceOf(const RecordedRun& look, const RecordedRun& update)
     return pace;
 }
 
+/// Where the records are of who has begun an update, below paths::kRunRecords.
+struct Recorder
+{
+    std::string directory;  ///< empty: the service's
+    const char* name;       ///< for people
+    const char* log;        ///< which log says more
+};
+
+/// The service, and each control layer that may be running.
+std::vector<Recorder> recorders()
+{
+    std::vector<Recorder> all = {{"", "the update service", "the update service's log"}};
+    const fs::path layers = paths::kLayerRecords;
+    const std::string room = layers.parent_path().filename();
+    std::error_code error;
+    for (fs::directory_iterator entry(layers, error), end; !error && entry != end;
+         entry.increment(error)) {
+        all.push_back(
+            {room + "/" + entry->path().filename().string() + "/", "the control layer", "the log"});
+    }
+    return all;
+}
+
 /// Throws Failure when there are no records.
-std::optional<RecordedRun> readUpdate()
+std::optional<RecordedRun> readUpdate(const Recorder& recorder)
 {
     std::error_code error;
-    if (!std::filesystem::is_directory(paths::kRunRecords, error)) {
+    if (!fs::is_directory(paths::kRunRecords, error)) {
         throw Failure{kExitSystem, std::string("the update service keeps no records, since ") +
                                        paths::kRunRecords +
                                        " does not exist; \"quillonctl progress\" asks the service"};
     }
-    return readRecordedRun("update");
+    return readRecordedRun(recorder.directory + "update");
 }
 
-[[noreturn]] void serviceEndedDuring(const RecordedRun& update)
+[[noreturn]] void endedDuring(const RecordedRun& update, const Recorder& recorder)
 {
     const RecordedModule* module = update.present();
     throw Failure{
         kExitSystem,
-        "the update service ended during the update" +
-            (module != nullptr ? "; it was at the module " + printable(module->name) : "") +
-            "; the update service's log says more"};
+        std::string(recorder.name) + " ended during the update" +
+            (module != nullptr ? "; it was at the module " + printable(module->name) : "") + "; " +
+            recorder.log + " says more"};
 }
 
-}  // namespace
-
-ExitCode followUpdate(Output& output, std::chrono::milliseconds pollInterval)
+void sayWhich(Output& output, const RecordedRun& update, const Recorder& recorder)
 {
-    std::optional<RecordedRun> update = readUpdate();
-    if (!update || !isRunning(*update)) {
-        output.say("state", {{"state", "idle"}, {"percent", 0}}, "No update is running");
-        return kExitSuccess;
+    if (recorder.directory.empty()) {
+        output.say("following", {{"directory", update.directory}},
+                   "The update from " + printable(update.directory) + " is running");
+        return;
     }
+    output.say("following", {{"source", update.directory}, {"process", update.service}},
+               "The control layer of process " + std::to_string(update.service) +
+                   " is updating modules, source " + printable(update.directory));
+}
+
+/// Throws Failure.
+ExitCode followTo(Output& output, std::chrono::milliseconds pollInterval, const Recorder& recorder,
+                  std::optional<RecordedRun> update)
+{
     const double began = update->began;
-    output.say("following", {{"directory", update->directory}},
-               "The update from " + printable(update->directory) + " is running");
-    const RecordedRun look = readRecordedRun("estimate").value_or(RecordedRun());
-    UpdateReport report(output);
+    sayWhich(output, *update, recorder);
+    UpdateReport report(output, recorder.log);
     while (!update->result) {
+        const RecordedRun look =
+            readRecordedRun(recorder.directory + "estimate").value_or(RecordedRun());
         const Pace pace = paceOf(look, *update);
         report.running(*update, std::min(pace.percent(), 99), pace.left());
         std::this_thread::sleep_for(pollInterval);
         const bool isGone =
             hasServiceEnded(*update);  // before the last look at what it has written
-        const std::optional<RecordedRun> latest = readUpdate();
+        const std::optional<RecordedRun> latest = readUpdate(recorder);
         if (!latest) {
             throw Failure{kExitSystem,
                           "the record of the update is gone; \"quillonctl progress\" "
@@ -103,12 +138,31 @@ ExitCode followUpdate(Output& output, std::chrono::milliseconds pollInterval)
             throw Failure{kExitSystem, "the update has ended, and the next one has begun"};
         }
         if (isGone && !latest->result) {
-            serviceEndedDuring(*update);
+            endedDuring(*update, recorder);
         }
         update = latest;
     }
     const int seconds = static_cast<int>(std::lround(update->ended - began));
     return report.ended(*update, *update->result == 0, seconds);
+}
+
+}  // namespace
+
+ExitCode followUpdate(Output& output, std::chrono::milliseconds pollInterval,
+                      const std::function<std::string()>& updater)
+{
+    for (const Recorder& recorder : recorders()) {
+        std::optional<RecordedRun> update = readUpdate(recorder);
+        if (update && isRunning(*update)) {
+            return followTo(output, pollInterval, recorder, std::move(update));
+        }
+    }
+    if (const std::string who = updater(); !who.empty()) {
+        throw Failure{kExitSystem,
+                      "another control layer is updating, and keeps no record to follow: " + who};
+    }
+    output.say("state", {{"state", "idle"}, {"percent", 0}}, "No update is running");
+    return kExitSuccess;
 }
 
 }  // namespace quillon

@@ -13,6 +13,7 @@
 #include "tools/quillonctl/modules/interruption.h"
 #include "tools/quillonctl/modules/module-probe.h"
 #include "tools/quillonctl/modules/module-verbs.h"
+#include "tools/quillonctl/modules/update-slot.h"
 #include "tools/quillonctl/output.h"
 #include "tools/quillonctl/progress-display.h"
 #include "tools/quillonctl/standard-files.h"
@@ -196,7 +197,7 @@ ExitCode runServiceVerb(const std::string& verb, const Arguments& arguments)
             return verbs.update(arguments.directory, pollInterval);
         }
         if (arguments.follow) {
-            return verbs.progressToTheEnd(pollInterval);
+            return verbs.progressToTheEnd(pollInterval, UpdateSlot::updater);
         }
         if (verb == "check" || verb == "estimate") {
             return verbs.check(arguments.directory);

@@ -129,14 +129,14 @@ const RecordedModule* failedIn(const RecordedRun& run)
 }
 
 /// @param failed  null when nothing is recorded
-std::string whyFailed(const RecordedModule* failed)
+std::string whyFailed(const RecordedModule* failed, const std::string& log)
 {
     if (failed == nullptr) {
-        return "the update failed; the update service's log says why";
+        return "the update failed; " + log + " says why";
     }
     return "the update failed at the module " + printable(failed->name) + ": " +
            (failed->finding ? printable(phraseOf(*failed->finding)) : "an exception was raised") +
-           "; the update service's log says more";
+           "; " + log + " says more";
 }
 
 }  // namespace
@@ -196,7 +196,7 @@ ExitCode UpdateReport::ended(const RecordedRun& update, bool isDone, int seconds
                     "The update finished after " + std::to_string(seconds) + " s");
         return kExitSuccess;
     }
-    output_.error(kExitUpdateFailed, whyFailed(failed));
+    output_.error(kExitUpdateFailed, whyFailed(failed, log_));
     return kExitUpdateFailed;
 }
 

@@ -24,7 +24,11 @@ class UpdateReport
 {
 public:
     /// @param output  must outlive this object
-    explicit UpdateReport(Output& output) : output_(output) {}
+    /// @param log     which log says more
+    explicit UpdateReport(Output& output, const char* log = "the update service's log")
+        : output_(output), log_(log)
+    {
+    }
 
     /// To be called at every poll: says which module's update has begun, and how far it is.
     /// @param secondsLeft  0 when the update takes longer than expected
@@ -41,6 +45,7 @@ public:
 
 private:
     Output& output_;
+    const char* log_;
     std::string module_;
     int percent_ = -1;
 };

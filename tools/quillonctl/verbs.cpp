@@ -383,10 +383,11 @@ ExitCode Verbs::progress()
     return progress.state == Progress::kFailed ? kExitUpdateFailed : kExitSuccess;
 }
 
-ExitCode Verbs::progressToTheEnd(std::chrono::milliseconds pollInterval)
+ExitCode Verbs::progressToTheEnd(std::chrono::milliseconds pollInterval,
+                                 const std::function<std::string()>& updater)
 {
-    onInterruptSay("\nquillonctl: interrupted; the update goes on in the update service\n");
-    return followUpdate(output_, pollInterval);
+    onInterruptSay("\nquillonctl: interrupted; the update goes on\n");
+    return followUpdate(output_, pollInterval, updater);
 }
 
 ExitCode Verbs::stop()

@@ -4,6 +4,7 @@
 #include <quillon/client.h>
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
@@ -43,9 +44,10 @@ public:
     ExitCode check(const std::string& directory);
     /// Says how far the update has come. When it has ended, looks at the stick once more.
     ExitCode progress();
-    /// Follows the running update to its end by the service's records. Asks the service nothing.
-    /// @param pollInterval  how often the records are read
-    ExitCode progressToTheEnd(std::chrono::milliseconds pollInterval);
+    /// Follows the running update to its end by its records, see followUpdate(). Asks the service
+    /// nothing.
+    ExitCode progressToTheEnd(std::chrono::milliseconds pollInterval,
+                              const std::function<std::string()>& updater);
     /// Asks the service to take no more commands.
     ExitCode stop();
 

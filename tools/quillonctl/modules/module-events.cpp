@@ -17,7 +17,25 @@ ModuleEvents& ModuleEvents::instance()
     return *events;
 }
 
+/// Records it first: once the end of the last update is known here, the program may end.
 void ModuleEvents::hear(const ModuleNews& news)
+{
+    if (record_) {
+        const std::lock_guard<std::mutex> lock(recording_);
+        record_->hear(news);
+    }
+    note(news);
+}
+
+void ModuleEvents::hearRun(const RunNews& news)
+{
+    if (record_) {
+        const std::lock_guard<std::mutex> lock(recording_);
+        record_->hearRun(news);
+    }
+}
+
+void ModuleEvents::note(const ModuleNews& news)
 {
     if (news.event == ModuleEvent::kStarted) {
         bearStackOverflow();  // on the thread that updates

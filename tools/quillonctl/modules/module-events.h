@@ -14,6 +14,7 @@
 
 #include "src/support/module-observer.h"
 #include "tools/quillonctl/module-finding.h"
+#include "tools/quillonctl/modules/layer-record.h"
 
 namespace quillon {
 
@@ -49,6 +50,10 @@ public:
     static ModuleEvents& instance();
 
     void hear(const ModuleNews& news) override;
+    void hearRun(const RunNews& news) override;
+
+    /// To be called before modules are loaded: keeps a record of all that is heard.
+    void keepRecord() { record_.emplace(); }
 
     /// The static initialization of the module that is being loaded has raised an exception.
     /// @param what  a phrase
@@ -86,7 +91,11 @@ private:
         const LoadedFile* next;
     };
 
+    void note(const ModuleNews& news);
     ModuleHistory find(const std::string& libName) const;
+
+    std::mutex recording_;
+    std::optional<LayerRecord> record_;
 
     mutable std::mutex mutex_;
     mutable std::condition_variable hasEnded_;

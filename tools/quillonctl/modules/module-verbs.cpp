@@ -225,6 +225,7 @@ void ModuleVerbs::open(bool isUpdate)
         watchForRequests([this] { abandonOnRequest(); });
         if (isUpdate) {
             keepKeyboardFromModules();
+            ModuleEvents::instance().keepRecord();
         }
         static_cast<void>(FWUpdateSymbolManager::getInstance());
         watchForForeignEnd([this](const std::string& libName) { endBecauseOf(libName); });
@@ -365,7 +366,12 @@ void ModuleVerbs::tellAllDone()
 std::vector<ModuleUpdate> ModuleVerbs::runMarked()
 {
     const ModuleSource& source = *findModuleSource("package");
-    const std::vector<ModuleCheck> checks = checkAll(source);
+    const std::vector<ModuleCheck> checks = [&] {
+        ToldRun look(RunEvent::kEstimateBegan, RunEvent::kEstimateEnded, source.name);
+        std::vector<ModuleCheck> found = checkAll(source);
+        look.endWith(0);
+        return found;
+    }();
     std::vector<FWUpdateSymbol>& modules = manager().modules();
     std::vector<const FWUpdateSymbol*> marked;
     for (const FWUpdateSymbol& module : modules) {
@@ -485,6 +491,7 @@ ExitCode ModuleVerbs::update(const std::string& name, const ModuleSource& source
     open(/*isUpdate=*/true);
     FWUpdateSymbol& module = usableModule(name);
     prepareUpdates();
+    ToldRun run(RunEvent::kUpdateBegan, RunEvent::kUpdateEnded, source.name);
     source_ = &source;
     const ModuleUpdate update = updateOne(module, source);
     if (update.outcome == Outcome::kNotBegun) {
@@ -495,6 +502,7 @@ ExitCode ModuleVerbs::update(const std::string& name, const ModuleSource& source
     if (isOffered && update.outcome != Outcome::kNotNeeded) {
         tellAllDone();
     }
+    run.endWith(code);
     takeOverTheEnd();
     report_.updated(source, {update}, code);
     return code;
@@ -504,6 +512,7 @@ ExitCode ModuleVerbs::updateAll(const ModuleSource& source)
 {
     open(/*isUpdate=*/true);
     prepareUpdates();
+    ToldRun run(RunEvent::kUpdateBegan, RunEvent::kUpdateEnded, source.name);
     source_ = &source;
     const std::vector<ModuleUpdate> updates =
         source.type == UPDATE_EMP ? runMarked() : runOneByOne(source);
@@ -512,6 +521,7 @@ ExitCode ModuleVerbs::updateAll(const ModuleSource& source)
     }
     takeOverTheEnd();
     const ExitCode code = exitCodeOf(updates);
+    run.endWith(code);
     report_.updated(source, updates, code);
     return code;
 }

@@ -1,0 +1,126 @@
+#include "tools/quillonctl/modules/layer-record.h"
+
+#include <signal.h>
+#include <sys/fsuid.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+
+#include "src/support/paths.h"
+
+namespace quillon {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// So long the records of a program that has ended are left for those who follow it.
+constexpr std::chrono::minutes kLeftFor(1);
+constexpr mode_t kMode = 0755;
+constexpr uid_t kNoUser = static_cast<uid_t>(-1);
+
+/// This thread's rights over files are those of a user for as long as it lives. Root may become
+/// anybody, others only who they are.
+class FileRights
+{
+public:
+    FileRights(uid_t user, gid_t group) : isDumpable_(prctl(PR_GET_DUMPABLE))
+    {
+        setfsgid(group);
+        setfsuid(user);
+        // The calls do not tell whether they have had an effect.
+        isUser_ = static_cast<uid_t>(setfsuid(kNoUser)) == user;
+    }
+    ~FileRights()
+    {
+        setfsuid(geteuid());
+        setfsgid(getegid());
+        prctl(PR_SET_DUMPABLE, isDumpable_);  // the calls forbid a core file
+    }
+    FileRights(const FileRights&) = delete;
+    FileRights& operator=(const FileRights&) = delete;
+
+    bool isUser() const { return isUser_; }
+
+private:
+    const int isDumpable_;
+    bool isUser_ = false;
+};
+
+void makeDirectory(const std::string& path)
+{
+    if (mkdir(path.c_str(), kMode) == 0) {
+        static_cast<void>(chmod(path.c_str(), kMode));  // whatever the umask
+    }
+}
+
+/// Takes away what programs have left that ended a while ago.
+void sweep()
+{
+    std::error_code error;
+    const auto now = fs::file_time_type::clock::now();
+    for (fs::directory_iterator entry(paths::kLayerRecords, error), end; !error && entry != end;
+         entry.increment(error)) {
+        const auto process =
+            static_cast<pid_t>(std::strtol(entry->path().filename().c_str(), nullptr, 10));
+        std::error_code ignored;
+        const auto written = fs::last_write_time(entry->path() / "update.jsonl", ignored);
+        const bool isGone = process > 0 && kill(process, 0) != 0 && errno == ESRCH;
+        if (isGone && (ignored || now - written > kLeftFor)) {
+            fs::remove_all(entry->path(), ignored);
+        }
+    }
+}
+
+}  // namespace
+
+/// Drops what goes wrong, and does nothing where this user has other rights.
+template <typename Work>
+void LayerRecord::asOwner(Work work)
+{
+    unnoticed([&] {
+        const FileRights rights(owner_, group_);
+        if (rights.isUser()) {
+            work();
+        }
+    });
+}
+
+LayerRecord::LayerRecord() : directory_(paths::kLayerRecords + std::to_string(getpid()) + "/")
+{
+    struct stat status = {};
+    if (stat(paths::kRunRecords, &status) != 0) {
+        return;
+    }
+    owner_ = status.st_uid;
+    group_ = status.st_gid;
+    asOwner([&] {
+        makeDirectory(paths::kLayerRecords);
+        sweep();
+        fs::remove_all(directory_);  // of an earlier process with this number
+        makeDirectory(directory_);
+        record_.emplace(directory_, directory_ + "history/");  // which nobody makes
+    });
+}
+
+void LayerRecord::hear(const ModuleNews& news)
+{
+    if (record_) {
+        asOwner([&] { record_->hear(news); });
+    }
+}
+
+void LayerRecord::hearRun(const RunNews& news)
+{
+    if (record_) {
+        asOwner([&] { record_->hearRun(news); });
+    }
+}
+
+}  // namespace quillon

@@ -1,0 +1,39 @@
+/// What a control layer records of its updates, so that other programs can follow them.
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+
+#include "src/support/run-record.h"
+
+namespace quillon {
+
+/// Keeps the service's kind of records, see RunRecord, in a directory of this process's own below
+/// paths::kLayerRecords. It is left there at the end, for those who are still reading; a later
+/// object takes it away. Nothing is added to the history of updates.
+///
+/// Nothing is kept unless the service's records are, and this user is root or their owner. Root
+/// writes with the owner's rights alone: whatever that user puts there leads nowhere else.
+///
+/// An update that cannot be recorded is not held up. Thread: one at a time.
+class LayerRecord
+{
+public:
+    LayerRecord();
+
+    void hear(const ModuleNews& news);
+    void hearRun(const RunNews& news);
+
+private:
+    template <typename Work>
+    void asOwner(Work work);
+
+    std::string directory_;
+    uid_t owner_ = 0;
+    gid_t group_ = 0;
+    std::optional<RunRecord> record_;
+};
+
+}  // namespace quillon
