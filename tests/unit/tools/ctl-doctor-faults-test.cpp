@@ -260,6 +260,9 @@ std::vector<Fault> faults()
              chmod("/usr/fwupdate/controls/lamp.so", 0750);
          },
          "lamp.so"},
+        {"module-quarantined", "warning",
+         [](D&) { writeFile("/usr/fwupdate/quarantine/tuner.so", "a library"); },
+         "the module tuner is in quarantine"},
         {"module-ended-start", "error",
          [](D& device) {
              device.endService();

@@ -37,6 +37,8 @@ Findings checkHelpers(const Surroundings& around);
 /// @{
 /// Files only: no module is loaded.
 Findings checkModules(const Surroundings& around);
+/// Modules that quillon-unit has moved away.
+Findings checkQuarantine(const Surroundings& around);
 /// What the service has recorded of its starts.
 Findings checkStarts(const Surroundings& around);
 /// What the service has recorded of estimates and updates that were cut off.

@@ -28,6 +28,7 @@ constexpr Check kChecks[] = {
     checkUnits,  // a helper whose unit is masked does not start by its own remedy
     checkHelpers,
     checkModules,
+    checkQuarantine,
     checkStarts,
     checkRuns,
     checkMarks,

@@ -107,6 +107,28 @@ Findings checkModules(const Surroundings& around)
     return findings;
 }
 
+Findings checkQuarantine(const Surroundings& around)
+{
+    Findings findings;
+    std::error_code failure;
+    fs::directory_iterator entry(paths::kQuarantine, failure);
+    if (failure == std::errc::permission_denied && !around.isRoot) {
+        return {notChecked(std::string("the modules in ") + paths::kQuarantine)};
+    }
+    for (; !failure && entry != fs::directory_iterator(); entry.increment(failure)) {
+        const fs::path path = entry->path();
+        if (path.extension() == ".so") {
+            findings.push_back(
+                warning("module-quarantined",
+                        "the module " + path.stem().string() +
+                            " is in quarantine: it ended the service at several starts in a row",
+                        "once it is mended: mv " + unit::quoted(path) + " " + paths::kModules +
+                            " && systemctl restart quillon"));
+        }
+    }
+    return findings;
+}
+
 Findings checkStarts(const Surroundings& around)
 {
     const std::optional<RecordedRun>& start = around.start;
