@@ -183,6 +183,24 @@ TEST_F(FollowedLayer, OfEveryModuleTellsOfAllOfThem)
     }
 }
 
+TEST_F(FollowedLayer, IsShownBeforeOnesThatWaitForIt)
+{
+    install("beta", "need=1\n");
+    offer("beta", 60);
+    BackgroundLayer update(updateOf("alpha"));
+    ASSERT_TRUE(isFlashing("alpha"));
+    BackgroundLayer waiting(updateOf("beta"));
+    BackgroundLayer alsoWaiting(updateOf("beta"));
+    ASSERT_TRUE(waiting.says("Waiting for another update"));
+    ASSERT_TRUE(alsoWaiting.says("Waiting for another update"));
+
+    BackgroundLayer viewer(kFollow);
+
+    EXPECT_TRUE(viewer.says("Updating alpha\n"));
+    goOn();
+    EXPECT_EQ(viewer.wait(), 0);
+}
+
 TEST_F(FollowedLayer, ThatIsKilledNamesTheModule)
 {
     BackgroundLayer update(updateOf("alpha"));

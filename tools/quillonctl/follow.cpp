@@ -8,7 +8,6 @@
 #include <string>
 #include <system_error>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "src/support/paths.h"
@@ -101,6 +100,27 @@ std::optional<RecordedRun> readUpdate(const Recorder& recorder)
             recorder.log + " says more"};
 }
 
+struct RunningUpdate
+{
+    Recorder recorder;
+    RecordedRun update;
+};
+
+/// Rather one that is at a module than one that waits for its turn. Throws Failure.
+std::optional<RunningUpdate> findRunning()
+{
+    std::optional<RunningUpdate> found;
+    for (const Recorder& recorder : recorders()) {
+        const std::optional<RecordedRun> update = readUpdate(recorder);
+        const bool isBetter = !found || (found->update.present() == nullptr && update &&
+                                         update->present() != nullptr);
+        if (update && isRunning(*update) && isBetter) {
+            found = RunningUpdate{recorder, *update};
+        }
+    }
+    return found;
+}
+
 void sayWhich(Output& output, const RecordedRun& update, const Recorder& recorder)
 {
     if (recorder.directory.empty()) {
@@ -151,11 +171,8 @@ ExitCode followTo(Output& output, std::chrono::milliseconds pollInterval, const 
 ExitCode followUpdate(Output& output, std::chrono::milliseconds pollInterval,
                       const std::function<std::string()>& updater)
 {
-    for (const Recorder& recorder : recorders()) {
-        std::optional<RecordedRun> update = readUpdate(recorder);
-        if (update && isRunning(*update)) {
-            return followTo(output, pollInterval, recorder, std::move(update));
-        }
+    if (const std::optional<RunningUpdate> running = findRunning()) {
+        return followTo(output, pollInterval, running->recorder, running->update);
     }
     if (const std::string who = updater(); !who.empty()) {
         throw Failure{kExitSystem,
