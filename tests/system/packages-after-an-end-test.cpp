@@ -100,6 +100,34 @@ TEST_F(PackagesAfterAnEnd, ByAnInterruptionOfABlockedCheckAreNotMounted)
     }
 }
 
+/// The only child of a process; empty for none.
+std::string childOf(pid_t process)
+{
+    const std::string number = std::to_string(process);
+    return readAll("/proc/" + number + "/task/" + number + "/children");
+}
+
+// The mounting may be under way, and not to be seen yet.
+TEST_F(PackagesAfterAnEnd, ByAnInterruptionOfACheckThatIsAboutToMountAreUnmountedUnseen)
+{
+    addModule("alpha", "need=1\n");
+    helper.send(SIGSTOP);
+    BackgroundLayer layer({"modules", "check"});
+    ASSERT_TRUE(eventually([&] {
+        const std::string child = childOf(layer.process());
+        const std::string files = "/proc/" + child.substr(0, child.find(' ')) + "/fd";
+        return !child.empty() && runShell("ls -l " + files + " 2>&1 | grep -q socket:") == 0;
+    }));
+
+    layer.send(SIGINT);
+    EXPECT_TRUE(eventually([&] { return childOf(layer.process()).empty(); }));
+    helper.send(SIGCONT);
+
+    EXPECT_EQ(layer.wait(), 130);
+    expectText(layer.output(),
+               like("*while unmounitng [" + (kMountDirectory + std::string("alphaemp]*"))));
+}
+
 TEST_F(PackagesAfterAnEnd, OfAModuleThatBreaksDownInACheckAreNotMounted)
 {
     leaveCrashesToPrograms();

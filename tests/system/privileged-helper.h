@@ -1,6 +1,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/types.h>
 
 #include <functional>
@@ -36,6 +37,8 @@ public:
     int wait();
     /// SIGTERM, then wait().
     int end();
+    /// Has it do nothing, or go on: SIGSTOP, SIGCONT.
+    void send(int signal) const { ::kill(pid_, signal); }
 
     /// All that it has written to standard error.
     std::string log() const;

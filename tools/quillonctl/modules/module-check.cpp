@@ -280,10 +280,10 @@ void releasePackages(const ModuleSource& source)
 
 void releasePackages(const std::set<std::string>& identifiers)
 {
+    // Unseen: it may be about to be mounted for a child that was ended. Who mounts carries out what
+    // it is asked in order.
     for (const std::string& identifier : identifiers) {
-        if (isPackageMounted(identifier)) {
-            FWMountManager::getInstance()->UMount(paths::kMountedPackages + identifier);
-        }
+        FWMountManager::getInstance()->UMount(paths::kMountedPackages + identifier);
     }
 }
 
