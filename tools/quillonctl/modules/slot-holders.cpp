@@ -1,5 +1,6 @@
 #include "tools/quillonctl/modules/slot-holders.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,6 +21,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::size_t kLongestCommand = 60;
+constexpr mode_t kOthers = S_IWGRP | S_IWOTH;
 
 std::string firstBytesOf(const fs::path& path)
 {
@@ -91,6 +93,11 @@ SlotHolders findSlotHolders(const SlotLocks& locks)
         if (process <= 0 || process == getpid()) {
             continue;
         }
+        // The mappings of a process may be many, and who looks at them has to wait for it.
+        const bool mayHold = mayOpen(entry->path(), locks.file());
+        if (!mayHold && (locks.file().st_mode & kOthers) == 0) {
+            continue;
+        }
         Mapping mapping = mappingOf(process, locks.file());
         const bool onlyTakesPart = locks.onlyTakesPart(process);
         if (mapping == Mapping::kHas && !onlyTakesPart) {
@@ -104,7 +111,7 @@ SlotHolders findSlotHolders(const SlotLocks& locks)
             if (isStopped(entry->path())) {
                 holders.stopped.push_back(holders.waiting.back());
             }
-        } else if (mapping == Mapping::kHidden && mayOpen(entry->path(), locks.file())) {
+        } else if (mapping == Mapping::kHidden && mayHold) {
             holders.isComplete = false;
         }
     }
