@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <functional>
 #include <iostream>
@@ -127,12 +128,11 @@ int prepare(const std::string& queueGroup, const std::string& name)
     return 0;
 }
 
-int end(const std::string& process)
+int end(const char* process)
 {
-    const bool isNumber =
-        !process.empty() && process.find_first_not_of("0123456789") == process.npos;
+    const bool isNumber = process[std::strspn(process, "0123456789")] == '\0';
     endAndWait(paths::kLifeMarker,
-               isNumber ? static_cast<pid_t>(std::strtol(process.c_str(), nullptr, 10)) : 0);
+               isNumber ? static_cast<pid_t>(std::strtol(process, nullptr, 10)) : 0);
     return 0;
 }
 
@@ -239,10 +239,6 @@ int run(const std::vector<std::string>& arguments)
     if (verb == "prepare" && count == 4 && arguments[1] == "--queue-group") {
         return prepare(arguments[2], arguments[3]);
     }
-    // No process is left where the daemon has ended before it was told to.
-    if (verb == "end" && count <= 2) {
-        return end(count == 2 ? arguments[1] : "");
-    }
     if (verb == "tidy" && count == 1) {
         return tidy();
     }
@@ -269,6 +265,11 @@ int run(const std::vector<std::string>& arguments)
 
 int main(int argc, char** argv)
 {
+    // Whoever ends early has the service killed in an update, so this one must do without memory.
+    // No process is named where the daemon has ended before it was told to.
+    if ((argc == 2 || argc == 3) && std::strcmp(argv[1], "end") == 0) {
+        return end(argc == 3 ? argv[2] : "");
+    }
     try {
         return run(std::vector<std::string>(argv + 1, argv + argc));
     } catch (const std::exception& error) {

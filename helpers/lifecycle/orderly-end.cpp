@@ -1,5 +1,6 @@
 #include "helpers/lifecycle/orderly-end.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -12,9 +13,10 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
+#include <exception>
 #include <fstream>
 #include <limits>
+#include <memory>
 #include <new>
 #include <optional>
 #include <set>
@@ -23,6 +25,7 @@
 #include <system_error>
 
 #include "base/fd.h"
+#include "base/handles.h"
 #include "base/regular-file.h"
 #include "base/task-start.h"
 #include "helpers/lifecycle/own-queues.h"
@@ -35,18 +38,28 @@ namespace quillon::unit {
 
 namespace {
 
+/// Says it if there is memory.
+void sayOrNot(Priority priority, const char* text)
+{
+    try {
+        say(priority, text);
+    } catch (const std::exception&) {
+        // What was to be said is lost; the waiting goes on.
+    }
+}
+
 constexpr int kPauseMilliseconds = 500;
 constexpr std::size_t kThreadsWithoutUpdate = 2;  // the initial one and the control task
 constexpr std::size_t kLargestRecord = 4U << 20U;
 constexpr int kFullLooks = 4;  // who reads replies at all does so within two seconds
 
-void takeMarkerAway(const std::string& marker)
+void takeMarkerAway(const char* marker)
 {
     try {
         putDeadLink(marker, "/nonexistent/quillon-is-stopping", 0, 0);
-    } catch (const std::system_error& error) {
-        say(Priority::kError, error.what());
-        static_cast<void>(std::remove(marker.c_str()));
+    } catch (const std::exception& error) {
+        static_cast<void>(std::remove(marker));
+        sayOrNot(Priority::kError, error.what());
     }
 }
 
@@ -57,14 +70,20 @@ void notifyWatchdog()
 
 using Threads = std::set<std::string>;
 
+/// Throws std::bad_alloc. Does without std::filesystem, which ends the program where memory is
+/// short.
 Threads threadsOf(pid_t process)
 {
     Threads threads;
-    std::error_code error;
-    const std::filesystem::path directory = "/proc/" + std::to_string(process) + "/task";
-    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
-         entry.increment(error)) {
-        threads.insert(entry->path().filename());
+    const std::string path = "/proc/" + std::to_string(process) + "/task";
+    const std::unique_ptr<DIR, ReleaseWith<&closedir>> directory(opendir(path.c_str()));
+    if (!directory && errno == ENOMEM) {
+        throw std::bad_alloc();
+    }
+    while (const dirent* entry = directory ? readdir(directory.get()) : nullptr) {
+        if (entry->d_name[0] != '.') {
+            threads.insert(entry->d_name);
+        }
     }
     return threads;
 }
@@ -132,7 +151,8 @@ private:
         fullLooks_ = isReplyQueueFull() ? fullLooks_ + 1 : 0;
         if (fullLooks_ >= kFullLooks) {
             emptyReplyQueue();
-            say(Priority::kWarning, "threw away replies that nobody reads, so the service can end");
+            sayOrNot(Priority::kWarning,
+                     "threw away replies that nobody reads, so the service can end");
         }
         const auto now = Clock::now();
         const Threads threads = threadsOf(process_);
@@ -146,8 +166,8 @@ private:
         }
         const bool isStuck = now - lastProgress_ > patience_;
         if (isEnding_ && isStuck && !isGivenUp_) {
-            say(Priority::kWarning,
-                "the service does not end although no update runs; left to the watchdog");
+            sayOrNot(Priority::kWarning,
+                     "the service does not end although no update runs; left to the watchdog");
         }
         isGivenUp_ = isEnding_ && isStuck;
         if (isEnding_ && !isStuck) {
@@ -174,16 +194,17 @@ private:
 
 }  // namespace
 
-void endAndWait(const std::string& lifeMarker, pid_t process, std::chrono::milliseconds patience)
+void endAndWait(const char* lifeMarker, pid_t process, std::chrono::milliseconds patience)
 {
     if (process <= 0) {
         return;
     }
     Attendance attendance(process, patience);
-    takeMarkerAway(lifeMarker);
     // By number: older C libraries have no function for it.
     const UniqueFd handle(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
-    if (!handle && errno == ESRCH) {
+    const bool hasEnded = !handle && errno == ESRCH;
+    takeMarkerAway(lifeMarker);
+    if (hasEnded) {
         return;
     }
     static_cast<void>(kill(process, SIGCONT));  // a stopped process does not end

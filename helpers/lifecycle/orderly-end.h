@@ -3,7 +3,6 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <string>
 
 namespace quillon::unit {
 
@@ -17,13 +16,13 @@ namespace quillon::unit {
 /// thread that a module has left running counts as an update, since the two look alike and an
 /// update must not be killed.
 ///
-/// Whatever goes wrong is said and does not end the waiting: who returns early lets the service be
-/// killed in the middle of an update.
+/// Whatever goes wrong is said, if there is memory for that, and does not end the waiting: who
+/// returns early lets the service be killed in the middle of an update.
 /// @param process  the service. 0 is one that has ended by itself: nothing is done, and a marker
 ///                 that it has left behind still tells how it ended
 /// @param patience how long nothing may change in a service without an update, see above
 /// Needs root's rights. Thread: any.
-void endAndWait(const std::string& lifeMarker, pid_t process,
+void endAndWait(const char* lifeMarker, pid_t process,
                 std::chrono::milliseconds patience = std::chrono::minutes(1));
 
 }  // namespace quillon::unit

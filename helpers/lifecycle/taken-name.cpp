@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 
 #include "base/fd.h"
 #include "helpers/lifecycle/unit-failure.h"
@@ -21,28 +22,35 @@ class PrivateDirectory
 {
 public:
     explicit PrivateDirectory(const std::string& neighbour)
-        : path_(neighbour.substr(0, neighbour.rfind('/')) + "/.quillon-XXXXXX")
+        : path_(neighbour.substr(0, neighbour.rfind('/')) + "/.quillon-XXXXXX"),
+          entry_(path_ + "/entry")
     {
         if (mkdtemp(path_.data()) == nullptr) {
             failWithErrno("cannot make " + path_);
         }
+        path_.copy(entry_.data(), path_.size());
     }
 
     ~PrivateDirectory()
     {
-        static_cast<void>(std::remove(entry().c_str()));
+        static_cast<void>(std::remove(entry_.c_str()));
         if (rmdir(path_.c_str()) != 0) {
-            say(Priority::kWarning, "what somebody had put in the way lies in " + path_ + " now");
+            try {
+                say(Priority::kWarning, "what somebody had put in the way is in " + path_ + " now");
+            } catch (const std::exception&) {
+                // No memory to say it.
+            }
         }
     }
 
     PrivateDirectory(const PrivateDirectory&) = delete;
     PrivateDirectory& operator=(const PrivateDirectory&) = delete;
 
-    std::string entry() const { return path_ + "/entry"; }
+    const std::string& entry() const { return entry_; }
 
 private:
     std::string path_;
+    std::string entry_;
 };
 
 int renameWith(unsigned flags, const std::string& from, const std::string& to)

@@ -10,53 +10,8 @@
 
 #include "platform/verifier/public-key.h"
 #include "platform/verifier/trust-policy.h"
+#include "support/failing-memory.h"
 #include "unit/verifier/verifier-test.h"
-
-namespace {
-
-/// The allocation of this thread that fails next, counted down; negative: none.
-thread_local int countdown = -1;
-
-void* allocated(std::size_t size)
-{
-    void* memory = countdown >= 0 && countdown-- == 0 ? nullptr : std::malloc(size);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-
-}  // namespace
-
-void* operator new(std::size_t size)
-{
-    return allocated(size);
-}
-
-void* operator new[](std::size_t size)
-{
-    return allocated(size);
-}
-
-void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
-
-void operator delete[](void* memory) noexcept
-{
-    std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t /*size*/) noexcept
-{
-    std::free(memory);
-}
-
-void operator delete[](void* memory, std::size_t /*size*/) noexcept
-{
-    std::free(memory);
-}
 
 namespace quillon::test {
 namespace {
@@ -72,15 +27,14 @@ TEST(UsedUpMemory, NeverCutsTheTrustPolicyShort)
               "floor.anothermoduleofsomelength = 8\n");
     int failing = 0;
     for (bool isDone = false; !isDone; ++failing) {
-        countdown = failing;
+        failAllocation(failing);
         try {
             const TrustPolicy policy = loadTrustPolicy(path);
-            isDone = countdown >= 0;  // all allocations succeeded
-            countdown = -1;
+            isDone = !stopFailing();
             EXPECT_FALSE(policy.acceptsFormat1) << "allocation " << failing;
             EXPECT_EQ(policy.floors.size(), 2U) << "allocation " << failing;
         } catch (const std::exception&) {
-            countdown = -1;
+            stopFailing();
         }
     }
     EXPECT_GT(failing, 5);
@@ -99,14 +53,13 @@ TEST(UsedUpMemory, NeverCutsTheListOfKeysShort)
     for (bool isDone = false; !isDone; ++failing) {
         std::vector<std::string> found;
         std::error_code error;
-        countdown = failing;
+        failAllocation(failing);
         try {
             found = pemFilesIn(directory + "/", error);
-            isDone = countdown >= 0;
-            countdown = -1;
+            isDone = !stopFailing();
             EXPECT_TRUE(error || found == all) << "allocation " << failing;
         } catch (const std::bad_alloc&) {
-            countdown = -1;
+            stopFailing();
         }
     }
     EXPECT_GT(failing, 2);
@@ -123,10 +76,9 @@ protected:
         int signedImages = 0;
         int failing = 0;
         for (bool isDone = false; !isDone; ++failing) {
-            countdown = failing;
+            failAllocation(failing);
             signedImages += entry(nullptr, image.c_str(), "UserCaller");
-            isDone = countdown >= 0;
-            countdown = -1;
+            isDone = !stopFailing();
         }
         ::testing::internal::GetCapturedStderr();
         EXPECT_GT(failing, 20);
