@@ -2,6 +2,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
+#include <cstring>
 #include <exception>
 #include <string>
 #include <utility>
@@ -105,10 +107,26 @@ inline std::atomic<ModuleObserver*> moduleObserver{nullptr};
 
 /// What this thread has last found wrong with a module.
 inline thread_local ModuleReason moduleReason = ModuleReason::kNone;
-inline thread_local std::string moduleReasonDetail;
+
+/// A thread's text, cut to its size. It has no destructor: for one, the C++ library needs memory
+/// when the thread first uses the text, and ends the process where there is none.
+template <std::size_t size>
+struct NotedText
+{
+    void note(const char* noted)
+    {
+        const std::size_t length = strnlen(noted, size - 1);
+        std::memcpy(text, noted, length);
+        text[length] = '\0';
+    }
+    void clear() { text[0] = '\0'; }
+
+    char text[size];
+};
+inline thread_local NotedText<4097> moduleReasonDetail{};
 
 /// The version of the image that this thread has last looked at.
-inline thread_local std::string offeredVersion;
+inline thread_local NotedText<1025> offeredVersion{};
 
 /// Does work for the observer without an effect on the run: restores errno, which log lines print,
 /// and drops exceptions, as when memory runs out.
@@ -133,7 +151,7 @@ inline void blame(ModuleReason reason, const char* detail = "")
 {
     if (moduleObserver.load(std::memory_order_relaxed) != nullptr) {
         moduleReason = reason;
-        unnoticed([&] { moduleReasonDetail = detail; });
+        moduleReasonDetail.note(detail);
     }
 }
 
@@ -149,7 +167,7 @@ inline int because(ModuleReason reason, const char* detail = "")
 inline void offer(const char* version)
 {
     if (moduleObserver.load(std::memory_order_relaxed) != nullptr) {
-        unnoticed([&] { offeredVersion = version; });
+        offeredVersion.note(version);
     }
 }
 
@@ -164,11 +182,11 @@ void tell(ModuleEvent event, const Module& module, int result = 0)
     }
     const bool isHeard = unnoticed([&] {
         const ModuleReason reason = std::exchange(moduleReason, ModuleReason::kNone);
-        std::string detail = std::exchange(moduleReasonDetail, {});
-        std::string offered = std::exchange(offeredVersion, {});
-        observer->hear({event, module.getLibName(), result, reason, std::move(detail),
-                        std::move(offered), module.getExpectedUpdateTime()});
+        observer->hear({event, module.getLibName(), result, reason, moduleReasonDetail.text,
+                        offeredVersion.text, module.getExpectedUpdateTime()});
     });
+    moduleReasonDetail.clear();
+    offeredVersion.clear();
     if (!isHeard) {
         observer->miss(event);
     }

@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <json/json.h>
 
-#include <memory>
+#include <mutex>
 #include <sstream>
 
 namespace quillon {
@@ -15,16 +15,19 @@ constexpr mode_t kMode = 0644;
 
 std::string lineOf(const Json::Value& object)
 {
-    // To make a writer costs more than to write a line.
-    static thread_local const std::unique_ptr<Json::StreamWriter> kWriter = [] {
+    // To make a writer costs more than to write a line. It is never destroyed, since threads of
+    // modules may outlive the program's end.
+    static std::mutex mutex;
+    const std::lock_guard<std::mutex> lock(mutex);
+    static Json::StreamWriter& writer = *[] {
         Json::StreamWriterBuilder style;
         style["indentation"] = "";
         style["precision"] = 3;
         style["precisionType"] = "decimal";
-        return std::unique_ptr<Json::StreamWriter>(style.newStreamWriter());
+        return style.newStreamWriter();
     }();
     std::ostringstream text;
-    kWriter->write(object, &text);
+    writer.write(object, &text);
     text << '\n';
     return text.str();
 }

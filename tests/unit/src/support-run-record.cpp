@@ -15,6 +15,7 @@
 #include <new>
 #include <sstream>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "fw-update-symbol-manager-registry.h"
@@ -223,6 +224,15 @@ TEST_F(RunRecords, KeepNoDescriptorThatAModuleCouldClose)
 
     EXPECT_EQ(descriptors(), before);
     EXPECT_EQ(linesIn("update.jsonl").size(), 4U);
+}
+
+// For a destructor, the C++ library needs memory when a thread first uses an object, and ends the
+// process where there is none.
+TEST(ThreadsNotes, NeedNoMemory)
+{
+    EXPECT_TRUE(std::is_trivially_destructible_v<decltype(moduleReason)>);
+    EXPECT_TRUE(std::is_trivially_destructible_v<decltype(moduleReasonDetail)>);
+    EXPECT_TRUE(std::is_trivially_destructible_v<decltype(offeredVersion)>);
 }
 
 TEST_F(RunRecords, FailNothingWhenMemoryRunsOut)
