@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -152,7 +153,8 @@ std::string moveAside(const std::string& file)
 
 bool isFileName(const std::string& text)
 {
-    return !text.empty() && text.find('/') == text.npos && text.find('\0') == text.npos;
+    return !text.empty() && text.size() + std::strlen(".so") <= NAME_MAX &&
+           text.find('/') == text.npos && text.find('\0') == text.npos;
 }
 
 void putIntoQuarantine(const std::string& module)
@@ -170,7 +172,7 @@ void putIntoQuarantine(const std::string& module)
     say(Priority::kError, "the module " + unit::quoted(module) + " has ended the service at " +
                               std::to_string(kEndsForQuarantine) +
                               " starts in a row and is in quarantine now; the service starts "
-                              "without it. Once it is mended: mv " +
+                              "without it. Once it is mended: mv -n " +
                               unit::quoted(paths::kQuarantine + file) + " " + paths::kModules +
                               " && systemctl restart quillon");
 }
@@ -207,7 +209,9 @@ std::string troubleWithModules()
     std::error_code error;
     for (fs::directory_iterator entry(paths::kQuarantine, error), end; !error && entry != end;
          entry.increment(error)) {
-        if (entry->path().extension() == ".so") {
+        struct stat status = {};
+        const std::string present = paths::kModules + entry->path().filename().string();
+        if (entry->path().extension() == ".so" && lstat(present.c_str(), &status) != 0) {
             kept += (kept.empty() ? "" : ", ") + unit::quoted(entry->path().stem());
         }
     }

@@ -263,6 +263,12 @@ std::vector<Fault> faults()
         {"module-quarantined", "warning",
          [](D&) { writeFile("/usr/fwupdate/quarantine/tuner.so", "a library"); },
          "the module tuner is in quarantine"},
+        {"module-quarantined", "warning",
+         [](D&) {
+             writeFile("/usr/fwupdate/controls/tuner.so", "a library");
+             writeFile("/usr/fwupdate/quarantine/tuner.so", "a library");
+         },
+         "there is another one of that name now"},
         {"module-ended-start", "error",
          [](D& device) {
              device.endService();

@@ -117,14 +117,18 @@ Findings checkQuarantine(const Surroundings& around)
     }
     for (; !failure && entry != fs::directory_iterator(); entry.increment(failure)) {
         const fs::path path = entry->path();
-        if (path.extension() == ".so") {
-            findings.push_back(
-                warning("module-quarantined",
-                        "the module " + path.stem().string() +
-                            " is in quarantine: it ended the service at several starts in a row",
-                        "once it is mended: mv " + unit::quoted(path) + " " + paths::kModules +
-                            " && systemctl restart quillon"));
+        if (path.extension() != ".so") {
+            continue;
         }
+        const bool isReplaced = fs::exists(paths::kModules + path.filename().string(), failure);
+        findings.push_back(
+            warning("module-quarantined",
+                    "the module " + path.stem().string() +
+                        " is in quarantine: it ended the service at several starts in a row" +
+                        (isReplaced ? "; there is another one of that name now" : ""),
+                    isReplaced ? "rm " + unit::quoted(path)
+                               : "once it is mended: mv -n " + unit::quoted(path) + " " +
+                                     paths::kModules + " && systemctl restart quillon"));
     }
     return findings;
 }

@@ -82,7 +82,8 @@ TEST_F(Quarantine, TakesAModuleAfterTheThirdStartInARowThatEndsAtIt)
     EXPECT_FALSE(fs::exists(kModule));
     EXPECT_EQ(readAll(kMoved), "a library");
     const std::string command =
-        "mv /usr/fwupdate/quarantine/tuner.so /usr/fwupdate/controls/ && systemctl restart quillon";
+        "mv -n /usr/fwupdate/quarantine/tuner.so /usr/fwupdate/controls/ && systemctl restart "
+        "quillon";
     expectText(said, like("quillon-unit: the module tuner has ended the service at 3 starts in a "
                           "row and is in quarantine now; *: " +
                           command + "\n"));
@@ -284,6 +285,9 @@ TEST_F(Quarantine, IsShownInTheUnitsStatusBeforeTheNextStart)
     start("{\"event\":\"serving\"}\n");
 
     EXPECT_EQ(status(), "STATUS=without what is in quarantine: tuner; what now: quillonctl doctor");
+
+    writeFile(kModule, "a mended library");
+    EXPECT_EQ(status(), "");
 }
 
 }  // namespace
