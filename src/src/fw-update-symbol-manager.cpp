@@ -311,7 +311,7 @@ bool FWUpdateSymbolManager::onCreate(bool skip)
         const int result = module.loadSymbol(module.getLibName());
         tell(ModuleEvent::kLoaded, module, result);
     }
-    quillon::tellRun(quillon::moduleObserver, {RunEvent::kModulesLoaded, ""});
+    quillon::tellRun({RunEvent::kModulesLoaded, ""});
 
     if (getSWVersionString() != 0) {
         FW_LOGE("Error: getSwVersion fail");

@@ -108,8 +108,8 @@ inline std::atomic<ModuleObserver*> moduleObserver{nullptr};
 /// What this thread has last found wrong with a module.
 inline thread_local ModuleReason moduleReason = ModuleReason::kNone;
 
-/// A thread's text, cut to its size. It has no destructor: for one, the C++ library needs memory
-/// when the thread first uses the text, and ends the process where there is none.
+/// A thread's text, cut to its size. It has no destructor: to register one for a thread, the C++
+/// library allocates memory, and ends the process where there is none.
 template <std::size_t size>
 struct NotedText
 {
@@ -171,46 +171,57 @@ inline void offer(const char* version)
     }
 }
 
-/// Tells the observer, with what this thread has noted since it was last told something.
-/// @param module  an FWUpdateSymbol
-template <typename Module>
-void tell(ModuleEvent event, const Module& module, int result = 0)
+/// Tells the observer, and where that fails, that it has missed something. Without an effect on
+/// errno.
+template <typename Hear, typename Miss>
+void tellObserver(Hear hear, Miss miss)
 {
     ModuleObserver* observer = moduleObserver.load(std::memory_order_acquire);
     if (observer == nullptr) {
         return;
     }
-    const bool isHeard = unnoticed([&] {
-        const ModuleReason reason = std::exchange(moduleReason, ModuleReason::kNone);
-        observer->hear({event, module.getLibName(), result, reason, moduleReasonDetail.text,
-                        offeredVersion.text, module.getExpectedUpdateTime()});
-    });
+    const int callersErrno = errno;
+    if (!unnoticed([&] { hear(*observer); })) {
+        miss(*observer);
+    }
+    errno = callersErrno;
+}
+
+/// Tells the observer, with what this thread has noted since it was last told something.
+/// @param module  an FWUpdateSymbol
+template <typename Module>
+void tell(ModuleEvent event, const Module& module, int result = 0)
+{
+    if (moduleObserver.load(std::memory_order_relaxed) == nullptr) {
+        return;
+    }
+    tellObserver(
+        [&](ModuleObserver& observer) {
+            const ModuleReason reason = std::exchange(moduleReason, ModuleReason::kNone);
+            observer.hear({event, module.getLibName(), result, reason, moduleReasonDetail.text,
+                           offeredVersion.text, module.getExpectedUpdateTime()});
+        },
+        [&](ModuleObserver& observer) { observer.miss(event); });
     moduleReasonDetail.clear();
     offeredVersion.clear();
-    if (!isHeard) {
-        observer->miss(event);
-    }
 }
 
 /// Tells the observer of kFlashing. What this thread has noted waits for the end of the update.
 /// @param libName  of the module
 inline void tellFlashing(const std::string& libName)
 {
-    ModuleObserver* observer = moduleObserver.load(std::memory_order_acquire);
-    if (observer != nullptr && !unnoticed([&] {
-            observer->hear({ModuleEvent::kFlashing, libName});
-        })) {
-        observer->miss(ModuleEvent::kFlashing);
-    }
+    tellObserver(
+        [&](ModuleObserver& observer) {
+            observer.hear({ModuleEvent::kFlashing, libName});
+        },
+        [](ModuleObserver& observer) { observer.miss(ModuleEvent::kFlashing); });
 }
 
 /// Tells the observer of a run.
-/// @param observer  null for none
-inline void tellRun(ModuleObserver* observer, const RunNews& news)
+inline void tellRun(const RunNews& news)
 {
-    if (observer != nullptr && !unnoticed([&] { observer->hearRun(news); })) {
-        observer->missRun(news.event);
-    }
+    tellObserver([&](ModuleObserver& observer) { observer.hearRun(news); },
+                 [&](ModuleObserver& observer) { observer.missRun(news.event); });
 }
 
 /// Tells the observer that a run begins, and with the end of the object that it is over.
@@ -219,14 +230,12 @@ class ToldRun
 public:
     /// @param directory  null is told as empty; must outlive this object
     ToldRun(RunEvent began, RunEvent ended, const char* directory)
-        : observer_(moduleObserver.load(std::memory_order_acquire)),
-          ended_(ended),
-          directory_(directory != nullptr ? directory : "")
+        : ended_(ended), directory_(directory != nullptr ? directory : "")
     {
-        tellRun(observer_, {began, directory_});
+        tellRun({began, directory_});
     }
 
-    ~ToldRun() { tellRun(observer_, {ended_, directory_, result_}); }
+    ~ToldRun() { tellRun({ended_, directory_, result_}); }
     ToldRun(const ToldRun&) = delete;
     ToldRun& operator=(const ToldRun&) = delete;
 
@@ -234,7 +243,6 @@ public:
     int endWith(int result) { return result_ = result; }
 
 private:
-    ModuleObserver* const observer_;
     const RunEvent ended_;
     const char* const directory_;
     int result_ = -1;

@@ -19,7 +19,7 @@ namespace {
 constexpr off_t kFull = 1L << 20;
 constexpr off_t kLargest = 2L << 20;
 constexpr off_t kLargestRefused = 64L << 10;
-constexpr std::size_t kMostInMemory = 32U << 10U;
+constexpr std::size_t kMostInMemory = 1U << 20U;
 
 bool endsInALine(int file, off_t size)
 {
@@ -133,7 +133,7 @@ bool RunHistory::startFile() const
     return endsInALine(file.get(), status.st_size) || writeAll(file.get(), "\n", 1);
 }
 
-/// Nothing here waits for the disk, or makes it busy with what is soon gone: many may come.
+/// Nothing here waits for the disk: any user can cause many of these.
 void RunHistory::addRefused(const std::string& text) const
 {
     const std::string path = directory_ + kRefusedRuns;

@@ -19,8 +19,8 @@ inline constexpr const char* kLostLines = ".lost";
 /// Appends the lines of each update, see RunRecord, to "history.jsonl".
 ///
 /// Any user can make the service begin runs in which nothing can be installed. So the lines of a
-/// run stay in memory until its first plug-in is about to be asked to install, or until there are
-/// 32 KiB of them. Then they are written, and from then on each one at once, and synced: after a
+/// run stay in memory until its first plug-in is about to be asked to install, or until there is
+/// 1 MiB of them. Then they are written, and from then on each one at once, and synced: after a
 /// power cut in a module, the last line names the module. A run that ends before that is refused:
 /// it goes to "refused.jsonl" and is not synced, or nowhere if it has no module. A run in which the
 /// service dies before that leaves nothing.
@@ -31,7 +31,7 @@ inline constexpr const char* kLostLines = ".lost";
 ///
 /// A run begins a new "history.jsonl" when there is 1 MiB in the old one, which becomes the only
 /// earlier one. None grows beyond 2 MiB. Refused runs that no longer fit into 64 KiB begin a new
-/// file, and the old one is gone.
+/// file, which holds one at least, and the old one is gone.
 ///
 /// A run whose lines cannot be written is given up, and the next one is tried. After a disk that
 /// needs more than two seconds for a line, the lines of that run are written but not waited for.

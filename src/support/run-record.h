@@ -40,8 +40,8 @@ double secondsSinceBoot();
 ///
 /// A file is open only while a line is written: a module that closes a descriptor twice must not
 /// have a record written into a file of its own. A file that cannot be made or written is removed,
-/// and the service goes on without it: what is there is always as far as the service. Thread: any;
-/// the lines of one file come from one thread at a time.
+/// and the service goes on without it: a record that exists is never behind the service. Thread:
+/// any; the lines of one file come from one thread at a time.
 class RunRecord final : public ModuleObserver
 {
 public:

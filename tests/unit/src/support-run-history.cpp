@@ -136,7 +136,7 @@ TEST_F(RunHistories, ReachTheDiskOnlyWhenAFlashIsAboutToBegin)
 TEST_F(RunHistories, StayInMemoryUpToALimit)
 {
     Json::Value large = line("finished");
-    large["detail"] = std::string(4096, 'x');
+    large["detail"] = std::string(128U << 10U, 'x');
     history.begin(line("began"));
     for (int i = 0; i < 7; ++i) {
         history.add(large);
