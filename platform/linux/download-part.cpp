@@ -214,16 +214,25 @@ std::string DownloadPart::failure() const
     return std::strerror(reason);
 }
 
-/// What every note of this part begins with; empty when that cannot be told.
+/// What every note of this part begins with; empty when that cannot be told. When the part is gone,
+/// another file may get its inode, but not the time at which it was made.
 std::string DownloadPart::noteHead() const
 {
-    struct stat part = {};
+    constexpr unsigned int kWanted = STATX_INO | STATX_BTIME;
+    struct statx part = {};
     const std::string boot = bootId();
-    if (boot.empty() || fstat(file_.get(), &part) != 0) {
+    if (boot.empty() || statx(file_.get(), "", AT_EMPTY_PATH, kWanted, &part) != 0 ||
+        (part.stx_mask & kWanted) != kWanted) {
         return "";
     }
-    return address_ + "\n" + boot + "\n" + std::to_string(part.st_dev) + " " +
-           std::to_string(part.st_ino) + "\n";
+    std::string head = address_ + "\n" + boot + "\n";
+    for (const std::uint64_t number :
+         {std::uint64_t{part.stx_dev_major}, std::uint64_t{part.stx_dev_minor},
+          std::uint64_t{part.stx_ino}, static_cast<std::uint64_t>(part.stx_btime.tv_sec),
+          std::uint64_t{part.stx_btime.tv_nsec}}) {
+        head += std::to_string(number) + " ";
+    }
+    return head + "\n";
 }
 
 std::string DownloadPart::notedValidator() const

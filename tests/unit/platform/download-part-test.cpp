@@ -246,6 +246,19 @@ TEST_F(DownloadPartDeathTest, IsNoOtherFileThatSomebodyMovedToItsPlace)
     expectNothingTakenUp();
 }
 
+// One that was made after the part had gone, and got its inode.
+TEST_F(DownloadPartDeathTest, IsNoFileThatWasMadeAtAnotherTime)
+{
+    beginOne();
+    std::string note = readAll(pathOf(noteOf("alpha")));
+    const std::size_t afterTime = note.rfind(" \n");
+    ASSERT_NE(afterTime, note.npos);
+    note[afterTime - 1] = note[afterTime - 1] == '1' ? '2' : '1';
+    writeFile(pathOf(noteOf("alpha")), note);
+
+    expectNothingTakenUp();
+}
+
 TEST_F(DownloadPartDeathTest, IsNotTakenUpByANoteThatSomebodyElseMayHaveWritten)
 {
     beginOne();
