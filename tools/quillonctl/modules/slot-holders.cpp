@@ -1,5 +1,6 @@
 #include "tools/quillonctl/modules/slot-holders.h"
 
+#include <linux/capability.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <string_view>
 #include <system_error>
 
 #include "base/mappings.h"
@@ -26,7 +28,7 @@ constexpr mode_t kOthers = S_IWGRP | S_IWOTH;
 std::string firstBytesOf(const fs::path& path)
 {
     std::ifstream file(path);
-    std::string text(1024, '\0');
+    std::string text(8192, '\0');
     file.read(text.data(), static_cast<std::streamsize>(text.size()));
     text.resize(static_cast<std::size_t>(file.gcount()));
     return text;
@@ -46,6 +48,20 @@ std::string commandOf(pid_t process)
     return cut(printable(command), kLongestCommand);
 }
 
+/// Whether the process has the capability to open whatever it likes. Also true when that cannot be
+/// told.
+bool mayPassOverModes(const fs::path& directory)
+{
+    constexpr std::string_view kTitle = "\nCapEff:";
+    constexpr int kHexadecimal = 16;
+    const std::string text = firstBytesOf(directory / "status");
+    const std::size_t line = text.find(kTitle);
+    return line == text.npos ||
+           (std::strtoull(text.c_str() + line + kTitle.size(), nullptr, kHexadecimal) >>
+                CAP_DAC_OVERRIDE &
+            1U) != 0;
+}
+
 /// Whether the process may use the semaphore at all. One that has given up root's rights counts as
 /// root's, since /proc shows it so.
 bool mayOpen(const fs::path& directory, const struct stat& file)
@@ -54,7 +70,7 @@ bool mayOpen(const fs::path& directory, const struct stat& file)
     if (stat(directory.c_str(), &process) != 0) {
         return false;  // it has ended
     }
-    return process.st_uid == 0 || process.st_uid == file.st_uid;
+    return process.st_uid == 0 || process.st_uid == file.st_uid || mayPassOverModes(directory);
 }
 
 bool isStopped(const fs::path& directory)
@@ -93,7 +109,7 @@ SlotHolders findSlotHolders(const SlotLocks& locks)
         if (process <= 0 || process == getpid()) {
             continue;
         }
-        // The mappings of a process may be many, and who looks at them has to wait for it.
+        // The mappings of a process may be many, and reading them can take seconds.
         const bool mayHold = mayOpen(entry->path(), locks.file());
         if (!mayHold && (locks.file().st_mode & kOthers) == 0) {
             continue;
