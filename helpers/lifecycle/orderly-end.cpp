@@ -128,7 +128,7 @@ public:
     {
         try {
             lasting_ = lastingThreadsOf(process);
-        } catch (const std::bad_alloc&) {
+        } catch (const std::exception&) {
             isEnding_ = true;  // as above: rather is a service that hangs spared
         }
     }
@@ -138,7 +138,7 @@ public:
     {
         try {
             lookAtThreads();
-        } catch (const std::bad_alloc&) {
+        } catch (const std::exception&) {
             notifyWatchdog();  // the next look may have memory
         }
     }

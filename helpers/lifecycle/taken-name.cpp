@@ -73,7 +73,7 @@ bool cannotExchange()
 /// The loop ends: each round that fails has seen somebody else change the name meanwhile.
 void moveTo(const PrivateDirectory& directory, const std::string& path)
 {
-    const std::string ours = directory.entry();
+    const std::string& ours = directory.entry();
     while (renameWith(RENAME_EXCHANGE, ours, path) != 0) {
         if (isCuredByUnmounting(path)) {
             continue;

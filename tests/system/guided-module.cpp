@@ -114,7 +114,7 @@ void fault()
 void trap()
 {
     std::signal(SIGSYS, [](int) { hang(); });
-    // Which of the calls it is depends on the machine and its C library.
+    // Which of the calls it is, and which there are, depends on the machine and its C library.
     for (const unsigned int call : {
 #ifdef SYS_access
              SYS_access,
@@ -122,7 +122,22 @@ void trap()
 #ifdef SYS_stat
              SYS_stat,
 #endif
-             SYS_newfstatat, SYS_faccessat, SYS_faccessat2}) {
+#ifdef SYS_stat64
+             SYS_stat64,
+#endif
+#ifdef SYS_newfstatat
+             SYS_newfstatat,
+#endif
+#ifdef SYS_fstatat64
+             SYS_fstatat64,
+#endif
+#ifdef SYS_statx
+             SYS_statx,
+#endif
+#ifdef SYS_faccessat2
+             SYS_faccessat2,
+#endif
+             SYS_faccessat}) {
         sock_filter filter[] = {
             BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
             BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1),

@@ -161,8 +161,8 @@ void noteStep(const std::string& libName, ModuleStep step, const ModuleTimes& ti
     if (step == ModuleStep::kChecking) {
         notePackageOf(libName);
     }
-    // Between two steps as well, a thread or a signal handler of a module may hold up everything.
-    // Packages are unmounted there.
+    // A module's thread or signal handler can also hang between two steps, so there is a deadline
+    // there too. Once a package may be mounted it is the longer one: packages are unmounted there.
     const bool isLong =
         step == ModuleStep::kChecking || (step == ModuleStep::kNone && g_shared->packagesSize != 0);
     const milliseconds time = isLong ? times.check : times.query;

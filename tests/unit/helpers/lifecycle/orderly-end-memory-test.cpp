@@ -1,6 +1,7 @@
 // Who stops the service waits for its end also where memory runs out.
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -47,6 +48,11 @@ bool endWithFailing(int allocation, Failing failing)
 
 TEST(OrderlyEndWithoutMemory, WaitsForTheServiceWhicheverAllocationFails)
 {
+    const long handle = syscall(SYS_pidfd_open, getpid(), 0);
+    if (handle < 0) {
+        GTEST_SKIP() << "without such a handle, a process that nobody has waited for seems to live";
+    }
+    close(static_cast<int>(handle));
     ::testing::internal::CaptureStderr();
     for (const Failing failing : {Failing::kOne, Failing::kAllFromThere}) {
         int allocation = 0;
