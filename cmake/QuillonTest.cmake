@@ -78,8 +78,8 @@ function(quillon_add_test name)
     if(NOT arg_TIMEOUT)
         set(arg_TIMEOUT 120)
     endif()
-    if(CMAKE_CROSSCOMPILING)
-        math(EXPR arg_TIMEOUT "${arg_TIMEOUT} * 5")  # the emulator is that much slower
+    if(CMAKE_CROSSCOMPILING OR QUILLON_SANITIZE)
+        math(EXPR arg_TIMEOUT "${arg_TIMEOUT} * 5")  # an emulator or a sanitizer is that much slower
     endif()
     set(labels ${arg_LABELS})
     foreach(target IN LISTS arg_DEPENDS)
