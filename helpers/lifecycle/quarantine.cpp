@@ -161,18 +161,18 @@ void putIntoQuarantine(const std::string& module)
 {
     const std::string file = module + ".so";
     const std::string place = unit::quoted(paths::kModules + file);
+    const std::string ended = "the service has ended at " + std::to_string(kEndsForQuarantine) +
+                              " starts in a row or more while it loaded the module " +
+                              unit::quoted(module);
     const std::string reason = moveAside(file);
     if (!reason.empty()) {
-        say(Priority::kError, "the module " + unit::quoted(module) + " has ended the service at " +
-                                  std::to_string(kEndsForQuarantine) +
-                                  " starts in a row or more, but cannot be moved away: " + reason +
-                                  "; take it out by hand: " + place);
+        say(Priority::kError,
+            ended + "; it cannot be moved away: " + reason + "; take it out by hand: " + place);
         return;
     }
-    say(Priority::kError, "the module " + unit::quoted(module) + " has ended the service at " +
-                              std::to_string(kEndsForQuarantine) +
-                              " starts in a row and is in quarantine now; the service starts "
-                              "without it. Once it is mended: mv -n " +
+    say(Priority::kError, ended +
+                              "; that module is in quarantine now, and the service starts without "
+                              "it. Once it is mended: mv -n " +
                               unit::quoted(paths::kQuarantine + file) + " " + paths::kModules +
                               " && systemctl restart quillon");
 }
@@ -191,6 +191,9 @@ void judgeStart(bool hasFailed)
         count.module = start->loading;
         count.ends =
             count.module == before.module ? std::min(before.ends, kEndsForQuarantine) + 1 : 1;
+    }
+    if (count.ends == 0 && before.ends == 0) {
+        return;  // nothing is written at a usual start
     }
     keep(count);
     if (count.ends >= kEndsForQuarantine) {

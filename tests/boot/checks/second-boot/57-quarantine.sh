@@ -33,7 +33,7 @@ wait_until 60 is_ready || fail "the service does not start without the module"
 expect "how often the service was started again" 3 "$(property quillon.service NRestarts)"
 journal_has 'the module broken, 2 of 3 times' --after-cursor="$cursor" -u quillon.service ||
     fail "the journal does not count"
-journal_has "mv $quarantine/broken.so $controls/" --after-cursor="$cursor" -u quillon.service ||
+journal_has "mv -n $quarantine/broken.so $controls/" --after-cursor="$cursor" -u quillon.service ||
     fail "the journal does not say how to put the module back"
 systemctl status --no-pager quillon.service >"$device_directory/status" || fail "status $?"
 grep -q 'Status: .*in quarantine: broken' "$device_directory/status" ||

@@ -84,8 +84,8 @@ TEST_F(Quarantine, TakesAModuleAfterTheThirdStartInARowThatEndsAtIt)
     const std::string command =
         "mv -n /usr/fwupdate/quarantine/tuner.so /usr/fwupdate/controls/ && systemctl restart "
         "quillon";
-    expectText(said, like("quillon-unit: the module tuner has ended the service at 3 starts in a "
-                          "row and is in quarantine now; *: " +
+    expectText(said, like("quillon-unit: the service has ended at 3 starts in a row or more while "
+                          "it loaded the module tuner; that module is in quarantine now*: " +
                           command + "\n"));
     EXPECT_EQ(runInShell(command.substr(0, command.find(" &&"))).status, 0);
     EXPECT_EQ(readAll(kModule), "a library");
@@ -120,6 +120,28 @@ TEST_F(Quarantine, BeginsToCountAnewAfterAnyOtherEnd)
         ends(kLoadingTuner);
         EXPECT_TRUE(fs::exists(kModule)) << lines << result;
     }
+}
+
+// A device is rather switched off than stopped.
+TEST_F(Quarantine, BeginsToCountAnewWhenAStartHasSucceeded)
+{
+    ends(kLoadingTuner);
+    ends(kLoadingTuner);
+    start("{\"event\":\"serving\"}\n");
+    EXPECT_EQ(runInShell(QUILLON_UNIT_PROGRAM " quarantine").status, 0);
+
+    ends(kLoadingTuner);
+
+    EXPECT_TRUE(fs::exists(kModule));
+}
+
+TEST_F(Quarantine, WritesNothingAtAUsualStart)
+{
+    start("{\"event\":\"serving\"}\n");
+    EXPECT_EQ(runInShell(QUILLON_UNIT_PROGRAM " quarantine").status, 0);
+    ends("{\"event\":\"serving\"}\n", "success");
+
+    EXPECT_FALSE(fs::exists("/var/lib/quillon/quarantine-count.json"));
 }
 
 TEST_F(Quarantine, TakesTheModuleAgainThatWasPutBackUnmended)
@@ -247,8 +269,10 @@ TEST_F(Quarantine, SaysWhereItCannotMoveAndLetsTheServiceStart)
     const std::string again = ends(kLoadingTuner);
 
     umount("/usr/fwupdate");
-    expectText(said, like("*cannot be moved away: *Read-only file system; take it out by hand: "
-                          "/usr/fwupdate/controls/tuner.so\n"));
+    expectText(
+        said,
+        like("*module tuner; it cannot be moved away: *Read-only file system; take it out by hand: "
+             "/usr/fwupdate/controls/tuner.so\n"));
     EXPECT_EQ(again, said);
     EXPECT_TRUE(fs::exists(kModule));
 }
