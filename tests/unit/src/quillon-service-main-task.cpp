@@ -129,8 +129,11 @@ TEST_F(MainTask, LivesOnWhileTheMarkerIsThere)
     }
     EXPECT_GE(callTexts().size(), 3U);
     EXPECT_EQ(task.wait_until(shortWhile()), std::future_status::timeout);
-    EXPECT_EQ(countSteps(Call(kNotify)), callTexts().size());
-    EXPECT_EQ(countSteps(Log("notify_callback")), logTexts().size());
+    // More ticks may come between two looks.
+    const std::size_t calls = callTexts().size();
+    EXPECT_GE(countSteps(Call(kNotify)), calls);
+    const std::size_t logs = logTexts().size();
+    EXPECT_GE(countSteps(Log("notify_callback")), logs);
     EXPECT_EQ(client.commands().waiting(), 0);
 
     removeMarker();
