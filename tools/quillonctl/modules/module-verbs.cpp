@@ -193,7 +193,9 @@ void ModuleVerbs::abandon()
     if (hasPowerLock_) {
         breakRunOff();
     }
-    if (const ModuleSource* source = source_) {
+    // Whoever updates beside this program may be flashing from one of the packages.
+    const ModuleSource* source = source_;
+    if (source != nullptr && UpdateSlot::instance().otherUpdater().empty()) {
         releasePackages(*source);
     }
 }
@@ -282,8 +284,36 @@ std::vector<ModuleCheck> ModuleVerbs::checkAll(const ModuleSource& source)
     }
 }
 
+/// Packages are mounted anew to be looked at, also those that somebody is flashing from.
+void ModuleVerbs::requireThatNobodyUpdates(const ModuleSource& source)
+{
+    const std::string updater = source.type == UPDATE_EMP ? UpdateSlot::updater() : "";
+    if (!updater.empty()) {
+        throw Failure{kExitAlreadyUpdating,
+                      "another control layer is updating: " + updater +
+                          "; \"quillonctl progress --follow\" shows how far it is"};
+    }
+}
+
+/// An update looks at packages before it waits for its turn, see above.
+void ModuleVerbs::awaitOthers(const ModuleSource& source)
+{
+    if (source.type != UPDATE_EMP) {
+        return;
+    }
+    UpdateSlot& slot = UpdateSlot::instance();
+    slot.explainTo([this](const SlotHolders& holders) { report_.waitingForOthers(holders); });
+    try {
+        slot.awaitOthers();
+    } catch (const UpdateInterrupted&) {
+        throw slot.interruption();
+    }
+    slot.explainTo({});
+}
+
 ExitCode ModuleVerbs::check(const ModuleSource& source)
 {
+    requireThatNobodyUpdates(source);
     ModuleChild child(times_);
     std::vector<ModuleCheck> checks;
     try {
@@ -493,6 +523,7 @@ ExitCode ModuleVerbs::update(const std::string& name, const ModuleSource& source
     prepareUpdates();
     ToldRun run(RunEvent::kUpdateBegan, RunEvent::kUpdateEnded, source.name);
     source_ = &source;
+    awaitOthers(source);
     const ModuleUpdate update = updateOne(module, source);
     if (update.outcome == Outcome::kNotBegun) {
         throw UpdateSlot::instance().interruption();
@@ -514,6 +545,7 @@ ExitCode ModuleVerbs::updateAll(const ModuleSource& source)
     prepareUpdates();
     ToldRun run(RunEvent::kUpdateBegan, RunEvent::kUpdateEnded, source.name);
     source_ = &source;
+    awaitOthers(source);
     const std::vector<ModuleUpdate> updates =
         source.type == UPDATE_EMP ? runMarked() : runOneByOne(source);
     if (isAny(updates, Outcome::kNotBegun) && UpdateSlot::instance().updatesBegun() == 0) {

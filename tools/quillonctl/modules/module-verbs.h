@@ -57,6 +57,8 @@ private:
     void requireFreeLoader(const std::string& task);
     void prepareUpdates();
     std::vector<ModuleCheck> checkAll(const ModuleSource& source);
+    static void requireThatNobodyUpdates(const ModuleSource& source);
+    void awaitOthers(const ModuleSource& source);
     std::vector<ModuleUpdate> runMarked();
     std::vector<ModuleUpdate> runOneByOne(const ModuleSource& source);
     ModuleUpdate updateOne(FWUpdateSymbol& module, const ModuleSource& source);

@@ -168,11 +168,13 @@ bool UpdateSlot::tryFor(milliseconds time)
     return false;
 }
 
-void UpdateSlot::acquire()
+/// @param attempt  waits for kSlice at most; returns whether the waiting is over
+template <typename Attempt>
+void UpdateSlot::waitFor(Attempt attempt)
 {
     std::optional<SlotHolders> told;
     Clock::time_point nextLook = Clock::now() + kUsualWait;
-    while (!isInterrupted() && !tryFor(kSlice)) {
+    while (!isInterrupted() && !attempt()) {
         if (!onWaiting_ || Clock::now() < nextLook) {
             continue;
         }
@@ -183,6 +185,26 @@ void UpdateSlot::acquire()
         }
         nextLook = Clock::now() + kBetweenLooks;
     }
+}
+
+void UpdateSlot::awaitOthers()
+{
+    waitFor([this] {
+        int value = 1;
+        const bool isTaken = sem_getvalue(semaphore_, &value) == 0 && value <= 0;
+        if (isTaken) {
+            std::this_thread::sleep_for(kSlice);
+        }
+        return !isTaken;
+    });
+    if (isInterrupted()) {
+        throw UpdateInterrupted();
+    }
+}
+
+void UpdateSlot::acquire()
+{
+    waitFor([this] { return tryFor(kSlice); });
     if (isInterrupted() || !beginUpdating()) {
         post();
         didNotBeginUpdating();

@@ -56,6 +56,13 @@ public:
     /// @return empty when nobody alive does, or this user cannot tell
     static std::string updater();
 
+    /// As updater(), but for others than this process.
+    std::string otherUpdater() const { return held_ ? std::string() : updater(); }
+
+    /// Waits, as before an update, until no other program has the semaphore. Another one may take
+    /// it right afterwards. Throws UpdateInterrupted.
+    void awaitOthers();
+
     /// Releases a semaphore whose holder is no more.
     /// @return false when nobody has it. Throws Failure when it stays locked.
     static bool release();
@@ -71,6 +78,8 @@ public:
 private:
     SlotLocks::Gate enterGate();
     bool tryFor(std::chrono::milliseconds time);
+    template <typename Attempt>
+    void waitFor(Attempt attempt);
 
     std::unique_ptr<SlotLocks> locks_;
     std::atomic<sem_t*> semaphore_{nullptr};  // every sem_wait of the program looks at it
