@@ -258,6 +258,7 @@ TEST_F(FollowedLayer, LeavesItsRecordForAWhile)
     BackgroundLayer earlier(updateOf("alpha"));
     const std::string record = recordOf(earlier);
     ASSERT_EQ(earlier.wait(), 0);
+    std::filesystem::last_write_time(record, std::filesystem::file_time_type::clock::now());
     ASSERT_EQ(runModules({"update", "alpha", "--source", "system"}).exitCode, 0);
     EXPECT_TRUE(std::filesystem::exists(record)) << "somebody may still be reading";
     std::filesystem::last_write_time(

@@ -106,7 +106,7 @@ struct RunningUpdate
     RecordedRun update;
 };
 
-/// Rather one that is at a module than one that waits for its turn. Throws Failure.
+/// Prefers an update that is at a module to one that waits for its turn. Throws Failure.
 std::optional<RunningUpdate> findRunning()
 {
     std::optional<RunningUpdate> found;

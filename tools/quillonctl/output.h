@@ -40,7 +40,8 @@ public:
     /// @param text     the same for people
     void say(const char* name, const JsonMembers& members, const std::string& text);
     void error(ExitCode code, const std::string& text);
-    /// Something that went wrong beside the point. On standard error for programs as well.
+    /// Something went wrong that does not change the result. On standard error for programs as
+    /// well.
     void warning(const std::string& text);
 
     /// Says something to programs alone.

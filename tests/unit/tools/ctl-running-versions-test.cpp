@@ -182,7 +182,7 @@ TEST_F(CtlRunningVersions, AreAskedForUntilAnInterruptThatSaysTheUpdateIsOver)
 {
     script("getActiveVersion.effect=hang\n");
     service.serve();
-    CtlProgram program({"update", kStick});
+    CtlProgram program({"--timeout", "3600", "update", kStick});
     ASSERT_TRUE(eventually([] {
         const std::vector<std::string> calls = callsOf("lamp");
         return std::count(calls.begin(), calls.end(), "getActiveVersion()") == 2;

@@ -20,13 +20,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// So long the records of a program that has ended are left for those who follow it.
+/// How long the records of an ended program are left for those who follow it.
 constexpr std::chrono::minutes kLeftFor(1);
 constexpr mode_t kMode = 0755;
 constexpr uid_t kNoUser = static_cast<uid_t>(-1);
 
-/// This thread's rights over files are those of a user for as long as it lives. Root may become
-/// anybody, others only who they are.
+/// This thread's rights over files are those of a user and a group for as long as it lives; root's
+/// supplementary groups stay. Root may become anybody, others only themselves.
 class FileRights
 {
 public:

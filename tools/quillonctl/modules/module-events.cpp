@@ -112,7 +112,10 @@ bool ModuleEvents::mayLoad(const char* file)
     if (loading_.empty()) {
         return true;
     }
-    files_ = new LoadedFile{file, loading_, files_};
+    auto* loaded = new LoadedFile{file, loading_, files_};
+    while (!files_.compare_exchange_weak(loaded->next, loaded)) {
+        // Another thread has added a file: this one comes before it.
+    }
     return leftOut_.count(loading_) == 0;
 }
 
