@@ -214,7 +214,8 @@ TEST_F(FollowedLayer, ThatIsKilledNamesTheModule)
     EXPECT_EQ(viewer.wait(), 9);
     expectText(viewer.output(),
                like("*quillonctl: the control layer ended during the update; it was "
-                    "at the module alpha; the log says more\n"));
+                    "at the module alpha; the control layer's log (journalctl -b -t FWUPDATE, "
+                    "or without a journal its standard error) says more\n"));
     EXPECT_EQ(runCtl(kFollow).out, "No update is running\n");
 }
 
@@ -231,8 +232,77 @@ TEST_F(FollowedLayer, ThatFailsNamesTheModuleAndTheReason)
 
     EXPECT_EQ(update.wait(), 6) << update.output();
     EXPECT_EQ(viewer.wait(), 6);
-    expectText(viewer.output(), like("*quillonctl: the update failed at the module beta: the "
-                                     "module's own code is 9; the log says more\n"));
+    expectText(viewer.output(),
+               like("*quillonctl: the update failed at the module beta: the "
+                    "module's own code is 9; the control layer's log (*) says more\n"));
+}
+
+TEST_F(FollowedLayer, WithoutAnythingToInstallIsASuccess)
+{
+    installGuided("beta", "wait-in-getActiveVersion");
+    std::filesystem::remove_all("/lib/firmware/ext/beta");
+    BackgroundLayer update(updateOf("beta"));
+    ASSERT_TRUE(eventually([] { return wasAsked("beta", "getActiveVersion("); }));
+    BackgroundLayer viewer(kFollow);
+    ASSERT_TRUE(viewer.says("is updating modules, source system\n"));
+
+    goOn();
+
+    EXPECT_EQ(update.wait(), 7) << update.output();
+    EXPECT_EQ(viewer.wait(), 0);
+    expectText(viewer.output(), like("*\nNothing to update\n"));
+}
+
+TEST_F(FollowedLayer, WhoseModuleIsStillAtItAfterItsTimeHasTimedOut)
+{
+    installGuided("beta", "wait-in-doUpdate");
+    offer("beta", 1);
+    BackgroundLayer update(updateOf("beta"));
+    ASSERT_TRUE(isFlashing("beta"));
+    BackgroundLayer viewer(kFollow);
+    ASSERT_TRUE(viewer.says("Updating beta\n"));
+
+    EXPECT_EQ(update.wait(), 13) << update.output();
+    EXPECT_EQ(viewer.wait(), 13);
+    expectText(
+        viewer.output(),
+        like("*\nbeta  -        timed out: it is still being updated\nquillonctl: the update "
+             "timed out at the module beta: it is still being updated; *journalctl -b -t "
+             "FWUPDATE*\n"));
+}
+
+TEST_F(FollowedLayer, WhoseModuleWasLateAndThenDoneHasTimedOut)
+{
+    installGuided("beta", "wait-in-doUpdate");
+    offer("beta", 1);
+    BackgroundLayer update({"--json", "modules", "update", "beta", "--source", "system"});
+    ASSERT_TRUE(isFlashing("beta"));
+    BackgroundLayer viewer({"--json", "progress", "--follow"});
+    ASSERT_TRUE(viewer.says("\"updating\""));
+    ASSERT_TRUE(eventually(
+        [&] { return readAll(recordOf(update)).find("\"late\"") != std::string::npos; }));
+
+    goOn();
+
+    EXPECT_EQ(update.wait(), 13) << update.output();
+    EXPECT_EQ(viewer.wait(), 13);
+    expectText(viewer.output(), like("*\"late\":true,\"name\":\"beta\",*\n*\"exitCode\":13,*it was "
+                                     "updated only after its time*"));
+}
+
+TEST_F(FollowedLayer, ThatIsInterruptedWhileItWaitsIsSaidToBe)
+{
+    leaveSemaphoreBehind();
+    BackgroundLayer update(updateOf("alpha"));
+    ASSERT_TRUE(update.says("Waiting for another update"));
+    BackgroundLayer viewer(kFollow);
+    ASSERT_TRUE(viewer.says("is updating modules, source system\n"));
+
+    update.send(SIGINT);
+
+    EXPECT_EQ(update.wait(), 130);
+    EXPECT_EQ(viewer.wait(), 6);
+    expectText(viewer.output(), like("*\nquillonctl: the update was interrupted\n"));
 }
 
 TEST_F(FollowedLayer, ThatKeepsNoRecordIsNamed)

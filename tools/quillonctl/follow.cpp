@@ -72,8 +72,9 @@ std::vector<Recorder> recorders()
     std::error_code error;
     for (fs::directory_iterator entry(layers, error), end; !error && entry != end;
          entry.increment(error)) {
-        all.push_back(
-            {room + "/" + entry->path().filename().string() + "/", "the control layer", "the log"});
+        all.push_back({room + "/" + entry->path().filename().string() + "/", "the control layer",
+                       "the control layer's log (journalctl -b -t FWUPDATE, or without a journal "
+                       "its standard error)"});
     }
     return all;
 }
@@ -133,6 +134,16 @@ void sayWhich(Output& output, const RecordedRun& update, const Recorder& recorde
                    " is updating modules, source " + printable(update.directory));
 }
 
+/// What the update ended with. The service records a result of its own, control layers record what
+/// they exit with.
+ExitCode endOf(const RecordedRun& update, const Recorder& recorder)
+{
+    if (*update.result == 0) {
+        return kExitSuccess;
+    }
+    return recorder.directory.empty() ? kExitUpdateFailed : static_cast<ExitCode>(*update.result);
+}
+
 /// Throws Failure.
 ExitCode followTo(Output& output, std::chrono::milliseconds pollInterval, const Recorder& recorder,
                   std::optional<RecordedRun> update)
@@ -163,7 +174,7 @@ ExitCode followTo(Output& output, std::chrono::milliseconds pollInterval, const 
         update = latest;
     }
     const int seconds = static_cast<int>(std::lround(update->ended - began));
-    return report.ended(*update, *update->result == 0, seconds);
+    return report.ended(*update, endOf(*update, recorder), seconds);
 }
 
 }  // namespace

@@ -15,7 +15,7 @@ namespace quillon {
 /// @param pollInterval  how often the records are read
 /// @param updater       who updates without a record, for people; empty for nobody
 /// @return kExitSuccess when nothing was running, or when the update has finished;
-///         kExitUpdateFailed when it has failed. Throws Failure.
+///         otherwise as UpdateReport::ended(). Throws Failure.
 ExitCode followUpdate(Output& output, std::chrono::milliseconds pollInterval,
                       const std::function<std::string()>& updater);
 

@@ -65,6 +65,15 @@ std::string phraseOf(const ModuleFinding& finding)
     }
 }
 
+std::string phraseOfLate(const std::optional<ModuleFinding>& end)
+{
+    if (!end) {
+        return "it is still being updated";
+    }
+    return end->result == 0 ? "it was updated only after its time"
+                            : "the update ended only after its time";
+}
+
 std::string phraseOfSuccess(const std::string& before, const std::string& after,
                             const std::string& offered)
 {

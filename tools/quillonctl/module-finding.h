@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "src/support/module-observer.h"
@@ -16,6 +17,10 @@ struct ModuleFinding
 
 /// A reason as a phrase for people: "its package cannot be mounted".
 std::string phraseOf(const ModuleFinding& finding);
+
+/// What became of an update whose time was over before its end, a phrase.
+/// @param end  nothing while it goes on
+std::string phraseOfLate(const std::optional<ModuleFinding>& end);
 
 /// What is strange about an update that the module says has succeeded, a phrase.
 /// @param before, after, offered  versions; empty where one is not known

@@ -4,7 +4,6 @@
 #include <json/json.h>
 #include <signal.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <exception>
@@ -88,6 +87,9 @@ void RunLines::take(const Json::Value& line)
             (reason == ModuleReason::kCheckFailed || reason == ModuleReason::kUpToDate)) {
             reason = ModuleReason::kNotDeciphered;
         }
+    } else if (event == "late") {
+        RecordedModule& late = module();
+        late.isLate = !late.finding;
     }
 }
 
@@ -102,10 +104,13 @@ bool hasServiceEnded(const RecordedRun& run)
 
 const RecordedModule* RecordedRun::present() const
 {
-    const auto found = std::find_if(modules.begin(), modules.end(), [](const RecordedModule& one) {
-        return !one.finding.has_value();
-    });
-    return found != modules.end() ? &*found : nullptr;
+    const RecordedModule* present = nullptr;
+    for (const RecordedModule& one : modules) {
+        if (!one.finding && (present == nullptr || (present->isLate && !one.isLate))) {
+            present = &one;
+        }
+    }
+    return present;
 }
 
 std::optional<RecordedRun> readRecordedRun(const std::string& name)

@@ -24,8 +24,9 @@ struct RecordedModule
     std::optional<ModuleFinding> finding;  ///< nothing as long as it is being worked on
     std::string offered;                   ///< version; empty when not known
     int expectedSeconds = 0;
-    double began = 0;    ///< when the work on it began, in seconds since boot
-    double seconds = 0;  ///< how long it was worked on, once there is a finding
+    double began = 0;     ///< when the work on it began, in seconds since boot
+    double seconds = 0;   ///< how long it was worked on, once there is a finding
+    bool isLate = false;  ///< its time was over before there was one
 };
 
 struct RecordedRun
@@ -39,7 +40,8 @@ struct RecordedRun
     double ended = 0;                     ///< once there is a result
     std::optional<bool> hasKey;           ///< of a start with a result: there is an image key
 
-    /// The module that is being worked on, or was when the service died; null for none.
+    /// The module that is being worked on, or was when the service died; null for none. One that is
+    /// late only where there is no other.
     const RecordedModule* present() const;
 };
 

@@ -1,6 +1,5 @@
 #include "tools/quillonctl/run-report.h"
 
-#include <algorithm>
 #include <cmath>
 #include <utility>
 #include <vector>
@@ -24,6 +23,9 @@ std::string describeLook(const RecordedModule& module)
 
 std::string describeUpdate(const RecordedModule& module)
 {
+    if (module.isLate) {
+        return "timed out: " + phraseOfLate(module.finding);
+    }
     if (!module.finding) {
         return "unfinished";
     }
@@ -49,6 +51,9 @@ JsonMembers membersOf(const RecordedModule& module, int good)
     if (module.finding && module.finding->result != good) {
         members["reason"] = codeOf(module.finding->reason);
         members["text"] = phraseOf(*module.finding);
+    }
+    if (module.isLate) {
+        members["late"] = true;
     }
     return members;
 }
@@ -115,14 +120,19 @@ std::vector<std::string> markUnchanged(const RecordedRun& update, AnswersAround&
     return warnings;
 }
 
-/// The module that has failed, or that an exception has ended the run in; null where none is known.
+/// The module that has failed, or else timed out, or that an exception has ended the run in; null
+/// where none is known.
 const RecordedModule* failedIn(const RecordedRun& run)
 {
-    const auto failed = std::find_if(
-        run.modules.begin(), run.modules.end(),
-        [](const RecordedModule& one) { return one.finding && one.finding->result != 0; });
-    if (failed != run.modules.end()) {
-        return &*failed;
+    const RecordedModule* late = nullptr;
+    for (const RecordedModule& one : run.modules) {
+        if (!one.isLate && one.finding && one.finding->result != 0) {
+            return &one;
+        }
+        late = late == nullptr && one.isLate ? &one : late;
+    }
+    if (late != nullptr) {
+        return late;
     }
     // Without its end, the record may lack what became of a module.
     return run.result.value_or(0) != 0 ? run.present() : nullptr;
@@ -134,9 +144,15 @@ std::string whyFailed(const RecordedModule* failed, const std::string& log)
     if (failed == nullptr) {
         return "the update failed; " + log + " says why";
     }
-    return "the update failed at the module " + printable(failed->name) + ": " +
-           (failed->finding ? printable(phraseOf(*failed->finding)) : "an exception was raised") +
-           "; " + log + " says more";
+    std::string reason = "an exception was raised";
+    if (failed->isLate) {
+        reason = phraseOfLate(failed->finding);
+    } else if (failed->finding) {
+        reason = printable(phraseOf(*failed->finding));
+    }
+    const char* what =
+        failed->isLate ? "the update timed out at the module " : "the update failed at the module ";
+    return what + printable(failed->name) + ": " + reason + "; " + log + " says more";
 }
 
 }  // namespace
@@ -174,7 +190,7 @@ void UpdateReport::running(const RecordedRun& update, int percent, int secondsLe
     }
 }
 
-ExitCode UpdateReport::ended(const RecordedRun& update, bool isDone, int seconds,
+ExitCode UpdateReport::ended(const RecordedRun& update, ExitCode end, int seconds,
                              std::optional<AnswersAround> answers)
 {
     std::vector<std::string> warnings;
@@ -189,15 +205,23 @@ ExitCode UpdateReport::ended(const RecordedRun& update, bool isDone, int seconds
     for (const std::string& warning : warnings) {
         output_.warning(warning);
     }
+    if (end == kExitNothingToUpdate) {
+        output_.say("finished", {{"seconds", seconds}}, "Nothing to update");
+        return kExitSuccess;
+    }
     // To the service, only a module's code -1 fails a run.
     const RecordedModule* failed = failedIn(update);
-    if (isDone && failed == nullptr) {
+    if (end == kExitSuccess && failed == nullptr) {
         output_.say("finished", {{"seconds", seconds}},
                     "The update finished after " + std::to_string(seconds) + " s");
         return kExitSuccess;
     }
-    output_.error(kExitUpdateFailed, whyFailed(failed, log_));
-    return kExitUpdateFailed;
+    // Other codes tell of the program that has made the update.
+    const bool isKept = end == kExitTimedOut || end == kExitAlreadyUpdating;
+    const ExitCode code = isKept ? end : kExitUpdateFailed;
+    output_.error(code,
+                  end == kExitInterrupted ? "the update was interrupted" : whyFailed(failed, log_));
+    return code;
 }
 
 }  // namespace quillon

@@ -36,11 +36,12 @@ public:
 
     /// Says how each module has fared, and the update. Warns of a module that has succeeded and
     /// still runs its old version.
-    /// @param isDone   what the service tells of it
+    /// @param end      what whoever has made the update tells of it, or exits with
     /// @param seconds  how long it took
     /// @param answers  of the modules; nothing where they were not asked
-    /// @return kExitSuccess or kExitUpdateFailed
-    ExitCode ended(const RecordedRun& update, bool isDone, int seconds,
+    /// @return kExitSuccess, also where there was nothing to update; kExitTimedOut;
+    ///         kExitAlreadyUpdating when somebody else was updating; otherwise kExitUpdateFailed
+    ExitCode ended(const RecordedRun& update, ExitCode end, int seconds,
                    std::optional<AnswersAround> answers = {});
 
 private:

@@ -308,7 +308,9 @@ ExitCode Verbs::follow(int expectedSeconds, std::chrono::milliseconds pollInterv
                 if (!update.modules.empty()) {
                     around = {before_, answers()};
                 }
-                return report.ended(update, progress.state == Progress::kDone, passed, around);
+                return report.ended(
+                    update, progress.state == Progress::kDone ? kExitSuccess : kExitUpdateFailed,
+                    passed, around);
             }
             default:
                 throw Failure{kExitSystem,

@@ -151,7 +151,7 @@ ModuleUpdate outcomeOf(const FWUpdateSymbol& module, const std::string& before)
     const ModuleHistory history = ModuleEvents::instance().of(name);
     if (history.isUpdating()) {
         // Its plug-in is busy: nothing is asked.
-        return {name, Outcome::kTimedOut, "", "it is still being updated"};
+        return {name, Outcome::kTimedOut, "", phraseOfLate({})};
     }
     const std::string running = runningVersion(module).value_or("");
     if (!history.run) {
@@ -160,9 +160,7 @@ ModuleUpdate outcomeOf(const FWUpdateSymbol& module, const std::string& before)
     const ModuleFinding& end = *history.run->end;
     const bool isInstalled = end.result == 0;
     if (history.run->isLate) {
-        return {name, Outcome::kTimedOut, running,
-                isInstalled ? "it was updated only after its time"
-                            : "the update ended only after its time"};
+        return {name, Outcome::kTimedOut, running, phraseOfLate(end)};
     }
     if (end.reason == ModuleReason::kNotMounted) {
         const MountTrouble trouble = mountTroubleOf(module);
@@ -516,46 +514,61 @@ ModuleUpdate ModuleVerbs::updateOne(FWUpdateSymbol& module, const ModuleSource& 
     return update;
 }
 
+/// Records an update, and with its end what the program ends with.
+/// @param work  takes the ToldRun, and tells it the code
+template <typename Work>
+ExitCode ModuleVerbs::recorded(const ModuleSource& source, Work work)
+{
+    ToldRun run(RunEvent::kUpdateBegan, RunEvent::kUpdateEnded, source.name);
+    source_ = &source;
+    try {
+        return work(run);
+    } catch (const Failure& failure) {
+        run.endWith(failure.code);
+        throw;
+    }
+}
+
 ExitCode ModuleVerbs::update(const std::string& name, const ModuleSource& source)
 {
     open(/*isUpdate=*/true);
     FWUpdateSymbol& module = usableModule(name);
     prepareUpdates();
-    ToldRun run(RunEvent::kUpdateBegan, RunEvent::kUpdateEnded, source.name);
-    source_ = &source;
-    awaitOthers(source);
-    const ModuleUpdate update = updateOne(module, source);
-    if (update.outcome == Outcome::kNotBegun) {
-        throw UpdateSlot::instance().interruption();
-    }
-    const bool isOffered = update.outcome != Outcome::kNothingOffered;
-    const ExitCode code = isOffered ? exitCodeOf({update}) : kExitNothingToUpdate;
-    if (isOffered && update.outcome != Outcome::kNotNeeded) {
-        tellAllDone();
-    }
-    run.endWith(code);
-    takeOverTheEnd();
-    report_.updated(source, {update}, code);
-    return code;
+    return recorded(source, [&](ToldRun& run) {
+        awaitOthers(source);
+        const ModuleUpdate update = updateOne(module, source);
+        if (update.outcome == Outcome::kNotBegun) {
+            throw UpdateSlot::instance().interruption();
+        }
+        const bool isOffered = update.outcome != Outcome::kNothingOffered;
+        const ExitCode code = isOffered ? exitCodeOf({update}) : kExitNothingToUpdate;
+        if (isOffered && update.outcome != Outcome::kNotNeeded) {
+            tellAllDone();
+        }
+        run.endWith(code);
+        takeOverTheEnd();
+        report_.updated(source, {update}, code);
+        return code;
+    });
 }
 
 ExitCode ModuleVerbs::updateAll(const ModuleSource& source)
 {
     open(/*isUpdate=*/true);
     prepareUpdates();
-    ToldRun run(RunEvent::kUpdateBegan, RunEvent::kUpdateEnded, source.name);
-    source_ = &source;
-    awaitOthers(source);
-    const std::vector<ModuleUpdate> updates =
-        source.type == UPDATE_EMP ? runMarked() : runOneByOne(source);
-    if (isAny(updates, Outcome::kNotBegun) && UpdateSlot::instance().updatesBegun() == 0) {
-        throw UpdateSlot::instance().interruption();
-    }
-    takeOverTheEnd();
-    const ExitCode code = exitCodeOf(updates);
-    run.endWith(code);
-    report_.updated(source, updates, code);
-    return code;
+    return recorded(source, [&](ToldRun& run) {
+        awaitOthers(source);
+        const std::vector<ModuleUpdate> updates =
+            source.type == UPDATE_EMP ? runMarked() : runOneByOne(source);
+        if (isAny(updates, Outcome::kNotBegun) && UpdateSlot::instance().updatesBegun() == 0) {
+            throw UpdateSlot::instance().interruption();
+        }
+        takeOverTheEnd();
+        const ExitCode code = exitCodeOf(updates);
+        run.endWith(code);
+        report_.updated(source, updates, code);
+        return code;
+    });
 }
 
 ExitCode ModuleVerbs::unlock()

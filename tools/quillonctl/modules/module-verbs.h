@@ -50,6 +50,8 @@ private:
     /// Does work that loads modules in children only, and is then prepared for requests.
     template <typename Work>
     auto apart(Work work);
+    template <typename Work>
+    ExitCode recorded(const ModuleSource& source, Work work);
     /// Tidies up before an end that comes from another thread than the one that goes on here.
     void abandon();
     void abandonOnRequest();
