@@ -81,15 +81,19 @@ void sweep()
 }  // namespace
 
 /// Drops what goes wrong, and does nothing where this user has other rights.
+/// @return whether the work was done to its end
 template <typename Work>
-void LayerRecord::asOwner(Work work)
+bool LayerRecord::asOwner(Work work)
 {
-    unnoticed([&] {
+    bool isOwner = false;
+    const bool isDone = unnoticed([&] {
         const FileRights rights(owner_, group_);
-        if (rights.isUser()) {
+        isOwner = rights.isUser();
+        if (isOwner) {
             work();
         }
     });
+    return isOwner && isDone;
 }
 
 LayerRecord::LayerRecord() : directory_(paths::kLayerRecords + std::to_string(getpid()) + "/")
@@ -100,26 +104,40 @@ LayerRecord::LayerRecord() : directory_(paths::kLayerRecords + std::to_string(ge
     }
     owner_ = status.st_uid;
     group_ = status.st_gid;
-    asOwner([&] {
+    static_cast<void>(asOwner([&] {
         makeDirectory(paths::kLayerRecords);
         sweep();
         fs::remove_all(directory_);  // of an earlier process with this number
         makeDirectory(directory_);
         record_.emplace(directory_, directory_ + "history/");  // which nobody makes
-    });
+    }));
 }
 
 void LayerRecord::hear(const ModuleNews& news)
 {
-    if (record_) {
-        asOwner([&] { record_->hear(news); });
+    if (record_ && !asOwner([&] { record_->hear(news); })) {
+        miss(news.event);
     }
 }
 
 void LayerRecord::hearRun(const RunNews& news)
 {
+    if (record_ && !asOwner([&] { record_->hearRun(news); })) {
+        missRun(news.event);
+    }
+}
+
+void LayerRecord::miss(ModuleEvent event) noexcept
+{
     if (record_) {
-        asOwner([&] { record_->hearRun(news); });
+        static_cast<void>(asOwner([&] { record_->miss(event); }));
+    }
+}
+
+void LayerRecord::missRun(RunEvent event) noexcept
+{
+    if (record_) {
+        static_cast<void>(asOwner([&] { record_->missRun(event); }));
     }
 }
 

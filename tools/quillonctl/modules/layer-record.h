@@ -25,10 +25,15 @@ public:
 
     void hear(const ModuleNews& news);
     void hearRun(const RunNews& news);
+    /// As ModuleObserver's: an event was lost, so the record is given up.
+    /// @{
+    void miss(ModuleEvent event) noexcept;
+    void missRun(RunEvent event) noexcept;
+    /// @}
 
 private:
     template <typename Work>
-    void asOwner(Work work);
+    bool asOwner(Work work);
 
     std::string directory_;
     uid_t owner_ = 0;

@@ -35,6 +35,22 @@ void ModuleEvents::hearRun(const RunNews& news)
     }
 }
 
+void ModuleEvents::miss(ModuleEvent event) noexcept
+{
+    if (record_) {
+        const std::lock_guard<std::mutex> lock(recording_);
+        record_->miss(event);
+    }
+}
+
+void ModuleEvents::missRun(RunEvent event) noexcept
+{
+    if (record_) {
+        const std::lock_guard<std::mutex> lock(recording_);
+        record_->missRun(event);
+    }
+}
+
 void ModuleEvents::note(const ModuleNews& news)
 {
     if (news.event == ModuleEvent::kStarted) {

@@ -51,6 +51,8 @@ public:
 
     void hear(const ModuleNews& news) override;
     void hearRun(const RunNews& news) override;
+    void miss(ModuleEvent event) noexcept override;
+    void missRun(RunEvent event) noexcept override;
 
     /// To be called before modules are loaded: keeps a record of all that is heard.
     void keepRecord() { record_.emplace(); }
