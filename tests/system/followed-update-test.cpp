@@ -322,6 +322,29 @@ TEST_F(FollowedLayer, ThatKeepsNoRecordIsNamed)
     EXPECT_EQ(update.wait(), 0);
 }
 
+TEST_F(FollowedLayer, ThatKeepsNoRecordCannotBeToldByAStranger)
+{
+    constexpr uid_t kStranger = 65534;
+    if (!canRunCtlAs(kStranger)) {
+        GTEST_SKIP() << "there is only one user here";
+    }
+    writeFile("/run/quillon/run/modules", "in the way");
+    BackgroundLayer update(updateOf("alpha"));
+    ASSERT_TRUE(isFlashing("alpha"));
+
+    const CtlResult result = runCtl(kFollow, kStranger);
+    const CtlResult forPrograms = runCtl({"--json", "progress", "--follow"}, kStranger);
+
+    EXPECT_EQ(result.exitCode, 0);
+    const std::string unknown =
+        "whether a control layer is updating cannot be told by this user: the update semaphore "
+        "/SEM_UPDATE_CONTROL cannot be had: it belongs to root, so only root can use it";
+    EXPECT_EQ(result.out, "No recorded update is running; " + unknown + "\n");
+    expectText(forPrograms.out, like("{\"event\":\"state\",*\"text\":\"" + unknown + "\"}\n"));
+    goOn();
+    EXPECT_EQ(update.wait(), 0);
+}
+
 TEST_F(FollowedLayer, LeavesItsRecordForAWhile)
 {
     goOn();

@@ -180,16 +180,24 @@ ExitCode followTo(Output& output, std::chrono::milliseconds pollInterval, const 
 }  // namespace
 
 ExitCode followUpdate(Output& output, std::chrono::milliseconds pollInterval,
-                      const std::function<std::string()>& updater)
+                      const FindUpdater& updater)
 {
     if (const std::optional<RunningUpdate> running = findRunning()) {
         return followTo(output, pollInterval, running->recorder, running->update);
     }
-    if (const std::string who = updater(); !who.empty()) {
+    std::string trouble;
+    if (const std::string who = updater(trouble); !who.empty()) {
         throw Failure{kExitSystem,
                       "another control layer is updating, and keeps no record to follow: " + who};
     }
-    output.say("state", {{"state", "idle"}, {"percent", 0}}, "No update is running");
+    JsonMembers members = {{"state", "idle"}, {"percent", 0}};
+    std::string text = "No update is running";
+    if (!trouble.empty()) {
+        trouble = "whether a control layer is updating cannot be told by this user: " + trouble;
+        members["text"] = trouble;
+        text = "No recorded update is running; " + trouble;
+    }
+    output.say("state", members, text);
     return kExitSuccess;
 }
 

@@ -182,12 +182,23 @@ ModuleTimes moduleTimes(const Arguments& arguments)
     return times;
 }
 
+/// A module that a control layer is flashing is asked nothing.
+ModuleAnswers askUnlessUpdating(const ModuleTimes& times)
+{
+    std::string trouble;
+    const std::string who = UpdateSlot::updater(trouble);
+    if (!who.empty()) {
+        throw Failure{kExitAlreadyUpdating, "another control layer is updating: " + who};
+    }
+    return askModules(times);
+}
+
 ExitCode runServiceVerb(const std::string& verb, const Arguments& arguments)
 {
     const bool redraw = canRedraw();
     Output output(arguments.json, arguments.quiet, redraw);
     Client client(clientOptions(arguments));
-    Verbs verbs(client, output, [&] { return askModules(moduleTimes(arguments)); });
+    Verbs verbs(client, output, [&] { return askUnlessUpdating(moduleTimes(arguments)); });
     const std::chrono::milliseconds pollInterval(redraw ? 250 : 1000);
     try {
         if (verb == "history") {

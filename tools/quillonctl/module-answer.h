@@ -17,7 +17,7 @@ struct ModuleAnswer
 /// By the module's name.
 using ModuleAnswers = std::map<std::string, ModuleAnswer>;
 
-/// Asks all modules of the device. Throws Failure.
+/// Asks all modules of the device, unless a control layer is updating. Throws Failure.
 using AskModules = std::function<ModuleAnswers()>;
 
 /// What the modules have said before and after an update.

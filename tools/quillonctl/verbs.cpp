@@ -250,8 +250,8 @@ ExitCode Verbs::namingModule(Work work)
     }
 }
 
-/// Modules are asked while nothing is flashed: this client is the only one, and no update runs.
-/// @return nothing where they cannot be asked
+/// Asks the modules while the service updates nothing: this client is the only one.
+/// @return nothing where they cannot be asked, as while a control layer is updating
 ModuleAnswers Verbs::answers()
 {
     try {
@@ -385,8 +385,7 @@ ExitCode Verbs::progress()
     return progress.state == Progress::kFailed ? kExitUpdateFailed : kExitSuccess;
 }
 
-ExitCode Verbs::progressToTheEnd(std::chrono::milliseconds pollInterval,
-                                 const std::function<std::string()>& updater)
+ExitCode Verbs::progressToTheEnd(std::chrono::milliseconds pollInterval, const FindUpdater& updater)
 {
     onInterruptSay("\nquillonctl: interrupted; the update goes on\n");
     return followUpdate(output_, pollInterval, updater);

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "tools/quillonctl/exit-codes.h"
+#include "tools/quillonctl/follow.h"
 #include "tools/quillonctl/module-answer.h"
 #include "tools/quillonctl/output.h"
 #include "tools/quillonctl/recorded-run.h"
@@ -46,8 +47,7 @@ public:
     ExitCode progress();
     /// Follows the running update to its end by its records, see followUpdate(). Asks the service
     /// nothing.
-    ExitCode progressToTheEnd(std::chrono::milliseconds pollInterval,
-                              const std::function<std::string()>& updater);
+    ExitCode progressToTheEnd(std::chrono::milliseconds pollInterval, const FindUpdater& updater);
     /// Asks the service to take no more commands.
     ExitCode stop();
 

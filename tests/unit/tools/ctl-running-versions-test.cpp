@@ -1,8 +1,11 @@
 // What quillonctl tells of the versions that the modules run: test plug-ins beside a scripted
 // service that keeps records.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <semaphore.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -194,6 +197,28 @@ TEST_F(CtlRunningVersions, AreAskedForUntilAnInterruptThatSaysTheUpdateIsOver)
     EXPECT_EQ(result.exitCode, 130);
     expectText(result.err, like("*interrupted; the update had ended before, \"quillonctl history\" "
                                 "tells how\n"));
+}
+
+TEST_F(CtlRunningVersions, AreNotAskedForWhileAControlLayerMayBeFlashing)
+{
+    const auto semaphore = [](unsigned int value) {
+        sem_unlink("/SEM_UPDATE_CONTROL");
+        return sem_open("/SEM_UPDATE_CONTROL", O_CREAT, 0600, value);
+    };
+    sem_t* const held = semaphore(0);
+    ASSERT_NE(held, SEM_FAILED);
+
+    const CtlResult result = check();
+
+    EXPECT_EQ(result.exitCode, 0);
+    expectText(result.out, like("*\nlamp  -        2.0      needs an update, about 30 s\n*"));
+    expectText(result.err, like("quillonctl: the running versions are not known: another control "
+                                "layer is updating: process " +
+                                std::to_string(getpid()) + " (*)\n"));
+    EXPECT_EQ(callsOf("lamp"), std::vector<std::string>());
+    sem_close(held);
+    sem_close(semaphore(1));
+    expectText(runCtl({"check", kStick}).out, like("*\nlamp  1.5 *"));
 }
 
 TEST_F(CtlRunningVersions, AreAskedWithoutHandingTheClientsLockOn)

@@ -124,8 +124,9 @@ ModuleCheck checkOf(const ModuleChild::Row& row)
 MountTrouble mountTroubleOf(const FWUpdateSymbol& module)
 {
     const std::string package = "the package " + module.getEMPName() + " of " + module.getLibName();
+    std::string trouble;
     const std::string updater =
-        isPackageMounted(module.getEMPName()) ? UpdateSlot::updater() : std::string();
+        isPackageMounted(module.getEMPName()) ? UpdateSlot::updater(trouble) : std::string();
     if (!updater.empty()) {
         return {kExitAlreadyUpdating, "another control layer is updating: " + updater,
                 package +

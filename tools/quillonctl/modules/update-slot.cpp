@@ -236,10 +236,12 @@ void UpdateSlot::post()
     endUpdating();
 }
 
-std::string UpdateSlot::updater()
+std::string UpdateSlot::updater(std::string& trouble)
 {
-    std::string trouble;
     const std::unique_ptr<SlotLocks> locks = SlotLocks::open(trouble);
+    if (!trouble.empty()) {
+        trouble = noSemaphore(trouble).text;
+    }
     const UniqueSemaphore semaphore(locks ? sem_open(semName, 0) : SEM_FAILED);
     int value = 1;
     const bool isTaken =

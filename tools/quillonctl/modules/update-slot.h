@@ -53,8 +53,9 @@ public:
     bool giveBack();
 
     /// Who updates at this moment, for people: "process 12 (quillonctl modules update tuner)".
+    /// @param[out] trouble  why this user cannot tell, for people; empty when it can
     /// @return empty when nobody alive does, or this user cannot tell
-    static std::string updater();
+    static std::string updater(std::string& trouble);
 
     /// As updater(), but for others than this process.
     std::string otherUpdater() const { return held_ ? std::string() : updater(); }
