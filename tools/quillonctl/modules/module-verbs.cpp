@@ -285,7 +285,8 @@ std::vector<ModuleCheck> ModuleVerbs::checkAll(const ModuleSource& source)
 /// Packages are mounted anew to be looked at, also those that somebody is flashing from.
 void ModuleVerbs::requireThatNobodyUpdates(const ModuleSource& source)
 {
-    const std::string updater = source.type == UPDATE_EMP ? UpdateSlot::updater() : "";
+    const std::string updater =
+        source.type == UPDATE_EMP ? UpdateSlot::instance().otherUpdater() : "";
     if (!updater.empty()) {
         throw Failure{kExitAlreadyUpdating,
                       "another control layer is updating: " + updater +

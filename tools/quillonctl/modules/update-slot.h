@@ -57,8 +57,12 @@ public:
     /// @return empty when nobody alive does, or this user cannot tell
     static std::string updater(std::string& trouble);
 
-    /// As updater(), but for others than this process.
-    std::string otherUpdater() const { return held_ ? std::string() : updater(); }
+    /// As updater(), but for others than this process, and without a reason.
+    std::string otherUpdater() const
+    {
+        std::string trouble;
+        return held_ ? std::string() : updater(trouble);
+    }
 
     /// Waits, as before an update, until no other program has the semaphore. Another one may take
     /// it right afterwards. Throws UpdateInterrupted.
