@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include <fcntl.h>
+#include <semaphore.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -13,6 +14,7 @@
 #include "support/open-way.h"
 #include "support/process.h"
 #include "support/texts.h"
+#include "support/wait.h"
 #include "system/privileged-helper.h"
 #include "system/system-test.h"
 #include "unit/tools/ctl-modules-device.h"
@@ -346,6 +348,27 @@ TEST_F(PackageUpdate, OfAnotherModuleIsStillFoundBesideAPackageThatCannotBeMount
     EXPECT_EQ(check.exitCode, 0);
     expectText(check.out, like("*\n1 module needs an update, about 1 s\n"));
     expectText(check.err, like("quillonctl: the package alphaemp of alpha cannot be mounted; *"));
+}
+
+TEST_F(PackageUpdate, WaitsForACheckWhichAnotherCheckDoesNot)
+{
+    Modules::installTestModule("alpha", "need=1\ncheckVersion.effect=hang\n");
+    addPackage("alpha", 600);
+    ASSERT_NE(::sem_open("/SEM_UPDATE_CONTROL", O_CREAT, 0600, 1), SEM_FAILED);
+    Process first({QUILLONCTL_PROGRAM, "modules", "check"});
+    waitFor("the mounted package", [&] { return mounts(kMountDirectory).size() == 1; });
+
+    const ModulesResult check = runModules({"check"});
+    EXPECT_EQ(check.exitCode, 8);
+    expectText(check.err, like("quillonctl: another quillonctl is looking at packages or about to "
+                               "update from them; repeat the command after it\n"));
+    Process update({QUILLONCTL_PROGRAM, "modules", "update", "--all"});
+    EXPECT_TRUE(update.says("Waiting for another update on this device\n")) << update.err();
+    EXPECT_EQ(mounts(kMountDirectory).size(), 1U);
+    update.kill(SIGINT);
+    EXPECT_EQ(update.wait(), 130);
+    first.kill(SIGINT);
+    EXPECT_EQ(first.wait(), 130);
 }
 
 TEST_F(PackageUpdate, BesideAnotherOneLeavesItsPackageMounted)

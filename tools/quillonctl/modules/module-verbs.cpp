@@ -283,19 +283,31 @@ std::vector<ModuleCheck> ModuleVerbs::checkAll(const ModuleSource& source)
 }
 
 /// Packages are mounted anew to be looked at, also those that somebody is flashing from.
-void ModuleVerbs::requireThatNobodyUpdates(const ModuleSource& source)
+/// @return keeps other control layers away from them; null where there is nothing to keep
+std::unique_ptr<SlotLocks> ModuleVerbs::keepPackages(const ModuleSource& source)
 {
-    const std::string updater =
-        source.type == UPDATE_EMP ? UpdateSlot::instance().otherUpdater() : "";
+    if (source.type != UPDATE_EMP) {
+        return nullptr;
+    }
+    std::string trouble;
+    std::unique_ptr<SlotLocks> locks = SlotLocks::open(trouble);
+    const bool isFree = locks == nullptr || locks->takePackages();
+    const std::string updater = UpdateSlot::instance().otherUpdater();
     if (!updater.empty()) {
         throw Failure{kExitAlreadyUpdating,
                       "another control layer is updating: " + updater +
                           "; \"quillonctl progress --follow\" shows how far it is"};
     }
+    if (!isFree) {
+        throw Failure{kExitAlreadyUpdating,
+                      "another quillonctl is looking at packages or about to update from them; "
+                      "repeat the command after it"};
+    }
+    return locks;
 }
 
 /// An update looks at packages before it waits for its turn, see above.
-void ModuleVerbs::awaitOthers(const ModuleSource& source)
+void ModuleVerbs::awaitPackages(const ModuleSource& source)
 {
     if (source.type != UPDATE_EMP) {
         return;
@@ -303,7 +315,7 @@ void ModuleVerbs::awaitOthers(const ModuleSource& source)
     UpdateSlot& slot = UpdateSlot::instance();
     slot.explainTo([this](const SlotHolders& holders) { report_.waitingForOthers(holders); });
     try {
-        slot.awaitOthers();
+        slot.awaitPackages();
     } catch (const UpdateInterrupted&) {
         throw slot.interruption();
     }
@@ -312,7 +324,7 @@ void ModuleVerbs::awaitOthers(const ModuleSource& source)
 
 ExitCode ModuleVerbs::check(const ModuleSource& source)
 {
-    requireThatNobodyUpdates(source);
+    const std::unique_ptr<SlotLocks> packages = keepPackages(source);
     ModuleChild child(times_);
     std::vector<ModuleCheck> checks;
     try {
@@ -536,7 +548,7 @@ ExitCode ModuleVerbs::update(const std::string& name, const ModuleSource& source
     FWUpdateSymbol& module = usableModule(name);
     prepareUpdates();
     return recorded(source, [&](ToldRun& run) {
-        awaitOthers(source);
+        awaitPackages(source);
         const ModuleUpdate update = updateOne(module, source);
         if (update.outcome == Outcome::kNotBegun) {
             throw UpdateSlot::instance().interruption();
@@ -558,7 +570,7 @@ ExitCode ModuleVerbs::updateAll(const ModuleSource& source)
     open(/*isUpdate=*/true);
     prepareUpdates();
     return recorded(source, [&](ToldRun& run) {
-        awaitOthers(source);
+        awaitPackages(source);
         const std::vector<ModuleUpdate> updates =
             source.type == UPDATE_EMP ? runMarked() : runOneByOne(source);
         if (isAny(updates, Outcome::kNotBegun) && UpdateSlot::instance().updatesBegun() == 0) {

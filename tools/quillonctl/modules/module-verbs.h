@@ -3,11 +3,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "tools/quillonctl/exit-codes.h"
 #include "tools/quillonctl/modules/module-report.h"
+#include "tools/quillonctl/modules/slot-locks.h"
 #include "tools/quillonctl/modules/update-watch.h"
 
 namespace quillon {
@@ -59,8 +61,8 @@ private:
     void requireFreeLoader(const std::string& task);
     void prepareUpdates();
     std::vector<ModuleCheck> checkAll(const ModuleSource& source);
-    static void requireThatNobodyUpdates(const ModuleSource& source);
-    void awaitOthers(const ModuleSource& source);
+    static std::unique_ptr<SlotLocks> keepPackages(const ModuleSource& source);
+    void awaitPackages(const ModuleSource& source);
     std::vector<ModuleUpdate> runMarked();
     std::vector<ModuleUpdate> runOneByOne(const ModuleSource& source);
     ModuleUpdate updateOne(FWUpdateSymbol& module, const ModuleSource& source);

@@ -21,6 +21,8 @@ constexpr off_t kTurnstile = 0;
 constexpr off_t kGate = 1;
 constexpr off_t kHeld = 2;
 constexpr off_t kNumbers = 2;  // process 0 is none
+constexpr off_t kMostNumbers = 1L << 30;
+constexpr off_t kPackages = kNumbers + kMostNumbers;
 
 constexpr std::chrono::milliseconds kPoll(5);
 constexpr int kPollsForTheGate = 400;
@@ -174,6 +176,16 @@ void SlotLocks::stopHolding()
     set(F_UNLCK, kHeld);
 }
 
+bool SlotLocks::takePackages()
+{
+    return set(F_WRLCK, kPackages) || (errno != EAGAIN && errno != EACCES);
+}
+
+bool SlotLocks::isAtPackages() const
+{
+    return lockInTheWay(F_WRLCK, kPackages, 1).has_value();
+}
+
 std::optional<struct flock> SlotLocks::lockInTheWay(short type, off_t byte, off_t length) const
 {
     struct flock lock = lockOf(type, byte, length);
@@ -196,7 +208,7 @@ bool SlotLocks::isHeld() const
 
 pid_t SlotLocks::holder() const
 {
-    const auto lock = lockInTheWay(F_RDLCK, kNumbers + 1, 0);
+    const auto lock = lockInTheWay(F_RDLCK, kNumbers + 1, kMostNumbers - 1);
     return lock ? static_cast<pid_t>(lock->l_start - kNumbers) : 0;
 }
 

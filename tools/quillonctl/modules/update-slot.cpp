@@ -178,7 +178,10 @@ void UpdateSlot::waitFor(Attempt attempt)
         if (!onWaiting_ || Clock::now() < nextLook) {
             continue;
         }
-        const SlotHolders holders = findSlotHolders(*locks_);
+        SlotHolders holders = findSlotHolders(*locks_);
+        if (holders.alive.empty() && locks_->isAtPackages()) {
+            holders.alive.push_back({});  // it does not flash at this moment
+        }
         if (!told || !isSame(*told, holders)) {
             told = holders;
             onWaiting_(holders);
@@ -187,15 +190,17 @@ void UpdateSlot::waitFor(Attempt attempt)
     }
 }
 
-void UpdateSlot::awaitOthers()
+void UpdateSlot::awaitPackages()
 {
-    waitFor([this] {
+    bool hasPackages = false;
+    waitFor([&] {
         int value = 1;
-        const bool isTaken = sem_getvalue(semaphore_, &value) == 0 && value <= 0;
-        if (isTaken) {
+        hasPackages = hasPackages || locks_->takePackages();
+        const bool isFree = hasPackages && (sem_getvalue(semaphore_, &value) != 0 || value > 0);
+        if (!isFree) {
             std::this_thread::sleep_for(kSlice);
         }
-        return !isTaken;
+        return isFree;
     });
     if (isInterrupted()) {
         throw UpdateInterrupted();

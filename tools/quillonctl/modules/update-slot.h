@@ -64,9 +64,9 @@ public:
         return held_ ? std::string() : updater(trouble);
     }
 
-    /// Waits, as before an update, until no other program has the semaphore. Another one may take
-    /// it right afterwards. Throws UpdateInterrupted.
-    void awaitOthers();
+    /// Waits, as before an update, until no other control layer is at the packages and no program
+    /// has the semaphore. Keeps the packages until this process ends. Throws UpdateInterrupted.
+    void awaitPackages();
 
     /// Releases a semaphore whose holder is no more.
     /// @return false when nobody has it. Throws Failure when it stays locked.
