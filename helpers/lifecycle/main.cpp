@@ -265,8 +265,8 @@ int run(const std::vector<std::string>& arguments)
 
 int main(int argc, char** argv)
 {
-    // Whoever ends early has the service killed in an update, so this one must do without memory.
-    // No process is named where the daemon has ended before it was told to.
+    // If this returns early, the service is killed in an update: it must work without memory. No
+    // process is named where the daemon has ended before it was told to.
     if ((argc == 2 || argc == 3) && std::strcmp(argv[1], "end") == 0) {
         return end(argc == 3 ? argv[2] : "");
     }

@@ -22,7 +22,7 @@ enum class PartResult { kOk, kBusy, kFailed };
 /// to.
 ///
 /// A link, a FIFO, another user's file, a file that the note does not name or anything else that
-/// stands in the part's place is removed, never written through and never gone on with. Where the
+/// stands in the part's place is removed, never written through or resumed. Where the
 /// file system has no modes, a part is taken as it is; where it shows another owner than the user,
 /// each download begins anew. Thread: one object, one thread. Throws std::bad_alloc.
 class DownloadPart

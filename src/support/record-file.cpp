@@ -15,8 +15,8 @@ constexpr mode_t kMode = 0644;
 
 std::string lineOf(const Json::Value& object)
 {
-    // To make a writer costs more than to write a line. It is never destroyed, since threads of
-    // modules may outlive the program's end.
+    // Making a writer costs more than writing a line. It is never destroyed: threads of modules may
+    // run until the process has ended.
     static std::mutex mutex;
     const std::lock_guard<std::mutex> lock(mutex);
     static Json::StreamWriter& writer = *[] {

@@ -136,6 +136,23 @@ protected:
     {
         return "/run/quillon/run/modules/" + std::to_string(layer.process()) + "/update.jsonl";
     }
+
+    /// Follows an update of alpha and then beta to its end. Expects both to exit with that code.
+    /// @param beta  what beta does, see module-settings.h
+    /// @return what the follower was told
+    static std::string followAllBeside(const std::string& beta, int code)
+    {
+        install("beta", beta);
+        offer("beta", 60);
+        BackgroundLayer update({"modules", "update", "--all", "--source", "system"});
+        EXPECT_TRUE(isFlashing("alpha"));
+        BackgroundLayer viewer(kFollow);
+        EXPECT_TRUE(viewer.says("Updating alpha\n"));
+        goOn();
+        EXPECT_EQ(update.wait(), code) << update.output();
+        EXPECT_EQ(viewer.wait(), code);
+        return viewer.output();
+    }
 };
 
 TEST_F(FollowedLayer, IsShownToEverybodyAndAgainAfterAnInterruption)
@@ -167,19 +184,9 @@ TEST_F(FollowedLayer, IsShownToEverybodyAndAgainAfterAnInterruption)
 
 TEST_F(FollowedLayer, OfEveryModuleTellsOfAllOfThem)
 {
-    install("beta", "need=1\n");
-    offer("beta", 60);
-    BackgroundLayer update({"modules", "update", "--all", "--source", "system"});
-    ASSERT_TRUE(isFlashing("alpha"));
-    BackgroundLayer viewer(kFollow);
-    ASSERT_TRUE(viewer.says("Updating alpha\n"));
-
-    goOn();
-
-    EXPECT_EQ(update.wait(), 0) << update.output();
-    EXPECT_EQ(viewer.wait(), 0);
+    const std::string told = followAllBeside("need=1\n", 0);
     for (const char* module : {"alpha", "beta"}) {
-        expectText(viewer.output(), like("*\n" + std::string(module) + "*updated in *"));
+        expectText(told, like("*\n" + std::string(module) + "*updated in *"));
     }
 }
 
@@ -221,18 +228,7 @@ TEST_F(FollowedLayer, ThatIsKilledNamesTheModule)
 
 TEST_F(FollowedLayer, ThatFailsNamesTheModuleAndTheReason)
 {
-    install("beta", "need=1\ndoUpdate.result=9\n");
-    offer("beta", 60);
-    BackgroundLayer update({"modules", "update", "--all", "--source", "system"});
-    ASSERT_TRUE(isFlashing("alpha"));
-    BackgroundLayer viewer(kFollow);
-    ASSERT_TRUE(viewer.says("Updating alpha\n"));
-
-    goOn();
-
-    EXPECT_EQ(update.wait(), 6) << update.output();
-    EXPECT_EQ(viewer.wait(), 6);
-    expectText(viewer.output(),
+    expectText(followAllBeside("need=1\ndoUpdate.result=9\n", 6),
                like("*quillonctl: the update failed at the module beta: the "
                     "module's own code is 9; the control layer's log (*) says more\n"));
 }

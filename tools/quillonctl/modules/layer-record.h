@@ -15,7 +15,7 @@ namespace quillon {
 /// object takes it away. Nothing is added to the history of updates.
 ///
 /// Nothing is kept unless the service's records are, and this user is root or their owner. Root
-/// writes with the owner's rights alone: whatever that user puts there leads nowhere else.
+/// writes as their owner and group: no link of theirs leads root to a file that they cannot write.
 ///
 /// An update that cannot be recorded is not held up. Thread: one at a time.
 class LayerRecord

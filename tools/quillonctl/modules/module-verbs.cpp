@@ -282,8 +282,9 @@ std::vector<ModuleCheck> ModuleVerbs::checkAll(const ModuleSource& source)
     }
 }
 
-/// Packages are mounted anew to be looked at, also those that somebody is flashing from.
-/// @return keeps other control layers away from them; null where there is nothing to keep
+/// To look at a package, the registry mounts it anew, also one that somebody is flashing from.
+/// @return the lock that keeps other control layers away; null where none is needed or to be had.
+///         Throws Failure when somebody else is at the packages.
 std::unique_ptr<SlotLocks> ModuleVerbs::keepPackages(const ModuleSource& source)
 {
     if (source.type != UPDATE_EMP) {
@@ -306,7 +307,7 @@ std::unique_ptr<SlotLocks> ModuleVerbs::keepPackages(const ModuleSource& source)
     return locks;
 }
 
-/// An update looks at packages before it waits for its turn, see above.
+/// The registry looks at packages before it waits for the semaphore, see keepPackages().
 void ModuleVerbs::awaitPackages(const ModuleSource& source)
 {
     if (source.type != UPDATE_EMP) {

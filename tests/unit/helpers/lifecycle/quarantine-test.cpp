@@ -122,7 +122,7 @@ TEST_F(Quarantine, BeginsToCountAnewAfterAnyOtherEnd)
     }
 }
 
-// A device is rather switched off than stopped.
+// Most devices are switched off, not stopped.
 TEST_F(Quarantine, BeginsToCountAnewWhenAStartHasSucceeded)
 {
     ends(kLoadingTuner);
