@@ -39,5 +39,5 @@ install(FILES ${PROJECT_SOURCE_DIR}/client/include/quillon/client.h
         DESTINATION ${kit_headers} COMPONENT dev)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/platform/include/platform
         DESTINATION ${kit_headers} COMPONENT dev)
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/module-template
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/client ${PROJECT_SOURCE_DIR}/examples/module-template
         DESTINATION ${CMAKE_INSTALL_DATADIR}/quillon COMPONENT dev)
