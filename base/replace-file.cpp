@@ -1,6 +1,7 @@
 #include "base/replace-file.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,8 +9,44 @@
 #include <cstdlib>
 
 #include "base/fd.h"
+#include "base/signals-blocked.h"
 
 namespace quillon {
+
+namespace {
+
+/// Holds back the signal that would end a process whose file has reached its size limit. On this
+/// thread alone: the programs that are started meanwhile, and other threads, do not notice.
+class SizeSignalHeld
+{
+public:
+    SizeSignalHeld() { pthread_sigmask(SIG_BLOCK, &signal_, &before_); }
+    ~SizeSignalHeld()
+    {
+        const int reason = errno;
+        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+        errno = reason;
+    }
+    SizeSignalHeld(const SizeSignalHeld&) = delete;
+    SizeSignalHeld& operator=(const SizeSignalHeld&) = delete;
+
+    /// To be called when a write has failed. Leaves errno alone.
+    void forget() const
+    {
+        if (errno != EFBIG || sigismember(&before_, SIGXFSZ) == 1) {
+            return;
+        }
+        constexpr timespec kNow = {0, 0};
+        sigtimedwait(&signal_, nullptr, &kNow);
+        errno = EFBIG;
+    }
+
+private:
+    const sigset_t signal_ = signalSet({SIGXFSZ});
+    sigset_t before_ = {};
+};
+
+}  // namespace
 
 bool makeDirectories(const std::string& path, mode_t mode)
 {
@@ -24,9 +61,11 @@ bool makeDirectories(const std::string& path, mode_t mode)
 bool writeAll(int fd, const void* data, std::size_t size)
 {
     const auto* next = static_cast<const char*>(data);
+    const SizeSignalHeld held;
     while (size > 0) {
         const ssize_t count = uninterrupted([&] { return write(fd, next, size); });
         if (count < 0) {
+            held.forget();
             return false;
         }
         next += count;

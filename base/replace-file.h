@@ -14,7 +14,8 @@ namespace quillon {
 /// @return false with errno telling why. Throws std::bad_alloc.
 bool makeDirectories(const std::string& path, mode_t mode);
 
-/// Writes all of it, however many calls that takes.
+/// Writes all of it, however many calls that takes. A file that may grow no further (ulimit -f) is
+/// an error like any other, EFBIG, and no signal.
 /// @return false with errno telling why; any part may have been written then. Never throws.
 bool writeAll(int fd, const void* data, std::size_t size);
 

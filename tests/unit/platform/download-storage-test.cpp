@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <filesystem>
 
 #include "base/fd.h"
@@ -169,7 +168,6 @@ TEST_F(DownloadStorage, FailsWhereADirectoryStandsInThePackagesPlace)
 TEST_F(DownloadStorage, FailsWhenTheDiskTakesNoMore)
 {
     // A file that may not grow fails as a full disk does.
-    std::signal(SIGXFSZ, SIG_IGN);
     const rlimit limit = {100000, RLIM_INFINITY};
     const rlimit none = {RLIM_INFINITY, RLIM_INFINITY};
     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);

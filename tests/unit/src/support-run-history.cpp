@@ -99,7 +99,6 @@ protected:
 
     static void allowFilesOf(rlim_t bytes)
     {
-        signal(SIGXFSZ, SIG_IGN);
         const rlimit limit = {bytes, RLIM_INFINITY};
         ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
     }
