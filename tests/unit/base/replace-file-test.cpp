@@ -14,6 +14,19 @@
 #include "support/files.h"
 #include "support/process.h"
 
+namespace {
+
+/// What a process does when it brings a file to the disk.
+void (*atSync)() = [] {};
+
+}  // namespace
+
+extern "C" int fsync(int file)
+{
+    atSync();
+    return fdatasync(file);
+}
+
 namespace quillon {
 namespace {
 
@@ -72,6 +85,76 @@ TEST_F(ReplaceFile, LeavesTheOldOneWhereAFileMayGrowNoFurther)
 
     EXPECT_EQ(readAll(pathOf("file")), "old");
     EXPECT_EQ(names(), std::set<std::string>{"file"});
+}
+
+/// Writes the file in a process that is killed before it is in place.
+void beKilledWriting()
+{
+    EXPECT_EQ(inChild([] {
+                  atSync = [] { raise(SIGKILL); };
+                  return replaceFile(kDirectory, "file", bytesOf("half")) ? 0 : 1;
+              }),
+              -SIGKILL);
+}
+
+TEST_F(ReplaceFile, RemovesWhatAKilledWriterHasLeft)
+{
+    beKilledWriting();
+    beKilledWriting();
+    EXPECT_EQ(names().size(), 1U) << "the second one has removed what the first one has left";
+
+    EXPECT_TRUE(replaceFile(kDirectory, "file", bytesOf("new")));
+
+    EXPECT_EQ(names(), std::set<std::string>{"file"});
+    EXPECT_EQ(readAll(pathOf("file")), "new");
+}
+
+TEST_F(ReplaceFile, LeavesTheFileOfAnotherWriterAlone)
+{
+    EXPECT_EQ(inChild([] {
+                  atSync = [] {
+                      atSync = [] {};
+                      inChild([] { return replaceFile(kDirectory, "file", bytesOf("b")) ? 0 : 1; });
+                  };
+                  return replaceFile(kDirectory, "file", bytesOf("a")) ? 0 : 1;
+              }),
+              0);
+
+    EXPECT_EQ(names(), std::set<std::string>{"file"});
+    EXPECT_EQ(readAll(pathOf("file")), "a") << "the one that was in place last";
+}
+
+TEST_F(ReplaceFile, LeavesAloneWhatOthersCallAlmostTheSame)
+{
+    const std::set<std::string> others = {".file.new",         ".file.new-short",
+                                          ".file.new-toolong", ".file.new-a.b.c.d",
+                                          ".fil.new-abcdef",   "file.new-abcdef"};
+    for (const std::string& name : others) {
+        writeFile(pathOf(name), "theirs");
+    }
+    fs::create_directory(pathOf(".file.new-direct"));
+    fs::create_symlink("/run/nowhere", pathOf(".file.new-asLink"));
+    ASSERT_EQ(mkfifo(pathOf(".file.new-asFifo").c_str(), 0600), 0);
+    const std::set<std::string> before = names();
+
+    EXPECT_TRUE(replaceFile(kDirectory, "other", bytesOf("new")));
+    EXPECT_TRUE(replaceFile(kDirectory, "file", bytesOf("new")));
+
+    std::set<std::string> expected = before;
+    expected.insert({"file", "other"});
+    EXPECT_EQ(names(), expected);
+}
+
+TEST_F(ReplaceFile, LeavesTheFilesOfOtherUsersAlone)
+{
+    writeFile(pathOf(".file.new-abcdef"), "theirs");
+    if (chown(pathOf(".file.new-abcdef").c_str(), 1234, 1234) != 0) {
+        GTEST_SKIP() << "root alone can give files away";
+    }
+
+    EXPECT_TRUE(replaceFile(kDirectory, "file", bytesOf("new")));
+
+    EXPECT_TRUE(fs::exists(pathOf(".file.new-abcdef")));
 }
 
 }  // namespace
