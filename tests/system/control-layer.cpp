@@ -27,7 +27,8 @@ int codeOf(int status)
 
 }  // namespace
 
-BackgroundLayer::BackgroundLayer(const std::vector<std::string>& arguments, bool onTerminal)
+BackgroundLayer::BackgroundLayer(const std::vector<std::string>& arguments, bool onTerminal,
+                                 const std::vector<int>& ignored)
 {
     static int number = 0;
     path_ = "/var/tmp/layer-" + std::to_string(++number);
@@ -44,6 +45,9 @@ BackgroundLayer::BackgroundLayer(const std::vector<std::string>& arguments, bool
         for (const int signal : {SIGHUP, SIGINT, SIGQUIT}) {
             static_cast<void>(
                 ::signal(signal, SIG_DFL));  // a test run in the background ignores them
+        }
+        for (const int signal : ignored) {
+            static_cast<void>(::signal(signal, SIG_IGN));
         }
         if (!onTerminal) {
             ::setpgid(0, 0);

@@ -17,7 +17,9 @@ class BackgroundLayer
 {
 public:
     /// @param onTerminal  gives it a terminal of its own as standard input, output and error
-    explicit BackgroundLayer(const std::vector<std::string>& arguments, bool onTerminal = false);
+    /// @param ignored     signals that are ignored when it starts
+    explicit BackgroundLayer(const std::vector<std::string>& arguments, bool onTerminal = false,
+                             const std::vector<int>& ignored = {});
     ~BackgroundLayer();
     BackgroundLayer(const BackgroundLayer&) = delete;
     BackgroundLayer& operator=(const BackgroundLayer&) = delete;

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 #include "support/sanitizers.h"
 #include "support/texts.h"
@@ -352,6 +353,33 @@ TEST_F(HeldOffSignals, EndTheWaitingForAnotherControlLayer)
     EXPECT_EQ(semaphoreValue(), 0) << "it is the test's";
     EXPECT_FALSE(wasAsked("alpha", "doUpdate("));
     ::sem_post(semaphore);
+}
+
+TEST_F(HeldOffSignals, ThatWereIgnoredAtTheStartAreNoRequests)
+{
+    const std::vector<int> signals = {SIGINT, SIGQUIT, SIGHUP};
+    const std::map<std::string, std::vector<std::string>> verbs = {
+        {"wait-in-checkVersion", {"modules", "check", "--source", "system"}},
+        {"wait-in-doUpdate", kUpdateAll}};
+    for (const auto& [what, arguments] : verbs) {
+        for (const char* name : {"alpha", "beta"}) {
+            installGuided(name, what);
+        }
+        fs::remove("/tmp/quillon-test-go");
+        fs::remove("/tmp/quillon-test-alpha.log");
+        fs::remove("/tmp/quillon-test-beta.log");
+        const std::string call = what.substr(what.rfind('-') + 1) + "(";
+        BackgroundLayer layer(arguments, /*onTerminal=*/false, signals);
+        ASSERT_TRUE(eventually([&] { return wasAsked("alpha", call) || wasAsked("beta", call); }));
+
+        for (const int signal : signals) {
+            layer.send(signal);
+        }
+        goOn();
+
+        EXPECT_EQ(layer.wait(), 0) << what << "\n" << layer.output();
+        EXPECT_TRUE(wasAsked("alpha", call) && wasAsked("beta", call)) << what;
+    }
 }
 
 TEST_F(HeldOffSignals, EndACheckWhileAModuleDoesNotAnswer)

@@ -28,6 +28,9 @@ std::vector<char*> argumentsOf(const std::vector<std::string>& arguments)
 
 [[noreturn]] void execCtl(const std::vector<char*>& argv)
 {
+    for (const int number : {SIGHUP, SIGINT, SIGQUIT}) {
+        static_cast<void>(signal(number, SIG_DFL));  // a test run in the background ignores them
+    }
     execv(QUILLONCTL_PROGRAM, argv.data());
     _exit(127);
 }

@@ -154,23 +154,40 @@ void openWhenNoneUpdates()
         !change(State::kUpdating, g_afterUpdates)) {
         return;
     }
-    onSignal(SIGINT, request);
-    onSignal(SIGQUIT, request);
+    for (const int signal : {SIGINT, SIGQUIT}) {
+        if (sigismember(&requestSignals(), signal) == 1) {
+            onSignal(signal, request);
+        }
+    }
 }
 
 /// Takes those that all other threads have blocked.
 [[noreturn]] void takeRequests()
 {
-    const sigset_t signals = signalSet({SIGINT, SIGQUIT, SIGTERM, SIGHUP});
     for (;;) {
         int signal = 0;
-        if (sigwait(&signals, &signal) == 0 && (signal != SIGHUP || handlerOf(SIGHUP) != SIG_IGN)) {
+        if (sigwait(&requestSignals(), &signal) == 0 &&
+            (signal != SIGHUP || handlerOf(SIGHUP) != SIG_IGN)) {
             request(signal);
         }
     }
 }
 
 }  // namespace
+
+const sigset_t& requestSignals()
+{
+    static const sigset_t signals = [] {
+        sigset_t requests = signalSet({SIGTERM});
+        for (const int signal : {SIGINT, SIGQUIT, SIGHUP}) {
+            if (handlerOf(signal) != SIG_IGN) {
+                sigaddset(&requests, signal);
+            }
+        }
+        return requests;
+    }();
+    return signals;
+}
 
 void keepKeyboardFromModules()
 {
@@ -180,16 +197,16 @@ void keepKeyboardFromModules()
 
 void watchForRequests(std::function<void()> abandon)
 {
+    requestSignals();
     sem_init(&g_wake, 0, 0);
     pthread_atfork(blockForFork, unblockInParent, leaveSignalsToChild);
     const SignalsBlocked blocked;
     std::thread(endWhenTheMainThreadDoesNot, std::move(abandon)).detach();
     std::thread(takeRequests).detach();
-    for (const int signal : {SIGINT, SIGTERM, SIGQUIT}) {
-        onSignal(signal, request);
-    }
-    if (handlerOf(SIGHUP) == SIG_DFL) {  // nohup(1) ignores it
-        onSignal(SIGHUP, request);
+    for (const int signal : {SIGINT, SIGTERM, SIGQUIT, SIGHUP}) {
+        if (sigismember(&requestSignals(), signal) == 1) {
+            onSignal(signal, request);
+        }
     }
 }
 

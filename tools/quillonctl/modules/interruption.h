@@ -2,8 +2,11 @@
 ///
 /// SIGINT, SIGTERM, SIGQUIT and SIGHUP ask the program to end. Where nothing is being flashed they
 /// end it; what is being flashed is finished first, and no other update is begun. SIGHUP does not
-/// even do that once an update has begun: a terminal that goes away changes nothing.
+/// even do that once an update has begun: a terminal that goes away changes nothing. Those of the
+/// terminal that are ignored when the program starts, as in a script's background, stay ignored.
 #pragma once
+
+#include <signal.h>
 
 #include <functional>
 #include <system_error>
@@ -11,6 +14,9 @@
 #include "tools/quillonctl/exit-codes.h"
 
 namespace quillon {
+
+/// The signals that are requests. To be called for the first time before their handlers change.
+const sigset_t& requestSignals();
 
 /// From now on the first request clears the flag, for the main thread to see. A plug-in may keep
 /// that thread for ever, so half a second later the process ends with kExitInterrupted from another

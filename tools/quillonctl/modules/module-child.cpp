@@ -71,10 +71,8 @@ Shared* g_shared = nullptr;  // in a child
 
 sigset_t heldSignals()
 {
-    sigset_t signals = signalSet({SIGINT, SIGQUIT, SIGTERM, SIGCHLD});
-    if (handlerOf(SIGHUP) != SIG_IGN) {  // nohup(1) ignores it
-        sigaddset(&signals, SIGHUP);
-    }
+    sigset_t signals = requestSignals();
+    sigaddset(&signals, SIGCHLD);
     return signals;
 }
 

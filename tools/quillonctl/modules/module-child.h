@@ -25,7 +25,7 @@ struct ModuleTimes
     std::chrono::milliseconds check = std::chrono::seconds(600);
 };
 
-/// Blocks SIGINT, SIGQUIT, SIGTERM, SIGHUP and SIGCHLD on the calling thread. Those that arrive
+/// Blocks the requests' signals and SIGCHLD on the calling thread. Those that arrive
 /// take effect when it is destroyed.
 class RequestsHeld
 {
