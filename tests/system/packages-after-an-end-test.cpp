@@ -131,6 +131,41 @@ TEST_F(PackagesAfterAnEnd, ByAnInterruptionOfACheckThatIsAboutToMountAreUnmounte
                like("*while unmounitng [" + (kMountDirectory + std::string("alphaemp]*"))));
 }
 
+TEST_F(PackagesAfterAnEnd, OfACheckThatTheHelperDoesNotAnswerAreBlamedOnIt)
+{
+    addModule("alpha", "need=1\n");
+    addModule("beta", "need=1\n");
+    helper.send(SIGSTOP);
+
+    const ModulesResult result = runModules({"check", "--timeout", "5"});
+    helper.send(SIGCONT);
+
+    EXPECT_EQ(result.exitCode, 9);
+    expectText(result.err, like("quillonctl: the mounting helper does not answer; *doctor*"));
+    EXPECT_EQ(result.log.find("no answer from"), std::string::npos) << "it is not asked again";
+    EXPECT_EQ(modulesDocument({"check"})["modules"].size(), 2U);
+    expectTexts(mountedPackages(), {});
+}
+
+TEST_F(PackagesAfterAnEnd, OfACheckWithoutItsHelperAreSaidToStayMounted)
+{
+    addModule("alpha", "wait-in-checkVersion", GUIDED_MODULE);
+    BackgroundLayer layer({"modules", "check"});
+    ASSERT_TRUE(eventually([] { return wasAsked("alpha", "checkVersion("); }));
+    helper.send(SIGKILL);
+    helper.wait();
+    writeFile("/tmp/quillon-test-go", "");
+
+    EXPECT_EQ(layer.wait(), 0) << layer.output();
+    expectText(layer.output(),
+               like("*warning: the package alphaemp stays mounted; *quillonctl modules check*"));
+    EXPECT_EQ(mountedPackages().size(), 1U);
+
+    helper.startAndWait();
+    EXPECT_EQ(runModules({"check"}).err, "");
+    expectTexts(mountedPackages(), {});
+}
+
 TEST_F(PackagesAfterAnEnd, OfAModuleThatBreaksDownInACheckAreNotMounted)
 {
     leaveCrashesToPrograms();

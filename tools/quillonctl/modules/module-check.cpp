@@ -69,23 +69,6 @@ std::vector<ModuleCheck> checkOneByOne(const ModuleSource& source)
     return checks;
 }
 
-/// Also true when that cannot be told: descriptors may be used up.
-bool isPackageMounted(const std::string& identifier)
-{
-    // A package's name is letters and digits, so nothing of it is escaped in the table.
-    const std::string mountPoint = paths::kMountedPackages + identifier;
-    std::ifstream table(paths::kMountTable);
-    for (std::string line; std::getline(table, line);) {
-        std::istringstream words(line);
-        std::string device;
-        std::string directory;
-        if (words >> device >> directory && directory == mountPoint) {
-            return true;
-        }
-    }
-    return !table.is_open() || table.bad();
-}
-
 constexpr std::size_t kColumns = 10;
 
 ModuleChild::Row rowOf(const ModuleCheck& check)
@@ -120,6 +103,22 @@ ModuleCheck checkOf(const ModuleChild::Row& row)
 }
 
 }  // namespace
+
+bool isPackageMounted(const std::string& identifier)
+{
+    // A package's name is letters and digits, so nothing of it is escaped in the table.
+    const std::string mountPoint = paths::kMountedPackages + identifier;
+    std::ifstream table(paths::kMountTable);
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream words(line);
+        std::string device;
+        std::string directory;
+        if (words >> device >> directory && directory == mountPoint) {
+            return true;
+        }
+    }
+    return !table.is_open() || table.bad();
+}
 
 MountTrouble mountTroubleOf(const FWUpdateSymbol& module)
 {

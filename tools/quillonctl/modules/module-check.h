@@ -72,5 +72,7 @@ bool releasePackage(FWUpdateSymbol& module);
 void releasePackages(const ModuleSource& source);
 /// @param identifiers  of packages
 void releasePackages(const std::set<std::string>& identifiers);
+/// Also true when that cannot be told: descriptors may be used up.
+bool isPackageMounted(const std::string& identifier);
 
 }  // namespace quillon

@@ -50,6 +50,7 @@ struct Shared
 {
     std::atomic<std::int64_t> deadline;  ///< of the step, a monotonic time in ns
     std::atomic<bool> isComplete;        ///< the result is here
+    std::atomic<bool> isMounting;        ///< it waits for who mounts, whatever the step
     std::atomic<int> crash;              ///< the signal
     ModuleStep step;
     char module[kLongestName];   ///< whose step it is
@@ -68,6 +69,7 @@ struct Unmap
 using SharedMemory = std::unique_ptr<Shared, Unmap>;
 
 Shared* g_shared = nullptr;  // in a child
+nanoseconds g_checkTime;     // the same
 
 sigset_t heldSignals()
 {
@@ -167,6 +169,25 @@ void noteStep(const std::string& libName, ModuleStep step, const ModuleTimes& ti
     g_shared->deadline = now() + nanoseconds(time).count();
 }
 
+/// Exists while this process waits for who mounts, which is no module's time.
+class Mounting
+{
+public:
+    Mounting() { note(true); }
+    ~Mounting() { note(false); }
+    Mounting(const Mounting&) = delete;
+    Mounting& operator=(const Mounting&) = delete;
+
+private:
+    static void note(bool isMounting)
+    {
+        if (g_shared != nullptr) {
+            g_shared->isMounting = isMounting;
+            g_shared->deadline = now() + g_checkTime.count();
+        }
+    }
+};
+
 /// @return what the parent gets: an exit code, and the texts of all rows or what went wrong
 std::vector<std::string> resultOf(const std::function<ModuleChild::Rows()>& work)
 {
@@ -236,6 +257,7 @@ pid_t start(const std::function<ModuleChild::Rows()>& work, const ModuleTimes& t
             endAtOnce(kExitSystem);
         }
         g_shared = shared;
+        g_checkTime = times.check;
         beChild(work, times);
     }
     return child;
@@ -335,7 +357,46 @@ ModuleChild::Rows rowsOf(const Shared& shared, std::size_t columns)
     return rows;
 }
 
+/// The packages that it may have mounted.
+std::set<std::string> packagesIn(const Shared& shared)
+{
+    std::set<std::string> packages;
+    std::istringstream lines(copyOf(shared.packages, shared.packagesSize, sizeof(shared.packages)));
+    for (std::string package; std::getline(lines, package);) {
+        if (isAlphanumeric(package)) {  // the modules could write there as well
+            packages.insert(package);
+        }
+    }
+    return packages;
+}
+
 }  // namespace
+
+extern "C" {
+// Where the registry asks who mounts, the program is linked so that its calls arrive here.
+int __real_PS_Mount(const char* text, int size, int reserved, int* result);
+int __real_PS_Mknod(const char* text, int size, int reserved, int* result);
+int __real_PS_Umount(const char* directory, int length, int reserved, int* result);
+
+__attribute__((used)) int __wrap_PS_Mount(const char* text, int size, int reserved, int* result)
+{
+    const Mounting mounting;
+    return __real_PS_Mount(text, size, reserved, result);
+}
+
+__attribute__((used)) int __wrap_PS_Mknod(const char* text, int size, int reserved, int* result)
+{
+    const Mounting mounting;
+    return __real_PS_Mknod(text, size, reserved, result);
+}
+
+__attribute__((used)) int __wrap_PS_Umount(const char* directory, int length, int reserved,
+                                           int* result)
+{
+    const Mounting mounting;
+    return __real_PS_Umount(directory, length, reserved, result);
+}
+}
 
 RequestsHeld::RequestsHeld()
 {
@@ -382,23 +443,24 @@ ModuleChild::Rows ModuleChild::run(std::size_t columns, const std::function<Rows
             return work();
         };
         const ChildEnd end = waitFor(start(leavingOut, times_, shared.get()), *shared, requests);
+        const std::set<std::string> packages = packagesIn(*shared);
+        mounted_.insert(packages.begin(), packages.end());
         if (shared->isComplete && end.request == 0) {
             return rowsOf(*shared, columns);
         }
-
-        std::istringstream packages(
-            copyOf(shared->packages, shared->packagesSize, sizeof(shared->packages)));
-        for (std::string package; std::getline(packages, package);) {
-            // The modules could write there as well.
-            if (std::all_of(package.begin(), package.end(), isLetterOrDigit)) {
-                packages_.insert(package);
-            }
+        const bool isHung = end.request == 0 && end.judgedHung != 0;
+        if (isHung && end.judgedHung == shared->deadline && shared->isMounting) {
+            packages_.clear();  // to unmount them would be to wait for the same helper again
+            throw Failure{kExitSystem,
+                          "the mounting helper does not answer; \"quillonctl doctor\" looks at it, "
+                          "and root starts it anew with \"systemctl restart quillon-privileged\""};
         }
+        packages_.insert(packages.begin(), packages.end());
         if (end.request != 0) {
             requests.putBack(end.request);
             throw UpdateSlot::instance().interruption();
         }
-        if (end.judgedHung != 0 && end.judgedHung != shared->deadline) {
+        if (isHung && end.judgedHung != shared->deadline) {
             continue;  // it answered at the very last moment
         }
         const std::string asked =

@@ -61,6 +61,9 @@ public:
     /// in time, that child is over, and the work begins anew in another one, which does not load
     /// the module. Neither destructors nor exit handlers run in a child.
     ///
+    /// A module's time does not run while the child waits for who mounts packages, who gets the
+    /// time of a check. After that the work is given up.
+    ///
     /// A request to end the program ends the child; it takes effect afterwards.
     /// @param columns  of every row that the work returns
     /// @param work     what it raises as a Failure is raised here
@@ -83,11 +86,14 @@ public:
     }
     /// Packages that may still be mounted, of children that were ended early.
     const std::set<std::string>& packages() const { return packages_; }
+    /// Packages that any of the children may have mounted.
+    const std::set<std::string>& mounted() const { return mounted_; }
 
 private:
     const ModuleTimes times_;
     std::map<std::string, ModuleProblem> fallen_;
     std::set<std::string> packages_;
+    std::set<std::string> mounted_;
 };
 
 }  // namespace quillon

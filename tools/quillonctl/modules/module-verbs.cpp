@@ -332,11 +332,11 @@ ExitCode ModuleVerbs::check(const ModuleSource& source)
         checks = apart([&] { return checkModulesApart(child, source); });
     } catch (const Failure&) {
         takeOverTheEnd();
-        releasePackages(child.packages());
+        release(child);
         throw;
     }
     takeOverTheEnd();
-    releasePackages(child.packages());
+    release(child);
     report_.checked(source, checks);
     if (isNoneUsable(checks)) {
         return kExitUnusableModule;
@@ -384,6 +384,19 @@ void ModuleVerbs::release(FWUpdateSymbol& module, const ModuleSource& source)
         report_.warning("the package of " + module.getLibName() +
                         " stays mounted; if it is in use, root learns by whom from: fuser -vm " +
                         paths::kMountedPackages + module.getEMPName());
+    }
+}
+
+/// Unmounts what the check has mounted, and says what stays.
+void ModuleVerbs::release(const ModuleChild& child)
+{
+    releasePackages(child.packages());
+    for (const std::string& package : child.mounted()) {
+        if (isPackageMounted(package)) {
+            report_.warning("the package " + package +
+                            " stays mounted; once \"quillonctl doctor\" finds the mounting helper "
+                            "at work, the next \"quillonctl modules check\" unmounts it");
+        }
     }
 }
 

@@ -70,6 +70,7 @@ private:
     void finish(UpdateWatch& watch);
     void tellAllDone();
     void release(FWUpdateSymbol& module, const ModuleSource& source);
+    void release(const ModuleChild& child);
 
     ModuleReport& report_;
     const std::chrono::milliseconds pollInterval_;
