@@ -147,6 +147,31 @@ TEST_F(BrokenQueries, OfACheckNameTheModuleAndCheckTheOthers)
     expectProblem("crashed", "it crashed while it was loaded (SIGSEGV)");
 }
 
+TEST_F(BrokenQueries, ThatUseUpTheMemoryNameTheModuleAndLeaveTheOthers)
+{
+    if (QUILLON_SANITIZED != 0) {
+        GTEST_SKIP() << "a sanitizer needs memory of its own";
+    }
+    installGuided("alpha", "memory-in-getActiveVersion");
+
+    expectUnusable(of("alpha", list()), "ended", "it used up the memory");
+}
+
+TEST_F(BrokenQueries, ThatUseUpTheMemoryOfAnUpdateEndItWithARemedy)
+{
+    if (QUILLON_SANITIZED != 0) {
+        GTEST_SKIP() << "a sanitizer needs memory of its own";
+    }
+    for (const std::string moment : {"load", "setContext", "getEMPID"}) {
+        installGuided("alpha", "memory-in-" + moment);
+
+        const ModulesResult result = runModules({"update", "beta", "--source", "system"});
+
+        EXPECT_EQ(result.exitCode, 9) << moment << result.err << result.log;
+        expectText(result.err, like("*memory is used up*\"quillonctl modules list\" names*"));
+    }
+}
+
 TEST_F(BrokenQueries, OfTheOnlyModuleOfACheckExitWith11)
 {
     std::filesystem::remove("/usr/fwupdate/controls/beta.so");

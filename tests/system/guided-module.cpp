@@ -38,6 +38,7 @@
 //   end-thread-in-ENTRY  ends its thread
 //   mute-in-ENTRY    keeps everybody from writing to standard error
 //   nofile-in-ENTRY  takes the right to open files from it
+//   memory-in-ENTRY  leaves no memory for anybody
 //   close-in-ENTRY   closes all its files but the standard ones
 //
 // One ENTRY is none: "load", the moment in which it is loaded.
@@ -218,6 +219,14 @@ void act(const std::string& word, const std::string& moment)
     if (is("nofile")) {
         const rlimit none = {};
         ::setrlimit(RLIMIT_NOFILE, &none);
+    }
+    if (is("memory")) {
+        const rlimit none = {0, RLIM_INFINITY};
+        ::setrlimit(RLIMIT_AS, &none);
+        for (std::size_t size = std::size_t{1} << 20U; size >= 16; size /= 2) {
+            while (std::malloc(size) != nullptr) {
+            }
+        }
     }
     if (is("close")) {
         for (int file = STDERR_FILENO + 1; file < 1024; ++file) {

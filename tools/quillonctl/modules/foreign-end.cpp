@@ -1,5 +1,6 @@
 #include "tools/quillonctl/modules/foreign-end.h"
 
+#include <cxxabi.h>
 #include <dlfcn.h>
 #include <semaphore.h>
 #include <sys/syscall.h>
@@ -12,9 +13,11 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <new>
 #include <thread>
+#include <typeinfo>
 #include <utility>
 
 #include "base/signals-blocked.h"
@@ -30,6 +33,9 @@ namespace {
 
 constexpr const char* kCrashed = "\nquillonctl: a module has crashed in its update\n";
 constexpr const char* kEnded = "\nquillonctl: a module has ended the program\n";
+constexpr const char* kNoMemory =
+    "\nquillonctl: memory is used up, probably by a module; \"quillonctl modules list\" names one "
+    "that uses it up, otherwise end other programs\n";
 /// So long the end that a module has brought about may take to be told.
 constexpr std::chrono::seconds kTimeToTell(5);
 /// So many threads may exit at the same moment.
@@ -38,6 +44,7 @@ constexpr std::array<int, 7> kCrashes = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABR
 constexpr std::size_t kAlternateStackSize = 65536;
 
 std::function<void(const std::string&)> g_onEnd;
+std::terminate_handler g_terminate = nullptr;  // the one before
 void (*g_onCrash)(int signal, const char* libName) = nullptr;
 enum class End {
     kNone,
@@ -152,6 +159,20 @@ void crashed(int signal, siginfo_t* info, void* /*context*/)
     static_cast<void>(raise(signal));
 }
 
+/// What a module does in its update is told as its crash.
+void terminated()
+{
+    const std::type_info* raised = abi::__cxa_current_exception_type();
+    const bool isOutOfMemory = raised != nullptr && *raised == typeid(std::bad_alloc);
+    if (getpid() == g_process && g_onCrash == nullptr && isOutOfMemory &&
+        (!holdsOffSignals() || *moduleOnStack() == '\0')) {
+        static_cast<void>(UpdateSlot::instance().giveBack());
+        say(kNoMemory);
+        endAtOnce(holdsOffSignals() ? kExitUpdateFailed : kExitSystem);
+    }
+    g_terminate();
+}
+
 /// Changes the thread's signal mask as pthread_sigmask does, but blocks no signal of a crash.
 int changeMask(int how, const sigset_t* signals, sigset_t* before)
 {
@@ -223,6 +244,7 @@ void watchForForeignEnd(std::function<void(const std::string& libName)> onEnd,
         const SignalsBlocked blocked;
         std::thread(endWhenStuck).detach();
     }
+    g_terminate = std::set_terminate(terminated);
     for (int i = 0; i < kExitsAtOnce; ++i) {
         static_cast<void>(std::atexit(onExit));
         static_cast<void>(std::at_quick_exit(onForeignEnd));

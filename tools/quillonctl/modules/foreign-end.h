@@ -11,7 +11,9 @@ namespace quillon {
 /// process; where it does not within five seconds, the process ends with kExitUpdateFailed or
 /// kExitUnusableModule. A crash gives the update semaphore back, says so, and stays a crash; what
 /// another process sends is none while signals are held off. Neither concerns the processes that a
-/// module forks. A system call that ends the process goes unnoticed.
+/// module forks. Without `onCrash`, memory that is used up is an end with kExitSystem, or with
+/// kExitUpdateFailed while signals are held off, and says so. A system call that ends the process
+/// goes unnoticed.
 ///
 /// To be called once, after the registry's only object was made and before a module is loaded.
 /// Throws std::system_error when no thread can be started.

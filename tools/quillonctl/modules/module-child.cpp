@@ -51,9 +51,10 @@ struct Shared
     std::atomic<std::int64_t> deadline;  ///< of the step, a monotonic time in ns
     std::atomic<bool> isComplete;        ///< the result is here
     std::atomic<bool> isMounting;        ///< it waits for who mounts, whatever the step
+    std::atomic<bool> isMemoryUsedUp;    ///< by the culprit, as far as can be told
     std::atomic<int> crash;              ///< the signal
     ModuleStep step;
-    char module[kLongestName];   ///< whose step it is
+    char module[kLongestName];   ///< whose step it is, or was last
     char culprit[kLongestName];  ///< who crashed or ended the process; empty: it cannot be told
     std::size_t packagesSize;
     char packages[std::size_t{1} << 16U];  ///< identifiers of what may be mounted, a line each
@@ -157,7 +158,9 @@ void notePackageOf(const std::string& libName)
 void noteStep(const std::string& libName, ModuleStep step, const ModuleTimes& times)
 {
     g_shared->step = step;
-    setName(g_shared->module, libName.c_str());
+    if (step != ModuleStep::kNone) {
+        setName(g_shared->module, libName.c_str());
+    }
     if (step == ModuleStep::kChecking) {
         notePackageOf(libName);
     }
@@ -209,6 +212,10 @@ std::vector<std::string> resultOf(const std::function<ModuleChild::Rows()>& work
         return {std::to_string(failure.code), failure.text};
     } catch (const std::system_error& error) {
         return {std::to_string(kExitSystem), noThread(error).text};
+    } catch (const std::bad_alloc&) {
+        setName(g_shared->culprit, g_shared->module);
+        g_shared->isMemoryUsedUp = true;
+        endAtOnce(kExitSystem);
     } catch (const std::exception& error) {
         return {std::to_string(kExitSystem), error.what()};
     }
@@ -327,7 +334,8 @@ ModuleProblem judge(const ChildEnd& end, const Shared& shared, bool isAsked)
         return {"crashed", "it crashed" + when + " (" +
                                nameOf(crash != 0 ? crash : WTERMSIG(end.status)) + ")"};
     }
-    return {"ended", "it ended the program" + when};
+    return {"ended",
+            (shared.isMemoryUsedUp ? "it used up the memory" : "it ended the program") + when};
 }
 
 std::string copyOf(const char* text, std::size_t size, std::size_t longest)
