@@ -2,19 +2,33 @@
 
 #include <sys/stat.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include "base/fd.h"
 
-namespace Json {
-class Value;
-}
-
 /// Files with a JSON object a line, to which the service adds. Thread: any.
 namespace quillon {
 
-/// @return the object on one line, with the line's end. Throws std::exception.
-std::string lineOf(const Json::Value& object);
+/// Makes a JSON object on one line. Throws std::exception.
+class Line
+{
+public:
+    /// Members are written in the order in which they are added, keys as they are.
+    /// @{
+    Line& add(const char* key, const std::string& text);
+    Line& add(const char* key, std::int64_t number);
+    /// @param json  written as it is
+    Line& addJson(const char* key, const std::string& json);
+    /// @}
+
+    /// @return the object with the line's end
+    std::string ended() const { return text_ + "}\n"; }
+
+private:
+    std::string text_;
+};
 
 /// Opens a file to add to it. It should be closed before a module is called: one that closes a
 /// descriptor twice must not have a line written into a file of its own.
@@ -22,5 +36,39 @@ std::string lineOf(const Json::Value& object);
 /// @param[out] opened  what the file is; undefined if not opened
 /// @return none for what is not there, no regular file, or a link. Never throws.
 UniqueFd openForLines(const std::string& path, int flags, struct stat& opened);
+
+/// Blanks behind a file's last line, in front of that line's end, which are mapped: to add a line
+/// there takes no system call, and no descriptor that a module could close. The file holds nothing
+/// but whole lines at any time, also when the process is killed. Nobody else may write to the file.
+/// Thread: one at a time. Never throws, except for open().
+class MappedRoom
+{
+public:
+    MappedRoom() = default;
+    ~MappedRoom() { drop(); }
+    MappedRoom(const MappedRoom&) = delete;
+    MappedRoom& operator=(const MappedRoom&) = delete;
+
+    /// Appends lines, and blanks up to the end of a page. Without memory to map there is no room.
+    /// Throws std::bad_alloc.
+    /// @param lines  not empty
+    /// @return whether all of them have been written
+    bool open(const std::string& path, const std::string& lines);
+
+    /// @return false, and nothing is written, if there is no room
+    bool add(const std::string& line) noexcept;
+
+    /// Takes the blanks that are left from the file, and is without room then.
+    void close(const std::string& path) noexcept;
+
+    /// Leaves the file as it is, and is without room then.
+    void drop() noexcept;
+
+private:
+    char* page_ = nullptr;      ///< the file's last; null without room
+    std::size_t pageSize_ = 0;  ///< in bytes
+    std::size_t end_ = 0;       ///< place of the last line's end in the page, without the blanks
+    off_t fileSize_ = 0;
+};
 
 }  // namespace quillon

@@ -1,7 +1,6 @@
 #include "support/run-history.h"
 
 #include <fcntl.h>
-#include <json/json.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -35,19 +34,19 @@ bool RunHistory::hasDirectory() const
     return fstatat(AT_FDCWD, directory_.c_str(), &status, 0) == 0;
 }
 
-void RunHistory::begin(Json::Value line)
+void RunHistory::begin(const std::string& line)
 {
     isSlow_ = false;
     isMissed_ = false;
-    first_ = std::move(line);
+    first_ = line;
     others_.clear();
     place_ = Place::kMemory;
 }
 
-void RunHistory::add(const Json::Value& line)
+void RunHistory::add(const std::string& line)
 {
     if (place_ == Place::kMemory) {
-        others_ += lineOf(line);
+        others_ += line;
         if (others_.size() > kMostInMemory) {
             keep();
         }
@@ -57,17 +56,17 @@ void RunHistory::add(const Json::Value& line)
         return;
     }
     isLost_ = true;  // also where memory runs out, of which giveUp() learns
-    place_ = append(lineOf(line)) ? Place::kFile : Place::kNowhere;
+    place_ = append(line) ? Place::kFile : Place::kNowhere;
     markLost(place_ != Place::kFile);
 }
 
-void RunHistory::end(const Json::Value& line)
+void RunHistory::end(const std::string& line)
 {
     if (isMissed_) {
         keep();
     }
     if (place_ == Place::kMemory && !others_.empty()) {
-        addRefused(lineOf(first_) + others_ + lineOf(line));
+        addRefused(first_ + others_ + line);
     } else if (place_ == Place::kFile) {
         add(line);
     }
@@ -86,9 +85,9 @@ void RunHistory::keep()
     struct stat status = {};
     const bool wasLost = fstatat(AT_FDCWD, lostLines_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
     if (wasLost) {
-        first_["lost"] = true;
+        first_.insert(first_.rfind('}'), R"(,"lost":true)");
     }
-    const bool isWritten = append(lineOf(first_) + others_);
+    const bool isWritten = append(first_ + others_);
     if (isWritten && wasLost) {
         unlink(lostLines_.c_str());
     }

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <json/value.h>
-
 #include <string>
 
 namespace quillon {
@@ -49,11 +47,11 @@ public:
 
     bool hasDirectory() const;
 
-    /// @name The lines of a run: its first, others, and its last
+    /// @name The lines of a run with their ends: its first, others, and its last
     /// @{
-    void begin(Json::Value line);
-    void add(const Json::Value& line);
-    void end(const Json::Value& line);
+    void begin(const std::string& line);
+    void add(const std::string& line);
+    void end(const std::string& line);
     /// @}
 
     /// A plug-in is about to be asked to install: brings the run's lines to the disk.
@@ -75,7 +73,7 @@ private:
     const std::string lostLines_;
     const double longestSync_;
     Place place_ = Place::kNowhere;  ///< where all lines of a run are that has begun
-    Json::Value first_;              ///< the first line of a run in memory
+    std::string first_;              ///< the first line of a run in memory
     std::string others_;             ///< the others
     bool isMissed_ = false;          ///< the lines in memory lack one
     bool isLost_ = false;  ///< an error is about to leave the lines in the file without an end

@@ -2,7 +2,7 @@
 
 #include <fcntl.h>
 #include <glib.h>
-#include <json/json.h>
+#include <json/writer.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -15,7 +15,6 @@
 #include "base/fd.h"
 #include "base/replace-file.h"
 #include "support/module-reason.h"
-#include "support/record-file.h"
 
 namespace quillon {
 namespace {
@@ -63,12 +62,20 @@ bool isText(const std::string& version)
            std::none_of(version.begin(), version.end(), isControl);
 }
 
-Json::Value lineAbout(const char* event)
+std::int64_t millisecondsSinceBoot()
 {
-    Json::Value line;
-    line["event"] = event;
-    line["clock"] = secondsSinceBoot();
-    return line;
+    constexpr long kNanosecondsPerMillisecond = 1000000;
+    timespec now{};
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / kNanosecondsPerMillisecond;
+}
+
+void addClock(Line& line)
+{
+    const std::int64_t now = millisecondsSinceBoot();
+    const std::string fraction = std::to_string(now % 1000);
+    line.addJson("clock", std::to_string(now / 1000) + "." + std::string(3 - fraction.size(), '0') +
+                              fraction);
 }
 
 /// Adds to a file, which is open for no longer than that.
@@ -85,12 +92,7 @@ bool append(const std::string& path, int flags, const std::string& lines)
 
 double secondsSinceBoot()
 {
-    constexpr long kNanosecondsPerMillisecond = 1000000;
-    timespec now{};
-    clock_gettime(CLOCK_BOOTTIME, &now);
-    const std::int64_t milliseconds =
-        std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / kNanosecondsPerMillisecond;
-    return static_cast<double>(milliseconds) / 1000;
+    return static_cast<double>(millisecondsSinceBoot()) / 1000;
 }
 
 RunRecord::RunRecord(const std::string& directory, const std::string& history)
@@ -112,9 +114,10 @@ RunRecord::RunRecord(const std::string& directory, const std::string& history)
 void RunRecord::serving(bool hasKey)
 {
     unnoticed([&] {
-        Json::Value line = lineAbout("serving");
-        line["key"] = hasKey;
-        add(kStart, line);
+        Line line;
+        addClock(line);
+        line.add("event", "serving").addJson("key", hasKey ? "true" : "false");
+        add(kStart, line.ended());
     });
 }
 
@@ -124,37 +127,41 @@ void RunRecord::hear(const ModuleNews& news)
         return history_.keep();
     }
     const Entry entry = entryOf(news.event);
-    Json::Value line = lineAbout(entry.event);
-    line["module"] = news.libName;
-    if (entry.hasResult) {
-        line["result"] = news.result;
+    Line line;
+    addClock(line);
+    if (!news.detail.empty()) {
+        line.add("detail", news.detail.substr(0, kLongestDetail));
     }
-    if (entry.hasSeconds) {
-        line["seconds"] = news.seconds;
+    line.add("event", entry.event).add("module", news.libName);
+    if (const std::string offered = offeredTo(news); !offered.empty()) {
+        line.addJson("offered", offered);
     }
     if (news.reason != ModuleReason::kNone) {
-        line["reason"] = codeOf(news.reason);
+        line.add("reason", codeOf(news.reason));
     }
-    if (!news.detail.empty()) {
-        line["detail"] = news.detail.substr(0, kLongestDetail);
+    if (entry.hasResult) {
+        line.add("result", news.result);
     }
-    if (!news.offered.empty()) {
-        line["offered"] = isText(news.offered) ? Json::Value(news.offered) : Json::Value();
+    if (entry.hasSeconds) {
+        line.add("seconds", news.seconds);
     }
-    rememberOffer(news.event, line);
-    if (news.event == ModuleEvent::kLoaded || news.event == ModuleEvent::kDecided) {
-        held_[entry.record] = lineOf(line);
+    if (news.event == ModuleEvent::kLoading) {
+        addWhileLoading(line.ended());
+    } else if (news.event == ModuleEvent::kLoaded || news.event == ModuleEvent::kDecided) {
+        held_[entry.record] = line.ended();
     } else {
-        add(entry.record, line);
+        add(entry.record, line.ended());
     }
 }
 
 void RunRecord::hearRun(const RunNews& news)
 {
-    Json::Value ended = lineAbout("ended");
-    ended["result"] = news.result;
+    Line line;
+    addClock(line);
+    const std::string ended = line.add("event", "ended").add("result", news.result).ended();
     switch (news.event) {
         case RunEvent::kModulesLoaded:
+            loading_.close(paths_[kStart]);
             return write(kStart, "");
         case RunEvent::kEstimateBegan:
             return begin(kEstimate, news.directory);
@@ -163,7 +170,7 @@ void RunRecord::hearRun(const RunNews& news)
         case RunEvent::kUpdateBegan:
             return begin(kUpdate, news.directory);
         case RunEvent::kUpdateEnded:
-            write(kUpdate, lineOf(ended));
+            write(kUpdate, ended);
             return history_.end(ended);
     }
 }
@@ -189,6 +196,9 @@ void RunRecord::giveUp(Record record) noexcept
 {
     isKept_[record] = false;
     unlink(paths_[record].c_str());
+    if (record == kStart) {
+        loading_.drop();
+    }
     if (record == kUpdate) {
         history_.giveUp();
     }
@@ -199,18 +209,19 @@ void RunRecord::giveUp(Record record) noexcept
 void RunRecord::begin(Record record, const std::string& stick)
 {
     const std::string made = directory_ + kNewNames[record];
-    Json::Value line = lineAbout("began");
-    line["at"] = Json::Int64(time(nullptr));
-    line["pid"] = getpid();
+    Line about;
+    about.add("at", time(nullptr));
+    addClock(about);
     if (!stick.empty()) {
         // A client may pad its path with "/".
         const std::size_t last = stick.find_last_not_of('/');
-        line["directory"] = stick.substr(0, last == std::string::npos ? 1 : last + 2);
+        about.add("directory", stick.substr(0, last == std::string::npos ? 1 : last + 2));
     }
+    const std::string line = about.add("event", "began").add("pid", getpid()).ended();
     isKept_[record] = false;
     held_[record].clear();
     unlink(made.c_str());  // left by a service that was killed just here, or a link
-    isKept_[record] = append(made, O_CREAT | O_EXCL, lineOf(line)) &&
+    isKept_[record] = append(made, O_CREAT | O_EXCL, line) &&
                       chmod(made.c_str(), kMode) == 0 &&  // whatever the umask
                       std::rename(made.c_str(), paths_[record].c_str()) == 0;
     if (record == kUpdate) {
@@ -231,28 +242,50 @@ void RunRecord::write(Record record, const std::string& text)
     }
 }
 
-void RunRecord::add(Record record, const Json::Value& line)
+void RunRecord::add(Record record, const std::string& line)
 {
-    write(record, lineOf(line));
+    write(record, line);
     if (record == kUpdate) {
         history_.add(line);
     }
 }
 
-/// Takes the version from a look's line, and gives it to that of an update which has begun: the
-/// update itself finds it only later, and may be cut off before.
-void RunRecord::rememberOffer(ModuleEvent event, Json::Value& line)
+/// As add() for the record of the start, with the line that has been held back.
+void RunRecord::addWhileLoading(const std::string& line)
 {
-    if (event != ModuleEvent::kDecided && event != ModuleEvent::kStarted) {
+    if (!std::exchange(isKept_[kStart], false)) {
         return;
     }
-    const std::lock_guard<std::mutex> lock(mutex_);
-    Json::Value& offer = offers_[line["module"].asString()];
-    if (event == ModuleEvent::kDecided) {
-        offer = line.get("offered", Json::Value());
-    } else if (!offer.isNull()) {
-        line["offered"] = offer;
+    const std::string held = std::exchange(held_[kStart], {});
+    if (held.empty() || loading_.add(held)) {
+        isKept_[kStart] = loading_.add(line) || loading_.open(paths_[kStart], line);
+    } else {
+        isKept_[kStart] = loading_.open(paths_[kStart], held + line);
     }
+    if (!isKept_[kStart]) {
+        giveUp(kStart);
+    }
+}
+
+/// Gives the version of a look to the line of an update which has begun: the update itself finds it
+/// only later, and may be cut off before.
+/// @return as JSON; empty for none
+std::string RunRecord::offeredTo(const ModuleNews& news)
+{
+    std::string offered;
+    if (!news.offered.empty()) {
+        offered = isText(news.offered) ? Json::valueToQuotedString(news.offered.c_str()) : "null";
+    }
+    if (news.event == ModuleEvent::kDecided || news.event == ModuleEvent::kStarted) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        std::string& offer = offers_[news.libName];
+        if (news.event == ModuleEvent::kDecided) {
+            offer = offered != "null" ? offered : "";
+        } else if (!offer.empty()) {
+            return offer;
+        }
+    }
+    return offered;
 }
 
 }  // namespace quillon

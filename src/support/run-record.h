@@ -1,7 +1,5 @@
 #pragma once
 
-#include <json/value.h>
-
 #include <array>
 #include <map>
 #include <mutex>
@@ -9,6 +7,7 @@
 
 #include "support/module-observer.h"
 #include "support/paths.h"
+#include "support/record-file.h"
 #include "support/run-history.h"
 
 namespace quillon {
@@ -39,9 +38,12 @@ double secondsSinceBoot();
 /// The lines of an update are given to the history as well, see RunHistory.
 ///
 /// A file is open only while a line is written: a module that closes a descriptor twice must not
-/// have a record written into a file of its own. A file that cannot be made or written is removed,
-/// and the service goes on without it: a record that exists is never behind the service. Thread:
-/// any; the lines of one file come from one thread at a time.
+/// have a record written into a file of its own. While modules are loaded, the record of the start
+/// is mapped, so that a line costs no system call; lines of that time may end in blanks.
+///
+/// A file that cannot be made or written is removed, and the service goes on without it: a record
+/// that exists is never behind the service. Thread: any; the lines of one file come from one thread
+/// at a time.
 class RunRecord final : public ModuleObserver
 {
 public:
@@ -69,16 +71,18 @@ private:
     void giveUp(Record record) noexcept;
     void begin(Record record, const std::string& stick);
     void write(Record record, const std::string& text);
-    void add(Record record, const Json::Value& line);
-    void rememberOffer(ModuleEvent event, Json::Value& line);
+    void add(Record record, const std::string& line);
+    void addWhileLoading(const std::string& line);
+    std::string offeredTo(const ModuleNews& news);
 
     const std::string directory_;
     const std::array<std::string, kRecords> paths_;
     bool isKept_[kRecords] = {};
     RunHistory history_;
     std::string held_[kRecords];  ///< lines that are still to be written
+    MappedRoom loading_;          ///< in the record of the start
     std::mutex mutex_;
-    std::map<std::string, Json::Value> offers_;  ///< versions that looks have found; with mutex_
+    std::map<std::string, std::string> offers_;  ///< as JSON, what looks have found; with mutex_
 };
 
 }  // namespace quillon

@@ -3,7 +3,6 @@
 #include "support/run-history.h"
 
 #include <fcntl.h>
-#include <json/json.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -21,6 +20,7 @@
 #include "fw-update-symbol-manager-registry.h"
 #include "support/files.h"
 #include "support/process.h"
+#include "support/record-file.h"
 #include "support/run-record.h"
 #include "support/texts.h"
 
@@ -62,11 +62,9 @@ const std::string kEarlierFile = std::string(kDirectory) + "earlier-history.json
 const std::string kRefusedFile = std::string(kDirectory) + "refused.jsonl";
 constexpr double kNeverSlow = 3600;
 
-Json::Value line(const std::string& event)
+std::string line(const std::string& event)
 {
-    Json::Value value;
-    value["event"] = event;
-    return value;
+    return Line().add("event", event).ended();
 }
 
 std::vector<std::string> linesOf(const std::string& path)
@@ -134,8 +132,8 @@ TEST_F(RunHistories, ReachTheDiskOnlyWhenAFlashIsAboutToBegin)
 
 TEST_F(RunHistories, StayInMemoryUpToALimit)
 {
-    Json::Value large = line("finished");
-    large["detail"] = std::string(128U << 10U, 'x');
+    const std::string large =
+        Line().add("detail", std::string(128U << 10U, 'x')).add("event", "finished").ended();
     history.begin(line("began"));
     for (int i = 0; i < 7; ++i) {
         history.add(large);
@@ -230,8 +228,8 @@ TEST_F(RunHistories, StayWhereTheyAreUntilTheyAreFull)
 
 TEST_F(RunHistories, GrowNoFurtherInOneRun)
 {
-    Json::Value large = line("finished");
-    large["detail"] = std::string(400000, 'x');
+    const std::string large =
+        Line().add("detail", std::string(400000, 'x')).add("event", "finished").ended();
 
     beginKept();
     for (int i = 0; i < 10; ++i) {

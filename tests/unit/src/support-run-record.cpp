@@ -198,6 +198,54 @@ TEST_F(RunRecords, NameTheModuleThatTheServiceHasDiedIn)
     expectText(linesIn("estimate.jsonl").back(), R"({"event":"checking","module":"alpha"})");
 }
 
+TEST_F(RunRecords, NameTheModuleThatWasBeingLoadedWhenTheServiceDied)
+{
+    device.addModule("alpha", Module().with("setContext", fakes::Effect::Crash));
+    observe();
+
+    EXPECT_EQ(inChild([this] { return manager->getIsReady(true); }), -SIGABRT);
+
+    expectTexts(linesIn("start.jsonl"),
+                {R"({"event":"began"})", R"({"event":"loading","module":"alpha"})"});
+    EXPECT_EQ(readAll(kRecords + std::string("start.jsonl")).back(), '\n')
+        << "without it, readers would take the line for one that was cut";
+}
+
+TEST_F(RunRecords, OfAStartHaveALineForEachStepAtAnyTime)
+{
+    constexpr int kModules = 80;  // of more than two pages
+    RunRecord& record = observe();
+    std::vector<std::string> expected = {R"({"event":"began"})"};
+    for (int i = 0; i < kModules; ++i) {
+        const std::string name = "module" + std::to_string(i);
+        record.hear({ModuleEvent::kLoading, name});
+        expected.push_back(R"({"event":"loading","module":")" + name + R"("})");
+        ASSERT_EQ(linesIn("start.jsonl"), expected);
+        record.hear({ModuleEvent::kLoaded, name});
+        expected.push_back(R"({"event":"loaded","module":")" + name +
+                           R"(","result":0,"seconds":0})");
+    }
+    record.hearRun({RunEvent::kModulesLoaded, ""});
+
+    EXPECT_EQ(linesIn("start.jsonl"), expected);
+    const std::string text = readAll(kRecords + std::string("start.jsonl"));
+    EXPECT_EQ(text.substr(text.size() - 2), "}\n") << "no blanks are left behind the last line";
+}
+
+TEST_F(RunRecords, OfAStartAreGivenUpWhenTheDiskIsFull)
+{
+    RunRecord& record = observe();
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit few = {200, RLIM_INFINITY};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &few), 0);
+
+    record.hear({ModuleEvent::kLoading, "alpha"});
+    record.hear({ModuleEvent::kLoaded, "alpha"});
+    record.hear({ModuleEvent::kLoading, "beta"});
+
+    EXPECT_FALSE(fs::exists(kRecords + std::string("start.jsonl")));
+}
+
 TEST_F(RunRecords, OfAnEarlierStartStay)
 {
     observe();
@@ -218,7 +266,8 @@ TEST_F(RunRecords, KeepNoDescriptorThatAModuleCouldClose)
     ASSERT_TRUE(manager->getIsReady(true));
     const auto before = descriptors();
 
-    observe();
+    observe().hear({ModuleEvent::kLoading, "alpha"});
+    EXPECT_EQ(descriptors(), before);
     estimate();
     update();
 

@@ -70,6 +70,15 @@ protected:
     }
 };
 
+// The service overwrites blanks with the next line, and may be killed meanwhile.
+TEST_F(Quarantine, ReadsALineWithBlanksAndHalfOfTheNextBehindIt)
+{
+    const std::string loading = "{\"event\":\"loading\",\"module\":\"tuner\"}";
+    expectText(ends(loading + std::string(4000, ' ') + "\n"), like("*tuner, 1 of 3 times*"));
+    expectText(ends(loading + " {\"event\":\"loa" + std::string(3985, ' ') + "\n"),
+               like("*tuner, 2 of 3 times*"));
+}
+
 TEST_F(Quarantine, TakesAModuleAfterTheThirdStartInARowThatEndsAtIt)
 {
     const std::string loaded = "{\"event\":\"loaded\",\"module\":\"lamp\",\"result\":0}\n";
