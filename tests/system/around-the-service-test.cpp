@@ -251,7 +251,7 @@ TEST_F(AroundTheService, AStoppedServiceHasEndedInOrder)
     ASSERT_NO_FATAL_FAILURE(daemon.startAndWait());
     const Result ended = unit("end " + std::to_string(daemon.pid()));
     ASSERT_EQ(ended.status, 0) << ended.err;
-    EXPECT_EQ(daemon.waitForEnd(std::chrono::seconds(10)), 0);
+    EXPECT_EQ(daemon.waitForEnd(kPatience), 0);
 
     EXPECT_EQ(unit("tidy", kEndedByItself).status, 0);
 }

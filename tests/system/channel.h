@@ -8,6 +8,7 @@
 #include <string>
 
 #include "fw-update-mqdata.h"
+#include "support/wait.h"
 
 namespace quillon::test {
 
@@ -26,11 +27,11 @@ public:
 
     /// @return whether the queue took the bytes within the time-out.
     bool sendBytes(const void* data, std::size_t size,
-                   std::chrono::milliseconds timeout = std::chrono::seconds(20));
+                   std::chrono::milliseconds timeout = kPatience);
     bool send(const MQData& record) { return sendBytes(&record, sizeof record); }
 
     /// @return the next reply, or nothing after the time-out.
-    std::optional<MQData> receive(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    std::optional<MQData> receive(std::chrono::milliseconds timeout = kPatience);
 
     /// Sends a command and takes the next reply.
     std::optional<MQData> ask(int32_t command);

@@ -71,8 +71,7 @@ public:
     std::vector<std::string> logLinesWith(const std::string& text) const;
 
     /// @return whether a line with this text is in the log, or comes within the time-out.
-    bool logs(const std::string& text,
-              std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+    bool logs(const std::string& text, std::chrono::milliseconds timeout = kPatience) const;
 
     std::size_t openDescriptors() const;
     std::size_t threads() const;

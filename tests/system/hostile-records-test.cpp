@@ -208,7 +208,7 @@ TEST_F(HostileRecords, TenThousandOfThemLeaveTheDaemonServingAndStoppingInOrder)
     channel->drain();
 
     expectItStillServes();
-    EXPECT_TRUE(eventually([&] { return daemon.threads() == threads; }, seconds(10)));
+    EXPECT_TRUE(eventually([&] { return daemon.threads() == threads; }));
     EXPECT_EQ(daemon.stop(), 0);
 }
 
@@ -250,9 +250,8 @@ TEST_F(HostileRecords, AClientThatReadsNoReplyHoldsTheDaemonUpUntilSomebodyDoes)
     for (int i = 0; i < kMoreThanTheQueueHolds; ++i) {
         ASSERT_TRUE(channel->send(Channel::record(MQ_COMMAND_PROGRESS)));
     }
-    ASSERT_TRUE(
-        eventually([&] { return channel->waitingReplies() == FW_MQ_MAX_MESSAGES; }, seconds(20)));
-    ASSERT_TRUE(eventually([&] { return channel->waitingCommands() <= 2; }, seconds(20)));
+    ASSERT_TRUE(eventually([&] { return channel->waitingReplies() == FW_MQ_MAX_MESSAGES; }));
+    ASSERT_TRUE(eventually([&] { return channel->waitingCommands() <= 2; }));
     usleep(100000);
     EXPECT_EQ(channel->waitingCommands(), 2) << "one waits to be answered, two to be taken";
 

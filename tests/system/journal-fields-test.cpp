@@ -39,16 +39,14 @@ protected:
     std::optional<JournalEntry> entry(const std::string& message)
     {
         std::optional<JournalEntry> found;
-        eventually(
-            [&] {
-                for (const JournalEntry& one : entries()) {
-                    if (one.at("MESSAGE") == message) {
-                        found = one;
-                    }
+        eventually([&] {
+            for (const JournalEntry& one : entries()) {
+                if (one.at("MESSAGE") == message) {
+                    found = one;
                 }
-                return found.has_value();
-            },
-            std::chrono::seconds(20));
+            }
+            return found.has_value();
+        });
         return found;
     }
 

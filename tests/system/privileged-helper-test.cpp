@@ -647,7 +647,7 @@ TEST_F(PrivilegedHelper, OutlivesWhoeverReadsItsLog)
     });
     ::close(ends[0]);
     ::close(ends[1]);
-    EXPECT_TRUE(eventually([] { return umountNothing() == ENOENT; }, std::chrono::seconds(20)));
+    EXPECT_TRUE(eventually([] { return umountNothing() == ENOENT; }));
     EXPECT_EQ(helper.end(), 0);
 }
 

@@ -111,16 +111,13 @@ void Helper::start(const std::vector<std::string>& options, const std::function<
 void Helper::startAndWait(const std::vector<std::string>& options)
 {
     start(options);
-    ASSERT_TRUE(eventually([&] { return log().find("> ready") != std::string::npos; },
-                           std::chrono::seconds(20)))
-        << log();
+    ASSERT_TRUE(eventually([&] { return log().find("> ready") != std::string::npos; })) << log();
 }
 
 int Helper::wait()
 {
     int status = 0;
-    const bool ended = eventually([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; },
-                                  std::chrono::seconds(20));
+    const bool ended = eventually([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; });
     EXPECT_TRUE(ended) << log();
     if (!ended) {
         ::kill(pid_, SIGKILL);

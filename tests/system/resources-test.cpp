@@ -23,9 +23,7 @@ protected:
     void expectTheSameAsBefore()
     {
         EXPECT_EQ(daemon.openDescriptors(), descriptors_);
-        EXPECT_TRUE(
-            eventually([&] { return daemon.threads() == threads_; }, std::chrono::seconds(10)))
-            << daemon.threads();
+        EXPECT_TRUE(eventually([&] { return daemon.threads() == threads_; })) << daemon.threads();
     }
 
 private:

@@ -42,21 +42,21 @@ TEST_F(Trace, ShowsThePlaceAndTheTextOfALogLineAsSixArguments)
     const std::size_t number = line.find('(') + 1;
     const std::string hit = "6|FWUPDATE|quillon-service.cpp|firmware_control_task|" +
                             line.substr(number, line.find(')') - number) + "|" + text + "|";
-    EXPECT_TRUE(eventually([&] { return !tracer.hits().empty(); }, std::chrono::seconds(20)));
+    EXPECT_TRUE(eventually([&] { return !tracer.hits().empty(); }));
     expectTextAmong(tracer.hits(), hit);
 }
 
 TEST_F(Trace, ShowsTheMessageAsItIsFormatted)
 {
     estimate();
-    EXPECT_TRUE(eventually([&] { return tracer.hits().size() >= 3; }, std::chrono::seconds(20)));
+    EXPECT_TRUE(eventually([&] { return tracer.hits().size() >= 3; }));
     expectTextAmong(tracer.hits(), like("*|Error: /opt/media/USBDriveA/tuner.bin open fail|*"));
 }
 
 TEST_F(Trace, LeavesTheServiceServingWhenTheTracerHasGone)
 {
     ASSERT_TRUE(channel->ask(MQ_COMMAND_PROGRESS));
-    EXPECT_TRUE(eventually([&] { return !tracer.hits().empty(); }, std::chrono::seconds(20)));
+    EXPECT_TRUE(eventually([&] { return !tracer.hits().empty(); }));
     tracer.detach();
 
     putImagesForAll("2.0");

@@ -100,7 +100,7 @@ void Tracer::detach()
         return;
     }
     ::kill(pid_, SIGINT);  // as a person does; on other signals gdb leaves its breakpoint behind
-    EXPECT_TRUE(eventually([&] { return !runs(); }, std::chrono::seconds(20))) << output();
+    EXPECT_TRUE(eventually([&] { return !runs(); })) << output();
 }
 
 bool Tracer::runs()

@@ -213,7 +213,7 @@ TEST_F(UsbUpdate, RefusesAnotherStartUntilTheEndWasReported)
     ASSERT_TRUE(channel->send(Channel::record(MQ_COMMAND_START)));
     const auto accepted = channel->receive();
     ASSERT_TRUE(accepted && accepted->result == MQ_RESULT_ACCEPTED);
-    ASSERT_TRUE(eventually([&] { return version(orderOf(daemon).back()) == "2.0"; }, seconds(20)));
+    ASSERT_TRUE(eventually([&] { return version(orderOf(daemon).back()) == "2.0"; }));
 
     const auto refused = channel->ask(MQ_COMMAND_START);
     ASSERT_TRUE(refused);

@@ -43,8 +43,8 @@ bool forkedChildEnds()
         std::exit(0);
     }
     int status = 0;
-    const bool hasEnded = quillon::test::eventually(
-        [&] { return waitpid(child, &status, WNOHANG) == child; }, std::chrono::seconds(20));
+    const bool hasEnded =
+        quillon::test::eventually([&] { return waitpid(child, &status, WNOHANG) == child; });
     if (!hasEnded) {
         kill(child, SIGKILL);
         waitpid(child, &status, 0);

@@ -21,7 +21,7 @@ using namespace fakes;
 constexpr char kImage[] = "/opt/media/USBDriveA/alpha.bin";
 
 // Whoever waits for a FIFO that nobody writes to would wait forever.
-constexpr unsigned int kPatienceSeconds = 10;
+constexpr unsigned int kPatienceSeconds = 50;
 
 class ImageFile : public UsbImages
 {

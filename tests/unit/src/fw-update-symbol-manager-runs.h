@@ -18,7 +18,7 @@
 namespace quillon::test {
 
 inline constexpr const char* kUpdateList = "/tmp/fwupdate-off-list.txt";
-inline constexpr std::chrono::seconds kLongEnough{20};
+inline constexpr std::chrono::seconds kLongEnough{50};
 
 /// Threads wait before it until somebody opens it.
 class Gate

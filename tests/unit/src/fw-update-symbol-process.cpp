@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "offered-firmware.h"
+#include "support/wait.h"
 
 namespace quillon::test {
 namespace {
@@ -171,14 +172,14 @@ TEST_F(ProcessModule, WaitsWhileAnotherIsRunning)
     installProcess(Module());
     install(Module().onUpdate([this](const char*, unsigned long) {
         // The other one has come as far as it can: the name is given before the wait.
-        EXPECT_TRUE(waitForText("prctl(PR_SET_NAME, \"\") = 0", std::chrono::seconds(10)));
+        EXPECT_TRUE(waitForText("prctl(PR_SET_NAME, \"\") = 0", kPatience));
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         note("the first one returns");
     }));
     recordCalls({"prctl"});
 
     std::thread first([this] { EXPECT_EQ(module.runProcess(CALLER_SERVICE, argument), 0); });
-    EXPECT_TRUE(waitForText("tuner.doUpdate(\"tuner\", 0)", std::chrono::seconds(10)));
+    EXPECT_TRUE(waitForText("tuner.doUpdate(\"tuner\", 0)", kPatience));
     EXPECT_EQ(run(), 0);
     first.join();
 
@@ -191,13 +192,12 @@ TEST_F(ProcessModule, RunsWhileAFirmwareIsBeingInstalled)
     offer(kSystemDirectory);
     bool overlapped = false;
     install(Module().needsUpdate().onUpdate([&overlapped](const char*, unsigned long) {
-        overlapped = waitForText("EXT-tool.doUpdate(\"EXT-tool\", 0)", std::chrono::seconds(10));
+        overlapped = waitForText("EXT-tool.doUpdate(\"EXT-tool\", 0)", kPatience);
     }));
     installProcess(Module());
 
     std::thread installing([this] { EXPECT_EQ(update(CALLER_SYSTEM, argument), 0); });
-    EXPECT_TRUE(
-        waitForText("========== [ tunerA1 update start ] ==========", std::chrono::seconds(10)));
+    EXPECT_TRUE(waitForText("========== [ tunerA1 update start ] ==========", kPatience));
     EXPECT_EQ(run(), 0);
     installing.join();
 

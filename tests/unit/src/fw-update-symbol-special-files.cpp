@@ -17,7 +17,7 @@ namespace {
 using namespace fakes;
 
 // Whoever opens a FIFO that nobody writes to would wait for ever.
-constexpr unsigned int kPatienceSeconds = 10;
+constexpr unsigned int kPatienceSeconds = 50;
 
 struct Source
 {

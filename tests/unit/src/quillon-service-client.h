@@ -22,7 +22,7 @@
 
 namespace quillon::test {
 
-inline constexpr int kPatienceSeconds = 10;
+inline constexpr int kPatienceSeconds = 50;
 
 inline timespec secondsFromNow(int seconds)
 {

@@ -16,7 +16,7 @@ using namespace quillon::test;
 namespace {
 
 constexpr const char* kMarker = "/tmp/fw_update_ready_usb";
-constexpr std::chrono::seconds kPatience{10};
+constexpr std::chrono::seconds kPatience{50};
 
 constexpr const char* kRegister = "smart_deadlock_register_watchdog_service(60) = ";
 constexpr const char* kNotify = "smart_deadlock_watchdog_notify() = 0";

@@ -103,7 +103,7 @@ protected:
 
 TEST_P(ChecksumKernel, AgreesWithTheDefinitionForEveryLengthAndEveryAlignment)
 {
-    constexpr std::size_t kLongest = 4096;
+    constexpr std::size_t kLongest = 1024;  // four steps of the widest kernel
     constexpr std::size_t kAlignments = 64;
     const Bytes bytes = noise(kLongest + kAlignments);
     for (std::size_t start = 0; start < kAlignments; ++start) {
