@@ -65,6 +65,7 @@ FILES:quillon-tools = " \
 "
 FILES:${PN}-dev += " \
     ${libdir}/cmake \
+    ${datadir}/quillon/client \
     ${datadir}/quillon/module-template \
 "
 # The service loads its verifier from this one place, whatever the library directory is called.
