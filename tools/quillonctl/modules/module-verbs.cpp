@@ -12,6 +12,7 @@
 
 #include "platform/app-binary-manager.h"
 #include "platform/power.h"
+#include "platform/privileged.h"
 #include "src/fw-update-common.h"
 #include "src/support/paths.h"
 #include "tools/quillonctl/modules/foreign-end.h"
@@ -392,7 +393,10 @@ void ModuleVerbs::release(const ModuleChild& child)
 {
     releasePackages(child.packages());
     for (const std::string& package : child.mounted()) {
-        if (isPackageMounted(package)) {
+        const std::string place = paths::kMountedPackages + package;
+        int answer = 0;  // that it is in use stands in the table
+        if (isPackageMounted(package) &&
+            PS_Umount(place.c_str(), static_cast<int>(place.size()), 0, &answer) != 0) {
             report_.warning("the package " + package +
                             " stays mounted; once \"quillonctl doctor\" finds the mounting helper "
                             "at work, the next \"quillonctl modules check\" unmounts it");
