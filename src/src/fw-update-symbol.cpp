@@ -622,6 +622,7 @@ bool FWUpdateSymbol::loadInformation(const std::string& path)
     }
 
     information_.version = root.get("version", "0000").asString();
+    offer(information_.version.c_str());
 
     try {
         information_.crc = root.get("crc", 0U).asUInt();

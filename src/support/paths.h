@@ -14,6 +14,7 @@ inline constexpr const char* kUpdateList = "/tmp/fwupdate-off-list.txt";
 inline constexpr const char* kRunRecords = "/run/quillon/run/";
 inline constexpr const char* kLayerRecords = "/run/quillon/run/modules/";
 inline constexpr const char* kRunHistory = "/var/lib/quillon/history/";
+inline constexpr const char* kLayerHistory = "/var/lib/quillon/history/modules/";
 
 inline constexpr const char* kProvisioningPackage = "/usr/share/sdp/quillon-key/00000066.bin";
 inline constexpr const char* kVerifierLibrary = "/usr/lib/libkUEPUser.so";

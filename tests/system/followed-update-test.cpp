@@ -177,7 +177,7 @@ TEST_F(FollowedLayer, IsShownToEverybodyAndAgainAfterAnInterruption)
     EXPECT_EQ(update.wait(), 0);
     EXPECT_EQ(second.wait(), 0);
     EXPECT_EQ(again.wait(), 0);
-    expectText(again.output(), like("*\nNAME   OFFERED  OUTCOME\nalpha  -        updated in * s\n"
+    expectText(again.output(), like("*\nNAME   OFFERED  OUTCOME\nalpha  2.0      updated in * s\n"
                                     "The update finished after * s\n"));
     EXPECT_EQ(runCtl(kFollow).out, "No update is running\n");
 }
@@ -262,7 +262,7 @@ TEST_F(FollowedLayer, WhoseModuleIsStillAtItAfterItsTimeHasTimedOut)
     EXPECT_EQ(viewer.wait(), 13);
     expectText(
         viewer.output(),
-        like("*\nbeta  -        timed out: it is still being updated\nquillonctl: the update "
+        like("*\nbeta  2.0      timed out: it is still being updated\nquillonctl: the update "
              "timed out at the module beta: it is still being updated; *journalctl -b -t "
              "FWUPDATE*\n"));
 }

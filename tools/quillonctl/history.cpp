@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <iterator>
 #include <limits>
 #include <map>
@@ -29,16 +30,16 @@ constexpr std::size_t kLargestHistory = 4U << 20U;
 constexpr const char* kDate = "%Y-%m-%d";
 constexpr const char* kDateAndTime = "%Y-%m-%d %H:%M";
 
-const std::map<PastOutcome, const char*> kOutcomes = {{PastOutcome::kUpdated, "updated"},
-                                                      {PastOutcome::kFailed, "failed"},
-                                                      {PastOutcome::kCutOff, "cut-off"},
-                                                      {PastOutcome::kNotRecorded, "not-recorded"},
-                                                      {PastOutcome::kRunning, "running"}};
+const std::map<PastOutcome, const char*> kOutcomes = {
+    {PastOutcome::kUpdated, "updated"},          {PastOutcome::kFailed, "failed"},
+    {PastOutcome::kTimedOut, "timed-out"},       {PastOutcome::kCutOff, "cut-off"},
+    {PastOutcome::kNotRecorded, "not-recorded"}, {PastOutcome::kRunning, "running"}};
 
 struct KeptRun
 {
     RunLines lines;
     bool isLost = false;  ///< it went on without being recorded
+    bool isOfLayer = false;
 };
 
 std::string formatted(const std::tm& time, const char* format)
@@ -74,9 +75,8 @@ std::optional<std::int64_t> momentAgo(const std::string& text, std::int64_t now)
 }
 
 /// @return empty where there is no such file
-std::string readGeneration(const char* name)
+std::string readGeneration(const std::string& path)
 {
-    const std::string path = paths::kRunHistory + std::string(name);
     UniqueFd file;
     struct stat opened = {};
     SecretBytes bytes;
@@ -130,9 +130,10 @@ void takeGeneration(const std::string& text, std::vector<KeptRun>& runs)
 
 /// Looks at the service's own record, which a reboot removes: after one, another process may have
 /// the number of the service that was cut off.
-std::optional<RecordedRun> runningUpdate()
+/// @param recorder  empty for the service, else a control layer's directory with "/" at its end
+std::optional<RecordedRun> runningUpdate(const std::string& recorder = "")
 {
-    std::optional<RecordedRun> run = readRecordedRun("update");
+    std::optional<RecordedRun> run = readRecordedRun(recorder + "update");
     const bool isRunning = run && !run->result && run->service > 0 && !hasServiceEnded(*run);
     return isRunning ? run : std::nullopt;
 }
@@ -142,23 +143,78 @@ bool isSame(const RecordedRun& one, const RecordedRun& other)
     return one.began == other.began && one.at == other.at && one.service == other.service;
 }
 
-/// Sorts refused runs in by time. The others stay in their order, whatever the clock was set to.
-/// @param refused  those without an end are passed over: they were not written whole
-std::vector<KeptRun> merged(std::vector<KeptRun> runs, std::vector<KeptRun> refused)
+/// What is in one of the history's directories, with "/" at its end. Throws Failure.
+struct KeptRuns
 {
-    refused.erase(std::remove_if(refused.begin(), refused.end(),
-                                 [](const KeptRun& one) { return !one.lines.run.result; }),
-                  refused.end());
+    std::vector<KeptRun> runs;
+    std::vector<KeptRun> refused;  ///< those without an end, which were not written whole, left out
+
+    explicit KeptRuns(const std::string& directory)
+    {
+        for (const char* name : {kEarlierHistory, kHistory}) {
+            takeGeneration(readGeneration(directory + name), runs);
+        }
+        takeGeneration(readGeneration(directory + kRefusedRuns), refused);
+        refused.erase(std::remove_if(refused.begin(), refused.end(),
+                                     [](const KeptRun& one) { return !one.lines.run.result; }),
+                      refused.end());
+        struct stat status = {};
+        if (!runs.empty() && lstat((directory + kLostLines).c_str(), &status) == 0) {
+            runs.back().isLost = true;
+        }
+    }
+};
+
+/// Adds what control layers have kept. Throws Failure.
+void addLayers(std::vector<KeptRun>& all)
+{
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(paths::kLayerHistory, error), end;
+         !error && entry != end; entry.increment(error)) {
+        std::error_code unknown;
+        if (!entry->is_directory(unknown)) {
+            continue;
+        }
+        KeptRuns kept(entry->path().string() + "/");
+        for (std::vector<KeptRun>* runs : {&kept.runs, &kept.refused}) {
+            for (KeptRun& run : *runs) {
+                run.isOfLayer = true;
+                all.push_back(std::move(run));
+            }
+        }
+    }
+}
+
+/// Sorts others in by time. The service's stay in their order, whatever the clock was set to.
+std::vector<KeptRun> merged(std::vector<KeptRun> runs, std::vector<KeptRun> others)
+{
+    std::stable_sort(others.begin(), others.end(), [](const KeptRun& one, const KeptRun& other) {
+        return one.lines.run.at < other.lines.run.at;
+    });
     std::vector<KeptRun> all;
-    auto next = refused.begin();
+    auto next = others.begin();
     for (KeptRun& run : runs) {
-        for (; next != refused.end() && next->lines.run.at < run.lines.run.at; ++next) {
+        for (; next != others.end() && next->lines.run.at < run.lines.run.at; ++next) {
             all.push_back(std::move(*next));
         }
         all.push_back(std::move(run));
     }
-    std::move(next, refused.end(), std::back_inserter(all));
+    std::move(next, others.end(), std::back_inserter(all));
     return all;
+}
+
+/// What became of modules without an end.
+PastOutcome unfinishedIn(const KeptRun& kept)
+{
+    if (kept.isLost) {
+        return PastOutcome::kNotRecorded;
+    }
+    const RecordedRun& run = kept.lines.run;
+    if (!kept.isOfLayer || run.result || run.service <= 0) {
+        return PastOutcome::kCutOff;
+    }
+    const auto running = runningUpdate("modules/" + std::to_string(run.service) + "/");
+    return running && isSame(*running, run) ? PastOutcome::kRunning : PastOutcome::kCutOff;
 }
 
 PastOutcome outcomeOf(const RecordedModule& module, PastOutcome unfinished)
@@ -169,19 +225,22 @@ PastOutcome outcomeOf(const RecordedModule& module, PastOutcome unfinished)
     return module.finding->result == 0 ? PastOutcome::kUpdated : PastOutcome::kFailed;
 }
 
-/// @param unfinished  what became of a module without an end
-void addUpdates(const RecordedRun& run, PastOutcome unfinished, std::vector<PastUpdate>& updates)
+void addUpdates(const KeptRun& kept, PastOutcome unfinished, std::vector<PastUpdate>& updates)
 {
+    const RecordedRun& run = kept.lines.run;
     for (RecordedModule module : run.modules) {
-        if (!module.finding && run.result.value_or(0) != 0) {
+        // Control layers end with what they exit with, and raise nothing.
+        if (!kept.isOfLayer && !module.finding && run.result.value_or(0) != 0) {
             module.finding = ModuleFinding{-1, ModuleReason::kException, {}};
         }
-        const PastOutcome outcome = outcomeOf(module, unfinished);
+        const bool isLate = kept.isOfLayer && module.isLate && !module.finding && run.result;
+        const PastOutcome outcome = isLate ? PastOutcome::kTimedOut : outcomeOf(module, unfinished);
         const auto passed = static_cast<std::int64_t>(module.began - run.began);
-        updates.push_back({run.at + passed, run.directory, std::move(module), outcome});
+        updates.push_back(
+            {run.at + passed, run.directory, kept.isOfLayer, std::move(module), outcome});
     }
     if (!run.result && run.present() == nullptr) {
-        updates.push_back({run.at, run.directory, {}, unfinished});
+        updates.push_back({run.at, run.directory, kept.isOfLayer, {}, unfinished});
     }
 }
 
@@ -205,7 +264,7 @@ JsonMembers membersOf(const PastUpdate& update)
 {
     const RecordedModule& module = update.module;
     JsonMembers members = {{"at", Json::Int64(update.at)},
-                           {"directory", update.directory},
+                           {update.isOfLayer ? "source" : "directory", update.directory},
                            {"outcome", kOutcomes.at(update.outcome)}};
     if (!module.name.empty()) {
         members["module"] = module.name;
@@ -263,6 +322,8 @@ std::string resultOf(const PastUpdate& update)
             return "updated";
         case PastOutcome::kFailed:
             return "failed: " + printable(phraseOf(*update.module.finding));
+        case PastOutcome::kTimedOut:
+            return "timed out: " + phraseOfLate({});
         case PastOutcome::kNotRecorded:
             return "not recorded";
         case PastOutcome::kRunning:
@@ -276,32 +337,23 @@ std::optional<std::vector<PastUpdate>> readHistory()
 {
     // Comes last, and may not be in the history yet. Read first: it may end while this goes on.
     const std::optional<RecordedRun> running = runningUpdate();
-    const std::string earlier = readGeneration(kEarlierHistory);
-    const std::string late = readGeneration(kHistory);
-    const std::string refused = readGeneration(kRefusedRuns);
+    KeptRuns service(paths::kRunHistory);
     struct stat status = {};
-    if (earlier.empty() && late.empty() && stat(paths::kRunHistory, &status) != 0) {
+    if (service.runs.empty() && stat(paths::kRunHistory, &status) != 0) {
         return std::nullopt;
     }
-    std::vector<KeptRun> runs;
-    takeGeneration(earlier, runs);
-    takeGeneration(late, runs);
-    std::vector<KeptRun> refusedRuns;
-    takeGeneration(refused, refusedRuns);
-    const std::string lost = std::string(paths::kRunHistory) + kLostLines;
-    if (!runs.empty() && lstat(lost.c_str(), &status) == 0) {
-        runs.back().isLost = true;
-    }
+    addLayers(service.refused);
 
     std::vector<PastUpdate> updates;
-    for (const KeptRun& kept : merged(std::move(runs), std::move(refusedRuns))) {
+    for (const KeptRun& kept : merged(std::move(service.runs), std::move(service.refused))) {
         if (!running || !isSame(*running, kept.lines.run)) {
-            addUpdates(kept.lines.run,
-                       kept.isLost ? PastOutcome::kNotRecorded : PastOutcome::kCutOff, updates);
+            addUpdates(kept, unfinishedIn(kept), updates);
         }
     }
     if (running) {
-        addUpdates(*running, PastOutcome::kRunning, updates);
+        KeptRun kept;
+        kept.lines.run = *running;
+        addUpdates(kept, PastOutcome::kRunning, updates);
     }
     return updates;
 }

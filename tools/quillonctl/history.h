@@ -1,4 +1,4 @@
-/// What the service has kept of its updates, see src/support/run-history.h.
+/// What the service and control layers have kept of their updates, see src/support/run-history.h.
 #pragma once
 
 #include <cstdint>
@@ -15,6 +15,7 @@ namespace quillon {
 enum class PastOutcome {
     kUpdated,
     kFailed,
+    kTimedOut,     ///< its end is not known: nobody waited for it any more
     kCutOff,       ///< the service was ended in it, or the device
     kNotRecorded,  ///< the service went on, but could not write the history
     kRunning
@@ -24,7 +25,8 @@ enum class PastOutcome {
 struct PastUpdate
 {
     std::int64_t at = 0;    ///< when it began, in seconds since 1970
-    std::string directory;  ///< the stick's, with "/" at its end
+    std::string directory;  ///< the stick's, with "/" at its end; of a control layer, the source
+    bool isOfLayer = false;
     RecordedModule module;  ///< without a name where a run was cut off between two modules
     PastOutcome outcome = PastOutcome::kCutOff;
 };

@@ -28,6 +28,7 @@ namespace fs = std::filesystem;
 const std::string kDirectory = "/var/lib/quillon/history/";
 const std::string kFile = kDirectory + "history.jsonl";
 const std::string kRefusedFile = kDirectory + "refused.jsonl";
+const std::string kLayer = kDirectory + "modules/1795407000-1/";
 constexpr const char* kHeadings = "WHEN              MODULE  OFFERED  EXPECTED  TOOK  RESULT\n";
 
 constexpr const char* kEnded = "{\"event\":\"ended\",\"clock\":300,\"result\":0}\n";
@@ -106,6 +107,40 @@ TEST_F(CtlHistory, ShowsRefusedUpdatesAmongTheOthers)
                like("WHEN*\n2026-11-23*horn*failed*\n2026-11-24*lamp*updated\n"
                     "2026-11-25*lamp*updated\n2026-11-26*horn*failed*\n"));
     expectText(tableOf(""), like("WHEN*\n2026-11-23*horn*failed*\n2026-11-26*horn*failed*\n"));
+}
+
+TEST_F(CtlHistory, ShowsUpdatesOfControlLayersAmongTheOthers)
+{
+    writeFile(kLayer + "history.jsonl", began(1) + updated("horn") + kEnded);
+    writeFile(kDirectory + "modules/1-1/refused.jsonl",
+              began(3) + started("bell") + finished("bell", R"("result":-1)") + kEnded);
+    writeFile(kDirectory + "modules/stray", "");
+    expectText(tableOf(began() + updated("lamp") + kEnded + began(2) + updated("lamp") + kEnded),
+               like("WHEN*\n*lamp*\n2026-11-24*horn*updated\n*lamp*\n*bell*failed*\n"));
+}
+
+TEST_F(CtlHistory, TellsTheSourceOfAControlLayersUpdate)
+{
+    writeFile(kLayer + "history.jsonl",
+              R"({"event":"began","clock":100,"at":1795407000,"pid":1,"directory":"package"})"
+              "\n" +
+                  updated("horn") + kEnded);
+    const CtlResult result = runCtl({"--json", "history"});
+    expectText(result.out, like("*\"outcome\":\"updated\",\"result\":0,\"seconds\":12.0,"
+                                "\"source\":\"package\"}\n"));
+}
+
+TEST_F(CtlHistory, TellsWhatBecameOfAControlLayersUpdateWithoutAnEnd)
+{
+    const std::string ended = "{\"event\":\"ended\",\"clock\":300,\"result\":13}\n";
+    const auto told = [](const std::string& lines) {
+        writeFile(kLayer + "history.jsonl", began() + started("horn") + lines);
+        return tableOf("");
+    };
+    expectText(told(""), like("*horn*  cut off\n"));
+    expectText(told("{\"event\":\"late\",\"clock\":200,\"module\":\"horn\"}\n" + ended),
+               like("*horn*  timed out: it is still being updated\n"));
+    expectText(told(ended), like("*horn*  cut off\n"));
 }
 
 TEST_F(CtlHistory, TakesNoRefusedUpdateForTheEndOfOneThatWasCutOff)

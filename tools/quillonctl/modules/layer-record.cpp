@@ -6,12 +6,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <system_error>
+#include <utility>
+#include <vector>
 
+#include "base/replace-file.h"
 #include "src/support/paths.h"
 
 namespace quillon {
@@ -22,6 +28,8 @@ namespace fs = std::filesystem;
 
 /// How long the records of an ended program are left for those who follow it.
 constexpr std::chrono::minutes kLeftFor(1);
+constexpr std::size_t kMostUpdates = 200;
+constexpr std::uintmax_t kMostBytes = 2U << 20U;
 constexpr mode_t kMode = 0755;
 constexpr uid_t kNoUser = static_cast<uid_t>(-1);
 
@@ -60,6 +68,11 @@ void makeDirectory(const std::string& path)
     }
 }
 
+bool isGone(pid_t process)
+{
+    return process > 0 && kill(process, 0) != 0 && errno == ESRCH;
+}
+
 /// Takes away what programs have left that ended a while ago.
 void sweep()
 {
@@ -71,11 +84,52 @@ void sweep()
             static_cast<pid_t>(std::strtol(entry->path().filename().c_str(), nullptr, 10));
         std::error_code ignored;
         const auto written = fs::last_write_time(entry->path() / "update.jsonl", ignored);
-        const bool isGone = process > 0 && kill(process, 0) != 0 && errno == ESRCH;
-        if (isGone && (ignored || now - written > kLeftFor)) {
+        if (isGone(process) && (ignored || now - written > kLeftFor)) {
             fs::remove_all(entry->path(), ignored);
         }
     }
+}
+
+/// Takes away what is kept of the oldest updates, and what programs have left that kept nothing.
+void sweepHistory()
+{
+    std::vector<std::pair<std::int64_t, fs::path>> updates;
+    std::error_code error;
+    for (fs::directory_iterator entry(paths::kLayerHistory, error), end; !error && entry != end;
+         entry.increment(error)) {
+        const std::string name = entry->path().filename();
+        const std::size_t dash = std::min(name.find('-'), name.size() - 1);
+        if (isGone(static_cast<pid_t>(std::strtol(name.c_str() + dash + 1, nullptr, 10)))) {
+            updates.emplace_back(std::strtoll(name.c_str(), nullptr, 10), entry->path());
+        }
+    }
+    std::sort(updates.rbegin(), updates.rend());
+    std::size_t kept = 0;
+    std::uintmax_t bytes = 0;
+    for (const auto& [at, path] : updates) {
+        std::error_code ignored;
+        const std::uintmax_t before = bytes;
+        for (fs::directory_iterator file(path, ignored), end; !ignored && file != end;
+             file.increment(ignored)) {
+            std::error_code unknown;
+            const std::uintmax_t size =
+                file->is_regular_file(unknown) ? file->file_size(unknown) : 0;
+            bytes += unknown ? 0 : size;
+        }
+        if (bytes == before || bytes > kMostBytes || ++kept > kMostUpdates) {
+            fs::remove_all(path, ignored);
+        }
+    }
+}
+
+/// Also after a power cut it is there, where the file system can promise that.
+void makeHistory(const std::string& directory)
+{
+    makeDirectory(paths::kLayerHistory);
+    sweepHistory();
+    makeDirectory(directory);
+    syncDirectory(paths::kRunHistory);
+    syncDirectory(paths::kLayerHistory);
 }
 
 }  // namespace
@@ -109,7 +163,10 @@ LayerRecord::LayerRecord() : directory_(paths::kLayerRecords + std::to_string(ge
         sweep();
         fs::remove_all(directory_);  // of an earlier process with this number
         makeDirectory(directory_);
-        record_.emplace(directory_, directory_ + "history/");  // which nobody makes
+        const std::string history = paths::kLayerHistory + std::to_string(std::time(nullptr)) +
+                                    "-" + std::to_string(getpid()) + "/";
+        makeHistory(history);
+        record_.emplace(directory_, history);
     }));
 }
 

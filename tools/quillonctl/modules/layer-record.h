@@ -1,4 +1,5 @@
-/// What a control layer records of its updates, so that other programs can follow them.
+/// What a control layer records of its updates, so that other programs can follow them and list
+/// them later.
 #pragma once
 
 #include <sys/types.h>
@@ -12,7 +13,12 @@ namespace quillon {
 
 /// Keeps the service's kind of records, see RunRecord, in a directory of this process's own below
 /// paths::kLayerRecords. It is left there at the end, for those who are still reading; a later
-/// object takes it away. Nothing is added to the history of updates.
+/// object takes it away.
+///
+/// Keeps a history, see RunHistory, in a directory "AT-PID" of this process's own below
+/// paths::kLayerHistory, if there is a history of the service's: no other process writes there. AT
+/// is when it began, in seconds since 1970. A later object takes away the oldest ones beyond 200
+/// updates or 2 MiB, and those in which nothing was kept.
 ///
 /// Nothing is kept unless the service's records are, and this user is root or their owner. Root
 /// writes as their owner and group: no link of theirs leads root to a file that they cannot write.
