@@ -20,6 +20,7 @@
 #include "fw-update-mqdata.h"
 #include "platform/protocols/storage-protocol.h"
 #include "support/files.h"
+#include "support/texts.h"
 #include "unit/storage/listener.h"
 #include "unit/tools/ctl-doctor-device.h"
 
@@ -215,6 +216,18 @@ TEST_F(CtlDoctor, OffersNoUnmountWhileAnUpdateOfAnyUserIsAtWork)
     const NamedProcess update("quillonctl", kStranger);
 
     EXPECT_EQ(runCtl({"doctor"}).out, "Nothing found\n");
+}
+
+TEST_F(CtlDoctor, NamesTheStickOfAnUpdateThatIsToBeRepeated)
+{
+    DoctorsDevice device;
+    putRecord("update", 0, "{\"event\":\"started\",\"module\":\"tuner\"}\n");
+    putRecord("estimate", 0, "{\"event\":\"checking\",\"module\":\"tuner\"}\n");
+
+    quillon::test::expectText(
+        runCtl({"doctor"}).out,
+        quillon::test::like("*from that stick: quillonctl update /opt/media/gone/\n*"
+                            "repeat it: quillonctl check /opt/media/gone/\n*"));
 }
 
 TEST_F(CtlDoctor, TakesNoProcessOfAnotherUserForTheService)

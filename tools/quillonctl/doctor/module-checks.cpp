@@ -175,7 +175,8 @@ Findings checkRuns(const Surroundings& around)
             "the service ended during the update" + (module.empty() ? "" : " of " + module) +
                 " from " + update->directory + ": the component may hold an incomplete firmware",
             "leave the device switched on and repeat the update from that stick: "
-            "quillonctl update DIR"));
+            "quillonctl update " +
+                unit::quoted(update->directory)));
     }
     const std::optional<RecordedRun>& look = around.estimate;
     if (look && isCutOff(*look)) {
@@ -184,7 +185,8 @@ Findings checkRuns(const Surroundings& around)
             warning("estimate-cut-off",
                     "the service ended while it looked at " + look->directory +
                         (module.empty() ? "" : ", at the module " + module),
-                    "journalctl -b -u quillon tells why; repeat it: quillonctl check DIR"));
+                    "journalctl -b -u quillon tells why; repeat it: quillonctl check " +
+                        unit::quoted(look->directory)));
     }
     return findings;
 }
@@ -204,11 +206,11 @@ Findings checkMarks(const Surroundings& around)
     if (marked.empty()) {
         return {};
     }
-    return {
-        warning("marks-stale",
-                "modules are still marked for the images in " + look->directory +
-                    ", which are gone, so an update without these modules fails: " + marked,
-                "plug that stick in and run: quillonctl check DIR; or: systemctl restart quillon")};
+    return {warning("marks-stale",
+                    "modules are still marked for the images in " + look->directory +
+                        ", which are gone, so an update without these modules fails: " + marked,
+                    "plug that stick in and run: quillonctl check " +
+                        unit::quoted(look->directory) + "; or: systemctl restart quillon")};
 }
 
 Findings checkPackages(const Surroundings& around)
