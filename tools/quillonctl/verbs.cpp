@@ -14,6 +14,7 @@
 #include <thread>
 #include <utility>
 
+#include "src/support/paths.h"
 #include "tools/quillonctl/follow.h"
 #include "tools/quillonctl/outside-text.h"
 #include "tools/quillonctl/run-report.h"
@@ -186,10 +187,36 @@ std::string describe(const Progress& progress)
     }
 }
 
-std::string describeEstimate(const Estimate& estimate, bool isExplained)
+/// Why the service has looked at no image, by its record of its start; empty when that is not
+/// known.
+std::string whyNoneIsLookedAt()
+{
+    const std::optional<RecordedRun> start = readRecordedRun("start");
+    if (!start || !start->result || hasServiceEnded(*start)) {
+        return "";
+    }
+    const auto isLoaded = [](const RecordedModule& one) {
+        return one.finding && one.finding->result == 0;
+    };
+    if (std::none_of(start->modules.begin(), start->modules.end(), isLoaded)) {
+        return std::string(
+                   "the service has loaded no module when it started; \"quillonctl modules "
+                   "list\" shows those in ") +
+               paths::kModules + ", and a restart of the service loads them";
+    }
+    return start->hasKey.value_or(true) ? ""
+                                        : "there is no image key on the device; \"quillonctl "
+                                          "doctor\" says what is missing";
+}
+
+/// @param why  nothing was looked at; empty when that is not known
+std::string describeEstimate(const Estimate& estimate, bool isExplained, const std::string& why)
 {
     if (estimate.updateNeeded) {
         return "The update takes about " + std::to_string(estimate.seconds) + " s";
+    }
+    if (!why.empty()) {
+        return "Nothing to update: " + why;
     }
     return isExplained ? "Nothing to update"
                        : "Nothing to update: no image is newer, or none can be used; the "
@@ -234,6 +261,20 @@ std::optional<RecordedRun> Verbs::recorded() const
     return stick_.empty() ? std::nullopt : readRecordedRun(record_, stick_, since_);
 }
 
+/// What a service is at that does not reply: what was asked here, or else by somebody before.
+std::optional<RecordedRun> Verbs::unfinished() const
+{
+    for (std::optional<RecordedRun> run :
+         {recorded(), readRecordedRun("update"), readRecordedRun("estimate")}) {
+        const bool isAsked = run && !stick_.empty() && run->began >= since_;
+        if (run && !run->result && run->present() != nullptr &&
+            (isAsked || !hasServiceEnded(*run))) {
+            return run;
+        }
+    }
+    return std::nullopt;
+}
+
 /// Adds to a failure the module that the service was at.
 /// @param work  what the verb does
 template <typename Work>
@@ -242,8 +283,8 @@ ExitCode Verbs::namingModule(Work work)
     try {
         return work();
     } catch (Failure& failure) {
-        const std::optional<RecordedRun> run = recorded();
-        if (run && !run->result && run->present() != nullptr) {
+        const bool isAnswered = failure.code != kExitNoReply && failure.code != kExitSystem;
+        if (const auto run = isAnswered ? std::nullopt : unfinished()) {
             failure.text += "; the service was at the module " + printable(run->present()->name);
         }
         throw;
@@ -281,9 +322,12 @@ Estimate Verbs::prepare(const std::string& directory, Stick& stick,
         before_ = answers();
         sayLook(output_, *look, before_);
     }
-    output_.say("estimate",
-                {{"updateNeeded", estimate.updateNeeded}, {"seconds", estimate.seconds}},
-                describeEstimate(estimate, look.has_value()));
+    const std::string why = look || estimate.updateNeeded ? "" : whyNoneIsLookedAt();
+    JsonMembers members = {{"updateNeeded", estimate.updateNeeded}, {"seconds", estimate.seconds}};
+    if (!why.empty()) {
+        members["text"] = why;
+    }
+    output_.say("estimate", members, describeEstimate(estimate, look.has_value(), why));
     return estimate;
 }
 
@@ -374,6 +418,11 @@ ExitCode Verbs::check(const std::string& directory)
 }
 
 ExitCode Verbs::progress()
+{
+    return namingModule([&] { return askProgress(); });
+}
+
+ExitCode Verbs::askProgress()
 {
     exitOn(client_.connect());
     const Progress progress = valueOf(client_.progress());

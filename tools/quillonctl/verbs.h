@@ -65,6 +65,8 @@ private:
     /// To be called right before the service is asked.
     void recordsBegin(const char* record, const std::string& stick);
     std::optional<RecordedRun> recorded() const;
+    std::optional<RecordedRun> unfinished() const;
+    ExitCode askProgress();
 
     Client& client_;
     Output& output_;

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <filesystem>
 #include <string>
 
@@ -133,6 +135,52 @@ TEST_F(CtlRecordedRun, NamesTheModuleThatTheServiceDiedIn)
 
     EXPECT_EQ(result.exitCode, 4);
     expectText(result.err, like("*; the service was at the module lamp\n"));
+}
+
+TEST_F(CtlRecordedRun, NamesTheModuleThatTheServiceIsHeldUpBy)
+{
+    service.on(MQ_COMMAND_PROGRESS, [this](const MQData&) { service.holdStill(); });
+    record("estimate", R"({"event":"began","clock":1e9,"directory":"/somewhere/","pid":)" +
+                           std::to_string(getpid()) +
+                           "}\n{\"event\":\"checking\",\"clock\":1e9,\"module\":\"lamp\"}\n");
+
+    service.serve();
+
+    for (const std::vector<std::string>& verb :
+         {std::vector<std::string>{"check", kStick}, std::vector<std::string>{"progress"}}) {
+        std::vector<std::string> line = {"--timeout", "0.1"};
+        line.insert(line.end(), verb.begin(), verb.end());
+        const CtlResult result = runCtl(line);
+
+        EXPECT_EQ(result.exitCode, 4) << verb.front();
+        expectText(result.err, like("*; the service was at the module lamp\n"));
+    }
+}
+
+TEST_F(CtlRecordedRun, OfTheStartTellsWhyNoImageIsLookedAt)
+{
+    const std::string began =
+        R"({"event":"began","clock":1e9,"pid":)" + std::to_string(getpid()) + "}\n";
+    const std::string loaded = R"({"event":"loaded","clock":1e9,"module":"lamp","result":0})"
+                               "\n";
+    const auto serving = [](const std::string& key) {
+        return R"({"event":"serving","clock":1e9,"key":)" + key + "}\n";
+    };
+    const std::string told = "*\nNothing to update: ";
+    nothingNeeded();
+    service.serve();
+    const auto tableOf = [](const std::string& start) {
+        record("start", start);
+        return runCtl({"check", kStick}).out;
+    };
+
+    expectText(tableOf(began + loaded + serving("false")),
+               like(told + "there is no image key on the device; \"quillonctl doctor\" says *\n"));
+    expectText(tableOf(began + serving("true")),
+               like(told + "the service has loaded no module *\"quillonctl modules list\"*\n"));
+    expectText(tableOf(began + loaded + serving("true")),
+               like(told + "*the service's log says why\n"));
+    expectText(tableOf(began + loaded), like(told + "*the service's log says why\n"));
 }
 
 TEST_F(CtlRecordedRun, OfSomebodyElseIsNotShown)
