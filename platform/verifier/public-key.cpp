@@ -78,18 +78,18 @@ UniqueKey loadKey(const std::string& path, KeyReader* read, const char* fault)
     return key;
 }
 
-UniqueKey loadRsa4096(const std::string& path, KeyReader* read, const char* fault)
+void requireRsa4096(const EVP_PKEY* key, const std::string& path)
 {
-    UniqueKey key = loadKey(path, read, fault);
-    if (EVP_PKEY_base_id(key.get()) != EVP_PKEY_RSA || EVP_PKEY_bits(key.get()) != kKeyBits) {
+    if (EVP_PKEY_is_a(key, "RSA") != 1 || EVP_PKEY_bits(key) != kKeyBits) {
         throw ImageError(ImageFault::kKey, path + ": not an RSA key of 4096 bits");
     }
-    return key;
 }
 
 UniqueKey loadPublicKey(const std::string& path)
 {
-    return loadRsa4096(path, &PEM_read_bio_PUBKEY, "not a public key in PEM form");
+    UniqueKey key = loadKey(path, &PEM_read_bio_PUBKEY, "not a public key in PEM form");
+    requireRsa4096(key.get(), path);
+    return key;
 }
 
 KeyId keyIdOf(const EVP_PKEY* key)

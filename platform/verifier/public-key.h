@@ -20,8 +20,9 @@ using KeyReader = decltype(PEM_read_bio_PUBKEY);
 /// @throws ImageError : ImageFault::kFile when the file cannot be read, ImageFault::kKey.
 UniqueKey loadKey(const std::string& path, KeyReader* read, const char* fault);
 
-/// As loadKey, and refuses other keys than RSA keys of 4096 bits.
-UniqueKey loadRsa4096(const std::string& path, KeyReader* read, const char* fault);
+/// @throws ImageError with ImageFault::kKey, naming the path, for other keys than RSA keys of 4096
+///         bits.
+void requireRsa4096(const EVP_PKEY* key, const std::string& path);
 
 /// Reads an RSA-4096 public key from a PEM file ("BEGIN PUBLIC KEY").
 /// @return the key, never null.

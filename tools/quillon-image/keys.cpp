@@ -17,6 +17,7 @@
 #include "platform/verifier/public-key.h"
 #include "tools/quillon-image/atomic-file.h"
 #include "tools/quillon-image/provisioning-package.h"
+#include "tools/quillon-image/token-key.h"
 
 namespace quillon {
 namespace {
@@ -198,12 +199,15 @@ ImageKey loadImageKey(const std::string& path)
 
 UniqueKey loadPrivateKey(const std::string& path)
 {
-    return loadKey(path, &PEM_read_bio_PrivateKey, kNoPrivateKey);
+    return isTokenKey(path) ? openTokenKey(path)
+                            : loadKey(path, &PEM_read_bio_PrivateKey, kNoPrivateKey);
 }
 
 UniqueKey loadSigningKey(const std::string& path)
 {
-    return loadRsa4096(path, &PEM_read_bio_PrivateKey, kNoPrivateKey);
+    UniqueKey key = loadPrivateKey(path);
+    requireRsa4096(key.get(), isTokenKey(path) ? tokenKeyName(path) : path);
+    return key;
 }
 
 void createKeys(const std::string& directory, bool replace)

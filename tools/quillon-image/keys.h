@@ -18,7 +18,8 @@ using ImageKey = std::array<unsigned char, 32>;
 /// @throws ImageError with ImageFault::kKey when the item is shorter.
 ImageKey imageKeyOf(const std::string& item);
 
-// Each of these reads a key file. The key is never null.
+// Each of these reads a key file, or opens the key of a token that a URI "pkcs11:..." names
+// (token-key.h), which loadImageKey does not. The key is never null.
 // @throws ImageError: ImageFault::kFile or ImageFault::kKey, naming the file.
 
 /// Reads an item file and derives its key.
