@@ -3,7 +3,6 @@
 #include <openssl/rsa.h>
 
 #include <algorithm>
-#include <vector>
 
 #include "base/handles.h"
 #include "platform/verifier/image-error.h"
@@ -41,21 +40,6 @@ void append(Bytes& bytes, const std::string& text)
     bytes.push_back('\0');
 }
 
-/// @return the digest that the signature is made over.
-Bytes signedDigest(const ImageTrailer& trailer, const ContentDigest& content,
-                   const ImagePurpose& purpose)
-{
-    if (trailer.format == 1) {
-        return {content.begin(), content.end()};
-    }
-    const TrailerBytes header = encodeTrailer(trailer);
-    Bytes bytes(header.begin(), header.begin() + kTrailerHeaderSize);
-    bytes.insert(bytes.end(), content.begin(), content.end());
-    append(bytes, purpose.module);
-    append(bytes, purpose.model);
-    return digestOf(bytes, digestOf(trailer));
-}
-
 bool prepare(EVP_PKEY_CTX* context, const EVP_MD* digest)
 {
     return useImagePadding(context, digest) && EVP_PKEY_CTX_set_signature_md(context, digest) == 1;
@@ -87,8 +71,21 @@ bool useImagePadding(EVP_PKEY_CTX* context, const EVP_MD* digest)
            EVP_PKEY_CTX_set_rsa_mgf1_md(context, digest) == 1;
 }
 
-ImageTrailer signImage(const ContentDigest& content, const std::optional<ImagePurpose>& purpose,
-                       EVP_PKEY* key)
+Bytes signedDigest(const ImageTrailer& trailer, const ContentDigest& content,
+                   const ImagePurpose& purpose)
+{
+    if (trailer.format == 1) {
+        return {content.begin(), content.end()};
+    }
+    const TrailerBytes header = encodeTrailer(trailer);
+    Bytes bytes(header.begin(), header.begin() + kTrailerHeaderSize);
+    bytes.insert(bytes.end(), content.begin(), content.end());
+    append(bytes, purpose.module);
+    append(bytes, purpose.model);
+    return digestOf(bytes, digestOf(trailer));
+}
+
+ImageTrailer unsignedTrailer(const std::optional<ImagePurpose>& purpose, const EVP_PKEY* key)
 {
     ImageTrailer trailer;
     if (purpose) {
@@ -98,6 +95,13 @@ ImageTrailer signImage(const ContentDigest& content, const std::optional<ImagePu
         trailer.modelCheck = checkValueOf(purpose->model);
     }
     trailer.keyId = keyIdOf(key);
+    return trailer;
+}
+
+ImageTrailer signImage(const ContentDigest& content, const std::optional<ImagePurpose>& purpose,
+                       EVP_PKEY* key)
+{
+    ImageTrailer trailer = unsignedTrailer(purpose, key);
     const Bytes digest = signedDigest(trailer, content, purpose.value_or(ImagePurpose()));
     const UniqueKeyContext context(EVP_PKEY_CTX_new(key, nullptr));
     std::size_t length = trailer.signature.size();

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/verifier/image-trailer.h"
 
@@ -33,6 +34,15 @@ CheckValue checkValueOf(const std::string& text);
 /// @param digest  SHA-256 for format 1, SHA-512 for format 2
 /// @return whether OpenSSL took it.
 bool useImagePadding(EVP_PKEY_CTX* context, const EVP_MD* digest = EVP_sha256());
+
+/// @return a trailer without its signature: of format 2 for a purpose, without one of format 1.
+/// @throws ImageError with ImageFault::kKey when the key has no id.
+ImageTrailer unsignedTrailer(const std::optional<ImagePurpose>& purpose, const EVP_PKEY* key);
+
+/// @return the digest that a trailer's signature is made over, of the trailer's algorithm; empty
+///         when it cannot be computed.
+std::vector<unsigned char> signedDigest(const ImageTrailer& trailer, const ContentDigest& content,
+                                        const ImagePurpose& purpose);
 
 /// Makes a trailer of format 2 for a purpose, without one of format 1.
 /// @param key  an RSA-4096 private key

@@ -13,10 +13,10 @@ using namespace quillon;
 namespace {
 
 constexpr char kExitCodes[] =
-    "Exit codes: 0 done; 2 wrong command line; 3 a file cannot be read or written,\n"
-    "or a program is missing or failed; 4 not a stick image, too large for one, or\n"
-    "not a provisioning package; 5 signature missing or wrong; 6 key or certificate\n"
-    "wrong or unusable.";
+    "Exit codes: 0 done; 2 wrong command line or manifest; 3 a file cannot be read\n"
+    "or written, or a program is missing or failed; 4 not a stick image, too large for\n"
+    "one, or not a provisioning package; 5 signature missing or wrong; 6 key or\n"
+    "certificate wrong or unusable.";
 
 /// @param options  has to outlive the app
 template <typename Options>
@@ -39,11 +39,26 @@ void addKeygen(CLI::App& app, KeygenOptions& options)
     verb->add_flag("--force", options.force, "replace existing keys");
 }
 
-CLI::Option* addModel(CLI::App* verb, std::string& model, const char* what)
+CLI::Option* addModel(CLI::App* verb, std::string& model, const char* what,
+                      const char* name = "--model")
 {
-    return verb->add_option("--model", model, what)->check([](const std::string& text) {
+    return verb->add_option(name, model, what)->check([](const std::string& text) {
         return isModelName(text) ? "" : "1 to 64 printable characters make a model";
     });
+}
+
+void addSigning(CLI::App* verb, std::string& key, bool& reproducible)
+{
+    verb->add_option("--sign", key, "signing key: a file, or the URI pkcs11:... of a token's key")
+        ->required();
+    verb->add_flag("--reproducible", reproducible, "the same input gives the same bytes");
+}
+
+void addSigners(CLI::Option_group* signers, std::string& directory, std::string& publicKey)
+{
+    signers->add_option("--trusted", directory, "directory with public keys, *.pem");
+    signers->add_option("--public", publicKey, "public key file");
+    signers->require_option(1);
 }
 
 void addBuild(CLI::App& app, BuildOptions& options)
@@ -55,8 +70,7 @@ void addBuild(CLI::App& app, BuildOptions& options)
     verb->add_option("--version", options.version, "the payload's version")->required();
     verb->add_option("--payload", options.payload, "file with the firmware")->required();
     verb->add_option("--key", options.key, "image key file (image-key.bin)")->required();
-    verb->add_option("--sign", options.signingKey, "signing key file (signing-key.pem)")
-        ->required();
+    addSigning(verb, options.signingKey, options.reproducible);
     CLI::Option* model = addModel(verb, options.model,
                                   "the device's model: the image is valid only for this module of "
                                   "this model")
@@ -97,7 +111,8 @@ void addProvision(CLI::App& app, ProvisionOptions& options)
                      "MODULE=NUMBER: the lowest security counter of the module's images")
         ->expected(1)
         ->take_all();
-    verb->add_option("--sign", options.key, "provisioning key file (provisioning-key.pem)")
+    verb->add_option("--sign", options.key,
+                     "provisioning key: a file, or the URI pkcs11:... of a token's key")
         ->required();
     verb->add_option("--certificate", options.certificate,
                      "file with its certificate (provisioning-certificate.pem), followed by\n"
@@ -122,11 +137,9 @@ void addVerify(CLI::App& app, VerifyOptions& options)
     addModel(verb, options.model, "the device's model, as in trust.conf");
     verb->add_option("--floor", options.floor, "lowest security counter that the device accepts");
     CLI::Option_group* keys = verb->add_option_group("keys", "one of");
-    keys->add_option("--trusted", options.trustedDirectory, "directory with public keys, *.pem");
-    keys->add_option("--public", options.publicKey, "public key file");
+    addSigners(keys, options.trustedDirectory, options.publicKey);
     keys->add_option("--certificates", options.certificateDirectory,
                      "directory with certificates, *.pem; the file is a provisioning package");
-    keys->require_option(1);
     verb->add_flag("--purpose", options.wantsPurpose,
                    "require a signer's certificate for provisioning, with --certificates")
         ->needs("--certificates");
@@ -139,6 +152,64 @@ void addExtract(CLI::App& app, ExtractOptions& options)
     verb->add_option("FILE", options.image, "the image")->required();
     verb->add_option("--key", options.key, "image key file")->required();
     verb->add_option("--output", options.output, "file for the payload")->required();
+}
+
+void addStick(CLI::App& app, StickOptions& options)
+{
+    CLI::App* verb = addVerb(app, "stick", "make all images of a stick", options, stick);
+    verb->add_option("--manifest", options.manifest, "JSON file that lists the images")->required();
+    verb->add_option("--output", options.output,
+                     "the stick's directory, new or empty; default as in the manifest");
+    verb->add_flag("--reproducible", options.reproducible, "the same input gives the same bytes");
+}
+
+void addResign(CLI::App& app, ResignOptions& options)
+{
+    CLI::App* verb =
+        addVerb(app, "resign", "sign an image anew, without its image key", options, resign);
+    verb->add_option("FILE", options.image, "the image")->required();
+    CLI::Option_group* signers = verb->add_option_group("signer", "who signed it, one of");
+    addSigners(signers, options.trustedDirectory, options.publicKey);
+    signers->add_flag("--force", options.force, "do not check who signed it");
+    addSigning(verb, options.signingKey, options.reproducible);
+    verb->add_option("--module", options.module,
+                     "the module's firmware name; default as in the image's file name");
+    CLI::Option* model =
+        addModel(verb, options.model, "the device's model: the new trailer has format 2");
+    addModel(verb, options.oldModel, "the model in the old signature; default as --model",
+             "--old-model")
+        ->needs(model);
+    verb->add_option("--counter", options.counter, "security counter; default as before")
+        ->needs(model);
+    verb->add_option("--output", options.output, "the new image; may be the old one")->required();
+}
+
+/// @param[out] status  the exit code of diff(1): 0 the same, 1 different; for trouble it throws
+void addDiff(CLI::App& app, DiffOptions& options, int& status)
+{
+    CLI::App* verb = app.add_subcommand("diff", "say in what two images differ");
+    verb->add_flag("--json", options.json, "print the result as one JSON object");
+    verb->footer("Exit codes: 0 the same; 1 different; 2 trouble.");
+    verb->add_option("FIRST", options.first, "an image")->required();
+    verb->add_option("SECOND", options.second, "another")->required();
+    verb->add_option("--key", options.keys,
+                     "image key file, to compare version and payload as well; give it twice where\n"
+                     "each image has its own")
+        ->expected(1)
+        ->take_all();
+    verb->callback([&options, &status] {
+        try {
+            if (options.keys.size() > 2) {
+                throw ImageError(ImageFault::kUsage, "--key is given twice at most");
+            }
+            status = diff(options) ? 0 : 1;
+            if (!std::cout.flush()) {
+                throw ImageError(ImageFault::kFile, "standard output cannot be written");
+            }
+        } catch (const std::exception& trouble) {
+            throw ImageError(ImageFault::kUsage, trouble.what());
+        }
+    });
 }
 
 int fail(ImageFault fault, const std::string& reason)
@@ -156,6 +227,10 @@ int run(int argc, char** argv)
     InfoOptions info;
     VerifyOptions verify;
     ExtractOptions extract;
+    StickOptions stick;
+    ResignOptions resign;
+    DiffOptions diff;
+    int status = 0;
 
     CLI::App app("Makes and reads the images and packages that Quillon installs.", "quillon-image");
     app.set_version_flag("--version", "quillon-image " QUILLON_VERSION);
@@ -168,6 +243,9 @@ int run(int argc, char** argv)
     addInfo(app, info);
     addVerify(app, verify);
     addExtract(app, extract);
+    addStick(app, stick);
+    addResign(app, resign);
+    addDiff(app, diff, status);
 
     try {
         app.parse(argc, argv);
@@ -179,7 +257,7 @@ int run(int argc, char** argv)
     if (!std::cout.flush()) {
         return fail(ImageFault::kFile, "standard output cannot be written");
     }
-    return 0;
+    return status;
 }
 
 }  // namespace

@@ -2,9 +2,6 @@
 
 #include <json/json.h>
 
-#include <cerrno>
-#include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 
@@ -14,6 +11,7 @@
 #include "src/support/checksum.h"
 #include "tools/quillon-image/atomic-file.h"
 #include "tools/quillon-image/run-program.h"
+#include "tools/quillon-image/scratch-directory.h"
 #include "tools/quillon-image/stick-image.h"
 
 namespace quillon {
@@ -39,78 +37,6 @@ constexpr char kExt4Options[] =
     "hash_seed=00000000-0000-0000-0000-000000000001,root_owner=0:0,nodiscard,lazy_itable_init=0";
 /// The epoch itself means "no time given" to these programs.
 constexpr char kExt4Time[] = "E2FSPROGS_FAKE_TIME=1";
-
-/// Keeps SIGHUP, SIGINT and SIGTERM back while it lives, so that what is temporary is removed
-/// before one of them ends the process. Declare it before what is to be removed. Programs that run
-/// meanwhile do not inherit it: an interruption from the terminal ends them at once.
-class HeldSignals
-{
-public:
-    HeldSignals()
-    {
-        sigset_t held;
-        sigemptyset(&held);
-        for (const int signal : kSignals) {
-            struct sigaction action = {};
-            // One that is ignored, as by nohup(1), would wait here instead of being dropped.
-            if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN) {
-                sigaddset(&held, signal);
-            }
-        }
-        sigprocmask(SIG_BLOCK, &held, &before_);
-    }
-
-    /// A signal that came meanwhile takes effect here.
-    ~HeldSignals() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
-
-    HeldSignals(const HeldSignals&) = delete;
-    HeldSignals& operator=(const HeldSignals&) = delete;
-
-    /// To be called now and then during long work. Throws when one of the signals is waiting.
-    void requireNone() const
-    {
-        sigset_t waiting;
-        sigpending(&waiting);
-        for (const int signal : kSignals) {
-            if (sigismember(&waiting, signal) == 1) {
-                throw ImageError(ImageFault::kFile, "interrupted");
-            }
-        }
-    }
-
-private:
-    static constexpr int kSignals[] = {SIGHUP, SIGINT, SIGTERM};
-    sigset_t before_{};
-};
-
-/// A directory beside a file, removed with all that is in it.
-class ScratchDirectory
-{
-public:
-    explicit ScratchDirectory(const std::string& neighbour)
-    {
-        std::string pattern = neighbour + ".XXXXXX";
-        if (mkdtemp(pattern.data()) == nullptr) {
-            throw ImageError(ImageFault::kFile,
-                             neighbour + ": cannot be written: " + std::strerror(errno));
-        }
-        path_ = pattern;
-    }
-
-    ~ScratchDirectory()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-
-    ScratchDirectory(const ScratchDirectory&) = delete;
-    ScratchDirectory& operator=(const ScratchDirectory&) = delete;
-
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
-};
 
 /// Copies a file; the checksum is that of the bytes that were copied.
 std::uint32_t copyPayload(const InputFile& payload, const std::string& target,

@@ -6,12 +6,15 @@
 #include <algorithm>
 #include <vector>
 
+#include "platform/verifier/hex-text.h"
 #include "platform/verifier/image-error.h"
 #include "platform/verifier/input-file.h"
 #include "platform/verifier/public-key.h"
 #include "platform/verifier/signed-file.h"
 #include "platform/verifier/trusted-keys.h"
 #include "tools/quillon-image/atomic-file.h"
+#include "tools/quillon-image/reproducible-signature.h"
+#include "tools/quillon-image/scratch-directory.h"
 
 namespace quillon {
 namespace {
@@ -91,35 +94,31 @@ private:
     Bytes output_;
 };
 
-/// A file that is signed when it is written.
-class SignedOutput
+/// SHA-256 over what comes in pieces.
+class Digest
 {
 public:
-    explicit SignedOutput(const std::string& path)
-        : file_(path, Audience::kEveryone), digest_(EVP_MD_CTX_new())
+    Digest() : context_(EVP_MD_CTX_new())
     {
-        require(digest_ && EVP_DigestInit_ex(digest_.get(), EVP_sha256(), nullptr) == 1);
+        require(context_ && EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) == 1);
     }
 
-    void write(const unsigned char* data, std::size_t length)
+    void add(const unsigned char* data, std::size_t length)
     {
-        size_ += length;
-        if (size_ + kTrailerSize > kLargestImage) {
-            throw ImageError(ImageFault::kFormat, "payload too large: an image stays below 2 GiB");
-        }
-        require(EVP_DigestUpdate(digest_.get(), data, length) == 1);
-        file_.write(data, length);
+        require(EVP_DigestUpdate(context_.get(), data, length) == 1);
     }
 
-    void write(const Bytes& data) { write(data.data(), data.size()); }
-
-    void commit(const std::optional<ImagePurpose>& purpose, EVP_PKEY* key)
+    ContentDigest finish()
     {
-        ContentDigest content{};
-        require(EVP_DigestFinal_ex(digest_.get(), content.data(), nullptr) == 1);
-        const TrailerBytes bytes = encodeTrailer(signImage(content, purpose, key));
-        file_.write(bytes.data(), bytes.size());
-        file_.commit();
+        ContentDigest digest{};
+        require(EVP_DigestFinal_ex(context_.get(), digest.data(), nullptr) == 1);
+        return digest;
+    }
+
+    std::string finishAsText()
+    {
+        const ContentDigest digest = finish();
+        return hexText(digest.data(), digest.size());
     }
 
 private:
@@ -130,8 +129,46 @@ private:
         }
     }
 
+    UniqueDigestContext context_;
+};
+
+/// A file that is signed when it is written.
+class SignedOutput
+{
+public:
+    explicit SignedOutput(const std::string& path) : file_(path, Audience::kEveryone) {}
+
+    void write(const unsigned char* data, std::size_t length)
+    {
+        signals_.requireNone();
+        size_ += length;
+        if (size_ + kTrailerSize > kLargestImage) {
+            throw ImageError(ImageFault::kFormat, "payload too large: an image stays below 2 GiB");
+        }
+        digest_.add(data, length);
+        file_.write(data, length);
+    }
+
+    void write(const Bytes& data) { write(data.data(), data.size()); }
+
+    /// @return the digest of all that was written. Nothing more may be.
+    ContentDigest finish() { return digest_.finish(); }
+
+    void commit(const ContentDigest& content, const std::optional<ImagePurpose>& purpose,
+                EVP_PKEY* key, Making making)
+    {
+        const ImageTrailer trailer = making == Making::kRandom
+                                         ? signImage(content, purpose, key)
+                                         : signImageReproducibly(content, purpose, key);
+        const TrailerBytes bytes = encodeTrailer(trailer);
+        file_.write(bytes.data(), bytes.size());
+        file_.commit();
+    }
+
+private:
+    HeldSignals signals_;
     AtomicFile file_;
-    UniqueDigestContext digest_;
+    Digest digest_;
     std::uint64_t size_ = 0;
 };
 
@@ -173,15 +210,6 @@ void requireModule(const std::string& module)
     }
 }
 
-void requirePurpose(const ImagePurpose& purpose)
-{
-    requireModule(purpose.module);
-    if (!isModelName(purpose.model)) {
-        throw ImageError(ImageFault::kUsage,
-                         "a model has 1 to 64 printable ASCII characters, no blank at its ends");
-    }
-}
-
 InitialisationVector randomVector()
 {
     InitialisationVector vector{};
@@ -189,6 +217,64 @@ InitialisationVector randomVector()
         throw ImageError(ImageFault::kKey, "no random numbers for the initialisation vector");
     }
     return vector;
+}
+
+/// A vector that only holders of the key can tell from a random one: HMAC-SHA-256 of the plaintext.
+InitialisationVector contentVector(const ImageKey& key, const Bytes& header,
+                                   const InputFile& payload)
+{
+    const auto require = [](bool done) {
+        if (!done) {
+            throw ImageError(ImageFault::kKey, "HMAC-SHA-256 cannot be computed");
+        }
+    };
+    const UniqueKey macKey(
+        EVP_PKEY_new_raw_private_key(EVP_PKEY_HMAC, nullptr, key.data(), key.size()));
+    const UniqueDigestContext context(EVP_MD_CTX_new());
+    require(macKey && context &&
+            EVP_DigestSignInit(context.get(), nullptr, EVP_sha256(), nullptr, macKey.get()) == 1 &&
+            EVP_DigestSignUpdate(context.get(), header.data(), header.size()) == 1);
+    payload.readPieces(0, payload.size(), [&](const unsigned char* data, std::size_t length) {
+        require(EVP_DigestSignUpdate(context.get(), data, length) == 1);
+    });
+    ContentDigest code{};
+    std::size_t length = code.size();
+    require(EVP_DigestSignFinal(context.get(), code.data(), &length) == 1);
+    InitialisationVector vector{};
+    std::copy_n(code.begin(), vector.size(), vector.begin());
+    return vector;
+}
+
+/// Deciphers an image and hands the payload to a consumer. Checks the version header and padding.
+/// @return the version text.
+std::string decipher(const SignedFile& image, const ImageKey& imageKey,
+                     const std::function<void(const unsigned char*, std::size_t)>& consume)
+{
+    const std::string& path = image.file().path();
+    Cipher cipher(imageKey, readVector(image), Cipher::kDecipher);
+    std::string version;
+    image.file().readPieces(kInitialisationVectorSize, image.contentSize(),
+                            [&](const unsigned char* data, std::size_t length) {
+                                const Bytes& plaintext = cipher.update(data, length);
+                                std::size_t start = 0;
+                                // The first piece holds the whole version header, or there is none.
+                                // A wrong key is found before the long rest.
+                                if (version.empty() && plaintext.size() >= kVersionHeaderSize) {
+                                    version = decodeVersion(plaintext, path);
+                                    start = kVersionHeaderSize;
+                                }
+                                consume(plaintext.data() + start, plaintext.size() - start);
+                            });
+    const std::optional<Bytes> lastBytes = cipher.finish();
+    if (!lastBytes) {
+        throw ImageError(ImageFault::kKey,
+                         path + ": wrong padding: wrong image key or damaged image");
+    }
+    if (version.empty()) {
+        throw noWholeVersionHeader(path);
+    }
+    consume(lastBytes->data(), lastBytes->size());
+    return version;
 }
 
 }  // namespace
@@ -201,9 +287,18 @@ void requireVersion(const std::string& version)
     }
 }
 
+void requirePurpose(const ImagePurpose& purpose)
+{
+    requireModule(purpose.module);
+    if (!isModelName(purpose.model)) {
+        throw ImageError(ImageFault::kUsage,
+                         "a model has 1 to 64 printable ASCII characters, no blank at its ends");
+    }
+}
+
 void buildStickImage(const std::string& version, const std::string& payloadPath,
                      const ImageKey& imageKey, EVP_PKEY* signingKey, const std::string& outputPath,
-                     const std::optional<ImagePurpose>& purpose)
+                     const std::optional<ImagePurpose>& purpose, Making making)
 {
     requireVersion(version);
     Bytes header(version.begin(), version.end());
@@ -211,22 +306,40 @@ void buildStickImage(const std::string& version, const std::string& payloadPath,
     if (purpose) {
         requirePurpose(*purpose);
     }
-    const InitialisationVector vector = randomVector();
     const InputFile payload(payloadPath);
     if (payload.size() > kLargestImage - kSmallestImage - kVersionHeaderSize) {
         throw ImageError(ImageFault::kFormat,
                          payloadPath + ": too large: an image stays below 2 GiB");
     }
 
-    Cipher cipher(imageKey, vector, Cipher::kEncipher);
     SignedOutput output(outputPath);
+    const InitialisationVector vector =
+        making == Making::kRandom ? randomVector() : contentVector(imageKey, header, payload);
+    Cipher cipher(imageKey, vector, Cipher::kEncipher);
     output.write(vector.data(), vector.size());
     output.write(cipher.update(header.data(), header.size()));
     payload.readPieces(0, payload.size(), [&](const unsigned char* data, std::size_t length) {
         output.write(cipher.update(data, length));
     });
     output.write(cipher.finish().value());
-    output.commit(purpose, signingKey);
+    const ContentDigest content = output.finish();
+    output.commit(content, purpose, signingKey, making);
+}
+
+void resignStickImage(const std::string& path, const Resigner& judge, EVP_PKEY* signingKey,
+                      const std::string& outputPath, Making making)
+{
+    const SignedFile image = openStickImage(path);
+    SignedOutput output(outputPath);
+    image.file().readPieces(
+        0, image.contentSize(),
+        [&output](const unsigned char* data, std::size_t length) { output.write(data, length); });
+    const ContentDigest content = output.finish();
+    const std::optional<ImagePurpose> purpose = judge(image.trailer(), content);
+    if (purpose) {
+        requirePurpose(*purpose);
+    }
+    output.commit(content, purpose, signingKey, making);
 }
 
 std::string stickImagePath(const std::string& directory, const std::string& module)
@@ -263,54 +376,56 @@ std::string extractStickImage(const std::string& path, const ImageKey& imageKey,
                               const std::string& payloadPath)
 {
     const SignedFile image = openStickImage(path);
-    Cipher cipher(imageKey, readVector(image), Cipher::kDecipher);
     AtomicFile payload(payloadPath, Audience::kOwnerOnly);
-    std::string version;
-    image.file().readPieces(kInitialisationVectorSize, image.contentSize(),
-                            [&](const unsigned char* data, std::size_t length) {
-                                const Bytes& plaintext = cipher.update(data, length);
-                                std::size_t start = 0;
-                                // The first piece holds the whole version header, or there is none.
-                                // A wrong key is found before the long rest.
-                                if (version.empty() && plaintext.size() >= kVersionHeaderSize) {
-                                    version = decodeVersion(plaintext, path);
-                                    start = kVersionHeaderSize;
-                                }
-                                payload.write(plaintext.data() + start, plaintext.size() - start);
-                            });
-    const std::optional<Bytes> lastBytes = cipher.finish();
-    if (!lastBytes) {
-        throw ImageError(ImageFault::kKey,
-                         path + ": wrong padding: wrong image key or damaged image");
-    }
-    if (version.empty()) {
-        throw noWholeVersionHeader(path);
-    }
-    payload.write(lastBytes->data(), lastBytes->size());
+    std::string version = decipher(
+        image, imageKey,
+        [&payload](const unsigned char* data, std::size_t length) { payload.write(data, length); });
     payload.commit();
     return version;
 }
 
-void verifyStickImage(const std::string& path, const std::string& publicKeyPath,
-                      const TrustPolicy& policy)
+StickImageDigests digestStickImage(const std::string& path, const std::optional<ImageKey>& key)
 {
-    const UniqueKey key = loadPublicKey(publicKeyPath);
     const SignedFile image = openStickImage(path);
-    const ImagePurpose purpose = requireAllowed(image.trailer(), path, policy);
-    if (!namesKey(image.trailer(), keyIdOf(key.get()))) {
-        throw notSigned(path, "the signing key has the id " + keyIdText(image.trailer()) +
-                                  ", not that of " + publicKeyPath);
+    Digest ciphertext;
+    Digest signature;
+    Digest payload;
+    const auto addTo = [](Digest& digest) {
+        return
+            [&digest](const unsigned char* data, std::size_t length) { digest.add(data, length); };
+    };
+    image.file().readPieces(kInitialisationVectorSize, image.contentSize(), addTo(ciphertext));
+    signature.add(image.trailer().signature.data(), kSignatureSize);
+    if (key) {
+        decipher(image, *key, addTo(payload));
     }
-    requireSignature(image.trailer(), image.contentDigest(), purpose, key.get(), path);
+    return {ciphertext.finishAsText(), signature.finishAsText(), key ? payload.finishAsText() : ""};
 }
 
-std::string verifyStickImageByDirectory(const std::string& path, const std::string& directory,
-                                        const Complain& complain, const TrustPolicy& policy)
+std::string requireSignedBy(const Signers& signers, const ImageTrailer& trailer,
+                            const std::string& path, const ImagePurpose& purpose,
+                            const std::function<ContentDigest()>& digest)
+{
+    if (signers.publicKey.empty()) {
+        return requireTrustedSignature(trailer, path, purpose, digest, signers.directory,
+                                       signers.complain);
+    }
+    const UniqueKey key = loadPublicKey(signers.publicKey);
+    if (!namesKey(trailer, keyIdOf(key.get()))) {
+        throw notSigned(path, "the signing key has the id " + keyIdText(trailer) +
+                                  ", not that of " + signers.publicKey);
+    }
+    requireSignature(trailer, digest(), purpose, key.get(), path);
+    return signers.publicKey;
+}
+
+std::string verifyStickImage(const std::string& path, const Signers& signers,
+                             const TrustPolicy& policy)
 {
     const SignedFile image = openStickImage(path);
-    return requireTrustedSignature(
-        image.trailer(), path, requireAllowed(image.trailer(), path, policy),
-        [&image] { return image.contentDigest(); }, directory, complain);
+    return requireSignedBy(signers, image.trailer(), path,
+                           requireAllowed(image.trailer(), path, policy),
+                           [&image] { return image.contentDigest(); });
 }
 
 }  // namespace quillon

@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -42,7 +43,18 @@ struct StickImageInfo
 ///         characters.
 void requireVersion(const std::string& version);
 
+/// @throws ImageError with ImageFault::kUsage when module or model cannot be a name.
+void requirePurpose(const ImagePurpose& purpose);
+
+/// Where an image's initialisation vector and the signature's salt come from.
+enum class Making {
+    kRandom,       ///< from the random number generator: no two images are the same
+    kReproducible  ///< from key and content: the same input gives the same bytes, and so tells
+                   ///< whoever sees two images without the key that their content is the same
+};
+
 /// Makes a stick image out of a payload file. Works in pieces: memory does not grow with the image.
+/// SIGHUP, SIGINT and SIGTERM take effect once nothing temporary is left.
 ///
 /// @param version      1 to 63 printable ASCII characters
 /// @param payloadPath  a regular file, which may be empty
@@ -54,7 +66,21 @@ void requireVersion(const std::string& version);
 ///         when the signing key cannot sign.
 void buildStickImage(const std::string& version, const std::string& payloadPath,
                      const ImageKey& imageKey, EVP_PKEY* signingKey, const std::string& outputPath,
-                     const std::optional<ImagePurpose>& purpose = std::nullopt);
+                     const std::optional<ImagePurpose>& purpose = std::nullopt,
+                     Making making = Making::kRandom);
+
+/// Judges an image whose content was read whole.
+/// @return what the new trailer is for, as buildStickImage's purpose.
+/// Throws to refuse the image.
+using Resigner = std::function<std::optional<ImagePurpose>(const ImageTrailer& trailer,
+                                                           const ContentDigest& content)>;
+
+/// Gives an image another trailer. Vector and ciphertext stay as they are, so no image key is
+/// needed. Works in pieces, and takes signals as buildStickImage.
+/// @param outputPath  the new image, which may be the old one's path; as of buildStickImage
+/// @throws ImageError as inspectStickImage and buildStickImage, and what judge throws.
+void resignStickImage(const std::string& path, const Resigner& judge, EVP_PKEY* signingKey,
+                      const std::string& outputPath, Making making = Making::kRandom);
 
 /// @return the file's path on a stick: DIRECTORY/MODULE.bin.
 /// @param module  the module's firmware name: ASCII letters and digits
@@ -78,17 +104,39 @@ std::string readStickImageVersion(const std::string& path, const ImageKey& image
 std::string extractStickImage(const std::string& path, const ImageKey& imageKey,
                               const std::string& payloadPath);
 
-/// Checks an image against a policy and its signature against one public key.
+/// SHA-256 of an image's parts, in lowercase hexadecimal digits.
+struct StickImageDigests
+{
+    std::string ciphertext;
+    std::string signature;
+    std::string payload;  ///< empty without the key
+};
+
+/// Reads a whole image. Checks the version header and the padding where there is a key.
+/// @throws ImageError as readStickImageVersion.
+StickImageDigests digestStickImage(const std::string& path, const std::optional<ImageKey>& key);
+
+/// Whose signature an image has to bear.
+struct Signers
+{
+    std::string publicKey;  ///< this key file's; empty: that of any in the directory
+    std::string directory;  ///< of key files, *.pem
+    Complain complain;      ///< as of requireTrustedSignature
+};
+
+/// Checks a trailer's signature. The parameters are those of requireTrustedSignature.
+/// @return path of the key that signed it.
+/// @throws ImageError: ImageFault::kSignature, and ImageFault::kFile or ImageFault::kKey when the
+///         public key's file is unusable.
+std::string requireSignedBy(const Signers& signers, const ImageTrailer& trailer,
+                            const std::string& path, const ImagePurpose& purpose,
+                            const std::function<ContentDigest()>& digest);
+
+/// Checks an image against a policy and its signature, as a device does.
+/// @return path of the key that signed it.
 /// @throws ImageError: ImageFault::kFile, ImageFault::kFormat, ImageFault::kSignature, and
 ///         ImageFault::kKey when the key file is unusable.
-void verifyStickImage(const std::string& path, const std::string& publicKeyPath,
-                      const TrustPolicy& policy = {});
-
-/// Checks an image against a policy and its signature against the keys (*.pem) in a directory, as a
-/// device does.
-/// @return path of the key that signed it.
-/// @throws ImageError as verifyStickImage.
-std::string verifyStickImageByDirectory(const std::string& path, const std::string& directory,
-                                        const Complain& complain, const TrustPolicy& policy = {});
+std::string verifyStickImage(const std::string& path, const Signers& signers,
+                             const TrustPolicy& policy = {});
 
 }  // namespace quillon

@@ -2,8 +2,10 @@
 
 #include <json/json.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <iostream>
+#include <set>
 
 #include "platform/storage/provisioning-content.h"
 #include "platform/verifier/hex-text.h"
@@ -15,6 +17,7 @@
 #include "tools/quillon-image/package-image.h"
 #include "tools/quillon-image/provisioning-package.h"
 #include "tools/quillon-image/stick-image.h"
+#include "tools/quillon-image/stick-manifest.h"
 
 namespace quillon {
 namespace {
@@ -96,6 +99,11 @@ Floors floorsOf(const std::vector<std::string>& words)
     return floors;
 }
 
+Making makingOf(bool reproducible)
+{
+    return reproducible ? Making::kReproducible : Making::kRandom;
+}
+
 void sayMade(const std::string& path, const std::string& version)
 {
     std::cout << path << ": version " << version << ", " << std::filesystem::file_size(path)
@@ -132,7 +140,8 @@ void build(const BuildOptions& options)
         options.model.empty()
             ? std::nullopt
             : std::optional(ImagePurpose{options.module, options.model, options.counter});
-    buildStickImage(options.version, options.payload, imageKey, signingKey.get(), path, purpose);
+    buildStickImage(options.version, options.payload, imageKey, signingKey.get(), path, purpose,
+                    makingOf(options.reproducible));
 
     if (!options.json) {
         sayMade(path, options.version);
@@ -227,15 +236,10 @@ void verify(const VerifyOptions& options)
     policy.place = "--model";
     policy.model = options.model;
     policy.floors[moduleOf(options.image)] = options.floor;
-    std::string key = options.publicKey;
-    if (key.empty()) {
-        key = verifyStickImageByDirectory(options.image, options.trustedDirectory, &warn, policy);
-    } else {
-        verifyStickImage(options.image, key, policy);
-    }
     Json::Value entries;
     entries["image"] = options.image;
-    entries["signedBy"] = key;
+    entries["signedBy"] = verifyStickImage(
+        options.image, {options.publicKey, options.trustedDirectory, &warn}, policy);
     report(entries, options.json);
 }
 
@@ -249,6 +253,138 @@ void extract(const ExtractOptions& options)
     entries["size"] = static_cast<Json::UInt64>(std::filesystem::file_size(options.output));
     entries["version"] = version;
     report(entries, options.json);
+}
+
+void stick(const StickOptions& options)
+{
+    const StickManifest manifest = loadManifest(options.manifest);
+    const std::string& directory = options.output.empty() ? manifest.output : options.output;
+    if (directory.empty()) {
+        throw ImageError(ImageFault::kUsage,
+                         options.manifest + ": \"output\" is missing: add it, or give --output");
+    }
+    makeStick(manifest.entries, directory, makingOf(options.reproducible));
+
+    Json::Value images(Json::arrayValue);
+    for (const StickEntry& entry : manifest.entries) {
+        const std::string path = stickImagePath(directory, entry.module);
+        if (!options.json) {
+            sayMade(path, entry.version);
+            continue;
+        }
+        Json::Value image = describe(path, inspectStickImage(path));
+        image["module"] = entry.module;
+        image["version"] = entry.version;
+        images.append(image);
+    }
+    if (options.json) {
+        Json::Value entries;
+        entries["stick"] = directory;
+        entries["images"] = images;
+        report(entries, true);
+    }
+}
+
+void resign(const ResignOptions& options)
+{
+    const std::string module = options.module.empty() ? moduleOf(options.image) : options.module;
+    const std::string& oldModel = options.oldModel.empty() ? options.model : options.oldModel;
+    std::string signedBefore;
+    const auto judge = [&](const ImageTrailer& trailer,
+                           const ContentDigest& content) -> std::optional<ImagePurpose> {
+        if (trailer.format == 2 && (module.empty() || options.model.empty())) {
+            throw ImageError(ImageFault::kUsage, options.image +
+                                                     ": its trailer has format 2, and "
+                                                     "keeps it: give --module and "
+                                                     "--model");
+        }
+        if (!options.force) {
+            signedBefore = requireSignedBy(
+                {options.publicKey, options.trustedDirectory, &warn}, trailer, options.image,
+                {module, oldModel, trailer.counter}, [&content] { return content; });
+        }
+        if (options.model.empty()) {
+            return std::nullopt;
+        }
+        if (module.empty()) {
+            throw ImageError(ImageFault::kUsage,
+                             options.image + ": its name is not that of a module: give --module");
+        }
+        if (trailer.format == 1 && !options.counter) {
+            throw ImageError(ImageFault::kUsage,
+                             options.image +
+                                 ": its trailer of format 1 has no security counter: "
+                                 "give --counter");
+        }
+        return ImagePurpose{module, options.model, options.counter.value_or(trailer.counter)};
+    };
+    const UniqueKey signingKey = loadSigningKey(options.signingKey);
+    resignStickImage(options.image, judge, signingKey.get(), options.output,
+                     makingOf(options.reproducible));
+
+    Json::Value entries = describe(options.output, inspectStickImage(options.output));
+    if (!options.force) {
+        entries["signedBefore"] = signedBefore;
+    }
+    report(entries, options.json);
+}
+
+bool diff(const DiffOptions& options)
+{
+    const auto read = [&options](const std::string& path, std::size_t keyIndex) {
+        std::optional<ImageKey> key;
+        if (!options.keys.empty()) {
+            key = loadImageKey(options.keys.at(std::min(keyIndex, options.keys.size() - 1)));
+        }
+        Json::Value entries = describe(path, inspectStickImage(path));
+        entries.removeMember("image");
+        const StickImageDigests digests = digestStickImage(path, key);
+        entries["ciphertextDigest"] = digests.ciphertext;
+        entries["signatureDigest"] = digests.signature;
+        if (key) {
+            entries["payloadDigest"] = digests.payload;
+            entries["version"] = readStickImageVersion(path, *key);
+        }
+        return entries;
+    };
+    Json::Value first = read(options.first, 0);
+    Json::Value second = read(options.second, 1);
+    // Format 2 tells less of the key's id.
+    const std::size_t idLength =
+        std::min(first["keyId"].asString().size(), second["keyId"].asString().size());
+    for (Json::Value* entries : {&first, &second}) {
+        (*entries)["keyId"] = (*entries)["keyId"].asString().substr(0, idLength);
+    }
+
+    std::set<std::string> names;
+    for (const Json::Value* entries : {&first, &second}) {
+        for (const std::string& name : entries->getMemberNames()) {
+            names.insert(name);
+        }
+    }
+    Json::Value differences(Json::objectValue);
+    for (const std::string& name : names) {
+        if (first[name] != second[name]) {
+            differences[name].append(first[name]);
+            differences[name].append(second[name]);
+        }
+    }
+    if (options.json) {
+        Json::Value entries;
+        entries["first"] = options.first;
+        entries["second"] = options.second;
+        entries["differences"] = differences;
+        report(entries, true);
+        return differences.empty();
+    }
+    const auto textOf = [](const Json::Value& value) {
+        return value.isNull() ? "none" : value.asString();
+    };
+    for (const std::string& name : differences.getMemberNames()) {
+        std::cout << name << ": " << textOf(differences[name][0]) << " -> "
+                  << textOf(differences[name][1]) << '\n';
+    }
+    return differences.empty();
 }
 
 }  // namespace quillon

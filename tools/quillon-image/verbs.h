@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,33 @@ struct BuildOptions
     std::string stick;          ///< the stick's directory, or empty when output is given
     std::string model;          ///< of the device, for a trailer of format 2; empty: format 1
     std::uint32_t counter = 0;  ///< security counter, with model
+    bool reproducible = false;
+    bool json = false;
+};
+
+struct StickOptions
+{
+    std::string manifest;
+    std::string output;  ///< empty: the manifest names it
+    bool reproducible = false;
+    bool json = false;
+};
+
+struct ResignOptions
+{
+    std::string image;
+    // One of these is given.
+    std::string trustedDirectory;  ///< of public keys, one of which signed the image
+    std::string publicKey;         ///< of who signed the image
+    bool force = false;            ///< the image's signature does not matter
+
+    std::string signingKey;
+    std::string output;
+    std::string module;                    ///< empty: as the file's name says
+    std::string model;                     ///< for a trailer of format 2; empty: format 1
+    std::string oldModel;                  ///< for which the image was signed; empty: model
+    std::optional<std::uint32_t> counter;  ///< without: the image's own
+    bool reproducible = false;
     bool json = false;
 };
 
@@ -80,6 +108,14 @@ struct ExtractOptions
     bool json = false;
 };
 
+struct DiffOptions
+{
+    std::string first;
+    std::string second;
+    std::vector<std::string> keys;  ///< of none, both, or each
+    bool json = false;
+};
+
 void keygen(const KeygenOptions& options);
 void build(const BuildOptions& options);
 void package(const PackageOptions& options);
@@ -87,5 +123,10 @@ void provision(const ProvisionOptions& options);
 void info(const InfoOptions& options);
 void verify(const VerifyOptions& options);
 void extract(const ExtractOptions& options);
+void stick(const StickOptions& options);
+void resign(const ResignOptions& options);
+
+/// @return whether the two images are the same.
+bool diff(const DiffOptions& options);
 
 }  // namespace quillon

@@ -125,7 +125,7 @@ TEST_F(ImageFormat, KeepsEveryPayloadWhateverItsLength)
         ASSERT_EQ(extractStickImage(image, key, extracted), "1.2.3") << length;
         ASSERT_EQ(readAll(extracted), content) << length;
         ASSERT_EQ(readStickImageVersion(image, key), "1.2.3") << length;
-        ASSERT_NO_THROW(verifyStickImage(image, keyPath("a", kPublicKeyFile))) << length;
+        ASSERT_NO_THROW(verifyStickImage(image, {keyPath("a", kPublicKeyFile), "", {}})) << length;
         ASSERT_EQ(readAll(image).size(), 16 + (64 + length) / 16 * 16 + 16 + 534) << length;
     }
 }

@@ -53,7 +53,8 @@ TEST_F(ImageOpenssl, MakesAnImageThatVerifiesAndExtracts)
 {
     ASSERT_EQ(shell(makeCommands), 0) << err;
 
-    EXPECT_NO_THROW(verifyStickImage(directory + "tuner.bin", keyPath("a", kPublicKeyFile)));
+    EXPECT_NO_THROW(
+        verifyStickImage(directory + "tuner.bin", {keyPath("a", kPublicKeyFile), "", {}}));
     EXPECT_EQ(extractStickImage(directory + "tuner.bin", loadImageKey(keyPath("a", kImageKeyFile)),
                                 directory + "extracted"),
               "2.0");

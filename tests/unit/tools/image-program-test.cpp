@@ -2,64 +2,16 @@
 
 #include <gmock/gmock.h>
 
-#include <json/json.h>
-
-#include <algorithm>
+#include <set>
 #include <sstream>
 
 #include "support/texts.h"
-#include "unit/tools/image-files.h"
+#include "unit/tools/image-program.h"
 
 using ::testing::MatchesRegex;
 
 namespace quillon::test {
 namespace {
-
-class ImageProgram : public ImageFiles
-{
-protected:
-    void SetUp() override
-    {
-        ImageFiles::SetUp();
-        image = directory + "tuner.bin";
-        writeFile(directory + "payload", "firmware");
-        makeImage(image, "a", "2.0", "firmware");
-    }
-
-    int run(const std::string& arguments)
-    {
-        return shell("cd '" + directory + "' && KEYS='" QUILLON_TEST_KEYS "/a' OTHER='" +
-                     QUILLON_TEST_KEYS "/b'; " IMAGE_PROGRAM " " + arguments);
-    }
-
-    /// Runs and expects a refusal in a single line.
-    void expectRefusal(const std::string& arguments, int code, const std::string& reason)
-    {
-        EXPECT_EQ(run(arguments), code) << arguments;
-        EXPECT_EQ(out, "") << arguments;
-        SCOPED_TRACE(arguments);
-        expectText(err, like("quillon-image: *"));
-        SCOPED_TRACE(arguments);
-        expectText(err, like("*" + std::string(reason) + "*"));
-        EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
-    }
-
-    Json::Value json() const
-    {
-        Json::Value value;
-        std::istringstream source(out);
-        EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), source, &value, nullptr))
-            << out;
-        EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
-        return value;
-    }
-
-    std::string image;
-};
-
-constexpr char kBuild[] =
-    "build --version 2.1 --payload payload --key $KEYS/image-key.bin "
-    "--sign $KEYS/signing-key.pem ";
 
 TEST_F(ImageProgram, BuildsVerifiesAndExtractsOnAStick)
 {
@@ -200,22 +152,59 @@ TEST_F(ImageProgram, TellsItsVersionAndHelp)
     EXPECT_EQ(run("--version"), 0);
     EXPECT_EQ(out, "quillon-image " QUILLON_VERSION "\n");
     EXPECT_EQ(run("--help"), 0);
-    expectText(out, like("*Exit codes: 0 done; 2 wrong command line;*"));
+    expectText(out, like("*Exit codes: 0 done; 2 wrong command line or manifest;*"));
+}
+
+constexpr const char* kVerbs[] = {"keygen", "build",   "package", "provision", "info",
+                                  "verify", "extract", "stick",   "resign",    "diff"};
+
+std::set<std::string> optionsIn(const std::string& help)
+{
+    std::set<std::string> options;
+    std::istringstream words(help);
+    for (std::string word; words >> word;) {
+        if (word.rfind("--", 0) == 0) {
+            options.insert(word.substr(0, word.find_first_of(",:;")));
+        }
+    }
+    return options;
 }
 
 TEST_F(ImageProgram, HasEveryVerbAndOptionInItsManual)
 {
     const std::string manual = readAll(MANUAL_PAGE);
-    for (const char* verb :
-         {"keygen", "build", "package", "provision", "info", "verify", "extract"}) {
+    for (const char* verb : kVerbs) {
         expectText(manual, like("*" + std::string(".Cm ") + verb + "*"));
         ASSERT_EQ(run(std::string(verb) + " --help"), 0);
-        std::istringstream words(out);
-        for (std::string word; words >> word;) {
-            if (word.rfind("--", 0) == 0) {
-                expectText(manual, like("*Fl -" + word.substr(2, word.find(',') - 2) + "*"));
-            }
+        for (const std::string& option : optionsIn(out)) {
+            expectText(manual, like("*Fl -" + option.substr(2) + "*"));
         }
+    }
+}
+
+TEST_F(ImageProgram, HasEveryVerbAndOptionInItsCompletion)
+{
+    const auto completed = [this](const std::string& words, int count) {
+        EXPECT_EQ(shell("bash -c '. " COMPLETION "; COMP_WORDS=(quillon-image " + words +
+                        "); COMP_CWORD=" + std::to_string(count) +
+                        "; _quillon_image; printf \"%s\\n\" \"${COMPREPLY[@]}\"'"),
+                  0)
+            << err;
+        std::istringstream lines(out);
+        std::set<std::string> offers;
+        for (std::string line; std::getline(lines, line);) {
+            offers.insert(line);
+        }
+        return offers;
+    };
+    std::set<std::string> verbs(std::begin(kVerbs), std::end(kVerbs));
+    verbs.insert({"--help", "--version"});
+    EXPECT_EQ(completed("\"\"", 1), verbs);
+    for (const char* verb : kVerbs) {
+        ASSERT_EQ(run(std::string(verb) + " --help"), 0);
+        std::set<std::string> options = optionsIn(out);
+        options.insert("--help");
+        EXPECT_EQ(completed(verb + std::string(" --"), 2), options) << verb;
     }
 }
 

@@ -22,6 +22,7 @@ enum Step {
     kFirstImage,
     kSecondKey,
     kSecondImage,
+    kResign,
     kRemoveFirstKey,
     kSecondCertificate,
     kSecondPackage,
@@ -116,8 +117,12 @@ TEST_F(TrustPage, AKeyIsRotatedAndRevoked)
     EXPECT_TRUE(isAccepted("tuner-2.1.bin")) << err;
     EXPECT_TRUE(isAccepted("tuner-2.0.bin")) << err;
 
+    perform(kResign);
+    EXPECT_TRUE(isAccepted("tuner-2.0-resigned.bin")) << err;
+
     perform(kRemoveFirstKey);
     EXPECT_TRUE(isAccepted("tuner-2.1.bin")) << err;
+    EXPECT_TRUE(isAccepted("tuner-2.0-resigned.bin")) << err;
     EXPECT_FALSE(isAccepted("tuner-2.0.bin"));
     expectText(err, like("*not signed: no trusted key with the id *"));
 }
