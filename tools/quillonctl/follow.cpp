@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "src/support/paths.h"
-#include "tools/quillonctl/outside-text.h"
 #include "tools/quillonctl/recorded-run.h"
 #include "tools/quillonctl/run-report.h"
+#include "tools/shared/outside-text.h"
 
 namespace quillon {
 namespace {

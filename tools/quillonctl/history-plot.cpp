@@ -14,7 +14,7 @@
 
 #include "base/replace-file.h"
 #include "tools/quillonctl/history.h"
-#include "tools/quillonctl/outside-text.h"
+#include "tools/shared/outside-text.h"
 
 namespace quillon {
 namespace {

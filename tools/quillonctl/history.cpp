@@ -20,8 +20,8 @@
 #include "src/support/paths.h"
 #include "src/support/run-history.h"
 #include "tools/quillonctl/history-plot.h"
-#include "tools/quillonctl/outside-text.h"
-#include "tools/quillonctl/text-table.h"
+#include "tools/shared/outside-text.h"
+#include "tools/shared/text-table.h"
 
 namespace quillon {
 namespace {

@@ -16,9 +16,9 @@
 #include "tools/quillonctl/modules/update-slot.h"
 #include "tools/quillonctl/output.h"
 #include "tools/quillonctl/progress-display.h"
-#include "tools/quillonctl/standard-files.h"
-#include "tools/quillonctl/usage-mistake.h"
 #include "tools/quillonctl/verbs.h"
+#include "tools/shared/standard-files.h"
+#include "tools/shared/usage-mistake.h"
 
 namespace {
 
@@ -222,7 +222,7 @@ ExitCode runServiceVerb(const std::string& verb, const Arguments& arguments)
 
 [[noreturn]] void endWithoutTearingDown(int code)
 {
-    const int reported = closeOutput(code);
+    const int reported = closeOutput("quillonctl", code, kExitSystem);
     endIsOurs(reported);
     static_cast<void>(std::fflush(nullptr));
     endAtOnce(reported);
@@ -302,7 +302,7 @@ int runCommandLine(int argc, char** argv)
 int main(int argc, char** argv)
 {
     prepareStandardFiles();
-    const int code = closeOutput(runCommandLine(argc, argv));
+    const int code = closeOutput("quillonctl", runCommandLine(argc, argv), kExitSystem);
     endIsOurs(code);
     return code;
 }

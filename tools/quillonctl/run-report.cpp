@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "src/support/module-reason.h"
-#include "tools/quillonctl/outside-text.h"
-#include "tools/quillonctl/text-table.h"
+#include "tools/shared/outside-text.h"
+#include "tools/shared/text-table.h"
 
 namespace quillon {
 namespace {

@@ -16,9 +16,9 @@
 
 #include "src/support/paths.h"
 #include "tools/quillonctl/follow.h"
-#include "tools/quillonctl/outside-text.h"
 #include "tools/quillonctl/run-report.h"
-#include "tools/quillonctl/signals.h"
+#include "tools/shared/outside-text.h"
+#include "tools/shared/signals.h"
 
 namespace quillon {
 

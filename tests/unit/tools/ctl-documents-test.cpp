@@ -184,7 +184,7 @@ TEST(CtlCompletion, OffersDirectoriesToTheVerbsThatTakeOne)
 TEST(CtlTroubleshooting, QuotesWhatTheProgramSays)
 {
     std::string sources;
-    for (const char* room : {"client", "tools/quillonctl"}) {
+    for (const char* room : {"client", "tools/shared", "tools/quillonctl"}) {
         for (const auto& file : std::filesystem::recursive_directory_iterator(
                  std::string(QUILLON_SOURCE_DIR "/") + room)) {
             sources += file.path().extension() == ".cpp" ? readAll(file.path()) : "";

@@ -21,7 +21,7 @@
 #include "tools/quillonctl/doctor/checks.h"
 #include "tools/quillonctl/modules/slot-holders.h"
 #include "tools/quillonctl/modules/slot-locks.h"
-#include "tools/quillonctl/services-user.h"
+#include "tools/shared/services-user.h"
 
 #ifdef QUILLON_STORAGE_SOCKET
 #include "platform/protocols/storage-protocol.h"

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "tools/quillonctl/doctor/checks.h"
-#include "tools/quillonctl/outside-text.h"
+#include "tools/shared/outside-text.h"
 
 namespace quillon::doctor {
 

@@ -11,7 +11,7 @@
 #include "helpers/lifecycle/trusted-places.h"
 #include "src/support/paths.h"
 #include "tools/quillonctl/doctor/checks.h"
-#include "tools/quillonctl/services-user.h"
+#include "tools/shared/services-user.h"
 
 namespace quillon::doctor {
 

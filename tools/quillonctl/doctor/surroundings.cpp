@@ -12,7 +12,7 @@
 #include <system_error>
 #include <vector>
 
-#include "tools/quillonctl/services-user.h"
+#include "tools/shared/services-user.h"
 
 namespace quillon::doctor {
 

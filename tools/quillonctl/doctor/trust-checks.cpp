@@ -21,7 +21,7 @@
 #include "src/support/paths.h"
 #include "tools/quillonctl/doctor/checks.h"
 #include "tools/quillonctl/modules/foreign-end.h"
-#include "tools/quillonctl/services-user.h"
+#include "tools/shared/services-user.h"
 
 namespace quillon::doctor {
 

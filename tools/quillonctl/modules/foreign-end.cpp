@@ -25,7 +25,7 @@
 #include "tools/quillonctl/modules/interruption.h"
 #include "tools/quillonctl/modules/module-events.h"
 #include "tools/quillonctl/modules/update-slot.h"
-#include "tools/quillonctl/signals.h"
+#include "tools/shared/signals.h"
 
 namespace quillon {
 

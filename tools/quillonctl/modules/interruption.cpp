@@ -16,7 +16,8 @@
 #include "tools/quillonctl/exit-codes.h"
 #include "tools/quillonctl/modules/foreign-end.h"
 #include "tools/quillonctl/modules/update-slot.h"
-#include "tools/quillonctl/signals.h"
+#include "tools/shared/deadline-child.h"
+#include "tools/shared/signals.h"
 
 namespace quillon {
 
@@ -174,20 +175,6 @@ void openWhenNoneUpdates()
 }
 
 }  // namespace
-
-const sigset_t& requestSignals()
-{
-    static const sigset_t signals = [] {
-        sigset_t requests = signalSet({SIGTERM});
-        for (const int signal : {SIGINT, SIGQUIT, SIGHUP}) {
-            if (handlerOf(signal) != SIG_IGN) {
-                sigaddset(&requests, signal);
-            }
-        }
-        return requests;
-    }();
-    return signals;
-}
 
 void keepKeyboardFromModules()
 {

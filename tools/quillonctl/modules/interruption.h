@@ -6,17 +6,12 @@
 /// terminal that are ignored when the program starts, as in a script's background, stay ignored.
 #pragma once
 
-#include <signal.h>
-
 #include <functional>
 #include <system_error>
 
 #include "tools/quillonctl/exit-codes.h"
 
 namespace quillon {
-
-/// The signals that are requests. To be called for the first time before their handlers change.
-const sigset_t& requestSignals();
 
 /// From now on the first request clears the flag, for the main thread to see. A plug-in may keep
 /// that thread for ever, so half a second later the process ends with kExitInterrupted from another

@@ -20,14 +20,13 @@
 #include <type_traits>
 
 #include "base/alphanumeric.h"
-#include "base/signals-blocked.h"
 #include "src/src/fw-update-symbol-manager.h"
 #include "src/support/paths.h"
 #include "tools/quillonctl/modules/foreign-end.h"
 #include "tools/quillonctl/modules/interruption.h"
 #include "tools/quillonctl/modules/module-events.h"
 #include "tools/quillonctl/modules/update-slot.h"
-#include "tools/quillonctl/signals.h"
+#include "tools/shared/signals.h"
 
 namespace quillon {
 
@@ -36,10 +35,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 
-/// How often the parent looks at the deadline. The child moves it.
-constexpr milliseconds kBetweenLooks(200);
-/// How long a killed process may take to end.
-constexpr milliseconds kTimeToEnd(5000);
 constexpr std::size_t kLongestText = 20480;  // more than is ever shown, whatever the alphabet
 constexpr std::size_t kLongestName = 256;    // of a file, and the terminator
 constexpr const char* kUnreadable = "what the process with the modules has left cannot be read";
@@ -71,18 +66,6 @@ using SharedMemory = std::unique_ptr<Shared, Unmap>;
 
 Shared* g_shared = nullptr;  // in a child
 nanoseconds g_checkTime;     // the same
-
-sigset_t heldSignals()
-{
-    sigset_t signals = requestSignals();
-    sigaddset(&signals, SIGCHLD);
-    return signals;
-}
-
-std::int64_t now()
-{
-    return std::chrono::steady_clock::now().time_since_epoch() / nanoseconds(1);
-}
 
 SharedMemory makeShared()
 {
@@ -169,7 +152,7 @@ void noteStep(const std::string& libName, ModuleStep step, const ModuleTimes& ti
     const bool isLong =
         step == ModuleStep::kChecking || (step == ModuleStep::kNone && g_shared->packagesSize != 0);
     const milliseconds time = isLong ? times.check : times.query;
-    g_shared->deadline = now() + nanoseconds(time).count();
+    g_shared->deadline = monotonicNow() + nanoseconds(time).count();
 }
 
 /// Exists while this process waits for who mounts, which is no module's time.
@@ -186,7 +169,7 @@ private:
     {
         if (g_shared != nullptr) {
             g_shared->isMounting = isMounting;
-            g_shared->deadline = now() + g_checkTime.count();
+            g_shared->deadline = monotonicNow() + g_checkTime.count();
         }
     }
 };
@@ -238,7 +221,7 @@ std::vector<std::string> resultOf(const std::function<ModuleChild::Rows()>& work
     g_shared->resultSize = result.size();
     g_shared->isComplete = true;
     // A module may keep its output locked.
-    g_shared->deadline = now() + nanoseconds(times.query).count();
+    g_shared->deadline = monotonicNow() + nanoseconds(times.query).count();
     std::cout.flush();
     static_cast<void>(std::fflush(nullptr));
     endAtOnce(kExitSuccess);
@@ -249,7 +232,7 @@ pid_t start(const std::function<ModuleChild::Rows()>& work, const ModuleTimes& t
 {
     std::cout.flush();
     static_cast<void>(std::fflush(nullptr));
-    shared->deadline = now() + nanoseconds(times.query).count();
+    shared->deadline = monotonicNow() + nanoseconds(times.query).count();
     const pid_t parent = getpid();
     const pid_t child = fork();
     if (child == -1) {
@@ -270,53 +253,6 @@ pid_t start(const std::function<ModuleChild::Rows()>& work, const ModuleTimes& t
     return child;
 }
 
-struct ChildEnd
-{
-    int status = 0;
-    int request = 0;              ///< the signal that asked for it
-    std::int64_t judgedHung = 0;  ///< the deadline that was over
-};
-
-/// Ends it with what the modules have started. One that cannot even be killed, as in a driver that
-/// does not return, is left alone.
-void endChild(pid_t child, ChildEnd& end, RequestsHeld& requests)
-{
-    kill(child, SIGKILL);  // it may have left its group
-    kill(-child, SIGKILL);
-    const std::int64_t deadline = now() + nanoseconds(kTimeToEnd).count();
-    while (waitpid(child, &end.status, WNOHANG) == 0 && now() < deadline) {
-        requests.waitFor(kBetweenLooks);
-    }
-}
-
-ChildEnd waitFor(pid_t child, const Shared& shared, RequestsHeld& requests)
-{
-    ChildEnd end;
-    for (;;) {
-        const int signal = requests.waitFor(kBetweenLooks);
-        if (signal == SIGCHLD && waitpid(child, &end.status, WNOHANG) == child) {
-            return end;
-        }
-        end.request = signal == SIGCHLD ? 0 : signal;
-        const std::int64_t deadline = shared.deadline;
-        end.judgedHung = now() >= deadline ? deadline : 0;
-        if (end.request != 0 || end.judgedHung != 0) {
-            endChild(child, end, requests);
-            return end;
-        }
-    }
-}
-
-std::string nameOf(int signal)
-{
-    static const std::map<int, const char*> kNames = {
-        {SIGSEGV, "SIGSEGV"}, {SIGBUS, "SIGBUS"},   {SIGFPE, "SIGFPE"},   {SIGILL, "SIGILL"},
-        {SIGABRT, "SIGABRT"}, {SIGSYS, "SIGSYS"},   {SIGTRAP, "SIGTRAP"}, {SIGKILL, "SIGKILL"},
-        {SIGTERM, "SIGTERM"}, {SIGALRM, "SIGALRM"}, {SIGPIPE, "SIGPIPE"}};
-    const auto found = kNames.find(signal);
-    return found != kNames.end() ? found->second : "signal " + std::to_string(signal);
-}
-
 /// @param isAsked  whether it is the module whose step it was
 ModuleProblem judge(const ChildEnd& end, const Shared& shared, bool isAsked)
 {
@@ -332,7 +268,7 @@ ModuleProblem judge(const ChildEnd& end, const Shared& shared, bool isAsked)
     }
     if (crash != 0 || WIFSIGNALED(end.status)) {
         return {"crashed", "it crashed" + when + " (" +
-                               nameOf(crash != 0 ? crash : WTERMSIG(end.status)) + ")"};
+                               nameOfSignal(crash != 0 ? crash : WTERMSIG(end.status)) + ")"};
     }
     return {"ended",
             (shared.isMemoryUsedUp ? "it used up the memory" : "it ended the program") + when};
@@ -406,39 +342,6 @@ __attribute__((used)) int __wrap_PS_Umount(const char* directory, int length, in
 }
 }
 
-RequestsHeld::RequestsHeld()
-{
-    if (handlerOf(SIGCHLD) == SIG_IGN) {
-        onSignal(SIGCHLD, SIG_DFL);  // else the system forgets how children end
-    }
-    const sigset_t signals = heldSignals();
-    pthread_sigmask(SIG_BLOCK, &signals, &before_);
-}
-
-RequestsHeld::~RequestsHeld()
-{
-    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-}
-
-int RequestsHeld::waitFor(milliseconds time)
-{
-    const sigset_t signals = heldSignals();
-    const timespec wait = {static_cast<time_t>(time.count() / 1000),
-                           static_cast<long>(time.count() % 1000 * 1'000'000)};
-    return std::max(sigtimedwait(&signals, nullptr, &wait), 0);
-}
-
-void RequestsHeld::putBack(int signal) const
-{
-    static_cast<void>(raise(signal));
-}
-
-void RequestsHeld::release()
-{
-    const sigset_t signals = heldSignals();
-    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
-}
-
 ModuleChild::Rows ModuleChild::run(std::size_t columns, const std::function<Rows()>& work)
 {
     RequestsHeld requests;
@@ -450,7 +353,8 @@ ModuleChild::Rows ModuleChild::run(std::size_t columns, const std::function<Rows
             }
             return work();
         };
-        const ChildEnd end = waitFor(start(leavingOut, times_, shared.get()), *shared, requests);
+        const ChildEnd end =
+            waitForChild(start(leavingOut, times_, shared.get()), shared->deadline, requests);
         const std::set<std::string> packages = packagesIn(*shared);
         mounted_.insert(packages.begin(), packages.end());
         if (shared->isComplete && end.request == 0) {

@@ -1,8 +1,6 @@
 /// Work with the modules in a process of its own, where a broken one hurts only itself.
 #pragma once
 
-#include <signal.h>
-
 #include <chrono>
 #include <cstddef>
 #include <functional>
@@ -12,6 +10,7 @@
 #include <vector>
 
 #include "tools/quillonctl/modules/module-registry.h"
+#include "tools/shared/deadline-child.h"
 
 namespace quillon {
 
@@ -23,29 +22,6 @@ struct ModuleTimes
     /// A check reads the whole image before the plug-in is asked. The service gets as long for its
     /// estimate, which does the same.
     std::chrono::milliseconds check = std::chrono::seconds(600);
-};
-
-/// Blocks the requests' signals and SIGCHLD on the calling thread. Those that arrive
-/// take effect when it is destroyed.
-class RequestsHeld
-{
-public:
-    RequestsHeld();
-    ~RequestsHeld();
-    RequestsHeld(const RequestsHeld&) = delete;
-    RequestsHeld& operator=(const RequestsHeld&) = delete;
-
-    /// Waits for one of them.
-    /// @return the signal; 0 when the time is over
-    int waitFor(std::chrono::milliseconds time);
-    /// Makes a request that waitFor() has returned count again.
-    void putBack(int signal) const;
-
-    /// Unblocks them, whatever objects exist. For a forked child.
-    static void release();
-
-private:
-    sigset_t before_ = {};
 };
 
 /// Thread: the process must have no other one, and have loaded no module.

@@ -9,9 +9,9 @@
 
 #include "base/fd.h"
 #include "src/support/paths.h"
-#include "tools/quillonctl/outside-text.h"
 #include "tools/quillonctl/recorded-run.h"
-#include "tools/quillonctl/text-table.h"
+#include "tools/shared/outside-text.h"
+#include "tools/shared/text-table.h"
 
 namespace quillon {
 

@@ -6,7 +6,7 @@
 
 #include "src/support/paths.h"
 #include "tools/quillonctl/module-finding.h"
-#include "tools/quillonctl/outside-text.h"
+#include "tools/shared/outside-text.h"
 
 namespace quillon {
 

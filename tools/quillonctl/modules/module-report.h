@@ -10,7 +10,7 @@
 #include "tools/quillonctl/modules/module-probe.h"
 #include "tools/quillonctl/modules/slot-holders.h"
 #include "tools/quillonctl/output.h"
-#include "tools/quillonctl/text-table.h"
+#include "tools/shared/text-table.h"
 
 namespace quillon {
 

@@ -19,7 +19,7 @@
 #include "tools/quillonctl/modules/interruption.h"
 #include "tools/quillonctl/modules/module-events.h"
 #include "tools/quillonctl/modules/update-slot.h"
-#include "tools/quillonctl/standard-files.h"
+#include "tools/shared/standard-files.h"
 
 namespace quillon {
 
@@ -217,7 +217,7 @@ void ModuleVerbs::endBecauseOf(const std::string& libName)
     report_.error(code, who + " has ended the program");
     abandon();
     static_cast<void>(UpdateSlot::instance().giveBack());
-    endAtOnce(closeOutput(code));
+    endAtOnce(closeOutput("quillonctl", code, kExitSystem));
 }
 
 void ModuleVerbs::open(bool isUpdate)

@@ -14,7 +14,7 @@
 
 #include "base/mappings.h"
 #include "tools/quillonctl/modules/slot-locks.h"
-#include "tools/quillonctl/outside-text.h"
+#include "tools/shared/outside-text.h"
 
 namespace quillon {
 

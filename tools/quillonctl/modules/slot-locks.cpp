@@ -8,7 +8,7 @@
 #include <cstring>
 #include <thread>
 
-#include "tools/quillonctl/services-user.h"
+#include "tools/shared/services-user.h"
 
 namespace quillon {
 

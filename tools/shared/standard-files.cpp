@@ -1,12 +1,11 @@
-#include "tools/quillonctl/standard-files.h"
+#include "tools/shared/standard-files.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <iostream>
 
-#include "tools/quillonctl/exit-codes.h"
-#include "tools/quillonctl/signals.h"
+#include "tools/shared/signals.h"
 
 namespace quillon {
 
@@ -39,19 +38,19 @@ void prepareStandardFiles()
     }
 }
 
-int closeOutput(int code)
+int closeOutput(const char* program, int code, int codeOfLoss)
 {
     std::cout.flush();
     if (std::cout) {
         return code;
     }
-    std::cerr << "quillonctl: standard output could not be written: its disk is full, or its "
-                 "reader has gone";
-    if (code != kExitSuccess) {
+    std::cerr << program
+              << ": standard output could not be written: its disk is full, or its reader has gone";
+    if (code != 0) {
         std::cerr << " (the exit code would have been " << code << ")";
     }
     std::cerr << std::endl;
-    return kExitSystem;
+    return codeOfLoss;
 }
 
 }  // namespace quillon

@@ -10,8 +10,9 @@ namespace quillon {
 void prepareStandardFiles();
 
 /// To be called last: whether everything has arrived on standard output.
-/// @param code  what the program would exit with
-/// @return that code; kExitSystem, said in one line on standard error, when something was lost
-int closeOutput(int code);
+/// @param program     its name, which begins the line on standard error when something was lost
+/// @param code        what the program would exit with
+/// @param codeOfLoss  returned when something was lost
+int closeOutput(const char* program, int code, int codeOfLoss);
 
 }  // namespace quillon

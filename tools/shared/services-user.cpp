@@ -1,4 +1,4 @@
-#include "tools/quillonctl/services-user.h"
+#include "tools/shared/services-user.h"
 
 #include <pwd.h>
 #include <sys/stat.h>

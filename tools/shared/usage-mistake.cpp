@@ -1,4 +1,4 @@
-#include "tools/quillonctl/usage-mistake.h"
+#include "tools/shared/usage-mistake.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "tools/quillonctl/outside-text.h"
+#include "tools/shared/outside-text.h"
 
 namespace quillon {
 namespace {
@@ -69,7 +69,7 @@ std::string suggestion(const std::string& typed, const std::vector<std::string>&
 
 std::string describeMistake(const CLI::App& app, const CLI::ParseError& error)
 {
-    const std::string help = " (see quillonctl --help)";
+    const std::string help = " (see " + app.get_name() + " --help)";
     const CLI::App* verb = &app;
     std::vector<std::string> options = optionsOf(app);
     while (!verb->get_subcommands().empty()) {

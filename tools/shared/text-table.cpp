@@ -1,9 +1,9 @@
-#include "tools/quillonctl/text-table.h"
+#include "tools/shared/text-table.h"
 
 #include <algorithm>
 #include <cstddef>
 
-#include "tools/quillonctl/outside-text.h"
+#include "tools/shared/outside-text.h"
 
 namespace quillon {
 namespace {

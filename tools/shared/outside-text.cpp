@@ -1,4 +1,4 @@
-#include "tools/quillonctl/outside-text.h"
+#include "tools/shared/outside-text.h"
 
 #include <glib.h>
 
