@@ -8,11 +8,11 @@
 #include <filesystem>
 #include <system_error>
 
-namespace lamp {
+namespace component {
 namespace {
 
-constexpr char kFirmware[] = LAMP_DIRECTORY "/firmware.bin";
-constexpr char kVersion[] = LAMP_DIRECTORY "/version";
+constexpr char kFirmware[] = COMPONENT_DIRECTORY "/firmware.bin";
+constexpr char kVersion[] = COMPONENT_DIRECTORY "/version";
 
 std::atomic<unsigned int> percent{0};
 
@@ -46,7 +46,7 @@ bool install(const unsigned char* firmware, std::size_t length, const char* vers
     percent = 0;
     std::error_code
         ignored;  // what is wrong with the directory shows when the file in it is opened
-    std::filesystem::create_directories(LAMP_DIRECTORY, ignored);
+    std::filesystem::create_directories(COMPONENT_DIRECTORY, ignored);
     if (!writeFile(kFirmware, firmware, length)) {
         return false;
     }
@@ -64,4 +64,4 @@ unsigned int progress()
     return percent;
 }
 
-}  // namespace lamp
+}  // namespace component

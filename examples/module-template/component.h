@@ -1,14 +1,14 @@
-#ifndef LAMP_COMPONENT_H
-#define LAMP_COMPONENT_H
+#ifndef COMPONENT_H
+#define COMPONENT_H
 
 #include <cstddef>
 
 /// Where the two files lie that stand for the component: the service may write there.
-#ifndef LAMP_DIRECTORY
-#define LAMP_DIRECTORY "/var/lib/quillon/modules/lamp"
+#ifndef COMPONENT_DIRECTORY
+#define COMPONENT_DIRECTORY "/var/lib/quillon/modules/lamp"
 #endif
 
-namespace lamp {
+namespace component {
 
 /// The largest firmware that the component has room for, in bytes.
 constexpr std::size_t kLargestFirmware = 1048576;
@@ -26,6 +26,6 @@ bool install(const unsigned char* firmware, std::size_t length, const char* vers
 /// @return how much of the running or latest install is done, 0 to 100.
 unsigned int progress();
 
-}  // namespace lamp
+}  // namespace component
 
 #endif

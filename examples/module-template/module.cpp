@@ -36,11 +36,11 @@ int installOffered(const unsigned char* firmware, std::size_t length)
         const std::lock_guard<std::mutex> lock(guard);
         std::memcpy(version, offered, sizeof(version));
     }
-    if (version[0] == '\0' || length == 0 || length > lamp::kLargestFirmware) {
+    if (version[0] == '\0' || length == 0 || length > component::kLargestFirmware) {
         errno = EINVAL;  // the service logs it
         return -1;
     }
-    return lamp::install(firmware, length, version) ? 0 : -1;
+    return component::install(firmware, length, version) ? 0 : -1;
 }
 
 }  // namespace
@@ -58,7 +58,7 @@ int getEMPID(char* buffer)
 
 int getActiveVersion(char* buffer)
 {
-    lamp::readVersion(buffer, FW_PLUGIN_TEXT_SIZE);
+    component::readVersion(buffer, FW_PLUGIN_TEXT_SIZE);
     return 0;
 }
 
@@ -72,7 +72,7 @@ int checkVersion(const char* version, int* need)
         return -1;
     }
     char active[FW_PLUGIN_TEXT_SIZE];
-    lamp::readVersion(active, sizeof(active));
+    component::readVersion(active, sizeof(active));
     const std::lock_guard<std::mutex> lock(guard);
     std::memcpy(offered, version, std::strlen(version) + 1);
     *need = std::strcmp(version, active) != 0 ? 1 : 0;
@@ -88,14 +88,14 @@ int doUpdate_decryption(const unsigned char* data, int length)
 // From a package: the payload lies in a file whose checksum the service has compared already.
 int doUpdate(const char* path, unsigned long /*value*/)
 {
-    auto* const data = new (std::nothrow) unsigned char[lamp::kLargestFirmware + 1];
+    auto* const data = new (std::nothrow) unsigned char[component::kLargestFirmware + 1];
     if (data == nullptr) {
         return -1;
     }
     int result = -1;
     std::FILE* const file = std::fopen(path, "rbe");
     if (file != nullptr) {
-        const std::size_t length = std::fread(data, 1, lamp::kLargestFirmware + 1, file);
+        const std::size_t length = std::fread(data, 1, component::kLargestFirmware + 1, file);
         const bool whole = std::ferror(file) == 0;
         static_cast<void>(std::fclose(file));
         result = whole ? installOffered(data, length) : -1;
@@ -112,7 +112,7 @@ int getExpectedTime(int* seconds)
 
 int getUpdateProgress(unsigned int* progress)
 {
-    *progress = lamp::progress();
+    *progress = component::progress();
     return 0;
 }
 

@@ -49,7 +49,7 @@ FILES:quillon-service = " \
 "
 FILES:quillon-platform-linux = " \
     ${libdir}/libquillon-platform.so.* \
-    ${libdir}/quillon \
+    ${libdir}/quillon/*.so \
     /usr/lib/libkUEPUser.so \
     ${libexecdir}/quillon/quillon-privileged \
     ${libexecdir}/quillon/quillon-storage \
@@ -66,6 +66,7 @@ FILES:quillon-tools = " \
 FILES:${PN}-dev += " \
     ${libdir}/cmake \
     ${datadir}/quillon/client \
+    ${libdir}/quillon/examples \
     ${datadir}/quillon/module-template \
 "
 # The service loads its verifier from this one place, whatever the library directory is called.

@@ -1,7 +1,9 @@
-// Usage: lamp-test MODULE PAYLOAD. What the service asks of a module, asked in its order.
+// Usage: module-test MODULE PAYLOAD. What the service asks of a module, asked in its order. The
+// payload is named after the firmware, as an image is.
 
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -41,7 +43,7 @@ bool needs(const char* version)
 {
     char argument[] = "";
     int need = -1;
-    expect(setContext("lamp", CALLER_USB_IMAGE, argument) == 0, "the context is taken");
+    expect(setContext("module", CALLER_USB_IMAGE, argument) == 0, "the context is taken");
     expect(checkVersion(version, &need) == 0, "a version can be judged");
     return need == 1;
 }
@@ -61,11 +63,24 @@ void testLibrary(const char* path)
     expect(dlclose(library) == 0, "the library can be closed");
 }
 
-void testIdentifier()
+bool isLetterOrDigit(char c)
 {
-    char identifier[FW_PLUGIN_TEXT_SIZE] = {};
-    expect(getEMPID(identifier) == 0, "the identifier can be read");
-    expect(std::strstr(identifier, "emp") != nullptr, "the identifier contains \"emp\"");
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+}
+
+void testIdentifier(const std::string& firmwareName)
+{
+    char text[FW_PLUGIN_TEXT_SIZE] = {};
+    expect(getEMPID(text) == 0, "the identifier can be read");
+    expect(std::memchr(text, '\0', sizeof(text)) != nullptr, "the identifier has an end");
+    std::string identifier(text, strnlen(text, sizeof(text)));
+    expect(std::all_of(identifier.begin(), identifier.end(), isLetterOrDigit),
+           "the identifier has letters and digits only");
+    const std::size_t emp = identifier.find("emp");
+    expect(emp != std::string::npos && identifier.find("emp", emp + 1) == std::string::npos,
+           "the identifier contains \"emp\" once");
+    expect(identifier.erase(std::min(emp, identifier.size()), 3) == firmwareName,
+           "the identifier without \"emp\" is the name of the payload");
     int seconds = 0;
     expect(getExpectedTime(&seconds) == 0 && seconds > 0, "an update takes a known time");
 }
@@ -87,7 +102,7 @@ void testUpdateFromStick(const std::string& payload)
     expect(activeVersion() == "0", "a refused payload changes nothing");
     expect(doUpdate_decryption(data, static_cast<int>(payload.size())) == 0, "a payload is taken");
     expect(activeVersion() == "1.0", "the version is the one that was offered");
-    expect(readAll(LAMP_DIRECTORY "/firmware.bin") == payload, "the firmware is the payload");
+    expect(readAll(COMPONENT_DIRECTORY "/firmware.bin") == payload, "the firmware is the payload");
     expect(!needs("1.0"), "the same version is not needed again");
 }
 
@@ -107,12 +122,12 @@ void testUpdateFromPackage(const char* path)
 int main(int argc, char** argv)
 {
     if (argc != 3) {
-        std::cerr << "usage: lamp-test MODULE PAYLOAD\n";
+        std::cerr << "usage: module-test MODULE PAYLOAD\n";
         return 2;
     }
-    std::filesystem::remove_all(LAMP_DIRECTORY);
+    std::filesystem::remove_all(COMPONENT_DIRECTORY);
     testLibrary(argv[1]);
-    testIdentifier();
+    testIdentifier(std::filesystem::path(argv[2]).stem());
     testVersionTexts();
     testUpdateFromStick(readAll(argv[2]));
     testUpdateFromPackage(argv[2]);
