@@ -156,6 +156,19 @@ TEST_F(DevKit, ItsTemplateBecomesAModuleThatPassesItsOwnTest)
     expectText(output, like("*100% tests passed, 0 tests failed out of 1*"));
 }
 
+TEST_F(DevKit, AProjectOfAnotherNamePassesItsOwnTestAndKeepsEveryClause)
+{
+    ASSERT_EQ(shell(BUILD_DIRECTORY "/bin/quillon-module new pump"), 0) << output;
+    ASSERT_EQ(build("pump"), 0) << output;
+    expectNoText(output, like("*warning*"));
+    EXPECT_EQ(shell("cd pump/build && ctest --output-on-failure"), 0) << output;
+    EXPECT_EQ(shell(BUILD_DIRECTORY "/bin/quillon-module check pump/build/pump.so --image "
+                                    "pump/package/pump.bin --info pump/package/info.json"),
+              0)
+        << output;
+    expectText(output, like("*: 46 kept, 0 broken, 0 not offered, 1 not checked\n"));
+}
+
 TEST_F(DevKit, ItsTemplateExportsTheNineEntriesAndNothingElse)
 {
     ASSERT_EQ(buildTemplate(), 0) << output;

@@ -1,0 +1,217 @@
+#include "tools/quillon-module/clause-process.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "base/fd.h"
+#include "tools/quillon-module/exit-codes.h"
+#include "tools/quillon-module/module.h"
+#include "tools/shared/deadline-child.h"
+#include "tools/shared/signals.h"
+
+namespace quillon::kit {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr int kTellingNumber = 3;  // its file's, until it is mapped
+constexpr std::size_t kMostOutput = 65536;
+
+struct Unmap
+{
+    void operator()(Telling* telling) const { munmap(telling, sizeof(Telling)); }
+};
+using SharedTelling = std::unique_ptr<Telling, Unmap>;
+
+[[noreturn]] void fail(const std::string& what)
+{
+    throw Failure(kExitFile, what + ": " + std::strerror(errno));
+}
+
+/// All zero, as a new file is: a Telling at its beginning.
+SharedTelling mapped(int file)
+{
+    void* const memory =
+        mmap(nullptr, sizeof(Telling), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    if (memory == MAP_FAILED) {
+        fail("no memory for the process of a clause");
+    }
+    return SharedTelling(static_cast<Telling*>(memory));
+}
+
+UniqueFd memoryFile(const char* name, unsigned int flags)
+{
+    UniqueFd file(memfd_create(name, flags));
+    if (file.get() < 0) {
+        fail("no memory for the process of a clause");
+    }
+    return file;
+}
+
+std::string textOf(const char* text, std::size_t size)
+{
+    return {text, strnlen(text, size)};
+}
+
+std::string outputOf(int file)
+{
+    std::string output(kMostOutput, '\0');
+    const ssize_t size = pread(file, output.data(), output.size(), 0);
+    output.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
+    return output;
+}
+
+void store(const Judgement& judgement, Telling& telling)
+{
+    telling.text[judgement.text.copy(telling.text, sizeof(telling.text) - 1)] = '\0';
+    telling.verdict = judgement.verdict;
+}
+
+/// After fork(): nothing here takes memory.
+[[noreturn]] void become(const std::vector<char*>& words, int telling, int output, pid_t parent)
+{
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) {
+        _exit(kExitFile);
+    }
+    RequestsHeld::release();
+    onSignal(SIGPIPE, SIG_DFL);
+    const rlimit none = {0, 0};
+    setrlimit(RLIMIT_CORE, &none);  // a crash is expected, and told
+    dup2(output, STDOUT_FILENO);
+    dup2(output, STDERR_FILENO);
+    dup2(telling, kTellingNumber);
+    const int nothing = open("/dev/null", O_RDONLY);
+    dup2(nothing, STDIN_FILENO);
+    closefrom(kTellingNumber + 1);
+    execv("/proc/self/exe", words.data());
+    _exit(kExitFile);
+}
+
+/// Of a process that has not come to a judgement.
+Judgement judgementOf(const ChildEnd& end, const Telling& telling, const Subject& subject)
+{
+    const std::string moment = textOf(telling.moment, sizeof(telling.moment));
+    if (end.judgedHung != 0) {
+        return {Verdict::kBroken, moment + " does not return (longer than " +
+                                      std::to_string(subject.longest.count()) +
+                                      " ms, for an update and three times what it expects)"};
+    }
+    if (WIFSIGNALED(end.status)) {
+        return {Verdict::kBroken,
+                "it crashes in " + moment + " (" + nameOfSignal(WTERMSIG(end.status)) + ")"};
+    }
+    return {Verdict::kBroken, "it ends the process in " + moment + " with status " +
+                                  std::to_string(WEXITSTATUS(end.status))};
+}
+
+std::vector<std::string> wordsFor(const Clause& clause, const Subject& subject)
+{
+    std::vector<std::string> words = {
+        "quillon-module", kProcessWord,  clause.name, std::to_string(subject.longest.count()),
+        subject.file,     subject.image, subject.info};
+    words.insert(words.end(), subject.others.begin(), subject.others.end());
+    return words;
+}
+
+}  // namespace
+
+Outcome judgeApart(const Clause& clause, const Subject& subject)
+{
+    std::vector<std::string> texts = wordsFor(clause, subject);
+    std::vector<char*> words;
+    for (std::string& text : texts) {
+        words.push_back(text.data());
+    }
+    words.push_back(nullptr);
+    // Without MFD_CLOEXEC: dup2() does nothing for a file that has the right number already.
+    const UniqueFd file = memoryFile("telling", 0);
+    const UniqueFd output = memoryFile("output", MFD_CLOEXEC);
+    if (ftruncate(file.get(), sizeof(Telling)) != 0) {
+        fail("no memory for the process of a clause");
+    }
+    const SharedTelling telling = mapped(file.get());
+
+    RequestsHeld requests;
+    const std::int64_t begin = monotonicNow();
+    telling->deadline = begin + std::chrono::nanoseconds(subject.longest).count();
+    const pid_t parent = getpid();
+    const pid_t child = fork();
+    if (child == -1) {
+        fail("no process can be started");
+    }
+    setpgid(child, child);  // in both: whoever comes first
+    if (child == 0) {
+        become(words, file.get(), output.get(), parent);
+    }
+    const ChildEnd end = waitForChild(child, telling->deadline, requests);
+    kill(-child, SIGKILL);  // what it has left behind
+    if (end.request != 0) {
+        requests.putBack(end.request);
+        throw Failure(kExitInterrupted, "interrupted");
+    }
+    Outcome outcome;
+    outcome.duration = milliseconds((monotonicNow() - begin) / 1'000'000);
+    outcome.output = outputOf(output.get());
+    const Verdict verdict = telling->verdict;
+    if (telling->childCameOut) {
+        outcome.judgement = {Verdict::kBroken,
+                             "a process that it has forked returns from an entry: it must end "
+                             "with _exit there"};
+    } else if (verdict != Verdict::kNone) {
+        outcome.judgement = {verdict, textOf(telling->text, sizeof(telling->text))};
+    } else {
+        outcome.judgement = judgementOf(end, *telling, subject);
+    }
+    return outcome;
+}
+
+Outcome judgeHere(const Clause& clause, const Subject& subject)
+{
+    Telling telling{};
+    Module module(subject, telling);
+    const std::int64_t begin = monotonicNow();
+    Outcome outcome;
+    outcome.judgement = judge(clause, module);
+    outcome.duration = milliseconds((monotonicNow() - begin) / 1'000'000);
+    return outcome;
+}
+
+int mainOfProcess(int argc, char** argv)
+{
+    constexpr int kFixed = 6;
+    const Clause* const clause = argc >= kFixed ? findClause(argv[1]) : nullptr;
+    struct stat status = {};
+    if (clause == nullptr || fstat(kTellingNumber, &status) != 0 ||
+        status.st_size != sizeof(Telling)) {
+        return kExitUsage;
+    }
+    const SharedTelling telling = mapped(kTellingNumber);
+    close(kTellingNumber);
+    Subject subject;
+    subject.longest = milliseconds(std::atol(argv[2]));
+    subject.file = argv[3];
+    subject.image = argv[4];
+    subject.info = argv[5];
+    subject.others.assign(argv + kFixed, argv + argc);
+    Module module(subject, *telling);
+    store(judge(*clause, module), *telling);
+    static_cast<void>(std::fflush(nullptr));
+    _exit(kExitSuccess);  // the module's own ends are judged by a clause, not here
+}
+
+}  // namespace quillon::kit

@@ -1,0 +1,111 @@
+#include <CLI/CLI.hpp>
+#include <cstring>
+#include <exception>
+#include <iostream>
+#include <string>
+
+#include "tools/quillon-module/check.h"
+#include "tools/quillon-module/clause-process.h"
+#include "tools/quillon-module/new-project.h"
+#include "tools/shared/standard-files.h"
+#include "tools/shared/usage-mistake.h"
+
+namespace {
+
+using namespace quillon;
+using namespace quillon::kit;
+
+constexpr const char* kProgram = "quillon-module";
+constexpr double kLongestTimeout = 86400;
+constexpr int kLastLevel = 5;
+
+constexpr const char* kFooter =
+    "Exit codes: 0 done, each clause is kept or not offered; 2 wrong command line or\n"
+    "name; 3 a file cannot be read or written; 4 a clause is broken";
+
+constexpr const char* kCheckFooter =
+    "Each clause is judged in a process of its own. With --image the firmware is installed\n"
+    "several times, each time as a newer version: run it in quillon-device, or on a device\n"
+    "that may be updated.\n"
+    "\n"
+    "Levels: 1 what the service needs, 2 how an update is found, 3 an update, 4 what harms\n"
+    "the service or another module one day, 5 what a maker should want.";
+
+void addCheck(CLI::App& app, CheckRequest& request, bool& lists)
+{
+    CLI::App* verb = app.add_subcommand("check", "Hold modules to what the service expects");
+    verb->footer(kCheckFooter);
+    verb->add_option("FILE", request.files, "The modules")->option_text(" ");
+    verb->add_option("--info", request.info, "The module's information file")->option_text("FILE");
+    verb->add_option("--image", request.image, "A firmware that may be installed")
+        ->option_text("FILE");
+    verb->add_option("--level", request.level, "Judge the clauses up to this level, 1 to 5")
+        ->check(CLI::Range(1, kLastLevel))
+        ->option_text("N");
+    verb->add_option("--filter", request.filter, "Judge the clauses whose names are like this")
+        ->option_text("PATTERN");
+    verb->add_option("--timeout", request.seconds, "How long an answer may take (default: 10)")
+        ->check(CLI::Range(0.001, kLongestTimeout))
+        ->option_text("SECONDS");
+    verb->add_option("--log", request.log, "Write everything to a file for the module's vendor")
+        ->option_text("FILE");
+    verb->add_flag("--only-failed", request.onlyFailed, "Show the broken clauses alone");
+    verb->add_flag("--in-process", request.inProcess,
+                   "Judge in this process, for a debugger: no deadline, and a crash is a crash");
+    verb->add_flag("--list", lists, "List the clauses and judge nothing");
+    verb->add_flag("--json", request.json, "Write one JSON document");
+}
+
+int run(int argc, char** argv)
+{
+    CheckRequest request;
+    bool lists = false;
+    std::string name;
+    CLI::App app("Makes firmware modules, and checks them.", kProgram);
+    app.set_version_flag("--version", "quillon-module " QUILLON_VERSION,
+                         "Print the version and exit");
+    app.require_subcommand(1);
+    app.footer(kFooter);
+    CLI::App* make = app.add_subcommand("new", "Make a module project in the directory NAME");
+    make->add_option("NAME", name, "The module's name")->required()->option_text(" ");
+    addCheck(app, request, lists);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == 0) {
+            return app.exit(error);  // --help and --version
+        }
+        throw Failure(kExitUsage, describeMistake(app, error));
+    }
+    if (make->parsed()) {
+        makeProject(name);
+        std::cout << "made " << name << ": build it with\n    cd " << name
+                  << " && cmake -B build && cmake --build build && ctest --test-dir build\n";
+        return kExitSuccess;
+    }
+    return lists ? listClauses(request) : check(request);
+}
+
+int runSaying(int argc, char** argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const Failure& failure) {
+        std::cerr << kProgram << ": " << failure.what() << std::endl;
+        return failure.code();
+    } catch (const std::exception& error) {
+        std::cerr << kProgram << ": " << error.what() << std::endl;
+        return kExitFile;
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc > 1 && std::strcmp(argv[1], kProcessWord) == 0) {
+        return mainOfProcess(argc - 1, argv + 1);
+    }
+    prepareStandardFiles();
+    return closeOutput(kProgram, runSaying(argc, argv), kExitFile);
+}
