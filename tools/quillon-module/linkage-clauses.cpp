@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <link.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -248,8 +249,11 @@ std::string holdUnprivileged(Module& module)
     if (geteuid() == 0) {
         const uid_t user = servicesUser() != 0 ? servicesUser() : kNobody;
         who = "as " + nameOfUser(user);
-        if (setgroups(0, nullptr) != 0 || setresgid(user, user, user) != 0 ||
-            setresuid(user, user, user) != 0) {
+        const passwd* const entry = getpwuid(user);
+        const gid_t group = entry != nullptr ? entry->pw_gid : kNobody;
+        const bool hasGroups =
+            entry != nullptr ? initgroups(entry->pw_name, group) == 0 : setgroups(0, nullptr) == 0;
+        if (!hasGroups || setresgid(group, group, group) != 0 || setresuid(user, user, user) != 0) {
             notChecked("this process cannot become " + nameOfUser(user));
         }
     }

@@ -133,6 +133,7 @@ std::string holdRemembered(Module& module)
     }
     const UniqueFd reading(pipes[0]);
     UniqueFd writing(pipes[1]);
+    module.tell("an update");  // the other process goes on telling
     const pid_t child = fork();
     if (child == 0) {
         std::string next;
@@ -145,8 +146,6 @@ std::string holdRemembered(Module& module)
         _exit(write(writing.get(), next.data(), next.size()) < 1 ? 1 : 0);
     }
     writing = UniqueFd();
-    // While it has no end of its own, the update has this process's time.
-    module.tell("an update", std::chrono::hours(1));
     int status = 0;
     waitpid(child, &status, 0);
     char text[FW_PLUGIN_TEXT_SIZE * 2] = {};

@@ -98,6 +98,7 @@ constexpr Fault kFaults[] = {
     {"need", "answers 2", "checkVersion answers a need of 2*"},
     {"need", "refuses every version", "checkVersion returns -1 for 1.1"},
     {"same-version", "wants the same again", "it runs 1.0 and wants it again*"},
+    {"older-version", "crashes at an older version", "it crashes in checkVersion (SIGABRT)"},
     {"noise", "takes noise", "noise counts as a version*"},
     {"empty-version", "takes an empty version", "an empty text counts as a version*"},
     {"overlong-version", "takes a long version", "a text of 128 characters counts as*"},
@@ -258,15 +259,14 @@ TEST_F(ModuleFile, OfEachExampleKeepsEveryClause)
 // The table and this page: a clause that nothing can break says nothing.
 TEST_F(ModuleFile, EachClauseHasAFaultThatBreaksIt)
 {
-    std::vector<std::string> without = {"file", "architecture", "unprivileged", "unique",
-                                        "info", "info-version", "older-version"};
+    std::vector<std::string> held = {"file",   "architecture", "unprivileged",
+                                     "unique", "info",         "info-version"};  // above
     for (const Fault& fault : kFaults) {
-        without.emplace_back(fault.clause);
+        held.emplace_back(fault.clause);
     }
     for (const Json::Value& clause :
          check({install("faulty-none")}, {"--image", image}, 0)["clauses"]) {
-        EXPECT_NE(std::find(without.begin(), without.end(), clause["clause"].asString()),
-                  without.end())
+        EXPECT_NE(std::find(held.begin(), held.end(), clause["clause"].asString()), held.end())
             << clause["clause"].asString();
     }
 }

@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "support/files.h"
+#include "support/sanitizers.h"
 
 namespace fs = std::filesystem;
 
@@ -77,6 +78,7 @@ Json::Value ModuleCheck::clauseIn(const Json::Value& module, const std::string& 
 
 Result runModule(const std::vector<std::string>& arguments)
 {
+    quillon::test::leaveCrashesToPrograms();
     std::vector<std::string> words = {MODULE_PROGRAM};
     words.insert(words.end(), arguments.begin(), arguments.end());
     return quillon::test::run(words);
