@@ -201,7 +201,8 @@ void writeLog(const std::string& path, const std::vector<Findings>& all)
     const std::time_t now = std::time(nullptr);
     char time[32] = {};
     tm parts = {};
-    std::strftime(time, sizeof(time), "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&now, &parts));
+    static_cast<void>(
+        std::strftime(time, sizeof(time), "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&now, &parts)));
     log << "quillon-module " QUILLON_VERSION ", " << time << ", " << system.sysname << ' '
         << system.release << ' ' << system.machine << '\n';
     for (const Findings& findings : all) {

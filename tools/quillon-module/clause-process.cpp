@@ -134,6 +134,7 @@ Outcome judgeApart(const Clause& clause, const Subject& subject)
 {
     std::vector<std::string> texts = wordsFor(clause, subject);
     std::vector<char*> words;
+    words.reserve(texts.size() + 1);
     for (std::string& text : texts) {
         words.push_back(text.data());
     }

@@ -46,8 +46,7 @@ void requireName(const std::string& name)
 fs::path templateDirectory()
 {
     const fs::path program = fs::read_symlink("/proc/self/exe");
-    const fs::path directory =
-        program.parent_path().parent_path() / "share/quillon/module-template";
+    fs::path directory = program.parent_path().parent_path() / "share/quillon/module-template";
     if (!fs::exists(directory / "CMakeLists.txt")) {
         throw Failure(kExitFile, "the template is not in " + directory.string() +
                                      ": install the development kit (quillon-dev)");

@@ -105,7 +105,7 @@ std::string holdContext(Module& module)
 
 std::string holdIdentifier(Module& module)
 {
-    const std::string identifier = module.identifier();
+    std::string identifier = module.identifier();
     require(!identifier.empty(), "it is empty");
     require(isAlphanumeric(identifier),
             "it has other characters than ASCII letters and digits: " + identifier);
@@ -119,7 +119,7 @@ std::string holdIdentifier(Module& module)
 
 std::string holdVersion(Module& module)
 {
-    const std::string version = module.version();
+    std::string version = module.version();
     require(!version.empty(), "it is empty");
     require(isPrintable(version), "it has characters that cannot be printed: " + version);
     return version;

@@ -41,7 +41,7 @@ struct Payload
 /// @return the version that the module has taken for newer
 std::string offerNext(Module& module, CallerTypes caller)
 {
-    const std::string next = versionAfter(module.version());
+    std::string next = versionAfter(module.version());
     const Answer answer = module.offer(next, caller);
     require(answer.isWanted(), "checkVersion does not want " + next + ": returns " +
                                    std::to_string(answer.result) + " with need " +

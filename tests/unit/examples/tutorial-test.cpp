@@ -88,6 +88,14 @@ TEST_F(Tutorial, ItsModuleIsUpdatedByTheService)
     expectText(output, like("* s\nLooking once more at the stick\ninstalled: 2.0\n"));
 }
 
+TEST_F(Tutorial, ItsModuleBreaksNoClause)
+{
+    ASSERT_EQ(shell(commands[0]), 0) << output;
+    writeFile(directory + "siren.bin", "firmware 1.0 of the siren");
+    EXPECT_EQ(shell("build/bin/quillon-module check siren.so --image siren.bin --only-failed"), 0);
+    expectText(output, like("*/siren.so: * kept, 0 broken, 2 not offered, 3 not checked\n"));
+}
+
 TEST_F(Tutorial, ItsPackageHoldsWhatItsModuleTakes)
 {
     if (shell("command -v mksquashfs unsquashfs") != 0) {
