@@ -66,8 +66,8 @@ public:
         }
     }
 
-    bool has(ElfW(Sxword) tag) const { return find(tag) != nullptr; }
-    ElfW(Xword) value(ElfW(Sxword) tag) const { return has(tag) ? find(tag)->d_un.d_val : 0; }
+    bool has(int tag) const { return find(tag) != nullptr; }
+    ElfW(Addr) value(int tag) const { return has(tag) ? find(tag)->d_un.d_val : 0; }
 
     /// The names of what the library shows to others.
     std::set<std::string> symbols() const
@@ -88,7 +88,7 @@ public:
     }
 
 private:
-    const Dynamic* find(ElfW(Sxword) tag) const
+    const Dynamic* find(int tag) const
     {
         const Dynamic* entry = map_->l_ld;
         while (entry->d_tag != DT_NULL && entry->d_tag != tag) {
@@ -99,7 +99,7 @@ private:
 
     /// The linker has put addresses there, but not on every processor.
     template <typename T>
-    const T* at(ElfW(Sxword) tag) const
+    const T* at(int tag) const
     {
         const ElfW(Addr) place = value(tag);
         return reinterpret_cast<const T*>(place < map_->l_addr ? place + map_->l_addr : place);

@@ -20,12 +20,12 @@ constexpr double kLongestTimeout = 86400;
 constexpr int kLastLevel = 5;
 
 constexpr const char* kFooter =
-    "Exit codes: 0 done, each clause is kept or not offered; 2 wrong command line or\n"
-    "name; 3 a file cannot be read or written; 4 a clause is broken";
+    "Exit codes: 0 done, no clause is broken; 2 wrong command line or name; 3 a file\n"
+    "cannot be read or written; 4 a clause is broken";
 
 constexpr const char* kCheckFooter =
     "Each clause is judged in a process of its own. With --image the firmware is installed\n"
-    "several times, each time as a newer version: run it in quillon-device, or on a device\n"
+    "many times, each time as a newer version: run it in quillon-device, or on a device\n"
     "that may be updated.\n"
     "\n"
     "Levels: 1 what the service needs, 2 how an update is found, 3 an update, 4 what harms\n"
