@@ -3,18 +3,23 @@
 BUILD := build/dev
 PREFIX ?= /usr
 
-.PHONY: help demo test build check check-all lint sanitize cross footprint bench bench-compare bench-gate package system-test install clean
+.PHONY: help demo test build check check-all lint sanitize cross footprint bench bench-compare bench-gate package package-test docs system-test install clean
 
 help:
 	@echo "make demo      boot a virtual device and update three modules from a USB stick"
 	@echo "make test      build and run every test"
 	@echo "make check     test, lint and sanitizers, as before a release"
-	@echo "make check-all make check and make cross, with each test on every machine and sanitizer"
+	@echo "make check-all make check, make cross, make docs and make package-test, with each test on every"
+	@echo "               machine and sanitizer"
 	@echo "make lint      clang-format, clang-tidy, shellcheck, pyflakes, man pages"
 	@echo "make sanitize  every test under Address- and UndefinedBehaviorSanitizer, those with threads"
 	@echo "               under ThreadSanitizer"
 	@echo "make cross     build for arm64 and armhf, and run under emulation what a machine decides"
-	@echo "make package   Debian packages into build/package/, looked at by lintian"
+	@echo "make package   Debian packages into build/package/, looked at by lintian; with ARCH=arm64 or"
+	@echo "               armhf cross-built, into build/package-ARCH/"
+	@echo "make package-test ARCH=arm64  install them on a root of their own under emulation, use and purge"
+	@echo "               them; or armhf"
+	@echo "make docs      the documents as HTML, with manual pages and API, in build/docs/"
 	@echo "make system-test  install the packages on a booted Debian and hold them to their promises"
 	@echo "make footprint size, memory and start time, each beside its floor, in build/footprint.json"
 	@echo "make bench     how fast it is, each figure beside its limit, in docs/performance.md"
@@ -74,9 +79,10 @@ cross:
 	    $(MAKE) --no-print-directory bench-gate ARCH=$$architecture || exit 1; \
 	done
 
-package:
-	@packaging/install-dependencies package
-	@packaging/build-packages
+docs:
+	@packaging/install-dependencies docs
+	@docs/html/make build/docs
+	@echo "build/docs/index.html"
 
 # Status 77: this machine cannot boot a root, which the test says itself.
 system-test: package
@@ -94,6 +100,7 @@ check-all:
 	@$(MAKE) sanitize cross TSAN_TESTS= CROSS_TESTS= \
 	    CMAKE_ARGS="$(CMAKE_ARGS) -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON -DQUILLON_SANITIZE_TESTS=ON \
 	    -DQUILLON_MACHINE_TESTS_ONLY=OFF"
+	@$(MAKE) docs package-test
 
 footprint:
 	@packaging/install-dependencies
@@ -116,6 +123,14 @@ bench-compare:
 
 # Of the command line only: kernel builds export a variable of that name.
 ifeq ($(origin ARCH),command line)
+package:
+	@packaging/install-dependencies cross-package
+	@packaging/build-packages $(ARCH)
+
+# Status 77: this machine cannot emulate another one's root, which the test says itself.
+package-test: package
+	@tests/release/emulated-package-test $(ARCH) || { [ $$? = 77 ] && [ -z "$$SYSTEM_TEST_REQUIRED" ]; }
+
 bench-gate:
 	@packaging/install-dependencies cross
 	@packaging/make-sysroot $(ARCH)
@@ -125,6 +140,15 @@ bench-gate:
 	@cmake --build --preset $(ARCH) --target quillon-gate-subjects
 	@bench/bench.py gate --build $(BUILD) --emulated build/$(ARCH) $(GATE_ARGS)
 else
+package:
+	@packaging/install-dependencies package
+	@packaging/build-packages
+
+package-test:
+	@for architecture in arm64 armhf; do \
+	    $(MAKE) --no-print-directory package-test ARCH=$$architecture || exit 1; \
+	done
+
 bench-gate:
 	@packaging/install-dependencies bench-gate
 	@cmake --preset release -G Ninja $(CMAKE_ARGS)
