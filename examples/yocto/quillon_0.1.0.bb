@@ -8,7 +8,7 @@ SRC_URI = "git://git.example.com/quillon.git;protocol=https;branch=main"
 SRCREV = "${AUTOREV}"
 S = "${WORKDIR}/git"
 
-inherit cmake pkgconfig systemd useradd
+inherit cmake pkgconfig python3native systemd useradd
 
 DEPENDS = "boost glib-2.0 jsoncpp openssl"
 
@@ -62,6 +62,8 @@ FILES:quillon-platform-linux = " \
 FILES:quillon-tools = " \
     ${bindir} \
     ${datadir}/bash-completion \
+    ${datadir}/fish \
+    ${datadir}/zsh \
 "
 FILES:${PN}-dev += " \
     ${libdir}/cmake \

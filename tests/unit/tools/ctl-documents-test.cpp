@@ -17,7 +17,7 @@ namespace {
 using quillon::test::outputOf;
 using quillon::test::readAll;
 
-constexpr const char* kCompletion = QUILLON_SOURCE_DIR "/tools/quillonctl/completion";
+constexpr const char* kCompletion = QUILLON_COMPLETION "/quillonctl.bash";
 
 const std::string& help()
 {

@@ -182,31 +182,5 @@ TEST_F(ImageProgram, HasEveryVerbAndOptionInItsManual)
     }
 }
 
-TEST_F(ImageProgram, HasEveryVerbAndOptionInItsCompletion)
-{
-    const auto completed = [this](const std::string& words, int count) {
-        EXPECT_EQ(shell("bash -c '. " COMPLETION "; COMP_WORDS=(quillon-image " + words +
-                        "); COMP_CWORD=" + std::to_string(count) +
-                        "; _quillon_image; printf \"%s\\n\" \"${COMPREPLY[@]}\"'"),
-                  0)
-            << err;
-        std::istringstream lines(out);
-        std::set<std::string> offers;
-        for (std::string line; std::getline(lines, line);) {
-            offers.insert(line);
-        }
-        return offers;
-    };
-    std::set<std::string> verbs(std::begin(kVerbs), std::end(kVerbs));
-    verbs.insert({"--help", "--version"});
-    EXPECT_EQ(completed("\"\"", 1), verbs);
-    for (const char* verb : kVerbs) {
-        ASSERT_EQ(run(std::string(verb) + " --help"), 0);
-        std::set<std::string> options = optionsIn(out);
-        options.insert("--help");
-        EXPECT_EQ(completed(verb + std::string(" --"), 2), options) << verb;
-    }
-}
-
 }  // namespace
 }  // namespace quillon::test
