@@ -41,3 +41,5 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/platform/include/platform
         DESTINATION ${kit_headers} COMPONENT dev)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/client ${PROJECT_SOURCE_DIR}/examples/module-template
         DESTINATION ${CMAKE_INSTALL_DATADIR}/quillon COMPONENT dev)
+install(FILES ${PROJECT_SOURCE_DIR}/docs/man/quillon-control-channel.7
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man7 COMPONENT dev)
