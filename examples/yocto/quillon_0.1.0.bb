@@ -31,10 +31,11 @@ EXTRA_OECMAKE = " \
 "
 
 # quillon itself is empty and brings the two packages that a device needs.
-PACKAGES =+ "quillon-service quillon-platform-linux quillon-tools"
+PACKAGES =+ "quillon-service quillon-platform-linux quillon-tools quillon-sticks"
 ALLOW_EMPTY:${PN} = "1"
 RDEPENDS:${PN} = "quillon-service quillon-platform-linux"
 RDEPENDS:${PN}-dev += "${PN}-staticdev"
+RDEPENDS:quillon-sticks = "quillon-service quillon-tools udev util-linux-findmnt util-linux-mount util-linux-mountpoint"
 RRECOMMENDS:quillon-tools = "squashfs-tools e2fsprogs-mke2fs"
 
 FILES:quillon-service = " \
@@ -42,7 +43,7 @@ FILES:quillon-service = " \
     ${libexecdir}/quillon/quillon-unit \
     ${systemd_system_unitdir}/quillon.service \
     ${nonarch_libdir}/sysusers.d \
-    ${nonarch_libdir}/tmpfiles.d \
+    ${nonarch_libdir}/tmpfiles.d/quillon.conf \
     ${nonarch_libdir}/systemd/catalog \
     ${datadir}/quillon/systemd \
     ${prefix}/fwupdate \
@@ -58,6 +59,14 @@ FILES:quillon-platform-linux = " \
     ${datadir}/polkit-1 \
     ${datadir}/quillon/downloads.conf \
     ${sysconfdir}/quillon \
+"
+FILES:quillon-sticks = " \
+    ${libexecdir}/quillon/quillon-stick \
+    ${systemd_system_unitdir}/quillon-stick@.service \
+    ${systemd_system_unitdir}/quillon-stick-* \
+    ${nonarch_libdir}/udev/rules.d \
+    ${nonarch_libdir}/tmpfiles.d/quillon-sticks.conf \
+    ${datadir}/quillon/sticks.conf \
 "
 FILES:quillon-tools = " \
     ${bindir} \

@@ -14,7 +14,8 @@ find / -xdev \( -path /boot-test -o -path /proc -o -path /sys -o -path /run \) -
 start=$(milliseconds)
 apt-get install --assume-yes /packages/*.deb </dev/null
 figure "apt-get install of the packages alone: $(($(milliseconds) - start)) ms"
-for package in quillon-service quillon-platform-linux quillon-tools quillon-dev; do
+for package in quillon-service quillon-platform-linux quillon-tools quillon-dev \
+    quillon-sticks; do
     expect "the state of $package" "install ok installed" \
         "$(dpkg-query --show --showformat='${Status}' "$package")"
 done

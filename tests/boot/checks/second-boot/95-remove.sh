@@ -7,7 +7,8 @@ set -eu
 begin_with_service
 put_package panel 9.0 300000 3
 removed=$(main_process)
-apt-get remove --assume-yes quillon-service quillon-platform-linux quillon-tools quillon-dev </dev/null
+apt-get remove --assume-yes quillon-service quillon-platform-linux quillon-tools quillon-dev \
+    quillon-sticks </dev/null
 [ ! -e "/proc/$removed" ] || fail "the service is still running"
 expect "the queues" "" "$(ls -A /dev/mqueue)"
 [ ! -e "$life_marker" ] || fail "the life marker is still there"
