@@ -3,13 +3,13 @@
 BUILD := build/dev
 PREFIX ?= /usr
 
-.PHONY: help demo test build check check-all lint sanitize cross footprint bench bench-compare bench-gate package package-test docs system-test install clean
+.PHONY: help demo test build check check-all lint sanitize cross footprint bench bench-compare bench-gate package package-test docs system-test machine-test install clean
 
 help:
 	@echo "make demo      boot a virtual device and update three modules from a USB stick"
 	@echo "make test      build and run every test"
 	@echo "make check     test, lint and sanitizers, as before a release"
-	@echo "make check-all make check, make cross, make docs and make package-test, with each test on every"
+	@echo "make check-all make check, cross, docs, package-test and machine-test, with each test on every"
 	@echo "               machine and sanitizer"
 	@echo "make lint      clang-format, clang-tidy, shellcheck, pyflakes, man pages"
 	@echo "make sanitize  every test under Address- and UndefinedBehaviorSanitizer, those with threads"
@@ -21,6 +21,7 @@ help:
 	@echo "               them; or armhf"
 	@echo "make docs      the documents as HTML, with manual pages and API, in build/docs/"
 	@echo "make system-test  install the packages on a booted Debian and hold them to their promises"
+	@echo "make machine-test  plug sticks into an emulated machine with a real kernel, and pull them"
 	@echo "make footprint size, memory and start time, each beside its floor, in build/footprint.json"
 	@echo "make bench     how fast it is, each figure beside its limit, in docs/performance.md"
 	@echo "make bench-compare BASE=COMMIT  the same work with another commit, in turns"
@@ -91,6 +92,13 @@ system-test: package
 	@cmake --build --preset dev --target example-modules
 	@tests/boot/run build/package $(BUILD) || { [ $$? = 77 ] && [ -z "$$SYSTEM_TEST_REQUIRED" ]; }
 
+# Status 77: the emulated machine is another one than the packages are for, which the test says itself.
+machine-test: package
+	@packaging/install-dependencies machine-test
+	@cmake --preset dev -G Ninja $(CMAKE_ARGS)
+	@cmake --build --preset dev --target example-modules
+	@tests/machine/run build/package $(BUILD) || [ $$? = 77 ]
+
 check: test lint sanitize
 
 # The analyzer follows every call, which takes three times as long. Without precompiled headers, an
@@ -100,7 +108,7 @@ check-all:
 	@$(MAKE) sanitize cross TSAN_TESTS= CROSS_TESTS= \
 	    CMAKE_ARGS="$(CMAKE_ARGS) -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON -DQUILLON_SANITIZE_TESTS=ON \
 	    -DQUILLON_MACHINE_TESTS_ONLY=OFF"
-	@$(MAKE) docs package-test
+	@$(MAKE) docs package-test machine-test
 
 footprint:
 	@packaging/install-dependencies
