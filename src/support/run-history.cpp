@@ -83,7 +83,8 @@ void RunHistory::keep()
         return;
     }
     struct stat status = {};
-    const bool wasLost = fstatat(AT_FDCWD, lostLines_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    const bool wasLost =
+        isLost_ || fstatat(AT_FDCWD, lostLines_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
     if (wasLost) {
         first_.insert(first_.rfind('}'), R"(,"lost":true)");
     }

@@ -30,8 +30,9 @@ namespace {
 struct Disk
 {
     int syncs = 0;
-    off_t synced = 0;  ///< size of the file that was synced last
-    int error = 0;     ///< what a sync fails with
+    off_t synced = 0;   ///< size of the file that was synced last
+    int error = 0;      ///< what a sync fails with
+    int linkError = 0;  ///< what a symbolic link fails with
 };
 Disk disk;
 
@@ -49,6 +50,15 @@ extern "C" int fdatasync(int file)
         disk.synced = status.st_size;
     }
     return 0;
+}
+
+extern "C" int symlink(const char* target, const char* path) noexcept
+{
+    if (disk.linkError != 0) {
+        errno = disk.linkError;
+        return -1;
+    }
+    return symlinkat(target, AT_FDCWD, path);
 }
 
 namespace quillon::test {
@@ -248,6 +258,22 @@ TEST_F(RunHistories, ThatMissALineTellTheNextRunSo)
     beginKept();
 
     expectTexts(linesOf(kFile), {R"({"event":"began"})", R"({"event":"began","lost":true})"});
+}
+
+TEST_F(RunHistories, ThatMissALineTellTheNextRunSoWhereNoLinkCanBeMade)
+{
+    disk.linkError = ENOSPC;
+    beginKept();
+    history.giveUp();
+    history.end(line("ended"));
+    for (int i = 0; i < 2; ++i) {
+        beginKept();
+        history.end(line("ended"));
+    }
+
+    expectTexts(linesOf(kFile),
+                {R"({"event":"began"})", R"({"event":"began","lost":true})", R"({"event":"ended"})",
+                 R"({"event":"began"})", R"({"event":"ended"})"});
 }
 
 TEST_F(RunHistories, WhoseFirstLineFailsTellTheNextRunSo)
