@@ -10,6 +10,7 @@
 //   throw-in-ENTRY   raises an exception
 //   fault-in-ENTRY   writes where nothing is
 //   fault-beside-in-ENTRY  starts a thread, which does so once there is a file /tmp/quillon-test-go
+//   exit-beside-in-ENTRY  starts a thread, which then ends the process
 //   go-in-ENTRY      makes that file
 //   noise-in-ENTRY   prints a line, and one to standard error
 //   long-in-getActiveVersion  tells a version of 5 MB
@@ -271,6 +272,12 @@ void act(const std::string& word, const std::string& moment)
         std::thread([] {
             waitToGoOn();
             fault();
+        }).detach();
+    }
+    if (is("exit-beside")) {
+        std::thread([] {
+            waitToGoOn();
+            std::exit(0);
         }).detach();
     }
     if (is("go")) {

@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 
 #include <fcntl.h>
-#include <semaphore.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -14,7 +13,6 @@
 #include "support/open-way.h"
 #include "support/process.h"
 #include "support/texts.h"
-#include "support/wait.h"
 #include "system/privileged-helper.h"
 #include "system/system-test.h"
 #include "unit/tools/ctl-modules-device.h"
@@ -350,27 +348,6 @@ TEST_F(PackageUpdate, OfAnotherModuleIsStillFoundBesideAPackageThatCannotBeMount
     expectText(check.err, like("quillonctl: the package alphaemp of alpha cannot be mounted; *"));
 }
 
-TEST_F(PackageUpdate, WaitsForACheckWhichAnotherCheckDoesNot)
-{
-    Modules::installTestModule("alpha", "need=1\ncheckVersion.effect=hang\n");
-    addPackage("alpha", 600);
-    ASSERT_NE(::sem_open("/SEM_UPDATE_CONTROL", O_CREAT, 0600, 1), SEM_FAILED);
-    Process first({QUILLONCTL_PROGRAM, "modules", "check"});
-    waitFor("the mounted package", [&] { return mounts(kMountDirectory).size() == 1; });
-
-    const ModulesResult check = runModules({"check"});
-    EXPECT_EQ(check.exitCode, 8);
-    expectText(check.err, like("quillonctl: another quillonctl is looking at packages or about to "
-                               "update from them; repeat the command after it\n"));
-    Process update({QUILLONCTL_PROGRAM, "modules", "update", "--all"});
-    EXPECT_TRUE(update.says("Waiting for another update on this device\n")) << update.err();
-    EXPECT_EQ(mounts(kMountDirectory).size(), 1U);
-    update.kill(SIGINT);
-    EXPECT_EQ(update.wait(), 130);
-    first.kill(SIGINT);
-    EXPECT_EQ(first.wait(), 130);
-}
-
 TEST_F(PackageUpdate, BesideAnotherOneLeavesItsPackageMounted)
 {
     Modules::installTestModule("alpha", "need=1\ndoUpdate.effect=hang\n");
@@ -386,7 +363,7 @@ TEST_F(PackageUpdate, BesideAnotherOneLeavesItsPackageMounted)
                                "\"quillonctl progress --follow\" shows how far it is\n"));
     for (const char* which : {"--all", "alpha"}) {
         Process second({QUILLONCTL_PROGRAM, "modules", "update", which});
-        EXPECT_TRUE(second.says("Waiting for another update on this device\n")) << second.err();
+        EXPECT_TRUE(second.says("Waiting: the packages are in use by process ")) << second.err();
         second.kill(SIGINT);
         EXPECT_EQ(second.wait(), 130);
     }

@@ -11,7 +11,7 @@
 #include "support/texts.h"
 #include "system/control-layer.h"
 #include "system/daemon.h"
-#include "system/privileged-helper.h"
+#include "system/packaged-modules.h"
 #include "unit/verifier/test-keys.h"
 
 namespace quillon::test {
@@ -21,35 +21,9 @@ namespace fs = std::filesystem;
 
 constexpr const char* kUpdateList = "/tmp/fwupdate-off-list.txt";
 
-class PackagesAfterAnEnd : public PackageMount
+class PackagesAfterAnEnd : public PackagedModules
 {
 protected:
-    void SetUp() override
-    {
-        ::unsetenv("JOURNAL_STREAM");
-        PackageMount::SetUp();
-        if (!IsSkipped()) {
-            helper.startAndWait();
-        }
-    }
-
-    static void addModule(const std::string& name, const std::string& settings,
-                          const std::string& library = TEST_MODULE)
-    {
-        fs::create_directories("/usr/fwupdate/controls");
-        fs::copy_file(library, "/usr/fwupdate/controls/" + name + ".so");
-        fs::create_directories("/etc/quillon-test");
-        std::ofstream("/etc/quillon-test/" + name + ".conf") << settings;
-        const std::string payload = "/var/lib/quillon/privileged-test/" + name + ".payload";
-        writeFile(payload, name);
-        run(std::string(QUILLON_IMAGE_PROGRAM) + " package --name " + name +
-            "emp --version 2.0 --payload " + payload +
-            " --expected-time 30 --type squashfs "
-            "--output " +
-            imageOf(name + "emp"));
-    }
-
-    static std::vector<std::string> mountedPackages() { return mounts(kMountDirectory); }
     static std::vector<std::string> powerLog()
     {
         return linesOf("/tmp/quillon-test-power.log", "");

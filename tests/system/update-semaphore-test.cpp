@@ -13,9 +13,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <thread>
 #include <utility>
 
 #include "base/fd.h"
@@ -357,6 +359,26 @@ private:
     pid_t pid_ = -1;
     bool isThere_ = false;
 };
+
+TEST_F(UpdateSemaphore, IsNotSaidToBeLeftBehindByWhoHasReleasedItAndEnded)
+{
+    auto holder = std::make_unique<OtherHolder>(OtherHolder::take);
+    ASSERT_TRUE(holder->isThere());
+    BackgroundLayer layer({"modules", "update", "alpha"});
+    ASSERT_TRUE(layer.says("The update semaphore may be held by "));
+    // It sleeps between a try and a look. Stopped there, it finds the time for a look come.
+    layer.send(SIGSTOP);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    sem_t* semaphore = ::sem_open("/SEM_UPDATE_CONTROL", 0);
+    ASSERT_NE(semaphore, SEM_FAILED);
+    ::sem_post(semaphore);
+    ::sem_close(semaphore);
+    holder.reset();
+    layer.send(SIGCONT);
+
+    EXPECT_EQ(layer.wait(), 7) << layer.output();
+    expectNoText(layer.output(), like("*Nobody is alive*"));
+}
 
 TEST_F(UpdateSemaphore, IsNotReleasedFromAHolderThatHasAnotherRoot)
 {

@@ -3,22 +3,20 @@
 #include <poll.h>
 #include <semaphore.h>
 #include <sys/socket.h>
-#include <sys/sysmacros.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 
 #include "base/fd.h"
 #include "client/client-lock.h"
 #include "fw-update-mqdata.h"
 #include "src/support/paths.h"
 #include "tools/quillonctl/doctor/checks.h"
+#include "tools/quillonctl/file-locks.h"
 #include "tools/quillonctl/modules/slot-holders.h"
 #include "tools/quillonctl/modules/slot-locks.h"
 #include "tools/shared/services-user.h"
@@ -42,32 +40,12 @@ bool isPlain(const struct stat& status)
     return S_ISREG(status.st_mode) && status.st_nlink == 1;
 }
 
-/// A file as the kernel's list of locks names it: "00:2a:17", the device in hexadecimal.
-std::string fileInLocks(const struct stat& status)
-{
-    char text[64];
-    static_cast<void>(std::snprintf(text, sizeof text, "%02x:%02x:%ju", major(status.st_dev),
-                                    minor(status.st_dev), std::uintmax_t{status.st_ino}));
-    return text;
-}
-
 /// Whether a client holds the lock that lets one at a time connect. By the kernel's list: to try
 /// the lock would keep a client waiting.
 bool isClientConnected()
 {
     const auto status = statusOf(ClientLock::defaultPath());
-    if (!status) {
-        return false;
-    }
-    const std::string lock = fileInLocks(*status);
-    std::ifstream locks("/proc/locks");
-    for (std::string line; std::getline(locks, line);) {
-        if (line.find(": FLOCK ") != std::string::npos &&
-            line.find(" " + lock + " ") != std::string::npos) {
-            return true;
-        }
-    }
-    return false;
+    return status && flockHolder(*status);
 }
 
 std::string octal(mode_t mode)

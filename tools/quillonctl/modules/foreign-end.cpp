@@ -24,6 +24,7 @@
 #include "tools/quillonctl/exit-codes.h"
 #include "tools/quillonctl/modules/interruption.h"
 #include "tools/quillonctl/modules/module-events.h"
+#include "tools/quillonctl/modules/packages-lock.h"
 #include "tools/quillonctl/modules/update-slot.h"
 #include "tools/shared/signals.h"
 
@@ -288,6 +289,7 @@ void waitForTheEnd()
 
 void endAtOnce(int code)
 {
+    PackagesLock::instance().giveUp();
     for (;;) {
         syscall(SYS_exit_group, code);
     }

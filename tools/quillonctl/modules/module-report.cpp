@@ -6,6 +6,7 @@
 
 #include "src/support/paths.h"
 #include "tools/quillonctl/module-finding.h"
+#include "tools/quillonctl/modules/packages-lock.h"
 #include "tools/shared/outside-text.h"
 
 namespace quillon {
@@ -258,7 +259,12 @@ void ModuleReport::waitingForOthers(const SlotHolders& holders)
                 {{"holders", arrayOf(holders.alive)},
                  {"stopped", isAnyStopped ? arrayOf(holders.stopped) : Json::Value()},
                  {"remedy", isLeftBehind ? "quillonctl modules unlock" : Json::Value()}},
-                "Waiting for another update on this device");
+                holders.arePackages
+                    ? "Waiting: " + phraseOfPackages(holders) + "; the update begins after it"
+                    : "Waiting for another update on this device");
+    if (holders.arePackages) {
+        return;
+    }
     if (isLeftBehind) {
         const std::string remedy =
             "Nobody is alive who could hold the update semaphore; "

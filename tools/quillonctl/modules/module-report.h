@@ -62,8 +62,8 @@ public:
 
     /// @name During an update
     /// @{
-    /// The semaphore is taken. Called again when something has changed.
-    /// @param holders  who could have it; nobody: it has been left behind
+    /// The semaphore is taken, or the packages are. Called again when something has changed.
+    /// @param holders  who could have it; nobody: the semaphore has been left behind
     void waitingForOthers(const SlotHolders& holders);
     void updating(const std::string& name);
     /// Called at every poll; says nothing where nothing has changed.

@@ -18,6 +18,7 @@
 #include "tools/quillonctl/modules/foreign-end.h"
 #include "tools/quillonctl/modules/interruption.h"
 #include "tools/quillonctl/modules/module-events.h"
+#include "tools/quillonctl/modules/packages-lock.h"
 #include "tools/quillonctl/modules/update-slot.h"
 #include "tools/shared/standard-files.h"
 
@@ -194,7 +195,8 @@ void ModuleVerbs::abandon()
     }
     // Whoever updates beside this program may be flashing from one of the packages.
     const ModuleSource* source = source_;
-    if (source != nullptr && UpdateSlot::instance().otherUpdater().empty()) {
+    if (source != nullptr && PackagesLock::instance().has() &&
+        UpdateSlot::instance().otherUpdater().empty()) {
         releasePackages(*source);
     }
 }
@@ -284,28 +286,25 @@ std::vector<ModuleCheck> ModuleVerbs::checkAll(const ModuleSource& source)
 }
 
 /// To look at a package, the registry mounts it anew, also one that somebody is flashing from.
-/// @return the lock that keeps other control layers away; null where none is needed or to be had.
-///         Throws Failure when somebody else is at the packages.
-std::unique_ptr<SlotLocks> ModuleVerbs::keepPackages(const ModuleSource& source)
+/// Throws Failure when somebody else is at the packages.
+void ModuleVerbs::keepPackages(const ModuleSource& source)
 {
     if (source.type != UPDATE_EMP) {
-        return nullptr;
+        return;
     }
-    std::string trouble;
-    std::unique_ptr<SlotLocks> locks = SlotLocks::open(trouble);
-    const bool isFree = locks == nullptr || locks->takePackages();
+    PackagesLock& packages = PackagesLock::instance();
+    const bool isTaken = packages.take();
     const std::string updater = UpdateSlot::instance().otherUpdater();
     if (!updater.empty()) {
+        packages.giveUp();
         throw Failure{kExitAlreadyUpdating,
                       "another control layer is updating: " + updater +
                           "; \"quillonctl progress --follow\" shows how far it is"};
     }
-    if (!isFree) {
+    if (!isTaken) {
         throw Failure{kExitAlreadyUpdating,
-                      "another quillonctl is looking at packages or about to update from them; "
-                      "repeat the command after it"};
+                      phraseOfPackages(PackagesLock::holders()) + "; repeat the command after it"};
     }
-    return locks;
 }
 
 /// The registry looks at packages before it waits for the semaphore, see keepPackages().
@@ -326,7 +325,7 @@ void ModuleVerbs::awaitPackages(const ModuleSource& source)
 
 ExitCode ModuleVerbs::check(const ModuleSource& source)
 {
-    const std::unique_ptr<SlotLocks> packages = keepPackages(source);
+    keepPackages(source);
     ModuleChild child(times_);
     std::vector<ModuleCheck> checks;
     try {
@@ -388,19 +387,33 @@ void ModuleVerbs::release(FWUpdateSymbol& module, const ModuleSource& source)
     }
 }
 
-/// Unmounts what the check has mounted, and says what stays.
+/// Unmounts what the check has mounted, and says what stays. Others do not wait for whoever reads
+/// that.
 void ModuleVerbs::release(const ModuleChild& child)
 {
     releasePackages(child.packages());
+    std::vector<std::string> staying;
     for (const std::string& package : child.mounted()) {
         const std::string place = paths::kMountedPackages + package;
         int answer = 0;  // that it is in use stands in the table
         if (isPackageMounted(package) &&
             PS_Umount(place.c_str(), static_cast<int>(place.size()), 0, &answer) != 0) {
-            report_.warning("the package " + package +
-                            " stays mounted; once \"quillonctl doctor\" finds the mounting helper "
-                            "at work, the next \"quillonctl modules check\" unmounts it");
+            staying.push_back(package);
         }
+    }
+    PackagesLock::instance().giveUp();
+    for (const std::string& package : staying) {
+        report_.warning("the package " + package +
+                        " stays mounted; once \"quillonctl doctor\" finds the mounting helper "
+                        "at work, the next \"quillonctl modules check\" unmounts it");
+    }
+}
+
+/// What is still being flashed from stays this program's to its end.
+void ModuleVerbs::letPackagesGo() const
+{
+    if (!hasLateUpdate_) {
+        PackagesLock::instance().giveUp();
     }
 }
 
@@ -556,6 +569,7 @@ ExitCode ModuleVerbs::recorded(const ModuleSource& source, Work work)
         return work(run);
     } catch (const Failure& failure) {
         run.endWith(failure.code);
+        letPackagesGo();
         throw;
     }
 }
@@ -568,6 +582,7 @@ ExitCode ModuleVerbs::update(const std::string& name, const ModuleSource& source
     return recorded(source, [&](ToldRun& run) {
         awaitPackages(source);
         const ModuleUpdate update = updateOne(module, source);
+        letPackagesGo();
         if (update.outcome == Outcome::kNotBegun) {
             throw UpdateSlot::instance().interruption();
         }
@@ -591,6 +606,7 @@ ExitCode ModuleVerbs::updateAll(const ModuleSource& source)
         awaitPackages(source);
         const std::vector<ModuleUpdate> updates =
             source.type == UPDATE_EMP ? runMarked() : runOneByOne(source);
+        letPackagesGo();
         if (isAny(updates, Outcome::kNotBegun) && UpdateSlot::instance().updatesBegun() == 0) {
             throw UpdateSlot::instance().interruption();
         }

@@ -3,13 +3,11 @@
 
 #include <atomic>
 #include <chrono>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "tools/quillonctl/exit-codes.h"
 #include "tools/quillonctl/modules/module-report.h"
-#include "tools/quillonctl/modules/slot-locks.h"
 #include "tools/quillonctl/modules/update-watch.h"
 
 namespace quillon {
@@ -61,8 +59,9 @@ private:
     void requireFreeLoader(const std::string& task);
     void prepareUpdates();
     std::vector<ModuleCheck> checkAll(const ModuleSource& source);
-    static std::unique_ptr<SlotLocks> keepPackages(const ModuleSource& source);
+    static void keepPackages(const ModuleSource& source);
     void awaitPackages(const ModuleSource& source);
+    void letPackagesGo() const;
     std::vector<ModuleUpdate> runMarked();
     std::vector<ModuleUpdate> runOneByOne(const ModuleSource& source);
     ModuleUpdate updateOne(FWUpdateSymbol& module, const ModuleSource& source);

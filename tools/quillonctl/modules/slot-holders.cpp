@@ -73,14 +73,6 @@ bool mayOpen(const fs::path& directory, const struct stat& file)
     return process.st_uid == 0 || process.st_uid == file.st_uid || mayPassOverModes(directory);
 }
 
-bool isStopped(const fs::path& directory)
-{
-    const std::string text = firstBytesOf(directory / "stat");
-    const std::size_t name = text.rfind(')');  // the state follows
-    return name != std::string::npos &&
-           (text.compare(name, 3, ") T") == 0 || text.compare(name, 3, ") t") == 0);
-}
-
 /// One that this user may not look into, of another container, or that has ended and left its lock
 /// to somebody. Its number may be a stranger's by now.
 SlotHolder unseenHolder(const SlotLocks& locks)
@@ -91,10 +83,23 @@ SlotHolder unseenHolder(const SlotLocks& locks)
     if (holder == 0 || isStranger) {
         return {};
     }
-    return {holder, commandOf(holder)};
+    return holderOf(holder);
 }
 
 }  // namespace
+
+SlotHolder holderOf(pid_t process)
+{
+    return {process, commandOf(process)};
+}
+
+bool isStopped(pid_t process)
+{
+    const std::string text = firstBytesOf("/proc/" + std::to_string(process) + "/stat");
+    const std::size_t name = text.rfind(')');  // the state follows
+    return name != std::string::npos &&
+           (text.compare(name, 3, ") T") == 0 || text.compare(name, 3, ") t") == 0);
+}
 
 SlotHolders findSlotHolders(const SlotLocks& locks)
 {
@@ -121,10 +126,10 @@ SlotHolders findSlotHolders(const SlotLocks& locks)
             mapping = mappingOf(process, locks.file());
         }
         if (mapping == Mapping::kHas && !onlyTakesPart) {
-            holders.alive.push_back({process, commandOf(process)});
+            holders.alive.push_back(holderOf(process));
         } else if (mapping == Mapping::kHas) {
-            holders.waiting.push_back({process, commandOf(process)});
-            if (isStopped(entry->path())) {
+            holders.waiting.push_back(holderOf(process));
+            if (isStopped(process)) {
                 holders.stopped.push_back(holders.waiting.back());
             }
         } else if (mapping == Mapping::kHidden && mayHold) {

@@ -22,7 +22,6 @@ constexpr off_t kGate = 1;
 constexpr off_t kHeld = 2;
 constexpr off_t kNumbers = 2;  // process 0 is none
 constexpr off_t kMostNumbers = 1L << 30;
-constexpr off_t kPackages = kNumbers + kMostNumbers;
 
 constexpr std::chrono::milliseconds kPoll(5);
 constexpr int kPollsForTheGate = 400;
@@ -174,16 +173,6 @@ void SlotLocks::stopHolding()
 {
     set(F_RDLCK, kNumbers + getpid());
     set(F_UNLCK, kHeld);
-}
-
-bool SlotLocks::takePackages()
-{
-    return set(F_WRLCK, kPackages) || (errno != EAGAIN && errno != EACCES);
-}
-
-bool SlotLocks::isAtPackages() const
-{
-    return lockInTheWay(F_WRLCK, kPackages, 1).has_value();
 }
 
 std::optional<struct flock> SlotLocks::lockInTheWay(short type, off_t byte, off_t length) const

@@ -23,9 +23,6 @@ namespace quillon {
 /// - The gate is locked for reading by who waits for the semaphore, a moment at a time, and for
 ///   writing by who releases it: meanwhile nobody takes it unnoticed. Who wants to close it takes
 ///   the turnstile first, so that no more come in.
-/// - One more byte is locked for writing by who looks at packages or updates from them: to look at
-/// a
-///   package, the registry mounts it anew.
 ///
 /// They are locks of the open file, since the others vanish whenever the process closes any
 /// descriptor of that file, which sem_open does.
@@ -63,12 +60,6 @@ public:
     bool isHeld() const;
     /// Its number; 0 when it is not known.
     pid_t holder() const;
-
-    /// Keeps other control layers away from the packages, until the file is closed.
-    /// @return false when another one is at them; true also where there can be no locks
-    bool takePackages();
-    /// Whether another control layer is at them.
-    bool isAtPackages() const;
 
     /// Closes the file, unless somebody else has done so. There are no locks afterwards.
     void giveUpFile();

@@ -12,6 +12,7 @@
 
 #include "src/fw-update-common.h"
 #include "tools/quillonctl/modules/interruption.h"
+#include "tools/quillonctl/modules/packages-lock.h"
 
 extern "C" {
 int __real_sem_wait(sem_t* semaphore);
@@ -65,7 +66,8 @@ timespec after(milliseconds time)
 
 bool isSame(const SlotHolders& one, const SlotHolders& other)
 {
-    return one.isComplete == other.isComplete && describe(one.alive) == describe(other.alive) &&
+    return one.isComplete == other.isComplete && one.arePackages == other.arePackages &&
+           describe(one.alive) == describe(other.alive) &&
            describe(one.stopped) == describe(other.stopped);
 }
 
@@ -169,18 +171,22 @@ bool UpdateSlot::tryFor(milliseconds time)
 }
 
 /// @param attempt  waits for kSlice at most; returns whether the waiting is over
-template <typename Attempt>
-void UpdateSlot::waitFor(Attempt attempt)
+/// @param look     returns who has what is waited for
+template <typename Attempt, typename Look>
+void UpdateSlot::waitFor(Attempt attempt, Look look)
 {
     std::optional<SlotHolders> told;
+    bool wasUnknown = false;
     Clock::time_point nextLook = Clock::now() + kUsualWait;
     while (!isInterrupted() && !attempt()) {
         if (!onWaiting_ || Clock::now() < nextLook) {
             continue;
         }
-        SlotHolders holders = findSlotHolders(*locks_);
-        if (holders.alive.empty() && locks_->isAtPackages()) {
-            holders.alive.push_back({});  // it does not flash at this moment
+        const SlotHolders holders = look();
+        // Who had it may have ended since the attempt, so nobody is missed before the next one.
+        const bool isUnknown = holders.alive.empty() || holders.alive.front().process == 0;
+        if (std::exchange(wasUnknown, isUnknown) < isUnknown) {
+            continue;
         }
         if (!told || !isSame(*told, holders)) {
             told = holders;
@@ -192,16 +198,19 @@ void UpdateSlot::waitFor(Attempt attempt)
 
 void UpdateSlot::awaitPackages()
 {
-    bool hasPackages = false;
-    waitFor([&] {
-        int value = 1;
-        hasPackages = hasPackages || locks_->takePackages();
-        const bool isFree = hasPackages && (sem_getvalue(semaphore_, &value) != 0 || value > 0);
-        if (!isFree) {
-            std::this_thread::sleep_for(kSlice);
-        }
-        return isFree;
-    });
+    PackagesLock& packages = PackagesLock::instance();
+    waitFor(
+        [&] {
+            int value = 1;
+            needsPackages_ = needsPackages_ || packages.take();
+            const bool isFree =
+                needsPackages_ && (sem_getvalue(semaphore_, &value) != 0 || value > 0);
+            if (!isFree) {
+                std::this_thread::sleep_for(kSlice);
+            }
+            return isFree;
+        },
+        [&] { return needsPackages_ ? findSlotHolders(*locks_) : packages.holders(); });
     if (isInterrupted()) {
         throw UpdateInterrupted();
     }
@@ -209,7 +218,13 @@ void UpdateSlot::awaitPackages()
 
 void UpdateSlot::acquire()
 {
-    waitFor([this] { return tryFor(kSlice); });
+    PackagesLock& packages = PackagesLock::instance();
+    if (needsPackages_ && !packages.has()) {
+        trouble_ = phraseOfPackages(packages.holders()) +
+                   "; a module has closed the file by which this program kept them";
+        throw UpdateInterrupted();
+    }
+    waitFor([this] { return tryFor(kSlice); }, [this] { return findSlotHolders(*locks_); });
     if (isInterrupted() || !beginUpdating()) {
         post();
         didNotBeginUpdating();

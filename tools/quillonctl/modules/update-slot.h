@@ -64,8 +64,8 @@ public:
         return held_ ? std::string() : updater(trouble);
     }
 
-    /// Waits, as before an update, until no other control layer is at the packages and no program
-    /// has the semaphore. Keeps the packages until this process ends. Throws UpdateInterrupted.
+    /// Waits, as before an update, until this process has the PackagesLock and no program has the
+    /// semaphore. Throws UpdateInterrupted, and Failure when the packages cannot be locked.
     void awaitPackages();
 
     /// Releases a semaphore whose holder is no more.
@@ -83,14 +83,15 @@ public:
 private:
     SlotLocks::Gate enterGate();
     bool tryFor(std::chrono::milliseconds time);
-    template <typename Attempt>
-    void waitFor(Attempt attempt);
+    template <typename Attempt, typename Look>
+    void waitFor(Attempt attempt, Look look);
 
     std::unique_ptr<SlotLocks> locks_;
     std::atomic<sem_t*> semaphore_{nullptr};  // every sem_wait of the program looks at it
     pid_t process_ = 0;
     std::atomic<bool> held_{false};
     std::atomic<int> updatesBegun_{0};
+    bool needsPackages_ = false;  // no update may begin without their lock
     OnWaiting onWaiting_;
     std::string trouble_;
 };
