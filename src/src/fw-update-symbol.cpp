@@ -70,6 +70,17 @@ VersionHeader versionHeaderOf(const unsigned char* data, int length)
     return header;
 }
 
+/// What keeps an image from being opened, other than that it is missing; to be asked right behind
+/// openRegularStream().
+const char* troubleOf(const struct stat& opened)
+{
+    const bool isFound = opened.st_mode != 0;
+    if (isFound && !S_ISREG(opened.st_mode)) {
+        return "it is no regular file";
+    }
+    return errno == ENOENT ? "" : std::strerror(errno);
+}
+
 bool exists(const std::string& path)
 {
     struct stat status = {};
@@ -893,8 +904,9 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* path)
     struct stat opened = {};
     quillon::UniqueFile image = quillon::openRegularStream(imagePath, opened);
     if (!image) {
+        const char* const trouble = troubleOf(opened);
         FW_LOGE("Error: %s file open", imagePath.c_str());
-        return because(ModuleReason::kNoImage);
+        return because(ModuleReason::kNoImage, trouble);
     }
     // The verifier goes by the path; what is deciphered must be the very file that it saw.
     if (uep_verify(imagePath.c_str()) == 0 || !quillon::isStillSameFile(imagePath, opened)) {
@@ -979,8 +991,9 @@ int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* pat
     struct stat opened = {};
     quillon::UniqueFile image = quillon::openRegularStream(imagePath, opened);
     if (!image) {
+        const char* const trouble = troubleOf(opened);
         FW_LOGE("Error: %s open fail", imagePath.c_str());
-        return because(ModuleReason::kNoImage);
+        return because(ModuleReason::kNoImage, trouble);
     }
     if (uep_verify(imagePath.c_str()) == 0 || !quillon::isStillSameFile(imagePath, opened)) {
         FW_LOGE("Error: %s is NOT signed ", imagePath.c_str());

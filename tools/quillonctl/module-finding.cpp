@@ -27,7 +27,6 @@ std::string phraseOf(const ModuleFinding& finding)
         {ModuleReason::kNoIdentifier, "its package identifier is empty"},
         {ModuleReason::kNoPackage, "no package"},
         {ModuleReason::kNotMounted, "its package cannot be mounted"},
-        {ModuleReason::kNoImage, "its image is missing"},
         {ModuleReason::kNoInformation, "its information file is missing"},
         {ModuleReason::kBadInformation, "its information file cannot be read"},
         {ModuleReason::kBadChecksum, "its image does not match its checksum"},
@@ -46,6 +45,9 @@ std::string phraseOf(const ModuleFinding& finding)
             return "it does not load: " + finding.detail;
         case ModuleReason::kNoEntry:
             return "it has no entry " + finding.detail;
+        case ModuleReason::kNoImage:
+            return finding.detail.empty() ? "its image is missing"
+                                          : "the service cannot open its image: " + finding.detail;
         case ModuleReason::kBadIdentifier:
             return defectOfIdentifier(finding.detail);
         case ModuleReason::kUpdateFailed:

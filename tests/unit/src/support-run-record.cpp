@@ -132,6 +132,23 @@ TEST_F(RunRecords, OfAnEstimateTellWhyAModuleIsNotUpdated)
     EXPECT_EQ(linesIn("estimate.jsonl").size(), 4U) << "the record of the estimate before is gone";
 }
 
+TEST_F(RunRecords, OfAnEstimateTellWhatKeepsAnImageFromBeingOpened)
+{
+    startWith(Module().needsUpdate().takesSeconds(30));
+    const std::string image = device.stick().imagePath("alpha");
+    fs::remove(image);
+    fs::create_symlink(image, image);
+    EXPECT_EQ(estimate(), -1);
+    expectTextAmong(linesIn("estimate.jsonl"),
+                    like(R"(*"detail":"Too many levels of symbolic links"*"reason":"no-image"*)"));
+
+    fs::remove(image);
+    fs::create_directory(image);
+    EXPECT_EQ(estimate(), -1);
+    expectTextAmong(linesIn("estimate.jsonl"),
+                    like(R"(*"detail":"it is no regular file"*"reason":"no-image"*)"));
+}
+
 TEST_F(RunRecords, CutALongDetail)
 {
     RunRecord& record = observe();

@@ -40,6 +40,8 @@ TEST_F(CtlRecordedRun, OfACheckHasARowForEachModule)
     record("estimate", kBegan + decided("lamp", R"("result":1,"offered":"2.0","seconds":30)") +
                            decided("horn", R"("result":0,"offered":"1.0","reason":"up-to-date")") +
                            decided("tuner", R"("result":-1,"reason":"no-image")") +
+                           decided("siren", R"("detail":"Permission denied","result":-1,)"
+                                            R"("reason":"no-image")") +
                            decided("panel", R"("result":-1,"reason":"not-signed")") + kEnded);
 
     const CtlResult result = runWith({"check", kStick});
@@ -52,6 +54,7 @@ TEST_F(CtlRecordedRun, OfACheckHasARowForEachModule)
              "lamp   -        2.0      needs an update, about 30 s\n"
              "horn   -        1.0      up to date\n"
              "tuner  -        -        its image is missing\n"
+             "siren  -        -        the service cannot open its image: Permission denied\n"
              "panel  -        -        its image is not signed, or with a key that the device does "
              "not trust\n"
              "The update takes about * s\n"));
