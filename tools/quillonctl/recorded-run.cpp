@@ -123,6 +123,9 @@ std::optional<RecordedRun> readRecordedRun(const std::string& name)
     RunLines record;
     std::istringstream lines(*text);
     for (std::string line; std::getline(lines, line) && !lines.eof();) {
+        if (line.find_first_not_of(' ') == std::string::npos) {
+            continue;  // of a service that was killed while it took the blanks away
+        }
         try {
             record.take(parsedLine(line));
         } catch (const std::exception&) {

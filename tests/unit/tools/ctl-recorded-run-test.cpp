@@ -60,6 +60,13 @@ TEST_F(CtlRecordedRun, OfACheckHasARowForEachModule)
              "The update takes about * s\n"));
 }
 
+TEST_F(CtlRecordedRun, IsReadThoughItsServiceWasKilledWhileItTookBlanksAway)
+{
+    record("estimate", kBegan + decided("lamp", R"("result":1,"offered":"2.0","seconds":30)") +
+                           "   \n" + kEnded);
+    expectText(runWith({"check", kStick}).out, like("*\nlamp  *needs an update*"));
+}
+
 TEST_F(CtlRecordedRun, ThatIsUpToDateIsASuccessOfAnUpdateAndNothingElseIs)
 {
     nothingNeeded();

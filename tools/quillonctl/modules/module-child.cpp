@@ -363,6 +363,7 @@ ModuleChild::Rows ModuleChild::run(std::size_t columns, const std::function<Rows
         const bool isHung = end.request == 0 && end.judgedHung != 0;
         if (isHung && end.judgedHung == shared->deadline && shared->isMounting) {
             packages_.clear();  // to unmount them would be to wait for the same helper again
+            isHelperLost_ = true;
             throw Failure{kExitSystem,
                           "the mounting helper does not answer; \"quillonctl doctor\" looks at it, "
                           "and root starts it anew with \"systemctl restart quillon-privileged\""};

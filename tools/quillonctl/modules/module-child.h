@@ -64,12 +64,15 @@ public:
     const std::set<std::string>& packages() const { return packages_; }
     /// Packages that any of the children may have mounted.
     const std::set<std::string>& mounted() const { return mounted_; }
+    /// Who mounts has not answered.
+    bool isHelperLost() const { return isHelperLost_; }
 
 private:
     const ModuleTimes times_;
     std::map<std::string, ModuleProblem> fallen_;
     std::set<std::string> packages_;
     std::set<std::string> mounted_;
+    bool isHelperLost_ = false;
 };
 
 }  // namespace quillon

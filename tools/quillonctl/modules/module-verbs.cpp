@@ -397,7 +397,8 @@ void ModuleVerbs::release(const ModuleChild& child)
         const std::string place = paths::kMountedPackages + package;
         int answer = 0;  // that it is in use stands in the table
         if (isPackageMounted(package) &&
-            PS_Umount(place.c_str(), static_cast<int>(place.size()), 0, &answer) != 0) {
+            (child.isHelperLost() ||
+             PS_Umount(place.c_str(), static_cast<int>(place.size()), 0, &answer) != 0)) {
             staying.push_back(package);
         }
     }

@@ -35,6 +35,7 @@ PackagesLock& PackagesLock::instance()
 
 bool PackagesLock::take()
 {
+    const std::lock_guard<std::mutex> guard(mutex_);
     static const int forks = pthread_atfork(nullptr, nullptr, leaveToParent);
     const int error = forks != 0 ? forks : tryToTake();
     if (error != 0 && error != EWOULDBLOCK) {
@@ -49,6 +50,7 @@ bool PackagesLock::has()
     if (!isTaken_) {
         return false;
     }
+    const std::lock_guard<std::mutex> guard(mutex_);
     const int file = file_;
     const bool isLocked = isOwnFile(file) && flock(file, LOCK_EX | LOCK_NB) == 0;
     return isLocked || tryToTake() == 0;

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <mutex>
 #include <string>
 
 #include "tools/quillonctl/modules/slot-holders.h"
@@ -15,8 +16,8 @@ namespace quillon {
 /// one control layer at a time may be at the packages.
 ///
 /// The lock lies on the directory that they are mounted in: who can have a package mounted can open
-/// it, and nobody replaces it. It ends with the process. The processes that a module forks do not
-/// keep it.
+/// it, and only they could replace it. It ends with the process. The processes that a module forks
+/// do not keep it.
 class PackagesLock
 {
 public:
@@ -37,6 +38,8 @@ public:
 
 private:
     int tryToTake();
+
+    std::mutex mutex_;  ///< of take() and has(), and nothing else
     bool isOwnFile(int file) const;
     static void leaveToParent();
 
