@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -70,7 +71,7 @@ bool has(const char* fault)
 }
 
 std::string offered;
-std::string sessionVersion;  // of a module that forgets it
+std::string unkeptVersion;  // of a module that forgets it
 const char* keptText = nullptr;
 const char* keptArgument = nullptr;
 const unsigned char* keptPayload = nullptr;
@@ -105,6 +106,16 @@ void leaveSomething()
         if (fork() == 0) {
             pause();
         }
+    } else if (has("leaves a daemon")) {
+        const pid_t between = fork();
+        if (between == 0) {
+            setsid();
+            if (fork() == 0) {
+                pause();
+            }
+            _exit(0);
+        }
+        waitpid(between, nullptr, 0);
     } else if (has("leaves a zombie")) {
         if (fork() == 0) {
             _exit(0);
@@ -173,7 +184,7 @@ int install(const unsigned char* data, std::size_t length)
     percent = has("ends at 90") ? 90 : 100;
     isUpdating = false;
     if (has("forgets the version")) {
-        sessionVersion = version;
+        unkeptVersion = version;
     } else if (!has("lies about the version") && length > 0) {
         std::ofstream(beside(".version")) << (version.empty() ? "9.9" : version);
     }
@@ -183,6 +194,16 @@ int install(const unsigned char* data, std::size_t length)
     }
     return 0;
 }
+
+struct ThrowsWhenLoaded
+{
+    ThrowsWhenLoaded()
+    {
+        if (has("throws when loaded")) {
+            throw std::runtime_error("no hardware");
+        }
+    }
+} throwsWhenLoaded;
 
 }  // namespace
 
@@ -242,7 +263,7 @@ PLAIN int getActiveVersion(char* buffer)
         std::this_thread::sleep_for(std::chrono::milliseconds(1100));
     }
     static int count = 0;
-    std::string text = sessionVersion.empty() ? running() : sessionVersion;
+    std::string text = unkeptVersion.empty() ? running() : unkeptVersion;
     text = has("version is empty")       ? ""
            : has("version is long")      ? std::string(300, '1')
            : has("version is noise")     ? "\x01\x02"

@@ -64,7 +64,7 @@ std::vector<const Clause*> selected(const CheckRequest& request)
 
 std::string readable(const std::string& path)
 {
-    if (!std::ifstream(path).is_open() || fs::is_directory(path)) {
+    if (!fs::is_regular_file(path) || !std::ifstream(path).is_open()) {
         throw Failure(kExitFile, path + " cannot be read");
     }
     return fs::absolute(path);

@@ -13,6 +13,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <new>
 
@@ -26,6 +28,7 @@ namespace quillon::kit {
 
 namespace {
 
+namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 
 constexpr int kTellingNumber = 3;  // its file's, until it is mapped
@@ -100,6 +103,23 @@ void store(const Judgement& judgement, Telling& telling)
     closefrom(kTellingNumber + 1);
     execv("/proc/self/exe", words.data());
     _exit(kExitFile);
+}
+
+/// Ends what the module has started and left, daemons as well.
+void endChildren()
+{
+    for (bool isAny = true; isAny;) {
+        isAny = false;
+        std::error_code gone;
+        for (const auto& task : fs::directory_iterator("/proc/self/task", gone)) {
+            std::ifstream children(task.path() / "children");
+            for (pid_t child = 0; children >> child; isAny = true) {
+                kill(child, SIGKILL);
+            }
+        }
+        while (isAny && waitpid(-1, nullptr, __WALL) > 0) {
+        }
+    }
 }
 
 /// Of a process that has not come to a judgement.
@@ -209,8 +229,10 @@ int mainOfProcess(int argc, char** argv)
     subject.image = argv[4];
     subject.info = argv[5];
     subject.others.assign(argv + kFixed, argv + argc);
+    prctl(PR_SET_CHILD_SUBREAPER, 1);  // a daemon that a module makes comes to this process
     Module module(subject, *telling);
     store(judge(*clause, module), *telling);
+    endChildren();
     static_cast<void>(std::fflush(nullptr));
     _exit(kExitSuccess);  // the module's own ends are judged by a clause, not here
 }

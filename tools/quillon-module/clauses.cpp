@@ -163,7 +163,8 @@ Judgement judge(const Clause& clause, Module& module)
     } catch (const Judgement& judgement) {
         return judgement;
     } catch (const std::exception& error) {
-        return {Verdict::kNotChecked, error.what()};
+        const bool isGate = (clause.needs & kGate) != 0;  // what is behind it would count as clean
+        return {isGate ? Verdict::kBroken : Verdict::kNotChecked, error.what()};
     }
 }
 

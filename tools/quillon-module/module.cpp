@@ -85,16 +85,33 @@ std::string Module::load(const std::string& path)
     tell("its loading");
     name_ = subject_.name();
     const pid_t self = getpid();
-    void* const handle = dlopen(path.c_str(), RTLD_NOW);
-    if (getpid() != self) {
-        telling_.childCameOut = true;
-        _exit(127);
+    // It is declared not to throw, so the compiler would leave the handlers below out.
+    void* (*const volatile open)(const char*, int) = dlopen;
+    void* handle = nullptr;
+    try {
+        handle = open(path.c_str(), RTLD_NOW);
+    } catch (const std::exception& error) {
+        endForkedSince(self);
+        broken(std::string("it throws an exception while it is loaded: ") + error.what());
+    } catch (...) {
+        endForkedSince(self);
+        broken("it throws an exception while it is loaded");
     }
+    endForkedSince(self);
     if (handle == nullptr) {
         return dlerror();
     }
     library_ = SharedLibrary(handle, LibraryCloser());
     return "";
+}
+
+/// A process that the module has forked must not judge anything.
+void Module::endForkedSince(pid_t self)
+{
+    if (getpid() != self) {
+        telling_.childCameOut = true;
+        _exit(127);
+    }
 }
 
 void* Module::library()
@@ -138,15 +155,14 @@ int Module::call(const char* entry, Arguments... arguments)
     try {
         result = function(arguments...);
     } catch (const std::exception& error) {
+        endForkedSince(self);
         broken(std::string(entry) + " has thrown an exception: " + error.what());
     } catch (...) {
+        endForkedSince(self);
         broken(std::string(entry) + " has thrown an exception");
     }
     const int error = errno;
-    if (getpid() != self) {
-        telling_.childCameOut = true;
-        _exit(127);
-    }
+    endForkedSince(self);
     duration_ = std::chrono::nanoseconds(monotonicNow() - begin);
     tell(entry);
     errno = error;

@@ -107,6 +107,7 @@ private:
     template <typename Signature, typename... Arguments>
     int call(const char* entry, Arguments... arguments);
     std::string textOf(const char* entry);
+    void endForkedSince(pid_t self);
 
     const Subject& subject_;
     Telling& telling_;

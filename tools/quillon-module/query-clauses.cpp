@@ -59,6 +59,9 @@ std::string identifierOf(const std::string& file)
         std::memcpy(text.get(), buffer, kSize - 1);
         _exit(0);
     }
+    if (child == -1) {
+        notChecked(std::string("no process: ") + std::strerror(errno));
+    }
     waitpid(child, nullptr, 0);
     return text.get();
 }
@@ -149,6 +152,7 @@ std::string holdUnique(Module& module)
     }
     const std::string own = firmwareNameOf(module.identifier());
     for (const std::string& file : others) {
+        module.tell("getEMPID of another module");
         require(firmwareNameOf(identifierOf(file)) != own,
                 fs::path(file).filename().string() + " has the firmware name " + own + " as well");
     }

@@ -67,6 +67,7 @@ TEST_P(ModuleFault, IsFound)
 }
 
 constexpr Fault kFaults[] = {
+    {"libraries", "throws when loaded", "it throws an exception while it is loaded: *"},
     {"libraries", "faulty-missing-library", "liblibrary-that-is-gone.so: cannot open*"},
     {"symbols", "faulty-missing-symbol", "*undefined symbol: _Z13nobodyHasThisv: link it with*"},
     {"entries", "faulty-mangled", "setContext is there as _Z10setContextPKc11CallerTypesPc, *"},
@@ -131,6 +132,7 @@ constexpr Fault kFaults[] = {
 
     {"threads", "leaves a thread", "threads go on: *"},
     {"children", "leaves a process", "a process that it has started still runs"},
+    {"children", "leaves a daemon", "a process that it has started still runs"},
     {"children", "leaves a zombie", "it does not wait for a process*"},
     {"children", "child returns", "a process that it has forked returns from an entry*"},
     {"descriptors", "leaves a file open", "open files: *(/dev/null)"},
