@@ -21,7 +21,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#define LOCK_FILE "/run/lock/quillon-client.lock"
 #define LONGEST_PATH 127
 #define ESTIMATE_SECONDS 600 /* the service reads every image meanwhile */
 #define REPLY_SECONDS 5
@@ -40,18 +39,33 @@ static _Noreturn void fail_with_errno(const char* what)
     exit(1);
 }
 
+/* As every client: in /run/lock where every user may write, else in /tmp. */
+static const char* lock_file(void)
+{
+    struct stat status;
+    const int is_shared = stat("/run/lock", &status) == 0 && S_ISDIR(status.st_mode) &&
+                          (status.st_mode & 01002) == 01002;
+    return is_shared ? "/run/lock/quillon-client.lock" : "/tmp/quillon-client.lock";
+}
+
 /* The kernel releases the lock when this process ends, however it ends. */
 static void lock_out_other_clients(void)
 {
-    const int file = open(LOCK_FILE, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
+    const int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    int file = open(lock_file(), flags);
+    if (file < 0 && errno == ENOENT) {
+        file = open(lock_file(), flags | O_CREAT | O_EXCL, 0666);
+        if (file >= 0) {
+            fchmod(file, 0666); /* whatever the umask */
+        }
+    }
     struct stat status;
     if (file < 0 || fstat(file, &status) != 0) {
-        fail_with_errno(LOCK_FILE);
+        fail_with_errno(lock_file());
     }
-    if (!S_ISREG(status.st_mode)) {
-        fail(LOCK_FILE " is not a regular file: its owner or root may remove it");
+    if (!S_ISREG(status.st_mode) || (status.st_nlink != 1 && (status.st_mode & 07777) != 0666)) {
+        fail("somebody else's file stands at the clients' lock: its owner or root may remove it");
     }
-    fchmod(file, 0666); /* whatever the umask; another user's file stays as it is */
     if (flock(file, LOCK_EX | LOCK_NB) != 0) {
         fail("another client is connected: try again when it has ended");
     }

@@ -94,6 +94,19 @@ TEST_F(ExampleClient, LeavesTheChannelToTheClientThatHoldsTheLock)
     EXPECT_THAT(result.out, HasSubstr("another client is connected"));
 }
 
+TEST_F(ExampleClient, OpensNoFileOfSomebodyElseToEverybody)
+{
+    startDaemon();
+    writeFile("/run/lock/private", "");
+    std::filesystem::permissions("/run/lock/private", std::filesystem::perms::owner_read);
+    std::filesystem::create_hard_link("/run/lock/private", "/run/lock/quillon-client.lock");
+    const Result result = client();
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.out, HasSubstr("somebody else's file stands at the clients' lock"));
+    EXPECT_EQ(std::filesystem::status("/run/lock/private").permissions(),
+              std::filesystem::perms::owner_read);
+}
+
 TEST_F(ExampleClient, SaysThatNoServiceRuns)
 {
     const Result result = client();
