@@ -26,8 +26,8 @@ bool syncDirectory(const std::string& directory);
 /// Puts a file in place in one step, also where the power fails: whoever opens it sees either the
 /// old contents or all of the new ones. A link of that name is replaced, never followed.
 ///
-/// Until then the new contents are in ".NAME.new-" with six letters behind it. Such a file of this
-/// user's that a writer has left because it was killed is removed by the next one.
+/// Until then the new contents are in ".NAME.new-" with six letters behind it. If a writer is
+/// killed, its file stays; the next writer of the same user removes it.
 /// @param directory  must exist
 /// @param name    file name without "/"
 /// @param mode    of the file, whatever the umask

@@ -70,8 +70,8 @@ VersionHeader versionHeaderOf(const unsigned char* data, int length)
     return header;
 }
 
-/// What keeps an image from being opened, other than that it is missing; to be asked right behind
-/// openRegularStream().
+/// Says why openRegularStream() has just failed: from errno, and from what it has seen.
+/// @return empty when the image is missing
 const char* troubleOf(const struct stat& opened)
 {
     const bool isFound = opened.st_mode != 0;

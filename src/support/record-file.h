@@ -37,10 +37,11 @@ private:
 /// @return none for what is not there, no regular file, or a link. Never throws.
 UniqueFd openForLines(const std::string& path, int flags, struct stat& opened);
 
-/// Blanks behind a file's last line, in front of that line's end, which are mapped: to add a line
-/// there takes no system call, and no descriptor that a module could close. The file holds nothing
-/// but whole lines at any time, also when the process is killed. Nobody else may write to the file.
-/// Thread: one at a time. Never throws, except for open().
+/// Room for more lines in a file's last page. The page is mapped, so adding a line takes no system
+/// call, and no descriptor is open that a module could close. Until it is used, the room is blanks
+/// in front of the last line's end. So the file holds only whole lines at any time, even when the
+/// process is killed; the last may be blank. Nobody else may write to the file.
+/// Thread: one at a time. Only open() throws.
 class MappedRoom
 {
 public:
@@ -49,8 +50,8 @@ public:
     MappedRoom(const MappedRoom&) = delete;
     MappedRoom& operator=(const MappedRoom&) = delete;
 
-    /// Appends lines, and blanks up to the end of a page. Without memory to map there is no room.
-    /// Throws std::bad_alloc.
+    /// Appends lines, and blanks up to the end of a page, and maps that page. If it cannot be
+    /// mapped, there is no room. Throws std::bad_alloc.
     /// @param lines  not empty
     /// @return whether all of them have been written
     bool open(const std::string& path, const std::string& lines);
@@ -58,10 +59,10 @@ public:
     /// @return false, and nothing is written, if there is no room
     bool add(const std::string& line) noexcept;
 
-    /// Takes the blanks that are left from the file, and is without room then.
+    /// Cuts the blanks that are left off the file, and unmaps the page.
     void close(const std::string& path) noexcept;
 
-    /// Leaves the file as it is, and is without room then.
+    /// Unmaps the page, and leaves the file as it is.
     void drop() noexcept;
 
 private:
