@@ -11,7 +11,7 @@ help:
 	@echo "make check     test, lint and sanitizers, as before a release"
 	@echo "make check-all make check, cross, docs, package-test and machine-test, with each test on every"
 	@echo "               machine and sanitizer"
-	@echo "make lint      clang-format, clang-tidy, shellcheck, pyflakes, man pages"
+	@echo "make lint      clang-format, clang-tidy, shellcheck, pyflakes, man pages, width of pages"
 	@echo "make sanitize  every test under Address- and UndefinedBehaviorSanitizer, those with threads"
 	@echo "               under ThreadSanitizer"
 	@echo "make cross     build for arm64 and armhf, and run under emulation what a machine decides"
