@@ -63,6 +63,19 @@ TEST_F(LayerHistory, NamesTheModuleInWhichItWasKilled)
     expectText(history(), like("*\n*  alpha   *  cut off\n"));
 }
 
+TEST_F(LayerHistory, HoldsTheEndOfAnUpdateWhoseProgressNobodyReads)
+{
+    install("alpha", "need=1\n");
+    offer("alpha", 60);
+
+    const UnreadLayer unread(updateOf("alpha"));
+
+    EXPECT_TRUE(eventually([] { return like("*alpha*updated\n").accepts(history()); }))
+        << history();
+    expectNoText(history(), like("*running*"));
+    EXPECT_TRUE(unread.isAlive());
+}
+
 TEST_F(LayerHistory, HoldsTwoUpdatesThatTakeTurns)
 {
     installWaiting("alpha");

@@ -1,6 +1,8 @@
 #include "tools/quillonctl/output.h"
 
 #include <json/writer.h>
+#include <poll.h>
+#include <unistd.h>
 
 #include <iostream>
 
@@ -15,6 +17,12 @@ Json::Value jsonObject(const JsonMembers& members)
         }
     }
     return object;
+}
+
+bool Output::isRead()
+{
+    pollfd output = {STDOUT_FILENO, POLLOUT, 0};
+    return poll(&output, 1, 0) != 0;
 }
 
 void Output::say(const char* name, const JsonMembers& members, const std::string& text)

@@ -34,6 +34,9 @@ public:
 
     bool isForPrograms() const { return forPrograms_; }
     bool isQuiet() const { return quiet_; }
+    /// Whether a line would be taken at once: not by a full pipe that nobody reads, nor by a
+    /// terminal that has been stopped. Thread: any.
+    static bool isRead();
 
     /// @param name     the object's member "event"
     /// @param members  its others

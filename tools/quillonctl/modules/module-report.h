@@ -55,6 +55,9 @@ public:
     ///                 once a second at most
     ModuleReport(Output& output, bool isPaced) : output_(output), isPaced_(isPaced) {}
 
+    /// See Output. Thread: any.
+    static bool isRead() { return Output::isRead(); }
+
     void modules(const std::vector<ModuleEntry>& entries);
     void checked(const ModuleSource& source, const std::vector<ModuleCheck>& checks);
     void version(const ModuleEntry& entry);

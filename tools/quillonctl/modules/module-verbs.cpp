@@ -9,6 +9,8 @@
 #include <map>
 #include <memory>
 #include <system_error>
+#include <tuple>
+#include <utility>
 
 #include "platform/app-binary-manager.h"
 #include "platform/power.h"
@@ -381,9 +383,10 @@ void ModuleVerbs::release(FWUpdateSymbol& module, const ModuleSource& source)
         return;
     }
     if (!releasePackage(module)) {
-        report_.warning("the package of " + module.getLibName() +
-                        " stays mounted; if it is in use, root learns by whom from: fuser -vm " +
-                        paths::kMountedPackages + module.getEMPName());
+        warnings_.push_back("the package of " + module.getLibName() +
+                            " stays mounted; if it is in use, root learns by whom from: fuser "
+                            "-vm " +
+                            paths::kMountedPackages + module.getEMPName());
     }
 }
 
@@ -418,6 +421,16 @@ void ModuleVerbs::letPackagesGo() const
     }
 }
 
+/// What has been kept back until nobody has to wait for this program any more: whoever should read
+/// it may not do so.
+void ModuleVerbs::tellWarnings()
+{
+    for (const std::string& warning : warnings_) {
+        report_.warning(warning);
+    }
+    warnings_.clear();
+}
+
 void ModuleVerbs::finish(UpdateWatch& watch)
 {
     const bool isStuck = watch.finish();
@@ -432,7 +445,7 @@ void ModuleVerbs::tellAllDone()
     }
     const std::string raised = raisedBy([] { manager().allDoUpdateDone(); });
     if (!raised.empty()) {
-        report_.warning("not every module was told that the run is over: " + raised);
+        warnings_.push_back("not every module was told that the run is over: " + raised);
     }
 }
 
@@ -459,7 +472,7 @@ std::vector<ModuleUpdate> ModuleVerbs::runMarked()
         raisedByUpdate([] { manager().doUpdateFirmwareAll(CALLER_SERVICE); }, isInterrupted);
     if (!raised.empty()) {
         // A module that is told that the run is over has broken the run's end off.
-        report_.warning("not every module was told that the run is over: " + raised);
+        warnings_.push_back("not every module was told that the run is over: " + raised);
     }
     if (!raised.empty() || isInterrupted) {
         breakRunOff();
@@ -512,7 +525,9 @@ ModuleUpdate ModuleVerbs::runProcess(FWUpdateSymbol& module, const ModuleSource&
     if (!beginUpdating()) {
         return notBegun(module);
     }
-    report_.updating(name);
+    if (ModuleReport::isRead()) {
+        report_.updating(name);
+    }
     char noText[] = "";
     int result = -1;
     const std::string raised =
@@ -559,20 +574,33 @@ ModuleUpdate ModuleVerbs::updateOne(FWUpdateSymbol& module, const ModuleSource& 
     return update;
 }
 
-/// Records an update, and with its end what the program ends with.
-/// @param work  takes the ToldRun, and tells it the code
+/// Records updates, and with their end what the program ends with. Nobody has to wait for whoever
+/// reads what became of them.
+/// @param work  returns them, and that code
 template <typename Work>
 ExitCode ModuleVerbs::recorded(const ModuleSource& source, Work work)
 {
-    ToldRun run(RunEvent::kUpdateBegan, RunEvent::kUpdateEnded, source.name);
     source_ = &source;
+    std::vector<ModuleUpdate> updates;
+    ExitCode code = kExitSuccess;
     try {
-        return work(run);
-    } catch (const Failure& failure) {
-        run.endWith(failure.code);
+        ToldRun run(RunEvent::kUpdateBegan, RunEvent::kUpdateEnded, source.name);
+        try {
+            std::tie(updates, code) = work();
+        } catch (const Failure& failure) {
+            run.endWith(failure.code);
+            throw;
+        }
+        run.endWith(code);
+    } catch (const Failure&) {
         letPackagesGo();
+        tellWarnings();
         throw;
     }
+    takeOverTheEnd();
+    tellWarnings();
+    report_.updated(source, updates, code);
+    return code;
 }
 
 ExitCode ModuleVerbs::update(const std::string& name, const ModuleSource& source)
@@ -580,22 +608,20 @@ ExitCode ModuleVerbs::update(const std::string& name, const ModuleSource& source
     open(/*isUpdate=*/true);
     FWUpdateSymbol& module = usableModule(name);
     prepareUpdates();
-    return recorded(source, [&](ToldRun& run) {
+    return recorded(source, [&] {
         awaitPackages(source);
-        const ModuleUpdate update = updateOne(module, source);
+        std::vector<ModuleUpdate> updates = {updateOne(module, source)};
         letPackagesGo();
-        if (update.outcome == Outcome::kNotBegun) {
+        const Outcome outcome = updates.front().outcome;
+        if (outcome == Outcome::kNotBegun) {
             throw UpdateSlot::instance().interruption();
         }
-        const bool isOffered = update.outcome != Outcome::kNothingOffered;
-        const ExitCode code = isOffered ? exitCodeOf({update}) : kExitNothingToUpdate;
-        if (isOffered && update.outcome != Outcome::kNotNeeded) {
+        const bool isOffered = outcome != Outcome::kNothingOffered;
+        const ExitCode code = isOffered ? exitCodeOf(updates) : kExitNothingToUpdate;
+        if (isOffered && outcome != Outcome::kNotNeeded) {
             tellAllDone();
         }
-        run.endWith(code);
-        takeOverTheEnd();
-        report_.updated(source, {update}, code);
-        return code;
+        return std::pair(std::move(updates), code);
     });
 }
 
@@ -603,19 +629,16 @@ ExitCode ModuleVerbs::updateAll(const ModuleSource& source)
 {
     open(/*isUpdate=*/true);
     prepareUpdates();
-    return recorded(source, [&](ToldRun& run) {
+    return recorded(source, [&] {
         awaitPackages(source);
-        const std::vector<ModuleUpdate> updates =
+        std::vector<ModuleUpdate> updates =
             source.type == UPDATE_EMP ? runMarked() : runOneByOne(source);
         letPackagesGo();
         if (isAny(updates, Outcome::kNotBegun) && UpdateSlot::instance().updatesBegun() == 0) {
             throw UpdateSlot::instance().interruption();
         }
-        takeOverTheEnd();
         const ExitCode code = exitCodeOf(updates);
-        run.endWith(code);
-        report_.updated(source, updates, code);
-        return code;
+        return std::pair(std::move(updates), code);
     });
 }
 

@@ -62,6 +62,7 @@ private:
     static void keepPackages(const ModuleSource& source);
     void awaitPackages(const ModuleSource& source);
     void letPackagesGo() const;
+    void tellWarnings();
     std::vector<ModuleUpdate> runMarked();
     std::vector<ModuleUpdate> runOneByOne(const ModuleSource& source);
     ModuleUpdate updateOne(FWUpdateSymbol& module, const ModuleSource& source);
@@ -77,6 +78,7 @@ private:
     std::atomic<const ModuleSource*> source_{nullptr};  ///< whose packages may be mounted
     std::atomic<bool> hasPowerLock_{false};
     std::atomic<bool> isUpdating_{false};
+    std::vector<std::string> warnings_;
     bool hasLateUpdate_ = false;
     bool hasStuckWatch_ = false;
 };

@@ -73,7 +73,9 @@ UpdateWatch::UpdateWatch(const std::vector<const FWUpdateSymbol*>& modules, Modu
 {
     UpdateSlot::instance().explainTo([watching = watching_](const SlotHolders& holders) {
         const std::lock_guard<std::mutex> lock(watching->mutex);
-        watching->report.waitingForOthers(holders);
+        if (ModuleReport::isRead()) {
+            watching->report.waitingForOthers(holders);
+        }
     });
     const SignalsBlocked blocked;
     try {
@@ -108,10 +110,14 @@ void UpdateWatch::Watching::loop()
     changed.notify_all();
 }
 
-/// The plug-in is asked without the lock, since it may not answer.
+/// The plug-in is asked without the lock, since it may not answer. Nobody who reads: nothing is
+/// shown, or the end of the update would wait for them.
 void UpdateWatch::Watching::show(const FWUpdateSymbol& module, const ModuleRun& run,
                                  std::unique_lock<std::mutex>& lock)
 {
+    if (!ModuleReport::isRead()) {
+        return;
+    }
     if (shown != &module) {
         shown = &module;
         report.updating(module.getLibName());
@@ -122,7 +128,7 @@ void UpdateWatch::Watching::show(const FWUpdateSymbol& module, const ModuleRun& 
     lock.unlock();
     std::optional<unsigned int> percent = updateProgress(name);
     lock.lock();
-    if (isStopped) {
+    if (isStopped || !ModuleReport::isRead()) {
         return;
     }
     if (!percent) {
@@ -156,7 +162,9 @@ void UpdateWatch::waitForLate()
     for (const FWUpdateSymbol* module : watching_->modules) {
         if (isStillRunning(module)) {
             limit = std::max(limit, std::min(expectedTime(*module), allowedTime(*module)));
-            watching_->report.waitingForLate(module->getLibName());
+            if (ModuleReport::isRead()) {
+                watching_->report.waitingForLate(module->getLibName());
+            }
         }
     }
     const Clock::time_point end = Clock::now() + limit;
