@@ -249,6 +249,28 @@ TEST_F(RunRecords, OfAStartHaveALineForEachStepAtAnyTime)
     EXPECT_EQ(text.substr(text.size() - 2), "}\n") << "no blanks are left behind the last line";
 }
 
+TEST_F(RunRecords, OfAnotherUserMayBeShortenedAtAnyTime)
+{
+    constexpr uid_t kUser = 1234;
+    RunRecord& record = observe();
+    const std::string path = kRecords + std::string("start.jsonl");
+    if (chown(path.c_str(), kUser, kUser) != 0) {
+        GTEST_SKIP() << "there is only one user here";
+    }
+    record.hear({ModuleEvent::kLoading, "alpha"});
+    expectTexts(linesIn("start.jsonl"),
+                {R"({"event":"began"})", R"({"event":"loading","module":"alpha"})"});
+    EXPECT_EQ(readAll(path).find(' '), std::string::npos);
+
+    fs::resize_file(path, 0);
+    record.hear({ModuleEvent::kLoaded, "alpha"});
+    record.hear({ModuleEvent::kLoading, "beta"});
+
+    expectTexts(linesIn("start.jsonl"),
+                {R"({"event":"loaded","module":"alpha","result":0,"seconds":0})",
+                 R"({"event":"loading","module":"beta"})"});
+}
+
 TEST_F(RunRecords, OfAStartAreGivenUpWhenTheDiskIsFull)
 {
     RunRecord& record = observe();
