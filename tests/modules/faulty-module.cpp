@@ -21,6 +21,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #ifdef FAULT_MANGLED
 #include <cstdint>
@@ -98,6 +99,33 @@ int failWith(int error)
     return -1;
 }
 
+/// A process that has left its group and its parent, and tells its number beside the module.
+void leaveDaemon()
+{
+    const pid_t between = fork();
+    if (between == 0) {
+        setsid();
+        if (fork() == 0) {
+            std::ofstream(beside(".daemons"), std::ios::app) << getpid() << '\n' << std::flush;
+            pause();
+        }
+        _exit(0);
+    }
+    waitpid(between, nullptr, 0);
+}
+
+/// Prints more than anybody would read, and crashes when all of it is kept.
+void flood()
+{
+    constexpr off_t kMost = 1 << 16;
+    const std::vector<char> text(2 * kMost, '.');
+    static_cast<void>(!write(STDOUT_FILENO, text.data(), text.size()));
+    struct stat kept = {};
+    if (fstat(STDOUT_FILENO, &kept) == 0 && kept.st_size > kMost) {
+        std::abort();
+    }
+}
+
 void leaveSomething()
 {
     if (has("leaves a thread")) {
@@ -107,15 +135,10 @@ void leaveSomething()
             pause();
         }
     } else if (has("leaves a daemon")) {
-        const pid_t between = fork();
-        if (between == 0) {
-            setsid();
-            if (fork() == 0) {
-                pause();
-            }
-            _exit(0);
-        }
-        waitpid(between, nullptr, 0);
+        leaveDaemon();
+    } else if (has("leaves a daemon and crashes")) {
+        leaveDaemon();
+        std::abort();
     } else if (has("leaves a zombie")) {
         if (fork() == 0) {
             _exit(0);
@@ -139,6 +162,8 @@ void leaveSomething()
         umask(0);
     } else if (has("talks")) {
         std::puts("faulty module: asked");
+    } else if (has("floods")) {
+        flood();
     }
 }
 

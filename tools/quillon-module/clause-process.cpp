@@ -56,10 +56,13 @@ SharedTelling mapped(int file)
     return SharedTelling(static_cast<Telling*>(memory));
 }
 
-UniqueFd memoryFile(const char* name, unsigned int flags)
+/// Of a size that nobody can change, neither a module that shortens what is mapped here, nor one
+/// that prints without end.
+UniqueFd memoryFile(const char* name, std::size_t size, unsigned int flags)
 {
-    UniqueFd file(memfd_create(name, flags));
-    if (file.get() < 0) {
+    UniqueFd file(memfd_create(name, flags | MFD_ALLOW_SEALING));
+    if (!file || ftruncate(file.get(), static_cast<off_t>(size)) != 0 ||
+        fcntl(file.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) != 0) {
         fail("no memory for the process of a clause");
     }
     return file;
@@ -70,10 +73,12 @@ std::string textOf(const char* text, std::size_t size)
     return {text, strnlen(text, size)};
 }
 
+/// What has been written, up to the position that the processes share.
 std::string outputOf(int file)
 {
     std::string output(kMostOutput, '\0');
-    const ssize_t size = pread(file, output.data(), output.size(), 0);
+    const off_t end = std::clamp(lseek(file, 0, SEEK_CUR), off_t{0}, off_t{kMostOutput});
+    const ssize_t size = pread(file, output.data(), static_cast<std::size_t>(end), 0);
     output.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
     return output;
 }
@@ -105,19 +110,21 @@ void store(const Judgement& judgement, Telling& telling)
     _exit(kExitFile);
 }
 
-/// Ends what the module has started and left, daemons as well.
-void endChildren()
+/// Ends what a module has started and left, daemons as well, in a process that they come to.
+/// @param leftAlone  a child that could not even be killed
+void endChildren(pid_t leftAlone = 0)
 {
     for (bool isAny = true; isAny;) {
         isAny = false;
         std::error_code gone;
         for (const auto& task : fs::directory_iterator("/proc/self/task", gone)) {
             std::ifstream children(task.path() / "children");
-            for (pid_t child = 0; children >> child; isAny = true) {
-                kill(child, SIGKILL);
+            for (pid_t child = 0; children >> child;) {
+                if (child != leftAlone) {
+                    kill(child, SIGKILL);
+                    isAny = waitpid(child, nullptr, __WALL) == child || isAny;
+                }
             }
-        }
-        while (isAny && waitpid(-1, nullptr, __WALL) > 0) {
         }
     }
 }
@@ -160,13 +167,11 @@ Outcome judgeApart(const Clause& clause, const Subject& subject)
     }
     words.push_back(nullptr);
     // Without MFD_CLOEXEC: dup2() does nothing for a file that has the right number already.
-    const UniqueFd file = memoryFile("telling", 0);
-    const UniqueFd output = memoryFile("output", MFD_CLOEXEC);
-    if (ftruncate(file.get(), sizeof(Telling)) != 0) {
-        fail("no memory for the process of a clause");
-    }
+    const UniqueFd file = memoryFile("telling", sizeof(Telling), 0);
+    const UniqueFd output = memoryFile("output", kMostOutput, MFD_CLOEXEC);
     const SharedTelling telling = mapped(file.get());
 
+    prctl(PR_SET_CHILD_SUBREAPER, 1);  // what a process leaves that is killed comes to this one
     RequestsHeld requests;
     const std::int64_t begin = monotonicNow();
     telling->deadline = begin + std::chrono::nanoseconds(subject.longest).count();
@@ -180,7 +185,7 @@ Outcome judgeApart(const Clause& clause, const Subject& subject)
         become(words, file.get(), output.get(), parent);
     }
     const ChildEnd end = waitForChild(child, telling->deadline, requests);
-    kill(-child, SIGKILL);  // what it has left behind
+    endChildren(child);  // of a process that has not come to do so itself
     if (end.request != 0) {
         requests.putBack(end.request);
         throw Failure(kExitInterrupted, "interrupted");

@@ -99,6 +99,18 @@ TEST_F(ModuleCheck, InProcessLetsACrashBeOne)
         0);
 }
 
+TEST_F(ModuleCheck, LeavesNothingRunningOfAModuleThatCrashes)
+{
+    runModule({"check", install("faulty-none", "leaves a daemon and crashes")});
+
+    std::istringstream daemons(readAll(directory + "/lantern.daemons"));
+    int count = 0;
+    for (pid_t daemon = 0; daemons >> daemon; ++count) {
+        EXPECT_NE(::kill(daemon, 0), 0);
+    }
+    EXPECT_GT(count, 0);
+}
+
 TEST_F(ModuleCheck, WritesALogForTheVendor)
 {
     const std::string log = directory + "/log";

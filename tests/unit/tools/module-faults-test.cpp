@@ -142,6 +142,7 @@ constexpr Fault kFaults[] = {
     {"working-directory", "changes the directory", "it changes to /"},
     {"working-directory", "changes the file mask", "it changes the file mask"},
     {"silent", "talks", "it writes * bytes: see the log"},
+    {"silent", "floods", "it writes 65536 bytes: see the log"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Of, ModuleFault, testing::ValuesIn(kFaults), nameOf);
