@@ -106,12 +106,18 @@ std::string resolved(const std::string& directory)
     return path;
 }
 
+/// @return none for a directory with very many files
 std::set<std::string> imagesIn(const std::string& directory)
 {
+    constexpr int kMostFiles = 10000;
     std::set<std::string> names;
     std::error_code error;
+    int files = 0;
     for (fs::directory_iterator it(directory, error), end; !error && it != end;
          it.increment(error)) {
+        if (++files > kMostFiles) {
+            return {};
+        }
         if (it->path().extension() == ".bin") {
             names.insert(it->path().filename());
         }

@@ -77,6 +77,18 @@ TEST_F(CtlSecondLook, AtAStickThatIsGoneSaysWhatHelps)
     expectText(result.err, like("*restart the update service*"));
 }
 
+TEST_F(CtlSecondLook, AtAStickOfVeryManyFilesDoesNotTellWhetherItWasTakenOut)
+{
+    for (int i = 0; i < 10000; ++i) {
+        std::ofstream(std::string(kStick) + "/" + std::to_string(i) + ".bin").close();
+    }
+    service.serve();
+    const CtlResult result = runCtl({"update", kStick});
+
+    EXPECT_EQ(result.exitCode, 0);
+    expectText(result.err, like("*if the update's stick had been taken out already, put it back*"));
+}
+
 TEST_F(CtlSecondLook, ThatFailsLeavesTheResultOfTheUpdateAlone)
 {
     service.on(MQ_COMMAND_TIME, [this, first = true](const MQData&) mutable {
