@@ -19,6 +19,7 @@
 //   fork-at-once-in-ENTRY  forks a process, which exits by _exit
 //   return-in-ENTRY  forks a process, which returns
 //   stay-in-ENTRY    forks a process, which waits until there is a file /tmp/quillon-test-go
+//   stray-in-ENTRY   the same, unnoticed by those who want to hear of every fork
 //   kill-in-ENTRY    forks a process, ends it with SIGTERM, and tells in /tmp/quillon-test-child
 //                    what signal ended it
 //   wait-in-ENTRY    waits until there is a file /tmp/quillon-test-go
@@ -185,7 +186,7 @@ void act(const std::string& word, const std::string& moment)
     if (is("trap")) {
         trap();
     }
-    if (is("stay") && ::fork() == 0) {
+    if ((is("stay") && ::fork() == 0) || (is("stray") && ::_Fork() == 0)) {
         waitToGoOn();
         ::_exit(0);
     }

@@ -190,29 +190,43 @@ TEST_F(PackagesLockOfModules, EndsWithTheProgramThoughAProcessOfAModuleGoesOn)
     goOn();
 }
 
-TEST_F(PackagesLockOfModules, EndsBeforeTheResultIsWritten)
+TEST_F(PackagesLockOfModules, EndsWithTheWorkThoughNobodyReadsTheResult)
 {
-    int ends[2] = {-1, -1};
-    ASSERT_EQ(::pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
-    const UniqueFd reader(ends[0]);
-    const UniqueFd writer(ends[1]);
-    while (::write(writer.get(), "x", 1) == 1) {
-    }
-    ASSERT_EQ(::fcntl(writer.get(), F_SETFL, 0), 0);
-    const pid_t check = ::fork();
-    if (check == 0) {
-        ::dup2(writer.get(), STDOUT_FILENO);
-        ::execl(QUILLONCTL_PROGRAM, "quillonctl", "modules", "check", nullptr);
-        ::_exit(127);
-    }
-    ASSERT_TRUE(isAsked("checkVersion"));
+    for (const std::vector<std::string>& command : {kCheck, kUpdateAlpha}) {
+        const UnreadLayer unread(command);
+        ASSERT_TRUE(isAsked(command == kCheck ? "checkVersion" : "doUpdate"));
 
-    const BackgroundLayer update(kUpdateAlpha);
+        const BackgroundLayer update(kUpdateAlpha);
 
-    EXPECT_TRUE(update.says("updated")) << update.output();
-    EXPECT_EQ(::waitpid(check, nullptr, WNOHANG), 0);
-    ::kill(check, SIGKILL);
-    ::waitpid(check, nullptr, 0);
+        EXPECT_TRUE(update.says("alpha  ")) << update.output();
+        EXPECT_TRUE(unread.isAlive());
+        forgetWhatWasAsked();
+        addPackage("alpha");
+    }
+}
+
+TEST_F(PackagesLockOfModules, EndsWithACrashAndNamesTheWayToWhoeverHasItStill)
+{
+    set("alpha", "stray-in-doUpdate crash-in-doUpdate");
+    BackgroundLayer crashing(kUpdateAlpha);
+    EXPECT_LT(crashing.wait(), 0) << crashing.output();
+    addPackage("alpha");
+    set("alpha", "");
+    EXPECT_EQ(modulesDocument({"check"})["modules"].size(), 1U);
+
+    const pid_t locking = ::fork();
+    if (locking == 0) {
+        const UniqueFd directory(::open(kMountDirectory, O_RDONLY));
+        ::flock(directory.get(), LOCK_EX);
+        ::_exit(::fork() == 0 ? ::pause() : 0);
+    }
+    ASSERT_EQ(::waitpid(locking, nullptr, 0), locking);
+
+    EXPECT_EQ(modulesDocument({"check"}, 8)["text"],
+              "the packages are locked by a process that has ended or is not seen here; root "
+              "learns who has taken over its lock from: fuser -v " +
+                  std::string(kMountDirectory) + "; repeat the command after it");
+    goOn();
 }
 
 TEST_F(PackagesLockOfModules, IsTakenAgainAfterAModuleHasClosedAllFiles)

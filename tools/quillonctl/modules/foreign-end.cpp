@@ -151,6 +151,7 @@ void crashed(int signal, siginfo_t* info, void* /*context*/)
         if (UpdateSlot::instance().giveBack()) {
             say(kCrashed);
         }
+        PackagesLock::instance().giveUp();  // a process that the module has made may have it too
     }
     onSignal(signal, SIG_DFL);
     if (getpid() == g_process && g_onCrash != nullptr) {

@@ -119,6 +119,12 @@ SlotHolders PackagesLock::holders()
 
 std::string phraseOfPackages(const SlotHolders& holders)
 {
+    if (holders.alive.front().process == 0) {
+        return std::string(
+                   "the packages are locked by a process that has ended or is not seen "
+                   "here; root learns who has taken over its lock from: fuser -v ") +
+               paths::kMountedPackages;
+    }
     return "the packages are in use by " + describe(holders.alive) +
            (holders.stopped.empty() ? ", which checks them or updates from them"
                                     : ", which is stopped: let it go on or end it");
