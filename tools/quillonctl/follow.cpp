@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "src/support/paths.h"
+#include "tools/quillonctl/next-commands.h"
 #include "tools/quillonctl/recorded-run.h"
 #include "tools/quillonctl/run-report.h"
 #include "tools/shared/outside-text.h"
@@ -60,21 +61,21 @@ struct Recorder
 {
     std::string directory;  ///< empty: the service's
     const char* name;       ///< for people
-    const char* log;        ///< which log says more
+    std::string log;        ///< which log says more
 };
 
 /// The service, and each control layer that may be running.
 std::vector<Recorder> recorders()
 {
     std::vector<Recorder> all = {{"", "the update service", "the update service's log"}};
+    const std::string log = "the control layer's log (" + logOf("FWUPDATE") + ")";
     const fs::path layers = paths::kLayerRecords;
     const std::string room = layers.parent_path().filename();
     std::error_code error;
     for (fs::directory_iterator entry(layers, error), end; !error && entry != end;
          entry.increment(error)) {
-        all.push_back({room + "/" + entry->path().filename().string() + "/", "the control layer",
-                       "the control layer's log (journalctl -b -t FWUPDATE, or without a journal "
-                       "its standard error)"});
+        all.push_back(
+            {room + "/" + entry->path().filename().string() + "/", "the control layer", log});
     }
     return all;
 }

@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "tools/quillonctl/exit-codes.h"
 #include "tools/quillonctl/module-answer.h"
@@ -25,8 +26,8 @@ class UpdateReport
 public:
     /// @param output  must outlive this object
     /// @param log     which log says more
-    explicit UpdateReport(Output& output, const char* log = "the update service's log")
-        : output_(output), log_(log)
+    explicit UpdateReport(Output& output, std::string log = "the update service's log")
+        : output_(output), log_(std::move(log))
     {
     }
 
@@ -46,7 +47,7 @@ public:
 
 private:
     Output& output_;
-    const char* log_;
+    const std::string log_;
     std::string module_;
     int percent_ = -1;
 };

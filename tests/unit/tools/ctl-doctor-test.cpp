@@ -21,12 +21,14 @@
 #include "platform/protocols/storage-protocol.h"
 #include "support/files.h"
 #include "support/texts.h"
+#include "tools/quillonctl/next-commands.h"
 #include "unit/storage/listener.h"
 #include "unit/tools/ctl-doctor-device.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using quillon::restartService;
 using quillon::test::Listener;
 using quillon::test::outputOf;
 using quillon::test::writeFile;
@@ -56,15 +58,38 @@ TEST_F(CtlDoctor, SaysTheWorstFirstWithTheRemedyBelow)
 
     const CtlResult result = runCtl({"doctor"});
 
-    EXPECT_EQ(result.out,
-              "error: /tmp/fwupdate-off-list.txt belongs to root, or is no plain file: packages "
-              "cannot be checked, or others change the list\n"
-              "    systemctl restart quillon\n"
-              "warning: the service is ready, but the event /tmp/.fw_service_ready_usb is missing: "
-              "programs wait for it in vain\n"
-              "    systemctl restart quillon\n"
-              "1 error, 1 warning, 0 notes\n");
+    EXPECT_EQ(
+        result.out,
+        "error: /tmp/fwupdate-off-list.txt belongs to root, or is no plain file: packages "
+        "cannot be checked, or others change the list\n"
+        "    rm -rf /tmp/fwupdate-off-list.txt; " +
+            restartService() +
+            "\n"
+            "warning: the service is ready, but the event /tmp/.fw_service_ready_usb is missing: "
+            "programs wait for it in vain\n"
+            "    " +
+            restartService() + "\n1 error, 1 warning, 0 notes\n");
     EXPECT_EQ(result.exitCode, 21);
+}
+
+TEST_F(CtlDoctor, NamesSystemdsCommandsWhereItRuns)
+{
+    DoctorsDevice device;
+    const auto remedyOf = [](const std::vector<Json::Value>& findings, const char* code) {
+        return findingIn(findings, code)["remedy"].asString();
+    };
+    mkfifo("/tmp/fwupdate-off-list.txt", 0600);
+    fs::remove("/run/quillon/privileged.sock");
+    const bool isMade = fs::create_directories("/run/systemd/system");
+
+    const auto findings = findingsOf(runCtl({"--json", "doctor"}));
+
+    if (isMade) {
+        fs::remove("/run/systemd/system");  // it may be the machine's own directory
+    }
+    EXPECT_EQ(remedyOf(findings, "update-list-blocked"), "systemctl restart quillon");
+    EXPECT_EQ(remedyOf(findings, "helper-missing"),
+              "systemctl enable --now quillon-privileged.socket");
 }
 
 TEST_F(CtlDoctor, EndsWithAnotherCodeForWarningsAlone)
@@ -103,7 +128,7 @@ TEST_F(CtlDoctor, CountsForProgramsAtTheEnd)
     EXPECT_EQ(lines[0]["event"], "finding");
     EXPECT_EQ(lines[0]["code"], "ready-missing");
     EXPECT_EQ(lines[0]["severity"], "warning");
-    EXPECT_EQ(lines[0]["remedy"], "systemctl restart quillon");
+    EXPECT_EQ(lines[0]["remedy"], restartService());
     EXPECT_EQ(lines[1]["event"], "examined");
     EXPECT_EQ(lines[1]["errors"], 0);
     EXPECT_EQ(lines[1]["warnings"], 1);

@@ -19,6 +19,7 @@
 #include "tools/quillonctl/file-locks.h"
 #include "tools/quillonctl/modules/slot-holders.h"
 #include "tools/quillonctl/modules/slot-locks.h"
+#include "tools/quillonctl/next-commands.h"
 #include "tools/shared/services-user.h"
 
 #ifdef QUILLON_STORAGE_SOCKET
@@ -29,7 +30,6 @@ namespace quillon::doctor {
 
 namespace {
 
-constexpr const char* kRestart = "systemctl restart quillon";
 constexpr const char* kSemaphoreFile = "/dev/shm/sem.SEM_UPDATE_CONTROL";
 constexpr mode_t kEverybodys = 0666;
 constexpr mode_t kGroups = 0660;
@@ -55,6 +55,12 @@ std::string octal(mode_t mode)
     return text;
 }
 
+/// Has the service started with a fresh file. Only systemd's unit looks after all of them.
+std::string makeAnew(const std::string& path)
+{
+    return (hasSystemd() ? "" : "rm -rf " + path + "; ") + restartService();
+}
+
 Findings checkQueue(const Surroundings& around, const char* name, const char* what)
 {
     const std::string path = std::string("/dev/mqueue") + name;
@@ -69,13 +75,14 @@ Findings checkQueue(const Surroundings& around, const char* name, const char* wh
         if (!around.service) {
             return {};
         }
-        return {error("queue-missing", text + "is missing, so no client gets through", kRestart)};
+        return {error("queue-missing", text + "is missing, so no client gets through",
+                      restartService())};
     }
     if (isStrangers(status)) {
         return {
             error("queue-owner",
                   text + "belongs to " + nameOfUser(status.st_uid) + ", who reads what is in it",
-                  kRestart)};
+                  restartService())};
     }
     const mode_t mode = status.st_mode & ACCESSPERMS;
     if (mode != kEverybodys && (mode != kGroups || status.st_uid != 0)) {
@@ -83,7 +90,7 @@ Findings checkQueue(const Surroundings& around, const char* name, const char* wh
                       text + "has the mode " + octal(mode) + " and belongs to " +
                           nameOfUser(status.st_uid) +
                           "; it must have 0666, or 0660 and belong to root",
-                      kRestart)};
+                      restartService())};
     }
     if (attributes.mq_msgsize != static_cast<long>(sizeof(MQData)) ||
         attributes.mq_maxmsg != FW_MQ_MAX_MESSAGES) {
@@ -92,7 +99,7 @@ Findings checkQueue(const Surroundings& around, const char* name, const char* wh
                           std::to_string(attributes.mq_msgsize) + " bytes, not " +
                           std::to_string(FW_MQ_MAX_MESSAGES) + " of " +
                           std::to_string(sizeof(MQData)),
-                      kRestart)};
+                      restartService())};
     }
     const std::string count = std::to_string(attributes.mq_curmsgs);
     const bool isOfReplies = name == std::string(FW_MQ_CONTROL_QUEUE);
@@ -146,22 +153,37 @@ std::optional<std::string> faultOfSocket(const char* path, const SecretBytes& re
                : "it ends the connection without an answer";
 }
 
-/// @param request  what it answers without doing anything; empty: it is enough that it listens
-Findings checkHelper(Severity severity, const char* path, const std::string& unit,
-                     const std::string& effect, const SecretBytes& request)
+/// A process that runs as root and listens at a socket.
+struct HelperAtSocket
 {
+    Severity severity;
+    const char* path;
+    const char* unit;
+    const char* effect;   ///< what there is not without it
+    std::string without;  ///< the remedy where systemd does not run
+};
+
+std::string remedyOf(const HelperAtSocket& helper, const char* verb)
+{
+    return hasSystemd() ? std::string("systemctl ") + verb + " " + helper.unit : helper.without;
+}
+
+/// @param request  what it answers without doing anything; empty: it is enough that it listens
+Findings checkHelper(const HelperAtSocket& helper, const SecretBytes& request)
+{
+    const Severity severity = helper.severity;
+    const char* path = helper.path;
     const auto status = statusOf(path);
-    const std::string remedy = "systemctl restart " + unit;
     if (!status || !S_ISSOCK(status->st_mode)) {
         return {{severity, "helper-missing",
-                 std::string("the socket ") + path + " is missing, so " + effect,
-                 "systemctl enable --now " + unit}};
+                 std::string("the socket ") + path + " is missing, so " + helper.effect,
+                 remedyOf(helper, "enable --now")}};
     }
     if (isStrangers(*status) || (status->st_mode & S_IWOTH) != 0) {
         return {{severity, "helper-owner",
                  std::string("the socket ") + path + " belongs to " + nameOfUser(status->st_uid) +
                      ", or is open to everybody",
-                 remedy}};
+                 remedyOf(helper, "restart")}};
     }
     const std::optional<std::string> fault = faultOfSocket(path, request);
     if (!fault) {
@@ -171,7 +193,8 @@ Findings checkHelper(Severity severity, const char* path, const std::string& uni
         return {};
     }
     return {{severity, "helper-silent",
-             std::string("nobody answers at ") + path + ": " + *fault + "; " + effect, remedy}};
+             std::string("nobody answers at ") + path + ": " + *fault + "; " + helper.effect,
+             remedyOf(helper, "restart")}};
 }
 
 #endif
@@ -202,7 +225,7 @@ Findings checkMarkers(const Surroundings& around)
                                      std::string(path) + " belongs to " +
                                          nameOfUser(status->st_uid) +
                                          ", who can end or hold up the service with it",
-                                     kRestart));
+                                     makeAnew(path)));
         }
     }
     const auto life = statusOf(paths::kLifeMarker);
@@ -212,18 +235,18 @@ Findings checkMarkers(const Surroundings& around)
             warning("marker-stale",
                     std::string("the service does not run, but has left its marker ") +
                         paths::kLifeMarker + ": it was killed, or a module has ended it",
-                    "journalctl -b -u quillon, then: systemctl restart quillon"));
+                    serviceLog() + ", then: " + restartService()));
     }
     if (!isThere && around.service) {
         findings.push_back(warning("marker-missing",
                                    std::string("the service is about to end, since its marker ") +
                                        paths::kLifeMarker + " is gone",
-                                   kRestart));
+                                   restartService()));
     }
     if (!isThere && around.isServiceGone()) {
         findings.push_back(note("service-not-running",
                                 "the service does not run: nothing can be updated from a stick",
-                                "systemctl start quillon"));
+                                startService()));
     }
     return findings;
 }
@@ -236,7 +259,7 @@ Findings checkReadiness(const Surroundings& around)
         return {warning("ready-stale",
                         std::string("the event ") + paths::kReadyEvent +
                             " says that the service is ready, but it does not run",
-                        kRestart)};
+                        restartService())};
     }
     const std::optional<RecordedRun>& start = around.start;
     const bool serves = start && start->result && around.service == start->service;
@@ -244,7 +267,7 @@ Findings checkReadiness(const Surroundings& around)
         return {warning("ready-missing",
                         std::string("the service is ready, but the event ") + paths::kReadyEvent +
                             " is missing: programs wait for it in vain",
-                        kRestart)};
+                        restartService())};
     }
     return {};
 }
@@ -266,7 +289,7 @@ Findings checkUpdateList(const Surroundings& /*around*/)
         error("update-list-blocked",
               std::string(paths::kUpdateList) + " belongs to " + nameOfUser(status->st_uid) +
                   ", or is no plain file: packages cannot be checked, or others change the list",
-              kRestart)};
+              makeAnew(paths::kUpdateList))};
 }
 
 Findings checkClientLock(const Surroundings& /*around*/)
@@ -279,7 +302,7 @@ Findings checkClientLock(const Surroundings& /*around*/)
     return {error("client-lock-blocked",
                   "no client gets through, since " + path + ", of " + nameOfUser(status->st_uid) +
                       ", is no file, or not open to everybody",
-                  kRestart)};
+                  makeAnew(path))};
 }
 
 Findings checkSemaphore(const Surroundings& /*around*/)
@@ -329,11 +352,17 @@ Findings checkHelpers(const Surroundings& around)
     const auto process = statusOf("/proc/" + std::to_string(around.service.value_or(-1)));
     const uid_t user = process ? process->st_uid : around.servicesUser;
     if (user != 0 || statusOf(QUILLON_STORAGE_SOCKET)) {
-        findings = checkHelper(Severity::kError, QUILLON_STORAGE_SOCKET, "quillon-storage.socket",
-                               "the service gets no image key", storage::encodeRead("doctor"));
+        findings =
+            checkHelper({Severity::kError, QUILLON_STORAGE_SOCKET, "quillon-storage.socket",
+                         "the service gets no image key",
+                         "rm -f " QUILLON_STORAGE_SOCKET
+                         ", and run quillon-service as root: it reads the storage itself then"},
+                        storage::encodeRead("doctor"));
     }
-    append(findings, checkHelper(Severity::kWarning, QUILLON_PRIVILEGED_SOCKET,
-                                 "quillon-privileged.socket", "no package can be mounted", {}));
+    append(findings,
+           checkHelper({Severity::kWarning, QUILLON_PRIVILEGED_SOCKET, "quillon-privileged.socket",
+                        "no package can be mounted", restartMountingHelper()},
+                       {}));
 #else
     static_cast<void>(around);
 #endif

@@ -54,7 +54,7 @@ Findings checkDirectories(const Surroundings& around);
 /// Whether there is room to write, and what is loaded may be executed.
 Findings checkFileSystems(const Surroundings& around);
 Findings checkClock(const Surroundings& around);
-/// What systemd says of the units; nothing where systemd is not process 1.
+/// What systemd says of the units; nothing where it does not run.
 Findings checkUnits(const Surroundings& around);
 /// @}
 

@@ -4,13 +4,13 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
-#include <fstream>
 #include <map>
 #include <sstream>
 
 #include "base/piped-program.h"
 #include "src/support/paths.h"
 #include "tools/quillonctl/doctor/checks.h"
+#include "tools/quillonctl/next-commands.h"
 #include "tools/shared/services-user.h"
 
 namespace quillon::doctor {
@@ -67,14 +67,24 @@ Findings judgeUnit(UnitValues& values)
                   "journalctl -b -u quillon tells why, then: systemctl restart quillon")};
 }
 
+/// Makes a directory of packages as it has to be.
+std::string provideDirectory(const Surroundings& around, const char* path)
+{
+    if (hasSystemd()) {
+        return "systemd-tmpfiles --create quillon.conf";
+    }
+    return "install -d -o " + std::to_string(around.servicesUser) + " -m " +
+           (path == paths::kMountedPackages ? "2770 " : "2775 ") + path;
+}
+
 }  // namespace
 
 Findings checkDirectories(const Surroundings& around)
 {
     Findings findings;
     for (const char* path : {paths::kPackages, paths::kMountedPackages, paths::kSharedFirmware}) {
+        const std::string remedy = provideDirectory(around, path);
         const auto status = statusOf(path);
-        const std::string remedy = "systemd-tmpfiles --create quillon.conf";
         if (!status) {
             if (errno == EACCES) {
                 findings.push_back(notChecked(path));
@@ -138,11 +148,12 @@ Findings checkClock(const Surroundings& around)
     if (around.now >= kStartOf2024) {
         return {};
     }
-    return {
-        warning("clock-wrong",
-                "the clock is before 2024: no server's certificate is valid then, and nothing is "
-                "downloaded",
-                "set the clock: timedatectl set-time \"YYYY-MM-DD hh:mm:ss\"")};
+    return {warning(
+        "clock-wrong",
+        "the clock is before 2024: no server's certificate is valid then, and nothing is "
+        "downloaded",
+        std::string("set the clock: ") + (hasSystemd() ? "timedatectl set-time" : "date -s") +
+            " \"YYYY-MM-DD hh:mm:ss\"")};
 }
 
 Findings judgeUnits(const std::string& properties)
@@ -164,9 +175,7 @@ Findings judgeUnits(const std::string& properties)
 
 Findings checkUnits(const Surroundings& /*around*/)
 {
-    std::string first;
-    std::ifstream("/proc/1/comm") >> first;
-    if (first != "systemd") {
+    if (!hasSystemd()) {
         return {};
     }
     ProgramCall call;

@@ -11,6 +11,7 @@
 #include "helpers/lifecycle/trusted-places.h"
 #include "src/support/paths.h"
 #include "tools/quillonctl/doctor/checks.h"
+#include "tools/quillonctl/next-commands.h"
 #include "tools/shared/services-user.h"
 
 namespace quillon::doctor {
@@ -24,7 +25,7 @@ constexpr int kMostLooks = 10000;
 std::string remedyAgainst(const std::string& module)
 {
     return "take " + module + ".so out of " + paths::kModules +
-           " or mend it, then run: systemctl restart quillon";
+           " or mend it, then run: " + restartService();
 }
 
 bool isCutOff(const RecordedRun& record)
@@ -128,7 +129,7 @@ Findings checkQuarantine(const Surroundings& around)
                         (isReplaced ? "; there is another one of that name now" : ""),
                     isReplaced ? "rm " + unit::quoted(path)
                                : "once it is mended: mv -n " + unit::quoted(path) + " " +
-                                     paths::kModules + " && systemctl restart quillon"));
+                                     paths::kModules + " && " + restartService()));
     }
     return findings;
 }
@@ -145,7 +146,7 @@ Findings checkStarts(const Surroundings& around)
         }
         return {error("start-cut-off",
                       "the service ended at its last start, before it took commands",
-                      "journalctl -b -u quillon tells why, then: systemctl restart quillon")};
+                      serviceLog() + " tells why, then: " + restartService())};
     }
     Findings findings;
     const std::optional<RecordedRun> earlier = readRecordedRun("earlier-start");
@@ -181,12 +182,11 @@ Findings checkRuns(const Surroundings& around)
     const std::optional<RecordedRun>& look = around.estimate;
     if (look && isCutOff(*look)) {
         const std::string module = moduleAtWork(*look);
-        findings.push_back(
-            warning("estimate-cut-off",
-                    "the service ended while it looked at " + look->directory +
-                        (module.empty() ? "" : ", at the module " + module),
-                    "journalctl -b -u quillon tells why; repeat it: quillonctl check " +
-                        unit::quoted(look->directory)));
+        findings.push_back(warning("estimate-cut-off",
+                                   "the service ended while it looked at " + look->directory +
+                                       (module.empty() ? "" : ", at the module " + module),
+                                   serviceLog() + " tells why; repeat it: quillonctl check " +
+                                       unit::quoted(look->directory)));
     }
     return findings;
 }
@@ -210,7 +210,7 @@ Findings checkMarks(const Surroundings& around)
                     "modules are still marked for the images in " + look->directory +
                         ", which are gone, so an update without these modules fails: " + marked,
                     "plug that stick in and run: quillonctl check " +
-                        unit::quoted(look->directory) + "; or: systemctl restart quillon")};
+                        unit::quoted(look->directory) + "; or: " + restartService())};
 }
 
 Findings checkPackages(const Surroundings& around)

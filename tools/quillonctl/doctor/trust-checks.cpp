@@ -21,6 +21,7 @@
 #include "src/support/paths.h"
 #include "tools/quillonctl/doctor/checks.h"
 #include "tools/quillonctl/modules/foreign-end.h"
+#include "tools/quillonctl/next-commands.h"
 #include "tools/shared/services-user.h"
 
 namespace quillon::doctor {
@@ -153,7 +154,7 @@ Findings faultsOfProvisioning(const Surroundings& around)
         return {error("image-key-missing",
                       std::string("the device has no image key, and no provisioning package ") +
                           paths::kProvisioningPackage + " brings one: nothing can be updated",
-                      "put the maker's package there and run: systemctl restart quillon")};
+                      "put the maker's package there and run: " + restartService())};
     }
     if (!S_ISREG(package.st_mode) || !mayServiceUse(around, package, R_OK)) {
         return {error("provisioning-unreadable",
@@ -168,11 +169,10 @@ Findings faultsOfProvisioning(const Surroundings& around)
         return {error("certificates-none",
                       "the device has no image key, and without a certificate *.pem in "
                       "" QUILLON_PROVISIONING_CERTIFICATES " it accepts no provisioning package",
-                      "install the maker's certificate there and run: systemctl restart quillon")};
+                      "install the maker's certificate there and run: " + restartService())};
     }
     return {warning("image-key-not-installed",
-                    "the image key has not been installed from its package yet",
-                    "systemctl restart quillon")};
+                    "the image key has not been installed from its package yet", restartService())};
 }
 
 }  // namespace
@@ -181,8 +181,8 @@ Findings checkVerifier(const Surroundings& /*around*/)
 {
     struct stat status = {};
     const std::string remedy =
-        "install quillon-platform-linux again, or the device's own verifier, and run: systemctl "
-        "restart quillon";
+        "install quillon-platform-linux again, or the device's own verifier, and run: " +
+        restartService();
     if (stat(paths::kVerifierLibrary, &status) != 0) {
         return {error("verifier-missing",
                       std::string("without the verifier ") + paths::kVerifierLibrary +
@@ -291,7 +291,7 @@ Findings checkImageKey(const Surroundings& around)
     if (isOfService && start->hasKey == false) {
         findings.push_back(error("service-without-key",
                                  "the running service has no image key, so it refuses every image",
-                                 "see to the image key, then run: systemctl restart quillon"));
+                                 "see to the image key, then run: " + restartService()));
     }
     if (!kHasStockPlatform) {
         return findings;

@@ -14,6 +14,7 @@
 #include "tools/quillonctl/modules/interruption.h"
 #include "tools/quillonctl/modules/module-events.h"
 #include "tools/quillonctl/modules/update-slot.h"
+#include "tools/quillonctl/next-commands.h"
 
 namespace quillon {
 
@@ -134,8 +135,9 @@ MountTrouble mountTroubleOf(const FWUpdateSymbol& module)
     }
     return {kExitSystem, phraseOf({-1, ModuleReason::kNotMounted, {}}),
             package +
-                " cannot be mounted; \"quillonctl doctor\" looks at the mounting helper, and "
-                "\"journalctl -b -t QUILLON-PRIVILEGED\" tells why it has refused"};
+                " cannot be mounted; \"quillonctl doctor\" looks at the mounting helper, and its "
+                "log (" +
+                logOf("QUILLON-PRIVILEGED") + ") tells why it has refused"};
 }
 
 ModuleCheck describeCheck(FWUpdateSymbol& module, const ModuleSource& source)

@@ -26,6 +26,7 @@
 #include "tools/quillonctl/modules/interruption.h"
 #include "tools/quillonctl/modules/module-events.h"
 #include "tools/quillonctl/modules/update-slot.h"
+#include "tools/quillonctl/next-commands.h"
 #include "tools/shared/signals.h"
 
 namespace quillon {
@@ -366,7 +367,8 @@ ModuleChild::Rows ModuleChild::run(std::size_t columns, const std::function<Rows
             isHelperLost_ = true;
             throw Failure{kExitSystem,
                           "the mounting helper does not answer; \"quillonctl doctor\" looks at it, "
-                          "and root starts it anew with \"systemctl restart quillon-privileged\""};
+                          "and root starts it anew with \"" +
+                              restartMountingHelper() + "\""};
         }
         packages_.insert(packages.begin(), packages.end());
         if (end.request != 0) {
