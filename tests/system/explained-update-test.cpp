@@ -89,7 +89,7 @@ TEST_F(ExplainedUpdate, NamesTheModuleThatFailedWhateverItsCode)
 
         EXPECT_EQ(result.exitCode, 6);
         expectText(result.err, like("quillonctl: the update failed at the module alpha: " + text +
-                                    "; the update service's log says more\n*"));
+                                    "; the update service's log (*) says more\n*"));
         daemon.kill();
     }
 }

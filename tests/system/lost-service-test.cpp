@@ -44,7 +44,9 @@ TEST_F(LostService, EndsTheWaitOfQuillonctlAndLeavesTheChannelToOthers)
 
         const CtlResult result = waiting.finish();
         EXPECT_EQ(result.exitCode, 9);
-        expectText(result.err, like("*the update service ended while the command*"));
+        expectText(result.err,
+                   like("*the update service ended while the command*; its log: the service's "
+                        "standard error*"));
         expectText(result.err, like("*start it again*"));
 
         ASSERT_NO_FATAL_FAILURE(daemon.startAndWait());

@@ -67,7 +67,7 @@ struct Recorder
 /// The service, and each control layer that may be running.
 std::vector<Recorder> recorders()
 {
-    std::vector<Recorder> all = {{"", "the update service", "the update service's log"}};
+    std::vector<Recorder> all = {{"", "the update service", namedServiceLog()}};
     const std::string log = "the control layer's log (" + logOf("FWUPDATE") + ")";
     const fs::path layers = paths::kLayerRecords;
     const std::string room = layers.parent_path().filename();

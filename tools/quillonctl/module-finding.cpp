@@ -4,6 +4,7 @@
 #include <map>
 
 #include "base/alphanumeric.h"
+#include "tools/quillonctl/next-commands.h"
 
 namespace quillon {
 
@@ -62,7 +63,8 @@ std::string phraseOf(const ModuleFinding& finding)
                                           : "an exception was raised: " + finding.detail;
         default: {
             const auto phrase = kPhrases.find(finding.reason);
-            return phrase != kPhrases.end() ? phrase->second : "the log says why";
+            return phrase != kPhrases.end() ? phrase->second
+                                            : "the log (" + logOf("FWUPDATE") + ") says why";
         }
     }
 }

@@ -66,6 +66,11 @@ std::string serviceLog()
                                      : "the service's standard error";
 }
 
+std::string namedServiceLog()
+{
+    return "the update service's log (" + serviceLog() + ")";
+}
+
 std::string logOf(const char* tag)
 {
     return hasSystemd() ? std::string("journalctl -b -t ") + tag : "standard error";

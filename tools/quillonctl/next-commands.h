@@ -18,6 +18,8 @@ std::string restartMountingHelper();
 
 /// What shows the service's log, or where that is: "the service's standard error".
 std::string serviceLog();
+/// The same for a sentence: "the update service's log (journalctl -b -u quillon)".
+std::string namedServiceLog();
 
 /// What shows the log of programs that write with this tag, or where that is: "standard error".
 std::string logOf(const char* tag);

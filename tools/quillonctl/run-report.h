@@ -7,6 +7,7 @@
 
 #include "tools/quillonctl/exit-codes.h"
 #include "tools/quillonctl/module-answer.h"
+#include "tools/quillonctl/next-commands.h"
 #include "tools/quillonctl/output.h"
 #include "tools/quillonctl/recorded-run.h"
 
@@ -26,7 +27,7 @@ class UpdateReport
 public:
     /// @param output  must outlive this object
     /// @param log     which log says more
-    explicit UpdateReport(Output& output, std::string log = "the update service's log")
+    explicit UpdateReport(Output& output, std::string log = namedServiceLog())
         : output_(output), log_(std::move(log))
     {
     }

@@ -16,6 +16,7 @@
 
 #include "src/support/paths.h"
 #include "tools/quillonctl/follow.h"
+#include "tools/quillonctl/next-commands.h"
 #include "tools/quillonctl/run-report.h"
 #include "tools/shared/outside-text.h"
 #include "tools/shared/signals.h"
@@ -58,7 +59,7 @@ void onInterruptSay(const char* text)
 struct ClientFailure
 {
     ExitCode code;
-    const char* advice;
+    std::string advice;
 };
 
 /// Throws Failure when there is an error.
@@ -69,7 +70,9 @@ void exitOn(const Error& error)
         {ErrorCode::kNoService,
          {kExitNoService, "; start it, or let \"quillonctl doctor\" say why it does not start"}},
         {ErrorCode::kNoReply,
-         {kExitNoReply, "; \"quillonctl doctor\" looks for what may keep it busy"}},
+         {kExitNoReply,
+          "; \"quillonctl doctor\" looks for what may keep it busy; its log: " + serviceLog()}},
+        {ErrorCode::kLost, {kExitSystem, "; its log: " + serviceLog()}},
         {ErrorCode::kBusy,
          {kExitBusy,
           "; try again when it has finished: \"quillonctl progress --follow\" shows a running "
@@ -79,7 +82,7 @@ void exitOn(const Error& error)
     if (error) {
         const auto found = kFailures.find(error.code);
         const ClientFailure failure =
-            found != kFailures.end() ? found->second : ClientFailure{kExitSystem, ""};
+            found != kFailures.end() ? found->second : ClientFailure{kExitSystem, {}};
         throw Failure{failure.code, error.text + failure.advice};
     }
 }
@@ -226,7 +229,8 @@ std::string describeEstimate(const Estimate& estimate, bool isExplained, const s
     }
     return isExplained ? "Nothing to update"
                        : "Nothing to update: no image is newer, or none can be used; the "
-                         "service's log says why";
+                         "service's log (" +
+                             serviceLog() + ") says why";
 }
 
 int secondsSince(Clock::time_point start)

@@ -69,5 +69,6 @@ TEST_F(CtlModulesDownload, TellsWhichPackageDidNotComeAndExitsWith14)
     EXPECT_EQ(document["exitCode"], 14);
     EXPECT_EQ(moduleIn(document, "alpha")["downloaded"], true);
     EXPECT_EQ(moduleIn(document, "beta")["downloaded"], false);
-    expectText(moduleIn(document, "beta")["reason"].asString(), like("*the log says why*"));
+    expectText(moduleIn(document, "beta")["reason"].asString(),
+               like("status *, the log (standard error) says why"));
 }

@@ -132,7 +132,8 @@ TEST_F(CtlRecordedRun, OfAnUpdateThatFailedNamesTheModuleAndTheReason)
                like("*\nhorn  -       -      -        failed: the module's own code is 5\n*"));
     expectText(result.err,
                like("quillonctl: the update failed at the module horn: the module's own "
-                    "code is 5; the update service's log says more\n*"));
+                    "code is 5; the update service's log (the service's standard error) says "
+                    "more\n*"));
 }
 
 TEST_F(CtlRecordedRun, NamesTheModuleThatTheServiceDiedIn)
@@ -189,8 +190,8 @@ TEST_F(CtlRecordedRun, OfTheStartTellsWhyNoImageIsLookedAt)
     expectText(tableOf(began + serving("true")),
                like(told + "the service has loaded no module *\"quillonctl modules list\"*\n"));
     expectText(tableOf(began + loaded + serving("true")),
-               like(told + "*the service's log says why\n"));
-    expectText(tableOf(began + loaded), like(told + "*the service's log says why\n"));
+               like(told + "*the service's log (*) says why\n"));
+    expectText(tableOf(began + loaded), like(told + "*the service's log (*) says why\n"));
 }
 
 TEST_F(CtlRecordedRun, OfSomebodyElseIsNotShown)
@@ -210,7 +211,7 @@ TEST_F(CtlRecordedRun, ThatWasGivenUpTurnsNoResultRound)
     record("estimate", kBegan + decided("horn", R"("result":0,"reason":"up-to-date")"));
     const CtlResult look = runWith({"update", kStick});
     EXPECT_EQ(look.exitCode, 7) << "a refusal may be missing";
-    expectText(look.out, like("*the service's log says why\n"));
+    expectText(look.out, like("*the service's log (*) says why\n"));
 }
 
 TEST_F(CtlRecordedRun, ThatWasGivenUpFailsNoUpdate)

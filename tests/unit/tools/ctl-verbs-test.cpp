@@ -273,7 +273,9 @@ TEST_F(CtlVerbs, UpdateThatFailsExitsWith6)
 
     EXPECT_EQ(result.exitCode, 6);
     EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, "quillonctl: the update failed; the update service's log says why\n");
+    EXPECT_EQ(result.err,
+              "quillonctl: the update failed; the update service's log (the service's standard "
+              "error) says why\n");
 }
 
 TEST_F(CtlVerbs, UpdateWithNothingToUpdateStartsNothingAndExitsWith7)
@@ -285,7 +287,7 @@ TEST_F(CtlVerbs, UpdateWithNothingToUpdateStartsNothingAndExitsWith7)
 
     EXPECT_EQ(result.exitCode, 7);
     expectText(result.out, like("*\nNothing to update: no image is newer, or none can be used; "
-                                "the service's log says why\n*"));
+                                "the service's log (the service's standard error) says why\n*"));
     EXPECT_THAT(service.commands(), Not(testing::Contains(MQ_COMMAND_START)));
 }
 
@@ -516,7 +518,7 @@ TEST_F(CtlVerbs, EstimateThatTakesTooLongExitsWith4)
     EXPECT_EQ(
         result.err,
         "quillonctl: no reply from the update service within 300 ms; \"quillonctl doctor\" looks "
-        "for what may keep it busy\n");
+        "for what may keep it busy; its log: the service's standard error\n");
 }
 
 TEST_F(CtlVerbs, ProgressTellsEachState)

@@ -22,6 +22,7 @@
 #include "tools/quillonctl/modules/module-events.h"
 #include "tools/quillonctl/modules/packages-lock.h"
 #include "tools/quillonctl/modules/update-slot.h"
+#include "tools/quillonctl/next-commands.h"
 #include "tools/shared/standard-files.h"
 
 namespace quillon {
@@ -128,7 +129,9 @@ ModuleDownload resultOfDownload(const std::string& module, std::future<int>& end
     }
     const int status = end.get();
     if (status != 0) {
-        return {module, false, "status " + std::to_string(status) + ", the log says why"};
+        return {module, false,
+                "status " + std::to_string(status) + ", the log (" + logOf("QUILLON-PLATFORM") +
+                    ") says why"};
     }
     return {module, true, ""};
 }
@@ -159,7 +162,7 @@ ModuleUpdate outcomeOf(const FWUpdateSymbol& module, const std::string& before)
     }
     const std::string running = runningVersion(module).value_or("");
     if (!history.run) {
-        return {name, Outcome::kFailed, running, "the log says why"};
+        return {name, Outcome::kFailed, running, phraseOf(ModuleFinding())};
     }
     const ModuleFinding& end = *history.run->end;
     const bool isInstalled = end.result == 0;
