@@ -256,6 +256,27 @@ TEST_F(CtlDoctor, NamesTheStickOfAnUpdateThatIsToBeRepeated)
                             "repeat it: quillonctl check /opt/media/gone/\n*"));
 }
 
+TEST_F(CtlDoctor, FindsAModuleThatWasQuarantinedAfterItEndedAStartOnlyOnce)
+{
+    DoctorsDevice device;
+    const std::string loading = "{\"event\":\"loading\",\"module\":\"tuner\"}\n";
+    writeFile("/usr/fwupdate/quarantine/tuner.so", "a library");
+    const auto foundOnce = [] {
+        const auto findings = findingsOf(runCtl({"--json", "doctor"}));
+        EXPECT_FALSE(findingIn(findings, "module-quarantined").isNull());
+        EXPECT_EQ(findingIn(findings, "module-ended-start"), Json::Value());
+    };
+
+    putRecord("earlier-start", 0, loading);
+    foundOnce();
+    putRecord("start", 0, loading);
+    foundOnce();
+
+    writeFile("/usr/fwupdate/controls/tuner.so", "a library");
+    EXPECT_FALSE(findingIn(findingsOf(runCtl({"--json", "doctor"})), "module-ended-start").isNull())
+        << "somebody has put another one there";
+}
+
 TEST_F(CtlDoctor, TakesNoProcessOfAnotherUserForTheService)
 {
     if (!canRunCtlAs(kStranger)) {

@@ -41,3 +41,6 @@ grep -q 'Status: .*in quarantine: broken' "$device_directory/status" ||
 quillonctl_status doctor >"$device_directory/doctor"
 grep -q 'the module broken is in quarantine' "$device_directory/doctor" ||
     fail "doctor does not name the module: $(cat "$device_directory/doctor")"
+if grep -q 'took the service down' "$device_directory/doctor"; then
+    fail "doctor lists the module twice: $(cat "$device_directory/doctor")"
+fi
