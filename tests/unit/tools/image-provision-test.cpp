@@ -1,11 +1,6 @@
 // Provisioning packages: made, looked into and checked by the program, and with openssl(1) alone.
 
-#include <json/json.h>
-
-#include <sstream>
-
-#include "support/texts.h"
-#include "unit/tools/image-files.h"
+#include "unit/tools/image-program.h"
 
 namespace quillon::test {
 namespace {
@@ -14,41 +9,16 @@ constexpr char kProvision[] =
     "provision --payload item --sign $KEYS/provisioning-key.pem "
     "--certificate $KEYS/provisioning-certificate.pem ";
 
-class ImageProvision : public ImageFiles
+class ImageProvision : public ImageProgram
 {
 protected:
     void SetUp() override
     {
-        ImageFiles::SetUp();
+        ImageProgram::SetUp();
         writeFile(directory + "item", "0123456789abcdef");
         std::filesystem::create_directory(directory + "trusted");
         std::filesystem::copy(keyPath("a", kProvisioningCertificateFile),
                               directory + "trusted/a.pem");
-    }
-
-    int run(const std::string& arguments)
-    {
-        return shell("cd '" + directory + "' && KEYS='" QUILLON_TEST_KEYS "/a' OTHER='" +
-                     QUILLON_TEST_KEYS "/b'; " IMAGE_PROGRAM " " + arguments);
-    }
-
-    void expectRefusal(const std::string& arguments, int code, const std::string& reason)
-    {
-        EXPECT_EQ(run(arguments), code) << arguments;
-        EXPECT_EQ(out, "") << arguments;
-        SCOPED_TRACE(arguments);
-        expectText(err, like("quillon-image: *"));
-        SCOPED_TRACE(arguments);
-        expectText(err, like("*" + std::string(reason) + "*"));
-    }
-
-    Json::Value json() const
-    {
-        Json::Value value;
-        std::istringstream source(out);
-        EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), source, &value, nullptr))
-            << out;
-        return value;
     }
 };
 
