@@ -77,32 +77,37 @@ std::string provideDirectory(const Surroundings& around, const char* path)
            (path == paths::kMountedPackages ? "2770 " : "2775 ") + path;
 }
 
+Findings checkDirectory(const Surroundings& around, const char* path)
+{
+    const auto status = statusOf(path);
+    if (!status && errno == EACCES) {
+        return {notChecked(path)};
+    }
+    const std::string remedy = provideDirectory(around, path);
+    if (!status) {
+        return {warning("directory-unusable",
+                        std::string(path) + " is missing: no package can be used", remedy)};
+    }
+    if (!mayServiceUse(around, *status, R_OK | W_OK | X_OK)) {
+        return {warning("directory-unusable",
+                        nameOfUser(around.servicesUser) + " cannot write to " + path, remedy)};
+    }
+    if (path == paths::kMountedPackages && (status->st_mode & S_IRWXO) != 0) {
+        return {warning("packages-open",
+                        std::string("every user can enter ") + path +
+                            " and keep a package from being updated from",
+                        remedy)};
+    }
+    return {};
+}
+
 }  // namespace
 
 Findings checkDirectories(const Surroundings& around)
 {
     Findings findings;
     for (const char* path : {paths::kPackages, paths::kMountedPackages, paths::kSharedFirmware}) {
-        const std::string remedy = provideDirectory(around, path);
-        const auto status = statusOf(path);
-        if (!status) {
-            if (errno == EACCES) {
-                findings.push_back(notChecked(path));
-            } else {
-                findings.push_back(
-                    warning("directory-unusable",
-                            std::string(path) + " is missing: no package can be used", remedy));
-            }
-        } else if (!mayServiceUse(around, *status, R_OK | W_OK | X_OK)) {
-            findings.push_back(warning("directory-unusable",
-                                       nameOfUser(around.servicesUser) + " cannot write to " + path,
-                                       remedy));
-        } else if (path == paths::kMountedPackages && (status->st_mode & S_IRWXO) != 0) {
-            findings.push_back(warning("packages-open",
-                                       std::string("every user can enter ") + path +
-                                           " and keep a package from being updated from",
-                                       remedy));
-        }
+        append(findings, checkDirectory(around, path));
     }
     return findings;
 }

@@ -7,6 +7,7 @@
 #include <set>
 #include <sstream>
 #include <system_error>
+#include <vector>
 
 #include "helpers/lifecycle/trusted-places.h"
 #include "src/support/paths.h"
@@ -47,6 +48,20 @@ Finding moduleEndedStart(Severity severity, const std::string& module, const cha
             remedyAgainst(module)};
 }
 
+/// @param[out] failure  why the directory cannot be read
+std::vector<fs::path> librariesIn(const char* directory, std::error_code& failure)
+{
+    std::vector<fs::path> libraries;
+    std::error_code end;
+    for (fs::directory_iterator entry(directory, failure);
+         !failure && !end && entry != fs::directory_iterator(); entry.increment(end)) {
+        if (entry->path().extension() == ".so") {
+            libraries.push_back(entry->path());
+        }
+    }
+    return libraries;
+}
+
 /// Whether quillon-unit has moved it away and nobody has put one back: then checkQuarantine() says
 /// all of it.
 bool isInQuarantine(const std::string& module)
@@ -75,7 +90,7 @@ bool hasImages(const std::string& directory)
 Findings checkModules(const Surroundings& around)
 {
     std::error_code failure;
-    fs::directory_iterator entry(paths::kModules, failure);
+    const std::vector<fs::path> modules = librariesIn(paths::kModules, failure);
     if (failure == std::errc::permission_denied && !around.isRoot) {
         return {notChecked(std::string("the modules in ") + paths::kModules)};
     }
@@ -91,13 +106,7 @@ Findings checkModules(const Surroundings& around)
                       std::string("chmod 755 ") + paths::kModules)};
     }
     Findings findings;
-    bool hasModule = false;
-    for (; !failure && entry != fs::directory_iterator(); entry.increment(failure)) {
-        const fs::path path = entry->path();
-        if (path.extension() != ".so") {
-            continue;
-        }
-        hasModule = true;
+    for (const fs::path& path : modules) {
         struct stat status = {};
         if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode) ||
             !mayServiceUse(around, status, R_OK)) {
@@ -107,7 +116,7 @@ Findings checkModules(const Surroundings& around)
                 "chmod 755 " + unit::quoted(path) + ", or remove it"));
         }
     }
-    if (!hasModule) {
+    if (modules.empty()) {
         findings.push_back(warning("modules-none",
                                    std::string("there is no module *.so in ") + paths::kModules +
                                        ": there is nothing to update",
@@ -118,17 +127,13 @@ Findings checkModules(const Surroundings& around)
 
 Findings checkQuarantine(const Surroundings& around)
 {
-    Findings findings;
     std::error_code failure;
-    fs::directory_iterator entry(paths::kQuarantine, failure);
+    const std::vector<fs::path> modules = librariesIn(paths::kQuarantine, failure);
     if (failure == std::errc::permission_denied && !around.isRoot) {
         return {notChecked(std::string("the modules in ") + paths::kQuarantine)};
     }
-    for (; !failure && entry != fs::directory_iterator(); entry.increment(failure)) {
-        const fs::path path = entry->path();
-        if (path.extension() != ".so") {
-            continue;
-        }
+    Findings findings;
+    for (const fs::path& path : modules) {
         const bool isReplaced = fs::exists(paths::kModules + path.filename().string(), failure);
         findings.push_back(
             warning("module-quarantined",
@@ -226,15 +231,13 @@ Findings checkMarks(const Surroundings& around)
 
 Findings checkPackages(const Surroundings& around)
 {
-    constexpr int kFieldOfPlace = 5;
     std::set<std::string> mounted;
-    std::ifstream mounts("/proc/self/mountinfo");
+    std::ifstream mounts(paths::kMountTable);
     for (std::string line; std::getline(mounts, line);) {
         std::istringstream words(line);
+        std::string device;
         std::string place;
-        for (int i = 0; i < kFieldOfPlace; ++i) {
-            words >> place;
-        }
+        words >> device >> place;
         if (place.rfind(paths::kMountedPackages, 0) == 0) {
             mounted.insert(place);
         }
