@@ -58,8 +58,9 @@ private:
     std::unordered_map<std::string, std::size_t> places_;  ///< of modules, in the run's
 };
 
-/// @return the JSON object in a line. Throws std::exception for anything else.
-Json::Value parsedLine(const std::string& line);
+/// @return the JSON object in a line; null for anything else. Throws std::exception for an object
+///         that is nested too deeply.
+Json::Value objectIn(const std::string& line);
 
 /// Whether the service that has recorded the run, since the last start of the device, is no more.
 bool hasServiceEnded(const RecordedRun& run);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <json/json.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -56,6 +57,17 @@ std::string finished(const std::string& name, const std::string& members = "\"re
 std::string updated(const std::string& name)
 {
     return started(name) + finished(name);
+}
+
+/// How long the processor has worked for programs that have ended.
+double secondsOfChildren()
+{
+    rusage usage = {};
+    getrusage(RUSAGE_CHILDREN, &usage);
+    const auto seconds = [](const timeval& time) {
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+    };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
 class CtlHistory : public testing::Test
@@ -334,6 +346,24 @@ TEST_F(CtlHistory, ThatIsSomethingElseIsAnErrorWithTheRemedy)
     writeFile(kFile, "");
     fs::resize_file(kFile, 5U << 20U);
     expectText(runCtl({"history"}).err, like("*: it is too large; remove it, *\n"));
+}
+
+TEST_F(CtlHistory, TakesNoLongerForMillionsOfLinesThatAreNone)
+{
+    const std::string update = began() + updated("lamp") + kEnded;
+    const auto secondsFor = [&](const std::string& others) {
+        std::string lines = update;
+        while (lines.size() + others.size() <= (4U << 20U)) {
+            lines += others;
+        }
+        const double before = secondsOfChildren();
+        expectText(tableOf(lines), like("WHEN*\n*lamp*updated\n"));
+        return secondsOfChildren() - before;
+    };
+    const double usual = secondsFor(updated("lamp"));
+
+    EXPECT_LT(secondsFor("\n"), 20 * usual);
+    EXPECT_LT(secondsFor("{\n"), 20 * usual);
 }
 
 TEST_F(CtlHistory, TellsWhoMayReadIt)
