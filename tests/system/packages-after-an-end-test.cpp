@@ -121,6 +121,31 @@ TEST_F(PackagesAfterAnEnd, OfACheckThatTheHelperDoesNotAnswerAreBlamedOnIt)
     expectTexts(mountedPackages(), {});
 }
 
+TEST_F(PackagesAfterAnEnd, OfACheckWhoseHelperStopsToAnswerAreSaidToStayMounted)
+{
+    addModule("alpha", "wait-in-checkVersion", GUIDED_MODULE);
+    addModule("beta", "wait-in-checkVersion", GUIDED_MODULE);
+    BackgroundLayer layer({"modules", "check", "--timeout", "5"});
+    ASSERT_TRUE(eventually(
+        [] { return wasAsked("alpha", "checkVersion(") || wasAsked("beta", "checkVersion("); }));
+    helper.send(SIGSTOP);
+    const std::vector<std::string> mounted = mountedPackages();
+    writeFile("/tmp/quillon-test-go", "");
+
+    EXPECT_EQ(layer.wait(), 9) << layer.output();
+    helper.send(SIGCONT);
+
+    const std::string first = wasAsked("alpha", "checkVersion(") ? "alpha" : "beta";
+    const std::string output = layer.output();
+    expectText(output, like("*the mounting helper does not answer; *"));
+    expectText(output, like("*warning: the package " + first + "emp stays mounted; *"));
+    expectNoText(output, like("*no answer from*"));  // it would be asked for each package
+    EXPECT_FALSE(wasAsked("alpha", "checkVersion(") && wasAsked("beta", "checkVersion("));
+    EXPECT_EQ(mounted.size(), 1U);
+    EXPECT_EQ(runModules({"check"}).err, "");
+    expectTexts(mountedPackages(), {});
+}
+
 TEST_F(PackagesAfterAnEnd, OfACheckWithoutItsHelperAreSaidToStayMounted)
 {
     addModule("alpha", "wait-in-checkVersion", GUIDED_MODULE);
