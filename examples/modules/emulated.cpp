@@ -6,9 +6,12 @@
 //       "identifier": "NAMEemp",
 //       "version": "1.0",          before the first update
 //       "claims": "9.9",           told instead of the version that runs: the module lies
-//       "speed": 1048576,          bytes in a second; 0: as fast as the disk takes them
+//       "need": 0,                 told of every version that is offered; -1: the check fails
+//       (EINVAL) "speed": 1048576,          bytes in a second; 0: as fast as the disk takes them
+//       "seconds": 2.5,            instead of a speed: for the update, whatever its bytes
 //       "expectedTime": 5,         seconds
 //       "failAtByte": 1000,        the update fails there (EIO), and the old version goes on
+//       "result": 5,               the update fails so after its last byte (EIO)
 //       "hangAtByte": 1000,        the update never returns
 //       "crashAtByte": 1000        the process of the module ends
 //     }
@@ -122,7 +125,9 @@ bool writeFile(const fs::path& path, const std::string& text)
 bool passBytes(std::size_t length)
 {
     const Json::Value set = settings();
-    const double speed = set.get("speed", 1048576).asDouble();
+    const double speed = set.isMember("seconds")
+                             ? static_cast<double>(length) / set["seconds"].asDouble()
+                             : set.get("speed", 1048576).asDouble();
     const Clock::time_point start = Clock::now();
     const auto isReached = [&](const char* fault, std::size_t done) {
         return set.isMember(fault) && done >= set[fault].asUInt64();
@@ -167,6 +172,10 @@ int install(const std::string& payload)
     if (!passBytes(payload.size())) {
         return -1;
     }
+    if (const int result = settings().get("result", 0).asInt(); result != 0) {
+        errno = EIO;
+        return result;
+    }
     fs::create_directories(stateDirectory());
     // The version last, so that after a power cut in between the update is asked for again.
     if (!writeFile(stateDirectory() / "firmware.bin", payload) ||
@@ -210,7 +219,11 @@ int checkVersion(const char* version, int* need)
         if (text.empty() || text.size() >= FW_PLUGIN_TEXT_SIZE || !isText) {
             return failWith(EINVAL);
         }
-        *need = text != runningVersion() ? 1 : 0;
+        const int answer = settings().get("need", text != runningVersion() ? 1 : 0).asInt();
+        if (answer < 0) {
+            return failWith(EINVAL);
+        }
+        *need = answer;
         const std::lock_guard<std::mutex> lock(guard);
         offered = text;
         return 0;

@@ -113,6 +113,27 @@ TEST_F(Emulated, FailsAtItsByteAndKeepsTheVersion)
     EXPECT_EQ(flash("firmware"), 0) << "it has fewer bytes";
 }
 
+TEST_F(Emulated, FailsAfterItsLastByteWithItsResult)
+{
+    behave(R"({"result": 7, "speed": 0})");
+    ASSERT_TRUE(needs("2.0"));
+    EXPECT_EQ(flash("firmware"), 7);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(version(), "1.0");
+}
+
+TEST_F(Emulated, NeedsWhatItsSettingsSay)
+{
+    behave(R"({"need": 0})");
+    EXPECT_FALSE(needs("2.0"));
+
+    behave(R"({"need": -1})");
+    int need = 5;
+    EXPECT_EQ(entry<decltype(checkVersion)>("checkVersion")("2.0", &need), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(need, 5);
+}
+
 TEST_F(Emulated, CrashesAtItsByte)
 {
     behave(R"({"crashAtByte": 0})");
@@ -152,6 +173,17 @@ TEST_F(Emulated, KeepsToItsSpeed)
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(flash(std::string(3000, 'x')), 0);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
+}
+
+TEST_F(Emulated, TakesItsSecondsWhateverItsBytes)
+{
+    for (const std::size_t bytes : {1U, 9000U}) {
+        behave(R"({"seconds": 0.3, "speed": 0})");
+        ASSERT_TRUE(needs("2." + std::to_string(bytes)));
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(flash(std::string(bytes, 'x')), 0);
+        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
+    }
 }
 
 TEST_F(Emulated, FailsWithSettingsThatCannotBeRead)
