@@ -169,6 +169,15 @@ TEST_F(DevKit, AProjectOfAnotherNamePassesItsOwnTestAndKeepsEveryClause)
     expectText(output, like("*: 46 kept, 0 broken, 0 not offered, 1 not checked\n"));
 }
 
+TEST_F(DevKit, HasTheEmulatedModuleWhereTheInstalledToolLooks)
+{
+    fs::create_directories(prefix + "/bin");
+    fs::copy_file(BUILD_DIRECTORY "/bin/quillon-module", prefix + "/bin/quillon-module");
+    writeFile(directory + "run.jsonl", R"({"event":"modules","modules":[{"name":"pump"}]})");
+    EXPECT_EQ(shell(prefix + "/bin/quillon-module emulate run.jsonl replay"), 0) << output;
+    EXPECT_TRUE(fs::exists(directory + "replay/pump.so"));
+}
+
 TEST_F(DevKit, ItsTemplateExportsTheNineEntriesAndNothingElse)
 {
     ASSERT_EQ(buildTemplate(), 0) << output;

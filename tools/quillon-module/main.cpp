@@ -6,6 +6,7 @@
 
 #include "tools/quillon-module/check.h"
 #include "tools/quillon-module/clause-process.h"
+#include "tools/quillon-module/emulate.h"
 #include "tools/quillon-module/new-project.h"
 #include "tools/shared/standard-files.h"
 #include "tools/shared/usage-mistake.h"
@@ -21,7 +22,7 @@ constexpr int kLastLevel = 5;
 
 constexpr const char* kFooter =
     "Exit codes: 0 done, no clause is broken; 2 wrong command line or name; 3 a file\n"
-    "cannot be read or written; 4 a clause is broken";
+    "cannot be read or written, or is no record; 4 a clause is broken";
 
 constexpr const char* kCheckFooter =
     "Each clause is judged in a process of its own. With --image the firmware is installed\n"
@@ -30,6 +31,28 @@ constexpr const char* kCheckFooter =
     "\n"
     "Levels: 1 what the service needs, 2 how an update is found, 3 an update, 4 what harms\n"
     "the service or another module one day, 5 what a maker should want.";
+
+constexpr const char* kEmulateFooter =
+    "Record a run where the modules are, replay it with the same stick where they are not:\n"
+    "    quillonctl --json modules list >run.jsonl\n"
+    "    quillonctl --json update DIR >>run.jsonl\n"
+    "    quillon-module emulate run.jsonl replay\n"
+    "The output of quillonctl --json history is a record as well. What a record does not tell\n"
+    "is left at a default, which is named.";
+
+CLI::App* addEmulate(CLI::App& app, EmulateRequest& request)
+{
+    CLI::App* verb = app.add_subcommand("emulate", "Make modules that behave as in a recorded run");
+    verb->footer(kEmulateFooter);
+    verb->add_option("RECORD", request.record, "What quillonctl --json has written")
+        ->required()
+        ->option_text(" ");
+    verb->add_option("DIRECTORY", request.directory, "Where the modules are put; must not exist")
+        ->required()
+        ->option_text(" ");
+    verb->add_flag("--json", request.json, "Write one JSON document");
+    return verb;
+}
 
 void addCheck(CLI::App& app, CheckRequest& request, bool& lists)
 {
@@ -59,6 +82,7 @@ void addCheck(CLI::App& app, CheckRequest& request, bool& lists)
 int run(int argc, char** argv)
 {
     CheckRequest request;
+    EmulateRequest replayed;
     bool lists = false;
     std::string name;
     CLI::App app("Makes firmware modules, and checks them.", kProgram);
@@ -69,6 +93,7 @@ int run(int argc, char** argv)
     CLI::App* make = app.add_subcommand("new", "Make a module project in the directory NAME");
     make->add_option("NAME", name, "The module's name")->required()->option_text(" ");
     addCheck(app, request, lists);
+    const CLI::App* replay = addEmulate(app, replayed);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -81,6 +106,10 @@ int run(int argc, char** argv)
         makeProject(name);
         std::cout << "made " << name << ": build it with\n    cd " << name
                   << " && cmake -B build && cmake --build build && ctest --test-dir build\n";
+        return kExitSuccess;
+    }
+    if (replay->parsed()) {
+        emulate(replayed);
         return kExitSuccess;
     }
     return lists ? listClauses(request) : check(request);
