@@ -59,13 +59,19 @@ constexpr const char* kHelp =
     "\n"
     "Exit status: 0 success, 1 failure, 2 wrong usage.\n";
 
-/// A file of root's or the user's under this name only: what a link to a file of theirs leads to is
-/// no such file.
-bool isMadeBy(const char* path, uid_t user)
+/// A file of the user's under this name only: what a link to a file of theirs leads to is no such
+/// file.
+bool isOwn(const char* path, uid_t user)
 {
     struct stat status = {};
     return lstat(path, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1 &&
-           (status.st_uid == 0 || status.st_uid == user);
+           status.st_uid == user;
+}
+
+/// The same, or one of root's.
+bool isMadeBy(const char* path, uid_t user)
+{
+    return isOwn(path, 0) || isOwn(path, user);
 }
 
 /// Nobody else can raise the event then, and it is not raised.
@@ -88,8 +94,8 @@ void prepareForOthers(const passwd& user)
     attempt([&] { provideSemaphore(user.pw_uid, user.pw_gid); });
     attempt([&] { provideClientLock(ClientLock::defaultPath()); });
     attempt([&] {
-        if (!isMadeBy(paths::kUpdateList, user.pw_uid)) {
-            clear(paths::kUpdateList);
+        if (!isOwn(paths::kUpdateList, user.pw_uid)) {
+            clear(paths::kUpdateList);  // also root's, which the user could not replace
         }
     });
     attempt([&] {

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -40,15 +43,25 @@ protected:
     }
 
     /// Puts it where a download would.
-    static void addPackage(const std::string& name)
+    static void addPackage(const std::string& name, int expectedSeconds = 30)
     {
         const std::string payload = "/var/lib/quillon/privileged-test/" + name + ".payload";
         writeFile(payload, name);
         run(std::string(QUILLON_IMAGE_PROGRAM) + " package --name " + name +
-            "emp --version 2.0 --payload " + payload +
-            " --expected-time 30 --type squashfs "
+            "emp --version 2.0 --payload " + payload + " --expected-time " +
+            std::to_string(expectedSeconds) +
+            " --type squashfs "
             "--output " +
             imageOf(name + "emp"));
+    }
+
+    /// Has packages mounted for members of a group.
+    void letIn(gid_t group)
+    {
+        ASSERT_EQ(helper.end(), 0);
+        helper.startAndWait({"--group", std::to_string(group)});
+        ASSERT_EQ(::chown(kMountDirectory, 0, group), 0);
+        ASSERT_EQ(::chmod(kMountDirectory, 02770), 0);
     }
 
     static std::vector<std::string> mountedPackages() { return mounts(kMountDirectory); }

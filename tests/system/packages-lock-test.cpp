@@ -131,10 +131,7 @@ TEST_F(PackagesLockOfModules, IsForWhoCanHavePackagesMountedAndNotOpenTheSemapho
     if (asUser(kUser, {kGroup}, [] { return 0; }) != 0 || !openWayTo(QUILLONCTL_PROGRAM)) {
         GTEST_SKIP() << "here no other user can start the program";
     }
-    ASSERT_EQ(helper.end(), 0);
-    helper.startAndWait({"--group", std::to_string(kGroup)});
-    ASSERT_EQ(::chown(kMountDirectory, 0, kGroup), 0);
-    ASSERT_EQ(::chmod(kMountDirectory, 02770), 0);
+    ASSERT_NO_FATAL_FAILURE(letIn(kGroup));
     set("alpha", "wait-in-doUpdate");
     BackgroundLayer update(kUpdateAlpha);
     ASSERT_TRUE(isAsked("doUpdate"));

@@ -279,10 +279,10 @@ Findings checkQueues(const Surroundings& around)
     return findings;
 }
 
-Findings checkUpdateList(const Surroundings& /*around*/)
+Findings checkUpdateList(const Surroundings& around)
 {
     const auto status = statusOf(paths::kUpdateList);
-    if (!status || (isPlain(*status) && !isStrangers(*status))) {
+    if (!status || (isPlain(*status) && status->st_uid == around.servicesUser)) {
         return {};
     }
     return {

@@ -1,5 +1,9 @@
 #include "tools/quillonctl/modules/module-check.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
@@ -8,6 +12,7 @@
 #include <sstream>
 #include <utility>
 
+#include "base/fd.h"
 #include "base/regular-file.h"
 #include "src/src/fw-update-mount-manager.h"
 #include "src/support/paths.h"
@@ -15,6 +20,7 @@
 #include "tools/quillonctl/modules/module-events.h"
 #include "tools/quillonctl/modules/update-slot.h"
 #include "tools/quillonctl/next-commands.h"
+#include "tools/shared/services-user.h"
 
 namespace quillon {
 
@@ -50,6 +56,36 @@ bool isListWhole(int count)
         }
     }
     return found == count;
+}
+
+/// In /tmp only its owner and root can replace a file, and the system may refuse even root to write
+/// to it.
+void makeRoomForList()
+{
+    struct stat status = {};
+    if (lstat(paths::kUpdateList, &status) == 0 && S_ISREG(status.st_mode) &&
+        status.st_uid != geteuid()) {
+        static_cast<void>(unlink(paths::kUpdateList));
+    }
+}
+
+/// Gives the list to the service's user, who could not replace it otherwise. Other users take
+/// theirs away.
+void handListOver()
+{
+    const uid_t user = servicesUser();
+    const UniqueFd file(
+        open(paths::kUpdateList, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat status = {};
+    if (geteuid() == user || !file || fstat(file.get(), &status) != 0 ||
+        status.st_uid != geteuid() || status.st_nlink != 1) {
+        return;
+    }
+    if (geteuid() == 0) {
+        static_cast<void>(fchown(file.get(), user, status.st_gid) == 0);
+    } else {
+        static_cast<void>(unlink(paths::kUpdateList));
+    }
 }
 
 std::vector<ModuleCheck> checkOneByOne(const ModuleSource& source)
@@ -194,6 +230,7 @@ std::vector<ModuleCheck> checkModules(const ModuleSource& source)
     if (source.type != UPDATE_EMP) {
         return checkOneByOne(source);
     }
+    makeRoomForList();
     int listed = -1;
     const std::string raised = raisedBy([&] {
         listed = FWUpdateSymbolManager::getInstance()->writeFirmwareUpdateList(runningFlag());
@@ -209,11 +246,12 @@ std::vector<ModuleCheck> checkModules(const ModuleSource& source)
         throw Failure{kExitSystem,
                       std::string("the update list's path leads elsewhere: ") + paths::kUpdateList};
     }
-    if (!isListWhole(listed)) {
+    if (!isListWhole(listed) && troubleOfList().empty()) {
         throw Failure{kExitSystem, std::string("the update list cannot be written whole, make room "
                                                "for it or see what is in its place: ") +
                                        paths::kUpdateList};
     }
+    handListOver();
     std::vector<ModuleCheck> checks;
     for (FWUpdateSymbol& module : allModules()) {
         checks.push_back(describeCheck(module, source));
@@ -243,6 +281,18 @@ std::vector<ModuleCheck> checkModulesApart(ModuleChild& child, const ModuleSourc
         child.markBroken(checks.back());
     }
     return checks;
+}
+
+std::string troubleOfList()
+{
+    struct stat status = {};
+    if (geteuid() == 0 || lstat(paths::kUpdateList, &status) != 0 || !S_ISREG(status.st_mode) ||
+        status.st_uid == geteuid()) {
+        return {};
+    }
+    return std::string("the update list ") + paths::kUpdateList + " belongs to " +
+           nameOfUser(status.st_uid) +
+           " and tells what that user has found: that user or root can remove it";
 }
 
 bool isNoneUsable(const std::vector<ModuleCheck>& checks)

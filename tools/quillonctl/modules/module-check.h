@@ -75,4 +75,8 @@ void releasePackages(const std::set<std::string>& identifiers);
 /// Also true when that cannot be told: descriptors may be used up.
 bool isPackageMounted(const std::string& identifier);
 
+/// Why the update list is not that of the latest check: another user has made it.
+/// @return empty when it is
+std::string troubleOfList();
+
 }  // namespace quillon

@@ -342,6 +342,10 @@ ExitCode ModuleVerbs::check(const ModuleSource& source)
     }
     takeOverTheEnd();
     release(child);
+    if (const std::string trouble = troubleOfList();
+        source.type == UPDATE_EMP && !trouble.empty()) {
+        report_.warning(trouble);
+    }
     report_.checked(source, checks);
     if (isNoneUsable(checks)) {
         return kExitUnusableModule;
@@ -461,6 +465,9 @@ std::vector<ModuleUpdate> ModuleVerbs::runMarked()
         look.endWith(0);
         return found;
     }();
+    if (const std::string trouble = troubleOfList(); !trouble.empty()) {
+        warnings_.push_back(trouble);
+    }
     std::vector<FWUpdateSymbol>& modules = manager().modules();
     std::vector<const FWUpdateSymbol*> marked;
     for (const FWUpdateSymbol& module : modules) {
