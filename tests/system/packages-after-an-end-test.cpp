@@ -146,6 +146,24 @@ TEST_F(PackagesAfterAnEnd, OfACheckWhoseHelperStopsToAnswerAreSaidToStayMounted)
     expectTexts(mountedPackages(), {});
 }
 
+TEST_F(PackagesAfterAnEnd, OfAnUpdateThatTheHelperDoesNotAnswerAreBlamedOnIt)
+{
+    addModule("alpha", "wait-in-checkVersion", GUIDED_MODULE);
+    addPackage("alpha", 1);
+    BackgroundLayer layer({"modules", "update", "alpha"});
+    ASSERT_TRUE(eventually([] { return wasAsked("alpha", "checkVersion("); }));
+    helper.send(SIGSTOP);
+    writeFile("/tmp/quillon-test-go", "");
+
+    EXPECT_EQ(layer.wait(), 13) << layer.output();
+    helper.send(SIGCONT);
+
+    expectText(layer.output(),
+               like("*alpha *timed out: nothing was flashed: the mounting helper does not answer*"
+                    "quillonctl: \"quillonctl doctor\" looks at it*"));
+    EXPECT_FALSE(wasAsked("alpha", "doUpdate("));
+}
+
 TEST_F(PackagesAfterAnEnd, OfACheckWithoutItsHelperAreSaidToStayMounted)
 {
     addModule("alpha", "wait-in-checkVersion", GUIDED_MODULE);

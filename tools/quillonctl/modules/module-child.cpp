@@ -67,6 +67,7 @@ using SharedMemory = std::unique_ptr<Shared, Unmap>;
 
 Shared* g_shared = nullptr;  // in a child
 nanoseconds g_checkTime;     // the same
+std::atomic<int> g_mounting{0};
 
 SharedMemory makeShared()
 {
@@ -160,8 +161,16 @@ void noteStep(const std::string& libName, ModuleStep step, const ModuleTimes& ti
 class Mounting
 {
 public:
-    Mounting() { note(true); }
-    ~Mounting() { note(false); }
+    Mounting()
+    {
+        note(true);
+        ++g_mounting;
+    }
+    ~Mounting()
+    {
+        --g_mounting;
+        note(false);
+    }
     Mounting(const Mounting&) = delete;
     Mounting& operator=(const Mounting&) = delete;
 
@@ -343,6 +352,17 @@ __attribute__((used)) int __wrap_PS_Umount(const char* directory, int length, in
 }
 }
 
+bool isMounting()
+{
+    return g_mounting > 0;
+}
+
+std::string remedyForMountingHelper()
+{
+    return "\"quillonctl doctor\" looks at it, and root starts it anew with \"" +
+           restartMountingHelper() + "\"";
+}
+
 ModuleChild::Rows ModuleChild::run(std::size_t columns, const std::function<Rows()>& work)
 {
     RequestsHeld requests;
@@ -366,9 +386,7 @@ ModuleChild::Rows ModuleChild::run(std::size_t columns, const std::function<Rows
             packages_.clear();  // to unmount them would be to wait for the same helper again
             isHelperLost_ = true;
             throw Failure{kExitSystem,
-                          "the mounting helper does not answer; \"quillonctl doctor\" looks at it, "
-                          "and root starts it anew with \"" +
-                              restartMountingHelper() + "\""};
+                          "the mounting helper does not answer; " + remedyForMountingHelper()};
         }
         packages_.insert(packages.begin(), packages.end());
         if (end.request != 0) {

@@ -75,4 +75,10 @@ private:
     bool isHelperLost_ = false;
 };
 
+/// Whether this process waits for who mounts packages. Thread: any.
+bool isMounting();
+
+/// What to do about a helper that does not answer.
+std::string remedyForMountingHelper();
+
 }  // namespace quillon

@@ -90,6 +90,9 @@ void ModuleEvents::note(const ModuleNews& news)
                 ModuleRun{std::chrono::steady_clock::now(), std::nullopt, module.isUpdating()};
             break;
         case ModuleEvent::kFlashing:
+            if (module.run) {
+                module.run->isFlashing = true;
+            }
             break;
         case ModuleEvent::kEnded:
             if (!module.run) {

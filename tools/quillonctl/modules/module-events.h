@@ -24,6 +24,7 @@ struct ModuleRun
     std::chrono::steady_clock::time_point began;
     std::optional<ModuleFinding> end;  ///< nothing while it is running
     bool isLate = false;               ///< it was still running when its time was over
+    bool isFlashing = false;           ///< its plug-in has been asked to install
 };
 
 /// What is known of a module.

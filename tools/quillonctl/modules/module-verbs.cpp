@@ -156,6 +156,11 @@ ModuleUpdate outcomeOf(const FWUpdateSymbol& module, const std::string& before)
 {
     const std::string name = module.getLibName();
     const ModuleHistory history = ModuleEvents::instance().of(name);
+    if (history.isUpdating() && !history.run->isFlashing && isMounting()) {
+        return {name, Outcome::kTimedOut, "",
+                "nothing was flashed: the mounting helper does not answer",
+                remedyForMountingHelper()};
+    }
     if (history.isUpdating()) {
         // Its plug-in is busy: nothing is asked.
         return {name, Outcome::kTimedOut, "", phraseOfLate({})};
