@@ -1,5 +1,7 @@
 // Output that does not arrive, and texts from outside that are too long or steer the terminal.
 
+#include <signal.h>
+
 #include <filesystem>
 
 #include "support/files.h"
@@ -58,6 +60,28 @@ TEST_F(OutputOfTheControlLayer, IsNotWrittenIntoAnotherFileWhenItWasClosed)
 
     EXPECT_EQ(semaphoreValue(), 1);
     EXPECT_EQ(runModules({"update", "alpha", "--source", "system"}).exitCode, 0);
+}
+
+TEST_F(OutputOfTheControlLayer, ThatNobodyReadsIsGivenUpAfterOneRequest)
+{
+    install("alpha", "need=1\n");
+    offer("alpha");
+    for (const std::vector<std::string>& verb : {std::vector<std::string>{"list"},
+                                                 {"check", "--source", "system"},
+                                                 {"version", "alpha"}}) {
+        std::vector<std::string> command = {"modules"};
+        command.insert(command.end(), verb.begin(), verb.end());
+        const UnreadLayer unread(command);
+        const std::string children = "/proc/" + std::to_string(unread.process()) + "/task/" +
+                                     std::to_string(unread.process()) + "/children";
+        ASSERT_TRUE(eventually(
+            [&] { return wasAsked("alpha", "getActiveVersion(") && readAll(children).empty(); }));
+
+        ::kill(unread.process(), SIGTERM);
+
+        EXPECT_TRUE(eventually([&] { return !unread.isAlive(); })) << verb.front();
+        std::filesystem::remove("/tmp/quillon-test-alpha.log");
+    }
 }
 
 TEST_F(OutputOfTheControlLayer, ShowsTheLongestTimeAsItIs)

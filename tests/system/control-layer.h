@@ -53,6 +53,7 @@ public:
     UnreadLayer(const UnreadLayer&) = delete;
     UnreadLayer& operator=(const UnreadLayer&) = delete;
 
+    pid_t process() const { return pid_; }
     bool isAlive() const;
 
 private:

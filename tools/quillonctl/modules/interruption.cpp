@@ -32,6 +32,7 @@ enum class State {
 };
 
 constexpr std::chrono::milliseconds kMainThreadsTime(500);
+constexpr std::chrono::seconds kOutputsTime(5);
 constexpr std::chrono::milliseconds kPoll(10);
 
 constexpr const char* kHeld =
@@ -114,7 +115,9 @@ void endWhenTheMainThreadDoesNot(const std::function<void()>& abandon)
         }
         const State state = g_state.load();
         if (state == State::kOwnEnd) {
-            endIsOurs(kExitInterrupted);  // whoever reads its output may not go on
+            endIsOurs(kExitInterrupted);
+            std::this_thread::sleep_for(kOutputsTime);  // whoever reads it may not go on
+            endIfOurs();
         } else if (state == State::kUpdating) {
             g_hasWoken = false;
         }
