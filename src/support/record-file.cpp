@@ -42,6 +42,9 @@ UniqueFd openForLines(const std::string& path, int flags, struct stat& opened)
     if (file && (fstat(file.get(), &opened) != 0 || !S_ISREG(opened.st_mode))) {
         file.reset();
     }
+    if (file && (flags & O_CREAT) != 0 && opened.st_size == 0) {
+        static_cast<void>(fchmod(file.get(), kMode));  // whatever the umask
+    }
     return file;
 }
 

@@ -1,6 +1,7 @@
 // What is known afterwards of an update by a control layer.
 
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 
@@ -107,6 +108,41 @@ TEST_F(LayerHistory, DoesNotHoldWhatAStrangerUpdates)
     static_cast<void>(runCtl(updateOf("alpha"), kStranger));
 
     EXPECT_FALSE(fs::exists(std::string(kHistories) + "modules"));
+}
+
+TEST_F(LayerHistory, PassesOverWhatNoControlLayerLeaves)
+{
+    install("alpha", "need=1\n");
+    offer("alpha", 60);
+    ASSERT_EQ(runCtl(updateOf("alpha")).exitCode, 0);
+    const std::string before = history();
+    const std::string modules = kHistories + std::string("modules/");
+    const std::string began =
+        R"({"at":9000000000,"clock":1,"directory":"x","event":"began","service":1})"
+        "\n";
+    for (const char* name : {"8000000001-1", "8000000002-2"}) {
+        fs::create_directories(modules + name);
+    }
+    ASSERT_EQ(::mkfifo((modules + "8000000001-1/history.jsonl").c_str(), 0666), 0);
+    writeFile(modules + "8000000002-2/history.jsonl", began + std::string(3U << 20U, '\n'));
+
+    EXPECT_EQ(history(), before);
+    writeFile(modules + "8000000002-2/history.jsonl", began);
+    EXPECT_NE(history(), before);
+}
+
+TEST_F(LayerHistory, IsForTheGroupWhateverTheMaskOfWhoUpdates)
+{
+    install("alpha", "need=1\n");
+    offer("alpha", 60);
+    const mode_t before = ::umask(077);
+    ASSERT_EQ(runCtl(updateOf("alpha")).exitCode, 0);
+    ::umask(before);
+
+    for (const auto& entry : fs::recursive_directory_iterator(kHistories)) {
+        const fs::perms needed = fs::perms::group_read;
+        EXPECT_EQ(entry.status().permissions() & needed, needed) << entry.path();
+    }
 }
 
 TEST_F(LayerHistory, ThatCannotBeWrittenFailsNoUpdate)

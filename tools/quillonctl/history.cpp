@@ -6,12 +6,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <iterator>
 #include <limits>
 #include <map>
+#include <set>
 #include <sstream>
 #include <utility>
 
@@ -75,14 +77,14 @@ std::optional<std::int64_t> momentAgo(const std::string& text, std::int64_t now)
 }
 
 /// @return empty where there is no such file
-std::string readGeneration(const std::string& path)
+std::string readGeneration(const std::string& path, std::size_t limit)
 {
     UniqueFd file;
     struct stat opened = {};
     SecretBytes bytes;
     FileResult result = openRegularFile(path.c_str(), O_NOFOLLOW, file, opened);
     if (result == FileResult::kOk) {
-        result = readToEnd(file.get(), kLargestHistory, bytes);
+        result = readToEnd(file.get(), limit, bytes);
     }
     switch (result) {
         case FileResult::kOk:
@@ -151,13 +153,19 @@ struct KeptRuns
 {
     std::vector<KeptRun> runs;
     std::vector<KeptRun> refused;  ///< those without an end, which were not written whole, left out
+    std::size_t bytes = 0;
 
-    explicit KeptRuns(const std::string& directory)
+    /// @param largest  of a file
+    KeptRuns(const std::string& directory, std::size_t largest)
     {
-        for (const char* name : {kEarlierHistory, kHistory}) {
-            takeGeneration(readGeneration(directory + name), runs);
-        }
-        takeGeneration(readGeneration(directory + kRefusedRuns), refused);
+        const auto take = [&](const char* name, std::vector<KeptRun>& into) {
+            const std::string text = readGeneration(directory + name, largest);
+            bytes += text.size();
+            takeGeneration(text, into);
+        };
+        take(kEarlierHistory, runs);
+        take(kHistory, runs);
+        take(kRefusedRuns, refused);
         refused.erase(std::remove_if(refused.begin(), refused.end(),
                                      [](const KeptRun& one) { return !one.lines.run.result; }),
                       refused.end());
@@ -168,22 +176,39 @@ struct KeptRuns
     }
 };
 
-/// Adds what control layers have kept. Throws Failure.
-void addLayers(std::vector<KeptRun>& all)
+/// The directories that control layers have left, the newest last, and no more than they keep.
+std::set<std::pair<std::int64_t, std::string>> layerHistories()
 {
+    std::set<std::pair<std::int64_t, std::string>> histories;
     std::error_code error;
     for (std::filesystem::directory_iterator entry(paths::kLayerHistory, error), end;
          !error && entry != end; entry.increment(error)) {
-        std::error_code unknown;
-        if (!entry->is_directory(unknown)) {
-            continue;
+        const std::string name = entry->path().filename();
+        histories.emplace(std::strtoll(name.c_str(), nullptr, 10), name);
+        if (histories.size() > kMostLayerHistories) {
+            histories.erase(histories.begin());
         }
-        KeptRuns kept(entry->path().string() + "/");
-        for (std::vector<KeptRun>* runs : {&kept.runs, &kept.refused}) {
-            for (KeptRun& run : *runs) {
-                run.isOfLayer = true;
-                all.push_back(std::move(run));
+    }
+    return histories;
+}
+
+/// Adds what control layers have kept, but for what none of them would keep.
+void addLayers(std::vector<KeptRun>& all)
+{
+    std::size_t room = kMostLayerBytes;
+    const auto histories = layerHistories();
+    for (auto history = histories.rbegin(); history != histories.rend(); ++history) {
+        try {
+            KeptRuns kept(paths::kLayerHistory + history->second + "/", room);
+            room -= std::min(room, kept.bytes);
+            for (std::vector<KeptRun>* runs : {&kept.runs, &kept.refused}) {
+                for (KeptRun& run : *runs) {
+                    run.isOfLayer = true;
+                    all.push_back(std::move(run));
+                }
             }
+        } catch (const Failure&) {
+            continue;
         }
     }
 }
@@ -192,7 +217,8 @@ void addLayers(std::vector<KeptRun>& all)
 std::vector<KeptRun> merged(std::vector<KeptRun> runs, std::vector<KeptRun> others)
 {
     std::stable_sort(others.begin(), others.end(), [](const KeptRun& one, const KeptRun& other) {
-        return one.lines.run.at < other.lines.run.at;
+        return std::pair(one.lines.run.at, one.lines.run.began) <
+               std::pair(other.lines.run.at, other.lines.run.began);
     });
     std::vector<KeptRun> all;
     auto next = others.begin();
@@ -340,7 +366,7 @@ std::optional<std::vector<PastUpdate>> readHistory()
 {
     // Comes last, and may not be in the history yet. Read first: it may end while this goes on.
     const std::optional<RecordedRun> running = runningUpdate();
-    KeptRuns service(paths::kRunHistory);
+    KeptRuns service(paths::kRunHistory, kLargestHistory);
     struct stat status = {};
     if (service.runs.empty() && stat(paths::kRunHistory, &status) != 0) {
         return std::nullopt;

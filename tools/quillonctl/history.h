@@ -1,6 +1,7 @@
 /// What the service and control layers have kept of their updates, see src/support/run-history.h.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -11,6 +12,10 @@
 #include "tools/quillonctl/recorded-run.h"
 
 namespace quillon {
+
+/// What control layers keep of the latest of their updates.
+constexpr std::size_t kMostLayerHistories = 200;
+constexpr std::size_t kMostLayerBytes = 2U << 20U;
 
 enum class PastOutcome {
     kUpdated,

@@ -19,6 +19,7 @@
 
 #include "base/replace-file.h"
 #include "src/support/paths.h"
+#include "tools/quillonctl/history.h"
 
 namespace quillon {
 
@@ -28,8 +29,6 @@ namespace fs = std::filesystem;
 
 /// How long the records of an ended program are left for those who follow it.
 constexpr std::chrono::minutes kLeftFor(1);
-constexpr std::size_t kMostUpdates = 200;
-constexpr std::uintmax_t kMostBytes = 2U << 20U;
 constexpr mode_t kMode = 0755;
 constexpr uid_t kNoUser = static_cast<uid_t>(-1);
 
@@ -116,7 +115,7 @@ void sweepHistory()
                 file->is_regular_file(unknown) ? file->file_size(unknown) : 0;
             bytes += unknown ? 0 : size;
         }
-        if (bytes == before || bytes > kMostBytes || ++kept > kMostUpdates) {
+        if (bytes == before || bytes > kMostLayerBytes || ++kept > kMostLayerHistories) {
             fs::remove_all(path, ignored);
         }
     }
