@@ -87,6 +87,7 @@ static mqd_t open_queue(const char* name, int flags)
     return queue;
 }
 
+/* Queues know this clock alone: a limit moves when somebody sets the time. */
 static struct timespec in_seconds(int seconds)
 {
     struct timespec until;
@@ -131,10 +132,9 @@ static void send_command(MQCommand command, const char* path)
     }
 }
 
-static MQData receive_reply(int seconds)
+static MQData receive_reply(struct timespec until)
 {
     MQData reply;
-    const struct timespec until = in_seconds(seconds);
     do {
         const ssize_t size = mq_timedreceive(replies, (char*)&reply, sizeof reply, NULL, &until);
         if (size < 0) {
@@ -158,8 +158,9 @@ static MQData ask(MQCommand command, const char* path, int seconds)
 {
     MQData reply;
     send_command(command, path);
+    const struct timespec until = in_seconds(seconds); /* for all, also replies to others */
     do {
-        reply = receive_reply(seconds);
+        reply = receive_reply(until);
     } while (is_progress(&reply) != (command == MQ_COMMAND_PROGRESS));
     return reply;
 }
@@ -170,7 +171,7 @@ static void start_update(void)
 {
     send_command(MQ_COMMAND_START, "");
     send_command(MQ_COMMAND_PROGRESS, "");
-    const MQData reply = receive_reply(ESTIMATE_SECONDS);
+    const MQData reply = receive_reply(in_seconds(ESTIMATE_SECONDS));
     if (is_progress(&reply)) {
         fail("the service has started nothing: its log tells why");
     }
@@ -182,7 +183,7 @@ static void start_update(void)
 /* The end is told once, to the query that comes first behind it; that may be the start's. */
 static int wait_for_the_end(void)
 {
-    MQData reply = receive_reply(REPLY_SECONDS);
+    MQData reply = receive_reply(in_seconds(REPLY_SECONDS));
     while (reply.result == MQ_RESULT_RUNNING || !is_progress(&reply)) {
         printf("%d %%\n", (int)reply.value);
         fflush(stdout);

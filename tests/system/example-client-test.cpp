@@ -3,9 +3,14 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <mqueue.h>
+#include <signal.h>
 #include <sys/file.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
+#include <thread>
 
 #include "base/fd.h"
 #include "support/files.h"
@@ -82,6 +87,28 @@ TEST_F(ExampleClient, TakesNoReplyThatSomebodyElseHasLeftForItsOwn)
         channel->send(Channel::record(MQ_COMMAND_PATH));
     }
     EXPECT_EQ(client().out, "nothing to update\n");
+}
+
+TEST_F(ExampleClient, GivesUpBesideSomebodyWhoSendsRepliesThatCannotBeTheAnswer)
+{
+    startDaemon();
+    ::kill(daemon.pid(), SIGSTOP);
+    std::atomic<bool> isOver{false};
+    std::thread forger([&] {
+        const UniqueFd replies(::mq_open(FW_MQ_CONTROL_QUEUE, O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+        const MQData forged = Channel::record(MQ_COMMAND_REPLY);
+        while (!isOver) {
+            ::mq_send(replies.get(), reinterpret_cast<const char*>(&forged), sizeof forged, 0);
+            ::usleep(100000);
+        }
+    });
+    const Result result = client();
+    isOver = true;
+    forger.join();
+    ::kill(daemon.pid(), SIGCONT);
+
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.out, HasSubstr("no reply from the update service"));
 }
 
 TEST_F(ExampleClient, LeavesTheChannelToTheClientThatHoldsTheLock)
