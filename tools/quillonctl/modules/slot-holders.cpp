@@ -48,22 +48,10 @@ std::string commandOf(pid_t process)
     return cut(printable(command), kLongestCommand);
 }
 
-/// Capabilities in a user namespace of one's own, which anybody can make, mean nothing here.
-bool isInOtherUserNamespace(const fs::path& directory)
-{
-    struct stat own = {};
-    struct stat other = {};
-    return stat("/proc/self/ns/user", &own) == 0 &&
-           stat((directory / "ns/user").c_str(), &other) == 0 && own.st_ino != other.st_ino;
-}
-
 /// Whether the process has the capability to open whatever it likes. Also true when that cannot be
 /// told.
 bool mayPassOverModes(const fs::path& directory)
 {
-    if (isInOtherUserNamespace(directory)) {
-        return false;
-    }
     constexpr std::string_view kTitle = "\nCapEff:";
     constexpr int kHexadecimal = 16;
     const std::string text = firstBytesOf(directory / "status");
