@@ -139,6 +139,8 @@ void leaveSomething()
     } else if (has("leaves a daemon and crashes")) {
         leaveDaemon();
         std::abort();
+    } else if (has("kills its parent")) {
+        kill(getppid(), SIGKILL);
     } else if (has("leaves a zombie")) {
         if (fork() == 0) {
             _exit(0);

@@ -34,26 +34,38 @@ using std::chrono::milliseconds;
 constexpr int kTellingNumber = 3;  // its file's, until it is mapped
 constexpr std::size_t kMostOutput = 65536;
 
+/// What has become of the clause's process, told by its keeper in memory that the module does not
+/// have.
+struct Keeping
+{
+    ChildEnd end;
+    bool isTold;
+};
+
+template <typename Content>
 struct Unmap
 {
-    void operator()(Telling* telling) const { munmap(telling, sizeof(Telling)); }
+    void operator()(Content* content) const { munmap(content, sizeof(Content)); }
 };
-using SharedTelling = std::unique_ptr<Telling, Unmap>;
+template <typename Content>
+using Shared = std::unique_ptr<Content, Unmap<Content>>;
 
 [[noreturn]] void fail(const std::string& what)
 {
     throw Failure(kExitFile, what + ": " + std::strerror(errno));
 }
 
-/// All zero, as a new file is: a Telling at its beginning.
-SharedTelling mapped(int file)
+/// All zero, as a new file is: a Telling or Keeping at its beginning.
+/// @param file  -1 for memory without one
+template <typename Content>
+Shared<Content> mapped(int file)
 {
-    void* const memory =
-        mmap(nullptr, sizeof(Telling), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    const int flags = file == -1 ? MAP_SHARED | MAP_ANONYMOUS : MAP_SHARED;
+    void* const memory = mmap(nullptr, sizeof(Content), PROT_READ | PROT_WRITE, flags, file, 0);
     if (memory == MAP_FAILED) {
         fail("no memory for the process of a clause");
     }
-    return SharedTelling(static_cast<Telling*>(memory));
+    return Shared<Content>(static_cast<Content*>(memory));
 }
 
 /// Of a size that nobody can change, neither a module that shortens what is mapped here, nor one
@@ -110,7 +122,7 @@ void store(const Judgement& judgement, Telling& telling)
     _exit(kExitFile);
 }
 
-/// Ends what a module has started and left, daemons as well, in a process that they come to.
+/// Ends what a module has started and left, daemons as well, in a process that all of them come to.
 /// @param leftAlone  a child that could not even be killed
 void endChildren(pid_t leftAlone = 0)
 {
@@ -129,9 +141,54 @@ void endChildren(pid_t leftAlone = 0)
     }
 }
 
-/// Of a process that has not come to a judgement.
-Judgement judgementOf(const ChildEnd& end, const Telling& telling, const Subject& subject)
+/// A process between this one and that of a clause. What a module has started and left comes to it,
+/// and nothing else: this one may have children of its own from before, or be the one to which all
+/// processes of a container come.
+[[noreturn]] void keep(const std::vector<char*>& words, int file, int output, pid_t parent,
+                       const Telling& telling, Keeping& keeping, RequestsHeld& requests)
 {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    const pid_t self = getpid();
+    const pid_t child = getppid() == parent ? fork() : -1;
+    if (child == 0) {
+        setpgid(0, 0);
+        become(words, file, output, self);
+    }
+    if (child > 0) {
+        setpgid(child, child);  // in both: whoever comes first
+        keeping.end = waitForChild(child, telling.deadline, requests);
+        endChildren(child);
+        keeping.isTold = true;
+    }
+    _exit(kExitSuccess);
+}
+
+/// Has it end when a request arrives.
+/// @return the request; 0 for none
+int waitForKeeper(pid_t keeper, RequestsHeld& requests)
+{
+    constexpr milliseconds kBetweenLooks(200);
+    int request = 0;
+    while (waitpid(keeper, nullptr, WNOHANG) == 0) {
+        const int signal = requests.waitFor(kBetweenLooks);
+        if (signal != 0 && signal != SIGCHLD) {
+            request = signal;
+            kill(keeper, SIGTERM);
+        }
+    }
+    return request;
+}
+
+/// Of a process that has not come to a judgement.
+Judgement judgementOf(const Keeping& keeping, const Telling& telling, const Subject& subject)
+{
+    if (!keeping.isTold) {
+        return {Verdict::kBroken,
+                "it ends a process that it has not started, or none can be "
+                "started here"};
+    }
+    const ChildEnd& end = keeping.end;
     const std::string moment = textOf(telling.moment, sizeof(telling.moment));
     if (end.judgedHung != 0) {
         return {Verdict::kBroken, moment + " does not return (longer than " +
@@ -169,25 +226,22 @@ Outcome judgeApart(const Clause& clause, const Subject& subject)
     // Without MFD_CLOEXEC: dup2() does nothing for a file that has the right number already.
     const UniqueFd file = memoryFile("telling", sizeof(Telling), 0);
     const UniqueFd output = memoryFile("output", kMostOutput, MFD_CLOEXEC);
-    const SharedTelling telling = mapped(file.get());
+    const Shared<Telling> telling = mapped<Telling>(file.get());
+    const Shared<Keeping> keeping = mapped<Keeping>(-1);
 
-    prctl(PR_SET_CHILD_SUBREAPER, 1);  // what a process leaves that is killed comes to this one
     RequestsHeld requests;
     const std::int64_t begin = monotonicNow();
     telling->deadline = begin + std::chrono::nanoseconds(subject.longest).count();
-    const pid_t parent = getpid();
-    const pid_t child = fork();
-    if (child == -1) {
+    const pid_t self = getpid();
+    const pid_t keeper = fork();
+    if (keeper == -1) {
         fail("no process can be started");
     }
-    setpgid(child, child);  // in both: whoever comes first
-    if (child == 0) {
-        become(words, file.get(), output.get(), parent);
+    if (keeper == 0) {
+        keep(words, file.get(), output.get(), self, *telling, *keeping, requests);
     }
-    const ChildEnd end = waitForChild(child, telling->deadline, requests);
-    endChildren(child);  // of a process that has not come to do so itself
-    if (end.request != 0) {
-        requests.putBack(end.request);
+    if (const int request = waitForKeeper(keeper, requests); request != 0) {
+        requests.putBack(request);
         throw Failure(kExitInterrupted, "interrupted");
     }
     Outcome outcome;
@@ -201,7 +255,7 @@ Outcome judgeApart(const Clause& clause, const Subject& subject)
     } else if (verdict != Verdict::kNone) {
         outcome.judgement = {verdict, textOf(telling->text, sizeof(telling->text))};
     } else {
-        outcome.judgement = judgementOf(end, *telling, subject);
+        outcome.judgement = judgementOf(*keeping, *telling, subject);
     }
     return outcome;
 }
@@ -226,7 +280,7 @@ int mainOfProcess(int argc, char** argv)
         status.st_size != sizeof(Telling)) {
         return kExitUsage;
     }
-    const SharedTelling telling = mapped(kTellingNumber);
+    const Shared<Telling> telling = mapped<Telling>(kTellingNumber);
     close(kTellingNumber);
     Subject subject;
     subject.longest = milliseconds(std::atol(argv[2]));

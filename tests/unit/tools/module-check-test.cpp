@@ -111,6 +111,27 @@ TEST_F(ModuleCheck, LeavesNothingRunningOfAModuleThatCrashes)
     EXPECT_GT(count, 0);
 }
 
+TEST_F(ModuleCheck, LeavesTheProcessesOfItsCallerAlone)
+{
+    const std::string command = "sleep 1000 & echo $! >" + directory +
+                                "/pid; exec " MODULE_PROGRAM " check " + install("faulty-none") +
+                                " >/dev/null";
+
+    EXPECT_EQ(quillon::test::runInShell(command).status, 0);
+
+    const auto sleeping = static_cast<pid_t>(std::atol(readAll(directory + "/pid").c_str()));
+    EXPECT_EQ(::kill(sleeping, SIGKILL), 0);
+}
+
+TEST_F(ModuleCheck, BlamesAModuleThatEndsWhoWaitsForIt)
+{
+    const Json::Value module =
+        check({install("faulty-none", "kills its parent")}, {"--filter", "version"}, 4);
+
+    expectText(clauseIn(module, "version")["text"].asString(),
+               like("it ends a process that it has not started*"));
+}
+
 TEST_F(ModuleCheck, WritesALogForTheVendor)
 {
     const std::string log = directory + "/log";
