@@ -29,6 +29,7 @@ namespace quillon {
 namespace {
 
 constexpr std::size_t kLargestHistory = 4U << 20U;
+constexpr std::size_t kGenerations = 3;  // files in a directory
 constexpr const char* kDate = "%Y-%m-%d";
 constexpr const char* kDateAndTime = "%Y-%m-%d %H:%M";
 
@@ -76,15 +77,19 @@ std::optional<std::int64_t> momentAgo(const std::string& text, std::int64_t now)
                                 : std::nullopt;
 }
 
+/// @param[in,out] room  how much may be read; what is read is taken off
 /// @return empty where there is no such file
-std::string readGeneration(const std::string& path, std::size_t limit)
+std::string readGeneration(const std::string& path, std::size_t& room)
 {
     UniqueFd file;
     struct stat opened = {};
     SecretBytes bytes;
     FileResult result = openRegularFile(path.c_str(), O_NOFOLLOW, file, opened);
+    const std::size_t limit = std::min(room, kLargestHistory);
     if (result == FileResult::kOk) {
-        result = readToEnd(file.get(), limit, bytes);
+        const bool isTooLarge = opened.st_size > static_cast<off_t>(limit);
+        result = isTooLarge ? FileResult::kTooLarge : readToEnd(file.get(), limit, bytes);
+        room -= std::min(room, bytes.size());
     }
     switch (result) {
         case FileResult::kOk:
@@ -153,19 +158,14 @@ struct KeptRuns
 {
     std::vector<KeptRun> runs;
     std::vector<KeptRun> refused;  ///< those without an end, which were not written whole, left out
-    std::size_t bytes = 0;
 
-    /// @param largest  of a file
-    KeptRuns(const std::string& directory, std::size_t largest)
+    /// @param[in,out] room  see readGeneration()
+    KeptRuns(const std::string& directory, std::size_t& room)
     {
-        const auto take = [&](const char* name, std::vector<KeptRun>& into) {
-            const std::string text = readGeneration(directory + name, largest);
-            bytes += text.size();
-            takeGeneration(text, into);
-        };
-        take(kEarlierHistory, runs);
-        take(kHistory, runs);
-        take(kRefusedRuns, refused);
+        for (const char* name : {kEarlierHistory, kHistory}) {
+            takeGeneration(readGeneration(directory + name, room), runs);
+        }
+        takeGeneration(readGeneration(directory + kRefusedRuns, room), refused);
         refused.erase(std::remove_if(refused.begin(), refused.end(),
                                      [](const KeptRun& one) { return !one.lines.run.result; }),
                       refused.end());
@@ -200,7 +200,6 @@ void addLayers(std::vector<KeptRun>& all)
     for (auto history = histories.rbegin(); history != histories.rend(); ++history) {
         try {
             KeptRuns kept(paths::kLayerHistory + history->second + "/", room);
-            room -= std::min(room, kept.bytes);
             for (std::vector<KeptRun>* runs : {&kept.runs, &kept.refused}) {
                 for (KeptRun& run : *runs) {
                     run.isOfLayer = true;
@@ -366,7 +365,8 @@ std::optional<std::vector<PastUpdate>> readHistory()
 {
     // Comes last, and may not be in the history yet. Read first: it may end while this goes on.
     const std::optional<RecordedRun> running = runningUpdate();
-    KeptRuns service(paths::kRunHistory, kLargestHistory);
+    std::size_t room = kGenerations * kLargestHistory;
+    KeptRuns service(paths::kRunHistory, room);
     struct stat status = {};
     if (service.runs.empty() && stat(paths::kRunHistory, &status) != 0) {
         return std::nullopt;
