@@ -1,7 +1,10 @@
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +17,7 @@
 #include <system_error>
 #include <vector>
 
+#include "base/fd.h"
 #include "base/handles.h"
 #include "client/client-lock.h"
 #include "helpers/lifecycle/client-lock-file.h"
@@ -59,19 +63,37 @@ constexpr const char* kHelp =
     "\n"
     "Exit status: 0 success, 1 failure, 2 wrong usage.\n";
 
-/// A file of the user's under this name only: what a link to a file of theirs leads to is no such
-/// file.
-bool isOwn(const char* path, uid_t user)
+/// A file of root's or the user's under this name only: what a link to a file of theirs leads to is
+/// no such file.
+bool isMadeBy(const char* path, uid_t user)
 {
     struct stat status = {};
     return lstat(path, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1 &&
-           status.st_uid == user;
+           (status.st_uid == 0 || status.st_uid == user);
 }
 
-/// The same, or one of root's.
-bool isMadeBy(const char* path, uid_t user)
+/// Whether no control layer is at the packages, see quillonctl(1). One that is locks their
+/// directory, and may be writing the update list.
+bool isNobodyAtThePackages()
 {
-    return isOwn(path, 0) || isOwn(path, user);
+    const UniqueFd directory(open(paths::kMountedPackages, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return !directory || flock(directory.get(), LOCK_EX | LOCK_NB) == 0;
+}
+
+/// The user cannot replace a list of root's, so it becomes the user's. Whose it is otherwise takes
+/// it away, or was not able to.
+void provideUpdateList(uid_t user)
+{
+    const UniqueFd list(
+        open(paths::kUpdateList, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat status = {};
+    const bool isGood = list && fstat(list.get(), &status) == 0 && S_ISREG(status.st_mode) &&
+                        status.st_nlink == 1 && (status.st_uid == 0 || status.st_uid == user);
+    if (isGood) {
+        static_cast<void>(fchown(list.get(), user, status.st_gid) == 0);
+    } else if (isNobodyAtThePackages()) {
+        clear(paths::kUpdateList);
+    }
 }
 
 /// Nobody else can raise the event then, and it is not raised.
@@ -93,11 +115,7 @@ void prepareForOthers(const passwd& user)
     };
     attempt([&] { provideSemaphore(user.pw_uid, user.pw_gid); });
     attempt([&] { provideClientLock(ClientLock::defaultPath()); });
-    attempt([&] {
-        if (!isOwn(paths::kUpdateList, user.pw_uid)) {
-            clear(paths::kUpdateList);  // also root's, which the user could not replace
-        }
-    });
+    attempt([&] { provideUpdateList(user.pw_uid); });
     attempt([&] {
         if (!isMadeBy(paths::kIgnoreResumeEvent, user.pw_uid)) {
             keepFree(paths::kIgnoreResumeEvent, user);

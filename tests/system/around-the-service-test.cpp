@@ -16,6 +16,7 @@
 #include <fstream>
 #include <functional>
 
+#include "base/fd.h"
 #include "platform/events.h"
 #include "support/open-way.h"
 #include "support/process.h"
@@ -192,9 +193,32 @@ TEST_F(AroundTheService, AStrangersUpdateListGoesAndOurOwnStays)
     ASSERT_EQ(prepare().status, 0);
     EXPECT_FALSE(fs::is_symlink(kUpdateList));
 
+    ASSERT_TRUE(makeFile(kUpdateList));
+    ASSERT_EQ(prepare().status, 0);
+    struct stat status = {};
+    ASSERT_EQ(::lstat(kUpdateList, &status), 0);
+    EXPECT_EQ(status.st_uid, ::getpwnam(kUser)->pw_uid)
+        << "root's, which the user could not replace";
+    fs::remove(kUpdateList);
+
     ASSERT_TRUE(asServiceUser([] { return makeFile(kUpdateList); }));
     ASSERT_EQ(prepare().status, 0);
     EXPECT_TRUE(fs::exists(kUpdateList));
+}
+
+TEST_F(AroundTheService, AnUpdateListThatACheckMayBeWritingStaysUntilItIsOver)
+{
+    constexpr const char* kPackages = "/opt/usr/apps/appbinarymanager/emps";
+    fs::create_directories(kPackages);
+    UniqueFd check(::open(kPackages, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_EQ(::flock(check.get(), LOCK_EX), 0);
+    ASSERT_TRUE(asStranger([] { return makeFile(kUpdateList); }));
+
+    ASSERT_EQ(prepare().status, 0);
+    EXPECT_TRUE(fs::exists(kUpdateList));
+    check.reset();
+    ASSERT_EQ(prepare().status, 0);
+    EXPECT_FALSE(fs::exists(kUpdateList));
 }
 
 TEST_F(AroundTheService, AnEndWithStatus0ThatWasNotItsOwnIsAFailure)
