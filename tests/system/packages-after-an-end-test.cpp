@@ -159,8 +159,8 @@ TEST_F(PackagesAfterAnEnd, OfAnUpdateThatTheHelperDoesNotAnswerAreBlamedOnIt)
     helper.send(SIGCONT);
 
     expectText(layer.output(),
-               like("*alpha *timed out: nothing was flashed: the mounting helper does not answer*"
-                    "quillonctl: \"quillonctl doctor\" looks at it*"));
+               like("*quillonctl: warning: the mounting helper does not answer; *doctor*\n*"
+                    "alpha *timed out: its time was over before anything was flashed\n*"));
     EXPECT_FALSE(wasAsked("alpha", "doUpdate("));
 }
 

@@ -20,6 +20,7 @@ namespace fs = std::filesystem;
 constexpr const char* kUpdateList = "/tmp/fwupdate-off-list.txt";
 constexpr uid_t kService = 1234;
 constexpr uid_t kMember = 1235;
+constexpr uid_t kStranger = 1236;
 constexpr gid_t kGroup = 2345;
 
 class UpdateListOfModules : public PackagedModules
@@ -82,9 +83,19 @@ TEST_F(UpdateListOfModules, OfAnotherUsersCheckIsTakenAway)
     EXPECT_FALSE(fs::exists(kUpdateList));
 }
 
+TEST_F(UpdateListOfModules, OfTheServicesUserFailsNoCheckOfAnotherOne)
+{
+    ASSERT_EQ(check().exitCode, 0);
+    set("alpha", "need=0\n");
+
+    EXPECT_EQ(checkAs(kMember, [](const ModulesResult& result) { expectText(result.err, ""); }), 7);
+    EXPECT_EQ(readAll(kUpdateList), "alpha alphaemp\n");
+}
+
 TEST_F(UpdateListOfModules, ThatAnotherUserHasLeftIsToldAndFailsNoCheck)
 {
     ASSERT_EQ(check().exitCode, 0);
+    ASSERT_EQ(::chown(kUpdateList, kStranger, kStranger), 0);
     set("alpha", "need=0\n");
 
     EXPECT_EQ(checkAs(kMember,
@@ -92,7 +103,7 @@ TEST_F(UpdateListOfModules, ThatAnotherUserHasLeftIsToldAndFailsNoCheck)
                           expectText(result.err,
                                      "quillonctl: warning: the update list " +
                                          std::string(kUpdateList) +
-                                         " belongs to user 1234 and tells what that user has "
+                                         " belongs to user 1236 and tells what that user has "
                                          "found: that user or root can remove it\n");
                       }),
               7);

@@ -351,7 +351,7 @@ std::string resultOf(const PastUpdate& update)
         case PastOutcome::kFailed:
             return "failed: " + printable(phraseOf(*update.module.finding));
         case PastOutcome::kTimedOut:
-            return "timed out: " + phraseOfLate({});
+            return "timed out: its end was not awaited";
         case PastOutcome::kNotRecorded:
             return "not recorded";
         case PastOutcome::kRunning:

@@ -1,5 +1,6 @@
 #include "tools/quillonctl/next-commands.h"
 
+#include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -52,9 +53,12 @@ std::string restartService()
 
 std::string restartMountingHelper()
 {
-    return hasSystemd() ? "systemctl restart quillon-privileged"
-                        : "kill -KILL $(pidof quillon-privileged); " QUILLON_HELPERS
-                          "/quillon-privileged --group quillon &";
+    if (hasSystemd()) {
+        return "systemctl restart quillon-privileged";
+    }
+    return std::string("kill -KILL $(pidof quillon-privileged); " QUILLON_HELPERS
+                       "/quillon-privileged") +
+           (getgrnam("quillon") != nullptr ? " --group quillon &" : " &");
 }
 
 std::string serviceLog()

@@ -71,7 +71,8 @@ void exitOn(const Error& error)
          {kExitNoService, "; start it, or let \"quillonctl doctor\" say why it does not start"}},
         {ErrorCode::kNoReply,
          {kExitNoReply,
-          "; \"quillonctl doctor\" looks for what may keep it busy; its log: " + serviceLog()}},
+          "; \"quillonctl doctor\" looks for what may keep it busy; the service's log: " +
+              serviceLog()}},
         {ErrorCode::kLost, {kExitSystem, "; its log: " + serviceLog()}},
         {ErrorCode::kBusy,
          {kExitBusy,

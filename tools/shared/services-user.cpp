@@ -45,7 +45,8 @@ bool isServicesUser(uid_t user)
 
 uid_t servicesUser()
 {
-    return userQuillon().value_or(ownerOf(kServicesDirectories[0]).value_or(0));
+    static const uid_t user = userQuillon().value_or(ownerOf(kServicesDirectories[0]).value_or(0));
+    return user;
 }
 
 }  // namespace quillon

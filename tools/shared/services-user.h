@@ -13,7 +13,8 @@ std::string nameOfUser(uid_t user);
 /// Whether the service may run as this user: "quillon", or the owner of its directories.
 bool isServicesUser(uid_t user);
 
-/// The user "quillon"; on a device without one the owner of the service's directory.
+/// The user "quillon"; on a device without one the owner of the service's directory. Looked up
+/// once: a look loads libraries, and a module can keep others from loading any.
 uid_t servicesUser();
 
 }  // namespace quillon

@@ -151,7 +151,7 @@ TEST_F(CtlHistory, TellsWhatBecameOfAControlLayersUpdateWithoutAnEnd)
     };
     expectText(told(""), like("*horn*  cut off\n"));
     expectText(told("{\"event\":\"late\",\"clock\":200,\"module\":\"horn\"}\n" + ended),
-               like("*horn*  timed out: it is still being updated\n"));
+               like("*horn*  timed out: its end was not awaited\n"));
     expectText(told(ended), like("*horn*  cut off\n"));
 }
 

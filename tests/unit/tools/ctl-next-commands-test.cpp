@@ -1,5 +1,6 @@
 // Which commands quillonctl names: those of whatever manages the system's services.
 
+#include <grp.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -78,8 +79,10 @@ TEST_F(CtlNextCommands, DoWithoutBoth)
               "rm -f /tmp/fw_update_ready_usb; while pidof quillon-service; do sleep 1; done; "
               "rm -f /dev/mqueue/fwupdate*_usb /tmp/.fw_service_ready_usb; " +
                   start);
+    const std::string group = getgrnam("quillon") != nullptr ? " --group quillon" : "";
     EXPECT_EQ(restartMountingHelper(), "kill -KILL $(pidof quillon-privileged); " QUILLON_HELPERS
-                                       "/quillon-privileged --group quillon &");
+                                       "/quillon-privileged" +
+                                           group + " &");
     EXPECT_EQ(serviceLog(), "the service's standard error");
 }
 

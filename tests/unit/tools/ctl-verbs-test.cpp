@@ -518,7 +518,7 @@ TEST_F(CtlVerbs, EstimateThatTakesTooLongExitsWith4)
     EXPECT_EQ(
         result.err,
         "quillonctl: no reply from the update service within 300 ms; \"quillonctl doctor\" looks "
-        "for what may keep it busy; its log: the service's standard error\n");
+        "for what may keep it busy; the service's log: the service's standard error\n");
 }
 
 TEST_F(CtlVerbs, ProgressTellsEachState)

@@ -58,13 +58,20 @@ bool isListWhole(int count)
     return found == count;
 }
 
+/// @return who, if it is another user
+std::optional<uid_t> ownerOfForeignList()
+{
+    struct stat status = {};
+    const bool isForeign = lstat(paths::kUpdateList, &status) == 0 && S_ISREG(status.st_mode) &&
+                           status.st_uid != geteuid();
+    return isForeign ? std::optional(status.st_uid) : std::nullopt;
+}
+
 /// In /tmp only its owner and root can replace a file, and the system may refuse even root to write
 /// to it.
 void makeRoomForList()
 {
-    struct stat status = {};
-    if (lstat(paths::kUpdateList, &status) == 0 && S_ISREG(status.st_mode) &&
-        status.st_uid != geteuid()) {
+    if (ownerOfForeignList()) {
         static_cast<void>(unlink(paths::kUpdateList));
     }
 }
@@ -173,7 +180,9 @@ MountTrouble mountTroubleOf(const FWUpdateSymbol& module)
             package +
                 " cannot be mounted; \"quillonctl doctor\" looks at the mounting helper, and its "
                 "log (" +
-                logOf("QUILLON-PRIVILEGED") + ") tells why it has refused"};
+                logOf("QUILLON-PRIVILEGED") +
+                ") tells why it has refused; if it does not answer, root starts it anew with \"" +
+                restartMountingHelper() + "\""};
 }
 
 ModuleCheck describeCheck(FWUpdateSymbol& module, const ModuleSource& source)
@@ -246,7 +255,7 @@ std::vector<ModuleCheck> checkModules(const ModuleSource& source)
         throw Failure{kExitSystem,
                       std::string("the update list's path leads elsewhere: ") + paths::kUpdateList};
     }
-    if (!isListWhole(listed) && troubleOfList().empty()) {
+    if (!isListWhole(listed) && (geteuid() == 0 || !ownerOfForeignList())) {
         throw Failure{kExitSystem, std::string("the update list cannot be written whole, make room "
                                                "for it or see what is in its place: ") +
                                        paths::kUpdateList};
@@ -285,13 +294,13 @@ std::vector<ModuleCheck> checkModulesApart(ModuleChild& child, const ModuleSourc
 
 std::string troubleOfList()
 {
-    struct stat status = {};
-    if (geteuid() == 0 || lstat(paths::kUpdateList, &status) != 0 || !S_ISREG(status.st_mode) ||
-        status.st_uid == geteuid()) {
+    const std::optional<uid_t> owner = ownerOfForeignList();
+    // Other programs want the list of the service's user, and not that of a member of the group.
+    if (!owner || geteuid() == 0 || *owner == servicesUser()) {
         return {};
     }
     return std::string("the update list ") + paths::kUpdateList + " belongs to " +
-           nameOfUser(status.st_uid) +
+           nameOfUser(*owner) +
            " and tells what that user has found: that user or root can remove it";
 }
 

@@ -75,7 +75,7 @@ void releasePackages(const std::set<std::string>& identifiers);
 /// Also true when that cannot be told: descriptors may be used up.
 bool isPackageMounted(const std::string& identifier);
 
-/// Why the update list is not that of the latest check: another user has made it.
+/// Why the update list is neither that of this check nor one of the service's user.
 /// @return empty when it is
 std::string troubleOfList();
 

@@ -64,7 +64,7 @@ void ModuleEvents::note(const ModuleNews& news)
         isAt("", ModuleStep::kNone);
     }
     const ModuleFinding finding{news.result, news.reason, news.detail};
-    const std::lock_guard<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(mutex_);
     ModuleHistory& module = modules_[news.libName];
     switch (news.event) {
         case ModuleEvent::kLoading:
@@ -90,6 +90,7 @@ void ModuleEvents::note(const ModuleNews& news)
                 ModuleRun{std::chrono::steady_clock::now(), std::nullopt, module.isUpdating()};
             break;
         case ModuleEvent::kFlashing:
+            hasEnded_.wait(lock, [&module] { return !module.run || !module.run->isGivenUp; });
             if (module.run) {
                 module.run->isFlashing = true;
             }
@@ -111,6 +112,17 @@ void ModuleEvents::note(const ModuleNews& news)
             module.run->isLate = !module.run->end;
             break;
     }
+}
+
+bool ModuleEvents::giveUp(const std::string& libName)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    std::optional<ModuleRun>& run = modules_[libName].run;
+    if (!run || run->end || run->isFlashing) {
+        return false;
+    }
+    run->isGivenUp = true;
+    return true;
 }
 
 void ModuleEvents::isAt(const std::string& libName, ModuleStep step) const

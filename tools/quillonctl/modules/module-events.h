@@ -25,6 +25,7 @@ struct ModuleRun
     std::optional<ModuleFinding> end;  ///< nothing while it is running
     bool isLate = false;               ///< it was still running when its time was over
     bool isFlashing = false;           ///< its plug-in has been asked to install
+    bool isGivenUp = false;            ///< its plug-in will not be asked any more
 };
 
 /// What is known of a module.
@@ -82,6 +83,11 @@ public:
     const char* moduleOf(const char* file) const;
 
     ModuleHistory of(const std::string& libName) const;
+
+    /// Keeps a late update from beginning to flash: the program is about to tell how it ended, and
+    /// then to end.
+    /// @return whether nothing has been flashed, nor will be
+    bool giveUp(const std::string& libName);
 
     /// Waits until the module's update is over, if one is running, but not beyond `end`.
     void awaitEnd(const std::string& libName, std::chrono::steady_clock::time_point end) const;

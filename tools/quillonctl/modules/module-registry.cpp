@@ -6,6 +6,7 @@
 
 #include "src/support/paths.h"
 #include "tools/quillonctl/modules/module-events.h"
+#include "tools/shared/services-user.h"
 
 extern "C" {
 void* __real_dlopen(const char* file, int mode);
@@ -58,6 +59,7 @@ ModuleKind kindOf(const FWUpdateSymbol& module)
 void openRegistry(const std::string& only)
 {
     ModuleEvents::instance();
+    static_cast<void>(servicesUser());  // later a module may keep it from being looked up
     FWUpdateSymbolManager& manager = *FWUpdateSymbolManager::getInstance();
     if (!only.empty() && access(paths::kModules, R_OK | X_OK) == 0) {
         std::error_code error;

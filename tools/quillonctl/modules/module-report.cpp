@@ -253,6 +253,9 @@ void ModuleReport::progress(const std::string& name, unsigned int percent)
 
 void ModuleReport::waitingForOthers(const SlotHolders& holders)
 {
+    if (!isRead()) {
+        return;  // what is waited for would be over, and the update would not begin
+    }
     const bool isLeftBehind = holders.alive.empty() && holders.isComplete;
     const bool isAnyStopped = !holders.stopped.empty();
     output_.say("modules-waiting",

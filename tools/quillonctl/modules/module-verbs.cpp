@@ -156,10 +156,8 @@ ModuleUpdate outcomeOf(const FWUpdateSymbol& module, const std::string& before)
 {
     const std::string name = module.getLibName();
     const ModuleHistory history = ModuleEvents::instance().of(name);
-    if (history.isUpdating() && !history.run->isFlashing && isMounting()) {
-        return {name, Outcome::kTimedOut, "",
-                "nothing was flashed: the mounting helper does not answer",
-                remedyForMountingHelper()};
+    if (history.isUpdating() && ModuleEvents::instance().giveUp(name)) {
+        return {name, Outcome::kTimedOut, "", "its time was over before anything was flashed"};
     }
     if (history.isUpdating()) {
         // Its plug-in is busy: nothing is asked.
@@ -437,8 +435,10 @@ void ModuleVerbs::letPackagesGo() const
 /// it may not do so.
 void ModuleVerbs::tellWarnings()
 {
-    for (const std::string& warning : warnings_) {
-        report_.warning(warning);
+    // What several modules suffer from is said once.
+    const auto end = std::unique(warnings_.begin(), warnings_.end());
+    for (auto warning = warnings_.begin(); warning != end; ++warning) {
+        report_.warning(*warning);
     }
     warnings_.clear();
 }
@@ -448,6 +448,9 @@ void ModuleVerbs::finish(UpdateWatch& watch)
     const bool isStuck = watch.finish();
     hasStuckWatch_ = hasStuckWatch_ || isStuck;
     hasLateUpdate_ = hasLateUpdate_ || watch.isAnyStillRunning();
+    if (hasLateUpdate_ && isMounting()) {
+        warnings_.push_back("the mounting helper does not answer; " + remedyForMountingHelper());
+    }
 }
 
 void ModuleVerbs::tellAllDone()

@@ -73,9 +73,7 @@ UpdateWatch::UpdateWatch(const std::vector<const FWUpdateSymbol*>& modules, Modu
 {
     UpdateSlot::instance().explainTo([watching = watching_](const SlotHolders& holders) {
         const std::lock_guard<std::mutex> lock(watching->mutex);
-        if (ModuleReport::isRead()) {
-            watching->report.waitingForOthers(holders);
-        }
+        watching->report.waitingForOthers(holders);
     });
     const SignalsBlocked blocked;
     try {
