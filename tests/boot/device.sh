@@ -53,6 +53,11 @@ is_ready_again() {
     is_ready && [ "$(main_process)" != "$1" ] && [ "$(main_process)" != 0 ]
 }
 
+# What is on the disk and does not change by itself.
+list_files() {
+    find / -xdev \( -path /boot-test -o -path /proc -o -path /sys -o -path /run \) -prune -o -print | sort
+}
+
 # Every check begins with a service that runs, whatever the one before has left.
 begin_with_service() {
     systemctl reset-failed quillon.service 2>/dev/null || true
