@@ -14,6 +14,7 @@
 #include <sstream>
 
 #include "tools/quillon-module/clause-process.h"
+#include "tools/quillon-module/confined.h"
 #include "tools/shared/outside-text.h"
 #include "tools/shared/text-table.h"
 
@@ -230,8 +231,13 @@ ExitCode check(const CheckRequest& request)
     if (request.files.empty()) {
         throw Failure(kExitUsage, "check: a module's FILE is required (see quillon-module --help)");
     }
+    const std::vector<Subject> subjects = subjectsOf(request);
+    if (request.confined) {
+        return checkConfined(request);
+    }
     std::vector<Findings> all;
-    for (const Subject& subject : subjectsOf(request)) {
+    all.reserve(subjects.size());
+    for (const Subject& subject : subjects) {
         all.push_back(findingsOf(subject, request));
     }
     if (request.json) {

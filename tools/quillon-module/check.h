@@ -21,6 +21,7 @@ struct CheckRequest
     bool json = false;
     bool onlyFailed = false;
     bool inProcess = false;
+    bool confined = false;
 };
 
 /// Holds modules to the clauses and writes what became of each.

@@ -75,6 +75,8 @@ void addCheck(CLI::App& app, CheckRequest& request, bool& lists)
     verb->add_flag("--only-failed", request.onlyFailed, "Show the broken clauses alone");
     verb->add_flag("--in-process", request.inProcess,
                    "Judge in this process, for a debugger: no deadline, and a crash is a crash");
+    verb->add_flag("--confined", request.confined,
+                   "Judge under the confinement of quillon.service, as root where systemd runs");
     verb->add_flag("--list", lists, "List the clauses and judge nothing");
     verb->add_flag("--json", request.json, "Write one JSON document");
 }
