@@ -58,6 +58,20 @@ list_files() {
     find / -xdev \( -path /boot-test -o -path /proc -o -path /sys -o -path /run \) -prune -o -print | sort
 }
 
+# What a module's maker needs besides our packages. A purge of those leaves it.
+install_compiler() {
+    ! command -v g++ >/dev/null || return 0
+    list_files >"$device_directory/files-without"
+    echo 'APT::Install-Recommends "false";' >/etc/apt/apt.conf.d/compiler
+    # shellcheck disable=SC2046  # a list of packages
+    apt-get install --assume-yes $(cat "$device_directory/compiler-packages") </dev/null
+    # Also what is there already, in a directory of ours, and stays for another package.
+    find /var/lib/dpkg/info -name '*.list' ! -name 'quillon-*' -exec cat {} + |
+        sort -u - "$device_directory/files-before" >"$device_directory/files-known"
+    list_files | comm -13 "$device_directory/files-without" - |
+        sort -u -o "$device_directory/files-before" - "$device_directory/files-known"
+}
+
 # Every check begins with a service that runs, whatever the one before has left.
 begin_with_service() {
     systemctl reset-failed quillon.service 2>/dev/null || true

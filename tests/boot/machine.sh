@@ -59,15 +59,19 @@ machine_apt() {
         -o Dir::Cache::archives="$cache/archives" "$@"
 }
 
+# Downloads packages that are not there already, with all that they need, into the cache.
+machine_download() {
+    mkdir -p "$cache/archives/partial"
+    machine_apt install --download-only --assume-yes "$@" && return
+    machine_apt update && machine_apt install --download-only --assume-yes "$@"
+}
+
 # Brings packages to the root, and into apt's cache there all that they need from the release: the
 # device has no network. What is downloaded already is not downloaded again.
 machine_bring_packages() {
-    mkdir -p "$cache/archives/partial" "$machine_root/packages"
+    mkdir -p "$machine_root/packages"
     cp "$@" "$machine_root/packages/"
-    if ! machine_apt install --download-only --assume-yes "$machine_root"/packages/*.deb; then
-        machine_apt update && machine_apt install --download-only --assume-yes \
-            "$machine_root"/packages/*.deb || return
-    fi
+    machine_download "$machine_root"/packages/*.deb || return
     find "$cache/archives" -maxdepth 1 -name '*.deb' -exec cp -t "$machine_root/var/cache/apt/archives" {} +
 }
 
