@@ -1,7 +1,7 @@
 /* A client of the control channel in plain C, without libquillon-client: updates from a directory
  * and waits for the end.
  *
- *     cc -std=c11 -o client client.c && ./client /opt/media/USBDriveA/
+ *     cc -std=c11 -I/usr/include/quillon -o client client.c && ./client /opt/media/USBDriveA/
  *
  * Status 0: updated, or nothing to update; 1: anything else, which the error output tells.
  *
