@@ -59,19 +59,20 @@ machine_apt() {
         -o Dir::Cache::archives="$cache/archives" "$@"
 }
 
-# Downloads packages that are not there already, with all that they need, into the cache.
-machine_download() {
-    mkdir -p "$cache/archives/partial"
-    machine_apt install --download-only --assume-yes "$@" && return
-    machine_apt update && machine_apt install --download-only --assume-yes "$@"
-}
-
 # Brings packages to the root, and into apt's cache there all that they need from the release: the
-# device has no network. What is downloaded already is not downloaded again.
+# device has no network.
 machine_bring_packages() {
     mkdir -p "$machine_root/packages"
     cp "$@" "$machine_root/packages/"
-    machine_download "$machine_root"/packages/*.deb || return
+    machine_download "$machine_root"/packages/*.deb
+}
+
+# What is downloaded already is not downloaded again.
+machine_download() {
+    mkdir -p "$cache/archives/partial"
+    if ! machine_apt install --download-only --assume-yes "$@"; then
+        machine_apt update && machine_apt install --download-only --assume-yes "$@" || return
+    fi
     find "$cache/archives" -maxdepth 1 -name '*.deb' -exec cp -t "$machine_root/var/cache/apt/archives" {} +
 }
 
