@@ -110,6 +110,11 @@ TEST_F(IntegrationPage, ItsInitScriptStartsTheServiceAndEndsItInOrder)
     EXPECT_EQ(shell("build-device/bin/quillonctl progress --follow"), 0) << output;
     EXPECT_EQ(shell("build-device/bin/quillonctl history"), 0);
     EXPECT_EQ(output, "No update is recorded\n");
+
+    // Nobody waits for the one that is killed, so it stays in the list of processes.
+    ASSERT_EQ(shell("kill -KILL $(cat quillon-service.pid)"), 0) << output;
+    ASSERT_EQ(shell("sh quillon start"), 0) << output << readAll(directory + "quillon.log");
+    EXPECT_EQ(shell("build-device/bin/quillonctl progress"), 0) << output;
     EXPECT_EQ(shell("timeout 60 sh quillon stop"), 0) << output;
 
     expectText(readAll(directory + "quillon.log"), like("*firmware_control_task thread stop*"));
