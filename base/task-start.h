@@ -10,4 +10,10 @@ namespace quillon {
 /// Thread: any. Throws std::bad_alloc.
 double startOfTask(const std::string& directory);
 
+/// Whether a process has ended, and stays in the list because nobody has waited for it: in a
+/// container whose first process does not, it stays there as long as the container.
+/// @param directory  /proc/PID
+/// Thread: any. Throws std::bad_alloc.
+bool isUnreapedTask(const std::string& directory);
+
 }  // namespace quillon

@@ -102,8 +102,9 @@ bool hasServiceEnded(const RecordedRun& run)
     if (run.service <= 0 || (kill(run.service, 0) != 0 && errno == ESRCH)) {
         return true;
     }
+    const std::string task = "/proc/" + std::to_string(run.service);
     // Its number may be another process's by now.
-    return startOfTask("/proc/" + std::to_string(run.service)) > run.began;
+    return isUnreapedTask(task) || startOfTask(task) > run.began;
 }
 
 const RecordedModule* RecordedRun::present() const

@@ -6,6 +6,7 @@
 #include <semaphore.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -46,6 +47,18 @@ void must(bool done, const char* why = "there is only one user here")
     if (!done) {
         throw NotHere{why};
     }
+}
+
+/// @return a process that has ended, and that nobody has waited for
+pid_t unreapedProcess()
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(0);
+    }
+    siginfo_t info = {};
+    waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT);
+    return child;
 }
 
 void giveAway(const std::string& path)
@@ -277,6 +290,15 @@ std::vector<Fault> faults()
                        "{\"event\":\"loading\",\"module\":\"lamp\"}\n"
                        "{\"event\":\"loaded\",\"module\":\"lamp\",\"result\":0}\n"
                        "{\"event\":\"loading\",\"module\":\"tuner\"}\n");
+         },
+         "the module tuner took the service down"},
+        {"module-ended-start", "error",
+         [](D& device) {
+             device.endService();
+             writeFile("/run/quillon/run/start.jsonl",
+                       R"({"event":"began","clock":1e9,"pid":)" +
+                           std::to_string(unreapedProcess()) +
+                           "}\n{\"event\":\"loading\",\"module\":\"tuner\"}\n");
          },
          "the module tuner took the service down"},
         {"module-ended-start", "warning",
