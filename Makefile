@@ -9,8 +9,8 @@ help:
 	@echo "make demo      boot a virtual device and update three modules from a USB stick"
 	@echo "make test      build and run every test"
 	@echo "make check     test, lint and sanitizers, as before a release"
-	@echo "make check-all make check, cross, docs, package-test and machine-test, with each test on every"
-	@echo "               machine and sanitizer"
+	@echo "make check-all make check, cross, docs, install, package-test and machine-test, with each test on"
+	@echo "               every machine and sanitizer"
 	@echo "make lint      clang-format, clang-tidy, shellcheck, pyflakes, man pages, width of pages"
 	@echo "make sanitize  every test under Address- and UndefinedBehaviorSanitizer, those with threads"
 	@echo "               under ThreadSanitizer"
@@ -108,6 +108,7 @@ check-all:
 	@$(MAKE) sanitize cross TSAN_TESTS= CROSS_TESTS= \
 	    CMAKE_ARGS="$(CMAKE_ARGS) -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON -DQUILLON_SANITIZE_TESTS=ON \
 	    -DQUILLON_MACHINE_TESTS_ONLY=OFF"
+	@$(MAKE) install DESTDIR="$(CURDIR)/build/installed"
 	@$(MAKE) docs package-test machine-test
 
 footprint:

@@ -17,6 +17,7 @@ import sys
 
 # Who else runs a command. A file that is named first must be there.
 COMPILES_ALL = "Makefile: make package and make demo compile the same, for minutes"
+COMPONENTS = "tests/unit/examples/yocto-recipe-test.cmake installs each component of another build"
 OWN_BUILD = "tests/release/device-build-test builds it"
 EMULATED = "Makefile: make check-all runs it, where another machine can be emulated"
 TOKEN = "tests/unit/tools/image-token-test.cpp does it with a token"
@@ -24,6 +25,8 @@ TRACED = "tests/system/trace-test.cpp reads the probe with gdb"
 CI = ".ci/run runs it"
 # With the status of "not downloaded": the device has no network.
 NOT_DOWNLOADED = 14
+# A device that has no keys yet.
+ERRORS_FOUND = 21
 
 @dataclasses.dataclass
 class Page:
@@ -49,12 +52,12 @@ PAGES = [
          text=("IMAGE_INSTALL:append",),
          elsewhere={
              "make package": "Makefile: make system-test has done it before this device was booted",
-             "make install DESTDIR=/path/to/root PREFIX=/usr": COMPILES_ALL,
+             "make install DESTDIR=/path/to/root PREFIX=/usr": "Makefile: make check-all runs it",
              "cmake -S . -B build/image -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF"
              " -DCMAKE_INSTALL_PREFIX=/usr": COMPILES_ALL,
              "cmake --build build/image": COMPILES_ALL,
-             "DESTDIR=/path/to/root cmake --install build/image --component service": COMPILES_ALL,
-             "DESTDIR=/path/to/root cmake --install build/image --component platform": COMPILES_ALL,
+             "DESTDIR=/path/to/root cmake --install build/image --component service": COMPONENTS,
+             "DESTDIR=/path/to/root cmake --install build/image --component platform": COMPONENTS,
              "quillon/packaging/install-dependencies": OWN_BUILD,
              "cmake -S quillon -B build-device -G Ninja -DBUILD_TESTING=OFF -DQUILLON_PLATFORM=device \\": OWN_BUILD,
              "cmake --build build-device": OWN_BUILD,
@@ -72,7 +75,8 @@ PAGES = [
              "install -m 644 /usr/share/quillon/downloads.conf /etc/quillon/downloads.conf":
              "sed -i 's/^#attempts = .*/attempts = 1/' /usr/share/quillon/downloads.conf",
          },
-         ends={"runuser -u quillon -- quillonctl modules download": NOT_DOWNLOADED},
+         ends={"quillonctl doctor": ERRORS_FOUND,
+               "runuser -u quillon -- quillonctl modules download": NOT_DOWNLOADED},
          mounts=("quillon-image package --name lampemp --version 2.0 --payload lamp/package/lamp.bin \\",)),
     Page("docs/operation.md",
          before={
