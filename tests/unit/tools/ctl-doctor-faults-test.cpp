@@ -4,7 +4,9 @@
 #include <fcntl.h>
 #include <mqueue.h>
 #include <semaphore.h>
+#include <signal.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -59,6 +61,20 @@ pid_t unreapedProcess()
     siginfo_t info = {};
     waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT);
     return child;
+}
+
+/// It ends with this process.
+void stoppedProcess(const char* name)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        prctl(PR_SET_NAME, name);
+        raise(SIGSTOP);
+        _exit(0);
+    }
+    siginfo_t info = {};
+    waitid(P_PID, static_cast<id_t>(child), &info, WSTOPPED);
 }
 
 void giveAway(const std::string& path)
@@ -258,6 +274,8 @@ std::vector<Fault> faults()
          "open to everybody"},
         {"helper-silent", "warning", [](D& device) { device.stopListening(); },
          "Connection refused"},
+        {"helper-silent", "warning", [](D&) { stoppedProcess("quillon-privileged"); },
+         "is stopped by a signal; no package can be mounted"},
         {"modules-none", "warning", [](D&) { fs::remove("/usr/fwupdate/controls/lamp.so"); },
          "nothing to update"},
         {"modules-unreadable", "error",

@@ -363,6 +363,13 @@ Findings checkHelpers(const Surroundings& around)
            checkHelper({Severity::kWarning, QUILLON_PRIVILEGED_SOCKET, "quillon-privileged.socket",
                         "no package can be mounted", restartMountingHelper()},
                        {}));
+    // No request to it changes nothing, and the kernel accepts connections while it is stopped.
+    if (const auto helper = otherProcess("quillon-privile"); helper && isStopped(*helper)) {
+        findings.push_back(warning("helper-silent",
+                                   "the mounting helper, process " + std::to_string(*helper) +
+                                       ", is stopped by a signal; no package can be mounted",
+                                   restartMountingHelper()));
+    }
 #else
     static_cast<void>(around);
 #endif

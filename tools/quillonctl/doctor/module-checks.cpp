@@ -242,7 +242,7 @@ Findings checkPackages(const Surroundings& around)
             mounted.insert(place);
         }
     }
-    if (mounted.empty() || isProgramRunning("quillonctl")) {
+    if (mounted.empty() || otherProcess("quillonctl")) {
         return {};
     }
     if (!around.seesProcesses) {

@@ -95,9 +95,9 @@ Surroundings lookAround()
             readRecordedRun("estimate")};
 }
 
-bool isProgramRunning(const std::string& name)
+std::optional<pid_t> otherProcess(const std::string& name)
 {
-    return processOf(name, Owner::kAnybody).has_value();
+    return processOf(name, Owner::kAnybody);
 }
 
 std::optional<struct stat> statusOf(const std::string& path)

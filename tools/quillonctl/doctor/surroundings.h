@@ -36,8 +36,9 @@ struct Surroundings
 
 Surroundings lookAround();
 
-/// @return whether another process has this name, whoever's it is
-bool isProgramRunning(const std::string& name);
+/// @param name  as the kernel shows it: the first 15 characters
+/// @return another process of this name, whoever's it is
+std::optional<pid_t> otherProcess(const std::string& name);
 
 /// lstat; nothing when there is nothing, or it cannot be seen.
 std::optional<struct stat> statusOf(const std::string& path);
