@@ -7,6 +7,7 @@
 #include "support/files.h"
 #include "support/texts.h"
 #include "system/control-layer.h"
+#include "unit/tools/ctl-program.h"
 
 namespace quillon::test {
 namespace {
@@ -71,7 +72,7 @@ TEST_F(OutputOfTheControlLayer, ThatNobodyReadsIsGivenUpAfterOneRequest)
                                                  {"version", "alpha"}}) {
         std::vector<std::string> command = {"modules"};
         command.insert(command.end(), verb.begin(), verb.end());
-        const UnreadLayer unread(command);
+        const UnreadCtl unread(command);
         const std::string children = "/proc/" + std::to_string(unread.process()) + "/task/" +
                                      std::to_string(unread.process()) + "/children";
         ASSERT_TRUE(eventually(

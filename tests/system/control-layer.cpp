@@ -25,68 +25,21 @@ int codeOf(int status)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-std::vector<std::string> wordsOf(const std::vector<std::string>& arguments)
-{
-    std::vector<std::string> words = {"quillonctl"};
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    return words;
-}
-
-/// As execv() takes them.
-std::vector<char*> pointersTo(std::vector<std::string>& words)
-{
-    std::vector<char*> pointers;
-    pointers.reserve(words.size() + 1);
-    for (std::string& word : words) {
-        pointers.push_back(word.data());
-    }
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
 }  // namespace
-
-UnreadLayer::UnreadLayer(const std::vector<std::string>& arguments)
-{
-    int ends[2] = {-1, -1};
-    if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
-        return;
-    }
-    reader_ = UniqueFd(ends[0]);
-    writer_ = UniqueFd(ends[1]);
-    while (::write(ends[1], "x", 1) == 1) {
-    }
-    ::fcntl(ends[1], F_SETFL, 0);
-    std::vector<std::string> words = wordsOf(arguments);
-    std::vector<char*> argv = pointersTo(words);
-    pid_ = ::fork();
-    if (pid_ == 0) {
-        ::dup2(ends[1], STDOUT_FILENO);
-        ::execv(QUILLONCTL_PROGRAM, argv.data());
-        ::_exit(127);
-    }
-}
-
-UnreadLayer::~UnreadLayer()
-{
-    if (pid_ > 0) {
-        ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, nullptr, 0);
-    }
-}
-
-bool UnreadLayer::isAlive() const
-{
-    return pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == 0;
-}
 
 BackgroundLayer::BackgroundLayer(const std::vector<std::string>& arguments, bool onTerminal,
                                  const std::vector<int>& ignored)
 {
     static int number = 0;
     path_ = "/var/tmp/layer-" + std::to_string(++number);
-    std::vector<std::string> words = wordsOf(arguments);
-    std::vector<char*> argv = pointersTo(words);
+    std::vector<std::string> words = {"quillonctl"};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
+    for (std::string& word : words) {
+        argv.push_back(word.data());
+    }
+    argv.push_back(nullptr);
     pid_ = onTerminal ? ::forkpty(&terminal_, nullptr, nullptr, nullptr) : ::fork();
     if (pid_ == 0) {
         for (const int signal : {SIGHUP, SIGINT, SIGQUIT}) {

@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "base/fd.h"
 #include "support/wait.h"
 #include "unit/tools/ctl-modules-device.h"
 
@@ -41,25 +40,6 @@ private:
     pid_t pid_ = -1;
     int terminal_ = -1;
     std::string path_;
-};
-
-/// The control layer, as what it writes to a pipe that is full arrives nowhere. It is killed at the
-/// end.
-class UnreadLayer
-{
-public:
-    explicit UnreadLayer(const std::vector<std::string>& arguments);
-    ~UnreadLayer();
-    UnreadLayer(const UnreadLayer&) = delete;
-    UnreadLayer& operator=(const UnreadLayer&) = delete;
-
-    pid_t process() const { return pid_; }
-    bool isAlive() const;
-
-private:
-    UniqueFd reader_;
-    UniqueFd writer_;
-    pid_t pid_ = -1;
 };
 
 /// Whether the module has been asked to do something: the beginning of a call.

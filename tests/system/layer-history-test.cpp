@@ -69,7 +69,7 @@ TEST_F(LayerHistory, HoldsTheEndOfAnUpdateWhoseProgressNobodyReads)
     install("alpha", "need=1\n");
     offer("alpha", 60);
 
-    const UnreadLayer unread(updateOf("alpha"));
+    const UnreadCtl unread(updateOf("alpha"));
 
     EXPECT_TRUE(eventually([] { return like("*alpha*updated\n").accepts(history()); }))
         << history();

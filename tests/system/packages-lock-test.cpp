@@ -17,6 +17,7 @@
 #include "support/texts.h"
 #include "system/control-layer.h"
 #include "system/packaged-modules.h"
+#include "unit/tools/ctl-program.h"
 
 namespace quillon::test {
 namespace {
@@ -190,7 +191,7 @@ TEST_F(PackagesLockOfModules, EndsWithTheProgramThoughAProcessOfAModuleGoesOn)
 TEST_F(PackagesLockOfModules, EndsWithTheWorkThoughNobodyReadsTheResult)
 {
     for (const std::vector<std::string>& command : {kCheck, kUpdateAlpha}) {
-        const UnreadLayer unread(command);
+        const UnreadCtl unread(command);
         ASSERT_TRUE(isAsked(command == kCheck ? "checkVersion" : "doUpdate"));
 
         const BackgroundLayer update(kUpdateAlpha);

@@ -193,31 +193,39 @@ ModuleAnswers askUnlessUpdating(const ModuleTimes& times)
     return askModules(times);
 }
 
-ExitCode runServiceVerb(const std::string& verb, const Arguments& arguments)
+ExitCode askService(const std::string& verb, const Arguments& arguments, Output& output)
 {
-    const bool redraw = canRedraw();
-    Output output(arguments.json, arguments.quiet, redraw);
     Client client(clientOptions(arguments));
     Verbs verbs(client, output, [&] { return askUnlessUpdating(moduleTimes(arguments)); });
-    const std::chrono::milliseconds pollInterval(redraw ? 250 : 1000);
+    const std::chrono::milliseconds pollInterval(canRedraw() ? 250 : 1000);
+    if (verb == "update") {
+        return verbs.update(arguments.directory, pollInterval);
+    }
+    if (arguments.follow) {
+        return verbs.progressToTheEnd(pollInterval, UpdateSlot::updater);
+    }
+    if (verb == "check" || verb == "estimate") {
+        return verbs.check(arguments.directory);
+    }
+    return verb == "stop" ? verbs.stop() : verbs.progress();
+}
+
+ExitCode runServiceVerb(const std::string& verb, const Arguments& arguments)
+{
+    Output output(arguments.json, arguments.quiet, canRedraw());
+    ExitCode code = kExitSuccess;
     try {
         if (verb == "history") {
             return showHistory(output, arguments.history);
         }
-        if (verb == "update") {
-            return verbs.update(arguments.directory, pollInterval);
-        }
-        if (arguments.follow) {
-            return verbs.progressToTheEnd(pollInterval, UpdateSlot::updater);
-        }
-        if (verb == "check" || verb == "estimate") {
-            return verbs.check(arguments.directory);
-        }
-        return verb == "stop" ? verbs.stop() : verbs.progress();
+        output.holdBack();  // others wait for the client's lock
+        code = askService(verb, arguments, output);
     } catch (const Failure& failure) {
         output.error(failure.code, failure.text);
-        return failure.code;
+        code = failure.code;
     }
+    output.letGo();
+    return code;
 }
 
 [[noreturn]] void endWithoutTearingDown(int code)

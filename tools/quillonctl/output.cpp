@@ -19,6 +19,21 @@ Json::Value jsonObject(const JsonMembers& members)
     return object;
 }
 
+void Output::letGo()
+{
+    isHeldBack_ = false;
+    put("");
+}
+
+void Output::put(const std::string& text)
+{
+    held_ += text;
+    if (!isHeldBack_ || isRead()) {
+        std::cout << held_ << std::flush;
+        held_.clear();
+    }
+}
+
 bool Output::isRead()
 {
     pollfd output = {STDOUT_FILENO, POLLOUT, 0};
@@ -54,13 +69,13 @@ void Output::event(const char* name, const JsonMembers& members)
     object["event"] = name;
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
-    std::cout << Json::writeString(builder, object) << std::endl;
+    put(Json::writeString(builder, object) + "\n");
 }
 
 void Output::line(const std::string& text)
 {
     if (!forPrograms_ && !quiet_) {
-        std::cout << display_.end() << text << std::endl;
+        put(display_.end() + text + "\n");
     }
 }
 
@@ -73,14 +88,15 @@ void Output::advice(const std::string& text)
 
 void Output::progress(int percent, int secondsLeft)
 {
-    if (!forPrograms_ && !quiet_) {
-        std::cout << display_.show(percent, secondsLeft, terminalWidth()) << std::flush;
+    const bool wouldWait = isHeldBack_ && !isRead();
+    if (!forPrograms_ && !quiet_ && !wouldWait) {
+        put(display_.show(percent, secondsLeft, terminalWidth()));
     }
 }
 
 void Output::complain(const std::string& text)
 {
-    std::cout << display_.end() << std::flush;
+    put(display_.end());
     std::cerr << "quillonctl: " << text << std::endl;
 }
 

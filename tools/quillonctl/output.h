@@ -20,7 +20,7 @@ Json::Value jsonObject(const JsonMembers& members);
 /// Writes for people: lines on standard output, errors on standard error. Or writes for programs:
 /// one JSON object per line on standard output, errors included. Every object has the member
 /// "event"; quillonctl(1) lists the events and their other members. Each line is out before the
-/// call returns. Thread: one at a time. Throws std::bad_alloc.
+/// call returns, but for holdBack(). Thread: one at a time. Throws std::bad_alloc.
 class Output
 {
 public:
@@ -37,6 +37,14 @@ public:
     /// Whether a line would be taken at once: not by a full pipe that nobody reads, nor by a
     /// terminal that has been stopped. Thread: any.
     static bool isRead();
+
+    /// @name While others wait for this program
+    /// Nothing on standard output waits for a reader in between: what would is kept, and written
+    /// later; progress is left out.
+    /// @{
+    void holdBack() { isHeldBack_ = true; }
+    void letGo();
+    /// @}
 
     /// @param name     the object's member "event"
     /// @param members  its others
@@ -66,8 +74,12 @@ public:
     void complain(const std::string& text);
 
 private:
+    void put(const std::string& text);
+
     const bool forPrograms_;
     const bool quiet_;
+    bool isHeldBack_ = false;
+    std::string held_;
     ProgressDisplay display_;
 };
 

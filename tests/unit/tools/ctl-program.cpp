@@ -1,5 +1,6 @@
 #include "unit/tools/ctl-program.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
@@ -112,6 +113,48 @@ CtlResult CtlProgram::finish()
     result.exitCode = waitForExit(pid_);
     pid_ = -1;
     return result;
+}
+
+UnreadCtl::UnreadCtl(const std::vector<std::string>& arguments)
+{
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
+        throw std::runtime_error("no pipe");
+    }
+    reader_ = quillon::UniqueFd(ends[0]);
+    writer_ = quillon::UniqueFd(ends[1]);
+    while (write(writer_.get(), "x", 1) == 1) {
+    }
+    fcntl(writer_.get(), F_SETFL, 0);
+    const std::vector<char*> argv = argumentsOf(arguments);
+    pid_ = fork();
+    if (pid_ == 0) {
+        dup2(writer_.get(), STDOUT_FILENO);
+        execCtl(argv);
+    }
+}
+
+UnreadCtl::~UnreadCtl()
+{
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+}
+
+bool UnreadCtl::isAlive() const
+{
+    siginfo_t end = {};
+    return waitid(P_PID, static_cast<id_t>(pid_), &end, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           end.si_pid == 0;
+}
+
+std::string UnreadCtl::read()
+{
+    writer_.reset();
+    fcntl(reader_.get(), F_SETFL, 0);
+    std::string text;
+    while (readSome(reader_.get(), text)) {
+    }
+    return text.substr(text.find_first_not_of('x'));
 }
 
 CtlResult runCtl(const std::vector<std::string>& arguments, uid_t user)

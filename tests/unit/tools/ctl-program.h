@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "base/fd.h"
+
 struct CtlResult
 {
     int exitCode = -1;  ///< -1 when it was ended by a signal
@@ -31,6 +33,27 @@ private:
     pid_t pid_ = -1;
     int out_ = -1;
     int err_ = -1;
+};
+
+/// The program, as what it writes to standard output arrives nowhere: the pipe is full. It is
+/// killed at the end.
+class UnreadCtl
+{
+public:
+    explicit UnreadCtl(const std::vector<std::string>& arguments);
+    ~UnreadCtl();
+    UnreadCtl(const UnreadCtl&) = delete;
+    UnreadCtl& operator=(const UnreadCtl&) = delete;
+
+    pid_t process() const { return pid_; }
+    bool isAlive() const;
+    /// Reads on. @return what it writes until it ends
+    std::string read();
+
+private:
+    quillon::UniqueFd reader_;
+    quillon::UniqueFd writer_;
+    pid_t pid_ = -1;
 };
 
 /// Runs the program to its end with its outputs in pipes.

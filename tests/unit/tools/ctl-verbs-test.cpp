@@ -11,6 +11,7 @@
 #include <regex>
 
 #include "support/texts.h"
+#include "support/wait.h"
 #include "unit/client/fake-service.h"
 #include "unit/tools/ctl-program.h"
 
@@ -21,6 +22,7 @@ using testing::Not;
 
 namespace {
 
+using quillon::test::eventually;
 using quillon::test::expectNoText;
 using quillon::test::expectText;
 using quillon::test::like;
@@ -434,6 +436,24 @@ TEST_F(CtlVerbs, UpdateAsJsonIsOneObjectForEachEvent)
         "{\"event\":\"finished\",\"seconds\":N}\n"
         "{\"event\":\"looking-again\"}\n"
         "{\"event\":\"looked-again\",\"marks\":\"renewed\"}\n");
+}
+
+TEST_F(CtlVerbs, ThatNobodyReadsLeaveTheServiceToOthers)
+{
+    service.serve();
+    for (const std::vector<std::string>& verb : {std::vector<std::string>{"progress"},
+                                                 {"--json", "estimate", kStick},
+                                                 {"check", kStick}}) {
+        const std::string read = runCtl(verb).out;
+        const std::size_t commands = service.commands().size();
+        UnreadCtl unread(verb);
+        ASSERT_TRUE(eventually([&] { return service.commands().size() > commands; }));
+
+        EXPECT_TRUE(eventually([] { return runCtl({"progress"}).exitCode != 5; })) << verb.back();
+
+        EXPECT_TRUE(unread.isAlive());
+        EXPECT_EQ(unread.read(), read);
+    }
 }
 
 TEST_F(CtlVerbs, ErrorsAsJsonCarryTheExitCode)
