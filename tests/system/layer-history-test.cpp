@@ -127,6 +127,9 @@ TEST_F(LayerHistory, PassesOverWhatNoControlLayerLeaves)
     writeFile(modules + "8000000002-2/history.jsonl", began + std::string(3U << 20U, '\n'));
 
     EXPECT_EQ(history(), before);
+    EXPECT_EQ(runCtl({"history"}).err,
+              "quillonctl: warning: 2 histories of control layers cannot be read and are left "
+              "out\n");
     writeFile(modules + "8000000002-2/history.jsonl", began);
     EXPECT_NE(history(), before);
 }

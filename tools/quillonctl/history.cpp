@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -193,8 +194,10 @@ std::set<std::pair<std::int64_t, std::string>> layerHistories()
 }
 
 /// Adds what control layers have kept, but for what none of them would keep.
-void addLayers(std::vector<KeptRun>& all)
+/// @return how many directories cannot be read
+int addLayers(std::vector<KeptRun>& all)
 {
+    int leftOut = 0;
     std::size_t room = kMostLayerBytes;
     const auto histories = layerHistories();
     for (auto history = histories.rbegin(); history != histories.rend(); ++history) {
@@ -207,9 +210,10 @@ void addLayers(std::vector<KeptRun>& all)
                 }
             }
         } catch (const Failure&) {
-            continue;
+            ++leftOut;
         }
     }
+    return leftOut;
 }
 
 /// Sorts others in by time. The service's stay in their order, whatever the clock was set to.
@@ -361,7 +365,7 @@ std::string resultOf(const PastUpdate& update)
     }
 }
 
-std::optional<std::vector<PastUpdate>> readHistory()
+std::optional<std::vector<PastUpdate>> readHistory(int& leftOut)
 {
     // Comes last, and may not be in the history yet. Read first: it may end while this goes on.
     const std::optional<RecordedRun> running = runningUpdate();
@@ -371,7 +375,7 @@ std::optional<std::vector<PastUpdate>> readHistory()
     if (service.runs.empty() && stat(paths::kRunHistory, &status) != 0) {
         return std::nullopt;
     }
-    addLayers(service.refused);
+    leftOut = addLayers(service.refused);
 
     std::vector<PastUpdate> updates;
     for (const KeptRun& kept : merged(std::move(service.runs), std::move(service.refused))) {
@@ -389,7 +393,15 @@ std::optional<std::vector<PastUpdate>> readHistory()
 
 ExitCode showHistory(Output& output, const HistoryRequest& request)
 {
-    std::optional<std::vector<PastUpdate>> updates = readHistory();
+    int leftOut = 0;
+    std::optional<std::vector<PastUpdate>> updates = readHistory(leftOut);
+    if (leftOut != 0) {
+        output.warning(std::to_string(leftOut) +
+                       (leftOut == 1 ? " history of a control layer cannot be read and is left out"
+                                     : " histories of control layers cannot be read and are left "
+                                       "out") +
+                       (geteuid() == 0 ? "" : "; run this as root"));
+    }
     if (!updates) {
         output.line(std::string("No update is recorded: the service keeps its history only if the "
                                 "directory ") +

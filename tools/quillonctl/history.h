@@ -53,9 +53,10 @@ std::string localTime(std::int64_t at);
 /// For people: "updated", "failed: its image is missing". Printable.
 std::string resultOf(const PastUpdate& update);
 
+/// @param[out] leftOut  how many control layers' histories cannot be read
 /// @return all that is kept, oldest first; nothing where no history was ever kept. Lines that are
 ///         none of the service's are passed over. Throws Failure.
-std::optional<std::vector<PastUpdate>> readHistory();
+std::optional<std::vector<PastUpdate>> readHistory(int& leftOut);
 
 /// The verb. Needs no service. Throws Failure.
 ExitCode showHistory(Output& output, const HistoryRequest& request);
