@@ -34,7 +34,8 @@ std::string startService()
     if (isThere(kInitScript)) {
         return std::string(kInitScript) + " start";
     }
-    return std::string("touch ") + paths::kLabellingReady + " " + paths::kLifeMarker +
+    const std::string markers = std::string(paths::kLabellingReady) + " " + paths::kLifeMarker;
+    return "rm -f " + markers + "; touch " + markers +  // others may have put links there
            "; quillon-service 2>>" + kLogOfInitScript + " &";
 }
 

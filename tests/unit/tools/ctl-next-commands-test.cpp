@@ -71,6 +71,7 @@ TEST_F(CtlNextCommands, AreThoseOfTheInitScriptWhereThereIsOne)
 TEST_F(CtlNextCommands, DoWithoutBoth)
 {
     const std::string start =
+        "rm -f /tmp/smack_early_ready /tmp/fw_update_ready_usb; "
         "touch /tmp/smack_early_ready /tmp/fw_update_ready_usb; "
         "quillon-service 2>>/var/log/quillon.log &";
 
