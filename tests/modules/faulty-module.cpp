@@ -141,6 +141,8 @@ void leaveSomething()
         std::abort();
     } else if (has("kills its parent")) {
         kill(getppid(), SIGKILL);
+    } else if (has("stops its parent")) {
+        kill(getppid(), SIGSTOP);
     } else if (has("leaves a zombie")) {
         if (fork() == 0) {
             _exit(0);

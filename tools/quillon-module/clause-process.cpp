@@ -164,31 +164,30 @@ void endChildren(pid_t leftAlone = 0)
     _exit(kExitSuccess);
 }
 
-/// Has it end when a request arrives.
+/// Has it end when a request arrives. A module may have stopped it, and may not let it go on.
 /// @return the request; 0 for none
-int waitForKeeper(pid_t keeper, RequestsHeld& requests)
+int waitForKeeper(pid_t keeper, const Telling& telling, RequestsHeld& requests)
 {
     constexpr milliseconds kBetweenLooks(200);
+    constexpr std::chrono::nanoseconds kItsTime = std::chrono::seconds(10);
     int request = 0;
+    std::int64_t asked = INT64_MAX - kItsTime.count();
     while (waitpid(keeper, nullptr, WNOHANG) == 0) {
         const int signal = requests.waitFor(kBetweenLooks);
         if (signal != 0 && signal != SIGCHLD) {
             request = signal;
+            asked = std::min(asked, monotonicNow());
             kill(keeper, SIGTERM);
         }
+        const std::int64_t last = std::min(asked, telling.deadline.load());
+        kill(keeper, monotonicNow() > last + kItsTime.count() ? SIGKILL : SIGCONT);
     }
     return request;
 }
 
 /// Of a process that has not come to a judgement.
-Judgement judgementOf(const Keeping& keeping, const Telling& telling, const Subject& subject)
+Judgement judgementOf(const ChildEnd& end, const Telling& telling, const Subject& subject)
 {
-    if (!keeping.isTold) {
-        return {Verdict::kBroken,
-                "it ends a process that it has not started, or none can be "
-                "started here"};
-    }
-    const ChildEnd& end = keeping.end;
     const std::string moment = textOf(telling.moment, sizeof(telling.moment));
     if (end.judgedHung != 0) {
         return {Verdict::kBroken, moment + " does not return (longer than " +
@@ -240,7 +239,7 @@ Outcome judgeApart(const Clause& clause, const Subject& subject)
     if (keeper == 0) {
         keep(words, file.get(), output.get(), self, *telling, *keeping, requests);
     }
-    if (const int request = waitForKeeper(keeper, requests); request != 0) {
+    if (const int request = waitForKeeper(keeper, *telling, requests); request != 0) {
         requests.putBack(request);
         throw Failure(kExitInterrupted, "interrupted");
     }
@@ -248,14 +247,18 @@ Outcome judgeApart(const Clause& clause, const Subject& subject)
     outcome.duration = milliseconds((monotonicNow() - begin) / 1'000'000);
     outcome.output = outputOf(output.get());
     const Verdict verdict = telling->verdict;
-    if (telling->childCameOut) {
+    if (!keeping->isTold) {
+        outcome.judgement = {Verdict::kBroken,
+                             "it ends a process that it has not started, or none "
+                             "can be started here"};
+    } else if (telling->childCameOut) {
         outcome.judgement = {Verdict::kBroken,
                              "a process that it has forked returns from an entry: it must end "
                              "with _exit there"};
     } else if (verdict != Verdict::kNone) {
         outcome.judgement = {verdict, textOf(telling->text, sizeof(telling->text))};
     } else {
-        outcome.judgement = judgementOf(*keeping, *telling, subject);
+        outcome.judgement = judgementOf(keeping->end, *telling, subject);
     }
     return outcome;
 }

@@ -132,6 +132,11 @@ TEST_F(ModuleCheck, BlamesAModuleThatEndsWhoWaitsForIt)
                like("it ends a process that it has not started*"));
 }
 
+TEST_F(ModuleCheck, IsNotHeldUpByAModuleThatStopsWhoWaitsForIt)
+{
+    check({install("faulty-none", "stops its parent")}, {"--filter", "version"}, 0);
+}
+
 TEST_F(ModuleCheck, WritesALogForTheVendor)
 {
     const std::string log = directory + "/log";
