@@ -199,6 +199,8 @@ std::vector<Fault> faults()
         {"marker-stale", "warning", [](D& device) { device.endService(); }, "has left its marker"},
         {"marker-missing", "warning", [](D&) { fs::remove("/tmp/fw_update_ready_usb"); },
          "about to end"},
+        {"service-stopped", "error", [](D& device) { ::kill(device.service(), SIGSTOP); },
+         "is stopped by a signal: it answers nobody"},
         {"service-not-running", "note",
          [](D& device) {
              device.endService();

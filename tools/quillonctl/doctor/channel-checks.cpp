@@ -243,6 +243,13 @@ Findings checkMarkers(const Surroundings& around)
                                        paths::kLifeMarker + " is gone",
                                    restartService()));
     }
+    if (around.service && isStopped(*around.service)) {
+        const std::string process = std::to_string(*around.service);
+        findings.push_back(error(
+            "service-stopped",
+            "the service, process " + process + ", is stopped by a signal: it answers nobody",
+            "kill -CONT " + process));
+    }
     if (!isThere && around.isServiceGone()) {
         findings.push_back(note("service-not-running",
                                 "the service does not run: nothing can be updated from a stick",
