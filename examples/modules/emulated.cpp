@@ -7,7 +7,7 @@
 //       "version": "1.0",          before the first update
 //       "claims": "9.9",           told instead of the version that runs: the module lies
 //       "need": 0,                 told of every version that is offered; -1: the check fails
-//       (EINVAL) "speed": 1048576,          bytes in a second; 0: as fast as the disk takes them
+//       "speed": 1048576,          bytes in a second; 0: as fast as the disk takes them
 //       "seconds": 2.5,            instead of a speed: for the update, whatever its bytes
 //       "expectedTime": 5,         seconds
 //       "failAtByte": 1000,        the update fails there (EIO), and the old version goes on
