@@ -355,6 +355,22 @@ std::vector<Fault> faults()
                        "{\"event\":\"ended\",\"result\":5}\n");
          },
          "fails: tuner"},
+        {"marks-stale", "warning",
+         [](D& device) {
+             putRecord("update", device.service(),
+                       "{\"event\":\"started\",\"module\":\"tuner\"}\n"
+                       "{\"event\":\"finished\",\"module\":\"tuner\",\"result\":-1}\n"
+                       "{\"event\":\"ended\",\"result\":5}\n");
+             putRecord("estimate", device.service(),
+                       "{\"event\":\"checking\",\"module\":\"tuner\"}\n"
+                       "{\"event\":\"decided\",\"module\":\"tuner\",\"reason\":\"no-image\","
+                       "\"result\":-1}\n"
+                       "{\"event\":\"checking\",\"module\":\"lamp\"}\n"
+                       "{\"event\":\"decided\",\"module\":\"lamp\",\"reason\":\"no-image\","
+                       "\"result\":-1}\n"
+                       "{\"event\":\"ended\",\"result\":5}\n");
+         },
+         "fails: tuner"},
         {"package-mounted", "warning",
          [](D&) {
              const char* place = "/opt/usr/apps/appbinarymanager/emps/tuneremp";

@@ -1,5 +1,6 @@
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -207,15 +208,31 @@ Findings checkRuns(const Surroundings& around)
     return findings;
 }
 
+/// Whether the service has the module marked. A look that finds no image leaves the mark of the one
+/// before the update, whose record is gone by then; the update's own is there.
+bool isMarked(const RecordedModule& module, const std::optional<RecordedRun>& update)
+{
+    if (!module.finding || module.finding->result >= 0) {
+        return module.finding && module.finding->result == 1;
+    }
+    return update &&
+           std::any_of(update->modules.begin(), update->modules.end(),
+                       [&](const RecordedModule& one) { return one.name == module.name; });
+}
+
 Findings checkMarks(const Surroundings& around)
 {
     const std::optional<RecordedRun>& look = around.estimate;
     if (!look || !look->result || around.service != look->service || hasImages(look->directory)) {
         return {};
     }
+    std::optional<RecordedRun> update = readRecordedRun("update");
+    if (update && (update->service != look->service || update->began > look->began)) {
+        update.reset();
+    }
     std::string marked;
     for (const RecordedModule& module : look->modules) {
-        if (module.finding && module.finding->result == 1) {
+        if (isMarked(module, update)) {
             marked += (marked.empty() ? "" : ", ") + module.name;
         }
     }
