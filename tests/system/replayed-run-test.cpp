@@ -36,8 +36,7 @@ protected:
     /// Runs a command of the page in a directory of its own.
     static int runOfPage(const std::string& command)
     {
-        EXPECT_NE(readAll(TUTORIAL_PAGE).find("\n" + command + "\n"), std::string::npos)
-            << command;
+        EXPECT_NE(readAll(TUTORIAL_PAGE).find("\n" + command + "\n"), std::string::npos) << command;
         return runInShell("mkdir -p /tmp/desk && cd /tmp/desk && PATH=" TOOLS ":$PATH && " +
                           command)
             .status;

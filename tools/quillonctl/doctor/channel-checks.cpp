@@ -245,10 +245,10 @@ Findings checkMarkers(const Surroundings& around)
     }
     if (around.service && isStopped(*around.service)) {
         const std::string process = std::to_string(*around.service);
-        findings.push_back(error(
-            "service-stopped",
-            "the service, process " + process + ", is stopped by a signal: it answers nobody",
-            "kill -CONT " + process));
+        findings.push_back(
+            error("service-stopped",
+                  "the service, process " + process + ", is stopped by a signal: it answers nobody",
+                  "kill -CONT " + process));
     }
     if (!isThere && around.isServiceGone()) {
         findings.push_back(note("service-not-running",
