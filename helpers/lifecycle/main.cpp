@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -72,27 +73,31 @@ bool isMadeBy(const char* path, uid_t user)
            (status.st_uid == 0 || status.st_uid == user);
 }
 
-/// Whether no control layer is at the packages, see quillonctl(1). One that is locks their
-/// directory, and may be writing the update list.
+/// Whether no control layer is at the packages. One that is has locked their directory, and may be
+/// writing the update list.
 bool isNobodyAtThePackages()
 {
     const UniqueFd directory(open(paths::kMountedPackages, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return !directory || flock(directory.get(), LOCK_EX | LOCK_NB) == 0;
 }
 
-/// The user cannot replace a list of root's, so it becomes the user's. Whose it is otherwise takes
-/// it away, or was not able to.
+/// Gives a list of root's to the user, who could not replace it otherwise. Removes one of anybody
+/// else, unless that user's check may be writing it. Throws std::system_error.
 void provideUpdateList(uid_t user)
 {
     const UniqueFd list(
         open(paths::kUpdateList, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!list && errno == ENOENT) {
+        return;
+    }
     struct stat status = {};
     const bool isGood = list && fstat(list.get(), &status) == 0 && S_ISREG(status.st_mode) &&
                         status.st_nlink == 1 && (status.st_uid == 0 || status.st_uid == user);
-    if (isGood) {
-        static_cast<void>(fchown(list.get(), user, status.st_gid) == 0);
-    } else if (isNobodyAtThePackages()) {
+    if (!isGood && isNobodyAtThePackages()) {
         clear(paths::kUpdateList);
+    }
+    if (isGood && fchown(list.get(), user, status.st_gid) != 0) {
+        throw std::system_error(errno, std::generic_category(), paths::kUpdateList);
     }
 }
 

@@ -51,8 +51,8 @@ public:
     MappedRoom& operator=(const MappedRoom&) = delete;
 
     /// Appends lines, and blanks up to the end of a page, and maps that page. If it cannot be
-    /// mapped, there is no room; so in a file of another user, who could shorten it: touching the
-    /// page would end the program. Throws std::bad_alloc.
+    /// mapped, there is no room. Maps no file of another user: that user could shorten it, and
+    /// touching the page would end the program. Throws std::bad_alloc.
     /// @param lines  not empty
     /// @return whether all of them have been written
     bool open(const std::string& path, const std::string& lines);

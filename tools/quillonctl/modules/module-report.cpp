@@ -254,7 +254,7 @@ void ModuleReport::progress(const std::string& name, unsigned int percent)
 void ModuleReport::waitingForOthers(const SlotHolders& holders)
 {
     if (!isRead()) {
-        return;  // what is waited for would be over, and the update would not begin
+        return;
     }
     const bool isLeftBehind = holders.alive.empty() && holders.isComplete;
     const bool isAnyStopped = !holders.stopped.empty();
@@ -288,6 +288,9 @@ void ModuleReport::waitingForOthers(const SlotHolders& holders)
 
 void ModuleReport::updating(const std::string& name)
 {
+    if (!isRead()) {
+        return;
+    }
     line("Updating " + name);
     output_.restartProgress();
     nextProgress_ = {};
@@ -296,7 +299,7 @@ void ModuleReport::updating(const std::string& name)
 void ModuleReport::progressed(int percent, int secondsLeft)
 {
     const auto now = std::chrono::steady_clock::now();
-    if (isPaced_ && now < nextProgress_) {
+    if (!isRead() || (isPaced_ && now < nextProgress_)) {
         return;
     }
     nextProgress_ = now + kBetweenPlainLines;
@@ -305,6 +308,9 @@ void ModuleReport::progressed(int percent, int secondsLeft)
 
 void ModuleReport::waitingForLate(const std::string& name)
 {
+    if (!isRead()) {
+        return;
+    }
     line("The time of " + name + " is over, but it is still being updated; waiting for it");
 }
 

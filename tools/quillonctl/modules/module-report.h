@@ -64,6 +64,8 @@ public:
     void progress(const std::string& name, unsigned int percent);
 
     /// @name During an update
+    /// Nothing is written while nobody reads: a blocked write would hold up the update's end, and
+    /// everybody who waits for it.
     /// @{
     /// The semaphore is taken, or the packages are. Called again when something has changed.
     /// @param holders  who could have it; nobody: the semaphore has been left behind

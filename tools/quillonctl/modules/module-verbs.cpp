@@ -431,14 +431,12 @@ void ModuleVerbs::letPackagesGo() const
     }
 }
 
-/// What has been kept back until nobody has to wait for this program any more: whoever should read
-/// it may not do so.
+/// Writes the warnings of an update. Called once its record has its end and its locks are given up,
+/// since the reader may keep the program waiting.
 void ModuleVerbs::tellWarnings()
 {
-    // What several modules suffer from is said once.
-    const auto end = std::unique(warnings_.begin(), warnings_.end());
-    for (auto warning = warnings_.begin(); warning != end; ++warning) {
-        report_.warning(*warning);
+    for (const std::string& warning : warnings_) {
+        report_.warning(warning);
     }
     warnings_.clear();
 }
@@ -543,9 +541,7 @@ ModuleUpdate ModuleVerbs::runProcess(FWUpdateSymbol& module, const ModuleSource&
     if (!beginUpdating()) {
         return notBegun(module);
     }
-    if (ModuleReport::isRead()) {
-        report_.updating(name);
-    }
+    report_.updating(name);
     char noText[] = "";
     int result = -1;
     const std::string raised =

@@ -108,13 +108,12 @@ void UpdateWatch::Watching::loop()
     changed.notify_all();
 }
 
-/// The plug-in is asked without the lock, since it may not answer. Nobody who reads: nothing is
-/// shown, or the end of the update would wait for them.
+/// The plug-in is asked without the lock, since it may not answer.
 void UpdateWatch::Watching::show(const FWUpdateSymbol& module, const ModuleRun& run,
                                  std::unique_lock<std::mutex>& lock)
 {
     if (!ModuleReport::isRead()) {
-        return;
+        return;  // the module's name is shown once somebody reads
     }
     if (shown != &module) {
         shown = &module;
@@ -126,7 +125,7 @@ void UpdateWatch::Watching::show(const FWUpdateSymbol& module, const ModuleRun& 
     lock.unlock();
     std::optional<unsigned int> percent = updateProgress(name);
     lock.lock();
-    if (isStopped || !ModuleReport::isRead()) {
+    if (isStopped) {
         return;
     }
     if (!percent) {
@@ -160,9 +159,7 @@ void UpdateWatch::waitForLate()
     for (const FWUpdateSymbol* module : watching_->modules) {
         if (isStillRunning(module)) {
             limit = std::max(limit, std::min(expectedTime(*module), allowedTime(*module)));
-            if (ModuleReport::isRead()) {
-                watching_->report.waitingForLate(module->getLibName());
-            }
+            watching_->report.waitingForLate(module->getLibName());
         }
     }
     const Clock::time_point end = Clock::now() + limit;
