@@ -141,9 +141,9 @@ void endChildren(pid_t leftAlone = 0)
     }
 }
 
-/// A process between this one and that of a clause. What a module has started and left comes to it,
-/// and nothing else: this one may have children of its own from before, or be the one to which all
-/// processes of a container come.
+/// The keeper: a process between this one and that of a clause. It becomes the parent of what a
+/// module has started and left, and ends it. This one could not: it may have had children before,
+/// or be the first process of a container, which becomes the parent of every orphan.
 [[noreturn]] void keep(const std::vector<char*>& words, int file, int output, pid_t parent,
                        const Telling& telling, Keeping& keeping, RequestsHeld& requests)
 {
@@ -164,14 +164,15 @@ void endChildren(pid_t leftAlone = 0)
     _exit(kExitSuccess);
 }
 
-/// Has it end when a request arrives. A module may have stopped it, and may not let it go on.
+/// Ends the keeper when a request arrives. A module may stop the keeper again and again, so its
+/// time is limited.
 /// @return the request; 0 for none
 int waitForKeeper(pid_t keeper, const Telling& telling, RequestsHeld& requests)
 {
     constexpr milliseconds kBetweenLooks(200);
-    constexpr std::chrono::nanoseconds kItsTime = std::chrono::seconds(10);
+    constexpr std::chrono::nanoseconds kKeepersTime = std::chrono::seconds(10);
     int request = 0;
-    std::int64_t asked = INT64_MAX - kItsTime.count();
+    std::int64_t asked = INT64_MAX - kKeepersTime.count();
     while (waitpid(keeper, nullptr, WNOHANG) == 0) {
         const int signal = requests.waitFor(kBetweenLooks);
         if (signal != 0 && signal != SIGCHLD) {
@@ -180,7 +181,7 @@ int waitForKeeper(pid_t keeper, const Telling& telling, RequestsHeld& requests)
             kill(keeper, SIGTERM);
         }
         const std::int64_t last = std::min(asked, telling.deadline.load());
-        kill(keeper, monotonicNow() > last + kItsTime.count() ? SIGKILL : SIGCONT);
+        kill(keeper, monotonicNow() > last + kKeepersTime.count() ? SIGKILL : SIGCONT);
     }
     return request;
 }

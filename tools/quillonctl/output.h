@@ -39,8 +39,8 @@ public:
     static bool isRead();
 
     /// @name While others wait for this program
-    /// Nothing on standard output waits for a reader in between: what would is kept, and written
-    /// later; progress is left out.
+    /// Between these two calls nothing waits for a reader. What standard output does not take at
+    /// once is kept and written later; progress is left out.
     /// @{
     void holdBack() { isHeldBack_ = true; }
     void letGo();

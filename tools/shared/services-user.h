@@ -14,7 +14,7 @@ std::string nameOfUser(uid_t user);
 bool isServicesUser(uid_t user);
 
 /// The user "quillon"; on a device without one the owner of the service's directory. Looked up
-/// once: a look loads libraries, and a module can keep others from loading any.
+/// once, since that loads libraries, which a module can block.
 uid_t servicesUser();
 
 }  // namespace quillon
