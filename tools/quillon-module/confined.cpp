@@ -37,7 +37,7 @@ bool beginsWith(const std::string& text, const std::string& begin)
     return text.rfind(begin, 0) == 0;
 }
 
-/// What a setting of the section is about: the process itself, and not its place among the units.
+/// Whether a setting confines the process. The others say how the unit is started and ended.
 bool isConfinement(const std::string& name)
 {
     if (name == "ExecPaths" || name == "ExecSearchPath") {

@@ -50,7 +50,7 @@ std::string textOf(const Json::Value& object, const char* member)
     return object.get(member, "").asString();
 }
 
-/// Not an exception of the JSON library: it tells more.
+/// Raises a Failure, whose text says more than an exception of the JSON library.
 [[noreturn]] void refuse(const std::string& text)
 {
     throw Failure(kExitFile, text);

@@ -12,7 +12,7 @@ namespace quillon::kit {
 /// Throws Failure when it is not there.
 std::filesystem::path installedFile(const std::string& what, const std::string& place);
 
-/// All of a file. Throws Failure.
+/// Reads a whole file. Throws Failure.
 std::string readFile(const std::filesystem::path& path);
 
 /// Throws Failure.

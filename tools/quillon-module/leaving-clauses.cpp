@@ -103,7 +103,7 @@ std::string holdThreads(Module& module)
     return "";
 }
 
-/// Gives a child that is about to end a second for it.
+/// Waits for a child to end, a second at most.
 /// @return what waitpid() does
 pid_t endOfAChild()
 {

@@ -193,7 +193,7 @@ std::set<std::pair<std::int64_t, std::string>> layerHistories()
     return histories;
 }
 
-/// Adds what control layers have kept, but for what none of them would keep.
+/// Adds the latest updates of control layers, as many as they keep.
 /// @return how many directories cannot be read
 int addLayers(std::vector<KeptRun>& all)
 {

@@ -55,7 +55,7 @@ std::string octal(mode_t mode)
     return text;
 }
 
-/// Has the service started with a fresh file. Only systemd's unit looks after all of them.
+/// Restarts the service with a fresh file. Only systemd's unit replaces each of them by itself.
 std::string makeAnew(const std::string& path)
 {
     return (hasSystemd() ? "" : "rm -rf " + path + "; ") + restartService();

@@ -76,7 +76,7 @@ void releasePackages(const std::set<std::string>& identifiers);
 bool isPackageMounted(const std::string& identifier);
 
 /// Why the update list is neither that of this check nor one of the service's user.
-/// @return empty when it is
+/// @return empty when it is one of these
 std::string troubleOfList();
 
 }  // namespace quillon

@@ -588,8 +588,8 @@ ModuleUpdate ModuleVerbs::updateOne(FWUpdateSymbol& module, const ModuleSource& 
     return update;
 }
 
-/// Records updates, and with their end what the program ends with. Nobody has to wait for whoever
-/// reads what became of them.
+/// Records updates and the code that the program ends with. The result is written once the record
+/// has its end and the locks are given up.
 /// @param work  returns them, and that code
 template <typename Work>
 ExitCode ModuleVerbs::recorded(const ModuleSource& source, Work work)
